@@ -1,0 +1,42 @@
+# The library as hosts see it, its static twin for the tests, and the installed package.
+set(IPPLAYOUT_EXPORTS "${CMAKE_CURRENT_SOURCE_DIR}/cmake/ipplayout.map")
+
+add_library(ipplayout SHARED $<TARGET_OBJECTS:ipplayout_objects>)
+add_library(ipplayout::ipplayout ALIAS ipplayout)
+set_target_properties(ipplayout PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+  LINK_DEPENDS "${IPPLAYOUT_EXPORTS}")
+target_include_directories(ipplayout INTERFACE
+  "$<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>"
+  "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
+target_link_libraries(ipplayout PRIVATE Threads::Threads PkgConfig::PCAP PkgConfig::MNL)
+target_link_options(ipplayout PRIVATE "LINKER:--version-script=${IPPLAYOUT_EXPORTS}" LINKER:--no-undefined)
+if(IPPLAYOUT_SANITIZE)
+  # The sanitizer runtime comes with the executable that loads the library.
+  set_target_properties(ipplayout PROPERTIES LINK_OPTIONS "LINKER:--version-script=${IPPLAYOUT_EXPORTS}")
+endif()
+
+add_library(ipplayout_static STATIC $<TARGET_OBJECTS:ipplayout_objects>)
+target_include_directories(ipplayout_static PUBLIC
+  "${CMAKE_CURRENT_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}/include")
+target_link_libraries(ipplayout_static PUBLIC Threads::Threads PkgConfig::PCAP PkgConfig::MNL)
+set_target_properties(ipplayout_static PROPERTIES EXCLUDE_FROM_ALL ON)
+
+include(CMakePackageConfigHelpers)
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/ipplayout")
+install(TARGETS ipplayout EXPORT ipplayoutTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+install(DIRECTORY include/ipplayout DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(EXPORT ipplayoutTargets NAMESPACE ipplayout:: DESTINATION ${package_dir}
+  COMPONENT development)
+configure_package_config_file(cmake/ipplayoutConfig.cmake.in
+  "${CMAKE_CURRENT_BINARY_DIR}/ipplayoutConfig.cmake" INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/ipplayoutConfigVersion.cmake"
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  "${CMAKE_CURRENT_BINARY_DIR}/ipplayoutConfig.cmake"
+  "${CMAKE_CURRENT_BINARY_DIR}/ipplayoutConfigVersion.cmake"
+  DESTINATION ${package_dir} COMPONENT development)
+configure_file(cmake/ipplayout.pc.in "${CMAKE_CURRENT_BINARY_DIR}/ipplayout.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/ipplayout.pc"
+  DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)

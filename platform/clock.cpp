@@ -1,0 +1,18 @@
+#include "platform/clock.h"
+
+#include <time.h>
+
+namespace ipplayout::platform {
+
+std::chrono::nanoseconds MonotonicNow() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+std::uint64_t MonotonicMilliseconds() {
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(MonotonicNow()).count());
+}
+
+}  // namespace ipplayout::platform

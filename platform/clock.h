@@ -1,0 +1,15 @@
+// The monotonic clock that everything in the library is timed by.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace ipplayout::platform {
+
+// Time since an arbitrary origin, never set back (CLOCK_MONOTONIC).
+std::chrono::nanoseconds MonotonicNow();
+
+// Milliseconds since the same origin; seeds the pseudo-random generator and bounds receive waits.
+std::uint64_t MonotonicMilliseconds();
+
+}  // namespace ipplayout::platform

@@ -1,0 +1,118 @@
+#include "platform/native_thread.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+#include <utility>
+
+#include "platform/signal.h"
+
+namespace ipplayout::platform {
+namespace {
+
+constexpr std::size_t kVisibleNameLength = 15;  // TASK_COMM_LEN without its NUL
+
+struct PriorityRow {
+  std::int32_t level;
+  int realtime;  // SCHED_RR priority; 0 keeps the thread in the ordinary class
+  int nice;      // used where real time is refused, or not asked for
+};
+
+// Ordered so that each level runs before the one above it in the table, in both classes.
+constexpr std::array<PriorityRow, 6> kPriorities{{
+    {-15, 0, 19},
+    {-1, 0, 1},
+    {0, 0, 0},
+    {1, 0, -5},
+    {2, 1, -10},
+    {15, 2, -20},
+}};
+
+}  // namespace
+
+struct NativeThread::State {
+  Entry entry = nullptr;
+  void* argument = nullptr;
+  std::string name;
+  pthread_t thread{};
+  pid_t process = 0;
+  pid_t id = 0;
+  Signal id_known;
+
+  static void* Main(void* opaque) {
+    auto* self = static_cast<State*>(opaque);
+    self->id = static_cast<pid_t>(syscall(SYS_gettid));
+    prctl(PR_SET_NAME, self->name.c_str());
+    self->id_known.Set();
+    self->entry(self->argument);
+    return nullptr;
+  }
+};
+
+NativeThread::NativeThread(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+std::unique_ptr<NativeThread> NativeThread::Start(const char* name, std::size_t stack_size,
+                                                  Entry entry, void* argument) {
+  auto state = std::make_unique<State>();
+  state->entry = entry;
+  state->argument = argument;
+  state->name = std::string(name).substr(0, kVisibleNameLength);
+  state->process = getpid();
+  std::unique_ptr<NativeThread> owner(new NativeThread(std::move(state)));
+  State& shared = *owner->state_;
+
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  if (stack_size != 0) {
+    pthread_attr_setstacksize(&attributes, stack_size);
+  }
+  // A new thread inherits the mask: the host's signals stay with the host's threads.
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  const int result = pthread_create(&shared.thread, &attributes, State::Main, &shared);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  pthread_attr_destroy(&attributes);
+  if (result != 0) {
+    shared.process = 0;
+    return nullptr;
+  }
+  shared.id_known.Wait();
+  return owner;
+}
+
+NativeThread::~NativeThread() {
+  if (state_->process == getpid()) {
+    pthread_join(state_->thread, nullptr);
+  }
+}
+
+std::uint32_t NativeThread::Id() const { return static_cast<std::uint32_t>(state_->id); }
+
+void NativeThread::SetPriority(std::int32_t level) {
+  for (const PriorityRow& row : kPriorities) {
+    if (row.level != level) {
+      continue;
+    }
+    sched_param parameters{};
+    parameters.sched_priority = row.realtime;
+    const int policy = row.realtime == 0 ? SCHED_OTHER : SCHED_RR;
+    if (sched_setscheduler(state_->id, policy, &parameters) != 0 || row.realtime == 0) {
+      setpriority(PRIO_PROCESS, static_cast<id_t>(state_->id), row.nice);
+    }
+  }
+}
+
+void UseFinestTimerSlack() { prctl(PR_SET_TIMERSLACK, 1UL); }
+
+void YieldProcessor() { sched_yield(); }
+
+}  // namespace ipplayout::platform

@@ -1,0 +1,45 @@
+// One operating-system thread: creation, name, priority, end.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace ipplayout::platform {
+
+// Sets the calling process's view of a thread aside: starts `entry(argument)` on a new thread that
+// takes no signals of the host's. Its result owns the thread and joins it when destroyed.
+class NativeThread {
+ public:
+  using Entry = void (*)(void* argument);
+
+  // `stack_size` 0 is the platform's default; at most 15 characters of `name` show in `top -H`.
+  // Null when the system refuses a thread.
+  static std::unique_ptr<NativeThread> Start(const char* name, std::size_t stack_size, Entry entry,
+                                             void* argument);
+  NativeThread(const NativeThread&) = delete;
+  NativeThread& operator=(const NativeThread&) = delete;
+  // Waits for the end of the entry function. In a forked child, where the thread does not exist,
+  // it returns at once.
+  ~NativeThread();
+
+  std::uint32_t Id() const;
+
+  // `level` is one of -15, -1, 0, 1, 2, 15 (idle to time critical). The levels keep their order;
+  // as much of it is applied as the process may ask for, and a refusal is ignored.
+  void SetPriority(std::int32_t level);
+
+ private:
+  struct State;
+  explicit NativeThread(std::unique_ptr<State> state);
+
+  std::unique_ptr<State> state_;
+};
+
+// Asks the kernel to wake the calling thread's timed sleeps as exactly as it can.
+void UseFinestTimerSlack();
+
+// Gives the rest of the calling thread's time slice away.
+void YieldProcessor();
+
+}  // namespace ipplayout::platform

@@ -1,0 +1,28 @@
+// A manual-reset event between two of the library's own threads.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace ipplayout::platform {
+
+// Stays set until it is reset. Set costs one atomic exchange, and a system call only when a thread
+// sleeps on it. What the setting thread wrote before Set is visible to whoever returns from Wait.
+class Signal {
+ public:
+  explicit Signal(bool set = false) : state_(set ? kSet : kClear) {}
+  Signal(const Signal&) = delete;
+  Signal& operator=(const Signal&) = delete;
+
+  void Set();
+  void Reset();
+  void Wait();
+  bool IsSet() const { return state_.load(std::memory_order_acquire) == kSet; }
+
+ private:
+  enum State : std::uint32_t { kClear, kSet, kClearWithSleeper };
+
+  std::atomic<std::uint32_t> state_;
+};
+
+}  // namespace ipplayout::platform
