@@ -29,11 +29,17 @@ class CErrorInsertionManager final : public CErrorManagerBase {
   std::uint32_t IsSequenceError(std::int32_t consume) override;
   std::uint32_t IsIpChecksumError(std::int32_t consume) override;
   std::uint32_t IsUdpChecksumError(std::int32_t consume) override;
-  void CountLostPacket() override { Add(lost_packets_, 1); }
-  void AddLostBytes(std::int32_t bytes) override { Add(lost_bytes_, bytes); }
-  void CountSequenceError() override { Add(sequence_errors_, 1); }
-  void CountIpChecksumError() override { Add(ip_checksum_errors_, 1); }
-  void CountUdpChecksumError() override { Add(udp_checksum_errors_, 1); }
+  void CountLostPacket() override { lost_packets_.fetch_add(1, std::memory_order_relaxed); }
+  void AddLostBytes(std::int32_t bytes) override {
+    lost_bytes_.fetch_add(bytes, std::memory_order_relaxed);
+  }
+  void CountSequenceError() override { sequence_errors_.fetch_add(1, std::memory_order_relaxed); }
+  void CountIpChecksumError() override {
+    ip_checksum_errors_.fetch_add(1, std::memory_order_relaxed);
+  }
+  void CountUdpChecksumError() override {
+    udp_checksum_errors_.fetch_add(1, std::memory_order_relaxed);
+  }
   void SetJitter(double jitter) override { jitter_.store(jitter, std::memory_order_relaxed); }
   bool CopyStatistics(ErrorStatistics& out) const override;
   std::uint32_t IsEnabled() const override { return settings_.ErrInsertionEnable; }
@@ -55,12 +61,6 @@ class CErrorInsertionManager final : public CErrorManagerBase {
 
  private:
   enum Request : std::size_t { kLoss, kSequence, kIpChecksum, kUdpChecksum, kRequests };
-
-  // One writer, the pump thread, but for the host's ClearStatistics.
-  template <typename T>
-  static void Add(std::atomic<T>& counter, T amount) {
-    counter.fetch_add(amount, std::memory_order_relaxed);
-  }
 
   void Raise(Request request) { requests_[request].store(1, std::memory_order_release); }
   bool Take(Request request, std::int32_t consume);

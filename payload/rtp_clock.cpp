@@ -11,7 +11,7 @@ CZebRTPClock::CZebRTPClock(std::uint32_t clock_rate, std::uint64_t bit_rate,
     return;
   }
   const std::uint32_t packet_bits = packet_bytes * 8;
-  const double exact = double{packet_bits} / static_cast<double>(bit_rate) * double{clock_rate};
+  const double exact = 1.0 * packet_bits / static_cast<double>(bit_rate) * clock_rate;
   const double whole = std::floor(exact);
   // At a few bits per second one packet outlasts the whole 32-bit range: the step wraps with it.
   whole_step_ = static_cast<std::uint32_t>(static_cast<std::uint64_t>(whole));

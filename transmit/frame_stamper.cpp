@@ -75,8 +75,13 @@ void FrameStamper::AdvanceClock(double by) {
 }
 
 void FrameStamper::ApplyJitter(bool first_of_batch) {
-  const double offset =
-      first_of_batch ? 0 : std::max(parameters_->NextJitter(gap_, total_count_), -gap_);
+  double offset = 0;
+  if (!first_of_batch) {
+    offset = std::max(parameters_->NextJitter(gap_, total_count_), -gap_);
+  }
+  if (!std::isfinite(offset)) {
+    offset = 0;  // of a jitter period that is no number
+  }
   jitter_sum_ += offset;
   const Time split = Split(offset);
   parameters_->AddTime(split.seconds, split.microseconds, pending_.seconds, pending_.microseconds);

@@ -12,6 +12,7 @@ namespace {
 
 constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
+constexpr double kLongestPacketTime = 1e9;        // seconds: keeps the arithmetic on times finite
 constexpr std::uint32_t kQueueRoomPerFrame = 24;  // for the frame's header, on top of its bytes
 
 std::uint64_t Nanoseconds(const CapturedFrame& frame) {
@@ -50,7 +51,7 @@ bool PcapRtInterface::SetParametricManager(CParametricManagerBase* manager) {
 bool PcapRtInterface::FilterInclude() {
   failed_.store(false);
   if (queued_) {
-    packet_time_ = frame_size_ * 8.0 / bit_rate_;
+    packet_time_ = std::min(frame_size_ * 8.0 / bit_rate_, kLongestPacketTime);
     stamper_.Begin(packet_time_, parameters_);
     gap_correction_.store(0);
     queue_start_advance_.store(packet_time_);

@@ -1,8 +1,8 @@
 #include "transmit/trace_log.h"
 
-#include <array>
 #include <cstdarg>
 #include <ctime>
+#include <initializer_list>
 
 namespace ipplayout {
 
@@ -13,12 +13,11 @@ namespace {
 
 [[gnu::format(printf, 2, 0)]] int WriteLine(std::FILE* stream, const char* format,
                                             std::va_list arguments) {
-  std::array<char, sizeof "mm/dd/yy hh:mm:ss "> stamp{};
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
-  std::strftime(stamp.data(), stamp.size(), "%m/%d/%y %H:%M:%S ", &local);
-  std::fputs(stamp.data(), stream);
+  std::fprintf(stream, "%02d/%02d/%02d %02d:%02d:%02d ", local.tm_mon + 1, local.tm_mday,
+               local.tm_year % 100, local.tm_hour, local.tm_min, local.tm_sec);
   const int count = std::vfprintf(stream, format, arguments);
   std::fputc('\n', stream);
   return count;
