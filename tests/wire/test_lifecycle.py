@@ -295,7 +295,7 @@ class Blocking(WireCase):
                     pass
                 library.IPWriteTerminate()
                 library.IPStop()
-            library.configure({**TYPICAL, "BurstMode": 0})
+            library.configure({**TYPICAL, "BurstMode": 0, "IPFragmentation": 0})
             return library.play(data)
         self.bed.near.run("ip", "link", "set", Testbed.NEAR, "mtu", "1500")
         self.addCleanup(self.bed.near.run, "ip", "link", "set", Testbed.NEAR, "mtu", str(Testbed.MTU))
@@ -450,8 +450,8 @@ class Refusals(WireCase):
                     assert library.IPStart() == Library.FAILED, name
                     assert own_threads() == threads, name
                     assert library.IsPlayoutComplete() == 1, name
+                    assert library.IPWriteTerminate() == 0, name
                     stop()
-                    library.IPWriteTerminate()
             library.configure({**TYPICAL, "BurstMode": 0})
             library.GetIPPlayParams().contents.DeviceIndex = device
             return library.play(data)
