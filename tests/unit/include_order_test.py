@@ -17,7 +17,7 @@ ORDER = [
      "payload/sw_clock", "payload/timestamp",
      "protocol/big_endian", "protocol/internet_checksum", "protocol/packet",
      "protocol/parametric_manager", "protocol/pdu",
-     "transmit/batch_pacer", "transmit/osa_thread", "transmit/trace_log",
+     "transmit/batch_hand_over", "transmit/batch_pacer", "transmit/osa_thread", "transmit/trace_log",
      "control/settings_store"],
     ["payload/data_buffer", "payload/error_insertion_manager", "payload/error_schedule",
      "protocol/replication_manager", "transmit/device_identifier", "transmit/frame_stamper",
