@@ -21,17 +21,17 @@ constexpr std::size_t kVisibleNameLength = 15;  // TASK_COMM_LEN without its NUL
 
 struct PriorityRow {
   std::int32_t level;
-  int round_robin;  // SCHED_RR priority; 0 keeps the thread in the ordinary class
+  int round_robin;  // SCHED_RR priority
   int nice;         // in the ordinary class
 };
 
 constexpr std::array<PriorityRow, 6> kPriorities{{
-    {-15, 0, 19},
-    {-1, 1, -11},
-    {0, 2, -12},
-    {1, 3, -13},
-    {2, 4, -16},
-    {15, 5, -20},
+    {-15, 1, -10},
+    {-1, 2, -11},
+    {0, 3, -12},
+    {1, 4, -13},
+    {2, 5, -16},
+    {15, 6, -20},
 }};
 
 // The nearest that an unprivileged process gets to a nice value below 0 without losing the order
@@ -118,9 +118,8 @@ void NativeThread::SetPriority(std::int32_t level, bool real_time) {
     }
     sched_param parameters{};
     parameters.sched_priority = real_time ? row.round_robin : 0;
-    const int policy = parameters.sched_priority > 0 ? SCHED_RR : SCHED_OTHER;
-    const bool applied = sched_setscheduler(state_->id, policy, &parameters) == 0;
-    if (!applied || policy == SCHED_OTHER) {
+    const int policy = real_time ? SCHED_RR : SCHED_OTHER;
+    if (sched_setscheduler(state_->id, policy, &parameters) != 0 || !real_time) {
       SetNice(state_->id, row);
     }
   }

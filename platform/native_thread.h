@@ -25,9 +25,10 @@ class NativeThread {
   std::uint32_t Id() const;
 
   // `level` is one of -15, -1, 0, 1, 2, 15 (idle to time critical). The levels keep their order;
-  // as much of it is applied as the process may ask for, and a refusal is ignored. All but idle
-  // run ahead of ordinary processes. `real_time` is for threads that rest between bits of work: the
-  // kernel stops a real-time thread that does not for a twentieth of every second.
+  // as much of it is applied as the process may ask for, and a refusal is ignored. All of them run
+  // ahead of ordinary processes, since a frame that is built late leaves late. `real_time` is for
+  // threads that rest between bits of work: the kernel stops a real-time thread that does not for a
+  // twentieth of every second.
   void SetPriority(std::int32_t level, bool real_time);
 
  private:
