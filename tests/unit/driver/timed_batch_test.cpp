@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -82,6 +83,10 @@ struct Schedule {
   std::vector<std::int64_t> times;  // expected, microseconds after the start
   std::vector<std::size_t> bursts;
 };
+
+void PrintTo(const Schedule& schedule, std::ostream* out) {
+  *out << schedule.name;
+}
 
 class TimedBatchSchedule : public testing::TestWithParam<Schedule> {};
 
