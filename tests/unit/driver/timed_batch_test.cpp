@@ -98,6 +98,7 @@ TEST_P(TimedBatchSchedule, FramesLeaveByTheirStamps) {
   EXPECT_TRUE(InOrder(sender.numbers));
   EXPECT_EQ(sender.times, GetParam().times);
   EXPECT_EQ(sender.bursts, GetParam().bursts);
+  EXPECT_LE(waiter.Readings(), static_cast<int>(sender.bursts.size()));
 }
 
 constexpr std::uint32_t kLast = std::numeric_limits<std::uint32_t>::max();
