@@ -45,8 +45,8 @@ std::vector<Frame> Receive(int descriptor, std::size_t count) {
   while (frames.size() < count) {
     Frame frame(65536);
     const ssize_t size = recv(descriptor, frame.data(), frame.size(), 0);
-    if (size < 0) {
-      break;
+    if (size <= 0) {
+      break;  // shut down
     }
     frame.resize(static_cast<std::size_t>(size));
     frames.push_back(std::move(frame));
@@ -56,12 +56,16 @@ std::vector<Frame> Receive(int descriptor, std::size_t count) {
 
 TEST(BurstSocket, WaitsForAFullSocketAndSendsEveryFrameInOrder) {
   const SocketPair pair;
-  const auto frames = MakeFrames(BurstSocket::kMostFrames);
+  auto frames = MakeFrames(BurstSocket::kMostFrames);
+  for (Frame& frame : frames) {
+    frame.resize(60'000, frame.front());  // all together many times what the socket holds
+  }
   std::vector<Frame> received;
   std::thread reader([&] { received = Receive(pair.far.Get(), 2 * frames.size()); });
   BurstSocket sender(pair.near.Get(), std::chrono::hours(1));
   EXPECT_EQ(Send(sender, frames), frames.size());
   EXPECT_EQ(Send(sender, frames), frames.size());
+  shutdown(pair.far.Get(), SHUT_RD);  // ends a reader that misses frames
   reader.join();
   std::vector<Frame> expected = frames;
   expected.insert(expected.end(), frames.begin(), frames.end());

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -83,6 +84,10 @@ struct Schedule {
   std::vector<std::size_t> bursts;
 };
 
+void PrintTo(const Schedule& schedule, std::ostream* out) {
+  *out << schedule.name;
+}
+
 class TimedBatchSchedule : public testing::TestWithParam<Schedule> {};
 
 TEST_P(TimedBatchSchedule, FramesLeaveByTheirStamps) {
@@ -93,6 +98,7 @@ TEST_P(TimedBatchSchedule, FramesLeaveByTheirStamps) {
   EXPECT_TRUE(InOrder(sender.numbers));
   EXPECT_EQ(sender.times, GetParam().times);
   EXPECT_EQ(sender.bursts, GetParam().bursts);
+  EXPECT_LE(waiter.Readings(), static_cast<int>(sender.bursts.size()));
 }
 
 constexpr std::uint32_t kLast = std::numeric_limits<std::uint32_t>::max();
