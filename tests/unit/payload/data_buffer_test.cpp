@@ -61,6 +61,12 @@ template <typename Result>
              : ::testing::AssertionFailure() << "it has returned";
 }
 
+// For what would otherwise hang.
+template <typename Result>
+bool Returns(std::future<Result>& call) {
+  return call.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+}
+
 TEST(DataBufferTest, ReadingBeginsAtTheThresholdAndTakesWholePayloads) {
   CIPDataBuffer buffer(5000);
   buffer.SetStartThreshold(1000);
@@ -145,6 +151,28 @@ TEST(DataBufferTest, TheEndOfARunReleasesWriters) {
       EXPECT_TRUE(Write(buffer, "kept"));  // for the next run
       EXPECT_EQ(Read(buffer, 4), "kept");
     }
+  }
+}
+
+TEST(DataBufferTest, EachBlockedWriterIsWokenForItsOwnNeed) {
+  for (const bool big_first : {true, false}) {
+    CIPDataBuffer buffer(10);
+    Write(buffer, "0123456789");
+    buffer.Terminate();
+    const auto start_big = [&] { return std::async([&] { return Write(buffer, "ABCDEFGH"); }); };
+    auto big = big_first ? start_big() : std::future<bool>();
+    EXPECT_TRUE(!big_first || Blocks(big));
+    auto small = std::async([&] { return Write(buffer, "s"); });
+    EXPECT_TRUE(Blocks(small));
+    if (!big_first) {
+      big = start_big();
+      EXPECT_TRUE(Blocks(big));
+    }
+    EXPECT_EQ(Read(buffer, 1), "0");
+    EXPECT_TRUE(Returns(small));
+    EXPECT_EQ(Read(buffer, 10), "123456789s");
+    EXPECT_TRUE(Returns(big));
+    buffer.EndRun();  // so that a failure does not hang
   }
 }
 
