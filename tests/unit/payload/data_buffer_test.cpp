@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <future>
 #include <random>
@@ -12,12 +11,11 @@
 #include <vector>
 
 #include "protocol/pdu.h"
+#include "tests/support/blocked_call.h"
 #include "tests/support/bytes.h"
 
 namespace ipplayout {
 namespace {
-
-using std::chrono::milliseconds;
 
 // A stream without repetition at the sizes of rings: any part of it can be compared at once.
 class Pattern {
@@ -51,20 +49,6 @@ std::string Read(CIPDataBuffer& buffer, std::uint32_t length, std::uint32_t offs
     return "end";
   }
   return {pdu.Data() + offset, pdu.Data() + pdu.Length()};
-}
-
-// Cannot fail for being slow: only a call that should block and has returned is caught.
-template <typename Result>
-::testing::AssertionResult Blocks(std::future<Result>& call) {
-  return call.wait_for(milliseconds(30)) == std::future_status::timeout
-             ? ::testing::AssertionSuccess()
-             : ::testing::AssertionFailure() << "it has returned";
-}
-
-// For what would otherwise hang.
-template <typename Result>
-bool Returns(std::future<Result>& call) {
-  return call.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
 }
 
 TEST(DataBufferTest, ReadingBeginsAtTheThresholdAndTakesWholePayloads) {
