@@ -86,8 +86,9 @@ std::string FormatIp(const IpAddress& address) {
 }
 
 std::string FormatTarget(const Target& target) {
-  return fmt::format(target.address.is_v6 ? "{}://[{}]:{}" : "{}://{}:{}",
-                     target.rtp ? "rtp" : "udp", FormatIp(target.address), target.port);
+  const std::string host = FormatIp(target.address);
+  return fmt::format("{}://{}:{}", target.rtp ? "rtp" : "udp",
+                     target.address.is_v6 ? '[' + host + ']' : host, target.port);
 }
 
 MacAddress MulticastMac(const IpAddress& group) {

@@ -29,8 +29,8 @@ struct Target {
   std::uint16_t port = 0;
 };
 
-std::optional<MacAddress> ParseMac(std::string_view text);      // six hex bytes with ':' or '-'
-std::optional<IpAddress> ParseIp(std::string_view text);        // literal, without brackets or scope
+std::optional<MacAddress> ParseMac(std::string_view text);  // six hex bytes with ':' or '-'
+std::optional<IpAddress> ParseIp(std::string_view text);    // literal, without brackets or scope
 std::optional<Target> ParseTarget(std::string_view text);
 
 std::string FormatMac(const MacAddress& mac);

@@ -15,7 +15,9 @@ Feeder::~Feeder() {
   if (thread_.joinable()) thread_.join();
 }
 
-void Feeder::Start() { thread_ = std::thread(&Feeder::Run, this); }
+void Feeder::Start() {
+  thread_ = std::thread(&Feeder::Run, this);
+}
 
 void Feeder::Run() {
   WordWriter writer(sink_.write);

@@ -17,8 +17,8 @@ namespace ipplay {
 class Feeder {
  public:
   struct Sink {
-    WordWriter::WriteWords write;      // as WordWriter; may block
-    std::function<void()> terminate;   // declares the end of the data; may block until it is played
+    WordWriter::WriteWords write;     // as WordWriter; may block
+    std::function<void()> terminate;  // declares the end of the data; may block until it is played
   };
 
   // Plays `rounds` rounds, or for ever without a number.

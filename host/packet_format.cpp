@@ -45,8 +45,7 @@ Detection DetectPacketFormat(std::span<const std::uint8_t> head, bool whole) {
   for (const PacketFormat format : kFormats) {
     const std::uint64_t run = RunOfPackets(head, 0, format);
     if (run > 0) {
-      none.sync_lost =
-          std::max(none.sync_lost, format.SyncOffset() + run * format.packet_bytes);
+      none.sync_lost = std::max(none.sync_lost, format.SyncOffset() + run * format.packet_bytes);
     }
   }
   return none;

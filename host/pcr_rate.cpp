@@ -104,9 +104,8 @@ std::optional<PcrRate> PcrRateMeter::Rate(std::optional<std::uint16_t> pid) cons
 
 double PcrRateMeter::SecondsCovered() const {
   const Clock* best = Best();
-  return best == nullptr
-             ? 0
-             : static_cast<double>(best->covered_ticks) / static_cast<double>(kPcrHz);
+  return best == nullptr ? 0
+                         : static_cast<double>(best->covered_ticks) / static_cast<double>(kPcrHz);
 }
 
 }  // namespace ipplay

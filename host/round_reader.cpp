@@ -32,8 +32,7 @@ std::span<std::uint8_t> RoundReader::Next() {
     std::uint64_t room = block_.size() - filled_;
     // A file may have grown since it was examined.
     if (round_bytes_) room = std::min(room, *round_bytes_ - delivered_);
-    const std::size_t count =
-        room == 0 ? 0 : input_.Read(std::span(block_).subspan(filled_, room));
+    const std::size_t count = room == 0 ? 0 : input_.Read(std::span(block_).subspan(filled_, room));
     if (count == 0) return {};
     filled_ += count;
     delivered_ += count;

@@ -42,8 +42,8 @@ class RoundReader {
   std::optional<std::uint64_t> round_bytes_;
   std::uint64_t delivered_ = 0;  // of this round
   std::vector<std::uint8_t> block_;
-  std::size_t filled_ = 0;   // bytes in block_
-  std::size_t taken_ = 0;    // of these, delivered by the last Next()
+  std::size_t filled_ = 0;  // bytes in block_
+  std::size_t taken_ = 0;   // of these, delivered by the last Next()
   std::atomic<std::uint64_t> sync_lost_{kNever};
 };
 

@@ -12,9 +12,9 @@ constexpr double kReadAheadSeconds = 2;
 constexpr std::size_t kReadAheadLimit = 32 * std::size_t{1024} * 1024;
 
 Failure NoTransportStream(const Input& input, std::uint64_t offset) {
-  return UsageFailure(
-      fmt::format("INPUT: {} is no transport stream: sync lost at offset {} (--raw plays any bytes)",
-                  input.name(), offset));
+  return UsageFailure(fmt::format(
+      "INPUT: {} is no transport stream: sync lost at offset {} (--raw plays any bytes)",
+      input.name(), offset));
 }
 
 // Walks over whole packets, checks their sync bytes and hands them to the meter.
@@ -130,11 +130,13 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
 
   const Detection detection = DetectPacketFormat(head, whole);
   if (!detection.format) return NoTransportStream(input, detection.sync_lost);
-  StreamFacts facts{.format = *detection.format, .first_packet = detection.first_packet};
+  StreamFacts facts;
+  facts.format = *detection.format;
+  facts.first_packet = detection.first_packet;
   PacketWalker walker(facts.format);
-  const auto failure = input.size() ? WalkFile(input, facts, walker)
-                                    : WalkPipe(input, facts, std::move(head), options.want_rate,
-                                               walker);
+  const auto failure = input.size()
+                           ? WalkFile(input, facts, walker)
+                           : WalkPipe(input, facts, std::move(head), options.want_rate, walker);
   if (failure) return *failure;
   facts.rate = walker.meter().Rate(options.pcr_pid);
   return facts;

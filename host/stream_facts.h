@@ -13,10 +13,10 @@ namespace ipplay {
 
 struct StreamFacts {
   PacketFormat format;
-  std::uint64_t first_packet = 0;         // offset; bytes in front of it are not played
-  std::optional<std::uint64_t> bytes;     // in whole packets (all bytes of raw input), of a file
-  std::uint64_t trailing_bytes = 0;       // behind the last whole packet; not played
-  std::optional<PcrRate> rate;            // where there are PCRs
+  std::uint64_t first_packet = 0;      // offset; bytes in front of it are not played
+  std::optional<std::uint64_t> bytes;  // in whole packets (all bytes of raw input), of a file
+  std::uint64_t trailing_bytes = 0;    // behind the last whole packet; not played
+  std::optional<PcrRate> rate;         // where there are PCRs
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.

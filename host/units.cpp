@@ -94,6 +94,12 @@ std::optional<double> ParsePpm(std::string_view text) {
   return negative ? -*number : *number;
 }
 
+std::optional<double> ParsePercent(std::string_view text) {
+  const auto number = TakeNumber(text);
+  if (text != "%") return std::nullopt;
+  return number;
+}
+
 std::string FormatBitRate(double bits_per_second) {
   return FormatScaled(bits_per_second, {"bit/s", "kbit/s", "Mbit/s", "Gbit/s"});
 }

@@ -44,6 +44,14 @@ TEST(Units, PartsPerMillion) {
   }
 }
 
+TEST(Units, Percent) {
+  EXPECT_EQ(ParsePercent("20%"), 20.0);
+  EXPECT_EQ(ParsePercent("0.5%"), 0.5);
+  for (const char* refused : {"", "20", "%", "-1%", "20%%", "20 %"}) {
+    EXPECT_FALSE(ParsePercent(refused)) << refused;
+  }
+}
+
 TEST(Units, FormatsWithTheUnitThatReadsBest) {
   EXPECT_EQ(FormatBitRate(9'750'000), "9.75 Mbit/s");
   EXPECT_EQ(FormatBitRate(999'999'999), "1 Gbit/s");
