@@ -18,7 +18,9 @@ std::unique_ptr<SendQueue> SendQueue::Allocate(std::size_t capacity) {
   return queue;
 }
 
-SendQueue::~SendQueue() { std::free(data_); }
+SendQueue::~SendQueue() {
+  std::free(data_);
+}
 
 bool SendQueue::Append(const FrameHeader& header, const std::uint8_t* bytes) {
   if (sizeof header + header.captured_length > capacity_ - used_) {

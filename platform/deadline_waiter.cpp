@@ -19,7 +19,9 @@ void SpinOnce() {
 
 }  // namespace
 
-std::chrono::nanoseconds DeadlineWaiter::Now() const { return MonotonicNow(); }
+std::chrono::nanoseconds DeadlineWaiter::Now() const {
+  return MonotonicNow();
+}
 
 void DeadlineWaiter::WaitUntil(std::chrono::nanoseconds deadline) {
   for (;;) {
@@ -43,6 +45,8 @@ void DeadlineWaiter::LimitWaits(std::chrono::nanoseconds latest) {
   FutexWakeAll(limit_changes_);
 }
 
-void DeadlineWaiter::RemoveLimit() { limit_ns_.store(kNoLimit); }
+void DeadlineWaiter::RemoveLimit() {
+  limit_ns_.store(kNoLimit);
+}
 
 }  // namespace ipplayout::platform

@@ -95,7 +95,9 @@ NativeThread::~NativeThread() {
   }
 }
 
-std::uint32_t NativeThread::Id() const { return static_cast<std::uint32_t>(state_->id); }
+std::uint32_t NativeThread::Id() const {
+  return static_cast<std::uint32_t>(state_->id);
+}
 
 void NativeThread::SetPriority(std::int32_t level) {
   for (const PriorityRow& row : kPriorities) {
@@ -111,8 +113,12 @@ void NativeThread::SetPriority(std::int32_t level) {
   }
 }
 
-void UseFinestTimerSlack() { prctl(PR_SET_TIMERSLACK, 1UL); }
+bool UseFinestTimerSlack() {
+  return prctl(PR_SET_TIMERSLACK, 1UL) == 0;
+}
 
-void YieldProcessor() { sched_yield(); }
+void YieldProcessor() {
+  sched_yield();
+}
 
 }  // namespace ipplayout::platform

@@ -37,7 +37,8 @@ class NativeThread {
 };
 
 // Asks the kernel to wake the calling thread's timed sleeps as exactly as it can.
-void UseFinestTimerSlack();
+// False when it refuses.
+bool UseFinestTimerSlack();
 
 // Gives the rest of the calling thread's time slice away.
 void YieldProcessor();

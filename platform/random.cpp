@@ -13,7 +13,9 @@ std::atomic<std::uint64_t> state{static_cast<std::uint64_t>(MonotonicNow().count
 
 }  // namespace
 
-void SeedRandom(std::uint64_t seed) { state.store(seed, std::memory_order_relaxed); }
+void SeedRandom(std::uint64_t seed) {
+  state.store(seed, std::memory_order_relaxed);
+}
 
 std::uint32_t NextRandom() {
   constexpr std::uint64_t kStep = 0x9E3779B97F4A7C15;

@@ -1,0 +1,238 @@
+#include "control/playout.h"
+
+#include <chrono>
+#include <utility>
+
+#include "control/datagram_layout.h"
+#include "control/library.h"
+#include "platform/clock.h"
+#include "platform/random.h"
+
+namespace ipplayout {
+namespace {
+
+using platform::OwnedHostEvent;
+
+constexpr std::uint32_t kReadTimeoutMs = 1;
+
+// After a stop frames that are due within this time still leave when they are due, later ones at
+// its end.
+constexpr std::chrono::milliseconds kStopGrace{250};
+
+// The parametric manager's own numbers, by the value of JitterDistributionType.
+std::int32_t DistributionType(std::uint32_t setting) {
+  constexpr std::int32_t kTypes[] = {
+      CZebParametricManager::kSquare, CZebParametricManager::kGaussian,
+      CZebParametricManager::kSquaredDifference, CZebParametricManager::kSine};
+  return setting < std::size(kTypes) ? kTypes[setting] : std::int32_t{CZebParametricManager::kNone};
+}
+
+void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings& settings) {
+  const ParametricSettings& parametric = settings.parametric;
+  manager.SetBurstMode(parametric.BurstMode == 1 ? 1 : 0);
+  manager.SetBurstPeriod(parametric.BurstPeriod);
+  manager.SetBurstSize(parametric.BurstSize);
+  manager.SetJitterEnabled(parametric.JitterEnabled == 1 ? 1 : 0);
+  if (parametric.BurstValueType <= CZebParametricManager::kBurstBySize) {
+    manager.SetBurstValueType(parametric.BurstValueType);
+  }
+  manager.SetDistributionType(DistributionType(parametric.JitterDistributionType));
+  manager.SetJitterPeriod(parametric.JitterPeriod);
+  manager.SetSquareCycleLength(2);
+  manager.SetThreadPriority(static_cast<std::int32_t>(settings.other.PlayerThreadPriority));
+}
+
+}  // namespace
+
+Playout::~Playout() {
+  Stop();
+}
+
+void Playout::Initialise() {
+  const std::lock_guard lock(control_mutex_);
+  ResetForInit();
+  library_.devices.Clear();
+  library_.devices.Enumerate();
+  library_.devices.CreateArray();
+  const std::lock_guard event_lock(stop_event_mutex_);
+  if (stop_event_ == nullptr) {
+    if (auto event = OwnedHostEvent::Create()) {
+      stop_event_ = std::make_shared<OwnedHostEvent>(std::move(*event));
+    }
+  }
+}
+
+void Playout::CleanUp() {
+  const std::lock_guard lock(control_mutex_);
+  library_.devices.Clear();
+  const std::lock_guard event_lock(stop_event_mutex_);
+  stop_event_.reset();
+}
+
+int Playout::Start() {
+  const std::lock_guard lock(control_mutex_);
+  if (!library_.pump.IsComplete()) {
+    return kFailed;
+  }
+  if (was_started_) {
+    EndPlayout();
+  } else {
+    Release();
+  }
+  const PlayoutSettings& settings = Settings();
+  if (!IsPlayable(settings) || !LoadManagers() || !OpenInterface()) {
+    return kFailed;
+  }
+  platform::SeedRandom(platform::MonotonicMilliseconds());
+  pipeline_.BuildChain(settings, &library_.errors, &library_.replication);
+  const bool ready = LayOut() && ConfigureInterface() && StartThreads();
+  return ready ? kStarted : kFailed;
+}
+
+bool Playout::LoadManagers() {
+  const PlayoutSettings& settings = Settings();
+  library_.errors.Configure(settings.error_insertion);
+  library_.replication.StartDatagram();
+  library_.replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
+                                     settings.params.ReplicationCount);
+  library_.replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
+  LoadParametricManager(library_.parametric, settings);
+  return true;
+}
+
+bool Playout::OpenInterface() {
+  DeviceIdentifier* device = library_.devices.At(static_cast<int>(Settings().params.DeviceIndex));
+  if (device == nullptr) {
+    return false;
+  }
+  pipeline_.capture_interface = device->CreateInterface(&kReadTimeoutMs);
+  if (pipeline_.capture_interface == nullptr) {
+    return false;
+  }
+  pipeline_.capture_interface->SetErrorInsertionManager(&library_.errors);
+  pipeline_.capture_interface->SetParametricManager(&library_.parametric);
+  // An adapter that cannot be opened is noticed when it is to be made ready.
+  pipeline_.capture_interface->Open();
+  return true;
+}
+
+bool Playout::LayOut() {
+  const PlayoutSettings& settings = Settings();
+  const auto layout = LayOutDatagram(settings, pipeline_.Top()->GetHeaderLength());
+  if (!layout) {
+    return false;
+  }
+  library_.data_buffer.SetPacketSize(layout->packet_size);
+  library_.pump.SetRawPayload(layout->packet_size == 0);
+  library_.pump.SetDatagramSize(layout->datagram_size);
+  library_.pump.SetTsPacketSize(settings.TSPacketSize);
+  library_.parametric.ComputeBurstCount(layout->datagram_size, StreamBitRate(settings));
+  pipeline_.capture_interface->SetFrameSize(layout->datagram_size);
+  return true;
+}
+
+bool Playout::ConfigureInterface() {
+  const PlayoutSettings& settings = Settings();
+  PcapRtInterface& capture = *pipeline_.capture_interface;
+  capture.SetQueuedMode(1);
+  capture.SetPacketsPerQueue(PacketsPerQueue(settings, library_.parametric.GetBurstCount()));
+  capture.SetBitRate(AggregateBitRate(settings));
+  return capture.FilterInclude() && capture.HasQueues();
+}
+
+bool Playout::StartThreads() {
+  CIPDataBuffer& buffer = library_.data_buffer;
+  if (!buffer.SetStartThreshold(
+          StartThreshold(Settings().PlayFileSizeForIP, buffer.GetCapacity()))) {
+    return false;
+  }
+  ZEBIPDataPump& pump = library_.pump;
+  pump.SetCaptureInterface(pipeline_.capture_interface.get());
+  pump.SetTopLayer(pipeline_.Top());
+  pump.SetErrorManager(&library_.errors);
+  pump.SetReplicationManager(&library_.replication);
+  pump.SetParametricManager(&library_.parametric);
+  PacketTransmitterThread& transmitter = library_.transmitter;
+  transmitter.SetParametricManager(&library_.parametric);
+  transmitter.SetInterface(pipeline_.capture_interface.get());
+  was_started_ = true;
+  if (transmitter.Start() && pump.Start()) {
+    return true;
+  }
+  // The system refused a thread: the other one has nothing to do.
+  transmitter.Stop();
+  transmitter.WaitUntilFinished();
+  return false;
+}
+
+void Playout::Stop() {
+  const std::lock_guard lock(control_mutex_);
+  EndPlayout();
+}
+
+// The pump ends first: its last flush waits for the transmitter to release the send queue.
+void Playout::EndPlayout() {
+  library_.data_buffer.Terminate();
+  library_.pump.Stop();
+  if (pipeline_.capture_interface != nullptr) {
+    platform::DeadlineWaiter& waiter = pipeline_.capture_interface->Waiter();
+    waiter.LimitWaits(waiter.Now() + kStopGrace);
+  }
+  library_.pump.WaitUntilComplete();
+  library_.transmitter.Stop();
+  library_.transmitter.WaitUntilFinished();
+  library_.pump.Join();
+  library_.transmitter.Join();
+  library_.data_buffer.Reset();
+  Release();
+  // A pause that was asked for while the playout was ending is over too.
+  library_.pump.Pause(false);
+  library_.errors.Reset();
+  was_started_ = false;
+}
+
+void Playout::Release() {
+  library_.transmitter.SetInterface(nullptr);
+  library_.pump.SetCaptureInterface(nullptr);
+  library_.pump.SetTopLayer(nullptr);
+  if (pipeline_.capture_interface != nullptr) {
+    pipeline_.capture_interface->Close();
+  }
+  pipeline_ = Pipeline();
+}
+
+int Playout::Write(const std::uint8_t* data, std::uint32_t length) {
+  if (library_.pump.GetErrorCode() == ZEBIPDataPump::kFailed) {
+    return kFailed;
+  }
+  return library_.data_buffer.Write(data, length) ? 0 : kFailed;
+}
+
+void Playout::WriteTerminate() {
+  library_.data_buffer.Terminate();
+  const std::optional<OwnedHostEvent> completed = OwnedHostEvent::Create();
+  if (!completed) {
+    // Out of descriptors: the end of the playout still ends the wait, the stop event does not.
+    library_.pump.WaitUntilComplete();
+    return;
+  }
+  std::shared_ptr<OwnedHostEvent> stop;
+  {
+    const std::lock_guard lock(stop_event_mutex_);
+    stop = stop_event_;
+  }
+  library_.pump.AddCompletionEvent(completed->Handle());
+  if (!library_.pump.IsComplete()) {
+    platform::WaitForEither(completed->Handle(),
+                            stop == nullptr ? platform::kNullEvent : stop->Handle());
+  }
+  // Off the list before it is closed: the host may get the same descriptor number next.
+  library_.pump.WithdrawCompletionEvent(completed->Handle());
+}
+
+platform::EventHandle Playout::StopEvent() {
+  const std::lock_guard lock(stop_event_mutex_);
+  return stop_event_ == nullptr ? platform::kNullEvent : stop_event_->Handle();
+}
+
+}  // namespace ipplayout

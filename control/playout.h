@@ -1,0 +1,60 @@
+// The life of a playout: from settings to a running pipeline and back.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "control/pipeline.h"
+#include "platform/host_event.h"
+
+namespace ipplayout {
+
+struct Library;
+
+// One playout at a time. Operations that start, stop, initialise or clean up wait for each other;
+// none is held up by a host that blocks in Write or WriteTerminate.
+class Playout {
+ public:
+  static constexpr int kStarted = 0;
+  static constexpr int kFailed = -800;
+
+  // `library` owns this object.
+  explicit Playout(Library& library) : library_(library) {}
+  Playout(const Playout&) = delete;
+  Playout& operator=(const Playout&) = delete;
+  ~Playout();
+
+  void Initialise();
+  void CleanUp();
+
+  // kStarted, or kFailed; then what was built so far is left for a stop or the next start.
+  int Start();
+  void Stop();
+
+  int Write(const std::uint8_t* data, std::uint32_t length);
+  void WriteTerminate();
+  platform::EventHandle StopEvent();
+
+ private:
+  bool OpenInterface();
+  bool ConfigureInterface();
+  bool LoadManagers();
+  bool LayOut();
+  bool StartThreads();
+  void EndPlayout();
+  void Release();
+
+  Library& library_;
+
+  // Serialises the lifecycle. The worker threads never take it.
+  std::mutex control_mutex_;
+  Pipeline pipeline_;         // under control_mutex_
+  bool was_started_ = false;  // the pipeline's threads have been started; under control_mutex_
+
+  std::mutex stop_event_mutex_;
+  // Shared with the waits on it, so that cleaning up does not close a descriptor under a wait.
+  std::shared_ptr<platform::OwnedHostEvent> stop_event_;
+};
+
+}  // namespace ipplayout

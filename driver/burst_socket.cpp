@@ -1,0 +1,90 @@
+#include "driver/burst_socket.h"
+
+#include <poll.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/clock.h"
+
+namespace ipplayout {
+namespace {
+
+using std::chrono::nanoseconds;
+
+// Long enough for an adapter to send a few frames, short beside the gaps that a user could see.
+constexpr nanoseconds kRetryInterval = std::chrono::microseconds(20);
+
+void SleepFor(nanoseconds duration) {
+  const timespec time{0, static_cast<long>(duration.count())};
+  nanosleep(&time, nullptr);
+}
+
+void WaitUntilWritable(int descriptor, nanoseconds limit) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
+  const timespec time{static_cast<time_t>(seconds.count()),
+                      static_cast<long>((limit - seconds).count())};
+  pollfd target{descriptor, POLLOUT, 0};
+  ppoll(&target, 1, &time, nullptr);
+}
+
+}  // namespace
+
+BurstSocket::BurstSocket(int descriptor, nanoseconds patience)
+    : descriptor_(descriptor), patience_(patience) {
+  for (std::size_t i = 0; i < messages_.size(); ++i) {
+    messages_[i].msg_hdr.msg_iov = &bytes_[i];
+    messages_[i].msg_hdr.msg_iovlen = 1;
+  }
+}
+
+std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames) {
+  const std::size_t count = std::min(frames.size(), kMostFrames);
+  for (std::size_t i = 0; i < count; ++i) {
+    // The kernel only reads from it; iovec has no const form.
+    bytes_[i].iov_base = const_cast<std::uint8_t*>(frames[i].data());
+    bytes_[i].iov_len = frames[i].size();
+  }
+  std::size_t sent = 0;
+  std::optional<nanoseconds> give_up;
+  while (sent < count) {
+    // What keeps a frame from being sent is reported by the call that begins with it.
+    const int result = sendmmsg(descriptor_, &messages_[sent], static_cast<unsigned>(count - sent),
+                                MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (result > 0) {
+      sent += static_cast<std::size_t>(result);
+      give_up.reset();
+    } else if (!WaitForRoom(errno, give_up)) {
+      break;
+    }
+  }
+  return sent;
+}
+
+bool BurstSocket::WaitForRoom(int error, std::optional<nanoseconds>& give_up) const {
+  if (error == EINTR) {
+    return true;
+  }
+  const bool socket_full = error == EAGAIN;
+  const bool device_full = error == ENOBUFS;
+  if (!socket_full && !device_full) {
+    return false;
+  }
+  const nanoseconds now = platform::MonotonicNow();
+  if (!give_up) {
+    give_up = now + patience_;
+  }
+  if (now >= *give_up) {
+    return false;
+  }
+  if (socket_full) {
+    WaitUntilWritable(descriptor_, *give_up - now);
+  } else {
+    // Nothing reports that a device's own queue has room again.
+    SleepFor(kRetryInterval);
+  }
+  return true;
+}
+
+}  // namespace ipplayout

@@ -1,0 +1,37 @@
+// Sending bursts of frames through a packet socket.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <span>
+
+#include "driver/timed_batch.h"
+
+namespace ipplayout {
+
+// One system call per burst and no allocation. A full device queue is waited for; an adapter that
+// takes nothing for as long as `patience`, or any other error, counts as refusing the frame.
+class BurstSocket final : public BurstSender {
+ public:
+  // `descriptor` stays the caller's.
+  explicit BurstSocket(int descriptor, std::chrono::nanoseconds patience = std::chrono::seconds(1));
+  BurstSocket(const BurstSocket&) = delete;
+  BurstSocket& operator=(const BurstSocket&) = delete;
+
+  std::size_t SendBurst(std::span<const FrameBytes> frames) override;
+
+ private:
+  bool WaitForRoom(int error, std::optional<std::chrono::nanoseconds>& give_up) const;
+
+  const int descriptor_;
+  const std::chrono::nanoseconds patience_;
+  std::array<iovec, kMostFrames> bytes_{};
+  std::array<mmsghdr, kMostFrames> messages_{};
+};
+
+}  // namespace ipplayout

@@ -1,0 +1,129 @@
+#include "driver/pcap_handle.h"
+
+#include <fcntl.h>
+#include <linux/if_packet.h>
+#include <pcap.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <utility>
+
+#include "driver/timed_batch.h"
+#include "platform/clock.h"
+
+namespace ipplayout {
+namespace {
+
+// Frames go straight to the device, past its queueing discipline and past other capturing sockets.
+// Where the kernel has no such option they take the ordinary way.
+void BypassQueueingDiscipline(int descriptor) {
+  const int on = 1;
+  setsockopt(descriptor, SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on);
+}
+
+void WaitUntilReadable(int descriptor, std::chrono::nanoseconds limit) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
+  const timespec time{static_cast<time_t>(seconds.count()),
+                      static_cast<long>((limit - seconds).count())};
+  pollfd target{descriptor, POLLIN, 0};
+  ppoll(&target, 1, &time, nullptr);
+}
+
+class FilterProgram {
+ public:
+  FilterProgram() = default;
+  FilterProgram(const FilterProgram&) = delete;
+  FilterProgram& operator=(const FilterProgram&) = delete;
+  ~FilterProgram() { pcap_freecode(&program_); }
+
+  bpf_program* Get() { return &program_; }
+
+ private:
+  bpf_program program_{};
+};
+
+}  // namespace
+
+void PcapHandle::Close::operator()(pcap* capture) const {
+  pcap_close(capture);
+}
+
+PcapHandle::PcapHandle(Capture capture, std::chrono::milliseconds read_timeout)
+    : capture_(std::move(capture)),
+      descriptor_(pcap_fileno(capture_.get())),
+      read_timeout_(read_timeout),
+      sender_(descriptor_) {}
+
+std::unique_ptr<PcapHandle> PcapHandle::Open(const std::string& interface,
+                                             const OpenOptions& options) {
+  char error[PCAP_ERRBUF_SIZE];
+  Capture capture(pcap_create(interface.c_str(), error));
+  if (capture == nullptr) {
+    return nullptr;
+  }
+  pcap_set_snaplen(capture.get(), options.snapshot_length);
+  pcap_set_promisc(capture.get(), options.promiscuous ? 1 : 0);
+  pcap_set_timeout(capture.get(), static_cast<int>(options.read_timeout.count()));
+  // Otherwise the kernel holds frames back until a block is full or a timer of several
+  // milliseconds ends, which is longer than a reader with a read timeout of 1 ms waits.
+  pcap_set_immediate_mode(capture.get(), 1);
+  if (options.buffer_bytes > 0) {
+    pcap_set_buffer_size(capture.get(), options.buffer_bytes);
+  }
+  // Positive results are warnings.
+  if (pcap_activate(capture.get()) < 0 || pcap_setnonblock(capture.get(), 1, error) != 0) {
+    return nullptr;
+  }
+  std::unique_ptr<PcapHandle> handle(new PcapHandle(std::move(capture), options.read_timeout));
+  fcntl(handle->descriptor_, F_SETFD, FD_CLOEXEC);
+  BypassQueueingDiscipline(handle->descriptor_);
+  return handle;
+}
+
+int PcapHandle::DataLink() const {
+  return pcap_datalink(capture_.get());
+}
+
+FilterResult PcapHandle::SetFilter(const char* text, std::uint32_t netmask) {
+  FilterProgram program;
+  int code = pcap_compile(capture_.get(), program.Get(), text, 1, netmask);
+  if (code < 0) {
+    return {FilterResult::Stage::kCompile, code};
+  }
+  code = pcap_setfilter(capture_.get(), program.Get());
+  if (code < 0) {
+    return {FilterResult::Stage::kSet, code};
+  }
+  return {};
+}
+
+bool PcapHandle::SendFrame(std::span<const std::uint8_t> frame) {
+  return sender_.SendBurst({&frame, 1}) == 1;
+}
+
+std::size_t PcapHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
+                                      platform::DeadlineWaiter& waiter) {
+  return TransmitTimed(queue, synchronised, waiter, sender_);
+}
+
+std::optional<CapturedFrame> PcapHandle::NextFrame() {
+  // libpcap's own read timeout does not bound a read on Linux, so reads never block and the wait
+  // is ours.
+  const auto deadline = platform::MonotonicNow() + read_timeout_;
+  for (;;) {
+    pcap_pkthdr* header = nullptr;
+    const u_char* bytes = nullptr;
+    const int result = pcap_next_ex(capture_.get(), &header, &bytes);
+    if (result == 1) {
+      return CapturedFrame{header->ts.tv_sec, header->ts.tv_usec, {bytes, header->caplen}};
+    }
+    const auto left = deadline - platform::MonotonicNow();
+    if (result < 0 || left <= std::chrono::nanoseconds::zero()) {
+      return std::nullopt;
+    }
+    WaitUntilReadable(descriptor_, left);
+  }
+}
+
+}  // namespace ipplayout

@@ -1,0 +1,161 @@
+#include "payload/data_buffer.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/native_thread.h"
+#include "protocol/pdu.h"
+
+namespace ipplayout {
+
+CIPDataBuffer::CIPDataBuffer(std::uint32_t capacity) : storage_(capacity) {}
+
+bool CIPDataBuffer::Write(const std::uint8_t* data, std::uint32_t length) {
+  if (length > GetCapacity()) {
+    return false;
+  }
+  if (length == 0) {
+    return true;
+  }
+  {
+    std::unique_lock lock(writers_mutex_);
+    const std::uint64_t endings = run_endings_;
+    while (Free() < length) {
+      if (reader_gone_) {
+        return false;
+      }
+      writer_needs_.store(length);
+      if (Free() < length) {
+        space_freed_.wait(lock);
+      }
+      writer_needs_.store(0);
+      if (run_endings_ != endings) {
+        return false;
+      }
+    }
+    CopyIn(data, length);
+    written_.store(written_.load(std::memory_order_relaxed) + length);
+    if (!started_.load() && Fill() >= start_threshold_) {
+      started_.store(true);
+    }
+  }
+  WakeReader();
+  // Lets a pump on the same processor get at the data at once.
+  platform::YieldProcessor();
+  return true;
+}
+
+void CIPDataBuffer::CopyIn(const std::uint8_t* data, std::uint32_t length) {
+  const std::uint32_t to_end = std::min(length, GetCapacity() - write_position_);
+  std::memcpy(storage_.Data() + write_position_, data, to_end);
+  std::memcpy(storage_.Data(), data + to_end, length - to_end);
+  write_position_ = to_end == length ? write_position_ + length : length - to_end;
+}
+
+bool CIPDataBuffer::ReadPayload(PDU& pdu, std::uint32_t offset, std::uint32_t /*reserved*/) {
+  std::uint32_t wanted = pdu.Length() - offset;
+  if (wanted == 0) {
+    return false;
+  }
+  WaitUntilReadable(wanted);
+  if (const std::uint64_t held = Fill(); held < wanted) {
+    wanted = static_cast<std::uint32_t>(held);
+    pdu.SetLength(offset + wanted);
+    if (wanted == 0) {
+      return false;
+    }
+  }
+  CopyOut(pdu, offset, wanted);
+  read_.store(read_.load(std::memory_order_relaxed) + wanted);
+  WakeWriters();
+  return true;
+}
+
+void CIPDataBuffer::CopyOut(PDU& pdu, std::uint32_t offset, std::uint32_t length) {
+  const std::uint32_t to_end = std::min(length, GetCapacity() - read_position_);
+  pdu.WriteBytes(storage_.Data() + read_position_, to_end, offset);
+  pdu.WriteBytes(storage_.Data(), length - to_end, offset + to_end);
+  read_position_ = to_end == length ? read_position_ + length : length - to_end;
+}
+
+bool CIPDataBuffer::IsReadable(std::uint32_t wanted) const {
+  return started_.load() && (Fill() >= wanted || terminated_.load());
+}
+
+void CIPDataBuffer::WaitUntilReadable(std::uint32_t wanted) {
+  while (!IsReadable(wanted)) {
+    data_ready_.Reset();
+    reader_needs_.store(wanted);
+    if (!IsReadable(wanted)) {
+      data_ready_.Wait();
+    }
+    reader_needs_.store(0);
+  }
+}
+
+void CIPDataBuffer::WakeReader() {
+  const std::uint32_t needs = reader_needs_.load();
+  if (needs != 0 && IsReadable(needs)) {
+    data_ready_.Set();
+  }
+}
+
+void CIPDataBuffer::WakeWriters() {
+  const std::uint32_t needs = writer_needs_.load();
+  if (needs != 0 && Free() >= needs) {
+    // Taken so that a writer between its look at the space and its sleep is asleep by now.
+    { const std::lock_guard lock(writers_mutex_); }
+    space_freed_.notify_all();
+  }
+}
+
+bool CIPDataBuffer::Terminate() {
+  terminated_.store(true);
+  started_.store(true);
+  data_ready_.Set();
+  return true;
+}
+
+void CIPDataBuffer::BeginRun() {
+  const std::lock_guard lock(writers_mutex_);
+  reader_gone_ = false;
+}
+
+void CIPDataBuffer::EndRun() {
+  const std::lock_guard lock(writers_mutex_);
+  ReleaseWriters();
+}
+
+bool CIPDataBuffer::Reset() {
+  const std::lock_guard lock(writers_mutex_);
+  written_.store(0);
+  read_.store(0);
+  write_position_ = 0;
+  read_position_ = 0;
+  terminated_.store(false);
+  started_.store(false);
+  data_ready_.Reset();
+  ReleaseWriters();
+  return true;
+}
+
+void CIPDataBuffer::ReleaseWriters() {
+  ++run_endings_;
+  reader_gone_ = true;
+  space_freed_.notify_all();
+}
+
+bool CIPDataBuffer::SetStartThreshold(std::uint32_t bytes) {
+  if (GetCapacity() == 0) {
+    return false;
+  }
+  start_threshold_.store(bytes);
+  return true;
+}
+
+bool CIPDataBuffer::SetPacketSize(std::uint32_t bytes) {
+  packet_size_.store(bytes);
+  return true;
+}
+
+}  // namespace ipplayout

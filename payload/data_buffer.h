@@ -1,0 +1,90 @@
+// The ring in which transport stream bytes wait for the data pump.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include "payload/payload_source.h"
+#include "platform/pages.h"
+#include "platform/signal.h"
+
+namespace ipplayout {
+
+// Host threads write, the pump thread alone reads. Both block: a writer until its whole write fits,
+// the reader until a whole payload is there. Reading begins once the start threshold is reached.
+//
+// Reader and writer meet in the two totals only. Each side publishes its total, then looks at what
+// the other side needs; the other side publishes its need, then looks at the total. All four steps
+// are sequentially consistent, so one of the two always sees the other and no wake-up is lost.
+class CIPDataBuffer final : public PayloadSource {
+ public:
+  explicit CIPDataBuffer(std::uint32_t capacity);
+
+  bool ReadPayload(PDU& pdu, std::uint32_t offset, std::uint32_t reserved) override;
+  std::uint32_t GetPacketSize() const override { return packet_size_; }
+
+  // Appends all of the bytes. False, appending none, when they could never fit, when the run that
+  // would have made room has ended while the caller waited, or when the ring is full after the end
+  // of a run.
+  bool Write(const std::uint8_t* data, std::uint32_t length);
+
+  // Declares the end of the data: the reader takes what is left and then finds the end.
+  bool Terminate();
+
+  // A run is about to read; from here on a full ring makes writers wait. By the control thread.
+  void BeginRun();
+  // Nobody will read until the next BeginRun; releases blocked writers. By the reader.
+  void EndRun();
+  // Empties the ring for the next playout and releases blocked writers. While no run reads.
+  bool Reset();
+
+  bool IsEmpty() const { return Fill() == 0; }
+  std::uint32_t IsTerminated() const { return terminated_.load() ? 1 : 0; }
+  // The end was declared and everything written before it has been read.
+  bool HasEnded() const { return IsTerminated() != 0 && IsEmpty(); }
+
+  // Bytes that must be held before reading begins. False when there is no storage.
+  bool SetStartThreshold(std::uint32_t bytes);
+  bool SetPacketSize(std::uint32_t bytes);
+  // Size of the ring in bytes; 0 when its storage could not be had.
+  std::uint32_t GetCapacity() const { return static_cast<std::uint32_t>(storage_.Size()); }
+
+ private:
+  std::uint64_t Fill() const { return written_.load() - read_.load(); }
+  std::uint64_t Free() const { return storage_.Size() - Fill(); }
+  bool IsReadable(std::uint32_t wanted) const;
+  void WaitUntilReadable(std::uint32_t wanted);
+  void CopyIn(const std::uint8_t* data, std::uint32_t length);
+  void CopyOut(PDU& pdu, std::uint32_t offset, std::uint32_t length);
+  void WakeReader();
+  void WakeWriters();
+  void ReleaseWriters();
+
+  platform::Pages storage_;
+
+  // Set by the control thread while no run reads.
+  std::atomic<std::uint32_t> packet_size_{0};
+  std::atomic<std::uint32_t> start_threshold_{0};
+
+  std::atomic<bool> started_{false};
+  std::atomic<bool> terminated_{false};
+
+  // Guards the writing side: write_position_, run_endings_, reader_gone_.
+  std::mutex writers_mutex_;
+  std::condition_variable space_freed_;
+  std::uint32_t write_position_ = 0;
+  std::uint64_t run_endings_ = 0;
+  bool reader_gone_ = false;
+
+  // One cache line for what the writer stores, one for what the reader stores.
+  alignas(64) std::atomic<std::uint64_t> written_{0};
+  std::atomic<std::uint32_t> writer_needs_{0};  // bytes of space a blocked writer waits for
+  alignas(64) std::atomic<std::uint64_t> read_{0};
+  std::atomic<std::uint32_t> reader_needs_{0};  // bytes that a blocked reader waits for
+  std::uint32_t read_position_ = 0;             // reader only
+  alignas(64) platform::Signal data_ready_;
+};
+
+}  // namespace ipplayout

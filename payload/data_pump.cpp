@@ -1,0 +1,230 @@
+#include "payload/data_pump.h"
+
+#include <algorithm>
+#include <array>
+
+#include "payload/data_buffer.h"
+#include "payload/error_insertion_manager.h"
+#include "platform/clock.h"
+#include "platform/native_thread.h"
+#include "platform/random.h"
+#include "protocol/parametric_manager.h"
+#include "protocol/pdu.h"
+#include "protocol/replication_manager.h"
+#include "protocol/sender.h"
+#include "transmit/pcap_rt_interface.h"
+
+namespace ipplayout {
+namespace {
+
+// By the value of PlayerThreadPriority; any other leaves the thread as it is.
+constexpr std::array kPriorities = {
+    OsaThreadPriority::Idle(),    OsaThreadPriority::BelowNormal(),
+    OsaThreadPriority::Normal(),  OsaThreadPriority::AboveNormal(),
+    OsaThreadPriority::Highest(), OsaThreadPriority::TimeCritical(),
+};
+
+}  // namespace
+
+ZEBIPDataPump::ZEBIPDataPump() : OsaThread("DataPumpThread", 0, OsaThreadPriority::AboveNormal()) {}
+
+bool ZEBIPDataPump::Start() {
+  Join();
+  error_code_.store(0);
+  ClearStatistics();
+  source_->BeginRun();
+  {
+    const std::lock_guard lock(completion_mutex_);
+    complete_ = false;
+    ++run_number_;
+  }
+  const bool started = OsaThread::Start();
+  if (!started) {
+    EndRun();
+  }
+  return started;
+}
+
+void ZEBIPDataPump::Stop() {
+  OsaThread::Stop();
+  Pause(false);
+}
+
+void ZEBIPDataPump::Pause(bool on) {
+  const std::lock_guard lock(pause_mutex_);
+  if (on) {
+    paused_ = true;
+    return;
+  }
+  paused_ = false;
+  ++resume_count_;
+  resumed_.notify_all();
+}
+
+bool ZEBIPDataPump::IsComplete() {
+  const std::lock_guard lock(completion_mutex_);
+  return complete_;
+}
+
+void ZEBIPDataPump::WaitUntilComplete() {
+  std::unique_lock lock(completion_mutex_);
+  const std::uint64_t run = run_number_;
+  completed_.wait(lock, [this, run] { return complete_ || run_number_ != run; });
+}
+
+void ZEBIPDataPump::AddCompletionEvent(platform::EventHandle event) {
+  const std::lock_guard lock(completion_mutex_);
+  completion_events_.push_back(event);
+}
+
+void ZEBIPDataPump::WithdrawCompletionEvent(platform::EventHandle event) {
+  const std::lock_guard lock(completion_mutex_);
+  // The newest registration: the temporary one where a host has registered the same number.
+  const auto found = std::find(completion_events_.rbegin(), completion_events_.rend(), event);
+  if (found != completion_events_.rend()) {
+    completion_events_.erase(std::next(found).base());
+  }
+}
+
+bool ZEBIPDataPump::GetStatistics(PlayoutStatistics* out) {
+  const std::lock_guard lock(statistics_mutex_);
+  *out = statistics_;
+  return true;
+}
+
+void ZEBIPDataPump::ClearStatistics() {
+  const std::lock_guard lock(statistics_mutex_);
+  statistics_ = {};
+}
+
+void ZEBIPDataPump::Run() {
+  ApplyThreadPriority();
+  platform::UseFinestTimerSlack();  // for the last batch, which this thread sends itself
+  try {
+    SendDatagrams();
+  } catch (...) {
+    // Out of memory, for the frame or for a frame held back.
+    error_code_.store(kFailed);
+  }
+  EndRun();
+}
+
+void ZEBIPDataPump::ApplyThreadPriority() {
+  const std::int32_t value = parameters_->GetThreadPriority();
+  if (value >= 0 && value < static_cast<std::int32_t>(kPriorities.size())) {
+    SetPriority(kPriorities[static_cast<std::size_t>(value)]);
+  }
+}
+
+void ZEBIPDataPump::SendDatagrams() {
+  header_room_ = top_layer_->GetHeaderLength();
+  payload_bytes_ = 0;
+  packet_size_ = source_->GetPacketSize();
+  stopping_ = false;
+  flushed_ = false;
+  PDU frame(datagram_size_);
+  platform::SeedRandom(platform::MonotonicMilliseconds());
+  std::uint64_t index = 0;
+  while (!stopping_) {
+    stopping_ = StopRequested();
+    replication_->StartDatagram();
+    if (!stopping_) {
+      WaitWhilePaused();
+      stopping_ = StopRequested();
+    }
+    errors_->PrepareForPacket(index);
+    if (!source_->ReadPayload(frame, header_room_, 0)) {
+      break;
+    }
+    if (!SendAllCopies(frame)) {
+      error_code_.store(kFailed);
+      return;
+    }
+    CountDatagram(frame);
+    ++index;
+    if (frame.Length() != datagram_size_) {
+      frame.SetLength(datagram_size_);
+    }
+    if (flushed_) {
+      break;
+    }
+  }
+  if (!flushed_) {
+    Flush();
+  }
+}
+
+void ZEBIPDataPump::WaitWhilePaused() {
+  std::unique_lock lock(pause_mutex_);
+  // Stop raises its request before it takes the mutex to end a pause, so one of the two is seen.
+  if (paused_ && !StopRequested()) {
+    const std::uint64_t resumes = resume_count_;
+    resumed_.wait(lock, [this, resumes] { return resume_count_ != resumes; });
+  }
+}
+
+bool ZEBIPDataPump::SendAllCopies(PDU& frame) {
+  const std::int32_t extra_copies =
+      replication_->IsEnabled() != 0 ? replication_->GetReplicationCount() : 0;
+  for (std::int32_t copy = 0; copy < extra_copies; ++copy) {
+    if (!top_layer_->Send(frame)) {
+      return false;
+    }
+    replication_->NextCopy();
+  }
+  if (!top_layer_->Send(frame)) {
+    return false;
+  }
+  // After the last copy of the last datagram, what is still queued leaves.
+  if (stopping_ || source_->HasEnded()) {
+    Flush();
+  }
+  return true;
+}
+
+void ZEBIPDataPump::Flush() {
+  interface_->FlushLastQueue();
+  flushed_ = true;
+}
+
+void ZEBIPDataPump::CountDatagram(const PDU& frame) {
+  const std::uint32_t payload = frame.Length() - header_room_;
+  if (errors_->WasPacketLost()) {
+    errors_->AddLostBytes(static_cast<std::int32_t>(payload));
+    errors_->CountLostPacket();
+  }
+  const std::lock_guard lock(statistics_mutex_);
+  ++statistics_.DatagramsSent;
+  statistics_.BytesSent += frame.Length();
+  statistics_.DatagramSize = datagram_size_;
+  if (raw_payload_) {
+    statistics_.TSBytesSent += payload;
+  } else {
+    payload_bytes_ += payload;
+    statistics_.TSPacketsSent = static_cast<std::uint64_t>(payload_bytes_ / packet_size_);
+    statistics_.TSBytesSent =
+        static_cast<std::uint64_t>(payload_bytes_ * ts_packet_size_ / packet_size_);
+    statistics_.TSPacketSize = ts_packet_size_;
+  }
+  ErrorStatistics errors;
+  errors_->CopyStatistics(errors);
+  statistics_.LostPackets = errors.lost_packets;
+  statistics_.SequenceErrors = errors.sequence_errors;
+  statistics_.IPChecksumErrors = errors.ip_checksum_errors;
+  statistics_.UDPChecksumErrors = errors.udp_checksum_errors;
+  statistics_.Jitter = errors.jitter;
+  statistics_.LostBytes = errors.lost_bytes;
+}
+
+void ZEBIPDataPump::EndRun() {
+  source_->EndRun();
+  const std::lock_guard lock(completion_mutex_);
+  complete_ = true;
+  interface_->SignalQueueReady();
+  for (const platform::EventHandle event : completion_events_) {
+    platform::SignalHostEvent(event);
+  }
+  completed_.notify_all();
+}
+
+}  // namespace ipplayout

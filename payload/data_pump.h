@@ -1,0 +1,112 @@
+// The worker thread that turns the stream into datagrams and hands them down the protocol chain.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "ipplayout/ipplayout.h"
+#include "platform/host_event.h"
+#include "transmit/osa_thread.h"
+
+namespace ipplayout {
+
+class CErrorInsertionManager;
+class CIPDataBuffer;
+class CParametricManagerBase;
+class CReplicationMgrBase;
+class PcapRtInterface;
+class PDU;
+class Sender;
+
+// One instance lives as long as the library. The setters are called while no run is in progress,
+// the rest by host threads at any time. Pointers are not owned and outlive the run.
+class ZEBIPDataPump final : public OsaThread {
+ public:
+  static constexpr std::int32_t kFailed = -800;
+
+  ZEBIPDataPump();
+
+  void SetPayloadSource(CIPDataBuffer* source) { source_ = source; }
+  void SetTopLayer(Sender* top) { top_layer_ = top; }
+  void SetCaptureInterface(PcapRtInterface* interface) { interface_ = interface; }
+  void SetErrorManager(CErrorInsertionManager* manager) { errors_ = manager; }
+  void SetReplicationManager(CReplicationMgrBase* manager) { replication_ = manager; }
+  void SetParametricManager(const CParametricManagerBase* manager) { parameters_ = manager; }
+  // Bytes of a whole frame, headers included.
+  void SetDatagramSize(std::uint32_t bytes) { datagram_size_ = bytes; }
+  // The stream has no packets: payloads are cut at any byte.
+  void SetRawPayload(bool raw) { raw_payload_ = raw; }
+  // Bytes that a transport stream packet counts for in the statistics.
+  void SetTsPacketSize(std::uint32_t bytes) { ts_packet_size_ = bytes; }
+
+  // From its return on the run is in progress and its statistics are the ones reported, however
+  // late the thread begins.
+  bool Start();
+  // Noticed at the next datagram, which is still sent. Ends a pause.
+  void Stop() override;
+
+  // Takes effect between datagrams.
+  void Pause(bool on);
+  // No run is in progress.
+  bool IsComplete();
+  // Waits for the end of the run in progress, if there is one.
+  void WaitUntilComplete();
+
+  // Signals `event` at the end of every run from now on, until it is withdrawn.
+  void AddCompletionEvent(platform::EventHandle event);
+  // Afterwards the event is not signalled any more; one registration is taken back.
+  void WithdrawCompletionEvent(platform::EventHandle event);
+
+  bool GetStatistics(PlayoutStatistics* out);
+  void ClearStatistics();
+  // 0, or kFailed after a layer failed to take a frame, until the next run.
+  std::int32_t GetErrorCode() const { return error_code_.load(); }
+
+ private:
+  void Run() override;
+  void ApplyThreadPriority();
+  void SendDatagrams();
+  bool SendAllCopies(PDU& frame);
+  void WaitWhilePaused();
+  void CountDatagram(const PDU& frame);
+  void Flush();
+  void EndRun();
+
+  CIPDataBuffer* source_ = nullptr;
+  Sender* top_layer_ = nullptr;
+  PcapRtInterface* interface_ = nullptr;
+  CErrorInsertionManager* errors_ = nullptr;
+  CReplicationMgrBase* replication_ = nullptr;
+  const CParametricManagerBase* parameters_ = nullptr;
+  std::uint32_t datagram_size_ = 0;
+  bool raw_payload_ = false;
+  std::uint32_t ts_packet_size_ = 0;
+
+  // Pump thread only, for one run.
+  std::uint32_t header_room_ = 0;
+  double payload_bytes_ = 0;
+  double packet_size_ = 0;
+  bool stopping_ = false;
+  bool flushed_ = false;
+
+  std::atomic<std::int32_t> error_code_{0};
+
+  std::mutex statistics_mutex_;  // guards statistics_
+  PlayoutStatistics statistics_{};
+
+  std::mutex completion_mutex_;  // guards the four below; events are signalled under it
+  std::condition_variable completed_;
+  bool complete_ = true;
+  std::uint64_t run_number_ = 0;
+  std::vector<platform::EventHandle> completion_events_;
+
+  std::mutex pause_mutex_;  // guards the two below
+  std::condition_variable resumed_;
+  bool paused_ = false;
+  std::uint64_t resume_count_ = 0;
+};
+
+}  // namespace ipplayout

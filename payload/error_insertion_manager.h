@@ -1,0 +1,99 @@
+// Decides which datagrams of a playout are lost, delayed or sent with a wrong checksum.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+#include "payload/error_manager_base.h"
+#include "payload/error_schedule.h"
+#include "protocol/pdu.h"
+
+namespace ipplayout {
+
+// Errors are scheduled by the settings, or requested one at a time. The pump thread announces each
+// datagram, asks and counts; host threads raise requests and clear the statistics at any time, and
+// configure and reset only while no run is in progress.
+class CErrorInsertionManager final : public CErrorManagerBase {
+ public:
+  // Sequence errors are scheduled and accepted only while `sequence_errors_allowed` says so; it is
+  // read at every datagram and must outlive this object.
+  explicit CErrorInsertionManager(bool (*sequence_errors_allowed)());
+
+  void Configure(ErrorInsertion settings) override;
+  void Reset() override;
+  void PrepareForPacket(std::uint64_t index) override;
+  std::uint32_t IsPacketLoss(std::int32_t consume) override;
+  std::uint32_t IsSequenceError(std::int32_t consume) override;
+  std::uint32_t IsIpChecksumError(std::int32_t consume) override;
+  std::uint32_t IsUdpChecksumError(std::int32_t consume) override;
+  void CountLostPacket() override { lost_packets_.fetch_add(1, std::memory_order_relaxed); }
+  void AddLostBytes(std::int32_t bytes) override {
+    lost_bytes_.fetch_add(bytes, std::memory_order_relaxed);
+  }
+  void CountSequenceError() override { sequence_errors_.fetch_add(1, std::memory_order_relaxed); }
+  void CountIpChecksumError() override {
+    ip_checksum_errors_.fetch_add(1, std::memory_order_relaxed);
+  }
+  void CountUdpChecksumError() override {
+    udp_checksum_errors_.fetch_add(1, std::memory_order_relaxed);
+  }
+  void SetJitter(double jitter) override { jitter_.store(jitter, std::memory_order_relaxed); }
+  bool CopyStatistics(ErrorStatistics& out) const override;
+  std::uint32_t IsEnabled() const override { return settings_.ErrInsertionEnable; }
+  bool HoldFrame(PDU& frame, std::uint32_t copy_index) override;
+  PDU* GetHeldFrame(std::uint32_t copy_index) override;
+  void ReleaseHeldFrame(std::uint32_t copy_index) override;
+
+  // Whether the datagram announced last was dropped: what the consuming query has answered. The
+  // pump counts by this and not by a look beforehand, since a request may be raised in between.
+  bool WasPacketLost() const { return packet_lost_; }
+
+  void ClearStatistics();
+
+  // One-shot requests: the next datagram that is built is damaged once. Any thread.
+  void GeneratePacketLoss() { Raise(kLoss); }
+  void GenerateSequenceError();
+  void GenerateIPChecksumError() { Raise(kIpChecksum); }
+  void GenerateUDPChecksumError() { Raise(kUdpChecksum); }
+
+ private:
+  enum Request : std::size_t { kLoss, kSequence, kIpChecksum, kUdpChecksum, kRequests };
+
+  void Raise(Request request) { requests_[request].store(1, std::memory_order_release); }
+  bool Take(Request request, std::int32_t consume);
+  void ClearDecisions();
+  std::uint64_t HeldFrameKey(std::uint64_t index, std::uint32_t copy_index) const;
+
+  bool (*sequence_errors_allowed_)();
+  ErrorInsertion settings_{};
+  ErrorSchedule loss_;
+  ErrorSchedule sequence_;
+  ErrorSchedule checksum_;
+  bool loss_scheduled_ = false;
+  bool sequence_scheduled_ = false;
+  bool checksum_scheduled_ = false;
+  bool packet_lost_ = false;
+  std::uint64_t current_index_ = 0;
+  std::uint64_t due_index_ = 0;
+
+  // Raised by host threads, taken by the pump thread: one atomic each is its own lock.
+  std::array<std::atomic<std::uint32_t>, kRequests> requests_{};
+
+  std::mutex held_frames_mutex_;  // guards held_frames_
+  std::map<std::uint64_t, PDU> held_frames_;
+  // Lets the usual datagram, with nothing held back, pass without the mutex. Pump thread only.
+  bool any_held_ = false;
+  PDU returned_frame_;
+
+  std::atomic<std::uint64_t> lost_packets_{0};
+  std::atomic<std::uint64_t> sequence_errors_{0};
+  std::atomic<std::uint64_t> ip_checksum_errors_{0};
+  std::atomic<std::uint64_t> udp_checksum_errors_{0};
+  std::atomic<double> jitter_{0};
+  std::atomic<std::int64_t> lost_bytes_{0};
+};
+
+}  // namespace ipplayout

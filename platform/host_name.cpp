@@ -1,0 +1,65 @@
+#include "platform/host_name.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <optional>
+
+namespace ipplayout::platform {
+namespace {
+
+IPv4Address ToIPv4(const sockaddr* address) {
+  sockaddr_in ipv4{};
+  std::memcpy(&ipv4, address, sizeof ipv4);
+  IPv4Address result{};
+  std::memcpy(result.data(), &ipv4.sin_addr, result.size());
+  return result;
+}
+
+std::optional<IPv4Address> AddressOfName() {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0) {
+    return std::nullopt;
+  }
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;  // one entry per address
+  addrinfo* first = nullptr;
+  if (getaddrinfo(name, nullptr, &hints, &first) != 0 || first == nullptr) {
+    return std::nullopt;
+  }
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(first, freeaddrinfo);
+  return ToIPv4(first->ai_addr);
+}
+
+std::optional<IPv4Address> AddressOfInterfaces() {
+  ifaddrs* first = nullptr;
+  if (getifaddrs(&first) != 0) {
+    return std::nullopt;
+  }
+  const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> list(first, freeifaddrs);
+  for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
+    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET &&
+        (entry->ifa_flags & IFF_LOOPBACK) == 0) {
+      return ToIPv4(entry->ifa_addr);
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+IPv4Address HostAddress() {
+  if (const auto named = AddressOfName()) {
+    return *named;
+  }
+  return AddressOfInterfaces().value_or(IPv4Address{127, 0, 0, 1});
+}
+
+}  // namespace ipplayout::platform

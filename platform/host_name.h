@@ -1,0 +1,13 @@
+// The machine's own name and address.
+#pragma once
+
+#include "platform/address_text.h"
+
+namespace ipplayout::platform {
+
+// The first IPv4 address of the machine's host name. When the name has none: the first IPv4 address
+// of the machine's interfaces but for loopback, and without one 127.0.0.1. May ask the name
+// service.
+IPv4Address HostAddress();
+
+}  // namespace ipplayout::platform

@@ -1,0 +1,102 @@
+#!/usr/bin/env python3
+"""Installs the build into a folder of its own and uses it as others do: a C11 host through
+pkg-config, a C++20 host through find_package, the library's name and the list of its symbols."""
+
+import argparse
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import unittest
+
+WARNINGS = ["-Werror", "-Wall", "-Wextra", "-Wpedantic", "-Wconversion"]
+PACKAGE = pathlib.Path(__file__).resolve().parent / "package"
+DECLARATION = re.compile(r"^[a-zA-Z][\w *]*?\b(\w+)\([^;()]*\)(?: __asm__\([^)]*\))?;", re.MULTILINE)
+options = None
+
+
+def run(*command, **keywords):
+    result = subprocess.run([str(word) for word in command], text=True, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, **keywords)
+    if result.returncode != 0:
+        raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}")
+    return result.stdout
+
+
+def mapped_symbols():
+    text = re.sub(r"/\*.*?\*/", "", options.map.read_text(encoding="utf-8"), flags=re.DOTALL)
+    symbols = re.search(r"global:(.*)local:\s*\*;", text, re.DOTALL).group(1)
+    return [name.strip() for name in symbols.split(";") if name.strip()]
+
+
+class InstalledPackage(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="ipplayout-consumer-")
+        cls.addClassCleanup(folder.cleanup)
+        cls.root = pathlib.Path(folder.name)
+        cls.stage = cls.root / "stage"
+        # Staged, as packages are made, since the pkg-config file names the final folders.
+        run(options.cmake, "--install", options.build, "--config", options.config,
+            env={**os.environ, "DESTDIR": str(cls.stage)})
+        cls.library = cls.find("libipplayout.so.1")
+        cls.flags = [f"-fsanitize={options.sanitize}"] if options.sanitize else []
+
+    @classmethod
+    def find(cls, name):
+        found = list(cls.stage.rglob(name))
+        assert len(found) == 1, f"{name} is installed {len(found)} times"
+        return found[0]
+
+    def run_host(self, host):
+        run(host, env={**os.environ, "LD_LIBRARY_PATH": str(self.library.parent)})
+
+    def test_c11_host_through_pkg_config(self):
+        flags = run("pkg-config", "--cflags", "--libs", "ipplayout", env={
+            **os.environ, "PKG_CONFIG_PATH": str(self.find("ipplayout.pc").parent),
+            "PKG_CONFIG_SYSROOT_DIR": str(self.stage)}).split()
+        host = self.root / "c_host"
+        run(options.cc, "-std=c11", *WARNINGS, *self.flags, PACKAGE / "host.c", "-o", host, *flags)
+        self.run_host(host)
+
+    def test_cpp20_host_through_find_package(self):
+        build = self.root / "cpp"
+        run(options.cmake, "-S", PACKAGE, "-B", build, f"-DCMAKE_CXX_COMPILER={options.cxx}",
+            f"-Dipplayout_DIR={self.find('ipplayoutConfig.cmake').parent}",
+            "-DCMAKE_CXX_EXTENSIONS=OFF", f"-DCMAKE_CXX_FLAGS={' '.join(WARNINGS + self.flags)}")
+        run(options.cmake, "--build", build)
+        self.run_host(build / "host")
+
+    def test_the_library_has_its_fixed_name(self):
+        self.assertIn("[libipplayout.so.1]", run("readelf", "-d", self.library))
+
+    def test_exactly_the_listed_symbols_are_exported(self):
+        lines = run("nm", "-D", "--defined-only", self.library).splitlines()
+        self.assertEqual(sorted(line.split()[-1] for line in lines), sorted(mapped_symbols()))
+
+    def test_exactly_the_listed_functions_are_declared(self):
+        folder = self.find("ipplayout.h").parent
+        declared = set()
+        for header in folder.glob("*.h"):
+            text = re.sub(r"//.*", "", header.read_text(encoding="utf-8"))
+            declared.update(DECLARATION.findall(text))
+        listed = {"GetIpAddressBytes" if name.startswith("_Z") else name
+                  for name in mapped_symbols()}
+        self.assertEqual(declared, listed)
+
+
+def main():
+    global options
+    parser = argparse.ArgumentParser()
+    for name in ("build", "map"):
+        parser.add_argument(f"--{name}", type=pathlib.Path, required=True)
+    for name in ("cmake", "cc", "cxx", "config"):
+        parser.add_argument(f"--{name}", required=True)
+    parser.add_argument("--sanitize", default="")
+    options, rest = parser.parse_known_args()
+    unittest.main(argv=[__file__, *rest])
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,136 @@
+#include "tests/support/fake_driver.h"
+
+namespace ipplayout {
+
+class FakeHandle final : public CaptureHandle {
+ public:
+  explicit FakeHandle(FakeDriver& driver) : driver_(driver) {
+    const std::lock_guard lock(driver_.mutex_);
+    ++driver_.open_handles_;
+  }
+  ~FakeHandle() override {
+    const std::lock_guard lock(driver_.mutex_);
+    --driver_.open_handles_;
+  }
+
+  int DataLink() const override { return driver_.data_link; }
+
+  FilterResult SetFilter(const char* text, std::uint32_t netmask) override {
+    const std::lock_guard lock(driver_.mutex_);
+    driver_.filters_.emplace_back(text, netmask);
+    return driver_.filter_result;
+  }
+
+  bool SendFrame(std::span<const std::uint8_t> frame) override {
+    return driver_.Take({{frame.begin(), frame.end()}, std::nullopt, {}, 0});
+  }
+
+  // Timed as the real driver times it, on the waiter's clock.
+  std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
+                            platform::DeadlineWaiter& waiter) override {
+    Recorder recorder(driver_, queue, waiter, driver_.Batches());
+    const std::size_t sent = TransmitTimed(queue, synchronised, waiter, recorder);
+    const std::lock_guard lock(driver_.mutex_);
+    ++driver_.batches_;
+    return sent;
+  }
+
+  std::optional<CapturedFrame> NextFrame() override {
+    const auto frame = driver_.Read();
+    if (!frame || frame->bytes.empty()) {
+      return std::nullopt;
+    }
+    last_read_ = frame->bytes;
+    return CapturedFrame{frame->seconds, frame->microseconds, last_read_};
+  }
+
+ private:
+  class Recorder final : public BurstSender {
+   public:
+    Recorder(FakeDriver& driver, const SendQueue& queue, const platform::DeadlineWaiter& waiter,
+             std::size_t batch)
+        : driver_(driver), queue_(queue), waiter_(waiter), batch_(batch) {}
+
+    std::size_t SendBurst(std::span<const FrameBytes> frames) override {
+      const auto now = waiter_.Now();
+      std::size_t sent = 0;
+      for (const FrameBytes bytes : frames) {
+        const SendQueue::Frame queued = queue_.At(position_);
+        if (!driver_.Take({{bytes.begin(), bytes.end()}, queued.header, now, batch_})) {
+          break;
+        }
+        position_ = SendQueue::NextPosition(position_, queued);
+        ++sent;
+      }
+      return sent;
+    }
+
+   private:
+    FakeDriver& driver_;
+    const SendQueue& queue_;
+    const platform::DeadlineWaiter& waiter_;
+    const std::size_t batch_;
+    std::size_t position_ = 0;
+  };
+
+  FakeDriver& driver_;
+  std::vector<std::uint8_t> last_read_;
+};
+
+std::unique_ptr<CaptureHandle> FakeDriver::Open(const std::string& name,
+                                                const OpenOptions& options) {
+  {
+    const std::lock_guard lock(mutex_);
+    opened_.push_back({name, options});
+  }
+  return refuse_open ? nullptr : std::make_unique<FakeHandle>(*this);
+}
+
+CaptureDriver::MacResult FakeDriver::QueryMac(const std::string& adapter, MacAddress& mac,
+                                              unsigned long& error) {
+  const std::lock_guard lock(mutex_);
+  mac_queries_.push_back(adapter);
+  const auto known = macs.find(adapter);
+  const auto scripted = mac_results.find(adapter);
+  MacResult result = known == macs.end() ? MacResult::kNotOpened : MacResult::kDone;
+  if (scripted != mac_results.end()) {
+    result = scripted->second;
+  }
+  if (result == MacResult::kNotOpened) {
+    error = system_error;
+  } else if (result == MacResult::kDone && known != macs.end()) {
+    mac = known->second;
+  }
+  return result;
+}
+
+bool FakeDriver::Take(SentFrame frame) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (accept_ == 0) {
+      return false;
+    }
+    if (accept_ != kUnlimited) {
+      --accept_;
+    }
+  }
+  if (on_sent) {
+    on_sent(frame);
+  }
+  const std::lock_guard lock(mutex_);
+  sent_.push_back(std::move(frame));
+  return true;
+}
+
+std::optional<FakeDriver::ReceivedFrame> FakeDriver::Read() {
+  const std::lock_guard lock(mutex_);
+  ++reads_;
+  if (received_.empty()) {
+    return std::nullopt;
+  }
+  ReceivedFrame frame = std::move(received_.front());
+  received_.pop_front();
+  return frame;
+}
+
+}  // namespace ipplayout

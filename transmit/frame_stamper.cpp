@@ -1,0 +1,101 @@
+#include "transmit/frame_stamper.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ipplayout {
+namespace {
+
+constexpr std::int32_t kMicrosecondsPerSecond = 1000000;
+// Longest time that is told apart, in seconds: eleven days between two frames.
+constexpr double kLongestTime = 1e6;
+
+}  // namespace
+
+void FrameStamper::Begin(double packet_time, CParametricManagerBase* parameters) {
+  *this = FrameStamper();
+  parameters_ = parameters;
+  jitter_on_ = parameters != nullptr && parameters->IsJitterEnabled() != 0;
+  burst_mode_ = parameters != nullptr && parameters->IsBurstMode() != 0;
+  BeginBatch(packet_time, packet_time);
+}
+
+void FrameStamper::BeginBatch(double gap, double start_advance) {
+  gap_ = gap;
+  gap_time_ = Split(gap);
+  start_advance_ = start_advance;
+  jitter_sum_ = 0;
+}
+
+FrameHeader FrameStamper::Stamp(std::uint32_t length, bool first_of_batch) {
+  if (first_of_batch) {
+    pending_ = {};
+    if (total_count_ != 0) {
+      AdvanceClock(start_advance_);
+    }
+  } else if (!burst_mode_) {
+    Advance(pending_, gap_time_);
+    Advance(send_clock_, gap_time_);
+  }
+  if (jitter_on_) {
+    ApplyJitter(first_of_batch);
+  }
+  ++total_count_;
+  UpdateEstimate();
+  return {static_cast<std::uint32_t>(pending_.seconds),
+          static_cast<std::uint32_t>(pending_.microseconds), length, length};
+}
+
+FrameStamper::Time FrameStamper::Split(double seconds) {
+  const double limited = std::clamp(seconds, -kLongestTime, kLongestTime);
+  const auto whole = static_cast<std::int32_t>(limited);
+  return {whole, static_cast<std::int32_t>((limited - whole) * kMicrosecondsPerSecond)};
+}
+
+void FrameStamper::Advance(Time& time, const Time& by) {
+  time.seconds += by.seconds;
+  time.microseconds += by.microseconds;
+  if (time.microseconds >= kMicrosecondsPerSecond) {
+    ++time.seconds;
+    time.microseconds -= kMicrosecondsPerSecond;
+  }
+}
+
+// The fraction is added before it is cut to microseconds, unlike a gap's.
+void FrameStamper::AdvanceClock(double by) {
+  const double limited = std::min(by, kLongestTime);
+  const auto whole = static_cast<std::int32_t>(limited);
+  const double fraction = (limited - whole) * kMicrosecondsPerSecond;
+  send_clock_.seconds += whole;
+  send_clock_.microseconds = static_cast<std::int32_t>(fraction + send_clock_.microseconds);
+  if (send_clock_.microseconds >= kMicrosecondsPerSecond) {
+    ++send_clock_.seconds;
+    send_clock_.microseconds -= kMicrosecondsPerSecond;
+  }
+}
+
+void FrameStamper::ApplyJitter(bool first_of_batch) {
+  double offset = 0;
+  if (!first_of_batch) {
+    offset = std::max(parameters_->NextJitter(gap_, total_count_), -gap_);
+  }
+  if (!std::isfinite(offset)) {
+    offset = 0;  // of a jitter period that is no number
+  }
+  jitter_sum_ += offset;
+  const Time split = Split(offset);
+  parameters_->AddTime(split.seconds, split.microseconds, pending_.seconds, pending_.microseconds);
+  parameters_->AddTime(split.seconds, split.microseconds, send_clock_.seconds,
+                       send_clock_.microseconds);
+}
+
+void FrameStamper::UpdateEstimate() {
+  const double time = send_clock_.seconds + send_clock_.microseconds * 0.000001;
+  const double interval = time - previous_time_;
+  const double deviation = std::abs(interval - previous_interval_);
+  estimate_ += (deviation - estimate_) * 0.0625;
+  previous_time_ = time;
+  previous_interval_ = interval;
+}
+
+}  // namespace ipplayout

@@ -1,0 +1,56 @@
+// Time stamps of the frames of a batch, and the running estimate of their jitter. No I/O.
+#pragma once
+
+#include <cstdint>
+
+#include "driver/send_queue.h"
+#include "protocol/parametric_manager.h"
+
+namespace ipplayout {
+
+// Frames of one batch are one gap apart, counted from its first frame; in burst mode they share the
+// first one's stamp. Belongs to the data pump thread.
+class FrameStamper {
+ public:
+  // A new run with frames `packet_time` seconds apart. `parameters` may be null: no jitter.
+  void Begin(double packet_time, CParametricManagerBase* parameters);
+
+  // Stamps the next frame, which is `length` bytes long.
+  FrameHeader Stamp(std::uint32_t length, bool first_of_batch);
+
+  // The next batch: its gap in seconds, and how far its first frame lies behind the last one.
+  void BeginBatch(double gap, double start_advance);
+
+  // Jitter offsets applied since BeginBatch, in seconds.
+  double JitterSum() const { return jitter_sum_; }
+  // RFC 3550 section 6.4.1 style estimate over the intended send times, in seconds.
+  double JitterEstimate() const { return estimate_; }
+
+ private:
+  struct Time {
+    std::int32_t seconds = 0;
+    std::int32_t microseconds = 0;
+  };
+
+  static Time Split(double seconds);
+  static void Advance(Time& time, const Time& by);
+  void AdvanceClock(double by);
+  void ApplyJitter(bool first_of_batch);
+  void UpdateEstimate();
+
+  CParametricManagerBase* parameters_ = nullptr;
+  bool jitter_on_ = false;
+  bool burst_mode_ = false;
+  double gap_ = 0;
+  Time gap_time_;
+  double start_advance_ = 0;
+  std::int64_t total_count_ = 0;
+  Time pending_;     // since the first frame of the batch
+  Time send_clock_;  // since the first frame of the run
+  double jitter_sum_ = 0;
+  double previous_time_ = 0;
+  double previous_interval_ = 0;
+  double estimate_ = 0;
+};
+
+}  // namespace ipplayout

@@ -1,0 +1,104 @@
+#include "transmit/packet_transmitter.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "payload/timestamp.h"
+#include "transmit/batch_pacer.h"
+#include "transmit/pcap_rt_interface.h"
+
+namespace ipplayout {
+namespace {
+
+// Some thirty years: keeps a point in time far in the future within nanoseconds of 64 bits.
+constexpr double kLatestSeconds = 1e9;
+
+std::chrono::nanoseconds ToNanoseconds(const Timestamp& time) {
+  const double seconds = std::min(time.Seconds(), kLatestSeconds);
+  return std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9));
+}
+
+}  // namespace
+
+PacketTransmitterThread::PacketTransmitterThread()
+    : OsaThread("PacketTransmitterThread", 0, OsaThreadPriority::BelowNormal()) {}
+
+bool PacketTransmitterThread::Start() {
+  Join();
+  finished_.Reset();
+  running_.store(true);
+  const bool started = OsaThread::Start();
+  if (!started) {
+    running_.store(false);
+  }
+  return started;
+}
+
+void PacketTransmitterThread::Stop() {
+  OsaThread::Stop();
+  if (interface_ != nullptr) {
+    interface_->SignalQueueReady();
+  }
+}
+
+void PacketTransmitterThread::WaitUntilFinished() {
+  if (running_.load()) {
+    finished_.Wait();
+    running_.store(false);
+  }
+}
+
+void PacketTransmitterThread::Run() {
+  if (!platform::UseFinestTimerSlack()) {
+    std::printf("timeBeginPeriod failed");
+  }
+  TransmitBatches();
+  finished_.Set();
+}
+
+void PacketTransmitterThread::TransmitBatches() {
+  const bool jitter = parameters_->IsJitterEnabled() != 0;
+  BatchPacer pacer(interface_->GetPacketTime(), interface_->GetPacketsPerQueue(),
+                   parameters_->IsBurstMode() != 0);
+  Timestamp mark;
+  bool first = true;
+  while (!StopRequested() && !interface_->IsFinished()) {
+    interface_->WaitForQueue();
+    if (StopRequested() && !interface_->HasBatch()) {
+      return;
+    }
+    double jitter_sum = 0;
+    if (jitter) {
+      jitter_sum = interface_->GetJitterSum();
+      interface_->ClearJitterSum();
+    }
+    if (first) {
+      mark = Timestamp(interface_->Waiter().Now());
+      first = false;
+    } else {
+      PaceBatch(pacer, mark, jitter_sum);
+    }
+    if (interface_->TransmitQueue() == 0) {
+      return;
+    }
+  }
+}
+
+// Waits for the batch's place on the grid. The deadline counts from the mark, so that the time
+// spent here does not delay the batch.
+void PacketTransmitterThread::PaceBatch(BatchPacer& pacer, Timestamp& mark, double jitter_sum) {
+  const Timestamp now(interface_->Waiter().Now());
+  const BatchPacer::Pace pace = pacer.Next(now.Elapsed(mark), jitter_sum);
+  mark = now;
+  if (pace.gap_correction) {
+    interface_->SetGapCorrection(*pace.gap_correction);
+  }
+  interface_->SetQueueStartAdvance(pace.queue_start_advance);
+  if (pace.wait > 0) {
+    Timestamp deadline(now);
+    deadline.Add(pace.wait);
+    interface_->Waiter().WaitUntil(ToNanoseconds(deadline));
+  }
+}
+
+}  // namespace ipplayout
