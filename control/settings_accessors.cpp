@@ -30,6 +30,7 @@ void CopyName(char (&field)[size], const char* name) {
 }  // namespace
 
 // Each row defines SetName and GetName of the field of that name.
+// NOLINTBEGIN(bugprone-macro-parentheses): types and names cannot stand in parentheses.
 #define VALUE_SETTER(record, Name)                 \
   void Set##Name(decltype((record)->Name) value) { \
     (record)->Name = value;                        \
@@ -52,6 +53,7 @@ void CopyName(char (&field)[size], const char* name) {
 #define ADDRESS(record, Name)  \
   ADDRESS_SETTER(record, Name) \
   ADDRESS_GETTER(record, Name)
+// NOLINTEND(bugprone-macro-parentheses)
 
 VALUE(&Settings(), PlayFileSizeForIP)
 VALUE_GETTER(&Settings(), TSPacketSize)

@@ -26,6 +26,7 @@ void CopyRecord(Record* to, const Record* from) {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-macro-parentheses): types and names cannot stand in parentheses.
 #define RECORD(Record, field)              \
   void Set##Record(const Record* record) { \
     CopyRecord(&(field), record);          \
@@ -33,6 +34,7 @@ void CopyRecord(Record* to, const Record* from) {
   Record* Get##Record() {                  \
     return &(field);                       \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 RECORD(IPPlayParams, Settings().params)
 RECORD(ProtocolHeadersSettings, Headers())

@@ -5,8 +5,8 @@
 #include <sys/socket.h>
 
 #include <cstring>
-#include <string_view>
 
+#include "driver/device_name.h"
 #include "driver/pcap_handle.h"
 #include "platform/interface.h"
 
@@ -77,11 +77,8 @@ std::optional<std::vector<Adapter>> PcapDriver::FindAllAdapters() {
 
 std::unique_ptr<CaptureHandle> PcapDriver::Open(const std::string& name,
                                                 const OpenOptions& options) {
-  const std::string_view prefix = kDevicePrefix;
-  if (!name.starts_with(prefix)) {
-    return nullptr;
-  }
-  return PcapHandle::Open(name.substr(prefix.size()), options);
+  const auto interface = NameWithoutPrefix(name);
+  return interface ? PcapHandle::Open(*interface, options) : nullptr;
 }
 
 CaptureDriver::MacResult PcapDriver::QueryMac(const std::string& adapter, MacAddress& mac,

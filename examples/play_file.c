@@ -21,7 +21,7 @@ static void* Feed(void* file) {
 }
 
 static int SetDestination(char** argv) {
-  const int device = atoi(argv[2]);
+  const int device = (int)strtol(argv[2], NULL, 10);
   int count = 0;
   const DeviceListEntry* devices = GetListOfDevices(&count);
   uint8_t source[4], destination[4], mac[6];
@@ -39,8 +39,8 @@ static int SetDestination(char** argv) {
   SetDestinationMacAddress(mac);
   SetSourceIP(source);
   SetDestinationIP(destination);
-  SetDestinationPort((uint32_t)atoi(argv[4]));
-  SetIPBitRate(atof(argv[5]));
+  SetDestinationPort((uint32_t)strtoul(argv[4], NULL, 10));
+  SetIPBitRate(strtod(argv[5], NULL));
   return 1;
 }
 

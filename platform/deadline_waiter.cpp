@@ -4,18 +4,13 @@
 
 #include "platform/clock.h"
 #include "platform/futex.h"
+#include "platform/spin.h"
 
 namespace ipplayout::platform {
 namespace {
 
 // Wake-ups were measured 30 to 70 us late on an idle virtual machine.
 constexpr std::chrono::microseconds kSpinMargin{150};
-
-void SpinOnce() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#endif
-}
 
 }  // namespace
 

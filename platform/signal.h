@@ -8,6 +8,8 @@ namespace ipplayout::platform {
 
 // Stays set until it is reset. Set costs one atomic exchange, and a system call only when a thread
 // sleeps on it. What the setting thread wrote before Set is visible to whoever returns from Wait.
+// One thread waits at a time. Where its waits turn out to be shorter than falling asleep and being
+// woken, it spins for a while first.
 class Signal {
  public:
   explicit Signal(bool set = false) : state_(set ? kSet : kClear) {}
@@ -22,7 +24,13 @@ class Signal {
  private:
   enum State : std::uint32_t { kClear, kSet, kClearWithSleeper };
 
+  bool Spin() const;
+  void Sleep();
+
   std::atomic<std::uint32_t> state_;
+
+  // The waiting thread's own: waits to sleep through before it spins again.
+  std::uint32_t sleeps_left_ = 0;
 };
 
 }  // namespace ipplayout::platform

@@ -2,10 +2,10 @@
 
 #include <array>
 #include <cstdio>
-#include <optional>
 #include <string_view>
 #include <utility>
 
+#include "driver/device_name.h"
 #include "platform/address_text.h"
 #include "transmit/pcap_device_identifier.h"
 
@@ -30,16 +30,6 @@ bool ContainsAny(std::string_view text, const std::array<std::string_view, 2>& p
 bool IsSkipped(const Adapter& adapter) {
   return ContainsAny(adapter.name, kSkippedNames) ||
          (adapter.description && ContainsAny(*adapter.description, kSkippedDescriptions));
-}
-
-// What follows the first prefix in the name.
-std::optional<std::string> NameWithoutPrefix(const std::string& name) {
-  const std::string_view prefix = kDevicePrefix;
-  const std::size_t position = name.find(prefix);
-  if (position == std::string::npos) {
-    return std::nullopt;
-  }
-  return name.substr(position + prefix.size());
 }
 
 std::string IPv4TextOf(const AdapterAddress& address) {

@@ -10,7 +10,8 @@
 // - Linkage: plain C under the names below, but for GetIpAddressBytes.
 // - Units: sizes in bytes, IPBitRate in megabits per second, times as named at each field.
 //   Addresses are bytes in network order; a MAC address has 6, IPv4 4, IPv6 16.
-// - Results: 1 is done and 0 not done, where no other result is given. No function throws.
+// - Results: 1 is done and 0 not done, where no other result is given; what "returns 1" does so
+//   unless memory has run out. No function throws.
 // - Null pointers: what would be read from or written to one is skipped.
 // - Threads: functions may be called on any thread. Those that start, stop, initialise or clean up
 //   wait for each other. The settings take no lock: keep them to the thread that starts playouts.

@@ -41,6 +41,13 @@ def play(program):
     stream = b"".join(b"\x47" + random.Random(i).randbytes(PACKET - 1) for i in range(PACKETS))
     far = subprocess.Popen(["unshare", "--net", sys.executable, __file__, "--receive",
                             str(len(stream))], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    try:
+        play_to(far, program, stream)
+    finally:
+        far.kill()
+
+
+def play_to(far, program, stream):
     assert far.stdout.readline() == b"ready\n"
     run("ip", "link", "add", "near", "type", "veth", "peer", "name", "far", "netns", str(far.pid))
     run("ip", "address", "add", "10.0.0.1/24", "dev", "near")

@@ -1,0 +1,56 @@
+# Sourced by demo.sh and test.sh: what they need of the system, and how they build.
+
+# What it takes to configure a preset and to build all of it.
+build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcli11-dev libfmt-dev
+  nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
+# What plays the far side of the wire: namespaces, capture, dissector, decoder.
+wire_packages=(iproute2 tshark ffmpeg)
+test_packages=()
+
+stop() {
+  echo "$(basename "$0"): $*" >&2
+  exit 1
+}
+
+need_root() {
+  [ "$(id -u)" = 0 ] || stop "needs root, for packages and network namespaces: run it with sudo"
+}
+
+need_namespaces() {
+  unshare --net --mount true 2>/dev/null ||
+    stop "may not make network namespaces here: run it on a machine, or in a container with --privileged"
+}
+
+# Installs those of the named packages that are missing.
+need_packages() {
+  command -v dpkg-query >/dev/null && command -v apt-get >/dev/null ||
+    stop "sets up Debian 12 and finds no apt-get here; install by other means: $*"
+  local missing=() package
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  echo "Installing Debian packages: ${missing[*]}"
+  local log
+  log=$(mktemp)
+  export DEBIAN_FRONTEND=noninteractive
+  { apt-get -q update && apt-get -qy install --no-install-recommends "${missing[@]}"; } >"$log" 2>&1 || {
+    tail -n 20 "$log" >&2
+    rm -f "$log"
+    stop "could not install: ${missing[*]} (the end of apt-get's output is above)"
+  }
+  rm -f "$log"
+}
+
+# build PRESET [TARGET...]: configures and builds; what the tools say is shown if they fail.
+build() {
+  local preset=$1 log
+  shift
+  echo "Building build/$preset"
+  mkdir -p "build/$preset"
+  log=build/$preset/setup.log
+  { cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}; } >"$log" 2>&1 || {
+    tail -n 40 "$log" >&2
+    stop "could not build (the whole output is in $log)"
+  }
+}

@@ -1,0 +1,101 @@
+#include "transmit/neighbour_solicitation.h"
+
+#include <algorithm>
+
+#include "protocol/big_endian.h"
+#include "protocol/internet_checksum.h"
+
+namespace ipplayout {
+namespace {
+
+using platform::IPv6Address;
+
+enum Offset : std::size_t {
+  kDestinationMac = 0,
+  kSourceMac = 6,
+  kEtherType = 12,
+  kVersion = 14,
+  kPayloadLength = 18,
+  kNextHeader = 20,
+  kHopLimit = 21,
+  kSource = 22,
+  kDestination = 38,
+  kType = 54,
+  kChecksum = 56,
+  kTarget = 62,
+  kOptionType = 78,
+  kOptionLength = 79,
+  kLinkLayerAddress = 80,
+};
+constexpr std::size_t kMessageSize = kSolicitationSize - kType;
+
+constexpr std::uint16_t kEtherTypeIPv6 = 0x86DD;
+constexpr std::uint8_t kIcmpV6 = 58;
+constexpr std::uint8_t kLargestHopLimit = 255;
+constexpr std::uint8_t kNeighbourSolicitation = 135;
+constexpr std::uint8_t kNeighbourAdvertisement = 136;
+constexpr std::uint8_t kSourceLinkLayerAddress = 1;
+
+template <typename Bytes>
+void Put(SolicitationFrame& frame, std::size_t offset, const Bytes& bytes) {
+  std::copy(bytes.begin(), bytes.end(), frame.begin() + static_cast<std::ptrdiff_t>(offset));
+}
+
+// Over the pseudo-header and the message, whose checksum field is still 0.
+std::uint16_t Checksum(const SolicitationFrame& frame) {
+  constexpr std::size_t kAddressesSize = 2 * sizeof(IPv6Address);
+  std::array<std::uint8_t, kAddressesSize + 8 + kMessageSize> block{};
+  std::copy_n(&frame[kSource], kAddressesSize, block.begin());
+  StoreBigEndian<4>(kMessageSize, &block[kAddressesSize]);
+  block[kAddressesSize + 7] = kIcmpV6;
+  std::copy_n(&frame[kType], kMessageSize, &block[kAddressesSize + 8]);
+  const std::uint16_t checksum = InternetChecksum(block);
+  return checksum == 0 ? 0xFFFF : checksum;
+}
+
+}  // namespace
+
+IPv6Address SolicitedNodeAddress(const IPv6Address& target) {
+  IPv6Address address{0xFF, 0x02};
+  address[11] = 0x01;
+  address[12] = 0xFF;
+  std::copy(target.begin() + 13, target.end(), address.begin() + 13);
+  return address;
+}
+
+MacAddress MulticastMacForAddress(const IPv6Address& address) {
+  return {0x33, 0x33, address[12], address[13], address[14], address[15]};
+}
+
+SolicitationFrame BuildSolicitation(const MacAddress& source_mac, const IPv6Address& source,
+                                    const IPv6Address& target) {
+  const IPv6Address destination = SolicitedNodeAddress(target);
+  SolicitationFrame frame{};
+  Put(frame, kDestinationMac, MulticastMacForAddress(destination));
+  Put(frame, kSourceMac, source_mac);
+  StoreBigEndian<2>(kEtherTypeIPv6, &frame[kEtherType]);
+  StoreBigEndian<4>(0x60000000, &frame[kVersion]);
+  StoreBigEndian<2>(kMessageSize, &frame[kPayloadLength]);
+  frame[kNextHeader] = kIcmpV6;
+  frame[kHopLimit] = kLargestHopLimit;
+  Put(frame, kSource, source);
+  Put(frame, kDestination, destination);
+  frame[kType] = kNeighbourSolicitation;
+  Put(frame, kTarget, target);
+  frame[kOptionType] = kSourceLinkLayerAddress;
+  frame[kOptionLength] = 1;
+  Put(frame, kLinkLayerAddress, source_mac);
+  StoreBigEndian<2>(Checksum(frame), &frame[kChecksum]);
+  return frame;
+}
+
+std::optional<MacAddress> ReadAdvertisement(std::span<const std::uint8_t> frame) {
+  if (frame.size() < kSolicitationSize || frame[kType] != kNeighbourAdvertisement) {
+    return std::nullopt;
+  }
+  MacAddress mac{};
+  std::copy_n(&frame[kLinkLayerAddress], mac.size(), mac.begin());
+  return mac;
+}
+
+}  // namespace ipplayout
