@@ -28,7 +28,8 @@ std::string OwnPath() {
 std::optional<std::string> MissingRightToSend() {
   if (Has(CAP_NET_RAW)) return std::nullopt;
   return fmt::format(
-      "no permission to send frames: CAP_NET_RAW is missing{}; run as root, or once as root: setcap "
+      "no permission to send frames: CAP_NET_RAW is missing{}; run as root, or once as root: "
+      "setcap "
       "cap_net_raw,cap_sys_nice+ep {}",
       Has(CAP_SYS_NICE) ? "" : " (and CAP_SYS_NICE, for exact timing)", OwnPath());
 }

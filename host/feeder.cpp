@@ -7,7 +7,7 @@ Feeder::Feeder(std::unique_ptr<RoundReader> reader, std::optional<Restamper> res
     : reader_(std::move(reader)),
       restamper_(std::move(restamper)),
       rounds_(rounds),
-      packet_bytes_(reader_->packet_bytes()),
+      packet_bytes_(reader_->format().packet_bytes),
       sink_(std::move(sink)) {}
 
 Feeder::~Feeder() {

@@ -13,7 +13,7 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-nanoseconds Jitter(const PlayoutStatistics& counters) {
+nanoseconds JitterOf(const PlayoutStatistics& counters) {
   return nanoseconds(static_cast<std::int64_t>(counters.Jitter * 1e9));
 }
 
@@ -57,16 +57,15 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   line("input", fmt::format("{}: {}", options.input, StreamText(facts)));
   line("target", fmt::format("{} through {} (device {})", FormatTarget(options.to),
                              path.adapter.name, path.adapter.index));
-  line("stream bit rate", fmt::format("{:.3f} bit/s, {}", plan.stream_rate,
-                                      RateSource(options, facts)));
+  line("stream bit rate",
+       fmt::format("{:.3f} bit/s, {}", plan.stream_rate, RateSource(options, facts)));
   line("frame bit rate", fmt::format("{:.3f} bit/s for one stream", plan.frame_rate));
   line("datagram size", fmt::format("{} bytes: {} of headers, {} of payload", plan.frame_bytes,
                                     plan.header_bytes, plan.payload_bytes));
   line("streams", fmt::format("{}", plan.copies));
   line("packets per batch", fmt::format("{}", plan.batch));
-  line("gap", fmt::format("{:.3f} us between frames",
-                          static_cast<double>(plan.frame_bytes) * 8e6 /
-                              (plan.frame_rate * plan.copies)));
+  line("gap", fmt::format("{:.3f} us between frames", static_cast<double>(plan.frame_bytes) * 8e6 /
+                                                          (plan.frame_rate * plan.copies)));
   line("rounds", RoundsText(plan));
   if (plan.restamp) {
     line("restamping", fmt::format("start {} and each round {} ticks of 27 MHz",
@@ -96,18 +95,17 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status) {
                       status.paused ? "paused" : fmt::format("{:.4g} M", status.recent_rate / 1e6));
   line += fmt::format("  {} datagrams  {}", FormatCount(status.counters.DatagramsSent),
                       Errors(status.counters));
-  return line + fmt::format("  jitter {}", FormatDuration(Jitter(status.counters)));
+  return line + fmt::format("  jitter {}", FormatDuration(JitterOf(status.counters)));
 }
 
-std::string Introduction(const PlayOptions& options, const StreamFacts& facts,
-                         const PlayPlan& plan, const std::string& device) {
-  std::string text = fmt::format("{}: {}; played {}\n", options.input, StreamText(facts),
-                                 RoundsText(plan));
+std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
+                         const std::string& device) {
+  std::string text =
+      fmt::format("{}: {}; played {}\n", options.input, StreamText(facts), RoundsText(plan));
   text += fmt::format("{} through {}: {} {}, frames of {} bytes every {}{}\n",
                       FormatTarget(options.to), device, FormatBitRate(plan.stream_rate),
                       RateSource(options, facts), plan.frame_bytes, FormatDuration(plan.gap),
                       plan.copies == 1 ? "" : fmt::format(", {} streams", plan.copies));
-  for (const std::string& note : plan.notes) text += fmt::format("note: {}\n", note);
   return text;
 }
 
@@ -129,7 +127,7 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(plan.stream_rate),
                       FormatBitRate(status.mean_rate));
   text += fmt::format("  errors     {}\n", Errors(counters));
-  return text + fmt::format("  jitter     {}\n", FormatDuration(Jitter(counters)));
+  return text + fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
 }
 
 std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const Status& status,

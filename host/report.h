@@ -1,6 +1,9 @@
 // What a playout tells about itself, as text and as JSON.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -19,8 +22,8 @@ std::string FormatClock(std::chrono::nanoseconds time);
 std::string ProgressLine(const PlayPlan& plan, const Status& status);
 
 // What will be played and how: lines with ends, printed before the start.
-std::string Introduction(const PlayOptions& options, const StreamFacts& facts,
-                         const PlayPlan& plan, const std::string& device);
+std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
+                         const std::string& device);
 
 // Lines with ends. `outcome` is the first line's beginning, as "Played" or "Stopped by Ctrl-C".
 std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Status& status,

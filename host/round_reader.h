@@ -26,8 +26,7 @@ class RoundReader {
   // Offset in the played part of a pipe where a packet had no sync byte; files are checked before.
   // May be called from any thread.
   std::optional<std::uint64_t> sync_lost() const;
-  // 0 for raw input.
-  std::uint32_t packet_bytes() const { return format_.packet_bytes; }
+  PacketFormat format() const { return format_; }
   // errno of a read that failed, or 0.
   int error() const { return input_.error(); }
 

@@ -9,7 +9,9 @@ namespace {
 using std::chrono::nanoseconds;
 constexpr nanoseconds kRecent = std::chrono::seconds(2);
 
-double Seconds(nanoseconds time) { return static_cast<double>(time.count()) / 1e9; }
+double Seconds(nanoseconds time) {
+  return static_cast<double>(time.count()) / 1e9;
+}
 
 }  // namespace
 
@@ -43,11 +45,12 @@ void StatusMeter::Read(const PlayoutStatistics& counters, nanoseconds now) {
   while (readings_.size() > 2 && readings_[1].time <= time - kRecent) readings_.pop_front();
 }
 
-// From the departure of the first datagram to that of the last one lies the time of all but one.
+// From the departure of the first datagram to that of the last one lies the time of all but one,
+// which are full ones.
 double StatusMeter::MeanRate() const {
   if (readings_.empty() || readings_.back().time <= *first_) return 0;
-  const double bytes = static_cast<double>(counters_.TSBytesSent) - ts_bytes_per_datagram_;
-  return std::max(bytes, 0.0) * 8 / Seconds(readings_.back().time - *first_);
+  const auto datagrams = static_cast<double>(counters_.DatagramsSent - 1);
+  return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
 }
 
 double StatusMeter::RecentRate() const {

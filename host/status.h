@@ -46,7 +46,7 @@ class StatusMeter {
 
   std::optional<std::uint64_t> total_bytes_;
   double stream_rate_;
-  double bytes_per_ts_byte_;    // bytes read from the input for each byte that TSBytesSent counts
+  double bytes_per_ts_byte_;  // bytes read from the input for each byte that TSBytesSent counts
   double ts_bytes_per_datagram_;
   std::optional<std::chrono::nanoseconds> paused_since_;
   std::chrono::nanoseconds paused_total_{0};

@@ -8,21 +8,21 @@ namespace ipplay {
 Terminal::Terminal(FileDescriptor fd, const termios& original)
     : fd_(std::move(fd)), original_(original) {}
 
-std::optional<Terminal> Terminal::Open() {
-  if (isatty(STDERR_FILENO) == 0) return std::nullopt;
+std::unique_ptr<Terminal> Terminal::Open() {
+  if (isatty(STDERR_FILENO) == 0) return nullptr;
   // Not standard input, which may be the stream.
   FileDescriptor fd(open("/dev/tty", O_RDWR | O_NONBLOCK | O_CLOEXEC));
   termios original{};
   if (!fd || tcgetpgrp(fd.get()) != getpgrp() || tcgetattr(fd.get(), &original) != 0) {
-    return std::nullopt;
+    return nullptr;
   }
-  Terminal terminal(std::move(fd), original);
-  terminal.TakeKeys();
+  std::unique_ptr<Terminal> terminal(new Terminal(std::move(fd), original));
+  terminal->TakeKeys();
   return terminal;
 }
 
 Terminal::~Terminal() {
-  if (fd_) tcsetattr(fd_.get(), TCSANOW, &original_);
+  tcsetattr(fd_.get(), TCSANOW, &original_);
 }
 
 void Terminal::TakeKeys() const {

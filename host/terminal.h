@@ -3,6 +3,7 @@
 
 #include <termios.h>
 
+#include <memory>
 #include <optional>
 
 #include "host/file_descriptor.h"
@@ -11,10 +12,10 @@ namespace ipplay {
 
 class Terminal {
  public:
-  // Nothing where standard error is no terminal, or belongs to another foreground job.
-  static std::optional<Terminal> Open();
-  Terminal(Terminal&& other) noexcept = default;
-  Terminal& operator=(Terminal&&) = delete;
+  // Null where standard error is no terminal, or belongs to another foreground job.
+  static std::unique_ptr<Terminal> Open();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
   // Gives the terminal back as it was.
   ~Terminal();
 

@@ -63,7 +63,7 @@ TEST(Units, FormatsWithTheUnitThatReadsBest) {
   EXPECT_EQ(FormatDuration(850ns), "850 ns");
   EXPECT_EQ(FormatDuration(12'500ns), "12.5 us");
   EXPECT_EQ(FormatDuration(250ms), "250 ms");
-  EXPECT_EQ(FormatDuration(999'600us), "1 s");
+  EXPECT_EQ(FormatDuration(999'960us), "1 s");
   EXPECT_EQ(FormatDuration(9'830ms), "9.83 s");
   EXPECT_EQ(FormatDuration(59'996ms), "1 min 00 s");
   EXPECT_EQ(FormatDuration(185s), "3 min 05 s");
