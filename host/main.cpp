@@ -1,12 +1,10 @@
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <sstream>
-
-#include <fmt/format.h>
 
 #include "host/commands.h"
 #include "host/library_output.h"

@@ -26,7 +26,7 @@ struct StreamFacts {
 struct ExamineOptions {
   bool raw = false;
   bool want_rate = true;  // false: a pipe need not be read ahead for its PCRs
-  std::optional<std::uint16_t> pcr_pid;
+  std::optional<std::uint16_t> pcr_pid{};
 };
 
 // Reads a file from end to end, checks every sync byte, and takes the bit rate from the PCRs. Of a
