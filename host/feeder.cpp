@@ -46,8 +46,8 @@ bool Feeder::PlayRound(WordWriter& writer) {
 
 bool Feeder::StartNextRound() {
   if (stop_.load(std::memory_order_relaxed) || reader_->error() != 0) return false;
-  if (rounds_ && round() >= *rounds_) return false;
-  round_.fetch_add(1, std::memory_order_relaxed);
+  if (rounds_ && round_ >= *rounds_) return false;
+  ++round_;
   reader_->StartNextRound();
   if (restamper_) restamper_->StartNextRound();
   return true;

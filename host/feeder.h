@@ -31,9 +31,8 @@ class Feeder {
   // No further write will begin; one that blocks has to be released by other means.
   void Stop() { stop_.store(true, std::memory_order_relaxed); }
 
-  // For any thread: rounds begun so far, zero bytes added at the end, errno of a failed read (0 for
-  // none), and RoundReader::sync_lost().
-  std::uint64_t round() const { return round_.load(std::memory_order_relaxed); }
+  // For any thread: zero bytes added at the end, errno of a failed read (0 for none), and
+  // RoundReader::sync_lost().
   unsigned padding() const { return padding_.load(std::memory_order_relaxed); }
   int read_error() const { return read_error_.load(std::memory_order_relaxed); }
   std::optional<std::uint64_t> sync_lost() const { return reader_->sync_lost(); }
@@ -48,8 +47,8 @@ class Feeder {
   std::optional<std::uint64_t> rounds_;
   std::uint32_t packet_bytes_;
   Sink sink_;
+  std::uint64_t round_ = 1;
   std::atomic<bool> stop_{false};
-  std::atomic<std::uint64_t> round_{1};
   std::atomic<unsigned> padding_{0};
   std::atomic<int> read_error_{0};
   std::thread thread_;

@@ -209,6 +209,7 @@ std::optional<Failure> Planner::SetRounds() {
     return UsageFailure(fmt::format("--loop {}: needs a file; a pipe can be read once",
                                     plan_.rounds ? std::to_string(*plan_.rounds) : "forever"));
   }
+  plan_.round_bytes = facts_.bytes;
   if (facts_.bytes && plan_.rounds) plan_.total_bytes = *facts_.bytes * *plan_.rounds;
   return std::nullopt;
 }

@@ -32,6 +32,7 @@ struct PlayPlan {
   Settings settings;
   std::optional<RestampPlan> restamp;
   std::optional<std::uint64_t> rounds;       // nothing: for ever
+  std::optional<std::uint64_t> round_bytes;  // nothing of a pipe
   std::optional<std::uint64_t> total_bytes;  // of all rounds; nothing where there is no end
 
   std::uint32_t header_bytes = 0;   // all headers of a frame

@@ -262,20 +262,18 @@ void PlaySession::ReportWhenDue() {
   next_report_ += ReportInterval() * ((Now() - next_report_) / ReportInterval() + 1);
   if (!meter_.started() && !options_.json) return;
   if (options_.json) {
-    fmt::print(Results(), "{}\n",
-               StatusJson(options_, plan_, meter_.status(feeder_.round()), "progress"));
+    fmt::print(Results(), "{}\n", StatusJson(options_, plan_, meter_.status(), "progress"));
     std::fflush(Results());
     if (std::ferror(Results()) != 0) Stop("Stopped, since nobody reads the output");
   } else if (terminal_) {
     DrawProgress();
   } else if (!options_.quiet) {
-    fmt::print(stderr, "{}\n", ProgressLine(plan_, meter_.status(feeder_.round())));
+    fmt::print(stderr, "{}\n", ProgressLine(plan_, meter_.status(), 200));
   }
 }
 
 void PlaySession::DrawProgress() {
-  const std::string line = ProgressLine(plan_, meter_.status(feeder_.round()));
-  fmt::print(stderr, "\r\x1b[K{}", line.substr(0, terminal_->Columns() - 1));
+  fmt::print(stderr, "\r\x1b[K{}", ProgressLine(plan_, meter_.status(), terminal_->Columns() - 1));
 }
 
 void PlaySession::ClearProgress() {
@@ -285,7 +283,7 @@ void PlaySession::ClearProgress() {
 void PlaySession::Say(const std::string& line) {
   if (options_.json || options_.quiet) return;
   ClearProgress();
-  fmt::print(stderr, "{}  {}\n", FormatClock(meter_.status(1).elapsed), line);
+  fmt::print(stderr, "{}  {}\n", FormatClock(meter_.status().elapsed), line);
   if (terminal_) DrawProgress();
 }
 
@@ -313,7 +311,7 @@ ExitStatus PlaySession::Conclude() {
     fmt::print(stderr, "ipplay: a frame could not be sent; is the adapter still up?\n");
   }
   if (failed_) outcome_ = "Failed";
-  const Status status = meter_.status(feeder_.round());
+  const Status status = meter_.status();
   if (options_.json) {
     fmt::print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
   } else {

@@ -85,17 +85,30 @@ std::string FormatClock(nanoseconds time) {
   return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
 }
 
-std::string ProgressLine(const PlayPlan& plan, const Status& status) {
+std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns) {
+  const bool rounds = !plan.rounds || *plan.rounds > 1;
+  const std::string real =
+      status.paused ? "paused" : fmt::format("{:.4f}M", status.recent_rate / 1e6);
+  const PlayoutStatistics& counters = status.counters;
   std::string line;
-  if (status.share) line += fmt::format("{:5.1f} %  ", *status.share * 100);
+  if (status.share) line += fmt::format("{:.1f} %  ", *status.share * 100);
   line += FormatClock(status.elapsed);
-  if (status.remaining) line += fmt::format(" (-{})", FormatClock(*status.remaining));
-  if (!plan.rounds || *plan.rounds > 1) line += fmt::format("  round {}", status.round);
-  line += fmt::format("  {} set, {} real", FormatBitRate(plan.stream_rate),
-                      status.paused ? "paused" : fmt::format("{:.4g} M", status.recent_rate / 1e6));
-  line += fmt::format("  {} datagrams  {}", FormatCount(status.counters.DatagramsSent),
-                      Errors(status.counters));
-  return line + fmt::format("  jitter {}", FormatDuration(JitterOf(status.counters)));
+  if (status.remaining) line += fmt::format(", {} left", FormatClock(*status.remaining));
+  if (rounds) line += fmt::format("  round {}", status.round);
+  line += fmt::format("  {:.4f}M set, {} real  {} datagrams  {}  jitter {}", plan.stream_rate / 1e6,
+                      real, FormatCount(counters.DatagramsSent), Errors(counters),
+                      FormatDuration(JitterOf(counters)));
+  if (line.size() <= columns) return line;
+
+  line = status.share ? fmt::format("{:.0f}% ", *status.share * 100) : "";
+  line += FormatClock(status.elapsed);
+  if (status.remaining) line += fmt::format("-{}", FormatClock(*status.remaining));
+  if (rounds) line += fmt::format(" round {}", status.round);
+  line += fmt::format(" {:.4g}/{} {} sent lost {} late {} ip {} udp {} jitter {}",
+                      plan.stream_rate / 1e6, real, counters.DatagramsSent, counters.LostPackets,
+                      counters.SequenceErrors, counters.IPChecksumErrors,
+                      counters.UDPChecksumErrors, FormatDuration(JitterOf(counters)));
+  return line.substr(0, columns);
 }
 
 std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,

@@ -18,8 +18,8 @@ namespace ipplay {
 std::string FormatClock(std::chrono::nanoseconds time);
 
 // One line without end: percent, elapsed and remaining time, set and real bit rate, datagrams,
-// errors inserted by kind, jitter.
-std::string ProgressLine(const PlayPlan& plan, const Status& status);
+// errors inserted by kind, jitter. In shorter words where `columns` are too few, and then cut.
+std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns);
 
 // What will be played and how: lines with ends, printed before the start.
 std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,

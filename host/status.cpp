@@ -16,7 +16,9 @@ double Seconds(nanoseconds time) {
 }  // namespace
 
 StatusMeter::StatusMeter(const PlayPlan& plan)
-    : total_bytes_(plan.total_bytes), stream_rate_(plan.stream_rate) {
+    : total_bytes_(plan.total_bytes),
+      round_bytes_(plan.round_bytes),
+      stream_rate_(plan.stream_rate) {
   const bool is_tts = plan.settings.tts.TTSEnabled == 1;
   bytes_per_ts_byte_ = is_tts ? 192.0 / 188 : 1;
   ts_bytes_per_datagram_ = plan.payload_bytes / bytes_per_ts_byte_;
@@ -60,16 +62,20 @@ double StatusMeter::RecentRate() const {
   return static_cast<double>(to.ts_bytes - from.ts_bytes) * 8 / Seconds(to.time - from.time);
 }
 
-Status StatusMeter::status(std::uint64_t round) const {
+Status StatusMeter::status() const {
   Status status;
   status.counters = counters_;
-  status.round = round;
   status.paused = paused();
   if (first_ && !readings_.empty()) status.elapsed = readings_.back().time - *first_;
   status.recent_rate = RecentRate();
   status.mean_rate = MeanRate();
+  const double played = static_cast<double>(counters_.TSBytesSent) * bytes_per_ts_byte_;
+  if (round_bytes_ && played > 0) {
+    // A round that is just complete is not the next one yet.
+    status.round = static_cast<std::uint64_t>(
+        std::max(std::ceil(played / static_cast<double>(*round_bytes_)), 1.0));
+  }
   if (total_bytes_ && *total_bytes_ > 0) {
-    const double played = static_cast<double>(counters_.TSBytesSent) * bytes_per_ts_byte_;
     const auto total = static_cast<double>(*total_bytes_);
     status.share = std::min(played / total, 1.0);
     const double left = std::max(total - played, 0.0) / bytes_per_ts_byte_ * 8 / stream_rate_;

@@ -16,9 +16,9 @@ struct Status {
   std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses left out
   std::optional<double> share;          // of all bytes to play, 0 to 1; nothing without an end
   std::optional<std::chrono::nanoseconds> remaining;
-  double recent_rate = 0;  // bits per second of transport stream over the last seconds
-  double mean_rate = 0;    // since the first datagram, pauses left out
-  std::uint64_t round = 1;
+  double recent_rate = 0;   // bits per second of transport stream over the last seconds
+  double mean_rate = 0;     // since the first datagram, pauses left out
+  std::uint64_t round = 1;  // that the last datagram belongs to
   bool paused = false;
 };
 
@@ -32,7 +32,7 @@ class StatusMeter {
 
   bool started() const { return first_.has_value(); }
   bool paused() const { return paused_since_.has_value(); }
-  Status status(std::uint64_t round) const;
+  Status status() const;
 
  private:
   struct Reading {
@@ -45,6 +45,7 @@ class StatusMeter {
   double RecentRate() const;
 
   std::optional<std::uint64_t> total_bytes_;
+  std::optional<std::uint64_t> round_bytes_;
   double stream_rate_;
   double bytes_per_ts_byte_;  // bytes read from the input for each byte that TSBytesSent counts
   double ts_bytes_per_datagram_;

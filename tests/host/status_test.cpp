@@ -14,6 +14,7 @@ PlayPlan TestPlan() {
   PlayPlan plan;
   plan.stream_rate = 1'052'800;
   plan.payload_bytes = 1316;
+  plan.round_bytes = 1316 * 400;
   plan.total_bytes = 1316 * 1000;
   return plan;
 }
@@ -29,19 +30,20 @@ TEST(Status, RatesAndTimesLeavePausesOut) {
   StatusMeter meter(TestPlan());
   meter.Read(Counted(0), 100ms);
   EXPECT_FALSE(meter.started());
-  EXPECT_EQ(meter.status(1).mean_rate, 0);
+  EXPECT_EQ(meter.status().mean_rate, 0);
   // The first datagram leaves at 500 ms, 10 ms lie between two.
   for (int i = 0; i < 100; ++i)
     meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), 500ms + i * 10ms);
   meter.SetPaused(true, 1490ms);
   meter.Read(Counted(100), 4000ms);
-  EXPECT_TRUE(meter.status(1).paused);
-  EXPECT_EQ(meter.status(1).elapsed, 990ms);
+  EXPECT_TRUE(meter.status().paused);
+  EXPECT_EQ(meter.status().elapsed, 990ms);
   meter.SetPaused(false, 5490ms);
   for (int i = 1; i <= 400; ++i)
     meter.Read(Counted(static_cast<std::uint64_t>(i) + 100), 5490ms + i * 10ms);
-  const Status status = meter.status(1);
+  const Status status = meter.status();
   EXPECT_EQ(status.elapsed, 4990ms);
+  EXPECT_EQ(status.round, 2U);
   EXPECT_NEAR(status.mean_rate, 1'052'800, 1);
   EXPECT_NEAR(status.recent_rate, 1'052'800, 1);
   EXPECT_DOUBLE_EQ(*status.share, 0.5);
@@ -53,7 +55,7 @@ TEST(Status, RecentRateShowsAStall) {
   for (int i = 0; i < 100; ++i) meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), i * 10ms);
   meter.Read(Counted(100), 5s);
   meter.Read(Counted(100), 8s);
-  EXPECT_EQ(meter.status(1).recent_rate, 0);
+  EXPECT_EQ(meter.status().recent_rate, 0);
 }
 
 TEST(Status, WithoutAnEndThereIsNoShare) {
@@ -61,8 +63,8 @@ TEST(Status, WithoutAnEndThereIsNoShare) {
   plan.total_bytes.reset();
   StatusMeter meter(plan);
   meter.Read(Counted(5), 1s);
-  EXPECT_FALSE(meter.status(1).share);
-  EXPECT_FALSE(meter.status(1).remaining);
+  EXPECT_FALSE(meter.status().share);
+  EXPECT_FALSE(meter.status().remaining);
 }
 
 TEST(TimeLine, InOrderOfTimeThenAsGiven) {
