@@ -10,6 +10,8 @@ target_include_directories(ipplayout INTERFACE
   "$<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>"
   "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
 target_link_libraries(ipplayout PRIVATE Threads::Threads PkgConfig::PCAP PkgConfig::MNL)
+# A host's own function of the name of one of ours must not take over our calls to it.
+target_link_options(ipplayout PRIVATE LINKER:-Bsymbolic-functions)
 target_link_options(ipplayout PRIVATE "LINKER:--version-script=${IPPLAYOUT_EXPORTS}" LINKER:--no-undefined)
 if(IPPLAYOUT_SANITIZE)
   # The sanitizer runtime comes with the executable that loads the library.

@@ -15,7 +15,7 @@ bool SequenceErrorsAllowed() {
 // them alone.
 class LoadedLibrary {
  public:
-  LoadedLibrary() : library_(new Library), process_(getpid()) {}
+  LoadedLibrary() : library_(new Library(PlatformDriver())), process_(getpid()) {}
   LoadedLibrary(const LoadedLibrary&) = delete;
   LoadedLibrary& operator=(const LoadedLibrary&) = delete;
   ~LoadedLibrary() {
@@ -31,14 +31,15 @@ class LoadedLibrary {
   pid_t process_;
 };
 
-LoadedLibrary loaded;
+// Without memory for it the library cannot be loaded: there is nobody to tell yet.
+LoadedLibrary loaded;  // NOLINT(cert-err58-cpp)
 
 }  // namespace
 
-Library::Library()
+Library::Library(CaptureDriver& driver)
     : data_buffer(kDataBufferSize),
       errors(&SequenceErrorsAllowed),
-      devices(PlatformDriver()),
+      devices(driver),
       playout(*this) {
   pump.SetPayloadSource(&data_buffer);
 }

@@ -17,7 +17,8 @@ namespace ipplayout {
 struct Library {
   static constexpr std::uint32_t kDataBufferSize = 64 * 1024 * 1024;
 
-  Library();
+  // `driver` outlives the library.
+  explicit Library(CaptureDriver& driver);
 
   CIPDataBuffer data_buffer;
   ZEBIPDataPump pump;

@@ -42,6 +42,14 @@ void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings
   manager.SetThreadPriority(static_cast<std::int32_t>(settings.other.PlayerThreadPriority));
 }
 
+// Between two frames, or two bursts, there is time to sleep: the workers may run in real time
+// without being throttled by the kernel.
+bool LeavesRest(const PcapRtInterface& capture, const CZebParametricManager& parametric) {
+  constexpr double kShortestRest = 250e-6;  // of which up to 150 are spun away
+  const std::uint32_t frames = parametric.IsBurstMode() != 0 ? capture.GetPacketsPerQueue() : 1;
+  return frames * capture.GetPacketTime() >= kShortestRest;
+}
+
 }  // namespace
 
 Playout::~Playout() {
@@ -155,6 +163,9 @@ bool Playout::StartThreads() {
   PacketTransmitterThread& transmitter = library_.transmitter;
   transmitter.SetParametricManager(&library_.parametric);
   transmitter.SetInterface(pipeline_.capture_interface.get());
+  const bool real_time = LeavesRest(*pipeline_.capture_interface, library_.parametric);
+  pump.UseRealTime(real_time);
+  transmitter.UseRealTime(real_time);
   was_started_ = true;
   if (transmitter.Start() && pump.Start()) {
     return true;

@@ -24,11 +24,10 @@ bool CIPDataBuffer::Write(const std::uint8_t* data, std::uint32_t length) {
       if (reader_gone_) {
         return false;
       }
-      writer_needs_.store(length);
+      NeedSpace(length);
       if (Free() < length) {
         space_freed_.wait(lock);
       }
-      writer_needs_.store(0);
       if (run_endings_ != endings) {
         return false;
       }
@@ -43,6 +42,13 @@ bool CIPDataBuffer::Write(const std::uint8_t* data, std::uint32_t length) {
   // Lets a pump on the same processor get at the data at once.
   platform::YieldProcessor();
   return true;
+}
+
+void CIPDataBuffer::NeedSpace(std::uint32_t length) {
+  const std::uint32_t least = writer_needs_.load();
+  if (least == 0 || length < least) {
+    writer_needs_.store(length);
+  }
 }
 
 void CIPDataBuffer::CopyIn(const std::uint8_t* data, std::uint32_t length) {
@@ -103,8 +109,12 @@ void CIPDataBuffer::WakeReader() {
 void CIPDataBuffer::WakeWriters() {
   const std::uint32_t needs = writer_needs_.load();
   if (needs != 0 && Free() >= needs) {
-    // Taken so that a writer between its look at the space and its sleep is asleep by now.
-    { const std::lock_guard lock(writers_mutex_); }
+    {
+      // A writer between its look at the space and its sleep is asleep by now. Those that go on
+      // waiting state their needs anew.
+      const std::lock_guard lock(writers_mutex_);
+      writer_needs_.store(0);
+    }
     space_freed_.notify_all();
   }
 }
@@ -142,6 +152,7 @@ bool CIPDataBuffer::Reset() {
 void CIPDataBuffer::ReleaseWriters() {
   ++run_endings_;
   reader_gone_ = true;
+  writer_needs_.store(0);
   space_freed_.notify_all();
 }
 

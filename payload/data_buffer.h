@@ -56,6 +56,7 @@ class CIPDataBuffer final : public PayloadSource {
   std::uint64_t Free() const { return storage_.Size() - Fill(); }
   bool IsReadable(std::uint32_t wanted) const;
   void WaitUntilReadable(std::uint32_t wanted);
+  void NeedSpace(std::uint32_t length);
   void CopyIn(const std::uint8_t* data, std::uint32_t length);
   void CopyOut(PDU& pdu, std::uint32_t offset, std::uint32_t length);
   void WakeReader();
@@ -80,7 +81,8 @@ class CIPDataBuffer final : public PayloadSource {
 
   // One cache line for what the writer stores, one for what the reader stores.
   alignas(64) std::atomic<std::uint64_t> written_{0};
-  std::atomic<std::uint32_t> writer_needs_{0};  // bytes of space a blocked writer waits for
+  // Least space in bytes that a blocked writer waits for. Stored under the mutex.
+  std::atomic<std::uint32_t> writer_needs_{0};
   alignas(64) std::atomic<std::uint64_t> read_{0};
   std::atomic<std::uint32_t> reader_needs_{0};  // bytes that a blocked reader waits for
   std::uint32_t read_position_ = 0;             // reader only

@@ -7,7 +7,7 @@
 namespace ipplayout::platform {
 
 // Time since an arbitrary origin, never set back (CLOCK_MONOTONIC).
-std::chrono::nanoseconds MonotonicNow();
+std::chrono::nanoseconds MonotonicNow() noexcept;
 
 // Milliseconds since the same origin; seeds the pseudo-random generator and bounds receive waits.
 std::uint64_t MonotonicMilliseconds();

@@ -8,9 +8,11 @@
 namespace ipplayout::platform {
 
 // Sleeps until shortly before the deadline and spins for the rest, because a sleeping thread is
-// woken tens of microseconds late. One thread waits; any thread may limit its waits.
+// woken late. How late differs between machines and moments: the time left to spin follows the
+// lateness of the wake-ups seen so far. One thread waits; any thread may limit its waits.
 class DeadlineWaiter {
  public:
+  DeadlineWaiter();
   virtual ~DeadlineWaiter() = default;
 
   // Current time on the clock that deadlines are given on.
@@ -26,9 +28,13 @@ class DeadlineWaiter {
  private:
   static constexpr std::int64_t kNoLimit = INT64_MAX;
 
+  void LearnFrom(std::chrono::nanoseconds lateness);
+
   std::atomic<std::int64_t> limit_ns_{kNoLimit};
   // Futex word: its change tells a sleeper that the limit has moved.
   std::atomic<std::uint32_t> limit_changes_{0};
+  // The waiting thread's; atomic because the pump waits too when it transmits the last batch.
+  std::atomic<std::int64_t> spin_ns_;
 };
 
 }  // namespace ipplayout::platform

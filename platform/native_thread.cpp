@@ -21,19 +21,31 @@ constexpr std::size_t kVisibleNameLength = 15;  // TASK_COMM_LEN without its NUL
 
 struct PriorityRow {
   std::int32_t level;
-  int realtime;  // SCHED_RR priority; 0 keeps the thread in the ordinary class
-  int nice;      // used where real time is refused, or not asked for
+  int round_robin;  // SCHED_RR priority
+  int nice;         // in the ordinary class
 };
 
-// Ordered so that each level runs before the one above it in the table, in both classes.
 constexpr std::array<PriorityRow, 6> kPriorities{{
-    {-15, 0, 19},
-    {-1, 0, 1},
-    {0, 0, 0},
-    {1, 0, -5},
-    {2, 1, -10},
-    {15, 2, -20},
+    {-15, 1, -10},
+    {-1, 2, -11},
+    {0, 3, -12},
+    {1, 4, -13},
+    {2, 5, -16},
+    {15, 6, -20},
 }};
+
+// The nearest that an unprivileged process gets to a nice value below 0 without losing the order
+// against a lower level.
+int UnprivilegedNice(std::int32_t level) {
+  return level < 0 ? 1 : 0;
+}
+
+void SetNice(pid_t thread, const PriorityRow& row) {
+  const auto id = static_cast<id_t>(thread);
+  if (setpriority(PRIO_PROCESS, id, row.nice) != 0) {
+    setpriority(PRIO_PROCESS, id, UnprivilegedNice(row.level));
+  }
+}
 
 }  // namespace
 
@@ -99,16 +111,16 @@ std::uint32_t NativeThread::Id() const {
   return static_cast<std::uint32_t>(state_->id);
 }
 
-void NativeThread::SetPriority(std::int32_t level) {
+void NativeThread::SetPriority(std::int32_t level, bool real_time) {
   for (const PriorityRow& row : kPriorities) {
     if (row.level != level) {
       continue;
     }
     sched_param parameters{};
-    parameters.sched_priority = row.realtime;
-    const int policy = row.realtime == 0 ? SCHED_OTHER : SCHED_RR;
-    if (sched_setscheduler(state_->id, policy, &parameters) != 0 || row.realtime == 0) {
-      setpriority(PRIO_PROCESS, static_cast<id_t>(state_->id), row.nice);
+    parameters.sched_priority = real_time ? row.round_robin : 0;
+    const int policy = real_time ? SCHED_RR : SCHED_OTHER;
+    if (sched_setscheduler(state_->id, policy, &parameters) != 0 || !real_time) {
+      SetNice(state_->id, row);
     }
   }
 }

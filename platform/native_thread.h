@@ -7,14 +7,13 @@
 
 namespace ipplayout::platform {
 
-// Sets the calling process's view of a thread aside: starts `entry(argument)` on a new thread that
-// takes no signals of the host's. Its result owns the thread and joins it when destroyed.
+// Takes none of the host's signals.
 class NativeThread {
  public:
   using Entry = void (*)(void* argument);
 
-  // `stack_size` 0 is the platform's default; at most 15 characters of `name` show in `top -H`.
-  // Null when the system refuses a thread.
+  // Runs `entry(argument)` on a new thread. `stack_size` 0 is the platform's default; at most 15
+  // characters of `name` show in `top -H`. Null when the system refuses a thread.
   static std::unique_ptr<NativeThread> Start(const char* name, std::size_t stack_size, Entry entry,
                                              void* argument);
   NativeThread(const NativeThread&) = delete;
@@ -26,8 +25,11 @@ class NativeThread {
   std::uint32_t Id() const;
 
   // `level` is one of -15, -1, 0, 1, 2, 15 (idle to time critical). The levels keep their order;
-  // as much of it is applied as the process may ask for, and a refusal is ignored.
-  void SetPriority(std::int32_t level);
+  // as much of it is applied as the process may ask for, and a refusal is ignored. All of them run
+  // ahead of ordinary processes, since a frame that is built late leaves late. `real_time` is for
+  // threads that rest between bits of work: the kernel stops a real-time thread that does not for a
+  // twentieth of every second.
+  void SetPriority(std::int32_t level, bool real_time);
 
  private:
   struct State;

@@ -9,7 +9,11 @@ namespace {
 
 // SplitMix64 (Steele, Lea, Flood 2014): neighbouring seeds give unrelated sequences, which matters
 // here because seeds are consecutive millisecond counts.
-std::atomic<std::uint64_t> state{static_cast<std::uint64_t>(MonotonicNow().count())};
+std::uint64_t InitialSeed() noexcept {
+  return static_cast<std::uint64_t>(MonotonicNow().count());
+}
+
+std::atomic<std::uint64_t> state{InitialSeed()};
 
 }  // namespace
 

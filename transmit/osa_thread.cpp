@@ -22,7 +22,7 @@ bool OsaThread::Start() {
     if (thread_ == nullptr) {
       return false;
     }
-    thread_->SetPriority(priority_.Level());
+    thread_->SetPriority(priority_.Level(), real_time_);
     id = thread_->Id();
   }
   OsaTrace("OsaThread::Start, name = %s, id = %u\n", Name(), id);
@@ -46,7 +46,7 @@ OsaThreadPriority OsaThread::SetPriority(OsaThreadPriority priority) {
   const std::lock_guard lock(mutex_);
   const OsaThreadPriority previous = priority_;
   if (thread_ != nullptr) {
-    thread_->SetPriority(priority.Level());
+    thread_->SetPriority(priority.Level(), real_time_);
     priority_ = priority;
   }
   return previous;

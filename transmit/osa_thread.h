@@ -57,6 +57,9 @@ class OsaThread {
   // be called by the worker itself.
   OsaThreadPriority SetPriority(OsaThreadPriority priority);
 
+  // Whether Start and SetPriority apply the priority in the real-time class. Before Start.
+  void UseRealTime(bool real_time) { real_time_ = real_time; }
+
   const char* Name() const { return name_.data(); }
 
  protected:
@@ -68,6 +71,7 @@ class OsaThread {
 
   std::array<char, kNameSize> name_{};
   std::uint32_t stack_size_;
+  bool real_time_ = false;
   std::atomic<bool> stop_requested_{false};
 
   // Guards thread_ and priority_. Held while a thread is created and given its stored priority, so

@@ -64,8 +64,8 @@ void PacketTransmitterThread::TransmitBatches() {
   bool first = true;
   while (!StopRequested() && !interface_->IsFinished()) {
     interface_->WaitForQueue();
-    if (StopRequested() && !interface_->HasBatch()) {
-      return;
+    if (!interface_->HasBatch()) {
+      continue;
     }
     double jitter_sum = 0;
     if (jitter) {

@@ -12,6 +12,7 @@ namespace {
 
 constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
+constexpr std::uint32_t kFramesAtFullSpeed = 160;  // in transit
 constexpr double kLongestPacketTime = 1e9;        // seconds: keeps the arithmetic on times finite
 constexpr std::uint32_t kQueueRoomPerFrame = 24;  // for the frame's header, on top of its bytes
 
@@ -55,15 +56,11 @@ bool PcapRtInterface::FilterInclude() {
     stamper_.Begin(packet_time_, parameters_);
     gap_correction_.store(0);
     queue_start_advance_.store(packet_time_);
-    batch_jitter_sum_.store(0);
     queue_count_ = 0;
     finished_.store(false);
-    queue_ready_.Reset();
-    queue_free_.Set();
     const std::size_t capacity =
         (std::size_t{frame_size_} + kQueueRoomPerFrame) * packets_per_queue_;
-    fill_queue_ = SendQueue::Allocate(capacity);
-    send_queue_ = SendQueue::Allocate(capacity);
+    hand_over_.Allocate(MostInTransit(), capacity);
   }
   return handle_ != nullptr && SetEmptyFilter();
 }
@@ -101,7 +98,7 @@ bool PcapRtInterface::QueueFrame(const PDU& frame) {
   if (errors_ != nullptr) {
     errors_->SetJitter(stamper_.JitterEstimate());
   }
-  if (!fill_queue_->Append(header, frame.Data())) {
+  if (!hand_over_.Filling().Append(header, frame.Data())) {
     std::printf("Warning: packet buffer too small, not all the packets will be sent.\n");
     return false;
   }
@@ -110,23 +107,24 @@ bool PcapRtInterface::QueueFrame(const PDU& frame) {
 
 bool PcapRtInterface::HandOver() {
   queue_count_ = 0;
-  queue_free_.Wait();
-  queue_free_.Reset();
+  const bool only_speed_counts = gap_correction_.load() >= packet_time_;
+  hand_over_.WaitForRoom(only_speed_counts ? MostInTransit() : 1);
   if (failed_.load()) {
-    queue_free_.Set();
     return false;
   }
-  std::swap(fill_queue_, send_queue_);
-  batch_jitter_sum_.store(stamper_.JitterSum());
+  hand_over_.HandOver(stamper_.JitterSum());
   stamper_.BeginBatch(std::max(packet_time_ - gap_correction_.load(), 0.0),
                       queue_start_advance_.load());
-  queue_ready_.Set();
   return true;
 }
 
-void PcapRtInterface::WaitForQueue() {
-  queue_ready_.Wait();
-  queue_ready_.Reset();
+// Single frames are only sent where there is time, and bursts are long: one is enough of both.
+std::size_t PcapRtInterface::MostInTransit() const {
+  const bool bursts = parameters_ != nullptr && parameters_->IsBurstMode() != 0;
+  if (bursts || packets_per_queue_ <= 1) {
+    return 1;
+  }
+  return std::max(kFramesAtFullSpeed / packets_per_queue_, 1U);
 }
 
 void PcapRtInterface::SetQueueStartAdvance(double seconds) {
@@ -137,18 +135,17 @@ int PcapRtInterface::TransmitQueue() {
   if (!queued_) {
     return 1;
   }
-  int result = 1;
-  if (!IsFinished() && handle_ != nullptr) {
-    if (TransmitWhole(*send_queue_)) {
-      send_queue_->Clear();
-    } else {
-      failed_.store(true);
-      finished_.store(true);
-      result = 0;
-    }
+  if (!hand_over_.HasBatch()) {
+    return 1;
   }
-  queue_free_.Set();
-  return result;
+  if (!IsFinished() && handle_ != nullptr && !TransmitWhole(*hand_over_.Front().frames)) {
+    failed_.store(true);
+    finished_.store(true);
+    hand_over_.Abandon();
+    return 0;
+  }
+  hand_over_.Release();
+  return 1;
 }
 
 bool PcapRtInterface::TransmitWhole(const SendQueue& queue) {
@@ -162,23 +159,20 @@ bool PcapRtInterface::TransmitWhole(const SendQueue& queue) {
 }
 
 void PcapRtInterface::FlushLastQueue() {
-  queue_free_.Wait();
-  queue_free_.Reset();
+  hand_over_.WaitUntilEmpty();
   finished_.store(true);
+  SendQueue& rest = hand_over_.Filling();
   if (handle_ != nullptr) {
-    TransmitWhole(*fill_queue_);
+    TransmitWhole(rest);
   }
-  fill_queue_->Clear();
-  queue_ready_.Set();
-  queue_free_.Set();
+  rest.Clear();
+  queue_count_ = 0;
+  SignalQueueReady();
 }
 
 void PcapRtInterface::Close() {
   handle_.reset();
-  fill_queue_.reset();
-  send_queue_.reset();
-  queue_ready_.Reset();
-  queue_free_.Reset();
+  hand_over_.Clear();
 }
 
 bool PcapRtInterface::DiscardReceived(bool discard) {

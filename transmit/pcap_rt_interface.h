@@ -9,9 +9,8 @@
 #include <vector>
 
 #include "driver/capture_driver.h"
-#include "driver/send_queue.h"
 #include "platform/deadline_waiter.h"
-#include "platform/signal.h"
+#include "transmit/batch_hand_over.h"
 #include "transmit/ethernet_interface.h"
 #include "transmit/frame_stamper.h"
 
@@ -20,13 +19,16 @@ namespace ipplayout {
 // Hand-over of a batch between the data pump and the transmitter:
 //
 //   pump                                        transmitter
-//   fills the fill queue up to N frames         WaitForQueue
-//   waits for queue-free, resets it
-//   swaps the queues, takes gap correction
-//   and queue start advance
-//   sets queue-ready, goes on filling           paces, sets the next correction and advance
-//                                               TransmitQueue, sets queue-free
+//   fills a batch of N frames                   WaitForQueue
+//   waits for room, takes gap correction
+//   and queue start advance, hands over,
+//   goes on filling the next                    paces, sets the next correction and advance
+//                                               TransmitQueue, releases the batch
 //   at the end: FlushLastQueue                  wakes, sees IsFinished, ends
+//
+// One batch is in transit while the next is filled, so that each takes the correction that followed
+// from the one before. Only where frames are so late that the next gap is 0 in any case, further
+// batches may follow: then nothing but speed counts.
 //
 // Send, FlushLastQueue and SignalQueueReady are the pump's, the operations from WaitForQueue to
 // TransmitQueue the transmitter's; the rest belongs to the control thread while neither runs.
@@ -60,33 +62,36 @@ class PcapRtInterface final : public EthernetRTInterface {
   // Nominal frame length in bytes.
   void SetFrameSize(std::uint32_t bytes) { frame_size_ = bytes; }
   // False after a FilterInclude that could not get memory for the queues.
-  bool HasQueues() const { return fill_queue_ != nullptr && send_queue_ != nullptr; }
+  bool HasQueues() const { return hand_over_.IsAllocated(); }
   // The clock and the waits of this interface; tests put their own in its place.
   platform::DeadlineWaiter& Waiter() { return *waiter_; }
   void SetWaiter(platform::DeadlineWaiter* waiter) { waiter_ = waiter; }
 
   // Seconds per frame at the bit rate.
   double GetPacketTime() const { return packet_time_; }
-  void WaitForQueue();
-  // A batch has been handed over and not been sent. After WaitForQueue.
-  bool HasBatch() const { return send_queue_->Used() != 0; }
+  // Returns with a batch in hand, or without one after SignalQueueReady.
+  void WaitForQueue() { hand_over_.Wait(); }
+  bool HasBatch() const { return hand_over_.HasBatch(); }
   bool IsFinished() const { return finished_.load(); }
-  double GetJitterSum() const { return batch_jitter_sum_.load(); }
-  void ClearJitterSum() { batch_jitter_sum_.store(0); }
+  // Of the batch in hand, in seconds.
+  double GetJitterSum() { return hand_over_.Front().jitter_sum; }
+  void ClearJitterSum() { hand_over_.Front().jitter_sum = 0; }
   // Seconds by which the gap of a coming batch is shortened.
   void SetGapCorrection(double seconds) { gap_correction_.store(seconds); }
   // Seconds from the last frame of a batch to the first of the next; negative counts as 0.
   void SetQueueStartAdvance(double seconds);
-  // 0 when the adapter took only part of the batch, else 1.
+  // Transmits the batch in hand, if there is one. 0 when the adapter took only part of it, else 1.
   int TransmitQueue();
 
-  void SignalQueueReady() { queue_ready_.Set(); }
+  // Wakes the transmitter from WaitForQueue.
+  void SignalQueueReady() { hand_over_.Wake(); }
   // Transmits the partly filled batch on the caller's thread and ends the run.
   void FlushLastQueue();
 
  private:
   bool QueueFrame(const PDU& frame);
   bool HandOver();
+  std::size_t MostInTransit() const;
   bool TransmitWhole(const SendQueue& queue);
   bool SetEmptyFilter();
 
@@ -111,19 +116,16 @@ class PcapRtInterface final : public EthernetRTInterface {
   // Pump.
   FrameStamper stamper_;
   std::uint32_t queue_count_ = 0;
-  std::unique_ptr<SendQueue> fill_queue_;
 
-  // Pump and transmitter in turn, ordered by the two signals; atomic where one side may look
-  // outside its turn.
-  std::unique_ptr<SendQueue> send_queue_;
+  BatchHandOver hand_over_;
+
+  // Set by the transmitter before it releases a batch, read by the pump after it has waited for
+  // room.
   std::atomic<double> gap_correction_{0};
   std::atomic<double> queue_start_advance_{0};
-  std::atomic<double> batch_jitter_sum_{0};
+  // Set by the pump when it flushes, or by the transmitter when it fails.
   std::atomic<bool> finished_{false};
   std::atomic<bool> failed_{false};
-
-  alignas(64) platform::Signal queue_ready_{false};
-  alignas(64) platform::Signal queue_free_{true};
 };
 
 }  // namespace ipplayout

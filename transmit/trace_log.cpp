@@ -25,6 +25,7 @@ namespace {
 
 }  // namespace
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks the arguments against the format.
 int OsaTrace(const char* format, ...) {
   int count = 0;
   for (std::FILE* stream : {OsaTraceFile, OsaTraceSilent ? nullptr : stdout}) {

@@ -32,11 +32,14 @@ int OpenSocket(const char* device) {
   return descriptor;
 }
 
-// Ethernet II with an EtherType set aside for experiments (IEEE 802 clause 9.2.3).
+// The header of what play_steady sends, so that the far end has the same work with it: Ethernet II
+// and IPv4 to a multicast group, UDP. Worked out by hand for frames of 1,370 bytes.
 std::vector<std::uint8_t> MakeFrame(std::size_t size) {
   std::vector<std::uint8_t> frame(size, 0x47);
-  constexpr std::array<std::uint8_t, 14> kHeader{0x01, 0, 0x5E, 1, 2,    3,    2,
-                                                 0,    0, 0,    0, 0x01, 0x88, 0xB5};
+  constexpr std::array<std::uint8_t, 42> kHeader{
+      0x01, 0x00, 0x5E, 0x01, 0x02, 0x03, 0x02, 0x00, 0x00, 0x00, 0x00, 0x01, 0x08, 0x00,  //
+      0x45, 0x00, 0x05, 0x4C, 0x00, 0x00, 0x40, 0x00, 0x10, 0x11, 0x6A, 0x4F, 0x0A, 0x4D,  //
+      0x00, 0x01, 0xEF, 0x01, 0x02, 0x03, 0x9C, 0x40, 0x13, 0x8C, 0x05, 0x38, 0x00, 0x00};
   std::copy(kHeader.begin(), kHeader.end(), frame.begin());
   return frame;
 }

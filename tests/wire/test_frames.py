@@ -202,7 +202,7 @@ class Frames(WireCase):
             settings = {**base, "ProtocolMode": protocol, **tag, **cut}
             model = Model(settings)
             with self.subTest(ipv6=not model.ipv4, rtp=protocol, tagged=bool(tag), cut=cut):
-                outcome = self.bed.run(body, settings, datagrams(model, 1, tail=0))
+                outcome = self.bed.run(body, settings, datagrams(model, 1))
                 (total, payload, udp), stored = outcome.value
                 self.assertEqual((total, payload, udp), stored)
                 frame, ip = outcome.frames[0], 18 if tag else 14

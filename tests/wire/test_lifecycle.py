@@ -199,6 +199,26 @@ class Completion(WireCase):
         self.assert_frames(outcome, expected)
         self.assertEqual(outcome.value, statistics)
 
+    def test_end_declared_while_the_pump_waits_for_data(self):
+        """The last, partly filled batch leaves also if the stream was read to its end before that was known."""
+        def body(library, settings, data):
+            ready(settings, library)
+            assert library.IPStart() == 0
+            library.write(data)
+            while library.statistics()["DatagramsSent"] < 13:
+                pass
+            library.IPWriteTerminate()
+            return reap(library)
+        for changes in ({}, {"IPBitRate": 200.0}):
+            settings = {**TYPICAL, **changes}
+            self.check_playout(settings, datagrams(Model(settings), 13, tail=0), body)
+
+    def test_more_than_the_ring_holds(self):
+        settings = {**TYPICAL, "IPBitRate": 2000.0, "TSPacketSize": 0, "PacketSizeMode": 0, "IPPacketSize": 1401}
+        data = stream(RING + (3 << 20))
+        outcome = self.bed.run(play, settings, data)
+        self.assertTrue(b"".join(frame[54:] for frame in outcome.frames) == data, "the payload differs")
+
     def test_writes_that_race_with_the_end(self):
         """Bytes may come after the end was declared: they are played or not, but nobody hangs."""
         def body(library, chunk):
@@ -295,7 +315,7 @@ class Blocking(WireCase):
                     pass
                 library.IPWriteTerminate()
                 library.IPStop()
-            library.configure({**TYPICAL, "BurstMode": 0})
+            library.configure({**TYPICAL, "BurstMode": 0, "IPFragmentation": 0})
             return library.play(data)
         self.bed.near.run("ip", "link", "set", Testbed.NEAR, "mtu", "1500")
         self.addCleanup(self.bed.near.run, "ip", "link", "set", Testbed.NEAR, "mtu", str(Testbed.MTU))
@@ -450,8 +470,8 @@ class Refusals(WireCase):
                     assert library.IPStart() == Library.FAILED, name
                     assert own_threads() == threads, name
                     assert library.IsPlayoutComplete() == 1, name
+                    assert library.IPWriteTerminate() == 0, name
                     stop()
-                    library.IPWriteTerminate()
             library.configure({**TYPICAL, "BurstMode": 0})
             library.GetIPPlayParams().contents.DeviceIndex = device
             return library.play(data)

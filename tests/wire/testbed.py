@@ -255,6 +255,7 @@ class Testbed:
         A frame passes through the backlog of the processor that sent it, in order. So one marker
         sent from each processor comes behind everything.
         """
+        self.marker_socket.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)  # of an adapter that was down
         processors = os.sched_getaffinity(0)
         for processor in processors:
             os.sched_setaffinity(0, {processor})
