@@ -1,0 +1,324 @@
+#include "host/play_session.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "host/library_output.h"
+#include "host/report.h"
+#include "ipplayout/ipplayout.h"
+
+namespace ipplay {
+namespace {
+
+using std::chrono::nanoseconds;
+using namespace std::chrono_literals;
+
+constexpr const char* kKeys =
+    "keys: space pause, l lose, s send late, i bad IP checksum, u bad UDP checksum, q stop, ? help";
+
+sigset_t StopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
+  return set;
+}
+
+// Signals are read as events. They are blocked before any thread starts, so that none gets them.
+FileDescriptor CatchSignals() {
+  sigset_t set = StopSignals();
+  sigaddset(&set, SIGCONT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  return FileDescriptor(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+}
+
+// From here on a signal ends the process at once.
+void LetSignalsKill() {
+  const sigset_t set = StopSignals();
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+Feeder::Sink LibrarySink() {
+  return {.write = [](const void* data, std::uint16_t units) { return IPWrite(data, units); },
+          .terminate = [] { IPWriteTerminate(); }};
+}
+
+std::optional<Restamper> MakeRestamper(const PlayPlan& plan, PacketFormat format) {
+  if (!plan.restamp) return std::nullopt;
+  return Restamper(format, plan.restamp->start_offset, plan.restamp->round_ticks);
+}
+
+// Without the two lines that tell of its threads.
+bool StartLibrary() {
+  const LibrarySilence silence(LibrarySilence::Of::kOutput);
+  return IPStart() == 0;
+}
+
+}  // namespace
+
+PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
+                         std::unique_ptr<RoundReader> reader, int stop_reading)
+    : options_(options),
+      plan_(plan),
+      stop_reading_(stop_reading),
+      completed_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      signals_(CatchSignals()),
+      time_line_(options.time_line),
+      meter_(plan),
+      feeder_([&] {
+        const PacketFormat format = reader->format();
+        return Feeder(std::move(reader), MakeRestamper(plan, format), plan.rounds, LibrarySink());
+      }()) {}
+
+PlaySession::~PlaySession() {
+  if (running_) Finish();
+}
+
+ExitStatus PlaySession::Run() {
+  if (!Start()) return ExitStatus::kFailed;
+  Loop();
+  return Conclude();
+}
+
+bool PlaySession::Start() {
+  const intptr_t event = completed_.get();
+  RegisterForIPPlayoutCompletion(&event);
+  Apply(plan_.settings);
+  if (!options_.json && !options_.quiet) terminal_ = Terminal::Open();
+  start_ = Clock::now();
+  next_report_ = terminal_ ? 0s : ReportInterval();
+  if (!StartLibrary()) {
+    IPStop();
+    fmt::print(stderr, "ipplay: the playout cannot start; is the adapter up?\n");
+    return false;
+  }
+  running_ = true;
+  feeder_.Start();
+  if (terminal_) fmt::print(stderr, "{}\n", kKeys);
+  return true;
+}
+
+void PlaySession::Loop() {
+  while (running_) {
+    WaitForSomething();
+    if (!running_) return;
+    ReadCounters(Now());
+    while (const auto action = time_line_.TakeDue(Now())) Do(*action, "--at");
+    if (running_) ReportWhenDue();
+  }
+}
+
+nanoseconds PlaySession::ReportInterval() const {
+  if (options_.json) return 1s;
+  return terminal_ ? nanoseconds(250ms) : nanoseconds(5s);
+}
+
+// The next point in time at which there is something to do. Until the first datagram has left, the
+// counters are looked at more often, since the measured bit rate starts with it.
+nanoseconds PlaySession::NextWake() const {
+  nanoseconds wake = next_report_;
+  if (const auto time = time_line_.NextTime()) wake = std::min(wake, *time);
+  if (!meter_.started()) wake = std::min(wake, Now() + 2ms);
+  return wake;
+}
+
+void PlaySession::WaitForSomething() {
+  const nanoseconds wait = std::max(NextWake() - Now(), nanoseconds(0));
+  const timespec timeout{.tv_sec = static_cast<time_t>(wait / 1s),
+                         .tv_nsec = static_cast<long>((wait % 1s).count())};
+  std::array<pollfd, 3> waits{{{completed_.get(), POLLIN, 0},
+                               {signals_.get(), POLLIN, 0},
+                               {terminal_ ? terminal_->fd() : -1, POLLIN, 0}}};
+  if (ppoll(waits.data(), waits.size(), &timeout, nullptr) <= 0) return;
+  if (waits[0].revents != 0) {
+    // Nothing is written; the call tells an end of the data from a failure.
+    const std::uint32_t nothing = 0;
+    failed_ = IPWrite(&nothing, 0) == IPPLAYOUT_FAILED;
+    return Finish();
+  }
+  if (waits[1].revents != 0) TakeSignals();
+  if (waits[2].revents != 0) TakeKeys();
+}
+
+void PlaySession::TakeSignals() {
+  signalfd_siginfo info{};
+  while (running_ && read(signals_.get(), &info, sizeof info) == sizeof info) {
+    if (info.ssi_signo == SIGCONT) {
+      if (terminal_) terminal_->TakeKeys();
+    } else {
+      Stop(info.ssi_signo == SIGINT ? "Stopped by Ctrl-C" : "Stopped by a signal");
+    }
+  }
+}
+
+void PlaySession::TakeKeys() {
+  while (terminal_) {
+    const auto key = terminal_->ReadKey();
+    if (!key) return;
+    PressKey(*key);
+  }
+}
+
+void PlaySession::PressKey(char key) {
+  switch (key) {
+    case ' ':
+      return Do({meter_.paused() ? ActionKind::kResume : ActionKind::kPause, 0s}, "key");
+    case 'l':
+      return Do({ActionKind::kLose, 0s}, "key");
+    case 's':
+      return Do({ActionKind::kDelay, 0s}, "key");
+    case 'i':
+      return Do({ActionKind::kBadIpChecksum, 0s}, "key");
+    case 'u':
+      return Do({ActionKind::kBadUdpChecksum, 0s}, "key");
+    case 'q':
+      return Do({ActionKind::kStop, 0s}, "key");
+    case '?':
+    case 'h':
+      return Say(kKeys);
+    default:
+      return;
+  }
+}
+
+void PlaySession::Do(const Action& action, const std::string& by) {
+  switch (action.kind) {
+    case ActionKind::kLose:
+      GeneratePacketLoss();
+      return Say(by + ": the next datagram is lost");
+    case ActionKind::kDelay:
+      if (!options_.to.rtp) return Say(by + ": only RTP datagrams can be sent late");
+      GenerateSequenceError();
+      return Say(by + ": the next datagram is sent late");
+    case ActionKind::kBadIpChecksum:
+      if (options_.to.address.is_v6) return Say(by + ": IPv6 has no header checksum");
+      GenerateIPChecksumError();
+      return Say(by + ": the next datagram has a bad IP checksum");
+    case ActionKind::kBadUdpChecksum:
+      GenerateUDPChecksumError();
+      return Say(by + ": the next datagram has a bad UDP checksum");
+    case ActionKind::kPause:
+      Pause(true);
+      if (action.length > 0s) {
+        time_line_.Add({Now() + action.length, {ActionKind::kResume, 0s}});
+      }
+      return;
+    case ActionKind::kResume:
+      return Pause(false);
+    case ActionKind::kStop:
+      return Stop(fmt::format("Stopped by {}", by));
+  }
+}
+
+void PlaySession::Pause(bool on) {
+  const nanoseconds now = Now();
+  IPPause(on ? 1 : 0);
+  ReadCounters(now);
+  meter_.SetPaused(on, now);
+  Say(on ? "paused" : "playing");
+}
+
+// The terminal goes back and signals get their usual meaning first: what follows may take a second,
+// and a second Ctrl-C ends the process at once.
+void PlaySession::Stop(const std::string& outcome) {
+  if (!running_) return;
+  outcome_ = outcome;
+  ClearProgress();
+  terminal_.reset();
+  LetSignalsKill();
+  Finish();
+}
+
+// The playout ends now, not when all of its threads are gone; its last datagram is counted then.
+void PlaySession::Finish() {
+  const nanoseconds end = Now();
+  running_ = false;
+  feeder_.Stop();
+  const std::uint64_t one = 1;
+  if (write(stop_reading_, &one, sizeof one) < 0) {
+    // The counter of the event is full, so it is signalled already.
+  }
+  IPStop();
+  ReadCounters(end);
+}
+
+void PlaySession::ReadCounters(nanoseconds now) {
+  PlayoutStatistics counters{};
+  GetPlayoutStatistics(&counters);
+  meter_.Read(counters, now);
+}
+
+void PlaySession::ReportWhenDue() {
+  WarnOfInput();
+  if (Now() < next_report_) return;
+  // Missed reports are not made up for.
+  next_report_ += ReportInterval() * ((Now() - next_report_) / ReportInterval() + 1);
+  if (!meter_.started() && !options_.json) return;
+  if (options_.json) {
+    fmt::print(Results(), "{}\n", StatusJson(options_, plan_, meter_.status(), "progress"));
+    std::fflush(Results());
+    if (std::ferror(Results()) != 0) Stop("Stopped, since nobody reads the output");
+  } else if (terminal_) {
+    DrawProgress();
+  } else if (!options_.quiet) {
+    fmt::print(stderr, "{}\n", ProgressLine(plan_, meter_.status(), 200));
+  }
+}
+
+void PlaySession::DrawProgress() {
+  fmt::print(stderr, "\r\x1b[K{}", ProgressLine(plan_, meter_.status(), terminal_->Columns() - 1));
+}
+
+void PlaySession::ClearProgress() {
+  if (terminal_) fmt::print(stderr, "\r\x1b[K");
+}
+
+void PlaySession::Say(const std::string& line) {
+  if (options_.json || options_.quiet) return;
+  ClearProgress();
+  fmt::print(stderr, "{}  {}\n", FormatClock(meter_.status().elapsed), line);
+  if (terminal_) DrawProgress();
+}
+
+void PlaySession::WarnOfInput() {
+  const auto lost = feeder_.sync_lost();
+  if (!lost || warned_of_sync_) return;
+  warned_of_sync_ = true;
+  ClearProgress();
+  fmt::print(stderr, "ipplay: INPUT lost sync at offset {}; it is played as it comes\n", *lost);
+}
+
+ExitStatus PlaySession::Conclude() {
+  ClearProgress();
+  terminal_.reset();
+  WarnOfInput();
+  if (feeder_.padding() > 0) {
+    fmt::print(stderr, "ipplay: {} zero bytes added at the end, since bytes are played by fours\n",
+               feeder_.padding());
+  }
+  if (feeder_.read_error() != 0) {
+    failed_ = true;
+    fmt::print(stderr, "ipplay: INPUT cannot be read on: {}\n",
+               std::strerror(feeder_.read_error()));
+  } else if (failed_) {
+    fmt::print(stderr, "ipplay: a frame could not be sent; is the adapter still up?\n");
+  }
+  if (failed_) outcome_ = "Failed";
+  const Status status = meter_.status();
+  if (options_.json) {
+    fmt::print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
+  } else {
+    fmt::print(Results(), "{}", Summary(options_, plan_, status, outcome_));
+  }
+  std::fflush(Results());
+  return failed_ ? ExitStatus::kFailed : ExitStatus::kPlayed;
+}
+
+}  // namespace ipplay

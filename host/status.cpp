@@ -1,0 +1,87 @@
+#include "host/status.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ipplay {
+namespace {
+
+using std::chrono::nanoseconds;
+constexpr nanoseconds kRecent = std::chrono::seconds(2);
+
+double Seconds(nanoseconds time) {
+  return static_cast<double>(time.count()) / 1e9;
+}
+
+}  // namespace
+
+StatusMeter::StatusMeter(const PlayPlan& plan)
+    : total_bytes_(plan.total_bytes),
+      round_bytes_(plan.round_bytes),
+      stream_rate_(plan.stream_rate) {
+  const bool is_tts = plan.settings.tts.TTSEnabled == 1;
+  bytes_per_ts_byte_ = is_tts ? 192.0 / 188 : 1;
+  ts_bytes_per_datagram_ = plan.payload_bytes / bytes_per_ts_byte_;
+}
+
+nanoseconds StatusMeter::PlayingTime(nanoseconds now) const {
+  return paused_since_.value_or(now) - paused_total_;
+}
+
+void StatusMeter::SetPaused(bool paused, nanoseconds now) {
+  if (paused == paused_since_.has_value()) return;
+  if (paused) {
+    paused_since_ = now;
+  } else {
+    paused_total_ += now - *paused_since_;
+    paused_since_.reset();
+  }
+}
+
+void StatusMeter::Read(const PlayoutStatistics& counters, nanoseconds now) {
+  counters_ = counters;
+  const nanoseconds time = PlayingTime(now);
+  if (!first_ && counters.DatagramsSent > 0) first_ = time;
+  if (!first_ || (!readings_.empty() && time == readings_.back().time)) return;
+  readings_.push_back({time, counters.TSBytesSent});
+  while (readings_.size() > 2 && readings_[1].time <= time - kRecent) readings_.pop_front();
+}
+
+// From the departure of the first datagram to that of the last one lies the time of all but one,
+// which are full ones.
+double StatusMeter::MeanRate() const {
+  if (readings_.empty() || readings_.back().time <= *first_) return 0;
+  const auto datagrams = static_cast<double>(counters_.DatagramsSent - 1);
+  return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
+}
+
+double StatusMeter::RecentRate() const {
+  if (readings_.size() < 2 || paused()) return 0;
+  const Reading& from = readings_.front();
+  const Reading& to = readings_.back();
+  return static_cast<double>(to.ts_bytes - from.ts_bytes) * 8 / Seconds(to.time - from.time);
+}
+
+Status StatusMeter::status() const {
+  Status status;
+  status.counters = counters_;
+  status.paused = paused();
+  if (first_ && !readings_.empty()) status.elapsed = readings_.back().time - *first_;
+  status.recent_rate = RecentRate();
+  status.mean_rate = MeanRate();
+  const double played = static_cast<double>(counters_.TSBytesSent) * bytes_per_ts_byte_;
+  if (round_bytes_ && played > 0) {
+    // A round that is just complete is not the next one yet.
+    status.round = static_cast<std::uint64_t>(
+        std::max(std::ceil(played / static_cast<double>(*round_bytes_)), 1.0));
+  }
+  if (total_bytes_ && *total_bytes_ > 0) {
+    const auto total = static_cast<double>(*total_bytes_);
+    status.share = std::min(played / total, 1.0);
+    const double left = std::max(total - played, 0.0) / bytes_per_ts_byte_ * 8 / stream_rate_;
+    status.remaining = nanoseconds(std::llround(std::min(left * 1e9, 9e18)));
+  }
+  return status;
+}
+
+}  // namespace ipplay

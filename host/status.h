@@ -1,0 +1,59 @@
+// How far a playout is and how fast it goes, from the library's counters and the clock.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+#include "host/play_plan.h"
+#include "ipplayout/ipplayout.h"
+
+namespace ipplay {
+
+struct Status {
+  PlayoutStatistics counters{};
+  std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses left out
+  std::optional<double> share;          // of all bytes to play, 0 to 1; nothing without an end
+  std::optional<std::chrono::nanoseconds> remaining;
+  double recent_rate = 0;   // bits per second of transport stream over the last seconds
+  double mean_rate = 0;     // since the first datagram, pauses left out
+  std::uint64_t round = 1;  // that the last datagram belongs to
+  bool paused = false;
+};
+
+// Fed with readings of the counters, oldest first. Times are of one steady clock.
+class StatusMeter {
+ public:
+  explicit StatusMeter(const PlayPlan& plan);
+
+  void SetPaused(bool paused, std::chrono::nanoseconds now);
+  void Read(const PlayoutStatistics& counters, std::chrono::nanoseconds now);
+
+  bool started() const { return first_.has_value(); }
+  bool paused() const { return paused_since_.has_value(); }
+  Status status() const;
+
+ private:
+  struct Reading {
+    std::chrono::nanoseconds time;  // pauses left out
+    std::uint64_t ts_bytes;
+  };
+
+  std::chrono::nanoseconds PlayingTime(std::chrono::nanoseconds now) const;
+  double MeanRate() const;
+  double RecentRate() const;
+
+  std::optional<std::uint64_t> total_bytes_;
+  std::optional<std::uint64_t> round_bytes_;
+  double stream_rate_;
+  double bytes_per_ts_byte_;  // bytes read from the input for each byte that TSBytesSent counts
+  double ts_bytes_per_datagram_;
+  std::optional<std::chrono::nanoseconds> paused_since_;
+  std::chrono::nanoseconds paused_total_{0};
+  std::optional<std::chrono::nanoseconds> first_;  // time of the first datagram
+  PlayoutStatistics counters_{};
+  std::deque<Reading> readings_;  // of the last seconds
+};
+
+}  // namespace ipplay

@@ -1,0 +1,35 @@
+// Hands any number of bytes to a writer that takes units of 4 bytes, at most 65,535 at a time.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <span>
+
+namespace ipplay {
+
+class WordWriter {
+ public:
+  // `write(data, units)` returns 0 when it took them; data needs no alignment.
+  using WriteWords = std::function<int(const void* data, std::uint16_t units)>;
+
+  explicit WordWriter(WriteWords write) : write_(std::move(write)) {}
+
+  // Up to 3 bytes wait for the next call. False once a write was refused.
+  bool Write(std::span<const std::uint8_t> bytes);
+  // Fills what waits up to a unit with zero bytes and writes it. False when it was refused.
+  bool Finish();
+  // Zero bytes that Finish() added: 0 to 3. Packets of 188, 192 and 204 bytes never need any.
+  unsigned padding() const { return padding_; }
+
+ private:
+  std::span<const std::uint8_t> CompleteCarry(std::span<const std::uint8_t> bytes);
+
+  WriteWords write_;
+  std::array<std::uint8_t, 4> carry_{};
+  std::size_t carried_ = 0;
+  unsigned padding_ = 0;
+  bool refused_ = false;
+};
+
+}  // namespace ipplay

@@ -1,0 +1,249 @@
+// From an input to what the library gets: examining, reading round by round, feeding.
+#include "host/input.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <future>
+#include <numeric>
+#include <thread>
+
+#include "host/feeder.h"
+#include "host/stream_facts.h"
+#include "tests/host/temporary_file.h"
+#include "tests/host/ts_builder.h"
+
+namespace ipplay {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+constexpr std::uint64_t kTicks = 27'000;  // 1,000 packets per second, 1.504 Mbit/s
+
+// A pipe with a name, filled by a thread.
+class Fifo {
+ public:
+  Fifo() { mkfifo(path_.c_str(), 0600); }
+  ~Fifo() {
+    if (writer_.joinable()) writer_.join();
+    std::filesystem::remove(path_);
+  }
+  // Writes in pieces that do not end with packets, then closes the pipe.
+  void Fill(Bytes content) {
+    writer_ = std::thread([this, content = std::move(content)] {
+      const int fd = open(path_.c_str(), O_WRONLY);
+      for (std::size_t at = 0; at < content.size(); at += 1000) {
+        if (write(fd, &content[at], std::min<std::size_t>(1000, content.size() - at)) < 0) break;
+      }
+      close(fd);
+    });
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_ = "/tmp/ipplay-test-fifo-" + std::to_string(getpid());
+  std::thread writer_;
+};
+
+struct Fed {
+  std::optional<StreamFacts> facts{};
+  std::string failure{};
+  Bytes bytes{};
+  bool terminated = false;
+  unsigned padding = 0;
+  std::optional<std::uint64_t> sync_lost{};
+};
+
+// Plays an input to its end into memory.
+Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint64_t rounds = 1,
+         std::optional<std::uint64_t> restamp_ticks = {}) {
+  Fed fed;
+  auto input = Input::Open(path, -1);
+  if (!input) return {.failure = input.failure().message};
+  const auto facts = Examine(*input, options);
+  if (!facts) return {.failure = facts.failure().message};
+  fed.facts = *facts;
+  std::promise<void> ended;
+  const Feeder::Sink sink{.write =
+                              [&fed](const void* data, std::uint16_t units) {
+                                const auto* bytes = static_cast<const std::uint8_t*>(data);
+                                fed.bytes.insert(fed.bytes.end(), bytes, bytes + 4 * units);
+                                return 0;
+                              },
+                          .terminate =
+                              [&] {
+                                fed.terminated = true;
+                                ended.set_value();
+                              }};
+  std::optional<Restamper> restamper;
+  if (restamp_ticks) restamper.emplace(facts->format, 0, *restamp_ticks);
+  Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), std::move(restamper),
+                rounds, sink);
+  feeder.Start();
+  ended.get_future().wait();
+  fed.padding = feeder.padding();
+  fed.sync_lost = feeder.sync_lost();
+  return fed;
+}
+
+Bytes Repeated(const Bytes& bytes, int times) {
+  Bytes all;
+  for (int i = 0; i < times; ++i) all.insert(all.end(), bytes.begin(), bytes.end());
+  return all;
+}
+
+TEST(Input, FileComesOutBitForBit) {
+  const Bytes stream = MakeStream(1001, kTicks);
+  const TemporaryFile file(stream);
+  const Fed once = Feed(file.path());
+  ASSERT_TRUE(once.facts) << once.failure;
+  EXPECT_EQ(once.bytes, stream);
+  EXPECT_EQ(once.facts->Packets(), 1001U);
+  EXPECT_DOUBLE_EQ(*once.facts->BitRate(), 1'504'000);
+  EXPECT_EQ(Feed(file.path(), {}, 3).bytes, Repeated(stream, 3));
+}
+
+TEST(Input, LargerPacketsCountAsTheirRateDoes) {
+  const Bytes plain = MakeStream(100, kTicks);
+  for (const auto& [packet_bytes, sync, rate] :
+       {std::tuple{192U, 4U, 1'504'000.0}, {204U, 0U, 1'632'000.0}}) {
+    Bytes stream(100 * std::size_t{packet_bytes}, 0x55);
+    for (std::size_t i = 0; i < 100; ++i) {
+      std::copy_n(&plain[i * 188], 188, &stream[i * packet_bytes + sync]);
+    }
+    const Fed fed = Feed(TemporaryFile(stream).path());
+    ASSERT_TRUE(fed.facts) << fed.failure;
+    EXPECT_EQ(fed.facts->format.packet_bytes, packet_bytes);
+    EXPECT_DOUBLE_EQ(*fed.facts->BitRate(), rate);
+    EXPECT_EQ(fed.bytes, stream);
+  }
+}
+
+TEST(Input, CutEndsAreLeftOut) {
+  const Bytes stream = MakeStream(50, kTicks);
+  Bytes cut(77, 0x22);
+  cut.insert(cut.end(), stream.begin(), stream.end());
+  cut.insert(cut.end(), 40, 0x47);
+  const Fed fed = Feed(TemporaryFile(cut).path(), {}, 2);
+  ASSERT_TRUE(fed.facts) << fed.failure;
+  EXPECT_EQ(fed.facts->first_packet, 77U);
+  EXPECT_EQ(fed.facts->trailing_bytes, 40U);
+  EXPECT_EQ(fed.bytes, Repeated(stream, 2));
+}
+
+TEST(Input, RestampingTouchesLaterRoundsOnly) {
+  const Bytes stream = MakeStream(160, kTicks);  // counters start again where they ended
+  const Fed fed = Feed(TemporaryFile(stream).path(), {}, 2, 160 * kTicks);
+  ASSERT_EQ(fed.bytes.size(), 2 * stream.size());
+  EXPECT_TRUE(std::equal(stream.begin(), stream.end(), fed.bytes.begin()));
+  EXPECT_EQ(fed.bytes, MakeStream(320, kTicks));
+}
+
+TEST(Input, NoTransportStreamIsToldWithTheOffset) {
+  Bytes stream = MakeStream(20'000, kTicks);
+  stream[12'345 * 188] = 0;
+  const TemporaryFile file(stream);
+  const std::string failure = Feed(file.path()).failure;
+  EXPECT_NE(failure.find("sync lost at offset 2320860 "), std::string::npos) << failure;
+  EXPECT_EQ(Feed(file.path(), {.raw = true}).bytes, stream);
+  EXPECT_NE(Feed("/nonexistent/file").failure.find("/nonexistent/file"), std::string::npos);
+  EXPECT_NE(Feed(TemporaryFile({}).path(), {.raw = true}).failure.find("empty"), std::string::npos);
+}
+
+TEST(Input, RawBytesAreFilledUpToFour) {
+  Bytes bytes(100'003);
+  std::iota(bytes.begin(), bytes.end(), std::uint8_t{0});
+  const TemporaryFile file(bytes);
+  // Rounds join without padding: 3 * 100,003 bytes need 3 more.
+  const Fed fed = Feed(file.path(), {.raw = true}, 3);
+  Bytes expected = Repeated(bytes, 3);
+  expected.insert(expected.end(), 3, 0);
+  EXPECT_EQ(fed.bytes, expected);
+  EXPECT_EQ(fed.padding, 3U);
+  EXPECT_EQ(fed.facts->bytes, bytes.size());
+}
+
+TEST(Input, PipeIsReadAheadForItsRateAndLosesNothing) {
+  const Bytes stream = MakeStream(5000, kTicks);
+  Fifo fifo;
+  fifo.Fill(stream);
+  const Fed fed = Feed(fifo.path());
+  ASSERT_TRUE(fed.facts) << fed.failure;
+  EXPECT_DOUBLE_EQ(*fed.facts->BitRate(), 1'504'000);
+  EXPECT_FALSE(fed.facts->bytes);
+  EXPECT_EQ(fed.bytes, stream);
+  EXPECT_FALSE(fed.sync_lost);
+}
+
+TEST(Input, PipeThatLosesSyncIsPlayedAndSaidSo) {
+  Bytes stream = MakeStream(5000, kTicks);
+  stream[4000 * 188] = 0;
+  Fifo fifo;
+  fifo.Fill(stream);
+  const Fed fed = Feed(fifo.path(), {.want_rate = false});
+  EXPECT_EQ(fed.bytes, stream);
+  EXPECT_EQ(fed.sync_lost, 4000U * 188);
+}
+
+TEST(Input, StopEndsTheWaitForAPipe) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const FileDescriptor read_end(ends[0]);
+  const FileDescriptor write_end(ends[1]);
+  const FileDescriptor stop(eventfd(0, 0));
+  auto input = Input::Open("/proc/self/fd/" + std::to_string(ends[0]), stop.get());
+  ASSERT_TRUE(input) << input.failure().message;
+  auto reading = std::async(std::launch::async, [&input] {
+    Bytes buffer(100);
+    return input->Read(buffer);
+  });
+  const std::uint64_t one = 1;
+  ASSERT_EQ(write(stop.get(), &one, sizeof one), 8);
+  EXPECT_EQ(reading.get(), 0U);
+}
+
+TEST(Feeder, RefusedWriteEndsIt) {
+  const TemporaryFile file(MakeStream(1000, kTicks));
+  auto input = Input::Open(file.path(), -1);
+  const auto facts = Examine(*input, {});
+  int writes = 0;
+  bool terminated = false;
+  {
+    Feeder feeder(
+        std::make_unique<RoundReader>(std::move(*input), *facts), std::nullopt, std::nullopt,
+        {.write = [&writes](const void*, std::uint16_t) { return ++writes < 5 ? 0 : -800; },
+         .terminate = [&terminated] { terminated = true; }});
+    feeder.Start();
+  }
+  EXPECT_LE(writes, 5);
+  EXPECT_FALSE(terminated);
+}
+
+TEST(WordWriter, UnitsOfAnyCut) {
+  for (const std::size_t piece : {1UL, 2UL, 3UL, 5UL, 4096UL, 300'001UL}) {
+    Bytes written;
+    std::size_t largest = 0;
+    WordWriter writer([&](const void* data, std::uint16_t units) {
+      const auto* bytes = static_cast<const std::uint8_t*>(data);
+      written.insert(written.end(), bytes, bytes + 4 * std::size_t{units});
+      largest = std::max<std::size_t>(largest, units);
+      return 0;
+    });
+    Bytes bytes(300'002);
+    std::iota(bytes.begin(), bytes.end(), std::uint8_t{7});
+    for (std::size_t at = 0; at < bytes.size(); at += piece) {
+      const auto rest = std::span(bytes).subspan(at);
+      ASSERT_TRUE(writer.Write(rest.first(std::min(piece, rest.size()))));
+    }
+    EXPECT_EQ(written.size(), 300'000U) << piece;
+    ASSERT_TRUE(writer.Finish());
+    EXPECT_EQ(writer.padding(), 2U);
+    bytes.resize(300'004);
+    EXPECT_EQ(written, bytes) << piece;
+  }
+}
+
+}  // namespace
+}  // namespace ipplay

@@ -1,0 +1,299 @@
+#include "host/play_plan.h"
+
+#include <gtest/gtest.h>
+
+#include <CLI/CLI.hpp>
+
+#include "host/frame_fields.h"
+
+namespace ipplay {
+namespace {
+
+StreamFacts Facts(std::uint32_t packet_bytes = 188) {
+  StreamFacts facts;
+  facts.format.packet_bytes = packet_bytes;
+  facts.bytes = 10'000 * std::uint64_t{packet_bytes == 0 ? 188 : packet_bytes};
+  if (packet_bytes > 0) {
+    PcrRate rate;
+    rate.pid = 256;
+    rate.packets_per_second = rate.lowest = rate.highest = 5000;
+    rate.last_packet = 9000;
+    rate.last_pcr = 9000 * kPcrHz / 5000;
+    facts.rate = rate;
+  }
+  return facts;
+}
+
+Path TestPath() {
+  Path path;
+  path.adapter.index = 3;
+  path.adapter.name = "near";
+  path.adapter.mac = {2, 0xaa, 0, 0, 0, 1};
+  path.adapter.mtu = 1500;
+  path.source = ParseIp("10.9.0.1");
+  path.destination = MacAddress{1, 0, 0x5e, 1, 1, 1};
+  return path;
+}
+
+// Options as on a command line. `target` decides on the version of the source address too.
+Result<PlayPlan> Plan(const std::string& line, const StreamFacts& facts = Facts(),
+                      std::uint32_t mtu = 1500) {
+  CLI::App app;
+  PlayOptions options;
+  DefinePlayOptions(app, options);
+  app.parse("in.ts " + line);
+  Path path = TestPath();
+  path.adapter.mtu = mtu;
+  if (options.to.address.is_v6) path.source = ParseIp("fd00::1");
+  return MakePlan(options, facts, path);
+}
+
+const std::string kRtp = "--to rtp://239.1.1.1:5004 ";
+const std::string kUdp = "--to udp://239.1.1.1:5004 ";
+const std::string kUdp6 = "--to udp://[ff3e::1]:5004 ";
+
+TEST(PlayPlan, SizesAndRates) {
+  const struct {
+    std::string line;
+    std::uint32_t packet_bytes;
+    std::uint32_t headers;
+    std::uint32_t payload;
+    double stream_rate;  // of 5,000 packets per second
+  } cases[] = {
+      {kRtp, 188, 54, 1316, 7'520'000},
+      {kUdp, 188, 42, 1316, 7'520'000},
+      {kUdp6, 188, 62, 1316, 7'520'000},
+      {kRtp + "--vlan 5", 188, 58, 1316, 7'520'000},
+      {kRtp + "--protocol 2", 188, 58, 1316, 7'520'000},
+      {kRtp + "--ts-per-datagram 1", 188, 54, 188, 7'520'000},
+      {kRtp + "--frame-size 1500", 188, 54, 1316, 7'520'000},
+      {kRtp + "--frame-size 1500 --cut", 188, 54, 1446, 7'520'000},
+      {kRtp + "--ppm 100", 188, 54, 1316, 7'520'752},
+      {kRtp + "--bitrate 9.75M", 188, 54, 1316, 9'750'000},
+      {kRtp, 204, 54, 1428, 8'160'000},
+      {kRtp, 192, 54, 1344, 7'520'000},
+      {kUdp + "--bitrate 1M", 0, 42, 1316, 1'000'000},
+      {kUdp + "--bitrate 1M --frame-size 1000", 0, 42, 958, 1'000'000},
+  };
+  for (const auto& c : cases) {
+    const auto plan = Plan(c.line + (c.packet_bytes == 0 ? " --raw" : ""), Facts(c.packet_bytes));
+    ASSERT_TRUE(plan) << plan.failure().message;
+    EXPECT_EQ(plan->header_bytes, c.headers) << c.line;
+    EXPECT_EQ(plan->payload_bytes, c.payload) << c.line;
+    EXPECT_EQ(plan->frame_bytes, c.headers + c.payload) << c.line;
+    EXPECT_EQ(plan->settings.params.IPPacketSize, plan->frame_bytes) << c.line;
+    EXPECT_NEAR(plan->stream_rate, c.stream_rate, 1e-6) << c.line;
+    // What leaves the adapter each second: a frame for every payload of stream.
+    const double counted = c.packet_bytes == 192 ? c.payload * 188.0 / 192 : c.payload;
+    EXPECT_NEAR(plan->settings.ip_bit_rate * 1e6,
+                c.stream_rate / (counted * 8) * plan->frame_bytes * 8, 1e-3)
+        << c.line;
+    EXPECT_EQ(plan->settings.tts.TTSEnabled, c.packet_bytes == 192 ? 1U : 0U) << c.line;
+    EXPECT_EQ(plan->settings.ts_packet_size, c.packet_bytes == 192 ? 188U : c.packet_bytes)
+        << c.line;
+  }
+}
+
+TEST(PlayPlan, FrameBitRateCountsHeaders) {
+  const auto plan = Plan(kRtp + "--frame-bitrate 10M");
+  ASSERT_TRUE(plan);
+  EXPECT_DOUBLE_EQ(plan->settings.ip_bit_rate, 10);
+  EXPECT_NEAR(plan->stream_rate, 10e6 * 1316 / 1370, 1e-3);
+}
+
+TEST(PlayPlan, BatchAndGap) {
+  const struct {
+    std::string line;
+    std::uint64_t batch;
+  } cases[] = {
+      {kRtp + "--bitrate 10M", 1},
+      {kRtp + "--bitrate 76M", 1},   // 79.1 Mbit/s of frames
+      {kRtp + "--bitrate 77M", 10},  // 80.2
+      {kRtp + "--bitrate 10M --copies 9", 10},
+      {kRtp + "--bitrate 10M --jitter gaussian:10%", 10},
+      {kRtp + "--bitrate 10M --jitter sine:10%", 200},
+      {kRtp + "--bitrate 10M --jitter sine:10% --burst 7", 7},
+      {kRtp + "--frame-bitrate 10M --burst 10ms", 9},  // 10 ms hold 9.1 frames of 1,370 bytes
+      {kRtp + "--frame-bitrate 10M --burst 1ms", 1},
+  };
+  for (const auto& c : cases) {
+    const auto plan = Plan(c.line);
+    ASSERT_TRUE(plan) << plan.failure().message;
+    EXPECT_EQ(plan->batch, c.batch) << c.line;
+  }
+  EXPECT_EQ(Plan(kRtp + "--frame-bitrate 10M --copies 2")->gap, std::chrono::microseconds(548));
+}
+
+// The clock's step for each frame is IPPacketSize x 8 / IPBitRate seconds, and it steps once for
+// every copy.
+TEST(PlayPlan, RtpClock) {
+  const auto one = Plan(kRtp + "--frame-size 1500");
+  EXPECT_NEAR(one->rtp_clock_ratio, 1, 1e-6);
+  const auto two = Plan(kRtp + "--copies 2");
+  EXPECT_EQ(two->settings.params.IPPacketSize, 685U);
+  EXPECT_NEAR(two->rtp_clock_ratio, 1, 1e-6);
+  EXPECT_TRUE(two->notes.empty());
+  const auto many = Plan(kRtp + "--copies 16");
+  EXPECT_EQ(many->settings.params.IPPacketSize, 86U);
+  EXPECT_NEAR(many->rtp_clock_ratio, 16 * 86 / 1370.0, 1e-6);
+  ASSERT_EQ(many->notes.size(), 1U);
+  EXPECT_NE(many->notes[0].find("RTP time"), std::string::npos);
+  EXPECT_EQ(Plan(kUdp + "--copies 16")->rtp_clock_ratio, 0);
+}
+
+TEST(PlayPlan, LargeFramesNeedTheBitCleared) {
+  const auto small = Plan(kRtp);
+  EXPECT_EQ(small->settings.params.IPFragmentation, 0U);
+  const auto large = Plan(kRtp + "--ts-per-datagram 20", Facts(), 9000);
+  ASSERT_TRUE(large) << large.failure().message;
+  EXPECT_EQ(large->settings.params.IPFragmentation, 1U);
+  EXPECT_EQ(Plan(kRtp + "--dont-fragment off")->settings.params.IPFragmentation, 1U);
+}
+
+TEST(PlayPlan, Refusals) {
+  const struct {
+    std::string line;
+    const char* message;
+    StreamFacts facts = Facts();
+  } cases[] = {
+      {kUdp + "--delay 1/10", "--delay: works with rtp://"},
+      {kUdp6 + "--bad-ip-checksum 1/10", "--bad-ip-checksum: works with IPv4"},
+      {kRtp + "--bad-ip-checksum 1/10 --bad-udp-checksum 1/10", "--bad-udp-checksum: not together"},
+      {kUdp + "--at 1s delay", "--at: delay works with rtp://"},
+      {kUdp6 + "--at 1s bad-ip-checksum", "--at: bad-ip-checksum works with IPv4"},
+      {kRtp + "--src-ip fd00::1", "--src-ip fd00::1: allowed is an IPv4"},
+      {kRtp + "--step dst-ip=::1", "--step dst-ip=::1: allowed is an IPv4"},
+      {kRtp + "--step vlan=1", "--step vlan=1: needs --vlan"},
+      {kRtp + "--vlan-priority 3", "--vlan-priority: needs --vlan"},
+      {kRtp + "--tos 1 --dscp 2", "--dscp 2: not together with --tos"},
+      {kRtp + "--frame-size 60", "--frame-size 60: allowed is 242 or more"},
+      {kRtp + "--frame-size 1400 --ts-per-datagram 3", "--frame-size 1400: not together"},
+      {kRtp + "--cut", "--cut: needs --frame-size"},
+      {kRtp + "--ts-per-datagram 8",
+       "--ts-per-datagram 8: IP packets of 1544 bytes; allowed on near are 1500"},
+      {kRtp + "--ts-per-datagram 8 --dont-fragment on",
+       "--ts-per-datagram 8: frames of 1558 bytes; allowed are 1500"},
+      {kRtp + "--bitrate 1M --frame-bitrate 1M", "--frame-bitrate: not together"},
+      {kRtp + "--bitrate 5G", "--bitrate: frames at 5.2"},
+      {kRtp + "--burst 10000000", "--burst: 10000000 frames"},
+      {kRtp + "--raw", "--bitrate: needed, since INPUT has no PCRs", Facts(0)},
+      {kRtp + "--pcr-pid 9", "--pcr-pid 9: INPUT has no PCRs there",
+       [] {
+         StreamFacts facts = Facts();
+         facts.rate.reset();
+         return facts;
+       }()},
+      {kRtp + "--loop 2", "--loop 2: needs a file",
+       [] {
+         StreamFacts facts = Facts();
+         facts.bytes.reset();
+         return facts;
+       }()},
+      {kRtp + "--restamp --bitrate 1M", "--restamp: INPUT has no PCRs",
+       [] {
+         StreamFacts facts = Facts();
+         facts.rate.reset();
+         return facts;
+       }()},
+  };
+  for (const auto& c : cases) {
+    const auto plan = Plan(c.line, c.facts);
+    ASSERT_FALSE(plan) << c.line;
+    EXPECT_EQ(plan.failure().message.find(c.message), 0U) << plan.failure().message;
+    EXPECT_EQ(plan.failure().status, ExitStatus::kUsage);
+  }
+}
+
+TEST(PlayPlan, NotesTellWhatIsUnexpected) {
+  const auto rate = Plan(kRtp + "--bitrate 9M");
+  ASSERT_EQ(rate->notes.size(), 1U);
+  EXPECT_NE(rate->notes[0].find("7.52 Mbit/s by the PCRs of PID 256"), std::string::npos);
+  EXPECT_TRUE(Plan(kRtp + "--bitrate 7.52M")->notes.empty());
+  StreamFacts facts = Facts();
+  facts.rate->highest = 9000;
+  facts.rate->discontinuities = 2;
+  facts.first_packet = 10;
+  facts.trailing_bytes = 20;
+  EXPECT_EQ(Plan(kRtp, facts)->notes.size(), 4U);
+}
+
+// The group's MAC address follows the group, as far as it can.
+TEST(PlayPlan, MulticastStepsMoveTheMacAddress) {
+  const auto increment = [](const PlayPlan& plan) {
+    MacAddress mac{};
+    std::copy_n(plan.settings.params.ProtocolHeadersIncrements.EthernetHeaderIncrements
+                    .DestinationMacAddressIncrement,
+                6, mac.begin());
+    return FormatMac(mac);
+  };
+  EXPECT_EQ(increment(*Plan(kUdp + "--copies 4 --step dst-ip=0.0.1.2")), "00:00:00:00:01:02");
+  EXPECT_EQ(increment(*Plan(kUdp6 + "--copies 4 --step dst-ip=::7:0:1")), "00:00:00:00:00:01");
+  EXPECT_EQ(increment(*Plan(kUdp + "--copies 4 --step dst-ip=0.0.0.1 --dst-mac 02:00:00:00:00:09")),
+            "00:00:00:00:00:00");
+  EXPECT_EQ(
+      increment(*Plan(kUdp + "--copies 4 --step dst-ip=0.0.0.1 --step dst-mac=00:00:00:00:00:05")),
+      "00:00:00:00:00:05");
+  EXPECT_TRUE(Plan(kUdp + "--copies 4 --step dst-ip=0.0.0.1")->notes.empty());
+  EXPECT_EQ(Plan("--to udp://239.127.255.254:5004 --copies 3 --step dst-ip=0.0.0.1")->notes.size(),
+            1U);
+}
+
+TEST(PlayPlan, NearWrapStartsThreeSecondsBefore) {
+  StreamFacts facts = Facts();
+  facts.rate->first_pcr = 1'000'000'000;
+  facts.rate->last_pcr += 1'000'000'000;
+  const auto plan = Plan(kRtp + "--near-wrap --loop 2", facts);
+  ASSERT_TRUE(plan) << plan.failure().message;
+  ASSERT_TRUE(plan->restamp);
+  EXPECT_EQ((1'000'000'000 + plan->restamp->start_offset) % kPcrModulus, kPcrModulus - 3 * kPcrHz);
+  EXPECT_EQ(plan->restamp->round_ticks, 10'000 * kPcrHz / 5000);
+  // 5,000 packets a second in datagrams of 7: 2,143 in three seconds.
+  const auto& headers = plan->settings.params.ProtocolHeadersSettings;
+  EXPECT_EQ(headers.RTPHeaderSettings.SequenceNumber, 65536U - 2143);
+  EXPECT_EQ(headers.RTPHeaderSettings.RandomSequenceNumber, 0U);
+  EXPECT_EQ(headers.IPHeaderSettings.Identification, 65536U - 2143);
+}
+
+TEST(PlayPlan, PrefillIsASecondOfAFileAndNothingOfAPipe) {
+  // 940,000 bytes a second; the library starts at 0.8 of the number.
+  EXPECT_EQ(Plan(kRtp)->settings.play_file_size, 1'175'000U);
+  EXPECT_EQ(Plan(kRtp + "--prefill 0")->settings.play_file_size, 0U);
+  StreamFacts pipe = Facts();
+  pipe.bytes.reset();
+  EXPECT_EQ(Plan(kRtp, pipe)->settings.play_file_size, 0U);
+  StreamFacts small = Facts();
+  small.bytes = 188 * 100;
+  EXPECT_EQ(Plan(kRtp, small)->settings.play_file_size, 23'500U);
+}
+
+// Worked out by hand: RFC 1071 sums over the bytes as they stand here.
+TEST(FrameFields, FirstFrame) {
+  const auto plan = Plan(
+      "--to rtp://239.1.1.1:5004 --src-port 5004 --sequence 1 --ssrc 0x11223344 --vlan 100 "
+      "--vlan-priority 5 --vlan-cfi --raw --frame-size 62 --bitrate 1M",
+      Facts(0));
+  ASSERT_TRUE(plan) << plan.failure().message;
+  const std::vector<std::uint8_t> payload{1, 2, 3, 4};
+  std::vector<std::uint8_t> frame;
+  for (const FrameField& field : FirstFrameFields(plan->settings.params, true, payload)) {
+    EXPECT_EQ(field.offset, frame.size()) << field.name;
+    frame.insert(frame.end(), field.bytes.begin(), field.bytes.end());
+  }
+  const std::vector<std::uint8_t> expected{
+      0x01, 0x00, 0x5e, 0x01, 0x01, 0x01, 0x02, 0xaa, 0x00, 0x00, 0x00, 0x01,  // MAC addresses
+      0x81, 0x00, 0xb0, 0x64, 0x08, 0x00,                                      // tag, EtherType
+      0x45, 0x00, 0x00, 0x2c, 0x00, 0x00, 0x40, 0x00, 0x40, 0x11, 0x00, 0x00,  // IPv4
+      0x0a, 0x09, 0x00, 0x01, 0xef, 0x01, 0x01, 0x01,                          //
+      0x13, 0x8c, 0x13, 0x8c, 0x00, 0x18, 0x00, 0x00,                          // UDP
+      0x80, 0x21, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44};
+  std::vector<std::uint8_t> without_checksums = frame;
+  for (const std::size_t at : {28U, 29U, 44U, 45U}) without_checksums[at] = 0;
+  EXPECT_EQ(without_checksums, expected);
+  // 4500+002c+0000+4000+4011+0a09+0001+ef01+0101 = 1bf49, folded bf4a, complement 40b5.
+  EXPECT_EQ(frame[28] << 8 | frame[29], 0x40b5);
+  // 0a09+0001+ef01+0101+0011+0018, the 24 bytes: 1e9f3, folded e9f4, complement 160b.
+  EXPECT_EQ(frame[44] << 8 | frame[45], 0x160b);
+}
+
+}  // namespace
+}  // namespace ipplay

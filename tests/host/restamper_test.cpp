@@ -1,0 +1,121 @@
+#include "host/restamper.h"
+
+#include <gtest/gtest.h>
+
+#include "host/pcr_rate.h"
+#include "tests/host/ts_builder.h"
+
+namespace ipplay {
+namespace {
+
+constexpr PacketFormat kPlain{188};
+constexpr std::uint64_t kRound = 10 * kPcrHz + 100;  // no whole number of 90 kHz ticks
+constexpr std::uint64_t kTimestampModulus = std::uint64_t{1} << 33;
+
+TsPacket Restamped(Restamper& restamper, const PacketSpec& spec) {
+  TsPacket packet = MakePacket(spec);
+  restamper.Restamp(packet.data());
+  return packet;
+}
+
+TEST(Restamper, FirstRoundIsLeftAsItIs) {
+  Restamper restamper(kPlain, 0, kRound);
+  const PacketSpec spec{.counter = 9, .pcr = 12345678901, .pts = 8589934000, .dts = 100};
+  EXPECT_EQ(Restamped(restamper, spec), MakePacket(spec));
+}
+
+TEST(Restamper, ClocksRunThroughTheRounds) {
+  Restamper restamper(kPlain, 0, kRound);
+  const PacketSpec spec{.pcr = 27'000'123, .pts = 90'500, .dts = 90'100};
+  for (std::uint64_t round = 0; round < 5; ++round) {
+    const TsPacket packet = Restamped(restamper, spec);
+    EXPECT_EQ(PcrAt(packet.data()), 27'000'123 + round * kRound);
+    // 300 of the PCR's ticks are one of the PTS; the fractions of the rounds must not be lost.
+    EXPECT_EQ(GetTimestamp(&packet[12 + 9]), 90'500 + round * kRound / 300);
+    EXPECT_EQ(GetTimestamp(&packet[12 + 14]), 90'100 + round * kRound / 300);
+    EXPECT_EQ(packet[12 + 9] >> 4, 3);
+    EXPECT_EQ(packet[12 + 14] >> 4, 1);
+    restamper.StartNextRound();
+  }
+}
+
+TEST(Restamper, ClocksWrap) {
+  Restamper restamper(kPlain, kPcrModulus - kPcrHz, kRound);
+  TsPacket packet = Restamped(restamper, {.pcr = 2 * kPcrHz, .pts = 3 * 90'000});
+  EXPECT_EQ(PcrAt(packet.data()), kPcrHz);
+  EXPECT_EQ(GetTimestamp(&packet[12 + 9]), 2U * 90'000);
+  packet = Restamped(restamper, {.counter = 1, .pcr = kPcrHz / 2, .pts = 45'000});
+  EXPECT_EQ(PcrAt(packet.data()), kPcrModulus - kPcrHz / 2);
+  EXPECT_EQ(GetTimestamp(&packet[12 + 9]), kTimestampModulus - 45'000);
+}
+
+TEST(Restamper, CountersRunThroughTheRounds) {
+  Restamper restamper(kPlain, 0, kRound);
+  std::vector<int> sent;
+  for (int round = 0; round < 3; ++round) {
+    // A gap between 4 and 7 is the file's own, and so is the packet without payload.
+    for (const auto& [counter, payload] : {std::pair{3, true}, {4, true}, {7, true}, {7, false}}) {
+      const TsPacket packet =
+          Restamped(restamper, {.counter = static_cast<std::uint8_t>(counter), .payload = payload});
+      sent.push_back(packet[3] & 0xf);
+    }
+    restamper.StartNextRound();
+  }
+  EXPECT_EQ(sent, (std::vector{3, 4, 7, 7, 8, 9, 12, 12, 13, 14, 1, 1}));
+}
+
+TEST(Restamper, PidsCountApartAndRoundsMayStartWithoutPayload) {
+  Restamper restamper(kPlain, 0, kRound);
+  Restamped(restamper, {.pid = 1, .counter = 5});
+  Restamped(restamper, {.pid = 2, .counter = 11});
+  restamper.StartNextRound();
+  EXPECT_EQ(Restamped(restamper, {.pid = 2, .counter = 0, .payload = false})[3] & 0xf, 11);
+  EXPECT_EQ(Restamped(restamper, {.pid = 1, .counter = 0})[3] & 0xf, 6);
+  EXPECT_EQ(Restamped(restamper, {.pid = 2, .counter = 1})[3] & 0xf, 12);
+}
+
+TEST(Restamper, AnnouncedStartIsAnnouncedOnce) {
+  Restamper restamper(kPlain, 0, kRound);
+  const PacketSpec start{.discontinuity = true, .pcr = 0};
+  const PacketSpec later{.counter = 1, .discontinuity = true, .pcr = 99};
+  EXPECT_EQ(Restamped(restamper, start)[5] & 0x80, 0x80);
+  EXPECT_EQ(Restamped(restamper, later)[5] & 0x80, 0x80);
+  restamper.StartNextRound();
+  EXPECT_EQ(Restamped(restamper, start)[5] & 0x80, 0);
+  EXPECT_EQ(Restamped(restamper, later)[5] & 0x80, 0x80);  // one within the file stays
+}
+
+TEST(Restamper, OtherPacketsAreLeftAsTheyAre) {
+  Restamper restamper(kPlain, 300, kRound);
+  restamper.StartNextRound();
+  TsPacket null_packet = MakePacket({.pid = 0x1fff, .counter = 3});
+  TsPacket scrambled = MakePacket({.pts = 1000});
+  scrambled[3] |= 0xc0;
+  TsPacket no_pes = MakePacket({.pid = 0x101, .pts = 1000});
+  no_pes[6] = 0;  // 00 00 00: a section, as far as one can see
+  TsPacket padding = MakePacket({.pid = 0x102, .pts = 1000});
+  padding[7] = 0xbe;
+  for (TsPacket* packet : {&null_packet, &scrambled, &no_pes, &padding}) {
+    const TsPacket before = *packet;
+    restamper.Restamp(packet->data());
+    EXPECT_EQ(*packet, before);
+  }
+}
+
+TEST(Restamper, ArrivalTimesOfTimeStampedPackets) {
+  Restamper restamper({192}, 0, kRound);
+  restamper.StartNextRound();
+  std::array<std::uint8_t, 192> packet{};
+  const TsPacket ts = MakePacket({.pcr = 5});
+  std::copy(ts.begin(), ts.end(), packet.begin() + 4);
+  packet[0] = 0xc0;  // permission bits, which stay
+  packet[3] = 7;
+  restamper.Restamp(packet.data());
+  const std::uint32_t arrival = (7 + kRound) % (1U << 30);
+  EXPECT_EQ(packet[0], 0xc0 | arrival >> 24);
+  EXPECT_EQ(packet[3], arrival & 0xff);
+  EXPECT_EQ(PcrAt(&packet[4]), 5 + kRound);
+}
+
+}  // namespace
+}  // namespace ipplay

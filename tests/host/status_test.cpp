@@ -1,0 +1,86 @@
+#include "host/status.h"
+
+#include <gtest/gtest.h>
+
+#include "host/time_line.h"
+
+namespace ipplay {
+namespace {
+
+using namespace std::chrono_literals;
+
+// 1,316 bytes of payload every 10 ms: 1,052,800 bit/s.
+PlayPlan TestPlan() {
+  PlayPlan plan;
+  plan.stream_rate = 1'052'800;
+  plan.payload_bytes = 1316;
+  plan.round_bytes = 1316 * 400;
+  plan.total_bytes = 1316 * 1000;
+  return plan;
+}
+
+PlayoutStatistics Counted(std::uint64_t datagrams) {
+  PlayoutStatistics counters{};
+  counters.DatagramsSent = datagrams;
+  counters.TSBytesSent = datagrams * 1316;
+  return counters;
+}
+
+TEST(Status, RatesAndTimesLeavePausesOut) {
+  StatusMeter meter(TestPlan());
+  meter.Read(Counted(0), 100ms);
+  EXPECT_FALSE(meter.started());
+  EXPECT_EQ(meter.status().mean_rate, 0);
+  // The first datagram leaves at 500 ms, 10 ms lie between two.
+  for (int i = 0; i < 100; ++i)
+    meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), 500ms + i * 10ms);
+  meter.SetPaused(true, 1490ms);
+  meter.Read(Counted(100), 4000ms);
+  EXPECT_TRUE(meter.status().paused);
+  EXPECT_EQ(meter.status().elapsed, 990ms);
+  meter.SetPaused(false, 5490ms);
+  for (int i = 1; i <= 400; ++i)
+    meter.Read(Counted(static_cast<std::uint64_t>(i) + 100), 5490ms + i * 10ms);
+  const Status status = meter.status();
+  EXPECT_EQ(status.elapsed, 4990ms);
+  EXPECT_EQ(status.round, 2U);
+  EXPECT_NEAR(status.mean_rate, 1'052'800, 1);
+  EXPECT_NEAR(status.recent_rate, 1'052'800, 1);
+  EXPECT_DOUBLE_EQ(*status.share, 0.5);
+  EXPECT_NEAR(static_cast<double>(status.remaining->count()), 5e9, 1e3);
+}
+
+TEST(Status, RecentRateShowsAStall) {
+  StatusMeter meter(TestPlan());
+  for (int i = 0; i < 100; ++i) meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), i * 10ms);
+  meter.Read(Counted(100), 5s);
+  meter.Read(Counted(100), 8s);
+  EXPECT_EQ(meter.status().recent_rate, 0);
+}
+
+TEST(Status, WithoutAnEndThereIsNoShare) {
+  PlayPlan plan = TestPlan();
+  plan.total_bytes.reset();
+  StatusMeter meter(plan);
+  meter.Read(Counted(5), 1s);
+  EXPECT_FALSE(meter.status().share);
+  EXPECT_FALSE(meter.status().remaining);
+}
+
+TEST(TimeLine, InOrderOfTimeThenAsGiven) {
+  TimeLine line({{20s, {ActionKind::kStop, 0s}},
+                 {10s, {ActionKind::kLose, 0s}},
+                 {10s, {ActionKind::kPause, 2s}}});
+  EXPECT_EQ(line.NextTime(), 10s);
+  EXPECT_FALSE(line.TakeDue(9999ms));
+  EXPECT_EQ(line.TakeDue(10s)->kind, ActionKind::kLose);
+  EXPECT_EQ(line.TakeDue(10s)->kind, ActionKind::kPause);
+  line.Add({12s, {ActionKind::kResume, 0s}});
+  EXPECT_EQ(line.TakeDue(30s)->kind, ActionKind::kResume);
+  EXPECT_EQ(line.TakeDue(30s)->kind, ActionKind::kStop);
+  EXPECT_FALSE(line.TakeDue(30s));
+  EXPECT_FALSE(line.NextTime());
+}
+
+}  // namespace
+}  // namespace ipplay

@@ -1,0 +1,194 @@
+"""ipplay as a program: exit statuses, messages, JSON, configuration files, keys, signals."""
+import fcntl
+import json
+import os
+import pty
+import re
+import subprocess
+import termios
+import unittest
+
+from playbed import FAR4, NEAR4, NEAR6, SAMPLE, PlayCase, interrupt, read_file
+
+TARGET = ("--to", "rtp://239.1.1.1:5004")
+PLAYED, FAILED, USAGE, NO_ACCESS = 0, 1, 2, 3
+
+
+class Statuses(PlayCase):
+    def refuse(self, status, message, *arguments, **more):
+        played = self.play(*arguments, status=status, **more)
+        self.assertEqual(played.frames, [])
+        self.assertEqual(played.output, "")
+        # One line, and in front of it at most what is being played.
+        self.assertRegex(played.errors.splitlines()[-1], f"^ipplay: .*{message}")
+        return played
+
+    def test_refused_before_anything_is_sent(self):
+        with open(self.path("text"), "w", encoding="ascii") as file:
+            file.write("no transport stream\n" * 1000)
+        broken = bytearray(read_file(SAMPLE))
+        broken[188 * 1000] = 0
+        with open(self.path("broken.ts"), "wb") as file:
+            file.write(broken)
+        for status, message, arguments in (
+                (USAGE, r'--ttl: "300" is not allowed; allowed is 0 to 255', (SAMPLE, *TARGET, "--ttl", "300")),
+                (USAGE, "--to is required", (SAMPLE,)),
+                (USAGE, "--delay: works with rtp", (SAMPLE, "--to", "udp://239.1.1.1:5", "--delay", "1/9")),
+                (USAGE, "cannot read /nonexistent", ("/nonexistent", *TARGET)),
+                (USAGE, "sync lost at offset 0 ", (self.path("text"), *TARGET)),
+                (USAGE, "sync lost at offset 188000 ", (self.path("broken.ts"), *TARGET)),
+                (NO_ACCESS, '--device: there is no "eth7"; there are: near, lo', (SAMPLE, *TARGET, "--device", "eth7")),
+                (NO_ACCESS, "--device: needed, since there is no route to 8.8.8.8", (SAMPLE, "--to", "udp://8.8.8.8:5")),
+                (FAILED, "10.77.0.99 does not answer on near", (SAMPLE, "--to", "udp://10.77.0.99:5"))):
+            with self.subTest(message):
+                self.refuse(status, message, *arguments)
+
+    def test_missing_right_is_named(self):
+        process = self.bed.start("play", SAMPLE, *TARGET, prefix=("setpriv", "--bounding-set", "-net_raw", "--inh-caps", "-net_raw"))
+        output, errors = process.communicate()
+        self.assertEqual((process.returncode, output), (NO_ACCESS, ""))
+        self.assertRegex(errors, r"^ipplay: .*CAP_NET_RAW is missing.*setcap cap_net_raw,cap_sys_nice\+ep /.*/ipplay\n$")
+
+    def test_devices_and_resolve(self):
+        def run(*arguments):
+            process = self.bed.start(*arguments)
+            output, errors = process.communicate()
+            return process.returncode, output, errors
+
+        status, output, errors = run("devices", "--json")
+        near = next(device for device in json.loads(output) if device["name"] == "near")
+        self.assertEqual((status, errors), (PLAYED, ""))
+        self.assertEqual((near["ipv4"], near["ipv6"], near["link"]), ([NEAR4], [NEAR6], "up"))
+        self.assertIn(near["mac"], run("devices")[1])
+        for address, answer in ((FAR4, f"{self.bed.far_mac}  ARP"), ("fd77::2", f"{self.bed.far_mac}  neighbour discovery"),
+                                ("239.129.1.1", "01:00:5e:01:01:01  multicast mapping"),
+                                ("ff3e::1:2", "33:33:00:01:00:02  multicast mapping"),
+                                ("10.77.0.255", "ff:ff:ff:ff:ff:ff  broadcast"),
+                                (NEAR4, f"{near['mac']}  the adapter's own address")):
+            self.assertEqual(run("resolve", address, "--device", "near"), (PLAYED, answer + "\n", ""))
+        self.assertEqual(run("resolve", FAR4, "--device", "none")[0], NO_ACCESS)
+        self.assertEqual(run("resolve", "far", "--device", "near")[0], USAGE)
+        self.assertEqual(run("--version")[0], PLAYED)
+        self.assertEqual(run()[0], USAGE)
+
+
+class Failing(PlayCase):
+    def test_adapter_that_goes_down(self):
+        player = self.bed.start("play", SAMPLE, *TARGET, "--stats", "json", "--loop", "forever")
+        self.assertEqual(json.loads(player.stdout.readline())["event"], "progress")
+        self.bed.set_link("down")
+        output, errors = player.communicate()
+        self.assertEqual(player.returncode, FAILED, errors)
+        self.assertIn("a frame could not be sent", errors)
+        self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Failed")
+
+
+class Running(PlayCase):
+    def test_json_and_nothing_else(self):
+        played = self.play(SAMPLE, *TARGET, "--stats", "json", "--lose", "1/100")
+        objects = [json.loads(line) for line in played.output.splitlines()]
+        self.assertEqual([o["event"] for o in objects], ["progress"] * (len(objects) - 1) + ["summary"])
+        self.assertGreater(len(objects), 2)
+        summary = objects[-1]
+        self.assertEqual({name: summary[name] for name in ("outcome", "datagrams", "ts_packets", "lost", "percent")},
+                         {"outcome": "Played", "datagrams": 203, "ts_packets": 1418, "lost": 3, "percent": 100.0})
+        self.assertEqual(sorted(objects, key=lambda o: o["datagrams"]), objects)
+
+    def test_configuration_repeats_a_test_exactly(self):
+        options = (*TARGET, "--bitrate", "20M", "--sequence", 9, "--ssrc", 7, "--copies", 2, "--step", "dst-port=2",
+                   "--vlan", 5, "--lose", "2/50", "--at", "10ms", "pause:20ms", "--ppm", "-20", "--loop", 2)
+        first = self.play(SAMPLE, *options, "--write-config", self.path("test.conf"))
+        again = self.play("--config", self.path("test.conf"))
+        self.assertEqual(again.frames, first.frames)
+        other = self.play("--config", self.path("test.conf"), "--ssrc", 8)
+        self.assertNotEqual(other.frames, first.frames)
+
+    def test_pause_holds_the_stream(self):
+        times = [time for time, _ in self.play(SAMPLE, *TARGET, "--bitrate", "4M", "--at", "100ms", "pause:300ms").arrivals]
+        self.assertGreater(max(b - a for a, b in zip(times, times[1:])), 0.25)
+        self.assertEqual(len(times), 203)
+
+    def test_stop_by_time_line_and_signal(self):
+        played = self.play(SAMPLE, *TARGET, "--loop", "forever", "--at", "200ms", "stop")
+        self.assertIn("Stopped by --at", played.output)
+        self.assertLess(len(played.frames), 203)
+        for arguments in ((SAMPLE, "--bitrate", "10k"), (SAMPLE, "--at", "0", "pause")):
+            player = self.bed.start("play", *arguments, *TARGET, "--stats", "json", "--loop", "forever")
+            player.stdout.readline()
+            interrupt(player)
+            output, errors = player.communicate()
+            self.assertEqual(player.returncode, PLAYED, errors)
+            self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Stopped by Ctrl-C")
+
+    def test_pipe_that_stays_open_can_be_stopped(self):
+        read_end, write_end = os.pipe()
+        player = self.bed.start("play", "-", *TARGET, "--bitrate", "700k", "--stats", "json", stdin=read_end)
+        os.close(read_end)
+        os.write(write_end, read_file(SAMPLE)[:188 * 100])
+        while json.loads(player.stdout.readline())["ts_packets"] < 98:
+            pass
+        interrupt(player)
+        output, _ = player.communicate()
+        os.close(write_end)
+        self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Stopped by Ctrl-C")
+
+
+class Keys(PlayCase):
+    """A user at a terminal."""
+
+    def setUp(self):
+        self.user, terminal = pty.openpty()
+        self.before = termios.tcgetattr(terminal)
+
+        def sit_down():
+            self.bed.near.enter()
+            os.setsid()
+            fcntl.ioctl(terminal, termios.TIOCSCTTY, 0)
+
+        self.player = subprocess.Popen([os.environ["IPPLAY"], "play", SAMPLE, *TARGET, "--loop", "forever"],
+                                       stdin=terminal, stdout=terminal, stderr=terminal, preexec_fn=sit_down)
+        self.terminal = terminal
+        self.screen = ""
+
+    def tearDown(self):
+        os.close(self.user)
+        os.close(self.terminal)
+
+    def wait_for(self, pattern):
+        """Reads the screen until it shows the pattern in what is new."""
+        fresh = ""
+        while not re.search(pattern, fresh):
+            fresh += os.read(self.user, 4096).decode()
+        self.screen += fresh
+        return fresh
+
+    def press(self, keys):
+        os.write(self.user, keys.encode())
+
+    def test_keys(self):
+        self.wait_for("keys: space pause")
+        self.wait_for(r"round 1 0.7/0.\d+M \d+ sent lost 0 late 0 ip 0 udp 0 jitter")
+        for key, effect in (("l", "lost 1"), ("i", "ip 1"), ("u", "udp 1"), ("s", "late 1")):
+            self.press(key)
+            self.wait_for(effect)
+        self.press(" ")
+        self.wait_for("0.7/paused")
+        self.press(" ")
+        self.wait_for("playing")
+        self.press("?")
+        self.wait_for("keys: space pause")
+        self.press("q")
+        self.wait_for(r"Stopped by key: .*(\n.*)*lost 1, late 1, IP checksum 1, UDP checksum 1")
+        self.assertEqual(self.player.wait(), PLAYED)
+        self.assertEqual(termios.tcgetattr(self.terminal), self.before)
+
+    def test_control_c(self):
+        self.wait_for(" sent ")
+        self.press("\x03")
+        self.wait_for("Stopped by Ctrl-C: ")
+        self.assertEqual(self.player.wait(), PLAYED)
+        self.assertEqual(termios.tcgetattr(self.terminal), self.before)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,139 @@
+"""What leaves the adapter is what was ordered: payload, rates, RTP time, headers."""
+import os
+import re
+import subprocess
+import unittest
+
+from playbed import (ETHERNET, FAR4, IPV4, IPV6, RTP, SAMPLE, SAMPLE_RATE, UDP, PlayCase, packets, read_file,
+                     rtp_header)
+
+TARGET = "rtp://239.1.1.1:5004"
+FAST = ("--bitrate", "40M")
+
+
+class Payload(PlayCase):
+    def test_bit_for_bit(self):
+        stream = read_file(SAMPLE)
+        tts = b"".join(i.to_bytes(4, "big") + packet for i, packet in enumerate(packets(stream)))
+        parity = b"".join(packet + bytes(16) for packet in packets(stream))
+        for name, content in (("188", stream), ("192", tts), ("204", parity)):
+            with self.subTest(name):
+                with open(self.path(name), "wb") as file:
+                    file.write(content)
+                played = self.play(self.path(name), "--to", TARGET, *FAST)
+                self.assertEqual(played.payload(ETHERNET + IPV4 + UDP + RTP), content)
+                sizes = {len(frame) for frame in played.frames[:-1]}
+                self.assertEqual(sizes, {7 * int(name) + 54})
+
+    def test_other_cuts(self):
+        stream = read_file(SAMPLE)
+        for options, size in ((("--ts-per-datagram", "3"), 3 * 188 + 54), (("--frame-size", "1000"), 5 * 188 + 54),
+                              (("--frame-size", "1000", "--cut"), 1000)):
+            with self.subTest(options):
+                played = self.play(SAMPLE, "--to", TARGET, *FAST, *options)
+                self.assertEqual(played.payload(54), stream)
+                self.assertEqual({len(frame) for frame in played.frames[:-1]}, {size})
+
+    def test_raw_bytes_and_rounds(self):
+        content = os.urandom(100_001)
+        with open(self.path("raw"), "wb") as file:
+            file.write(content)
+        played = self.play(self.path("raw"), "--to", "udp://[ff3e::1]:5004", "--raw", "--loop", 3, *FAST)
+        self.assertEqual(played.payload(ETHERNET + IPV6 + UDP), 3 * content + bytes(1))
+        self.assertIn("1 zero bytes added", played.errors)
+
+    def test_standard_input(self):
+        source = subprocess.Popen(["cat", SAMPLE], stdout=subprocess.PIPE)
+        played = self.play("-", "--to", TARGET, *FAST, stdin=source.stdout)
+        source.stdout.close()
+        source.wait()
+        self.assertEqual(played.payload(54), read_file(SAMPLE))
+
+
+class Rates(PlayCase):
+    def test_transport_stream_rate_on_the_wire(self):
+        """Bits of payload over the time in which they arrived. Headers make 4 % of a frame."""
+        for options, rate in (((), SAMPLE_RATE), (("--bitrate", "1.4M"), 1_400_000)):
+            with self.subTest(options):
+                arrivals = self.play(SAMPLE, "--to", TARGET, *options).arrivals
+                bits = 8 * sum(len(frame) - 54 for _, frame in arrivals[:-1])
+                seconds = arrivals[-1][0] - arrivals[0][0]
+                self.assertAlmostEqual(bits / seconds / rate, 1, delta=0.02)
+
+    def test_rtp_time_is_90_khz_of_the_stream(self):
+        """A stream of a known rate is a clock: so many bits are so many ticks, whatever the packet size."""
+        for options in ((), ("--frame-size", "1500"), ("--frame-size", "1100", "--cut"), ("--vlan", "7"),
+                        ("--ts-per-datagram", "1"), ("--copies", "2", "--step", "dst-port=2")):
+            with self.subTest(options):
+                frames = self.play(SAMPLE, "--to", TARGET, "--bitrate", "10M", *options).frames
+                copies = 2 if "--copies" in options else 1
+                headers = 58 if "--vlan" in options else 54
+                stream = frames[::copies]
+                first, last = rtp_header(stream[0], headers - RTP)[1], rtp_header(stream[-1], headers - RTP)[1]
+                bits = 8 * sum(len(frame) - headers for frame in stream[:-1])
+                self.assertAlmostEqual((last - first) / (bits / 10e6 * 90_000), 1, delta=1e-4)
+
+    def test_copies_differ_by_their_steps(self):
+        played = self.play(SAMPLE, "--to", "udp://239.1.1.254:5004", *FAST, "--copies", 4, "--step", "dst-ip=0.0.0.1",
+                           "--step", "dst-port=2", "--step", "src-port=1", "--step", "ttl=255")
+        rows = self.dissect(played.arrivals[:8], "ip.dst", "udp.dstport", "udp.srcport", "ip.ttl", "eth.dst")
+        self.assertEqual(rows, 2 * [
+            ["239.1.1.254", "5004", "5004", "64", "01:00:5e:01:01:fe"],
+            ["239.1.1.255", "5006", "5005", "63", "01:00:5e:01:01:ff"],
+            ["239.1.2.0", "5008", "5006", "62", "01:00:5e:01:02:00"],
+            ["239.1.2.1", "5010", "5007", "61", "01:00:5e:01:02:01"]])
+
+
+class Headers(PlayCase):
+    EVERY_FIELD = (
+        "--src-mac", "02:11:22:33:44:55", "--dst-mac", "02:aa:bb:cc:dd:ee", "--vlan", "1234", "--vlan-priority", "5",
+        "--vlan-cfi", "--src-port", "1111", "--dst-port", "2222", "--tos", "0xb8",
+        "--ttl", "7", "--payload-type", "96", "--sequence", "65530", "--ssrc", "0xdeadbeef", "--rtp-version", "2")
+
+    def dry_run(self, *options):
+        """Header bytes by the table, and the names of all settings."""
+        played = self.play(SAMPLE, "--dry-run", *options)
+        self.assertEqual(played.frames, [])
+        table = played.output.split("Headers of the first datagram\n")[1].splitlines()[1:]
+        return played, b"".join(bytes.fromhex(line[10:58]) for line in table)
+
+    def test_dry_run_says_what_is_sent(self):
+        for target, options in ((TARGET, ()), ("udp://239.1.1.1:5004", ("--protocol", "2")),
+                                ("udp://[ff3e::8000:1]:5000", ("--flow-label", "0x54321", "--dscp", "46")),
+                                ("rtp://239.1.1.1:5004", ("--identification", "65535", "--near-wrap")),
+                                (TARGET, self.EVERY_FIELD), ("rtp://[ff3e::1]:5004", self.EVERY_FIELD),
+                                (TARGET, ("--dont-fragment", "off", "--rtp-extension", "--ip-version", "5")),
+                                (TARGET, ("--ethertype", "0x1234", "--vlan", "9", "--vlan-tpid", "0x88a8"))):
+            with self.subTest(target=target, options=options):
+                fixed = ("--to", target, "--ssrc", "5", "--sequence", "9", *FAST, *options)
+                fixed = fixed if options is not self.EVERY_FIELD else ("--to", target, *FAST, *options)
+                _, headers = self.dry_run(*fixed)
+                self.bed.capture.begin()
+                played = self.bed.play(SAMPLE, *fixed)
+                # Frames of another EtherType are no playout to is_playout().
+                frames = [frame for _, frame in self.bed.capture.frames if len(frame) > 1000] or played.frames
+                self.assertEqual(frames[0][:len(headers)].hex(" "), headers.hex(" "))
+
+    def test_dissector_reads_what_was_ordered(self):
+        played = self.play(SAMPLE, "--to", TARGET, *FAST, *self.EVERY_FIELD)
+        fields = {"eth.src": "02:11:22:33:44:55", "eth.dst": "02:aa:bb:cc:dd:ee", "vlan.id": "1234",
+                  "vlan.priority": "5", "vlan.dei": "1", "ip.src": "10.77.0.1", "ip.dst": "239.1.1.1",
+                  "ip.dsfield": "0xb8", "ip.ttl": "7", "ip.flags.df": "1", "udp.srcport": "1111", "udp.dstport": "2222"}
+        self.assertEqual(dict(zip(fields, self.dissect(played.arrivals[:1], *fields)[0])), fields)
+
+    def test_unicast_goes_to_the_neighbour(self):
+        for target in (f"udp://{FAR4}:5004", "udp://[fd77::2]:5004"):
+            frames = self.play(SAMPLE, "--to", target, *FAST).frames
+            self.assertEqual(frames[0][:6].hex(":"), self.bed.far_mac)
+
+    def test_sequence_and_identification_wrap(self):
+        frames = self.play(SAMPLE, "--to", TARGET, "--near-wrap").frames
+        numbers = [rtp_header(frame, 42)[0] for frame in frames]
+        self.assertEqual([(n - numbers[0]) % 65536 for n in numbers], list(range(len(frames))))
+        self.assertIn(0, numbers)
+        identifications = [int.from_bytes(frame[18:20], "big") for frame in frames]
+        self.assertIn(0, identifications)
+
+
+if __name__ == "__main__":
+    unittest.main()
