@@ -18,7 +18,9 @@ namespace {
 std::string JoinAddresses(const Adapter& adapter) {
   std::string text;
   for (const auto* list : {&adapter.ipv4, &adapter.ipv6}) {
-    for (const IpAddress& address : *list) text += (text.empty() ? "" : " ") + FormatIp(address);
+    for (const IpAddress& address : *list) {
+      text.append(text.empty() ? "" : " ").append(FormatIp(address));
+    }
   }
   return text.empty() ? "-" : text;
 }

@@ -2,7 +2,7 @@
 
 # What it takes to configure a preset and to build all of it.
 build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libbitstream-dev libcli11-dev libfmt-dev
-  nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
+  nlohmann-json3-dev libbitstream-dev libcap-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
 # What plays the far side of the wire: namespaces, capture, dissector, decoder.
 wire_packages=(iproute2 tshark ffmpeg)
 test_packages=()
