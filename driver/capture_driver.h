@@ -46,6 +46,9 @@ struct OpenOptions {
   bool promiscuous = true;
   std::chrono::milliseconds read_timeout{1};
   int buffer_bytes = 0;  // kernel receive buffer; 0 is the capture library's own default
+  // Hands each captured frame over as it comes, not in blocks that may take a few milliseconds.
+  // Every frame then takes the room of a whole snapshot, rounded up, in the kernel's buffer.
+  bool immediate = false;
 };
 
 struct CapturedFrame {

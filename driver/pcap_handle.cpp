@@ -15,6 +15,9 @@
 namespace ipplayout {
 namespace {
 
+// After this time the kernel hands over a block that is not full. It is not what bounds a read.
+constexpr int kBlockTimeoutMs = 1;
+
 // Frames go straight to the device, past its queueing discipline and past other capturing sockets.
 // Where the kernel has no such option they take the ordinary way.
 void BypassQueueingDiscipline(int descriptor) {
@@ -64,10 +67,8 @@ std::unique_ptr<PcapHandle> PcapHandle::Open(const std::string& interface,
   }
   pcap_set_snaplen(capture.get(), options.snapshot_length);
   pcap_set_promisc(capture.get(), options.promiscuous ? 1 : 0);
-  pcap_set_timeout(capture.get(), static_cast<int>(options.read_timeout.count()));
-  // Otherwise the kernel holds frames back until a block is full or a timer of several
-  // milliseconds ends, which is longer than a reader with a read timeout of 1 ms waits.
-  pcap_set_immediate_mode(capture.get(), 1);
+  pcap_set_timeout(capture.get(), kBlockTimeoutMs);
+  pcap_set_immediate_mode(capture.get(), options.immediate ? 1 : 0);
   if (options.buffer_bytes > 0) {
     pcap_set_buffer_size(capture.get(), options.buffer_bytes);
   }

@@ -203,6 +203,7 @@ bool AddressResolver::SolicitNeighbour(const std::uint8_t* target, std::uint8_t*
   const SolicitationFrame question = BuildSolicitation(device->GetMacAddress(), *source, wanted);
   OpenOptions options;
   options.snapshot_length = static_cast<int>(kSolicitationSize);
+  options.immediate = true;  // ten reads of a millisecond do not outlast a block
   const auto handle = driver_.Open(device->GetName(), options);
   if (handle == nullptr || !AcceptAdvertisementsFor(*handle, device->GetMacAddress()) ||
       !handle->SendFrame(question)) {

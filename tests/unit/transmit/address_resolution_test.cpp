@@ -254,6 +254,7 @@ TEST_F(AddressResolverTest, SolicitationIsSentAndItsAnswerRead) {
   EXPECT_EQ(driver_.Opened()[0].name, "rpcap://one");
   EXPECT_EQ(driver_.Opened()[0].options.snapshot_length, 86);
   EXPECT_TRUE(driver_.Opened()[0].options.promiscuous);
+  EXPECT_TRUE(driver_.Opened()[0].options.immediate);
   EXPECT_EQ(driver_.Opened()[0].options.read_timeout, std::chrono::milliseconds(1));
   EXPECT_THAT(driver_.Filters(),
               ElementsAre(Pair("icmp6 and ether dst host 02:00:00:00:00:01", 0xFFFFFFu)));

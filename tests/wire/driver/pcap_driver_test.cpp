@@ -178,8 +178,15 @@ TEST_F(PcapDriverTest, OpeningSendsNothing) {
   ExpectArrived(far_.Collect(1), {first});
 }
 
-TEST_F(PcapDriverTest, ReadsWhatPassesTheFilter) {
+class PcapDriverReading : public PcapDriverTest, public testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(, PcapDriverReading, testing::Bool(), [](const auto& immediate) {
+  return immediate.param ? "Immediate" : "InBlocks";
+});
+
+TEST_P(PcapDriverReading, GivesWhatPassesTheFilter) {
   OpenOptions options;
+  options.immediate = GetParam();
   options.snapshot_length = 100;
   options.read_timeout = std::chrono::seconds(10);
   const auto handle = Open("rpcap://near0", options);
@@ -201,8 +208,9 @@ TEST_F(PcapDriverTest, ReadsWhatPassesTheFilter) {
   EXPECT_LE(time, after);
 }
 
-TEST_F(PcapDriverTest, ReadWithoutTrafficEnds) {
+TEST_P(PcapDriverReading, EndsWithoutTraffic) {
   OpenOptions options;
+  options.immediate = GetParam();
   options.read_timeout = milliseconds(20);
   const auto handle = Open("rpcap://near0", options);
   ASSERT_NE(handle, nullptr);
