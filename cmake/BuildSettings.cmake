@@ -17,6 +17,10 @@ target_compile_options(ipplayout_build_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-align -Wformat=2
   -Wundef -Wmissing-declarations
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # GCC bug 105651: false alarms in std::string's operator+.
+  target_compile_options(ipplayout_build_settings INTERFACE -Wno-restrict)
+endif()
 if(IPPLAYOUT_WARNINGS_AS_ERRORS)
   target_compile_options(ipplayout_build_settings INTERFACE -Werror)
 endif()
