@@ -1,0 +1,28 @@
+// What is to be measured, as the command line says it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "host/measure/payload_compare.h"
+
+namespace ipplay::measure {
+
+enum class RtpMode { kGuess, kAlways, kNever };
+
+struct MeasurementSettings {
+  RtpMode rtp = RtpMode::kGuess;
+  double rtp_clock_rate = 90'000;
+  std::optional<double> expected_rate;  // bits per second of one stream, whole frames
+  std::optional<double> media_rate;     // bits per second of one stream's payload, for RFC 4445
+  std::optional<std::int64_t> clump_gap_ns;
+  bool check_udp = true;
+  bool analyse_ts = true;
+  std::shared_ptr<ExpectedContent> expected;  // null: payload is not compared
+  std::size_t max_streams = 20'000;
+  std::size_t plotted_streams = 8;  // how many keep a history
+};
+
+}  // namespace ipplay::measure
