@@ -94,6 +94,12 @@ std::optional<double> ParsePpm(std::string_view text) {
   return negative ? -*number : *number;
 }
 
+std::optional<double> ParsePercent(std::string_view text) {
+  const auto number = TakeNumber(text);
+  if (text != "%") return std::nullopt;
+  return number;
+}
+
 std::string FormatBitRate(double bits_per_second) {
   return FormatScaled(bits_per_second, {"bit/s", "kbit/s", "Mbit/s", "Gbit/s"});
 }
@@ -101,9 +107,9 @@ std::string FormatBitRate(double bits_per_second) {
 std::string FormatDuration(std::chrono::nanoseconds duration) {
   const auto ns = static_cast<double>(duration.count());
   if (std::abs(ns) < 1e3) return fmt::format("{} ns", duration.count());
-  if (std::abs(ns) < 999.5e3) return fmt::format("{:.3g} us", ns / 1e3);
-  if (std::abs(ns) < 999.5e6) return fmt::format("{:.3g} ms", ns / 1e6);
-  if (std::abs(ns) < 59.995e9) return fmt::format("{:.3g} s", ns / 1e9);
+  if (std::abs(ns) < 999.95e3) return fmt::format("{:.4g} us", ns / 1e3);
+  if (std::abs(ns) < 999.95e6) return fmt::format("{:.4g} ms", ns / 1e6);
+  if (std::abs(ns) < 59.995e9) return fmt::format("{:.4g} s", ns / 1e9);
   const long long seconds = std::llround(ns / 1e9);
   if (seconds < 3600) return fmt::format("{} min {:02} s", seconds / 60, seconds % 60);
   return fmt::format("{} h {:02} min {:02} s", seconds / 3600, seconds / 60 % 60, seconds % 60);

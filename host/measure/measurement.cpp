@@ -5,6 +5,12 @@
 namespace ipplay::measure {
 
 void Measurement::Add(LinkType link, const CapturedFrame& frame) {
+  if (complete_) return;
+  if (settings_.max_duration_ns && rate_.Frames() > 0 &&
+      frame.time_ns - rate_.FirstNs() >= *settings_.max_duration_ns) {
+    complete_ = true;
+    return;
+  }
   ++captured_frames_;
   DecodedFrame decoded;
   const FrameClass frame_class = DecodeFrame(link, frame.data, settings_.check_udp, decoded);
@@ -19,6 +25,7 @@ void Measurement::Add(LinkType link, const CapturedFrame& frame) {
   arrivals_.At(frame.time_ns).Add(bytes, gap_ns);
   checksums_.Count(decoded);
   streams_.Add(frame.time_ns, bytes, decoded);
+  complete_ = settings_.max_frames && rate_.Frames() >= *settings_.max_frames;
 }
 
 void Measurement::Finish() {

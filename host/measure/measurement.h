@@ -24,6 +24,8 @@ class Measurement {
       : settings_(settings), streams_(settings) {}
 
   void Add(LinkType link, const CapturedFrame& frame);
+  // The frames or the time that were asked for are over.
+  bool IsComplete() const { return complete_; }
   // After the last frame, once.
   void Finish();
 
@@ -45,6 +47,7 @@ class Measurement {
   MeasurementSettings settings_;
   std::array<std::uint64_t, kFrameClasses> classes_{};
   std::uint64_t captured_frames_ = 0;
+  bool complete_ = false;
   RateMeter rate_;
   Spacing spacing_{SpacingSettings{}};
   ChecksumCounters checksums_;

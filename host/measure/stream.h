@@ -47,7 +47,7 @@ class Stream {
  public:
   // What only a stream with RTP has.
   struct Rtp {
-    explicit Rtp(double clock_rate) : jitter(clock_rate) {}
+    explicit Rtp(std::uint64_t clock_rate) : jitter(static_cast<double>(clock_rate)) {}
 
     RtpSequence sequence;
     InterarrivalJitter jitter;
@@ -66,7 +66,7 @@ class Stream {
   const ChecksumCounters& Checksums() const { return checksums_; }
   const MediaDeliveryIndex& Mdi() const { return mdi_; }
   // Null where the stream has none.
-  const Rtp* RtpFigures() const { return rtp_.get(); }
+  const Rtp* AsRtp() const { return rtp_.get(); }
   const TsAnalysis* Ts() const { return ts_.get(); }
   const PayloadCompare* Compare() const { return compare_.get(); }
   const StreamHistory* History() const { return history_.get(); }

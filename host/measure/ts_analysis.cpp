@@ -210,6 +210,11 @@ void TsAnalysis::Finish() {
   }
 }
 
+std::uint64_t TsAnalysis::Errors() const {
+  return framer_.SyncLosses() + framer_.SyncByteErrors() + counters_.pat_errors +
+         counters_.continuity_errors + counters_.pmt_errors + counters_.transport_errors;
+}
+
 std::vector<PidFigures> TsAnalysis::Pids() const {
   std::vector<PidFigures> figures;
   figures.reserve(pids_.size());

@@ -51,6 +51,8 @@ class TsAnalysis {
   bool IsTransportStream() const { return framer_.WasEverSynced(); }
   const TsFramer& Framer() const { return framer_; }
   const TsCounters& Counters() const { return counters_; }
+  // Sum of the first priority figures and of the transport errors.
+  std::uint64_t Errors() const;
   // In the order in which the PIDs appeared.
   std::vector<PidFigures> Pids() const;
   // The clock of the first PID that carried one; null without.
