@@ -1,0 +1,47 @@
+// Charts for the report: plain SVG for the marks, which stretches with the page, and HTML for the
+// text around them, which keeps its size on a phone.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace ipplay::measure {
+
+struct ChartPoint {
+  double x = 0;
+  double y = 0;
+};
+
+enum class SeriesStyle {
+  kLine,
+  kSteps,  // filled down to the axis, flat from each point to the next
+  kBand,   // filled between pairs of points: low and high at the same x
+};
+
+struct ChartSeries {
+  std::string name;
+  SeriesStyle style = SeriesStyle::kLine;
+  std::vector<ChartPoint> points;  // rising x
+};
+
+struct ChartAxis {
+  bool logarithmic = false;
+  bool from_zero = true;  // a linear axis that starts at 0 whatever the values are
+  std::string (*text)(double value) = nullptr;  // of a tick
+  double lowest = 0;  // where a logarithmic axis begins; 0 for the decade of the smallest value
+};
+
+struct Chart {
+  std::string title;
+  std::string note;  // what it shows, in a line below the title
+  ChartAxis x;
+  ChartAxis y;
+  std::vector<ChartSeries> series;  // at most four
+};
+
+// The chart as an HTML figure; a sentence in its place where there is nothing to draw.
+std::string ChartHtml(const Chart& chart);
+
+std::string EscapeHtml(const std::string& text);
+
+}  // namespace ipplay::measure

@@ -1,0 +1,29 @@
+// Interarrival jitter, RFC 3550, 6.4.1 and A.8.
+#pragma once
+
+#include <cstdint>
+
+namespace ipplay::measure {
+
+class InterarrivalJitter {
+ public:
+  explicit InterarrivalJitter(double clock_rate) : ns_per_tick_(1e9 / clock_rate) {}
+
+  void Add(std::int64_t arrival_ns, std::uint32_t timestamp);
+
+  // Nanoseconds: the running estimate now, its mean over all packets, its largest value.
+  double Current() const { return jitter_ns_; }
+  double Mean() const { return packets_ == 0 ? 0 : sum_ns_ / static_cast<double>(packets_); }
+  double Max() const { return max_ns_; }
+
+ private:
+  double ns_per_tick_;
+  std::uint64_t packets_ = 0;
+  std::int64_t last_arrival_ns_ = 0;
+  std::uint32_t last_timestamp_ = 0;
+  double jitter_ns_ = 0;
+  double sum_ns_ = 0;
+  double max_ns_ = 0;
+};
+
+}  // namespace ipplay::measure

@@ -1,0 +1,42 @@
+#include "host/measure/live_view.h"
+
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace ipplay::measure {
+namespace {
+
+winsize ScreenSize() {
+  winsize size{};
+  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) size = {};
+  if (size.ws_col == 0) size.ws_col = 80;
+  if (size.ws_row == 0) size.ws_row = 24;
+  return size;
+}
+
+}  // namespace
+
+LiveView::LiveView(bool wanted) : shown_(wanted && ::isatty(STDERR_FILENO) == 1) {}
+
+std::size_t LiveView::Columns() const {
+  return ScreenSize().ws_col;
+}
+
+std::size_t LiveView::Rows() const {
+  return ScreenSize().ws_row;
+}
+
+void LiveView::Draw(const std::string& text) {
+  if (!shown_) return;
+  // Back to the first line drawn, and clear from there on.
+  if (drawn_lines_ > 0) fmt::print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
+  fmt::print(stderr, "{}", text);
+  std::fflush(stderr);
+  drawn_lines_ = static_cast<std::size_t>(std::ranges::count(text, '\n'));
+}
+
+}  // namespace ipplay::measure

@@ -1,0 +1,159 @@
+#include "host/measure/measure_options.h"
+
+#include "host/option_builder.h"
+#include "host/units.h"
+
+namespace ipplay::measure {
+namespace {
+
+constexpr const char* kDurationAllowed = "a length of time, as in 30s, 500ms or 50us";
+constexpr const char* kBitRateAllowed = "a bit rate above 0, as in 9.75M or 38810k";
+
+template <typename Enum>
+struct Word {
+  const char* text;
+  Enum value;
+};
+
+template <typename Enum, std::size_t kCount>
+auto OneOf(const Word<Enum> (&words)[kCount]) {
+  return [&words](const std::string& text) -> std::optional<Enum> {
+    for (const auto& word : words) {
+      if (text == word.text) return word.value;
+    }
+    return std::nullopt;
+  };
+}
+
+constexpr Word<RtpMode> kRtpWords[] = {
+    {"auto", RtpMode::kGuess}, {"on", RtpMode::kAlways}, {"off", RtpMode::kNever}};
+constexpr Word<Direction> kDirectionWords[] = {
+    {"both", Direction::kBoth}, {"in", Direction::kIn}, {"out", Direction::kOut}};
+
+std::optional<std::string> AnyText(const std::string& text) {
+  return text;
+}
+
+std::optional<std::int64_t> ParseNanoseconds(const std::string& text) {
+  const auto duration = ParseDuration(text);
+  return duration ? std::optional<std::int64_t>(duration->count()) : std::nullopt;
+}
+
+auto NumberBetween(std::uint64_t lowest, std::uint64_t highest) {
+  return [=](const std::string& text) { return ParseNumber(text, lowest, highest); };
+}
+
+void DefineEnd(OptionBuilder& add, MeasureOptions& o) {
+  add.Group("When to end (a capture file ends by itself, Ctrl-C ends at once)");
+  add.Value("--duration", o.duration, "TIME", kDurationAllowed,
+            "So long after the first frame, or after the start if none comes", ParseDuration);
+  add.Value("--count", o.measurement.max_frames, "N", "a whole number above 0",
+            "After so many UDP frames", NumberBetween(1, UINT64_MAX));
+  add.Value("--silence", o.silence, "TIME", kDurationAllowed,
+            "Once frames have come and then none for so long", ParseDuration);
+  add.Value("--wait", o.wait, "TIME", kDurationAllowed, "If no frame has come for so long",
+            ParseDuration);
+}
+
+void DefineStream(OptionBuilder& add, MeasureOptions& o) {
+  MeasurementSettings& m = o.measurement;
+  add.Group("What is expected");
+  add.Value("--expect-rate", m.expected_rate, "RATE", kBitRateAllowed,
+            "Bit rate of one stream, counting whole frames from the Ethernet header on, without "
+            "the check sequence",
+            ParseBitRate);
+  add.Value("--expect", o.expected_file, "FILE", "a file",
+            "Compare each stream's payload with this file, which may be played over and over",
+            AnyText);
+  add.Value("--media-rate", m.media_rate, "RATE", kBitRateAllowed,
+            "Rate at which the delay factor's buffer drains; default: the stream's mean rate",
+            ParseBitRate);
+  add.Value("--clump-gap", m.clump_gap_ns, "TIME", kDurationAllowed,
+            "Frames closer than this are clumped; default: a quarter of the ideal gap",
+            ParseNanoseconds);
+  add.Value("--rtp", m.rtp, "MODE", "auto, on or off",
+            "Whether the UDP payload starts with an RTP header", OneOf(kRtpWords), "auto");
+  add.Value("--rtp-clock", m.rtp_clock_rate, "HZ", "1 to 1000000000",
+            "Ticks per second of the RTP time stamps", NumberBetween(1, 1'000'000'000), "90000");
+  add.Value("--max-streams", m.max_streams, "N", "1 to 1000000",
+            "Streams that are measured one by one", NumberBetween(1, 1'000'000), "20000");
+}
+
+void DefineCapture(OptionBuilder& add, MeasureOptions& o) {
+  LiveSettings& c = o.capture;
+  add.Group("Capture");
+  add.Value("--filter", c.filter, "EXPR", "an expression of pcap-filter(7)",
+            "Look at matching frames only, as in \"udp port 5004\"", AnyText);
+  add.Value("--direction", c.direction, "WAY", "in, out or both",
+            "Frames that arrive at the adapter, leave it, or both", OneOf(kDirectionWords), "both");
+  add.Value(
+      "--buffer", c.buffer_bytes, "MIB", "1 to 2047", "Room for frames that wait to be looked at",
+      [](const std::string& text) {
+        const auto mib = ParseNumber(text, 1, 2047);
+        return mib ? std::optional(*mib << 20) : std::nullopt;
+      },
+      "512");
+  add.Value(
+      "--snaplen", c.snapshot_bytes, "BYTES", "64 to 65535",
+      "Capture so much of each frame; a cut payload is neither checked nor analysed",
+      [](const std::string& text) {
+        const auto bytes = ParseNumber(text, 64, 65535);
+        return bytes ? std::optional(static_cast<int>(*bytes)) : std::nullopt;
+      },
+      "65535");
+  add.Flag("--adapter-timestamps", c.adapter_time_stamps,
+           "Time stamps of the adapter, not of the kernel");
+  add.Flag("!--no-promiscuous", c.promiscuous, "Leave the adapter's address filter on");
+  add.Flag("!--no-udp-checksum", o.measurement.check_udp,
+           "Don't check UDP checksums (a sender on this machine may leave them to its adapter)");
+  add.Flag("!--no-ts", o.measurement.analyse_ts, "Don't look into the transport stream");
+}
+
+void DefineLimits(OptionBuilder& add, MeasureOptions& o) {
+  o.limits.resize(LimitKinds().size());
+  add.Group("Limits (exit status 4 if any is not met)");
+  constexpr struct {
+    const char* type;
+    const char* allowed;
+  } kUnits[] = {{"TIME", kDurationAllowed},
+                {"N", "a whole number"},
+                {"N|PERCENT", "a whole number, or a share as in 0.1%"},
+                {"PPM", "parts per million, as in 20ppm"}};
+  for (const LimitKind& kind : LimitKinds()) {
+    const auto& unit = kUnits[static_cast<std::size_t>(kind.unit)];
+    const auto place = static_cast<std::size_t>(&kind - LimitKinds().data());
+    add.Value(kind.option, o.limits[place], unit.type, unit.allowed, kind.what,
+              [&kind](const std::string& text) { return ParseLimit(kind, text); });
+  }
+  add.Value("--min-streams", o.min_streams, "N", "a whole number",
+            "Fewest streams that there must be", NumberBetween(0, UINT64_MAX));
+}
+
+void DefineOutput(OptionBuilder& add, MeasureOptions& o) {
+  add.Group("Output");
+  add.Flag("--json", o.json, "Print the result as JSON");
+  add.Flag("--quiet,-q", o.quiet, "Print nothing while measuring");
+  add.Value("--report", o.report_file, "FILE", "a file", "Write a page with plots (HTML)", AnyText);
+  add.Value("--rows", o.rows, "N", "0 to 100000", "Streams that the tables show",
+            NumberBetween(0, 100'000), "20");
+}
+
+}  // namespace
+
+void DefineMeasureOptions(CLI::App& command, MeasureOptions& options) {
+  OptionBuilder add(command);
+  add.Group("Source");
+  add.Value("SOURCE", options.source, "DEVICE|FILE", "an adapter or a file",
+            "Adapter to capture on, or a pcap or pcapng file to read (- for standard input)",
+            AnyText)
+      ->required()
+      ->configurable(false);
+  DefineEnd(add, options);
+  DefineStream(add, options);
+  DefineLimits(add, options);
+  command.get_option("--max-rate-error")->needs(command.get_option("--expect-rate"));
+  DefineCapture(add, options);
+  DefineOutput(add, options);
+}
+
+}  // namespace ipplay::measure

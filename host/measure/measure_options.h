@@ -1,0 +1,37 @@
+// The options of `ipplay measure`.
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/measure/capture_source.h"
+#include "host/measure/limits.h"
+#include "host/measure/settings.h"
+
+namespace ipplay::measure {
+
+struct MeasureOptions {
+  std::string source;
+  LiveSettings capture;
+  MeasurementSettings measurement;
+  std::vector<std::optional<Limit>> limits;  // in the order of LimitKinds
+  std::optional<std::uint64_t> min_streams;
+  std::string expected_file;
+  std::optional<std::chrono::nanoseconds> duration;  // from the first frame
+  std::optional<std::chrono::nanoseconds> silence;   // ends after so long without a frame
+  std::optional<std::chrono::nanoseconds> wait;      // for the first frame
+  bool json = false;
+  bool quiet = false;
+  std::string report_file;
+  std::uint64_t rows = 20;
+};
+
+// `options` outlives the command.
+void DefineMeasureOptions(CLI::App& command, MeasureOptions& options);
+
+}  // namespace ipplay::measure

@@ -1,0 +1,203 @@
+#include "host/measure/measure_run.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <optional>
+
+#include "host/library_output.h"
+#include "host/measure/json_view.h"
+#include "host/measure/live_view.h"
+#include "host/measure/output_file.h"
+#include "host/measure/report_html.h"
+#include "host/measure/stop_signals.h"
+#include "host/measure/table_view.h"
+
+namespace ipplay::measure {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kReadTimeoutMs = 50;
+constexpr auto kRedrawInterval = std::chrono::seconds(1);
+// Frames on their way from the adapter to us when the time is over.
+constexpr auto kLastFramesWait = std::chrono::milliseconds(200);
+// Bounds the reading of what is left in the buffer, in case frames come faster than they are read.
+constexpr auto kLongestDrain = std::chrono::seconds(2);
+// Lines of the live table besides the streams.
+constexpr std::size_t kOtherLines = 5;
+
+bool IsFile(const std::string& source) {
+  struct stat status {};
+  return source == "-" || source.find('/') != std::string::npos ||
+         (::stat(source.c_str(), &status) == 0 && S_ISREG(status.st_mode));
+}
+
+int Print(const Failure& failure) {
+  fmt::print(stderr, "ipplay: {}\n", failure.message);
+  return static_cast<int>(failure.status);
+}
+
+// When a live measurement is over, by the clock of this machine.
+class EndWatch {
+ public:
+  explicit EndWatch(const MeasureOptions& options) : options_(options) {}
+
+  bool IsOver(const Measurement& measurement) {
+    const auto now = Clock::now();
+    const std::uint64_t frames = measurement.Rate().Frames();
+    if (frames != frames_) {
+      if (frames_ == 0) first_ = now;
+      last_ = now;
+      frames_ = frames;
+    }
+    if (measurement.IsComplete()) return true;
+    if (options_.duration && now - first_ > *options_.duration + kLastFramesWait) return true;
+    if (frames_ == 0) return options_.wait && now - first_ > *options_.wait;
+    return options_.silence && now - last_ > *options_.silence;
+  }
+
+ private:
+  const MeasureOptions& options_;
+  std::uint64_t frames_ = 0;
+  Clock::time_point first_ = Clock::now();  // of the first frame; until then, of the start
+  Clock::time_point last_;
+};
+
+class MeasureRun {
+ public:
+  MeasureRun(const MeasureOptions& options, CaptureSource source,
+             const MeasurementSettings& settings)
+      : options_(options),
+        source_(std::move(source)),
+        measurement_(settings),
+        view_(!options.quiet && source_.IsLive()) {}
+
+  // Takes frames until the end. Returns why it ended early, if it did.
+  std::optional<Failure> Run() {
+    const StopSignals signals;
+    EndWatch end(options_);
+    auto next_draw = Clock::now() + kRedrawInterval;
+    std::optional<Failure> failure;
+    while (!signals.Came() && !end.IsOver(measurement_)) {
+      const auto status = source_.Read(measurement_, kReadTimeoutMs);
+      if (status == CaptureSource::ReadStatus::kFailed) {
+        failure = Failure{ExitStatus::kFailed, source_.Error()};
+      }
+      if (failure || status == CaptureSource::ReadStatus::kEnd) break;
+      if (view_.IsShown() && Clock::now() >= next_draw) {
+        Draw();
+        next_draw = Clock::now() + kRedrawInterval;
+      }
+    }
+    if (signals.Came()) Drain();
+    view_.Draw("");
+    drops_ = source_.Drops();
+    measurement_.Finish();
+    return failure;
+  }
+
+  ipplay::measure::Summary MakeSummary() const {
+    return Summarize(measurement_, options_.source, source_.IsLive(), drops_);
+  }
+  const Measurement& Measured() const { return measurement_; }
+
+ private:
+  // Frames that came before the user's stop belong to the measurement.
+  void Drain() {
+    const auto deadline = Clock::now() + kLongestDrain;
+    while (source_.IsLive() && Clock::now() < deadline &&
+           source_.Read(measurement_, 0) == CaptureSource::ReadStatus::kFrames) {
+    }
+  }
+
+  void Draw() {
+    CaptureSummary capture;
+    capture.source = options_.source;
+    capture.live = true;
+    capture.drops = source_.Drops();
+    const auto& streams = measurement_.Streams().Streams();
+    const std::size_t room = view_.Rows() > kOtherLines ? view_.Rows() - kOtherLines : 1;
+    std::vector<StreamSummary> rows;
+    for (const auto& stream : streams) {
+      if (rows.size() >= std::min<std::size_t>(options_.rows, room)) break;
+      rows.push_back(Summarize(*stream, measurement_.Settings()));
+    }
+    view_.Draw(LiveTable(capture, SummarizeTotal(measurement_), rows, view_.Columns()));
+  }
+
+  const MeasureOptions& options_;
+  CaptureSource source_;
+  Measurement measurement_;
+  LiveView view_;
+  CaptureDrops drops_;
+};
+
+std::string LocalDate() {
+  return fmt::format("{:%Y-%m-%d %H:%M:%S %Z}", fmt::localtime(std::time(nullptr)));
+}
+
+Result<MeasurementSettings> SettingsOf(const MeasureOptions& options) {
+  MeasurementSettings settings = options.measurement;
+  if (options.duration) settings.max_duration_ns = options.duration->count();
+  if (!options.expected_file.empty()) {
+    auto file = MappedFile::Open(options.expected_file);
+    if (!file) return file.failure();
+    settings.expected = std::make_shared<ExpectedContent>(*file);
+  }
+  return settings;
+}
+
+Requirements RequirementsOf(const MeasureOptions& options) {
+  Requirements requirements;
+  for (const auto& limit : options.limits) {
+    if (limit) requirements.limits.push_back(*limit);
+  }
+  requirements.min_streams = options.min_streams;
+  requirements.content_equal = !options.expected_file.empty();
+  return requirements;
+}
+
+}  // namespace
+
+int RunMeasurement(const MeasureOptions& options,
+                   const std::vector<std::pair<std::string, std::string>>& settings) {
+  const auto measurement_settings = SettingsOf(options);
+  if (!measurement_settings) return Print(measurement_settings.failure());
+  std::optional<OutputFile> report_file;
+  if (!options.report_file.empty()) {
+    auto file = OutputFile::Create(options.report_file);
+    if (!file) return Print(file.failure());
+    report_file = std::move(*file);
+  }
+  LiveSettings live = options.capture;
+  live.device = options.source;
+  auto source = IsFile(options.source)
+                    ? CaptureSource::OpenFile(options.source, options.capture.filter)
+                    : CaptureSource::OpenLive(live);
+  if (!source) return Print(source.failure());
+
+  MeasureRun run(options, std::move(*source), *measurement_settings);
+  const auto failure = run.Run();
+  const Summary summary = run.MakeSummary();
+  const auto verdicts = Judge(summary, RequirementsOf(options));
+  if (options.json) {
+    fmt::print(Results(), "{}\n", JsonText(summary, verdicts));
+  } else {
+    const ResultTableSettings table{.max_streams = options.rows};
+    fmt::print(Results(), "{}", ResultTable(summary, verdicts, table));
+  }
+  std::fflush(Results());
+  if (report_file && !report_file->Commit(
+                         ReportHtml({summary, run.Measured(), verdicts, settings, LocalDate()}))) {
+    return Print({ExitStatus::kFailed, fmt::format("cannot write {}", options.report_file)});
+  }
+  if (failure) return Print(*failure);
+  return AllMet(verdicts) ? static_cast<int>(ExitStatus::kPlayed) : kLimitsNotMet;
+}
+
+}  // namespace ipplay::measure

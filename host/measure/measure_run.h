@@ -1,0 +1,20 @@
+// One measurement from the opening of its source to its results.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/measure/measure_options.h"
+
+namespace ipplay::measure {
+
+// Exit status where a limit was not met; the others are ExitStatus.
+inline constexpr int kLimitsNotMet = 4;
+
+// Measures, prints and writes what was asked for, and returns the exit status. `settings` is what
+// the user asked for, for the report.
+int RunMeasurement(const MeasureOptions& options,
+                   const std::vector<std::pair<std::string, std::string>>& settings);
+
+}  // namespace ipplay::measure

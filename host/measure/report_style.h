@@ -1,0 +1,61 @@
+// The report's style sheet: light and dark after the reader's setting, one column on a phone.
+#pragma once
+
+namespace ipplay::measure {
+
+inline constexpr char kReportStyle[] = R"css(
+:root { color-scheme: light dark; --bg:#f6f7f9; --card:#fff; --ink:#1b2330; --soft:#5c6675;
+  --line:#dfe3e9; --s1:#2563c9; --s2:#c2570c; --s3:#0f8a5f; --s4:#9333a8; --good:#0b7a4b;
+  --bad:#c02626; }
+@media (prefers-color-scheme: dark) { :root { --bg:#12161c; --card:#1a2029; --ink:#e6eaf0;
+  --soft:#9aa5b4; --line:#2f3844; --s1:#6ea3ff; --s2:#f29b53; --s3:#4cc99a; --s4:#d08be6;
+  --good:#4cc99a; --bad:#ff7b72; } }
+* { box-sizing:border-box; }
+body { margin:0; background:var(--bg); color:var(--ink);
+  font:15px/1.5 system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif; }
+main { max-width:1180px; margin:0 auto; padding:24px 20px 48px; }
+h1 { font-size:1.5rem; margin:0; } h2 { font-size:1.15rem; margin:2rem 0 .75rem; }
+h2 small, header p { color:var(--soft); font-weight:400; } header p { margin:.15rem 0 1.25rem; }
+.tiles { display:grid; grid-template-columns:repeat(auto-fit,minmax(150px,1fr)); gap:12px; }
+.tile, figure, .scroll { background:var(--card); border:1px solid var(--line); border-radius:8px; }
+.tile { padding:10px 14px; } .tile b { display:block; font-size:1.2rem; font-weight:600; }
+.tile span { color:var(--soft); font-size:.85rem; } .tile.bad b { color:var(--bad); }
+.banner { margin:0 0 12px; padding:10px 14px; border-radius:8px; border:1px solid currentColor; }
+.met { color:var(--good); } .not { color:var(--bad); }
+.charts { display:grid; grid-template-columns:repeat(2,minmax(0,1fr)); gap:12px; }
+figure { margin:0; padding:12px 16px 8px; min-width:0; }
+figcaption { margin-bottom:10px; } figcaption span { color:var(--soft); font-size:.85rem; }
+.legend { display:block; } .legend i { display:inline-block; width:.8em; height:.8em;
+  border-radius:2px; margin:0 .35em 0 0; } .legend i + i, .legend i:not(:first-child) { margin-left:.8em; }
+.plot { display:grid; grid-template-columns:72px minmax(0,1fr); grid-template-rows:200px 26px; }
+.plot svg { width:100%; height:100%; display:block; overflow:visible; }
+.ys, .xs { position:relative; color:var(--soft); font-size:12px; }
+.xs { grid-column:2; margin-right:0; } .ys span, .xs span { position:absolute; white-space:nowrap; }
+.ys span { right:10px; transform:translateY(-50%); } .xs span { top:6px; transform:translateX(-50%); }
+.xs span:last-child { transform:translateX(-85%); }
+svg path { vector-effect:non-scaling-stroke; fill:none; stroke-width:1.6; stroke-linejoin:round;
+  stroke-linecap:round; }
+svg .grid { stroke:var(--line); stroke-width:1; }
+.l1 { stroke:var(--s1); } .l2 { stroke:var(--s2); } .l3 { stroke:var(--s3); } .l4 { stroke:var(--s4); }
+svg .f1 { fill:var(--s1); stroke:var(--s1); fill-opacity:.55; stroke-width:1; }
+svg .f2 { fill:var(--s2); stroke:var(--s2); fill-opacity:.55; stroke-width:1; }
+svg .f3 { fill:var(--s3); stroke:var(--s3); fill-opacity:.55; stroke-width:1; }
+svg .f4 { fill:var(--s4); stroke:var(--s4); fill-opacity:.55; stroke-width:1; }
+.k1 { background:var(--s1); } .k2 { background:var(--s2); } .k3 { background:var(--s3); }
+.k4 { background:var(--s4); }
+.empty { color:var(--soft); margin:.5rem 0 1rem; }
+.scroll { overflow-x:auto; } table { border-collapse:collapse; width:100%; font-size:.9rem; }
+th, td { padding:6px 12px; text-align:right; border-bottom:1px solid var(--line); white-space:nowrap;
+  font-variant-numeric:tabular-nums; }
+th { color:var(--soft); font-weight:500; } tr:last-child td { border-bottom:0; }
+th:first-child, td:first-child, .left th, .left td { text-align:left; }
+.facts td:last-child { white-space:normal; }
+code { font-size:.9em; } details > summary { cursor:pointer; }
+footer { color:var(--soft); font-size:.85rem; margin-top:2rem; }
+@media (max-width:760px) { main { padding:16px 12px 32px; } .charts { grid-template-columns:minmax(0,1fr); }
+  .tiles { grid-template-columns:repeat(2,minmax(0,1fr)); } .tile b { font-size:1.05rem; }
+  .plot { grid-template-columns:60px minmax(0,1fr); grid-template-rows:170px 26px; }
+  .xs span:nth-child(even) { display:none; } }
+)css";
+
+}  // namespace ipplay::measure

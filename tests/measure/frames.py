@@ -1,0 +1,208 @@
+"""Builds captures of played streams with known damage, and says what is in them.
+
+Written from the RFCs, apart from the code under test: no figure here comes from it.
+"""
+
+import ipaddress
+import random
+import struct
+from dataclasses import dataclass, field
+
+TS_LENGTH = 188
+PCR_MODULUS = (1 << 33) * 300
+
+
+def ones_complement_sum(data):
+    if len(data) % 2:
+        data += b"\0"
+    total = sum(struct.unpack(f">{len(data) // 2}H", data))
+    while total >> 16:
+        total = (total & 0xFFFF) + (total >> 16)
+    return total
+
+
+def crc32_mpeg(data):
+    crc = 0xFFFFFFFF
+    for byte in data:
+        crc ^= byte << 24
+        for _ in range(8):
+            crc = ((crc << 1) ^ 0x04C11DB7 if crc & 0x80000000 else crc << 1) & 0xFFFFFFFF
+    return crc
+
+
+def ts_packet(pid, counter, payload=b"", pcr=None, start=False, error=False):
+    """One transport stream packet; what the payload leaves over is stuffing."""
+    flags = (0x80 if error else 0) | (0x40 if start else 0)
+    room = TS_LENGTH - 4
+    adaptation = b""
+    if pcr is not None:
+        base, extension = divmod(pcr % PCR_MODULUS, 300)
+        value = (base << 15) | (0x3F << 9) | extension
+        adaptation = bytes([7, 0x10]) + value.to_bytes(6, "big")
+    payload = payload[: room - len(adaptation)].ljust(room - len(adaptation), b"\xff")
+    control = (0x30 if adaptation else 0x10) | (counter & 15)
+    return struct.pack(">BHB", 0x47, flags << 8 | pid, control) + adaptation + payload
+
+
+def psi_packet(pid, counter, table_id, body):
+    section = struct.pack(">BH", table_id, 0xB000 | (len(body) + 4)) + body
+    section += crc32_mpeg(section).to_bytes(4, "big")
+    return ts_packet(pid, counter, b"\0" + section, start=True)
+
+
+def transport_stream(packets, bit_rate=10_000_000, seed=1):
+    """A stream of one programme: PAT and PMT every 100 packets, a PCR every 20, some nulls."""
+    chance = random.Random(seed)
+    counters = {0: 0, 256: 0, 257: 0}
+    ticks_per_packet = TS_LENGTH * 8 * 27_000_000 / bit_rate
+    stream = []
+
+    def counted(pid):
+        counters[pid] += 1
+        return counters[pid] - 1
+
+    for i in range(packets):
+        if i % 100 == 0:
+            body = struct.pack(">HBBBHH", 1, 0xC1, 0, 0, 1, 0xE000 | 257)
+            stream.append(psi_packet(0, counted(0), 0, body))
+        elif i % 100 == 1:
+            body = struct.pack(">HBBBHHBHH", 1, 0xC1, 0, 0, 0xE100, 0xF000, 0x1B, 0xE100, 0xF000)
+            stream.append(psi_packet(257, counted(257), 2, body))
+        elif i % 20 == 10:
+            pcr = round(i * ticks_per_packet)
+            stream.append(ts_packet(256, counted(256), chance.randbytes(176), pcr=pcr))
+        elif i % 10 == 5:
+            stream.append(ts_packet(0x1FFF, 0))
+        else:
+            stream.append(ts_packet(256, counted(256), chance.randbytes(184)))
+    return b"".join(stream)
+
+
+@dataclass
+class Playout:
+    """One playout: what is sent, and which datagrams are damaged in which way."""
+
+    ipv6: bool = False
+    vlan: int | None = None
+    rtp: bool = True
+    copies: int = 1
+    datagrams: int = 1000
+    ts_per_datagram: int = 7
+    first_sequence: int = 0
+    payload_type: int = 33
+    ssrc: int = 0x1234
+    gap_ns: int = 1_000_000
+    jitter_ns: int = 0
+    lose: set = field(default_factory=set)
+    delay: dict = field(default_factory=dict)  # datagram: by how many later ones it is overtaken
+    bad_ip: set = field(default_factory=set)
+    bad_udp: set = field(default_factory=set)
+    double: set = field(default_factory=set)
+    seed: int = 1
+
+    def payloads(self):
+        size = self.ts_per_datagram * TS_LENGTH
+        content = transport_stream(self.datagrams * self.ts_per_datagram, seed=self.seed)
+        return [content[i : i + size] for i in range(0, len(content), size)]
+
+    def frame(self, index, copy, payload):
+        """The frame's bytes, and whether its IP and its UDP checksum are seen to be wrong."""
+        if self.rtp:
+            sequence = (self.first_sequence + index) & 0xFFFF
+            timestamp = index * self.gap_ns * 90_000 // 1_000_000_000 & 0xFFFFFFFF
+            header = struct.pack(
+                ">BBHII", 0x80, self.payload_type, sequence, timestamp, self.ssrc + copy)
+            payload = header + payload
+        length = 8 + len(payload)
+        ports = struct.pack(">HH", 5000, 5004 + 2 * copy)
+        addresses, ip_header = self._ip(index, copy, length)
+        pseudo = addresses + struct.pack(">IBBBB", length, 0, 0, 0, 17)
+        unsummed = ports + struct.pack(">HH", length, 0) + payload
+        checksum = 0xFFFF - ones_complement_sum(pseudo + unsummed)
+        checksum = checksum or 0xFFFF
+        bad_udp = index in self.bad_udp
+        if bad_udp:
+            checksum = (checksum + 1) & 0xFFFF
+            # Over IPv4 a checksum of 0 says that there is none.
+            bad_udp = checksum != 0 or self.ipv6
+        udp = ports + struct.pack(">HH", length, checksum) + payload
+        tag = b"" if self.vlan is None else struct.pack(">HH", 0x8100, self.vlan)
+        ether_type = struct.pack(">H", 0x86DD if self.ipv6 else 0x0800)
+        ethernet = bytes.fromhex("01005e010101 020000000001") + tag + ether_type
+        return ethernet + ip_header + udp, index in self.bad_ip and not self.ipv6, bad_udp
+
+    def _ip(self, index, copy, length):
+        if self.ipv6:
+            source = ipaddress.ip_address("fd00::1").packed
+            target = ipaddress.ip_address(f"ff3e::8000:{copy + 1:x}").packed
+            header = struct.pack(">IHBB", 0x60000000, length, 17, 16) + source + target
+            return source + target, header
+        source = ipaddress.ip_address("10.1.2.3").packed
+        target = ipaddress.ip_address(f"239.1.1.{copy + 1}").packed
+        fields = [0x4500, 20 + length, index & 0xFFFF, 0, 0x4011, 0]
+        unsummed = struct.pack(">6H", *fields) + source + target
+        fields[5] = 0xFFFF - ones_complement_sum(unsummed)
+        if index in self.bad_ip:
+            fields[5] = (fields[5] + 1) & 0xFFFF
+        return source + target, struct.pack(">6H", *fields) + source + target
+
+    def order(self):
+        """Datagram indices in the order in which they leave."""
+        leaving = []
+        held = []  # (index after which it leaves, index)
+        for index in range(self.datagrams):
+            if index in self.lose:
+                pass
+            elif index in self.delay:
+                held.append((index + self.delay[index], index))
+            else:
+                leaving += [index, index] if index in self.double else [index]
+            leaving += [i for after, i in held if after == index]
+            held = [(after, i) for after, i in held if after != index]
+        return leaving + [i for _, i in held]
+
+    def capture(self):
+        """A list of (time in ns, frame), and what a measurement has to find in each copy."""
+        chance = random.Random(self.seed)
+        payloads = self.payloads()
+        truth = Truth()
+        frames = []
+        base = 1_700_000_000_000_000_000
+        seen, highest = set(), -1
+        for slot, index in enumerate(self.order()):
+            time_ns = base + slot * self.gap_ns + chance.randint(0, self.jitter_ns)
+            for copy in range(self.copies):
+                frame, bad_ip, bad_udp = self.frame(index, copy, payloads[index])
+                frames.append((time_ns + copy * 1000, frame))
+            truth.frames += 1
+            truth.bad_ip += bad_ip
+            truth.bad_udp += bad_udp
+            if index in seen:
+                truth.duplicates += 1
+            elif index < highest:
+                truth.reordered += 1
+                truth.distance = max(truth.distance, highest - index)
+            seen.add(index)
+            highest = max(highest, index)
+        truth.lost = highest - min(seen) + 1 - len(seen)
+        return frames, truth
+
+
+@dataclass
+class Truth:
+    frames: int = 0
+    lost: int = 0
+    duplicates: int = 0
+    reordered: int = 0
+    distance: int = 0
+    bad_ip: int = 0
+    bad_udp: int = 0
+
+
+def write_pcap(path, frames):
+    """With nanosecond time stamps."""
+    with open(path, "wb") as file:
+        file.write(struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 65535, 1))
+        for time_ns, frame in frames:
+            seconds, ns = divmod(time_ns, 1_000_000_000)
+            file.write(struct.pack("<IIII", seconds, ns, len(frame), len(frame)) + frame)
