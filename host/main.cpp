@@ -8,6 +8,7 @@
 
 #include "host/commands.h"
 #include "host/library_output.h"
+#include "host/measure/measure_command.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ int Run(int argc, char** argv) {
   ipplay::RegisterDevices(app, exit_status);
   ipplay::RegisterResolve(app, exit_status);
   ipplay::RegisterPlay(app, exit_status);
+  ipplay::RegisterMeasure(app, exit_status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
