@@ -28,18 +28,22 @@ clean_up() {
 trap clean_up EXIT
 trap 'exit 130' INT TERM HUP
 
+# Enters the network alone: "ip netns exec" also changes mounts, which a chroot refuses.
+near_run() { nsenter --net="/run/netns/$near" "$@"; }
+far_run() { nsenter --net="/run/netns/$far" "$@"; }
+
 ip netns add "$near"
 ip netns add "$far"
-ip -n "$near" link add near type veth peer name far netns "$far"
-ip -n "$far" address add 10.77.0.2/24 dev far
-ip -n "$far" link set far up
-ip -n "$near" address add 10.77.0.1/24 dev near
-ip -n "$near" link set near up
+near_run ip link add near type veth peer name far netns "$far"
+far_run ip address add 10.77.0.2/24 dev far
+far_run ip link set far up
+near_run ip address add 10.77.0.1/24 dev near
+near_run ip link set near up
 
 # The far side: a capture that ends with the last datagram.
 expected=$((($(stat -c %s "$stream") + per_datagram - 1) / per_datagram))
 mkfifo "$work/said"
-ip netns exec "$far" timeout 60 dumpcap -q -i far -f "udp port 5004" -c "$expected" \
+far_run timeout 60 dumpcap -q -i far -f "udp port 5004" -c "$expected" \
   -w "$work/capture.pcapng" 2>"$work/said" &
 capture=$!
 exec 3<"$work/said"
@@ -47,7 +51,7 @@ while read -r line <&3 && [[ $line != File:* ]]; do :; done  # now it listens
 cat <&3 >/dev/null &
 
 echo "Playing $stream at $rate bit/s, rtp://10.77.0.2:5004"
-ip netns exec "$near" build/release/host/ipplay play "$stream" \
+near_run build/release/host/ipplay play "$stream" \
   --device near --to rtp://10.77.0.2:5004 --bitrate "$rate"
 wait "$capture" || true
 

@@ -1,7 +1,7 @@
 # Sourced by demo.sh and test.sh: what they need of the system, and how they build.
 
 # What it takes to configure a preset and to build all of it.
-build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libbitstream-dev libcli11-dev libfmt-dev
+build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcli11-dev libfmt-dev
   nlohmann-json3-dev libbitstream-dev libcap-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
 # What plays the far side of the wire: namespaces, capture, dissector, decoder.
 wire_packages=(iproute2 tshark ffmpeg)
@@ -17,7 +17,7 @@ need_root() {
 }
 
 need_namespaces() {
-  unshare --net --mount true 2>/dev/null ||
+  unshare --net true 2>/dev/null ||
     stop "may not make network namespaces here: run it on a machine, or in a container with --privileged"
 }
 

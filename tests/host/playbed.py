@@ -81,7 +81,7 @@ class PlayBed(Testbed):
     @staticmethod
     def read_sys(namespace, path):
         """A file of /sys as the namespace sees it."""
-        command = ["unshare", "--mount", "sh", "-c", f"mount -t sysfs sysfs /sys && cat {path}"]
+        command = ["unshare", "--mount", "--propagation", "unchanged", "sh", "-c", f"mount -t sysfs sysfs /sys && cat {path}"]
         return subprocess.run(command, preexec_fn=namespace.enter, check=True, text=True,
                               stdout=subprocess.PIPE).stdout.strip()
 

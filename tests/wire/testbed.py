@@ -22,7 +22,7 @@ from dataclasses import dataclass
 from library import Library
 
 CLONE_NEWNS, CLONE_NEWNET = 0x00020000, 0x40000000
-MS_REC, MS_SLAVE = 0x4000, 0x80000
+MS_REC, MS_PRIVATE = 0x4000, 0x40000
 PR_SET_PDEATHSIG = 1
 SOL_PACKET, PACKET_STATISTICS, PACKET_AUXDATA = 263, 6, 8
 SO_TIMESTAMPNS, SO_RCVBUFFORCE = 35, 33
@@ -223,7 +223,7 @@ class Testbed:
             faulthandler.dump_traceback_later(HANG_SECONDS, exit=True, file=complaints)
             self.near.enter()
             call(libc.unshare, CLONE_NEWNS)
-            mount(b"none", b"/", None, MS_REC | MS_SLAVE)
+            mount(b"none", b"/sys", None, MS_REC | MS_PRIVATE)
             mount(b"sysfs", b"/sys", b"sysfs")  # shows the interfaces of the namespace it is mounted in
             report = ("value", body(Library(self.library_path), *arguments))
             status = 0
