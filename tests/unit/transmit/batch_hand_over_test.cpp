@@ -45,12 +45,12 @@ TEST(BatchHandOverTest, WhatIsHandedOverAfterTheTransmitterGaveUpHoldsNobodyUp) 
   ASSERT_TRUE(hand_over.Allocate(2, 20));
   hand_over.WaitForRoom(2);
   hand_over.HandOver(0);
-  auto waiting = std::async([&] { hand_over.WaitUntilEmpty(); });
+  auto waiting = OnAnotherThread([&] { hand_over.WaitUntilEmpty(); });
   EXPECT_TRUE(Blocks(waiting));
   hand_over.Abandon();
   EXPECT_TRUE(Returns(waiting));
   hand_over.HandOver(0);
-  waiting = std::async([&] { hand_over.WaitUntilEmpty(); });
+  waiting = OnAnotherThread([&] { hand_over.WaitUntilEmpty(); });
   EXPECT_TRUE(Returns(waiting));
   ASSERT_TRUE(hand_over.Allocate(2, 20));  // the next run begins empty
   EXPECT_FALSE(hand_over.HasBatch());
