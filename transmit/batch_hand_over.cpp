@@ -5,6 +5,7 @@
 namespace ipplayout {
 
 bool BatchHandOver::Allocate(std::size_t in_transit, std::size_t capacity) {
+  batches_.clear();
   std::vector<Batch> batches(in_transit + 1);
   for (Batch& batch : batches) {
     batch.frames = SendQueue::Allocate(capacity);
@@ -16,6 +17,7 @@ bool BatchHandOver::Allocate(std::size_t in_transit, std::size_t capacity) {
   handed_ = 0;
   released_ = 0;
   woken_ = false;
+  abandoned_ = false;
   return true;
 }
 
@@ -26,10 +28,10 @@ void BatchHandOver::WaitForRoom(std::size_t most_in_transit) {
 }
 
 void BatchHandOver::WaitUntilInTransit(std::size_t batches) {
-  while (InTransit() > batches) {
+  while (InTransit() > batches && !abandoned_) {
     freed_.Reset();
     pump_resumes_at_ = static_cast<std::int64_t>(batches);
-    if (InTransit() > batches) {
+    if (InTransit() > batches && !abandoned_) {
       freed_.Wait();
     }
     pump_resumes_at_ = kNobodyWaits;
@@ -61,9 +63,8 @@ void BatchHandOver::Release() {
 }
 
 void BatchHandOver::Abandon() {
-  while (HasBatch()) {
-    Release();
-  }
+  abandoned_ = true;
+  freed_.Set();
 }
 
 void BatchHandOver::Wake() {

@@ -49,7 +49,8 @@ class BatchHandOver {
   Batch& Front() { return At(released_); }
   // The batch in front has been transmitted.
   void Release();
-  // No batch will be transmitted any more: those in transit are dropped.
+  // No batch will be transmitted any more: the pump waits for none from now on, whether it is
+  // handed over before or after this.
   void Abandon();
 
   // Wakes the transmitter without a batch. Any thread.
@@ -69,6 +70,7 @@ class BatchHandOver {
   alignas(64) std::atomic<std::uint64_t> released_{0};       // written by the transmitter
   alignas(64) platform::Signal ready_;
   std::atomic<bool> woken_{false};
+  std::atomic<bool> abandoned_{false};  // written by the transmitter
   alignas(64) platform::Signal freed_;
 };
 

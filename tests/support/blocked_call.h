@@ -1,10 +1,16 @@
-// Whether a call on another thread blocks.
+// Calls that block, or should not.
 #pragma once
 
 #include <chrono>
 #include <future>
+#include <utility>
 
 namespace ipplayout {
+
+template <typename Call>
+auto OnAnotherThread(Call call) {
+  return std::async(std::launch::async, std::move(call));
+}
 
 // Cannot fail for being slow: only a call that should block and has returned is caught.
 template <typename Result>

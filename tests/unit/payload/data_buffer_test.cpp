@@ -54,12 +54,12 @@ std::string Read(CIPDataBuffer& buffer, std::uint32_t length, std::uint32_t offs
 TEST(DataBufferTest, ReadingBeginsAtTheThresholdAndTakesWholePayloads) {
   CIPDataBuffer buffer(5000);
   buffer.SetStartThreshold(1000);
-  auto small = std::async([&] { return Read(buffer, 16); });
+  auto small = OnAnotherThread([&] { return Read(buffer, 16); });
   Write(buffer, std::string(999, 'a'));
   EXPECT_TRUE(Blocks(small));  // enough for it, but not for the threshold
   Write(buffer, "b");
   EXPECT_EQ(small.get(), std::string(16, 'a'));
-  auto whole = std::async([&] { return Read(buffer, 1316, 40); });
+  auto whole = OnAnotherThread([&] { return Read(buffer, 1316, 40); });
   Write(buffer, std::string(331, 'c'));
   EXPECT_TRUE(Blocks(whole));
   Write(buffer, "d");
@@ -70,7 +70,7 @@ TEST(DataBufferTest, TerminationReleasesTheReaderAndShortensTheTail) {
   CIPDataBuffer buffer(5000);
   buffer.SetStartThreshold(1000);
   Write(buffer, std::string(500, 't'));
-  auto tail = std::async([&] { return Read(buffer, 1316, 40); });
+  auto tail = OnAnotherThread([&] { return Read(buffer, 1316, 40); });
   EXPECT_TRUE(Blocks(tail));
   buffer.Terminate();
   EXPECT_EQ(tail.get(), std::string(500, 't'));
@@ -81,7 +81,7 @@ TEST(DataBufferTest, TerminationReleasesTheReaderAndShortensTheTail) {
   buffer.Reset();
   EXPECT_EQ(buffer.IsTerminated(), 0U);
   EXPECT_EQ(Read(buffer, 0, 40), "end");  // no room: at once
-  auto next = std::async([&] { return Read(buffer, 1); });
+  auto next = OnAnotherThread([&] { return Read(buffer, 1); });
   Write(buffer, "early");
   EXPECT_TRUE(Blocks(next));  // the threshold counts anew
   buffer.Terminate();
@@ -108,7 +108,7 @@ TEST(DataBufferTest, WritesAndReadsCrossTheEndOfTheRing) {
 TEST(DataBufferTest, AWriterWaitsUntilItsWholeWriteFits) {
   CIPDataBuffer buffer(10);
   Write(buffer, "0123456789");
-  auto writer = std::async([&] { return Write(buffer, "abcd"); });
+  auto writer = OnAnotherThread([&] { return Write(buffer, "abcd"); });
   EXPECT_EQ(Read(buffer, 3), "012");
   EXPECT_TRUE(Blocks(writer));
   buffer.Terminate();
@@ -122,8 +122,8 @@ TEST(DataBufferTest, TheEndOfARunReleasesWriters) {
   for (const bool by_reset : {false, true}) {
     buffer.BeginRun();
     Write(buffer, "0123456789");
-    auto first = std::async([&] { return Write(buffer, "abcd"); });
-    auto second = std::async([&] { return Write(buffer, "e"); });
+    auto first = OnAnotherThread([&] { return Write(buffer, "abcd"); });
+    auto second = OnAnotherThread([&] { return Write(buffer, "e"); });
     EXPECT_TRUE(Blocks(first));
     EXPECT_TRUE(Blocks(second));
     by_reset ? static_cast<void>(buffer.Reset()) : buffer.EndRun();
@@ -143,10 +143,12 @@ TEST(DataBufferTest, EachBlockedWriterIsWokenForItsOwnNeed) {
     CIPDataBuffer buffer(10);
     Write(buffer, "0123456789");
     buffer.Terminate();
-    const auto start_big = [&] { return std::async([&] { return Write(buffer, "ABCDEFGH"); }); };
+    const auto start_big = [&] {
+      return OnAnotherThread([&] { return Write(buffer, "ABCDEFGH"); });
+    };
     auto big = big_first ? start_big() : std::future<bool>();
     EXPECT_TRUE(!big_first || Blocks(big));
-    auto small = std::async([&] { return Write(buffer, "s"); });
+    auto small = OnAnotherThread([&] { return Write(buffer, "s"); });
     EXPECT_TRUE(Blocks(small));
     if (!big_first) {
       big = start_big();
@@ -216,7 +218,7 @@ TEST(DataBufferTest, WritersAreReleasedAtWhateverMomentARunEnds) {
   std::mt19937 random(3);
   for (int run = 0; run < 2000; ++run) {
     buffer.BeginRun();
-    auto writer = std::async([&buffer] {
+    auto writer = OnAnotherThread([&buffer] {
       std::uint64_t done = 0;
       while (buffer.Write(pattern.At(done), 300)) {
         done += 300;

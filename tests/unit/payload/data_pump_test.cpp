@@ -258,7 +258,7 @@ TEST_F(DataPumpTest, APauseHoldsBetweenDatagramsAndAStopEndsIt) {
     Write(6 * kPayload);
     buffer_.Terminate();
     asked.get_future().wait();
-    auto end = std::async([this] { pump_.WaitUntilComplete(); });
+    auto end = OnAnotherThread([this] { pump_.WaitUntilComplete(); });
     EXPECT_TRUE(Blocks(end));
     EXPECT_EQ(top_->frames, 2);
     stop ? pump_.Stop() : pump_.Pause(false);

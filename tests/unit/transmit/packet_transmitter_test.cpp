@@ -150,7 +150,7 @@ TEST_F(PacketTransmitterTest, ARefusedBatchEndsTheRunAndReleasesThePump) {
   driver_.RefuseAfter(5);
   testing::internal::CaptureStdout();
   Start(2);
-  auto pump = std::async([this] {
+  auto pump = OnAnotherThread([this] {
     int taken = 0;
     for (; Send(); ++taken) {
     }

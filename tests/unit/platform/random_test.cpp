@@ -1,0 +1,34 @@
+#include "platform/random.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <vector>
+
+namespace ipplayout::platform {
+namespace {
+
+TEST(RandomTest, ReachesItsWholeRangeAndNothingElse) {
+  std::vector<int> counts(kRandomMax + 1);
+  SeedRandom(9);
+  for (int draw = 0; draw < 100 * 32768; ++draw) {
+    ++counts.at(NextRandom());
+  }
+  for (const int count : counts) {
+    ASSERT_NEAR(count, 100, 70);  // seven standard deviations
+  }
+}
+
+TEST(RandomTest, IsTheLibrarysOwn) {
+  SeedRandom(1);
+  std::srand(1);
+  const std::uint32_t ours = NextRandom();
+  const int theirs = std::rand();
+  std::srand(1);
+  SeedRandom(1);
+  EXPECT_EQ(std::rand(), theirs);
+  EXPECT_EQ(NextRandom(), ours);
+}
+
+}  // namespace
+}  // namespace ipplayout::platform

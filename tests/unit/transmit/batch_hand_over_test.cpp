@@ -1,0 +1,60 @@
+#include "transmit/batch_hand_over.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "tests/support/blocked_call.h"
+
+namespace ipplayout {
+namespace {
+
+void Fill(BatchHandOver& hand_over, std::uint32_t number) {
+  std::uint8_t bytes[4] = {};
+  ASSERT_TRUE(hand_over.Filling().Append({number, 0, sizeof bytes, sizeof bytes}, bytes));
+}
+
+TEST(BatchHandOverTest, BatchesArriveWholeAndInOrder) {
+  constexpr std::uint32_t kBatches = 100000;
+  BatchHandOver hand_over;
+  ASSERT_TRUE(hand_over.Allocate(3, 20));
+  std::thread pump([&hand_over] {
+    for (std::uint32_t number = 0; number < kBatches; ++number) {
+      Fill(hand_over, number);
+      hand_over.WaitForRoom(number / 100 % 2 == 0 ? 1 : 3);
+      hand_over.HandOver(number);
+    }
+    hand_over.WaitUntilEmpty();
+    hand_over.Wake();
+  });
+  std::uint32_t number = 0;
+  for (hand_over.Wait(); hand_over.HasBatch(); hand_over.Wait()) {
+    const Batch& batch = hand_over.Front();
+    ASSERT_EQ(batch.frames->Used(), 20U);
+    ASSERT_EQ(batch.frames->At(0).header.seconds, number);
+    ASSERT_EQ(batch.jitter_sum, number++);
+    hand_over.Release();
+  }
+  pump.join();
+  EXPECT_EQ(number, kBatches);
+}
+
+TEST(BatchHandOverTest, WhatIsHandedOverAfterTheTransmitterGaveUpHoldsNobodyUp) {
+  BatchHandOver hand_over;
+  ASSERT_TRUE(hand_over.Allocate(2, 20));
+  hand_over.WaitForRoom(2);
+  hand_over.HandOver(0);
+  auto waiting = OnAnotherThread([&] { hand_over.WaitUntilEmpty(); });
+  EXPECT_TRUE(Blocks(waiting));
+  hand_over.Abandon();
+  EXPECT_TRUE(Returns(waiting));
+  hand_over.HandOver(0);
+  waiting = OnAnotherThread([&] { hand_over.WaitUntilEmpty(); });
+  EXPECT_TRUE(Returns(waiting));
+  ASSERT_TRUE(hand_over.Allocate(2, 20));  // the next run begins empty
+  EXPECT_FALSE(hand_over.HasBatch());
+}
+
+}  // namespace
+}  // namespace ipplayout
