@@ -38,7 +38,8 @@ std::string StreamText(const StreamFacts& facts) {
   const std::string size = facts.bytes ? FormatBytes(*facts.bytes) : "of unknown length";
   if (facts.format.IsRaw()) return fmt::format("raw bytes, {}", size);
   const auto packets = facts.Packets();
-  return fmt::format("{}packets of {} bytes, {}", packets ? FormatCount(*packets) + " " : "",
+  return fmt::format("{}packets of {} bytes, {}",
+                     packets ? fmt::format("{} ", FormatCount(*packets)) : "",
                      facts.format.packet_bytes, size);
 }
 

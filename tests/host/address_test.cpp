@@ -37,9 +37,9 @@ TEST(Address, Macs) {
   }
 }
 
-Adapter TestAdapter() {
+Adapter TestAdapter(const std::string& name = "near") {
   Adapter adapter;
-  adapter.name = "near";
+  adapter.name = name;
   adapter.mac = {2, 0, 0, 0, 0, 1};
   adapter.ipv4 = {*ParseIp("10.1.2.3"), *ParseIp("192.168.7.1")};
   adapter.ipv4_masks = {*ParseIp("255.255.0.0"), *ParseIp("255.255.255.254")};
@@ -75,9 +75,8 @@ TEST(Destination, FollowsFromTheAddress) {
 
 TEST(Adapters, AreFoundByNameThenNumber) {
   Adapter first = TestAdapter();
-  Adapter second = TestAdapter();
+  Adapter second = TestAdapter("0");
   second.index = 1;
-  second.name = "0";
   const std::vector<Adapter> adapters{first, second};
   EXPECT_EQ(FindAdapter(adapters, "near")->index, 0U);
   EXPECT_EQ(FindAdapter(adapters, "1")->index, 1U);

@@ -123,9 +123,9 @@ TEST(Input, LargerPacketsCountAsTheirRateDoes) {
 
 TEST(Input, CutEndsAreLeftOut) {
   const Bytes stream = MakeStream(50, kTicks);
-  Bytes cut(77, 0x22);
-  cut.insert(cut.end(), stream.begin(), stream.end());
-  cut.insert(cut.end(), 40, 0x47);
+  Bytes cut(77 + stream.size() + 40, 0x47);
+  std::fill_n(cut.begin(), 77, std::uint8_t{0x22});
+  std::copy(stream.begin(), stream.end(), cut.begin() + 77);
   const Fed fed = Feed(TemporaryFile(cut).path(), {}, 2);
   ASSERT_TRUE(fed.facts) << fed.failure;
   EXPECT_EQ(fed.facts->first_packet, 77U);
@@ -159,7 +159,7 @@ TEST(Input, RawBytesAreFilledUpToFour) {
   // Rounds join without padding: 3 * 100,003 bytes need 3 more.
   const Fed fed = Feed(file.path(), {.raw = true}, 3);
   Bytes expected = Repeated(bytes, 3);
-  expected.insert(expected.end(), 3, 0);
+  expected.resize(expected.size() + 3);
   EXPECT_EQ(fed.bytes, expected);
   EXPECT_EQ(fed.padding, 3U);
   EXPECT_EQ(fed.facts->bytes, bytes.size());

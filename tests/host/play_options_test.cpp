@@ -1,6 +1,8 @@
 #include "host/play_options.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -23,11 +25,11 @@ void Parse(const std::string& line, Parsed& parsed, const std::string& config = 
   CLI::App* play = app.add_subcommand("play");
   DefinePlayOptions(*play, parsed.options);
   try {
-    std::string words = "play " + line;
+    std::string words = fmt::format("play {}", line);
     if (!config.empty()) {
       app.set_config("--config");
       app.allow_config_extras(CLI::config_extras_mode::error);
-      words = "--config " + config + " " + words;
+      words = fmt::format("--config {} {}", config, words);
     }
     app.parse(words);
     parsed.config = app.config_to_str(true);
@@ -113,10 +115,10 @@ TEST(PlayOptions, RefusedValuesAreExplained) {
       {"--stats", "xml", "text or json"},
   };
   for (const auto& c : cases) {
-    const std::string text = std::string(c.option) + " " + c.value;
+    const std::string text = fmt::format("{} {}", c.option, c.value);
     const bool is_target = std::string(c.option) == "--to";
     const std::string error =
-        Parse("in.ts " + text + (is_target ? "" : " --to rtp://1.2.3.4:1")).error;
+        Parse(fmt::format("in.ts {}{}", text, is_target ? "" : " --to rtp://1.2.3.4:1")).error;
     EXPECT_EQ(error.find(c.option), 0U) << text << ": " << error;
     EXPECT_NE(error.find(c.value), std::string::npos) << text << ": " << error;
     EXPECT_NE(error.find(c.allowed), std::string::npos) << text << ": " << error;
@@ -125,7 +127,7 @@ TEST(PlayOptions, RefusedValuesAreExplained) {
   for (const auto& [time, action] :
        {std::pair{"soon", "lose"}, {"1s", "explode"}, {"1s", "lose:2s"}, {"1s", "pause:0s"}}) {
     const std::string error =
-        Parse(std::string("in.ts --to rtp://1.2.3.4:1 --at ") + time + " " + action).error;
+        Parse(fmt::format("in.ts --to rtp://1.2.3.4:1 --at {} {}", time, action)).error;
     EXPECT_EQ(error.find("--at: \""), 0U) << error;
   }
 }
@@ -142,7 +144,7 @@ TEST(PlayOptions, ConfigurationFileRoundTrip) {
       "in.ts --to udp://[ff3e::1]:5000 --ppm -20 --loop forever --step dst-ip=::1 --step "
       "dst-port=2 --at 10s lose --at 20s pause:2s --cut --frame-size 1400 --jitter gaussian:20%");
   ASSERT_EQ(written.error, "");
-  const std::string path = "/tmp/ipplay-test-config-" + std::to_string(getpid());
+  const std::string path = fmt::format("/tmp/ipplay-test-config-{}", getpid());
   {
     std::ofstream file(path);
     file << written.config;

@@ -24,6 +24,25 @@ StreamFacts Facts(std::uint32_t packet_bytes = 188) {
   return facts;
 }
 
+StreamFacts OfFile() {
+  return Facts();
+}
+StreamFacts OfRawFile() {
+  return Facts(0);
+}
+
+StreamFacts WithoutPcrs() {
+  StreamFacts facts = Facts();
+  facts.rate.reset();
+  return facts;
+}
+
+StreamFacts OfPipe() {
+  StreamFacts facts = Facts();
+  facts.bytes.reset();
+  return facts;
+}
+
 Path TestPath() {
   Path path;
   path.adapter.index = 3;
@@ -154,7 +173,7 @@ TEST(PlayPlan, Refusals) {
   const struct {
     std::string line;
     const char* message;
-    StreamFacts facts = Facts();
+    StreamFacts (*facts)() = OfFile;
   } cases[] = {
       {kUdp + "--delay 1/10", "--delay: works with rtp://"},
       {kUdp6 + "--bad-ip-checksum 1/10", "--bad-ip-checksum: works with IPv4"},
@@ -176,28 +195,13 @@ TEST(PlayPlan, Refusals) {
       {kRtp + "--bitrate 1M --frame-bitrate 1M", "--frame-bitrate: not together"},
       {kRtp + "--bitrate 5G", "--bitrate: frames at 5.2"},
       {kRtp + "--burst 10000000", "--burst: 10000000 frames"},
-      {kRtp + "--raw", "--bitrate: needed, since INPUT has no PCRs", Facts(0)},
-      {kRtp + "--pcr-pid 9", "--pcr-pid 9: INPUT has no PCRs there",
-       [] {
-         StreamFacts facts = Facts();
-         facts.rate.reset();
-         return facts;
-       }()},
-      {kRtp + "--loop 2", "--loop 2: needs a file",
-       [] {
-         StreamFacts facts = Facts();
-         facts.bytes.reset();
-         return facts;
-       }()},
-      {kRtp + "--restamp --bitrate 1M", "--restamp: INPUT has no PCRs",
-       [] {
-         StreamFacts facts = Facts();
-         facts.rate.reset();
-         return facts;
-       }()},
+      {kRtp + "--raw", "--bitrate: needed, since INPUT has no PCRs", OfRawFile},
+      {kRtp + "--pcr-pid 9", "--pcr-pid 9: INPUT has no PCRs there", WithoutPcrs},
+      {kRtp + "--loop 2", "--loop 2: needs a file", OfPipe},
+      {kRtp + "--restamp --bitrate 1M", "--restamp: INPUT has no PCRs", WithoutPcrs},
   };
   for (const auto& c : cases) {
-    const auto plan = Plan(c.line, c.facts);
+    const auto plan = Plan(c.line, c.facts());
     ASSERT_FALSE(plan) << c.line;
     EXPECT_EQ(plan.failure().message.find(c.message), 0U) << plan.failure().message;
     EXPECT_EQ(plan.failure().status, ExitStatus::kUsage);
@@ -258,9 +262,7 @@ TEST(PlayPlan, PrefillIsASecondOfAFileAndNothingOfAPipe) {
   // 940,000 bytes a second; the library starts at 0.8 of the number.
   EXPECT_EQ(Plan(kRtp)->settings.play_file_size, 1'175'000U);
   EXPECT_EQ(Plan(kRtp + "--prefill 0")->settings.play_file_size, 0U);
-  StreamFacts pipe = Facts();
-  pipe.bytes.reset();
-  EXPECT_EQ(Plan(kRtp, pipe)->settings.play_file_size, 0U);
+  EXPECT_EQ(Plan(kRtp, OfPipe())->settings.play_file_size, 0U);
   StreamFacts small = Facts();
   small.bytes = 188 * 100;
   EXPECT_EQ(Plan(kRtp, small)->settings.play_file_size, 23'500U);
