@@ -16,13 +16,11 @@ namespace ipplay {
 namespace {
 
 std::string JoinAddresses(const Adapter& adapter) {
-  std::string text;
+  std::vector<std::string> texts;
   for (const auto* list : {&adapter.ipv4, &adapter.ipv6}) {
-    for (const IpAddress& address : *list) {
-      text.append(text.empty() ? "" : " ").append(FormatIp(address));
-    }
+    for (const IpAddress& address : *list) texts.push_back(FormatIp(address));
   }
-  return text.empty() ? "-" : text;
+  return texts.empty() ? "-" : fmt::format("{}", fmt::join(texts, " "));
 }
 
 std::string LinkText(const Adapter& adapter) {

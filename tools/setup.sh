@@ -1,12 +1,12 @@
 # Sourced by demo.sh and test.sh: what they need of the system, and how they build.
 
 # What it takes to configure a preset and to build all of it.
-build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libbitstream-dev
-  libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
+build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libbitstream-dev libcli11-dev libfmt-dev
+  nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
 # What plays the far side of the wire: namespaces, capture, dissector, decoder.
 wire_packages=(iproute2 tshark ffmpeg)
-# What only the tests use.
-test_packages=(libcap2-bin)
+# What the tests of ipplay take besides: its documents, its packages, rights for a single program.
+test_packages=(groff-base dpkg-dev file libcap2-bin)
 
 stop() {
   echo "$(basename "$0"): $*" >&2
@@ -18,7 +18,7 @@ need_root() {
 }
 
 need_namespaces() {
-  unshare --net --mount true 2>/dev/null ||
+  unshare --net true 2>/dev/null ||
     stop "may not make network namespaces here: run it on a machine, or in a container with --privileged"
 }
 

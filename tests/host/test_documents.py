@@ -1,0 +1,112 @@
+"""What the documents promise: every recipe runs, every option is described and completed."""
+import os
+import re
+import shutil
+import subprocess
+import unittest
+
+from playbed import HERE, IPPLAY, SAMPLE, PlayCase
+
+ROOT = os.path.join(HERE, "..", "..")
+NOBODY = "65534"
+
+
+def text_of(*path):
+    with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
+        return file.read()
+
+
+def recipes(text):
+    """Heading -> commands of the block below it."""
+    return {heading: block.strip() for heading, block in
+            re.findall(r"^## ([^\n]*)\n(?:(?!^##).)*?^```sh\n(.*?)^```", text, re.MULTILINE | re.DOTALL)}
+
+
+def options_of(*command):
+    text = subprocess.run([IPPLAY, *command, "--help"], check=True, text=True, stdout=subprocess.PIPE).stdout
+    return set(re.findall(r"(?<=[ ,])--[a-z][a-z-]*", text))
+
+
+class Recipes(PlayCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        os.chmod(cls.folder.name, 0o755)
+        shutil.copy(SAMPLE, os.path.join(cls.folder.name, "stream.ts"))
+        cls.install()
+
+    @classmethod
+    def install(cls):
+        """A copy of program and library that an unprivileged user reaches; its search path is changed as an
+        installation changes it."""
+        built, here = os.path.dirname(os.environ["IPPLAYOUT_LIBRARY"]), cls.folder.name
+        shutil.copy(IPPLAY, os.path.join(here, "ipplay"))
+        for name in os.listdir(built):
+            if name.startswith("libipplayout.so"):
+                shutil.copy(os.path.join(built, name), here)
+        script = os.path.join(here, "rpath.cmake")
+        with open(script, "w", encoding="utf-8") as file:
+            file.write(f'file(RPATH_CHANGE FILE "{here}/ipplay" OLD_RPATH "{built}" NEW_RPATH "{here}")')
+        subprocess.run(["cmake", "-P", script], check=True)
+
+    def run_recipe(self, commands, *options, user=None):
+        """Runs the commands as they stand, but for the names of the reader's own: adapter, sudo, root's shell."""
+        script = "\n".join(line + (f" {' '.join(options)}" if line.startswith("ipplay play") else "")
+                           for line in commands.replace("eth0", self.bed.NEAR).splitlines())
+        prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups", "--inh-caps=-all"] if user else []
+        environment = {**os.environ, "PATH": f"{self.folder.name}:{os.environ['PATH']}:/usr/sbin"}
+        self.bed.capture.begin()
+        process = subprocess.run([*prefix, "bash", "-eu", "-c", script], cwd=self.folder.name, env=environment,
+                                 preexec_fn=self.bed.near.enter, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.assertEqual(process.returncode, 0, process.stderr)
+        self.assertRegex(process.stdout, "^(Played|Stopped by --at): stream.ts")
+        self.bed.capture.drain()
+        return process.stdout
+
+    def test_recipes(self):
+        found = recipes(text_of("docs", "recipes.md"))
+        self.assertEqual(len(found), 5)
+        endless = "Endless loop as an unprivileged user"
+        for heading, commands in found.items():
+            if heading != endless:
+                with self.subTest(heading):
+                    self.run_recipe(commands)
+        with self.subTest(endless):
+            setcap, play = found[endless].splitlines()
+            self.assertTrue(setcap.startswith("sudo setcap "))
+            subprocess.run(["bash", "-c", setcap.removeprefix("sudo ").replace("$(command -v ipplay)",
+                                                                                  os.path.join(self.folder.name, "ipplay"))],
+                           check=True, env={**os.environ, "PATH": f"{os.environ['PATH']}:/usr/sbin"})
+            self.run_recipe(play, "--at", "1s", "stop", user=NOBODY)
+
+
+class Descriptions(unittest.TestCase):
+    def test_man_page_has_every_option(self):
+        page = text_of("docs", "man", "ipplay.1").replace("\\-", "-")
+        options = options_of("play") | options_of("devices") | options_of("resolve") | options_of()
+        self.assertGreater(len(options), 50)
+        self.assertEqual({option for option in options if option not in page}, set())
+
+    def test_man_pages_are_well_formed(self):
+        for page in ("ipplay.1", "libipplayout.3"):
+            path = os.path.join(ROOT, "docs", "man", page)
+            process = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", path], text=True, stderr=subprocess.PIPE, check=True)
+            self.assertEqual(process.stderr, "")
+
+    def complete(self, *words):
+        script = f"""source {ROOT}/host/completion/ipplay
+            COMP_WORDS=({IPPLAY} {' '.join(f"'{word}'" for word in words)}); COMP_CWORD={len(words)}
+            _ipplay {IPPLAY} '{words[-1]}' '{words[-2] if len(words) > 1 else IPPLAY}'
+            printf '%s\\n' "${{COMPREPLY[@]}}" """
+        return subprocess.run(["bash", "-c", script], check=True, text=True, stdout=subprocess.PIPE).stdout.split()
+
+    def test_completion(self):
+        self.assertEqual(self.complete("de"), ["devices"])
+        self.assertEqual(self.complete("play", "--lo"), ["--loop", "--lose"])
+        self.assertEqual(self.complete("devices", "--j"), ["--json"])
+        self.assertIn("lo", self.complete("play", "--device", "lo"))
+        self.assertEqual(self.complete("play", "--stats", "j"), ["json"])
+
+
+if __name__ == "__main__":
+    unittest.main()

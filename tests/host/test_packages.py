@@ -1,0 +1,82 @@
+"""The Debian packages: what is in them, what they ask for, and that removing them leaves nothing."""
+import os
+import subprocess
+import tempfile
+import unittest
+
+PACKAGES = ("libipplayout1", "libipplayout-dev", "ipplay")
+
+
+def run(*command):
+    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout
+
+
+def files_below(root):
+    return {os.path.relpath(os.path.join(folder, name), root)
+            for folder, _, names in os.walk(root) for name in names}
+
+
+class Packages(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(cls.folder.cleanup)
+        run("cpack", "-G", "DEB", "-B", cls.folder.name, "--config",
+            os.path.join(os.environ["IPPLAYOUT_BUILD"], "CPackConfig.cmake"))
+        cls.files = {}
+        for name in os.listdir(cls.folder.name):
+            if name.endswith(".deb"):
+                path = os.path.join(cls.folder.name, name)
+                cls.files[run("dpkg-deb", "-f", path, "Package").strip()] = path
+
+    def contents(self, package):
+        listing = run("dpkg-deb", "-c", self.files[package]).splitlines()
+        return {line.split()[5].removeprefix("./") for line in listing if not line.startswith("d")}
+
+    def field(self, package, name):
+        return run("dpkg-deb", "-f", self.files[package], name).strip()
+
+    def test_contents(self):
+        self.assertEqual(set(self.files), set(PACKAGES))
+        multiarch = "usr/lib/" + run("dpkg-architecture", "-qDEB_HOST_MULTIARCH").strip()
+
+        def documents(package):
+            return {f"usr/share/doc/{package}/{name}" for name in ("copyright", "changelog.gz")}
+
+        self.assertEqual(self.contents("libipplayout1"), documents("libipplayout1") | {
+            f"{multiarch}/libipplayout.so.1", f"{multiarch}/libipplayout.so.1.0.0"})
+        self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
+            "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz", "usr/share/bash-completion/completions/ipplay",
+            "usr/share/doc/ipplay/recipes.md"})
+        development = self.contents("libipplayout-dev")
+        for name in (f"{multiarch}/libipplayout.so", f"{multiarch}/pkgconfig/ipplayout.pc",
+                     f"{multiarch}/cmake/ipplayout/ipplayoutConfig.cmake", "usr/include/ipplayout/ipplayout.h",
+                     "usr/share/man/man3/libipplayout.3.gz"):
+            self.assertIn(name, development)
+
+    def test_dependencies(self):
+        self.assertIn("libpcap0.8", self.field("libipplayout1", "Depends"))
+        self.assertIn("libmnl0", self.field("libipplayout1", "Depends"))
+        version = self.field("libipplayout1", "Version")
+        for package in ("ipplay", "libipplayout-dev"):
+            self.assertIn(f"libipplayout1 (= {version})", self.field(package, "Depends"))
+        self.assertIn("libfmt9", self.field("ipplay", "Depends"))
+
+    def test_installs_runs_and_leaves_nothing(self):
+        with tempfile.TemporaryDirectory() as root:
+            for folder in ("info", "updates", "triggers"):
+                os.makedirs(f"{root}/var/lib/dpkg/{folder}")
+            for name in ("status", "available"):
+                open(f"{root}/var/lib/dpkg/{name}", "w", encoding="ascii").close()
+            dpkg = ("dpkg", "--root", root, "--force-depends", "--log", "/dev/null")
+            run(*dpkg, "-i", *self.files.values())
+            library = run("sh", "-c", f"echo {root}/usr/lib/*/").strip()
+            self.assertRegex(run("env", f"LD_LIBRARY_PATH={library}", f"{root}/usr/bin/ipplay", "--version"), "^ipplay ")
+            run(*dpkg, "-P", *PACKAGES)
+            left = {name for name in files_below(root) if not name.startswith("var/lib/dpkg/")}
+            self.assertEqual(left, set())
+            self.assertFalse(os.path.exists(f"{root}/usr"))
+
+
+if __name__ == "__main__":
+    unittest.main()
