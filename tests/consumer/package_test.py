@@ -62,7 +62,7 @@ class InstalledPackage(unittest.TestCase):
 
     def test_cpp20_host_through_find_package(self):
         build = self.root / "cpp"
-        run(options.cmake, "-S", PACKAGE, "-B", build, f"-DCMAKE_CXX_COMPILER={options.cxx}",
+        run(options.cmake, "-G", "Ninja", "-S", PACKAGE, "-B", build, f"-DCMAKE_CXX_COMPILER={options.cxx}",
             f"-Dipplayout_DIR={self.find('ipplayoutConfig.cmake').parent}",
             "-DCMAKE_CXX_EXTENSIONS=OFF", f"-DCMAKE_CXX_FLAGS={' '.join(WARNINGS + self.flags)}")
         run(options.cmake, "--build", build)
