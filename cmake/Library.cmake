@@ -39,6 +39,9 @@ install(FILES
   "${CMAKE_CURRENT_BINARY_DIR}/ipplayoutConfig.cmake"
   "${CMAKE_CURRENT_BINARY_DIR}/ipplayoutConfigVersion.cmake"
   DESTINATION ${package_dir} COMPONENT development)
+# The package may be installed anywhere, so the file finds its prefix from where it is.
+file(RELATIVE_PATH PKGCONFIG_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" PKGCONFIG_TO_PREFIX "${PKGCONFIG_TO_PREFIX}")
 configure_file(cmake/ipplayout.pc.in "${CMAKE_CURRENT_BINARY_DIR}/ipplayout.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/ipplayout.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
