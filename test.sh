@@ -15,7 +15,7 @@ run_tests() {
   echo "Testing build/$preset"
   # The thread sanitizer of Debian 12 cannot place its memory where the kernel randomises it widely.
   setarch "$(uname -m)" --addr-no-randomize \
-    ctest --test-dir "build/$preset" --no-tests=error --output-on-failure --progress "$@"
+    ctest --parallel 2 --test-dir "build/$preset" --no-tests=error --output-on-failure --progress "$@"
 }
 
 build release

@@ -255,6 +255,7 @@ class Blocking(WireCase):
                 wait_until_full(written)
                 stop()
                 assert writer() == Library.FAILED
+                library.IPStop()  # discards what a late writer has put into the emptied ring
             library.configure(TYPICAL)
             return library.play(data)
         data = datagrams(Model(TYPICAL), 3)
