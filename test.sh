@@ -20,7 +20,8 @@ run_tests() {
 
 build release
 run_tests release
+# Under the sanitizers the library: its unit tests, and frames and lifecycle on the wire.
 for sanitizer in asan tsan; do
-  build "$sanitizer"
-  run_tests "$sanitizer"
+  build "$sanitizer" ipplayout unit_tests wire_tests
+  run_tests "$sanitizer" -E "^host|example|installed_package"
 done

@@ -22,7 +22,7 @@ struct PacketSpec {
 };
 
 inline void PutTimestamp(std::uint8_t* at, std::uint8_t prefix, std::uint64_t t) {
-  at[0] = static_cast<std::uint8_t>(prefix << 4 | (t >> 30 & 7) << 1 | 1);
+  at[0] = static_cast<std::uint8_t>(prefix * 16U | (t >> 30 & 7) << 1 | 1);
   at[1] = static_cast<std::uint8_t>(t >> 22);
   at[2] = static_cast<std::uint8_t>((t >> 15 & 0x7f) << 1 | 1);
   at[3] = static_cast<std::uint8_t>(t >> 7);
