@@ -101,6 +101,7 @@ std::optional<Failure> Planner::CheckTimeLine() const {
 std::optional<Failure> Planner::SetHeaders() {
   plan_.copies = options_.copies;
   params().DeviceIndex = path_.adapter.index;
+  path_.adapter.description.copy(params().DeviceName, IPPLAYOUT_NAME_SIZE - 1);
   params().IPLayerVersion = IsV6() ? 1 : 0;
   params().ProtocolMode = IsRtp() ? 1 : 0;
   params().ReplicationCount = static_cast<std::int32_t>(options_.copies - 1);

@@ -158,8 +158,6 @@ void AddTts(Collector& add, const TTSSettings& t) {
 
 void Apply(const Settings& settings) {
   SetIPPlayParams(&settings.params);
-  // Names the device as well.
-  SetDeviceIndex(settings.params.DeviceIndex);
   SetErrorInsertion(&settings.errors);
   SetParametricSettings(settings.shape);
   SetIPOtherSettings(settings.other.PlayerThreadPriority, settings.other.PlayerProcessPriority);
@@ -167,13 +165,15 @@ void Apply(const Settings& settings) {
   SetPlayFileSizeForIP(settings.play_file_size);
   SetTSPacketSize(settings.ts_packet_size);
   SetIPBitRate(settings.ip_bit_rate);
-  SetIPEnabled(1);
+  SetIPBitRateChosen(settings.ip_bit_rate_chosen);
+  SetIPEnabled(settings.ip_enabled);
 }
 
 std::vector<NamedSetting> Describe(const Settings& settings) {
   Collector add;
   add("IPBitRate", settings.ip_bit_rate)("PlayFileSizeForIP", settings.play_file_size);
-  add("TSPacketSize", settings.ts_packet_size);
+  add("TSPacketSize", settings.ts_packet_size)("IPEnabled", settings.ip_enabled);
+  add("IPBitRateChosen", settings.ip_bit_rate_chosen);
   AddPlayParams(add, settings.params);
   AddHeaders(add, settings.params.ProtocolHeadersSettings);
   AddIncrements(add, settings.params.ProtocolHeadersIncrements);

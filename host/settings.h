@@ -18,6 +18,8 @@ struct Settings {
   std::uint64_t play_file_size = 0;
   std::uint32_t ts_packet_size = 0;
   double ip_bit_rate = 0;
+  std::uint32_t ip_bit_rate_chosen = 0;
+  std::uint32_t ip_enabled = 1;
 };
 
 // Hands them to the library, for the next IPStart.
