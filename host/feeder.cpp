@@ -2,10 +2,10 @@
 
 namespace ipplay {
 
-Feeder::Feeder(std::unique_ptr<RoundReader> reader, std::optional<Restamper> restamper,
+Feeder::Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restamper>& restamper,
                std::optional<std::uint64_t> rounds, Sink sink)
     : reader_(std::move(reader)),
-      restamper_(std::move(restamper)),
+      restamper_(restamper),
       rounds_(rounds),
       packet_bytes_(reader_->format().packet_bytes),
       sink_(std::move(sink)) {}

@@ -22,7 +22,7 @@ class Feeder {
   };
 
   // Plays `rounds` rounds, or for ever without a number.
-  Feeder(std::unique_ptr<RoundReader> reader, std::optional<Restamper> restamper,
+  Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restamper>& restamper,
          std::optional<std::uint64_t> rounds, Sink sink);
   // Stops, and waits for the thread. What `sink` blocks in must have been ended before.
   ~Feeder();

@@ -4,7 +4,7 @@
 
 namespace ipplay {
 
-TimeLine::TimeLine(std::vector<Entry> entries) {
+TimeLine::TimeLine(const std::vector<Entry>& entries) {
   for (const Entry& entry : entries) Add(entry);
 }
 

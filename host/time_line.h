@@ -15,7 +15,7 @@ class TimeLine {
   using Entry = std::pair<std::chrono::nanoseconds, Action>;  // time since the start
 
   // In any order; entries of one time happen in the order given.
-  explicit TimeLine(std::vector<Entry> entries);
+  explicit TimeLine(const std::vector<Entry>& entries);
 
   void Add(Entry entry);
   // When the next entry is due.

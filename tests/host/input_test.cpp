@@ -79,8 +79,7 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
                               }};
   std::optional<Restamper> restamper;
   if (restamp_ticks) restamper.emplace(facts->format, 0, *restamp_ticks);
-  Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), std::move(restamper),
-                rounds, sink);
+  Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), restamper, rounds, sink);
   feeder.Start();
   ended.get_future().wait();
   fed.padding = feeder.padding();
