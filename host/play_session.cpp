@@ -218,10 +218,8 @@ void PlaySession::Do(const Action& action, const std::string& by) {
 }
 
 void PlaySession::Pause(bool on) {
-  const nanoseconds now = Now();
   IPPause(on ? 1 : 0);
-  ReadCounters(now);
-  meter_.SetPaused(on, now);
+  meter_.SetPaused(on);
   Say(on ? "paused" : "playing");
 }
 

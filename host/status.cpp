@@ -24,27 +24,12 @@ StatusMeter::StatusMeter(const PlayPlan& plan)
   ts_bytes_per_datagram_ = plan.payload_bytes / bytes_per_ts_byte_;
 }
 
-nanoseconds StatusMeter::PlayingTime(nanoseconds now) const {
-  return paused_since_.value_or(now) - paused_total_;
-}
-
-void StatusMeter::SetPaused(bool paused, nanoseconds now) {
-  if (paused == paused_since_.has_value()) return;
-  if (paused) {
-    paused_since_ = now;
-  } else {
-    paused_total_ += now - *paused_since_;
-    paused_since_.reset();
-  }
-}
-
 void StatusMeter::Read(const PlayoutStatistics& counters, nanoseconds now) {
   counters_ = counters;
-  const nanoseconds time = PlayingTime(now);
-  if (!first_ && counters.DatagramsSent > 0) first_ = time;
-  if (!first_ || (!readings_.empty() && time == readings_.back().time)) return;
-  readings_.push_back({time, counters.TSBytesSent});
-  while (readings_.size() > 2 && readings_[1].time <= time - kRecent) readings_.pop_front();
+  if (!first_ && counters.DatagramsSent > 0) first_ = now;
+  if (!first_ || (!readings_.empty() && now == readings_.back().time)) return;
+  readings_.push_back({now, counters.TSBytesSent});
+  while (readings_.size() > 2 && readings_[1].time <= now - kRecent) readings_.pop_front();
 }
 
 // From the departure of the first datagram to that of the last one lies the time of all but one,
@@ -56,7 +41,7 @@ double StatusMeter::MeanRate() const {
 }
 
 double StatusMeter::RecentRate() const {
-  if (readings_.size() < 2 || paused()) return 0;
+  if (readings_.size() < 2) return 0;
   const Reading& from = readings_.front();
   const Reading& to = readings_.back();
   return static_cast<double>(to.ts_bytes - from.ts_bytes) * 8 / Seconds(to.time - from.time);

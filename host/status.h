@@ -13,11 +13,11 @@ namespace ipplay {
 
 struct Status {
   PlayoutStatistics counters{};
-  std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses left out
+  std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses included
   std::optional<double> share;          // of all bytes to play, 0 to 1; nothing without an end
   std::optional<std::chrono::nanoseconds> remaining;
   double recent_rate = 0;   // bits per second of transport stream over the last seconds
-  double mean_rate = 0;     // since the first datagram, pauses left out
+  double mean_rate = 0;     // since the first datagram; the library makes up for pauses
   std::uint64_t round = 1;  // that the last datagram belongs to
   bool paused = false;
 };
@@ -27,20 +27,19 @@ class StatusMeter {
  public:
   explicit StatusMeter(const PlayPlan& plan);
 
-  void SetPaused(bool paused, std::chrono::nanoseconds now);
+  void SetPaused(bool paused) { paused_ = paused; }
   void Read(const PlayoutStatistics& counters, std::chrono::nanoseconds now);
 
   bool started() const { return first_.has_value(); }
-  bool paused() const { return paused_since_.has_value(); }
+  bool paused() const { return paused_; }
   Status status() const;
 
  private:
   struct Reading {
-    std::chrono::nanoseconds time;  // pauses left out
+    std::chrono::nanoseconds time;
     std::uint64_t ts_bytes;
   };
 
-  std::chrono::nanoseconds PlayingTime(std::chrono::nanoseconds now) const;
   double MeanRate() const;
   double RecentRate() const;
 
@@ -49,8 +48,7 @@ class StatusMeter {
   double stream_rate_;
   double bytes_per_ts_byte_;  // bytes read from the input for each byte that TSBytesSent counts
   double ts_bytes_per_datagram_;
-  std::optional<std::chrono::nanoseconds> paused_since_;
-  std::chrono::nanoseconds paused_total_{0};
+  bool paused_ = false;
   std::optional<std::chrono::nanoseconds> first_;  // time of the first datagram
   PlayoutStatistics counters_{};
   std::deque<Reading> readings_;  // of the last seconds
