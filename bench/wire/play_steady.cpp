@@ -1,77 +1,47 @@
 // A host that keeps the ring full for a time: RTP over IPv4, frames of 1,370 bytes. Prints
-// "datagrams seconds cpu_seconds" on standard error, since the library's messages go to standard
-// output.
+// "datagrams seconds cpu_seconds datagrams_in_all" on standard error, since the library's messages
+// go to standard output. The first three are of the time given, the last one counts to the end.
 //
 // usage: play_steady DEVICE MEGABITS_PER_SECOND SECONDS [COPIES [setting=value ...]]
-//   settings: burst (datagrams), jitter (pattern:period)
+//   settings: burst=DATAGRAMS, jitter=PATTERN:PERIOD,
+//             pause=AT:FOR, starve=AT:FOR (seconds; starve: nothing is in the ring meanwhile)
 #include <sys/resource.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "ipplayout/ipplayout.h"
+#include "wire/playout.h"
 
 namespace {
 
-int FindDevice(const char* device) {
-  int count = 0;
-  const DeviceListEntry* list = GetListOfDevices(&count);
-  for (int i = 0; i < count; ++i) {
-    if (std::string("rpcap://") + device == list[i].Name) {
-      return i;
-    }
-  }
-  return -1;
-}
+using std::chrono::duration;
 
-void Configure(std::uint32_t device, double megabits, int copies) {
-  const std::uint8_t group_mac[6] = {0x01, 0x00, 0x5E, 0x01, 0x02, 0x03};
-  const std::uint8_t own_mac[6] = {0x02, 0, 0, 0, 0, 1};
-  const std::uint8_t source[4] = {10, 77, 0, 1};
-  const std::uint8_t group[4] = {239, 1, 2, 3};
-  SetDeviceIndex(device);
-  SetProtocolMode(1);
-  SetIPPacketSize(1370);
-  SetTSPacketSize(188);
-  SetIPBitRate(megabits);
-  SetDestinationMacAddress(group_mac);
-  SetSourceMacAddress(own_mac);
-  SetEProtocol(0x0800);
-  SetIPVersion(4);
-  SetTTL(16);
-  SetIPProtocol(17);
-  SetSourceIP(source);
-  SetDestinationIP(group);
-  SetSourcePort(40000);
-  SetDestinationPort(5004);
-  SetRTPVersion(2);
-  SetPayloadType(33);
-  SetReplicationCount(copies - 1);
-}
+constexpr std::uint32_t kPayload = 7 * 188;
+constexpr double kFrame = 1370;
+constexpr std::uint16_t kSlice = 10;  // datagrams to a write
 
-bool Apply(const char* text) {
-  unsigned pattern = 0;
-  float period = 0;
-  unsigned burst = 0;
-  if (std::sscanf(text, "burst=%u", &burst) == 1) {
-    SetBurstMode(1);
-    SetBurstValueType(1);
-    SetBurstSize(burst);
-    return true;
-  }
-  if (std::sscanf(text, "jitter=%u:%f", &pattern, &period) == 2) {
-    SetJitterEnabled(1);
-    SetJitterDistributionType(pattern);
-    SetJitterPeriod(period);
-    return true;
-  }
-  return false;
+struct Interruption {
+  double at = 0;
+  double length = 0;  // 0: none
+};
+
+struct Run {
+  double megabits = 0;
+  double seconds = 0;
+  Interruption pause;
+  Interruption starve;
+};
+
+bool ReadSetting(const char* text, Run& run) {
+  return ApplyTiming(text) ||
+         std::sscanf(text, "pause=%lf:%lf", &run.pause.at, &run.pause.length) == 2 ||
+         std::sscanf(text, "starve=%lf:%lf", &run.starve.at, &run.starve.length) == 2;
 }
 
 double CpuSeconds() {
@@ -81,6 +51,30 @@ double CpuSeconds() {
          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
+// Writes until the playout is stopped.
+void WriteData(const Run& run) {
+  const std::vector<std::uint8_t> data(std::size_t{kSlice} * kPayload, 0x47);
+  const auto start = std::chrono::steady_clock::now();
+  const double slices_before = run.starve.at * run.megabits * 1e6 / 8 / kFrame / kSlice;
+  auto left = static_cast<std::int64_t>(std::lround(slices_before));
+  do {
+    if (left-- == 0 && run.starve.length > 0) {
+      std::this_thread::sleep_until(start + duration<double>(run.starve.at + run.starve.length));
+    }
+  } while (IPWrite(data.data(), kSlice * kPayload / 4) == 0);
+}
+
+void Wait(const Run& run) {
+  const auto start = std::chrono::steady_clock::now();
+  if (run.pause.length > 0) {
+    std::this_thread::sleep_for(duration<double>(run.pause.at));
+    IPPause(1);
+    std::this_thread::sleep_for(duration<double>(run.pause.length));
+    IPPause(0);
+  }
+  std::this_thread::sleep_until(start + duration<double>(run.seconds));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -88,42 +82,37 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: play_steady DEVICE MBIT/S SECONDS [COPIES [setting=value ...]]\n");
     return 2;
   }
+  Run run{std::strtod(argv[2], nullptr), std::strtod(argv[3], nullptr), {}, {}};
   InitIpPlayout();
-  const int device = FindDevice(argv[1]);
-  if (device < 0) {
-    std::fprintf(stderr, "%s: no such device\n", argv[1]);
+  if (!ConfigurePlayout(argv[1], run.megabits, argc > 4 ? std::atoi(argv[4]) : 1)) {
     return 1;
   }
-  Configure(static_cast<std::uint32_t>(device), std::strtod(argv[2], nullptr),
-            argc > 4 ? std::atoi(argv[4]) : 1);
   for (int i = 5; i < argc; ++i) {
-    if (!Apply(argv[i])) {
+    if (!ReadSetting(argv[i], run)) {
       std::fprintf(stderr, "%s: unknown setting\n", argv[i]);
       return 2;
     }
   }
-  constexpr std::uint16_t kUnits = 7 * 47 * 100;  // 100 datagrams of 7 packets, in units of 4 bytes
-  std::vector<std::uint8_t> data(std::size_t{kUnits} * 4, 0x47);
   if (IPStart() != 0) {
     std::fprintf(stderr, "start refused\n");
     return 1;
   }
   const auto start = std::chrono::steady_clock::now();
   const double cpu = CpuSeconds();
-  std::thread writer([&data] {
-    while (IPWrite(data.data(), kUnits) == 0) {
-    }
-  });
-  std::this_thread::sleep_for(std::chrono::duration<double>(std::strtod(argv[3], nullptr)));
+  std::thread writer(WriteData, run);
+  Wait(run);
   PlayoutStatistics statistics;
   GetPlayoutStatistics(&statistics);
-  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+  const duration<double> elapsed = std::chrono::steady_clock::now() - start;
   const double used = CpuSeconds() - cpu;
   IPStop();
   // The writer is let go by the stop when it waits for room; otherwise it fills the ring first.
   writer.join();
+  PlayoutStatistics last;
+  GetPlayoutStatistics(&last);
   CleanupIpPlayout();
-  std::fprintf(stderr, "%llu %.6f %.6f\n",
-               static_cast<unsigned long long>(statistics.DatagramsSent), elapsed.count(), used);
+  std::fprintf(stderr, "%llu %.6f %.6f %llu\n",
+               static_cast<unsigned long long>(statistics.DatagramsSent), elapsed.count(), used,
+               static_cast<unsigned long long>(last.DatagramsSent));
   return 0;
 }
