@@ -25,12 +25,3 @@ def lateness(times, gap):
     late = (times - times[0]) - numpy.arange(len(times)) * gap
     return (late - numpy.percentile(late[:max(10, len(late) // 10)], 10)) / 1000
 
-
-def settled_after(times, late, since, tolerance):
-    """Milliseconds from a moment until lateness stays within a tolerance; None if it never does."""
-    beyond = numpy.flatnonzero((times >= since) & (late > tolerance))
-    if len(beyond) == 0:
-        return 0.0
-    if beyond[-1] + 1 == len(times):
-        return None
-    return float((times[beyond[-1] + 1] - since) / 1e6)

@@ -1,10 +1,17 @@
-"""Turns tables of rounds into Markdown, JSON and plots: medians over the rounds, and the worst one."""
+"""Turns tables of rounds into Markdown and JSON: medians over the rounds, and the worst one.
+
+A folder gathers rows over several runs: those of the present one take the place of older ones.
+"""
 import json
 import math
 import os
 import platform
 import statistics
+import time
 from pathlib import Path
+
+import plots
+import targets
 
 HIGHER_IS_BETTER = {"frames/s", "correlation"}
 
@@ -12,51 +19,62 @@ HIGHER_IS_BETTER = {"frames/s", "correlation"}
 class Report:
     def __init__(self, folder):
         self.folder = Path(folder)
-        self.tables = {}
+        self.folder.mkdir(parents=True, exist_ok=True)
+        self.json = self.folder / "yardstick.json"
+        self.rows = json.loads(self.json.read_text()) if self.json.exists() else {}
+        self.machine = machine()
 
     def add(self, row, table, seconds):
-        self.tables[row] = table
-        print(f"{markdown(table)}\n({row}: {seconds:.0f} s)\n", flush=True)
+        self.rows[row] = {"title": table.title, "units": table.measures, "rounds": table.rounds,
+                          "machine": self.machine, "curves": table.curves}
+        print(f"{markdown(self.rows[row])}\n({row}: {seconds:.0f} s)\n", flush=True)
 
     def write(self):
-        self.folder.mkdir(parents=True, exist_ok=True)
-        text = machine() + "\n\n" + "\n\n".join(markdown(table) for table in self.tables.values())
-        (self.folder / "yardstick.md").write_text(text + "\n")
-        (self.folder / "yardstick.json").write_text(json.dumps(
-            {"machine": machine(), "rows": {row: {"title": table.title, "units": table.measures, "rounds": table.rounds}
-                                            for row, table in self.tables.items()}}, indent=1) + "\n")
+        self.json.write_text(json.dumps(self.rows) + "\n")
+        machines = dict.fromkeys(row["machine"] for row in self.rows.values())
+        text = ["\n".join(machines), *(markdown(row) for row in self.rows.values()), targets.markdown(self.rows)]
+        (self.folder / "yardstick.md").write_text("\n\n".join(text) + "\n")
+        plots.draw(self.rows, self.folder)
         print(f"Written to {self.folder}")
 
 
 def machine():
-    cpu = next((line.split(":")[1].strip() for line in open("/proc/cpuinfo") if line.startswith("model name")), "?")
-    hypervisor = any("hypervisor" in line for line in open("/proc/cpuinfo") if line.startswith("flags"))
-    return (f"{os.cpu_count()} × {cpu}{', virtual machine' if hypervisor else ''}, Linux {platform.release()}, "
-            f"load before {os.getloadavg()[0]:.1f}")
+    """The machine, and how busy it was before anything was measured: noise that all senders share."""
+    lines = Path("/proc/cpuinfo").read_text().splitlines()
+    model = next((line.split(":")[1].strip() for line in lines if line.startswith("model name")), "unknown processor")
+    virtual = ", virtual machine" if any("hypervisor" in line for line in lines) else ""
+    before = busy_ticks()
+    time.sleep(1)
+    busy, total = (after - first for after, first in zip(busy_ticks(), before))
+    return (f"{os.cpu_count()} × {model}{virtual}, Linux {platform.release()}, {time.strftime('%Y-%m-%d %H:%M %Z')}, "
+            f"{100 * busy / total:.0f} % of the processors busy with something else before the run")
+
+
+def busy_ticks():
+    ticks = [int(field) for field in Path("/proc/stat").read_text().splitlines()[0].split()[1:9]]
+    return sum(ticks) - ticks[3] - ticks[4], sum(ticks)
 
 
 def worst(measure, values):
-    if measure in HIGHER_IS_BETTER:
-        return min(values)
-    return max(values, key=abs)
+    return min(values) if measure in HIGHER_IS_BETTER else max(values, key=abs)
 
 
 def shown(value):
     if math.isnan(value):
         return "never"
-    magnitude = abs(value)
-    if magnitude >= 1000:
+    if abs(value) >= 100:
         return f"{value:,.0f}"
-    return f"{value:.3g}" if magnitude < 100 else f"{value:.0f}"
+    return f"{value:.3g}"
 
 
-def markdown(table):
-    names = [f"{measure} ({unit})" if unit else measure for measure, unit in table.measures.items()]
-    lines = [f"### {table.title}", "", "| | " + " | ".join(names) + " |", "|---" + "|--:" * len(names) + "|"]
-    for sender, rounds in table.rounds.items():
+def markdown(row):
+    names = [f"{measure} ({unit})" if unit else measure for measure, unit in row["units"].items()]
+    lines = [f"### {row['title']}", "", "| median (worst round) | " + " | ".join(names) + " |",
+             "|---" + "|--:" * len(names) + "|"]
+    for sender, rounds in row["rounds"].items():
         cells = []
-        for measure in table.measures:
-            values = [round_[measure] for round_ in rounds if measure in round_]
+        for measure in row["units"]:
+            values = [measured[measure] for measured in rounds if measure in measured]
             cells.append(f"{shown(statistics.median(values))} ({shown(worst(measure, values))})" if values else "–")
         lines.append(f"| {sender} | " + " | ".join(cells) + " |")
     return "\n".join(lines)

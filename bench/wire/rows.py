@@ -1,5 +1,6 @@
 """The rows of the yardstick. Each runs its senders in alternation and returns a Table."""
 import json
+import math
 import subprocess
 import time
 from contextlib import nullcontext
@@ -24,6 +25,11 @@ class Table:
 
     def add(self, sender, measured):
         self.rounds.setdefault(sender, []).append(measured)
+
+    def draw(self, name, x, y):
+        """Keeps a curve, thinned where it has more points than a plot can show."""
+        step = max(1, len(x) // 2000)
+        self.curves[name] = [[float(f"{value:.6g}") for value in values[::step]] for values in (x, y)]
 
 
 class Yardstick:
@@ -62,7 +68,8 @@ class Yardstick:
             recording, cpu = self.record(command, megabits, seconds)
             gap = gap_ns(megabits)
             errors = numpy.sort(numpy.abs(numpy.diff(recording.times) - gap) / 1000)
-            table.curves[name] = (errors, 1 - numpy.arange(len(errors)) / len(errors))
+            ranks = numpy.unique(numpy.geomspace(1, len(errors), 400).astype(int))
+            table.draw(name, errors[-ranks], ranks / len(errors))
             return {**analysis.gap_errors(recording.times, gap),
                     "rate": analysis.rate_error(recording.times, gap), "cpu": cpu * 100}
 
@@ -193,42 +200,64 @@ class Yardstick:
                 seeds = range(launched // 1_000_000, times[0] // 1_000_000 + 1)
                 correlation, apart, computed = jitter_model.best_agreement(measured, pattern, amount, gap, batch, seeds)
                 name = jitter_model.NAMES[pattern]
-                table.curves[name] = (measured[:100], computed[:100])
+                table.draw(name, measured[:100], computed[:100])
                 table.add(name, {"correlation": correlation, "median offset": apart})
-            times, _ = self.record_library(10, 1, "burst=20")
-            measured, computed = numpy.diff(times) / 1000, numpy.zeros(len(times))
-            computed[::20] = 20 * gap
-            correlation, _ = jitter_model.agreement(measured, computed)
-            between = measured[19::20]
-            table.add("bursts of 20", {"correlation": correlation,
-                                       "median offset": float(numpy.median(numpy.abs(between - 20 * gap)))})
+            table.add("bursts of 20", self.bursts(20, gap))
         return table
+
+    def bursts(self, size, gap):
+        """Frames of a burst back to back, and its first frames as far apart as all its gaps."""
+        times, _ = self.record_library(10, 1, f"burst={size}")
+        computed = numpy.zeros(len(times))
+        computed[::size] = size * gap
+        correlation, _ = jitter_model.agreement(numpy.diff(times) / 1000, computed)
+        apart = numpy.abs(numpy.diff(times[::size]) / 1000 - size * gap)
+        return {"correlation": correlation, "median offset": float(numpy.median(apart))}
 
     def catch_up(self):
         """What a receiver sees after a pause of 200 ms, and after the ring was empty for as long."""
         table = Table("After 200 ms without frames",
-                      {"longest gap": "ms", "caught up after": "ms", "highest rate": "× nominal", "delay after": "µs"})
-        modes = {"single frames, 10 Mb/s": (10, 1, []), "batches of 10, 100 Mb/s": (100, 10, []),
+                      {"longest gap": "ms", "back on the grid after": "ms", "delay after": "µs"})
+        modes = {"single frames, 10 Mb/s": (10, 1, []), "batches of 10, 100 Mb/s": (100, 1, []),
                  "bursts of 20, 10 Mb/s": (10, 20, ["burst=20"])}
-        for mode, (megabits, batch, settings) in modes.items():
+        for mode, (megabits, together, settings) in modes.items():
             for cause in ("pause", "starve"):
                 times, _ = self.record_library(megabits, 2, f"{cause}=0.5:0.2", *settings)
-                table.add(f"{cause}: {mode}", self.after_silence(times, gap_ns(megabits), batch, table, f"{cause}: {mode}"))
+                name = f"{cause}: {mode}"
+                table.add(name, self.after_silence(times[::together], gap_ns(megabits) * together, table, name))
         return table
 
     @staticmethod
-    def after_silence(times, gap, batch, table, name):
+    def after_silence(times, gap, table, name):
+        """Judges the recovery of a grid of frames, or of the first frames of bursts."""
         late = analysis.lateness(times, gap)
         silence = int(numpy.argmax(numpy.diff(times)))
         resumed = times[silence + 1]
-        table.curves[name] = ((times - times[0]) / 1e9, late / 1000)
-        tolerance = batch * gap / 1000 + 100
-        window = numpy.searchsorted(times, resumed + 10_000_000) - silence
-        settled = analysis.settled_after(times, late, resumed, tolerance)
-        return {"longest gap": float(times[silence + 1] - times[silence]) / 1e6,
-                "caught up after": float("nan") if settled is None else settled,
-                "highest rate": float(window * gap / 10_000_000),
-                "delay after": float(numpy.median(late[times > times[-1] - 3e8]) - numpy.median(late[:silence]))}
+        table.draw(name, (times - times[0]) / 1e9, late / 1000)
+        back = numpy.flatnonzero(late[silence + 1:] < 1000)
+        return {"longest gap": float(resumed - times[silence]) / 1e6,
+                "back on the grid after": float(times[silence + 1 + back[0]] - resumed) / 1e6 if len(back) else math.nan,
+                "delay after": float(numpy.median(late[times > times[-1] - 5e8]) - numpy.median(late[:silence]))}
+
+    def judges(self):
+        """The same two seconds judged by this receiver and by ipplay measure, each with a capture of its own."""
+        table = Table("Two judges of the same frames at 10 Mb/s", {"p50": "µs", "p99": "µs", "max": "µs", "rate": "ppm"})
+        gap = gap_ns(10)
+        for _ in range(self.rounds):
+            measuring = subprocess.Popen(
+                self.bed.far + [self.senders.ipplay_program, "measure", self.bed.FAR, "--json", "--quiet",
+                                "--duration", "2s", "--expect-rate", "10M"], stdout=subprocess.PIPE, text=True)
+            time.sleep(WARM_UP)
+            with self.bed.recording() as result, self.bed.sender(self.senders.library()(10, 3)) as sender:
+                seen = json.loads(measuring.communicate()[0])["streams"][0]
+                sender.wait()
+            times = result[0].times[result[0].times <= result[0].times[0] + 2e9]
+            errors = seen["spacing"]["gap_error_ns"]
+            table.add("ipplay measure", {"rate": seen["rate"]["error_ppm"],
+                                         **{name: errors[name] / 1000 for name in ("p50", "p99", "max")}})
+            mean_rate = ((len(times) - 1) * gap / (times[-1] - times[0]) - 1) * 1e6
+            table.add("wire_receiver", {**analysis.gap_errors(times, gap), "rate": mean_rate})
+        return table
 
     def pump(self):
         """The pump's work on a frame, and the checksum in it."""
@@ -245,4 +274,4 @@ class Yardstick:
 
 
 ROWS = ["top", "rate2", "rate10", "rate100", "rate950", "rate4000", "busy", "copies", "start", "patterns",
-        "catch_up", "pump"]
+        "catch_up", "judges", "pump"]

@@ -82,7 +82,7 @@ class Senders:
 
     def gstreamer(self, megabits, seconds):
         return ["gst-launch-1.0", "-q", "filesrc", f"location={self.material.stream(megabits, seconds + 2)}", "!",
-                "tsparse", "set-timestamps=true", "!", "rtpmp2tpay", f"mtu={PAYLOAD + 12}", "!",
+                "tsparse", "set-timestamps=true", "alignment=7", "!", "rtpmp2tpay", f"mtu={PAYLOAD + 12}", "!",
                 "udpsink", f"host={GROUP}", f"port={PORT}", "auto-multicast=false"]
 
     def ffmpeg(self, megabits, seconds):
