@@ -15,6 +15,7 @@ class RateMeter {
       first_payload_bytes_ = payload_bytes;
     }
     last_ns_ = std::max(last_ns_, time_ns);
+    Regress(static_cast<double>(frame_bytes_), static_cast<double>(time_ns - first_ns_));
     ++frames_;
     frame_bytes_ += frame_bytes;
     payload_bytes_ += payload_bytes;
@@ -32,7 +33,21 @@ class RateMeter {
   double FrameBitRate() const { return PerSecond(frame_bytes_ - first_frame_bytes_) * 8; }
   double PayloadBitRate() const { return PerSecond(payload_bytes_ - first_payload_bytes_) * 8; }
 
+  // Slope of the least-squares line through the arrivals: one late first or last frame, which
+  // shifts the mean rate of a short run, hardly moves it. 0 below two frames.
+  double FittedFrameBitRate() const { return sum_xy_ > 0 ? 8e9 * sum_xx_ / sum_xy_ : 0; }
+
  private:
+  // Time over the bytes before it.
+  void Regress(double x, double y) {
+    const double n = static_cast<double>(frames_ + 1);
+    const double dx = x - mean_x_;
+    mean_x_ += dx / n;
+    mean_y_ += (y - mean_y_) / n;
+    sum_xx_ += dx * (x - mean_x_);
+    sum_xy_ += dx * (y - mean_y_);
+  }
+
   double PerSecond(std::uint64_t amount) const {
     return last_ns_ > first_ns_ ? static_cast<double>(amount) / Seconds() : 0;
   }
@@ -44,6 +59,10 @@ class RateMeter {
   std::int64_t last_ns_ = 0;
   std::uint32_t first_frame_bytes_ = 0;
   std::uint32_t first_payload_bytes_ = 0;
+  double mean_x_ = 0;
+  double mean_y_ = 0;
+  double sum_xx_ = 0;
+  double sum_xy_ = 0;
 };
 
 }  // namespace ipplay::measure

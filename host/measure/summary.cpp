@@ -14,8 +14,8 @@ RateFigures FiguresOf(const RateMeter& rate, std::optional<double> expected) {
   figures.frames_per_second = rate.FrameRate();
   figures.frame_bit_rate = rate.FrameBitRate();
   figures.payload_bit_rate = rate.PayloadBitRate();
-  if (expected && figures.frame_bit_rate > 0) {
-    figures.error_ppm = (figures.frame_bit_rate / *expected - 1) * 1e6;
+  if (expected && rate.FittedFrameBitRate() > 0) {
+    figures.error_ppm = (rate.FittedFrameBitRate() / *expected - 1) * 1e6;
   }
   return figures;
 }
