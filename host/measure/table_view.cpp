@@ -221,7 +221,7 @@ void WriteCompare(Out out, const CompareFigures& compare) {
 
 void WriteDetails(Out out, const StreamSummary& stream) {
   fmt::format_to(out, "\n{} from {}{}\n", Label(stream), stream.source,
-                 stream.rtp ? "" : ", no RTP");
+                 stream.rtp ? "" : ", no RTP (lost counts transport packets)");
   const RateFigures& rate = stream.rate;
   fmt::format_to(out, "  {:<10} {:.2f} frames/s, {} in frames, {} in payload", "rate",
                  rate.frames_per_second, FormatBitRate(rate.frame_bit_rate),
