@@ -19,17 +19,17 @@ constexpr double kTicksWanted = 5;
 // From values to a share of the axis, 0 to 1.
 class Scale {
  public:
-  Scale(double low, double high, const ChartAxis& axis) : logarithmic_(axis.logarithmic) {
+  Scale(double low, double high, AxisKind kind) : logarithmic_(kind == AxisKind::kLogarithmic) {
     if (logarithmic_) {
-      low_ = axis.lowest > 0 ? std::log10(axis.lowest) : std::floor(std::log10(low));
-      high_ = std::max(low_ + 1, std::ceil(std::log10(high)));
+      low_ = std::log10(low) - kLogMargin;
+      high_ = std::log10(high) + kLogMargin;
       return;
     }
-    if (axis.from_zero) low = std::min(low, 0.0);
+    if (kind != AxisKind::kRound) low = std::min(low, 0.0);
     if (high <= low) high = low + 1;
     step_ = NiceStep((high - low) / kTicksWanted);
     low_ = std::floor(low / step_) * step_;
-    high_ = std::ceil(high / step_) * step_;
+    high_ = kind == AxisKind::kTight ? high : std::ceil(high / step_) * step_;
   }
 
   double Share(double value) const {
@@ -37,22 +37,39 @@ class Scale {
     return std::clamp((v - low_) / (high_ - low_), 0.0, 1.0);
   }
 
-  std::vector<double> Ticks() const {
-    std::vector<double> ticks;
-    const double step = logarithmic_ ? std::max(1.0, std::ceil((high_ - low_) / 8)) : step_;
-    for (double v = logarithmic_ ? std::ceil(low_) : low_; v <= high_ + step / 1000; v += step) {
-      ticks.push_back(logarithmic_ ? std::pow(10, v) : v);
-    }
-    return ticks;
-  }
+  std::vector<double> Ticks() const { return logarithmic_ ? LogTicks() : LinearTicks(); }
 
  private:
+  static constexpr double kLogMargin = 0.15;
+
   static double NiceStep(double step) {
     const double decade = std::pow(10, std::floor(std::log10(step)));
     for (const double factor : {1.0, 2.0, 5.0}) {
       if (step <= factor * decade) return factor * decade;
     }
     return 10 * decade;
+  }
+
+  std::vector<double> LinearTicks() const {
+    std::vector<double> ticks;
+    for (int i = 0; low_ + i * step_ <= high_ + step_ / 1000; ++i)
+      ticks.push_back(low_ + i * step_);
+    return ticks;
+  }
+
+  // 1, 2 and 5 of each decade where there are few, decades where there are more.
+  std::vector<double> LogTicks() const {
+    std::vector<double> ticks;
+    const double decades = high_ - low_;
+    const int step = std::max(1, static_cast<int>(decades / 8));
+    for (int decade = static_cast<int>(std::floor(low_)); decade <= high_; decade += step) {
+      for (const double factor : {1.0, 2.0, 5.0}) {
+        if (factor > 1 && decades > 2.5) break;
+        const double log = decade + std::log10(factor);
+        if (log >= low_ && log <= high_) ticks.push_back(factor * std::pow(10, decade));
+      }
+    }
+    return ticks;
   }
 
   bool logarithmic_;
@@ -66,13 +83,13 @@ Scale ScaleOf(const Chart& chart, double ChartPoint::*coordinate, const ChartAxi
   double high = -low;
   for (const ChartSeries& series : chart.series) {
     for (const ChartPoint& point : series.points) {
-      if (axis.logarithmic && point.*coordinate <= 0) continue;
+      if (axis.kind == AxisKind::kLogarithmic && point.*coordinate <= 0) continue;
       low = std::min(low, point.*coordinate);
       high = std::max(high, point.*coordinate);
     }
   }
   if (high < low) low = high = 1;
-  return Scale(low, high, axis);
+  return Scale(low, high, axis.kind);
 }
 
 class Plot {

@@ -24,11 +24,16 @@ struct ChartSeries {
   std::vector<ChartPoint> points;  // rising x
 };
 
+enum class AxisKind {
+  kFromZero,     // linear, from 0 to a round number
+  kRound,        // linear, between round numbers
+  kTight,        // linear, from 0 to the largest value
+  kLogarithmic,  // a little wider than the values
+};
+
 struct ChartAxis {
-  bool logarithmic = false;
-  bool from_zero = true;  // a linear axis that starts at 0 whatever the values are
+  AxisKind kind = AxisKind::kFromZero;
   std::string (*text)(double value) = nullptr;  // of a tick
-  double lowest = 0;  // where a logarithmic axis begins; 0 for the decade of the smallest value
 };
 
 struct Chart {

@@ -11,8 +11,8 @@
 namespace ipplay::measure {
 namespace {
 
-// Buckets of the gap histogram per doubling of the gap: finer ones only look ragged.
-constexpr double kBarsPerOctave = 8;
+// Bars of the gap histogram; more of them only look ragged.
+constexpr double kBarsWanted = 120;
 
 std::string TimeText(double ns) {
   return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
@@ -27,7 +27,7 @@ std::string CountText(double count) {
   return FormatCount(static_cast<std::uint64_t>(std::max(0.0, count)));
 }
 
-constexpr ChartAxis kTimeAxis{false, true, SecondsText};
+constexpr ChartAxis kTimeAxis{AxisKind::kTight, SecondsText};
 
 // Calls visit(seconds at the middle of the point, point).
 template <typename Value, typename Visit>
@@ -39,14 +39,17 @@ void ForEachPoint(const TimeSeries<Value>& series, Visit visit) {
 }
 
 Chart RateOverTime(const TimeSeries<ArrivalPoint>& arrivals) {
-  Chart chart{"Rate over time", "bits of whole frames", kTimeAxis, {false, true, RateText}, {}};
+  Chart chart{
+      "Rate over time", "bits of whole frames", kTimeAxis, {AxisKind::kFromZero, RateText}, {}};
   ChartSeries rate{"rate", SeriesStyle::kLine, {}};
-  const double seconds = static_cast<double>(arrivals.IntervalNs()) * 1e-9;
   ForEachPoint(arrivals, [&](double at, const ArrivalPoint& point) {
-    rate.points.push_back({at, static_cast<double>(point.bytes) * 8 / seconds});
+    // Bits over the gaps before their frames: the interval's own length would alias with the gap.
+    if (point.gap_sum_ns == 0) return;
+    // The very first frame has no gap before it.
+    const double share = rate.points.empty() ? 1 - 1 / static_cast<double>(point.frames) : 1;
+    rate.points.push_back({at, share * static_cast<double>(point.bytes) * 8e9 /
+                                   static_cast<double>(point.gap_sum_ns)});
   });
-  // The last interval is cut short by the measurement's end.
-  if (rate.points.size() > 1) rate.points.pop_back();
   chart.series.push_back(std::move(rate));
   return chart;
 }
@@ -56,7 +59,7 @@ Chart GapsOverTime(const TimeSeries<ArrivalPoint>& arrivals) {
       "Gap over time",
       fmt::format("in intervals of {}", TimeText(static_cast<double>(arrivals.IntervalNs()))),
       kTimeAxis,
-      {true, false, TimeText},
+      {AxisKind::kLogarithmic, TimeText},
       {}};
   ChartSeries mean{"mean", SeriesStyle::kLine, {}};
   ChartSeries longest{"longest", SeriesStyle::kLine, {}};
@@ -73,16 +76,20 @@ Chart GapsOverTime(const TimeSeries<ArrivalPoint>& arrivals) {
 Chart GapHistogram(const Spacing& spacing) {
   Chart chart{"Gaps between frames",
               "how many, both axes logarithmic",
-              {true, false, TimeText},
-              {true, false, CountText, 0.5},
+              {AxisKind::kLogarithmic, TimeText},
+              {AxisKind::kLogarithmic, CountText},
               {}};
   ChartSeries bars{"frames", SeriesStyle::kSteps, {}};
+  const double octaves = std::log2((static_cast<double>(spacing.Gaps().Max()) + 1) /
+                                   (static_cast<double>(spacing.Gaps().Min()) + 1));
+  double per_octave = static_cast<double>(Histogram::kSubBuckets);
+  while (per_octave > 8 && per_octave * octaves > kBarsWanted) per_octave /= 2;
   double bar = 0;
   for (const Histogram::Bucket& bucket : spacing.Gaps().Buckets()) {
     const double middle =
         std::max(1.0, (static_cast<double>(bucket.low) + static_cast<double>(bucket.high)) / 2);
-    const double low = std::exp2(std::floor(std::log2(middle) * kBarsPerOctave) / kBarsPerOctave);
-    const double high = low * std::exp2(1 / kBarsPerOctave);
+    const double low = std::exp2(std::floor(std::log2(middle) * per_octave) / per_octave);
+    const double high = low * std::exp2(1 / per_octave);
     const auto count = static_cast<double>(bucket.count);
     if (!bars.points.empty() && std::abs(bar - low) < low * 1e-6) {
       bars.points[bars.points.size() - 2].y += count;
@@ -98,8 +105,11 @@ Chart GapHistogram(const Spacing& spacing) {
 }
 
 Chart MdiOverTime(const TimeSeries<MdiPoint>& mdi) {
-  Chart chart{
-      "Delay factor over time", "RFC 4445, per second", kTimeAxis, {false, true, TimeText}, {}};
+  Chart chart{"Delay factor over time",
+              "RFC 4445, per second",
+              kTimeAxis,
+              {AxisKind::kFromZero, TimeText},
+              {}};
   ChartSeries delay{"delay factor", SeriesStyle::kLine, {}};
   ForEachPoint(mdi, [&](double at, const MdiPoint& point) {
     delay.points.push_back({at, point.delay_factor_ns});
@@ -112,7 +122,7 @@ Chart LossOverTime(const TimeSeries<MdiPoint>& mdi) {
   Chart chart{"Media loss rate over time",
               "RFC 4445, packets per second",
               kTimeAxis,
-              {false, true, CountText},
+              {AxisKind::kFromZero, CountText},
               {}};
   ChartSeries loss{"lost", SeriesStyle::kLine, {}};
   const double seconds = static_cast<double>(mdi.IntervalNs()) * 1e-9;
@@ -127,7 +137,7 @@ Chart PcrJitter(const TimeSeries<PcrPoint>& pcr, double offset_ppm) {
   Chart chart{"PCR arrival jitter",
               fmt::format("against the stream's own clock, {:+.2f} ppm taken off", offset_ppm),
               kTimeAxis,
-              {false, false, TimeText},
+              {AxisKind::kRound, TimeText},
               {}};
   ChartSeries band{"arrival", SeriesStyle::kBand, {}};
   ForEachPoint(pcr, [&](double at, const PcrPoint& point) {

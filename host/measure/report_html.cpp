@@ -135,12 +135,16 @@ void WritePids(Out out, const TsFigures& ts) {
   fmt::format_to(out, "</table></div>\n");
 }
 
+void WriteCharts(Out out, const std::vector<Chart>& charts) {
+  fmt::format_to(out, "<div class=\"charts\">\n");
+  for (const Chart& chart : charts) fmt::format_to(out, "{}", ChartHtml(chart));
+  fmt::format_to(out, "</div>\n");
+}
+
 void WritePlottedStream(Out out, const StreamSummary& summary, const Stream& stream, bool open) {
   fmt::format_to(out, "<details{}><summary><h2 style=\"display:inline-block\">{}</h2></summary>\n",
                  open ? " open" : "", StreamName(summary));
-  fmt::format_to(out, "<div class=\"charts\">\n");
-  for (const Chart& chart : StreamCharts(stream)) fmt::format_to(out, "{}", ChartHtml(chart));
-  fmt::format_to(out, "</div>\n");
+  WriteCharts(out, StreamCharts(stream));
   if (summary.ts) WritePids(out, *summary.ts);
   fmt::format_to(out, "</details>\n");
 }
@@ -183,12 +187,12 @@ std::string ReportHtml(const ReportSource& source) {
   WriteHeader(out, source);
   WriteTiles(out, source.summary);
   WriteVerdicts(out, source.verdicts);
-  fmt::format_to(out, "<h2>All streams together</h2>\n<div class=\"charts\">\n");
-  for (const Chart& chart : TotalCharts(source.measurement))
-    fmt::format_to(out, "{}", ChartHtml(chart));
-  fmt::format_to(out, "</div>\n");
-  WriteStreamTable(out, source.summary);
   const auto& streams = source.measurement.Streams().Streams();
+  if (streams.size() != 1) {
+    fmt::format_to(out, "<h2>All streams together</h2>\n");
+    WriteCharts(out, TotalCharts(source.measurement));
+  }
+  WriteStreamTable(out, source.summary);
   for (std::size_t i = 0; i < streams.size(); ++i) {
     if (streams[i]->History() == nullptr) break;
     WritePlottedStream(out, source.summary.streams[i], *streams[i], i == 0);
