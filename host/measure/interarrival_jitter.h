@@ -11,9 +11,10 @@ class InterarrivalJitter {
 
   void Add(std::int64_t arrival_ns, std::uint32_t timestamp);
 
-  // Nanoseconds: the running estimate now, its mean over all packets, its largest value.
+  // Nanoseconds: the running estimate now, its mean over all packets behind the first, its
+  // largest value.
   double Current() const { return jitter_ns_; }
-  double Mean() const { return packets_ == 0 ? 0 : sum_ns_ / static_cast<double>(packets_); }
+  double Mean() const { return packets_ < 2 ? 0 : sum_ns_ / static_cast<double>(packets_ - 1); }
   double Max() const { return max_ns_; }
 
  private:
