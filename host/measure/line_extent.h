@@ -8,8 +8,8 @@
 namespace ipplay::measure {
 
 // Keeps the convex hull of the points, which is all that the largest and the smallest distance
-// from a line of any slope depend on. A hull of noisy points stays small; beyond kMaxVertices every
-// second vertex is dropped, which on so smooth a hull loses next to nothing.
+// from a line of any slope depend on. A hull of noisy points stays small; beyond kMaxVertices it is
+// smooth, and those vertices are dropped that stand out least.
 class LineExtent {
  public:
   static constexpr std::size_t kMaxVertices = 256;
@@ -36,7 +36,9 @@ class LineExtent {
 
   template <int kSide>
   static void Extend(std::vector<Point>& hull, Point point);
+  static void Thin(std::vector<Point>& hull);
 
+  Point origin_{};
   std::vector<Point> upper_;
   std::vector<Point> lower_;
 };
