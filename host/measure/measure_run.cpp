@@ -80,6 +80,10 @@ class MeasureRun {
   // Takes frames until the end. Returns why it ended early, if it did.
   std::optional<Failure> Run() {
     const StopSignals signals;
+    if (source_.IsLive() && !options_.quiet) {
+      // From here on no frame is missed: a script that reads this may start the sender.
+      fmt::print(stderr, "Measuring on {}\n", options_.source);
+    }
     EndWatch end(options_);
     auto next_draw = Clock::now() + kRedrawInterval;
     std::optional<Failure> failure;
