@@ -15,10 +15,8 @@ PCR_MODULUS = (1 << 33) * 300
 def ones_complement_sum(data):
     if len(data) % 2:
         data += b"\0"
-    total = sum(struct.unpack(f">{len(data) // 2}H", data))
-    while total >> 16:
-        total = (total & 0xFFFF) + (total >> 16)
-    return total
+    # 2^16 is 1 modulo FFFF, so the remainder of the whole number is the folded sum of its words.
+    return int.from_bytes(data, "big") % 0xFFFF
 
 
 def crc32_mpeg(data):
@@ -106,7 +104,6 @@ class Playout:
         return [content[i : i + size] for i in range(0, len(content), size)]
 
     def frame(self, index, copy, payload):
-        """The frame's bytes, and whether its IP and its UDP checksum are seen to be wrong."""
         if self.rtp:
             sequence = (self.first_sequence + index) & 0xFFFF
             timestamp = index * self.gap_ns * 90_000 // 1_000_000_000 & 0xFFFFFFFF
@@ -118,18 +115,12 @@ class Playout:
         addresses, ip_header = self._ip(index, copy, length)
         pseudo = addresses + struct.pack(">IBBBB", length, 0, 0, 0, 17)
         unsummed = ports + struct.pack(">HH", length, 0) + payload
-        checksum = 0xFFFF - ones_complement_sum(pseudo + unsummed)
-        checksum = checksum or 0xFFFF
-        bad_udp = index in self.bad_udp
-        if bad_udp:
-            checksum = (checksum + 1) & 0xFFFF
-            # Over IPv4 a checksum of 0 says that there is none.
-            bad_udp = checksum != 0 or self.ipv6
+        # One above FFFF would read as no checksum at all; it does not fit, so that it cannot pass.
+        checksum = 0xFFFF - ones_complement_sum(pseudo + unsummed) + (index in self.bad_udp)
         udp = ports + struct.pack(">HH", length, checksum) + payload
         tag = b"" if self.vlan is None else struct.pack(">HH", 0x8100, self.vlan)
         ether_type = struct.pack(">H", 0x86DD if self.ipv6 else 0x0800)
-        ethernet = bytes.fromhex("01005e010101 020000000001") + tag + ether_type
-        return ethernet + ip_header + udp, index in self.bad_ip and not self.ipv6, bad_udp
+        return bytes.fromhex("01005e010101 020000000001") + tag + ether_type + ip_header + udp
 
     def _ip(self, index, copy, length):
         if self.ipv6:
@@ -147,7 +138,7 @@ class Playout:
         return source + target, struct.pack(">6H", *fields) + source + target
 
     def order(self):
-        """Datagram indices in the order in which they leave."""
+        """Datagram indices in the order in which they leave; one that is still held at the end does not."""
         leaving = []
         held = []  # (index after which it leaves, index)
         for index in range(self.datagrams):
@@ -159,24 +150,16 @@ class Playout:
                 leaving += [index, index] if index in self.double else [index]
             leaving += [i for after, i in held if after == index]
             held = [(after, i) for after, i in held if after != index]
-        return leaving + [i for _, i in held]
+        return leaving
 
-    def capture(self):
-        """A list of (time in ns, frame), and what a measurement has to find in each copy."""
-        chance = random.Random(self.seed)
-        payloads = self.payloads()
+    def truth(self):
+        """What a measurement has to find in each copy."""
         truth = Truth()
-        frames = []
-        base = 1_700_000_000_000_000_000
         seen, highest = set(), -1
-        for slot, index in enumerate(self.order()):
-            time_ns = base + slot * self.gap_ns + chance.randint(0, self.jitter_ns)
-            for copy in range(self.copies):
-                frame, bad_ip, bad_udp = self.frame(index, copy, payloads[index])
-                frames.append((time_ns + copy * 1000, frame))
+        for index in self.order():
             truth.frames += 1
-            truth.bad_ip += bad_ip
-            truth.bad_udp += bad_udp
+            truth.bad_ip += index in self.bad_ip and not self.ipv6
+            truth.bad_udp += index in self.bad_udp
             if index in seen:
                 truth.duplicates += 1
             elif index < highest:
@@ -185,7 +168,19 @@ class Playout:
             seen.add(index)
             highest = max(highest, index)
         truth.lost = highest - min(seen) + 1 - len(seen)
-        return frames, truth
+        return truth
+
+    def capture(self):
+        """A list of (time in ns, frame)."""
+        chance = random.Random(self.seed)
+        payloads = self.payloads()
+        frames = []
+        base = 1_700_000_000_000_000_000
+        for slot, index in enumerate(self.order()):
+            time_ns = base + slot * self.gap_ns + chance.randint(0, self.jitter_ns)
+            for copy in range(self.copies):
+                frames.append((time_ns + copy * 1000, self.frame(index, copy, payloads[index])))
+        return frames
 
 
 @dataclass
@@ -197,6 +192,20 @@ class Truth:
     distance: int = 0
     bad_ip: int = 0
     bad_udp: int = 0
+
+
+def found_in(stream):
+    """What ipplay measure found, as a Truth has it."""
+    rtp, checksums = stream["rtp"], stream["checksums"]
+    return {
+        "frames": stream["rate"]["frames"],
+        "lost": rtp["lost"],
+        "duplicates": rtp["duplicates"],
+        "reordered": rtp["reordered"],
+        "distance": rtp["reorder_distance"]["max"],
+        "bad_ip": checksums["ipv4_header_bad"],
+        "bad_udp": checksums["udp_bad"],
+    }
 
 
 def write_pcap(path, frames):

@@ -1,0 +1,91 @@
+#include "host/measure/measurement.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "frame_builder.h"
+#include "host/measure/json_view.h"
+#include "host/measure/report_html.h"
+#include "host/measure/summary.h"
+#include "host/measure/table_view.h"
+
+namespace ipplay::measure {
+namespace {
+
+using testing::Bytes;
+using testing::FromHex;
+using testing::RtpPacket;
+using testing::TsPayload;
+using testing::UdpFrame;
+
+constexpr std::int64_t kMs = 1'000'000;
+
+void AddRtp(Measurement& measurement, std::uint16_t number, std::int64_t time_ns,
+            std::size_t captured = SIZE_MAX) {
+  const Bytes frame = UdpFrame(RtpPacket({.sequence_number = number},
+                                         TsPayload(static_cast<std::uint8_t>(number * 7 % 16))));
+  const auto bytes = std::span(frame).first(std::min(captured, frame.size()));
+  measurement.Add(LinkType::kEthernet, {time_ns, {bytes, frame.size()}});
+}
+
+TEST(Measurement, CutFramesAreCountedButTheirPayloadIsNot) {
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 10; ++i) AddRtp(measurement, i == 5 ? 6 : i, i * kMs, 128);
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  ASSERT_EQ(summary.streams.size(), 1U);
+  const StreamSummary& stream = summary.streams[0];
+  EXPECT_EQ(stream.rate.payload_bytes, 10U * 1316);
+  EXPECT_EQ(stream.rtp->lost, 1U);
+  EXPECT_EQ(stream.rtp->duplicates, 1U);
+  EXPECT_EQ(stream.checksums.bad_udp, 0U);
+  EXPECT_FALSE(stream.ts);
+}
+
+TEST(Measurement, LossIsMarkedWhereTheCaptureItselfDropped) {
+  Measurement measurement{MeasurementSettings{}};
+  std::int64_t time = 0;
+  for (const int i : {0, 1, 4, 5}) AddRtp(measurement, static_cast<std::uint16_t>(i), time += kMs);
+  measurement.Finish();
+  for (const std::uint64_t drops : {0U, 2U}) {
+    const Summary summary = Summarize(measurement, "eth0", true, {.by_kernel = drops});
+    const Limit limit{&LimitKinds()[4], 2, false};
+    ASSERT_STREQ(limit.kind->option, "--max-loss");
+    const auto verdicts = Judge(summary, {.limits = {limit}, .min_streams = {}});
+    EXPECT_EQ(AllMet(verdicts), drops == 0);
+    const std::string table = ResultTable(summary, verdicts, {});
+    EXPECT_EQ(table.find("lost 2*") != std::string::npos, drops > 0);
+    EXPECT_NE(table.find("dropped by the capture " + std::to_string(drops)), std::string::npos);
+    const auto json = nlohmann::json::parse(JsonText(summary, verdicts));
+    EXPECT_EQ(json["capture"]["spoiled"], drops > 0);
+    EXPECT_EQ(json["met"], drops == 0);
+    EXPECT_EQ(json["total"]["lost"], 2);
+  }
+}
+
+TEST(Report, IsOnePageThatNeedsNothingElseAndTrustsNoText) {
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 50; ++i) AddRtp(measurement, i, i * 100 * kMs);
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "<script>eth0&", false, {});
+  const std::string page =
+      ReportHtml({summary, measurement, {}, {{"--filter", "\"<b>"}}, "2030-01-01"});
+  EXPECT_NE(page.find("&lt;script&gt;eth0&amp;"), std::string::npos);
+  EXPECT_NE(page.find("&quot;&lt;b&gt;"), std::string::npos);
+  for (const char* foreign : {"<script", "http:", "https:", "src=", "@import", "nan", "inf\""}) {
+    EXPECT_EQ(page.find(foreign), std::string::npos) << foreign;
+  }
+}
+
+TEST(Report, BearsAMeasurementOfNothing) {
+  Measurement measurement{MeasurementSettings{}};
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "eth0", true, {});
+  EXPECT_NE(ReportHtml({summary, measurement, {}, {}, ""}).find("Nothing to show"),
+            std::string::npos);
+  EXPECT_NE(ResultTable(summary, {}, {}).find("0 frames"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace ipplay::measure

@@ -1,0 +1,93 @@
+#include "host/measure/spacing.h"
+
+#include <gtest/gtest.h>
+
+#include "host/measure/rate_meter.h"
+
+namespace ipplay::measure {
+namespace {
+
+// Frames of 1000 bytes at 8 Mbit/s: one every millisecond, 1000 ns a byte.
+constexpr SpacingSettings kOneAMillisecond{.ns_per_byte = 1000, .clump_gap_ns = {}};
+constexpr std::int64_t kMs = 1'000'000;
+
+TEST(Spacing, ComparesArrivalsWithTheGridOfTheExpectedRate) {
+  Spacing spacing(kOneAMillisecond);
+  // On time, 300 us late, 100 us early, on time.
+  for (const std::int64_t time :
+       {0 * kMs, 1 * kMs, 2 * kMs + 300'000, 3 * kMs - 100'000, 4 * kMs}) {
+    spacing.Add(time, 1000, true);
+  }
+  EXPECT_EQ(spacing.Gaps().Count(), 4U);
+  EXPECT_EQ(spacing.Gaps().Min(), 600'000U);
+  EXPECT_EQ(spacing.Gaps().Max(), 1'300'000U);
+  EXPECT_EQ(spacing.GapErrors().Max(), 400'000U);  // 600 us instead of 1 ms
+  EXPECT_DOUBLE_EQ(spacing.GridDeviation().low, -100'000);
+  EXPECT_DOUBLE_EQ(spacing.GridDeviation().high, 300'000);
+  EXPECT_EQ(spacing.ClumpedFrames(), 0U);
+}
+
+TEST(Spacing, MeasuresAgainstItsOwnMeanWithoutAnExpectedRate) {
+  Spacing spacing{SpacingSettings{}};
+  // 1 ms apart but for one that is 200 us late; 10 gaps in 10 ms.
+  for (int i = 0; i <= 10; ++i) spacing.Add(i * kMs + (i == 5 ? 200'000 : 0), 1000, true);
+  EXPECT_NEAR(spacing.GridDeviation().high, 200'000, 1);
+  EXPECT_NEAR(spacing.GridDeviation().low, 0, 1);
+}
+
+TEST(Spacing, FollowsTheGridWhereItMoves) {
+  // A short frame's successor may come sooner; behind a gap in the numbers the grid starts anew,
+  // whether the lost frame's slot was left empty or not.
+  for (const bool slot_left_empty : {true, false}) {
+    Spacing spacing(kOneAMillisecond);
+    std::int64_t time = 0;
+    for (int i = 0; i < 10; ++i) {
+      spacing.Add(time, i == 3 ? 500 : 1000, /*continuous=*/i != 6);
+      time += i == 3 ? kMs / 2 : kMs;
+      if (i == 5 && slot_left_empty) time += kMs;
+    }
+    EXPECT_EQ(spacing.GridDeviation().Spread(), 0) << slot_left_empty;
+  }
+}
+
+TEST(Spacing, CountsClumpsAndTheirLengths) {
+  Spacing spacing(kOneAMillisecond);
+  // Bursts of 3, 1 and 2: frames 10 us apart count as clumped, since that is below 250 us.
+  for (const std::int64_t time :
+       {0 * kMs, 10'000 + 0 * kMs, 20'000 + 0 * kMs, 3 * kMs, 4 * kMs, 4 * kMs + 10'000, 6 * kMs}) {
+    spacing.Add(time, 1000, true);
+  }
+  spacing.EndBurst();
+  EXPECT_EQ(spacing.ClumpedFrames(), 3U);
+  EXPECT_EQ(spacing.BurstLengths().Count(), 2U);
+  EXPECT_EQ(spacing.BurstLengths().Min(), 2U);
+  EXPECT_EQ(spacing.BurstLengths().Max(), 3U);
+}
+
+TEST(Spacing, TimeThatGoesBackIsToldAndHarmless) {
+  Spacing spacing(kOneAMillisecond);
+  for (const std::int64_t time : {5 * kMs, 4 * kMs, 6 * kMs}) spacing.Add(time, 1000, true);
+  EXPECT_EQ(spacing.TimeReversals(), 1U);
+  EXPECT_EQ(spacing.Gaps().Min(), 0U);
+}
+
+TEST(RateMeter, CountsGapsNotFrames) {
+  RateMeter rate;
+  for (int i = 0; i < 11; ++i) rate.Add(i * 100 * kMs, 1000, 900);
+  EXPECT_DOUBLE_EQ(rate.Seconds(), 1.0);
+  EXPECT_DOUBLE_EQ(rate.FrameRate(), 10);
+  EXPECT_DOUBLE_EQ(rate.FrameBitRate(), 80'000);
+  EXPECT_DOUBLE_EQ(rate.PayloadBitRate(), 72'000);
+  EXPECT_NEAR(rate.FittedFrameBitRate(), 80'000, 1e-6);
+}
+
+TEST(RateMeter, ALateLastFrameHardlyMovesTheFit) {
+  RateMeter rate;
+  for (int i = 0; i < 1000; ++i) rate.Add(i * kMs + (i == 999 ? 5 * kMs : 0), 1000, 900);
+  EXPECT_LT(rate.FrameBitRate(), 8e6 * 0.996);
+  // Five gaps late at the end of n: the slope grows by about 6 * 5 / n^2, 30 ppm.
+  EXPECT_NEAR(rate.FittedFrameBitRate() / 8e6 - 1, -30e-6, 1e-6);
+}
+
+}  // namespace
+}  // namespace ipplay::measure
