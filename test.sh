@@ -22,6 +22,6 @@ build release
 run_tests release
 # Under the sanitizers the library: its unit tests, and frames and lifecycle on the wire.
 for sanitizer in asan tsan; do
-  build "$sanitizer" ipplayout unit_tests wire_tests
+  build "$sanitizer" ipplayout unit_tests
   run_tests "$sanitizer" -E "^host|^measure|example|installed_package"
 done

@@ -15,24 +15,19 @@ class FakeHandle final : public CaptureHandle {
 
   int DataLink() const override { return driver_.data_link; }
 
-  FilterResult SetFilter(const char* text, std::uint32_t netmask) override {
-    const std::lock_guard lock(driver_.mutex_);
-    driver_.filters_.emplace_back(text, netmask);
+  FilterResult SetFilter(const char* /*text*/, std::uint32_t /*netmask*/) override {
     return driver_.filter_result;
   }
 
   bool SendFrame(std::span<const std::uint8_t> frame) override {
-    return driver_.Take({{frame.begin(), frame.end()}, std::nullopt, {}, 0});
+    return driver_.Take({{frame.begin(), frame.end()}, {}});
   }
 
   // Timed as the real driver times it, on the waiter's clock.
   std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
                             platform::DeadlineWaiter& waiter) override {
-    Recorder recorder(driver_, queue, waiter, driver_.Batches());
-    const std::size_t sent = TransmitTimed(queue, synchronised, waiter, recorder);
-    const std::lock_guard lock(driver_.mutex_);
-    ++driver_.batches_;
-    return sent;
+    Recorder recorder(driver_, waiter);
+    return TransmitTimed(queue, synchronised, waiter, recorder);
   }
 
   std::optional<CapturedFrame> NextFrame() override {
@@ -47,30 +42,23 @@ class FakeHandle final : public CaptureHandle {
  private:
   class Recorder final : public BurstSender {
    public:
-    Recorder(FakeDriver& driver, const SendQueue& queue, const platform::DeadlineWaiter& waiter,
-             std::size_t batch)
-        : driver_(driver), queue_(queue), waiter_(waiter), batch_(batch) {}
+    Recorder(FakeDriver& driver, const platform::DeadlineWaiter& waiter)
+        : driver_(driver), waiter_(waiter) {}
 
     std::size_t SendBurst(std::span<const FrameBytes> frames) override {
       const auto now = waiter_.Now();
       std::size_t sent = 0;
-      for (const FrameBytes bytes : frames) {
-        const SendQueue::Frame queued = queue_.At(position_);
-        if (!driver_.Take({{bytes.begin(), bytes.end()}, queued.header, now, batch_})) {
+      for (; sent < frames.size(); ++sent) {
+        if (!driver_.Take({{frames[sent].begin(), frames[sent].end()}, now})) {
           break;
         }
-        position_ = SendQueue::NextPosition(position_, queued);
-        ++sent;
       }
       return sent;
     }
 
    private:
     FakeDriver& driver_;
-    const SendQueue& queue_;
     const platform::DeadlineWaiter& waiter_;
-    const std::size_t batch_;
-    std::size_t position_ = 0;
   };
 
   FakeDriver& driver_;
@@ -89,7 +77,6 @@ std::unique_ptr<CaptureHandle> FakeDriver::Open(const std::string& name,
 CaptureDriver::MacResult FakeDriver::QueryMac(const std::string& adapter, MacAddress& mac,
                                               unsigned long& error) {
   const std::lock_guard lock(mutex_);
-  mac_queries_.push_back(adapter);
   const auto known = macs.find(adapter);
   const auto scripted = mac_results.find(adapter);
   MacResult result = known == macs.end() ? MacResult::kNotOpened : MacResult::kDone;

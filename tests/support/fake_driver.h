@@ -22,9 +22,7 @@ namespace ipplayout {
 
 struct SentFrame {
   std::vector<std::uint8_t> bytes;
-  std::optional<FrameHeader> header;  // as queued; none for SendFrame
-  std::chrono::nanoseconds time{0};   // on the waiter's clock; 0 for SendFrame
-  std::size_t batch = 0;              // calls of TransmitQueue before this one; 0 for SendFrame
+  std::chrono::nanoseconds time{0};  // on the waiter's clock; 0 for SendFrame
 };
 
 struct OpenCall {
@@ -62,9 +60,6 @@ class FakeDriver final : public CaptureDriver {
   // Records.
   std::vector<SentFrame> Sent() const { return Copy(sent_); }
   std::vector<OpenCall> Opened() const { return Copy(opened_); }
-  std::vector<std::pair<std::string, std::uint32_t>> Filters() const { return Copy(filters_); }
-  std::vector<std::string> MacQueries() const { return Copy(mac_queries_); }
-  std::size_t Batches() const { return Copy(batches_); }
   std::size_t Reads() const { return Copy(reads_); }
   int OpenHandles() const { return Copy(open_handles_); }
 
@@ -94,9 +89,6 @@ class FakeDriver final : public CaptureDriver {
   std::deque<ReceivedFrame> received_;
   std::vector<SentFrame> sent_;
   std::vector<OpenCall> opened_;
-  std::vector<std::pair<std::string, std::uint32_t>> filters_;
-  std::vector<std::string> mac_queries_;
-  std::size_t batches_ = 0;
   std::size_t reads_ = 0;
   int open_handles_ = 0;
 };

@@ -1,190 +1,56 @@
-"""The exported interface of libipplayout.so, bound by hand, and what a host does with it.
+"""The exported interface of libipplayout.so, bound as its header declares it, and what a host does with it.
 
-Loading fails if one exported function is missing.
+Loading fails if one declared function is missing.
 """
-import ctypes
-from ctypes import POINTER, byref, c_char, c_char_p, c_double, c_float, c_int32, c_int64, c_ssize_t, c_uint8, c_uint16, c_uint32, c_uint64, c_void_p
 import _ctypes
+import ctypes
+import pathlib
+import re
+from ctypes import POINTER, byref, c_char, c_char_p, c_int32, c_ssize_t, c_uint8, c_uint16, c_uint32, c_void_p
 
-# Settings with a setter and a getter, by the type of their value.
-SINGLE = {
-    c_uint32: """
-        ErrInsertionEnable PacketLossEnabled NumPacketLoss PacketLossRange SequenceErrorEnabled
-        NumSequenceError SequenceErrorRange SequenceErrorDistance ChecksumErrorEnabled
-        ChecksumErrorType NumChecksumError ChecksumErrorRange RandomizeErrors
-        BurstMode BurstValueType BurstPeriod BurstSize LowJitterModeEnabled JitterEnabled
-        JitterDistributionType PlayerThreadPriority PlayerProcessPriority
-        Marker SequenceNumber Padding CSRCCount PayloadType SSRC TimeStamp
-        HeaderLength TTL Identification FragmentOffset IPProtocol Checksum
-        SourcePort DestinationPort VLANEnabled TPID CFI VID EProtocol
-        PayloadTypeIncrement SSRCIncrement TTLIncrement IPProtocolIncrement FlowLabelIncrement
-        SourcePortIncrement DestinationPortIncrement EProtocolIncrement
-        DeviceIndex IPLayerVersion ProtocolMode BroadcastType PacketSizeMode IPPacketSize
-        TSPacketCount TSFragmentation IPFragmentation
-        SrcAddrAdvansedFlag DstAddrAdvansedFlag SrcIpv6AddrAdvansedFlag DstIpv6AddrAdvansedFlag
-        SrcMacAddrAdvansedFlag DstMacAddrAdvansedFlag SrcPortAdvansedFlag DstPortAdvansedFlag
-        VLANIdAdvansedFlag EtherProtocolAdvansedFlag
-        TTSEnabled TTSPreserveFileTimestamps TTSJitterEnable TTSJitterPeriod TTSJitterAmplitude
-        TTSJitterPulseWidth TTSJitterPatternType IPBitRateChosen TSPacketSize""",
-    c_uint8: """RTPVersion IPVersion TOS Flags VLANPriorityLevel TOSIncrement
-        TrafficClassIncrement NextHeaderIncrement HopLimitIncrement""",
-    c_int32: "Extension ReplicationCount",
-    c_float: "JitterPeriod",
-    c_double: "IPBitRate",
-    c_uint64: "PlayFileSizeForIP",
-}
-ADDRESSES = {
-    "SourceIP": 4, "DestinationIP": 4, "SourceIPIncrement": 4, "DestinationIPIncrement": 4,
-    "SourceIPv6": 16, "DestinationIPv6": 16,
-    "SourceIPv6AddressIncrement": 16, "DestinationIPv6AddressIncrement": 16,
-    "SourceMacAddress": 6, "DestinationMacAddress": 6,
-    "SourceMacAddressIncrement": 6, "DestinationMacAddressIncrement": 6,
-}
-SETTER_ONLY = {"TrafficClass": c_uint8, "FlowLabel": c_uint32, "NextHeader": c_uint8,
-               "HopLimit": c_uint8, "TotalLength": c_uint32, "Length": c_uint32}
+TYPES = {"char": c_char, "int": c_int32, "int32_t": c_int32, "int64_t": ctypes.c_int64, "uint8_t": c_uint8,
+         "uint16_t": c_uint16, "uint32_t": c_uint32, "uint64_t": ctypes.c_uint64, "intptr_t": c_ssize_t,
+         "float": ctypes.c_float, "double": ctypes.c_double, "void": None, "unsigned char": c_uint8}
+SIZES = {"IPPlayParams": 764, "ProtocolHeadersSettings": 184, "ProtocolHeadersIncrements": 100,
+         "ErrorInsertion": 52, "ParametricSettings": 36, "IPOtherSettings": 8, "TTSSettings": 28,
+         "PlayoutStatistics": 96, "DeviceListEntry": 464}
 
 
-def record(name, *fields):
-    """A record from (type, names) pairs; a type may be a ctypes type or a byte count."""
-    members = [(field, kind if not isinstance(kind, int) else c_uint8 * kind)
-               for kind, names in fields for field in names.split()]
-    return type(name, (ctypes.Structure,), {"_fields_": members})
+def as_declared(declaration):
+    """(name, type) of "const uint8_t* address", "struct UDPHeaderSettings UDPHeaderSettings"."""
+    match = re.fullmatch(r"(.*?[ *])(\w+)(?:\[(\w+)\])?", declaration.strip())
+    text, name, count = match.groups()
+    words = re.sub(r"\b(const|struct)\b|\*", "", text).split()
+    kind = TYPES[" ".join(words)]
+    if "*" in text:
+        if text.count("*") > 1 or not (kind and issubclass(kind, ctypes.Structure)):
+            kind = POINTER(c_char_p) if "* const*" in text else c_char_p if words == ["char"] else c_void_p
+        else:
+            kind = POINTER(kind)
+    return name, kind * int(count.replace("IPPLAYOUT_NAME_SIZE", "200")) if count else kind
 
 
-EthernetHeaderSettings = record(
-    "EthernetHeaderSettings", (6, "DestinationMacAddress SourceMacAddress"), (c_uint32, "EProtocol"))
-IPHeaderSettings = record(
-    "IPHeaderSettings", (c_uint8, "IPVersion TOS"), (c_uint32, "HeaderLength TotalLength"),
-    (c_uint8, "Flags"), (c_uint32, "TTL Identification FragmentOffset IPProtocol"),
-    (4, "SourceIP"), (c_uint32, "Checksum"), (4, "DestinationIP"))
-IPv6HeaderSettings = record(
-    "IPv6HeaderSettings", (c_uint8, "IPv6Version TrafficClass"),
-    (c_uint32, "FlowLabel Ipv6PayloadLength"), (c_uint8, "NextHeader HopLimit"),
-    (16, "SourceIPv6 DestinationIPv6"))
-UDPHeaderSettings = record("UDPHeaderSettings", (c_uint32, "SourcePort DestinationPort Length"))
-RTPHeaderSettings = record(
-    "RTPHeaderSettings", (c_uint8, "RTPVersion"), (c_int32, "Extension"),
-    (c_uint32, "Marker RandomSequenceNumber SequenceNumber Padding CSRCCount PayloadType TimeStamp"
-               " RandomSSRC SSRC"))
-ProtocolHeadersSettings = record(
-    "ProtocolHeadersSettings", (EthernetHeaderSettings, "Ethernet"), (c_uint32, "VLANEnabled TPID"),
-    (c_uint8, "VLANPriorityLevel"), (c_uint32, "CFI VID"), (IPHeaderSettings, "IP"),
-    (IPv6HeaderSettings, "IPv6"), (UDPHeaderSettings, "UDP"), (RTPHeaderSettings, "RTP"))
-EthernetHeaderIncrements = record(
-    "EthernetHeaderIncrements", (6, "DestinationMacAddressIncrement SourceMacAddressIncrement"),
-    (c_uint32, "EProtocolIncrement"))
-IPHeaderIncrements = record(
-    "IPHeaderIncrements", (c_uint8, "TOSIncrement"), (c_uint32, "TTLIncrement IPProtocolIncrement"),
-    (4, "SourceIPIncrement DestinationIPIncrement"))
-IPv6HeaderIncrements = record(
-    "IPv6HeaderIncrements", (c_uint8, "TrafficClassIncrement"), (c_uint32, "FlowLabelIncrement"),
-    (c_uint8, "NextHeaderIncrement HopLimitIncrement"),
-    (16, "SourceIPv6AddressIncrement DestinationIPv6AddressIncrement"))
-UDPHeaderIncrements = record(
-    "UDPHeaderIncrements", (c_uint32, "SourcePortIncrement DestinationPortIncrement"))
-RTPHeaderIncrements = record("RTPHeaderIncrements", (c_uint32, "PayloadTypeIncrement SSRCIncrement"))
-VLANHeaderIncrements = record("VLANHeaderIncrements", (c_uint32, "VLANIdentifierIncrement"))
-ProtocolHeadersIncrements = record(
-    "ProtocolHeadersIncrements", (EthernetHeaderIncrements, "Ethernet"), (IPHeaderIncrements, "IP"),
-    (IPv6HeaderIncrements, "IPv6"), (UDPHeaderIncrements, "UDP"), (RTPHeaderIncrements, "RTP"),
-    (VLANHeaderIncrements, "VLAN"))
-IPPlayParams = record(
-    "IPPlayParams", (200, "ConfigurationName"), (c_uint32, "IPLayerVersion"), (200, "DeviceName"),
-    (c_uint32, "DeviceIndex ProtocolMode BroadcastType PacketSizeMode IPPacketSize TSPacketCount"
-               " TSFragmentation IPFragmentation SrcAddrAdvansedFlag DstAddrAdvansedFlag"
-               " SrcIpv6AddrAdvansedFlag DstIpv6AddrAdvansedFlag SrcMacAddrAdvansedFlag"
-               " DstMacAddrAdvansedFlag SrcPortAdvansedFlag DstPortAdvansedFlag VLANIdAdvansedFlag"
-               " EtherProtocolAdvansedFlag"),
-    (ProtocolHeadersSettings, "Headers"), (ProtocolHeadersIncrements, "Increments"),
-    (c_int32, "ReplicationCount"))
-ErrorInsertion = record(
-    "ErrorInsertion",
-    (c_uint32, "ErrInsertionEnable PacketLossEnabled NumPacketLoss PacketLossRange"
-               " SequenceErrorEnabled NumSequenceError SequenceErrorRange SequenceErrorDistance"
-               " ChecksumErrorEnabled ChecksumErrorType NumChecksumError ChecksumErrorRange"
-               " RandomizeErrors"))
-ParametricSettings = record(
-    "ParametricSettings",
-    (c_uint32, "BurstMode BurstValueType BurstPeriod BurstSize LowJitterModeEnabled JitterEnabled"),
-    (c_float, "JitterPeriod"), (c_uint32, "ParametricReserved JitterDistributionType"))
-IPOtherSettings = record("IPOtherSettings", (c_uint32, "PlayerThreadPriority PlayerProcessPriority"))
-TTSSettings = record(
-    "TTSSettings", (c_uint32, "TTSEnabled TTSPreserveFileTimestamps TTSJitterEnable TTSJitterPeriod"
-                              " TTSJitterAmplitude TTSJitterPulseWidth TTSJitterPatternType"))
-PlayoutStatistics = record(
-    "PlayoutStatistics",
-    (c_uint64, "DatagramsSent TSPacketsSent BytesSent TSBytesSent TSPacketSize DatagramSize"
-               " LostPackets SequenceErrors IPChecksumErrors UDPChecksumErrors"),
-    (c_double, "Jitter"), (c_int64, "LostBytes"))
-DeviceListEntry = record(
-    "DeviceListEntry", (c_int32, "Index"), (c_char * 200, "Name Description"),
-    (POINTER(c_char_p), "IPv4Addresses"), (c_int32, "IPv4AddressCount"),
-    (POINTER(c_char_p), "IPv6Addresses"), (c_int32, "IPv6AddressCount"),
-    (POINTER(c_char_p), "IPv4Netmasks"), (c_int32, "IPv4NetmaskCount"), (6, "MacAddress"))
-
-SIZES = {IPPlayParams: 764, ProtocolHeadersSettings: 184, ProtocolHeadersIncrements: 100,
-         ErrorInsertion: 52, ParametricSettings: 36, IPOtherSettings: 8, TTSSettings: 28,
-         PlayoutStatistics: 96, DeviceListEntry: 464}
-assert all(ctypes.sizeof(kind) == size for kind, size in SIZES.items())
-
-# Records that are set by a pointer and read through a pointer into the library.
-GROUPS = (IPPlayParams, ProtocolHeadersSettings, EthernetHeaderSettings, IPHeaderSettings,
-          IPv6HeaderSettings, UDPHeaderSettings, RTPHeaderSettings, ProtocolHeadersIncrements,
-          EthernetHeaderIncrements, IPHeaderIncrements, IPv6HeaderIncrements, UDPHeaderIncrements,
-          RTPHeaderIncrements, VLANHeaderIncrements, ErrorInsertion)
-
-FUNCTIONS = {  # name: (result, arguments)
-    "SetDestinationMacAddress": (None, [c_void_p]),
-    "SetVLANIdentifierIncrement": (None, [c_uint16]), "GetVLANIdentifierIncrement": (c_uint32, []),
-    "SetTSPacketSize": (c_int32, [c_uint32]),
-    "SetConfigurationName": (None, [c_char_p]), "GetConfigurationName": (POINTER(IPPlayParams), []),
-    "SetDeviceName": (None, [c_char_p]), "GetDeviceName": (c_char_p, []),
-    "GetDestinationMacAddress": (POINTER(ProtocolHeadersSettings), []),
-    "GetDestinationMacAddressIncrement": (POINTER(ProtocolHeadersIncrements), []),
-    "SetIPEnabled": (None, [c_uint32]), "IsIPEnabled": (c_uint32, []),
-    "SetParametricSettings": (None, [ParametricSettings]),
-    "GetParametricSettings": (None, [POINTER(ParametricSettings)]),
-    "SetTTSSettings": (None, [TTSSettings]), "GetTTSSettings": (None, [POINTER(TTSSettings)]),
-    "SetIPOtherSettings": (None, [c_uint32, c_uint32]),
-    "GetIPOtherSettings": (None, [POINTER(IPOtherSettings)]),
-    "InitIpPlayout": (c_int32, []), "CleanupIpPlayout": (c_int32, []),
-    "IPStart": (c_int32, []), "IPStop": (None, []), "IPStopImmediate": (None, []),
-    "IPWrite": (c_int32, [c_void_p, c_uint16]), "IPWriteTerminate": (c_int32, []),
-    "IPPause": (c_int32, [c_uint32]), "IsPlayoutComplete": (c_int32, []),
-    "RegisterForIPPlayoutCompletion": (c_int32, [POINTER(c_ssize_t)]),
-    "GetIPStopEvent": (c_ssize_t, []),
-    "GetPlayoutStatistics": (c_int32, [POINTER(PlayoutStatistics)]),
-    "GetErrorInsertionStatistics": (c_int32, []), "ClearStatistics": (None, []),
-    "GetTSStats": (c_void_p, []), "GetStats": (c_void_p, []), "GetIPStats": (c_void_p, []),
-    "GetMaxIPMTU": (c_uint32, [c_uint32, c_uint32]), "GetTotalLength": (c_uint32, []),
-    "GetIpv6PayloadLength": (c_uint32, []), "GetLength": (c_uint32, []),
-    "GetStreamReplicationCount": (c_int32, [POINTER(c_uint32)]),
-    "GeneratePacketLoss": (c_int32, []), "GenerateSequenceError": (c_int32, []),
-    "GenerateIPChecksumError": (c_int32, []), "GenerateUDPChecksumError": (c_int32, []),
-    "CreateListOfDevices": (c_int32, []), "DeleteListOfDevices": (c_int32, []),
-    "GetListOfDevices": (POINTER(DeviceListEntry), [POINTER(c_int32)]),
-    "GetMacAddressForIP": (c_int32, [c_int32, c_void_p, POINTER(c_void_p), c_int32]),
-    "GetHostIPAddress": (c_int32, [POINTER(c_void_p)]),
-    "_Z17GetIpAddressBytesPcPh": (c_int32, [c_char_p, c_char_p]),  # the one C++ symbol
-}
+def read_header():
+    """Every function as (result, arguments) by its name; every record becomes one of TYPES."""
+    folder = pathlib.Path(__file__).parents[2] / "include" / "ipplayout"
+    text = "".join((folder / name).read_text() for name in ("records.h", "settings.h", "ipplayout.h"))
+    text = re.sub(r"//[^\n]*", "", text)
+    for body, name in re.findall(r"typedef struct \w+ \{(.*?)\} (\w+);", text, re.S):
+        fields = [as_declared(field) for field in body.split(";")[:-1]]
+        TYPES[name] = type(name, (ctypes.Structure,), {"_fields_": fields})
+        assert ctypes.sizeof(TYPES[name]) == SIZES.get(name, ctypes.sizeof(TYPES[name]))
+    functions = {}
+    for declared, parameters in re.findall(r"^(\w[^\n(;{#]*)\(([^)]*)\);", text, re.M):
+        name, result = as_declared(declared)
+        kinds = [as_declared(parameter)[1] for parameter in parameters.split(",") if parameter != "void"]
+        functions[name] = result, [c_void_p if kind is c_char_p and "Get" in name else kind for kind in kinds]
+    functions["_Z17GetIpAddressBytesPcPh"] = functions.pop("GetIpAddressBytes")  # the one C++ symbol
+    return functions
 
 
-def signatures():
-    for kind, names in SINGLE.items():
-        for name in names.split():
-            yield "Set" + name, None, [kind]
-            yield "Get" + name, kind, []
-    for name, kind in SETTER_ONLY.items():
-        yield "Set" + name, None, [kind]
-    for name in ADDRESSES:
-        yield "Set" + name, None, [c_void_p]
-        if not name.endswith("IPv6"):
-            yield "Get" + name, c_void_p, []
-    for kind in GROUPS:
-        yield "Set" + kind.__name__, None, [POINTER(kind)]
-        yield "Get" + kind.__name__, POINTER(kind), []
-    for name, (result, arguments) in FUNCTIONS.items():
-        yield name, result, arguments
+FUNCTIONS = read_header()
+SETTERS = {name[3:]: arguments[0] for name, (_, arguments) in FUNCTIONS.items()
+           if name.startswith("Set") and len(arguments) == 1}
 
 
 class Library:
@@ -194,7 +60,7 @@ class Library:
 
     def __init__(self, path):
         self._dll = ctypes.CDLL(path)
-        for name, result, arguments in signatures():
+        for name, (result, arguments) in FUNCTIONS.items():
             function = getattr(self._dll, name)
             function.restype, function.argtypes = result, arguments
             setattr(self, name, function)
@@ -215,7 +81,7 @@ class Library:
 
     def configure(self, settings):
         for name, value in settings.items():
-            if hasattr(self, "Set" + name):
+            if name in SETTERS:
                 getattr(self, "Set" + name)(value)
             else:  # has no setter of its own: written through the pointer of its group
                 group = {"IPv6Version": self.GetIPv6HeaderSettings}.get(
@@ -235,7 +101,7 @@ class Library:
         return result
 
     def statistics(self):
-        values = PlayoutStatistics()
+        values = TYPES["PlayoutStatistics"]()
         assert self.GetPlayoutStatistics(byref(values)) == 1
         return {name: getattr(values, name) for name, _ in values._fields_ if name != "Jitter"}
 

@@ -6,7 +6,7 @@ import tempfile
 import unittest
 from collections import Counter
 
-from test_errors import checksum, late, loss
+from test_errors import checksum
 from testbed import write_pcap
 from wire_case import TAGGED, TYPICAL, TYPICAL_IPV6, Model, WireCase, datagrams, play
 
@@ -79,14 +79,6 @@ class Dissector(WireCase):
                 bad = {field: Counter(row[field] for row in rows)[BAD]
                        for field in ("ip.checksum.status", "udp.checksum.status")}
                 self.assertEqual(bad, {"ip.checksum.status": 0, "udp.checksum.status": 0, field: count})
-
-    def test_order(self):
-        for errors, order in ((loss(1, 4), [8, 9, 10, 12, 13, 14, 16, 17, 18]),
-                              (late(1, 4, 0), [7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18]),
-                              (late(1, 4, 1), [8, 7, 9, 10, 12, 11, 13, 14, 16, 15, 17, 18]),
-                              (late(1, 4, 2), [8, 9, 7, 10, 12, 13, 11, 14, 16, 17, 15, 18])):
-            rows, _, _ = self.judge({**TYPICAL, **errors}, 12)
-            self.assertEqual([int(row["rtp.seq"]) for row in rows], order)
 
 
 if __name__ == "__main__":

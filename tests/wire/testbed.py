@@ -4,6 +4,7 @@ The namespaces have no name and are held open by this process alone, so that the
 and their interfaces with it, however it ends.
 """
 import ctypes
+import errno
 import faulthandler
 import os
 import pickle
@@ -37,6 +38,7 @@ PRINTED = re.compile(  # every line that the library may print in the situations
     r"|The MAC address of the adapter is ([0-9a-f]{2}:){5}[0-9a-f]{2}"
     r"|\tAddress Family Name: Unknown"
     r"|An error occurred sending the packets:  Only \d+ bytes were sent"
+    r"| \(ERROR_(GEN_FAILURE|NOT_FOUND|INVALID_PARAMETER)\)"
     r"|")
 
 libc = ctypes.CDLL(None, use_errno=True)
@@ -109,6 +111,10 @@ class Capture:
                 size, ancillary, _, address = self.socket.recvmsg_into([self.buffer], 128)
             except BlockingIOError:
                 return
+            except OSError as error:
+                if error.errno != errno.ENETDOWN:  # told once; frames come again when it is up
+                    raise
+                continue
             if address[2] == PACKET_OUTGOING:
                 continue
             frame, arrival = bytes(self.buffer[:size]), 0.0
@@ -140,6 +146,7 @@ class Outcome:
     value: object   # what the host's function returned
     arrivals: list  # (time, frame) as captured on the far side
     printed: str    # what the host process wrote to standard output
+    errors: str     # and to standard error
 
     @property
     def frames(self):
@@ -211,7 +218,7 @@ class Testbed:
         if strange:
             raise AssertionError(f"the library printed {strange}")
         self._catch_up()
-        return Outcome(value, self.capture.frames, texts[0])
+        return Outcome(value, self.capture.frames, *texts)
 
     def _be_the_host(self, write_end, output, complaints, body, arguments):
         status = 1

@@ -36,14 +36,5 @@ TEST(DeadlineWaiterTest, ALimitEndsWaitsThatGoOnAndThoseToCome) {
   }
 }
 
-TEST(DeadlineWaiterTest, WithoutItsLimitItWaitsAgain) {
-  DeadlineWaiter waiter;
-  waiter.LimitWaits(waiter.Now());
-  waiter.RemoveLimit();
-  auto wait = OnAnotherThread([&] { waiter.WaitUntil(waiter.Now() + hours(1)); });
-  EXPECT_TRUE(Blocks(wait));
-  waiter.LimitWaits(waiter.Now());
-}
-
 }  // namespace
 }  // namespace ipplayout::platform

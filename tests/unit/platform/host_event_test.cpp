@@ -1,7 +1,6 @@
 #include "platform/host_event.h"
 
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <future>
@@ -11,25 +10,18 @@
 namespace ipplayout::platform {
 namespace {
 
-TEST(HostEventTest, EitherEventEndsTheWaitAndNeitherIsRead) {
-  auto first = OwnedHostEvent::Create();
-  auto second = OwnedHostEvent::Create();
-  ASSERT_TRUE(first && second);
-  const int closed = eventfd(0, 0);
-  close(closed);
-  for (const EventHandle other :
-       {second->Handle(), kNullEvent, kInvalidEvent, EventHandle{closed}}) {
+TEST(HostEventTest, EitherEventEndsTheWaitAndNoEventDoesNot) {
+  auto unset = OwnedHostEvent::Create();
+  auto closed = EventHandle{dup(static_cast<int>(unset->Handle()))};
+  close(static_cast<int>(closed));
+  for (const EventHandle other : {unset->Handle(), kNullEvent, kInvalidEvent, closed}) {
     for (const bool swapped : {false, true}) {
       auto event = OwnedHostEvent::Create();
-      auto wait = OnAnotherThread([&] {
-        swapped ? WaitForEither(other, event->Handle()) : WaitForEither(event->Handle(), other);
-      });
+      const EventHandle handles[] = {event->Handle(), other};
+      auto wait = OnAnotherThread([&] { WaitForEither(handles[swapped], handles[!swapped]); });
       EXPECT_TRUE(Blocks(wait));
       SignalHostEvent(event->Handle());
       EXPECT_TRUE(Returns(wait));
-      eventfd_t count = 0;
-      EXPECT_EQ(eventfd_read(static_cast<int>(event->Handle()), &count), 0);
-      EXPECT_EQ(count, 1U);
     }
   }
 }

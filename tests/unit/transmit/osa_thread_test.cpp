@@ -3,17 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "platform/signal.h"
-#include "transmit/trace_log.h"
 
 namespace ipplayout {
 namespace {
 
-class Worker final : public OsaThread {
- public:
-  explicit Worker(const char* name) : OsaThread(name, 0, OsaThreadPriority::BelowNormal()) {}
+struct Worker final : OsaThread {
+  Worker() : OsaThread("0123456789abcdefghijklmnopqrstuvwxyz", 0, OsaThreadPriority::Normal()) {}
   ~Worker() override { Join(); }
 
   void Run() override {
@@ -27,35 +23,25 @@ class Worker final : public OsaThread {
   bool stop_seen_at_start = false;
 };
 
-TEST(OsaThreadTest, StartTracesNameAndIdAndRunsAgainAfterAStop) {
-  Worker worker("0123456789abcdefghijklmnopqrstuvwxyz");
-  EXPECT_STREQ(worker.Name(), "0123456789abcdefghijklmnopqrstu");  // 31 characters
+TEST(OsaThreadTest, TracesItsStartAndRunsAgainAfterAStopAsItWasSetLast) {
+  Worker worker;
+  EXPECT_EQ(worker.SetPriority(OsaThreadPriority::Idle()), OsaThreadPriority::Normal());
   for (int run = 1; run <= 2; ++run) {
-    worker.go.Set();
     testing::internal::CaptureStdout();
     ASSERT_TRUE(worker.Start());
-    // The message ends in a newline of its own.
+    // 31 characters of the name; the message ends in a newline of its own.
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::MatchesRegex("[0-9/]{8} [0-9:]{8} OsaThread::Start, name = "
                                       "0123456789abcdefghijklmnopqrstu, id = [0-9]+\n\n"));
+    // Without a thread there is nothing to set; a thread's level is kept for the next one.
+    EXPECT_EQ(worker.SetPriority(OsaThreadPriority::Idle()),
+              run == 1 ? OsaThreadPriority::Normal() : OsaThreadPriority::Idle());
+    worker.go.Set();
     worker.Join();
     EXPECT_EQ(worker.runs, run);
     EXPECT_FALSE(worker.stop_seen_at_start);
     worker.Stop();
   }
-}
-
-TEST(OsaThreadTest, KeepsThePriorityThatWasSetLast) {
-  Worker worker("priority");
-  OsaTraceSilent = true;
-  EXPECT_EQ(worker.SetPriority(OsaThreadPriority::Idle()), OsaThreadPriority::BelowNormal());
-  ASSERT_TRUE(worker.Start());  // there was no thread yet to change
-  EXPECT_EQ(worker.SetPriority(OsaThreadPriority::Idle()), OsaThreadPriority::BelowNormal());
-  worker.go.Set();
-  ASSERT_TRUE(worker.Start());
-  EXPECT_EQ(worker.SetPriority(OsaThreadPriority::Normal()), OsaThreadPriority::Idle());
-  worker.Join();
-  OsaTraceSilent = false;
 }
 
 }  // namespace

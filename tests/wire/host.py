@@ -1,0 +1,75 @@
+"""What the hosts of the tests do besides playing: threads of their own, settings, a look at the process."""
+import os
+import threading
+import time
+
+from library import Library
+from testbed import Testbed
+from wire_case import TYPICAL
+
+CRAWL = {**TYPICAL, "IPBitRate": 0.1}  # 100 kbit/s: the ring fills and stays full
+RING = 64 << 20
+
+
+def ready(library, settings=TYPICAL):
+    library.initialise(Testbed.NEAR)
+    library.configure(settings)
+
+
+def begin(library, data=b""):
+    assert library.IPStart() == 0
+    assert library.write(data) == 0
+
+
+def reap(library, stop="IPStop"):
+    """Ends the playout; its statistics."""
+    getattr(library, stop)()
+    return library.statistics()
+
+
+def until_sent(library, count):
+    while library.statistics()["DatagramsSent"] < count:
+        pass
+
+
+def in_thread(function, *arguments):
+    """Runs function in a thread; joining the thread gives its result."""
+    result = []
+    thread = threading.Thread(target=lambda: result.append(function(*arguments)))
+    thread.start()
+
+    def join():
+        thread.join()
+        return result[0]
+    return join
+
+
+def until_refused(library, written):
+    """A host that writes until it is refused; notes what was taken."""
+    chunk = bytes(Library.LARGEST_WRITE)
+    while (result := library.write(chunk)) == 0:
+        written.append(len(chunk))
+    return result
+
+
+def blocked_writer(library):
+    """A writer in a thread, once its next write no longer fits and has most likely begun to wait."""
+    written = []
+    join = in_thread(until_refused, library, written)
+    while sum(written) + Library.LARGEST_WRITE <= RING:
+        time.sleep(0.001)
+    time.sleep(0.05)  # either order must come out the same; this only makes the blocked one likely
+    return join
+
+
+def own_threads():
+    names = {}
+    for task in os.listdir("/proc/self/task"):
+        with open(f"/proc/self/task/{task}/comm") as file:
+            names[task] = file.read().strip()
+    return names
+
+
+def descriptors():
+    return {fd: os.readlink(f"/proc/self/fd/{fd}") for fd in os.listdir("/proc/self/fd")
+            if os.path.exists(f"/proc/self/fd/{fd}")}
