@@ -42,12 +42,14 @@ void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings
   manager.SetThreadPriority(static_cast<std::int32_t>(settings.other.PlayerThreadPriority));
 }
 
-// Between two frames, or two bursts, there is time to sleep: the workers may run in real time
-// without being throttled by the kernel.
+// Between two frames, or two bursts, there is time to sleep, and sending takes up less than half of
+// it all: the workers may run in real time without being throttled by the kernel.
 bool LeavesRest(const PcapRtInterface& capture, const CZebParametricManager& parametric) {
-  constexpr double kShortestRest = 250e-6;  // of which up to 150 are spun away
+  constexpr double kShortestRest = 100e-6;  // seconds
+  constexpr double kFrameWork = 2.5e-6;     // seconds that sending one frame takes at most
   const std::uint32_t frames = parametric.IsBurstMode() != 0 ? capture.GetPacketsPerQueue() : 1;
-  return frames * capture.GetPacketTime() >= kShortestRest;
+  const double packet_time = capture.GetPacketTime();
+  return frames * packet_time >= kShortestRest && packet_time >= 2 * kFrameWork;
 }
 
 }  // namespace

@@ -9,7 +9,8 @@ namespace ipplayout::platform {
 
 // Sleeps until shortly before the deadline and spins for the rest, because a sleeping thread is
 // woken late. How late differs between machines and moments: the time left to spin follows the
-// lateness of the wake-ups seen so far. One thread waits; any thread may limit its waits.
+// lateness of the wake-ups seen so far, up to three quarters of the wait. One thread waits; any
+// thread may limit its waits.
 class DeadlineWaiter {
  public:
   DeadlineWaiter();
