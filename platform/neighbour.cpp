@@ -72,6 +72,7 @@ std::optional<NeighbourReply> Verdict(const nlmsghdr& message, const Neighbour& 
   return Done(attributes.Bytes(NDA_LLADDR));
 }
 
+// Nothing when the kernel knows nothing of the neighbour, or does not know yet.
 std::optional<NeighbourReply> LookUp(NetlinkSocket& kernel, const Neighbour& neighbour) {
   NetlinkRequest request(RTM_GETNEIGH, 0);
   auto& header = request.AddHeader<ndmsg>();
@@ -79,7 +80,11 @@ std::optional<NeighbourReply> LookUp(NetlinkSocket& kernel, const Neighbour& nei
   header.ndm_ifindex = static_cast<int>(neighbour.interface_index);
   request.AddBytes(NDA_DST, neighbour.address);
   std::optional<NeighbourReply> verdict;
-  kernel.Exchange(request, [&](const nlmsghdr& message) { verdict = Verdict(message, neighbour); });
+  const int error = kernel.Exchange(
+      request, [&](const nlmsghdr& message) { verdict = Verdict(message, neighbour); });
+  if (error != 0 && error != ENOENT) {
+    return Failure(NeighbourResult::kGeneralFailure);
+  }
   return verdict;
 }
 
@@ -147,7 +152,8 @@ NeighbourReply Resolve(const Neighbour& neighbour) {
     return Failure(NeighbourResult::kGeneralFailure);
   }
   const auto known = LookUp(kernel, neighbour);
-  if (known && known->result == NeighbourResult::kDone) {
+  // Only what is known to be unknown is asked for: the request replaces the entry.
+  if (known && known->result != NeighbourResult::kBadNetName) {
     return *known;
   }
   if (!StartResolution(kernel, neighbour)) {
