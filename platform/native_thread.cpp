@@ -9,7 +9,8 @@
 #include <unistd.h>
 
 #include <array>
-#include <string>
+#include <cstring>
+#include <new>
 #include <utility>
 
 #include "platform/signal.h"
@@ -52,7 +53,7 @@ void SetNice(pid_t thread, const PriorityRow& row) {
 struct NativeThread::State {
   Entry entry = nullptr;
   void* argument = nullptr;
-  std::string name;
+  std::array<char, kVisibleNameLength + 1> name{};
   pthread_t thread{};
   pid_t process = 0;
   pid_t id = 0;
@@ -61,7 +62,7 @@ struct NativeThread::State {
   static void* Main(void* opaque) {
     auto* self = static_cast<State*>(opaque);
     self->id = static_cast<pid_t>(syscall(SYS_gettid));
-    prctl(PR_SET_NAME, self->name.c_str());
+    prctl(PR_SET_NAME, self->name.data());
     self->id_known.Set();
     self->entry(self->argument);
     return nullptr;
@@ -72,12 +73,19 @@ NativeThread::NativeThread(std::unique_ptr<State> state) : state_(std::move(stat
 
 std::unique_ptr<NativeThread> NativeThread::Start(const char* name, std::size_t stack_size,
                                                   Entry entry, void* argument) {
-  auto state = std::make_unique<State>();
+  // A thread that there is no memory for is refused like one that the system refuses.
+  std::unique_ptr<State> state(new (std::nothrow) State);
+  if (state == nullptr) {
+    return nullptr;
+  }
   state->entry = entry;
   state->argument = argument;
-  state->name = std::string(name).substr(0, kVisibleNameLength);
+  std::strncpy(state->name.data(), name, kVisibleNameLength);
   state->process = getpid();
-  std::unique_ptr<NativeThread> owner(new NativeThread(std::move(state)));
+  std::unique_ptr<NativeThread> owner(new (std::nothrow) NativeThread(std::move(state)));
+  if (owner == nullptr) {
+    return nullptr;
+  }
   State& shared = *owner->state_;
 
   pthread_attr_t attributes;
