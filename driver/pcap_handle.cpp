@@ -33,6 +33,10 @@ void WaitUntilReadable(int descriptor, std::chrono::nanoseconds limit) {
   ppoll(&target, 1, &time, nullptr);
 }
 
+// What the empty filter compiles to. The compiler ends the process when it finds no memory, so a
+// playout does without it.
+constexpr bpf_insn kAcceptAll{BPF_RET | BPF_K, 0, 0, 0x40000};
+
 class FilterProgram {
  public:
   FilterProgram() = default;
@@ -88,11 +92,15 @@ int PcapHandle::DataLink() const {
 
 FilterResult PcapHandle::SetFilter(const char* text, std::uint32_t netmask) {
   FilterProgram program;
-  int code = pcap_compile(capture_.get(), program.Get(), text, 1, netmask);
-  if (code < 0) {
-    return {FilterResult::Stage::kCompile, code};
+  bpf_program accept_all{1, const_cast<bpf_insn*>(&kAcceptAll)};
+  const bool everything = *text == '\0';
+  if (!everything) {
+    const int code = pcap_compile(capture_.get(), program.Get(), text, 1, netmask);
+    if (code < 0) {
+      return {FilterResult::Stage::kCompile, code};
+    }
   }
-  code = pcap_setfilter(capture_.get(), program.Get());
+  const int code = pcap_setfilter(capture_.get(), everything ? &accept_all : program.Get());
   if (code < 0) {
     return {FilterResult::Stage::kSet, code};
   }
