@@ -8,7 +8,7 @@ from collections import Counter
 
 from test_errors import checksum
 from testbed import write_pcap
-from wire_case import TAGGED, TYPICAL, TYPICAL_IPV6, Model, WireCase, datagrams, play
+from wire_case import TAGGED, TYPICAL, TYPICAL_IPV6, Model, WireCase, play
 
 BAD, GOOD = "0", "1"
 FIELDS = ("frame.len", "ip.checksum.status", "udp.checksum.status", "rtp.seq", "rtp.timestamp", "rtp.ssrc",

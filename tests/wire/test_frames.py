@@ -4,9 +4,8 @@ import struct
 import unittest
 
 from model import ones_complement_sum
-from testbed import Testbed
 from wire_case import (IPV4, IPV6, RTP, TAGGED, TYPICAL, TYPICAL_IPV6, UDP, Model, WireCase, datagrams,
-                       play, stream)
+                       play)
 
 # How the stream is cut. A callable gets the length of all headers.
 CUTS = {

@@ -7,8 +7,7 @@ import unittest
 
 from host import CRAWL, begin, descriptors, in_thread, own_threads, ready, reap, until_sent
 from library import Library
-from testbed import Testbed
-from wire_case import TYPICAL, UDP, Model, WireCase, datagrams, play, stream
+from wire_case import TYPICAL, UDP, Model, WireCase, datagrams, stream
 
 RUNS = int(os.environ.get("IPPLAYOUT_WIRE_RUNS", "1000"))
 STOPS = ("IPStop", "IPStopImmediate")

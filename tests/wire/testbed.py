@@ -14,9 +14,7 @@ import signal
 import socket
 import struct
 import subprocess
-import sys
 import tempfile
-import time
 import traceback
 from dataclasses import dataclass
 

@@ -114,17 +114,6 @@ TEST(TimedBatch, BurstsAreCutAtTheMostFramesAndReadTheClockOnceAtMost) {
   }
 }
 
-// A stop limits every wait: what is left of the batch goes out at once.
-TEST(TimedBatch, WaitsThatAreCutShortLetTheRestGo) {
-  class StoppedWaiter final : public FakeWaiter {
-    void WaitUntil(std::chrono::nanoseconds /*deadline*/) override {}
-  } waiter;
-  const auto queue = QueueOf({{0, 0}, {1000, 0}, {2000, 0}, {3000, 0}});
-  Recorder sender(waiter);
-  EXPECT_EQ(TransmitTimed(*queue, true, waiter, sender), queue->Used());
-  EXPECT_THAT(sender.times, ElementsAre(0, 0, 0, 0));
-}
-
 TEST(TimedBatch, RefusalEndsTheBatchWithTheBytesSent) {
   const std::size_t bytes[] = {0, 18, 18 + 19, 18 + 19 + 20, 18 + 19 + 20 + 18};  // 16 of header
   for (std::size_t accepted = 0; accepted < std::size(bytes); ++accepted) {
