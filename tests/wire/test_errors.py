@@ -94,6 +94,14 @@ class Errors(WireCase):
             with self.subTest(name):
                 self.check_playout(settings, datagrams(Model(settings), 23))
 
+    def test_frames_held_at_the_end_of_a_run_are_forgotten(self):
+        settings = {**TYPICAL, **late(2, 9, 6)}
+        parts = [datagrams(Model(settings), count) for count in (19, 30)]
+        outcome = self.bed.run(lambda library: [play(library, settings, part) for part in parts])
+        expected = [Model(settings).play(part) for part in parts]
+        self.assert_frames(outcome, expected[0][0] + expected[1][0])
+        self.assertEqual(outcome.value, [statistics for _, statistics in expected])
+
     def test_damaged_checksum_wraps_to_zero(self):
         settings = {**TYPICAL, "ProtocolMode": UDP, **checksum(1, 1, 1)}
         clean = Model({**settings, "ErrInsertionEnable": 0})

@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <thread>
-
-#include "tests/support/blocked_call.h"
 
 namespace ipplayout {
 namespace {
@@ -38,22 +35,6 @@ TEST(BatchHandOverTest, BatchesArriveWholeAndInOrder) {
   }
   pump.join();
   EXPECT_EQ(number, kBatches);
-}
-
-TEST(BatchHandOverTest, WhatIsHandedOverAfterTheTransmitterGaveUpHoldsNobodyUp) {
-  BatchHandOver hand_over;
-  ASSERT_TRUE(hand_over.Allocate(2, 20));
-  hand_over.WaitForRoom(2);
-  hand_over.HandOver(0);
-  auto waiting = OnAnotherThread([&] { hand_over.WaitUntilEmpty(); });
-  EXPECT_TRUE(Blocks(waiting));
-  hand_over.Abandon();
-  EXPECT_TRUE(Returns(waiting));
-  hand_over.HandOver(0);
-  waiting = OnAnotherThread([&] { hand_over.WaitUntilEmpty(); });
-  EXPECT_TRUE(Returns(waiting));
-  ASSERT_TRUE(hand_over.Allocate(2, 20));  // the next run begins empty
-  EXPECT_FALSE(hand_over.HasBatch());
 }
 
 }  // namespace

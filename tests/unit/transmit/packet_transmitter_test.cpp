@@ -95,6 +95,16 @@ TEST_F(PacketTransmitterTest, FramesLeaveOnTheGridOfTheBitRate) {
   }
 }
 
+TEST_F(PacketTransmitterTest, AStopReachesATransmitterWithoutABatch) {
+  transmitter_.WaitUntilFinished();  // of no run yet
+  interface_.SetQueuedMode(1);
+  for (int run = 0; run < 300; ++run) {
+    ASSERT_TRUE(interface_.FilterInclude() && transmitter_.Start());
+    transmitter_.Stop();
+    transmitter_.WaitUntilFinished();
+  }
+}
+
 TEST_F(PacketTransmitterTest, AHitchIsCaughtUpWithoutWaiting) {
   hitch_at = 3;
   hitch = microseconds(2500);

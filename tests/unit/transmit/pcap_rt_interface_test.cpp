@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "payload/error_insertion_manager.h"
 #include "protocol/pdu.h"
 #include "tests/support/fake_driver.h"
 #include "tests/support/fake_waiter.h"
@@ -113,23 +112,6 @@ TEST_F(PcapRtInterfaceTest, ACorrectionChangesTheGapOfTheBatchAfterNext) {
     }
     interface_.Close();
   }
-}
-
-TEST_F(PcapRtInterfaceTest, TheStartOfABatchAdvancesTheSendClockOfItsNextOne) {
-  CErrorInsertionManager errors([] { return true; });
-  interface_.SetErrorInsertionManager(&errors);
-  Prepare(2);
-  SendBatch(2);                         // at 0 and 1 ms
-  interface_.SetQueueStartAdvance(-1);  // counts as 0
-  Transmit();
-  SendBatch(2);  // at 2 and 3 ms: handed over with the first advance, a gap
-  Transmit();
-  Send();  // at 3 ms
-  ErrorStatistics statistics;
-  errors.CopyStatistics(statistics);
-  // Deviations of 1, 0, 0 and 1 ms.
-  const double after_four = 62.5e-6 * 15 / 16 * 15 / 16;
-  EXPECT_NEAR(statistics.jitter, after_four + (0.001 - after_four) / 16, 1e-12);
 }
 
 TEST_F(PcapRtInterfaceTest, FramesBeyondTheQueuesRoomAreRefused) {
