@@ -4,6 +4,7 @@
 // usage: lossless DATAGRAMS MBIT/S STREAMS [SAMPLES.csv]
 //   SAMPLES.csv gets the host's resident memory and descriptors, every ten seconds.
 #include <poll.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -23,10 +24,11 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "ipplayout/ipplayout.h"
-#include "tests/support/test_network.h"
 
 namespace {
 
@@ -68,8 +70,7 @@ struct Arrivals {
 
 class Receiver {
  public:
-  explicit Receiver(const ipplayout::NetworkNamespace& where) {
-    const ipplayout::NetworkNamespace::Visit visit(where);
+  Receiver() {
     socket_ = socket(AF_PACKET, SOCK_RAW, 0);
     const int room = 1 << 30;
     const timeval patience{0, 200000};
@@ -81,6 +82,11 @@ class Receiver {
         setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) != 0 ||
         bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
       throw std::runtime_error("cannot capture at the far end");
+    }
+    for (std::size_t i = 0; i < kBurst; ++i) {
+      parts_[i] = {buffers_[i].data(), buffers_[i].size()};
+      messages_[i].msg_hdr.msg_iov = &parts_[i];
+      messages_[i].msg_hdr.msg_iovlen = 1;
     }
   }
 
@@ -102,14 +108,6 @@ class Receiver {
     getsockopt(socket_, SOL_PACKET, PACKET_STATISTICS, &statistics, &size);
     arrivals_.dropped = statistics.tp_drops;
     return arrivals_;
-  }
-
-  void Prepare() {
-    for (std::size_t i = 0; i < kBurst; ++i) {
-      parts_[i] = {buffers_[i].data(), buffers_[i].size()};
-      messages_[i].msg_hdr.msg_iov = &parts_[i];
-      messages_[i].msg_hdr.msg_iovlen = 1;
-    }
   }
 
  private:
@@ -260,22 +258,76 @@ int Compare(const Arrivals& arrivals, std::uint64_t hash, std::uint64_t expected
   return equal ? 0 : 1;
 }
 
+void Check(bool good, const char* problem) {
+  if (!good) {
+    throw std::runtime_error(problem);
+  }
+}
+
+// A network namespace that sends nothing of its own accord, for the calling process.
+bool EnterNewNetwork() {
+  return unshare(CLONE_NEWNET) == 0 &&
+         std::system("echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6") == 0;
+}
+
+// The far end of the wire, in a process and a network namespace of its own.
+class FarEnd {
+ public:
+  FarEnd() {
+    Check(pipe(commands_) == 0 && pipe(reports_) == 0, "no pipes");
+    Check(EnterNewNetwork(), "may not make network namespaces");
+    process_ = fork();
+    if (process_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      _exit(Receive() ? 0 : 1);
+    }
+    Expect<char>();
+    const std::string peer = " type veth peer name far0 netns " + std::to_string(process_);
+    Check(std::system(("ip link add near0" + peer + " && ip link set near0 up").c_str()) == 0,
+          "no veth pair");
+    Command();
+    Expect<char>();
+  }
+
+  Arrivals Arrived() {
+    Command();
+    const auto arrivals = Expect<Arrivals>();
+    waitpid(process_, nullptr, 0);
+    return arrivals;
+  }
+
+ private:
+  bool Receive() {
+    char command = 0;
+    if (!EnterNewNetwork() || write(reports_[1], "", 1) != 1 ||
+        read(commands_[0], &command, 1) != 1 || std::system("ip link set far0 up") != 0) {
+      return false;
+    }
+    static Receiver receiver;
+    if (write(reports_[1], "", 1) != 1) {
+      return false;
+    }
+    const Arrivals arrivals = receiver.Collect(commands_[0]);
+    return write(reports_[1], &arrivals, sizeof arrivals) == sizeof arrivals;
+  }
+
+  void Command() { Check(write(commands_[1], "", 1) == 1, "the receiver has ended"); }
+
+  template <typename T>
+  T Expect() {
+    T value;
+    close(std::exchange(reports_[1], -1));
+    Check(read(reports_[0], &value, sizeof value) == sizeof value, "the receiver has ended");
+    return value;
+  }
+
+  int commands_[2];
+  int reports_[2];
+  pid_t process_ = 0;
+};
+
 int Run(std::uint64_t datagrams, double megabits, std::uint32_t streams, const char* samples_path) {
-  const ipplayout::TestNetwork network;
-  static Receiver receiver(network.far);
-  int ended[2];
-  int report[2];
-  if (pipe(ended) != 0 || pipe(report) != 0) {
-    throw std::runtime_error("no pipe");
-  }
-  const pid_t child = fork();
-  if (child == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    receiver.Prepare();
-    const Arrivals arrivals = receiver.Collect(ended[0]);
-    _exit(write(report[1], &arrivals, sizeof arrivals) == sizeof arrivals ? 0 : 1);
-  }
-  const ipplayout::NetworkNamespace::Visit visit(network.near);
+  FarEnd far_end;
   InitIpPlayout();
   int count = 0;
   const DeviceListEntry* devices = GetListOfDevices(&count);
@@ -290,13 +342,7 @@ int Run(std::uint64_t datagrams, double megabits, std::uint32_t streams, const c
   const std::uint64_t hash = Play(datagrams, samples);
   const std::chrono::duration<double> elapsed = Clock::now() - start;
   IPStop();
-  Arrivals arrivals;
-  if (write(ended[1], "", 1) != 1 ||
-      read(report[0], &arrivals, sizeof arrivals) != sizeof arrivals) {
-    throw std::runtime_error("the receiver has ended");
-  }
-  waitpid(child, nullptr, 0);
-  const int result = Compare(arrivals, hash, datagrams, streams, elapsed.count());
+  const int result = Compare(far_end.Arrived(), hash, datagrams, streams, elapsed.count());
   CleanupIpPlayout();
   return result;
 }
