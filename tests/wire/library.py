@@ -32,7 +32,7 @@ def as_declared(declaration):
 
 def read_header():
     """Every function as (result, arguments) by its name; every record becomes one of TYPES."""
-    folder = pathlib.Path(__file__).parents[2] / "include" / "ipplayout"
+    folder = pathlib.Path(__file__).resolve().parents[2] / "include" / "ipplayout"
     text = "".join((folder / name).read_text() for name in ("records.h", "settings.h", "ipplayout.h"))
     text = re.sub(r"//[^\n]*", "", text)
     for body, name in re.findall(r"typedef struct \w+ \{(.*?)\} (\w+);", text, re.S):
