@@ -11,9 +11,9 @@ class RateMeter {
   void Add(std::int64_t time_ns, std::uint32_t frame_bytes, std::uint32_t payload_bytes) {
     if (frames_ == 0) {
       first_ns_ = last_ns_ = time_ns;
-      first_frame_bytes_ = frame_bytes;
-      first_payload_bytes_ = payload_bytes;
     }
+    last_frame_bytes_ = frame_bytes;
+    last_payload_bytes_ = payload_bytes;
     last_ns_ = std::max(last_ns_, time_ns);
     Regress(static_cast<double>(frame_bytes_), static_cast<double>(time_ns - first_ns_));
     ++frames_;
@@ -28,10 +28,11 @@ class RateMeter {
   std::int64_t LastNs() const { return last_ns_; }
   double Seconds() const { return static_cast<double>(last_ns_ - first_ns_) * 1e-9; }
 
-  // Per second. N frames span N-1 gaps, so the first one is not counted; 0 below two frames.
+  // Per second. N frames span N-1 gaps, each of which is its first frame's, so the last frame is
+  // not counted; 0 below two frames.
   double FrameRate() const { return frames_ == 0 ? 0 : PerSecond(frames_ - 1); }
-  double FrameBitRate() const { return PerSecond(frame_bytes_ - first_frame_bytes_) * 8; }
-  double PayloadBitRate() const { return PerSecond(payload_bytes_ - first_payload_bytes_) * 8; }
+  double FrameBitRate() const { return PerSecond(frame_bytes_ - last_frame_bytes_) * 8; }
+  double PayloadBitRate() const { return PerSecond(payload_bytes_ - last_payload_bytes_) * 8; }
 
   // Slope of the least-squares line through the arrivals: one late first or last frame, which
   // shifts the mean rate of a short run, hardly moves it. 0 below two frames.
@@ -57,8 +58,8 @@ class RateMeter {
   std::uint64_t payload_bytes_ = 0;  // behind the UDP and RTP headers
   std::int64_t first_ns_ = 0;
   std::int64_t last_ns_ = 0;
-  std::uint32_t first_frame_bytes_ = 0;
-  std::uint32_t first_payload_bytes_ = 0;
+  std::uint32_t last_frame_bytes_ = 0;
+  std::uint32_t last_payload_bytes_ = 0;
   double mean_x_ = 0;
   double mean_y_ = 0;
   double sum_xx_ = 0;
