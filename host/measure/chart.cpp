@@ -28,6 +28,7 @@ class Scale {
     if (kind != AxisKind::kRound) low = std::min(low, 0.0);
     if (high <= low) high = low + 1;
     step_ = NiceStep((high - low) / kTicksWanted);
+    if (kind == AxisKind::kCounts) step_ = std::max(1.0, step_);
     low_ = std::floor(low / step_) * step_;
     high_ = kind == AxisKind::kTight ? high : std::ceil(high / step_) * step_;
   }

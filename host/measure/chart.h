@@ -26,6 +26,7 @@ struct ChartSeries {
 
 enum class AxisKind {
   kFromZero,     // linear, from 0 to a round number
+  kCounts,       // the same, with whole numbers at its ticks
   kRound,        // linear, between round numbers
   kTight,        // linear, from 0 to the largest value
   kLogarithmic,  // a little wider than the values

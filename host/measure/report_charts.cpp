@@ -15,6 +15,7 @@ namespace {
 constexpr double kBarsWanted = 120;
 
 std::string TimeText(double ns) {
+  if (std::abs(ns) < 0.5) return "0";
   return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
 }
 std::string SecondsText(double seconds) {
@@ -122,7 +123,7 @@ Chart LossOverTime(const TimeSeries<MdiPoint>& mdi) {
   Chart chart{"Media loss rate over time",
               "RFC 4445, packets per second",
               kTimeAxis,
-              {AxisKind::kFromZero, CountText},
+              {AxisKind::kCounts, CountText},
               {}};
   ChartSeries loss{"lost", SeriesStyle::kLine, {}};
   const double seconds = static_cast<double>(mdi.IntervalNs()) * 1e-9;

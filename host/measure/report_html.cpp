@@ -100,7 +100,7 @@ void WriteStreamRow(Out out, const StreamSummary& s) {
 }
 
 void WriteStreamTable(Out out, const Summary& summary) {
-  fmt::format_to(out, "<h2>Streams</h2>\n<div class=\"scroll\"><table><tr>");
+  fmt::format_to(out, "<h2>Streams</h2>\n<div class=\"scroll\"><table class=\"wide\"><tr>");
   for (const char* title : {"stream", "frames", "frame rate", "rate error", "gap p50", "gap p99",
                             "gap max", "gap error p99", "lost", "duplicates", "reordered",
                             "jitter max", "DF max", "bad IP", "bad UDP", "TS errors"}) {
@@ -142,7 +142,7 @@ void WriteCharts(Out out, const std::vector<Chart>& charts) {
 }
 
 void WritePlottedStream(Out out, const StreamSummary& summary, const Stream& stream, bool open) {
-  fmt::format_to(out, "<details{}><summary><h2 style=\"display:inline-block\">{}</h2></summary>\n",
+  fmt::format_to(out, "<details{}><summary><h2 style=\"display:inline\">{}</h2></summary>\n",
                  open ? " open" : "", StreamName(summary));
   WriteCharts(out, StreamCharts(stream));
   if (summary.ts) WritePids(out, *summary.ts);
