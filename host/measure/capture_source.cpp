@@ -107,7 +107,12 @@ Result<CaptureSource> CaptureSource::OpenFile(const std::string& path, const std
   std::array<char, PCAP_ERRBUF_SIZE> error{};
   Handle handle(::pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO,
                                                           error.data()));
-  if (handle == nullptr) return UsageFailure(error.data());
+  if (handle == nullptr) {
+    // libpcap names the file in some of its messages only.
+    const std::string why = error.data();
+    const bool named = why.find(path) != std::string::npos;
+    return UsageFailure(named ? why : fmt::format("{}: {}", path, why));
+  }
   return Finish(std::move(handle), path, filter, false);
 }
 

@@ -173,6 +173,56 @@ class Content(unittest.TestCase):
         self.assertEqual(found["skipped_bytes"], 10 * 1316)
 
 
+class Sources(unittest.TestCase):
+    """The same frames in every kind of file, as another program converts them."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.original = self.path("original")
+        self.playout = Playout(datagrams=200, gap_ns=1_000_500, lose={50})
+        write_pcap(self.original, self.playout.capture())
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def convert(self, *options):
+        subprocess.run(["editcap", *options, self.original, self.path("file")], check=True,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        return self.path("file")
+
+    def test_formats_and_their_time_stamps(self):
+        raw = ("-C", "14", "-L", "-T", "rawip")  # the Ethernet header cut off
+        for options, longest_gap in ((("-F", "nsecpcap"), 1_000_500), (("-F", "pcap"), 1_001_000),
+                                     (("-F", "pcapng"), 1_000_500), (("-F", "nsecpcap", *raw), 1_000_500)):
+            with self.subTest(options=options):
+                result = measure(self.convert(*options))
+                stream, = result["streams"]
+                self.assertEqual(found_in(stream), vars(self.playout.truth()))
+                self.assertEqual(stream["spacing"]["gap_ns"]["max"], longest_gap)
+
+    def test_cut_files_are_measured_up_to_there(self):
+        for options in (("-F", "nsecpcap"), ("-F", "pcapng")):
+            path = self.convert(*options)
+            os.truncate(path, os.path.getsize(path) - 700)
+            run = subprocess.run([IPPLAY, "measure", path, "--json"], capture_output=True, text=True)
+            self.assertEqual(run.returncode, 1)
+            self.assertEqual(len(run.stderr.splitlines()), 1)
+            self.assertEqual(json.loads(run.stdout)["total"]["rate"]["frames"], 198)
+
+    def test_other_files_are_refused_in_one_line(self):
+        with open(self.path("text"), "w") as file:
+            file.write("no capture at all\n" * 10)
+        for path, said in ((self.convert("-T", "ieee-802-11"), "IEEE802_11"), (self.path("text"), "text"),
+                           (self.path("missing"), "missing"), (self.folder, self.folder)):
+            run = subprocess.run([IPPLAY, "measure", path], capture_output=True, text=True)
+            self.assertEqual((run.returncode, run.stdout, len(run.stderr.splitlines())), (2, "", 1), path)
+            self.assertIn(said, run.stderr)
+        run = subprocess.run([IPPLAY, "measure", "no-such-device"], capture_output=True, text=True)
+        self.assertEqual((run.returncode, len(run.stderr.splitlines())), (3, 1))
+
+
 class Limits(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
