@@ -85,3 +85,6 @@ ffmpeg -nostdin -loglevel error -progress "$work/progress" -i "$work/received.ts
 echo "  decoder     ffmpeg: $codecs; $(sed -n 's/^frame=//p' "$work/progress" | tail -n 1) pictures," \
   "$(wc -l <"$work/complaints") complaints"
 cmp -s "$work/received.ts" "$stream" || stop "the payload did not arrive as it was sent"
+
+echo
+build/release/host/ipplay demo --length 3s --report build/demo-report.html

@@ -25,6 +25,7 @@ int Run(int argc, char** argv) {
   ipplay::RegisterResolve(app, exit_status);
   ipplay::RegisterPlay(app, exit_status);
   ipplay::RegisterMeasure(app, exit_status);
+  ipplay::RegisterDemo(app, exit_status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,6 +30,11 @@ struct MeasureOptions {
   bool quiet = false;
   std::string report_file;
   std::uint64_t rows = 20;
+
+  // Of a measurement that brings its sender along; not on the command line.
+  bool plain_words = false;            // instead of the tables
+  std::function<bool()> start_sender;  // called when nothing can be missed any more
+  std::function<bool()> sender_ended;  // the measurement ends with it
 };
 
 // `options` outlives the command.

@@ -13,6 +13,7 @@
 #include "host/measure/json_view.h"
 #include "host/measure/live_view.h"
 #include "host/measure/output_file.h"
+#include "host/measure/plain_words.h"
 #include "host/measure/report_html.h"
 #include "host/measure/stop_signals.h"
 #include "host/measure/table_view.h"
@@ -56,6 +57,10 @@ class EndWatch {
       frames_ = frames;
     }
     if (measurement.IsComplete()) return true;
+    if (options_.sender_ended && options_.sender_ended()) {
+      sender_end_ = std::min(sender_end_, now);
+      return now - sender_end_ > kLastFramesWait;
+    }
     if (options_.duration && now - first_ > *options_.duration + kLastFramesWait) return true;
     if (frames_ == 0) return options_.wait && now - first_ > *options_.wait;
     return options_.silence && now - last_ > *options_.silence;
@@ -66,6 +71,7 @@ class EndWatch {
   std::uint64_t frames_ = 0;
   Clock::time_point first_ = Clock::now();  // of the first frame; until then, of the start
   Clock::time_point last_;
+  Clock::time_point sender_end_ = Clock::time_point::max();
 };
 
 class MeasureRun {
@@ -80,8 +86,10 @@ class MeasureRun {
   // Takes frames until the end. Returns why it ended early, if it did.
   std::optional<Failure> Run() {
     const StopSignals signals;
-    if (source_.IsLive() && !options_.quiet) {
-      // From here on no frame is missed: a script that reads this may start the sender.
+    // From here on no frame is missed.
+    if (options_.start_sender) {
+      if (!options_.start_sender()) return Failure{ExitStatus::kFailed, "cannot start the sender"};
+    } else if (source_.IsLive() && !options_.quiet) {
       fmt::print(stderr, "Measuring on {}\n", options_.source);
     }
     EndWatch end(options_);
@@ -191,6 +199,8 @@ int RunMeasurement(const MeasureOptions& options,
   const auto verdicts = Judge(summary, RequirementsOf(options));
   if (options.json) {
     fmt::print(Results(), "{}\n", JsonText(summary, verdicts));
+  } else if (options.plain_words) {
+    fmt::print(Results(), "{}", PlainWords(summary, verdicts));
   } else {
     const ResultTableSettings table{.max_streams = options.rows};
     fmt::print(Results(), "{}", ResultTable(summary, verdicts, table));

@@ -20,7 +20,7 @@ struct PcrSample {
 
 class PcrTracker {
  public:
-  // ETSI TR 101 290, 5.3.2.
+  // ETSI TR 101 290, 5.2.2, 2.3.a and 2.3.b.
   static constexpr std::int64_t kLongestRepetitionNs = 40'000'000;
   static constexpr std::int64_t kLargestStepTicks = 27'000'000 / 10;
 

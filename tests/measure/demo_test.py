@@ -1,0 +1,72 @@
+"""ipplay demo: what it says is so, and whatever ends it, nothing of it is left."""
+
+import os
+import select
+import signal
+import subprocess
+import tempfile
+import unittest
+
+IPPLAY = os.environ["IPPLAY"]
+SAMPLE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "sample.ts")
+
+
+class Demo(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.report = os.path.join(folder.name, "report.html")
+
+    def start(self, *arguments):
+        return subprocess.Popen([IPPLAY, "demo", "--report", self.report, *arguments],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    def test_plays_and_measures(self):
+        # 500 ms at 10 Mbit/s are 3324 whole packets, in 475 datagrams; the sample has 1418, in 203.
+        for arguments, datagrams in ((("--length", "500ms"), 475), ((SAMPLE, "--bitrate", "5M"), 203)):
+            with self.subTest(arguments=arguments):
+                demo = self.start(*arguments)
+                output, complaints = demo.communicate()
+                self.assertEqual(demo.returncode, 0, output + complaints)
+                self.assertRegex(output, rf"datagrams +{datagrams} in .*none lost, none out of order, none twice")
+                self.assertRegex(output, "content +identical with the file, byte for byte")
+                with open(self.report, encoding="utf-8") as page:
+                    self.assertTrue(page.read().rstrip().endswith("</html>"))
+                os.unlink(self.report)
+
+    def test_refuses_in_one_line(self):
+        with open(self.report, "wb") as file:
+            file.write(bytes(5000))
+        demo = self.start(self.report)
+        self.assertEqual(len(demo.communicate()[1].splitlines()), 1)
+        self.assertEqual(demo.returncode, 2)
+
+    def test_ends_with_all_its_processes(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGKILL):
+            with self.subTest(number=number):
+                demo = self.start("--length", "60s")
+                self.assertIn("Playing", demo.stdout.readline())
+                player = self.wait_for_child(demo)
+                demo.send_signal(number)
+                self.assertTrue(select.select([player], [], [], 20)[0], "the player plays on")
+                os.close(player)
+                demo.communicate()
+                if number != signal.SIGKILL:  # of what was measured so far
+                    self.assertEqual(os.listdir(os.path.dirname(self.report)), ["report.html"])
+
+    def wait_for_child(self, demo):
+        """A descriptor of the player, which is the one child that stays."""
+        while True:
+            self.assertIsNone(demo.poll())
+            with open(f"/proc/{demo.pid}/task/{demo.pid}/children", encoding="ascii") as file:
+                for child in file.read().split():
+                    try:
+                        with open(f"/proc/{child}/cmdline", "rb") as command:
+                            if command.read().startswith(b"ipplay\0play\0"):
+                                return os.pidfd_open(int(child))
+                    except (FileNotFoundError, ProcessLookupError):
+                        pass  # one of ip's, which has ended meanwhile
+
+
+if __name__ == "__main__":
+    unittest.main()
