@@ -29,8 +29,8 @@ foreach(pair runtime:libipplayout1 development:libipplayout-dev tool:ipplay)
   install(FILES "${root}/LICENSE" RENAME copyright DESTINATION "${documents}" COMPONENT ${component})
   install_compressed("${root}/CHANGELOG.md" changelog "${documents}" ${component})
 endforeach()
-install(FILES "${root}/docs/recipes.md" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay"
-  COMPONENT tool)
+install(FILES "${root}/docs/measuring.md" "${root}/docs/recipes.md"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
 get_property(compressed GLOBAL PROPERTY compressed_documents)
 add_custom_target(compressed_documents ALL DEPENDS ${compressed})
 
@@ -70,7 +70,7 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ipplay)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libipplayout1 (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS libcap2-bin)
+set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "iproute2, libcap2-bin")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_CURRENT_BINARY_DIR}")
 set(CPACK_COMPONENT_TOOL_DESCRIPTION
   "player of transport streams for tests of receivers and networks

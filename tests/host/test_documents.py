@@ -83,8 +83,9 @@ class Recipes(PlayCase):
 class Descriptions(unittest.TestCase):
     def test_man_page_has_every_option(self):
         page = text_of("docs", "man", "ipplay.1").replace("\\-", "-")
-        options = options_of("play") | options_of("devices") | options_of("resolve") | options_of()
-        self.assertGreater(len(options), 50)
+        commands = [[], ["play"], ["devices"], ["resolve"], ["measure"], ["demo"]]
+        options = set().union(*(options_of(*command) for command in commands))
+        self.assertGreater(len(options), 90)
         self.assertEqual({option for option in options if option not in page}, set())
 
     def test_man_pages_are_well_formed(self):
@@ -101,10 +102,11 @@ class Descriptions(unittest.TestCase):
         return subprocess.run(["bash", "-c", script], check=True, text=True, stdout=subprocess.PIPE).stdout.split()
 
     def test_completion(self):
-        self.assertEqual(self.complete("de"), ["devices"])
+        self.assertEqual(self.complete("de"), ["devices", "demo"])
         self.assertEqual(self.complete("play", "--lo"), ["--loop", "--lose"])
         self.assertEqual(self.complete("devices", "--j"), ["--json"])
         self.assertIn("lo", self.complete("play", "--device", "lo"))
+        self.assertIn("lo", self.complete("measure", "l"))
         self.assertEqual(self.complete("play", "--stats", "j"), ["json"])
 
 

@@ -47,6 +47,7 @@ class Packages(unittest.TestCase):
             f"{multiarch}/libipplayout.so.1", f"{multiarch}/libipplayout.so.1.0.0"})
         self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
             "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz", "usr/share/bash-completion/completions/ipplay",
+            "usr/share/doc/ipplay/measuring.md",
             "usr/share/doc/ipplay/recipes.md"})
         development = self.contents("libipplayout-dev")
         for name in (f"{multiarch}/libipplayout.so", f"{multiarch}/pkgconfig/ipplayout.pc",
