@@ -25,3 +25,6 @@ for sanitizer in asan tsan; do
   build "$sanitizer" ipplayout unit_tests
   run_tests "$sanitizer" -E "^host|^measure|example|installed_package"
 done
+# Hostile frames for the measuring end, a few seconds of them.
+build fuzz decoder_fuzzer frames_fuzzer
+run_tests fuzz -L fuzz

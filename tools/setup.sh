@@ -5,8 +5,9 @@ build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev 
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
 # What plays the far side of the wire: namespaces, capture, dissector, decoder.
 wire_packages=(iproute2 tshark ffmpeg)
-# What the tests of ipplay take besides: its documents, its packages, rights for a single program.
-test_packages=(groff-base dpkg-dev file libcap2-bin)
+# What the tests of ipplay take besides: its documents, its packages, rights for a single program,
+# and the fuzzer.
+test_packages=(groff-base dpkg-dev file libcap2-bin clang libclang-rt-14-dev)
 
 stop() {
   echo "$(basename "$0"): $*" >&2
