@@ -1,0 +1,148 @@
+/* Batches on their way from the pump to the transmitter, and the end of a run: transmit/
+   batch_hand_over.cpp, pcap_rt_interface.cpp and packet_transmitter.cpp, payload/data_pump.cpp, and
+   the stop of control/playout.cpp. MOST batches may be in transit. */
+#define SIGNALS 3
+#define READY 0
+#define FREED 1
+#define FINISHED 2
+#include "signal.pml"
+
+#ifndef MOST
+#define MOST 1
+#endif
+#define BATCHES 3
+#define NOBODY_WAITS 255
+
+byte handed, released, sent;
+byte resumes_at = NOBODY_WAITS;
+bool woken, abandoned, finished, failed;   /* of the interface */
+bool pump_stop, transmitter_stop, complete, transmitter_ended;
+bool paused, pump_rests;                   /* the pump sleeps until it is resumed */
+bool awaits_end;                           /* the host ends nothing, and resumes what it has paused */
+
+inline Wake() { woken = true; Set(READY) }
+
+inline WaitUntilInTransit(batches) {
+  do
+  :: handed - released <= batches || abandoned -> break
+  :: else ->
+     Reset(FREED);
+     resumes_at = batches;
+     if
+     :: handed - released > batches && !abandoned -> Wait(FREED)
+     :: else
+     fi;
+     resumes_at = NOBODY_WAITS
+  od
+}
+
+/* All under the pause mutex, in one step: nobody can come between. */
+inline WaitWhilePaused() {
+  if
+  :: atomic { paused && !pump_stop -> pump_rests = true }; !pump_rests
+  :: atomic { else }
+  fi
+}
+
+inline Pause(on) {
+#if FAULT != 3
+  atomic { paused = on; if :: on :: else -> pump_rests = false fi }
+#else
+  paused = on
+#endif
+}
+
+proctype Pump() {
+  byte look, left = BATCHES;
+  bool stopping;
+  do
+  :: stopping = pump_stop;
+     if :: !stopping -> WaitWhilePaused(); stopping = pump_stop :: else fi;
+     if :: true -> break :: left > 0 fi; /* the data may end at any time */
+     if :: failed -> goto ended :: else fi;
+     if :: handed - released >= MOST -> WaitUntilInTransit(MOST / 2) :: else fi;
+     if :: failed -> goto ended :: else fi;
+     handed++;
+#if FAULT != 4
+     Set(READY);
+#endif
+     left--;
+     if :: stopping -> break :: else fi
+  od;
+  WaitUntilInTransit(0); /* FlushLastQueue */
+  finished = true;
+  Wake();
+ended:
+  complete = true;
+  Wake()
+}
+
+proctype Transmitter() {
+  byte look;
+  bool was_woken;
+  do
+  :: transmitter_stop || finished -> break
+  :: else ->
+     do /* WaitForQueue */
+     :: handed != released -> break
+     :: else ->
+        atomic { was_woken = woken; woken = false };
+        if :: was_woken -> break :: else fi;
+        Reset(READY);
+#if FAULT != 6
+        if :: handed == released && !woken -> Wait(READY) :: else fi
+#else
+        Wait(READY) /* without a second look */
+#endif
+     od;
+     if
+     :: handed == released
+     :: else ->
+        if
+        :: !finished -> /* the adapter refuses the batch */
+           failed = true;
+           finished = true;
+#if FAULT != 7
+           abandoned = true;
+           Set(FREED);
+#endif
+           break
+        :: true ->
+           sent++;
+           released++;
+           look = resumes_at;
+           if :: look != NOBODY_WAITS && handed - released <= look -> Set(FREED) :: else fi
+        fi
+     fi
+  od;
+  Set(FINISHED);
+  transmitter_ended = true
+}
+
+/* A host thread that pauses and resumes, and one that ends the run at any moment or waits for it. */
+proctype Pauser() {
+  if :: Pause(true) :: true fi;
+  if :: Pause(false) :: !awaits_end fi
+}
+
+active proctype Host() {
+  byte look;
+  if :: awaits_end = true :: true fi;
+  atomic { run Pauser(); run Transmitter(); run Pump() };
+  if :: awaits_end -> complete :: else fi;
+#if FAULT != 5
+  pump_stop = true;
+  Pause(false);
+#else
+  Pause(false); /* before the stop is asked for */
+  pump_stop = true;
+#endif
+  complete;
+  transmitter_stop = true;
+  Wake();
+  Wait(FINISHED);
+  transmitter_ended;
+  assert(failed || handed == sent)
+}
+
+ltl the_run_ends { <> transmitter_ended }
