@@ -130,7 +130,7 @@ def end_group(process):
 def busy_processors():
     """Keeps every processor busy, in a session of its own as every sender."""
     stress = subprocess.Popen(["stress-ng", "--quiet", "--cpu", str(os.cpu_count())],
-                              start_new_session=True, stdout=subprocess.DEVNULL)
+                              start_new_session=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
         time.sleep(0.3)
         yield

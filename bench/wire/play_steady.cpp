@@ -8,7 +8,6 @@
 #include <sys/resource.h>
 
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +23,7 @@ using std::chrono::duration;
 
 constexpr std::uint32_t kPayload = 7 * 188;
 constexpr double kFrame = 1370;
-constexpr std::uint16_t kSlice = 10;  // datagrams to a write
+constexpr std::uint16_t kSlice = 100;  // datagrams to a write
 
 struct Interruption {
   double at = 0;
@@ -55,13 +54,14 @@ double CpuSeconds() {
 void WriteData(const Run& run) {
   const std::vector<std::uint8_t> data(std::size_t{kSlice} * kPayload, 0x47);
   const auto start = std::chrono::steady_clock::now();
-  const double slices_before = run.starve.at * run.megabits * 1e6 / 8 / kFrame / kSlice;
-  auto left = static_cast<std::int64_t>(std::lround(slices_before));
-  do {
-    if (left-- == 0 && run.starve.length > 0) {
-      std::this_thread::sleep_until(start + duration<double>(run.starve.at + run.starve.length));
+  if (run.starve.length > 0) {
+    auto left = static_cast<std::int64_t>(run.starve.at * run.megabits * 1e6 / 8 / kFrame);
+    while (left-- > 0 && IPWrite(data.data(), kPayload / 4) == 0) {
     }
-  } while (IPWrite(data.data(), kSlice * kPayload / 4) == 0);
+    std::this_thread::sleep_until(start + duration<double>(run.starve.at + run.starve.length));
+  }
+  while (IPWrite(data.data(), kSlice * kPayload / 4) == 0) {
+  }
 }
 
 void Wait(const Run& run) {
