@@ -250,9 +250,10 @@ class Yardstick:
         gap = gap_ns(10)
         for _ in range(self.rounds):
             measuring = subprocess.Popen(
-                self.bed.far + [self.senders.ipplay_program, "measure", self.bed.FAR, "--json", "--quiet",
-                                "--duration", "2s", "--expect-rate", "10M"], stdout=subprocess.PIPE, text=True)
-            time.sleep(2 * WARM_UP)  # for it to listen
+                self.bed.far + [self.senders.ipplay_program, "measure", self.bed.FAR, "--json", "--duration", "2s",
+                                "--expect-rate", "10M"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            while not measuring.stderr.readline().startswith("Measuring on"):
+                pass
             with self.bed.recording() as result, self.bed.sender(self.senders.library()(10, 3)) as sender:
                 seen = json.loads(measuring.communicate()[0])["streams"][0]
                 sender.wait()
@@ -260,8 +261,7 @@ class Yardstick:
             errors = seen["spacing"]["gap_error_ns"]
             table.add("ipplay measure", {"rate": seen["rate"]["error_ppm"],
                                          **{name: errors[name] / 1000 for name in ("p50", "p99", "max")}})
-            mean_rate = ((len(times) - 1) * gap / (times[-1] - times[0]) - 1) * 1e6
-            table.add("wire_receiver", {**analysis.gap_errors(times, gap), "rate": mean_rate})
+            table.add("wire_receiver", {**analysis.gap_errors(times, gap), "rate": analysis.rate_error(times, gap)})
         return table
 
     def pump(self):
