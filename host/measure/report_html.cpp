@@ -142,8 +142,8 @@ void WriteCharts(Out out, const std::vector<Chart>& charts) {
 }
 
 void WritePlottedStream(Out out, const StreamSummary& summary, const Stream& stream, bool open) {
-  fmt::format_to(out, "<details{}><summary><h2 style=\"display:inline\">{}</h2></summary>\n",
-                 open ? " open" : "", StreamName(summary));
+  fmt::format_to(out, "<details{}><summary><h2>{}</h2></summary>\n", open ? " open" : "",
+                 StreamName(summary));
   WriteCharts(out, StreamCharts(stream));
   if (summary.ts) WritePids(out, *summary.ts);
   fmt::format_to(out, "</details>\n");

@@ -18,7 +18,7 @@ h1 { font-size:1.5rem; margin:0; } h2 { font-size:1.15rem; margin:2rem 0 .75rem;
 h2 small, header p { color:var(--soft); font-weight:400; } header p { margin:.15rem 0 1.25rem; }
 .tiles { display:grid; grid-template-columns:repeat(auto-fit,minmax(170px,1fr)); gap:12px; }
 .tile, figure, .scroll { background:var(--card); border:1px solid var(--line); border-radius:8px; }
-.tile { padding:10px 14px; } .tile b { display:block; font-size:1.2rem; font-weight:600; }
+.tile { padding:10px 14px; } .tile b { display:block; font-size:1.1rem; font-weight:600; white-space:nowrap; }
 .tile span { color:var(--soft); font-size:.85rem; } .tile.bad b { color:var(--bad); }
 .banner { margin:0 0 12px; padding:10px 14px; border-radius:8px; border:1px solid currentColor; }
 .met { color:var(--good); } .not { color:var(--bad); }
@@ -52,7 +52,8 @@ th:first-child, td:first-child, .left th, .left td { text-align:left; }
 .facts td:last-child { white-space:normal; }
 .wide th, .wide td { padding:6px; font-size:.82rem; } .wide th { white-space:normal; vertical-align:bottom; }
 .wide td:first-child { white-space:normal; min-width:9.5rem; }
-code { font-size:.9em; } details > summary { cursor:pointer; }
+code { font-size:.9em; } details > summary { cursor:pointer; margin:2rem 0 .75rem; }
+summary h2 { display:inline; }
 footer { color:var(--soft); font-size:.85rem; margin-top:2rem; }
 @media (max-width:760px) { main { padding:16px 12px 32px; } .charts { grid-template-columns:minmax(0,1fr); }
   .tiles { grid-template-columns:repeat(2,minmax(0,1fr)); } .tile b { font-size:1.05rem; }
