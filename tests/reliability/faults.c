@@ -5,7 +5,6 @@
 // and of the threads that such a thread has created. The rest concerns the whole process.
 #include <dlfcn.h>
 #include <errno.h>
-#include <malloc.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdatomic.h>
@@ -51,7 +50,7 @@ enum {
   SHORT
 };
 
-static atomic_long live_bytes;
+static atomic_long held;  // blocks, and bytes of mappings
 static atomic_long clock_shift;
 static _Thread_local bool in_library __attribute__((tls_model("initial-exec")));
 
@@ -86,8 +85,8 @@ EXPORTED long fault_run(long (*function)(long, long, long, long), long a, long b
   return result;
 }
 
-EXPORTED long fault_live_bytes(void) {
-  return live_bytes;
+EXPORTED long fault_held(void) {
+  return held;
 }
 
 EXPORTED void fault_shift_clock(long seconds) {
@@ -114,7 +113,7 @@ static bool no_memory(void) {
 
 static void* counted(void* block) {
   if (in_library && block != NULL) {
-    live_bytes += (long)malloc_usable_size(block);
+    ++held;
   }
   return block;
 }
@@ -127,7 +126,7 @@ EXPORTED void* calloc(size_t count, size_t size) {
 }
 EXPORTED void free(void* block) {
   if (in_library && block != NULL) {
-    live_bytes -= (long)malloc_usable_size(block);
+    --held;
   }
   const int kept = errno;
   __libc_free(block);
@@ -138,7 +137,7 @@ EXPORTED void* realloc(void* block, size_t size) {
     return NULL;
   }
   if (in_library && block != NULL) {
-    live_bytes -= (long)malloc_usable_size(block);
+    --held;
   }
   return counted(__libc_realloc(block, size));
 }
@@ -167,7 +166,7 @@ EXPORTED void* mmap(void* address, size_t size, int access, int flags, int file,
   }
   void* block = real(address, size, access, flags, file, offset);
   if (in_library && block != MAP_FAILED) {
-    live_bytes += (long)size;
+    held += (long)size;
   }
   return block;
 }
@@ -175,7 +174,7 @@ EXPORTED int munmap(void* address, size_t size) {
   REAL(munmap)
   const int result = real(address, size);
   if (in_library && result == 0) {
-    live_bytes -= (long)size;
+    held -= (long)size;
   }
   return result;
 }

@@ -28,9 +28,9 @@ class Faults:
         dll.fault_run.argtypes = [ctypes.c_void_p] + [ctypes.c_long] * 4
         dll.fault_set.argtypes = [ctypes.c_char_p, ctypes.c_long, ctypes.c_long, ctypes.c_int]
         dll.fault_refused.argtypes, dll.fault_refused.restype = [ctypes.c_char_p], ctypes.c_long
-        dll.fault_live_bytes.restype = dll.fault_run.restype = ctypes.c_long
+        dll.fault_held.restype = dll.fault_run.restype = ctypes.c_long
         dll.fault_shift_clock.argtypes = [ctypes.c_long]
-        self.live_bytes, self.shift_clock, self._dll = dll.fault_live_bytes, dll.fault_shift_clock, dll
+        self.held, self.shift_clock, self._dll = dll.fault_held, dll.fault_shift_clock, dll
 
     def set(self, call, first=0, count=FOREVER, error=0):
         """From the call after `first` others on, `count` calls fail with `error`."""
@@ -77,12 +77,12 @@ class Host:
         return statistics
 
     def traces(self):
-        """What a playout could leave behind: threads beside the host's own, descriptors, bytes."""
+        """What a playout could leave behind: threads beside the host's own, descriptors, blocks of memory."""
         names = {task: comm(task) for task in os.listdir("/proc/self/task")}
         own = names[str(os.getpid())]
         threads = sorted(name for name in names.values() if name not in ("", own))
         files = {file: link(file) for file in os.listdir("/proc/self/fd")}
-        return threads, {file: target for file, target in files.items() if target}, self.faults.live_bytes()
+        return threads, {file: target for file, target in files.items() if target}, self.faults.held()
 
     def assert_nothing_left(self, what=""):
         for now, before in zip(self.traces(), self.before):

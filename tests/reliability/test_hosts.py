@@ -147,7 +147,7 @@ class Storm(ReliabilityCase):
             library.IPStop()
             left, before = host.traces(), host.before
             assert left[:2] == before[:2], (left, before)
-            assert left[2] - before[2] < 4096, "memory was lost"  # the events' list may have grown
+            assert left[2] - before[2] < 5, "memory was lost"  # what a one-shot request sets up for good stays
             library.configure(TYPICAL)
             return {"calls": sum(counts), "statistics": host.play(data)}
         data = datagrams(Model(TYPICAL), 5)
