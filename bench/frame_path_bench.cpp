@@ -23,7 +23,6 @@ constexpr std::uint32_t kFrame = 1370;
 class NullHandle final : public CaptureHandle {
  public:
   int DataLink() const override { return kEthernetDataLink; }
-  const char* SenderName() const override { return "nothing"; }
   FilterResult SetFilter(const char*, std::uint32_t) override { return {}; }
   bool SendFrame(std::span<const std::uint8_t>) override { return true; }
   std::size_t TransmitQueue(const SendQueue& queue, bool, platform::DeadlineWaiter&) override {

@@ -49,10 +49,6 @@ struct OpenOptions {
   // Hands each captured frame over as it comes, not in blocks that may take a few milliseconds.
   // Every frame then takes the room of a whole snapshot, rounded up, in the kernel's buffer.
   bool immediate = false;
-  // TransmitQueue uses an AF_XDP socket where kernel and adapter allow it, a packet socket where
-  // not. The environment variable IPPLAYOUT_SENDER, read once, narrows that down: "socket" leaves
-  // it at the packet socket, and with "xdp" an adapter is not opened that has to do without AF_XDP.
-  bool fast_sending = false;
 };
 
 struct CapturedFrame {
@@ -77,9 +73,6 @@ class CaptureHandle {
 
   // Kind of link-layer header; kEthernetDataLink for adapters that can carry a playout.
   virtual int DataLink() const = 0;
-
-  // What TransmitQueue sends through, for people to read.
-  virtual const char* SenderName() const = 0;
 
   virtual FilterResult SetFilter(const char* text, std::uint32_t netmask) = 0;
 

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include <cstdlib>
 #include <utility>
 
 #include "driver/timed_batch.h"
@@ -38,11 +37,6 @@ void WaitUntilReadable(int descriptor, std::chrono::nanoseconds limit) {
 // playout does without it.
 constexpr bpf_insn kAcceptAll{BPF_RET | BPF_K, 0, 0, 0x40000};
 
-std::string EnvironmentValue(const char* name) {
-  const char* value = std::getenv(name);
-  return value == nullptr ? "" : value;
-}
-
 class FilterProgram {
  public:
   FilterProgram() = default;
@@ -66,7 +60,7 @@ PcapHandle::PcapHandle(Capture capture, std::chrono::milliseconds read_timeout)
     : capture_(std::move(capture)),
       descriptor_(pcap_fileno(capture_.get())),
       read_timeout_(read_timeout),
-      socket_(descriptor_) {}
+      sender_(descriptor_) {}
 
 std::unique_ptr<PcapHandle> PcapHandle::Open(const std::string& interface,
                                              const OpenOptions& options) {
@@ -89,26 +83,11 @@ std::unique_ptr<PcapHandle> PcapHandle::Open(const std::string& interface,
   std::unique_ptr<PcapHandle> handle(new PcapHandle(std::move(capture), options.read_timeout));
   fcntl(handle->descriptor_, F_SETFD, FD_CLOEXEC);
   BypassQueueingDiscipline(handle->descriptor_);
-  if (options.fast_sending && !handle->ChooseSender(interface)) {
-    return nullptr;
-  }
   return handle;
-}
-
-bool PcapHandle::ChooseSender(const std::string& interface) {
-  static const std::string choice = EnvironmentValue("IPPLAYOUT_SENDER");
-  if (choice != "socket") {
-    xdp_ = XdpSender::Open(interface, socket_, descriptor_);
-  }
-  return xdp_ != nullptr || choice != "xdp";
 }
 
 int PcapHandle::DataLink() const {
   return pcap_datalink(capture_.get());
-}
-
-const char* PcapHandle::SenderName() const {
-  return xdp_ == nullptr ? "packet socket" : "AF_XDP";
 }
 
 FilterResult PcapHandle::SetFilter(const char* text, std::uint32_t netmask) {
@@ -129,13 +108,12 @@ FilterResult PcapHandle::SetFilter(const char* text, std::uint32_t netmask) {
 }
 
 bool PcapHandle::SendFrame(std::span<const std::uint8_t> frame) {
-  return socket_.SendBurst({&frame, 1}) == 1;
+  return sender_.SendBurst({&frame, 1}) == 1;
 }
 
 std::size_t PcapHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
                                       platform::DeadlineWaiter& waiter) {
-  BurstSender& sender = xdp_ == nullptr ? static_cast<BurstSender&>(socket_) : *xdp_;
-  return TransmitTimed(queue, synchronised, waiter, sender);
+  return TransmitTimed(queue, synchronised, waiter, sender_);
 }
 
 std::optional<CapturedFrame> PcapHandle::NextFrame() {

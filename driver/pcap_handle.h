@@ -10,7 +10,6 @@
 
 #include "driver/burst_socket.h"
 #include "driver/capture_driver.h"
-#include "driver/xdp_sender.h"
 
 struct pcap;
 
@@ -22,7 +21,6 @@ class PcapHandle final : public CaptureHandle {
   static std::unique_ptr<PcapHandle> Open(const std::string& interface, const OpenOptions& options);
 
   int DataLink() const override;
-  const char* SenderName() const override;
   FilterResult SetFilter(const char* text, std::uint32_t netmask) override;
   bool SendFrame(std::span<const std::uint8_t> frame) override;
   std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
@@ -36,14 +34,11 @@ class PcapHandle final : public CaptureHandle {
   using Capture = std::unique_ptr<pcap, Close>;
 
   PcapHandle(Capture capture, std::chrono::milliseconds read_timeout);
-  // False when that ends in a sender that the environment rules out.
-  bool ChooseSender(const std::string& interface);
 
   const Capture capture_;
   const int descriptor_;
   const std::chrono::nanoseconds read_timeout_;
-  BurstSocket socket_;
-  std::unique_ptr<XdpSender> xdp_;  // null: frames leave through socket_
+  BurstSocket sender_;
 };
 
 }  // namespace ipplayout

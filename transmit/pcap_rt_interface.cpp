@@ -6,7 +6,6 @@
 
 #include "platform/clock.h"
 #include "protocol/pdu.h"
-#include "transmit/trace_log.h"
 
 namespace ipplayout {
 namespace {
@@ -14,8 +13,8 @@ namespace {
 constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
 constexpr std::uint32_t kFramesAtFullSpeed = 160;  // in transit
-constexpr double kLongestPacketTime = 1e9;         // seconds: keeps the arithmetic on times finite
-constexpr std::uint32_t kQueueRoomPerFrame = 24;   // for the frame's header, on top of its bytes
+constexpr double kLongestPacketTime = 1e9;        // seconds: keeps the arithmetic on times finite
+constexpr std::uint32_t kQueueRoomPerFrame = 24;  // for the frame's header, on top of its bytes
 
 std::uint64_t Nanoseconds(const CapturedFrame& frame) {
   return (static_cast<std::uint64_t>(frame.seconds) * 1000000 +
@@ -38,13 +37,9 @@ bool PcapRtInterface::Open() {
   options.promiscuous = true;
   options.read_timeout = std::chrono::milliseconds(read_timeout_ms_);
   options.buffer_bytes = kDriverBufferBytes;
-  options.fast_sending = true;
   handle_ = driver_.Open(device_name_, options);
   if (handle_ != nullptr && handle_->DataLink() != CaptureHandle::kEthernetDataLink) {
     handle_.reset();
-  }
-  if (handle_ != nullptr) {
-    OsaTrace("PcapRtInterface::Open, frames leave through %s", handle_->SenderName());
   }
   return handle_ != nullptr;
 }

@@ -32,21 +32,11 @@ FAULTS_OF_THE_SOCKET = {
     "sending is forbidden": ("sendmmsg", 20, 1, errno.EPERM, False),
     "a frame is too long": ("sendmmsg", 20, 1, errno.EMSGSIZE, False),
     "the kernel has no memory": ("sendmmsg", 20, 1, errno.ENOMEM, False),
-    # Of the AF_XDP socket: what it cannot send for certain leaves through the packet socket.
-    "no room in the kernel for a while": ("sendto", 20, 500, errno.EAGAIN, True),
-    "a frame is dropped": ("sendto", 20, 1, errno.EBUSY, True),
-    "the kernel no longer allows it": ("sendto", 20, 1, errno.EPERM, True),
-    "no room in the kernel ever": ("sendto", 20, FOREVER, errno.EAGAIN, False),
 }
 EVERY_CALL = [(first, count) for first in range(1000) for count in (1, FOREVER)]
 FAULTS_OF_THE_SYSTEM = {"memory": errno.ENOMEM, "thread": errno.EAGAIN, "socket": errno.EMFILE,
                         "eventfd": errno.EMFILE, "setsockopt": errno.ENOMEM, "ioctl": errno.ENODEV,
                         "timer": errno.EPERM}
-
-
-def choose_sender(fault):
-    """The one whose calls fail; read when the adapter is opened for the first time."""
-    os.environ["IPPLAYOUT_SENDER"] = "xdp" if fault[0] == "sendto" else "socket"
 
 
 def fail(host, provoke, repair):
@@ -94,7 +84,6 @@ class AdapterFaults(ReliabilityCase):
     def test_socket(self):
         """A full queue is waited for and nothing is lost; what cannot pass ends the run."""
         def survive(library, fault, settings, data):
-            choose_sender(fault)
             host = Host(library, settings=settings)
             host.faults.set(*fault)
             statistics = host.play(data)
@@ -104,7 +93,6 @@ class AdapterFaults(ReliabilityCase):
             return {"refused": refused, "statistics": statistics}
 
         def perish(library, fault, settings, data):
-            choose_sender(fault)
             host = Host(library, settings=settings)
             times = fail(host, lambda: host.faults.set(*fault), lambda: host.faults.clear(fault[0]))
             return {"times": times, "statistics": host.play(data)}

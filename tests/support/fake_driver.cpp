@@ -14,7 +14,6 @@ class FakeHandle final : public CaptureHandle {
   }
 
   int DataLink() const override { return driver_.data_link; }
-  const char* SenderName() const override { return "nothing"; }
 
   FilterResult SetFilter(const char* /*text*/, std::uint32_t /*netmask*/) override {
     return driver_.filter_result;
