@@ -45,11 +45,13 @@ void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings
 // Between two frames, or two bursts, there is time to sleep, and sending takes up less than half of
 // it all: the workers may run in real time without being throttled by the kernel.
 bool LeavesRest(const PcapRtInterface& capture, const CZebParametricManager& parametric) {
-  constexpr double kShortestRest = 100e-6;  // seconds
-  constexpr double kFrameWork = 2.5e-6;     // seconds that sending one frame takes at most
+  constexpr double kFrameWork = 2.5e-6;  // seconds that sending one frame takes at most
+  // A wait is shorter than the time from frame to frame, by the work on a frame and the hand-over.
+  constexpr std::chrono::duration<double> kShortestRest =
+      platform::DeadlineWaiter::kAlwaysSlept + std::chrono::microseconds(20);
   const std::uint32_t frames = parametric.IsBurstMode() != 0 ? capture.GetPacketsPerQueue() : 1;
   const double packet_time = capture.GetPacketTime();
-  return frames * packet_time >= kShortestRest && packet_time >= 2 * kFrameWork;
+  return frames * packet_time >= kShortestRest.count() && packet_time >= 2 * kFrameWork;
 }
 
 }  // namespace

@@ -16,9 +16,6 @@ using std::chrono::nanoseconds;
 constexpr nanoseconds kLeastSpin = std::chrono::microseconds(15);
 constexpr nanoseconds kMostSpin = std::chrono::microseconds(200);
 constexpr nanoseconds kFirstSpin = std::chrono::microseconds(150);
-// A wait of at least this length is slept through in part however late the wake-ups are, so that a
-// real-time thread leaves the processor to others between frames.
-constexpr nanoseconds kAlwaysSlept = std::chrono::microseconds(80);
 // Wake-ups after which a single late one is nearly forgotten.
 constexpr std::int64_t kMemory = 256;
 
@@ -31,16 +28,18 @@ std::chrono::nanoseconds DeadlineWaiter::Now() const {
 }
 
 void DeadlineWaiter::WaitUntil(std::chrono::nanoseconds deadline) {
-  const nanoseconds length = deadline - MonotonicNow();
+  nanoseconds now = MonotonicNow();
+  const nanoseconds length = deadline - now;
   const nanoseconds most_spin = length < kAlwaysSlept ? kMostSpin : length * 3 / 4;
   for (;;) {
     const std::uint32_t seen = limit_changes_.load();
     const auto target = std::min(deadline, std::chrono::nanoseconds(limit_ns_.load()));
     const nanoseconds spin(spin_ns_.load(std::memory_order_relaxed));
     const auto wake = target - std::min(spin, most_spin);
-    if (MonotonicNow() < wake) {
+    if (now < wake) {
       FutexWaitUntil(limit_changes_, seen, wake);
-      LearnFrom(MonotonicNow() - wake);
+      now = MonotonicNow();
+      LearnFrom(now - wake);
       continue;
     }
     while (MonotonicNow() < target) {

@@ -13,6 +13,10 @@ namespace ipplayout::platform {
 // thread may limit its waits.
 class DeadlineWaiter {
  public:
+  // A wait of at least this length is slept through in part however late the wake-ups are, so that
+  // a real-time thread leaves the processor to others.
+  static constexpr std::chrono::microseconds kAlwaysSlept{80};
+
   DeadlineWaiter();
   virtual ~DeadlineWaiter() = default;
 
