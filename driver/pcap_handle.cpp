@@ -91,20 +91,21 @@ int PcapHandle::DataLink() const {
 }
 
 FilterResult PcapHandle::SetFilter(const char* text, std::uint32_t netmask) {
+  if (*text == '\0') {
+    bpf_insn instruction = kAcceptAll;
+    bpf_program program{1, &instruction};
+    return Install(program);
+  }
   FilterProgram program;
-  bpf_program accept_all{1, const_cast<bpf_insn*>(&kAcceptAll)};
-  const bool everything = *text == '\0';
-  if (!everything) {
-    const int code = pcap_compile(capture_.get(), program.Get(), text, 1, netmask);
-    if (code < 0) {
-      return {FilterResult::Stage::kCompile, code};
-    }
+  if (const int code = pcap_compile(capture_.get(), program.Get(), text, 1, netmask); code < 0) {
+    return {FilterResult::Stage::kCompile, code};
   }
-  const int code = pcap_setfilter(capture_.get(), everything ? &accept_all : program.Get());
-  if (code < 0) {
-    return {FilterResult::Stage::kSet, code};
-  }
-  return {};
+  return Install(*program.Get());
+}
+
+FilterResult PcapHandle::Install(bpf_program& program) {
+  const int code = pcap_setfilter(capture_.get(), &program);
+  return code < 0 ? FilterResult{FilterResult::Stage::kSet, code} : FilterResult{};
 }
 
 bool PcapHandle::SendFrame(std::span<const std::uint8_t> frame) {

@@ -11,6 +11,7 @@
 #include "driver/burst_socket.h"
 #include "driver/capture_driver.h"
 
+struct bpf_program;
 struct pcap;
 
 namespace ipplayout {
@@ -32,6 +33,8 @@ class PcapHandle final : public CaptureHandle {
     void operator()(pcap* capture) const;
   };
   using Capture = std::unique_ptr<pcap, Close>;
+
+  FilterResult Install(bpf_program& program);
 
   PcapHandle(Capture capture, std::chrono::milliseconds read_timeout);
 
