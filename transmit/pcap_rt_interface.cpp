@@ -13,8 +13,8 @@ namespace {
 constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
 constexpr std::uint32_t kFramesAtFullSpeed = 160;  // in transit
-constexpr double kLongestPacketTime = 1e9;        // seconds: keeps the arithmetic on times finite
-constexpr std::uint32_t kQueueRoomPerFrame = 24;  // for the frame's header, on top of its bytes
+constexpr double kLongestPacketTime = 1e9;         // seconds: keeps the arithmetic on times finite
+constexpr std::uint32_t kQueueRoomPerFrame = 24;   // for the frame's header, on top of its bytes
 
 std::uint64_t Nanoseconds(const CapturedFrame& frame) {
   return (static_cast<std::uint64_t>(frame.seconds) * 1000000 +
