@@ -2,9 +2,8 @@
 import ctypes
 import os
 import re
-import threading
-import time
 
+from host import descriptors, own_threads
 from library import Library
 from testbed import PRINTED, Testbed
 from wire_case import TYPICAL, Model, WireCase, datagrams, stream  # noqa: F401 (for the tests)
@@ -78,54 +77,13 @@ class Host:
 
     def traces(self):
         """What a playout could leave behind: threads beside the host's own, descriptors, blocks of memory."""
-        names = {task: comm(task) for task in os.listdir("/proc/self/task")}
-        own = names[str(os.getpid())]
-        threads = sorted(name for name in names.values() if name not in ("", own))
-        files = {file: link(file) for file in os.listdir("/proc/self/fd")}
-        return threads, {file: target for file, target in files.items() if target}, self.faults.held()
+        names = own_threads()
+        own = names.pop(str(os.getpid()))
+        return sorted(name for name in names.values() if name != own), descriptors(), self.faults.held()
 
     def assert_nothing_left(self, what=""):
         for now, before in zip(self.traces(), self.before):
             assert now == before, f"{what}: {now}, before it {before}"
-
-
-def comm(task):
-    try:
-        with open(f"/proc/self/task/{task}/comm") as file:
-            return file.read().strip()
-    except (FileNotFoundError, ProcessLookupError):
-        return ""
-
-
-def link(file):
-    try:
-        return os.readlink(f"/proc/self/fd/{file}")
-    except FileNotFoundError:
-        return ""
-
-
-def in_thread(function, *arguments):
-    """Runs function in a thread; joining the thread gives its result."""
-    result = []
-    thread = threading.Thread(target=lambda: result.append(function(*arguments)))
-    thread.start()
-
-    def join():
-        thread.join()
-        return result[0]
-    return join
-
-
-def write_until_refused(library):
-    chunk = bytes(Library.LARGEST_WRITE)
-    while (result := library.write(chunk)) == 0:
-        pass
-    return result, time.monotonic()
-
-
-def wait_until_sent(library, count):
-    while library.statistics()["DatagramsSent"] < count:
-        time.sleep(0.001)
 
 
 class ReliabilityCase(WireCase):

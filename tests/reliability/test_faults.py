@@ -8,8 +8,8 @@ import select
 import time
 import unittest
 
-from harness import (FOREVER, Host, Model, ReliabilityCase, TYPICAL, datagrams, in_thread, stream,
-                     wait_until_sent, write_until_refused)
+from harness import FOREVER, Host, Model, ReliabilityCase, TYPICAL, datagrams
+from host import in_thread, until_refused, until_sent
 from library import Library
 from testbed import Testbed
 
@@ -46,8 +46,8 @@ def fail(host, provoke, repair):
     library.register(event)
     host.before = host.traces()
     assert library.IPStart() == 0
-    writer = in_thread(write_until_refused, library)
-    wait_until_sent(library, 15)
+    writer = in_thread(lambda: (until_refused(library, []), time.monotonic()))
+    until_sent(library, 15)
     begun = time.monotonic()
     provoke()
     select.select([event], [], [])

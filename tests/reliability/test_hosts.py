@@ -8,7 +8,8 @@ import threading
 import time
 import unittest
 
-from harness import SECONDS, Host, Model, ReliabilityCase, TYPICAL, datagrams, in_thread, stream
+from harness import SECONDS, Host, Model, ReliabilityCase, TYPICAL, datagrams
+from host import in_thread
 from library import Library
 from testbed import libc
 

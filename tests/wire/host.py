@@ -63,13 +63,26 @@ def blocked_writer(library):
 
 
 def own_threads():
-    names = {}
-    for task in os.listdir("/proc/self/task"):
-        with open(f"/proc/self/task/{task}/comm") as file:
-            names[task] = file.read().strip()
-    return names
+    names = {task: comm(task) for task in os.listdir("/proc/self/task")}
+    return {task: name for task, name in names.items() if name}
 
 
 def descriptors():
-    return {fd: os.readlink(f"/proc/self/fd/{fd}") for fd in os.listdir("/proc/self/fd")
-            if os.path.exists(f"/proc/self/fd/{fd}")}
+    targets = {file: link(file) for file in os.listdir("/proc/self/fd")}
+    return {file: target for file, target in targets.items() if target}
+
+
+def comm(task):
+    """The name of a thread; empty once it has ended."""
+    try:
+        with open(f"/proc/self/task/{task}/comm") as file:
+            return file.read().strip()
+    except (FileNotFoundError, ProcessLookupError):
+        return ""
+
+
+def link(file):
+    try:
+        return os.readlink(f"/proc/self/fd/{file}")
+    except FileNotFoundError:
+        return ""
