@@ -49,6 +49,8 @@ struct OpenOptions {
   // Hands each captured frame over as it comes, not in blocks that may take a few milliseconds.
   // Every frame then takes the room of a whole snapshot, rounded up, in the kernel's buffer.
   bool immediate = false;
+  // Opens for sending: what is captured begins with the first read or filter, not with the opening.
+  bool capture_later = false;
 };
 
 struct CapturedFrame {

@@ -8,6 +8,7 @@
 
 #include "driver/device_name.h"
 #include "driver/pcap_handle.h"
+#include "driver/sending_handle.h"
 #include "platform/interface.h"
 
 namespace ipplayout {
@@ -78,7 +79,13 @@ std::optional<std::vector<Adapter>> PcapDriver::FindAllAdapters() {
 std::unique_ptr<CaptureHandle> PcapDriver::Open(const std::string& name,
                                                 const OpenOptions& options) {
   const auto interface = NameWithoutPrefix(name);
-  return interface ? PcapHandle::Open(*interface, options) : nullptr;
+  if (!interface) {
+    return nullptr;
+  }
+  if (options.capture_later) {
+    return SendingHandle::Open(*interface, options);
+  }
+  return PcapHandle::Open(*interface, options);
 }
 
 CaptureDriver::MacResult PcapDriver::QueryMac(const std::string& adapter, MacAddress& mac,

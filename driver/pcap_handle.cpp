@@ -1,14 +1,13 @@
 #include "driver/pcap_handle.h"
 
 #include <fcntl.h>
-#include <linux/if_packet.h>
 #include <pcap.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <time.h>
 
 #include <utility>
 
+#include "driver/packet_socket.h"
 #include "driver/timed_batch.h"
 #include "platform/clock.h"
 
@@ -17,13 +16,6 @@ namespace {
 
 // After this time the kernel hands over a block that is not full. It is not what bounds a read.
 constexpr int kBlockTimeoutMs = 1;
-
-// Frames go straight to the device, past its queueing discipline and past other capturing sockets.
-// Where the kernel has no such option they take the ordinary way.
-void BypassQueueingDiscipline(int descriptor) {
-  const int on = 1;
-  setsockopt(descriptor, SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on);
-}
 
 void WaitUntilReadable(int descriptor, std::chrono::nanoseconds limit) {
   const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);

@@ -37,6 +37,7 @@ bool PcapRtInterface::Open() {
   options.promiscuous = true;
   options.read_timeout = std::chrono::milliseconds(read_timeout_ms_);
   options.buffer_bytes = kDriverBufferBytes;
+  options.capture_later = true;
   handle_ = driver_.Open(device_name_, options);
   if (handle_ != nullptr && handle_->DataLink() != CaptureHandle::kEthernetDataLink) {
     handle_.reset();

@@ -1,0 +1,85 @@
+#include "driver/sending_handle.h"
+
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+
+#include <utility>
+
+#include "driver/packet_socket.h"
+#include "driver/pcap_handle.h"
+#include "driver/timed_batch.h"
+#include "platform/interface.h"
+
+namespace ipplayout {
+namespace {
+
+using platform::Descriptor;
+
+// Protocol 0 in socket and address: the kernel delivers no frame to it.
+Descriptor OpenPacketSocket(unsigned interface_index) {
+  Descriptor socket(::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  sockaddr_ll address{};
+  address.sll_family = AF_PACKET;
+  address.sll_ifindex = static_cast<int>(interface_index);
+  if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return Descriptor();
+  }
+  return socket;
+}
+
+}  // namespace
+
+SendingHandle::SendingHandle(Descriptor socket, std::string interface, const OpenOptions& options)
+    : socket_(std::move(socket)),
+      interface_(std::move(interface)),
+      options_(options),
+      sender_(socket_.Get()) {}
+
+std::unique_ptr<SendingHandle> SendingHandle::Open(const std::string& interface,
+                                                   const OpenOptions& options) {
+  int error = 0;
+  const auto properties = platform::QueryInterface(interface, error);
+  const unsigned index = platform::InterfaceIndex(interface);
+  if (!properties || !properties->ethernet_framed || index == 0) {
+    return nullptr;
+  }
+  Descriptor socket = OpenPacketSocket(index);
+  if (!socket.IsOpen()) {
+    return nullptr;
+  }
+  BypassQueueingDiscipline(socket.Get());
+  return std::unique_ptr<SendingHandle>(new SendingHandle(std::move(socket), interface, options));
+}
+
+// The empty filter is what a capture begins with.
+FilterResult SendingHandle::SetFilter(const char* text, std::uint32_t netmask) {
+  if (*text == '\0' && capture_ == nullptr) {
+    return {};
+  }
+  CaptureHandle* const capture = Capture();
+  return capture == nullptr ? FilterResult{FilterResult::Stage::kSet, -1}
+                            : capture->SetFilter(text, netmask);
+}
+
+bool SendingHandle::SendFrame(std::span<const std::uint8_t> frame) {
+  return sender_.SendBurst({&frame, 1}) == 1;
+}
+
+std::size_t SendingHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
+                                         platform::DeadlineWaiter& waiter) {
+  return TransmitTimed(queue, synchronised, waiter, sender_);
+}
+
+std::optional<CapturedFrame> SendingHandle::NextFrame() {
+  CaptureHandle* const capture = Capture();
+  return capture == nullptr ? std::nullopt : capture->NextFrame();
+}
+
+CaptureHandle* SendingHandle::Capture() {
+  if (capture_ == nullptr) {
+    capture_ = PcapHandle::Open(interface_, options_);
+  }
+  return capture_.get();
+}
+
+}  // namespace ipplayout

@@ -1,0 +1,40 @@
+// An adapter opened to send; it captures from the first read on.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "driver/burst_socket.h"
+#include "driver/capture_driver.h"
+#include "platform/descriptor.h"
+
+namespace ipplayout {
+
+// A playout never reads. Without a receive ring, opening and closing do not wait for the kernel to
+// let every processor pass (packet_set_ring), and frames of others cost nothing on their way in.
+class SendingHandle final : public CaptureHandle {
+ public:
+  // Null when `interface` does not exist, has no Ethernet header, or may not be opened.
+  static std::unique_ptr<SendingHandle> Open(const std::string& interface,
+                                             const OpenOptions& options);
+
+  int DataLink() const override { return kEthernetDataLink; }
+  FilterResult SetFilter(const char* text, std::uint32_t netmask) override;
+  bool SendFrame(std::span<const std::uint8_t> frame) override;
+  std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
+                            platform::DeadlineWaiter& waiter) override;
+  std::optional<CapturedFrame> NextFrame() override;
+
+ private:
+  SendingHandle(platform::Descriptor socket, std::string interface, const OpenOptions& options);
+
+  CaptureHandle* Capture();
+
+  const platform::Descriptor socket_;
+  const std::string interface_;
+  const OpenOptions options_;
+  BurstSocket sender_;
+  std::unique_ptr<CaptureHandle> capture_;  // the reading thread's
+};
+
+}  // namespace ipplayout
