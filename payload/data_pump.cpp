@@ -87,14 +87,15 @@ void ZEBIPDataPump::WithdrawCompletionEvent(platform::EventHandle event) {
 }
 
 bool ZEBIPDataPump::GetStatistics(PlayoutStatistics* out) {
-  const std::lock_guard lock(statistics_mutex_);
-  *out = statistics_;
+  // Before the record, so that one that is newer than a clearing is not taken for an older one.
+  const std::uint64_t clearings = clearings_.load();
+  const Counted counted = published_.Read();
+  *out = counted.clearings < clearings ? PlayoutStatistics{} : counted.statistics;
   return true;
 }
 
 void ZEBIPDataPump::ClearStatistics() {
-  const std::lock_guard lock(statistics_mutex_);
-  statistics_ = {};
+  clearings_.fetch_add(1);
 }
 
 void ZEBIPDataPump::Run() {
@@ -155,6 +156,9 @@ void ZEBIPDataPump::SendDatagrams() {
 }
 
 void ZEBIPDataPump::WaitWhilePaused() {
+  if (!paused_.load()) {
+    return;
+  }
   std::unique_lock lock(pause_mutex_);
   // Stop raises its request before it takes the mutex to end a pause, so one of the two is seen.
   if (paused_ && !StopRequested()) {
@@ -193,27 +197,31 @@ void ZEBIPDataPump::CountDatagram(const PDU& frame) {
     errors_->AddLostBytes(static_cast<std::int32_t>(payload));
     errors_->CountLostPacket();
   }
-  const std::lock_guard lock(statistics_mutex_);
-  ++statistics_.DatagramsSent;
-  statistics_.BytesSent += frame.Length();
-  statistics_.DatagramSize = datagram_size_;
+  if (const std::uint64_t clearings = clearings_.load(); clearings != counted_.clearings) {
+    counted_ = {{}, clearings};
+  }
+  PlayoutStatistics& statistics = counted_.statistics;
+  ++statistics.DatagramsSent;
+  statistics.BytesSent += frame.Length();
+  statistics.DatagramSize = datagram_size_;
   if (raw_payload_) {
-    statistics_.TSBytesSent += payload;
+    statistics.TSBytesSent += payload;
   } else {
     payload_bytes_ += payload;
-    statistics_.TSPacketsSent = static_cast<std::uint64_t>(payload_bytes_ / packet_size_);
-    statistics_.TSBytesSent =
+    statistics.TSPacketsSent = static_cast<std::uint64_t>(payload_bytes_ / packet_size_);
+    statistics.TSBytesSent =
         static_cast<std::uint64_t>(payload_bytes_ * ts_packet_size_ / packet_size_);
-    statistics_.TSPacketSize = ts_packet_size_;
+    statistics.TSPacketSize = ts_packet_size_;
   }
   ErrorStatistics errors;
   errors_->CopyStatistics(errors);
-  statistics_.LostPackets = errors.lost_packets;
-  statistics_.SequenceErrors = errors.sequence_errors;
-  statistics_.IPChecksumErrors = errors.ip_checksum_errors;
-  statistics_.UDPChecksumErrors = errors.udp_checksum_errors;
-  statistics_.Jitter = errors.jitter;
-  statistics_.LostBytes = errors.lost_bytes;
+  statistics.LostPackets = errors.lost_packets;
+  statistics.SequenceErrors = errors.sequence_errors;
+  statistics.IPChecksumErrors = errors.ip_checksum_errors;
+  statistics.UDPChecksumErrors = errors.udp_checksum_errors;
+  statistics.Jitter = errors.jitter;
+  statistics.LostBytes = errors.lost_bytes;
+  published_.Publish(counted_);
 }
 
 void ZEBIPDataPump::EndRun() {

@@ -9,6 +9,7 @@
 
 #include "ipplayout/ipplayout.h"
 #include "platform/host_event.h"
+#include "platform/snapshot.h"
 #include "transmit/osa_thread.h"
 
 namespace ipplayout {
@@ -94,8 +95,15 @@ class ZEBIPDataPump final : public OsaThread {
 
   std::atomic<std::int32_t> error_code_{0};
 
-  std::mutex statistics_mutex_;  // guards statistics_
-  PlayoutStatistics statistics_{};
+  // Counted by the pump thread and published after each datagram. A reader takes a record for zeros
+  // until the pump has counted a datagram after the last time that they were cleared.
+  struct Counted {
+    PlayoutStatistics statistics;
+    std::uint64_t clearings;  // noticed before this datagram was counted
+  };
+  Counted counted_{};  // pump thread only
+  platform::Snapshot<Counted> published_;
+  std::atomic<std::uint64_t> clearings_{0};
 
   std::mutex completion_mutex_;  // guards the four below; events are signalled under it
   std::condition_variable completed_;
@@ -103,9 +111,9 @@ class ZEBIPDataPump final : public OsaThread {
   std::uint64_t run_number_ = 0;
   std::vector<platform::EventHandle> completion_events_;
 
-  std::mutex pause_mutex_;  // guards the two below
+  std::mutex pause_mutex_;  // guards resume_count_, and changes of paused_
   std::condition_variable resumed_;
-  bool paused_ = false;
+  std::atomic<bool> paused_{false};
   std::uint64_t resume_count_ = 0;
 };
 
