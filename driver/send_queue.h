@@ -48,6 +48,8 @@ class SendQueue {
     frame.bytes = {data_ + position + sizeof frame.header, frame.header.captured_length};
     return frame;
   }
+  // Fetches what is at `position`, below Used(), into the cache ahead of a call of At.
+  void Prefetch(std::size_t position) const { __builtin_prefetch(data_ + position); }
   static std::size_t NextPosition(std::size_t position, const Frame& frame) {
     return position + sizeof frame.header + frame.bytes.size();
   }

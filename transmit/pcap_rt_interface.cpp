@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
-constexpr std::uint32_t kFramesAtFullSpeed = 160;  // in transit
+constexpr std::uint32_t kFramesAtFullSpeed = 480;  // in transit
 constexpr double kLongestPacketTime = 1e9;         // seconds: keeps the arithmetic on times finite
 constexpr std::uint32_t kQueueRoomPerFrame = 24;   // for the frame's header, on top of its bytes
 
