@@ -6,20 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "platform/clock.h"
-
 namespace ipplayout {
 namespace {
 
 using std::chrono::nanoseconds;
-
-// Long enough for an adapter to send a few frames, short beside the gaps that a user could see.
-constexpr nanoseconds kRetryInterval = std::chrono::microseconds(20);
-
-void SleepFor(nanoseconds duration) {
-  const timespec time{0, static_cast<long>(duration.count())};
-  nanosleep(&time, nullptr);
-}
 
 void WaitUntilWritable(int descriptor, nanoseconds limit) {
   const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
@@ -47,44 +37,37 @@ std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames) {
     bytes_[i].iov_len = frames[i].size();
   }
   std::size_t sent = 0;
-  std::optional<nanoseconds> give_up;
+  Patience patience(patience_);
   while (sent < count) {
     // What keeps a frame from being sent is reported by the call that begins with it.
     const int result = sendmmsg(descriptor_, &messages_[sent], static_cast<unsigned>(count - sent),
                                 MSG_DONTWAIT | MSG_NOSIGNAL);
     if (result > 0) {
       sent += static_cast<std::size_t>(result);
-      give_up.reset();
-    } else if (!WaitForRoom(errno, give_up)) {
+      patience.Progress();
+    } else if (!WaitForRoom(errno, patience)) {
       break;
     }
   }
   return sent;
 }
 
-bool BurstSocket::WaitForRoom(int error, std::optional<nanoseconds>& give_up) const {
+bool BurstSocket::WaitForRoom(int error, Patience& patience) const {
   if (error == EINTR) {
     return true;
   }
-  const bool socket_full = error == EAGAIN;
-  const bool device_full = error == ENOBUFS;
-  if (!socket_full && !device_full) {
-    return false;
-  }
-  const nanoseconds now = platform::MonotonicNow();
-  if (!give_up) {
-    give_up = now + patience_;
-  }
-  if (now >= *give_up) {
-    return false;
-  }
-  if (socket_full) {
-    WaitUntilWritable(descriptor_, *give_up - now);
-  } else {
+  if (error == ENOBUFS) {
     // Nothing reports that a device's own queue has room again.
-    SleepFor(kRetryInterval);
+    return patience.Nap();
   }
-  return true;
+  if (error != EAGAIN) {
+    return false;
+  }
+  const nanoseconds left = patience.Left();
+  if (left > nanoseconds::zero()) {
+    WaitUntilWritable(descriptor_, left);
+  }
+  return left > nanoseconds::zero();
 }
 
 }  // namespace ipplayout

@@ -7,9 +7,9 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
-#include <optional>
 #include <span>
 
+#include "driver/patience.h"
 #include "driver/timed_batch.h"
 
 namespace ipplayout {
@@ -26,7 +26,7 @@ class BurstSocket final : public BurstSender {
   std::size_t SendBurst(std::span<const FrameBytes> frames) override;
 
  private:
-  bool WaitForRoom(int error, std::optional<std::chrono::nanoseconds>& give_up) const;
+  bool WaitForRoom(int error, Patience& patience) const;
 
   const int descriptor_;
   const std::chrono::nanoseconds patience_;

@@ -78,6 +78,10 @@ class CaptureHandle {
 
   virtual FilterResult SetFilter(const char* text, std::uint32_t netmask) = 0;
 
+  // Batches of several frames will be transmitted: from now on TransmitQueue takes the fastest way
+  // that the adapter allows. Before the first one; a handle that has one way only ignores it.
+  virtual void ExpectBatches() {}
+
   // Sends one whole frame, without its frame check sequence. True when the adapter took it.
   virtual bool SendFrame(std::span<const std::uint8_t> frame) = 0;
 

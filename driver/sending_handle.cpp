@@ -61,13 +61,19 @@ FilterResult SendingHandle::SetFilter(const char* text, std::uint32_t netmask) {
                             : capture->SetFilter(text, netmask);
 }
 
+void SendingHandle::ExpectBatches() {
+  fast_sender_ = XdpSender::Open(interface_, sender_, socket_.Get());
+}
+
 bool SendingHandle::SendFrame(std::span<const std::uint8_t> frame) {
   return sender_.SendBurst({&frame, 1}) == 1;
 }
 
 std::size_t SendingHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
                                          platform::DeadlineWaiter& waiter) {
-  return TransmitTimed(queue, synchronised, waiter, sender_);
+  BurstSender& sender =
+      fast_sender_ == nullptr ? static_cast<BurstSender&>(sender_) : *fast_sender_;
+  return TransmitTimed(queue, synchronised, waiter, sender);
 }
 
 std::optional<CapturedFrame> SendingHandle::NextFrame() {

@@ -6,6 +6,7 @@
 
 #include "driver/burst_socket.h"
 #include "driver/capture_driver.h"
+#include "driver/xdp_sender.h"
 #include "platform/descriptor.h"
 
 namespace ipplayout {
@@ -20,6 +21,7 @@ class SendingHandle final : public CaptureHandle {
 
   int DataLink() const override { return kEthernetDataLink; }
   FilterResult SetFilter(const char* text, std::uint32_t netmask) override;
+  void ExpectBatches() override;
   bool SendFrame(std::span<const std::uint8_t> frame) override;
   std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
                             platform::DeadlineWaiter& waiter) override;
@@ -34,6 +36,7 @@ class SendingHandle final : public CaptureHandle {
   const std::string interface_;
   const OpenOptions options_;
   BurstSocket sender_;
+  std::unique_ptr<XdpSender> fast_sender_;  // sends through sender_ what it cannot send itself
   std::unique_ptr<CaptureHandle> capture_;  // the reading thread's
 };
 

@@ -63,7 +63,13 @@ bool PcapRtInterface::FilterInclude() {
         (std::size_t{frame_size_} + kQueueRoomPerFrame) * packets_per_queue_;
     hand_over_.Allocate(MostInTransit(), capacity);
   }
-  return handle_ != nullptr && SetEmptyFilter();
+  if (handle_ == nullptr) {
+    return false;
+  }
+  if (queued_ && packets_per_queue_ > 1) {
+    handle_->ExpectBatches();
+  }
+  return SetEmptyFilter();
 }
 
 // An empty filter accepts every frame.

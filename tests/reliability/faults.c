@@ -35,7 +35,7 @@ static struct fault {
   atomic_int error;
 } faults[] = {{.call = "memory"}, {.call = "thread"},     {.call = "eventfd"}, {.call = "socket"},
               {.call = "timer"},  {.call = "sendmmsg"},   {.call = "sendto"},  {.call = "recvmsg"},
-              {.call = "ioctl"},  {.call = "setsockopt"}, {.call = "short"}};
+              {.call = "ioctl"},  {.call = "setsockopt"}, {.call = "short"},   {.call = "xdp"}};
 enum {
   MEMORY,
   THREAD,
@@ -47,7 +47,8 @@ enum {
   RECVMSG,
   IOCTL,
   SETSOCKOPT,
-  SHORT
+  SHORT,
+  XDP
 };
 
 static atomic_long held;  // blocks, and bytes of mappings
@@ -224,7 +225,7 @@ EXPORTED int eventfd(unsigned count, int flags) {
 }
 EXPORTED int socket(int domain, int type, int protocol) {
   REAL(socket)
-  return refuse(SOCKET) ? -1 : real(domain, type, protocol);
+  return refuse(SOCKET) || (domain == AF_XDP && refuse(XDP)) ? -1 : real(domain, type, protocol);
 }
 EXPORTED int setsockopt(int file, int level, int name, const void* value, socklen_t size) {
   REAL(setsockopt)

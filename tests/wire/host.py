@@ -1,5 +1,6 @@
 """What the hosts of the tests do besides playing: threads of their own, settings, a look at the process."""
 import os
+import socket
 import threading
 import time
 
@@ -70,6 +71,17 @@ def own_threads():
 def descriptors():
     targets = {file: link(file) for file in os.listdir("/proc/self/fd")}
     return {file: target for file, target in targets.items() if target}
+
+
+def families():
+    """The address families of the process's sockets."""
+    found = []
+    for file, target in descriptors().items():
+        if target.startswith("socket:"):
+            # Named, since not every family can be asked for its address to find out.
+            with socket.socket(socket.AF_UNIX, socket.SOCK_RAW, 0, os.dup(int(file))) as own:
+                found.append(own.getsockopt(socket.SOL_SOCKET, socket.SO_DOMAIN))
+    return found
 
 
 def comm(task):

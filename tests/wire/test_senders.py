@@ -1,0 +1,110 @@
+"""The two ways in which frames leave: which one is taken, and that a fault of the adapter hides in neither."""
+import shutil
+import socket
+import tempfile
+import threading
+
+from host import begin, families, in_thread, ready, reap, until_sent
+from library import Library
+from testbed import Testbed
+from wire_case import TYPICAL, Model, WireCase, datagrams
+
+AF_XDP = 44
+FAST = {**TYPICAL, "IPBitRate": 500.0}  # ten frames to a batch
+DATA = datagrams(Model(FAST), 20000)
+EXPECTED, STATISTICS = Model(FAST).play(DATA)
+
+
+def senders():
+    """AF_XDP sockets among those that frames can leave through."""
+    return families().count(AF_XDP)
+
+
+def keep_writing(library, done):
+    result = 0
+    while not done.is_set() and result == 0:
+        result = library.write(DATA)
+    return result
+
+
+def interrupted(library, run, *commands):
+    """A playout in the middle of which `commands` are run; what its writer was told, and the statistics.
+    Without a second command it lasts until the writer is refused."""
+    ready(library, FAST)
+    begin(library)
+    assert senders() == 1
+    done = threading.Event()
+    written = in_thread(keep_writing, library, done)
+    until_sent(library, 2000)
+    for command in commands:
+        run(*command.split())
+    if len(commands) > 1:
+        done.set()
+    result = written()
+    library.IPWriteTerminate()
+    return result, reap(library)
+
+
+class Senders(WireCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        socket.socket(AF_XDP, socket.SOCK_RAW).close()  # this kernel has it
+
+    def test_which_one(self):
+        """AF_XDP where frames leave in batches; given back at the end."""
+        def body(library):
+            used = []
+            for rate in (TYPICAL["IPBitRate"], FAST["IPBitRate"]):
+                ready(library, {**FAST, "IPBitRate": rate})
+                begin(library)
+                used.append(senders())
+                reap(library)
+                used.append(senders())
+            begin(library, DATA)
+            library.IPWriteTerminate()
+            return used, reap(library)
+        outcome = self.bed.run(body)
+        self.assert_frames(outcome, EXPECTED)
+        self.assertEqual(outcome.value, ([0, 0, 1, 0], STATISTICS))
+
+    def test_second_playout_on_an_adapter(self):
+        """One AF_XDP socket has the adapter's queue; others do without it."""
+        def body(library):
+            with tempfile.TemporaryDirectory() as folder:
+                ready(library, FAST)
+                begin(library)
+                other = Library(shutil.copy(self.bed.library_path, folder))
+                ready(other, FAST)
+                begin(other, DATA)
+                assert senders() == 1
+                other.IPWriteTerminate()
+                reap(library)
+                return reap(other)
+        outcome = self.bed.run(body)
+        self.assert_frames(outcome, EXPECTED)
+        self.assertEqual(outcome.value, STATISTICS)
+
+    def test_adapter_that_changes_in_mid_run(self):
+        """What the adapter can no longer take ends the run, and what came before is whole and in order."""
+        for change in ("set near mtu 1000", "set near down", "delete near"):
+            with self.subTest(change=change):
+                bed = Testbed()
+                self.addCleanup(bed.close)
+                outcome = bed.run(interrupted, bed.near.run, "ip link " + change)
+                self.assertEqual(outcome.value[0], Library.FAILED)
+                self.assertIn("An error occurred sending the packets", outcome.printed)
+                whole = EXPECTED[:-1]
+                self.assertTrue(outcome.frames[:len(whole)] == whole[:len(outcome.frames)])
+
+    def test_link_that_comes_back(self):
+        """A link lost for a moment costs what was on the wire; all the rest arrives once and in order."""
+        outcome = self.bed.run(interrupted, self.bed.far.run, *["ip link set far down", "ip link set far up"] * 5)
+        result, statistics = outcome.value
+        self.assertEqual(result, 0)
+        self.assertNotIn("An error occurred", outcome.printed)
+        numbers = [int.from_bytes(frame[44:46], "big") for frame in outcome.frames]
+        for before, after in zip(numbers, numbers[1:]):
+            self.assertLess((after - before - 1) % 65536, 32768, "a frame came twice or late")
+        last = FAST["SequenceNumber"] + statistics["DatagramsSent"] - 1
+        self.assertEqual(numbers[-1], last % 65536)
