@@ -4,9 +4,9 @@
 
 namespace ipplayout {
 
-bool BatchHandOver::Allocate(std::size_t in_transit, std::size_t capacity) {
+bool BatchHandOver::Allocate(std::size_t waiting, std::size_t capacity) {
   batches_.clear();
-  std::vector<Batch> batches(in_transit + 1);
+  std::vector<Batch> batches(waiting + 2);
   for (Batch& batch : batches) {
     batch.frames = SendQueue::Allocate(capacity);
     if (batch.frames == nullptr) {
@@ -15,26 +15,31 @@ bool BatchHandOver::Allocate(std::size_t in_transit, std::size_t capacity) {
   }
   batches_ = std::move(batches);
   handed_ = 0;
+  passed_ = 0;
   released_ = 0;
   woken_ = false;
   abandoned_ = false;
   return true;
 }
 
-void BatchHandOver::WaitForRoom(std::size_t most_in_transit) {
-  if (InTransit() >= most_in_transit) {
-    WaitUntilInTransit(most_in_transit / 2);
+void BatchHandOver::WaitForRoom(std::size_t most) {
+  if (handed_ - passed_ >= most) {
+    WaitUntil(passed_, awaited_passed_, handed_ - most / 2);
   }
 }
 
-void BatchHandOver::WaitUntilInTransit(std::size_t batches) {
-  while (InTransit() > batches && !abandoned_) {
+void BatchHandOver::WaitUntilEmpty() {
+  WaitUntil(released_, awaited_released_, handed_);
+}
+
+void BatchHandOver::WaitUntil(const Counter& counter, Counter& awaited, std::uint64_t count) {
+  while (counter < count && !abandoned_) {
     freed_.Reset();
-    pump_resumes_at_ = static_cast<std::int64_t>(batches);
-    if (InTransit() > batches && !abandoned_) {
+    awaited = count;
+    if (counter < count && !abandoned_) {
       freed_.Wait();
     }
-    pump_resumes_at_ = kNobodyWaits;
+    awaited = kNobodyWaits;
   }
 }
 
@@ -53,11 +58,22 @@ void BatchHandOver::Wait() {
   }
 }
 
+void BatchHandOver::Pass() {
+  Advance(passed_, awaited_passed_, released_ + 1);
+}
+
 void BatchHandOver::Release() {
   Front().frames->Clear();
-  released_ = released_ + 1;
-  const std::int64_t resumes_at = pump_resumes_at_;
-  if (resumes_at != kNobodyWaits && InTransit() <= static_cast<std::size_t>(resumes_at)) {
+  const std::uint64_t released = released_ + 1;
+  Advance(released_, awaited_released_, released);
+  if (passed_ != released) {
+    Advance(passed_, awaited_passed_, released);
+  }
+}
+
+void BatchHandOver::Advance(Counter& counter, const Counter& awaited, std::uint64_t count) {
+  counter = count;
+  if (count >= awaited) {
     freed_.Set();
   }
 }

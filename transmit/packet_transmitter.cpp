@@ -75,6 +75,7 @@ void PacketTransmitterThread::TransmitBatches() {
     if (first) {
       mark = Timestamp(interface_->Waiter().Now());
       first = false;
+      interface_->PassBatch();
     } else {
       PaceBatch(pacer, mark, jitter_sum);
     }
@@ -94,6 +95,7 @@ void PacketTransmitterThread::PaceBatch(BatchPacer& pacer, Timestamp& mark, doub
     interface_->SetGapCorrection(*pace.gap_correction);
   }
   interface_->SetQueueStartAdvance(pace.queue_start_advance);
+  interface_->PassBatch();
   if (pace.wait > 0) {
     Timestamp deadline(now);
     deadline.Add(pace.wait);

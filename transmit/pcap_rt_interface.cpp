@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
-constexpr std::uint32_t kFramesAtFullSpeed = 480;  // in transit
+constexpr std::uint32_t kFramesAtFullSpeed = 480;  // handed over
 constexpr double kLongestPacketTime = 1e9;         // seconds: keeps the arithmetic on times finite
 constexpr std::uint32_t kQueueRoomPerFrame = 24;   // for the frame's header, on top of its bytes
 
@@ -61,7 +61,7 @@ bool PcapRtInterface::FilterInclude() {
     finished_.store(false);
     const std::size_t capacity =
         (std::size_t{frame_size_} + kQueueRoomPerFrame) * packets_per_queue_;
-    hand_over_.Allocate(MostInTransit(), capacity);
+    hand_over_.Allocate(MostWaiting(), capacity);
   }
   if (handle_ == nullptr) {
     return false;
@@ -115,7 +115,7 @@ bool PcapRtInterface::QueueFrame(const PDU& frame) {
 bool PcapRtInterface::HandOver() {
   queue_count_ = 0;
   const bool only_speed_counts = gap_correction_.load() >= packet_time_;
-  hand_over_.WaitForRoom(only_speed_counts ? MostInTransit() : 1);
+  hand_over_.WaitForRoom(only_speed_counts ? MostWaiting() : 1);
   if (failed_.load()) {
     return false;
   }
@@ -125,17 +125,24 @@ bool PcapRtInterface::HandOver() {
   return true;
 }
 
-// Single frames are only sent where there is time, and bursts are long: one is enough of both.
-std::size_t PcapRtInterface::MostInTransit() const {
+bool PcapRtInterface::SpacesFrames() const {
   const bool bursts = parameters_ != nullptr && parameters_->IsBurstMode() != 0;
-  if (bursts || packets_per_queue_ <= 1) {
-    return 1;
-  }
-  return std::max(kFramesAtFullSpeed / packets_per_queue_, 1U);
+  return !bursts && packets_per_queue_ > 1;
+}
+
+// Single frames are only sent where there is time, and bursts are long: one is enough of both.
+std::size_t PcapRtInterface::MostWaiting() const {
+  return SpacesFrames() ? std::max(kFramesAtFullSpeed / packets_per_queue_, 1U) : 1;
 }
 
 void PcapRtInterface::SetQueueStartAdvance(double seconds) {
   queue_start_advance_.store(std::max(seconds, 0.0));
+}
+
+void PcapRtInterface::PassBatch() {
+  if (SpacesFrames()) {
+    hand_over_.Pass();
+  }
 }
 
 int PcapRtInterface::TransmitQueue() {

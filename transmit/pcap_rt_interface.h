@@ -80,6 +80,10 @@ class PcapRtInterface final : public EthernetRTInterface {
   void SetGapCorrection(double seconds) { gap_correction_.store(seconds); }
   // Seconds from the last frame of a batch to the first of the next; negative counts as 0.
   void SetQueueStartAdvance(double seconds);
+  // The batch in hand has its corrections set. Where frames of a batch are spaced the pump may hand
+  // the next one over from now on, with the same corrections as after this one: then the time of
+  // this one bears how late the pump is woken, and not the gap in between.
+  void PassBatch();
   // Transmits the batch in hand, if there is one. 0 when the adapter took only part of it, else 1.
   int TransmitQueue();
 
@@ -91,7 +95,8 @@ class PcapRtInterface final : public EthernetRTInterface {
  private:
   bool QueueFrame(const PDU& frame);
   bool HandOver();
-  std::size_t MostInTransit() const;
+  bool SpacesFrames() const;
+  std::size_t MostWaiting() const;
   bool TransmitWhole(const SendQueue& queue);
   bool SetEmptyFilter();
 
@@ -119,8 +124,8 @@ class PcapRtInterface final : public EthernetRTInterface {
 
   BatchHandOver hand_over_;
 
-  // Set by the transmitter before it releases a batch, read by the pump after it has waited for
-  // room.
+  // Set by the transmitter before it passes or releases a batch, read by the pump after it has
+  // waited for room.
   std::atomic<double> gap_correction_{0};
   std::atomic<double> queue_start_advance_{0};
   // Set by the pump when it flushes, or by the transmitter when it fails.

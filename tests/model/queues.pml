@@ -1,6 +1,6 @@
 /* Batches on their way from the pump to the transmitter, and the end of a run: transmit/
    batch_hand_over.cpp, pcap_rt_interface.cpp and packet_transmitter.cpp, payload/data_pump.cpp, and
-   the stop of control/playout.cpp. MOST batches may be in transit. */
+   the stop of control/playout.cpp. MOST batches may be handed over and not passed. */
 #define SIGNALS 3
 #define READY 0
 #define FREED 1
@@ -13,8 +13,8 @@
 #define BATCHES 3
 #define NOBODY_WAITS 255
 
-byte handed, released, sent;
-byte resumes_at = NOBODY_WAITS;
+byte handed, passed, released, sent;
+byte awaited_passed = NOBODY_WAITS, awaited_released = NOBODY_WAITS;
 bool woken, abandoned, finished, failed;   /* of the interface */
 bool pump_stop, transmitter_stop, complete, transmitter_ended;
 bool paused, pump_rests;                   /* the pump sleeps until it is resumed */
@@ -22,18 +22,24 @@ bool awaits_end;                           /* the host ends nothing, and resumes
 
 inline Wake() { woken = true; Set(READY) }
 
-inline WaitUntilInTransit(batches) {
+inline WaitUntil(counter, awaited, count) {
   do
-  :: handed - released <= batches || abandoned -> break
+  :: counter >= count || abandoned -> break
   :: else ->
      Reset(FREED);
-     resumes_at = batches;
+     awaited = count;
      if
-     :: handed - released > batches && !abandoned -> Wait(FREED)
+     :: counter < count && !abandoned -> Wait(FREED)
      :: else
      fi;
-     resumes_at = NOBODY_WAITS
+     awaited = NOBODY_WAITS
   od
+}
+
+inline Advance(counter, awaited, count) {
+  counter = count;
+  look = awaited;
+  if :: count >= look -> Set(FREED) :: else fi
 }
 
 /* All under the pause mutex, in one step: nobody can come between. */
@@ -60,7 +66,10 @@ proctype Pump() {
      if :: !stopping -> WaitWhilePaused(); stopping = pump_stop :: else fi;
      if :: true -> break :: left > 0 fi; /* the data may end at any time */
      if :: failed -> goto ended :: else fi;
-     if :: handed - released >= MOST -> WaitUntilInTransit(MOST / 2) :: else fi;
+     if
+     :: handed - passed >= MOST -> WaitUntil(passed, awaited_passed, handed - MOST / 2)
+     :: else
+     fi;
      if :: failed -> goto ended :: else fi;
      handed++;
 #if FAULT != 4
@@ -69,7 +78,7 @@ proctype Pump() {
      left--;
      if :: stopping -> break :: else fi
   od;
-  WaitUntilInTransit(0); /* FlushLastQueue */
+  WaitUntil(released, awaited_released, handed); /* FlushLastQueue */
   finished = true;
   Wake();
 ended:
@@ -99,6 +108,10 @@ proctype Transmitter() {
      :: handed == released
      :: else ->
         if
+        :: Advance(passed, awaited_passed, released + 1) /* frames are spaced */
+        :: true
+        fi;
+        if
         :: !finished -> /* the adapter refuses the batch */
            failed = true;
            finished = true;
@@ -109,9 +122,8 @@ proctype Transmitter() {
            break
         :: true ->
            sent++;
-           released++;
-           look = resumes_at;
-           if :: look != NOBODY_WAITS && handed - released <= look -> Set(FREED) :: else fi
+           Advance(released, awaited_released, released + 1);
+           if :: passed != released -> Advance(passed, awaited_passed, released) :: else fi
         fi
      fi
   od;
