@@ -137,8 +137,8 @@ Result<Adapter> FindAdapter(const std::vector<Adapter>& adapters, const std::str
   // An interface may be named by a number, so names come first.
   const auto index = ParseNumber(device, 0, UINT32_MAX);
   if (index && *index < adapters.size()) return adapters[*index];
-  return Failure{ExitStatus::kNoAccess, fmt::format("--device: there is no \"{}\"; there are: {}",
-                                                    device, Names(adapters))};
+  return Failure{ExitStatus::kNoAccess,
+                 fmt::format("--device: no such adapter; allowed are: {}", Names(adapters))};
 }
 
 std::optional<Route> RouteTo(const IpAddress& address) {
@@ -157,7 +157,7 @@ Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAdd
   const auto route = RouteTo(address);
   if (!route) {
     return Failure{ExitStatus::kNoAccess,
-                   fmt::format("--device: needed, since there is no route to {}; there are: {}",
+                   fmt::format("--device: needed, since there is no route to {}; allowed are: {}",
                                FormatIp(address), Names(adapters))};
   }
   const auto adapter =
@@ -167,7 +167,7 @@ Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAdd
   return Failure{
       ExitStatus::kNoAccess,
       fmt::format("--device: needed, since the route to {} leads through {}, which is no "
-                  "Ethernet adapter; there are: {}",
+                  "Ethernet adapter; allowed are: {}",
                   FormatIp(address), route->interface, Names(adapters))};
 }
 

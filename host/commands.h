@@ -1,5 +1,5 @@
 // The commands of ipplay. Each adds itself to the application; when it was chosen and has run,
-// `exit_status` holds its result.
+// `outcome` holds its exit status, or why it failed, which nobody has been told yet.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -8,11 +8,8 @@
 
 namespace ipplay {
 
-void RegisterDevices(CLI::App& app, int& exit_status);
-void RegisterResolve(CLI::App& app, int& exit_status);
-void RegisterPlay(CLI::App& app, int& exit_status);
-
-// Prints the message of a failure and returns its exit status.
-int Report(const Failure& failure);
+void RegisterDevices(CLI::App& app, Result<int>& outcome);
+void RegisterResolve(CLI::App& app, Result<int>& outcome);
+void RegisterPlay(CLI::App& app, Result<int>& outcome);
 
 }  // namespace ipplay

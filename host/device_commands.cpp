@@ -69,30 +69,30 @@ struct ResolveOptions {
   std::string device;
 };
 
-int Resolve(const ResolveOptions& options) {
+Result<int> Resolve(const ResolveOptions& options) {
   const Library library;
   const auto adapter = FindAdapter(library.adapters(), options.device);
-  if (!adapter) return Report(adapter.failure());
+  if (!adapter) return adapter.failure();
   const auto destination = FindDestination(*adapter, options.address);
-  if (!destination) return Report(destination.failure());
+  if (!destination) return destination.failure();
   fmt::print(Results(), "{}  {}\n", FormatMac(destination->mac), destination->how);
   return static_cast<int>(ExitStatus::kPlayed);
 }
 
 }  // namespace
 
-void RegisterDevices(CLI::App& app, int& exit_status) {
+void RegisterDevices(CLI::App& app, Result<int>& outcome) {
   CLI::App* command = app.add_subcommand("devices", "List the adapters that can be played through");
   const auto json = std::make_shared<bool>(false);
-  command->add_flag("--json", *json, "As a JSON array")->configurable(false);
-  command->callback([json, &exit_status] {
+  OptionBuilder(*command).Flag("--json", *json, "As a JSON array")->configurable(false);
+  command->callback([json, &outcome] {
     const Library library;
     *json ? PrintJson(library.adapters()) : PrintTable(library.adapters());
-    exit_status = static_cast<int>(ExitStatus::kPlayed);
+    outcome = static_cast<int>(ExitStatus::kPlayed);
   });
 }
 
-void RegisterResolve(CLI::App& app, int& exit_status) {
+void RegisterResolve(CLI::App& app, Result<int>& outcome) {
   CLI::App* command =
       app.add_subcommand("resolve", "Find the MAC address that a frame to an address needs");
   const auto options = std::make_shared<ResolveOptions>();
@@ -102,16 +102,10 @@ void RegisterResolve(CLI::App& app, int& exit_status) {
       ->required()
       ->configurable(false);
   add.Value("--device", options->device, "NAME|N", "a name or a number",
-            "Adapter by name or by its number in `ipplay devices`",
-            [](const std::string& text) { return std::optional(text); })
+            "Adapter by name or by its number in `ipplay devices`", ParseText)
       ->required()
       ->configurable(false);
-  command->callback([options, &exit_status] { exit_status = Resolve(*options); });
-}
-
-int Report(const Failure& failure) {
-  fmt::print(stderr, "ipplay: {}\n", failure.message);
-  return static_cast<int>(failure.status);
+  command->callback([options, &outcome] { outcome = Resolve(*options); });
 }
 
 }  // namespace ipplay

@@ -7,25 +7,34 @@
 #include <sstream>
 
 #include "host/commands.h"
+#include "host/config_file.h"
 #include "host/library_output.h"
 #include "host/measure/measure_command.h"
+#include "host/refusal.h"
 
 namespace {
 
+int Tell(ipplay::ExitStatus status, const std::string& message) {
+  fmt::print(stderr, "ipplay: {}\n", message);
+  return static_cast<int>(status);
+}
+
 int Run(int argc, char** argv) {
   using ipplay::ExitStatus;
+  const ipplay::Words words(argv, static_cast<std::size_t>(argc));
   CLI::App app("Plays MPEG transport streams out of an Ethernet adapter at an exact bit rate",
                "ipplay");
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("ipplay ") + IPPLAYOUT_VERSION);
   app.set_config("--config", "", "Read options from FILE")->type_name("FILE");
   app.allow_config_extras(CLI::config_extras_mode::error);
-  int exit_status = static_cast<int>(ExitStatus::kUsage);
-  ipplay::RegisterDevices(app, exit_status);
-  ipplay::RegisterResolve(app, exit_status);
-  ipplay::RegisterPlay(app, exit_status);
-  ipplay::RegisterMeasure(app, exit_status);
-  ipplay::RegisterDemo(app, exit_status);
+  app.config_formatter(std::make_shared<ipplay::ConfigFile>());
+  ipplay::Result<int> outcome = static_cast<int>(ExitStatus::kUsage);
+  ipplay::RegisterDevices(app, outcome);
+  ipplay::RegisterResolve(app, outcome);
+  ipplay::RegisterPlay(app, outcome);
+  ipplay::RegisterMeasure(app, outcome);
+  ipplay::RegisterDemo(app, outcome);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
@@ -34,10 +43,11 @@ int Run(int argc, char** argv) {
     fmt::print(ipplay::Results(), "{}", text.str());
     return static_cast<int>(ExitStatus::kPlayed);
   } catch (const CLI::ParseError& error) {
-    fmt::print(stderr, "ipplay: {}\n", error.what());
-    return static_cast<int>(ExitStatus::kUsage);
+    return Tell(ExitStatus::kUsage, ipplay::ExplainRefusal(app, words, error));
   }
-  return exit_status;
+  if (outcome) return *outcome;
+  const ipplay::Failure& failure = outcome.failure();
+  return Tell(failure.status, ipplay::NameAsTyped(app, words, failure.message));
 }
 
 }  // namespace
@@ -46,6 +56,8 @@ int main(int argc, char** argv) {
   ipplay::Results();
   // A reader of the output that goes away is noticed at the write.
   std::signal(SIGPIPE, SIG_IGN);
+  // So is a file that grows too large.
+  std::signal(SIGXFSZ, SIG_IGN);
   try {
     return Run(argc, argv);
   } catch (const std::exception& error) {

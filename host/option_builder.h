@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <CLI/App.hpp>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -55,7 +56,13 @@ class OptionBuilder {
   }
 
   CLI::Option* Flag(const std::string& names, bool& field, const std::string& help) {
-    return command_.add_flag(names, field, help)->group(group_);
+    return Checked(command_.add_flag(names, field, help));
+  }
+
+  // A flag that clears `field`.
+  CLI::Option* Unset(const std::string& names, bool& field, const std::string& help) {
+    return Checked(command_.add_flag_function(
+        names, [&field](std::int64_t count) { field = count <= 0; }, help));
   }
 
   static CLI::ValidationError NotAllowed(const std::string& name, const std::string& text,
@@ -65,8 +72,15 @@ class OptionBuilder {
   }
 
  private:
+  CLI::Option* Checked(CLI::Option* flag) {
+    return flag->group(group_)->check([](const std::string& text) -> std::string {
+      if (text == "true" || text == "false") return {};
+      return fmt::format("\"{}\" is not allowed; allowed is true or false", text);
+    });
+  }
+
   CLI::App& command_;
-  std::string group_;
+  std::string group_ = "Options";  // without one an option is hidden
 };
 
 }  // namespace ipplay

@@ -20,28 +20,22 @@ void Copy(const std::array<std::uint8_t, N>& from, std::uint8_t (&to)[M]) {
 // Whether an address option is of the version that the target has.
 std::optional<Failure> CheckVersion(const char* name, const IpAddress& address, bool v6) {
   if (address.is_v6 == v6) return std::nullopt;
-  return UsageFailure(fmt::format("{} {}: allowed is an IPv{} address, as the target has one", name,
-                                  FormatIp(address), v6 ? 6 : 4));
+  return UsageFailure(
+      fmt::format("{}: allowed is an IPv{} address, as the target has one", name, v6 ? 6 : 4));
 }
 
-std::optional<Failure> PlanEthernet(const PlayOptions& options, const Path& path,
-                                    ProtocolHeadersSettings& headers) {
+void PlanEthernet(const PlayOptions& options, const Path& path, ProtocolHeadersSettings& headers) {
   const bool v6 = options.to.address.is_v6;
   EthernetHeaderSettings& ethernet = headers.EthernetHeaderSettings;
   Copy(options.src_mac.value_or(path.adapter.mac), ethernet.SourceMacAddress);
   const MacAddress resolved = path.destination.value_or(MacAddress{});
   Copy(options.dst_mac.value_or(resolved), ethernet.DestinationMacAddress);
   ethernet.EProtocol = options.ether_type.value_or(v6 ? kEtherTypeIPv6 : kEtherTypeIPv4);
-  if (!options.vlan && (options.vlan_priority != 0 || options.vlan_cfi)) {
-    return UsageFailure(fmt::format("{}: needs --vlan, the tag that it stands in",
-                                    options.vlan_cfi ? "--vlan-cfi" : "--vlan-priority"));
-  }
   headers.VLANEnabled = options.vlan ? 1 : 0;
   headers.TPID = options.vlan_tpid;
   headers.VLANPriorityLevel = static_cast<std::uint8_t>(options.vlan_priority);
   headers.CFI = options.vlan_cfi ? 1 : 0;
   headers.VID = options.vlan.value_or(0);
-  return std::nullopt;
 }
 
 std::optional<Failure> PlanIp(const PlayOptions& options, const Path& path,
@@ -56,7 +50,7 @@ std::optional<Failure> PlanIp(const PlayOptions& options, const Path& path,
   }
   if (auto failure = CheckVersion("--src-ip", *source, v6)) return failure;
   if (options.tos && options.dscp) {
-    return UsageFailure(fmt::format("--dscp {}: not together with --tos", *options.dscp));
+    return UsageFailure("--dscp: not together with --tos; allowed is one of them");
   }
   const auto tos =
       static_cast<std::uint8_t>(options.dscp ? *options.dscp << 2 : options.tos.value_or(0));
@@ -181,6 +175,21 @@ void FollowGroups(const PlayOptions& options, const Step& step,
   }
 }
 
+// What the field of a step is part of, where the datagrams have no such thing.
+const char* NeededBy(StepField field, const PlayOptions& options) {
+  switch (field) {
+    case StepField::kVlan:
+      return options.vlan ? nullptr : "--vlan";
+    case StepField::kFlowLabel:
+      return options.to.address.is_v6 ? nullptr : "IPv6 targets";
+    case StepField::kPayloadType:
+    case StepField::kSsrc:
+      return options.to.rtp ? nullptr : "rtp:// targets";
+    default:
+      return nullptr;
+  }
+}
+
 std::optional<Failure> PlanSteps(const PlayOptions& options, ProtocolHeadersIncrements& increments,
                                  std::vector<std::string>& notes) {
   const bool v6 = options.to.address.is_v6;
@@ -194,8 +203,9 @@ std::optional<Failure> PlanSteps(const PlayOptions& options, ProtocolHeadersIncr
                       "has one",
                       NameOf(step.field), FormatIp(step.ip), v6 ? 6 : 4));
     }
-    if (step.field == StepField::kVlan && !options.vlan) {
-      return UsageFailure(fmt::format("--step vlan={}: needs --vlan", step.number));
+    if (const char* needed = NeededBy(step.field, options)) {
+      return UsageFailure(fmt::format("--step {}={}: allowed with {} only", NameOf(step.field),
+                                      step.number, needed));
     }
     if (step.field == StepField::kDstIp) destination = &step;
     mac_given = mac_given || step.field == StepField::kDstMac;
@@ -210,12 +220,39 @@ std::optional<Failure> PlanSteps(const PlayOptions& options, ProtocolHeadersIncr
   return std::nullopt;
 }
 
+// Fields of headers that the datagrams do not have.
+std::optional<Failure> CheckFields(const PlayOptions& options) {
+  constexpr std::uint32_t kUsualTpid = 0x8100;
+  const bool v6 = options.to.address.is_v6;
+  const struct {
+    const char* option;
+    bool is_given;
+    bool is_allowed;
+    const char* with;
+  } kFields[] = {
+      {"--vlan-priority", options.vlan_priority != 0, options.vlan.has_value(), "--vlan"},
+      {"--vlan-cfi", options.vlan_cfi, options.vlan.has_value(), "--vlan"},
+      {"--vlan-tpid", options.vlan_tpid != kUsualTpid, options.vlan.has_value(), "--vlan"},
+      {"--flow-label", options.flow_label != 0, v6, "IPv6 targets"},
+      {"--identification", options.identification.has_value(), !v6, "IPv4 targets"},
+      {"--sequence", options.sequence.has_value(), options.to.rtp, "rtp:// targets"},
+      {"--rtp-extension", options.rtp_extension, options.to.rtp, "rtp:// targets"},
+  };
+  for (const auto& [option, is_given, is_allowed, with] : kFields) {
+    if (is_given && !is_allowed) {
+      return UsageFailure(fmt::format("{}: allowed with {} only", option, with));
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<Failure> PlanHeaders(const PlayOptions& options, const Path& path,
                                    IPPlayParams& params, std::vector<std::string>& notes) {
   ProtocolHeadersSettings& headers = params.ProtocolHeadersSettings;
-  if (auto failure = PlanEthernet(options, path, headers)) return failure;
+  if (auto failure = CheckFields(options)) return failure;
+  PlanEthernet(options, path, headers);
   if (auto failure = PlanIp(options, path, headers)) return failure;
   PlanUdpAndRtp(options, headers);
   return PlanSteps(options, params.ProtocolHeadersIncrements, notes);

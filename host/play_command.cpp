@@ -2,14 +2,13 @@
 #include <fmt/format.h>
 #include <sys/eventfd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
 
 #include "host/capabilities.h"
 #include "host/commands.h"
+#include "host/config_file.h"
 #include "host/destination.h"
 #include "host/library.h"
 #include "host/library_output.h"
@@ -46,16 +45,6 @@ std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, Play
   return std::nullopt;
 }
 
-std::optional<Failure> WriteConfig(const CLI::App& app, const PlayOptions& options) {
-  if (options.write_config.empty()) return std::nullopt;
-  std::ofstream file(options.write_config);
-  file << app.config_to_str(true, false);
-  file.close();
-  if (file) return std::nullopt;
-  return UsageFailure(fmt::format("--write-config: cannot write {}: {}", options.write_config,
-                                  std::strerror(errno)));
-}
-
 void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
                  const Path& path, Input& input) {
   std::vector<std::uint8_t> payload(plan.payload_bytes);
@@ -78,30 +67,30 @@ void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayP
   for (const std::string& note : plan.notes) fmt::print(stderr, "ipplay: note: {}\n", note);
 }
 
-int Play(const CLI::App& app, const PlayOptions& options) {
+Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   const Library library;
   auto path = FindPath(options, library.adapters());
-  if (!path) return Report(path.failure());
+  if (!path) return path.failure();
   const FileDescriptor stop_reading(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   auto input = Input::Open(options.input, stop_reading.get());
-  if (!input) return Report(input.failure());
+  if (!input) return input.failure();
   ExamineOptions examine{
       .raw = options.raw, .want_rate = !options.bit_rate && !options.frame_bit_rate, .pcr_pid = {}};
   if (options.restamp || options.near_wrap) examine.want_rate = true;
   if (options.pcr_pid) examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);
   const auto facts = Examine(*input, examine);
-  if (!facts) return Report(facts.failure());
+  if (!facts) return facts.failure();
   auto plan = MakePlan(options, *facts, *path);
-  if (!plan) return Report(plan.failure());
-  if (const auto failure = WriteConfig(app, options)) return Report(*failure);
+  if (!plan) return plan.failure();
+  if (const auto failure = WriteConfig(app, options.write_config)) return *failure;
   if (options.dry_run) {
     PrintDryRun(options, *facts, *plan, *path, *input);
     return static_cast<int>(ExitStatus::kPlayed);
   }
   if (const auto missing = MissingRightToSend()) {
-    return Report({ExitStatus::kNoAccess, *missing});
+    return Failure{ExitStatus::kNoAccess, *missing};
   }
-  if (const auto failure = CompletePath(options, *path, *plan)) return Report(*failure);
+  if (const auto failure = CompletePath(options, *path, *plan)) return *failure;
   Introduce(options, *facts, *plan, path->adapter);
   PlaySession session(options, *plan, std::make_unique<RoundReader>(std::move(*input), *facts),
                       stop_reading.get());
@@ -110,7 +99,7 @@ int Play(const CLI::App& app, const PlayOptions& options) {
 
 }  // namespace
 
-void RegisterPlay(CLI::App& app, int& exit_status) {
+void RegisterPlay(CLI::App& app, Result<int>& outcome) {
   CLI::App* command = app.add_subcommand("play", "Play a transport stream");
   const auto options = std::make_shared<PlayOptions>();
   DefinePlayOptions(*command, *options);
@@ -119,7 +108,7 @@ void RegisterPlay(CLI::App& app, int& exit_status) {
   command->footer(
       "--config FILE reads options, as --write-config wrote them; those on the command "
       "line come first.");
-  command->callback([options, &app, &exit_status] { exit_status = Play(app, *options); });
+  command->callback([options, &app, &outcome] { outcome = Play(app, *options); });
 }
 
 }  // namespace ipplay

@@ -22,7 +22,7 @@ void DefineTarget(OptionBuilder& add, PlayOptions& o) {
   add.Value("--device", o.device, "NAME|N", "a name or a number",
             "Adapter by name or by its number in `ipplay devices`; default: the one that the route "
             "to the target uses",
-            [](const std::string& text) { return std::optional(text); });
+            ParseText);
   const auto ip = [&](const char* name, auto& field, const char* help) {
     add.Value(name, field, "IP", "an IPv4 or IPv6 address", help, ParseIp);
   };
@@ -183,7 +183,7 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
       ->group("Deliberate errors");
 }
 
-void DefineRun(CLI::App& command, OptionBuilder& add, PlayOptions& o) {
+void DefineRun(OptionBuilder& add, PlayOptions& o) {
   add.Group("The run");
   add.Value("--priority", o.priority, "LEVEL",
             "idle, below-normal, normal, above-normal, highest or time-critical",
@@ -204,26 +204,25 @@ void DefineRun(CLI::App& command, OptionBuilder& add, PlayOptions& o) {
   add.Flag("--quiet", o.quiet, "No progress; errors, warnings and the summary only");
   add.Flag("--dry-run", o.dry_run, "Print what would be sent, and send nothing")
       ->configurable(false);
-  command.add_option("--write-config", o.write_config, "Write all options to FILE")
-      ->type_name("FILE")
-      ->configurable(false)
-      ->group("The run");
+  add.Value("--write-config", o.write_config, "FILE", "a file",
+            "Write all options to FILE, which --config reads", ParseText)
+      ->configurable(false);
 }
 
 }  // namespace
 
 void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
-  command.add_option("INPUT,--input", options.input, "File to play, or - for standard input")
-      ->type_name("FILE")
-      ->required();
   OptionBuilder add(command);
+  add.Value("INPUT,--input", options.input, "FILE", "a file or -",
+            "File to play, or - for standard input", ParseText)
+      ->required();
   DefineTarget(add, options);
   DefineHeaders(add, options);
   DefinePayload(add, options);
   DefineShape(add, options);
   DefineErrors(add, options);
   DefineLists(command, options);
-  DefineRun(command, add, options);
+  DefineRun(add, options);
 }
 
 }  // namespace ipplay

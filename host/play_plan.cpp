@@ -73,15 +73,26 @@ class Planner {
 
 std::optional<Failure> Planner::CheckErrors() {
   if (options_.delay && !IsRtp()) {
-    return UsageFailure("--delay: works with rtp:// targets only");
+    return UsageFailure("--delay: allowed with rtp:// targets only");
   }
   if (options_.bad_ip_checksum && IsV6()) {
-    return UsageFailure("--bad-ip-checksum: works with IPv4 only; IPv6 has no header checksum");
+    return UsageFailure(
+        "--bad-ip-checksum: allowed with IPv4 targets only; IPv6 has no header checksum");
   }
   if (options_.bad_ip_checksum && options_.bad_udp_checksum) {
     return UsageFailure(
-        "--bad-udp-checksum: not together with --bad-ip-checksum; one kind can be scheduled, the "
-        "other be asked for with --at or keys");
+        "--bad-udp-checksum: not together with --bad-ip-checksum; allowed is one of them on "
+        "schedule, "
+        "the other with --at or keys");
+  }
+  if (options_.random && !options_.lose && !options_.delay && !options_.bad_ip_checksum &&
+      !options_.bad_udp_checksum) {
+    return UsageFailure("--random: allowed with --lose, --delay or --bad-...-checksum only");
+  }
+  if (options_.pcr_pid && options_.raw) {
+    return UsageFailure(
+        "--pcr-pid: not together with --raw, which knows no PCRs; allowed is one of "
+        "them");
   }
   return CheckTimeLine();
 }
@@ -89,10 +100,10 @@ std::optional<Failure> Planner::CheckErrors() {
 std::optional<Failure> Planner::CheckTimeLine() const {
   for (const auto& [time, action] : options_.time_line) {
     if (action.kind == ActionKind::kDelay && !IsRtp()) {
-      return UsageFailure("--at: delay works with rtp:// targets only");
+      return UsageFailure("--at: delay is allowed with rtp:// targets only");
     }
     if (action.kind == ActionKind::kBadIpChecksum && IsV6()) {
-      return UsageFailure("--at: bad-ip-checksum works with IPv4 only");
+      return UsageFailure("--at: bad-ip-checksum is allowed with IPv4 targets only");
     }
   }
   return std::nullopt;
@@ -116,16 +127,16 @@ std::string Planner::SizeOption() const {
 
 std::optional<Failure> Planner::SetPayload() {
   if (options_.frame_size && options_.ts_per_datagram) {
-    return UsageFailure(fmt::format("{}: not together with --ts-per-datagram", SizeOption()));
+    return UsageFailure(
+        "--frame-size: not together with --ts-per-datagram; allowed is one of them");
   }
   if (options_.cut && !options_.frame_size) {
-    return UsageFailure("--cut: needs --frame-size, the size to fill");
+    return UsageFailure("--cut: allowed with --frame-size only, the size to fill");
   }
   if (options_.raw && options_.ts_per_datagram) {
     return UsageFailure(
-        fmt::format("{}: not with --raw, which knows no transport packets; "
-                    "--frame-size is allowed",
-                    SizeOption()));
+        "--ts-per-datagram: not together with --raw, which knows no transport packets; allowed is "
+        "--frame-size");
   }
   const bool to_the_byte = options_.raw || options_.cut;
   const std::uint32_t headers = HeaderBytes(params());
@@ -177,7 +188,7 @@ std::optional<Failure> Planner::CheckFrame() {
 // by the four bytes in front of each packet of time-stamped input.
 std::optional<Failure> Planner::SetRate() {
   if (options_.bit_rate && options_.frame_bit_rate) {
-    return UsageFailure("--frame-bitrate: not together with --bitrate");
+    return UsageFailure("--frame-bitrate: not together with --bitrate; allowed is one of them");
   }
   const double packet_share =
       facts_.format.IsRaw() ? 1 : static_cast<double>(PacketBytes()) / facts_.format.CountedBytes();
@@ -190,12 +201,11 @@ std::optional<Failure> Planner::SetRate() {
   } else {
     const auto rate = options_.bit_rate ? options_.bit_rate : facts_.BitRate();
     if (!rate) {
-      return UsageFailure(options_.pcr_pid
-                              ? fmt::format("--pcr-pid {}: INPUT has no PCRs there; --bitrate "
-                                            "gives the rate",
-                                            *options_.pcr_pid)
-                              : std::string("--bitrate: needed, since INPUT has no PCRs that tell "
-                                            "its rate"));
+      return UsageFailure(
+          options_.pcr_pid
+              ? "--pcr-pid: INPUT has no PCRs there; allowed is one with PCRs, or --bitrate"
+              : "--bitrate: needed, since INPUT has no PCRs that tell "
+                "its rate");
     }
     plan_.stream_rate = *rate * speed;
     plan_.frame_rate = plan_.stream_rate * frame_share;
@@ -207,8 +217,7 @@ std::optional<Failure> Planner::SetRate() {
 std::optional<Failure> Planner::SetRounds() {
   plan_.rounds = options_.rounds;
   if (plan_.rounds != 1 && !facts_.bytes) {
-    return UsageFailure(fmt::format("--loop {}: needs a file; a pipe can be read once",
-                                    plan_.rounds ? std::to_string(*plan_.rounds) : "forever"));
+    return UsageFailure("--loop: allowed with a file only; a pipe can be read once");
   }
   plan_.round_bytes = facts_.bytes;
   if (facts_.bytes && plan_.rounds) plan_.total_bytes = *facts_.bytes * *plan_.rounds;
@@ -217,10 +226,13 @@ std::optional<Failure> Planner::SetRounds() {
 
 std::optional<Failure> Planner::SetRestamp() {
   if (options_.restamp && facts_.format.IsRaw()) {
-    return UsageFailure("--restamp: not with --raw, which knows no transport packets");
+    return UsageFailure(
+        "--restamp: not together with --raw, which knows no transport packets; allowed is one of "
+        "them");
   }
   if (!facts_.rate) {
-    if (options_.restamp) return UsageFailure("--restamp: INPUT has no PCRs to go by");
+    if (options_.restamp)
+      return UsageFailure("--restamp: allowed with PCRs to go by only, and INPUT has none");
     return std::nullopt;
   }
   if (!options_.restamp && !options_.near_wrap) return std::nullopt;
@@ -277,10 +289,12 @@ void Planner::SetBatch() {
 std::optional<Failure> Planner::SetRtpClock() {
   if (!IsRtp()) return std::nullopt;
   if (plan_.frame_rate < 1 || plan_.frame_rate >= 4294967296.0) {
-    return UsageFailure(fmt::format(
-        "--bitrate: frames at {}; allowed with rtp:// are 1 bit/s to 4.29 Gbit/s per stream, which "
-        "is what the RTP clock can count",
-        FormatBitRate(plan_.frame_rate)));
+    return UsageFailure(
+        fmt::format("{}: frames at {}; allowed with rtp:// are 1 bit/s to 4.29 Gbit/s per stream, "
+                    "which is what "
+                    "the RTP clock can count",
+                    options_.frame_bit_rate ? "--frame-bitrate" : "--bitrate",
+                    FormatBitRate(plan_.frame_rate)));
   }
   if (plan_.copies > 1 && params().PacketSizeMode == 1) {
     params().IPPacketSize = std::max(1U, (plan_.frame_bytes + plan_.copies / 2) / plan_.copies);

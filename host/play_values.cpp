@@ -93,6 +93,11 @@ std::optional<std::uint64_t> ParseNumber(std::string_view text, std::uint64_t lo
   return value;
 }
 
+std::optional<std::string> ParseText(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  return std::string(text);
+}
+
 std::optional<ErrorSchedule> ParseErrorSchedule(std::string_view text) {
   const auto parts = Split(text, '/');
   if (!parts) return std::nullopt;

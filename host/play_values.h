@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "host/address.h"
@@ -13,6 +14,9 @@ namespace ipplay {
 // A number in decimal or, after 0x, in hex, between two limits.
 std::optional<std::uint64_t> ParseNumber(std::string_view text, std::uint64_t lowest,
                                          std::uint64_t highest);
+
+// Anything but nothing.
+std::optional<std::string> ParseText(std::string_view text);
 
 // "2/1000": so many out of every so many datagrams.
 struct ErrorSchedule {

@@ -52,7 +52,7 @@ Failure ActivationFailure(const std::string& device, int code, pcap_t* handle) {
   const std::string detail = ::pcap_geterr(handle);
   switch (code) {
     case PCAP_ERROR_NO_SUCH_DEVICE:
-      return {ExitStatus::kNoAccess, fmt::format("no such device: {}", device)};
+      return {ExitStatus::kNoAccess, fmt::format("SOURCE: there is no adapter or file {}", device)};
     case PCAP_ERROR_PERM_DENIED:
     case PCAP_ERROR_PROMISC_PERM_DENIED:
       return {ExitStatus::kNoAccess,
@@ -85,7 +85,8 @@ Result<CaptureSource> CaptureSource::OpenLive(const LiveSettings& settings) {
                          static_cast<int>(std::min<std::uint64_t>(settings.buffer_bytes, INT_MAX)));
   ::pcap_set_tstamp_precision(pcap, PCAP_TSTAMP_PRECISION_NANO);
   if (settings.adapter_time_stamps && ::pcap_set_tstamp_type(pcap, PCAP_TSTAMP_ADAPTER) != 0) {
-    return UsageFailure(fmt::format("{} has no time stamps of its own", settings.device));
+    return UsageFailure(fmt::format("--adapter-timestamps: {} has none; allowed are the kernel's",
+                                    settings.device));
   }
   if (const int code = ::pcap_activate(pcap); code < 0) {
     return ActivationFailure(settings.device, code, pcap);
@@ -111,7 +112,7 @@ Result<CaptureSource> CaptureSource::OpenFile(const std::string& path, const std
     // libpcap names the file in some of its messages only.
     const std::string why = error.data();
     const bool named = why.find(path) != std::string::npos;
-    return UsageFailure(named ? why : fmt::format("{}: {}", path, why));
+    return UsageFailure("SOURCE: " + (named ? why : fmt::format("{}: {}", path, why)));
   }
   return Finish(std::move(handle), path, filter, false);
 }
@@ -120,7 +121,8 @@ std::optional<Failure> CaptureSource::SetFilter(pcap* handle, const std::string&
   if (filter.empty()) return std::nullopt;
   bpf_program program{};
   if (::pcap_compile(handle, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
-    return UsageFailure(fmt::format("--filter: {}", ::pcap_geterr(handle)));
+    return UsageFailure(
+        fmt::format("--filter: {}; allowed is what pcap-filter(7) says", ::pcap_geterr(handle)));
   }
   const int result = ::pcap_setfilter(handle, &program);
   ::pcap_freecode(&program);
@@ -134,7 +136,7 @@ Result<CaptureSource> CaptureSource::Finish(Handle handle, const std::string& na
   const auto link = LinkTypeOf(dlt);
   if (!link) {
     const char* type = ::pcap_datalink_val_to_name(dlt);
-    return UsageFailure(fmt::format("{} has frames of a kind that cannot be read: {}", name,
+    return UsageFailure(fmt::format("SOURCE: {} has frames of a kind that cannot be read: {}", name,
                                     type == nullptr ? "unknown" : type));
   }
   if (auto failure = SetFilter(handle.get(), filter)) return *failure;

@@ -15,6 +15,7 @@
 #include "host/measure/measure_run.h"
 #include "host/measure/player_process.h"
 #include "host/option_builder.h"
+#include "host/output_file.h"
 #include "host/stream_facts.h"
 #include "host/units.h"
 
@@ -66,7 +67,7 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
   const auto bit_rate = options.bit_rate ? options.bit_rate : facts->BitRate();
   if (!bit_rate) {
     return UsageFailure(
-        fmt::format("{} has no PCRs to take its rate from: give --bitrate", options.file));
+        fmt::format("--bitrate: needed, since {} has no PCRs that tell its rate", options.file));
   }
   return DemoStream{FileDescriptor(), options.file, options.file, *bit_rate, facts->format};
 }
@@ -83,9 +84,13 @@ std::vector<std::string> MeasureWords(const DemoOptions& options, const DemoStre
   return words;
 }
 
-int RunDemo(const DemoOptions& options) {
+Result<int> RunDemo(const DemoOptions& options) {
+  if (!options.report_file.empty()) {
+    const auto file = OutputFile::Create("--report", options.report_file);
+    if (!file) return file.failure();
+  }
   const auto stream = StreamOf(options);
-  if (!stream) return Report(stream.failure());
+  if (!stream) return stream.failure();
   CLI::App command;
   MeasureOptions measure;
   DefineMeasureOptions(command, measure);
@@ -95,7 +100,7 @@ int RunDemo(const DemoOptions& options) {
   command.parse(std::vector<std::string>(words.rbegin(), words.rend()));
 
   const auto network = DemoNetwork::Create();
-  if (!network) return Report(network.failure());
+  if (!network) return network.failure();
   const std::string target = fmt::format("rtp://{}:{}", DemoNetwork::kFarAddress, kPort);
   PlayerProcess player;
   measure.plain_words = true;
@@ -108,12 +113,14 @@ int RunDemo(const DemoOptions& options) {
   fmt::print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",
              stream->name, FormatBitRate(stream->bit_rate), target);
   std::fflush(Results());
-  const int status = RunMeasurement(measure, settings);
+  const auto measured = RunMeasurement(measure, settings);
   if (player.HasEnded() && player.Status() != 0) {
     fmt::print(stderr, "{}", player.Output());
     return player.Status();
   }
-  if (!options.report_file.empty() && status != static_cast<int>(ExitStatus::kFailed)) {
+  if (!measured) return measured.failure();
+  const int status = *measured;
+  if (!options.report_file.empty()) {
     fmt::print(Results(), "Report with plots: {}\n", options.report_file);
   }
   return status;
@@ -124,18 +131,17 @@ int RunDemo(const DemoOptions& options) {
 
 namespace ipplay {
 
-void RegisterDemo(CLI::App& app, int& exit_status) {
+void RegisterDemo(CLI::App& app, Result<int>& outcome) {
   CLI::App* command = app.add_subcommand(
       "demo", "Play and measure side by side, between two network namespaces of its own");
   const auto options = std::make_shared<measure::DemoOptions>();
   OptionBuilder add(*command);
-  const auto any = [](const std::string& text) { return std::optional(text); };
   add.Value("FILE", options->file, "FILE", "a file", "Stream to play instead of the built-in one",
-            any);
+            ParseText);
   add.Value("--bitrate", options->bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
             "Bit rate of the transport stream; default: as its PCRs say, 10M of the built-in one",
             ParseBitRate);
-  add.Value(
+  CLI::Option* length_option = add.Value(
       "--length", options->length, "TIME", "100ms to 60s", "Length of the built-in stream",
       [](const std::string& text) {
         const auto length = ParseDuration(text);
@@ -145,8 +151,14 @@ void RegisterDemo(CLI::App& app, int& exit_status) {
       },
       "5s");
   add.Value("--report", options->report_file, "FILE", "a file", "Write a page with plots (HTML)",
-            any, "ipplay-demo.html");
-  command->callback([options, &exit_status] { exit_status = measure::RunDemo(*options); });
+            ParseText, "ipplay-demo.html");
+  command->callback([options, length_option, &outcome] {
+    if (!options->file.empty() && length_option->count() > 0) {
+      outcome = UsageFailure("--length: allowed with the built-in stream only, without FILE");
+      return;
+    }
+    outcome = measure::RunDemo(*options);
+  });
 }
 
 }  // namespace ipplay

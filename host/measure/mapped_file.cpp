@@ -13,7 +13,7 @@ namespace ipplay::measure {
 
 Result<std::shared_ptr<const MappedFile>> MappedFile::Open(const std::string& path) {
   const auto failure = [&](const char* why) {
-    return UsageFailure(fmt::format("cannot read {}: {}", path, why));
+    return UsageFailure(fmt::format("cannot be read: {}", why));
   };
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return failure(std::strerror(errno));
@@ -26,7 +26,7 @@ Result<std::shared_ptr<const MappedFile>> MappedFile::Open(const std::string& pa
   }
   const int error = errno;
   ::close(fd);
-  if (!is_file) return failure("not a file, or an empty one");
+  if (!is_file) return failure("it is no file, or an empty one");
   if (memory == MAP_FAILED) return failure(std::strerror(error));
   const std::span bytes(static_cast<const std::uint8_t*>(memory),
                         static_cast<std::size_t>(status.st_size));

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/config_file.h"
 #include "host/measure/measure_options.h"
 #include "host/measure/measure_run.h"
 
@@ -25,13 +26,22 @@ std::vector<std::pair<std::string, std::string>> GivenOptions(const CLI::App& co
 
 }  // namespace
 
-void RegisterMeasure(CLI::App& app, int& exit_status) {
+void RegisterMeasure(CLI::App& app, Result<int>& outcome) {
   CLI::App* command = app.add_subcommand(
       "measure", "Measure the streams that arrive at an adapter, or that a capture file holds");
   const auto options = std::make_shared<measure::MeasureOptions>();
   measure::DefineMeasureOptions(*command, *options);
-  command->callback([command, options, &exit_status] {
-    exit_status = measure::RunMeasurement(*options, GivenOptions(*command));
+  // --config belongs to the application, which reads it before the command runs.
+  command->fallthrough();
+  command->footer(
+      "--config FILE reads options, as --write-config wrote them; those on the command "
+      "line come first.");
+  command->callback([command, options, &app, &outcome] {
+    if (auto failure = WriteConfig(app, options->write_config)) {
+      outcome = *std::move(failure);
+      return;
+    }
+    outcome = measure::RunMeasurement(*options, GivenOptions(*command));
   });
 }
 

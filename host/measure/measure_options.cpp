@@ -30,10 +30,6 @@ constexpr Word<RtpMode> kRtpWords[] = {
 constexpr Word<Direction> kDirectionWords[] = {
     {"both", Direction::kBoth}, {"in", Direction::kIn}, {"out", Direction::kOut}};
 
-std::optional<std::string> AnyText(const std::string& text) {
-  return text;
-}
-
 std::optional<std::int64_t> ParseNanoseconds(const std::string& text) {
   const auto duration = ParseDuration(text);
   return duration ? std::optional<std::int64_t>(duration->count()) : std::nullopt;
@@ -64,7 +60,7 @@ void DefineStream(OptionBuilder& add, MeasureOptions& o) {
             ParseBitRate);
   add.Value("--expect", o.expected_file, "FILE", "a file",
             "Compare each stream's payload with this file, which may be played over and over",
-            AnyText);
+            ParseText);
   add.Value("--media-rate", m.media_rate, "RATE", kBitRateAllowed,
             "Rate at which the delay factor's buffer drains; default: the stream's mean rate",
             ParseBitRate);
@@ -83,7 +79,7 @@ void DefineCapture(OptionBuilder& add, MeasureOptions& o) {
   LiveSettings& c = o.capture;
   add.Group("Capture");
   add.Value("--filter", c.filter, "EXPR", "an expression of pcap-filter(7)",
-            "Look at matching frames only, as in \"udp port 5004\"", AnyText);
+            "Look at matching frames only, as in \"udp port 5004\"", ParseText);
   add.Value("--direction", c.direction, "WAY", "in, out or both",
             "Frames that arrive at the adapter, leave it, or both", OneOf(kDirectionWords), "both");
   add.Value(
@@ -103,10 +99,10 @@ void DefineCapture(OptionBuilder& add, MeasureOptions& o) {
       "65535");
   add.Flag("--adapter-timestamps", c.adapter_time_stamps,
            "Time stamps of the adapter, not of the kernel");
-  add.Flag("!--no-promiscuous", c.promiscuous, "Leave the adapter's address filter on");
-  add.Flag("!--no-udp-checksum", o.measurement.check_udp,
-           "Don't check UDP checksums (a sender on this machine may leave them to its adapter)");
-  add.Flag("!--no-ts", o.measurement.analyse_ts, "Don't look into the transport stream");
+  add.Unset("--no-promiscuous", c.promiscuous, "Leave the adapter's address filter on");
+  add.Unset("--no-udp-checksum", o.measurement.check_udp,
+            "Don't check UDP checksums (a sender on this machine may leave them to its adapter)");
+  add.Unset("--no-ts", o.measurement.analyse_ts, "Don't look into the transport stream");
 }
 
 void DefineLimits(OptionBuilder& add, MeasureOptions& o) {
@@ -133,9 +129,13 @@ void DefineOutput(OptionBuilder& add, MeasureOptions& o) {
   add.Group("Output");
   add.Flag("--json", o.json, "Print the result as JSON");
   add.Flag("--quiet,-q", o.quiet, "Print nothing while measuring");
-  add.Value("--report", o.report_file, "FILE", "a file", "Write a page with plots (HTML)", AnyText);
+  add.Value("--report", o.report_file, "FILE", "a file", "Write a page with plots (HTML)",
+            ParseText);
   add.Value("--rows", o.rows, "N", "0 to 100000", "Streams that the tables show",
             NumberBetween(0, 100'000), "20");
+  add.Value("--write-config", o.write_config, "FILE", "a file",
+            "Write all options to FILE, which --config reads", ParseText)
+      ->configurable(false);
 }
 
 }  // namespace
@@ -143,11 +143,10 @@ void DefineOutput(OptionBuilder& add, MeasureOptions& o) {
 void DefineMeasureOptions(CLI::App& command, MeasureOptions& options) {
   OptionBuilder add(command);
   add.Group("Source");
-  add.Value("SOURCE", options.source, "DEVICE|FILE", "an adapter or a file",
+  add.Value("SOURCE,--source", options.source, "DEVICE|FILE", "an adapter or a file",
             "Adapter to capture on, or a pcap or pcapng file to read (- for standard input)",
-            AnyText)
-      ->required()
-      ->configurable(false);
+            ParseText)
+      ->required();
   DefineEnd(add, options);
   DefineStream(add, options);
   DefineLimits(add, options);

@@ -30,6 +30,7 @@ struct MeasureOptions {
   bool quiet = false;
   std::string report_file;
   std::uint64_t rows = 20;
+  std::string write_config;
 
   // Of a measurement that brings its sender along; not on the command line.
   bool plain_words = false;            // instead of the tables

@@ -12,11 +12,11 @@
 #include "host/library_output.h"
 #include "host/measure/json_view.h"
 #include "host/measure/live_view.h"
-#include "host/measure/output_file.h"
 #include "host/measure/plain_words.h"
 #include "host/measure/report_html.h"
 #include "host/measure/stop_signals.h"
 #include "host/measure/table_view.h"
+#include "host/output_file.h"
 
 namespace ipplay::measure {
 namespace {
@@ -36,11 +36,6 @@ bool IsFile(const std::string& source) {
   struct stat status {};
   return source == "-" || source.find('/') != std::string::npos ||
          (::stat(source.c_str(), &status) == 0 && S_ISREG(status.st_mode));
-}
-
-int Print(const Failure& failure) {
-  fmt::print(stderr, "ipplay: {}\n", failure.message);
-  return static_cast<int>(failure.status);
 }
 
 // When a live measurement is over, by the clock of this machine.
@@ -158,7 +153,10 @@ Result<MeasurementSettings> SettingsOf(const MeasureOptions& options) {
   if (options.duration) settings.max_duration_ns = options.duration->count();
   if (!options.expected_file.empty()) {
     auto file = MappedFile::Open(options.expected_file);
-    if (!file) return file.failure();
+    if (!file) {
+      return UsageFailure(
+          fmt::format("--expect {}: {}", options.expected_file, file.failure().message));
+    }
     settings.expected = std::make_shared<ExpectedContent>(*file);
   }
   return settings;
@@ -174,24 +172,46 @@ Requirements RequirementsOf(const MeasureOptions& options) {
   return requirements;
 }
 
+// What is asked of an adapter and cannot be had from a file.
+std::optional<Failure> CheckFileOptions(const MeasureOptions& options) {
+  const struct {
+    const char* option;
+    bool is_given;
+  } kOfAdapters[] = {{"--silence", options.silence.has_value()},
+                     {"--wait", options.wait.has_value()},
+                     {"--direction", options.capture.direction != Direction::kBoth},
+                     {"--adapter-timestamps", options.capture.adapter_time_stamps},
+                     {"--no-promiscuous", !options.capture.promiscuous}};
+  for (const auto& [option, is_given] : kOfAdapters) {
+    if (is_given) {
+      return UsageFailure(
+          fmt::format("{}: allowed with adapters only, and {} is a file", option, options.source));
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
-int RunMeasurement(const MeasureOptions& options,
-                   const std::vector<std::pair<std::string, std::string>>& settings) {
+Result<int> RunMeasurement(const MeasureOptions& options,
+                           const std::vector<std::pair<std::string, std::string>>& settings) {
+  const bool is_file = IsFile(options.source);
+  if (is_file) {
+    if (auto failure = CheckFileOptions(options)) return *std::move(failure);
+  }
   const auto measurement_settings = SettingsOf(options);
-  if (!measurement_settings) return Print(measurement_settings.failure());
+  if (!measurement_settings) return measurement_settings.failure();
   std::optional<OutputFile> report_file;
   if (!options.report_file.empty()) {
-    auto file = OutputFile::Create(options.report_file);
-    if (!file) return Print(file.failure());
+    auto file = OutputFile::Create("--report", options.report_file);
+    if (!file) return file.failure();
     report_file = std::move(*file);
   }
   LiveSettings live = options.capture;
   live.device = options.source;
-  auto source = IsFile(options.source)
-                    ? CaptureSource::OpenFile(options.source, options.capture.filter)
-                    : CaptureSource::OpenLive(live);
-  if (!source) return Print(source.failure());
+  auto source = is_file ? CaptureSource::OpenFile(options.source, options.capture.filter)
+                        : CaptureSource::OpenLive(live);
+  if (!source) return source.failure();
 
   MeasureRun run(options, std::move(*source), *measurement_settings);
   const auto failure = run.Run();
@@ -206,11 +226,12 @@ int RunMeasurement(const MeasureOptions& options,
     fmt::print(Results(), "{}", ResultTable(summary, verdicts, table));
   }
   std::fflush(Results());
-  if (report_file && !report_file->Commit(
-                         ReportHtml({summary, run.Measured(), verdicts, settings, LocalDate()}))) {
-    return Print({ExitStatus::kFailed, fmt::format("cannot write {}", options.report_file)});
+  if (report_file) {
+    auto refused =
+        report_file->Commit(ReportHtml({summary, run.Measured(), verdicts, settings, LocalDate()}));
+    if (refused) return *std::move(refused);
   }
-  if (failure) return Print(*failure);
+  if (failure) return *failure;
   return AllMet(verdicts) ? static_cast<int>(ExitStatus::kPlayed) : kLimitsNotMet;
 }
 

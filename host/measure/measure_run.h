@@ -6,15 +6,16 @@
 #include <vector>
 
 #include "host/measure/measure_options.h"
+#include "host/result.h"
 
 namespace ipplay::measure {
 
 // Exit status where a limit was not met; the others are ExitStatus.
 inline constexpr int kLimitsNotMet = 4;
 
-// Measures, prints and writes what was asked for, and returns the exit status. `settings` is what
+// Measures, prints and writes what was asked for. The exit status, or why there is none. `settings` is what
 // the user asked for, for the report.
-int RunMeasurement(const MeasureOptions& options,
-                   const std::vector<std::pair<std::string, std::string>>& settings);
+Result<int> RunMeasurement(const MeasureOptions& options,
+                           const std::vector<std::pair<std::string, std::string>>& settings);
 
 }  // namespace ipplay::measure

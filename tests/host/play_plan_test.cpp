@@ -24,19 +24,6 @@ StreamFacts Facts(std::uint32_t packet_bytes = 188) {
   return facts;
 }
 
-StreamFacts OfFile() {
-  return Facts();
-}
-StreamFacts OfRawFile() {
-  return Facts(0);
-}
-
-StreamFacts WithoutPcrs() {
-  StreamFacts facts = Facts();
-  facts.rate.reset();
-  return facts;
-}
-
 StreamFacts OfPipe() {
   StreamFacts facts = Facts();
   facts.bytes.reset();
@@ -167,45 +154,6 @@ TEST(PlayPlan, LargeFramesNeedTheBitCleared) {
   ASSERT_TRUE(large) << large.failure().message;
   EXPECT_EQ(large->settings.params.IPFragmentation, 1U);
   EXPECT_EQ(Plan(kRtp + "--dont-fragment off")->settings.params.IPFragmentation, 1U);
-}
-
-TEST(PlayPlan, Refusals) {
-  const struct {
-    std::string line;
-    const char* message;
-    StreamFacts (*facts)() = OfFile;
-  } cases[] = {
-      {kUdp + "--delay 1/10", "--delay: works with rtp://"},
-      {kUdp6 + "--bad-ip-checksum 1/10", "--bad-ip-checksum: works with IPv4"},
-      {kRtp + "--bad-ip-checksum 1/10 --bad-udp-checksum 1/10", "--bad-udp-checksum: not together"},
-      {kUdp + "--at 1s delay", "--at: delay works with rtp://"},
-      {kUdp6 + "--at 1s bad-ip-checksum", "--at: bad-ip-checksum works with IPv4"},
-      {kRtp + "--src-ip fd00::1", "--src-ip fd00::1: allowed is an IPv4"},
-      {kRtp + "--step dst-ip=::1", "--step dst-ip=::1: allowed is an IPv4"},
-      {kRtp + "--step vlan=1", "--step vlan=1: needs --vlan"},
-      {kRtp + "--vlan-priority 3", "--vlan-priority: needs --vlan"},
-      {kRtp + "--tos 1 --dscp 2", "--dscp 2: not together with --tos"},
-      {kRtp + "--frame-size 60", "--frame-size 60: allowed is 242 or more"},
-      {kRtp + "--frame-size 1400 --ts-per-datagram 3", "--frame-size 1400: not together"},
-      {kRtp + "--cut", "--cut: needs --frame-size"},
-      {kRtp + "--ts-per-datagram 8",
-       "--ts-per-datagram 8: IP packets of 1544 bytes; allowed on near are 1500"},
-      {kRtp + "--ts-per-datagram 8 --dont-fragment on",
-       "--ts-per-datagram 8: frames of 1558 bytes; allowed are 1500"},
-      {kRtp + "--bitrate 1M --frame-bitrate 1M", "--frame-bitrate: not together"},
-      {kRtp + "--bitrate 5G", "--bitrate: frames at 5.2"},
-      {kRtp + "--burst 10000000", "--burst: 10000000 frames"},
-      {kRtp + "--raw", "--bitrate: needed, since INPUT has no PCRs", OfRawFile},
-      {kRtp + "--pcr-pid 9", "--pcr-pid 9: INPUT has no PCRs there", WithoutPcrs},
-      {kRtp + "--loop 2", "--loop 2: needs a file", OfPipe},
-      {kRtp + "--restamp --bitrate 1M", "--restamp: INPUT has no PCRs", WithoutPcrs},
-  };
-  for (const auto& c : cases) {
-    const auto plan = Plan(c.line, c.facts());
-    ASSERT_FALSE(plan) << c.line;
-    EXPECT_EQ(plan.failure().message.find(c.message), 0U) << plan.failure().message;
-    EXPECT_EQ(plan.failure().status, ExitStatus::kUsage);
-  }
 }
 
 TEST(PlayPlan, NotesTellWhatIsUnexpected) {

@@ -1,0 +1,162 @@
+"""Files that ipplay writes, and configuration files, which repeat a test exactly."""
+import json
+import os
+import resource
+import subprocess
+import unittest
+
+from playbed import SAMPLE, PlayCase, read_file, write_pcap
+
+PLAYED, FAILED, USAGE = 0, 1, 2
+TARGET = ("--to", "rtp://239.1.1.1:5004")
+
+
+class FileCase(PlayCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.frames = os.path.join(cls.folder.name, "frames.pcap")
+        played = cls.bed.play(SAMPLE, *TARGET, "--bitrate", "20M", "--bad-udp-checksum", "1/50")
+        write_pcap(cls.frames, played.arrivals)
+
+    def run_ipplay(self, *arguments, **more):
+        process = self.bed.start(*arguments, **more)
+        output, errors = process.communicate(timeout=30)
+        return process.returncode, output, errors
+
+
+class Written(FileCase):
+    def setUp(self):
+        self.shared = self.path("shared")
+        os.mkdir(self.shared)
+        os.chmod(self.shared, 0o1777)
+        self.addCleanup(lambda: subprocess.run(["rm", "-r", self.shared], check=True))
+        self.file = os.path.join(self.shared, "file")
+
+    def write(self, option, path=None, umask=0o022, **more):
+        command = {"--write-config": ("play", SAMPLE, *TARGET, "--dry-run"), "--report": ("measure", self.frames)}[option]
+
+        def enter():
+            os.umask(umask)
+            if more.get("limit"):
+                resource.setrlimit(resource.RLIMIT_FSIZE, (more["limit"],) * 2)
+
+        process = subprocess.Popen([os.environ["IPPLAY"], *command, option, path or self.file], text=True,
+                                   preexec_fn=lambda: (self.bed.near.enter(), enter()), stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE)
+        output, errors = process.communicate(timeout=30)
+        return process.returncode, output, errors
+
+    def test_regular_files(self):
+        for option, mark in (("--write-config", b"[play]\n"), ("--report", b"<!")):
+            with self.subTest(option):
+                self.assertEqual(self.write(option, umask=0o027)[0], PLAYED)
+                self.assertEqual(os.stat(self.file).st_mode & 0o7777, 0o640)
+                self.assertTrue(read_file(self.file).startswith(mark))
+                # What others hold of an older file is not written into.
+                with open(self.file, "w", encoding="ascii") as file:
+                    file.write("old")
+                os.chmod(self.file, 0o600)
+                os.link(self.file, self.file + ".linked")
+                self.assertEqual(self.write(option)[0], PLAYED)
+                self.assertEqual(os.stat(self.file).st_mode & 0o7777, 0o600)
+                self.assertTrue(read_file(self.file).startswith(mark))
+                self.assertEqual(read_file(self.file + ".linked"), b"old")
+                os.remove(self.file + ".linked")
+                os.remove(self.file)
+
+    def test_what_is_refused_or_fails_leaves_all_as_it_was(self):
+        victim = self.path("victim")
+
+        def lay_link():
+            with open(victim, "w", encoding="ascii") as file:
+                file.write("precious")
+            os.symlink(victim, self.file)
+
+        def lay_old():
+            with open(self.file, "w", encoding="ascii") as file:
+                file.write("precious")
+
+        def lay_foreign_fifo():
+            os.mkfifo(self.file)
+            os.chown(self.file, 65534, 65534)
+
+        for option in ("--write-config", "--report"):
+            for name, lay, status, message, more in (
+                    ("link", lay_link, USAGE, "it is a link", {}),
+                    ("dangling link", lambda: os.symlink("nowhere", self.file), USAGE, "it is a link", {}),
+                    ("folder", lambda: os.mkdir(self.file), USAGE, "it is no file", {}),
+                    ("somebody else's FIFO", lay_foreign_fifo, USAGE, "somebody else's", {}),
+                    ("no room", lay_old, FAILED, "File too large", {"limit": 100})):
+                with self.subTest(option=option, name=name):
+                    lay()
+                    before = os.lstat(self.file)
+                    got, _, errors = self.write(option, **more)
+                    self.assertEqual(got, status, errors)
+                    self.assertIn(f"{option} {self.file}: cannot be written: ", errors)
+                    self.assertIn(message, errors)
+                    self.assertEqual(os.listdir(self.shared), ["file"])
+                    self.assertEqual(os.lstat(self.file)[:8], before[:8])
+                    if os.path.isfile(self.file):
+                        self.assertEqual(read_file(self.file), b"precious")
+                    os.rmdir(self.file) if os.path.isdir(self.file) else os.remove(self.file)
+
+    def test_fifos_and_descriptors(self):
+        os.mkfifo(self.file)
+        with subprocess.Popen(["cat", self.file], stdout=subprocess.PIPE) as reader:
+            self.assertEqual(self.write("--write-config")[0], PLAYED)
+            self.assertTrue(reader.stdout.read().startswith(b"[play]\n"))
+        for path in ("/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"):
+            self.assertIn("[play]\ninput = ", self.write("--write-config", path)[1])
+        self.assertIn("[play]\n", self.write("--write-config", "/dev/stderr")[2])
+        self.assertEqual(self.write("--report", "/dev/null")[0], PLAYED)
+        status, _, errors = self.write("--report", "/dev/full")
+        self.assertEqual(status, FAILED)
+        self.assertIn("/dev/full: cannot be written: No space left on device", errors)
+
+
+class Repeated(FileCase):
+    PLAY = (
+        (), ("--bitrate", "9.75M", "--ppm", "-20", "--loop", "forever", "--restamp"),
+        ("--burst", "10ms", "--jitter", "square:500us", "--copies", 16, "--step", "dst-ip=0.0.0.1", "--step", "dst-port=2"),
+        ("--lose", "2/1000", "--delay", "1/1000:3", "--random", "--at", "1m30s", "pause:2s", "--at", "10s", "lose"),
+        ("--hop-limit", 9, "--traffic-class", "0x28", "--next-header", 2, "--vlan", 5, "--vlan-cfi", "--vlan-priority", 3),
+        ("--frame-size", 1400, "--cut", "--dont-fragment", "off", "--sequence", 9, "--ssrc", 7, "--prefill", "0"),
+        ("--frame-bitrate", "1M", "--near-wrap", "--payload-type", 96, "--rtp-extension", "--priority", "highest"),
+        ("--src-mac", "02:00:00:00:00:01", "--device", "near", "--stats", "json", "--quiet"))
+    NAMES = ("plain.ts", "with blank.ts", "a#b.ts", "quo\"te's.ts", "back\\slash\\n.ts", "[in], brackets]", "=.ts", "new\nline.ts",
+             "caf\u00e9.ts", "true", "0x10", "-dash.ts")
+
+    def test_play(self):
+        config, again = self.path("test.conf"), self.path("again.conf")
+        cases = [(SAMPLE, options) for options in self.PLAY]
+        for name in self.NAMES:
+            os.symlink(os.path.realpath(SAMPLE), self.path(name))
+            cases.append((self.path(name), ()))
+        for path, options in cases:
+            with self.subTest(path=path, options=options):
+                first = self.run_ipplay("play", path, *TARGET, *options, "--dry-run", "--write-config", config)
+                self.assertEqual((first[0], first[2]), (PLAYED, ""))
+                self.assertEqual(self.run_ipplay("play", "--config", config, "--dry-run", "--write-config", again), first)
+                self.assertEqual(read_file(again), read_file(config))
+                # The command line comes first.
+                other = self.run_ipplay("play", "--config", config, "--dry-run", "--ttl", 77)
+                self.assertNotEqual(other[1], first[1])
+
+    def test_measure(self):
+        config, again = self.path("test.conf"), self.path("again.conf")
+        plain = json.loads(self.run_ipplay("measure", self.frames, "--json")[1])
+        for options, changes in ((("--no-ts",), True), (("--no-udp-checksum",), True), (("--no-ts=false",), False),
+                                 (("--rtp", "off"), True), (("--count", 50), True), (("--filter", "udp port 5004 and not port 7"), False),
+                                 (("--max-loss", "0.1%", "--min-streams", 1), True), (("--expect", SAMPLE), True),
+                                 (("--expect-rate", "20.82M", "--max-rate-error", "900ppm", "--clump-gap", "50us"), True),
+                                 (("--rows", 5, "--buffer", 64, "--quiet"), False)):
+            with self.subTest(options):
+                first = self.run_ipplay("measure", self.frames, "--json", *options, "--write-config", config)
+                self.assertEqual(json.loads(first[1]) != plain, changes)
+                self.assertEqual(self.run_ipplay("measure", "--config", config, "--write-config", again), first)
+                self.assertEqual(read_file(again), read_file(config))
+
+
+if __name__ == "__main__":
+    unittest.main()
