@@ -29,7 +29,7 @@ std::string LinkText(const Adapter& adapter) {
 
 void PrintTable(const std::vector<Adapter>& adapters) {
   const auto row = [](const auto&... columns) {
-    fmt::print(Results(), "{:>2}  {:<15} {:<17}  {:<7}  {:<11}  {:<36}  {}\n", columns...);
+    Print(Results(), "{:>2}  {:<15} {:<17}  {:<7}  {:<11}  {:<36}  {}\n", columns...);
   };
   row("N", "name", "MAC", "link", "speed", "description", "addresses");
   for (const Adapter& adapter : adapters) {
@@ -60,7 +60,7 @@ void PrintJson(const std::vector<Adapter>& adapters) {
     item["speed_bit_s"] = adapter.speed ? nlohmann::ordered_json(*adapter.speed) : nullptr;
     list.push_back(std::move(item));
   }
-  fmt::print(Results(), "{}\n",
+  Print(Results(), "{}\n",
              list.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
 }
 
@@ -75,7 +75,7 @@ Result<int> Resolve(const ResolveOptions& options) {
   if (!adapter) return adapter.failure();
   const auto destination = FindDestination(*adapter, options.address);
   if (!destination) return destination.failure();
-  fmt::print(Results(), "{}  {}\n", FormatMac(destination->mac), destination->how);
+  Print(Results(), "{}  {}\n", FormatMac(destination->mac), destination->how);
   return static_cast<int>(ExitStatus::kPlayed);
 }
 

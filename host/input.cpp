@@ -23,7 +23,7 @@ Result<Input> Input::Open(const std::string& path, int stop_fd) {
     return UsageFailure(fmt::format("INPUT: cannot read {}: {}", path, std::strerror(errno)));
   }
   if (S_ISDIR(status.st_mode)) {
-    return UsageFailure(fmt::format("INPUT: {} is a folder: a file or - is allowed", path));
+    return UsageFailure(fmt::format("INPUT: {} is a folder; allowed is a file or -", path));
   }
   Input input(std::move(fd), standard_input ? "standard input" : path, stop_fd);
   // A file that standard input is redirected from may have been read in part by somebody else.

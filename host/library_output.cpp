@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
+
 namespace ipplay {
 
 std::FILE* Results() {
@@ -15,6 +17,12 @@ std::FILE* Results() {
     return file;
   }();
   return results;
+}
+
+bool ResultsAreWritten() {
+  std::FILE* const results = Results();
+  if (std::fflush(results) == 0 && std::ferror(results) == 0) return true;
+  return isatty(fileno(results)) == 1 || errno == EIO;
 }
 
 LibrarySilence::LibrarySilence(Of what) {

@@ -15,7 +15,7 @@
 namespace {
 
 int Tell(ipplay::ExitStatus status, const std::string& message) {
-  fmt::print(stderr, "ipplay: {}\n", message);
+  ipplay::Print(stderr, "ipplay: {}\n", message);
   return static_cast<int>(status);
 }
 
@@ -40,10 +40,13 @@ int Run(int argc, char** argv) {
   } catch (const CLI::Success& success) {
     std::ostringstream text;
     app.exit(success, text, text);
-    fmt::print(ipplay::Results(), "{}", text.str());
-    return static_cast<int>(ExitStatus::kPlayed);
+    ipplay::Print(ipplay::Results(), "{}", text.str());
+    outcome = static_cast<int>(ExitStatus::kPlayed);
   } catch (const CLI::ParseError& error) {
     return Tell(ExitStatus::kUsage, ipplay::ExplainRefusal(app, words, error));
+  }
+  if (outcome && *outcome == 0 && !ipplay::ResultsAreWritten()) {
+    return Tell(ExitStatus::kFailed, "standard output cannot be written");
   }
   if (outcome) return *outcome;
   const ipplay::Failure& failure = outcome.failure();

@@ -56,15 +56,15 @@ void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const Pla
       restamper.Restamp(payload.data() + at);
     }
   }
-  fmt::print(Results(), "{}", DryRun(options, facts, plan, path, payload));
+  Print(Results(), "{}", DryRun(options, facts, plan, path, payload));
 }
 
 void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
                const Adapter& adapter) {
   if (!options.quiet) {
-    fmt::print(stderr, "{}", Introduction(options, facts, plan, adapter.name));
+    Print(stderr, "{}", Introduction(options, facts, plan, adapter.name));
   }
-  for (const std::string& note : plan.notes) fmt::print(stderr, "ipplay: note: {}\n", note);
+  for (const std::string& note : plan.notes) Print(stderr, "ipplay: note: {}\n", note);
 }
 
 Result<int> Play(const CLI::App& app, const PlayOptions& options) {

@@ -13,6 +13,7 @@
 
 #include "host/library_output.h"
 #include "host/report.h"
+#include "host/units.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -39,9 +40,11 @@ FileDescriptor CatchSignals() {
   return FileDescriptor(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
 }
 
-// From here on a signal ends the process at once.
+// From here on a signal ends the process at once. The hang-up that comes with the end of a terminal
+// may be the second one that this end makes, and is no wish of the user's.
 void LetSignalsKill() {
-  const sigset_t set = StopSignals();
+  sigset_t set = StopSignals();
+  sigdelset(&set, SIGHUP);
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
@@ -53,6 +56,10 @@ Feeder::Sink LibrarySink() {
 std::optional<Restamper> MakeRestamper(const PlayPlan& plan, PacketFormat format) {
   if (!plan.restamp) return std::nullopt;
   return Restamper(format, plan.restamp->start_offset, plan.restamp->round_ticks);
+}
+
+std::string ReadFailure(int error) {
+  return error == ENODATA ? "it has become shorter" : std::strerror(error);
 }
 
 // Without the two lines that tell of its threads.
@@ -96,12 +103,12 @@ bool PlaySession::Start() {
   next_report_ = terminal_ ? 0s : ReportInterval();
   if (!StartLibrary()) {
     IPStop();
-    fmt::print(stderr, "ipplay: the playout cannot start; is the adapter up?\n");
+    Print(stderr, "ipplay: the playout cannot start; is the adapter up?\n");
     return false;
   }
   running_ = true;
   feeder_.Start();
-  if (terminal_) fmt::print(stderr, "{}\n", kKeys);
+  if (terminal_) Print(stderr, "{}\n", kKeys);
   return true;
 }
 
@@ -144,18 +151,21 @@ void PlaySession::WaitForSomething() {
     return Finish();
   }
   if (waits[1].revents != 0) TakeSignals();
+  if ((waits[2].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+    return Stop("Stopped, since the terminal is gone");
+  }
   if (waits[2].revents != 0) TakeKeys();
 }
 
 void PlaySession::TakeSignals() {
   signalfd_siginfo info{};
-  while (running_ && read(signals_.get(), &info, sizeof info) == sizeof info) {
-    if (info.ssi_signo == SIGCONT) {
-      if (terminal_) terminal_->TakeKeys();
-    } else {
-      Stop(info.ssi_signo == SIGINT ? "Stopped by Ctrl-C" : "Stopped by a signal");
-    }
+  std::optional<std::uint32_t> stop;
+  // Those that came together are one wish.
+  while (read(signals_.get(), &info, sizeof info) == sizeof info) {
+    if (info.ssi_signo != SIGCONT) stop = info.ssi_signo;
   }
+  if (stop) return Stop(*stop == SIGINT ? "Stopped by Ctrl-C" : "Stopped by a signal");
+  if (terminal_) terminal_->TakeKeys();
 }
 
 void PlaySession::TakeKeys() {
@@ -260,37 +270,50 @@ void PlaySession::ReportWhenDue() {
   next_report_ += ReportInterval() * ((Now() - next_report_) / ReportInterval() + 1);
   if (!meter_.started() && !options_.json) return;
   if (options_.json) {
-    fmt::print(Results(), "{}\n", StatusJson(options_, plan_, meter_.status(), "progress"));
+    Print(Results(), "{}\n", StatusJson(options_, plan_, meter_.status(), "progress"));
     std::fflush(Results());
     if (std::ferror(Results()) != 0) Stop("Stopped, since nobody reads the output");
   } else if (terminal_) {
     DrawProgress();
   } else if (!options_.quiet) {
-    fmt::print(stderr, "{}\n", ProgressLine(plan_, meter_.status(), 200));
+    Print(stderr, "{}\n", ProgressLine(plan_, meter_.status(), 200));
   }
 }
 
 void PlaySession::DrawProgress() {
-  fmt::print(stderr, "\r\x1b[K{}", ProgressLine(plan_, meter_.status(), terminal_->Columns() - 1));
+  Print(stderr, "\r\x1b[K{}", ProgressLine(plan_, meter_.status(), terminal_->Columns() - 1));
 }
 
 void PlaySession::ClearProgress() {
-  if (terminal_) fmt::print(stderr, "\r\x1b[K");
+  if (terminal_) Print(stderr, "\r\x1b[K");
 }
 
 void PlaySession::Say(const std::string& line) {
   if (options_.json || options_.quiet) return;
   ClearProgress();
-  fmt::print(stderr, "{}  {}\n", FormatClock(meter_.status().elapsed), line);
+  Print(stderr, "{}  {}\n", FormatClock(meter_.status().elapsed), line);
   if (terminal_) DrawProgress();
 }
 
 void PlaySession::WarnOfInput() {
+  if (feeder_.read_error() != 0 && !warned_of_read_) {
+    warned_of_read_ = true;
+    ClearProgress();
+    Print(stderr, "ipplay: INPUT cannot be read on: {}; what was read before is played\n",
+               ReadFailure(feeder_.read_error()));
+  }
   const auto lost = feeder_.sync_lost();
   if (!lost || warned_of_sync_) return;
   warned_of_sync_ = true;
   ClearProgress();
-  fmt::print(stderr, "ipplay: INPUT lost sync at offset {}; it is played as it comes\n", *lost);
+  Print(stderr, "ipplay: INPUT lost sync at offset {}; it is played as it comes\n", *lost);
+}
+
+void PlaySession::Fail(const std::string& why) {
+  outcome_ = "Failed";
+  const PlayoutStatistics& counters = meter_.status().counters;
+  Print(stderr, "ipplay: {}; {} datagrams with {} were sent before\n", why,
+             FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent));
 }
 
 ExitStatus PlaySession::Conclude() {
@@ -298,22 +321,20 @@ ExitStatus PlaySession::Conclude() {
   terminal_.reset();
   WarnOfInput();
   if (feeder_.padding() > 0) {
-    fmt::print(stderr, "ipplay: {} zero bytes added at the end, since bytes are played by fours\n",
+    Print(stderr, "ipplay: {} zero bytes added at the end, since bytes are played by fours\n",
                feeder_.padding());
   }
   if (feeder_.read_error() != 0) {
     failed_ = true;
-    fmt::print(stderr, "ipplay: INPUT cannot be read on: {}\n",
-               std::strerror(feeder_.read_error()));
+    Fail("INPUT could not be read to its end");
   } else if (failed_) {
-    fmt::print(stderr, "ipplay: a frame could not be sent; is the adapter still up?\n");
+    Fail("a frame could not be sent; is the adapter still up?");
   }
-  if (failed_) outcome_ = "Failed";
   const Status status = meter_.status();
   if (options_.json) {
-    fmt::print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
+    Print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
   } else {
-    fmt::print(Results(), "{}", Summary(options_, plan_, status, outcome_));
+    Print(Results(), "{}", Summary(options_, plan_, status, outcome_));
   }
   std::fflush(Results());
   return failed_ ? ExitStatus::kFailed : ExitStatus::kPlayed;

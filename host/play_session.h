@@ -55,6 +55,7 @@ class PlaySession {
   void DrawProgress();
   void ClearProgress();
   void WarnOfInput();
+  void Fail(const std::string& why);
   ExitStatus Conclude();
 
   const PlayOptions& options_;
@@ -70,6 +71,7 @@ class PlaySession {
   std::chrono::nanoseconds next_report_{0};
   bool running_ = false;
   bool failed_ = false;
+  bool warned_of_read_ = false;
   bool warned_of_sync_ = false;
   std::string outcome_ = "Played";
 };

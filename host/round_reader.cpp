@@ -1,6 +1,7 @@
 #include "host/round_reader.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace ipplay {
@@ -33,13 +34,16 @@ std::span<std::uint8_t> RoundReader::Next() {
     // A file may have grown since it was examined.
     if (round_bytes_) room = std::min(room, *round_bytes_ - delivered_);
     const std::size_t count = room == 0 ? 0 : input_.Read(std::span(block_).subspan(filled_, room));
-    if (count == 0) return {};
+    if (count == 0) {
+      if (room > 0 && round_bytes_ && input_.error() == 0) cut_short_ = true;
+      return {};
+    }
     filled_ += count;
     delivered_ += count;
   }
   taken_ = filled_ / unit * unit;
   const auto packets = std::span(block_).first(taken_);
-  if (!format_.IsRaw() && !round_bytes_) CheckSync(packets);
+  if (!format_.IsRaw()) CheckSync(packets);
   return packets;
 }
 
@@ -56,6 +60,10 @@ void RoundReader::CheckSync(std::span<const std::uint8_t> packets) {
     sync_lost_.store(first_packet_ + delivered_ - filled_ + at, std::memory_order_relaxed);
     return;
   }
+}
+
+int RoundReader::error() const {
+  return cut_short_ ? ENODATA : input_.error();
 }
 
 std::optional<std::uint64_t> RoundReader::sync_lost() const {

@@ -23,12 +23,11 @@ class RoundReader {
   // Back to the first packet. Of a file only.
   void StartNextRound();
 
-  // Offset in the played part of a pipe where a packet had no sync byte; files are checked before.
-  // May be called from any thread.
+  // Offset in the input where a packet had no sync byte. May be called from any thread.
   std::optional<std::uint64_t> sync_lost() const;
   PacketFormat format() const { return format_; }
-  // errno of a read that failed, or 0.
-  int error() const { return input_.error(); }
+  // errno of a read that failed, ENODATA where a file ended before its end, or 0.
+  int error() const;
 
  private:
   void CheckSync(std::span<const std::uint8_t> packets);
@@ -42,7 +41,8 @@ class RoundReader {
   std::uint64_t delivered_ = 0;  // of this round
   std::vector<std::uint8_t> block_;
   std::size_t filled_ = 0;  // bytes in block_
-  std::size_t taken_ = 0;   // of these, delivered by the last Next()
+  bool cut_short_ = false;
+  std::size_t taken_ = 0;  // of these, delivered by the last Next()
   std::atomic<std::uint64_t> sync_lost_{kNever};
 };
 

@@ -110,18 +110,18 @@ Result<int> RunDemo(const DemoOptions& options) {
                          "--bitrate", fmt::format("{:.3f}", stream->bit_rate)});
   };
   measure.sender_ended = [&] { return player.HasEnded(); };
-  fmt::print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",
+  Print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",
              stream->name, FormatBitRate(stream->bit_rate), target);
   std::fflush(Results());
   const auto measured = RunMeasurement(measure, settings);
   if (player.HasEnded() && player.Status() != 0) {
-    fmt::print(stderr, "{}", player.Output());
+    Print(stderr, "{}", player.Output());
     return player.Status();
   }
   if (!measured) return measured.failure();
   const int status = *measured;
   if (!options.report_file.empty()) {
-    fmt::print(Results(), "Report with plots: {}\n", options.report_file);
+    Print(Results(), "Report with plots: {}\n", options.report_file);
   }
   return status;
 }

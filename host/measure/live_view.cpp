@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "host/library_output.h"
+
 namespace ipplay::measure {
 namespace {
 
@@ -33,8 +35,8 @@ std::size_t LiveView::Rows() const {
 void LiveView::Draw(const std::string& text) {
   if (!shown_) return;
   // Back to the first line drawn, and clear from there on.
-  if (drawn_lines_ > 0) fmt::print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
-  fmt::print(stderr, "{}", text);
+  if (drawn_lines_ > 0) Print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
+  Print(stderr, "{}", text);
   std::fflush(stderr);
   drawn_lines_ = static_cast<std::size_t>(std::ranges::count(text, '\n'));
 }

@@ -85,7 +85,7 @@ class MeasureRun {
     if (options_.start_sender) {
       if (!options_.start_sender()) return Failure{ExitStatus::kFailed, "cannot start the sender"};
     } else if (source_.IsLive() && !options_.quiet) {
-      fmt::print(stderr, "Measuring on {}\n", options_.source);
+      Print(stderr, "Measuring on {}\n", options_.source);
     }
     EndWatch end(options_);
     auto next_draw = Clock::now() + kRedrawInterval;
@@ -218,12 +218,12 @@ Result<int> RunMeasurement(const MeasureOptions& options,
   const Summary summary = run.MakeSummary();
   const auto verdicts = Judge(summary, RequirementsOf(options));
   if (options.json) {
-    fmt::print(Results(), "{}\n", JsonText(summary, verdicts));
+    Print(Results(), "{}\n", JsonText(summary, verdicts));
   } else if (options.plain_words) {
-    fmt::print(Results(), "{}", PlainWords(summary, verdicts));
+    Print(Results(), "{}", PlainWords(summary, verdicts));
   } else {
     const ResultTableSettings table{.max_streams = options.rows};
-    fmt::print(Results(), "{}", ResultTable(summary, verdicts, table));
+    Print(Results(), "{}", ResultTable(summary, verdicts, table));
   }
   std::fflush(Results());
   if (report_file) {

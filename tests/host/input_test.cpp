@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -52,7 +51,6 @@ struct Fed {
   std::string failure{};
   Bytes bytes{};
   bool terminated = false;
-  unsigned padding = 0;
   std::optional<std::uint64_t> sync_lost{};
 };
 
@@ -82,7 +80,6 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
   Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), restamper, rounds, sink);
   feeder.Start();
   ended.get_future().wait();
-  fed.padding = feeder.padding();
   fed.sync_lost = feeder.sync_lost();
   return fed;
 }
@@ -91,33 +88,6 @@ Bytes Repeated(const Bytes& bytes, int times) {
   Bytes all;
   for (int i = 0; i < times; ++i) all.insert(all.end(), bytes.begin(), bytes.end());
   return all;
-}
-
-TEST(Input, FileComesOutBitForBit) {
-  const Bytes stream = MakeStream(1001, kTicks);
-  const TemporaryFile file(stream);
-  const Fed once = Feed(file.path());
-  ASSERT_TRUE(once.facts) << once.failure;
-  EXPECT_EQ(once.bytes, stream);
-  EXPECT_EQ(once.facts->Packets(), 1001U);
-  EXPECT_DOUBLE_EQ(*once.facts->BitRate(), 1'504'000);
-  EXPECT_EQ(Feed(file.path(), {}, 3).bytes, Repeated(stream, 3));
-}
-
-TEST(Input, LargerPacketsCountAsTheirRateDoes) {
-  const Bytes plain = MakeStream(100, kTicks);
-  for (const auto& [packet_bytes, sync, rate] :
-       {std::tuple{192U, 4U, 1'504'000.0}, {204U, 0U, 1'632'000.0}}) {
-    Bytes stream(100 * std::size_t{packet_bytes}, 0x55);
-    for (std::size_t i = 0; i < 100; ++i) {
-      std::copy_n(&plain[i * 188], 188, &stream[i * packet_bytes + sync]);
-    }
-    const Fed fed = Feed(TemporaryFile(stream).path());
-    ASSERT_TRUE(fed.facts) << fed.failure;
-    EXPECT_EQ(fed.facts->format.packet_bytes, packet_bytes);
-    EXPECT_DOUBLE_EQ(*fed.facts->BitRate(), rate);
-    EXPECT_EQ(fed.bytes, stream);
-  }
 }
 
 TEST(Input, CutEndsAreLeftOut) {
@@ -140,42 +110,6 @@ TEST(Input, RestampingTouchesLaterRoundsOnly) {
   EXPECT_EQ(fed.bytes, MakeStream(320, kTicks));
 }
 
-TEST(Input, NoTransportStreamIsToldWithTheOffset) {
-  Bytes stream = MakeStream(20'000, kTicks);
-  stream[12'345 * 188] = 0;
-  const TemporaryFile file(stream);
-  const std::string failure = Feed(file.path()).failure;
-  EXPECT_NE(failure.find("sync lost at offset 2320860 "), std::string::npos) << failure;
-  EXPECT_EQ(Feed(file.path(), {.raw = true}).bytes, stream);
-  EXPECT_NE(Feed("/nonexistent/file").failure.find("/nonexistent/file"), std::string::npos);
-  EXPECT_NE(Feed(TemporaryFile({}).path(), {.raw = true}).failure.find("empty"), std::string::npos);
-}
-
-TEST(Input, RawBytesAreFilledUpToFour) {
-  Bytes bytes(100'003);
-  std::iota(bytes.begin(), bytes.end(), std::uint8_t{0});
-  const TemporaryFile file(bytes);
-  // Rounds join without padding: 3 * 100,003 bytes need 3 more.
-  const Fed fed = Feed(file.path(), {.raw = true}, 3);
-  Bytes expected = Repeated(bytes, 3);
-  expected.resize(expected.size() + 3);
-  EXPECT_EQ(fed.bytes, expected);
-  EXPECT_EQ(fed.padding, 3U);
-  EXPECT_EQ(fed.facts->bytes, bytes.size());
-}
-
-TEST(Input, PipeIsReadAheadForItsRateAndLosesNothing) {
-  const Bytes stream = MakeStream(5000, kTicks);
-  Fifo fifo;
-  fifo.Fill(stream);
-  const Fed fed = Feed(fifo.path());
-  ASSERT_TRUE(fed.facts) << fed.failure;
-  EXPECT_DOUBLE_EQ(*fed.facts->BitRate(), 1'504'000);
-  EXPECT_FALSE(fed.facts->bytes);
-  EXPECT_EQ(fed.bytes, stream);
-  EXPECT_FALSE(fed.sync_lost);
-}
-
 TEST(Input, PipeThatLosesSyncIsPlayedAndSaidSo) {
   Bytes stream = MakeStream(5000, kTicks);
   stream[4000 * 188] = 0;
@@ -184,23 +118,6 @@ TEST(Input, PipeThatLosesSyncIsPlayedAndSaidSo) {
   const Fed fed = Feed(fifo.path(), {.want_rate = false});
   EXPECT_EQ(fed.bytes, stream);
   EXPECT_EQ(fed.sync_lost, 4000U * 188);
-}
-
-TEST(Input, StopEndsTheWaitForAPipe) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  const FileDescriptor read_end(ends[0]);
-  const FileDescriptor write_end(ends[1]);
-  const FileDescriptor stop(eventfd(0, 0));
-  auto input = Input::Open("/proc/self/fd/" + std::to_string(ends[0]), stop.get());
-  ASSERT_TRUE(input) << input.failure().message;
-  auto reading = std::async(std::launch::async, [&input] {
-    Bytes buffer(100);
-    return input->Read(buffer);
-  });
-  const std::uint64_t one = 1;
-  ASSERT_EQ(write(stop.get(), &one, sizeof one), 8);
-  EXPECT_EQ(reading.get(), 0U);
 }
 
 TEST(Feeder, RefusedWriteEndsIt) {

@@ -115,6 +115,14 @@ class Written(FileCase):
         self.assertIn("/dev/full: cannot be written: No space left on device", errors)
 
 
+    def test_results_that_cannot_be_written(self):
+        for command in (("devices",), ("measure", self.frames, "--json"), ("play", SAMPLE, *TARGET, "--dry-run"), ("--help",)):
+            with self.subTest(command), open("/dev/full", "w", encoding="ascii") as full:
+                process = subprocess.run([os.environ["IPPLAY"], *command], stdout=full, stderr=subprocess.PIPE, text=True,
+                                         preexec_fn=self.bed.near.enter)
+                self.assertEqual((process.returncode, process.stderr), (FAILED, "ipplay: standard output cannot be written\n"))
+
+
 class Repeated(FileCase):
     PLAY = (
         (), ("--bitrate", "9.75M", "--ppm", "-20", "--loop", "forever", "--restamp"),

@@ -1,0 +1,127 @@
+"""Inputs that are no stream or end in the middle, and a terminal that goes away."""
+import fcntl
+import json
+import os
+import pty
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import termios
+import unittest
+
+from playbed import SAMPLE, PlayCase, read_file
+
+PLAYED, FAILED, USAGE = 0, 1, 2
+TARGET = ("--to", "udp://239.1.1.1:5004")
+# What waits in the library at this rate is played within a second or two.
+FAST = (*TARGET, "--bitrate", "400M", "--loop", "forever", "--stats", "json")
+
+
+class Inputs(PlayCase):
+    def make(self, name):
+        """An input of each kind that is none."""
+        path = self.path(name)
+        if name == "folder":
+            os.mkdir(path)
+        elif name == "socket":
+            with socket.socket(socket.AF_UNIX) as listener:
+                listener.bind(path)
+        elif name != "missing":
+            with open(path, "wb") as file:
+                if name == "sparse":
+                    file.truncate(10 << 30)
+                if name == "head":
+                    file.write(read_file(SAMPLE)[:188 * 100])
+                    file.truncate(10 << 30)
+                if name == "unreadable":
+                    os.fchmod(file.fileno(), 0)
+        return path
+
+    def test_what_cannot_be_played(self):
+        for name, message in (("folder", "is a folder; allowed is a file or -"), ("empty", "is empty"), ("missing", "No such file"),
+                              ("unreadable", "Permission denied"), ("socket", "No such device or address"),
+                              ("sparse", "sync lost at offset 0 "), ("head", "sync lost at offset 18800 ")):
+            with self.subTest(name):
+                process = self.bed.start("play", self.make(name), *TARGET, prefix=(
+                    "setpriv", "--bounding-set=-dac_override,-dac_read_search", "--inh-caps=-dac_override,-dac_read_search"))
+                output, errors = process.communicate(timeout=30)
+                self.assertEqual((process.returncode, output), (USAGE, ""))
+                self.assertRegex(errors, rf"\Aipplay: INPUT: [^\n]*{self.path(name)}[^\n]*\n\Z")
+                self.assertIn(message, errors)
+        played = self.play(self.path("sparse"), *TARGET, "--raw", "--bitrate", "1G", "--dry-run")
+        self.assertIn("raw bytes, 10.7374 GB", played.output)
+
+    def start_and_wait(self, *arguments, **more):
+        player = self.bed.start("play", *arguments, **more)
+        while json.loads(player.stdout.readline())["datagrams"] == 0:
+            pass
+        return player
+
+    def test_file_that_ends_in_the_middle(self):
+        mark = self.path("mark")
+        modules = {**os.environ, "LD_PRELOAD": os.environ["BROKEN_READS_MODULE"], "BROKEN_READS": mark}
+        for name, spoil, message in (
+                ("truncated", lambda path: os.truncate(path, 188 * 100), "it has become shorter"),
+                ("emptied", lambda path: os.truncate(path, 0), "it has become shorter"),
+                ("broken", lambda _: os.mknod(mark), "Input/output error")):
+            with self.subTest(name):
+                path = shutil.copy(SAMPLE, self.path(name))
+                environment = modules if name == "broken" else dict(os.environ)
+                player = self.start_and_wait(path, *FAST, env=environment)
+                spoil(path)
+                output, errors = player.communicate(timeout=60)
+                self.assertEqual(player.returncode, FAILED)
+                summary = json.loads(output.splitlines()[-1])
+                self.assertEqual((summary["event"], summary["outcome"]), ("summary", "Failed"))
+                self.assertIn(f"ipplay: INPUT cannot be read on: {message}; what was read before is played\n", errors)
+                sent = re.search(r"ipplay: INPUT could not be read to its end; ([\d,]+) datagrams with [\d.]+ MB were sent before\n", errors)
+                self.assertEqual(int(sent[1].replace(",", "")), summary["datagrams"])
+
+    def test_file_that_is_removed_is_still_played(self):
+        path = shutil.copy(SAMPLE, self.path("removed"))
+        player = self.start_and_wait(path, *TARGET, "--stats", "json", "--bitrate", "2M")
+        os.remove(path)
+        summary = json.loads(player.communicate(timeout=60)[0].splitlines()[-1])
+        self.assertEqual((player.returncode, summary["ts_packets"]), (PLAYED, 1418))
+
+
+class Pipes(PlayCase):
+    def test_pipe_that_closes_is_at_its_end(self):
+        for size in (188 * 300, 188 * 300 + 50):
+            writer = subprocess.Popen(["head", "-c", str(size), SAMPLE], stdout=subprocess.PIPE)
+            played = self.play("-", *TARGET, "--bitrate", "20M", stdin=writer.stdout)
+            writer.stdout.close()
+            writer.wait()
+            self.assertEqual(played.payload(42), read_file(SAMPLE)[:188 * 300])
+
+
+class Terminals(PlayCase):
+    def test_terminal_that_goes_away(self):
+        """By the hang-up signal or, where that is ignored, by what the terminal itself tells."""
+        for ignored in (False, True):
+            with self.subTest(ignored=ignored), open(self.path("output"), "w+", encoding="utf-8") as output:
+                user, terminal = pty.openpty()
+
+                def sit_down():
+                    self.bed.near.enter()
+                    os.setsid()
+                    fcntl.ioctl(terminal, termios.TIOCSCTTY, 0)
+                    if ignored:
+                        signal.signal(signal.SIGHUP, signal.SIG_IGN)
+
+                player = subprocess.Popen([os.environ["IPPLAY"], "play", SAMPLE, *TARGET, "--loop", "forever"], stdin=terminal,
+                                          stdout=output, stderr=terminal, preexec_fn=sit_down)
+                os.close(terminal)
+                seen = b""
+                while b" sent " not in seen:
+                    seen += os.read(user, 4096)
+                os.close(user)
+                self.assertEqual(player.wait(timeout=30), PLAYED)
+                output.seek(0)
+                self.assertRegex(output.read(), r"\AStopped(, since the terminal is gone| by a signal): (.*\n)+  sent +\d+ datagrams")
+
+
+if __name__ == "__main__":
+    unittest.main()
