@@ -128,11 +128,14 @@ nanoseconds PlaySession::ReportInterval() const {
 }
 
 // The next point in time at which there is something to do. Until the first datagram has left, the
-// counters are looked at more often, since the measured bit rate starts with it.
+// counters are looked at more often, since the measured bit rate starts with it: in a file's case,
+// which is a matter of moments, often enough for a short one's rate to be right.
 nanoseconds PlaySession::NextWake() const {
   nanoseconds wake = next_report_;
   if (const auto time = time_line_.NextTime()) wake = std::min(wake, *time);
-  if (!meter_.started()) wake = std::min(wake, Now() + 2ms);
+  if (!meter_.started()) {
+    wake = std::min(wake, Now() + (plan_.round_bytes ? nanoseconds(200us) : nanoseconds(2ms)));
+  }
   return wake;
 }
 
@@ -300,7 +303,7 @@ void PlaySession::WarnOfInput() {
     warned_of_read_ = true;
     ClearProgress();
     Print(stderr, "ipplay: INPUT cannot be read on: {}; what was read before is played\n",
-               ReadFailure(feeder_.read_error()));
+          ReadFailure(feeder_.read_error()));
   }
   const auto lost = feeder_.sync_lost();
   if (!lost || warned_of_sync_) return;
@@ -313,7 +316,7 @@ void PlaySession::Fail(const std::string& why) {
   outcome_ = "Failed";
   const PlayoutStatistics& counters = meter_.status().counters;
   Print(stderr, "ipplay: {}; {} datagrams with {} were sent before\n", why,
-             FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent));
+        FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent));
 }
 
 ExitStatus PlaySession::Conclude() {
@@ -322,7 +325,7 @@ ExitStatus PlaySession::Conclude() {
   WarnOfInput();
   if (feeder_.padding() > 0) {
     Print(stderr, "ipplay: {} zero bytes added at the end, since bytes are played by fours\n",
-               feeder_.padding());
+          feeder_.padding());
   }
   if (feeder_.read_error() != 0) {
     failed_ = true;

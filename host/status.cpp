@@ -18,7 +18,8 @@ double Seconds(nanoseconds time) {
 StatusMeter::StatusMeter(const PlayPlan& plan)
     : total_bytes_(plan.total_bytes),
       round_bytes_(plan.round_bytes),
-      stream_rate_(plan.stream_rate) {
+      stream_rate_(plan.stream_rate),
+      burst_(plan.settings.shape.BurstMode == 1 ? plan.batch : 1) {
   const bool is_tts = plan.settings.tts.TTSEnabled == 1;
   bytes_per_ts_byte_ = is_tts ? 192.0 / 188 : 1;
   ts_bytes_per_datagram_ = plan.payload_bytes / bytes_per_ts_byte_;
@@ -26,17 +27,21 @@ StatusMeter::StatusMeter(const PlayPlan& plan)
 
 void StatusMeter::Read(const PlayoutStatistics& counters, nanoseconds now) {
   counters_ = counters;
-  if (!first_ && counters.DatagramsSent > 0) first_ = now;
+  if (!first_) {
+    // It left at some time between two readings.
+    if (counters.DatagramsSent > 0) first_ = now - (now - waiting_.value_or(now)) / 2;
+    waiting_ = now;
+  }
   if (!first_ || (!readings_.empty() && now == readings_.back().time)) return;
   readings_.push_back({now, counters.TSBytesSent});
   while (readings_.size() > 2 && readings_[1].time <= now - kRecent) readings_.pop_front();
 }
 
 // From the departure of the first datagram to that of the last one lies the time of all but one,
-// which are full ones.
+// which are full ones; with bursts, that of all but the last burst.
 double StatusMeter::MeanRate() const {
   if (readings_.empty() || readings_.back().time <= *first_) return 0;
-  const auto datagrams = static_cast<double>(counters_.DatagramsSent - 1);
+  const auto datagrams = static_cast<double>((counters_.DatagramsSent - 1) / burst_ * burst_);
   return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
 }
 

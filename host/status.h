@@ -49,7 +49,9 @@ class StatusMeter {
   double bytes_per_ts_byte_;  // bytes read from the input for each byte that TSBytesSent counts
   double ts_bytes_per_datagram_;
   bool paused_ = false;
-  std::optional<std::chrono::nanoseconds> first_;  // time of the first datagram
+  std::uint64_t burst_;                              // datagrams that leave at once
+  std::optional<std::chrono::nanoseconds> waiting_;  // last reading before the first datagram
+  std::optional<std::chrono::nanoseconds> first_;    // time of the first datagram
   PlayoutStatistics counters_{};
   std::deque<Reading> readings_;  // of the last seconds
 };

@@ -28,7 +28,7 @@ PlayoutStatistics Counted(std::uint64_t datagrams) {
 
 TEST(Status, RatesAndTimes) {
   StatusMeter meter(TestPlan());
-  meter.Read(Counted(0), 100ms);
+  meter.Read(Counted(0), 500ms);
   EXPECT_FALSE(meter.started());
   EXPECT_EQ(meter.status().mean_rate, 0);
   // The first datagram leaves at 500 ms, 10 ms lie between two.
@@ -42,6 +42,27 @@ TEST(Status, RatesAndTimes) {
   EXPECT_NEAR(status.recent_rate, 1'052'800, 1);
   EXPECT_DOUBLE_EQ(*status.share, 0.5);
   EXPECT_NEAR(static_cast<double>(status.remaining->count()), 5e9, 1e3);
+}
+
+// A datagram that was not there at 490 ms and is there at 510 ms left at 500 ms, give or take.
+TEST(Status, FirstDatagramLeftBetweenTwoReadings) {
+  StatusMeter meter(TestPlan());
+  meter.Read(Counted(0), 490ms);
+  meter.Read(Counted(2), 510ms);
+  meter.Read(Counted(11), 600ms);
+  EXPECT_EQ(meter.status().elapsed, 100ms);
+  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+}
+
+// Bursts of four every 40 ms: between the first and the third lies the time of eight datagrams.
+TEST(Status, LastBurstHasNotTakenItsTime) {
+  PlayPlan plan = TestPlan();
+  plan.settings.shape.BurstMode = 1;
+  plan.batch = 4;
+  StatusMeter meter(plan);
+  meter.Read(Counted(4), 0ms);
+  meter.Read(Counted(10), 80ms);
+  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
 }
 
 TEST(Status, RecentRateShowsAStall) {
