@@ -4,11 +4,7 @@ namespace ipplay {
 
 Feeder::Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restamper>& restamper,
                std::optional<std::uint64_t> rounds, Sink sink)
-    : reader_(std::move(reader)),
-      restamper_(restamper),
-      rounds_(rounds),
-      packet_bytes_(reader_->format().packet_bytes),
-      sink_(std::move(sink)) {}
+    : reader_(std::move(reader)), restamper_(restamper), rounds_(rounds), sink_(std::move(sink)) {}
 
 Feeder::~Feeder() {
   Stop();
@@ -30,18 +26,14 @@ void Feeder::Run() {
 }
 
 bool Feeder::PlayRound(WordWriter& writer) {
+  const auto write = [&writer](Restamper::Bytes bytes) { return writer.Write(bytes); };
   while (!stop_.load(std::memory_order_relaxed)) {
     const auto packets = reader_->Next();
     if (packets.empty()) break;
-    if (restamper_) {
-      for (std::size_t at = 0; at < packets.size(); at += packet_bytes_) {
-        restamper_->Restamp(packets.data() + at);
-      }
-    }
-    if (!writer.Write(packets)) return false;
+    if (!(restamper_ ? restamper_->Run(packets, write) : writer.Write(packets))) return false;
   }
   read_error_.store(reader_->error(), std::memory_order_relaxed);
-  return true;
+  return !restamper_ || restamper_->Run({}, write);
 }
 
 bool Feeder::StartNextRound() {

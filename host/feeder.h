@@ -45,7 +45,6 @@ class Feeder {
   std::unique_ptr<RoundReader> reader_;
   std::optional<Restamper> restamper_;
   std::optional<std::uint64_t> rounds_;
-  std::uint32_t packet_bytes_;
   Sink sink_;
   std::uint64_t round_ = 1;
   std::atomic<bool> stop_{false};

@@ -24,12 +24,14 @@ std::optional<std::uint64_t> PcrOf(const std::uint8_t* packet) {
   return tsaf_get_pcr(packet) * 300 + tsaf_get_pcrext(packet);
 }
 
+std::uint64_t PcrRate::TicksOfStretch(std::uint64_t packets) const {
+  const double seconds = static_cast<double>(packets) / packets_per_second;
+  return static_cast<std::uint64_t>(std::llround(seconds * static_cast<double>(kPcrHz)));
+}
+
 std::uint64_t PcrRate::TicksOf(std::uint64_t packets) const {
   const std::uint64_t between = (last_pcr + kPcrModulus - first_pcr) % kPcrModulus;
-  const auto outside = static_cast<double>(first_packet + packets - last_packet);
-  const auto ticks = static_cast<std::uint64_t>(
-      std::llround(outside / packets_per_second * static_cast<double>(kPcrHz)));
-  return (between + ticks) % kPcrModulus;
+  return (between + TicksOfStretch(first_packet + packets - last_packet)) % kPcrModulus;
 }
 
 void PcrRateMeter::Add(std::uint64_t index, const std::uint8_t* packet) {

@@ -28,6 +28,8 @@ struct PcrRate {
 
   // More than the rounding of packet positions makes of a constant rate.
   bool IsVariable() const { return highest > lowest * 1.05; }
+  // The time of so many packets at the mean rate, in 27 MHz ticks.
+  std::uint64_t TicksOfStretch(std::uint64_t packets) const;
   // The time that a round of `packets` packets takes in the stream's own clock, modulo its wrap:
   // from the clock's reading at the first packet to the one behind the last.
   std::uint64_t TicksOf(std::uint64_t packets) const;

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -50,11 +51,15 @@ void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const Pla
   std::vector<std::uint8_t> payload(plan.payload_bytes);
   payload.resize(input.ReadFully(payload));
   if (plan.restamp) {
-    Restamper restamper(facts.format, plan.restamp->start_offset, plan.restamp->round_ticks);
     const std::size_t unit = facts.format.packet_bytes;
-    for (std::size_t at = 0; at + unit <= payload.size(); at += unit) {
-      restamper.Restamp(payload.data() + at);
-    }
+    std::vector<std::uint8_t> restamped;
+    Restamper(facts.format, *plan.restamp)
+        .Run(std::span(payload).first(payload.size() / unit * unit), [&](Restamper::Bytes bytes) {
+          restamped.insert(restamped.end(), bytes.begin(), bytes.end());
+          return true;
+        });
+    restamped.resize(std::min(restamped.size(), payload.size()));
+    std::copy(restamped.begin(), restamped.end(), payload.begin());
   }
   Print(Results(), "{}", DryRun(options, facts, plan, path, payload));
 }

@@ -62,6 +62,7 @@ class Planner {
   void SetBatch();
   void AddNotes();
   void AddStreamNotes();
+  std::uint64_t NullPackets(std::uint64_t packets) const;
   std::string SizeOption() const;
   double PayloadBytesPerSecond() const;
 
@@ -224,6 +225,17 @@ std::optional<Failure> Planner::SetRounds() {
   return std::nullopt;
 }
 
+// A round that is shorter than its content, as where a file was cut, would let the next one begin
+// before the last frames are over.
+std::uint64_t Planner::NullPackets(std::uint64_t packets) const {
+  const double missing = static_cast<double>(facts_.content_ticks) * 300 -
+                         static_cast<double>(facts_.rate->TicksOf(packets));
+  constexpr double kMost = 10 * static_cast<double>(kPcrHz);
+  if (missing <= 0 || missing > kMost) return 0;
+  return static_cast<std::uint64_t>(
+      std::ceil(missing / static_cast<double>(kPcrHz) * facts_.rate->packets_per_second));
+}
+
 std::optional<Failure> Planner::SetRestamp() {
   if (options_.restamp && facts_.format.IsRaw()) {
     return UsageFailure(
@@ -237,7 +249,15 @@ std::optional<Failure> Planner::SetRestamp() {
   }
   if (!options_.restamp && !options_.near_wrap) return std::nullopt;
   RestampPlan restamp;
-  if (const auto packets = facts_.Packets()) restamp.round_ticks = facts_.rate->TicksOf(*packets);
+  restamp.pcr_pid = facts_.rate->pid;
+  if (const auto packets = facts_.Packets()) {
+    if (plan_.rounds != 1)
+      restamp.seam = SeamPackets(*facts_.rate, *packets, NullPackets(*packets));
+    const std::uint64_t played = *packets + restamp.seam.size();
+    restamp.round_ticks = facts_.rate->TicksOf(played);
+    plan_.round_bytes = played * PacketBytes();
+    if (plan_.rounds) plan_.total_bytes = *plan_.round_bytes * *plan_.rounds;
+  }
   if (options_.near_wrap) {
     const auto before = static_cast<std::uint64_t>(kWrapSeconds * static_cast<double>(kPcrHz));
     restamp.start_offset = (2 * kPcrModulus - before - facts_.rate->first_pcr) % kPcrModulus;

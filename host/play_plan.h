@@ -10,6 +10,7 @@
 
 #include "host/adapters.h"
 #include "host/play_options.h"
+#include "host/restamper.h"
 #include "host/result.h"
 #include "host/settings.h"
 #include "host/stream_facts.h"
@@ -23,16 +24,11 @@ struct Path {
   std::optional<MacAddress> destination;  // nothing before the neighbour was asked
 };
 
-struct RestampPlan {
-  std::uint64_t start_offset = 0;  // 27 MHz ticks, as the Restamper takes them
-  std::uint64_t round_ticks = 0;
-};
-
 struct PlayPlan {
   Settings settings;
   std::optional<RestampPlan> restamp;
   std::optional<std::uint64_t> rounds;       // nothing: for ever
-  std::optional<std::uint64_t> round_bytes;  // nothing of a pipe
+  std::optional<std::uint64_t> round_bytes;  // as played; nothing of a pipe
   std::optional<std::uint64_t> total_bytes;  // of all rounds; nothing where there is no end
 
   std::uint32_t header_bytes = 0;   // all headers of a frame

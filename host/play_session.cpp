@@ -55,7 +55,7 @@ Feeder::Sink LibrarySink() {
 
 std::optional<Restamper> MakeRestamper(const PlayPlan& plan, PacketFormat format) {
   if (!plan.restamp) return std::nullopt;
-  return Restamper(format, plan.restamp->start_offset, plan.restamp->round_ticks);
+  return Restamper(format, *plan.restamp);
 }
 
 std::string ReadFailure(int error) {

@@ -3,7 +3,11 @@
 #include <bitstream/mpeg/pes.h>
 #include <bitstream/mpeg/ts.h>
 
-#include "host/pcr_rate.h"
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "host/pes_times.h"
 
 namespace ipplay {
 namespace {
@@ -16,31 +20,106 @@ bool HasFlags(const std::uint8_t* packet) {
   return ts_has_adaptation(packet) && ts_get_adaptation(packet) > 0;
 }
 
-// ISO/IEC 13818-1 table 2-21: these PES packets have no header with time stamps.
-bool HasPesHeader(std::uint8_t stream_id) {
-  switch (stream_id) {
-    case PES_STREAM_ID_PSM:
-    case PES_STREAM_ID_PADDING:
-    case PES_STREAM_ID_PRIVATE_2:
-    case PES_STREAM_ID_ECM:
-    case PES_STREAM_ID_EMM:
-    case PES_STREAM_ID_DSMCC:
-    case PES_STREAM_ID_H222_1_E:
-    case PES_STREAM_ID_PSD:
-      return false;
-    default:
-      return true;
-  }
-}
-
 }  // namespace
 
-Restamper::Restamper(PacketFormat format, std::uint64_t start_offset, std::uint64_t round_ticks)
-    : format_(format), offset_(start_offset % kPcrModulus), round_ticks_(round_ticks) {}
+// The seam is a line of slots: the packets behind the last PCR, null packets, the packets of the
+// next round up to its first PCR, and clocks between them at even distances. The clock runs on at
+// the stream's mean rate, so that the time of a round is that of its bytes.
+std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
+                                    std::uint64_t null_packets) {
+  constexpr double kSpacing = 0.04;  // seconds; ETSI TR 101 290, 5.2.2
+  const double most = std::floor(kSpacing * rate.packets_per_second);
+  const std::uint64_t between = rate.first_packet + packets - rate.last_packet + null_packets;
+  const double more = static_cast<double>(between) - most;
+  const auto clocks =
+      static_cast<std::uint64_t>(most < 2 || more <= 0 ? 0 : std::ceil(more / (most - 1)));
+  const std::uint64_t slots = between + clocks;
+  const std::uint64_t round = rate.TicksOf(packets + null_packets + clocks);
+  std::vector<SeamPacket> head;
+  std::vector<SeamPacket> tail;
+  std::uint64_t next = rate.last_packet + 1;
+  std::uint64_t clock = 1;
+  for (std::uint64_t slot = 1; slot < slots; ++slot) {
+    if (clock <= clocks && slot == clock * slots / (clocks + 1)) {
+      ++clock;
+      const std::uint64_t pcr = rate.last_pcr + rate.TicksOfStretch(slot);
+      if (next <= packets) {
+        tail.push_back({next, pcr % kPcrModulus});
+      } else {
+        head.push_back({next - packets, (pcr + kPcrModulus - round) % kPcrModulus});
+      }
+    } else if (next == packets && null_packets > 0) {
+      tail.push_back({packets, std::nullopt});
+      --null_packets;
+    } else {
+      ++next;
+    }
+  }
+  head.insert(head.end(), tail.begin(), tail.end());
+  return head;
+}
+
+Restamper::Restamper(PacketFormat format, RestampPlan plan)
+    : format_(format), plan_(std::move(plan)), offset_(plan_.start_offset % kPcrModulus) {}
+
+bool Restamper::Run(std::span<std::uint8_t> packets, const Emit& emit) {
+  std::size_t handed_on = 0;
+  for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
+    while (IsPacketDue()) {
+      const bool had_some = at > handed_on;
+      if (had_some && !emit(packets.subspan(handed_on, at - handed_on))) return false;
+      handed_on = at;
+      if (!emit(MakePacket(packets.data() + at))) return false;
+    }
+    Restamp(packets.data() + at);
+    ++packet_;
+  }
+  if (handed_on < packets.size()) return emit(packets.subspan(handed_on));
+  // The end of the round.
+  while (IsPacketDue()) {
+    if (!emit(MakePacket(nullptr))) return false;
+  }
+  return true;
+}
+
+bool Restamper::IsPacketDue() const {
+  return next_seam_packet_ < plan_.seam.size() &&
+         plan_.seam[next_seam_packet_].before_packet <= packet_;
+}
+
+// ISO/IEC 13818-1, 2.4.3.3: the counter stands still in a packet without payload. The arrival time
+// of a 192-byte packet is that of the next one.
+Restamper::Bytes Restamper::MakePacket(const std::uint8_t* next) {
+  constexpr std::uint8_t kAdaptationOnly = 183;
+  const std::uint32_t sync = format_.SyncOffset();
+  if (next != nullptr) {
+    made_.assign(next, next + sync);
+    if (sync == 4) RestampArrival(made_.data());
+  }
+  made_.resize(sync);
+  made_.resize(format_.packet_bytes, 0xff);
+  std::uint8_t* const packet = made_.data() + sync;
+  const auto pcr = plan_.seam[next_seam_packet_++].pcr;
+  if (!pcr) {
+    ts_pad(packet);
+    return made_;
+  }
+  std::fill_n(packet, TS_HEADER_SIZE, std::uint8_t{0});
+  ts_init(packet);
+  ts_set_pid(packet, plan_.pcr_pid);
+  ts_set_cc(packet, counters_[plan_.pcr_pid].last);
+  ts_set_adaptation(packet, kAdaptationOnly);
+  const std::uint64_t shifted = (*pcr + offset_) % kPcrModulus;
+  tsaf_set_pcr(packet, shifted / 300);
+  tsaf_set_pcrext(packet, static_cast<std::uint16_t>(shifted % 300));
+  return made_;
+}
 
 void Restamper::StartNextRound() {
   first_round_ = false;
-  offset_ = (offset_ + round_ticks_) % kPcrModulus;
+  packet_ = 0;
+  next_seam_packet_ = 0;
+  offset_ = (offset_ + plan_.round_ticks) % kPcrModulus;
   for (Counter& counter : counters_) counter.started_round = false;
 }
 
@@ -80,20 +159,12 @@ void Restamper::RestampClock(std::uint8_t* packet) const {
   tsaf_set_pcrext(packet, static_cast<std::uint16_t>(shifted % 300));
 }
 
+// Both time stamps move, or none: a header of which only the PTS can be reached stays.
 void Restamper::RestampPes(std::uint8_t* packet) const {
-  if (!ts_get_unitstart(packet) || ts_get_scrambling(packet) != 0) return;
-  std::uint8_t* pes = ts_payload(packet);
-  const auto room = packet + TS_SIZE - pes;
-  if (room < PES_HEADER_SIZE_PTS || !pes_validate(pes) || !HasPesHeader(pes_get_streamid(pes)) ||
-      !pes_validate_header(pes) || !pes_has_pts(pes)) {
-    return;
-  }
-  // Both time stamps move, or none: a header of which only the PTS can be reached stays.
-  const bool has_dts = pes_has_dts(pes);
-  if (has_dts && room < PES_HEADER_SIZE_PTSDTS) return;
-  if (pes_get_headerlength(pes) < (has_dts ? 2 : 1) * PES_HEADER_TS_SIZE) return;
-  pes_set_pts(pes, Shifted(pes_get_pts(pes)));
-  if (has_dts) pes_set_dts(pes, Shifted(pes_get_dts(pes)));
+  const auto stamps = FindPesStamps(packet);
+  if (!stamps) return;
+  pes_set_pts(stamps->pes, Shifted(pes_get_pts(stamps->pes)));
+  if (stamps->has_dts) pes_set_dts(stamps->pes, Shifted(pes_get_dts(stamps->pes)));
 }
 
 std::uint64_t Restamper::Shifted(std::uint64_t timestamp_90khz) const {

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include "host/pes_times.h"
+
 namespace ipplay {
 namespace {
 
@@ -28,6 +30,7 @@ class PacketWalker {
       const std::uint8_t* packet = packets.data() + at + format_.SyncOffset();
       if (*packet != 0x47) return false;
       meter_.Add(packets_, packet);
+      times_.Add(packet);
       ++packets_;
     }
     return true;
@@ -35,10 +38,12 @@ class PacketWalker {
 
   std::uint64_t packets() const { return packets_; }
   const PcrRateMeter& meter() const { return meter_; }
+  const PesTimes& times() const { return times_; }
 
  private:
   PacketFormat format_;
   PcrRateMeter meter_;
+  PesTimes times_;
   std::uint64_t packets_ = 0;
 };
 
@@ -139,6 +144,7 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
                            : WalkPipe(input, facts, std::move(head), options.want_rate, walker);
   if (failure) return *failure;
   facts.rate = walker.meter().Rate(options.pcr_pid);
+  facts.content_ticks = walker.times().Ticks();
   return facts;
 }
 

@@ -17,6 +17,7 @@ struct StreamFacts {
   std::optional<std::uint64_t> bytes;  // in whole packets (all bytes of raw input), of a file
   std::uint64_t trailing_bytes = 0;    // behind the last whole packet; not played
   std::optional<PcrRate> rate;         // where there are PCRs
+  std::uint64_t content_ticks = 0;     // of a file, as PesTimes::Ticks()
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.

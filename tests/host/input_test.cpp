@@ -76,7 +76,7 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
                                 ended.set_value();
                               }};
   std::optional<Restamper> restamper;
-  if (restamp_ticks) restamper.emplace(facts->format, 0, *restamp_ticks);
+  if (restamp_ticks) restamper.emplace(facts->format, RestampPlan{.round_ticks = *restamp_ticks});
   Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), restamper, rounds, sink);
   feeder.Start();
   ended.get_future().wait();

@@ -193,7 +193,8 @@ TEST(PlayPlan, MulticastStepsMoveTheMacAddress) {
 TEST(PlayPlan, NearWrapStartsThreeSecondsBefore) {
   StreamFacts facts = Facts();
   facts.rate->first_pcr = 1'000'000'000;
-  facts.rate->last_pcr += 1'000'000'000;
+  facts.rate->last_packet = 9990;
+  facts.rate->last_pcr = 1'000'000'000 + 9990 * kPcrHz / 5000;
   const auto plan = Plan(kRtp + "--near-wrap --loop 2", facts);
   ASSERT_TRUE(plan) << plan.failure().message;
   ASSERT_TRUE(plan->restamp);

@@ -19,13 +19,13 @@ TsPacket Restamped(Restamper& restamper, const PacketSpec& spec) {
 }
 
 TEST(Restamper, FirstRoundIsLeftAsItIs) {
-  Restamper restamper(kPlain, 0, kRound);
+  Restamper restamper(kPlain, {.start_offset = 0, .round_ticks = kRound});
   const PacketSpec spec{.counter = 9, .pcr = 12345678901, .pts = 8589934000, .dts = 100};
   EXPECT_EQ(Restamped(restamper, spec), MakePacket(spec));
 }
 
 TEST(Restamper, ClocksRunThroughTheRounds) {
-  Restamper restamper(kPlain, 0, kRound);
+  Restamper restamper(kPlain, {.start_offset = 0, .round_ticks = kRound});
   const PacketSpec spec{.pcr = 27'000'123, .pts = 90'500, .dts = 90'100};
   for (std::uint64_t round = 0; round < 5; ++round) {
     const TsPacket packet = Restamped(restamper, spec);
@@ -40,7 +40,7 @@ TEST(Restamper, ClocksRunThroughTheRounds) {
 }
 
 TEST(Restamper, ClocksWrap) {
-  Restamper restamper(kPlain, kPcrModulus - kPcrHz, kRound);
+  Restamper restamper(kPlain, {.start_offset = kPcrModulus - kPcrHz, .round_ticks = kRound});
   TsPacket packet = Restamped(restamper, {.pcr = 2 * kPcrHz, .pts = 3 * 90'000});
   EXPECT_EQ(PcrAt(packet.data()), kPcrHz);
   EXPECT_EQ(GetTimestamp(&packet[12 + 9]), 2U * 90'000);
@@ -50,7 +50,7 @@ TEST(Restamper, ClocksWrap) {
 }
 
 TEST(Restamper, CountersRunThroughTheRounds) {
-  Restamper restamper(kPlain, 0, kRound);
+  Restamper restamper(kPlain, {.start_offset = 0, .round_ticks = kRound});
   std::vector<int> sent;
   for (int round = 0; round < 3; ++round) {
     // A gap between 4 and 7 is the file's own, and so is the packet without payload.
@@ -65,7 +65,7 @@ TEST(Restamper, CountersRunThroughTheRounds) {
 }
 
 TEST(Restamper, PidsCountApartAndRoundsMayStartWithoutPayload) {
-  Restamper restamper(kPlain, 0, kRound);
+  Restamper restamper(kPlain, {.start_offset = 0, .round_ticks = kRound});
   Restamped(restamper, {.pid = 1, .counter = 5});
   Restamped(restamper, {.pid = 2, .counter = 11});
   restamper.StartNextRound();
@@ -75,7 +75,7 @@ TEST(Restamper, PidsCountApartAndRoundsMayStartWithoutPayload) {
 }
 
 TEST(Restamper, AnnouncedStartIsAnnouncedOnce) {
-  Restamper restamper(kPlain, 0, kRound);
+  Restamper restamper(kPlain, {.start_offset = 0, .round_ticks = kRound});
   const PacketSpec start{.discontinuity = true, .pcr = 0};
   const PacketSpec later{.counter = 1, .discontinuity = true, .pcr = 99};
   EXPECT_EQ(Restamped(restamper, start)[5] & 0x80, 0x80);
@@ -86,7 +86,7 @@ TEST(Restamper, AnnouncedStartIsAnnouncedOnce) {
 }
 
 TEST(Restamper, OtherPacketsAreLeftAsTheyAre) {
-  Restamper restamper(kPlain, 300, kRound);
+  Restamper restamper(kPlain, {.start_offset = 300, .round_ticks = kRound});
   restamper.StartNextRound();
   TsPacket null_packet = MakePacket({.pid = 0x1fff, .counter = 3});
   TsPacket scrambled = MakePacket({.pts = 1000});
@@ -103,7 +103,7 @@ TEST(Restamper, OtherPacketsAreLeftAsTheyAre) {
 }
 
 TEST(Restamper, ArrivalTimesOfTimeStampedPackets) {
-  Restamper restamper({192}, 0, kRound);
+  Restamper restamper(PacketFormat{192}, {.start_offset = 0, .round_ticks = kRound});
   restamper.StartNextRound();
   std::array<std::uint8_t, 192> packet{};
   const TsPacket ts = MakePacket({.pcr = 5});

@@ -1,0 +1,43 @@
+// How long the content of a stream lasts by the time stamps of its PES packets.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+
+namespace ipplay {
+
+// The time stamps of a PES packet that a transport packet holds whole.
+struct PesStamps {
+  std::uint8_t* pes = nullptr;  // the PES packet
+  bool has_dts = false;
+};
+
+// Nothing where no PES packet with time stamps starts in the 188-byte transport packet.
+std::optional<PesStamps> FindPesStamps(std::uint8_t* packet);
+
+class PesTimes {
+ public:
+  void Add(const std::uint8_t* packet);
+
+  // From the first PES packet to the end of the last one, in 90 kHz ticks, of the stream in which
+  // that is longest. Streams whose decoding times do not go on steadily do not count.
+  std::uint64_t Ticks() const;
+
+ private:
+  struct Times {
+    std::uint64_t last = 0;
+    std::uint64_t span = 0;
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;       // of the PES packets before the last one, where they tell
+    std::uint64_t last_bytes = 0;  // of the last one
+    bool is_steady = true;
+    bool is_video = false;
+  };
+
+  static std::uint64_t LastOne(const Times& times);
+
+  std::map<std::uint16_t, Times> times_;
+};
+
+}  // namespace ipplay
