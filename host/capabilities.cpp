@@ -9,9 +9,10 @@
 namespace ipplay {
 namespace {
 
+using Capabilities = std::unique_ptr<std::remove_pointer_t<cap_t>, decltype(&cap_free)>;
+
 bool Has(cap_value_t capability) {
-  const std::unique_ptr<std::remove_pointer_t<cap_t>, decltype(&cap_free)> own(cap_get_proc(),
-                                                                               &cap_free);
+  const Capabilities own(cap_get_proc(), &cap_free);
   cap_flag_value_t value = CAP_CLEAR;
   return own != nullptr && cap_get_flag(own.get(), capability, CAP_EFFECTIVE, &value) == 0 &&
          value == CAP_SET;
@@ -32,6 +33,18 @@ std::optional<std::string> MissingRightToSend() {
       "setcap "
       "cap_net_raw,cap_sys_nice+ep {}",
       Has(CAP_SYS_NICE) ? "" : " (and CAP_SYS_NICE, for exact timing)", OwnPath());
+}
+
+void KeepCapabilities(std::initializer_list<int> kept) {
+  const Capabilities fewer(cap_init(), &cap_free);
+  if (fewer == nullptr) return;
+  for (const cap_value_t capability : kept) {
+    if (!Has(capability)) continue;
+    cap_set_flag(fewer.get(), CAP_PERMITTED, 1, &capability, CAP_SET);
+    cap_set_flag(fewer.get(), CAP_EFFECTIVE, 1, &capability, CAP_SET);
+  }
+  // To give up is always allowed.
+  cap_set_proc(fewer.get());
 }
 
 }  // namespace ipplay

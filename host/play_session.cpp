@@ -1,6 +1,7 @@
 #include "host/play_session.h"
 
 #include <fmt/format.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
@@ -11,9 +12,11 @@
 #include <csignal>
 #include <cstring>
 
+#include "host/capabilities.h"
 #include "host/library_output.h"
 #include "host/report.h"
 #include "host/units.h"
+#include "host/worker_rights.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -65,7 +68,11 @@ std::string ReadFailure(int error) {
 // Without the two lines that tell of its threads.
 bool StartLibrary() {
   const LibrarySilence silence(LibrarySilence::Of::kOutput);
-  return IPStart() == 0;
+  // The library opens the adapter and gives its threads their class. Nothing is opened later.
+  KeepCapabilities({CAP_NET_RAW, CAP_SYS_NICE});
+  const bool started = IPStart() == 0;
+  KeepCapabilities({});
+  return started;
 }
 
 }  // namespace
@@ -116,7 +123,10 @@ void PlaySession::Loop() {
   while (running_) {
     WaitForSomething();
     if (!running_) return;
+    const bool was_started = meter_.started();
     ReadCounters(Now());
+    // The library's threads have given themselves their class before the first datagram leaves.
+    if (meter_.started() && !was_started) DropWorkerCapabilities();
     while (const auto action = time_line_.TakeDue(Now())) Do(*action, "--at");
     if (running_) ReportWhenDue();
   }

@@ -2,6 +2,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <ctime>
 #include <optional>
 
+#include "host/capabilities.h"
 #include "host/library_output.h"
 #include "host/measure/json_view.h"
 #include "host/measure/live_view.h"
@@ -87,6 +89,9 @@ class MeasureRun {
     } else if (source_.IsLive() && !options_.quiet) {
       Print(stderr, "Measuring on {}\n", options_.source);
     }
+    // The adapter is open. A report may have to be written where root alone may.
+    KeepCapabilities(options_.report_file.empty() ? std::initializer_list<int>{}
+                                                  : std::initializer_list<int>{CAP_DAC_OVERRIDE});
     EndWatch end(options_);
     auto next_draw = Clock::now() + kRedrawInterval;
     std::optional<Failure> failure;

@@ -2,6 +2,7 @@
 other. Builds on the test bed of the wire tests."""
 import os
 import select
+import shutil
 import signal
 import struct
 import subprocess
@@ -118,6 +119,22 @@ class PlayCase(unittest.TestCase):
         text = subprocess.run(command + [part for field in fields for part in ("-e", field)], check=True,
                               text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
         return [line.split("\t") for line in text.splitlines()]
+
+
+def install(folder):
+    """Copies of program and library that an ordinary user reaches; their search path is changed as an installation
+    changes it."""
+    built, program = os.path.dirname(os.environ["IPPLAYOUT_LIBRARY"]), os.path.join(folder, "ipplay")
+    os.chmod(folder, 0o755)
+    shutil.copy(IPPLAY, program)
+    for name in os.listdir(built):
+        if name.startswith("libipplayout.so"):
+            shutil.copy(os.path.join(built, name), folder)
+    script = os.path.join(folder, "rpath.cmake")
+    with open(script, "w", encoding="utf-8") as file:
+        file.write(f'file(RPATH_CHANGE FILE "{program}" OLD_RPATH "{built}" NEW_RPATH "{folder}")')
+    subprocess.run(["cmake", "-P", script], check=True, stderr=subprocess.DEVNULL)
+    return program
 
 
 def read_file(path):

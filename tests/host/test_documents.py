@@ -5,7 +5,7 @@ import shutil
 import subprocess
 import unittest
 
-from playbed import HERE, IPPLAY, SAMPLE, PlayCase
+from playbed import HERE, IPPLAY, SAMPLE, PlayCase, install
 
 ROOT = os.path.join(HERE, "..", "..")
 NOBODY = "65534"
@@ -31,23 +31,8 @@ class Recipes(PlayCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        os.chmod(cls.folder.name, 0o755)
         shutil.copy(SAMPLE, os.path.join(cls.folder.name, "stream.ts"))
-        cls.install()
-
-    @classmethod
-    def install(cls):
-        """A copy of program and library that an unprivileged user reaches; its search path is changed as an
-        installation changes it."""
-        built, here = os.path.dirname(os.environ["IPPLAYOUT_LIBRARY"]), cls.folder.name
-        shutil.copy(IPPLAY, os.path.join(here, "ipplay"))
-        for name in os.listdir(built):
-            if name.startswith("libipplayout.so"):
-                shutil.copy(os.path.join(built, name), here)
-        script = os.path.join(here, "rpath.cmake")
-        with open(script, "w", encoding="utf-8") as file:
-            file.write(f'file(RPATH_CHANGE FILE "{here}/ipplay" OLD_RPATH "{built}" NEW_RPATH "{here}")')
-        subprocess.run(["cmake", "-P", script], check=True)
+        install(cls.folder.name)
 
     def run_recipe(self, commands, *options, user=None):
         """Runs the commands as they stand, but for the names of the reader's own: adapter, sudo, root's shell."""

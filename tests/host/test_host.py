@@ -20,12 +20,6 @@ class Statuses(PlayCase):
         self.assertEqual((played.frames, played.output), ([], ""))
         self.assertIn("ipplay: 10.77.0.99 does not answer on near", played.errors)
 
-    def test_missing_right_is_named(self):
-        process = self.bed.start("play", SAMPLE, *TARGET, prefix=("setpriv", "--bounding-set", "-net_raw", "--inh-caps", "-net_raw"))
-        output, errors = process.communicate()
-        self.assertEqual((process.returncode, output), (NO_ACCESS, ""))
-        self.assertRegex(errors, r"^ipplay: .*CAP_NET_RAW is missing.*setcap cap_net_raw,cap_sys_nice\+ep /.*/ipplay\n$")
-
     def test_devices_and_resolve(self):
         def run(*arguments):
             process = self.bed.start(*arguments)

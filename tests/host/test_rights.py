@@ -1,0 +1,89 @@
+"""An ordinary user with file capabilities: what it takes to play, and what is left once it plays."""
+import json
+import os
+import shutil
+import subprocess
+import unittest
+
+from playbed import SAMPLE, PlayCase, install
+
+NOBODY = "65534"
+TARGET = ("--to", "rtp://239.1.1.1:5004")
+PLAYED, FAILED, USAGE, NO_ACCESS = 0, 1, 2, 3
+REAL_TIME = 2  # SCHED_RR
+
+
+class Rights(PlayCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        shutil.copy(SAMPLE, cls.path(cls, "stream.ts"))
+        cls.program = install(cls.folder.name)
+
+    def start(self, *arguments, user=NOBODY, capabilities=None):
+        if capabilities:
+            subprocess.run(["/usr/sbin/setcap", capabilities + "+ep", self.program], check=True)
+        else:
+            subprocess.run(["/usr/sbin/setcap", "-r", self.program], check=False, stderr=subprocess.DEVNULL)
+        prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups", "--inh-caps=-all"] if user else []
+        return subprocess.Popen([*prefix, self.program, *arguments], preexec_fn=self.bed.near.enter, text=True,
+                                cwd=self.folder.name, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    @staticmethod
+    def threads(process):
+        """Of each thread its name, capabilities and scheduling class."""
+        found = []
+        for thread in os.listdir(f"/proc/{process.pid}/task"):
+            with open(f"/proc/{process.pid}/task/{thread}/status", encoding="ascii") as file:
+                status = dict(line.split(":\t", 1) for line in file.read().splitlines() if ":\t" in line)
+            found.append((status["Name"], *(int(status[kind], 16) for kind in ("CapPrm", "CapEff", "CapAmb")),
+                          os.sched_getscheduler(int(thread))))
+        return found
+
+    def test_nothing_is_left_while_it_plays(self):
+        for user, capabilities, real_time in ((NOBODY, "cap_net_raw", False), (NOBODY, "cap_net_raw,cap_sys_nice", True), (None, None, True)):
+            with self.subTest(user=user, capabilities=capabilities):
+                player = self.start("play", "stream.ts", *TARGET, "--loop", "forever", "--stats", "json", "--priority", "highest",
+                                    user=user, capabilities=capabilities)
+                self.addCleanup(player.kill)
+                while json.loads(player.stdout.readline())["datagrams"] == 0:
+                    pass
+                threads = self.threads(player)
+                # Itself, the reader of the input, and the library's two.
+                self.assertEqual(len(threads), 4, threads)
+                self.assertEqual([thread[1:4] for thread in threads], [(0, 0, 0)] * 4)
+                classes = [thread[4] == REAL_TIME for thread in threads if thread[0] in ("DataPumpThread", "PacketTransmit")]
+                self.assertEqual(any(classes), real_time)
+                for protocol in ("tcp", "tcp6", "udp", "udp6", "raw", "raw6"):
+                    with open(f"/proc/{player.pid}/net/{protocol}", encoding="ascii") as file:
+                        self.assertEqual(file.read().count("\n"), 1, protocol)
+                player.terminate()
+                output, errors = player.communicate(timeout=30)
+                self.assertEqual(player.returncode, PLAYED, errors)
+                self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Stopped by a signal")
+
+    def test_measuring(self):
+        for user, capabilities, left in ((NOBODY, "cap_net_raw", 0), (None, None, 0)):
+            with self.subTest(user):
+                meter = self.start("measure", "near", "--wait", "20s", user=user, capabilities=capabilities)
+                self.addCleanup(meter.kill)
+                self.assertEqual(meter.stderr.readline(), "Measuring on near\n")
+                while (threads := self.threads(meter))[0][1:4] != (left, left, 0):
+                    self.assertIsNone(meter.poll())
+                self.assertEqual(len(threads), 1)
+                meter.terminate()
+                meter.communicate(timeout=30)
+
+    def test_without_rights(self):
+        for arguments, words in ((("play", "stream.ts", *TARGET), "CAP_NET_RAW is missing (and CAP_SYS_NICE, for exact timing); run as "
+                                                                  f"root, or once as root: setcap cap_net_raw,cap_sys_nice+ep {self.program}\n"), (("measure", "near"), "setcap cap_net_raw+ep")):
+            process = self.start(*arguments)
+            output, errors = process.communicate(timeout=30)
+            self.assertEqual((process.returncode, output), (NO_ACCESS, ""))
+            self.assertIn(words, errors)
+        process = self.start("play", "stream.ts", *TARGET, capabilities="cap_sys_nice")
+        self.assertIn("CAP_NET_RAW is missing; run as root", process.communicate(timeout=30)[1])
+
+
+if __name__ == "__main__":
+    unittest.main()
