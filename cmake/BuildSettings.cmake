@@ -30,6 +30,11 @@ if(IPPLAYOUT_SANITIZE)
   add_link_options(-fsanitize=${IPPLAYOUT_SANITIZE})
 else()
   # Hardening: the input files, frames and command lines that reach this code are not trusted.
-  add_compile_options(-fstack-protector-strong -fcf-protection $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
-  add_link_options(LINKER:-z,relro LINKER:-z,now)
+  # As compile and link options of folders they reach no user of the package.
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection
+                      $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
+  add_link_options(LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
+  include(CheckPIESupported)
+  check_pie_supported()
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 endif()

@@ -61,7 +61,7 @@ void PrintJson(const std::vector<Adapter>& adapters) {
     list.push_back(std::move(item));
   }
   Print(Results(), "{}\n",
-             list.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+        list.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
 }
 
 struct ResolveOptions {

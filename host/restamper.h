@@ -27,8 +27,8 @@ struct RestampPlan {
   std::vector<SeamPacket> seam{};  // in order
 };
 
-// What is put into a round of `packets` packets: so many null packets at its end, and PCRs where its
-// last one and the first one of the next round are farther apart than receivers are tested for.
+// What is put into a round of `packets` packets: so many null packets at its end, and PCRs where
+// its last one and the first one of the next round are farther apart than receivers are tested for.
 std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
                                     std::uint64_t null_packets);
 
