@@ -235,8 +235,6 @@ std::optional<Failure> CheckFields(const PlayOptions& options) {
       {"--vlan-tpid", options.vlan_tpid != kUsualTpid, options.vlan.has_value(), "--vlan"},
       {"--flow-label", options.flow_label != 0, v6, "IPv6 targets"},
       {"--identification", options.identification.has_value(), !v6, "IPv4 targets"},
-      {"--sequence", options.sequence.has_value(), options.to.rtp, "rtp:// targets"},
-      {"--rtp-extension", options.rtp_extension, options.to.rtp, "rtp:// targets"},
   };
   for (const auto& [option, is_given, is_allowed, with] : kFields) {
     if (is_given && !is_allowed) {

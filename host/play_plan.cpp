@@ -230,10 +230,11 @@ std::optional<Failure> Planner::SetRounds() {
 std::uint64_t Planner::NullPackets(std::uint64_t packets) const {
   const double missing = static_cast<double>(facts_.content_ticks) * 300 -
                          static_cast<double>(facts_.rate->TicksOf(packets));
-  constexpr double kMost = 10 * static_cast<double>(kPcrHz);
-  if (missing <= 0 || missing > kMost) return 0;
-  return static_cast<std::uint64_t>(
-      std::ceil(missing / static_cast<double>(kPcrHz) * facts_.rate->packets_per_second));
+  if (missing <= 0) return 0;
+  const double count =
+      std::ceil(missing / static_cast<double>(kPcrHz) * facts_.rate->packets_per_second);
+  // More than the file itself has are no end of a file that was cut, but time stamps that jump.
+  return count > static_cast<double>(packets) ? 0 : static_cast<std::uint64_t>(count);
 }
 
 std::optional<Failure> Planner::SetRestamp() {

@@ -52,7 +52,7 @@ std::uint64_t SyncOffsetOf(const StreamFacts& facts, std::uint64_t packet) {
 }
 
 std::optional<Failure> WalkFile(Input& input, StreamFacts& facts, PacketWalker& walker) {
-  constexpr std::size_t kPacketsAtOnce = 5000;
+  constexpr std::size_t kPacketsAtOnce = 500;
   input.Seek(facts.first_packet);
   std::vector<std::uint8_t> block(kPacketsAtOnce * facts.format.packet_bytes);
   std::size_t count = 0;

@@ -159,7 +159,6 @@ class Refusals(PlayCase):
                 ((RTP, "--vlan-cfi"), "--vlan-cfi: allowed with --vlan"),
                 ((RTP, "--flow-label", "5"), "--flow-label 5: allowed with IPv6"),
                 ((UDP6, "--identification", "5"), "--identification 5: allowed with IPv4"),
-                ((UDP, "--sequence", "5"), "--sequence 5: allowed with rtp://"),
                 ((RTP, "--tos", "1", "--dscp", "2"), "--dscp 2: not together with --tos"),
                 ((RTP, "--frame-size", "60"), "--frame-size 60: allowed is 242 or more"),
                 ((RTP, "--frame-size", "1400", "--ts-per-datagram", "3"), "--frame-size 1400: not together"),
