@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <istream>
 #include <string_view>
 
@@ -119,9 +120,11 @@ std::string ConfigFile::to_config(const CLI::App* app, bool /*default_also*/,
 std::vector<CLI::ConfigItem> ConfigFile::from_config(std::istream& input) const {
   std::vector<CLI::ConfigItem> read;
   std::vector<std::string> section;
-  std::string text(kMostBytes + 1, '\0');
-  input.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(input.gcount()));
+  std::string text;
+  std::array<char, 4096> block{};
+  while (text.size() <= kMostBytes && input.read(block.data(), block.size()).gcount() > 0) {
+    text.append(block.data(), static_cast<std::size_t>(input.gcount()));
+  }
   if (input.bad()) throw CLI::FileError("");
   if (text.size() > kMostBytes) {
     throw CLI::ConfigError(fmt::format("--config: allowed are {} bytes", kMostBytes));
