@@ -16,7 +16,6 @@
 #include "host/library_output.h"
 #include "host/report.h"
 #include "host/units.h"
-#include "host/worker_rights.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -123,10 +122,7 @@ void PlaySession::Loop() {
   while (running_) {
     WaitForSomething();
     if (!running_) return;
-    const bool was_started = meter_.started();
     ReadCounters(Now());
-    // The library's threads have given themselves their class before the first datagram leaves.
-    if (meter_.started() && !was_started) DropWorkerCapabilities();
     while (const auto action = time_line_.TakeDue(Now())) Do(*action, "--at");
     if (running_) ReportWhenDue();
   }

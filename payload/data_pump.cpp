@@ -100,6 +100,7 @@ void ZEBIPDataPump::ClearStatistics() {
 
 void ZEBIPDataPump::Run() {
   ApplyThreadPriority();
+  platform::GiveUpCapabilities();
   platform::UseFinestTimerSlack();  // for the last batch, which this thread sends itself
   try {
     SendDatagrams();

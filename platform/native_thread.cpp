@@ -1,5 +1,6 @@
 #include "platform/native_thread.h"
 
+#include <linux/capability.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -135,6 +136,13 @@ void NativeThread::SetPriority(std::int32_t level, bool real_time) {
 
 bool UseFinestTimerSlack() {
   return prctl(PR_SET_TIMERSLACK, 1UL) == 0;
+}
+
+void GiveUpCapabilities() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
+  // Always allowed.
+  syscall(SYS_capset, &header, none.data());
 }
 
 void YieldProcessor() {

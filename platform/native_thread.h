@@ -42,6 +42,10 @@ class NativeThread {
 // False when it refuses.
 bool UseFinestTimerSlack();
 
+// Of the calling thread, which needs none once it has its class: what the adapter was opened with is
+// the opening thread's.
+void GiveUpCapabilities();
+
 // Gives the rest of the calling thread's time slice away.
 void YieldProcessor();
 

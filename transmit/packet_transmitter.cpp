@@ -49,6 +49,7 @@ void PacketTransmitterThread::WaitUntilFinished() {
 }
 
 void PacketTransmitterThread::Run() {
+  platform::GiveUpCapabilities();
   if (!platform::UseFinestTimerSlack()) {
     std::printf("timeBeginPeriod failed");
   }
