@@ -42,16 +42,28 @@ void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings
   manager.SetThreadPriority(static_cast<std::int32_t>(settings.other.PlayerThreadPriority));
 }
 
+constexpr double kFrameWork = 2.5e-6;  // seconds that sending one frame takes at most
+
 // Between two frames, or two bursts, there is time to sleep, and sending takes up less than half of
 // it all: the workers may run in real time without being throttled by the kernel.
 bool LeavesRest(const PcapRtInterface& capture, const CZebParametricManager& parametric) {
-  constexpr double kFrameWork = 2.5e-6;  // seconds that sending one frame takes at most
   // A wait is shorter than the time from frame to frame, by the work on a frame and the hand-over.
   constexpr std::chrono::duration<double> kShortestRest =
       platform::DeadlineWaiter::kAlwaysSlept + std::chrono::microseconds(20);
   const std::uint32_t frames = parametric.IsBurstMode() != 0 ? capture.GetPacketsPerQueue() : 1;
   const double packet_time = capture.GetPacketTime();
   return frames * packet_time >= kShortestRest.count() && packet_time >= 2 * kFrameWork;
+}
+
+// The pump waits for the transmitter, not for points in time, and rests at higher rates as well.
+bool PumpLeavesRest(const PcapRtInterface& capture) {
+  return capture.GetPacketTime() >= 2 * kFrameWork;
+}
+
+// Beside longer gaps nobody sees how late a wake-up is, and the processors had better sleep.
+bool WantsShortWakeUps(const PcapRtInterface& capture) {
+  constexpr double kLongestGap = 0.1;  // seconds
+  return capture.GetPacketTime() <= kLongestGap;
 }
 
 }  // namespace
@@ -167,9 +179,12 @@ bool Playout::StartThreads() {
   PacketTransmitterThread& transmitter = library_.transmitter;
   transmitter.SetParametricManager(&library_.parametric);
   transmitter.SetInterface(pipeline_.capture_interface.get());
-  const bool real_time = LeavesRest(*pipeline_.capture_interface, library_.parametric);
-  pump.UseRealTime(real_time);
-  transmitter.UseRealTime(real_time);
+  const PcapRtInterface& capture = *pipeline_.capture_interface;
+  transmitter.UseRealTime(LeavesRest(capture, library_.parametric));
+  pump.UseRealTime(PumpLeavesRest(capture));
+  if (WantsShortWakeUps(capture)) {
+    short_wake_ups_.emplace();
+  }
   was_started_ = true;
   if (transmitter.Start() && pump.Start()) {
     return true;
@@ -214,6 +229,7 @@ void Playout::Release() {
     pipeline_.capture_interface->Close();
   }
   pipeline_ = Pipeline();
+  short_wake_ups_.reset();
 }
 
 int Playout::Write(const std::uint8_t* data, std::uint32_t length) {

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "control/pipeline.h"
 #include "platform/host_event.h"
+#include "platform/wake_latency.h"
 
 namespace ipplayout {
 
@@ -49,7 +51,8 @@ class Playout {
 
   // Serialises the lifecycle. The worker threads never take it.
   std::mutex control_mutex_;
-  Pipeline pipeline_;         // under control_mutex_
+  Pipeline pipeline_;                                     // under control_mutex_
+  std::optional<platform::ShortWakeUps> short_wake_ups_;  // during a run; under control_mutex_
   bool was_started_ = false;  // the pipeline's threads have been started; under control_mutex_
 
   std::mutex stop_event_mutex_;

@@ -1,10 +1,12 @@
-"""The two ways in which frames leave: which one is taken, and that a fault of the adapter hides in neither."""
+"""The two ways in which frames leave: which one is taken, and that a fault of the adapter hides in neither; and
+what else a playout asks of the system."""
+import os
 import shutil
 import socket
 import tempfile
 import threading
 
-from host import begin, families, in_thread, ready, reap, until_sent
+from host import begin, descriptors, families, in_thread, ready, reap, until_sent
 from library import Library
 from testbed import Testbed
 from wire_case import TYPICAL, Model, WireCase, datagrams
@@ -67,6 +69,19 @@ class Senders(WireCase):
         outcome = self.bed.run(body)
         self.assert_frames(outcome, EXPECTED)
         self.assertEqual(outcome.value, ([0, 0, 1, 0], STATISTICS))
+
+    def test_processors_stay_awake(self):
+        """While it plays, but for gaps that are longer than any wake-up."""
+        def body(library):
+            held = []
+            for rate in (TYPICAL["IPBitRate"], 0.01):
+                ready(library, {**TYPICAL, "IPBitRate": rate})
+                begin(library)
+                held.append(list(descriptors().values()).count("/dev/cpu_dma_latency"))
+                reap(library)
+            return held + [list(descriptors().values()).count("/dev/cpu_dma_latency")]
+        expected = [1, 0, 0] if os.access("/dev/cpu_dma_latency", os.W_OK) else [0, 0, 0]
+        self.assertEqual(self.bed.run(body).value, expected)
 
     def test_second_playout_on_an_adapter(self):
         """One AF_XDP socket has the adapter's queue; others do without it."""
