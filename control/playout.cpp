@@ -6,6 +6,7 @@
 #include "control/datagram_layout.h"
 #include "control/library.h"
 #include "platform/clock.h"
+#include "platform/native_thread.h"
 #include "platform/random.h"
 
 namespace ipplayout {
@@ -182,6 +183,9 @@ bool Playout::StartThreads() {
   const PcapRtInterface& capture = *pipeline_.capture_interface;
   transmitter.UseRealTime(LeavesRest(capture, library_.parametric));
   pump.UseRealTime(PumpLeavesRest(capture));
+  if (platform::IsNice()) {
+    pipeline_.capture_interface->Waiter().SpinLittle();
+  }
   if (WantsShortWakeUps(capture)) {
     short_wake_ups_.emplace();
   }

@@ -188,6 +188,9 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
   add.Value("--priority", o.priority, "LEVEL",
             "idle, below-normal, normal, above-normal, highest or time-critical",
             "Priority of the thread that builds the datagrams", ParsePriority, "above-normal");
+  add.Flag(
+      "--economy", o.economy,
+      "Take less of the processor and leave gaps less exact, as in a process with a nice value");
   add.Value("--prefill", o.prefill, "TIME", "a time as 500ms",
             "Stream time that must be read before the first datagram leaves; default 1s of a file, "
             "0 of a pipe",

@@ -63,6 +63,7 @@ struct PlayOptions {
   std::vector<std::pair<std::chrono::nanoseconds, Action>> time_line;  // in the order given
 
   // The run itself.
+  bool economy = false;
   std::uint32_t priority = 0;
   std::optional<std::chrono::nanoseconds> prefill;
   bool json = false;

@@ -4,6 +4,7 @@
 #include <linux/capability.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 
 #include <algorithm>
@@ -65,7 +66,10 @@ std::string ReadFailure(int error) {
 }
 
 // Without the two lines that tell of its threads.
-bool StartLibrary() {
+bool StartLibrary(bool economy) {
+  constexpr int kNice = 10;
+  // The library takes it for what --economy asks for. A value that is there already is no less.
+  if (economy && getpriority(PRIO_PROCESS, 0) < kNice) setpriority(PRIO_PROCESS, 0, kNice);
   const LibrarySilence silence(LibrarySilence::Of::kOutput);
   // The library opens the adapter and gives its threads their class. Nothing is opened later.
   KeepCapabilities({CAP_NET_RAW, CAP_SYS_NICE});
@@ -107,7 +111,7 @@ bool PlaySession::Start() {
   if (!options_.json && !options_.quiet) terminal_ = Terminal::Open();
   start_ = Clock::now();
   next_report_ = terminal_ ? 0s : ReportInterval();
-  if (!StartLibrary()) {
+  if (!StartLibrary(options_.economy)) {
     IPStop();
     Print(stderr, "ipplay: the playout cannot start; is the adapter up?\n");
     return false;

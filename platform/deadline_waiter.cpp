@@ -21,7 +21,11 @@ constexpr std::int64_t kMemory = 256;
 
 }  // namespace
 
-DeadlineWaiter::DeadlineWaiter() : spin_ns_(kFirstSpin.count()) {}
+DeadlineWaiter::DeadlineWaiter() : longest_spin_(kMostSpin), spin_ns_(kFirstSpin.count()) {}
+
+void DeadlineWaiter::SpinLittle() {
+  longest_spin_ = kLeastSpin;
+}
 
 std::chrono::nanoseconds DeadlineWaiter::Now() const {
   return MonotonicNow();
@@ -30,7 +34,8 @@ std::chrono::nanoseconds DeadlineWaiter::Now() const {
 void DeadlineWaiter::WaitUntil(std::chrono::nanoseconds deadline) {
   nanoseconds now = MonotonicNow();
   const nanoseconds length = deadline - now;
-  const nanoseconds most_spin = length < kAlwaysSlept ? kMostSpin : length * 3 / 4;
+  const nanoseconds most_spin =
+      length < kAlwaysSlept ? longest_spin_ : std::min(longest_spin_, length * 3 / 4);
   for (;;) {
     const std::uint32_t seen = limit_changes_.load();
     const auto target = std::min(deadline, std::chrono::nanoseconds(limit_ns_.load()));

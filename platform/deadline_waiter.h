@@ -26,6 +26,9 @@ class DeadlineWaiter {
   // Returns at `deadline`, or at the limit if that comes first; at once when either has passed.
   virtual void WaitUntil(std::chrono::nanoseconds deadline);
 
+  // From now on waits are hardly spun through: they cost less and end later. Before the first one.
+  void SpinLittle();
+
   // From now on no wait, the present one included, lasts beyond `latest`.
   void LimitWaits(std::chrono::nanoseconds latest);
   void RemoveLimit();
@@ -38,6 +41,7 @@ class DeadlineWaiter {
   std::atomic<std::int64_t> limit_ns_{kNoLimit};
   // Futex word: its change tells a sleeper that the limit has moved.
   std::atomic<std::uint32_t> limit_changes_{0};
+  std::chrono::nanoseconds longest_spin_;
   // The waiting thread's; atomic because the pump waits too when it transmits the last batch.
   std::atomic<std::int64_t> spin_ns_;
 };

@@ -138,6 +138,10 @@ bool UseFinestTimerSlack() {
   return prctl(PR_SET_TIMERSLACK, 1UL) == 0;
 }
 
+bool IsNice() {
+  return getpriority(PRIO_PROCESS, 0) > 0;
+}
+
 void GiveUpCapabilities() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};

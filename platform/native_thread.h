@@ -42,8 +42,11 @@ class NativeThread {
 // False when it refuses.
 bool UseFinestTimerSlack();
 
-// Of the calling thread, which needs none once it has its class: what the adapter was opened with is
-// the opening thread's.
+// The calling thread has been told to leave the processor to others.
+bool IsNice();
+
+// Of the calling thread, which needs none once it has its class: what the adapter was opened with
+// is the opening thread's.
 void GiveUpCapabilities();
 
 // Gives the rest of the calling thread's time slice away.

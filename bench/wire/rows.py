@@ -81,7 +81,8 @@ class Yardstick:
             "tcpreplay (select)": self.senders.tcpreplay("select"), "multicat": self.senders.multicat,
             "multicat -i": self.senders.multicat_realtime, "GStreamer": self.senders.gstreamer,
             "ffmpeg": self.senders.ffmpeg, "bare pacing": self.senders.bare_pacing,
-            "ipplay": self.senders.ipplay, "library": self.senders.library()}
+            "ipplay": self.senders.ipplay, "ipplay --economy": self.senders.ipplay_economy,
+            "library": self.senders.library()}
         return {name: every[name] for name in names}
 
     def rate2(self):
@@ -89,7 +90,8 @@ class Yardstick:
 
     def rate10(self):
         return self.paced(10, ["tcpreplay (gtod)", "tcpreplay (nano)", "tcpreplay (select)", "multicat",
-                               "multicat -i", "GStreamer", "ffmpeg", "bare pacing", "ipplay"])
+                               "multicat -i", "GStreamer", "ffmpeg", "bare pacing", "ipplay",
+                               "ipplay --economy"])
 
     def rate100(self):
         return self.paced(100, ["tcpreplay (gtod)", "tcpreplay (nano)", "multicat", "GStreamer", "ffmpeg",

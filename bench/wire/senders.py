@@ -99,6 +99,9 @@ class Senders:
                 f"rtp://{GROUP}:{PORT}", "--device", self.device, "--frame-bitrate", f"{megabits}M",
                 "--loop", "forever", "--quiet"]
 
+    def ipplay_economy(self, megabits, seconds):
+        return [*self.ipplay(megabits, seconds), "--economy"]
+
     def library(self, *settings):
         return lambda megabits, seconds: [
             self.programs / "play_steady", self.device, megabits, seconds, *(settings or ["1"])]

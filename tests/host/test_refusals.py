@@ -33,7 +33,7 @@ PLAY = {
     "--delay": ("1/2:0", "D from 1"), "--bad-ip-checksum": ("0/2", "N from 1 to RANGE"),
     "--bad-udp-checksum": ("1/0", "N from 1 to RANGE"), "--random": ("=2", "true or false"),
     "--priority": ("extreme", "time-critical"), "--prefill": ("-1s", "500ms"), "--stats": ("xml", "text or json"),
-    "--quiet": ("=2", "true or false"), "--dry-run": ("=2", "true or false"), "--write-config": ("", "a file"),
+    "--economy": ("=2", "true or false"), "--quiet": ("=2", "true or false"), "--dry-run": ("=2", "true or false"), "--write-config": ("", "a file"),
     "--input": ("", "a file"), "--config": ("/nonexistent", "a file"),
 }
 # Those of which one bad value does not show all.

@@ -43,7 +43,7 @@ class Rights(PlayCase):
     def test_nothing_is_left_while_it_plays(self):
         for user, capabilities, real_time in ((NOBODY, "cap_net_raw", False), (NOBODY, "cap_net_raw,cap_sys_nice", True), (None, None, True)):
             with self.subTest(user=user, capabilities=capabilities):
-                player = self.start("play", "stream.ts", *TARGET, "--loop", "forever", "--stats", "json", "--priority", "highest",
+                player = self.start("play", "stream.ts", *TARGET, "--loop", "forever", "--stats", "json", "--priority", "highest", "--economy",
                                     user=user, capabilities=capabilities)
                 self.addCleanup(player.kill)
                 while json.loads(player.stdout.readline())["datagrams"] == 0:
@@ -52,6 +52,7 @@ class Rights(PlayCase):
                 # Itself, the reader of the input, and the library's two.
                 self.assertEqual(len(threads), 4, threads)
                 self.assertEqual([thread[1:4] for thread in threads], [(0, 0, 0)] * 4)
+                self.assertEqual(os.getpriority(os.PRIO_PROCESS, player.pid), 10)
                 classes = [thread[4] == REAL_TIME for thread in threads if thread[0] in ("DataPumpThread", "PacketTransmit")]
                 self.assertEqual(any(classes), real_time)
                 for protocol in ("tcp", "tcp6", "udp", "udp6", "raw", "raw6"):
