@@ -24,6 +24,9 @@ constexpr std::array kPriorities = {
     OsaThreadPriority::Highest(), OsaThreadPriority::TimeCritical(),
 };
 
+// A stop waits for the copies of the datagram in hand, but not for as many as there may be.
+constexpr std::int64_t kMostCopiesAfterStop = 10'000;
+
 }  // namespace
 
 ZEBIPDataPump::ZEBIPDataPump() : OsaThread("DataPumpThread", 0, OsaThreadPriority::AboveNormal()) {}
@@ -169,9 +172,12 @@ void ZEBIPDataPump::WaitWhilePaused() {
 }
 
 bool ZEBIPDataPump::SendAllCopies(PDU& frame) {
-  const std::int32_t extra_copies =
+  std::int64_t extra_copies =
       replication_->IsEnabled() != 0 ? replication_->GetReplicationCount() : 0;
-  for (std::int32_t copy = 0; copy < extra_copies; ++copy) {
+  for (std::int64_t copy = 0; copy < extra_copies; ++copy) {
+    if (StopRequested()) {
+      extra_copies = std::min(extra_copies, copy + kMostCopiesAfterStop);
+    }
     if (!top_layer_->Send(frame)) {
       return false;
     }

@@ -69,10 +69,10 @@ int IPWriteTerminate(void);
 // the ring meanwhile. Start and stop end a pause. Returns 1.
 int IPPause(uint32_t pause);
 
-// Ends the playout and releases the adapter: the datagram in hand still leaves, data in the ring
-// does not. Blocks until no thread of the library is left, at most about a second at any bit rate.
-// Needed also after IPWriteTerminate, before the next IPStart. Without a playout it does nothing.
-// Both do the same.
+// Ends the playout and releases the adapter: the datagram in hand still leaves (of its copies up to
+// 10,000 more), data in the ring does not. Blocks until no thread of the library is left, at most
+// about a second at any bit rate. Needed also after IPWriteTerminate, before the next IPStart.
+// Without a playout it does nothing. Both do the same.
 void IPStop(void);
 void IPStopImmediate(void);
 

@@ -69,7 +69,9 @@ std::unique_ptr<CaptureHandle> FakeDriver::Open(const std::string& name,
                                                 const OpenOptions& options) {
   {
     const std::lock_guard lock(mutex_);
-    opened_.push_back({name, options});
+    if (keep_sent) {
+      opened_.push_back({name, options});
+    }
   }
   return refuse_open ? nullptr : std::make_unique<FakeHandle>(*this);
 }
@@ -105,7 +107,10 @@ bool FakeDriver::Take(SentFrame frame) {
     on_sent(frame);
   }
   const std::lock_guard lock(mutex_);
-  sent_.push_back(std::move(frame));
+  ++sent_frames_;
+  if (keep_sent) {
+    sent_.push_back(std::move(frame));
+  }
   return true;
 }
 

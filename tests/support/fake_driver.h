@@ -42,6 +42,7 @@ class FakeDriver final : public CaptureDriver {
   bool refuse_open = false;
   int data_link = CaptureHandle::kEthernetDataLink;
   FilterResult filter_result;
+  bool keep_sent = true;                          // false: frames are only counted
   std::function<void(const SentFrame&)> on_sent;  // called for each frame, before it counts as sent
 
   // Every frame behind the next `frames` ones is refused.
@@ -50,6 +51,7 @@ class FakeDriver final : public CaptureDriver {
     accept_ = frames;
   }
   void AcceptAll() { RefuseAfter(kUnlimited); }
+  bool AcceptsAll() const { return Copy(accept_) == kUnlimited; }
   // What NextFrame gives, in order; an empty one is a read timeout.
   void QueueReceived(std::vector<std::uint8_t> bytes, std::int64_t seconds = 0,
                      std::int64_t microseconds = 0) {
@@ -59,6 +61,7 @@ class FakeDriver final : public CaptureDriver {
 
   // Records.
   std::vector<SentFrame> Sent() const { return Copy(sent_); }
+  std::uint64_t SentFrames() const { return Copy(sent_frames_); }
   std::vector<OpenCall> Opened() const { return Copy(opened_); }
   std::size_t Reads() const { return Copy(reads_); }
   int OpenHandles() const { return Copy(open_handles_); }
@@ -88,6 +91,7 @@ class FakeDriver final : public CaptureDriver {
   std::size_t accept_ = kUnlimited;
   std::deque<ReceivedFrame> received_;
   std::vector<SentFrame> sent_;
+  std::uint64_t sent_frames_ = 0;
   std::vector<OpenCall> opened_;
   std::size_t reads_ = 0;
   int open_handles_ = 0;

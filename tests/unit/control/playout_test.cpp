@@ -79,6 +79,15 @@ TEST_F(PlayoutTest, ShortPlayoutsLoseNothingInAnyMode) {
   }
 }
 
+TEST_F(PlayoutTest, AStopDoesNotWaitForCopiesWithoutEnd) {
+  driver_.keep_sent = false;
+  Settings().params.ReplicationCount = INT32_MAX;
+  Start(1e5);
+  ASSERT_EQ(Write(2 * kPayload), 0);
+  auto stop = OnAnotherThread([this] { GetPlayout().Stop(); });
+  ASSERT_TRUE(Returns(stop));
+}
+
 // Writers, a pause, two stops and a wait for the end, all at once; some adapters fail on the way.
 TEST_F(PlayoutTest, EndsAtTheWorstMoments) {
   std::mt19937 random(6);
