@@ -25,7 +25,7 @@ for sanitizer in asan tsan; do
   build "$sanitizer" ipplayout unit_tests
   run_tests "$sanitizer" -E "^host|^measure|example|installed_package"
 done
-# Hostile frames for the measuring end, command lines and streams for the player, a few seconds of
-# them.
-build fuzz decoder_fuzzer frames_fuzzer options_fuzzer stream_fuzzer
+# Any calls in any order; hostile frames for the measuring end, command lines and streams for the
+# player: a few seconds of each.
+build fuzz decoder_fuzzer frames_fuzzer interface_fuzzer options_fuzzer stream_fuzzer
 run_tests fuzz -L fuzz
