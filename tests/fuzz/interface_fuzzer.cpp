@@ -186,7 +186,7 @@ class Session {
   // Of the playout that runs.
   bool comparable_ = false;
   std::uint64_t copies_ = 1;
-  std::uint64_t sent_before_ = 0;
+  std::uint64_t sent_before_ = TheDriver().SentFrames();
 };
 
 // Many a start finds a playout running: it is refused and the playout goes on.
