@@ -50,20 +50,29 @@ class Faults:
                 self._dll.fault_run(address, *given, *[0] * (4 - len(given)))).value)
 
 
+class NoFaults:
+    """In a build with sanitizers, which have their own hold on memory."""
+    held = staticmethod(lambda: 0)
+
+    def watch(self, library):
+        pass
+
+
 class Host:
     """The host's side of a test, in the host's process."""
 
     def __init__(self, library, adapter=Testbed.NEAR, settings=None):
-        self.library, self.faults = library, Faults()
+        self.library, self.faults = library, Faults() if "IPPLAYOUT_FAULTS" in os.environ else NoFaults()
         self.faults.watch(library)
         library.initialise(adapter)
         library.configure({**TYPICAL, **(settings or {})})
         # What the first playout and the first failure set up for good is there from now on.
         self.play(stream(8000))
-        self.faults.set("memory", 0, 1)
-        assert library.IPStart() == Library.FAILED
-        self.faults.clear("memory")
-        library.IPStop()
+        if isinstance(self.faults, Faults):
+            self.faults.set("memory", 0, 1)
+            assert library.IPStart() == Library.FAILED
+            self.faults.clear("memory")
+            library.IPStop()
         self.before = self.traces()
 
     def play(self, data):
