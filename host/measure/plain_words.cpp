@@ -90,7 +90,7 @@ void WriteStreamContent(Out out, const StreamSummary& stream) {
 std::string PlainWords(const Summary& summary, std::span<const Verdict> verdicts) {
   std::string text;
   const Out out = std::back_inserter(text);
-  if (summary.streams.empty()) text = "Nothing arrived.\n";
+  if (summary.streams.empty()) fmt::format_to(out, "Nothing arrived.\n");
   for (const StreamSummary& stream : summary.streams) {
     fmt::format_to(out, "What arrived from {} at {}{}\n", stream.source, stream.destination,
                    stream.rtp ? " as RTP" : "");

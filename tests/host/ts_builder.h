@@ -80,7 +80,7 @@ inline TsPacket MakePacket(const PacketSpec& spec) {
 inline std::uint64_t PcrAt(const std::uint8_t* p) {
   const std::uint64_t base = std::uint64_t{p[6]} << 25 | std::uint64_t{p[7]} << 17 |
                              std::uint64_t{p[8]} << 9 | std::uint64_t{p[9]} << 1 | p[10] >> 7;
-  return base * 300 + (std::uint64_t{p[10]} & 1) * 256 + p[11];
+  return base * 300 + (p[10] & 1U) * 256U + p[11];
 }
 
 // A stream of constant rate: `ticks_per_packet` of 27 MHz between packets, a PCR in every tenth.
