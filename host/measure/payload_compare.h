@@ -52,7 +52,7 @@ class PayloadCompare {
  public:
   static constexpr std::size_t kBytesShown = 16;
   // How far ahead a stream without sequence numbers is looked for after a difference.
-  static constexpr std::uint64_t kResyncDistance = 4 * 1024 * 1024;
+  static constexpr std::uint64_t kResyncDistance = std::uint64_t{4} * 1024 * 1024;
 
   explicit PayloadCompare(std::shared_ptr<ExpectedContent> content)
       : content_(std::move(content)) {}

@@ -21,7 +21,7 @@ class TsFramer {
   static constexpr std::size_t kPacketsToSync = 5;
   static constexpr std::size_t kErrorsToLoseSync = 2;
   // A stream without synchronisation in its first bytes is taken for something else.
-  static constexpr std::uint64_t kPatience = 64 * 1024;
+  static constexpr std::uint64_t kPatience = std::uint64_t{64} * 1024;
 
   // Calls on_packet(TsPacket, offset) for every packet that `payload` completes. The offset is the
   // packet's place relative to the payload's first byte, negative when it began in an earlier one.
