@@ -44,7 +44,8 @@ FileDescriptor NewNamespace() {
 
 // The commands of ip(8), one in each line.
 bool RunIp(const std::string& commands) {
-  std::FILE* const ip = ::popen("exec ip -batch -", "w");
+  // A fixed command; only its input differs.
+  std::FILE* const ip = ::popen("exec ip -batch -", "w");  // NOLINT(cert-env33-c)
   if (ip == nullptr) return false;
   const bool written = std::fwrite(commands.data(), 1, commands.size(), ip) == commands.size();
   return ::pclose(ip) == 0 && written;

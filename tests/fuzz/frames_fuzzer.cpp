@@ -16,33 +16,13 @@
 #include "host/measure/measurement.h"
 #include "host/measure/report_html.h"
 #include "host/measure/table_view.h"
+#include "tests/fuzz/fuzz_input.h"
 
 using namespace ipplay::measure;
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-// The fuzzer's bytes, taken one after the other; zeros when they have run out.
-class Input {
- public:
-  explicit Input(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
-
-  bool IsEmpty() const { return bytes_.empty(); }
-  std::uint32_t Number(std::size_t size) {
-    std::uint32_t number = 0;
-    for (const std::uint8_t byte : Take(size)) number = (number << 8) | byte;
-    return number;
-  }
-  std::span<const std::uint8_t> Take(std::size_t size) {
-    const auto taken = bytes_.first(std::min(size, bytes_.size()));
-    bytes_ = bytes_.subspan(taken.size());
-    return taken;
-  }
-
- private:
-  std::span<const std::uint8_t> bytes_;
-};
 
 void Append(Bytes& bytes, std::span<const std::uint8_t> more) {
   bytes.insert(bytes.end(), more.begin(), more.end());
@@ -61,7 +41,7 @@ Bytes Datagram(std::span<const std::uint8_t> payload, std::uint8_t flow) {
 }
 
 // Seven transport stream packets whose first 20 bytes are the fuzzer's, but for the sync byte.
-Bytes Packets(Input& input) {
+Bytes Packets(FuzzInput& input) {
   Bytes payload;
   for (int i = 0; i < 7; ++i) {
     payload.push_back(0x47);
@@ -78,7 +58,7 @@ struct Frame {
   std::size_t wire_length = 0;
 };
 
-Frame NextFrame(Input& input) {
+Frame NextFrame(FuzzInput& input) {
   const std::uint32_t kind = input.Number(1);
   Frame frame;
   if (kind % 4 == 0) {
@@ -142,7 +122,7 @@ void ShowAll(const Measurement& measurement) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const std::shared_ptr<ExpectedContent> content = MakeContent();
-  Input input({data, size});
+  FuzzInput input({data, size});
   const std::uint32_t choice = input.Number(1);
   MeasurementSettings settings;
   settings.rtp = static_cast<RtpMode>(choice % 3);

@@ -1,54 +1,15 @@
 // Arguments of any type out of a fuzzer's bytes.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <memory>
-#include <span>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
-// The bytes, taken one after the other; zeros when they have run out.
-class FuzzInput {
- public:
-  explicit FuzzInput(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
-
-  bool IsEmpty() const { return bytes_.empty(); }
-
-  template <typename T = std::uint32_t>
-  T Number(std::size_t size) {
-    T number = 0;
-    for (; size > 0; --size) {
-      number = static_cast<T>((std::uint64_t{number} << 8) | Byte());
-    }
-    return number;
-  }
-
-  // `size` bytes, of which the fuzzer chooses 16 in one place and the rest repeats one.
-  void Fill(std::uint8_t* to, std::size_t size) {
-    std::memset(to, size > 16 ? Byte() : 0, size);
-    const std::size_t at = size > 16 ? Number(2) % (size - 15) : 0;
-    for (std::size_t i = at; i < std::min(size, at + 16); ++i) {
-      to[i] = Byte();
-    }
-  }
-
- private:
-  std::uint8_t Byte() {
-    if (bytes_.empty()) {
-      return 0;
-    }
-    const std::uint8_t byte = bytes_.front();
-    bytes_ = bytes_.subspan(1);
-    return byte;
-  }
-
-  std::span<const std::uint8_t> bytes_;
-};
+#include "tests/fuzz/fuzz_input.h"
 
 // Makes the arguments of one call and keeps what they point to, in blocks of exactly the size that
 // the interface asks for, so that a sanitizer sees an access beyond.

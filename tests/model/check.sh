@@ -25,7 +25,8 @@ search() {
 sound() {
   for how in "-DNOCLAIM|" "-DNFAIR=4|-a -f"; do
     search "$1" "$2" "${how%|*}" "${how#*|}" || { cat pan.out; echo "$1 $2: WRONG"; exit 1; }
-    echo "$1 $2 ${how#*|}: sound, $(sed -n 's/^ *\([0-9.e+]*\) states, stored.*/\1 states/p' pan.out)"
+    echo "$1 $2 ${how#*|}: sound, $(sed -n 's/^ *\([0-9.e+]*\) states, stored.*/\1 states/p;
+      s/.*depth reached \([0-9]*\),.*/depth \1,/p' pan.out | paste -sd' ')"
   done
 }
 
