@@ -31,7 +31,8 @@ void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
     elapsed_bytes_ += last_bytes_;
     const double ideal = NsPerByte() * last_bytes_;
     gaps_.Add(static_cast<std::uint64_t>(gap));
-    gap_errors_.Add(static_cast<std::uint64_t>(std::abs(static_cast<double>(gap) - ideal) + 0.5));
+    gap_errors_.Add(
+        static_cast<std::uint64_t>(std::llround(std::abs(static_cast<double>(gap) - ideal))));
 
     const double clump_gap =
         settings_.clump_gap_ns ? static_cast<double>(*settings_.clump_gap_ns) : ideal * kClumpShare;

@@ -93,7 +93,7 @@ TsFigures FiguresOf(const TsAnalysis& ts, double seconds) {
     }
     if (pid.pcr != nullptr) summary.pcr = FiguresOf(*pid.pcr);
     if (pid.pcr != nullptr && pid.pcr == ts.ReferenceClock()) figures.reference_pid = pid.pid;
-    figures.pids.push_back(std::move(summary));
+    figures.pids.push_back(summary);
   }
   return figures;
 }
