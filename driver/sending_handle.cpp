@@ -71,9 +71,10 @@ bool SendingHandle::SendFrame(std::span<const std::uint8_t> frame) {
 
 std::size_t SendingHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
                                          platform::DeadlineWaiter& waiter) {
-  BurstSender& sender =
-      fast_sender_ == nullptr ? static_cast<BurstSender&>(sender_) : *fast_sender_;
-  return TransmitTimed(queue, synchronised, waiter, sender);
+  if (fast_sender_ != nullptr) {
+    return TransmitTimed(queue, synchronised, waiter, *fast_sender_);
+  }
+  return TransmitTimed(queue, synchronised, waiter, sender_);
 }
 
 std::optional<CapturedFrame> SendingHandle::NextFrame() {
