@@ -4,7 +4,8 @@ import matplotlib
 matplotlib.use("Agg")
 from matplotlib import pyplot  # noqa: E402  the backend has to be chosen first
 
-COLOURS = {"ipplay": "crimson", "library": "darkred", "bare pacing": "black", "tcpreplay (gtod)": "royalblue",
+COLOURS = {"ipplay": "crimson", "ipplay --economy": "lightcoral", "library": "darkred", "bare pacing": "black",
+           "tcpreplay (gtod)": "royalblue",
            "tcpreplay (nano)": "steelblue", "tcpreplay (select)": "skyblue", "multicat": "seagreen",
            "multicat -i": "limegreen", "GStreamer": "darkorange", "ffmpeg": "mediumpurple"}
 FIGURES = {"gaps": ["rate10", "rate100", "rate950"], "catch_up": ["catch_up"], "patterns": ["patterns"]}
@@ -25,7 +26,7 @@ def draw_gaps(rows):
     figure, panels = pyplot.subplots(1, 3, figsize=(12, 4), layout="constrained")
     for panel, row, rate in zip(panels, FIGURES["gaps"], ("10 Mb/s", "100 Mb/s", "950 Mb/s")):
         for sender, (errors, share) in rows[row]["curves"].items():
-            own = sender in ("ipplay", "library")
+            own = sender.startswith(("ipplay", "library"))
             panel.loglog([max(error, 0.05) for error in errors], share, label=sender, color=COLOURS[sender],
                          linewidth=2.4 if own else 1, linestyle="--" if sender == "bare pacing" else "-")
         panel.set(title=rate, xlabel="gap error (µs)", ylabel="share of gaps with at least this error")

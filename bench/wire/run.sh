@@ -1,7 +1,7 @@
 #!/bin/bash
 # The yardstick: plays the same frames at the same rates with ipplayout, with the tools that people
 # use for it today, and with bare loops that show what the kernel can do, over a veth pair between
-# two namespaces of its own, and writes tables and plots. About five minutes, as root, on Debian 12.
+# two namespaces of its own, and writes tables and plots. About ten minutes, as root, on Debian 12.
 #
 # usage: bench/wire/run.sh [--only ROW] [--sender NAME] [--rounds N] [--long] [--out FOLDER]
 set -euo pipefail
