@@ -21,7 +21,7 @@ run_tests() {
 tools/lint.sh cppcheck
 build release
 run_tests release
-# The whole suite under the sanitizers, but for the faults that are injected into malloc.
+# The whole suite under the sanitizers, but for faults that are injected into malloc, packages, and rights.
 for sanitizer in asan tsan; do
   build "$sanitizer"
   run_tests "$sanitizer"
