@@ -6,9 +6,8 @@
 
 #include <cstring>
 
+#include "driver/adapter_handle.h"
 #include "driver/device_name.h"
-#include "driver/pcap_handle.h"
-#include "driver/sending_handle.h"
 #include "platform/interface.h"
 
 namespace ipplayout {
@@ -79,13 +78,7 @@ std::optional<std::vector<Adapter>> PcapDriver::FindAllAdapters() {
 std::unique_ptr<CaptureHandle> PcapDriver::Open(const std::string& name,
                                                 const OpenOptions& options) {
   const auto interface = NameWithoutPrefix(name);
-  if (!interface) {
-    return nullptr;
-  }
-  if (options.capture_later) {
-    return SendingHandle::Open(*interface, options);
-  }
-  return PcapHandle::Open(*interface, options);
+  return interface ? AdapterHandle::Open(*interface, options) : nullptr;
 }
 
 CaptureDriver::MacResult PcapDriver::QueryMac(const std::string& adapter, MacAddress& mac,

@@ -1,12 +1,10 @@
-#include "driver/sending_handle.h"
+#include "driver/adapter_handle.h"
 
 #include <linux/if_packet.h>
 #include <sys/socket.h>
 
 #include <utility>
 
-#include "driver/packet_socket.h"
-#include "driver/pcap_handle.h"
 #include "driver/timed_batch.h"
 #include "platform/interface.h"
 
@@ -15,7 +13,9 @@ namespace {
 
 using platform::Descriptor;
 
-// Protocol 0 in socket and address: the kernel delivers no frame to it.
+// Protocol 0 in socket and address: the kernel delivers no frame to it. Frames go straight to the
+// device, past its queueing discipline and past other capturing sockets; where the kernel has no
+// such option they take the ordinary way.
 Descriptor OpenPacketSocket(unsigned interface_index) {
   Descriptor socket(::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   sockaddr_ll address{};
@@ -24,18 +24,20 @@ Descriptor OpenPacketSocket(unsigned interface_index) {
   if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return Descriptor();
   }
+  const int on = 1;
+  setsockopt(socket.Get(), SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on);
   return socket;
 }
 
 }  // namespace
 
-SendingHandle::SendingHandle(Descriptor socket, std::string interface, const OpenOptions& options)
+AdapterHandle::AdapterHandle(Descriptor socket, std::string interface, const OpenOptions& options)
     : socket_(std::move(socket)),
       interface_(std::move(interface)),
       options_(options),
       sender_(socket_.Get()) {}
 
-std::unique_ptr<SendingHandle> SendingHandle::Open(const std::string& interface,
+std::unique_ptr<AdapterHandle> AdapterHandle::Open(const std::string& interface,
                                                    const OpenOptions& options) {
   int error = 0;
   const auto properties = platform::QueryInterface(interface, error);
@@ -47,29 +49,29 @@ std::unique_ptr<SendingHandle> SendingHandle::Open(const std::string& interface,
   if (!socket.IsOpen()) {
     return nullptr;
   }
-  BypassQueueingDiscipline(socket.Get());
-  return std::unique_ptr<SendingHandle>(new SendingHandle(std::move(socket), interface, options));
+  std::unique_ptr<AdapterHandle> handle(new AdapterHandle(std::move(socket), interface, options));
+  return options.capture_later || handle->Capture() != nullptr ? std::move(handle) : nullptr;
 }
 
 // The empty filter is what a capture begins with.
-FilterResult SendingHandle::SetFilter(const char* text, std::uint32_t netmask) {
+FilterResult AdapterHandle::SetFilter(const char* text, std::uint32_t netmask) {
   if (*text == '\0' && capture_ == nullptr) {
     return {};
   }
-  CaptureHandle* const capture = Capture();
+  PcapCapture* const capture = Capture();
   return capture == nullptr ? FilterResult{FilterResult::Stage::kSet, -1}
                             : capture->SetFilter(text, netmask);
 }
 
-void SendingHandle::ExpectBatches() {
+void AdapterHandle::ExpectBatches() {
   fast_sender_ = XdpSender::Open(interface_, sender_, socket_.Get());
 }
 
-bool SendingHandle::SendFrame(std::span<const std::uint8_t> frame) {
+bool AdapterHandle::SendFrame(std::span<const std::uint8_t> frame) {
   return sender_.SendBurst({&frame, 1}) == 1;
 }
 
-std::size_t SendingHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
+std::size_t AdapterHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
                                          platform::DeadlineWaiter& waiter) {
   if (fast_sender_ != nullptr) {
     return TransmitTimed(queue, synchronised, waiter, *fast_sender_);
@@ -77,14 +79,14 @@ std::size_t SendingHandle::TransmitQueue(const SendQueue& queue, bool synchronis
   return TransmitTimed(queue, synchronised, waiter, sender_);
 }
 
-std::optional<CapturedFrame> SendingHandle::NextFrame() {
-  CaptureHandle* const capture = Capture();
+std::optional<CapturedFrame> AdapterHandle::NextFrame() {
+  PcapCapture* const capture = Capture();
   return capture == nullptr ? std::nullopt : capture->NextFrame();
 }
 
-CaptureHandle* SendingHandle::Capture() {
+PcapCapture* AdapterHandle::Capture() {
   if (capture_ == nullptr) {
-    capture_ = PcapHandle::Open(interface_, options_);
+    capture_ = PcapCapture::Open(interface_, options_);
   }
   return capture_.get();
 }

@@ -1,4 +1,4 @@
-#include "driver/pcap_handle.h"
+#include "driver/pcap_capture.h"
 
 #include <fcntl.h>
 #include <pcap.h>
@@ -7,8 +7,6 @@
 
 #include <utility>
 
-#include "driver/packet_socket.h"
-#include "driver/timed_batch.h"
 #include "platform/clock.h"
 
 namespace ipplayout {
@@ -44,18 +42,17 @@ class FilterProgram {
 
 }  // namespace
 
-void PcapHandle::Close::operator()(pcap* capture) const {
+void PcapCapture::Close::operator()(pcap* capture) const {
   pcap_close(capture);
 }
 
-PcapHandle::PcapHandle(Capture capture, std::chrono::milliseconds read_timeout)
+PcapCapture::PcapCapture(Capture capture, std::chrono::milliseconds read_timeout)
     : capture_(std::move(capture)),
       descriptor_(pcap_fileno(capture_.get())),
-      read_timeout_(read_timeout),
-      sender_(descriptor_) {}
+      read_timeout_(read_timeout) {}
 
-std::unique_ptr<PcapHandle> PcapHandle::Open(const std::string& interface,
-                                             const OpenOptions& options) {
+std::unique_ptr<PcapCapture> PcapCapture::Open(const std::string& interface,
+                                               const OpenOptions& options) {
   char error[PCAP_ERRBUF_SIZE];
   Capture capture(pcap_create(interface.c_str(), error));
   if (capture == nullptr) {
@@ -72,17 +69,12 @@ std::unique_ptr<PcapHandle> PcapHandle::Open(const std::string& interface,
   if (pcap_activate(capture.get()) < 0 || pcap_setnonblock(capture.get(), 1, error) != 0) {
     return nullptr;
   }
-  std::unique_ptr<PcapHandle> handle(new PcapHandle(std::move(capture), options.read_timeout));
-  fcntl(handle->descriptor_, F_SETFD, FD_CLOEXEC);
-  BypassQueueingDiscipline(handle->descriptor_);
-  return handle;
+  std::unique_ptr<PcapCapture> opened(new PcapCapture(std::move(capture), options.read_timeout));
+  fcntl(opened->descriptor_, F_SETFD, FD_CLOEXEC);
+  return opened;
 }
 
-int PcapHandle::DataLink() const {
-  return pcap_datalink(capture_.get());
-}
-
-FilterResult PcapHandle::SetFilter(const char* text, std::uint32_t netmask) {
+FilterResult PcapCapture::SetFilter(const char* text, std::uint32_t netmask) {
   if (*text == '\0') {
     bpf_insn instruction = kAcceptAll;
     bpf_program program{1, &instruction};
@@ -95,21 +87,12 @@ FilterResult PcapHandle::SetFilter(const char* text, std::uint32_t netmask) {
   return Install(*program.Get());
 }
 
-FilterResult PcapHandle::Install(bpf_program& program) {
+FilterResult PcapCapture::Install(bpf_program& program) {
   const int code = pcap_setfilter(capture_.get(), &program);
   return code < 0 ? FilterResult{FilterResult::Stage::kSet, code} : FilterResult{};
 }
 
-bool PcapHandle::SendFrame(std::span<const std::uint8_t> frame) {
-  return sender_.SendBurst({&frame, 1}) == 1;
-}
-
-std::size_t PcapHandle::TransmitQueue(const SendQueue& queue, bool synchronised,
-                                      platform::DeadlineWaiter& waiter) {
-  return TransmitTimed(queue, synchronised, waiter, sender_);
-}
-
-std::optional<CapturedFrame> PcapHandle::NextFrame() {
+std::optional<CapturedFrame> PcapCapture::NextFrame() {
   // libpcap's own read timeout does not bound a read on Linux, so reads never block and the wait
   // is ours.
   const auto deadline = platform::MonotonicNow() + read_timeout_;

@@ -1,4 +1,4 @@
-#include "driver/sending_handle.h"
+#include "driver/adapter_handle.h"
 
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -32,7 +32,7 @@ std::unique_ptr<CaptureHandle> OpenLater(const char* name) {
   return PcapDriver().Open(name, options);
 }
 
-TEST(SendingHandle, CapturesFromTheFirstFilterOrReadOn) {
+TEST(AdapterHandle, CapturesFromTheFirstFilterOrReadOn) {
   std::thread([] {
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root";
     BringLoopbackUp();
@@ -53,7 +53,7 @@ TEST(SendingHandle, CapturesFromTheFirstFilterOrReadOn) {
   }).join();
 }
 
-TEST(SendingHandle, OpensNoInterfaceThatIsNotThere) {
+TEST(AdapterHandle, OpensNoInterfaceThatIsNotThere) {
   EXPECT_EQ(OpenLater("rpcap://nowhere"), nullptr);
   EXPECT_EQ(OpenLater("lo"), nullptr);
 }

@@ -1,4 +1,4 @@
-// An adapter opened to send; it captures from the first read on.
+// An opened adapter: sends through sockets of its own and captures through libpcap.
 #pragma once
 
 #include <memory>
@@ -6,17 +6,19 @@
 
 #include "driver/burst_socket.h"
 #include "driver/capture_driver.h"
+#include "driver/pcap_capture.h"
 #include "driver/xdp_sender.h"
 #include "platform/descriptor.h"
 
 namespace ipplayout {
 
-// A playout never reads. Without a receive ring, opening and closing do not wait for the kernel to
-// let every processor pass (packet_set_ring), and frames of others cost nothing on their way in.
-class SendingHandle final : public CaptureHandle {
+// Whoever only sends never sets up a receive ring: with one, opening and closing wait for the
+// kernel to let every processor pass (packet_set_ring), and frames of others cost time on their way
+// in.
+class AdapterHandle final : public CaptureHandle {
  public:
   // Null when `interface` does not exist, has no Ethernet header, or may not be opened.
-  static std::unique_ptr<SendingHandle> Open(const std::string& interface,
+  static std::unique_ptr<AdapterHandle> Open(const std::string& interface,
                                              const OpenOptions& options);
 
   int DataLink() const override { return kEthernetDataLink; }
@@ -28,16 +30,17 @@ class SendingHandle final : public CaptureHandle {
   std::optional<CapturedFrame> NextFrame() override;
 
  private:
-  SendingHandle(platform::Descriptor socket, std::string interface, const OpenOptions& options);
+  AdapterHandle(platform::Descriptor socket, std::string interface, const OpenOptions& options);
 
-  CaptureHandle* Capture();
+  // Null when it cannot be opened.
+  PcapCapture* Capture();
 
   const platform::Descriptor socket_;
   const std::string interface_;
   const OpenOptions options_;
   BurstSocket sender_;
   std::unique_ptr<XdpSender> fast_sender_;  // sends through sender_ what it cannot send itself
-  std::unique_ptr<CaptureHandle> capture_;  // the reading thread's
+  std::unique_ptr<PcapCapture> capture_;    // the reading thread's
 };
 
 }  // namespace ipplayout
