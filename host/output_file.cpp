@@ -92,16 +92,11 @@ std::optional<Failure> OutputFile::OpenSpecial(unsigned owner) {
 }
 
 FileDescriptor OutputFile::CreateTemporary(std::string& name) const {
-  constexpr int kAttempts = 10;
-  for (int i = 0; i < kAttempts; ++i) {
-    std::uint64_t random = 0;
-    if (getrandom(&random, sizeof random, 0) != sizeof random) return {};
-    name = fmt::format(".ipplay-{:016x}", random);
-    FileDescriptor fd(openat(folder_.get(), name.c_str(),
-                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode_));
-    if (fd || errno != EEXIST) return fd;
-  }
-  return {};
+  std::uint64_t random = 0;
+  if (getrandom(&random, sizeof random, 0) != sizeof random) return {};
+  name = fmt::format(".ipplay-{:016x}", random);
+  return FileDescriptor(openat(folder_.get(), name.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode_));
 }
 
 std::optional<Failure> OutputFile::Commit(std::string_view text) const {

@@ -10,7 +10,6 @@ namespace ipplay {
 namespace {
 
 constexpr std::uint8_t kFirstVideo = 0xe0;  // stream id
-constexpr std::uint64_t kModulus = std::uint64_t{1} << 33;
 constexpr std::uint64_t kLongestStep = 10 * std::uint64_t{90'000};
 
 // ISO/IEC 13818-1 table 2-21: these PES packets have no header with time stamps.
@@ -54,7 +53,7 @@ void PesTimes::Add(const std::uint8_t* packet) {
   if (!stamps) return;
   const std::uint64_t time = stamps->has_dts ? pes_get_dts(stamps->pes) : pes_get_pts(stamps->pes);
   Times& times = times_[ts_get_pid(packet)];
-  const std::uint64_t step = (time + kModulus - times.last) % kModulus;
+  const std::uint64_t step = (time + kPesTimeModulus - times.last) % kPesTimeModulus;
   if (times.packets > 0) {
     times.is_steady = times.is_steady && step <= kLongestStep;
     times.span += step;

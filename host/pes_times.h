@@ -7,6 +7,9 @@
 
 namespace ipplay {
 
+// PTS and DTS have 33 bits.
+inline constexpr std::uint64_t kPesTimeModulus = std::uint64_t{1} << 33;
+
 // The time stamps of a PES packet that a transport packet holds whole.
 struct PesStamps {
   std::uint8_t* pes = nullptr;  // the PES packet

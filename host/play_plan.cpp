@@ -83,8 +83,7 @@ std::optional<Failure> Planner::CheckErrors() {
   if (options_.bad_ip_checksum && options_.bad_udp_checksum) {
     return UsageFailure(
         "--bad-udp-checksum: not together with --bad-ip-checksum; allowed is one of them on "
-        "schedule, "
-        "the other with --at or keys");
+        "schedule, the other with --at or keys");
   }
   if (options_.random && !options_.lose && !options_.delay && !options_.bad_ip_checksum &&
       !options_.bad_udp_checksum) {
@@ -92,8 +91,7 @@ std::optional<Failure> Planner::CheckErrors() {
   }
   if (options_.pcr_pid && options_.raw) {
     return UsageFailure(
-        "--pcr-pid: not together with --raw, which knows no PCRs; allowed is one of "
-        "them");
+        "--pcr-pid: not together with --raw, which knows no PCRs; allowed is one of them");
   }
   return CheckTimeLine();
 }
@@ -205,8 +203,7 @@ std::optional<Failure> Planner::SetRate() {
       return UsageFailure(
           options_.pcr_pid
               ? "--pcr-pid: INPUT has no PCRs there; allowed is one with PCRs, or --bitrate"
-              : "--bitrate: needed, since INPUT has no PCRs that tell "
-                "its rate");
+              : "--bitrate: needed, since INPUT has no PCRs that tell its rate");
     }
     plan_.stream_rate = *rate * speed;
     plan_.frame_rate = plan_.stream_rate * frame_share;
@@ -240,8 +237,8 @@ std::uint64_t Planner::NullPackets(std::uint64_t packets) const {
 std::optional<Failure> Planner::SetRestamp() {
   if (options_.restamp && facts_.format.IsRaw()) {
     return UsageFailure(
-        "--restamp: not together with --raw, which knows no transport packets; allowed is one of "
-        "them");
+        "--restamp: not together with --raw, which knows no transport packets; allowed is one "
+        "of them");
   }
   if (!facts_.rate) {
     if (options_.restamp)
@@ -312,8 +309,7 @@ std::optional<Failure> Planner::SetRtpClock() {
   if (plan_.frame_rate < 1 || plan_.frame_rate >= 4294967296.0) {
     return UsageFailure(
         fmt::format("{}: frames at {}; allowed with rtp:// are 1 bit/s to 4.29 Gbit/s per stream, "
-                    "which is what "
-                    "the RTP clock can count",
+                    "which is what the RTP clock can count",
                     options_.frame_bit_rate ? "--frame-bitrate" : "--bitrate",
                     FormatBitRate(plan_.frame_rate)));
   }

@@ -13,11 +13,17 @@ namespace ipplay {
 namespace {
 
 constexpr std::uint16_t kNullPid = 0x1fff;
-constexpr std::uint64_t kTimestampModulus = std::uint64_t{1} << 33;
 constexpr std::uint32_t kArrivalMask = 0x3fffffff;
 
 bool HasFlags(const std::uint8_t* packet) {
   return ts_has_adaptation(packet) && ts_get_adaptation(packet) > 0;
+}
+
+// Into the adaptation field, which has room for it; in 27 MHz ticks.
+void SetPcr(std::uint8_t* packet, std::uint64_t pcr) {
+  pcr %= kPcrModulus;
+  tsaf_set_pcr(packet, pcr / 300);
+  tsaf_set_pcrext(packet, static_cast<std::uint16_t>(pcr % 300));
 }
 
 }  // namespace
@@ -109,9 +115,7 @@ Restamper::Bytes Restamper::MakePacket(const std::uint8_t* next) {
   ts_set_pid(packet, plan_.pcr_pid);
   ts_set_cc(packet, counters_[plan_.pcr_pid].last);
   ts_set_adaptation(packet, kAdaptationOnly);
-  const std::uint64_t shifted = (*pcr + offset_) % kPcrModulus;
-  tsaf_set_pcr(packet, shifted / 300);
-  tsaf_set_pcrext(packet, static_cast<std::uint16_t>(shifted % 300));
+  SetPcr(packet, *pcr + offset_);
   return made_;
 }
 
@@ -152,11 +156,7 @@ void Restamper::RestampCounter(std::uint8_t* packet) {
 }
 
 void Restamper::RestampClock(std::uint8_t* packet) const {
-  const auto pcr = PcrOf(packet);
-  if (!pcr) return;
-  const std::uint64_t shifted = (*pcr + offset_) % kPcrModulus;
-  tsaf_set_pcr(packet, shifted / 300);
-  tsaf_set_pcrext(packet, static_cast<std::uint16_t>(shifted % 300));
+  if (const auto pcr = PcrOf(packet)) SetPcr(packet, *pcr + offset_);
 }
 
 // Both time stamps move, or none: a header of which only the PTS can be reached stays.
@@ -168,7 +168,7 @@ void Restamper::RestampPes(std::uint8_t* packet) const {
 }
 
 std::uint64_t Restamper::Shifted(std::uint64_t timestamp_90khz) const {
-  return (timestamp_90khz + offset_ / 300) % kTimestampModulus;
+  return (timestamp_90khz + offset_ / 300) % kPesTimeModulus;
 }
 
 // IEC 62481-2: two permission bits, then 30 bits of a 27 MHz arrival clock.
