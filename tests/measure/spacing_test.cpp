@@ -52,9 +52,9 @@ TEST(Spacing, FollowsTheGridWhereItMoves) {
 
 TEST(Spacing, CountsClumpsAndTheirLengths) {
   Spacing spacing(kOneAMillisecond);
-  // Bursts of 3, 1 and 2: frames 10 us apart count as clumped, since that is below 250 us.
-  for (const std::int64_t time :
-       {0 * kMs, 10'000 + 0 * kMs, 20'000 + 0 * kMs, 3 * kMs, 4 * kMs, 4 * kMs + 10'000, 6 * kMs}) {
+  // Bursts of 3, 1, 2, 1 and 1: what is closer than 250 us counts as clumped.
+  for (const std::int64_t time : {0 * kMs, 10'000 + 0 * kMs, 20'000 + 0 * kMs, 3 * kMs, 4 * kMs,
+                                  4 * kMs + 249'000, 6 * kMs, 6 * kMs + 251'000}) {
     spacing.Add(time, 1000, true);
   }
   spacing.EndBurst();

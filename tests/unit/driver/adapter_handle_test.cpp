@@ -25,37 +25,52 @@ void BringLoopbackUp() {
   ASSERT_EQ(ioctl(socket.Get(), SIOCSIFFLAGS, &request), 0);
 }
 
-std::unique_ptr<CaptureHandle> OpenLater(const char* name) {
+constexpr std::chrono::milliseconds kNoFrame{50};
+
+std::unique_ptr<CaptureHandle> OpenAdapter(const char* name, bool capture_later) {
   OpenOptions options;
-  options.read_timeout = std::chrono::seconds(5);
-  options.capture_later = true;
+  options.read_timeout = kNoFrame;
+  options.immediate = true;
+  options.capture_later = capture_later;
   return PcapDriver().Open(name, options);
 }
 
-TEST(AdapterHandle, CapturesFromTheFirstFilterOrReadOn) {
+std::vector<std::uint8_t> Frame(std::uint8_t content) {
+  std::vector<std::uint8_t> frame(60, content);
+  frame[12] = 0x88;  // with the next byte an EtherType that nobody answers
+  return frame;
+}
+
+TEST(AdapterHandle, CapturesFromTheOpeningOrFromTheFirstReadOn) {
   std::thread([] {
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root";
     BringLoopbackUp();
-    const auto sender = OpenLater("rpcap://lo");
-    const auto receiver = OpenLater("rpcap://lo");
-    ASSERT_TRUE(sender && receiver);
-    std::vector<std::uint8_t> early(60, 0x11);
-    std::vector<std::uint8_t> late(60, 0x22);
-    early[12] = late[12] = 0x88;  // an EtherType that nobody answers
-    EXPECT_EQ(receiver->SetFilter("", 0).stage, FilterResult::Stage::kDone);
-    EXPECT_TRUE(sender->SendFrame(early));
-    EXPECT_EQ(receiver->SetFilter("ether[20] = 0x22", 0).stage, FilterResult::Stage::kDone);
-    EXPECT_TRUE(sender->SendFrame(late));
-    const auto frame = receiver->NextFrame();
-    ASSERT_TRUE(frame);
-    EXPECT_TRUE(std::ranges::equal(frame->bytes, late));
-    EXPECT_EQ(receiver->SetFilter("no such word", 0).stage, FilterResult::Stage::kCompile);
+    const auto sender = OpenAdapter("rpcap://lo", true);
+    ASSERT_TRUE(sender);
+    for (const bool later : {true, false}) {
+      const auto receiver = OpenAdapter("rpcap://lo", later);
+      ASSERT_TRUE(receiver);
+      EXPECT_EQ(receiver->SetFilter("", 0).stage, FilterResult::Stage::kDone);
+      EXPECT_TRUE(sender->SendFrame(Frame(0x11)));
+      const auto early = receiver->NextFrame();
+      ASSERT_EQ(early.has_value(), !later);
+      EXPECT_TRUE(later || std::ranges::equal(early->bytes, Frame(0x11)));
+      EXPECT_EQ(receiver->SetFilter("ether[20] = 0x33", 0).stage, FilterResult::Stage::kDone);
+      EXPECT_TRUE(sender->SendFrame(Frame(0x22)));
+      EXPECT_TRUE(sender->SendFrame(Frame(0x33)));
+      const auto frame = receiver->NextFrame();
+      ASSERT_TRUE(frame);
+      EXPECT_TRUE(std::ranges::equal(frame->bytes, Frame(0x33)));
+      EXPECT_EQ(receiver->SetFilter("no such word", 0).stage, FilterResult::Stage::kCompile);
+    }
   }).join();
 }
 
 TEST(AdapterHandle, OpensNoInterfaceThatIsNotThere) {
-  EXPECT_EQ(OpenLater("rpcap://nowhere"), nullptr);
-  EXPECT_EQ(OpenLater("lo"), nullptr);
+  for (const bool later : {true, false}) {
+    EXPECT_EQ(OpenAdapter("rpcap://nowhere", later), nullptr);
+    EXPECT_EQ(OpenAdapter("lo", later), nullptr);
+  }
 }
 
 }  // namespace
