@@ -3,7 +3,7 @@ import ctypes
 import os
 import re
 
-from host import descriptors, own_threads
+from host import begin, descriptors, own_threads
 from library import Library
 from testbed import PRINTED, Testbed
 from wire_case import TYPICAL, Model, WireCase, datagrams, stream  # noqa: F401 (for the tests)
@@ -75,10 +75,9 @@ class Host:
             library.IPStop()
         self.before = self.traces()
 
-    def play(self, data):
+    def play(self, data, through_xdp=False):
         """One whole playout; its statistics."""
-        assert self.library.IPStart() == 0
-        assert self.library.write(data) == 0
+        begin(self.library, data, through_xdp)
         self.library.IPWriteTerminate()
         statistics = self.library.statistics()
         self.library.IPStop()
