@@ -65,6 +65,12 @@ std::string ReadFailure(int error) {
   return error == ENODATA ? "it has become shorter" : std::strerror(error);
 }
 
+PlayoutStatistics Counters() {
+  PlayoutStatistics counters{};
+  GetPlayoutStatistics(&counters);
+  return counters;
+}
+
 // Without the two lines that tell of its threads.
 bool StartLibrary(bool economy) {
   constexpr int kNice = 10;
@@ -95,7 +101,7 @@ PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
       }()) {}
 
 PlaySession::~PlaySession() {
-  if (running_) Finish();
+  if (running_) Finish(false);
 }
 
 ExitStatus PlaySession::Run() {
@@ -137,14 +143,16 @@ nanoseconds PlaySession::ReportInterval() const {
   return terminal_ ? nanoseconds(250ms) : nanoseconds(5s);
 }
 
-// The next point in time at which there is something to do. Until the first datagram has left, the
-// counters are looked at more often, since the measured bit rate starts with it: in a file's case,
-// which is a matter of moments, often enough for a short one's rate to be right.
+// The next point in time at which there is something to do. The counters are looked at more often
+// at first, since the measured bit rate starts there: until the first datagram has left, in a file's
+// case, which is a matter of moments, often enough for a short one's rate to be right.
 nanoseconds PlaySession::NextWake() const {
   nanoseconds wake = next_report_;
   if (const auto time = time_line_.NextTime()) wake = std::min(wake, *time);
   if (!meter_.started()) {
     wake = std::min(wake, Now() + (plan_.round_bytes ? nanoseconds(200us) : nanoseconds(2ms)));
+  } else if (!meter_.under_way()) {
+    wake = std::min(wake, Now() + 20ms);
   }
   return wake;
 }
@@ -161,7 +169,7 @@ void PlaySession::WaitForSomething() {
     // Nothing is written; the call tells an end of the data from a failure.
     const std::uint32_t nothing = 0;
     failed_ = IPWrite(&nothing, 0) == IPPLAYOUT_FAILED;
-    return Finish();
+    return Finish(!failed_);
   }
   if (waits[1].revents != 0) TakeSignals();
   if ((waits[2].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
@@ -254,12 +262,12 @@ void PlaySession::Stop(const std::string& outcome) {
   ClearProgress();
   terminal_.reset();
   LetSignalsKill();
-  Finish();
+  Finish(false);
 }
 
 // The playout ends now, not when all of its threads are gone; its last datagram is counted then.
-void PlaySession::Finish() {
-  const nanoseconds end = Now();
+void PlaySession::Finish(bool complete) {
+  ReadCounters(Now());
   running_ = false;
   feeder_.Stop();
   const std::uint64_t one = 1;
@@ -267,13 +275,11 @@ void PlaySession::Finish() {
     // The counter of the event is full, so it is signalled already.
   }
   IPStop();
-  ReadCounters(end);
+  meter_.End(Counters(), complete);
 }
 
 void PlaySession::ReadCounters(nanoseconds now) {
-  PlayoutStatistics counters{};
-  GetPlayoutStatistics(&counters);
-  meter_.Read(counters, now);
+  meter_.Read(Counters(), now);
 }
 
 void PlaySession::ReportWhenDue() {

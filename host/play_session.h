@@ -47,7 +47,7 @@ class PlaySession {
   void Do(const Action& action, const std::string& by);
   void Pause(bool on);
   void Stop(const std::string& outcome);
-  void Finish();
+  void Finish(bool complete);
 
   void ReadCounters(std::chrono::nanoseconds now);
   void ReportWhenDue();

@@ -8,6 +8,7 @@ namespace {
 
 using std::chrono::nanoseconds;
 constexpr nanoseconds kRecent = std::chrono::seconds(2);
+constexpr nanoseconds kRunUp = std::chrono::milliseconds(200);
 
 double Seconds(nanoseconds time) {
   return static_cast<double>(time.count()) / 1e9;
@@ -34,20 +35,29 @@ void StatusMeter::Read(const PlayoutStatistics& counters, nanoseconds now) {
   }
   if (!first_ || (!readings_.empty() && now == readings_.back().time)) return;
   readings_.push_back({now, counters.TSBytesSent});
+  if (!under_way_ && now - *first_ >= kRunUp) under_way_ = readings_.back();
   while (readings_.size() > 2 && readings_[1].time <= now - kRecent) readings_.pop_front();
 }
 
-// From the departure of the first datagram to that of the last one lies the time of all but one,
-// which are full ones; with bursts, that of all but the last burst.
+void StatusMeter::End(const PlayoutStatistics& counters, bool complete) {
+  counters_ = counters;
+  complete_ = complete;
+}
+
+// The library counts datagrams some time before they leave. What it has in hand does not matter
+// between two points on the way. At the end of a complete run nothing is in hand: from the departure
+// of the first datagram to that of the last one lies the time of all but one, which are full ones;
+// with bursts, that of all but the last burst.
 double StatusMeter::MeanRate() const {
   if (readings_.empty() || readings_.back().time <= *first_) return 0;
+  if (!complete_ && under_way_ && readings_.back().time > under_way_->time) {
+    return RateSince(*under_way_);
+  }
   const auto datagrams = static_cast<double>((counters_.DatagramsSent - 1) / burst_ * burst_);
   return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
 }
 
-double StatusMeter::RecentRate() const {
-  if (readings_.size() < 2) return 0;
-  const Reading& from = readings_.front();
+double StatusMeter::RateSince(const Reading& from) const {
   const Reading& to = readings_.back();
   return static_cast<double>(to.ts_bytes - from.ts_bytes) * 8 / Seconds(to.time - from.time);
 }
@@ -57,7 +67,7 @@ Status StatusMeter::status() const {
   status.counters = counters_;
   status.paused = paused();
   if (first_ && !readings_.empty()) status.elapsed = readings_.back().time - *first_;
-  status.recent_rate = RecentRate();
+  status.recent_rate = readings_.size() < 2 ? 0 : RateSince(readings_.front());
   status.mean_rate = MeanRate();
   const double played = static_cast<double>(counters_.TSBytesSent) * bytes_per_ts_byte_;
   if (round_bytes_ && played > 0) {

@@ -17,7 +17,7 @@ struct Status {
   std::optional<double> share;          // of all bytes to play, 0 to 1; nothing without an end
   std::optional<std::chrono::nanoseconds> remaining;
   double recent_rate = 0;   // bits per second of transport stream over the last seconds
-  double mean_rate = 0;     // since the first datagram; the library makes up for pauses
+  double mean_rate = 0;     // over the whole run; the library makes up for pauses
   std::uint64_t round = 1;  // that the last datagram belongs to
   bool paused = false;
 };
@@ -29,8 +29,11 @@ class StatusMeter {
 
   void SetPaused(bool paused) { paused_ = paused; }
   void Read(const PlayoutStatistics& counters, std::chrono::nanoseconds now);
+  // What has left in the end; at the last reading, if all that there was to play has been played.
+  void End(const PlayoutStatistics& counters, bool complete);
 
   bool started() const { return first_.has_value(); }
+  bool under_way() const { return under_way_.has_value(); }
   bool paused() const { return paused_; }
   Status status() const;
 
@@ -41,7 +44,7 @@ class StatusMeter {
   };
 
   double MeanRate() const;
-  double RecentRate() const;
+  double RateSince(const Reading& from) const;
 
   std::optional<std::uint64_t> total_bytes_;
   std::optional<std::uint64_t> round_bytes_;
@@ -52,6 +55,8 @@ class StatusMeter {
   std::uint64_t burst_;                              // datagrams that leave at once
   std::optional<std::chrono::nanoseconds> waiting_;  // last reading before the first datagram
   std::optional<std::chrono::nanoseconds> first_;    // time of the first datagram
+  std::optional<Reading> under_way_;                 // as many in hand as ever since
+  bool complete_ = false;
   PlayoutStatistics counters_{};
   std::deque<Reading> readings_;  // of the last seconds
 };

@@ -35,6 +35,7 @@ TEST(Status, RatesAndTimes) {
   for (int i = 0; i < 500; ++i) {
     meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), 500ms + i * 10ms);
   }
+  meter.End(Counted(500), true);
   const Status status = meter.status();
   EXPECT_EQ(status.elapsed, 4990ms);
   EXPECT_EQ(status.round, 2U);
@@ -52,6 +53,16 @@ TEST(Status, FirstDatagramLeftBetweenTwoReadings) {
   meter.Read(Counted(11), 600ms);
   EXPECT_EQ(meter.status().elapsed, 100ms);
   EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+}
+
+// Four more than have left are counted all the way, and sent in the end.
+TEST(Status, WhatIsInHandDoesNotRaiseTheRateOfAStoppedRun) {
+  StatusMeter meter(TestPlan());
+  for (int i = 0; i < 100; ++i) meter.Read(Counted(static_cast<std::uint64_t>(i) + 5), i * 10ms);
+  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+  meter.End(Counted(104), false);
+  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+  EXPECT_EQ(meter.status().counters.DatagramsSent, 104U);
 }
 
 // Bursts of four every 40 ms: between the first and the third lies the time of eight datagrams.
