@@ -1,4 +1,5 @@
 """Faults of the adapter, the socket and the system: the host hears of them, the next playout is clean."""
+import contextlib
 import ctypes
 import errno
 import itertools
@@ -60,10 +61,12 @@ def choose_sender(host, fault):
 def fail(host, provoke, repair, through_xdp=False):
     """A playout that fails in mid-run, and a clean one after it; when the host heard of the failure."""
     library = host.library
-    event = os.eventfd(0)
+    event = os.eventfd(0, os.EFD_NONBLOCK)
     library.register(event)
     host.before = host.traces()
     begin(library, through_xdp=through_xdp)
+    with contextlib.suppress(BlockingIOError):
+        os.eventfd_read(event)  # starts that were given up have ended, too
     writer = in_thread(lambda: (until_refused(library, []), time.monotonic()))
     until_sent(library, 15)
     begun = time.monotonic()
