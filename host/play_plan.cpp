@@ -317,14 +317,18 @@ std::optional<Failure> Planner::SetRtpClock() {
     params().IPPacketSize = std::max(1U, (plan_.frame_bytes + plan_.copies / 2) / plan_.copies);
   }
   const double step = static_cast<double>(params().IPPacketSize) * plan_.copies;
-  plan_.rtp_clock_ratio =
-      step / plan_.frame_bytes * plan_.frame_rate / std::trunc(plan_.frame_rate);
+  const double whole_rate = std::trunc(plan_.frame_rate);
+  plan_.rtp_clock_ratio = step / plan_.frame_bytes * plan_.frame_rate / whole_rate;
   constexpr double kTolerance = 30e-6;
   if (std::abs(plan_.rtp_clock_ratio - 1) > kTolerance) {
-    Note(
-        fmt::format("RTP time runs at {:.6g} kHz instead of 90: the clock goes on with every "
-                    "copy, by {} bytes for a frame of {}",
-                    plan_.rtp_clock_ratio * 90, params().IPPacketSize, plan_.frame_bytes));
+    const std::string reason =
+        step == plan_.frame_bytes
+            ? fmt::format("the clock counts whole bits per second, {} of {:.6g}", whole_rate,
+                          plan_.frame_rate)
+            : fmt::format("the clock goes on with every copy, by {} bytes for a frame of {}",
+                          params().IPPacketSize, plan_.frame_bytes);
+    Note(fmt::format("RTP time runs at {:.6g} kHz instead of 90: {}", plan_.rtp_clock_ratio * 90,
+                     reason));
   }
   return std::nullopt;
 }

@@ -143,7 +143,10 @@ TEST(PlayPlan, RtpClock) {
   EXPECT_EQ(many->settings.params.IPPacketSize, 86U);
   EXPECT_NEAR(many->rtp_clock_ratio, 16 * 86 / 1370.0, 1e-6);
   ASSERT_EQ(many->notes.size(), 1U);
-  EXPECT_NE(many->notes[0].find("RTP time"), std::string::npos);
+  EXPECT_NE(many->notes[0].find("RTP time runs at 90.3942 kHz"), std::string::npos);
+  const auto slow = Plan(kRtp + "--frame-bitrate 1999.5");
+  EXPECT_NEAR(slow->rtp_clock_ratio, 1999.5 / 1999, 1e-9);
+  EXPECT_NE(slow->notes.at(0).find("whole bits per second, 1999 of 1999.5"), std::string::npos);
   EXPECT_EQ(Plan(kUdp + "--copies 16")->rtp_clock_ratio, 0);
 }
 
