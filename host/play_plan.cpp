@@ -189,10 +189,15 @@ std::optional<Failure> Planner::SetRate() {
   if (options_.bit_rate && options_.frame_bit_rate) {
     return UsageFailure("--frame-bitrate: not together with --bitrate; allowed is one of them");
   }
+  // A lost datagram takes no time in the library: the next one leaves in its stead. So that the
+  // stream keeps its own time, the frames that are left have to be as much slower.
+  if (options_.lose && options_.lose->count < options_.lose->range) {
+    plan_.share_that_leaves = 1 - static_cast<double>(options_.lose->count) / options_.lose->range;
+  }
   const double packet_share =
       facts_.format.IsRaw() ? 1 : static_cast<double>(PacketBytes()) / facts_.format.CountedBytes();
-  const double frame_share =
-      packet_share * plan_.frame_bytes / static_cast<double>(plan_.payload_bytes);
+  const double frame_share = packet_share * plan_.frame_bytes /
+                             static_cast<double>(plan_.payload_bytes) * plan_.share_that_leaves;
   const double speed = 1 + options_.ppm / 1e6;
   if (options_.frame_bit_rate) {
     plan_.frame_rate = *options_.frame_bit_rate * speed;
@@ -302,8 +307,9 @@ void Planner::SetBatch() {
 }
 
 // The RTP clock goes on by IPPacketSize bytes at IPBitRate for every frame, copies included. So
-// IPPacketSize is the frame's size; with copies it is their share of it, in whole bytes, where the
-// payload is given as a number of packets and IPPacketSize has no other use.
+// IPPacketSize is the frame's size; with copies it is their share of it, and with losses the share
+// of what leaves, in whole bytes, where the payload is given as a number of packets and
+// IPPacketSize has no other use.
 std::optional<Failure> Planner::SetRtpClock() {
   if (!IsRtp()) return std::nullopt;
   if (plan_.frame_rate < 1 || plan_.frame_rate >= 4294967296.0) {
@@ -313,19 +319,22 @@ std::optional<Failure> Planner::SetRtpClock() {
                     options_.frame_bit_rate ? "--frame-bitrate" : "--bitrate",
                     FormatBitRate(plan_.frame_rate)));
   }
-  if (plan_.copies > 1 && params().PacketSizeMode == 1) {
-    params().IPPacketSize = std::max(1U, (plan_.frame_bytes + plan_.copies / 2) / plan_.copies);
+  const double right_step = plan_.frame_bytes * plan_.share_that_leaves;
+  if (params().PacketSizeMode == 1) {
+    params().IPPacketSize =
+        static_cast<std::uint32_t>(std::max(1.0, std::round(right_step / plan_.copies)));
   }
   const double step = static_cast<double>(params().IPPacketSize) * plan_.copies;
   const double whole_rate = std::trunc(plan_.frame_rate);
-  plan_.rtp_clock_ratio = step / plan_.frame_bytes * plan_.frame_rate / whole_rate;
+  plan_.rtp_clock_ratio = step / right_step * plan_.frame_rate / whole_rate;
   constexpr double kTolerance = 30e-6;
   if (std::abs(plan_.rtp_clock_ratio - 1) > kTolerance) {
     const std::string reason =
-        step == plan_.frame_bytes
+        step == right_step
             ? fmt::format("the clock counts whole bits per second, {} of {:.6g}", whole_rate,
                           plan_.frame_rate)
-            : fmt::format("the clock goes on with every copy, by {} bytes for a frame of {}",
+            : fmt::format("the clock goes on with every {}, by {} bytes for a frame of {}",
+                          plan_.copies > 1 ? "copy, lost ones included" : "datagram, lost or not",
                           params().IPPacketSize, plan_.frame_bytes);
     Note(fmt::format("RTP time runs at {:.6g} kHz instead of 90: {}", plan_.rtp_clock_ratio * 90,
                      reason));
@@ -372,7 +381,7 @@ void Planner::SetWraps() {
 }
 
 double Planner::PayloadBytesPerSecond() const {
-  return plan_.frame_rate / 8 * plan_.payload_bytes / plan_.frame_bytes;
+  return plan_.frame_rate / plan_.share_that_leaves / 8 * plan_.payload_bytes / plan_.frame_bytes;
 }
 
 // The library starts once 0.8 of PlayFileSizeForIP has been written.

@@ -37,6 +37,7 @@ struct PlayPlan {
   std::uint32_t copies = 1;
   double stream_rate = 0;           // bits per second of transport stream, off speed included
   double frame_rate = 0;            // bits per second of one stream's frames
+  double share_that_leaves = 1;     // of the datagrams; the rest is lost on purpose
   std::uint64_t batch = 1;          // frames that the library hands to the adapter at a time
   std::chrono::nanoseconds gap{0};  // between frames, all copies counted
   // How fast RTP time runs against the right 90 kHz: 1 where it is exact. 0 for UDP.

@@ -144,8 +144,8 @@ nanoseconds PlaySession::ReportInterval() const {
 }
 
 // The next point in time at which there is something to do. The counters are looked at more often
-// at first, since the measured bit rate starts there: until the first datagram has left, in a file's
-// case, which is a matter of moments, often enough for a short one's rate to be right.
+// at first, since the measured bit rate starts there: until the first datagram has left, in a
+// file's case, which is a matter of moments, often enough for a short one's rate to be right.
 nanoseconds PlaySession::NextWake() const {
   nanoseconds wake = next_report_;
   if (const auto time = time_line_.NextTime()) wake = std::min(wake, *time);

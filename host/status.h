@@ -49,6 +49,7 @@ class StatusMeter {
   std::optional<std::uint64_t> total_bytes_;
   std::optional<std::uint64_t> round_bytes_;
   double stream_rate_;
+  double share_that_leaves_;
   double bytes_per_ts_byte_;  // bytes read from the input for each byte that TSBytesSent counts
   double ts_bytes_per_datagram_;
   bool paused_ = false;

@@ -107,6 +107,23 @@ TEST(PlayPlan, FrameBitRateCountsHeaders) {
   EXPECT_NEAR(plan->stream_rate, 10e6 * 1316 / 1370, 1e-3);
 }
 
+// Lost datagrams are none of the frames, and the stream goes on as if they had left.
+TEST(PlayPlan, LossesLowerTheFrameRateNotTheStreams) {
+  const auto fifth = Plan(kRtp + "--lose 2/10");
+  EXPECT_DOUBLE_EQ(fifth->stream_rate, 7'520'000);
+  EXPECT_NEAR(fifth->settings.ip_bit_rate, 7.52 * 1370 / 1316 * 0.8, 1e-9);
+  EXPECT_EQ(fifth->settings.params.IPPacketSize, 1096U);  // 4/5 of 1,370
+  EXPECT_NEAR(fifth->rtp_clock_ratio, 1, 1e-6);
+  EXPECT_TRUE(fifth->notes.empty());
+  const auto given = Plan(kRtp + "--frame-bitrate 10M --lose 1/2");
+  EXPECT_DOUBLE_EQ(given->settings.ip_bit_rate, 10);
+  EXPECT_NEAR(given->stream_rate, 2 * 10e6 * 1316 / 1370, 1e-3);
+  EXPECT_NEAR(Plan(kRtp + "--lose 3/3")->settings.ip_bit_rate, 7.52 * 1370 / 1316, 1e-9);
+  const auto few = Plan(kRtp + "--lose 2/1000");  // 0.998 x 1,370 = 1,367.26
+  EXPECT_NEAR(few->rtp_clock_ratio, 1367 / 1367.26, 1e-6);
+  EXPECT_NE(few->notes.at(0).find("every datagram, lost or not, by 1367 bytes"), std::string::npos);
+}
+
 TEST(PlayPlan, BatchAndGap) {
   const struct {
     std::string line;

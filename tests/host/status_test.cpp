@@ -65,6 +65,19 @@ TEST(Status, WhatIsInHandDoesNotRaiseTheRateOfAStoppedRun) {
   EXPECT_EQ(meter.status().counters.DatagramsSent, 104U);
 }
 
+// The first two of ten are lost: eight leave in the time of ten.
+TEST(Status, LostDatagramsTakeNoTime) {
+  PlayPlan plan = TestPlan();
+  plan.share_that_leaves = 0.8;
+  StatusMeter meter(plan);
+  PlayoutStatistics counters = Counted(22);
+  counters.LostPackets = 6;
+  meter.Read(Counted(1), 0ms);
+  meter.Read(counters, 15 * 12500us);  // sixteen left, 12.5 ms apart
+  meter.End(counters, true);
+  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+}
+
 // Bursts of four every 40 ms: between the first and the third lies the time of eight datagrams.
 TEST(Status, LastBurstHasNotTakenItsTime) {
   PlayPlan plan = TestPlan();
