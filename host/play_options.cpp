@@ -107,7 +107,8 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
 void DefineShape(OptionBuilder& add, PlayOptions& o) {
   add.Group("Timing and copies");
   add.Value("--burst", o.burst, "N|TIME", "a number of datagrams or whole milliseconds as 10ms",
-            "Send datagrams back to back in bursts, at the same mean rate", ParseBurst);
+            "Send so many datagrams of each stream back to back, at the same mean rate",
+            ParseBurst);
   add.Value("--jitter", o.jitter, "PATTERN:AMOUNT",
             "square:TIME (up to 10 s) or gaussian:, squared-difference: or sine:PERCENT% (up to "
             "100%)",

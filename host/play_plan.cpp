@@ -271,12 +271,6 @@ std::optional<Failure> Planner::SetRestamp() {
 
 std::optional<Failure> Planner::SetShape() {
   ParametricSettings& shape = plan_.settings.shape;
-  if (options_.burst) {
-    shape.BurstMode = 1;
-    shape.BurstValueType = options_.burst->by_time ? 0 : 1;
-    shape.BurstPeriod = options_.burst->milliseconds;
-    shape.BurstSize = options_.burst->datagrams;
-  }
   if (options_.jitter) {
     shape.JitterEnabled = 1;
     shape.JitterPeriod = options_.jitter->amount;
@@ -289,10 +283,16 @@ std::optional<Failure> Planner::SetShape() {
     return UsageFailure(fmt::format("--burst: {} frames at a time; allowed are {} of this size",
                                     plan_.batch, kLargestQueueBytes / (plan_.frame_bytes + 24)));
   }
+  if (options_.burst) {
+    shape.BurstMode = 1;
+    shape.BurstValueType = 1;
+    shape.BurstSize = static_cast<std::uint32_t>(plan_.batch);
+  }
   return std::nullopt;
 }
 
-// The library's own rule, for people to see: the last line that applies wins.
+// The library's own rule, for people to see: the last line that applies wins. It counts the frames
+// of all streams in a burst, --burst those of each.
 void Planner::SetBatch() {
   constexpr double kBatchedFrom = 80e6;
   constexpr std::uint32_t kSine = 3;
@@ -303,7 +303,7 @@ void Planner::SetBatch() {
       options_.burst->milliseconds * plan_.frame_rate / (plan_.frame_bytes * 8000.0);
   plan_.batch = options_.burst->by_time ? static_cast<std::uint64_t>(std::min(by_time, 4e9))
                                         : options_.burst->datagrams;
-  plan_.batch = std::max<std::uint64_t>(plan_.batch, 1);
+  plan_.batch = std::max<std::uint64_t>(plan_.batch, 1) * plan_.copies;
 }
 
 // The RTP clock goes on by IPPacketSize bytes at IPBitRate for every frame, copies included. So

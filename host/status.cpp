@@ -21,7 +21,7 @@ StatusMeter::StatusMeter(const PlayPlan& plan)
       round_bytes_(plan.round_bytes),
       stream_rate_(plan.stream_rate),
       share_that_leaves_(plan.share_that_leaves),
-      burst_(plan.settings.shape.BurstMode == 1 ? plan.batch : 1) {
+      burst_(plan.settings.shape.BurstMode == 1 ? plan.batch / plan.copies : 1) {
   const bool is_tts = plan.settings.tts.TTSEnabled == 1;
   bytes_per_ts_byte_ = is_tts ? 192.0 / 188 : 1;
   ts_bytes_per_datagram_ = plan.payload_bytes / bytes_per_ts_byte_;
@@ -48,15 +48,16 @@ void StatusMeter::End(const PlayoutStatistics& counters, bool complete) {
 // The library counts datagrams some time before they leave. What it has in hand does not matter
 // between two points on the way. At the end of a complete run nothing is in hand: from the
 // departure of the first datagram to that of the last one lies the time of all but one, which are
-// full ones; with bursts, that of all but the last burst. Lost ones have no time of their own.
+// full ones; with bursts, that of all full bursts but one, since a last one that is not full leaves
+// right behind the one before it. Lost ones have no time of their own.
 double StatusMeter::MeanRate() const {
   if (readings_.empty() || readings_.back().time <= *first_) return 0;
   if (!complete_ && under_way_ && readings_.back().time > under_way_->time) {
     return RateSince(*under_way_);
   }
   const std::uint64_t left = counters_.DatagramsSent - counters_.LostPackets;
-  if (left == 0) return 0;
-  const double lasting = static_cast<double>((left - 1) / burst_ * burst_);
+  if (left < burst_) return 0;
+  const double lasting = static_cast<double>((left / burst_ - 1) * burst_);
   const double datagrams = lasting / share_that_leaves_;
   return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
 }

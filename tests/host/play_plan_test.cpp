@@ -138,6 +138,8 @@ TEST(PlayPlan, BatchAndGap) {
       {kRtp + "--bitrate 10M --jitter sine:10% --burst 7", 7},
       {kRtp + "--frame-bitrate 10M --burst 10ms", 9},  // 10 ms hold 9.1 frames of 1,370 bytes
       {kRtp + "--frame-bitrate 10M --burst 1ms", 1},
+      {kRtp + "--frame-bitrate 10M --burst 10ms --copies 3", 27},  // nine of each
+      {kRtp + "--burst 7 --copies 3", 21},
   };
   for (const auto& c : cases) {
     const auto plan = Plan(c.line);
