@@ -12,7 +12,7 @@
 namespace ipplay {
 namespace {
 
-constexpr std::size_t kMostBytes = 1024 * 1024;
+constexpr std::size_t kMostBytes = 1U << 20;
 constexpr std::string_view kBlanks = " \t\r";
 
 std::string Quoted(std::string_view text) {

@@ -74,7 +74,7 @@ std::string ExplainConfig(const std::string& what) {
 }
 
 std::string Explain(const CLI::App& app, const CLI::ParseError& error) {
-  const std::string what = error.what();
+  std::string what = error.what();
   switch (static_cast<CLI::ExitCodes>(error.get_exit_code())) {
     case CLI::ExitCodes::ArgumentMismatch:
       return WrongCount(app, what.substr(0, what.find(':')));

@@ -57,8 +57,8 @@ double StatusMeter::MeanRate() const {
   }
   const std::uint64_t left = counters_.DatagramsSent - counters_.LostPackets;
   if (left < burst_) return 0;
-  const double lasting = static_cast<double>((left / burst_ - 1) * burst_);
-  const double datagrams = lasting / share_that_leaves_;
+  const std::uint64_t lasting = (left / burst_ - 1) * burst_;
+  const double datagrams = static_cast<double>(lasting) / share_that_leaves_;
   return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
 }
 

@@ -14,7 +14,6 @@ namespace ipplay::measure {
 namespace {
 
 using testing::Bytes;
-using testing::FromHex;
 using testing::RtpPacket;
 using testing::TsPayload;
 using testing::UdpFrame;

@@ -152,7 +152,7 @@ TEST(DataBufferTest, WritersOfDifferentSizesShareTheRing) {
   std::vector<std::uint32_t> next(128);
   for (std::uint32_t records = 0; records < 3 * kRecords; ++records) {
     const std::string head = Read(buffer, 1);
-    const auto size = static_cast<std::uint32_t>(head[0]);
+    const std::uint32_t size = static_cast<unsigned char>(head[0]);
     ASSERT_EQ(Read(buffer, size - 1), std::string(size - 1, static_cast<char>(next[size]++)));
   }
   for (std::thread& writer : writers) {

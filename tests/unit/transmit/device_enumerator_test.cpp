@@ -72,6 +72,7 @@ TEST_F(DeviceEnumeratorTest, TheArrayCutsLongTextsAndFollowsTheList) {
   EXPECT_EQ(list_.Array(), nullptr);
   list_.CreateArray();
   list_.CreateArray();  // the sanitizer build sees whether the first one is lost
+  ASSERT_NE(list_.Array(), nullptr);
   EXPECT_EQ(std::string(list_.Array()[0].Name), name.substr(0, 199));
   EXPECT_EQ(std::string(list_.Array()[0].Description), std::string(199, 'd'));
   EXPECT_EQ(list_.At(0)->GetName(), name);
