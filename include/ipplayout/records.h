@@ -178,7 +178,7 @@ typedef struct IPPlayParams {
 // its range damages all. The five switches are on when not 0.
 typedef struct ErrorInsertion {
   uint32_t ErrInsertionEnable;  // main switch of the schedules; Generate... works without it
-  uint32_t PacketLossEnabled;   // frames that never leave
+  uint32_t PacketLossEnabled;   // datagrams that never leave; the next one leaves in their time
   uint32_t NumPacketLoss;
   uint32_t PacketLossRange;
   uint32_t SequenceErrorEnabled;  // frames that leave late; RTP only
@@ -197,7 +197,7 @@ typedef struct ParametricSettings {
   uint32_t BurstMode;       // 1: datagrams leave back to back in bursts at the same mean bit rate
   uint32_t BurstValueType;  // burst given by 0 BurstPeriod, 1 BurstSize; others keep the last run's
   uint32_t BurstPeriod;     // milliseconds of stream
-  uint32_t BurstSize;       // datagrams
+  uint32_t BurstSize;       // frames, those of all copies
   uint32_t LowJitterModeEnabled;  // only kept
   uint32_t JitterEnabled;
   // Percent of the gap; of the square pattern, peak to peak in microseconds.
