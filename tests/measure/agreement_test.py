@@ -4,13 +4,14 @@ IPPLAY names the program. TABLE, if set, names a file for the table of both prog
 """
 
 import json
+import math
 import os
 import random
 import subprocess
 import tempfile
 import unittest
 
-from frames import Playout, found_in, write_pcap
+from frames import Playout, found_in, transport_stream, write_pcap
 
 IPPLAY = os.environ["IPPLAY"]
 
@@ -264,6 +265,33 @@ class Limits(unittest.TestCase):
         ):
             with self.subTest(arguments=arguments):
                 self.assertEqual(self.status(*arguments), status)
+
+    def test_each_limit_is_of_its_figure(self):
+        """Met at the figure, and not one unit below; no two figures are alike."""
+        playout = Playout(jitter_ns=50_000, lose={500, 501}, delay={100: 3, 200: 1, 300: 9, 400: 20},
+                          double={50, 60, 70})
+        stream = transport_stream(7000, bit_rate=10_000_019)  # PCRs are rounded
+        playout.payloads = lambda: [stream[at:at + 1316] for at in range(0, len(stream), 1316)]
+        write_pcap(self.path, playout.capture())
+        stream, = measure(self.path)["streams"]
+        spacing, rtp, mdi, ts = (stream[name] for name in ("spacing", "rtp", "mdi", "ts"))
+        pcr, = (pid["pcr"] for pid in ts["pids"] if "pcr" in pid)
+        errors = ("sync_losses", "sync_byte_errors", "pat_errors", "pmt_errors", "continuity_errors",
+                  "transport_errors")
+        times = {
+            "--max-p99": spacing["gap_error_ns"]["p99"], "--max-gap": spacing["gap_ns"]["max"],
+            "--max-peak-to-peak": spacing["grid_peak_to_peak_ns"], "--max-jitter": rtp["jitter_ns"]["max"],
+            "--max-df": mdi["delay_factor_ns"]["max"], "--max-pcr-accuracy": pcr["accuracy_peak_to_peak_ns"],
+            "--max-pcr-jitter": pcr["arrival_peak_to_peak_ns"]}
+        counts = {
+            "--max-loss": rtp["lost"], "--max-reordered": rtp["reordered"], "--max-duplicates": rtp["duplicates"],
+            "--max-mlr": mdi["loss_rate_packets"]["max"], "--max-ts-errors": sum(ts[name] for name in errors)}
+        for figures, unit in ((times, "ns"), (counts, "")):
+            limits = {option: math.ceil(figure) for option, figure in figures.items()}
+            self.assertEqual(len(set(limits.values())), len(limits), limits)
+            for option, limit in limits.items():
+                with self.subTest(option):
+                    self.assertEqual([self.status(option, f"{value}{unit}") for value in (limit, limit - 1)], [0, 4])
 
     def test_nothing_to_measure_meets_no_limit(self):
         write_pcap(self.path, [])
