@@ -74,14 +74,43 @@ class Rates(PlayCase):
                 self.assertAlmostEqual((last - first) / (bits / 10e6 * 90_000), 1, delta=1e-4)
 
     def test_copies_differ_by_their_steps(self):
-        played = self.play(SAMPLE, "--to", "udp://239.1.1.254:5004", *FAST, "--copies", 4, "--step", "dst-ip=0.0.0.1",
-                           "--step", "dst-port=2", "--step", "src-port=1", "--step", "ttl=255")
-        rows = self.dissect(played.arrivals[:8], "ip.dst", "udp.dstport", "udp.srcport", "ip.ttl", "eth.dst")
-        self.assertEqual(rows, 2 * [
-            ["239.1.1.254", "5004", "5004", "64", "01:00:5e:01:01:fe"],
-            ["239.1.1.255", "5006", "5005", "63", "01:00:5e:01:01:ff"],
-            ["239.1.2.0", "5008", "5006", "62", "01:00:5e:01:02:00"],
-            ["239.1.2.1", "5010", "5007", "61", "01:00:5e:01:02:01"]])
+        """Each field, as tshark reads the first two copies; what the settings of one version mean to the other."""
+        for target, options, fields in (
+                ("udp://239.1.1.254:5004", (), {
+                    "dst-ip=0.0.0.2": ("ip.dst", "239.1.1.254", "239.1.2.0"),
+                    "dst-port=2": ("udp.dstport", "5004", "5006"),
+                    "src-port=3": ("udp.srcport", "5004", "5007"), "ttl=255": ("ip.ttl", "64", "63"),
+                    "tos=4": ("ip.dsfield", "0x00", "0x04"),
+                    None: ("eth.dst", "01:00:5e:01:01:fe", "01:00:5e:01:02:00")}),
+                ("rtp://239.1.1.1:5004", ("--vlan", "100", "--ssrc", "7"), {
+                    "src-ip=0.0.1.0": ("ip.src", "10.77.0.1", "10.77.1.1"), "vlan=5": ("vlan.id", "100", "105"),
+                    "payload-type=3": ("rtp.p_type", "33", "36"), "ssrc=16": ("rtp.ssrc", "0x00000007", "0x00000017"),
+                    "dst-mac=00:00:00:00:02:00": ("eth.dst", "01:00:5e:01:01:01", "01:00:5e:01:03:01")}),
+                ("udp://[ff3e::8000:1]:5004", ("--src-mac", "02:00:00:00:00:01"), {
+                    "dst-ip=::1:1": ("ipv6.dst", "ff3e::8000:1", "ff3e::8001:2"),
+                    "src-ip=::4": ("ipv6.src", "fd77::1", "fd77::5"),
+                    "ttl=1": ("ipv6.hlim", "64", "65"), "tos=8": ("ipv6.tclass", "0x00000000", "0x00000008"),
+                    "flow-label=0x10": ("ipv6.flow", "0x000000", "0x000010"),
+                    "src-mac=00:00:00:00:00:09": ("eth.src", "02:00:00:00:00:01", "02:00:00:00:00:0a")})):
+            with self.subTest(target):
+                steps = [part for step in fields if step for part in ("--step", step)]
+                played = self.play(SAMPLE, "--to", target, *FAST, "--copies", 2, *options, *steps)
+                rows = self.dissect(played.arrivals[:2], *(name for name, *_ in fields.values()))
+                self.assertEqual(rows, [[values[copy] for values in fields.values()] for copy in (1, 2)])
+
+    def test_four_copies_take_four_steps(self):
+        played = self.play(SAMPLE, "--to", "udp://239.1.1.254:5004", *FAST, "--copies", 4, "--step", "dst-ip=0.0.0.1")
+        self.assertEqual(self.dissect(played.arrivals[:8], "ip.dst", "eth.dst"), 2 * [
+            ["239.1.1.254", "01:00:5e:01:01:fe"], ["239.1.1.255", "01:00:5e:01:01:ff"],
+            ["239.1.2.0", "01:00:5e:01:02:00"], ["239.1.2.1", "01:00:5e:01:02:01"]])
+
+    def test_copies_of_other_protocols(self):
+        """As bytes, since the second copy is UDP to nobody."""
+        for step, offset, values in (("ethertype=0x10", 12, (0x0800, 0x0810)), ("protocol=2", 22, (0x4011, 0x4013))):
+            self.bed.capture.begin()
+            self.bed.play(SAMPLE, "--to", TARGET, *FAST, "--copies", 2, "--step", step)
+            frames = [frame for _, frame in self.bed.capture.frames if len(frame) > 1000]
+            self.assertEqual(tuple(int.from_bytes(frame[offset:offset + 2], "big") for frame in frames[:2]), values)
 
 
 class Headers(PlayCase):
