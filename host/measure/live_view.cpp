@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string_view>
 
 #include "host/library_output.h"
 
@@ -18,6 +19,17 @@ winsize ScreenSize() {
   if (size.ws_col == 0) size.ws_col = 80;
   if (size.ws_row == 0) size.ws_row = 24;
   return size;
+}
+
+// A line that the screen breaks would be one more than are counted.
+std::string CutLines(std::string_view text, std::size_t columns) {
+  std::string cut;
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    cut.append(line.substr(0, columns)).push_back('\n');
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+  }
+  return cut;
 }
 
 }  // namespace
@@ -36,9 +48,10 @@ void LiveView::Draw(const std::string& text) {
   if (!shown_) return;
   // Back to the first line drawn, and clear from there on.
   if (drawn_lines_ > 0) Print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
-  Print(stderr, "{}", text);
+  const std::string cut = CutLines(text, Columns());
+  Print(stderr, "{}", cut);
   std::fflush(stderr);
-  drawn_lines_ = static_cast<std::size_t>(std::ranges::count(text, '\n'));
+  drawn_lines_ = static_cast<std::size_t>(std::ranges::count(cut, '\n'));
 }
 
 }  // namespace ipplay::measure

@@ -31,8 +31,8 @@ constexpr auto kRedrawInterval = std::chrono::seconds(1);
 constexpr auto kLastFramesWait = std::chrono::milliseconds(200);
 // Bounds the reading of what is left in the buffer, in case frames come faster than they are read.
 constexpr auto kLongestDrain = std::chrono::seconds(2);
-// Lines of the live table besides the streams.
-constexpr std::size_t kOtherLines = 5;
+// Lines of the live table besides the streams, on a narrow screen.
+constexpr std::size_t kOtherLines = 7;
 
 bool IsFile(const std::string& source) {
   struct stat status {};

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cmath>
 #include <iterator>
+#include <string>
+#include <vector>
 
 #include "host/units.h"
 
@@ -95,22 +97,41 @@ void WriteStreams(Out out, std::span<const StreamSummary> streams, bool spoiled,
   }
 }
 
-void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& total) {
-  fmt::format_to(
-      out, "{}  {:.1f} s  {} {}  {} frames  {}  {} frames/s\n", capture.source, total.rate.seconds,
-      total.streams, total.streams == 1 ? "stream" : "streams", FormatCount(total.rate.frames),
-      FormatBitRate(total.rate.frame_bit_rate),
-      FormatCount(static_cast<std::uint64_t>(std::llround(total.rate.frames_per_second))));
-  const char* mark = Mark(capture.IsSpoiled());
-  fmt::format_to(out, "lost {}{}  duplicates {}  reordered {}  bad checksums: IP {}, UDP {}",
-                 FormatCount(total.lost), mark, FormatCount(total.duplicates),
-                 FormatCount(total.reordered), FormatCount(total.checksums.bad_ip),
-                 FormatCount(total.checksums.bad_udp));
-  if (capture.live) {
-    fmt::format_to(out, "  dropped by the capture {}",
-                   FormatCount(capture.drops.by_kernel + capture.drops.by_adapter));
+// As many beside each other as there is room for.
+void WriteItems(Out out, std::span<const std::string> items, std::size_t columns) {
+  std::size_t width = 0;
+  for (const std::string& item : items) {
+    const bool fits = width == 0 || width + 2 + item.size() <= columns;
+    fmt::format_to(out, "{}{}", width == 0 ? "" : fits ? "  " : "\n", item);
+    width = fits && width > 0 ? width + 2 + item.size() : item.size();
   }
   *out = '\n';
+}
+
+void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& total,
+                 std::size_t columns) {
+  const std::string about[] = {
+      capture.source,
+      fmt::format("{:.1f} s", total.rate.seconds),
+      fmt::format("{} {}", total.streams, total.streams == 1 ? "stream" : "streams"),
+      FormatCount(total.rate.frames) + " frames",
+      FormatBitRate(total.rate.frame_bit_rate),
+      FormatCount(static_cast<std::uint64_t>(std::llround(total.rate.frames_per_second))) +
+          " frames/s",
+  };
+  WriteItems(out, about, columns);
+  std::vector<std::string> faults = {
+      fmt::format("lost {}{}", FormatCount(total.lost), Mark(capture.IsSpoiled())),
+      "duplicates " + FormatCount(total.duplicates),
+      "reordered " + FormatCount(total.reordered),
+      fmt::format("bad checksums: IP {}, UDP {}", FormatCount(total.checksums.bad_ip),
+                  FormatCount(total.checksums.bad_udp)),
+  };
+  if (capture.live) {
+    faults.push_back("dropped by the capture " +
+                     FormatCount(capture.drops.by_kernel + capture.drops.by_adapter));
+  }
+  WriteItems(out, faults, columns);
 }
 
 // What was captured besides UDP frames, and what else is out of the ordinary.
@@ -254,7 +275,7 @@ std::string LiveTable(const CaptureSummary& capture, const TotalSummary& total,
                       std::span<const StreamSummary> streams, std::size_t columns) {
   std::string text;
   const Out out(text);
-  WriteTotals(out, capture, total);
+  WriteTotals(out, capture, total, columns);
   WriteStreams(out, streams, capture.IsSpoiled(), columns);
   if (streams.size() < total.streams) {
     fmt::format_to(out, "and {} more\n", FormatCount(total.streams - streams.size()));

@@ -4,6 +4,7 @@ import json
 import os
 import pty
 import re
+import struct
 import subprocess
 import termios
 import unittest
@@ -104,6 +105,32 @@ class Running(PlayCase):
         self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Stopped by Ctrl-C")
 
 
+def read_until(terminal, pattern):
+    """What the screen shows anew, until the pattern is in it."""
+    fresh = ""
+    while not re.search(pattern, fresh):
+        fresh += os.read(terminal, 4096).decode()
+    return fresh
+
+
+class LiveTable(PlayCase):
+    def test_is_drawn_over_and_over_and_fits(self):
+        user, terminal = pty.openpty()
+        self.addCleanup(os.close, user)
+        self.addCleanup(os.close, terminal)
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 24, 80, 0, 0))
+        meter = subprocess.Popen([os.environ["IPPLAY"], "measure", self.bed.FAR, "--filter", "udp port 5004"],
+                                 preexec_fn=self.bed.far.enter, stdout=subprocess.PIPE, stderr=terminal, text=True)
+        read_until(user, "Measuring on")
+        player = self.bed.start("play", SAMPLE, *TARGET, "--loop", "forever", "--quiet")
+        shown = read_until(user, r"(?s)239\.1\.1\.1:5004.*\x1b\[\d+A\r\x1b\[J.*239\.1\.1\.1:5004 .*\n")
+        for process in (player, meter):
+            interrupt(process)
+            output = process.communicate()[0]
+        self.assertRegex(output, r"239\.1\.1\.1:5004")
+        self.assertLessEqual(max(len(line) for line in re.sub(r"\x1b\[\d*.|\r", "", shown).split("\n")), 80)
+
+
 class Keys(PlayCase):
     """A user at a terminal."""
 
@@ -126,12 +153,7 @@ class Keys(PlayCase):
         os.close(self.terminal)
 
     def wait_for(self, pattern):
-        """Reads the screen until it shows the pattern in what is new."""
-        fresh = ""
-        while not re.search(pattern, fresh):
-            fresh += os.read(self.user, 4096).decode()
-        self.screen += fresh
-        return fresh
+        self.screen += read_until(self.user, pattern)
 
     def press(self, keys):
         os.write(self.user, keys.encode())
