@@ -6,16 +6,21 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/setup.sh
 
+# Without git, which a machine need not have, nor a release's folder a repository.
+sources() {
+  find . -path './build*' -prune -o \( -name '*.cpp' -o -name '*.c' \) "$@" -print | sort
+}
+
 run_cppcheck() {
   echo "cppcheck"
-  git ls-files '*.cpp' '*.c' |
+  sources |
     xargs cppcheck -j 2 --quiet --error-exitcode=1 --std=c++20 --library=googletest --inline-suppr \
       --enable=warning,performance,portability -I . -I include
 }
 
 # The checks and why some are off: .clang-tidy.
 run_clang_tidy() {
-  [ $# -gt 0 ] || set -- $(git ls-files '*.cpp' ':!tests/consumer' ':!tests/fuzz')
+  [ $# -gt 0 ] || set -- $(sources -name '*.cpp' ! -path './tests/consumer/*' ! -path './tests/fuzz/*')
   echo "clang-tidy, $# files"
   # Compiled by clang 14: what it parses best.
   cmake --preset clang -DIPPLAYOUT_BUILD_BENCH=ON >build/lint.log || stop "could not configure (build/lint.log)"
