@@ -7,7 +7,7 @@ build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev 
 wire_packages=(iproute2 tshark ffmpeg)
 # What the tests of ipplay take besides: its documents, its packages, rights for a single program,
 # the fuzzer, and the checkers of models and of code.
-test_packages=(groff-base dpkg-dev file libcap2-bin clang libclang-rt-14-dev spin cppcheck)
+test_packages=(groff-base dpkg-dev file libcap2-bin patchelf clang libclang-rt-14-dev spin cppcheck)
 # What tools/lint.sh and tools/coverage.sh take besides.
 lint_packages=(cppcheck clang clang-tidy)
 coverage_packages=(gcovr)
