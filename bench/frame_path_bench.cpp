@@ -11,7 +11,7 @@
 #include "payload/data_buffer.h"
 #include "payload/error_insertion_manager.h"
 #include "protocol/internet_checksum.h"
-#include "protocol/parametric_manager.h"
+#include "transmit/parametric_manager.h"
 #include "protocol/replication_manager.h"
 
 namespace ipplayout {

@@ -8,7 +8,7 @@
 #include "ipplayout/ipplayout.h"
 #include "platform/host_name.h"
 #include "platform/neighbour.h"
-#include "transmit/address_resolution.h"
+#include "devices/address_resolution.h"
 
 namespace {
 

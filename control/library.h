@@ -5,9 +5,9 @@
 #include "payload/data_buffer.h"
 #include "payload/data_pump.h"
 #include "payload/error_insertion_manager.h"
-#include "protocol/parametric_manager.h"
+#include "transmit/parametric_manager.h"
 #include "protocol/replication_manager.h"
-#include "transmit/device_list.h"
+#include "devices/device_list.h"
 #include "transmit/packet_transmitter.h"
 
 namespace ipplayout {

@@ -1,7 +1,7 @@
 // The parts of the one library object that exported functions reach for by themselves.
 #pragma once
 
-#include "transmit/device_list.h"
+#include "devices/device_list.h"
 
 namespace ipplayout {
 

@@ -8,7 +8,7 @@
 #include "platform/clock.h"
 #include "platform/native_thread.h"
 #include "platform/random.h"
-#include "protocol/parametric_manager.h"
+#include "transmit/parametric_manager.h"
 #include "protocol/pdu.h"
 #include "protocol/replication_manager.h"
 #include "protocol/sender.h"

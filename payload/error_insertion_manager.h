@@ -7,7 +7,7 @@
 #include <map>
 #include <mutex>
 
-#include "payload/error_manager_base.h"
+#include "protocol/error_manager_base.h"
 #include "payload/error_schedule.h"
 #include "protocol/pdu.h"
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "payload/sw_clock.h"
+#include "protocol/sw_clock.h"
 
 namespace ipplayout {
 

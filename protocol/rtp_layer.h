@@ -10,7 +10,7 @@
 
 #include <cstdint>
 
-#include "payload/sw_clock.h"
+#include "protocol/sw_clock.h"
 #include "protocol/layer.h"
 #include "protocol/pdu.h"
 

@@ -10,7 +10,7 @@
 #include <array>
 #include <cstdint>
 
-#include "payload/error_manager_base.h"
+#include "protocol/error_manager_base.h"
 #include "protocol/layer.h"
 #include "protocol/pdu.h"
 

@@ -6,9 +6,9 @@
 #include <memory>
 #include <vector>
 
-#include "payload/error_manager_base.h"
-#include "protocol/packet.h"
-#include "protocol/parametric_manager.h"
+#include "protocol/error_manager_base.h"
+#include "transmit/packet.h"
+#include "transmit/parametric_manager.h"
 #include "protocol/sender.h"
 
 namespace ipplayout {

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "driver/send_queue.h"
-#include "protocol/parametric_manager.h"
+#include "transmit/parametric_manager.h"
 
 namespace ipplayout {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "payload/timestamp.h"
+#include "transmit/timestamp.h"
 #include "transmit/batch_pacer.h"
 #include "transmit/pcap_rt_interface.h"
 

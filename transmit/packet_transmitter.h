@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "platform/signal.h"
-#include "protocol/parametric_manager.h"
+#include "transmit/parametric_manager.h"
 #include "transmit/osa_thread.h"
 
 namespace ipplayout {

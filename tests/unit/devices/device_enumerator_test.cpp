@@ -1,5 +1,5 @@
 // Adapters that a test machine does not have.
-#include "transmit/device_enumerator.h"
+#include "devices/device_enumerator.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tests/support/fake_driver.h"
-#include "transmit/device_list.h"
+#include "devices/device_list.h"
 
 namespace ipplayout {
 namespace {

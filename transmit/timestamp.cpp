@@ -1,4 +1,4 @@
-#include "payload/timestamp.h"
+#include "transmit/timestamp.h"
 
 #include <algorithm>
 

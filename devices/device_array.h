@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "ipplayout/ipplayout.h"
-#include "transmit/device_identifier.h"
+#include "devices/device_identifier.h"
 
 namespace ipplayout {
 

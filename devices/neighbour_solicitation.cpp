@@ -1,4 +1,4 @@
-#include "transmit/neighbour_solicitation.h"
+#include "devices/neighbour_solicitation.h"
 
 #include <algorithm>
 

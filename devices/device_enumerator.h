@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "driver/capture_driver.h"
-#include "transmit/device_identifier.h"
+#include "devices/device_identifier.h"
 
 namespace ipplayout {
 

@@ -1,4 +1,4 @@
-#include "transmit/address_resolution.h"
+#include "devices/address_resolution.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +10,7 @@
 
 #include "driver/device_name.h"
 #include "platform/debug_output.h"
-#include "transmit/neighbour_solicitation.h"
+#include "devices/neighbour_solicitation.h"
 
 namespace ipplayout {
 namespace {

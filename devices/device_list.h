@@ -4,8 +4,8 @@
 #include <memory>
 #include <vector>
 
-#include "transmit/device_array.h"
-#include "transmit/device_identifier.h"
+#include "devices/device_array.h"
+#include "devices/device_identifier.h"
 
 namespace ipplayout {
 

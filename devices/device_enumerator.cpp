@@ -1,4 +1,4 @@
-#include "transmit/device_enumerator.h"
+#include "devices/device_enumerator.h"
 
 #include <array>
 #include <cstdio>
@@ -7,7 +7,7 @@
 
 #include "driver/device_name.h"
 #include "platform/address_text.h"
-#include "transmit/pcap_device_identifier.h"
+#include "devices/pcap_device_identifier.h"
 
 namespace ipplayout {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "transmit/device_identifier.h"
+#include "devices/device_identifier.h"
 
 namespace ipplayout {
 

@@ -1,4 +1,4 @@
-#include "transmit/device_array.h"
+#include "devices/device_array.h"
 
 #include <algorithm>
 #include <cstring>

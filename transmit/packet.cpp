@@ -1,4 +1,4 @@
-#include "protocol/packet.h"
+#include "transmit/packet.h"
 
 namespace ipplayout {
 

@@ -1,6 +1,6 @@
 // What real neighbours and adapters do not do on request: every result code, empty replies,
 // adapters that refuse, answers that come late. The rest is tested on the wire.
-#include "transmit/address_resolution.h"
+#include "devices/address_resolution.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "transmit/device_list.h"
+#include "devices/device_list.h"
 
-#include "transmit/device_enumerator.h"
+#include "devices/device_enumerator.h"
 
 namespace ipplayout {
 

@@ -7,7 +7,7 @@
 #include "driver/capture_driver.h"
 #include "platform/address_text.h"
 #include "platform/neighbour.h"
-#include "transmit/device_list.h"
+#include "devices/device_list.h"
 
 namespace ipplayout {
 

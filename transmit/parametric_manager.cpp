@@ -1,4 +1,4 @@
-#include "protocol/parametric_manager.h"
+#include "transmit/parametric_manager.h"
 
 #include <algorithm>
 #include <cmath>

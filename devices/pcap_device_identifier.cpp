@@ -1,4 +1,4 @@
-#include "transmit/pcap_device_identifier.h"
+#include "devices/pcap_device_identifier.h"
 
 #include <new>
 #include <utility>
