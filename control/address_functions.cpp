@@ -3,7 +3,7 @@
 #include <cstring>
 #include <exception>
 
-#include "control/library_parts.h"
+#include "control/library.h"
 #include "driver/capture_driver.h"
 #include "ipplayout/ipplayout.h"
 #include "platform/host_name.h"
@@ -13,7 +13,7 @@
 namespace {
 
 bool Resolve(int ip_version, const std::uint8_t* target, std::uint8_t* mac, int position) {
-  ipplayout::AddressResolver resolver(ipplayout::LibraryDevices(), ipplayout::PlatformDriver(),
+  ipplayout::AddressResolver resolver(ipplayout::TheLibrary().parts.devices, ipplayout::PlatformDriver(),
                                       ipplayout::platform::SystemNeighbours());
   if (ip_version == 1) {
     return resolver.SolicitNeighbour(target, mac, position);

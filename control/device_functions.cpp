@@ -1,14 +1,14 @@
 // The exported device list.
 #include <exception>
 
-#include "control/library_parts.h"
+#include "control/library.h"
 #include "ipplayout/ipplayout.h"
 
 using ipplayout::LibraryDevices;
 
 int CreateListOfDevices() {
   try {
-    LibraryDevices().CreateArray();
+    TheLibrary().parts.devices.CreateArray();
     return 1;
   } catch (const std::exception&) {
     return 0;  // no memory; the earlier array stands
@@ -17,12 +17,12 @@ int CreateListOfDevices() {
 
 const DeviceListEntry* GetListOfDevices(int* count) {
   if (count != nullptr) {
-    *count = LibraryDevices().Size();
+    *count = TheLibrary().parts.devices.Size();
   }
-  return LibraryDevices().Array();
+  return TheLibrary().parts.devices.Array();
 }
 
 int DeleteListOfDevices() {
-  LibraryDevices().DeleteArray();
+  TheLibrary().parts.devices.DeleteArray();
   return 1;
 }

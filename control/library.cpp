@@ -2,14 +2,8 @@
 
 #include <unistd.h>
 
-#include "control/library_parts.h"
-
 namespace ipplayout {
 namespace {
-
-bool SequenceErrorsAllowed() {
-  return Settings().params.ProtocolMode == 1;
-}
 
 // A child process made by fork has the objects but not the threads that they wait for: it leaves
 // them alone.
@@ -31,25 +25,13 @@ class LoadedLibrary {
   pid_t process_;
 };
 
-// Without memory for it the library cannot be loaded: there is nobody to tell yet.
+// Throws while the library is being loaded if memory runs out; there is no caller to return an error to.
 LoadedLibrary loaded;  // NOLINT(cert-err58-cpp)
 
 }  // namespace
 
-Library::Library(CaptureDriver& driver)
-    : data_buffer(kDataBufferSize),
-      errors(&SequenceErrorsAllowed),
-      devices(driver),
-      playout(*this) {
-  pump.SetPayloadSource(&data_buffer);
-}
-
 Library& TheLibrary() {
   return loaded.Get();
-}
-
-DeviceList& LibraryDevices() {
-  return TheLibrary().devices;
 }
 
 }  // namespace ipplayout

@@ -1,32 +1,17 @@
-// The library's one set of long-lived objects.
+// The library's one object: its long-lived parts and its playout.
 #pragma once
 
+#include "control/parts.h"
 #include "control/playout.h"
-#include "payload/data_buffer.h"
-#include "payload/data_pump.h"
-#include "payload/error_insertion_manager.h"
-#include "transmit/parametric_manager.h"
-#include "protocol/replication_manager.h"
-#include "devices/device_list.h"
-#include "transmit/packet_transmitter.h"
 
 namespace ipplayout {
 
-// Built when the library is loaded, in this order, and destroyed when it is unloaded; a playout
-// that still runs then is stopped first.
+// A playout that still runs when the library is unloaded is stopped before its parts go.
 struct Library {
-  static constexpr std::uint32_t kDataBufferSize = 64 * 1024 * 1024;
-
   // `driver` outlives the library.
-  explicit Library(CaptureDriver& driver);
+  explicit Library(CaptureDriver& driver) : parts(driver), playout(parts) {}
 
-  CIPDataBuffer data_buffer;
-  ZEBIPDataPump pump;
-  PacketTransmitterThread transmitter;
-  CErrorInsertionManager errors;
-  CZebReplicationMgr replication;
-  CZebParametricManager parametric;
-  DeviceList devices;
+  Parts parts;
   Playout playout;
 };
 

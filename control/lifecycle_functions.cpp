@@ -14,7 +14,7 @@ int InitIpPlayout() {
   try {
     TheLibrary().playout.Initialise();
   } catch (const std::exception&) {
-    TheLibrary().devices.Clear();
+    TheLibrary().parts.devices.Clear();
   }
   return 1;
 }
@@ -39,13 +39,13 @@ int IPWriteTerminate() {
   try {
     TheLibrary().playout.WriteTerminate();
   } catch (const std::exception&) {
-    TheLibrary().pump.WaitUntilComplete();
+    TheLibrary().parts.pump.WaitUntilComplete();
   }
   return 0;
 }
 
 int IPPause(uint32_t pause) {
-  TheLibrary().pump.Pause(pause == 1);
+  TheLibrary().parts.pump.Pause(pause == 1);
   return 1;
 }
 
@@ -58,7 +58,7 @@ void IPStopImmediate() {
 }
 
 int IsPlayoutComplete() {
-  return TheLibrary().pump.IsComplete() ? 1 : 0;
+  return TheLibrary().parts.pump.IsComplete() ? 1 : 0;
 }
 
 int RegisterForIPPlayoutCompletion(const intptr_t* event) {
@@ -66,7 +66,7 @@ int RegisterForIPPlayoutCompletion(const intptr_t* event) {
     return 1;
   }
   try {
-    TheLibrary().pump.AddCompletionEvent(*event);
+    TheLibrary().parts.pump.AddCompletionEvent(*event);
   } catch (const std::exception&) {
     return 0;
   }

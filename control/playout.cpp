@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "control/datagram_layout.h"
-#include "control/library.h"
+#include "control/parts.h"
 #include "platform/clock.h"
 #include "platform/native_thread.h"
 #include "platform/random.h"
@@ -76,9 +76,9 @@ Playout::~Playout() {
 void Playout::Initialise() {
   const std::lock_guard lock(control_mutex_);
   ResetForInit();
-  library_.devices.Clear();
-  library_.devices.Enumerate();
-  library_.devices.CreateArray();
+  parts_.devices.Clear();
+  parts_.devices.Enumerate();
+  parts_.devices.CreateArray();
   const std::lock_guard event_lock(stop_event_mutex_);
   if (stop_event_ == nullptr) {
     if (auto event = OwnedHostEvent::Create()) {
@@ -89,14 +89,14 @@ void Playout::Initialise() {
 
 void Playout::CleanUp() {
   const std::lock_guard lock(control_mutex_);
-  library_.devices.Clear();
+  parts_.devices.Clear();
   const std::lock_guard event_lock(stop_event_mutex_);
   stop_event_.reset();
 }
 
 int Playout::Start() {
   const std::lock_guard lock(control_mutex_);
-  if (!library_.pump.IsComplete()) {
+  if (!parts_.pump.IsComplete()) {
     return kFailed;
   }
   if (was_started_) {
@@ -109,24 +109,24 @@ int Playout::Start() {
     return kFailed;
   }
   platform::SeedRandom(platform::MonotonicMilliseconds());
-  pipeline_.BuildChain(settings, &library_.errors, &library_.replication);
+  pipeline_.BuildChain(settings, &parts_.errors, &parts_.replication);
   const bool ready = LayOut() && ConfigureInterface() && StartThreads();
   return ready ? kStarted : kFailed;
 }
 
 bool Playout::LoadManagers() {
   const PlayoutSettings& settings = Settings();
-  library_.errors.Configure(settings.error_insertion);
-  library_.replication.StartDatagram();
-  library_.replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
+  parts_.errors.Configure(settings.error_insertion);
+  parts_.replication.StartDatagram();
+  parts_.replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
                                      settings.params.ReplicationCount);
-  library_.replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
-  LoadParametricManager(library_.parametric, settings);
+  parts_.replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
+  LoadParametricManager(parts_.parametric, settings);
   return true;
 }
 
 bool Playout::OpenInterface() {
-  DeviceIdentifier* device = library_.devices.At(static_cast<int>(Settings().params.DeviceIndex));
+  DeviceIdentifier* device = parts_.devices.At(static_cast<int>(Settings().params.DeviceIndex));
   if (device == nullptr) {
     return false;
   }
@@ -134,8 +134,8 @@ bool Playout::OpenInterface() {
   if (pipeline_.capture_interface == nullptr) {
     return false;
   }
-  pipeline_.capture_interface->SetErrorInsertionManager(&library_.errors);
-  pipeline_.capture_interface->SetParametricManager(&library_.parametric);
+  pipeline_.capture_interface->SetErrorInsertionManager(&parts_.errors);
+  pipeline_.capture_interface->SetParametricManager(&parts_.parametric);
   // An adapter that cannot be opened is noticed when it is to be made ready.
   pipeline_.capture_interface->Open();
   return true;
@@ -147,11 +147,11 @@ bool Playout::LayOut() {
   if (!layout) {
     return false;
   }
-  library_.data_buffer.SetPacketSize(layout->packet_size);
-  library_.pump.SetRawPayload(layout->packet_size == 0);
-  library_.pump.SetDatagramSize(layout->datagram_size);
-  library_.pump.SetTsPacketSize(settings.TSPacketSize);
-  library_.parametric.ComputeBurstCount(layout->datagram_size, StreamBitRate(settings));
+  parts_.data_buffer.SetPacketSize(layout->packet_size);
+  parts_.pump.SetRawPayload(layout->packet_size == 0);
+  parts_.pump.SetDatagramSize(layout->datagram_size);
+  parts_.pump.SetTsPacketSize(settings.TSPacketSize);
+  parts_.parametric.ComputeBurstCount(layout->datagram_size, StreamBitRate(settings));
   pipeline_.capture_interface->SetFrameSize(layout->datagram_size);
   return true;
 }
@@ -160,28 +160,24 @@ bool Playout::ConfigureInterface() {
   const PlayoutSettings& settings = Settings();
   PcapRtInterface& capture = *pipeline_.capture_interface;
   capture.SetQueuedMode(1);
-  capture.SetPacketsPerQueue(PacketsPerQueue(settings, library_.parametric.GetBurstCount()));
+  capture.SetPacketsPerQueue(PacketsPerQueue(settings, parts_.parametric.GetBurstCount()));
   capture.SetBitRate(AggregateBitRate(settings));
   return capture.FilterInclude() && capture.HasQueues();
 }
 
 bool Playout::StartThreads() {
-  CIPDataBuffer& buffer = library_.data_buffer;
+  CIPDataBuffer& buffer = parts_.data_buffer;
   if (!buffer.SetStartThreshold(
           StartThreshold(Settings().PlayFileSizeForIP, buffer.GetCapacity()))) {
     return false;
   }
-  ZEBIPDataPump& pump = library_.pump;
+  ZEBIPDataPump& pump = parts_.pump;
   pump.SetCaptureInterface(pipeline_.capture_interface.get());
   pump.SetTopLayer(pipeline_.Top());
-  pump.SetErrorManager(&library_.errors);
-  pump.SetReplicationManager(&library_.replication);
-  pump.SetParametricManager(&library_.parametric);
-  PacketTransmitterThread& transmitter = library_.transmitter;
-  transmitter.SetParametricManager(&library_.parametric);
+  PacketTransmitterThread& transmitter = parts_.transmitter;
   transmitter.SetInterface(pipeline_.capture_interface.get());
   const PcapRtInterface& capture = *pipeline_.capture_interface;
-  transmitter.UseRealTime(LeavesRest(capture, library_.parametric));
+  transmitter.UseRealTime(LeavesRest(capture, parts_.parametric));
   pump.UseRealTime(PumpLeavesRest(capture));
   if (platform::IsNice()) {
     pipeline_.capture_interface->Waiter().SpinLittle();
@@ -206,29 +202,29 @@ void Playout::Stop() {
 
 // The pump ends first: its last flush waits for the transmitter to release the send queue.
 void Playout::EndPlayout() {
-  library_.data_buffer.Terminate();
-  library_.pump.Stop();
+  parts_.data_buffer.Terminate();
+  parts_.pump.Stop();
   if (pipeline_.capture_interface != nullptr) {
     platform::DeadlineWaiter& waiter = pipeline_.capture_interface->Waiter();
     waiter.LimitWaits(waiter.Now() + kStopGrace);
   }
-  library_.pump.WaitUntilComplete();
-  library_.transmitter.Stop();
-  library_.transmitter.WaitUntilFinished();
-  library_.pump.Join();
-  library_.transmitter.Join();
-  library_.data_buffer.Reset();
+  parts_.pump.WaitUntilComplete();
+  parts_.transmitter.Stop();
+  parts_.transmitter.WaitUntilFinished();
+  parts_.pump.Join();
+  parts_.transmitter.Join();
+  parts_.data_buffer.Reset();
   Release();
   // A pause that was asked for while the playout was ending is over too.
-  library_.pump.Pause(false);
-  library_.errors.Reset();
+  parts_.pump.Pause(false);
+  parts_.errors.Reset();
   was_started_ = false;
 }
 
 void Playout::Release() {
-  library_.transmitter.SetInterface(nullptr);
-  library_.pump.SetCaptureInterface(nullptr);
-  library_.pump.SetTopLayer(nullptr);
+  parts_.transmitter.SetInterface(nullptr);
+  parts_.pump.SetCaptureInterface(nullptr);
+  parts_.pump.SetTopLayer(nullptr);
   if (pipeline_.capture_interface != nullptr) {
     pipeline_.capture_interface->Close();
   }
@@ -237,18 +233,18 @@ void Playout::Release() {
 }
 
 int Playout::Write(const std::uint8_t* data, std::uint32_t length) {
-  if (library_.pump.GetErrorCode() == ZEBIPDataPump::kFailed) {
+  if (parts_.pump.GetErrorCode() == ZEBIPDataPump::kFailed) {
     return kFailed;
   }
-  return library_.data_buffer.Write(data, length) ? 0 : kFailed;
+  return parts_.data_buffer.Write(data, length) ? 0 : kFailed;
 }
 
 void Playout::WriteTerminate() {
-  library_.data_buffer.Terminate();
+  parts_.data_buffer.Terminate();
   const std::optional<OwnedHostEvent> completed = OwnedHostEvent::Create();
   if (!completed) {
     // Out of descriptors: the end of the playout still ends the wait, the stop event does not.
-    library_.pump.WaitUntilComplete();
+    parts_.pump.WaitUntilComplete();
     return;
   }
   std::shared_ptr<OwnedHostEvent> stop;
@@ -256,13 +252,13 @@ void Playout::WriteTerminate() {
     const std::lock_guard lock(stop_event_mutex_);
     stop = stop_event_;
   }
-  library_.pump.AddCompletionEvent(completed->Handle());
-  if (!library_.pump.IsComplete()) {
+  parts_.pump.AddCompletionEvent(completed->Handle());
+  if (!parts_.pump.IsComplete()) {
     platform::WaitForEither(completed->Handle(),
                             stop == nullptr ? platform::kNullEvent : stop->Handle());
   }
   // Off the list before it is closed: the host may get the same descriptor number next.
-  library_.pump.WithdrawCompletionEvent(completed->Handle());
+  parts_.pump.WithdrawCompletionEvent(completed->Handle());
 }
 
 platform::EventHandle Playout::StopEvent() {

@@ -12,7 +12,7 @@
 
 namespace ipplayout {
 
-struct Library;
+struct Parts;
 
 // One playout at a time. Operations that start, stop, initialise or clean up wait for each other;
 // none is held up by a host that blocks in Write or WriteTerminate.
@@ -21,8 +21,8 @@ class Playout {
   static constexpr int kStarted = 0;
   static constexpr int kFailed = -800;
 
-  // `library` owns this object.
-  explicit Playout(Library& library) : library_(library) {}
+  // `parts` outlive this object.
+  explicit Playout(Parts& parts) : parts_(parts) {}
   Playout(const Playout&) = delete;
   Playout& operator=(const Playout&) = delete;
   ~Playout();
@@ -47,7 +47,7 @@ class Playout {
   void EndPlayout();
   void Release();
 
-  Library& library_;
+  Parts& parts_;
 
   // Serialises the lifecycle. The worker threads never take it.
   std::mutex control_mutex_;

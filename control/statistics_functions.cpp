@@ -13,7 +13,7 @@ IPStatistics ip_statistics{};
 
 int GetPlayoutStatistics(PlayoutStatistics* out) {
   if (out != nullptr) {
-    TheLibrary().pump.GetStatistics(out);
+    TheLibrary().parts.pump.GetStatistics(out);
   }
   return 1;
 }
@@ -23,8 +23,8 @@ int GetErrorInsertionStatistics() {
 }
 
 void ClearStatistics() {
-  TheLibrary().pump.ClearStatistics();
-  TheLibrary().errors.ClearStatistics();
+  TheLibrary().parts.pump.ClearStatistics();
+  TheLibrary().parts.errors.ClearStatistics();
 }
 
 TSStatistics* GetTSStats() {
@@ -40,21 +40,21 @@ IPStatistics* GetIPStats() {
 }
 
 int GeneratePacketLoss() {
-  TheLibrary().errors.GeneratePacketLoss();
+  TheLibrary().parts.errors.GeneratePacketLoss();
   return 1;
 }
 
 int GenerateSequenceError() {
-  TheLibrary().errors.GenerateSequenceError();
+  TheLibrary().parts.errors.GenerateSequenceError();
   return 1;
 }
 
 int GenerateIPChecksumError() {
-  TheLibrary().errors.GenerateIPChecksumError();
+  TheLibrary().parts.errors.GenerateIPChecksumError();
   return 1;
 }
 
 int GenerateUDPChecksumError() {
-  TheLibrary().errors.GenerateUDPChecksumError();
+  TheLibrary().parts.errors.GenerateUDPChecksumError();
   return 1;
 }

@@ -50,7 +50,7 @@ class PlayoutTest : public testing::Test {
   int Write(std::uint32_t bytes) { return GetPlayout().Write(data_.data(), bytes); }
   std::uint64_t DatagramsSent() {
     PlayoutStatistics statistics;
-    library_->pump.GetStatistics(&statistics);
+    library_->parts.pump.GetStatistics(&statistics);
     return statistics.DatagramsSent;
   }
 
@@ -67,7 +67,7 @@ TEST_F(PlayoutTest, ShortPlayoutsLoseNothingInAnyMode) {
     Settings().parametric.BurstValueType = 1;
     Settings().parametric.BurstSize = 2;
     Start(run % 3 == 0 ? 50 : 1e5);
-    ASSERT_FALSE(library_->pump.IsComplete());
+    ASSERT_FALSE(library_->parts.pump.IsComplete());
     ASSERT_EQ(DatagramsSent(), 0U);
     ASSERT_EQ(Write(3 * kPayload), 0);
     GetPlayout().WriteTerminate();
@@ -99,8 +99,8 @@ TEST_F(PlayoutTest, EndsAtTheWorstMoments) {
       }
     });
     auto pause = OnAnotherThread([this, run] {
-      library_->pump.Pause(run % 3 == 0);
-      library_->errors.GeneratePacketLoss();
+      library_->parts.pump.Pause(run % 3 == 0);
+      library_->parts.errors.GeneratePacketLoss();
     });
     auto end = OnAnotherThread([this, run] {
       if (run % 2 == 0) {
@@ -114,7 +114,7 @@ TEST_F(PlayoutTest, EndsAtTheWorstMoments) {
     auto second_stop = OnAnotherThread([this] { GetPlayout().Stop(); });
     GetPlayout().Stop();
     ASSERT_TRUE(Returns(second_stop) && Returns(pause) && Returns(end) && Returns(writer)) << run;
-    library_->pump.Pause(false);  // one that came after the stop
+    library_->parts.pump.Pause(false);  // one that came after the stop
     GetPlayout().Stop();          // discards what was written after it
   }
 }

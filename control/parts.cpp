@@ -1,0 +1,23 @@
+#include "control/parts.h"
+
+#include "control/settings_store.h"
+
+namespace ipplayout {
+namespace {
+
+bool SequenceErrorsAllowed() {
+  return Settings().params.ProtocolMode == 1;
+}
+
+}  // namespace
+
+Parts::Parts(CaptureDriver& driver)
+    : data_buffer(kDataBufferSize), errors(&SequenceErrorsAllowed), devices(driver) {
+  pump.SetPayloadSource(&data_buffer);
+  pump.SetErrorManager(&errors);
+  pump.SetReplicationManager(&replication);
+  pump.SetParametricManager(&parametric);
+  transmitter.SetParametricManager(&parametric);
+}
+
+}  // namespace ipplayout
