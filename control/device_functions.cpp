@@ -4,7 +4,7 @@
 #include "control/library.h"
 #include "ipplayout/ipplayout.h"
 
-using ipplayout::LibraryDevices;
+using ipplayout::TheLibrary;
 
 int CreateListOfDevices() {
   try {

@@ -6,11 +6,13 @@
 #include <exception>
 #include <sstream>
 
-#include "host/commands.h"
-#include "host/config_file.h"
-#include "host/library_output.h"
+#include "host/base/library_output.h"
+#include "host/cli/config_file.h"
+#include "host/cli/refusal.h"
+#include "host/demo/demo_command.h"
+#include "host/library/device_commands.h"
 #include "host/measure/measure_command.h"
-#include "host/refusal.h"
+#include "host/play/play_command.h"
 
 namespace {
 

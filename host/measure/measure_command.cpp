@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/config_file.h"
+#include "host/cli/config_file.h"
 #include "host/measure/measure_options.h"
 #include "host/measure/measure_run.h"
 

@@ -1,7 +1,7 @@
 #include "host/measure/measure_options.h"
 
-#include "host/option_builder.h"
-#include "host/units.h"
+#include "host/base/units.h"
+#include "host/cli/option_builder.h"
 
 namespace ipplay::measure {
 namespace {

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host/measure/capture_source.h"
-#include "host/measure/limits.h"
-#include "host/measure/settings.h"
+#include "host/measure/capture/capture_source.h"
+#include "host/measure/figures/settings.h"
+#include "host/measure/results/limits.h"
 
 namespace ipplay::measure {
 

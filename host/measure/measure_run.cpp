@@ -10,15 +10,15 @@
 #include <ctime>
 #include <optional>
 
-#include "host/capabilities.h"
-#include "host/library_output.h"
-#include "host/measure/json_view.h"
-#include "host/measure/live_view.h"
-#include "host/measure/plain_words.h"
-#include "host/measure/report_html.h"
+#include "host/base/capabilities.h"
+#include "host/base/library_output.h"
+#include "host/base/output_file.h"
+#include "host/measure/results/json_view.h"
+#include "host/measure/results/live_view.h"
+#include "host/measure/results/plain_words.h"
+#include "host/measure/results/report_html.h"
+#include "host/measure/results/table_view.h"
 #include "host/measure/stop_signals.h"
-#include "host/measure/table_view.h"
-#include "host/output_file.h"
 
 namespace ipplay::measure {
 namespace {

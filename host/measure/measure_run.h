@@ -5,16 +5,16 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/result.h"
 #include "host/measure/measure_options.h"
-#include "host/result.h"
 
 namespace ipplay::measure {
 
 // Exit status where a limit was not met; the others are ExitStatus.
 inline constexpr int kLimitsNotMet = 4;
 
-// Measures, prints and writes what was asked for. The exit status, or why there is none. `settings` is what
-// the user asked for, for the report.
+// Measures, prints and writes what was asked for. The exit status, or why there is none. `settings`
+// is what the user asked for, for the report.
 Result<int> RunMeasurement(const MeasureOptions& options,
                            const std::vector<std::pair<std::string, std::string>>& settings);
 

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <span>
 
-#include "host/measure/frame_decoder.h"
-#include "host/measure/rtp_header.h"
+#include "host/measure/capture/frame_decoder.h"
+#include "host/measure/figures/rtp_header.h"
 
 using namespace ipplay::measure;
 

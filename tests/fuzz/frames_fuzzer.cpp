@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "host/measure/json_view.h"
-#include "host/measure/measurement.h"
-#include "host/measure/report_html.h"
-#include "host/measure/table_view.h"
+#include "host/measure/figures/measurement.h"
+#include "host/measure/results/json_view.h"
+#include "host/measure/results/report_html.h"
+#include "host/measure/results/table_view.h"
 #include "tests/fuzz/fuzz_input.h"
 
 using namespace ipplay::measure;

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "host/config_file.h"
+#include "host/cli/config_file.h"
+#include "host/cli/refusal.h"
 #include "host/measure/measure_options.h"
-#include "host/play_options.h"
-#include "host/play_plan.h"
-#include "host/refusal.h"
+#include "host/play/play_options.h"
+#include "host/play/play_plan.h"
 
 using namespace ipplay;
 

@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
-#include "host/play_options.h"
-#include "host/play_plan.h"
-#include "host/restamper.h"
-#include "host/round_reader.h"
-#include "host/stream_facts.h"
+#include "host/play/play_options.h"
+#include "host/play/play_plan.h"
+#include "host/stream/restamper.h"
+#include "host/stream/round_reader.h"
+#include "host/stream/stream_facts.h"
 
 using namespace ipplay;
 

@@ -1,9 +1,9 @@
-#include "host/address.h"
+#include "host/base/address.h"
 
 #include <gtest/gtest.h>
 
-#include "host/adapters.h"
-#include "host/destination.h"
+#include "host/library/adapters.h"
+#include "host/library/destination.h"
 
 namespace ipplay {
 namespace {

@@ -1,5 +1,5 @@
 // From an input to what the library gets: examining, reading round by round, feeding.
-#include "host/input.h"
+#include "host/stream/input.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,8 +10,8 @@
 #include <numeric>
 #include <thread>
 
-#include "host/feeder.h"
-#include "host/stream_facts.h"
+#include "host/play/feeder.h"
+#include "host/stream/stream_facts.h"
 #include "tests/host/temporary_file.h"
 #include "tests/host/ts_builder.h"
 

@@ -1,4 +1,4 @@
-#include "host/packet_format.h"
+#include "host/stream/packet_format.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/pcr_rate.h"
+#include "host/stream/pcr_rate.h"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
-#include "host/play_plan.h"
+#include "host/play/play_plan.h"
 
 #include <gtest/gtest.h>
 
 #include <CLI/CLI.hpp>
 
-#include "host/frame_fields.h"
+#include "host/play/frame_fields.h"
 
 namespace ipplay {
 namespace {

@@ -1,8 +1,8 @@
-#include "host/restamper.h"
+#include "host/stream/restamper.h"
 
 #include <gtest/gtest.h>
 
-#include "host/pcr_rate.h"
+#include "host/stream/pcr_rate.h"
 #include "tests/host/ts_builder.h"
 
 namespace ipplay {

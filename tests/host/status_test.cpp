@@ -1,8 +1,8 @@
-#include "host/status.h"
+#include "host/play/status.h"
 
 #include <gtest/gtest.h>
 
-#include "host/time_line.h"
+#include "host/play/time_line.h"
 
 namespace ipplay {
 namespace {

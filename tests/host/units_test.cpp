@@ -1,4 +1,4 @@
-#include "host/units.h"
+#include "host/base/units.h"
 
 #include <gtest/gtest.h>
 

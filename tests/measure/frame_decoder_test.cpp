@@ -1,4 +1,4 @@
-#include "host/measure/frame_decoder.h"
+#include "host/measure/capture/frame_decoder.h"
 
 #include <gtest/gtest.h>
 

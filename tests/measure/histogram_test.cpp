@@ -1,4 +1,4 @@
-#include "host/measure/histogram.h"
+#include "host/measure/figures/histogram.h"
 
 #include <gtest/gtest.h>
 

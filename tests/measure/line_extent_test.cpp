@@ -1,4 +1,4 @@
-#include "host/measure/line_extent.h"
+#include "host/measure/figures/line_extent.h"
 
 #include <gtest/gtest.h>
 

@@ -1,14 +1,14 @@
-#include "host/measure/measurement.h"
+#include "host/measure/figures/measurement.h"
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
 #include "frame_builder.h"
-#include "host/measure/json_view.h"
-#include "host/measure/report_html.h"
-#include "host/measure/summary.h"
-#include "host/measure/table_view.h"
+#include "host/measure/results/json_view.h"
+#include "host/measure/results/report_html.h"
+#include "host/measure/results/summary.h"
+#include "host/measure/results/table_view.h"
 
 namespace ipplay::measure {
 namespace {

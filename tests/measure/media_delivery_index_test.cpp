@@ -1,4 +1,4 @@
-#include "host/measure/media_delivery_index.h"
+#include "host/measure/figures/media_delivery_index.h"
 
 #include <gtest/gtest.h>
 

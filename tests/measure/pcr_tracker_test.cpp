@@ -1,4 +1,4 @@
-#include "host/measure/pcr_tracker.h"
+#include "host/measure/figures/pcr_tracker.h"
 
 #include <gtest/gtest.h>
 

@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "frame_builder.h"
-#include "host/measure/rtp_header.h"
-#include "host/measure/rtp_sequence.h"
+#include "host/measure/figures/rtp_header.h"
+#include "host/measure/figures/rtp_sequence.h"
 
 namespace ipplay::measure {
 namespace {

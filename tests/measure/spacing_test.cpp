@@ -1,8 +1,8 @@
-#include "host/measure/spacing.h"
+#include "host/measure/figures/spacing.h"
 
 #include <gtest/gtest.h>
 
-#include "host/measure/rate_meter.h"
+#include "host/measure/figures/rate_meter.h"
 
 namespace ipplay::measure {
 namespace {

@@ -1,9 +1,9 @@
-#include "host/measure/stream_table.h"
+#include "host/measure/figures/stream_table.h"
 
 #include <gtest/gtest.h>
 
 #include "frame_builder.h"
-#include "host/measure/measurement.h"
+#include "host/measure/figures/measurement.h"
 
 namespace ipplay::measure {
 namespace {

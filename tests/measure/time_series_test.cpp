@@ -1,8 +1,8 @@
-#include "host/measure/time_series.h"
+#include "host/measure/figures/time_series.h"
 
 #include <gtest/gtest.h>
 
-#include "host/measure/history.h"
+#include "host/measure/figures/history.h"
 
 namespace ipplay::measure {
 namespace {

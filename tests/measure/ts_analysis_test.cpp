@@ -1,4 +1,4 @@
-#include "host/measure/ts_analysis.h"
+#include "host/measure/figures/ts_analysis.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/measure/ts_framer.h"
+#include "host/measure/figures/ts_framer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,45 @@
+// The library prints a few messages on descriptors 1 and 2. Results of ipplay must not be mixed
+// with them.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include "host/base/file_descriptor.h"
+
+namespace ipplay {
+
+// The standard output that the user gave, for results. The first call moves it to another
+// descriptor and points descriptor 1 at standard error, so main() makes it before all else.
+std::FILE* Results();
+
+// Prints as fmt::print does. What cannot be written, as to a terminal that is gone, is nobody's
+// failure.
+template <typename... Arguments>
+void Print(std::FILE* file, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+  const std::string text = fmt::format(format, std::forward<Arguments>(arguments)...);
+  std::fwrite(text.data(), 1, text.size(), file);
+}
+
+// Whether all results so far could be written. A terminal that is gone counts as written to.
+bool ResultsAreWritten();
+
+// While it lives, messages of the library go nowhere.
+class LibrarySilence {
+ public:
+  enum class Of { kOutput, kOutputAndErrors };
+
+  explicit LibrarySilence(Of what);
+  LibrarySilence(const LibrarySilence&) = delete;
+  LibrarySilence& operator=(const LibrarySilence&) = delete;
+  ~LibrarySilence();
+
+ private:
+  FileDescriptor saved_output_;
+  FileDescriptor saved_errors_;
+};
+
+}  // namespace ipplay

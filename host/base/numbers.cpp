@@ -1,0 +1,26 @@
+#include "host/base/numbers.h"
+
+#include <charconv>
+
+namespace ipplay {
+
+std::optional<std::uint64_t> ParseNumber(std::string_view text, std::uint64_t lowest,
+                                         std::uint64_t highest) {
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    text.remove_prefix(2);
+    base = 16;
+  }
+  std::uint64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
+  if (value < lowest || value > highest) return std::nullopt;
+  return value;
+}
+
+std::optional<std::string> ParseText(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  return std::string(text);
+}
+
+}  // namespace ipplay

@@ -1,0 +1,48 @@
+#include "host/base/terminal.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
+namespace ipplay {
+
+Terminal::Terminal(FileDescriptor fd, const termios& original)
+    : fd_(std::move(fd)), original_(original) {}
+
+std::unique_ptr<Terminal> Terminal::Open() {
+  if (isatty(STDERR_FILENO) == 0) return nullptr;
+  // Not standard input, which may be the stream.
+  FileDescriptor fd(open("/dev/tty", O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  termios original{};
+  if (!fd || tcgetpgrp(fd.get()) != getpgrp() || tcgetattr(fd.get(), &original) != 0) {
+    return nullptr;
+  }
+  std::unique_ptr<Terminal> terminal(new Terminal(std::move(fd), original));
+  terminal->TakeKeys();
+  return terminal;
+}
+
+Terminal::~Terminal() {
+  tcsetattr(fd_.get(), TCSANOW, &original_);
+}
+
+void Terminal::TakeKeys() const {
+  termios keys = original_;
+  keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+  keys.c_cc[VMIN] = 0;
+  keys.c_cc[VTIME] = 0;
+  tcsetattr(fd_.get(), TCSANOW, &keys);
+}
+
+std::optional<char> Terminal::ReadKey() const {
+  char key = 0;
+  if (read(fd_.get(), &key, 1) != 1) return std::nullopt;
+  return key;
+}
+
+unsigned Terminal::Columns() const {
+  winsize size{};
+  if (ioctl(fd_.get(), TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+  return size.ws_col;
+}
+
+}  // namespace ipplay

@@ -1,0 +1,164 @@
+#include "host/demo/demo_command.h"
+
+// `ipplay demo`: plays and measures side by side.
+#include <fmt/format.h>
+#include <sys/mman.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/base/library_output.h"
+#include "host/base/output_file.h"
+#include "host/base/units.h"
+#include "host/cli/option_builder.h"
+#include "host/demo/demo_network.h"
+#include "host/demo/demo_stream.h"
+#include "host/demo/player_process.h"
+#include "host/measure/measure_options.h"
+#include "host/measure/measure_run.h"
+#include "host/stream/stream_facts.h"
+
+namespace ipplay::measure {
+namespace {
+
+constexpr std::uint32_t kPacketsPerDatagram = 7;
+constexpr std::uint32_t kHeaderBytes = 14 + 20 + 8 + 12;  // Ethernet, IPv4, UDP, RTP
+constexpr std::uint16_t kPort = 5004;
+
+struct DemoOptions {
+  std::string file;
+  std::optional<double> bit_rate;
+  std::chrono::nanoseconds length{};
+  std::string report_file;
+};
+
+struct DemoStream {
+  FileDescriptor memory;  // of the built-in stream
+  std::string path;
+  std::string name;  // for the user
+  double bit_rate = 0;
+  PacketFormat format;
+};
+
+Result<DemoStream> BuiltInStream(const DemoOptions& options) {
+  constexpr double kBitRate = 10e6;
+  DemoStream stream;
+  stream.bit_rate = options.bit_rate.value_or(kBitRate);
+  stream.format = {.packet_bytes = kTsPacketLength};
+  const auto bytes = MakeDemoStream(stream.bit_rate, options.length);
+  // Not closed on exec: the player opens the same path.
+  stream.memory = FileDescriptor(::memfd_create("stream", 0));
+  if (::write(stream.memory.get(), bytes.data(), bytes.size()) !=
+      static_cast<ssize_t>(bytes.size())) {
+    return Failure{ExitStatus::kFailed, "no memory for the stream"};
+  }
+  stream.path = fmt::format("/proc/self/fd/{}", stream.memory.get());
+  stream.name = "the built-in stream";
+  return stream;
+}
+
+Result<DemoStream> StreamOf(const DemoOptions& options) {
+  if (options.file.empty()) return BuiltInStream(options);
+  auto input = Input::Open(options.file, -1);
+  if (!input) return input.failure();
+  const auto facts = Examine(*input, {.want_rate = !options.bit_rate});
+  if (!facts) return facts.failure();
+  const auto bit_rate = options.bit_rate ? options.bit_rate : facts->BitRate();
+  if (!bit_rate) {
+    return UsageFailure(
+        fmt::format("--bitrate: needed, since {} has no PCRs that tell its rate", options.file));
+  }
+  return DemoStream{FileDescriptor(), options.file, options.file, *bit_rate, facts->format};
+}
+
+// What `ipplay measure` would be told at the far end.
+std::vector<std::string> MeasureWords(const DemoOptions& options, const DemoStream& stream) {
+  const double payload = kPacketsPerDatagram * stream.format.CountedBytes();
+  const double frame = kPacketsPerDatagram * stream.format.packet_bytes + kHeaderBytes;
+  std::vector<std::string> words{DemoNetwork::kFar, "--direction=in",    "--buffer=64",
+                                 "--max-loss=0",    "--max-reordered=0", "--max-checksum-errors=0"};
+  words.push_back("--expect=" + stream.path);
+  words.push_back(fmt::format("--expect-rate={:.3f}", stream.bit_rate * frame / payload));
+  if (!options.report_file.empty()) words.push_back("--report=" + options.report_file);
+  return words;
+}
+
+Result<int> RunDemo(const DemoOptions& options) {
+  if (!options.report_file.empty()) {
+    const auto file = OutputFile::Create("--report", options.report_file);
+    if (!file) return file.failure();
+  }
+  const auto stream = StreamOf(options);
+  if (!stream) return stream.failure();
+  CLI::App command;
+  MeasureOptions measure;
+  DefineMeasureOptions(command, measure);
+  auto words = MeasureWords(options, *stream);
+  std::vector<std::pair<std::string, std::string>> settings{
+      {"played", stream->name}, {"at", FormatBitRate(stream->bit_rate)}};
+  command.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+
+  const auto network = DemoNetwork::Create();
+  if (!network) return network.failure();
+  const std::string target = fmt::format("rtp://{}:{}", DemoNetwork::kFarAddress, kPort);
+  PlayerProcess player;
+  measure.plain_words = true;
+  measure.start_sender = [&] {
+    return player.Start(*network,
+                        {"play", stream->path, "--to", target, "--device", DemoNetwork::kNear,
+                         "--bitrate", fmt::format("{:.3f}", stream->bit_rate)});
+  };
+  measure.sender_ended = [&] { return player.HasEnded(); };
+  Print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",
+        stream->name, FormatBitRate(stream->bit_rate), target);
+  std::fflush(Results());
+  const auto measured = RunMeasurement(measure, settings);
+  if (player.HasEnded() && player.Status() != 0) {
+    Print(stderr, "{}", player.Output());
+    return player.Status();
+  }
+  if (!measured) return measured.failure();
+  const int status = *measured;
+  if (!options.report_file.empty()) {
+    Print(Results(), "Report with plots: {}\n", options.report_file);
+  }
+  return status;
+}
+
+}  // namespace
+}  // namespace ipplay::measure
+
+namespace ipplay {
+
+void RegisterDemo(CLI::App& app, Result<int>& outcome) {
+  CLI::App* command = app.add_subcommand(
+      "demo", "Play and measure side by side, between two network namespaces of its own");
+  const auto options = std::make_shared<measure::DemoOptions>();
+  OptionBuilder add(*command);
+  add.Value("FILE", options->file, "FILE", "a file", "Stream to play instead of the built-in one",
+            ParseText);
+  add.Value("--bitrate", options->bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
+            "Bit rate of the transport stream; default: as its PCRs say, 10M of the built-in one",
+            ParseBitRate);
+  CLI::Option* length_option = add.Value(
+      "--length", options->length, "TIME", "100ms to 60s", "Length of the built-in stream",
+      [](const std::string& text) {
+        const auto length = ParseDuration(text);
+        const bool allowed = length && *length >= std::chrono::milliseconds(100) &&
+                             *length <= std::chrono::minutes(1);
+        return allowed ? length : std::nullopt;
+      },
+      "5s");
+  add.Value("--report", options->report_file, "FILE", "a file", "Write a page with plots (HTML)",
+            ParseText, "ipplay-demo.html");
+  command->callback([options, length_option, &outcome] {
+    if (!options->file.empty() && length_option->count() > 0) {
+      outcome = UsageFailure("--length: allowed with the built-in stream only, without FILE");
+      return;
+    }
+    outcome = measure::RunDemo(*options);
+  });
+}
+
+}  // namespace ipplay

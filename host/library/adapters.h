@@ -1,0 +1,53 @@
+// The adapters that can be played through, and which of them to take.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/base/address.h"
+#include "host/base/result.h"
+
+namespace ipplay {
+
+struct Adapter {
+  std::uint32_t index = 0;  // as DeviceIndex
+  std::string name;         // the interface's name, without the capture library's prefix
+  std::string description;
+  MacAddress mac{};
+  std::vector<IpAddress> ipv4;
+  std::vector<IpAddress> ipv4_masks;  // in the order of ipv4, where there are as many
+  std::vector<IpAddress> ipv6;
+  // Of the link; nothing where the system does not tell.
+  std::optional<bool> up;
+  std::optional<std::uint32_t> mtu;
+  std::optional<std::uint64_t> speed;  // bits per second
+};
+
+// The adapters as the library lists them, after InitIpPlayout.
+std::vector<Adapter> ListAdapters();
+
+// The adapter with this name or number; an unknown one fails with the names that there are.
+Result<Adapter> FindAdapter(const std::vector<Adapter>& adapters, const std::string& device);
+
+// How the system would send to an address: nothing is sent to find out.
+struct Route {
+  IpAddress source;
+  std::string interface;
+};
+std::optional<Route> RouteTo(const IpAddress& address);
+
+// The adapter that the route to `address` uses.
+Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAddress& address);
+
+// The address of `adapter` to send from to `address`: the one that the route uses, or else one on
+// the same subnet or of the same scope, or else the first. Nothing when it has none of the version.
+std::optional<IpAddress> SourceAddress(const Adapter& adapter, const IpAddress& address);
+
+// Whether an IPv4 address is the broadcast address of one of the adapter's subnets.
+bool IsSubnetBroadcast(const Adapter& adapter, const IpAddress& address);
+// Whether an IPv4 address is on one of the adapter's subnets.
+bool IsOnSubnet(const Adapter& adapter, const IpAddress& address);
+
+}  // namespace ipplay

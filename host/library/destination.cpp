@@ -1,0 +1,61 @@
+#include "host/library/destination.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "host/base/library_output.h"
+#include "ipplayout/ipplayout.h"
+
+namespace ipplay {
+namespace {
+
+bool IsOwn(const Adapter& adapter, const IpAddress& address) {
+  const std::vector<IpAddress>& own = address.is_v6 ? adapter.ipv6 : adapter.ipv4;
+  return std::find(own.begin(), own.end(), address) != own.end();
+}
+
+bool Ask(const Adapter& adapter, const IpAddress& address, MacAddress& mac) {
+  const LibrarySilence silence(LibrarySilence::Of::kOutputAndErrors);
+  std::uint8_t* bytes = mac.data();
+  return GetMacAddressForIP(address.is_v6 ? 1 : 0, address.bytes.data(), &bytes,
+                            static_cast<int>(adapter.index)) == 1;
+}
+
+}  // namespace
+
+std::optional<Destination> DestinationWithoutAsking(const Adapter& adapter,
+                                                    const IpAddress& address) {
+  if (address.IsMulticast()) return Destination{MulticastMac(address), "multicast mapping"};
+  if (address.IsLimitedBroadcast() || IsSubnetBroadcast(adapter, address)) {
+    return Destination{{0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, "broadcast"};
+  }
+  if (IsOwn(adapter, address)) return Destination{adapter.mac, "the adapter's own address"};
+  return std::nullopt;
+}
+
+Result<Destination> FindDestination(const Adapter& adapter, const IpAddress& address) {
+  if (const auto known = DestinationWithoutAsking(adapter, address)) return *known;
+  // The library asks with the adapter's only IPv6 address and does not choose among several.
+  if (address.is_v6 && adapter.ipv6.size() != 1) {
+    return Failure{ExitStatus::kFailed,
+                   fmt::format("{} cannot be asked for its MAC address: {} has {} IPv6 addresses "
+                               "and must have one; --dst-mac gives the MAC address",
+                               FormatIp(address), adapter.name, adapter.ipv6.size())};
+  }
+  Destination destination;
+  if (!Ask(adapter, address, destination.mac)) {
+    return Failure{ExitStatus::kFailed,
+                   fmt::format("{} does not answer on {}; --dst-mac gives its MAC address",
+                               FormatIp(address), adapter.name)};
+  }
+  if (address.is_v6) {
+    destination.how = "neighbour discovery";
+  } else {
+    destination.how =
+        IsOnSubnet(adapter, address) ? "ARP" : "ARP, through the gateway if it has one";
+  }
+  return destination;
+}
+
+}  // namespace ipplay

@@ -1,0 +1,53 @@
+// The whole measurement: takes captured frames, keeps every figure.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "host/measure/capture/captured_frame.h"
+#include "host/measure/figures/history.h"
+#include "host/measure/figures/rate_meter.h"
+#include "host/measure/figures/settings.h"
+#include "host/measure/figures/spacing.h"
+#include "host/measure/figures/stream_table.h"
+
+namespace ipplay::measure {
+
+class Measurement : public FrameSink {
+ public:
+  explicit Measurement(const MeasurementSettings& settings)
+      : settings_(settings), streams_(settings) {}
+
+  void Add(LinkType link, const CapturedFrame& frame) override;
+  // The frames or the time that were asked for are over.
+  bool IsComplete() const override { return complete_; }
+  // After the last frame, once.
+  void Finish();
+
+  std::uint64_t FramesOf(FrameClass frame_class) const {
+    return classes_[static_cast<std::size_t>(frame_class)];
+  }
+  std::uint64_t CapturedFrames() const { return captured_frames_; }
+
+  // Over all UDP frames, whatever their stream.
+  const RateMeter& Rate() const { return rate_; }
+  const Spacing& Gaps() const { return spacing_; }
+  const ChecksumCounters& Checksums() const { return checksums_; }
+  const TimeSeries<ArrivalPoint>& Arrivals() const { return arrivals_; }
+
+  const StreamTable& Streams() const { return streams_; }
+  const MeasurementSettings& Settings() const { return settings_; }
+
+ private:
+  MeasurementSettings settings_;
+  std::array<std::uint64_t, kFrameClasses> classes_{};
+  std::uint64_t captured_frames_ = 0;
+  bool complete_ = false;
+  RateMeter rate_;
+  Spacing spacing_{SpacingSettings{}};
+  ChecksumCounters checksums_;
+  TimeSeries<ArrivalPoint> arrivals_{kPlotIntervalNs};
+  StreamTable streams_;
+};
+
+}  // namespace ipplay::measure

@@ -1,0 +1,31 @@
+// What is to be measured, as the command line says it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "host/measure/figures/payload_compare.h"
+
+namespace ipplay::measure {
+
+enum class RtpMode { kGuess, kAlways, kNever };
+
+struct MeasurementSettings {
+  RtpMode rtp = RtpMode::kGuess;
+  std::uint64_t rtp_clock_rate = 90'000;
+  std::optional<double> expected_rate{};  // bits per second of one stream, whole frames
+  std::optional<double> media_rate{};     // bits per second of one stream's payload, for RFC 4445
+  std::optional<std::int64_t> clump_gap_ns{};
+  bool check_udp = true;
+  bool analyse_ts = true;
+  std::shared_ptr<ExpectedContent> expected{};  // null: payload is not compared
+  std::size_t max_streams = 20'000;
+  // What comes after so many UDP frames, or so long after the first one, is not looked at.
+  std::optional<std::uint64_t> max_frames{};
+  std::optional<std::int64_t> max_duration_ns{};
+  std::size_t plotted_streams = 8;  // how many keep a history
+};
+
+}  // namespace ipplay::measure

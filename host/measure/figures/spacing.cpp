@@ -1,0 +1,70 @@
+#include "host/measure/figures/spacing.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ipplay::measure {
+namespace {
+
+constexpr double kClumpShare = 0.25;
+
+LineExtent::Range Wider(const LineExtent::Range& a, const LineExtent::Range& b) {
+  return b.Spread() > a.Spread() ? b : a;
+}
+
+}  // namespace
+
+double Spacing::NsPerByte() const {
+  if (settings_.ns_per_byte) return *settings_.ns_per_byte;
+  if (elapsed_bytes_ == 0) return 0;
+  return static_cast<double>(elapsed_ns_) / static_cast<double>(elapsed_bytes_);
+}
+
+void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
+  if (!started_) {
+    started_ = true;
+    grid_.Add(0, time_ns);
+  } else {
+    if (time_ns < last_ns_) ++time_reversals_;
+    const std::int64_t gap = std::max<std::int64_t>(0, time_ns - last_ns_);
+    elapsed_ns_ += gap;
+    elapsed_bytes_ += last_bytes_;
+    const double ideal = NsPerByte() * last_bytes_;
+    gaps_.Add(static_cast<std::uint64_t>(gap));
+    gap_errors_.Add(
+        static_cast<std::uint64_t>(std::llround(std::abs(static_cast<double>(gap) - ideal))));
+
+    const double clump_gap =
+        settings_.clump_gap_ns ? static_cast<double>(*settings_.clump_gap_ns) : ideal * kClumpShare;
+    if (static_cast<double>(gap) < clump_gap) {
+      ++clumped_frames_;
+      ++burst_length_;
+    } else {
+      EndBurst();
+    }
+    AddToGrid(time_ns, last_bytes_, continuous);
+  }
+  last_ns_ = time_ns;
+  last_bytes_ = bytes;
+}
+
+void Spacing::EndBurst() {
+  if (burst_length_ > 1) burst_lengths_.Add(burst_length_);
+  burst_length_ = 1;
+}
+
+void Spacing::AddToGrid(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
+  grid_bytes_ += bytes;
+  if (!continuous) {
+    widest_ = GridDeviation();
+    grid_.Clear();
+    grid_bytes_ = 0;
+  }
+  grid_.Add(grid_bytes_, time_ns);
+}
+
+LineExtent::Range Spacing::GridDeviation() const {
+  return Wider(widest_, grid_.Deviation(NsPerByte()));
+}
+
+}  // namespace ipplay::measure

@@ -1,0 +1,146 @@
+#include "host/measure/figures/stream.h"
+
+#include <algorithm>
+
+namespace ipplay::measure {
+namespace {
+
+SpacingSettings SpacingOf(const MeasurementSettings& settings) {
+  SpacingSettings spacing;
+  if (settings.expected_rate) spacing.ns_per_byte = 8e9 / *settings.expected_rate;
+  spacing.clump_gap_ns = settings.clump_gap_ns;
+  return spacing;
+}
+
+std::optional<double> BytesPerNs(const std::optional<double>& bit_rate) {
+  if (!bit_rate) return std::nullopt;
+  return *bit_rate / 8e9;
+}
+
+bool IsInPlace(const SequenceResult& sequence) {
+  return sequence.event == SequenceEvent::kInOrder || sequence.event == SequenceEvent::kFirst;
+}
+
+PayloadCompare::Order OrderOf(const SequenceResult& sequence) {
+  PayloadCompare::Order order{.numbered = true};
+  switch (sequence.event) {
+    case SequenceEvent::kGap:
+      order.missing = sequence.distance;
+      break;
+    case SequenceEvent::kRestart:
+      order.restarted = true;
+      break;
+    case SequenceEvent::kLate:
+    case SequenceEvent::kDuplicate:
+      order.late = true;
+      order.behind = sequence.distance;
+      break;
+    default:
+      break;
+  }
+  return order;
+}
+
+}  // namespace
+
+void ChecksumCounters::Count(const DecodedFrame& frame) {
+  if (frame.bad_ip_checksum) ++bad_ip;
+  switch (frame.udp_checksum) {
+    case UdpChecksum::kGood:
+      break;
+    case UdpChecksum::kBad:
+      ++bad_udp;
+      break;
+    case UdpChecksum::kAbsent:
+      ++absent_udp;
+      break;
+    case UdpChecksum::kUnchecked:
+      ++unchecked_udp;
+      break;
+  }
+}
+
+Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history)
+    : id_(id), spacing_(SpacingOf(settings)), mdi_(BytesPerNs(settings.media_rate)) {
+  if (id.ssrc) rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate);
+  if (settings.analyse_ts) ts_ = std::make_unique<TsAnalysis>();
+  if (settings.expected != nullptr) compare_ = std::make_unique<PayloadCompare>(settings.expected);
+  if (keep_history) history_ = std::make_unique<StreamHistory>();
+}
+
+void Stream::Add(const Arrival& arrival) {
+  const DecodedFrame& frame = *arrival.frame;
+  const std::size_t header = arrival.rtp == nullptr ? 0 : arrival.rtp->header_length;
+  const std::size_t padding = arrival.rtp == nullptr ? 0 : arrival.rtp->padding;
+  const auto media_bytes = static_cast<std::uint32_t>(frame.payload_length - header - padding);
+  const std::int64_t gap_ns =
+      rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, arrival.time_ns - rate_.LastNs());
+
+  const SequenceResult sequence =
+      arrival.rtp == nullptr ? SequenceResult{} : AddRtp(*arrival.rtp, arrival.time_ns);
+  checksums_.Count(frame);
+  rate_.Add(arrival.time_ns, arrival.frame_bytes, media_bytes);
+  spacing_.Add(arrival.time_ns, arrival.frame_bytes, IsInPlace(sequence));
+  if (history_ != nullptr) {
+    history_->arrivals.At(arrival.time_ns).Add(arrival.frame_bytes, gap_ns);
+  }
+  const std::size_t captured = frame.payload.size() - header;
+  AddMedia(frame.payload.subspan(header, std::min<std::size_t>(captured, media_bytes)),
+           arrival.time_ns, frame.IsComplete(), sequence);
+  AddMdi(arrival.time_ns, media_bytes,
+         sequence.event == SequenceEvent::kGap ? sequence.distance : 0);
+}
+
+SequenceResult Stream::AddRtp(const RtpHeader& rtp, std::int64_t time_ns) {
+  if (rtp_->sequence.Received() > 0 && rtp.payload_type != rtp_->payload_type) {
+    ++rtp_->payload_type_changes;
+  }
+  rtp_->payload_type = rtp.payload_type;
+  rtp_->jitter.Add(time_ns, rtp.timestamp);
+  return rtp_->sequence.Add(rtp.sequence_number);
+}
+
+void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns, bool complete,
+                      const SequenceResult& sequence) {
+  // Part of a payload would look like damage.
+  if (!complete) return;
+  if (ts_ != nullptr) {
+    ts_->Add(media, time_ns, !IsInPlace(sequence));
+    if (history_ != nullptr) {
+      if (const auto pcr = ts_->TakePcrOffset()) {
+        history_->pcr.At(pcr->arrival_ns).Add(pcr->offset_ns);
+      }
+    }
+  }
+  if (compare_ != nullptr && sequence.event != SequenceEvent::kStray) {
+    compare_->Add(media, rtp_ == nullptr ? PayloadCompare::Order{} : OrderOf(sequence));
+  }
+}
+
+void Stream::AddMdi(std::int64_t time_ns, std::uint32_t media_bytes,
+                    std::uint32_t missing_datagrams) {
+  // RFC 4445, 3.2 counts media packets, of which a datagram holds several. Without RTP, the
+  // continuity counters tell how many are missing.
+  std::uint64_t lost = missing_datagrams;
+  if (ts_ != nullptr && ts_->Framer().IsSynced()) {
+    lost *= std::max<std::uint64_t>(1, media_bytes / ts_->Framer().PacketLength());
+    const std::uint64_t missing = ts_->Counters().missing_packets;
+    if (rtp_ == nullptr) lost = missing - missing_ts_packets_;
+    missing_ts_packets_ = missing;
+  }
+  KeepMdi(mdi_.Add(time_ns, media_bytes, lost));
+}
+
+void Stream::KeepMdi(const std::optional<MediaDeliveryIndex::Interval>& ended) {
+  if (ended && history_ != nullptr) {
+    history_->mdi.At(ended->start_ns).Add(ended->delay_factor_ns, ended->lost_packets);
+  }
+}
+
+void Stream::Finish() {
+  spacing_.EndBurst();
+  KeepMdi(mdi_.Finish());
+  if (ts_ != nullptr) ts_->Finish();
+}
+
+}  // namespace ipplay::measure

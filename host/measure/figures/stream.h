@@ -1,0 +1,93 @@
+// Everything that is measured on one stream.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "host/measure/capture/flow_key.h"
+#include "host/measure/capture/frame_decoder.h"
+#include "host/measure/figures/history.h"
+#include "host/measure/figures/interarrival_jitter.h"
+#include "host/measure/figures/media_delivery_index.h"
+#include "host/measure/figures/payload_compare.h"
+#include "host/measure/figures/rate_meter.h"
+#include "host/measure/figures/rtp_header.h"
+#include "host/measure/figures/rtp_sequence.h"
+#include "host/measure/figures/settings.h"
+#include "host/measure/figures/spacing.h"
+#include "host/measure/figures/ts_analysis.h"
+
+namespace ipplay::measure {
+
+struct ChecksumCounters {
+  std::uint64_t bad_ip = 0;
+  std::uint64_t bad_udp = 0;
+  std::uint64_t absent_udp = 0;
+  std::uint64_t unchecked_udp = 0;
+
+  void Count(const DecodedFrame& frame);
+};
+
+// A frame on its way to its stream.
+struct Arrival {
+  std::int64_t time_ns = 0;
+  std::uint32_t frame_bytes = 0;  // on the wire, without the frame check sequence
+  const DecodedFrame* frame = nullptr;
+  const RtpHeader* rtp = nullptr;  // null on a stream without RTP
+};
+
+struct StreamId {
+  FlowKey flow;
+  std::optional<std::uint32_t> ssrc;  // with RTP only
+};
+
+class Stream {
+ public:
+  // What only a stream with RTP has.
+  struct Rtp {
+    explicit Rtp(std::uint64_t clock_rate) : jitter(static_cast<double>(clock_rate)) {}
+
+    RtpSequence sequence;
+    InterarrivalJitter jitter;
+    std::uint8_t payload_type = 0;
+    std::uint64_t payload_type_changes = 0;
+  };
+
+  Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history);
+
+  void Add(const Arrival& arrival);
+  void Finish();
+
+  const StreamId& Id() const { return id_; }
+  const RateMeter& Rate() const { return rate_; }
+  const Spacing& Gaps() const { return spacing_; }
+  const ChecksumCounters& Checksums() const { return checksums_; }
+  const MediaDeliveryIndex& Mdi() const { return mdi_; }
+  // Null where the stream has none.
+  const Rtp* AsRtp() const { return rtp_.get(); }
+  const TsAnalysis* Ts() const { return ts_.get(); }
+  const PayloadCompare* Compare() const { return compare_.get(); }
+  const StreamHistory* History() const { return history_.get(); }
+
+ private:
+  SequenceResult AddRtp(const RtpHeader& rtp, std::int64_t time_ns);
+  void AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns, bool complete,
+                const SequenceResult& sequence);
+  void AddMdi(std::int64_t time_ns, std::uint32_t media_bytes, std::uint32_t missing_datagrams);
+  void KeepMdi(const std::optional<MediaDeliveryIndex::Interval>& ended);
+
+  StreamId id_;
+  RateMeter rate_;
+  Spacing spacing_;
+  MediaDeliveryIndex mdi_;
+  ChecksumCounters checksums_;
+  std::unique_ptr<Rtp> rtp_;
+  std::unique_ptr<TsAnalysis> ts_;
+  std::unique_ptr<PayloadCompare> compare_;
+  std::unique_ptr<StreamHistory> history_;
+  std::uint64_t missing_ts_packets_ = 0;  // of those that the analysis knows, put down so far
+};
+
+}  // namespace ipplay::measure

@@ -1,0 +1,72 @@
+// Hands every UDP frame to its stream, and finds out which flows carry RTP.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "host/measure/figures/settings.h"
+#include "host/measure/figures/stream.h"
+
+namespace ipplay::measure {
+
+class StreamTable {
+ public:
+  explicit StreamTable(const MeasurementSettings& settings) : settings_(settings) {}
+
+  void Add(std::int64_t time_ns, std::uint32_t frame_bytes, const DecodedFrame& frame);
+  // Decides what is still undecided; call it once, after the last frame.
+  void Finish();
+
+  // In the order of their first frames.
+  const std::vector<std::unique_ptr<Stream>>& Streams() const { return streams_; }
+  // Frames of streams beyond the limit.
+  std::uint64_t UntrackedFrames() const { return untracked_frames_; }
+  // Frames of a flow with RTP that have no RTP header of version 2.
+  std::uint64_t MalformedRtp() const { return malformed_rtp_; }
+  // How often a flow that had an SSRC showed a new one.
+  std::uint64_t SsrcChanges() const { return ssrc_changes_; }
+
+ private:
+  // A first frame that may or may not be RTP waits for the second one to tell.
+  struct HeldFrame {
+    std::int64_t time_ns;
+    std::uint32_t frame_bytes;
+    DecodedFrame frame;
+    std::vector<std::uint8_t> payload;  // what `frame` refers to
+    RtpHeader rtp;
+  };
+  enum class FlowKind { kUndecided, kRtp, kPlain };
+  struct Flow {
+    FlowKind kind = FlowKind::kUndecided;
+    std::uint32_t number = 0;
+    bool has_ssrc = false;
+    Stream* last = nullptr;  // the stream of the flow's last frame
+    std::unique_ptr<HeldFrame> held;
+  };
+
+  Flow* FlowOf(const FlowKey& key);
+  void Decide(Flow& flow, std::int64_t time_ns, std::uint32_t frame_bytes,
+              const DecodedFrame& frame);
+  void Settle(Flow& flow, FlowKind kind);
+  void Deliver(Flow& flow, std::int64_t time_ns, std::uint32_t frame_bytes,
+               const DecodedFrame& frame);
+  Stream* StreamOf(Flow& flow, const FlowKey& key, std::optional<std::uint32_t> ssrc);
+  Stream* NewStream(const StreamId& id);
+
+  MeasurementSettings settings_;
+  std::unordered_map<FlowKey, Flow, FlowKeyHash> flows_;
+  // By the flow's number and the SSRC.
+  std::unordered_map<std::uint64_t, Stream*> rtp_streams_;
+  std::vector<std::unique_ptr<Stream>> streams_;
+  FlowKey last_key_;
+  Flow* last_flow_ = nullptr;
+  std::uint64_t untracked_frames_ = 0;
+  std::uint64_t malformed_rtp_ = 0;
+  std::uint64_t ssrc_changes_ = 0;
+};
+
+}  // namespace ipplay::measure

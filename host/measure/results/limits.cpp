@@ -1,0 +1,235 @@
+#include "host/measure/results/limits.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "host/base/units.h"
+
+namespace ipplay::measure {
+namespace {
+
+using Value = std::optional<double>;
+
+// The largest value over the streams that have one.
+template <typename OfStream>
+Value Worst(const Summary& summary, OfStream of_stream) {
+  Value worst;
+  for (const StreamSummary& stream : summary.streams) {
+    const Value value = of_stream(stream);
+    if (value && (!worst || *value > *worst)) worst = value;
+  }
+  return worst;
+}
+
+template <typename OfRtp>
+Value WorstRtp(const Summary& summary, OfRtp of_rtp) {
+  return Worst(summary,
+               [&](const StreamSummary& s) { return s.rtp ? Value(of_rtp(*s.rtp)) : Value(); });
+}
+
+template <typename OfPcr>
+Value WorstPcr(const Summary& summary, OfPcr of_pcr) {
+  return Worst(summary, [&](const StreamSummary& s) {
+    const PcrFigures* pcr = s.ts ? s.ts->Reference() : nullptr;
+    return pcr != nullptr && pcr->count > 1 ? Value(of_pcr(*pcr)) : Value();
+  });
+}
+
+Value IfAny(bool any, std::uint64_t count) {
+  return any ? Value(static_cast<double>(count)) : Value();
+}
+
+bool AnyRtp(const Summary& summary) {
+  return std::ranges::any_of(summary.streams, [](const auto& s) { return s.rtp.has_value(); });
+}
+
+// A numbering that began anew, or numbers far from all others, hide how many are missing.
+Value Lost(const Summary& summary) {
+  const bool known = std::ranges::all_of(summary.streams, [](const StreamSummary& s) {
+    return s.Lost() && !(s.rtp && s.rtp->restarts + s.rtp->strays > 0);
+  });
+  return IfAny(known, summary.total.lost);
+}
+
+Value RateError(const Summary& summary) {
+  return Worst(summary, [](const StreamSummary& s) {
+    return s.rate.error_ppm ? Value(std::abs(*s.rate.error_ppm)) : Value();
+  });
+}
+
+constexpr LimitKind kKinds[] = {
+    {"--max-p99", LimitUnit::kDuration, "99th percentile of |gap - ideal gap|",
+     [](const Summary& m) {
+       return Worst(m, [](const auto& s) { return Value(s.spacing.gap_error.p99); });
+     },
+     true},
+    {"--max-gap", LimitUnit::kDuration, "longest gap between two frames of a stream",
+     [](const Summary& m) {
+       return Worst(m, [](const auto& s) { return Value(s.spacing.gap.max); });
+     },
+     true},
+    {"--max-peak-to-peak", LimitUnit::kDuration, "deviation from the ideal grid, peak to peak",
+     [](const Summary& m) {
+       return Worst(
+           m, [](const auto& s) { return Value(s.spacing.grid_late - s.spacing.grid_early); });
+     },
+     true},
+    {"--max-jitter", LimitUnit::kDuration, "largest RFC 3550 interarrival jitter",
+     [](const Summary& m) { return WorstRtp(m, [](const auto& r) { return r.jitter_max; }); },
+     true},
+    {"--max-loss", LimitUnit::kCountOrPercent, "packets lost, or their share", Lost, true},
+    {"--max-reordered", LimitUnit::kCount, "RTP packets out of order",
+     [](const Summary& m) { return IfAny(AnyRtp(m), m.total.reordered); }, false},
+    {"--max-duplicates", LimitUnit::kCount, "RTP packets that came twice",
+     [](const Summary& m) { return IfAny(AnyRtp(m), m.total.duplicates); }, false},
+    {"--max-rate-error", LimitUnit::kPpm, "deviation from --expect-rate", RateError, true},
+    {"--max-checksum-errors", LimitUnit::kCount, "wrong IPv4 header and UDP checksums",
+     [](const Summary& m) {
+       return IfAny(m.total.streams > 0, m.total.checksums.bad_ip + m.total.checksums.bad_udp);
+     },
+     false},
+    {"--max-df", LimitUnit::kDuration, "delay factor of RFC 4445 in any second",
+     [](const Summary& m) {
+       return Worst(m, [](const auto& s) {
+         return s.mdi.intervals > 0 ? Value(s.mdi.delay_factor_max) : Value();
+       });
+     },
+     true},
+    {"--max-mlr", LimitUnit::kCount, "media loss rate of RFC 4445 in any second",
+     [](const Summary& m) {
+       return Worst(m, [](const auto& s) {
+         return s.mdi.intervals > 0 ? Value(s.mdi.loss_rate_max) : Value();
+       });
+     },
+     true},
+    {"--max-ts-errors", LimitUnit::kCount, "TR 101 290 first priority and transport errors",
+     [](const Summary& m) {
+       return IfAny(std::ranges::any_of(m.streams, [](const auto& s) { return s.ts.has_value(); }),
+                    m.total.ts_errors);
+     },
+     true},
+    {"--max-pcr-accuracy", LimitUnit::kDuration, "PCRs against a constant bit rate, peak to peak",
+     [](const Summary& m) {
+       return WorstPcr(m, [](const auto& pcr) { return pcr.accuracy_spread; });
+     },
+     true},
+    {"--max-pcr-jitter", LimitUnit::kDuration, "PCRs against their arrival, peak to peak",
+     [](const Summary& m) {
+       return WorstPcr(m, [](const auto& pcr) { return pcr.arrival_spread; });
+     },
+     true},
+};
+
+std::optional<double> ParseCount(const std::string& text) {
+  std::uint64_t count = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return static_cast<double>(count);
+}
+
+std::string Text(LimitUnit unit, double value) {
+  switch (unit) {
+    case LimitUnit::kDuration:
+      return FormatDuration(std::chrono::nanoseconds(std::llround(value)));
+    case LimitUnit::kPpm:
+      return fmt::format("{:.2f} ppm", value);
+    case LimitUnit::kCount:
+    case LimitUnit::kCountOrPercent:
+      break;
+  }
+  return FormatCount(static_cast<std::uint64_t>(value));
+}
+
+std::string PercentText(double percent) {
+  return fmt::format("{:.4g} %", percent);
+}
+
+Verdict JudgeLimit(const Summary& summary, const Limit& limit) {
+  Verdict verdict{limit.kind->option, {}, "not measurable", false};
+  verdict.limit = limit.is_percent ? PercentText(limit.value) : Text(limit.kind->unit, limit.value);
+  Value measured = limit.kind->measured(summary);
+  if (!measured) return verdict;
+  if (limit.is_percent) {
+    const double all = static_cast<double>(summary.total.rate.frames) + *measured;
+    measured = all > 0 ? *measured / all * 100 : 0;
+    verdict.measured = PercentText(*measured);
+  } else {
+    verdict.measured = Text(limit.kind->unit, *measured);
+  }
+  verdict.met = *measured <= limit.value;
+  if (!verdict.met && limit.kind->spoiled_by_drops && summary.capture.IsSpoiled()) {
+    verdict.measured += " (spoiled: the capture dropped frames)";
+  }
+  return verdict;
+}
+
+}  // namespace
+
+std::span<const LimitKind> LimitKinds() {
+  return kKinds;
+}
+
+std::optional<Limit> ParseLimit(const LimitKind& kind, const std::string& text) {
+  Limit limit{&kind, 0, false};
+  std::optional<double> value;
+  switch (kind.unit) {
+    case LimitUnit::kDuration:
+      if (const auto duration = ParseDuration(text)) value = static_cast<double>(duration->count());
+      break;
+    case LimitUnit::kPpm:
+      value = ParsePpm(text);
+      break;
+    case LimitUnit::kCountOrPercent:
+      value = ParsePercent(text);
+      limit.is_percent = value.has_value();
+      if (!value) value = ParseCount(text);
+      break;
+    case LimitUnit::kCount:
+      value = ParseCount(text);
+      break;
+  }
+  if (!value || *value < 0) return std::nullopt;
+  limit.value = *value;
+  return limit;
+}
+
+std::vector<Verdict> Judge(const Summary& summary, const Requirements& requirements) {
+  std::vector<Verdict> verdicts;
+  if (requirements.limits.empty() && !requirements.min_streams && !requirements.content_equal) {
+    return verdicts;
+  }
+  const std::uint64_t min_streams = requirements.min_streams.value_or(1);
+  verdicts.push_back({"--min-streams", FormatCount(min_streams), FormatCount(summary.total.streams),
+                      summary.total.streams >= min_streams});
+  if (summary.capture.live) {
+    // What the capture lost may be the very frames that a limit is about.
+    const CaptureDrops& drops = summary.capture.drops;
+    verdicts.push_back({"capture drops", "0", FormatCount(drops.by_kernel + drops.by_adapter),
+                        !summary.capture.IsSpoiled()});
+  }
+  for (const Limit& limit : requirements.limits) verdicts.push_back(JudgeLimit(summary, limit));
+  if (requirements.content_equal) {
+    std::uint64_t equal = 0;
+    std::uint64_t skipped = 0;
+    for (const StreamSummary& stream : summary.streams) {
+      equal += stream.compare->equal;
+      skipped += stream.compare->bytes_skipped;
+    }
+    const std::uint64_t different = summary.total.different_datagrams;
+    verdicts.push_back(
+        {"--expect", "0 datagrams differ",
+         fmt::format("{} differ, {} equal{}", FormatCount(different), FormatCount(equal),
+                     skipped > 0 ? fmt::format(", {} skipped", FormatBytes(skipped)) : ""),
+         different == 0 && skipped == 0 && equal > 0});
+  }
+  return verdicts;
+}
+
+bool AllMet(std::span<const Verdict> verdicts) {
+  return std::ranges::all_of(verdicts, [](const Verdict& verdict) { return verdict.met; });
+}
+
+}  // namespace ipplay::measure

@@ -1,0 +1,19 @@
+// Which charts the report has, and what they are drawn from.
+#pragma once
+
+#include <vector>
+
+#include "host/measure/figures/measurement.h"
+#include "host/measure/figures/stream.h"
+#include "host/measure/results/chart.h"
+
+namespace ipplay::measure {
+
+// Rate and gaps over time, over all streams.
+std::vector<Chart> TotalCharts(const Measurement& measurement);
+
+// Gap histogram, gaps and rate over time, media delivery index and PCR jitter of a stream that has
+// a history.
+std::vector<Chart> StreamCharts(const Stream& stream);
+
+}  // namespace ipplay::measure

@@ -1,0 +1,204 @@
+#include "host/measure/results/summary.h"
+
+#include <algorithm>
+
+namespace ipplay::measure {
+namespace {
+
+RateFigures FiguresOf(const RateMeter& rate, std::optional<double> expected) {
+  RateFigures figures;
+  figures.frames = rate.Frames();
+  figures.frame_bytes = rate.FrameBytes();
+  figures.payload_bytes = rate.PayloadBytes();
+  figures.seconds = rate.Seconds();
+  figures.frames_per_second = rate.FrameRate();
+  figures.frame_bit_rate = rate.FrameBitRate();
+  figures.payload_bit_rate = rate.PayloadBitRate();
+  if (expected && rate.FittedFrameBitRate() > 0) {
+    figures.error_ppm = (rate.FittedFrameBitRate() / *expected - 1) * 1e6;
+  }
+  return figures;
+}
+
+SpacingFigures FiguresOf(const Spacing& spacing) {
+  SpacingFigures figures;
+  figures.gap = DistributionOf(spacing.Gaps());
+  figures.gap_error = DistributionOf(spacing.GapErrors());
+  const LineExtent::Range grid = spacing.GridDeviation();
+  figures.grid_early = grid.low;
+  figures.grid_late = grid.high;
+  figures.clumped_frames = spacing.ClumpedFrames();
+  figures.burst_length = DistributionOf(spacing.BurstLengths());
+  figures.time_reversals = spacing.TimeReversals();
+  return figures;
+}
+
+RtpFigures FiguresOf(const Stream::Rtp& rtp) {
+  RtpFigures figures;
+  figures.payload_type = rtp.payload_type;
+  figures.payload_type_changes = rtp.payload_type_changes;
+  figures.received = rtp.sequence.Received();
+  figures.lost = rtp.sequence.Lost();
+  figures.loss_periods = rtp.sequence.LossPeriods();
+  figures.longest_loss = rtp.sequence.LongestLoss();
+  figures.duplicates = rtp.sequence.Duplicates();
+  figures.reordered = rtp.sequence.Reordering().Count();
+  figures.reorder_distance = DistributionOf(rtp.sequence.Reordering());
+  figures.strays = rtp.sequence.Strays();
+  figures.restarts = rtp.sequence.Restarts();
+  figures.jitter = rtp.jitter.Current();
+  figures.jitter_mean = rtp.jitter.Mean();
+  figures.jitter_max = rtp.jitter.Max();
+  return figures;
+}
+
+MdiFigures FiguresOf(const MediaDeliveryIndex& mdi) {
+  MdiFigures figures;
+  figures.intervals = mdi.DelayFactors().Count();
+  figures.delay_factor_mean = mdi.DelayFactors().Mean();
+  figures.delay_factor_max = static_cast<double>(mdi.DelayFactors().Max());
+  figures.loss_rate_mean = mdi.LossRates().Mean();
+  figures.loss_rate_max = static_cast<double>(mdi.LossRates().Max());
+  return figures;
+}
+
+PcrFigures FiguresOf(const PcrTracker& pcr) {
+  PcrFigures figures;
+  figures.count = pcr.Count();
+  figures.interval_mean = pcr.Intervals().Mean();
+  figures.interval_max = static_cast<double>(pcr.Intervals().Max());
+  figures.repetition_errors = pcr.RepetitionErrors();
+  figures.discontinuity_errors = pcr.DiscontinuityErrors();
+  figures.accuracy_spread = pcr.AccuracySpread();
+  figures.arrival_spread = pcr.ArrivalSpread();
+  figures.frequency_offset_ppm = pcr.FrequencyOffsetPpm();
+  figures.bit_rate = pcr.BitRate();
+  return figures;
+}
+
+TsFigures FiguresOf(const TsAnalysis& ts, double seconds) {
+  TsFigures figures;
+  figures.counters = ts.Counters();
+  figures.packet_length = ts.Framer().PacketLength();
+  figures.sync_losses = ts.Framer().SyncLosses();
+  figures.sync_byte_errors = ts.Framer().SyncByteErrors();
+  figures.errors = ts.Errors();
+  for (const PidFigures& pid : ts.Pids()) {
+    PidSummary summary;
+    summary.pid = pid.pid;
+    summary.packets = pid.packets;
+    summary.continuity_errors = pid.continuity_errors;
+    if (seconds > 0) {
+      summary.bit_rate = static_cast<double>(pid.packets * kTsPacketLength * 8) / seconds;
+    }
+    if (pid.pcr != nullptr) summary.pcr = FiguresOf(*pid.pcr);
+    if (pid.pcr != nullptr && pid.pcr == ts.ReferenceClock()) figures.reference_pid = pid.pid;
+    figures.pids.push_back(summary);
+  }
+  return figures;
+}
+
+CompareFigures FiguresOf(const PayloadCompare& compare) {
+  return {compare.Equal(), compare.Different(), compare.Unplaced(), compare.BytesSkipped(),
+          compare.FirstDifference()};
+}
+
+void AddUp(const Stream& stream, TotalSummary& total) {
+  total.rate.payload_bytes += stream.Rate().PayloadBytes();
+  if (const auto* rtp = stream.AsRtp()) {
+    total.lost += rtp->sequence.Lost();
+    total.duplicates += rtp->sequence.Duplicates();
+    total.reordered += rtp->sequence.Reordering().Count();
+    total.payload_type_changes += rtp->payload_type_changes;
+  } else if (stream.Ts() != nullptr) {
+    total.lost += stream.Ts()->Counters().missing_packets;
+  }
+  if (stream.Ts() != nullptr) total.ts_errors += stream.Ts()->Errors();
+  if (stream.Compare() != nullptr) total.different_datagrams += stream.Compare()->Different();
+}
+
+}  // namespace
+
+const PcrFigures* TsFigures::Reference() const {
+  for (const PidSummary& pid : pids) {
+    if (reference_pid == pid.pid) return &*pid.pcr;
+  }
+  return nullptr;
+}
+
+std::optional<std::uint64_t> StreamSummary::Lost() const {
+  if (rtp) return rtp->lost;
+  if (ts) return ts->counters.missing_packets;
+  return std::nullopt;
+}
+
+Distribution DistributionOf(const Histogram& histogram) {
+  Distribution distribution;
+  distribution.count = histogram.Count();
+  distribution.min = static_cast<double>(histogram.Min());
+  distribution.mean = histogram.Mean();
+  distribution.max = static_cast<double>(histogram.Max());
+  distribution.p50 = histogram.Quantile(0.5);
+  distribution.p90 = histogram.Quantile(0.9);
+  distribution.p99 = histogram.Quantile(0.99);
+  distribution.p999 = histogram.Quantile(0.999);
+  return distribution;
+}
+
+StreamSummary Summarize(const Stream& stream, const MeasurementSettings& settings) {
+  StreamSummary summary;
+  const FlowKey& flow = stream.Id().flow;
+  summary.source = SourceText(flow);
+  summary.destination = DestinationText(flow);
+  summary.vlan = VlanText(flow);
+  summary.ssrc = stream.Id().ssrc;
+  summary.rate = FiguresOf(stream.Rate(), settings.expected_rate);
+  summary.spacing = FiguresOf(stream.Gaps());
+  summary.checksums = stream.Checksums();
+  summary.mdi = FiguresOf(stream.Mdi());
+  if (stream.AsRtp() != nullptr) summary.rtp = FiguresOf(*stream.AsRtp());
+  if (stream.Ts() != nullptr && stream.Ts()->IsTransportStream()) {
+    summary.ts = FiguresOf(*stream.Ts(), stream.Rate().Seconds());
+  }
+  if (stream.Compare() != nullptr) summary.compare = FiguresOf(*stream.Compare());
+  return summary;
+}
+
+TotalSummary SummarizeTotal(const Measurement& measurement) {
+  TotalSummary total;
+  const StreamTable& streams = measurement.Streams();
+  total.streams = streams.Streams().size();
+  total.rate = FiguresOf(measurement.Rate(), std::nullopt);
+  total.spacing = FiguresOf(measurement.Gaps());
+  total.checksums = measurement.Checksums();
+  total.ssrc_changes = streams.SsrcChanges();
+  total.malformed_rtp = streams.MalformedRtp();
+  total.untracked_frames = streams.UntrackedFrames();
+  total.rate.payload_bytes = 0;
+  for (const auto& stream : streams.Streams()) AddUp(*stream, total);
+  if (total.rate.frame_bytes > 0) {
+    total.rate.payload_bit_rate = total.rate.frame_bit_rate *
+                                  static_cast<double>(total.rate.payload_bytes) /
+                                  static_cast<double>(total.rate.frame_bytes);
+  }
+  return total;
+}
+
+Summary Summarize(const Measurement& measurement, const std::string& source, bool live,
+                  const CaptureDrops& drops) {
+  Summary summary;
+  summary.capture.source = source;
+  summary.capture.live = live;
+  summary.capture.frames = measurement.CapturedFrames();
+  summary.capture.drops = drops;
+  for (std::size_t i = 0; i < kFrameClasses; ++i) {
+    summary.capture.classes[i] = measurement.FramesOf(static_cast<FrameClass>(i));
+  }
+  summary.total = SummarizeTotal(measurement);
+  for (const auto& stream : measurement.Streams().Streams()) {
+    summary.streams.push_back(Summarize(*stream, measurement.Settings()));
+  }
+  return summary;
+}
+
+}  // namespace ipplay::measure

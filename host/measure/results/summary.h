@@ -1,0 +1,171 @@
+// The figures of a measurement as plain values, which the table, the JSON text, the report and the
+// limits all take theirs from. docs/measuring.md defines every one. Times are in nanoseconds, rates
+// in bits per second.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/measure/capture/capture_source.h"
+#include "host/measure/figures/measurement.h"
+
+namespace ipplay::measure {
+
+struct Distribution {
+  std::uint64_t count = 0;
+  double min = 0;
+  double mean = 0;
+  double p50 = 0;
+  double p90 = 0;
+  double p99 = 0;
+  double p999 = 0;
+  double max = 0;
+};
+
+struct RateFigures {
+  std::uint64_t frames = 0;
+  std::uint64_t frame_bytes = 0;
+  std::uint64_t payload_bytes = 0;
+  double seconds = 0;
+  double frames_per_second = 0;
+  double frame_bit_rate = 0;
+  double payload_bit_rate = 0;
+  std::optional<double> error_ppm;  // against the expected rate
+};
+
+struct SpacingFigures {
+  Distribution gap;
+  Distribution gap_error;
+  double grid_early = 0;  // 0 or less
+  double grid_late = 0;   // 0 or more
+  std::uint64_t clumped_frames = 0;
+  Distribution burst_length;  // in frames
+  std::uint64_t time_reversals = 0;
+};
+
+struct RtpFigures {
+  std::uint8_t payload_type = 0;
+  std::uint64_t payload_type_changes = 0;
+  std::uint64_t received = 0;
+  std::uint64_t lost = 0;
+  std::uint64_t loss_periods = 0;
+  std::uint64_t longest_loss = 0;
+  std::uint64_t duplicates = 0;
+  std::uint64_t reordered = 0;
+  Distribution reorder_distance;  // in sequence numbers
+  std::uint64_t strays = 0;
+  std::uint64_t restarts = 0;
+  double jitter = 0;
+  double jitter_mean = 0;
+  double jitter_max = 0;
+};
+
+struct MdiFigures {
+  std::uint64_t intervals = 0;
+  double delay_factor_mean = 0;
+  double delay_factor_max = 0;
+  double loss_rate_mean = 0;
+  double loss_rate_max = 0;
+};
+
+struct PcrFigures {
+  std::uint64_t count = 0;
+  double interval_mean = 0;
+  double interval_max = 0;
+  std::uint64_t repetition_errors = 0;
+  std::uint64_t discontinuity_errors = 0;
+  double accuracy_spread = 0;
+  double arrival_spread = 0;
+  double frequency_offset_ppm = 0;
+  double bit_rate = 0;
+};
+
+struct PidSummary {
+  std::uint16_t pid = 0;
+  std::uint64_t packets = 0;
+  double bit_rate = 0;
+  std::uint64_t continuity_errors = 0;
+  std::optional<PcrFigures> pcr;
+};
+
+struct TsFigures {
+  TsCounters counters;
+  std::size_t packet_length = 0;
+  std::uint64_t sync_losses = 0;
+  std::uint64_t sync_byte_errors = 0;
+  std::vector<PidSummary> pids;
+  std::optional<std::uint16_t> reference_pid;  // the first one that carried a PCR
+  std::uint64_t errors = 0;                    // as TsAnalysis::Errors
+
+  const PcrFigures* Reference() const;
+};
+
+struct CompareFigures {
+  std::uint64_t equal = 0;
+  std::uint64_t different = 0;
+  std::uint64_t unplaced = 0;
+  std::uint64_t bytes_skipped = 0;
+  std::optional<PayloadDifference> first_difference;
+};
+
+struct StreamSummary {
+  std::string source;
+  std::string destination;
+  std::string vlan;
+  std::optional<std::uint32_t> ssrc;
+  RateFigures rate;
+  SpacingFigures spacing;
+  ChecksumCounters checksums;
+  MdiFigures mdi;
+  std::optional<RtpFigures> rtp;
+  std::optional<TsFigures> ts;
+  std::optional<CompareFigures> compare;
+
+  // Packets that are known to be missing: by RTP, or else by the transport stream; none where
+  // neither can tell.
+  std::optional<std::uint64_t> Lost() const;
+};
+
+struct TotalSummary {
+  std::uint64_t streams = 0;
+  RateFigures rate;
+  SpacingFigures spacing;
+  ChecksumCounters checksums;
+  std::uint64_t lost = 0;
+  std::uint64_t duplicates = 0;
+  std::uint64_t reordered = 0;
+  std::uint64_t ssrc_changes = 0;
+  std::uint64_t payload_type_changes = 0;
+  std::uint64_t malformed_rtp = 0;
+  std::uint64_t untracked_frames = 0;
+  std::uint64_t ts_errors = 0;
+  std::uint64_t different_datagrams = 0;
+};
+
+struct CaptureSummary {
+  std::string source;  // device or file
+  bool live = false;
+  std::uint64_t frames = 0;  // of every kind
+  CaptureDrops drops;
+  std::array<std::uint64_t, kFrameClasses> classes{};
+
+  // Frames that the capture lost look like lost, late and clumped ones.
+  bool IsSpoiled() const { return drops.by_kernel + drops.by_adapter > 0; }
+};
+
+struct Summary {
+  CaptureSummary capture;
+  TotalSummary total;
+  std::vector<StreamSummary> streams;
+};
+
+Distribution DistributionOf(const Histogram& histogram);
+StreamSummary Summarize(const Stream& stream, const MeasurementSettings& settings);
+TotalSummary SummarizeTotal(const Measurement& measurement);
+// All of it; takes a while with thousands of streams.
+Summary Summarize(const Measurement& measurement, const std::string& source, bool live,
+                  const CaptureDrops& drops);
+
+}  // namespace ipplay::measure

@@ -1,0 +1,301 @@
+#include "host/measure/results/table_view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "host/base/units.h"
+
+namespace ipplay::measure {
+namespace {
+
+using Out = std::back_insert_iterator<std::string>;
+
+std::string Time(double ns) {
+  return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
+}
+
+// Figures that lost frames make worse than they were carry this mark.
+const char* Mark(bool spoiled) {
+  return spoiled ? "*" : "";
+}
+
+std::string Label(const StreamSummary& stream) {
+  std::string label = stream.destination;
+  if (!stream.vlan.empty()) label += fmt::format(" vlan {}", stream.vlan);
+  if (stream.ssrc) label += fmt::format(" {:08x}", *stream.ssrc);
+  return label;
+}
+
+// Columns from left to right; those that a narrow terminal has no room for go from the right.
+struct Column {
+  const char* title;
+  std::size_t width;
+  bool spoiled_by_drops;
+  std::string (*text)(const StreamSummary& stream);
+};
+
+std::string OptionalCount(const std::optional<std::uint64_t>& count) {
+  return count ? FormatCount(*count) : "-";
+}
+
+constexpr Column kColumns[] = {
+    {"frames", 13, false, [](const StreamSummary& s) { return FormatCount(s.rate.frames); }},
+    {"frame rate", 14, false,
+     [](const StreamSummary& s) { return FormatBitRate(s.rate.frame_bit_rate); }},
+    {"lost", 9, true, [](const StreamSummary& s) { return OptionalCount(s.Lost()); }},
+    {"gap p99", 9, true, [](const StreamSummary& s) { return Time(s.spacing.gap.p99); }},
+    {"gap max", 9, true, [](const StreamSummary& s) { return Time(s.spacing.gap.max); }},
+    {"error p99", 9, true, [](const StreamSummary& s) { return Time(s.spacing.gap_error.p99); }},
+    {"DF max", 9, true,
+     [](const StreamSummary& s) {
+       return s.mdi.intervals > 0 ? Time(s.mdi.delay_factor_max) : std::string("-");
+     }},
+    {"TS err", 8, true,
+     [](const StreamSummary& s) { return s.ts ? FormatCount(s.ts->errors) : std::string("-"); }},
+    {"bad csum", 8, false,
+     [](const StreamSummary& s) { return FormatCount(s.checksums.bad_ip + s.checksums.bad_udp); }},
+    {"reord", 8, false,
+     [](const StreamSummary& s) {
+       return s.rtp ? FormatCount(s.rtp->reordered) : std::string("-");
+     }},
+    {"dup", 8, false,
+     [](const StreamSummary& s) {
+       return s.rtp ? FormatCount(s.rtp->duplicates) : std::string("-");
+     }},
+};
+
+void WriteStreams(Out out, std::span<const StreamSummary> streams, bool spoiled,
+                  std::size_t columns) {
+  std::size_t label_width = 6;
+  for (const StreamSummary& stream : streams) {
+    label_width = std::max(label_width, Label(stream).size());
+  }
+  std::size_t width = label_width;
+  std::size_t shown = 0;
+  for (const Column& column : kColumns) {
+    width += column.width + 1;
+    if (width > columns) break;
+    ++shown;
+  }
+  const auto used = std::span(kColumns).first(shown);
+  fmt::format_to(out, "{:<{}}", "stream", label_width);
+  for (const Column& column : used) fmt::format_to(out, " {:>{}}", column.title, column.width);
+  *out = '\n';
+  for (const StreamSummary& stream : streams) {
+    fmt::format_to(out, "{:<{}}", Label(stream), label_width);
+    for (const Column& column : used) {
+      const std::string text = column.text(stream) + Mark(spoiled && column.spoiled_by_drops);
+      fmt::format_to(out, " {:>{}}", text, column.width);
+    }
+    *out = '\n';
+  }
+}
+
+// As many beside each other as there is room for.
+void WriteItems(Out out, std::span<const std::string> items, std::size_t columns) {
+  std::size_t width = 0;
+  for (const std::string& item : items) {
+    const bool fits = width == 0 || width + 2 + item.size() <= columns;
+    fmt::format_to(out, "{}{}", width == 0 ? "" : fits ? "  " : "\n", item);
+    width = fits && width > 0 ? width + 2 + item.size() : item.size();
+  }
+  *out = '\n';
+}
+
+void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& total,
+                 std::size_t columns) {
+  const std::string about[] = {
+      capture.source,
+      fmt::format("{:.1f} s", total.rate.seconds),
+      fmt::format("{} {}", total.streams, total.streams == 1 ? "stream" : "streams"),
+      FormatCount(total.rate.frames) + " frames",
+      FormatBitRate(total.rate.frame_bit_rate),
+      FormatCount(static_cast<std::uint64_t>(std::llround(total.rate.frames_per_second))) +
+          " frames/s",
+  };
+  WriteItems(out, about, columns);
+  std::vector<std::string> faults = {
+      fmt::format("lost {}{}", FormatCount(total.lost), Mark(capture.IsSpoiled())),
+      "duplicates " + FormatCount(total.duplicates),
+      "reordered " + FormatCount(total.reordered),
+      fmt::format("bad checksums: IP {}, UDP {}", FormatCount(total.checksums.bad_ip),
+                  FormatCount(total.checksums.bad_udp)),
+  };
+  if (capture.live) {
+    faults.push_back("dropped by the capture " +
+                     FormatCount(capture.drops.by_kernel + capture.drops.by_adapter));
+  }
+  WriteItems(out, faults, columns);
+}
+
+// What was captured besides UDP frames, and what else is out of the ordinary.
+void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& total) {
+  const struct {
+    const char* name;
+    std::uint64_t count;
+  } oddities[] = {
+      {"not IP", capture.classes[static_cast<std::size_t>(FrameClass::kNotIp)]},
+      {"not UDP", capture.classes[static_cast<std::size_t>(FrameClass::kNotUdp)]},
+      {"fragments", capture.classes[static_cast<std::size_t>(FrameClass::kFragment)]},
+      {"truncated", capture.classes[static_cast<std::size_t>(FrameClass::kTruncated)]},
+      {"impossible IP header", capture.classes[static_cast<std::size_t>(FrameClass::kBadIpHeader)]},
+      {"impossible UDP length",
+       capture.classes[static_cast<std::size_t>(FrameClass::kBadUdpLength)]},
+      {"without RTP header", total.malformed_rtp},
+      {"beyond the stream limit", total.untracked_frames},
+      {"UDP checksum absent", total.checksums.absent_udp},
+      {"UDP checksum not checked", total.checksums.unchecked_udp},
+      {"SSRC changes", total.ssrc_changes},
+      {"payload type changes", total.payload_type_changes},
+      {"time stamps that go back", total.spacing.time_reversals},
+  };
+  const char* separator = "also: ";
+  for (const auto& [name, count] : oddities) {
+    if (count == 0) continue;
+    fmt::format_to(out, "{}{} {}", separator, FormatCount(count), name);
+    separator = ", ";
+  }
+  if (separator[0] == ',') *out = '\n';
+  if (capture.IsSpoiled()) {
+    fmt::format_to(out, "* worse than it was: the capture itself dropped frames\n");
+  }
+}
+
+void WriteSpacing(Out out, const StreamSummary& stream) {
+  const auto row = [&](const char* name, const Distribution& d) {
+    fmt::format_to(out, "  {:<10} min {}, mean {}, p50 {}, p90 {}, p99 {}, p99.9 {}, max {}\n",
+                   name, Time(d.min), Time(d.mean), Time(d.p50), Time(d.p90), Time(d.p99),
+                   Time(d.p999), Time(d.max));
+  };
+  const SpacingFigures& spacing = stream.spacing;
+  row("gap", spacing.gap);
+  row("gap error", spacing.gap_error);
+  const double gaps = static_cast<double>(std::max<std::uint64_t>(1, spacing.gap.count));
+  fmt::format_to(out, "  {:<10} {} early to {} late, {} peak to peak\n", "grid",
+                 Time(-spacing.grid_early), Time(spacing.grid_late),
+                 Time(spacing.grid_late - spacing.grid_early));
+  fmt::format_to(out, "  {:<10} {:.3g} % of the frames, {} bursts, longest {} frames\n", "clumped",
+                 static_cast<double>(spacing.clumped_frames) / gaps * 100,
+                 FormatCount(spacing.burst_length.count),
+                 FormatCount(static_cast<std::uint64_t>(spacing.burst_length.max)));
+}
+
+void WriteRtp(Out out, const RtpFigures& rtp) {
+  fmt::format_to(out,
+                 "  {:<10} payload type {}, lost {} in {} periods (longest {}), duplicates {}, "
+                 "reordered {} (at most {} behind), restarts {}, strays {}\n",
+                 "RTP", rtp.payload_type, FormatCount(rtp.lost), FormatCount(rtp.loss_periods),
+                 FormatCount(rtp.longest_loss), FormatCount(rtp.duplicates),
+                 FormatCount(rtp.reordered),
+                 FormatCount(static_cast<std::uint64_t>(rtp.reorder_distance.max)),
+                 FormatCount(rtp.restarts), FormatCount(rtp.strays));
+  fmt::format_to(out, "  {:<10} last {}, mean {}, max {}\n", "jitter", Time(rtp.jitter),
+                 Time(rtp.jitter_mean), Time(rtp.jitter_max));
+}
+
+void WriteTs(Out out, const TsFigures& ts) {
+  const TsCounters& counters = ts.counters;
+  const double packets = static_cast<double>(std::max<std::uint64_t>(1, counters.packets));
+  fmt::format_to(out, "  {:<10} {} packets of {} bytes, {:.3g} % null, {} PIDs\n", "TS",
+                 FormatCount(counters.packets), ts.packet_length,
+                 static_cast<double>(counters.null_packets) / packets * 100, ts.pids.size());
+  fmt::format_to(
+      out,
+      "  {:<10} sync loss {}, sync byte {}, PAT {}, continuity {}, PMT {}, transport {}, "
+      "CRC {}, PTS {}\n",
+      "TS errors", ts.sync_losses, ts.sync_byte_errors, counters.pat_errors,
+      counters.continuity_errors, counters.pmt_errors, counters.transport_errors,
+      counters.crc_errors, counters.pts_errors);
+  if (const PcrFigures* pcr = ts.Reference()) {
+    fmt::format_to(out,
+                   "  {:<10} PID {}, {}, interval mean {}, max {}, accuracy {} and arrival {} peak "
+                   "to peak, {:+.2f} ppm, repetition errors {}, discontinuities {}\n",
+                   "PCR", *ts.reference_pid, FormatBitRate(pcr->bit_rate), Time(pcr->interval_mean),
+                   Time(pcr->interval_max), Time(pcr->accuracy_spread), Time(pcr->arrival_spread),
+                   pcr->frequency_offset_ppm, pcr->repetition_errors, pcr->discontinuity_errors);
+  }
+}
+
+std::string Hex(std::span<const std::uint8_t> bytes) {
+  return fmt::format("{:02x}", fmt::join(bytes, " "));
+}
+
+void WriteCompare(Out out, const CompareFigures& compare) {
+  fmt::format_to(out, "  {:<10} {} datagrams equal, {} different, {} not placed, {} skipped\n",
+                 "content", FormatCount(compare.equal), FormatCount(compare.different),
+                 FormatCount(compare.unplaced), FormatBytes(compare.bytes_skipped));
+  if (const auto& difference = compare.first_difference) {
+    fmt::format_to(out,
+                   "  {:<10} datagram {} at offset {} (file offset {})\n"
+                   "  {:<10} expected {}\n  {:<10} received {}\n",
+                   "difference", difference->datagram, difference->datagram_offset,
+                   difference->file_offset, "", Hex(difference->expected), "",
+                   Hex(difference->received));
+  }
+}
+
+void WriteDetails(Out out, const StreamSummary& stream) {
+  fmt::format_to(out, "\n{} from {}{}\n", Label(stream), stream.source,
+                 stream.rtp ? "" : ", no RTP (lost counts transport packets)");
+  const RateFigures& rate = stream.rate;
+  fmt::format_to(out, "  {:<10} {:.2f} frames/s, {} in frames, {} in payload", "rate",
+                 rate.frames_per_second, FormatBitRate(rate.frame_bit_rate),
+                 FormatBitRate(rate.payload_bit_rate));
+  if (rate.error_ppm) fmt::format_to(out, ", {:+.2f} ppm off the expected rate", *rate.error_ppm);
+  *out = '\n';
+  WriteSpacing(out, stream);
+  if (stream.rtp) WriteRtp(out, *stream.rtp);
+  fmt::format_to(out,
+                 "  {:<10} delay factor mean {}, max {}; media loss rate mean {:.3g}, max {:.0f} "
+                 "packets in a second\n",
+                 "MDI", Time(stream.mdi.delay_factor_mean), Time(stream.mdi.delay_factor_max),
+                 stream.mdi.loss_rate_mean, stream.mdi.loss_rate_max);
+  if (stream.ts) WriteTs(out, *stream.ts);
+  if (stream.compare) WriteCompare(out, *stream.compare);
+}
+
+void WriteVerdicts(Out out, std::span<const Verdict> verdicts) {
+  if (verdicts.empty()) return;
+  *out = '\n';
+  for (const Verdict& verdict : verdicts) {
+    fmt::format_to(out, "{:<6} {:<22} limit {:<20} measured {}\n", verdict.met ? "met" : "NOT MET",
+                   verdict.name, verdict.limit, verdict.measured);
+  }
+}
+
+}  // namespace
+
+std::string LiveTable(const CaptureSummary& capture, const TotalSummary& total,
+                      std::span<const StreamSummary> streams, std::size_t columns) {
+  std::string text;
+  const Out out(text);
+  WriteTotals(out, capture, total, columns);
+  WriteStreams(out, streams, capture.IsSpoiled(), columns);
+  if (streams.size() < total.streams) {
+    fmt::format_to(out, "and {} more\n", FormatCount(total.streams - streams.size()));
+  }
+  return text;
+}
+
+std::string ResultTable(const Summary& summary, std::span<const Verdict> verdicts,
+                        const ResultTableSettings& settings) {
+  const std::span streams(summary.streams);
+  std::string text =
+      LiveTable(summary.capture, summary.total,
+                streams.first(std::min(streams.size(), settings.max_streams)), settings.columns);
+  const Out out(text);
+  WriteOddities(out, summary.capture, summary.total);
+  for (const StreamSummary& stream : streams.first(std::min(streams.size(), settings.detailed))) {
+    WriteDetails(out, stream);
+  }
+  WriteVerdicts(out, verdicts);
+  return text;
+}
+
+}  // namespace ipplay::measure

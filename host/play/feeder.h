@@ -1,0 +1,56 @@
+// The thread that reads the input and writes it into the library.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "host/play/word_writer.h"
+#include "host/stream/restamper.h"
+#include "host/stream/round_reader.h"
+
+namespace ipplay {
+
+class Feeder {
+ public:
+  struct Sink {
+    WordWriter::WriteWords write;     // as WordWriter; may block
+    std::function<void()> terminate;  // declares the end of the data; may block until it is played
+  };
+
+  // Plays `rounds` rounds, or for ever without a number.
+  Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restamper>& restamper,
+         std::optional<std::uint64_t> rounds, Sink sink);
+  // Stops, and waits for the thread. What `sink` blocks in must have been ended before.
+  ~Feeder();
+
+  void Start();
+  // No further write will begin; one that blocks has to be released by other means.
+  void Stop() { stop_.store(true, std::memory_order_relaxed); }
+
+  // For any thread: zero bytes added at the end, errno of a failed read (0 for none), and
+  // RoundReader::sync_lost().
+  unsigned padding() const { return padding_.load(std::memory_order_relaxed); }
+  int read_error() const { return read_error_.load(std::memory_order_relaxed); }
+  std::optional<std::uint64_t> sync_lost() const { return reader_->sync_lost(); }
+
+ private:
+  void Run();
+  bool PlayRound(WordWriter& writer);
+  bool StartNextRound();
+
+  std::unique_ptr<RoundReader> reader_;
+  std::optional<Restamper> restamper_;
+  std::optional<std::uint64_t> rounds_;
+  Sink sink_;
+  std::uint64_t round_ = 1;
+  std::atomic<bool> stop_{false};
+  std::atomic<unsigned> padding_{0};
+  std::atomic<int> read_error_{0};
+  std::thread thread_;
+};
+
+}  // namespace ipplay

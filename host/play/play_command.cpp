@@ -1,0 +1,120 @@
+#include "host/play/play_command.h"
+
+// `ipplay play`.
+#include <fmt/format.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "host/base/capabilities.h"
+#include "host/base/library_output.h"
+#include "host/cli/config_file.h"
+#include "host/library/destination.h"
+#include "host/library/library.h"
+#include "host/play/play_options.h"
+#include "host/play/play_plan.h"
+#include "host/play/play_session.h"
+#include "host/play/report.h"
+
+namespace ipplay {
+namespace {
+
+Result<Path> FindPath(const PlayOptions& options, const std::vector<Adapter>& adapters) {
+  const auto adapter = options.device.empty() ? AdapterByRoute(adapters, options.to.address)
+                                              : FindAdapter(adapters, options.device);
+  if (!adapter) return adapter.failure();
+  Path path;
+  path.adapter = *adapter;
+  path.source = SourceAddress(*adapter, options.to.address);
+  if (const auto known = DestinationWithoutAsking(*adapter, options.to.address)) {
+    path.destination = known->mac;
+  }
+  return path;
+}
+
+// Asks for the destination's MAC address where neither the user nor the address tells it.
+std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan) {
+  if (options.dst_mac || path.destination) return std::nullopt;
+  const auto destination = FindDestination(path.adapter, options.to.address);
+  if (!destination) return destination.failure();
+  path.destination = destination->mac;
+  std::memcpy(
+      plan.settings.params.ProtocolHeadersSettings.EthernetHeaderSettings.DestinationMacAddress,
+      destination->mac.data(), destination->mac.size());
+  return std::nullopt;
+}
+
+void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
+                 const Path& path, Input& input) {
+  std::vector<std::uint8_t> payload(plan.payload_bytes);
+  payload.resize(input.ReadFully(payload));
+  if (plan.restamp) {
+    const std::size_t unit = facts.format.packet_bytes;
+    std::vector<std::uint8_t> restamped;
+    Restamper(facts.format, *plan.restamp)
+        .Run(std::span(payload).first(payload.size() / unit * unit), [&](Restamper::Bytes bytes) {
+          restamped.insert(restamped.end(), bytes.begin(), bytes.end());
+          return true;
+        });
+    restamped.resize(std::min(restamped.size(), payload.size()));
+    std::copy(restamped.begin(), restamped.end(), payload.begin());
+  }
+  Print(Results(), "{}", DryRun(options, facts, plan, path, payload));
+}
+
+void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
+               const Adapter& adapter) {
+  if (!options.quiet) {
+    Print(stderr, "{}", Introduction(options, facts, plan, adapter.name));
+  }
+  for (const std::string& note : plan.notes) Print(stderr, "ipplay: note: {}\n", note);
+}
+
+Result<int> Play(const CLI::App& app, const PlayOptions& options) {
+  const Library library;
+  auto path = FindPath(options, library.adapters());
+  if (!path) return path.failure();
+  const FileDescriptor stop_reading(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  auto input = Input::Open(options.input, stop_reading.get());
+  if (!input) return input.failure();
+  ExamineOptions examine{
+      .raw = options.raw, .want_rate = !options.bit_rate && !options.frame_bit_rate, .pcr_pid = {}};
+  if (options.restamp || options.near_wrap) examine.want_rate = true;
+  if (options.pcr_pid) examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);
+  const auto facts = Examine(*input, examine);
+  if (!facts) return facts.failure();
+  auto plan = MakePlan(options, *facts, *path);
+  if (!plan) return plan.failure();
+  if (const auto failure = WriteConfig(app, options.write_config)) return *failure;
+  if (options.dry_run) {
+    PrintDryRun(options, *facts, *plan, *path, *input);
+    return static_cast<int>(ExitStatus::kPlayed);
+  }
+  if (const auto missing = MissingRightToSend()) {
+    return Failure{ExitStatus::kNoAccess, *missing};
+  }
+  if (const auto failure = CompletePath(options, *path, *plan)) return *failure;
+  Introduce(options, *facts, *plan, path->adapter);
+  PlaySession session(options, *plan, std::make_unique<RoundReader>(std::move(*input), *facts),
+                      stop_reading.get());
+  return static_cast<int>(session.Run());
+}
+
+}  // namespace
+
+void RegisterPlay(CLI::App& app, Result<int>& outcome) {
+  CLI::App* command = app.add_subcommand("play", "Play a transport stream");
+  const auto options = std::make_shared<PlayOptions>();
+  DefinePlayOptions(*command, *options);
+  // --config belongs to the application, which reads it before the command runs.
+  command->fallthrough();
+  command->footer(
+      "--config FILE reads options, as --write-config wrote them; those on the command "
+      "line come first.");
+  command->callback([options, &app, &outcome] { outcome = Play(app, *options); });
+}
+
+}  // namespace ipplay

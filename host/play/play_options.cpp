@@ -1,0 +1,232 @@
+#include "host/play/play_options.h"
+
+#include "host/base/units.h"
+#include "host/cli/option_builder.h"
+
+namespace ipplay {
+namespace {
+
+constexpr std::uint32_t kMaxU32 = UINT32_MAX;
+
+std::optional<bool> ParseOnOff(const std::string& text) {
+  if (text == "on") return true;
+  if (text == "off") return false;
+  return std::nullopt;
+}
+
+void DefineTarget(OptionBuilder& add, PlayOptions& o) {
+  add.Group("Where to");
+  add.Value("--to", o.to, "TARGET", "rtp://ADDRESS:PORT or udp://ADDRESS:PORT, IPv6 in [ ]",
+            "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; needed", ParseTarget)
+      ->required();
+  add.Value("--device", o.device, "NAME|N", "a name or a number",
+            "Adapter by name or by its number in `ipplay devices`; default: the one that the route "
+            "to the target uses",
+            ParseText);
+  const auto ip = [&](const char* name, auto& field, const char* help) {
+    add.Value(name, field, "IP", "an IPv4 or IPv6 address", help, ParseIp);
+  };
+  ip("--src-ip", o.src_ip, "Source address; default: the device's own");
+  ip("--dst-ip", o.dst_ip, "Destination address in the header; default: the target's");
+  const auto mac = [&](const char* name, auto& field, const char* help) {
+    add.Value(name, field, "MAC", "six bytes as in 02:00:5e:10:00:01", help, ParseMac);
+  };
+  mac("--src-mac", o.src_mac, "Source MAC address; default: the device's own");
+  mac("--dst-mac", o.dst_mac,
+      "Destination MAC address; default: mapped (multicast), broadcast, or resolved");
+  add.Number("--src-port", o.src_port, 0, 65535, "Source port; default: as the destination port");
+  add.Number("--dst-port", o.dst_port, 0, 65535,
+             "Destination port in the header; default: the target's");
+}
+
+void DefineHeaders(OptionBuilder& add, PlayOptions& o) {
+  add.Group("Header fields");
+  add.Number("--ethertype", o.ether_type, 0, 0xffff, "EtherType; default: that of the IP version");
+  add.Number("--vlan", o.vlan, 0, 4095, "Insert an 802.1Q tag with this VLAN id");
+  add.Number("--vlan-priority", o.vlan_priority, 0, 7, "Priority in the tag", "0");
+  add.Flag("--vlan-cfi", o.vlan_cfi, "Set the CFI/DEI bit in the tag");
+  add.Number("--vlan-tpid", o.vlan_tpid, 0, 0xffff, "EtherType of the tag", "0x8100");
+  add.Number("--ip-version", o.ip_version, 0, 15, "Version field; default 4 or 6");
+  add.Number("--ttl,--hop-limit", o.ttl, 0, 255, "TTL or hop limit", "64");
+  add.Number("--tos,--traffic-class", o.tos, 0, 255, "TOS byte or traffic class; default 0");
+  add.Number("--dscp", o.dscp, 0, 63, "The same given by its upper six bits");
+  add.Number("--flow-label", o.flow_label, 0, 0xfffff, "IPv6 flow label", "0");
+  add.Number("--identification", o.identification, 0, 65535,
+             "IPv4 identification of the first datagram; default 0");
+  add.Value("--dont-fragment", o.dont_fragment, "on|off", "on or off",
+            "IPv4 don't-fragment bit; default: on up to frames of 1500 bytes, which is as large as "
+            "frames with this bit may be",
+            ParseOnOff);
+  add.Number("--protocol,--next-header", o.protocol, 0, 255,
+             "Protocol number; 2 adds the IPv4 router alert option", "17");
+  add.Number("--rtp-version", o.rtp_version, 0, 3, "RTP version", "2");
+  add.Number("--payload-type", o.payload_type, 0, 255,
+             "RTP payload type, from 128 with the marker bit", "33");
+  add.Flag("--rtp-extension", o.rtp_extension, "First RTP byte 0x80 whatever the version");
+  add.Value("--sequence", o.sequence, "N|random", "random or 0 to 65535",
+            "First RTP sequence number; default random",
+            [](const std::string& text) { return ParseStartValue(text, 65535); });
+  add.Value(
+      "--ssrc", o.ssrc, "N|random", "random or 0 to 4294967295", "RTP SSRC",
+      [](const std::string& text) { return ParseStartValue(text, kMaxU32); }, "random");
+}
+
+void DefinePayload(OptionBuilder& add, PlayOptions& o) {
+  add.Group("Payload and bit rate");
+  add.Number("--ts-per-datagram", o.ts_per_datagram, 1, 85,
+             "Transport packets in each datagram; default 7");
+  add.Number("--frame-size", o.frame_size, 1, 16128,
+             "Size of the frame instead, from the Ethernet header to the end of the payload; "
+             "filled with whole transport packets");
+  add.Flag("--cut", o.cut, "Fill --frame-size to the byte, cutting transport packets");
+  add.Flag("--raw", o.raw, "Play any bytes, without looking for transport packets");
+  add.Value("--bitrate", o.bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
+            "Bit rate of the transport stream; default: as its PCRs say", ParseBitRate);
+  add.Value("--frame-bitrate", o.frame_bit_rate, "RATE",
+            "a number above 0 with k, M or G, as 9.75M",
+            "Bit rate of one stream's Ethernet frames instead, headers included", ParseBitRate);
+  add.Number("--pcr-pid", o.pcr_pid, 0, 8191,
+             "PID whose PCRs give the rate; default: the one with the most");
+  add.Value(
+      "--ppm", o.ppm, "N", "-100000 to 100000", "Play off speed by so many parts per million",
+      [](const std::string& text) {
+        const auto ppm = ParsePpm(text);
+        return ppm && *ppm >= -1e5 && *ppm <= 1e5 ? ppm : std::nullopt;
+      },
+      "0");
+  add.Value("--loop", o.rounds, "N|forever", "forever or a number from 1",
+            "Play the file so many times without a gap", ParseRounds, "1");
+  add.Flag("--restamp", o.restamp,
+           "Let PCR, PTS, DTS and continuity counters run through the rounds, so that a receiver "
+           "sees one stream");
+  add.Flag("--near-wrap", o.near_wrap,
+           "Start counters and clocks 3 s before their wraps: RTP sequence number, IPv4 "
+           "identification, PCR, PTS and DTS (implies --restamp)");
+}
+
+void DefineShape(OptionBuilder& add, PlayOptions& o) {
+  add.Group("Timing and copies");
+  add.Value("--burst", o.burst, "N|TIME", "a number of datagrams or whole milliseconds as 10ms",
+            "Send so many datagrams of each stream back to back, at the same mean rate",
+            ParseBurst);
+  add.Value("--jitter", o.jitter, "PATTERN:AMOUNT",
+            "square:TIME (up to 10 s) or gaussian:, squared-difference: or sine:PERCENT% (up to "
+            "100%)",
+            "Move datagrams in time: square:500us (peak to peak), or gaussian:20%, "
+            "squared-difference:20%, sine:20% of the gap",
+            ParseJitter);
+  add.Value(
+      "--copies", o.copies, "N", "1 to 1000000", "Send so many parallel streams",
+      [](const std::string& text) -> std::optional<std::uint32_t> {
+        const auto number = ParseNumber(text, 1, 1'000'000);
+        if (!number) return std::nullopt;
+        return static_cast<std::uint32_t>(*number);
+      },
+      "1");
+}
+
+void DefineErrors(OptionBuilder& add, PlayOptions& o) {
+  add.Group("Deliberate errors");
+  const auto schedule = [&](const char* name, auto& field, const char* help) {
+    add.Value(name, field, "N/RANGE", "N/RANGE with N from 1 to RANGE and to 1000000", help,
+              ParseErrorSchedule);
+  };
+  schedule("--lose", o.lose, "Do not send so many out of every so many datagrams, as 2/1000");
+  add.Value("--delay", o.delay, "N/RANGE[:D]", "N/RANGE:D with N from 1 to RANGE and D from 1",
+            "Send so many late, each behind the next D datagrams; D is 1 by default; RTP only",
+            ParseDelaySchedule);
+  schedule("--bad-ip-checksum", o.bad_ip_checksum, "Send so many with a wrong IPv4 checksum");
+  schedule("--bad-udp-checksum", o.bad_udp_checksum, "Send so many with a wrong UDP checksum");
+  add.Flag("--random", o.random, "Place them at random within the range, not at its start");
+}
+
+// The two options that may be repeated.
+void DefineLists(CLI::App& command, PlayOptions& o) {
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--step",
+          [&o](const std::vector<std::string>& texts) {
+            for (const std::string& text : texts) {
+              const auto step = ParseStep(text);
+              if (!step) {
+                throw OptionBuilder::NotAllowed(
+                    "--step", text,
+                    "FIELD=VALUE with dst-ip, src-ip, dst-mac, src-mac, dst-port, src-port, vlan, "
+                    "ttl, tos, flow-label, protocol, payload-type, ssrc or ethertype");
+              }
+              o.steps.push_back(*step);
+            }
+          },
+          "What a field of each copy has more than the copy before, as dst-ip=0.0.0.1 or "
+          "dst-port=2; may be repeated")
+      ->type_name("FIELD=VALUE")
+      ->allow_extra_args(false)
+      ->group("Timing and copies");
+  command
+      .add_option_function<std::vector<std::pair<std::string, std::string>>>(
+          "--at",
+          [&o](const std::vector<std::pair<std::string, std::string>>& entries) {
+            for (const auto& [when, what] : entries) {
+              const auto time = ParseDuration(when);
+              if (!time) throw OptionBuilder::NotAllowed("--at", when, "a time as 10s or 1h30m");
+              const auto action = ParseAction(what);
+              if (!action) {
+                throw OptionBuilder::NotAllowed(
+                    "--at", what,
+                    "lose, delay, bad-ip-checksum, bad-udp-checksum, pause[:TIME], resume or stop");
+              }
+              o.time_line.emplace_back(*time, *action);
+            }
+          },
+          "At this time after the start: lose, delay, bad-ip-checksum, bad-udp-checksum (one "
+          "datagram each), pause[:TIME], resume or stop; may be repeated")
+      ->type_name("TIME ACTION")
+      ->group("Deliberate errors");
+}
+
+void DefineRun(OptionBuilder& add, PlayOptions& o) {
+  add.Group("The run");
+  add.Value("--priority", o.priority, "LEVEL",
+            "idle, below-normal, normal, above-normal, highest or time-critical",
+            "Priority of the thread that builds the datagrams", ParsePriority, "above-normal");
+  add.Flag(
+      "--economy", o.economy,
+      "Take less of the processor and leave gaps less exact, as in a process with a nice value");
+  add.Value("--prefill", o.prefill, "TIME", "a time as 500ms",
+            "Stream time that must be read before the first datagram leaves; default 1s of a file, "
+            "0 of a pipe",
+            ParseDuration);
+  add.Value(
+      "--stats", o.json, "text|json", "text or json",
+      "json: one JSON object a second and one at the end on standard output, nothing else",
+      [](const std::string& text) -> std::optional<bool> {
+        if (text == "json") return true;
+        if (text == "text") return false;
+        return std::nullopt;
+      },
+      "text");
+  add.Flag("--quiet", o.quiet, "No progress; errors, warnings and the summary only");
+  add.Flag("--dry-run", o.dry_run, "Print what would be sent, and send nothing")
+      ->configurable(false);
+  add.Value("--write-config", o.write_config, "FILE", "a file",
+            "Write all options to FILE, which --config reads", ParseText)
+      ->configurable(false);
+}
+
+}  // namespace
+
+void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
+  OptionBuilder add(command);
+  add.Value("INPUT,--input", options.input, "FILE", "a file or -",
+            "File to play, or - for standard input", ParseText)
+      ->required();
+  DefineTarget(add, options);
+  DefineHeaders(add, options);
+  DefinePayload(add, options);
+  DefineShape(add, options);
+  DefineErrors(add, options);
+  DefineLists(command, options);
+  DefineRun(add, options);
+}
+
+}  // namespace ipplay

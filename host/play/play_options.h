@@ -1,0 +1,79 @@
+// The options of `ipplay play`.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/base/address.h"
+#include "host/play/play_values.h"
+
+namespace ipplay {
+
+// DefinePlayOptions() fills in the fixed defaults; MakePlan() decides on optional fields without a
+// value.
+struct PlayOptions {
+  std::string input;
+  Target to;
+  std::string device;  // name or position; empty: by the route to the target
+
+  // Headers.
+  std::optional<IpAddress> src_ip, dst_ip;
+  std::optional<MacAddress> src_mac, dst_mac;
+  std::optional<std::uint32_t> src_port, dst_port;
+  std::optional<std::uint32_t> ether_type;
+  std::optional<std::uint32_t> vlan;
+  std::uint32_t vlan_priority = 0, vlan_tpid = 0;
+  bool vlan_cfi = false;
+  std::optional<std::uint32_t> ip_version, tos, dscp, identification;
+  std::uint32_t ttl = 0, protocol = 0, flow_label = 0;
+  std::optional<bool> dont_fragment;
+  std::uint32_t rtp_version = 0, payload_type = 0;
+  bool rtp_extension = false;
+  std::optional<StartValue> sequence;
+  StartValue ssrc;
+
+  // Payload and rate.
+  std::optional<std::uint32_t> ts_per_datagram, frame_size;
+  bool cut = false;
+  bool raw = false;
+  std::optional<double> bit_rate, frame_bit_rate;
+  std::optional<std::uint32_t> pcr_pid;
+  double ppm = 0;
+
+  // Rounds.
+  std::optional<std::uint64_t> rounds;  // nothing: for ever
+  bool restamp = false;
+  bool near_wrap = false;
+
+  // Shape and copies.
+  std::optional<Burst> burst;
+  std::optional<Jitter> jitter;
+  std::uint32_t copies = 0;
+  std::vector<Step> steps;
+
+  // Deliberate errors.
+  std::optional<ErrorSchedule> lose, bad_ip_checksum, bad_udp_checksum;
+  std::optional<DelaySchedule> delay;
+  bool random = false;
+  std::vector<std::pair<std::chrono::nanoseconds, Action>> time_line;  // in the order given
+
+  // The run itself.
+  bool economy = false;
+  std::uint32_t priority = 0;
+  std::optional<std::chrono::nanoseconds> prefill;
+  bool json = false;
+  bool quiet = false;
+  bool dry_run = false;
+  std::string write_config;
+};
+
+// Adds the options to `command`. Parsing fills `options`, which must live as long as `command`, and
+// throws CLI::ParseError in one line that names the option, the value and what is allowed.
+void DefinePlayOptions(CLI::App& command, PlayOptions& options);
+
+}  // namespace ipplay

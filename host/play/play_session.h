@@ -1,0 +1,79 @@
+// One playout, from its start to its summary.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/base/file_descriptor.h"
+#include "host/base/result.h"
+#include "host/base/terminal.h"
+#include "host/play/feeder.h"
+#include "host/play/play_options.h"
+#include "host/play/play_plan.h"
+#include "host/play/status.h"
+#include "host/play/time_line.h"
+
+namespace ipplay {
+
+// Runs on the thread that calls Run(), beside the feeder's thread. Takes keys, signals and the time
+// line, and shows progress.
+class PlaySession {
+ public:
+  // `stop_reading` is the event that ends a read of the input.
+  PlaySession(const PlayOptions& options, const PlayPlan& plan, std::unique_ptr<RoundReader> reader,
+              int stop_reading);
+  ~PlaySession();
+  PlaySession(const PlaySession&) = delete;
+  PlaySession& operator=(const PlaySession&) = delete;
+
+  ExitStatus Run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  bool Start();
+  void Loop();
+  void WaitForSomething();
+  std::chrono::nanoseconds NextWake() const;
+  std::chrono::nanoseconds ReportInterval() const;
+  std::chrono::nanoseconds Now() const { return Clock::now() - start_; }
+
+  void TakeSignals();
+  void TakeKeys();
+  void PressKey(char key);
+  void Do(const Action& action, const std::string& by);
+  void Pause(bool on);
+  void Stop(const std::string& outcome);
+  void Finish(bool complete);
+
+  void ReadCounters(std::chrono::nanoseconds now);
+  void ReportWhenDue();
+  void Say(const std::string& line);
+  void DrawProgress();
+  void ClearProgress();
+  void WarnOfInput();
+  void Fail(const std::string& why);
+  ExitStatus Conclude();
+
+  const PlayOptions& options_;
+  const PlayPlan& plan_;
+  int stop_reading_;
+  FileDescriptor completed_;  // signalled by the library at the end of the run
+  FileDescriptor signals_;
+  std::unique_ptr<Terminal> terminal_;
+  TimeLine time_line_;
+  StatusMeter meter_;
+  Feeder feeder_;
+  Clock::time_point start_;
+  std::chrono::nanoseconds next_report_{0};
+  bool running_ = false;
+  bool failed_ = false;
+  bool warned_of_read_ = false;
+  bool warned_of_sync_ = false;
+  std::string outcome_ = "Played";
+};
+
+}  // namespace ipplay

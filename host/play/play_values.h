@@ -1,0 +1,94 @@
+// Values of the play options that are more than a number, and how users write them.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/base/address.h"
+
+namespace ipplay {
+
+// "2/1000": so many out of every so many datagrams.
+struct ErrorSchedule {
+  std::uint32_t count = 0;
+  std::uint32_t range = 0;
+};
+inline constexpr std::uint32_t kMostErrorsInRange = 1'000'000;
+std::optional<ErrorSchedule> ParseErrorSchedule(std::string_view text);
+
+// "1/1000:3": the same, each overtaken by so many later datagrams; 1 where it is left out.
+struct DelaySchedule {
+  ErrorSchedule errors;
+  std::uint32_t distance = 1;
+};
+std::optional<DelaySchedule> ParseDelaySchedule(std::string_view text);
+
+// "10ms": a length of stream time in whole milliseconds. "50": a number of datagrams.
+struct Burst {
+  bool by_time = false;
+  std::uint32_t milliseconds = 0;
+  std::uint32_t datagrams = 0;
+};
+std::optional<Burst> ParseBurst(std::string_view text);
+
+// "square:500us" (peak to peak), "gaussian:20%", "squared-difference:10%", "sine:10%" (of the gap).
+struct Jitter {
+  std::uint32_t distribution = 0;  // as JitterDistributionType
+  float amount = 0;                // microseconds or percent, as JitterPeriod
+};
+std::optional<Jitter> ParseJitter(std::string_view text);
+
+// "random", or a number.
+struct StartValue {
+  bool random = true;
+  std::uint32_t value = 0;
+};
+std::optional<StartValue> ParseStartValue(std::string_view text, std::uint32_t highest);
+
+// "idle", "below-normal", "normal", "above-normal", "highest", "time-critical": 0 to 5, as
+// PlayerThreadPriority.
+std::optional<std::uint32_t> ParsePriority(std::string_view text);
+
+// "forever", or a number from 1: rounds; nothing in the inner optional is for ever.
+std::optional<std::optional<std::uint64_t>> ParseRounds(std::string_view text);
+
+// What the time line, or a key, asks of a running playout.
+enum class ActionKind { kLose, kDelay, kBadIpChecksum, kBadUdpChecksum, kPause, kResume, kStop };
+struct Action {
+  ActionKind kind = ActionKind::kStop;
+  std::chrono::nanoseconds length{0};  // of a pause; 0 lasts until it is ended
+};
+// "lose", "delay", "bad-ip-checksum", "bad-udp-checksum", "pause", "pause:2s", "resume", "stop".
+std::optional<Action> ParseAction(std::string_view text);
+
+// What one header field of a copy has more than that of the copy before: "dst-ip=0.0.0.1".
+enum class StepField {
+  kDstMac,
+  kSrcMac,
+  kEtherType,
+  kVlan,
+  kDstIp,
+  kSrcIp,
+  kTtl,
+  kTos,
+  kProtocol,
+  kFlowLabel,
+  kDstPort,
+  kSrcPort,
+  kPayloadType,
+  kSsrc,
+};
+struct Step {
+  StepField field = StepField::kDstIp;
+  MacAddress mac{};          // of the two MAC addresses
+  IpAddress ip{};            // of the two IP addresses
+  std::uint32_t number = 0;  // of the others
+};
+std::optional<Step> ParseStep(std::string_view text);
+// The field's name as in --step.
+std::string_view NameOf(StepField field);
+
+}  // namespace ipplay

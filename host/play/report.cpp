@@ -1,0 +1,197 @@
+#include "host/play/report.h"
+
+#include <fmt/format.h>
+
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "host/base/units.h"
+#include "host/play/frame_fields.h"
+
+namespace ipplay {
+namespace {
+
+using std::chrono::nanoseconds;
+
+nanoseconds JitterOf(const PlayoutStatistics& counters) {
+  return nanoseconds(static_cast<std::int64_t>(counters.Jitter * 1e9));
+}
+
+std::string Errors(const PlayoutStatistics& counters) {
+  return fmt::format("lost {}, late {}, IP checksum {}, UDP checksum {}", counters.LostPackets,
+                     counters.SequenceErrors, counters.IPChecksumErrors,
+                     counters.UDPChecksumErrors);
+}
+
+std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
+  if (options.frame_bit_rate) return "as --frame-bitrate gives it";
+  if (options.bit_rate) return "as given";
+  return fmt::format("by the PCRs of PID {}", facts.rate ? facts.rate->pid : 0);
+}
+
+std::string RoundsText(const PlayPlan& plan) {
+  if (!plan.rounds) return "for ever";
+  return *plan.rounds == 1 ? "once" : fmt::format("{} times", *plan.rounds);
+}
+
+std::string StreamText(const StreamFacts& facts) {
+  const std::string size = facts.bytes ? FormatBytes(*facts.bytes) : "of unknown length";
+  if (facts.format.IsRaw()) return fmt::format("raw bytes, {}", size);
+  const auto packets = facts.Packets();
+  return fmt::format("{}packets of {} bytes, {}",
+                     packets ? fmt::format("{} ", FormatCount(*packets)) : "",
+                     facts.format.packet_bytes, size);
+}
+
+std::string HexBytes(const FrameField& field) {
+  if (!field.open) return fmt::format("{:02x}", fmt::join(field.bytes, " "));
+  std::string hidden;
+  for (std::size_t i = 0; i < field.bytes.size(); ++i) hidden += i == 0 ? "--" : " --";
+  return hidden;
+}
+
+void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts& facts,
+                const PlayPlan& plan, const Path& path) {
+  const auto line = [&text](std::string_view name, const std::string& value) {
+    fmt::format_to(std::back_inserter(text), "  {:<22}{}\n", name, value);
+  };
+  line("input", fmt::format("{}: {}", options.input, StreamText(facts)));
+  line("target", fmt::format("{} through {} (device {})", FormatTarget(options.to),
+                             path.adapter.name, path.adapter.index));
+  line("stream bit rate",
+       fmt::format("{:.3f} bit/s, {}", plan.stream_rate, RateSource(options, facts)));
+  line("frame bit rate", fmt::format("{:.3f} bit/s for one stream", plan.frame_rate));
+  line("datagram size", fmt::format("{} bytes: {} of headers, {} of payload", plan.frame_bytes,
+                                    plan.header_bytes, plan.payload_bytes));
+  line("streams", fmt::format("{}", plan.copies));
+  line("packets per batch", fmt::format("{}", plan.batch));
+  line("gap", fmt::format("{:.3f} us between frames", static_cast<double>(plan.frame_bytes) * 8e6 /
+                                                          (plan.frame_rate * plan.copies)));
+  line("rounds", RoundsText(plan));
+  if (plan.restamp) {
+    line("restamping", fmt::format("start {} and each round {} ticks of 27 MHz",
+                                   plan.restamp->start_offset, plan.restamp->round_ticks));
+  }
+  if (plan.rtp_clock_ratio > 0) {
+    line("RTP clock", fmt::format("{:.6f} kHz", plan.rtp_clock_ratio * 90));
+  }
+  for (const std::string& note : plan.notes) line("note", note);
+}
+
+}  // namespace
+
+std::string FormatClock(nanoseconds time) {
+  const auto seconds = time.count() / 1'000'000'000;
+  if (seconds < 3600) return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
+  return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+}
+
+std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns) {
+  const bool rounds = !plan.rounds || *plan.rounds > 1;
+  const std::string real =
+      status.paused ? "paused" : fmt::format("{:.4f}M", status.recent_rate / 1e6);
+  const PlayoutStatistics& counters = status.counters;
+  std::string line;
+  if (status.share) line += fmt::format("{:.1f} %  ", *status.share * 100);
+  line += FormatClock(status.elapsed);
+  if (status.remaining) line += fmt::format(", {} left", FormatClock(*status.remaining));
+  if (rounds) line += fmt::format("  round {}", status.round);
+  line += fmt::format("  {:.4f}M set, {} real  {} datagrams  {}  jitter {}", plan.stream_rate / 1e6,
+                      real, FormatCount(counters.DatagramsSent), Errors(counters),
+                      FormatDuration(JitterOf(counters)));
+  if (line.size() <= columns) return line;
+
+  line = status.share ? fmt::format("{:.0f}% ", *status.share * 100) : "";
+  line += FormatClock(status.elapsed);
+  if (status.remaining) line += fmt::format("-{}", FormatClock(*status.remaining));
+  if (rounds) line += fmt::format(" round {}", status.round);
+  line += fmt::format(" {:.4g}/{} {} sent lost {} late {} ip {} udp {} jitter {}",
+                      plan.stream_rate / 1e6, real, counters.DatagramsSent, counters.LostPackets,
+                      counters.SequenceErrors, counters.IPChecksumErrors,
+                      counters.UDPChecksumErrors, FormatDuration(JitterOf(counters)));
+  return line.substr(0, columns);
+}
+
+std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
+                         const std::string& device) {
+  std::string text =
+      fmt::format("{}: {}; played {}\n", options.input, StreamText(facts), RoundsText(plan));
+  text += fmt::format("{} through {}: {} {}, frames of {} bytes every {}{}\n",
+                      FormatTarget(options.to), device, FormatBitRate(plan.stream_rate),
+                      RateSource(options, facts), plan.frame_bytes, FormatDuration(plan.gap),
+                      plan.copies == 1 ? "" : fmt::format(", {} streams", plan.copies));
+  return text;
+}
+
+std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Status& status,
+                    std::string_view outcome) {
+  const PlayoutStatistics& counters = status.counters;
+  std::string text = fmt::format("{}: {} to {} in {}", outcome, options.input,
+                                 FormatTarget(options.to), FormatDuration(status.elapsed));
+  if (status.share && *status.share < 1) text += fmt::format(", {:.1f} %", *status.share * 100);
+  text += fmt::format("\n  sent       {} datagrams", FormatCount(counters.DatagramsSent));
+  if (plan.copies > 1) {
+    text += fmt::format(" in {} copies ({} frames)", FormatCount(plan.copies),
+                        FormatCount(counters.DatagramsSent * plan.copies));
+  }
+  if (counters.TSPacketSize > 0) {
+    text += fmt::format(", {} transport packets", FormatCount(counters.TSPacketsSent));
+  }
+  text += fmt::format(", {}\n", FormatBytes(counters.TSBytesSent));
+  text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(plan.stream_rate),
+                      FormatBitRate(status.mean_rate));
+  text += fmt::format("  errors     {}\n", Errors(counters));
+  return text + fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
+}
+
+std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const Status& status,
+                       std::string_view event, std::string_view outcome) {
+  const PlayoutStatistics& counters = status.counters;
+  nlohmann::ordered_json json{{"event", event}};
+  if (!outcome.empty()) json["outcome"] = outcome;
+  json["target"] = FormatTarget(options.to);
+  json["elapsed_s"] = static_cast<double>(status.elapsed.count()) / 1e9;
+  if (status.share) json["percent"] = *status.share * 100;
+  if (status.remaining) {
+    json["remaining_s"] = static_cast<double>(status.remaining->count()) / 1e9;
+  }
+  json["round"] = status.round;
+  json["paused"] = status.paused;
+  json["set_bit_rate"] = plan.stream_rate;
+  json["bit_rate"] = event == "summary" ? status.mean_rate : status.recent_rate;
+  json["mean_bit_rate"] = status.mean_rate;
+  json["datagrams"] = counters.DatagramsSent;
+  json["frames"] = counters.DatagramsSent * plan.copies;
+  json["datagram_size"] = plan.frame_bytes;
+  json["bytes"] = counters.BytesSent;
+  json["ts_packets"] = counters.TSPacketsSent;
+  json["ts_bytes"] = counters.TSBytesSent;
+  json["lost"] = counters.LostPackets;
+  json["lost_bytes"] = counters.LostBytes;
+  json["late"] = counters.SequenceErrors;
+  json["bad_ip_checksums"] = counters.IPChecksumErrors;
+  json["bad_udp_checksums"] = counters.UDPChecksumErrors;
+  json["jitter_s"] = counters.Jitter;
+  // Names of files need not be UTF-8.
+  return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::string DryRun(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
+                   const Path& path, std::span<const std::uint8_t> payload) {
+  std::string text = "Playout\n";
+  AddDerived(text, options, facts, plan, path);
+  text += "\nSettings\n";
+  for (const NamedSetting& setting : Describe(plan.settings)) {
+    text += fmt::format("  {:<34}{}\n", setting.name, setting.value);
+  }
+  text += "\nHeaders of the first datagram\n";
+  text += fmt::format("  {:>6}  {:<48}{:<42}{}\n", "offset", "bytes", "field", "value");
+  const bool known = path.destination.has_value() || options.dst_mac.has_value();
+  for (const FrameField& field : FirstFrameFields(plan.settings.params, known, payload)) {
+    text += fmt::format("  {:>6}  {:<48}{:<42}{}\n", field.offset, HexBytes(field), field.name,
+                        field.value);
+  }
+  return text;
+}
+
+}  // namespace ipplay

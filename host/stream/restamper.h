@@ -1,0 +1,81 @@
+// Makes the rounds of a looped stream one stream: the clocks (PCR, PTS, DTS and the arrival time
+// of 192-byte packets) and the continuity counters run on where a round starts again.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "host/stream/packet_format.h"
+#include "host/stream/pcr_rate.h"
+
+namespace ipplay {
+
+// A packet that is put in: a null packet, or one with nothing but a PCR.
+struct SeamPacket {
+  std::uint64_t before_packet = 0;   // of the round, counted from 0 without those that are put in
+  std::optional<std::uint64_t> pcr;  // in the clock of the file, 27 MHz
+};
+
+struct RestampPlan {
+  std::uint64_t start_offset = 0;  // added to all clocks from the first round on, 27 MHz ticks
+  std::uint64_t round_ticks = 0;   // added once more for every further round
+  std::uint16_t pcr_pid = 0;
+  std::vector<SeamPacket> seam{};  // in order
+};
+
+// What is put into a round of `packets` packets: so many null packets at its end, and PCRs where
+// its last one and the first one of the next round are farther apart than receivers are tested for.
+std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
+                                    std::uint64_t null_packets);
+
+// Left as they are: discontinuities inside the file, elementary stream clock references, splice
+// times in private sections, PES headers that start in one packet and end in the next, time stamps
+// of scrambled packets, and the parity bytes of 204-byte packets.
+class Restamper {
+ public:
+  using Bytes = std::span<const std::uint8_t>;
+  // False ends the run.
+  using Emit = std::function<bool(Bytes)>;
+
+  Restamper(PacketFormat format, RestampPlan plan);
+
+  // Rewrites whole packets in place and hands them on, with those that are put in. The next packets
+  // of the round follow with the next call; no packets end the round.
+  bool Run(std::span<std::uint8_t> packets, const Emit& emit);
+  // To be called between two rounds.
+  void StartNextRound();
+
+  // Rewrites one packet of the format in place.
+  void Restamp(std::uint8_t* packet);
+
+ private:
+  struct Counter {
+    std::uint8_t last = 0;       // last value sent
+    std::uint8_t shift = 0;      // added to the file's values in this round
+    bool started = false;        // a packet of the PID was sent
+    bool started_round = false;  // the same in this round
+  };
+
+  bool IsPacketDue() const;
+  Bytes MakePacket(const std::uint8_t* next);
+  void RestampCounter(std::uint8_t* packet);
+  void RestampClock(std::uint8_t* packet) const;
+  void RestampPes(std::uint8_t* packet) const;
+  void RestampArrival(std::uint8_t* header) const;
+  std::uint64_t Shifted(std::uint64_t timestamp_90khz) const;
+
+  PacketFormat format_;
+  RestampPlan plan_;
+  std::uint64_t offset_;
+  std::uint64_t packet_ = 0;          // index in the round of the next packet
+  std::size_t next_seam_packet_ = 0;  // in plan_.seam
+  std::vector<std::uint8_t> made_;    // the packet that was put in last
+  bool first_round_ = true;
+  std::array<Counter, 8192> counters_{};
+};
+
+}  // namespace ipplay

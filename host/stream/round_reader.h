@@ -1,0 +1,49 @@
+// Delivers the stream of an input round by round, in whole packets.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "host/stream/input.h"
+#include "host/stream/stream_facts.h"
+
+namespace ipplay {
+
+class RoundReader {
+ public:
+  // `input` stands at the first packet, as Examine() leaves it.
+  RoundReader(Input input, const StreamFacts& facts);
+
+  // The next packets of the round (bytes of raw input), to be used before the next call. Waits for
+  // a pipe. Empty at the end of the round.
+  std::span<std::uint8_t> Next();
+  // Back to the first packet. Of a file only.
+  void StartNextRound();
+
+  // Offset in the input where a packet had no sync byte. May be called from any thread.
+  std::optional<std::uint64_t> sync_lost() const;
+  PacketFormat format() const { return format_; }
+  // errno of a read that failed, ENODATA where a file ended before its end, or 0.
+  int error() const;
+
+ private:
+  void CheckSync(std::span<const std::uint8_t> packets);
+
+  static constexpr std::uint64_t kNever = UINT64_MAX;
+
+  Input input_;
+  PacketFormat format_;
+  std::uint64_t first_packet_;
+  std::optional<std::uint64_t> round_bytes_;
+  std::uint64_t delivered_ = 0;  // of this round
+  std::vector<std::uint8_t> block_;
+  std::size_t filled_ = 0;  // bytes in block_
+  bool cut_short_ = false;
+  std::size_t taken_ = 0;  // of these, delivered by the last Next()
+  std::atomic<std::uint64_t> sync_lost_{kNever};
+};
+
+}  // namespace ipplay

@@ -1,0 +1,37 @@
+// What can be known of a stream before it is played.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "host/base/result.h"
+#include "host/stream/input.h"
+#include "host/stream/packet_format.h"
+#include "host/stream/pcr_rate.h"
+
+namespace ipplay {
+
+struct StreamFacts {
+  PacketFormat format;
+  std::uint64_t first_packet = 0;      // offset; bytes in front of it are not played
+  std::optional<std::uint64_t> bytes;  // in whole packets (all bytes of raw input), of a file
+  std::uint64_t trailing_bytes = 0;    // behind the last whole packet; not played
+  std::optional<PcrRate> rate;         // where there are PCRs
+  std::uint64_t content_ticks = 0;     // of a file, as PesTimes::Ticks()
+
+  std::optional<std::uint64_t> Packets() const;
+  // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.
+  std::optional<double> BitRate() const;
+};
+
+struct ExamineOptions {
+  bool raw = false;
+  bool want_rate = true;  // false: a pipe need not be read ahead for its PCRs
+  std::optional<std::uint16_t> pcr_pid{};
+};
+
+// Reads a file from end to end, checks every sync byte, and takes the bit rate from the PCRs. Of a
+// pipe it reads ahead until the PCRs cover two seconds. `input` then stands at the first packet.
+Result<StreamFacts> Examine(Input& input, const ExamineOptions& options);
+
+}  // namespace ipplay
