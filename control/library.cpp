@@ -9,11 +9,11 @@ namespace {
 // them alone.
 class LoadedLibrary {
  public:
-  LoadedLibrary() : library_(new Library(PlatformDriver())), process_(getpid()) {}
+  LoadedLibrary() : library_(new Library(PlatformDriver())), process_(::getpid()) {}
   LoadedLibrary(const LoadedLibrary&) = delete;
   LoadedLibrary& operator=(const LoadedLibrary&) = delete;
   ~LoadedLibrary() {
-    if (process_ == getpid()) {
+    if (process_ == ::getpid()) {
       delete library_;
     }
   }
@@ -25,7 +25,8 @@ class LoadedLibrary {
   pid_t process_;
 };
 
-// Throws while the library is being loaded if memory runs out; there is no caller to return an error to.
+// Throws while the library is being loaded if memory runs out; there is no caller to return an
+// error to.
 LoadedLibrary loaded;  // NOLINT(cert-err58-cpp)
 
 }  // namespace

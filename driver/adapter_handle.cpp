@@ -21,11 +21,11 @@ Descriptor OpenPacketSocket(unsigned interface_index) {
   sockaddr_ll address{};
   address.sll_family = AF_PACKET;
   address.sll_ifindex = static_cast<int>(interface_index);
-  if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  if (::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return Descriptor();
   }
   const int on = 1;
-  setsockopt(socket.Get(), SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on);
+  ::setsockopt(socket.Get(), SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on);
   return socket;
 }
 

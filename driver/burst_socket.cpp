@@ -16,7 +16,7 @@ void WaitUntilWritable(int descriptor, nanoseconds limit) {
   const timespec time{static_cast<time_t>(seconds.count()),
                       static_cast<long>((limit - seconds).count())};
   pollfd target{descriptor, POLLOUT, 0};
-  ppoll(&target, 1, &time, nullptr);
+  ::ppoll(&target, 1, &time, nullptr);
 }
 
 }  // namespace
@@ -40,8 +40,8 @@ std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames) {
   Patience patience(patience_);
   while (sent < count) {
     // What keeps a frame from being sent is reported by the call that begins with it.
-    const int result = sendmmsg(descriptor_, &messages_[sent], static_cast<unsigned>(count - sent),
-                                MSG_DONTWAIT | MSG_NOSIGNAL);
+    const int result = ::sendmmsg(descriptor_, &messages_[sent],
+                                  static_cast<unsigned>(count - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (result > 0) {
       sent += static_cast<std::size_t>(result);
       patience.Progress();

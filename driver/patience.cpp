@@ -27,7 +27,7 @@ bool Patience::Nap() {
     return false;
   }
   const timespec time{0, static_cast<long>(kNap.count())};
-  nanosleep(&time, nullptr);
+  ::nanosleep(&time, nullptr);
   return true;
 }
 

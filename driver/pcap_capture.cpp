@@ -20,7 +20,7 @@ void WaitUntilReadable(int descriptor, std::chrono::nanoseconds limit) {
   const timespec time{static_cast<time_t>(seconds.count()),
                       static_cast<long>((limit - seconds).count())};
   pollfd target{descriptor, POLLIN, 0};
-  ppoll(&target, 1, &time, nullptr);
+  ::ppoll(&target, 1, &time, nullptr);
 }
 
 // What the empty filter compiles to. The compiler ends the process when it finds no memory, so a
@@ -32,7 +32,7 @@ class FilterProgram {
   FilterProgram() = default;
   FilterProgram(const FilterProgram&) = delete;
   FilterProgram& operator=(const FilterProgram&) = delete;
-  ~FilterProgram() { pcap_freecode(&program_); }
+  ~FilterProgram() { ::pcap_freecode(&program_); }
 
   bpf_program* Get() { return &program_; }
 
@@ -43,34 +43,34 @@ class FilterProgram {
 }  // namespace
 
 void PcapCapture::Close::operator()(pcap* capture) const {
-  pcap_close(capture);
+  ::pcap_close(capture);
 }
 
 PcapCapture::PcapCapture(Capture capture, std::chrono::milliseconds read_timeout)
     : capture_(std::move(capture)),
-      descriptor_(pcap_fileno(capture_.get())),
+      descriptor_(::pcap_fileno(capture_.get())),
       read_timeout_(read_timeout) {}
 
 std::unique_ptr<PcapCapture> PcapCapture::Open(const std::string& interface,
                                                const OpenOptions& options) {
   char error[PCAP_ERRBUF_SIZE];
-  Capture capture(pcap_create(interface.c_str(), error));
+  Capture capture(::pcap_create(interface.c_str(), error));
   if (capture == nullptr) {
     return nullptr;
   }
-  pcap_set_snaplen(capture.get(), options.snapshot_length);
-  pcap_set_promisc(capture.get(), options.promiscuous ? 1 : 0);
-  pcap_set_timeout(capture.get(), kBlockTimeoutMs);
-  pcap_set_immediate_mode(capture.get(), options.immediate ? 1 : 0);
+  ::pcap_set_snaplen(capture.get(), options.snapshot_length);
+  ::pcap_set_promisc(capture.get(), options.promiscuous ? 1 : 0);
+  ::pcap_set_timeout(capture.get(), kBlockTimeoutMs);
+  ::pcap_set_immediate_mode(capture.get(), options.immediate ? 1 : 0);
   if (options.buffer_bytes > 0) {
-    pcap_set_buffer_size(capture.get(), options.buffer_bytes);
+    ::pcap_set_buffer_size(capture.get(), options.buffer_bytes);
   }
   // Positive results are warnings.
-  if (pcap_activate(capture.get()) < 0 || pcap_setnonblock(capture.get(), 1, error) != 0) {
+  if (::pcap_activate(capture.get()) < 0 || ::pcap_setnonblock(capture.get(), 1, error) != 0) {
     return nullptr;
   }
   std::unique_ptr<PcapCapture> opened(new PcapCapture(std::move(capture), options.read_timeout));
-  fcntl(opened->descriptor_, F_SETFD, FD_CLOEXEC);
+  ::fcntl(opened->descriptor_, F_SETFD, FD_CLOEXEC);
   return opened;
 }
 
@@ -81,14 +81,14 @@ FilterResult PcapCapture::SetFilter(const char* text, std::uint32_t netmask) {
     return Install(program);
   }
   FilterProgram program;
-  if (const int code = pcap_compile(capture_.get(), program.Get(), text, 1, netmask); code < 0) {
+  if (const int code = ::pcap_compile(capture_.get(), program.Get(), text, 1, netmask); code < 0) {
     return {FilterResult::Stage::kCompile, code};
   }
   return Install(*program.Get());
 }
 
 FilterResult PcapCapture::Install(bpf_program& program) {
-  const int code = pcap_setfilter(capture_.get(), &program);
+  const int code = ::pcap_setfilter(capture_.get(), &program);
   return code < 0 ? FilterResult{FilterResult::Stage::kSet, code} : FilterResult{};
 }
 
@@ -99,7 +99,7 @@ std::optional<CapturedFrame> PcapCapture::NextFrame() {
   for (;;) {
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;
-    const int result = pcap_next_ex(capture_.get(), &header, &bytes);
+    const int result = ::pcap_next_ex(capture_.get(), &header, &bytes);
     if (result == 1) {
       return CapturedFrame{header->ts.tv_sec, header->ts.tv_usec, {bytes, header->caplen}};
     }

@@ -62,7 +62,7 @@ bool CanCarryPlayout(const pcap_if_t& listed) {
 std::optional<std::vector<Adapter>> PcapDriver::FindAllAdapters() {
   char error[PCAP_ERRBUF_SIZE];
   pcap_if_t* first = nullptr;
-  if (pcap_findalldevs(&first, error) != 0) {
+  if (::pcap_findalldevs(&first, error) != 0) {
     return std::nullopt;
   }
   const std::unique_ptr<pcap_if_t, decltype(&pcap_freealldevs)> list(first, pcap_freealldevs);

@@ -19,13 +19,13 @@ constexpr int kBindTries = 50;
 constexpr timespec kBindPause{0, 200'000};
 
 bool Set(int socket, int option, std::uint32_t value) {
-  return setsockopt(socket, SOL_XDP, option, &value, sizeof value) == 0;
+  return ::setsockopt(socket, SOL_XDP, option, &value, sizeof value) == 0;
 }
 
 }  // namespace
 
 std::unique_ptr<XdpRings> XdpRings::Open(unsigned interface_index, std::uint32_t chunk_bytes) {
-  platform::Descriptor descriptor(socket(AF_XDP, SOCK_RAW | SOCK_CLOEXEC, 0));
+  platform::Descriptor descriptor(::socket(AF_XDP, SOCK_RAW | SOCK_CLOEXEC, 0));
   if (!descriptor.IsOpen()) {
     return nullptr;
   }
@@ -47,7 +47,7 @@ XdpRings::XdpRings(platform::Descriptor socket, std::uint32_t chunk_bytes)
 XdpRings::~XdpRings() {
   for (const Ring& ring : {transmit_, completion_}) {
     if (ring.memory != nullptr) {
-      munmap(ring.memory, ring.size);
+      ::munmap(ring.memory, ring.size);
     }
   }
 }
@@ -61,7 +61,7 @@ bool XdpRings::Register() {
   memory.len = chunks_.Size();
   memory.chunk_size = chunk_bytes_;
   const int descriptor = socket_.Get();
-  return setsockopt(descriptor, SOL_XDP, XDP_UMEM_REG, &memory, sizeof memory) == 0 &&
+  return ::setsockopt(descriptor, SOL_XDP, XDP_UMEM_REG, &memory, sizeof memory) == 0 &&
          Set(descriptor, XDP_UMEM_FILL_RING, kFillEntries) &&
          Set(descriptor, XDP_UMEM_COMPLETION_RING, kChunks) &&
          Set(descriptor, XDP_TX_RING, kChunks);
@@ -70,7 +70,7 @@ bool XdpRings::Register() {
 bool XdpRings::MapRings() {
   xdp_mmap_offsets offsets{};
   socklen_t size = sizeof offsets;
-  if (getsockopt(socket_.Get(), SOL_XDP, XDP_MMAP_OFFSETS, &offsets, &size) != 0 ||
+  if (::getsockopt(socket_.Get(), SOL_XDP, XDP_MMAP_OFFSETS, &offsets, &size) != 0 ||
       size != sizeof offsets) {
     return false;
   }
@@ -81,8 +81,8 @@ bool XdpRings::MapRings() {
 bool XdpRings::Map(Ring& ring, const xdp_ring_offset& offsets, std::size_t entry_bytes,
                    std::int64_t page) {
   ring.size = offsets.desc + kChunks * entry_bytes;
-  void* memory = mmap(nullptr, ring.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE,
-                      socket_.Get(), page);
+  void* memory = ::mmap(nullptr, ring.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE,
+                        socket_.Get(), page);
   if (memory == MAP_FAILED) {
     return false;
   }
@@ -100,13 +100,13 @@ bool XdpRings::Bind(unsigned interface_index) {
   address.sxdp_flags = XDP_COPY;
   address.sxdp_ifindex = interface_index;
   for (int tries = 0; tries < kBindTries; ++tries) {
-    if (bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    if (::bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
       return true;
     }
     if (errno != EBUSY) {
       return false;
     }
-    nanosleep(&kBindPause, nullptr);
+    ::nanosleep(&kBindPause, nullptr);
   }
   return false;
 }
@@ -137,7 +137,8 @@ void XdpRings::Publish() {
 }
 
 int XdpRings::Kick() const {
-  return sendto(socket_.Get(), nullptr, 0, MSG_DONTWAIT | MSG_NOSIGNAL, nullptr, 0) < 0 ? errno : 0;
+  return ::sendto(socket_.Get(), nullptr, 0, MSG_DONTWAIT | MSG_NOSIGNAL, nullptr, 0) < 0 ? errno
+                                                                                          : 0;
 }
 
 std::uint32_t XdpRings::Taken() const {
@@ -174,7 +175,7 @@ std::optional<std::size_t> XdpRings::TakeBack(std::size_t count) {
 std::uint64_t XdpRings::Refused() const {
   xdp_statistics statistics{};
   socklen_t size = sizeof statistics;
-  getsockopt(socket_.Get(), SOL_XDP, XDP_STATISTICS, &statistics, &size);
+  ::getsockopt(socket_.Get(), SOL_XDP, XDP_STATISTICS, &statistics, &size);
   return statistics.tx_invalid_descs;
 }
 

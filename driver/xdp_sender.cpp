@@ -81,7 +81,7 @@ bool XdpSender::CanCarry(std::span<const FrameBytes> frames) const {
 std::size_t XdpSender::AdapterMtu() const {
   ifreq request{};
   interface_.copy(request.ifr_name, sizeof request.ifr_name - 1);
-  return ioctl(packet_socket_, SIOCGIFMTU, &request) == 0 && request.ifr_mtu > 0
+  return ::ioctl(packet_socket_, SIOCGIFMTU, &request) == 0 && request.ifr_mtu > 0
              ? static_cast<std::size_t>(request.ifr_mtu)
              : 0;
 }

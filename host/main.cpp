@@ -50,8 +50,10 @@ int Run(int argc, char** argv) {
   if (outcome && *outcome == 0 && !ipplay::ResultsAreWritten()) {
     return Tell(ExitStatus::kFailed, "standard output cannot be written");
   }
-  if (outcome) return *outcome;
-  const ipplay::Failure& failure = outcome.failure();
+  if (outcome) {
+    return *outcome;
+  }
+  const ipplay::Failure& failure = outcome.Error();
   return Tell(failure.status, ipplay::NameAsTyped(app, words, failure.message));
 }
 

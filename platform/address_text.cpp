@@ -8,14 +8,14 @@ namespace {
 template <int family, typename Address>
 std::string Text(const Address& address) {
   char text[INET6_ADDRSTRLEN] = {};
-  inet_ntop(family, address.data(), text, sizeof text);
+  ::inet_ntop(family, address.data(), text, sizeof text);
   return text;
 }
 
 template <int family, typename Address>
 std::optional<Address> Parse(const std::string& text) {
   Address address{};
-  if (inet_pton(family, text.c_str(), address.data()) != 1) {
+  if (::inet_pton(family, text.c_str(), address.data()) != 1) {
     return std::nullopt;
   }
   return address;

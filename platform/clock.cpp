@@ -6,7 +6,7 @@ namespace ipplayout::platform {
 
 std::chrono::nanoseconds MonotonicNow() noexcept {
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 

@@ -6,7 +6,7 @@ namespace ipplayout::platform {
 
 Descriptor::~Descriptor() {
   if (IsOpen()) {
-    close(value_);
+    ::close(value_);
   }
 }
 

@@ -16,8 +16,8 @@ static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 void Wait(const std::atomic<std::uint32_t>& word, std::uint32_t expected,
           const timespec* deadline) {
   // The bitset form takes an absolute time on CLOCK_MONOTONIC, so no time is lost in between.
-  syscall(SYS_futex, &word, FUTEX_WAIT_BITSET_PRIVATE, expected, deadline, nullptr,
-          FUTEX_BITSET_MATCH_ANY);
+  ::syscall(SYS_futex, &word, FUTEX_WAIT_BITSET_PRIVATE, expected, deadline, nullptr,
+            FUTEX_BITSET_MATCH_ANY);
 }
 
 }  // namespace
@@ -36,7 +36,7 @@ void FutexWaitUntil(const std::atomic<std::uint32_t>& word, std::uint32_t expect
 }
 
 void FutexWakeAll(const std::atomic<std::uint32_t>& word) {
-  syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+  ::syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
 }  // namespace ipplayout::platform

@@ -17,19 +17,19 @@ int Descriptor(EventHandle event) {
 
 void SignalHostEvent(EventHandle event) {
   pollfd target{Descriptor(event), POLLOUT, 0};
-  if (poll(&target, 1, 0) != 1 || (target.revents & POLLOUT) == 0) {
+  if (::poll(&target, 1, 0) != 1 || (target.revents & POLLOUT) == 0) {
     return;
   }
   const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = write(target.fd, &one, sizeof one);
+  [[maybe_unused]] const auto written = ::write(target.fd, &one, sizeof one);
 }
 
 std::optional<OwnedHostEvent> OwnedHostEvent::Create() {
-  int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (descriptor == kNullEvent) {
     // A host that has closed its standard input gets descriptor 0, which hosts read as null.
-    descriptor = dup(kNullEvent);
-    close(kNullEvent);
+    descriptor = ::dup(kNullEvent);
+    ::close(kNullEvent);
   }
   if (descriptor < 0) {
     return std::nullopt;
@@ -47,7 +47,7 @@ OwnedHostEvent& OwnedHostEvent::operator=(OwnedHostEvent&& other) noexcept {
 
 OwnedHostEvent::~OwnedHostEvent() {
   if (handle_ != kInvalidEvent) {
-    close(Descriptor(handle_));
+    ::close(Descriptor(handle_));
   }
 }
 
@@ -55,7 +55,7 @@ void WaitForEither(EventHandle first, EventHandle second) {
   pollfd events[] = {{Descriptor(first), POLLIN, 0}, {Descriptor(second), POLLIN, 0}};
   // A closed descriptor (POLLNVAL) is dropped from the set, since it would end every poll at once.
   for (;;) {
-    const int ready = poll(events, 2, -1);
+    const int ready = ::poll(events, 2, -1);
     for (pollfd& event : events) {
       if (ready > 0 && (event.revents & POLLIN) != 0) {
         return;

@@ -24,14 +24,14 @@ IPv4Address ToIPv4(const sockaddr* address) {
 
 std::optional<IPv4Address> AddressOfName() {
   char name[256] = {};
-  if (gethostname(name, sizeof name - 1) != 0) {
+  if (::gethostname(name, sizeof name - 1) != 0) {
     return std::nullopt;
   }
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_DGRAM;  // one entry per address
   addrinfo* first = nullptr;
-  if (getaddrinfo(name, nullptr, &hints, &first) != 0 || first == nullptr) {
+  if (::getaddrinfo(name, nullptr, &hints, &first) != 0 || first == nullptr) {
     return std::nullopt;
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(first, freeaddrinfo);
@@ -40,7 +40,7 @@ std::optional<IPv4Address> AddressOfName() {
 
 std::optional<IPv4Address> AddressOfInterfaces() {
   ifaddrs* first = nullptr;
-  if (getifaddrs(&first) != 0) {
+  if (::getifaddrs(&first) != 0) {
     return std::nullopt;
   }
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> list(first, freeifaddrs);

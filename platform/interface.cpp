@@ -19,8 +19,8 @@ std::optional<InterfaceProperties> QueryInterface(const std::string& name, int& 
     return std::nullopt;
   }
   name.copy(request.ifr_name, name.size());
-  const Descriptor query_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!query_socket.IsOpen() || ioctl(query_socket.Get(), SIOCGIFHWADDR, &request) != 0) {
+  const Descriptor query_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!query_socket.IsOpen() || ::ioctl(query_socket.Get(), SIOCGIFHWADDR, &request) != 0) {
     error = errno;
     return std::nullopt;
   }
@@ -30,7 +30,7 @@ std::optional<InterfaceProperties> QueryInterface(const std::string& name, int& 
   if (properties.ethernet_framed) {
     std::memcpy(properties.mac.data(), request.ifr_hwaddr.sa_data, properties.mac.size());
   }
-  if (ioctl(query_socket.Get(), SIOCGIFFLAGS, &request) != 0) {
+  if (::ioctl(query_socket.Get(), SIOCGIFFLAGS, &request) != 0) {
     error = errno;
     return std::nullopt;
   }
@@ -40,12 +40,12 @@ std::optional<InterfaceProperties> QueryInterface(const std::string& name, int& 
 }
 
 unsigned InterfaceIndex(const std::string& name) {
-  return if_nametoindex(name.c_str());
+  return ::if_nametoindex(name.c_str());
 }
 
 std::string InterfaceName(unsigned index) {
   char name[IF_NAMESIZE] = {};
-  return if_indextoname(index, name) == nullptr ? std::string() : std::string(name);
+  return ::if_indextoname(index, name) == nullptr ? std::string() : std::string(name);
 }
 
 }  // namespace ipplayout::platform

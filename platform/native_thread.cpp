@@ -44,8 +44,8 @@ int UnprivilegedNice(std::int32_t level) {
 
 void SetNice(pid_t thread, const PriorityRow& row) {
   const auto id = static_cast<id_t>(thread);
-  if (setpriority(PRIO_PROCESS, id, row.nice) != 0) {
-    setpriority(PRIO_PROCESS, id, UnprivilegedNice(row.level));
+  if (::setpriority(PRIO_PROCESS, id, row.nice) != 0) {
+    ::setpriority(PRIO_PROCESS, id, UnprivilegedNice(row.level));
   }
 }
 
@@ -62,8 +62,8 @@ struct NativeThread::State {
 
   static void* Main(void* opaque) {
     auto* self = static_cast<State*>(opaque);
-    self->id = static_cast<pid_t>(syscall(SYS_gettid));
-    prctl(PR_SET_NAME, self->name.data());
+    self->id = static_cast<pid_t>(::syscall(SYS_gettid));
+    ::prctl(PR_SET_NAME, self->name.data());
     self->id_known.Set();
     self->entry(self->argument);
     return nullptr;
@@ -82,7 +82,7 @@ std::unique_ptr<NativeThread> NativeThread::Start(const char* name, std::size_t 
   state->entry = entry;
   state->argument = argument;
   std::strncpy(state->name.data(), name, kVisibleNameLength);
-  state->process = getpid();
+  state->process = ::getpid();
   std::unique_ptr<NativeThread> owner(new (std::nothrow) NativeThread(std::move(state)));
   if (owner == nullptr) {
     return nullptr;
@@ -90,18 +90,18 @@ std::unique_ptr<NativeThread> NativeThread::Start(const char* name, std::size_t 
   State& shared = *owner->state_;
 
   pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
+  ::pthread_attr_init(&attributes);
   if (stack_size != 0) {
-    pthread_attr_setstacksize(&attributes, stack_size);
+    ::pthread_attr_setstacksize(&attributes, stack_size);
   }
   // A new thread inherits the mask: the host's signals stay with the host's threads.
   sigset_t all;
   sigset_t previous;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &previous);
-  const int result = pthread_create(&shared.thread, &attributes, State::Main, &shared);
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  pthread_attr_destroy(&attributes);
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+  const int result = ::pthread_create(&shared.thread, &attributes, State::Main, &shared);
+  ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  ::pthread_attr_destroy(&attributes);
   if (result != 0) {
     shared.process = 0;
     return nullptr;
@@ -111,8 +111,8 @@ std::unique_ptr<NativeThread> NativeThread::Start(const char* name, std::size_t 
 }
 
 NativeThread::~NativeThread() {
-  if (state_->process == getpid()) {
-    pthread_join(state_->thread, nullptr);
+  if (state_->process == ::getpid()) {
+    ::pthread_join(state_->thread, nullptr);
   }
 }
 
@@ -128,29 +128,29 @@ void NativeThread::SetPriority(std::int32_t level, bool real_time) {
     sched_param parameters{};
     parameters.sched_priority = real_time ? row.round_robin : 0;
     const int policy = real_time ? SCHED_RR : SCHED_OTHER;
-    if (sched_setscheduler(state_->id, policy, &parameters) != 0 || !real_time) {
+    if (::sched_setscheduler(state_->id, policy, &parameters) != 0 || !real_time) {
       SetNice(state_->id, row);
     }
   }
 }
 
 bool UseFinestTimerSlack() {
-  return prctl(PR_SET_TIMERSLACK, 1UL) == 0;
+  return ::prctl(PR_SET_TIMERSLACK, 1UL) == 0;
 }
 
 bool IsNice() {
-  return getpriority(PRIO_PROCESS, 0) > 0;
+  return ::getpriority(PRIO_PROCESS, 0) > 0;
 }
 
 void GiveUpCapabilities() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
   // Always allowed.
-  syscall(SYS_capset, &header, none.data());
+  ::syscall(SYS_capset, &header, none.data());
 }
 
 void YieldProcessor() {
-  sched_yield();
+  ::sched_yield();
 }
 
 }  // namespace ipplayout::platform

@@ -100,10 +100,10 @@ int AskToResolve(NetlinkSocket& kernel, const Neighbour& neighbour) {
 
 // An empty datagram to the discard port makes the kernel resolve its receiver.
 bool SendDatagram(const Neighbour& neighbour) {
-  const Descriptor sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const Descriptor sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const std::uint32_t index = htonl(neighbour.interface_index);
   if (!sender.IsOpen() ||
-      setsockopt(sender.Get(), IPPROTO_IP, IP_UNICAST_IF, &index, sizeof index) != 0) {
+      ::setsockopt(sender.Get(), IPPROTO_IP, IP_UNICAST_IF, &index, sizeof index) != 0) {
     return false;
   }
   constexpr std::uint16_t kDiscardPort = 9;
@@ -114,7 +114,7 @@ bool SendDatagram(const Neighbour& neighbour) {
   sockaddr address{};
   static_assert(sizeof address == sizeof receiver);
   std::memcpy(&address, &receiver, sizeof receiver);
-  return sendto(sender.Get(), nullptr, 0, MSG_DONTWAIT, &address, sizeof address) == 0;
+  return ::sendto(sender.Get(), nullptr, 0, MSG_DONTWAIT, &address, sizeof address) == 0;
 }
 
 bool StartResolution(NetlinkSocket& kernel, const Neighbour& neighbour) {

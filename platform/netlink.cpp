@@ -23,7 +23,7 @@ struct AttributeList {
 
 int KeepAttribute(const nlattr* attribute, void* context) {
   const auto& list = *static_cast<AttributeList*>(context);
-  const std::size_t type = mnl_attr_get_type(attribute);
+  const std::size_t type = ::mnl_attr_get_type(attribute);
   if (type < list.size) {
     list.attributes[type] = attribute;
   }
@@ -47,7 +47,7 @@ bool WaitUntilReadable(int descriptor, std::chrono::nanoseconds deadline) {
     const timespec limit{static_cast<time_t>(seconds.count()),
                          static_cast<long>((left - seconds).count())};
     pollfd target{descriptor, POLLIN, 0};
-    const int ready = ppoll(&target, 1, &limit, nullptr);
+    const int ready = ::ppoll(&target, 1, &limit, nullptr);
     if (ready >= 0 || errno != EINTR) {
       return ready == 1;
     }
@@ -57,12 +57,12 @@ bool WaitUntilReadable(int descriptor, std::chrono::nanoseconds deadline) {
 }  // namespace
 
 const void* NetlinkPayload(const nlmsghdr& message) {
-  return mnl_nlmsg_get_payload(&message);
+  return ::mnl_nlmsg_get_payload(&message);
 }
 
 NetlinkAttributes::NetlinkAttributes(const nlmsghdr& message, std::size_t header_size) {
   AttributeList list{attributes_.data(), attributes_.size()};
-  mnl_attr_parse(&message, static_cast<unsigned>(header_size), KeepAttribute, &list);
+  ::mnl_attr_parse(&message, static_cast<unsigned>(header_size), KeepAttribute, &list);
 }
 
 std::span<const std::uint8_t> NetlinkAttributes::Bytes(std::size_t type) const {
@@ -70,8 +70,8 @@ std::span<const std::uint8_t> NetlinkAttributes::Bytes(std::size_t type) const {
   if (attribute == nullptr) {
     return {};
   }
-  return {static_cast<const std::uint8_t*>(mnl_attr_get_payload(attribute)),
-          mnl_attr_get_payload_len(attribute)};
+  return {static_cast<const std::uint8_t*>(::mnl_attr_get_payload(attribute)),
+          ::mnl_attr_get_payload_len(attribute)};
 }
 
 std::uint32_t NetlinkAttributes::Number(std::size_t type, std::uint32_t absent) const {
@@ -84,17 +84,17 @@ std::uint32_t NetlinkAttributes::Number(std::size_t type, std::uint32_t absent) 
 }
 
 NetlinkRequest::NetlinkRequest(std::uint16_t type, std::uint16_t flags)
-    : message_(mnl_nlmsg_put_header(buffer_.data())) {
+    : message_(::mnl_nlmsg_put_header(buffer_.data())) {
   message_->nlmsg_type = type;
   message_->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
 }
 
 void* NetlinkRequest::AddHeaderBytes(std::size_t size) {
-  return mnl_nlmsg_put_extra_header(message_, size);
+  return ::mnl_nlmsg_put_extra_header(message_, size);
 }
 
 void NetlinkRequest::AddBytes(std::uint16_t type, std::span<const std::uint8_t> bytes) {
-  mnl_attr_put(message_, type, bytes.size(), bytes.data());
+  ::mnl_attr_put(message_, type, bytes.size(), bytes.data());
 }
 
 void NetlinkRequest::AddNumber(std::uint16_t type, std::uint32_t number) {
@@ -102,12 +102,12 @@ void NetlinkRequest::AddNumber(std::uint16_t type, std::uint32_t number) {
 }
 
 void NetlinkSocket::Close::operator()(mnl_socket* socket) const {
-  mnl_socket_close(socket);
+  ::mnl_socket_close(socket);
 }
 
 NetlinkSocket::NetlinkSocket(unsigned groups)
     : socket_(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC)) {
-  if (socket_ != nullptr && mnl_socket_bind(socket_.get(), groups, MNL_SOCKET_AUTOPID) != 0) {
+  if (socket_ != nullptr && ::mnl_socket_bind(socket_.get(), groups, MNL_SOCKET_AUTOPID) != 0) {
     socket_.reset();
   }
 }
@@ -115,12 +115,12 @@ NetlinkSocket::NetlinkSocket(unsigned groups)
 int NetlinkSocket::Exchange(NetlinkRequest& request, const Handler& handler) {
   nlmsghdr& message = request.Message();
   message.nlmsg_seq = ++sequence_;
-  if (mnl_socket_sendto(socket_.get(), &message, message.nlmsg_len) < 0) {
+  if (::mnl_socket_sendto(socket_.get(), &message, message.nlmsg_len) < 0) {
     return errno;
   }
   alignas(nlmsghdr) std::array<char, kReceiveSize> buffer;
   for (;;) {
-    const auto size = mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
+    const auto size = ::mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
     if (size < 0) {
       if (errno == EINTR) {
         continue;
@@ -128,8 +128,8 @@ int NetlinkSocket::Exchange(NetlinkRequest& request, const Handler& handler) {
       return errno;
     }
     const int result =
-        mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), sequence_,
-                   mnl_socket_get_portid(socket_.get()), CallHandler, ContextOf(handler));
+        ::mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), sequence_,
+                     ::mnl_socket_get_portid(socket_.get()), CallHandler, ContextOf(handler));
     if (result != MNL_CB_OK) {
       return result == MNL_CB_STOP ? 0 : errno;
     }
@@ -138,15 +138,16 @@ int NetlinkSocket::Exchange(NetlinkRequest& request, const Handler& handler) {
 
 NetlinkSocket::Received NetlinkSocket::Receive(std::chrono::nanoseconds deadline,
                                                const Handler& handler) {
-  if (!WaitUntilReadable(mnl_socket_get_fd(socket_.get()), deadline)) {
+  if (!WaitUntilReadable(::mnl_socket_get_fd(socket_.get()), deadline)) {
     return Received::kTimeout;
   }
   alignas(nlmsghdr) std::array<char, kReceiveSize> buffer;
-  const auto size = mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
+  const auto size = ::mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
   if (size < 0) {
     return errno == ENOBUFS ? Received::kOverrun : Received::kError;
   }
-  mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), 0, 0, CallHandler, ContextOf(handler));
+  ::mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), 0, 0, CallHandler,
+               ContextOf(handler));
   return Received::kMessages;
 }
 

@@ -8,7 +8,7 @@ Pages::Pages(std::size_t size) : data_(nullptr), size_(size) {
   if (size == 0) {
     return;
   }
-  void* block = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* block = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (block != MAP_FAILED) {
     data_ = static_cast<std::uint8_t*>(block);
   }
@@ -16,7 +16,7 @@ Pages::Pages(std::size_t size) : data_(nullptr), size_(size) {
 
 Pages::~Pages() {
   if (data_ != nullptr) {
-    munmap(data_, size_);
+    ::munmap(data_, size_);
   }
 }
 

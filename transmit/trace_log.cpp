@@ -15,7 +15,7 @@ namespace {
                                             std::va_list arguments) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
-  localtime_r(&now, &local);
+  ::localtime_r(&now, &local);
   std::fprintf(stream, "%02d/%02d/%02d %02d:%02d:%02d ", local.tm_mon + 1, local.tm_mday,
                local.tm_year % 100, local.tm_hour, local.tm_min, local.tm_sec);
   const int count = std::vfprintf(stream, format, arguments);

@@ -33,16 +33,24 @@ void Put16(std::vector<std::uint8_t>& frame, std::size_t at, std::size_t value) 
 }
 
 std::uint16_t Checksum(const std::uint8_t* p, std::size_t length, std::uint32_t sum) {
-  for (std::size_t i = 0; i + 1 < length; i += 2) sum += (std::uint32_t{p[i]} << 8) | p[i + 1];
-  if (length % 2 != 0) sum += std::uint32_t{p[length - 1]} << 8;
-  while (sum >> 16 != 0) sum = (sum & 0xFFFFU) + (sum >> 16);
+  for (std::size_t i = 0; i + 1 < length; i += 2) {
+    sum += (std::uint32_t{p[i]} << 8) | p[i + 1];
+  }
+  if (length % 2 != 0) {
+    sum += std::uint32_t{p[length - 1]} << 8;
+  }
+  while (sum >> 16 != 0) {
+    sum = (sum & 0xFFFFU) + (sum >> 16);
+  }
   return static_cast<std::uint16_t>(~sum);
 }
 
 // A frame whose RTP sequence number is 0, and whose UDP checksum holds for that.
 std::vector<std::uint8_t> MakeFrame(std::size_t index, std::size_t ts_packets) {
   std::vector<std::uint8_t> frame(kHeaders + ts_packets * 188);
-  for (std::size_t i = 0; i < 12; ++i) frame[i] = 2;  // nobody's addresses
+  for (std::size_t i = 0; i < 12; ++i) {
+    frame[i] = 2;  // nobody's addresses
+  }
   Put16(frame, 12, 0x0800);
   frame[14] = 0x45;
   Put16(frame, 16, frame.size() - 14);
@@ -62,12 +70,15 @@ std::vector<std::uint8_t> MakeFrame(std::size_t index, std::size_t ts_packets) {
     frame[at] = 0x47;
     Put16(frame, at + 1, 0x100);
     frame[at + 3] = static_cast<std::uint8_t>(0x10 | ((index * ts_packets + i) & 0x0F));
-    for (std::size_t k = 4; k < 188; ++k) frame[at + k] = static_cast<std::uint8_t>(k * 7 + i);
+    for (std::size_t k = 4; k < 188; ++k) {
+      frame[at + k] = static_cast<std::uint8_t>(k * 7 + i);
+    }
   }
   const auto udp_length = static_cast<std::uint32_t>(frame.size() - kUdpAt);
   std::uint32_t pseudo = 17 + udp_length;
-  for (std::size_t i = 0; i < 8; i += 2)
+  for (std::size_t i = 0; i < 8; i += 2) {
     pseudo += (std::uint32_t{addresses[i]} << 8) | addresses[i + 1];
+  }
   Put16(frame, kUdpAt + 6, Checksum(&frame[kUdpAt], udp_length, pseudo));
   return frame;
 }

@@ -9,7 +9,9 @@ namespace ipplay {
 namespace {
 
 bool TakePrefix(std::string_view& text, std::string_view prefix) {
-  if (!text.starts_with(prefix)) return false;
+  if (!text.starts_with(prefix)) {
+    return false;
+  }
   text.remove_prefix(prefix.size());
   return true;
 }
@@ -17,14 +19,16 @@ bool TakePrefix(std::string_view& text, std::string_view prefix) {
 std::optional<std::uint16_t> ParsePort(std::string_view text) {
   std::uint16_t port = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  if (error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
+  if (error != std::errc{} || end != text.data() + text.size()) {
+    return std::nullopt;
+  }
   return port;
 }
 
 }  // namespace
 
 bool IpAddress::IsMulticast() const {
-  return is_v6 ? bytes[0] == 0xff : (bytes[0] & 0xf0) == 0xe0;
+  return is_v6 ? bytes[0] == 0xFF : (bytes[0] & 0xF0) == 0xE0;
 }
 
 bool IpAddress::IsLimitedBroadcast() const {
@@ -32,20 +36,28 @@ bool IpAddress::IsLimitedBroadcast() const {
 }
 
 bool IpAddress::IsLinkLocal() const {
-  if (!is_v6) return bytes[0] == 169 && bytes[1] == 254;
-  return (bytes[0] == 0xfe && (bytes[1] & 0xc0) == 0x80) ||
-         (bytes[0] == 0xff && (bytes[1] & 0x0f) == 0x02);
+  if (!is_v6) {
+    return bytes[0] == 169 && bytes[1] == 254;
+  }
+  return (bytes[0] == 0xFE && (bytes[1] & 0xC0) == 0x80) ||
+         (bytes[0] == 0xFF && (bytes[1] & 0x0F) == 0x02);
 }
 
 std::optional<MacAddress> ParseMac(std::string_view text) {
   constexpr std::size_t kLength = 17;
-  if (text.size() != kLength || (text[2] != ':' && text[2] != '-')) return std::nullopt;
+  if (text.size() != kLength || (text[2] != ':' && text[2] != '-')) {
+    return std::nullopt;
+  }
   MacAddress mac{};
   for (std::size_t i = 0; i < mac.size(); ++i) {
     const char* digits = text.data() + 3 * i;
-    if (i > 0 && digits[-1] != text[2]) return std::nullopt;
+    if (i > 0 && digits[-1] != text[2]) {
+      return std::nullopt;
+    }
     const auto [end, error] = std::from_chars(digits, digits + 2, mac[i], 16);
-    if (error != std::errc{} || end != digits + 2) return std::nullopt;
+    if (error != std::errc{} || end != digits + 2) {
+      return std::nullopt;
+    }
   }
   return mac;
 }
@@ -53,23 +65,33 @@ std::optional<MacAddress> ParseMac(std::string_view text) {
 std::optional<IpAddress> ParseIp(std::string_view text) {
   const std::string terminated(text);
   IpAddress address;
-  if (inet_pton(AF_INET, terminated.c_str(), address.bytes.data()) == 1) return address;
+  if (::inet_pton(AF_INET, terminated.c_str(), address.bytes.data()) == 1) {
+    return address;
+  }
   address = {.is_v6 = true};
-  if (inet_pton(AF_INET6, terminated.c_str(), address.bytes.data()) == 1) return address;
+  if (::inet_pton(AF_INET6, terminated.c_str(), address.bytes.data()) == 1) {
+    return address;
+  }
   return std::nullopt;
 }
 
 std::optional<Target> ParseTarget(std::string_view text) {
   Target target;
   target.rtp = TakePrefix(text, "rtp://");
-  if (!target.rtp && !TakePrefix(text, "udp://")) return std::nullopt;
+  if (!target.rtp && !TakePrefix(text, "udp://")) {
+    return std::nullopt;
+  }
   const bool bracketed = TakePrefix(text, "[");
   const std::string_view separator = bracketed ? "]:" : ":";
   const std::size_t end = text.find(separator);
-  if (end == std::string_view::npos) return std::nullopt;
+  if (end == std::string_view::npos) {
+    return std::nullopt;
+  }
   const auto address = ParseIp(text.substr(0, end));
   const auto port = ParsePort(text.substr(end + separator.size()));
-  if (!address || address->is_v6 != bracketed || !port) return std::nullopt;
+  if (!address || address->is_v6 != bracketed || !port) {
+    return std::nullopt;
+  }
   target.address = *address;
   target.port = *port;
   return target;
@@ -81,7 +103,7 @@ std::string FormatMac(const MacAddress& mac) {
 
 std::string FormatIp(const IpAddress& address) {
   std::array<char, INET6_ADDRSTRLEN> text{};
-  inet_ntop(address.is_v6 ? AF_INET6 : AF_INET, address.bytes.data(), text.data(), text.size());
+  ::inet_ntop(address.is_v6 ? AF_INET6 : AF_INET, address.bytes.data(), text.data(), text.size());
   return text.data();
 }
 
@@ -93,8 +115,10 @@ std::string FormatTarget(const Target& target) {
 
 MacAddress MulticastMac(const IpAddress& group) {
   const auto& b = group.bytes;
-  if (group.is_v6) return {0x33, 0x33, b[12], b[13], b[14], b[15]};
-  return {0x01, 0x00, 0x5e, static_cast<std::uint8_t>(b[1] & 0x7f), b[2], b[3]};
+  if (group.is_v6) {
+    return {0x33, 0x33, b[12], b[13], b[14], b[15]};
+  }
+  return {0x01, 0x00, 0x5E, static_cast<std::uint8_t>(b[1] & 0x7F), b[2], b[3]};
 }
 
 }  // namespace ipplay

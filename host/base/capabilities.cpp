@@ -12,9 +12,9 @@ namespace {
 using Capabilities = std::unique_ptr<std::remove_pointer_t<cap_t>, decltype(&cap_free)>;
 
 bool Has(cap_value_t capability) {
-  const Capabilities own(cap_get_proc(), &cap_free);
+  const Capabilities own(::cap_get_proc(), &cap_free);
   cap_flag_value_t value = CAP_CLEAR;
-  return own != nullptr && cap_get_flag(own.get(), capability, CAP_EFFECTIVE, &value) == 0 &&
+  return own != nullptr && ::cap_get_flag(own.get(), capability, CAP_EFFECTIVE, &value) == 0 &&
          value == CAP_SET;
 }
 
@@ -27,7 +27,9 @@ std::string OwnPath() {
 }  // namespace
 
 std::optional<std::string> MissingRightToSend() {
-  if (Has(CAP_NET_RAW)) return std::nullopt;
+  if (Has(CAP_NET_RAW)) {
+    return std::nullopt;
+  }
   return fmt::format(
       "no permission to send frames: CAP_NET_RAW is missing{}; run as root, or once as root: "
       "setcap "
@@ -36,15 +38,19 @@ std::optional<std::string> MissingRightToSend() {
 }
 
 void KeepCapabilities(std::initializer_list<int> kept) {
-  const Capabilities fewer(cap_init(), &cap_free);
-  if (fewer == nullptr) return;
+  const Capabilities fewer(::cap_init(), &cap_free);
+  if (fewer == nullptr) {
+    return;
+  }
   for (const cap_value_t capability : kept) {
-    if (!Has(capability)) continue;
-    cap_set_flag(fewer.get(), CAP_PERMITTED, 1, &capability, CAP_SET);
-    cap_set_flag(fewer.get(), CAP_EFFECTIVE, 1, &capability, CAP_SET);
+    if (!Has(capability)) {
+      continue;
+    }
+    ::cap_set_flag(fewer.get(), CAP_PERMITTED, 1, &capability, CAP_SET);
+    ::cap_set_flag(fewer.get(), CAP_EFFECTIVE, 1, &capability, CAP_SET);
   }
   // To give up is always allowed.
-  cap_set_proc(fewer.get());
+  ::cap_set_proc(fewer.get());
 }
 
 }  // namespace ipplay

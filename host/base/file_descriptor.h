@@ -17,11 +17,13 @@ class FileDescriptor {
     return *this;
   }
   ~FileDescriptor() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
   }
 
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
+  int Get() const { return fd_; }
+  bool IsOpen() const { return fd_ >= 0; }
 
  private:
   int fd_ = -1;

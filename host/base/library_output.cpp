@@ -9,10 +9,12 @@ namespace ipplay {
 std::FILE* Results() {
   static std::FILE* const results = [] {
     std::fflush(stdout);
-    const int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    std::FILE* file = fd < 0 ? nullptr : fdopen(fd, "w");
-    if (file == nullptr) return stdout;
-    dup2(STDERR_FILENO, STDOUT_FILENO);
+    const int fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    std::FILE* file = fd < 0 ? nullptr : ::fdopen(fd, "w");
+    if (file == nullptr) {
+      return stdout;
+    }
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     return file;
   }();
@@ -21,25 +23,39 @@ std::FILE* Results() {
 
 bool ResultsAreWritten() {
   std::FILE* const results = Results();
-  if (std::fflush(results) == 0 && std::ferror(results) == 0) return true;
-  return isatty(fileno(results)) == 1 || errno == EIO;
+  if (std::fflush(results) == 0 && std::ferror(results) == 0) {
+    return true;
+  }
+  return ::isatty(fileno(results)) == 1 || errno == EIO;
 }
 
 LibrarySilence::LibrarySilence(Of what) {
   std::fflush(stdout);
-  const FileDescriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-  if (!nowhere) return;
-  saved_output_ = FileDescriptor(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
-  if (saved_output_) dup2(nowhere.get(), STDOUT_FILENO);
-  if (what == Of::kOutput) return;
-  saved_errors_ = FileDescriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
-  if (saved_errors_) dup2(nowhere.get(), STDERR_FILENO);
+  const FileDescriptor nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  if (!nowhere.IsOpen()) {
+    return;
+  }
+  saved_output_ = FileDescriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
+  if (saved_output_.IsOpen()) {
+    ::dup2(nowhere.Get(), STDOUT_FILENO);
+  }
+  if (what == Of::kOutput) {
+    return;
+  }
+  saved_errors_ = FileDescriptor(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+  if (saved_errors_.IsOpen()) {
+    ::dup2(nowhere.Get(), STDERR_FILENO);
+  }
 }
 
 LibrarySilence::~LibrarySilence() {
   std::fflush(stdout);
-  if (saved_output_) dup2(saved_output_.get(), STDOUT_FILENO);
-  if (saved_errors_) dup2(saved_errors_.get(), STDERR_FILENO);
+  if (saved_output_.IsOpen()) {
+    ::dup2(saved_output_.Get(), STDOUT_FILENO);
+  }
+  if (saved_errors_.IsOpen()) {
+    ::dup2(saved_errors_.Get(), STDERR_FILENO);
+  }
 }
 
 }  // namespace ipplay

@@ -16,7 +16,9 @@ Result<std::shared_ptr<const MappedFile>> MappedFile::Open(const std::string& pa
     return UsageFailure(fmt::format("cannot be read: {}", why));
   };
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return failure(std::strerror(errno));
+  if (fd < 0) {
+    return failure(std::strerror(errno));
+  }
   struct stat status {};
   const bool is_file = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
   void* memory = MAP_FAILED;
@@ -26,8 +28,12 @@ Result<std::shared_ptr<const MappedFile>> MappedFile::Open(const std::string& pa
   }
   const int error = errno;
   ::close(fd);
-  if (!is_file) return failure("it is no file, or an empty one");
-  if (memory == MAP_FAILED) return failure(std::strerror(error));
+  if (!is_file) {
+    return failure("it is no file, or an empty one");
+  }
+  if (memory == MAP_FAILED) {
+    return failure(std::strerror(error));
+  }
   const std::span bytes(static_cast<const std::uint8_t*>(memory),
                         static_cast<std::size_t>(status.st_size));
   return std::shared_ptr<const MappedFile>(new MappedFile(bytes));

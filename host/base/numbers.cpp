@@ -13,13 +13,19 @@ std::optional<std::uint64_t> ParseNumber(std::string_view text, std::uint64_t lo
   }
   std::uint64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
-  if (value < lowest || value > highest) return std::nullopt;
+  if (error != std::errc{} || end != text.data() + text.size()) {
+    return std::nullopt;
+  }
+  if (value < lowest || value > highest) {
+    return std::nullopt;
+  }
   return value;
 }
 
 std::optional<std::string> ParseText(std::string_view text) {
-  if (text.empty()) return std::nullopt;
+  if (text.empty()) {
+    return std::nullopt;
+  }
   return std::string(text);
 }
 

@@ -17,10 +17,16 @@ namespace {
 
 // The descriptor that "/dev/stdout" and the like stand for.
 std::optional<int> DescriptorOf(std::string_view path) {
-  if (path == "/dev/stdout") return STDOUT_FILENO;
-  if (path == "/dev/stderr") return STDERR_FILENO;
+  if (path == "/dev/stdout") {
+    return STDOUT_FILENO;
+  }
+  if (path == "/dev/stderr") {
+    return STDERR_FILENO;
+  }
   for (const std::string_view folder : {"/dev/fd/", "/proc/self/fd/"}) {
-    if (!path.starts_with(folder)) continue;
+    if (!path.starts_with(folder)) {
+      continue;
+    }
     if (const auto number = ParseNumber(path.substr(folder.size()), 0, INT32_MAX)) {
       return static_cast<int>(*number);
     }
@@ -31,9 +37,13 @@ std::optional<int> DescriptorOf(std::string_view path) {
 // 0, or the errno of what failed.
 int WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {
-    const ssize_t written = write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return written < 0 ? errno : EIO;
+    const ssize_t written = ::write(fd, text.data(), text.size());
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written <= 0) {
+      return written < 0 ? errno : EIO;
+    }
     text.remove_prefix(static_cast<std::size_t>(written));
   }
   return 0;
@@ -47,7 +57,9 @@ Failure OutputFile::Refusal(ExitStatus status, std::string_view why) const {
 
 Result<OutputFile> OutputFile::Create(const std::string& option, const std::string& path) {
   OutputFile file(option, path);
-  if (auto failure = file.Prepare()) return *std::move(failure);
+  if (auto failure = file.Prepare()) {
+    return *std::move(failure);
+  }
   return file;
 }
 
@@ -56,69 +68,92 @@ std::optional<Failure> OutputFile::Prepare() {
   if (const auto descriptor = DescriptorOf(path_)) {
     // Descriptor 1 is the library's; the user's is another one.
     const int fd = *descriptor == STDOUT_FILENO ? fileno(Results()) : *descriptor;
-    special_ = FileDescriptor(fcntl(fd, F_DUPFD_CLOEXEC, 3));
-    if (!special_) return refuse(std::strerror(errno));
+    special_ = FileDescriptor(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
+    if (!special_.IsOpen()) {
+      return refuse(std::strerror(errno));
+    }
     return std::nullopt;
   }
   const std::size_t slash = path_.rfind('/');
   name_ = slash == std::string::npos ? path_ : path_.substr(slash + 1);
   const std::string folder = slash == std::string::npos ? "." : path_.substr(0, slash + 1);
-  folder_ = FileDescriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder_) return refuse(std::strerror(errno));
+  folder_ = FileDescriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder_.IsOpen()) {
+    return refuse(std::strerror(errno));
+  }
   struct stat status {};
-  if (fstatat(folder_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-    if (S_ISLNK(status.st_mode)) return refuse("it is a link; allowed is a file");
-    if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) return OpenSpecial(status.st_uid);
-    if (!S_ISREG(status.st_mode)) return refuse("it is no file; allowed is a file");
+  if (::fstatat(folder_.Get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (S_ISLNK(status.st_mode)) {
+      return refuse("it is a link; allowed is a file");
+    }
+    if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
+      return OpenSpecial(status.st_uid);
+    }
+    if (!S_ISREG(status.st_mode)) {
+      return refuse("it is no file; allowed is a file");
+    }
     mode_ &= status.st_mode;
   } else if (errno != ENOENT || name_.empty()) {
     return refuse(name_.empty() ? "it is a folder; allowed is a file" : std::strerror(errno));
   }
   std::string temporary;
-  if (!CreateTemporary(temporary)) return refuse(std::strerror(errno));
-  unlinkat(folder_.get(), temporary.c_str(), 0);
+  if (!CreateTemporary(temporary).IsOpen()) {
+    return refuse(std::strerror(errno));
+  }
+  ::unlinkat(folder_.Get(), temporary.c_str(), 0);
   return std::nullopt;
 }
 
 // Anybody may lay a FIFO into a shared folder and wait for what comes.
 std::optional<Failure> OutputFile::OpenSpecial(unsigned owner) {
-  if (owner != geteuid() && owner != 0) {
+  if (owner != ::geteuid() && owner != 0) {
     return Refusal(ExitStatus::kUsage, "it is somebody else's FIFO or device; allowed is a file");
   }
   special_ = FileDescriptor(
-      openat(folder_.get(), name_.c_str(), O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-  if (!special_) return Refusal(ExitStatus::kUsage, std::strerror(errno));
+      ::openat(folder_.Get(), name_.c_str(), O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+  if (!special_.IsOpen()) {
+    return Refusal(ExitStatus::kUsage, std::strerror(errno));
+  }
   return std::nullopt;
 }
 
 FileDescriptor OutputFile::CreateTemporary(std::string& name) const {
   std::uint64_t random = 0;
-  if (getrandom(&random, sizeof random, 0) != sizeof random) return {};
+  if (getrandom(&random, sizeof random, 0) != sizeof random) {
+    return {};
+  }
   name = fmt::format(".ipplay-{:016x}", random);
-  return FileDescriptor(openat(folder_.get(), name.c_str(),
-                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode_));
+  return FileDescriptor(::openat(folder_.Get(), name.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode_));
 }
 
 std::optional<Failure> OutputFile::Commit(std::string_view text) const {
   const auto fail = [this](int error) {
     return Refusal(ExitStatus::kFailed, std::strerror(error));
   };
-  if (special_) {
+  if (special_.IsOpen()) {
     std::fflush(Results());
-    const int error = WriteAll(special_.get(), text);
+    const int error = WriteAll(special_.Get(), text);
     return error == 0 ? std::nullopt : std::optional(fail(error));
   }
   std::string temporary;
   const FileDescriptor fd = CreateTemporary(temporary);
-  if (!fd) return fail(errno);
-  int error = WriteAll(fd.get(), text);
+  if (!fd.IsOpen()) {
+    return fail(errno);
+  }
+  int error = WriteAll(fd.Get(), text);
   // What a full disk or a far one refuses late, it refuses here.
-  if (error == 0 && fsync(fd.get()) != 0) error = errno;
-  if (error == 0 && renameat(folder_.get(), temporary.c_str(), folder_.get(), name_.c_str()) != 0) {
+  if (error == 0 && ::fsync(fd.Get()) != 0) {
     error = errno;
   }
-  if (error == 0) return std::nullopt;
-  unlinkat(folder_.get(), temporary.c_str(), 0);
+  if (error == 0 &&
+      ::renameat(folder_.Get(), temporary.c_str(), folder_.Get(), name_.c_str()) != 0) {
+    error = errno;
+  }
+  if (error == 0) {
+    return std::nullopt;
+  }
+  ::unlinkat(folder_.Get(), temporary.c_str(), 0);
   return fail(error);
 }
 

@@ -31,7 +31,7 @@ class Result {
   const T& operator*() const { return std::get<0>(content_); }
   T* operator->() { return &std::get<0>(content_); }
   const T* operator->() const { return &std::get<0>(content_); }
-  const Failure& failure() const { return std::get<1>(content_); }
+  const Failure& Error() const { return std::get<1>(content_); }
 
  private:
   std::variant<T, Failure> content_;

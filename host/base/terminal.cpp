@@ -9,11 +9,14 @@ Terminal::Terminal(FileDescriptor fd, const termios& original)
     : fd_(std::move(fd)), original_(original) {}
 
 std::unique_ptr<Terminal> Terminal::Open() {
-  if (isatty(STDERR_FILENO) == 0) return nullptr;
+  if (::isatty(STDERR_FILENO) == 0) {
+    return nullptr;
+  }
   // Not standard input, which may be the stream.
-  FileDescriptor fd(open("/dev/tty", O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  FileDescriptor fd(::open("/dev/tty", O_RDWR | O_NONBLOCK | O_CLOEXEC));
   termios original{};
-  if (!fd || tcgetpgrp(fd.get()) != getpgrp() || tcgetattr(fd.get(), &original) != 0) {
+  if (!fd.IsOpen() || ::tcgetpgrp(fd.Get()) != ::getpgrp() ||
+      ::tcgetattr(fd.Get(), &original) != 0) {
     return nullptr;
   }
   std::unique_ptr<Terminal> terminal(new Terminal(std::move(fd), original));
@@ -22,7 +25,7 @@ std::unique_ptr<Terminal> Terminal::Open() {
 }
 
 Terminal::~Terminal() {
-  tcsetattr(fd_.get(), TCSANOW, &original_);
+  ::tcsetattr(fd_.Get(), TCSANOW, &original_);
 }
 
 void Terminal::TakeKeys() const {
@@ -30,18 +33,22 @@ void Terminal::TakeKeys() const {
   keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
   keys.c_cc[VMIN] = 0;
   keys.c_cc[VTIME] = 0;
-  tcsetattr(fd_.get(), TCSANOW, &keys);
+  ::tcsetattr(fd_.Get(), TCSANOW, &keys);
 }
 
 std::optional<char> Terminal::ReadKey() const {
   char key = 0;
-  if (read(fd_.get(), &key, 1) != 1) return std::nullopt;
+  if (::read(fd_.Get(), &key, 1) != 1) {
+    return std::nullopt;
+  }
   return key;
 }
 
 unsigned Terminal::Columns() const {
   winsize size{};
-  if (ioctl(fd_.get(), TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+  if (::ioctl(fd_.Get(), TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+    return 80;
+  }
   return size.ws_col;
 }
 

@@ -20,7 +20,7 @@ class Terminal {
   ~Terminal();
 
   // Readable when a key was pressed.
-  int fd() const { return fd_.get(); }
+  int Fd() const { return fd_.Get(); }
   // A key that was pressed, without waiting.
   std::optional<char> ReadKey() const;
   // Columns of the screen; 80 where they are unknown.

@@ -20,7 +20,9 @@ std::optional<double> TakeNumber(std::string_view& text) {
   double value = 0;
   const auto [end, error] =
       std::from_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed);
-  if (error != std::errc{} || text.front() == '-' || !std::isfinite(value)) return std::nullopt;
+  if (error != std::errc{} || text.front() == '-' || !std::isfinite(value)) {
+    return std::nullopt;
+  }
   text.remove_prefix(static_cast<std::size_t>(end - text.data()));
   return value;
 }
@@ -40,7 +42,9 @@ std::string_view TakeLetters(std::string_view& text) {
 template <std::size_t N>
 std::optional<double> FactorOf(const std::array<Unit, N>& units, std::string_view name) {
   for (const Unit& unit : units) {
-    if (unit.name == name) return unit.factor;
+    if (unit.name == name) {
+      return unit.factor;
+    }
   }
   return std::nullopt;
 }
@@ -65,7 +69,9 @@ std::string FormatScaled(double value, const std::array<std::string_view, 4>& na
 std::optional<double> ParseBitRate(std::string_view text) {
   const auto number = TakeNumber(text);
   const auto factor = FactorOf(kRateUnits, TakeLetters(text));
-  if (!number || !factor || !text.empty() || *number <= 0) return std::nullopt;
+  if (!number || !factor || !text.empty() || *number <= 0) {
+    return std::nullopt;
+  }
   return *number * *factor;
 }
 
@@ -74,29 +80,41 @@ std::optional<std::chrono::nanoseconds> ParseDuration(std::string_view text) {
   bool first = true;
   do {
     const auto number = TakeNumber(text);
-    if (!number) return std::nullopt;
+    if (!number) {
+      return std::nullopt;
+    }
     const std::string_view unit = TakeLetters(text);
     const auto factor =
         unit.empty() && first && text.empty() ? std::optional(1e9) : FactorOf(kTimeUnits, unit);
-    if (!factor) return std::nullopt;
+    if (!factor) {
+      return std::nullopt;
+    }
     total += *number * *factor;
     first = false;
   } while (!text.empty());
-  if (total >= static_cast<double>(std::numeric_limits<std::int64_t>::max())) return std::nullopt;
+  if (total >= static_cast<double>(std::numeric_limits<std::int64_t>::max())) {
+    return std::nullopt;
+  }
   return std::chrono::nanoseconds(std::llround(total));
 }
 
 std::optional<double> ParsePpm(std::string_view text) {
   const bool negative = !text.empty() && text.front() == '-';
-  if (negative || (!text.empty() && text.front() == '+')) text.remove_prefix(1);
+  if (negative || (!text.empty() && text.front() == '+')) {
+    text.remove_prefix(1);
+  }
   const auto number = TakeNumber(text);
-  if (!number || !(text.empty() || text == "ppm")) return std::nullopt;
+  if (!number || !(text.empty() || text == "ppm")) {
+    return std::nullopt;
+  }
   return negative ? -*number : *number;
 }
 
 std::optional<double> ParsePercent(std::string_view text) {
   const auto number = TakeNumber(text);
-  if (text != "%") return std::nullopt;
+  if (text != "%") {
+    return std::nullopt;
+  }
   return number;
 }
 
@@ -106,12 +124,22 @@ std::string FormatBitRate(double bits_per_second) {
 
 std::string FormatDuration(std::chrono::nanoseconds duration) {
   const auto ns = static_cast<double>(duration.count());
-  if (std::abs(ns) < 1e3) return fmt::format("{} ns", duration.count());
-  if (std::abs(ns) < 999.95e3) return fmt::format("{:.4g} us", ns / 1e3);
-  if (std::abs(ns) < 999.95e6) return fmt::format("{:.4g} ms", ns / 1e6);
-  if (std::abs(ns) < 59.995e9) return fmt::format("{:.4g} s", ns / 1e9);
+  if (std::abs(ns) < 1e3) {
+    return fmt::format("{} ns", duration.count());
+  }
+  if (std::abs(ns) < 999.95e3) {
+    return fmt::format("{:.4g} us", ns / 1e3);
+  }
+  if (std::abs(ns) < 999.95e6) {
+    return fmt::format("{:.4g} ms", ns / 1e6);
+  }
+  if (std::abs(ns) < 59.995e9) {
+    return fmt::format("{:.4g} s", ns / 1e9);
+  }
   const long long seconds = std::llround(ns / 1e9);
-  if (seconds < 3600) return fmt::format("{} min {:02} s", seconds / 60, seconds % 60);
+  if (seconds < 3600) {
+    return fmt::format("{} min {:02} s", seconds / 60, seconds % 60);
+  }
   return fmt::format("{} h {:02} min {:02} s", seconds / 3600, seconds / 60 % 60, seconds % 60);
 }
 

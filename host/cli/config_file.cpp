@@ -18,7 +18,9 @@ constexpr std::string_view kBlanks = " \t\r";
 std::string Quoted(std::string_view text) {
   std::string quoted = "\"";
   for (const char c : text) {
-    if (c == '"' || c == '\\') quoted += '\\';
+    if (c == '"' || c == '\\') {
+      quoted += '\\';
+    }
     quoted += c == '\n' ? std::string("\\n") : std::string(1, c);
   }
   return quoted + '"';
@@ -26,11 +28,19 @@ std::string Quoted(std::string_view text) {
 
 std::string Values(const CLI::Option& option) {
   std::vector<std::string> texts = option.results();
-  if (option.get_items_expected_max() == 0) return option.count() > 0 ? texts.back() : "false";
-  if (texts.empty() && !option.get_default_str().empty()) texts = {option.get_default_str()};
-  if (texts.empty()) return {};
+  if (option.get_items_expected_max() == 0) {
+    return option.count() > 0 ? texts.back() : "false";
+  }
+  if (texts.empty() && !option.get_default_str().empty()) {
+    texts = {option.get_default_str()};
+  }
+  if (texts.empty()) {
+    return {};
+  }
   std::transform(texts.begin(), texts.end(), texts.begin(), Quoted);
-  if (texts.size() == 1) return texts.front();
+  if (texts.size() == 1) {
+    return texts.front();
+  }
   return fmt::format("[{}]", fmt::join(texts, ", "));
 }
 
@@ -41,18 +51,24 @@ class Line {
 
   bool IsEmpty() const { return rest_.empty() || rest_.front() == '#'; }
   bool Take(char c) {
-    if (!rest_.starts_with(c)) return false;
+    if (!rest_.starts_with(c)) {
+      return false;
+    }
     rest_.remove_prefix(1);
     SkipBlanks();
     return true;
   }
   void Need(char c) {
-    if (!Take(c)) Refuse(fmt::format("\"{}\" is missing", c));
+    if (!Take(c)) {
+      Refuse(fmt::format("\"{}\" is missing", c));
+    }
   }
   std::string TakeName() { return TakeUntil(" \t\r=]#"); }
   std::vector<std::string> TakeValues() {
     std::vector<std::string> values;
-    if (!Take('[')) return {TakeValue()};
+    if (!Take('[')) {
+      return {TakeValue()};
+    }
     while (!Take(']')) {
       values.push_back(TakeValue());
       if (!Take(',')) {
@@ -63,7 +79,9 @@ class Line {
     return values;
   }
   void NeedEnd() const {
-    if (!IsEmpty()) Refuse(fmt::format("\"{}\" is not allowed", rest_));
+    if (!IsEmpty()) {
+      Refuse(fmt::format("\"{}\" is not allowed", rest_));
+    }
   }
 
  private:
@@ -76,22 +94,30 @@ class Line {
   }
   std::string TakeUntil(std::string_view ends) {
     const std::size_t length = std::min(rest_.find_first_of(ends), rest_.size());
-    if (length == 0) Refuse("a name or a value is missing");
+    if (length == 0) {
+      Refuse("a name or a value is missing");
+    }
     std::string text(rest_.substr(0, length));
     rest_.remove_prefix(length);
     SkipBlanks();
     return text;
   }
   std::string TakeValue() {
-    if (!rest_.starts_with('"')) return TakeUntil(" \t\r,]#");
+    if (!rest_.starts_with('"')) {
+      return TakeUntil(" \t\r,]#");
+    }
     std::string value;
     std::size_t at = 1;
     for (; at < rest_.size() && rest_[at] != '"'; ++at) {
       const bool escaped = rest_[at] == '\\' && at + 1 < rest_.size();
-      if (escaped) ++at;
+      if (escaped) {
+        ++at;
+      }
       value += escaped && rest_[at] == 'n' ? '\n' : rest_[at];
     }
-    if (at >= rest_.size()) Refuse("the closing quotation mark is missing");
+    if (at >= rest_.size()) {
+      Refuse("the closing quotation mark is missing");
+    }
     rest_.remove_prefix(at + 1);
     SkipBlanks();
     return value;
@@ -109,9 +135,13 @@ std::string ConfigFile::to_config(const CLI::App* app, bool /*default_also*/,
   for (const CLI::App* command : app->get_subcommands()) {
     text += fmt::format("[{}]\n", command->get_name());
     for (const CLI::Option* option : command->get_options()) {
-      if (!option->get_configurable()) continue;
+      if (!option->get_configurable()) {
+        continue;
+      }
       const std::string values = Values(*option);
-      if (!values.empty()) text += fmt::format("{} = {}\n", option->get_single_name(), values);
+      if (!values.empty()) {
+        text += fmt::format("{} = {}\n", option->get_single_name(), values);
+      }
     }
   }
   return text;
@@ -125,7 +155,9 @@ std::vector<CLI::ConfigItem> ConfigFile::from_config(std::istream& input) const 
   while (text.size() <= kMostBytes && input.read(block.data(), block.size()).gcount() > 0) {
     text.append(block.data(), static_cast<std::size_t>(input.gcount()));
   }
-  if (input.bad()) throw CLI::FileError("");
+  if (input.bad()) {
+    throw CLI::FileError("");
+  }
   if (text.size() > kMostBytes) {
     throw CLI::ConfigError(fmt::format("--config: allowed are {} bytes", kMostBytes));
   }
@@ -134,7 +166,9 @@ std::vector<CLI::ConfigItem> ConfigFile::from_config(std::istream& input) const 
     const std::size_t end = std::min(rest.find('\n'), rest.size());
     Line line(rest.substr(0, end), number);
     rest.remove_prefix(std::min(end + 1, rest.size()));
-    if (line.IsEmpty()) continue;
+    if (line.IsEmpty()) {
+      continue;
+    }
     if (line.Take('[')) {
       section = {line.TakeName()};
       line.Need(']');
@@ -152,9 +186,13 @@ std::vector<CLI::ConfigItem> ConfigFile::from_config(std::istream& input) const 
 }
 
 std::optional<Failure> WriteConfig(const CLI::App& app, const std::string& path) {
-  if (path.empty()) return std::nullopt;
+  if (path.empty()) {
+    return std::nullopt;
+  }
   const auto file = OutputFile::Create("--write-config", path);
-  if (!file) return file.failure();
+  if (!file) {
+    return file.Error();
+  }
   return file->Commit(app.config_to_str(true, false));
 }
 

@@ -30,7 +30,9 @@ class OptionBuilder {
     const std::string name = names.substr(0, names.find(','));
     const auto take = [&field, name, allowed, parse](const std::string& text) {
       auto value = parse(text);
-      if (!value) throw NotAllowed(name, text, allowed);
+      if (!value) {
+        throw NotAllowed(name, text, allowed);
+      }
       field = *std::move(value);
     };
     CLI::Option* option = command_.add_option_function<std::string>(names, take, help);
@@ -74,7 +76,9 @@ class OptionBuilder {
  private:
   CLI::Option* Checked(CLI::Option* flag) {
     return flag->group(group_)->check([](const std::string& text) -> std::string {
-      if (text == "true" || text == "false") return {};
+      if (text == "true" || text == "false") {
+        return {};
+      }
       return fmt::format("\"{}\" is not allowed; allowed is true or false", text);
     });
   }

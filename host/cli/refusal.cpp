@@ -29,19 +29,27 @@ bool WasTyped(Words words, const std::string& name) {
 // missing, has its first name; a positional one the name that the help gives it.
 std::string TypedName(const CLI::Option& option, Words words) {
   for (const std::string& name : option.get_lnames()) {
-    if (WasTyped(words, "--" + name)) return "--" + name;
+    if (WasTyped(words, "--" + name)) {
+      return "--" + name;
+    }
   }
   for (const std::string& name : option.get_snames()) {
-    if (WasTyped(words, "-" + name)) return "-" + name;
+    if (WasTyped(words, "-" + name)) {
+      return "-" + name;
+    }
   }
   return option.get_name(option.get_positional());
 }
 
 std::string WrongCount(const CLI::App& app, const std::string& name) {
   const CLI::Option* option = FindOption(app, name);
-  if (option == nullptr) return name + ": the number of values is not allowed";
+  if (option == nullptr) {
+    return name + ": the number of values is not allowed";
+  }
   const std::string type = option->get_type_name();
-  if (option->count() == 0) return fmt::format("{}: no value is given; allowed is {}", name, type);
+  if (option->count() == 0) {
+    return fmt::format("{}: no value is given; allowed is {}", name, type);
+  }
   return fmt::format("{}: \"{}\" is not allowed; allowed is one {}", name,
                      fmt::join(option->results(), " "), type);
 }
@@ -60,12 +68,16 @@ std::string Missing(const CLI::App& app, const std::string& name) {
     return fmt::format("{} is required: {}", option->get_name(option->get_positional()),
                        option->get_type_name());
   }
-  if (!app.remaining(true).empty()) return Unknown(app);
+  if (!app.remaining(true).empty()) {
+    return Unknown(app);
+  }
   return "a command is required: devices, resolve, play, measure or demo";
 }
 
 std::string ExplainConfig(const std::string& what) {
-  if (what.starts_with("--config")) return what;
+  if (what.starts_with("--config")) {
+    return what;
+  }
   const bool unknown = what.starts_with("INI was not able to parse ");
   const std::string name =
       unknown ? what.substr(what.rfind(' ') + 1) : what.substr(0, what.find(':'));
@@ -98,15 +110,21 @@ std::string Explain(const CLI::App& app, const CLI::ParseError& error) {
 
 std::string NameAsTyped(const CLI::App& app, Words words, const std::string& message) {
   const std::size_t colon = message.find(": ");
-  if (colon == std::string::npos) return message;
+  if (colon == std::string::npos) {
+    return message;
+  }
   const std::string name = message.substr(0, colon);
   const CLI::Option* option = FindOption(app, name);
-  if (option == nullptr) return message;
+  if (option == nullptr) {
+    return message;
+  }
   const std::string rest = message.substr(colon);
   // A value that is refused by itself is in the message already, in quotation marks.
   const bool has_value = rest.starts_with(": \"") || !name.starts_with('-');
   const bool takes_value = option->get_items_expected_max() > 0;
-  if (has_value || !takes_value || option->count() == 0) return TypedName(*option, words) + rest;
+  if (has_value || !takes_value || option->count() == 0) {
+    return TypedName(*option, words) + rest;
+  }
   return fmt::format("{} {}{}", TypedName(*option, words), fmt::join(option->results(), " "), rest);
 }
 

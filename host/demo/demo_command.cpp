@@ -49,21 +49,27 @@ Result<DemoStream> BuiltInStream(const DemoOptions& options) {
   const auto bytes = MakeDemoStream(stream.bit_rate, options.length);
   // Not closed on exec: the player opens the same path.
   stream.memory = FileDescriptor(::memfd_create("stream", 0));
-  if (::write(stream.memory.get(), bytes.data(), bytes.size()) !=
+  if (::write(stream.memory.Get(), bytes.data(), bytes.size()) !=
       static_cast<ssize_t>(bytes.size())) {
     return Failure{ExitStatus::kFailed, "no memory for the stream"};
   }
-  stream.path = fmt::format("/proc/self/fd/{}", stream.memory.get());
+  stream.path = fmt::format("/proc/self/fd/{}", stream.memory.Get());
   stream.name = "the built-in stream";
   return stream;
 }
 
 Result<DemoStream> StreamOf(const DemoOptions& options) {
-  if (options.file.empty()) return BuiltInStream(options);
+  if (options.file.empty()) {
+    return BuiltInStream(options);
+  }
   auto input = Input::Open(options.file, -1);
-  if (!input) return input.failure();
+  if (!input) {
+    return input.Error();
+  }
   const auto facts = Examine(*input, {.want_rate = !options.bit_rate});
-  if (!facts) return facts.failure();
+  if (!facts) {
+    return facts.Error();
+  }
   const auto bit_rate = options.bit_rate ? options.bit_rate : facts->BitRate();
   if (!bit_rate) {
     return UsageFailure(
@@ -80,17 +86,23 @@ std::vector<std::string> MeasureWords(const DemoOptions& options, const DemoStre
                                  "--max-loss=0",    "--max-reordered=0", "--max-checksum-errors=0"};
   words.push_back("--expect=" + stream.path);
   words.push_back(fmt::format("--expect-rate={:.3f}", stream.bit_rate * frame / payload));
-  if (!options.report_file.empty()) words.push_back("--report=" + options.report_file);
+  if (!options.report_file.empty()) {
+    words.push_back("--report=" + options.report_file);
+  }
   return words;
 }
 
 Result<int> RunDemo(const DemoOptions& options) {
   if (!options.report_file.empty()) {
     const auto file = OutputFile::Create("--report", options.report_file);
-    if (!file) return file.failure();
+    if (!file) {
+      return file.Error();
+    }
   }
   const auto stream = StreamOf(options);
-  if (!stream) return stream.failure();
+  if (!stream) {
+    return stream.Error();
+  }
   CLI::App command;
   MeasureOptions measure;
   DefineMeasureOptions(command, measure);
@@ -100,7 +112,9 @@ Result<int> RunDemo(const DemoOptions& options) {
   command.parse(std::vector<std::string>(words.rbegin(), words.rend()));
 
   const auto network = DemoNetwork::Create();
-  if (!network) return network.failure();
+  if (!network) {
+    return network.Error();
+  }
   const std::string target = fmt::format("rtp://{}:{}", DemoNetwork::kFarAddress, kPort);
   PlayerProcess player;
   measure.plain_words = true;
@@ -118,7 +132,9 @@ Result<int> RunDemo(const DemoOptions& options) {
     Print(stderr, "{}", player.Output());
     return player.Status();
   }
-  if (!measured) return measured.failure();
+  if (!measured) {
+    return measured.Error();
+  }
   const int status = *measured;
   if (!options.report_file.empty()) {
     Print(Results(), "Report with plots: {}\n", options.report_file);

@@ -25,8 +25,12 @@ void WriteFile(const char* path, const std::string& text) {
 bool BecomeRoot() {
   const uid_t user = ::geteuid();
   const gid_t group = ::getegid();
-  if (user == 0) return true;
-  if (::unshare(CLONE_NEWUSER) != 0) return false;
+  if (user == 0) {
+    return true;
+  }
+  if (::unshare(CLONE_NEWUSER) != 0) {
+    return false;
+  }
   WriteFile("/proc/self/setgroups", "deny");
   WriteFile("/proc/self/uid_map", fmt::format("0 {} 1", user));
   WriteFile("/proc/self/gid_map", fmt::format("0 {} 1", group));
@@ -35,7 +39,9 @@ bool BecomeRoot() {
 
 // A new namespace, which the calling thread is then in.
 FileDescriptor NewNamespace() {
-  if (::unshare(CLONE_NEWNET) != 0) return FileDescriptor();
+  if (::unshare(CLONE_NEWNET) != 0) {
+    return FileDescriptor();
+  }
   // Neighbour discovery would send frames that nobody has asked for. Where this cannot be said,
   // they are counted as no UDP.
   WriteFile("/proc/sys/net/ipv6/conf/default/disable_ipv6", "1");
@@ -46,7 +52,9 @@ FileDescriptor NewNamespace() {
 bool RunIp(const std::string& commands) {
   // A fixed command; only its input differs.
   std::FILE* const ip = ::popen("exec ip -batch -", "w");  // NOLINT(cert-env33-c)
-  if (ip == nullptr) return false;
+  if (ip == nullptr) {
+    return false;
+  }
   const bool written = std::fwrite(commands.data(), 1, commands.size(), ip) == commands.size();
   return ::pclose(ip) == 0 && written;
 }
@@ -59,27 +67,35 @@ Result<DemoNetwork> DemoNetwork::Create() {
                                                       "root (in a container: a privileged one)",
                                                       std::strerror(errno))};
   };
-  if (!BecomeRoot()) return refused();
+  if (!BecomeRoot()) {
+    return refused();
+  }
   DemoNetwork network(NewNamespace());
-  if (!network.near_) return refused();
+  if (!network.near_.IsOpen()) {
+    return refused();
+  }
   const FileDescriptor far = NewNamespace();
-  if (!far) return refused();
+  if (!far.IsOpen()) {
+    return refused();
+  }
   const bool made =
       RunIp(fmt::format("link add {} type veth peer name {} netns /proc/{}/fd/{}\n"
                         "address add {}/24 dev {}\n"
                         "link set {} up\n",
-                        kFar, kNear, ::getpid(), network.near_.get(), kFarAddress, kFar, kFar)) &&
+                        kFar, kNear, ::getpid(), network.near_.Get(), kFarAddress, kFar, kFar)) &&
       network.EnterNear() &&
       RunIp(fmt::format("address add 10.77.0.1/24 dev {}\n"
                         "link set {} up\n",
                         kNear, kNear)) &&
-      ::setns(far.get(), CLONE_NEWNET) == 0;
-  if (!made) return Failure{ExitStatus::kFailed, "cannot make a veth pair with ip(8)"};
+      ::setns(far.Get(), CLONE_NEWNET) == 0;
+  if (!made) {
+    return Failure{ExitStatus::kFailed, "cannot make a veth pair with ip(8)"};
+  }
   return network;
 }
 
 bool DemoNetwork::EnterNear() const {
-  return ::setns(near_.get(), CLONE_NEWNET) == 0;
+  return ::setns(near_.Get(), CLONE_NEWNET) == 0;
 }
 
 }  // namespace ipplay::measure

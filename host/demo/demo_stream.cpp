@@ -75,7 +75,9 @@ class StreamMaker {
     packet[TS_HEADER_SIZE] = 0;  // the section follows at once
     std::uint8_t* end = std::ranges::copy(section, packet + TS_HEADER_SIZE + 1).out;
     const std::uint32_t check = MpegCrc32(section);
-    for (int shift = 24; shift >= 0; shift -= 8) *end++ = static_cast<std::uint8_t>(check >> shift);
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      *end++ = static_cast<std::uint8_t>(check >> shift);
+    }
   }
 
   void AddClock(std::uint64_t number) {

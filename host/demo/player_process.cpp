@@ -13,18 +13,24 @@ namespace ipplay::measure {
 
 bool PlayerProcess::Start(const DemoNetwork& network, std::vector<std::string> arguments) {
   output_ = FileDescriptor(::memfd_create("output", MFD_CLOEXEC));
-  if (!output_) return false;
+  if (!output_.IsOpen()) {
+    return false;
+  }
   std::string program = "ipplay";
   std::vector<char*> words{program.data()};
-  for (std::string& argument : arguments) words.push_back(argument.data());
+  for (std::string& argument : arguments) {
+    words.push_back(argument.data());
+  }
   words.push_back(nullptr);
   const pid_t parent = ::getpid();
   process_ = ::fork();
-  if (process_ < 0) return false;
+  if (process_ < 0) {
+    return false;
+  }
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (::getppid() == parent && network.EnterNear() && ::dup2(output_.get(), 1) == 1 &&
-        ::dup2(output_.get(), 2) == 2) {
+    if (::getppid() == parent && network.EnterNear() && ::dup2(output_.Get(), 1) == 1 &&
+        ::dup2(output_.Get(), 2) == 2) {
       ::execv("/proc/self/exe", words.data());
     }
     ::_exit(EXIT_FAILURE);
@@ -43,15 +49,19 @@ bool PlayerProcess::HasEnded() {
 
 std::string PlayerProcess::Output() const {
   struct stat status {};
-  if (::fstat(output_.get(), &status) != 0) return {};
+  if (::fstat(output_.Get(), &status) != 0) {
+    return {};
+  }
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
-  const ssize_t size = ::pread(output_.get(), text.data(), text.size(), 0);
+  const ssize_t size = ::pread(output_.Get(), text.data(), text.size(), 0);
   text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
   return text;
 }
 
 PlayerProcess::~PlayerProcess() {
-  if (process_ <= 0 || HasEnded()) return;
+  if (process_ <= 0 || HasEnded()) {
+    return;
+  }
   ::kill(process_, SIGTERM);
   ::waitpid(process_, nullptr, 0);
 }

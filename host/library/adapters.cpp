@@ -22,7 +22,9 @@ namespace {
 std::vector<IpAddress> ParseAll(const char* const* texts, int count) {
   std::vector<IpAddress> addresses;
   for (int i = 0; i < count; ++i) {
-    if (const auto address = ParseIp(texts[i])) addresses.push_back(*address);
+    if (const auto address = ParseIp(texts[i])) {
+      addresses.push_back(*address);
+    }
   }
   return addresses;
 }
@@ -30,7 +32,9 @@ std::vector<IpAddress> ParseAll(const char* const* texts, int count) {
 Adapter FromEntry(const DeviceListEntry& entry, std::uint32_t index) {
   constexpr std::string_view kPrefix = "rpcap://";
   std::string_view name = entry.Name;
-  if (name.starts_with(kPrefix)) name.remove_prefix(kPrefix.size());
+  if (name.starts_with(kPrefix)) {
+    name.remove_prefix(kPrefix.size());
+  }
   Adapter adapter;
   adapter.index = index;
   adapter.name = name;
@@ -47,7 +51,9 @@ Adapter FromEntry(const DeviceListEntry& entry, std::uint32_t index) {
 }
 
 std::optional<IpAddress> FromSockaddr(const sockaddr* address) {
-  if (address == nullptr) return std::nullopt;
+  if (address == nullptr) {
+    return std::nullopt;
+  }
   IpAddress ip;
   if (address->sa_family == AF_INET) {
     sockaddr_in v4{};
@@ -67,7 +73,8 @@ std::optional<IpAddress> FromSockaddr(const sockaddr* address) {
 
 // The address that the system would send from. Connecting a UDP socket sends nothing.
 std::optional<IpAddress> RouteSource(const IpAddress& address) {
-  const FileDescriptor fd(socket(address.is_v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const FileDescriptor fd(
+      ::socket(address.is_v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_storage peer{};
   socklen_t length = 0;
   if (address.is_v6) {
@@ -83,14 +90,16 @@ std::optional<IpAddress> RouteSource(const IpAddress& address) {
     std::memcpy(&v4.sin_addr, address.bytes.data(), 4);
     std::memcpy(&peer, &v4, length = sizeof v4);
     const int on = 1;
-    setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+    ::setsockopt(fd.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
   }
-  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr*>(&peer), length) != 0) {
+  if (!fd.IsOpen() || ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&peer), length) != 0) {
     return std::nullopt;
   }
   sockaddr_storage own{};
   length = sizeof own;
-  if (getsockname(fd.get(), reinterpret_cast<sockaddr*>(&own), &length) != 0) return std::nullopt;
+  if (::getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&own), &length) != 0) {
+    return std::nullopt;
+  }
   return FromSockaddr(reinterpret_cast<const sockaddr*>(&own));
 }
 
@@ -104,7 +113,9 @@ std::string Names(const std::vector<Adapter>& adapters) {
 
 IpAddress Masked(const IpAddress& address, const IpAddress& mask) {
   IpAddress masked = address;
-  for (std::size_t i = 0; i < 4; ++i) masked.bytes[i] &= mask.bytes[i];
+  for (std::size_t i = 0; i < 4; ++i) {
+    masked.bytes[i] &= mask.bytes[i];
+  }
   return masked;
 }
 
@@ -113,7 +124,9 @@ std::optional<std::size_t> SubnetOf(const Adapter& adapter, const IpAddress& add
   const std::size_t count = std::min(adapter.ipv4.size(), adapter.ipv4_masks.size());
   for (std::size_t i = 0; !address.is_v6 && i < count; ++i) {
     const IpAddress& mask = adapter.ipv4_masks[i];
-    if (Masked(address, mask) == Masked(adapter.ipv4[i], mask)) return i;
+    if (Masked(address, mask) == Masked(adapter.ipv4[i], mask)) {
+      return i;
+    }
   }
   return std::nullopt;
 }
@@ -132,23 +145,33 @@ std::vector<Adapter> ListAdapters() {
 
 Result<Adapter> FindAdapter(const std::vector<Adapter>& adapters, const std::string& device) {
   for (const Adapter& adapter : adapters) {
-    if (adapter.name == device) return adapter;
+    if (adapter.name == device) {
+      return adapter;
+    }
   }
   // An interface may be named by a number, so names come first.
   const auto index = ParseNumber(device, 0, UINT32_MAX);
-  if (index && *index < adapters.size()) return adapters[*index];
+  if (index && *index < adapters.size()) {
+    return adapters[*index];
+  }
   return Failure{ExitStatus::kNoAccess,
                  fmt::format("--device: no such adapter; allowed are: {}", Names(adapters))};
 }
 
 std::optional<Route> RouteTo(const IpAddress& address) {
   const auto source = RouteSource(address);
-  if (!source) return std::nullopt;
+  if (!source) {
+    return std::nullopt;
+  }
   ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) return std::nullopt;
+  if (::getifaddrs(&list) != 0) {
+    return std::nullopt;
+  }
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, &freeifaddrs);
   for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (FromSockaddr(entry->ifa_addr) == source) return Route{*source, entry->ifa_name};
+    if (FromSockaddr(entry->ifa_addr) == source) {
+      return Route{*source, entry->ifa_name};
+    }
   }
   return std::nullopt;
 }
@@ -163,7 +186,9 @@ Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAdd
   const auto adapter =
       std::find_if(adapters.begin(), adapters.end(),
                    [&route](const Adapter& item) { return item.name == route->interface; });
-  if (adapter != adapters.end()) return *adapter;
+  if (adapter != adapters.end()) {
+    return *adapter;
+  }
   return Failure{
       ExitStatus::kNoAccess,
       fmt::format("--device: needed, since the route to {} leads through {}, which is no "
@@ -173,10 +198,16 @@ Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAdd
 
 std::optional<IpAddress> SourceAddress(const Adapter& adapter, const IpAddress& address) {
   const std::vector<IpAddress>& own = address.is_v6 ? adapter.ipv6 : adapter.ipv4;
-  if (own.empty()) return std::nullopt;
+  if (own.empty()) {
+    return std::nullopt;
+  }
   const auto route = RouteTo(address);
-  if (route && route->interface == adapter.name) return route->source;
-  if (const auto subnet = SubnetOf(adapter, address)) return own[*subnet];
+  if (route && route->interface == adapter.name) {
+    return route->source;
+  }
+  if (const auto subnet = SubnetOf(adapter, address)) {
+    return own[*subnet];
+  }
   const auto scope = std::find_if(own.begin(), own.end(), [&address](const IpAddress& item) {
     return item.IsLinkLocal() == address.IsLinkLocal();
   });
@@ -185,12 +216,18 @@ std::optional<IpAddress> SourceAddress(const Adapter& adapter, const IpAddress& 
 
 bool IsSubnetBroadcast(const Adapter& adapter, const IpAddress& address) {
   const auto subnet = SubnetOf(adapter, address);
-  if (!subnet) return false;
+  if (!subnet) {
+    return false;
+  }
   const IpAddress& mask = adapter.ipv4_masks[*subnet];
   // Subnets of one or two addresses have no broadcast address.
-  if ((mask.bytes[3] & 0xfe) == 0xfe) return false;
+  if ((mask.bytes[3] & 0xFE) == 0xFE) {
+    return false;
+  }
   for (std::size_t i = 0; i < 4; ++i) {
-    if ((address.bytes[i] | mask.bytes[i]) != 0xff) return false;
+    if ((address.bytes[i] | mask.bytes[i]) != 0xFF) {
+      return false;
+    }
   }
   return true;
 }

@@ -26,16 +26,22 @@ bool Ask(const Adapter& adapter, const IpAddress& address, MacAddress& mac) {
 
 std::optional<Destination> DestinationWithoutAsking(const Adapter& adapter,
                                                     const IpAddress& address) {
-  if (address.IsMulticast()) return Destination{MulticastMac(address), "multicast mapping"};
-  if (address.IsLimitedBroadcast() || IsSubnetBroadcast(adapter, address)) {
-    return Destination{{0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, "broadcast"};
+  if (address.IsMulticast()) {
+    return Destination{MulticastMac(address), "multicast mapping"};
   }
-  if (IsOwn(adapter, address)) return Destination{adapter.mac, "the adapter's own address"};
+  if (address.IsLimitedBroadcast() || IsSubnetBroadcast(adapter, address)) {
+    return Destination{{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "broadcast"};
+  }
+  if (IsOwn(adapter, address)) {
+    return Destination{adapter.mac, "the adapter's own address"};
+  }
   return std::nullopt;
 }
 
 Result<Destination> FindDestination(const Adapter& adapter, const IpAddress& address) {
-  if (const auto known = DestinationWithoutAsking(adapter, address)) return *known;
+  if (const auto known = DestinationWithoutAsking(adapter, address)) {
+    return *known;
+  }
   // The library asks with the adapter's only IPv6 address and does not choose among several.
   if (address.is_v6 && adapter.ipv6.size() != 1) {
     return Failure{ExitStatus::kFailed,

@@ -19,7 +19,9 @@ namespace {
 std::string JoinAddresses(const Adapter& adapter) {
   std::vector<std::string> texts;
   for (const auto* list : {&adapter.ipv4, &adapter.ipv6}) {
-    for (const IpAddress& address : *list) texts.push_back(FormatIp(address));
+    for (const IpAddress& address : *list) {
+      texts.push_back(FormatIp(address));
+    }
   }
   return texts.empty() ? "-" : fmt::format("{}", fmt::join(texts, " "));
 }
@@ -42,7 +44,9 @@ void PrintTable(const std::vector<Adapter>& adapters) {
 
 nlohmann::ordered_json AddressList(const std::vector<IpAddress>& addresses) {
   auto list = nlohmann::ordered_json::array();
-  for (const IpAddress& address : addresses) list.push_back(FormatIp(address));
+  for (const IpAddress& address : addresses) {
+    list.push_back(FormatIp(address));
+  }
   return list;
 }
 
@@ -72,10 +76,14 @@ struct ResolveOptions {
 
 Result<int> Resolve(const ResolveOptions& options) {
   const Library library;
-  const auto adapter = FindAdapter(library.adapters(), options.device);
-  if (!adapter) return adapter.failure();
+  const auto adapter = FindAdapter(library.Adapters(), options.device);
+  if (!adapter) {
+    return adapter.Error();
+  }
   const auto destination = FindDestination(*adapter, options.address);
-  if (!destination) return destination.failure();
+  if (!destination) {
+    return destination.Error();
+  }
   Print(Results(), "{}  {}\n", FormatMac(destination->mac), destination->how);
   return static_cast<int>(ExitStatus::kPlayed);
 }
@@ -88,7 +96,7 @@ void RegisterDevices(CLI::App& app, Result<int>& outcome) {
   OptionBuilder(*command).Flag("--json", *json, "As a JSON array")->configurable(false);
   command->callback([json, &outcome] {
     const Library library;
-    *json ? PrintJson(library.adapters()) : PrintTable(library.adapters());
+    *json ? PrintJson(library.Adapters()) : PrintTable(library.Adapters());
     outcome = static_cast<int>(ExitStatus::kPlayed);
   });
 }

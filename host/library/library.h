@@ -14,7 +14,7 @@ class Library {
   Library& operator=(const Library&) = delete;
   ~Library();
 
-  const std::vector<Adapter>& adapters() const { return adapters_; }
+  const std::vector<Adapter>& Adapters() const { return adapters_; }
 
  private:
   std::vector<Adapter> adapters_;

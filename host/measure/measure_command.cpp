@@ -18,7 +18,9 @@ namespace {
 std::vector<std::pair<std::string, std::string>> GivenOptions(const CLI::App& command) {
   std::vector<std::pair<std::string, std::string>> given;
   for (const CLI::Option* option : command.get_options()) {
-    if (option->count() == 0) continue;
+    if (option->count() == 0) {
+      continue;
+    }
     given.emplace_back(option->get_name(), fmt::format("{}", fmt::join(option->results(), " ")));
   }
   return given;

@@ -19,7 +19,9 @@ template <typename Enum, std::size_t kCount>
 auto OneOf(const Word<Enum> (&words)[kCount]) {
   return [&words](const std::string& text) -> std::optional<Enum> {
     for (const auto& word : words) {
-      if (text == word.text) return word.value;
+      if (text == word.text) {
+        return word.value;
+      }
     }
     return std::nullopt;
   };

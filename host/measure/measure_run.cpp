@@ -49,17 +49,25 @@ class EndWatch {
     const auto now = Clock::now();
     const std::uint64_t frames = measurement.Rate().Frames();
     if (frames != frames_) {
-      if (frames_ == 0) first_ = now;
+      if (frames_ == 0) {
+        first_ = now;
+      }
       last_ = now;
       frames_ = frames;
     }
-    if (measurement.IsComplete()) return true;
+    if (measurement.IsComplete()) {
+      return true;
+    }
     if (options_.sender_ended && options_.sender_ended()) {
       sender_end_ = std::min(sender_end_, now);
       return now - sender_end_ > kLastFramesWait;
     }
-    if (options_.duration && now - first_ > *options_.duration + kLastFramesWait) return true;
-    if (frames_ == 0) return options_.wait && now - first_ > *options_.wait;
+    if (options_.duration && now - first_ > *options_.duration + kLastFramesWait) {
+      return true;
+    }
+    if (frames_ == 0) {
+      return options_.wait && now - first_ > *options_.wait;
+    }
     return options_.silence && now - last_ > *options_.silence;
   }
 
@@ -85,7 +93,9 @@ class MeasureRun {
     const StopSignals signals;
     // From here on no frame is missed.
     if (options_.start_sender) {
-      if (!options_.start_sender()) return Failure{ExitStatus::kFailed, "cannot start the sender"};
+      if (!options_.start_sender()) {
+        return Failure{ExitStatus::kFailed, "cannot start the sender"};
+      }
     } else if (source_.IsLive() && !options_.quiet) {
       Print(stderr, "Measuring on {}\n", options_.source);
     }
@@ -100,13 +110,17 @@ class MeasureRun {
       if (status == CaptureSource::ReadStatus::kFailed) {
         failure = Failure{ExitStatus::kFailed, source_.Error()};
       }
-      if (failure || status == CaptureSource::ReadStatus::kEnd) break;
+      if (failure || status == CaptureSource::ReadStatus::kEnd) {
+        break;
+      }
       if (view_.IsShown() && Clock::now() >= next_draw) {
         Draw();
         next_draw = Clock::now() + kRedrawInterval;
       }
     }
-    if (signals.Came()) Drain();
+    if (signals.Came()) {
+      Drain();
+    }
     view_.Draw("");
     drops_ = source_.Drops();
     measurement_.Finish();
@@ -136,7 +150,9 @@ class MeasureRun {
     const std::size_t room = view_.Rows() > kOtherLines ? view_.Rows() - kOtherLines : 1;
     std::vector<StreamSummary> rows;
     for (const auto& stream : streams) {
-      if (rows.size() >= std::min<std::size_t>(options_.rows, room)) break;
+      if (rows.size() >= std::min<std::size_t>(options_.rows, room)) {
+        break;
+      }
       rows.push_back(Summarize(*stream, measurement_.Settings()));
     }
     view_.Draw(LiveTable(capture, SummarizeTotal(measurement_), rows, view_.Columns()));
@@ -155,12 +171,14 @@ std::string LocalDate() {
 
 Result<MeasurementSettings> SettingsOf(const MeasureOptions& options) {
   MeasurementSettings settings = options.measurement;
-  if (options.duration) settings.max_duration_ns = options.duration->count();
+  if (options.duration) {
+    settings.max_duration_ns = options.duration->count();
+  }
   if (!options.expected_file.empty()) {
     auto file = MappedFile::Open(options.expected_file);
     if (!file) {
       return UsageFailure(
-          fmt::format("--expect {}: {}", options.expected_file, file.failure().message));
+          fmt::format("--expect {}: {}", options.expected_file, file.Error().message));
     }
     settings.expected = std::make_shared<ExpectedContent>(*file);
   }
@@ -170,7 +188,9 @@ Result<MeasurementSettings> SettingsOf(const MeasureOptions& options) {
 Requirements RequirementsOf(const MeasureOptions& options) {
   Requirements requirements;
   for (const auto& limit : options.limits) {
-    if (limit) requirements.limits.push_back(*limit);
+    if (limit) {
+      requirements.limits.push_back(*limit);
+    }
   }
   requirements.min_streams = options.min_streams;
   requirements.content_equal = !options.expected_file.empty();
@@ -202,21 +222,29 @@ Result<int> RunMeasurement(const MeasureOptions& options,
                            const std::vector<std::pair<std::string, std::string>>& settings) {
   const bool is_file = IsFile(options.source);
   if (is_file) {
-    if (auto failure = CheckFileOptions(options)) return *std::move(failure);
+    if (auto failure = CheckFileOptions(options)) {
+      return *std::move(failure);
+    }
   }
   const auto measurement_settings = SettingsOf(options);
-  if (!measurement_settings) return measurement_settings.failure();
+  if (!measurement_settings) {
+    return measurement_settings.Error();
+  }
   std::optional<OutputFile> report_file;
   if (!options.report_file.empty()) {
     auto file = OutputFile::Create("--report", options.report_file);
-    if (!file) return file.failure();
+    if (!file) {
+      return file.Error();
+    }
     report_file = std::move(*file);
   }
   LiveSettings live = options.capture;
   live.device = options.source;
   auto source = is_file ? CaptureSource::OpenFile(options.source, options.capture.filter)
                         : CaptureSource::OpenLive(live);
-  if (!source) return source.failure();
+  if (!source) {
+    return source.Error();
+  }
 
   MeasureRun run(options, std::move(*source), *measurement_settings);
   const auto failure = run.Run();
@@ -234,9 +262,13 @@ Result<int> RunMeasurement(const MeasureOptions& options,
   if (report_file) {
     auto refused =
         report_file->Commit(ReportHtml({summary, run.Measured(), verdicts, settings, LocalDate()}));
-    if (refused) return *std::move(refused);
+    if (refused) {
+      return *std::move(refused);
+    }
   }
-  if (failure) return *failure;
+  if (failure) {
+    return *failure;
+  }
   return AllMet(verdicts) ? static_cast<int>(ExitStatus::kPlayed) : kLimitsNotMet;
 }
 

@@ -8,7 +8,9 @@ Feeder::Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restampe
 
 Feeder::~Feeder() {
   Stop();
-  if (thread_.joinable()) thread_.join();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
 }
 
 void Feeder::Start() {
@@ -18,10 +20,16 @@ void Feeder::Start() {
 void Feeder::Run() {
   WordWriter writer(sink_.write);
   bool written = PlayRound(writer);
-  while (written && StartNextRound()) written = PlayRound(writer);
-  if (!written || stop_.load(std::memory_order_relaxed)) return;
-  if (!writer.Finish()) return;
-  padding_.store(writer.padding(), std::memory_order_relaxed);
+  while (written && StartNextRound()) {
+    written = PlayRound(writer);
+  }
+  if (!written || stop_.load(std::memory_order_relaxed)) {
+    return;
+  }
+  if (!writer.Finish()) {
+    return;
+  }
+  padding_.store(writer.Padding(), std::memory_order_relaxed);
   sink_.terminate();
 }
 
@@ -29,19 +37,29 @@ bool Feeder::PlayRound(WordWriter& writer) {
   const auto write = [&writer](Restamper::Bytes bytes) { return writer.Write(bytes); };
   while (!stop_.load(std::memory_order_relaxed)) {
     const auto packets = reader_->Next();
-    if (packets.empty()) break;
-    if (!(restamper_ ? restamper_->Run(packets, write) : writer.Write(packets))) return false;
+    if (packets.empty()) {
+      break;
+    }
+    if (!(restamper_ ? restamper_->Run(packets, write) : writer.Write(packets))) {
+      return false;
+    }
   }
-  read_error_.store(reader_->error(), std::memory_order_relaxed);
+  read_error_.store(reader_->ReadError(), std::memory_order_relaxed);
   return !restamper_ || restamper_->Run({}, write);
 }
 
 bool Feeder::StartNextRound() {
-  if (stop_.load(std::memory_order_relaxed) || reader_->error() != 0) return false;
-  if (rounds_ && round_ >= *rounds_) return false;
+  if (stop_.load(std::memory_order_relaxed) || reader_->ReadError() != 0) {
+    return false;
+  }
+  if (rounds_ && round_ >= *rounds_) {
+    return false;
+  }
   ++round_;
   reader_->StartNextRound();
-  if (restamper_) restamper_->StartNextRound();
+  if (restamper_) {
+    restamper_->StartNextRound();
+  }
   return true;
 }
 

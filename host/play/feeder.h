@@ -33,9 +33,9 @@ class Feeder {
 
   // For any thread: zero bytes added at the end, errno of a failed read (0 for none), and
   // RoundReader::sync_lost().
-  unsigned padding() const { return padding_.load(std::memory_order_relaxed); }
-  int read_error() const { return read_error_.load(std::memory_order_relaxed); }
-  std::optional<std::uint64_t> sync_lost() const { return reader_->sync_lost(); }
+  unsigned Padding() const { return padding_.load(std::memory_order_relaxed); }
+  int ReadError() const { return read_error_.load(std::memory_order_relaxed); }
+  std::optional<std::uint64_t> SyncLost() const { return reader_->SyncLost(); }
 
  private:
   void Run();

@@ -23,7 +23,9 @@ class InternetSum {
   }
   std::uint16_t Checksum() const {
     std::uint64_t sum = sum_;
-    while (sum > 0xffff) sum = (sum >> 16) + (sum & 0xffff);
+    while (sum > 0xFFFF) {
+      sum = (sum >> 16) + (sum & 0xFFFF);
+    }
     return static_cast<std::uint16_t>(~sum);
   }
 
@@ -81,7 +83,9 @@ class FieldWriter {
   // All fields from one on, as they stand in the frame.
   InternetSum SumFrom(std::size_t first) const {
     InternetSum sum;
-    for (std::size_t i = first; i < fields_.size(); ++i) sum.Add(fields_[i].bytes);
+    for (std::size_t i = first; i < fields_.size(); ++i) {
+      sum.Add(fields_[i].bytes);
+    }
     return sum;
   }
 
@@ -100,12 +104,12 @@ void WriteEthernet(FieldWriter& write, const ProtocolHeadersSettings& h, bool de
   write.Mac("Ethernet source", ethernet.SourceMacAddress);
   if (h.VLANEnabled == 1) {
     const std::uint32_t priority = h.VLANPriorityLevel & 7U;
-    const std::uint32_t vid = h.VID & 0xfffU;
-    write.Hex("VLAN TPID", h.TPID & 0xffffU, 2);
+    const std::uint32_t vid = h.VID & 0xFFFU;
+    write.Hex("VLAN TPID", h.TPID & 0xFFFFU, 2);
     write.Number("VLAN priority, CFI, id", priority << 13 | (h.CFI == 1 ? 0x1000U : 0U) | vid, 2,
                  fmt::format("{}, {}, {}", priority, h.CFI == 1 ? 1 : 0, vid));
   }
-  write.Hex("EtherType", ethernet.EProtocol & 0xffffU, 2);
+  write.Hex("EtherType", ethernet.EProtocol & 0xFFFFU, 2);
 }
 
 void WriteIPv4(FieldWriter& write, const IPPlayParams& params, std::uint32_t udp_bytes) {
@@ -114,29 +118,31 @@ void WriteIPv4(FieldWriter& write, const IPPlayParams& params, std::uint32_t udp
   const std::uint32_t words = router_alert ? 6 : 5;
   const bool dont_fragment = params.IPFragmentation == 0;
   const std::size_t first = write.fields().size();
-  write.Number("IPv4 version, header length", (ip.IPVersion * 16U + words) & 0xffU, 1,
-               fmt::format("{}, {} bytes", ip.IPVersion & 0xf, words * 4));
+  write.Number("IPv4 version, header length", (ip.IPVersion * 16U + words) & 0xFFU, 1,
+               fmt::format("{}, {} bytes", ip.IPVersion & 0xF, words * 4));
   write.Hex("IPv4 TOS", ip.TOS, 1);
   write.Number("IPv4 total length", words * 4 + udp_bytes, 2);
-  write.Number("IPv4 identification", ip.Identification & 0xffffU, 2);
+  write.Number("IPv4 identification", ip.Identification & 0xFFFFU, 2);
   write.Number("IPv4 flags, fragment offset", dont_fragment ? 0x4000 : 0, 2,
                dont_fragment ? "don't fragment, 0" : "0, 0");
-  write.Number("IPv4 TTL", ip.TTL & 0xffU, 1);
-  write.Number("IPv4 protocol", ip.IPProtocol & 0xffU, 1);
+  write.Number("IPv4 TTL", ip.TTL & 0xFFU, 1);
+  write.Number("IPv4 protocol", ip.IPProtocol & 0xFFU, 1);
   const std::size_t checksum = write.fields().size();
   write.Hex("IPv4 header checksum", 0, 2);
   write.Ip("IPv4 source", ip.SourceIP);
   write.Ip("IPv4 destination", ip.DestinationIP);
-  if (router_alert) write.Hex("IPv4 router alert", 0x94040000, 4);
+  if (router_alert) {
+    write.Hex("IPv4 router alert", 0x94040000, 4);
+  }
   write.SetChecksum(checksum, write.SumFrom(first).Checksum());
 }
 
 void WriteIPv6(FieldWriter& write, const IPv6HeaderSettings& ip, std::uint32_t udp_bytes) {
-  const std::uint32_t flow_label = ip.FlowLabel & 0xfffffU;
+  const std::uint32_t flow_label = ip.FlowLabel & 0xFFFFFU;
   write.Number(
       "IPv6 version, traffic class, flow label",
-      (ip.IPv6Version & 0xfULL) << 28 | std::uint64_t{ip.TrafficClass} << 20 | flow_label, 4,
-      fmt::format("{}, 0x{:02x}, 0x{:05x}", ip.IPv6Version & 0xf, ip.TrafficClass, flow_label));
+      (ip.IPv6Version & 0xFULL) << 28 | std::uint64_t{ip.TrafficClass} << 20 | flow_label, 4,
+      fmt::format("{}, 0x{:02x}, 0x{:05x}", ip.IPv6Version & 0xF, ip.TrafficClass, flow_label));
   write.Number("IPv6 payload length", udp_bytes, 2);
   write.Number("IPv6 next header", ip.NextHeader, 1);
   write.Number("IPv6 hop limit", ip.HopLimit, 1);
@@ -145,16 +151,18 @@ void WriteIPv6(FieldWriter& write, const IPv6HeaderSettings& ip, std::uint32_t u
 }
 
 void WriteRtp(FieldWriter& write, const RTPHeaderSettings& rtp) {
-  const std::uint32_t first = rtp.Extension > 0 ? 0x80 : rtp.RTPVersion * 64U & 0xffU;
+  const std::uint32_t first = rtp.Extension > 0 ? 0x80 : rtp.RTPVersion * 64U & 0xFFU;
   write.Number("RTP version", first, 1, fmt::format("{}", first >> 6));
   write.Number(
-      "RTP payload type", rtp.PayloadType & 0xffU, 1,
-      fmt::format("{}{}", rtp.PayloadType & 0x7f, rtp.PayloadType & 0x80 ? " with marker" : ""));
+      "RTP payload type", rtp.PayloadType & 0xFFU, 1,
+      fmt::format("{}{}", rtp.PayloadType & 0x7F, rtp.PayloadType & 0x80 ? " with marker" : ""));
   const auto random = [](FrameField& field, bool is_random) {
     field.open = is_random;
-    if (is_random) field.value = "random";
+    if (is_random) {
+      field.value = "random";
+    }
   };
-  random(write.Number("RTP sequence number", rtp.SequenceNumber & 0xffffU, 2),
+  random(write.Number("RTP sequence number", rtp.SequenceNumber & 0xFFFFU, 2),
          rtp.RandomSequenceNumber == 1);
   write.Number("RTP time stamp", 0, 4);
   random(write.Hex("RTP SSRC", rtp.SSRC, 4), rtp.RandomSSRC == 1);
@@ -192,12 +200,14 @@ std::vector<FrameField> FirstFrameFields(const IPPlayParams& params, bool destin
     WriteIPv4(write, params, udp_bytes);
   }
   const std::size_t udp = write.fields().size();
-  write.Number("UDP source port", h.UDPHeaderSettings.SourcePort & 0xffffU, 2);
-  write.Number("UDP destination port", h.UDPHeaderSettings.DestinationPort & 0xffffU, 2);
-  write.Number("UDP length", udp_bytes & 0xffffU, 2);
+  write.Number("UDP source port", h.UDPHeaderSettings.SourcePort & 0xFFFFU, 2);
+  write.Number("UDP destination port", h.UDPHeaderSettings.DestinationPort & 0xFFFFU, 2);
+  write.Number("UDP length", udp_bytes & 0xFFFFU, 2);
   const std::size_t checksum = write.fields().size();
   write.Hex("UDP checksum", 0, 2);
-  if (rtp) WriteRtp(write, h.RTPHeaderSettings);
+  if (rtp) {
+    WriteRtp(write, h.RTPHeaderSettings);
+  }
 
   InternetSum sum = PseudoHeader(params, udp_bytes);
   bool open = false;
@@ -206,7 +216,7 @@ std::vector<FrameField> FirstFrameFields(const IPPlayParams& params, bool destin
     open = open || write.fields()[i].open;
   }
   sum.Add(payload);
-  write.SetChecksum(checksum, sum.Checksum() == 0 ? 0xffff : sum.Checksum());
+  write.SetChecksum(checksum, sum.Checksum() == 0 ? 0xFFFF : sum.Checksum());
   if (open) {
     write.fields()[checksum].open = true;
     write.fields()[checksum].value = "follows from the random fields";

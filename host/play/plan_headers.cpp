@@ -9,7 +9,7 @@ namespace ipplay {
 namespace {
 
 constexpr std::uint32_t kEtherTypeIPv4 = 0x0800;
-constexpr std::uint32_t kEtherTypeIPv6 = 0x86dd;
+constexpr std::uint32_t kEtherTypeIPv6 = 0x86DD;
 
 template <std::size_t N, std::size_t M>
 void Copy(const std::array<std::uint8_t, N>& from, std::uint8_t (&to)[M]) {
@@ -19,7 +19,9 @@ void Copy(const std::array<std::uint8_t, N>& from, std::uint8_t (&to)[M]) {
 
 // Whether an address option is of the version that the target has.
 std::optional<Failure> CheckVersion(const char* name, const IpAddress& address, bool v6) {
-  if (address.is_v6 == v6) return std::nullopt;
+  if (address.is_v6 == v6) {
+    return std::nullopt;
+  }
   return UsageFailure(
       fmt::format("{}: allowed is an IPv{} address, as the target has one", name, v6 ? 6 : 4));
 }
@@ -42,13 +44,17 @@ std::optional<Failure> PlanIp(const PlayOptions& options, const Path& path,
                               ProtocolHeadersSettings& headers) {
   const bool v6 = options.to.address.is_v6;
   const IpAddress destination = options.dst_ip.value_or(options.to.address);
-  if (auto failure = CheckVersion("--dst-ip", destination, v6)) return failure;
+  if (auto failure = CheckVersion("--dst-ip", destination, v6)) {
+    return failure;
+  }
   const auto source = options.src_ip ? options.src_ip : path.source;
   if (!source) {
     return UsageFailure(fmt::format("--src-ip: needed, since {} has no IPv{} address",
                                     path.adapter.name, v6 ? 6 : 4));
   }
-  if (auto failure = CheckVersion("--src-ip", *source, v6)) return failure;
+  if (auto failure = CheckVersion("--src-ip", *source, v6)) {
+    return failure;
+  }
   if (options.tos && options.dscp) {
     return UsageFailure("--dscp: not together with --tos; allowed is one of them");
   }
@@ -79,7 +85,9 @@ std::optional<Failure> PlanIp(const PlayOptions& options, const Path& path,
 void PlanUdpAndRtp(const PlayOptions& options, ProtocolHeadersSettings& headers) {
   headers.UDPHeaderSettings.DestinationPort = options.dst_port.value_or(options.to.port);
   headers.UDPHeaderSettings.SourcePort = options.src_port.value_or(options.to.port);
-  if (!options.to.rtp) return;
+  if (!options.to.rtp) {
+    return;
+  }
   RTPHeaderSettings& rtp = headers.RTPHeaderSettings;
   const StartValue sequence = options.sequence.value_or(StartValue{});
   rtp.RTPVersion = static_cast<std::uint8_t>(options.rtp_version);
@@ -153,7 +161,9 @@ void PlanStep(const Step& step, ProtocolHeadersIncrements& increments) {
 std::uint32_t LowWord(const IpAddress& address) {
   const std::size_t first = address.is_v6 ? 12 : 0;
   std::uint32_t word = 0;
-  for (std::size_t i = 0; i < 4; ++i) word = word << 8 | address.bytes[first + i];
+  for (std::size_t i = 0; i < 4; ++i) {
+    word = word << 8 | address.bytes[first + i];
+  }
   return word;
 }
 
@@ -161,7 +171,7 @@ std::uint32_t LowWord(const IpAddress& address) {
 // library adds MAC addresses as 48-bit numbers, which is right up to the end of the mapped bits.
 void FollowGroups(const PlayOptions& options, const Step& step,
                   ProtocolHeadersIncrements& increments, std::vector<std::string>& notes) {
-  const std::uint64_t mapped = step.ip.is_v6 ? 0xffffffff : 0x7fffff;
+  const std::uint64_t mapped = step.ip.is_v6 ? 0xFFFFFFFF : 0x7FFFFF;
   const std::uint64_t word = LowWord(step.ip) & mapped;
   const std::uint64_t last = (LowWord(options.to.address) & mapped) + word * (options.copies - 1);
   for (std::size_t i = 0; i < 4; ++i) {
@@ -207,7 +217,9 @@ std::optional<Failure> PlanSteps(const PlayOptions& options, ProtocolHeadersIncr
       return UsageFailure(fmt::format("--step {}={}: allowed with {} only", NameOf(step.field),
                                       step.number, needed));
     }
-    if (step.field == StepField::kDstIp) destination = &step;
+    if (step.field == StepField::kDstIp) {
+      destination = &step;
+    }
     mac_given = mac_given || step.field == StepField::kDstMac;
     PlanStep(step, increments);
   }
@@ -249,9 +261,13 @@ std::optional<Failure> CheckFields(const PlayOptions& options) {
 std::optional<Failure> PlanHeaders(const PlayOptions& options, const Path& path,
                                    IPPlayParams& params, std::vector<std::string>& notes) {
   ProtocolHeadersSettings& headers = params.ProtocolHeadersSettings;
-  if (auto failure = CheckFields(options)) return failure;
+  if (auto failure = CheckFields(options)) {
+    return failure;
+  }
   PlanEthernet(options, path, headers);
-  if (auto failure = PlanIp(options, path, headers)) return failure;
+  if (auto failure = PlanIp(options, path, headers)) {
+    return failure;
+  }
   PlanUdpAndRtp(options, headers);
   return PlanSteps(options, params.ProtocolHeadersIncrements, notes);
 }
@@ -261,7 +277,9 @@ std::uint32_t HeaderBytes(const IPPlayParams& params) {
   const ProtocolHeadersSettings& headers = params.ProtocolHeadersSettings;
   std::uint32_t bytes = 14 + (headers.VLANEnabled == 1 ? 4 : 0) + 8;
   bytes += params.ProtocolMode == 1 ? 12 : 0;
-  if (params.IPLayerVersion == 1) return bytes + 40;
+  if (params.IPLayerVersion == 1) {
+    return bytes + 40;
+  }
   return bytes + (headers.IPHeaderSettings.IPProtocol == kRouterAlertProtocol ? 24 : 20);
 }
 

@@ -25,7 +25,9 @@ namespace {
 Result<Path> FindPath(const PlayOptions& options, const std::vector<Adapter>& adapters) {
   const auto adapter = options.device.empty() ? AdapterByRoute(adapters, options.to.address)
                                               : FindAdapter(adapters, options.device);
-  if (!adapter) return adapter.failure();
+  if (!adapter) {
+    return adapter.Error();
+  }
   Path path;
   path.adapter = *adapter;
   path.source = SourceAddress(*adapter, options.to.address);
@@ -37,9 +39,13 @@ Result<Path> FindPath(const PlayOptions& options, const std::vector<Adapter>& ad
 
 // Asks for the destination's MAC address where neither the user nor the address tells it.
 std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan) {
-  if (options.dst_mac || path.destination) return std::nullopt;
+  if (options.dst_mac || path.destination) {
+    return std::nullopt;
+  }
   const auto destination = FindDestination(path.adapter, options.to.address);
-  if (!destination) return destination.failure();
+  if (!destination) {
+    return destination.Error();
+  }
   path.destination = destination->mac;
   std::memcpy(
       plan.settings.params.ProtocolHeadersSettings.EthernetHeaderSettings.DestinationMacAddress,
@@ -70,25 +76,41 @@ void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayP
   if (!options.quiet) {
     Print(stderr, "{}", Introduction(options, facts, plan, adapter.name));
   }
-  for (const std::string& note : plan.notes) Print(stderr, "ipplay: note: {}\n", note);
+  for (const std::string& note : plan.notes) {
+    Print(stderr, "ipplay: note: {}\n", note);
+  }
 }
 
 Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   const Library library;
-  auto path = FindPath(options, library.adapters());
-  if (!path) return path.failure();
-  const FileDescriptor stop_reading(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  auto input = Input::Open(options.input, stop_reading.get());
-  if (!input) return input.failure();
+  auto path = FindPath(options, library.Adapters());
+  if (!path) {
+    return path.Error();
+  }
+  const FileDescriptor stop_reading(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  auto input = Input::Open(options.input, stop_reading.Get());
+  if (!input) {
+    return input.Error();
+  }
   ExamineOptions examine{
       .raw = options.raw, .want_rate = !options.bit_rate && !options.frame_bit_rate, .pcr_pid = {}};
-  if (options.restamp || options.near_wrap) examine.want_rate = true;
-  if (options.pcr_pid) examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);
+  if (options.restamp || options.near_wrap) {
+    examine.want_rate = true;
+  }
+  if (options.pcr_pid) {
+    examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);
+  }
   const auto facts = Examine(*input, examine);
-  if (!facts) return facts.failure();
+  if (!facts) {
+    return facts.Error();
+  }
   auto plan = MakePlan(options, *facts, *path);
-  if (!plan) return plan.failure();
-  if (const auto failure = WriteConfig(app, options.write_config)) return *failure;
+  if (!plan) {
+    return plan.Error();
+  }
+  if (const auto failure = WriteConfig(app, options.write_config)) {
+    return *failure;
+  }
   if (options.dry_run) {
     PrintDryRun(options, *facts, *plan, *path, *input);
     return static_cast<int>(ExitStatus::kPlayed);
@@ -96,10 +118,12 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   if (const auto missing = MissingRightToSend()) {
     return Failure{ExitStatus::kNoAccess, *missing};
   }
-  if (const auto failure = CompletePath(options, *path, *plan)) return *failure;
+  if (const auto failure = CompletePath(options, *path, *plan)) {
+    return *failure;
+  }
   Introduce(options, *facts, *plan, path->adapter);
   PlaySession session(options, *plan, std::make_unique<RoundReader>(std::move(*input), *facts),
-                      stop_reading.get());
+                      stop_reading.Get());
   return static_cast<int>(session.Run());
 }
 

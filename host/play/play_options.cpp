@@ -9,8 +9,12 @@ namespace {
 constexpr std::uint32_t kMaxU32 = UINT32_MAX;
 
 std::optional<bool> ParseOnOff(const std::string& text) {
-  if (text == "on") return true;
-  if (text == "off") return false;
+  if (text == "on") {
+    return true;
+  }
+  if (text == "off") {
+    return false;
+  }
   return std::nullopt;
 }
 
@@ -41,16 +45,16 @@ void DefineTarget(OptionBuilder& add, PlayOptions& o) {
 
 void DefineHeaders(OptionBuilder& add, PlayOptions& o) {
   add.Group("Header fields");
-  add.Number("--ethertype", o.ether_type, 0, 0xffff, "EtherType; default: that of the IP version");
+  add.Number("--ethertype", o.ether_type, 0, 0xFFFF, "EtherType; default: that of the IP version");
   add.Number("--vlan", o.vlan, 0, 4095, "Insert an 802.1Q tag with this VLAN id");
   add.Number("--vlan-priority", o.vlan_priority, 0, 7, "Priority in the tag", "0");
   add.Flag("--vlan-cfi", o.vlan_cfi, "Set the CFI/DEI bit in the tag");
-  add.Number("--vlan-tpid", o.vlan_tpid, 0, 0xffff, "EtherType of the tag", "0x8100");
+  add.Number("--vlan-tpid", o.vlan_tpid, 0, 0xFFFF, "EtherType of the tag", "0x8100");
   add.Number("--ip-version", o.ip_version, 0, 15, "Version field; default 4 or 6");
   add.Number("--ttl,--hop-limit", o.ttl, 0, 255, "TTL or hop limit", "64");
   add.Number("--tos,--traffic-class", o.tos, 0, 255, "TOS byte or traffic class; default 0");
   add.Number("--dscp", o.dscp, 0, 63, "The same given by its upper six bits");
-  add.Number("--flow-label", o.flow_label, 0, 0xfffff, "IPv6 flow label", "0");
+  add.Number("--flow-label", o.flow_label, 0, 0xFFFFF, "IPv6 flow label", "0");
   add.Number("--identification", o.identification, 0, 65535,
              "IPv4 identification of the first datagram; default 0");
   add.Value("--dont-fragment", o.dont_fragment, "on|off", "on or off",
@@ -119,7 +123,9 @@ void DefineShape(OptionBuilder& add, PlayOptions& o) {
       "--copies", o.copies, "N", "1 to 1000000", "Send so many parallel streams",
       [](const std::string& text) -> std::optional<std::uint32_t> {
         const auto number = ParseNumber(text, 1, 1'000'000);
-        if (!number) return std::nullopt;
+        if (!number) {
+          return std::nullopt;
+        }
         return static_cast<std::uint32_t>(*number);
       },
       "1");
@@ -168,7 +174,9 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
           [&o](const std::vector<std::pair<std::string, std::string>>& entries) {
             for (const auto& [when, what] : entries) {
               const auto time = ParseDuration(when);
-              if (!time) throw OptionBuilder::NotAllowed("--at", when, "a time as 10s or 1h30m");
+              if (!time) {
+                throw OptionBuilder::NotAllowed("--at", when, "a time as 10s or 1h30m");
+              }
               const auto action = ParseAction(what);
               if (!action) {
                 throw OptionBuilder::NotAllowed(
@@ -200,8 +208,12 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
       "--stats", o.json, "text|json", "text or json",
       "json: one JSON object a second and one at the end on standard output, nothing else",
       [](const std::string& text) -> std::optional<bool> {
-        if (text == "json") return true;
-        if (text == "text") return false;
+        if (text == "json") {
+          return true;
+        }
+        if (text == "text") {
+          return false;
+        }
         return std::nullopt;
       },
       "text");

@@ -30,7 +30,9 @@ class Planner {
     for (const Step step : {&Planner::CheckErrors, &Planner::SetHeaders, &Planner::SetPayload,
                             &Planner::CheckFrame, &Planner::SetRate, &Planner::SetRounds,
                             &Planner::SetRestamp, &Planner::SetShape, &Planner::SetRtpClock}) {
-      if (auto failure = (this->*step)()) return *std::move(failure);
+      if (auto failure = (this->*step)()) {
+        return *std::move(failure);
+      }
     }
     SetErrors();
     SetWraps();
@@ -119,7 +121,9 @@ std::optional<Failure> Planner::SetHeaders() {
 }
 
 std::string Planner::SizeOption() const {
-  if (options_.frame_size) return fmt::format("--frame-size {}", *options_.frame_size);
+  if (options_.frame_size) {
+    return fmt::format("--frame-size {}", *options_.frame_size);
+  }
   return fmt::format("--ts-per-datagram {}",
                      options_.ts_per_datagram.value_or(kDefaultPacketsPerDatagram));
 }
@@ -223,7 +227,9 @@ std::optional<Failure> Planner::SetRounds() {
     return UsageFailure("--loop: allowed with a file only; a pipe can be read once");
   }
   plan_.round_bytes = facts_.bytes;
-  if (facts_.bytes && plan_.rounds) plan_.total_bytes = *facts_.bytes * *plan_.rounds;
+  if (facts_.bytes && plan_.rounds) {
+    plan_.total_bytes = *facts_.bytes * *plan_.rounds;
+  }
   return std::nullopt;
 }
 
@@ -232,7 +238,9 @@ std::optional<Failure> Planner::SetRounds() {
 std::uint64_t Planner::NullPackets(std::uint64_t packets) const {
   const double missing = static_cast<double>(facts_.content_ticks) * 300 -
                          static_cast<double>(facts_.rate->TicksOf(packets));
-  if (missing <= 0) return 0;
+  if (missing <= 0) {
+    return 0;
+  }
   const double count =
       std::ceil(missing / static_cast<double>(kPcrHz) * facts_.rate->packets_per_second);
   // More than the file itself has are no end of a file that was cut, but time stamps that jump.
@@ -246,20 +254,26 @@ std::optional<Failure> Planner::SetRestamp() {
         "of them");
   }
   if (!facts_.rate) {
-    if (options_.restamp)
+    if (options_.restamp) {
       return UsageFailure("--restamp: allowed with PCRs to go by only, and INPUT has none");
+    }
     return std::nullopt;
   }
-  if (!options_.restamp && !options_.near_wrap) return std::nullopt;
+  if (!options_.restamp && !options_.near_wrap) {
+    return std::nullopt;
+  }
   RestampPlan restamp;
   restamp.pcr_pid = facts_.rate->pid;
   if (const auto packets = facts_.Packets()) {
-    if (plan_.rounds != 1)
+    if (plan_.rounds != 1) {
       restamp.seam = SeamPackets(*facts_.rate, *packets, NullPackets(*packets));
+    }
     const std::uint64_t played = *packets + restamp.seam.size();
     restamp.round_ticks = facts_.rate->TicksOf(played);
     plan_.round_bytes = played * PacketBytes();
-    if (plan_.rounds) plan_.total_bytes = *plan_.round_bytes * *plan_.rounds;
+    if (plan_.rounds) {
+      plan_.total_bytes = *plan_.round_bytes * *plan_.rounds;
+    }
   }
   if (options_.near_wrap) {
     const auto before = static_cast<std::uint64_t>(kWrapSeconds * static_cast<double>(kPcrHz));
@@ -297,8 +311,12 @@ void Planner::SetBatch() {
   constexpr double kBatchedFrom = 80e6;
   constexpr std::uint32_t kSine = 3;
   plan_.batch = plan_.copies * plan_.frame_rate > kBatchedFrom ? 10 : 1;
-  if (options_.jitter) plan_.batch = options_.jitter->distribution == kSine ? 200 : 10;
-  if (!options_.burst) return;
+  if (options_.jitter) {
+    plan_.batch = options_.jitter->distribution == kSine ? 200 : 10;
+  }
+  if (!options_.burst) {
+    return;
+  }
   const double by_time =
       options_.burst->milliseconds * plan_.frame_rate / (plan_.frame_bytes * 8000.0);
   plan_.batch = options_.burst->by_time ? static_cast<std::uint64_t>(std::min(by_time, 4e9))
@@ -311,7 +329,9 @@ void Planner::SetBatch() {
 // of what leaves, in whole bytes, where the payload is given as a number of packets and
 // IPPacketSize has no other use.
 std::optional<Failure> Planner::SetRtpClock() {
-  if (!IsRtp()) return std::nullopt;
+  if (!IsRtp()) {
+    return std::nullopt;
+  }
   if (plan_.frame_rate < 1 || plan_.frame_rate >= 4294967296.0) {
     return UsageFailure(
         fmt::format("{}: frames at {}; allowed with rtp:// are 1 bit/s to 4.29 Gbit/s per stream, "
@@ -368,7 +388,9 @@ void Planner::SetErrors() {
 }
 
 void Planner::SetWraps() {
-  if (!options_.near_wrap) return;
+  if (!options_.near_wrap) {
+    return;
+  }
   const double datagrams = kWrapSeconds * PayloadBytesPerSecond() / plan_.payload_bytes;
   const auto before = static_cast<std::uint32_t>(std::clamp(std::ceil(datagrams), 1.0, 65535.0));
   if (!options_.sequence) {
@@ -390,7 +412,9 @@ void Planner::SetRest() {
   const nanoseconds prefill =
       options_.prefill.value_or(facts_.bytes ? std::chrono::seconds(1) : nanoseconds(0));
   double bytes = PayloadBytesPerSecond() * static_cast<double>(prefill.count()) / 1e9;
-  if (plan_.total_bytes) bytes = std::min(bytes, static_cast<double>(*plan_.total_bytes));
+  if (plan_.total_bytes) {
+    bytes = std::min(bytes, static_cast<double>(*plan_.total_bytes));
+  }
   plan_.settings.play_file_size =
       static_cast<std::uint64_t>(std::min(bytes, kRingBytes) / kThreshold);
   plan_.settings.other.PlayerThreadPriority = options_.priority;

@@ -24,19 +24,27 @@ std::string Errors(const PlayoutStatistics& counters) {
 }
 
 std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
-  if (options.frame_bit_rate) return "as --frame-bitrate gives it";
-  if (options.bit_rate) return "as given";
+  if (options.frame_bit_rate) {
+    return "as --frame-bitrate gives it";
+  }
+  if (options.bit_rate) {
+    return "as given";
+  }
   return fmt::format("by the PCRs of PID {}", facts.rate ? facts.rate->pid : 0);
 }
 
 std::string RoundsText(const PlayPlan& plan) {
-  if (!plan.rounds) return "for ever";
+  if (!plan.rounds) {
+    return "for ever";
+  }
   return *plan.rounds == 1 ? "once" : fmt::format("{} times", *plan.rounds);
 }
 
 std::string StreamText(const StreamFacts& facts) {
   const std::string size = facts.bytes ? FormatBytes(*facts.bytes) : "of unknown length";
-  if (facts.format.IsRaw()) return fmt::format("raw bytes, {}", size);
+  if (facts.format.IsRaw()) {
+    return fmt::format("raw bytes, {}", size);
+  }
   const auto packets = facts.Packets();
   return fmt::format("{}packets of {} bytes, {}",
                      packets ? fmt::format("{} ", FormatCount(*packets)) : "",
@@ -44,9 +52,13 @@ std::string StreamText(const StreamFacts& facts) {
 }
 
 std::string HexBytes(const FrameField& field) {
-  if (!field.open) return fmt::format("{:02x}", fmt::join(field.bytes, " "));
+  if (!field.open) {
+    return fmt::format("{:02x}", fmt::join(field.bytes, " "));
+  }
   std::string hidden;
-  for (std::size_t i = 0; i < field.bytes.size(); ++i) hidden += i == 0 ? "--" : " --";
+  for (std::size_t i = 0; i < field.bytes.size(); ++i) {
+    hidden += i == 0 ? "--" : " --";
+  }
   return hidden;
 }
 
@@ -75,14 +87,18 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   if (plan.rtp_clock_ratio > 0) {
     line("RTP clock", fmt::format("{:.6f} kHz", plan.rtp_clock_ratio * 90));
   }
-  for (const std::string& note : plan.notes) line("note", note);
+  for (const std::string& note : plan.notes) {
+    line("note", note);
+  }
 }
 
 }  // namespace
 
 std::string FormatClock(nanoseconds time) {
   const auto seconds = time.count() / 1'000'000'000;
-  if (seconds < 3600) return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
+  if (seconds < 3600) {
+    return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
+  }
   return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
 }
 
@@ -92,19 +108,31 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
       status.paused ? "paused" : fmt::format("{:.4f}M", status.recent_rate / 1e6);
   const PlayoutStatistics& counters = status.counters;
   std::string line;
-  if (status.share) line += fmt::format("{:.1f} %  ", *status.share * 100);
+  if (status.share) {
+    line += fmt::format("{:.1f} %  ", *status.share * 100);
+  }
   line += FormatClock(status.elapsed);
-  if (status.remaining) line += fmt::format(", {} left", FormatClock(*status.remaining));
-  if (rounds) line += fmt::format("  round {}", status.round);
+  if (status.remaining) {
+    line += fmt::format(", {} left", FormatClock(*status.remaining));
+  }
+  if (rounds) {
+    line += fmt::format("  round {}", status.round);
+  }
   line += fmt::format("  {:.4f}M set, {} real  {} datagrams  {}  jitter {}", plan.stream_rate / 1e6,
                       real, FormatCount(counters.DatagramsSent), Errors(counters),
                       FormatDuration(JitterOf(counters)));
-  if (line.size() <= columns) return line;
+  if (line.size() <= columns) {
+    return line;
+  }
 
   line = status.share ? fmt::format("{:.0f}% ", *status.share * 100) : "";
   line += FormatClock(status.elapsed);
-  if (status.remaining) line += fmt::format("-{}", FormatClock(*status.remaining));
-  if (rounds) line += fmt::format(" round {}", status.round);
+  if (status.remaining) {
+    line += fmt::format("-{}", FormatClock(*status.remaining));
+  }
+  if (rounds) {
+    line += fmt::format(" round {}", status.round);
+  }
   line += fmt::format(" {:.4g}/{} {} sent lost {} late {} ip {} udp {} jitter {}",
                       plan.stream_rate / 1e6, real, counters.DatagramsSent, counters.LostPackets,
                       counters.SequenceErrors, counters.IPChecksumErrors,
@@ -128,7 +156,9 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   const PlayoutStatistics& counters = status.counters;
   std::string text = fmt::format("{}: {} to {} in {}", outcome, options.input,
                                  FormatTarget(options.to), FormatDuration(status.elapsed));
-  if (status.share && *status.share < 1) text += fmt::format(", {:.1f} %", *status.share * 100);
+  if (status.share && *status.share < 1) {
+    text += fmt::format(", {:.1f} %", *status.share * 100);
+  }
   text += fmt::format("\n  sent       {} datagrams", FormatCount(counters.DatagramsSent));
   if (plan.copies > 1) {
     text += fmt::format(" in {} copies ({} frames)", FormatCount(plan.copies),
@@ -148,10 +178,14 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
                        std::string_view event, std::string_view outcome) {
   const PlayoutStatistics& counters = status.counters;
   nlohmann::ordered_json json{{"event", event}};
-  if (!outcome.empty()) json["outcome"] = outcome;
+  if (!outcome.empty()) {
+    json["outcome"] = outcome;
+  }
   json["target"] = FormatTarget(options.to);
   json["elapsed_s"] = static_cast<double>(status.elapsed.count()) / 1e9;
-  if (status.share) json["percent"] = *status.share * 100;
+  if (status.share) {
+    json["percent"] = *status.share * 100;
+  }
   if (status.remaining) {
     json["remaining_s"] = static_cast<double>(status.remaining->count()) / 1e9;
   }

@@ -31,13 +31,21 @@ void StatusMeter::Read(const PlayoutStatistics& counters, nanoseconds now) {
   counters_ = counters;
   if (!first_) {
     // It left at some time between two readings.
-    if (counters.DatagramsSent > 0) first_ = now - (now - waiting_.value_or(now)) / 2;
+    if (counters.DatagramsSent > 0) {
+      first_ = now - (now - waiting_.value_or(now)) / 2;
+    }
     waiting_ = now;
   }
-  if (!first_ || (!readings_.empty() && now == readings_.back().time)) return;
+  if (!first_ || (!readings_.empty() && now == readings_.back().time)) {
+    return;
+  }
   readings_.push_back({now, counters.TSBytesSent});
-  if (!under_way_ && now - *first_ >= kRunUp) under_way_ = readings_.back();
-  while (readings_.size() > 2 && readings_[1].time <= now - kRecent) readings_.pop_front();
+  if (!under_way_ && now - *first_ >= kRunUp) {
+    under_way_ = readings_.back();
+  }
+  while (readings_.size() > 2 && readings_[1].time <= now - kRecent) {
+    readings_.pop_front();
+  }
 }
 
 void StatusMeter::End(const PlayoutStatistics& counters, bool complete) {
@@ -51,12 +59,16 @@ void StatusMeter::End(const PlayoutStatistics& counters, bool complete) {
 // full ones; with bursts, that of all full bursts but one, since a last one that is not full leaves
 // right behind the one before it. Lost ones have no time of their own.
 double StatusMeter::MeanRate() const {
-  if (readings_.empty() || readings_.back().time <= *first_) return 0;
+  if (readings_.empty() || readings_.back().time <= *first_) {
+    return 0;
+  }
   if (!complete_ && under_way_ && readings_.back().time > under_way_->time) {
     return RateSince(*under_way_);
   }
   const std::uint64_t left = counters_.DatagramsSent - counters_.LostPackets;
-  if (left < burst_) return 0;
+  if (left < burst_) {
+    return 0;
+  }
   const std::uint64_t lasting = (left / burst_ - 1) * burst_;
   const double datagrams = static_cast<double>(lasting) / share_that_leaves_;
   return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
@@ -67,11 +79,13 @@ double StatusMeter::RateSince(const Reading& from) const {
   return static_cast<double>(to.ts_bytes - from.ts_bytes) * 8 / Seconds(to.time - from.time);
 }
 
-Status StatusMeter::status() const {
+Status StatusMeter::Total() const {
   Status status;
   status.counters = counters_;
-  status.paused = paused();
-  if (first_ && !readings_.empty()) status.elapsed = readings_.back().time - *first_;
+  status.paused = Paused();
+  if (first_ && !readings_.empty()) {
+    status.elapsed = readings_.back().time - *first_;
+  }
   status.recent_rate = readings_.size() < 2 ? 0 : RateSince(readings_.front());
   status.mean_rate = MeanRate();
   const double played = static_cast<double>(counters_.TSBytesSent) * bytes_per_ts_byte_;

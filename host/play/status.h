@@ -32,10 +32,10 @@ class StatusMeter {
   // What has left in the end; at the last reading, if all that there was to play has been played.
   void End(const PlayoutStatistics& counters, bool complete);
 
-  bool started() const { return first_.has_value(); }
-  bool under_way() const { return under_way_.has_value(); }
-  bool paused() const { return paused_; }
-  Status status() const;
+  bool Started() const { return first_.has_value(); }
+  bool UnderWay() const { return under_way_.has_value(); }
+  bool Paused() const { return paused_; }
+  Status Total() const;
 
  private:
   struct Reading {

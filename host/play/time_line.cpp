@@ -5,7 +5,9 @@
 namespace ipplay {
 
 TimeLine::TimeLine(const std::vector<Entry>& entries) {
-  for (const Entry& entry : entries) Add(entry);
+  for (const Entry& entry : entries) {
+    Add(entry);
+  }
 }
 
 void TimeLine::Add(Entry entry) {
@@ -17,12 +19,16 @@ void TimeLine::Add(Entry entry) {
 }
 
 std::optional<std::chrono::nanoseconds> TimeLine::NextTime() const {
-  if (entries_.empty()) return std::nullopt;
+  if (entries_.empty()) {
+    return std::nullopt;
+  }
   return entries_.back().first;
 }
 
 std::optional<Action> TimeLine::TakeDue(std::chrono::nanoseconds now) {
-  if (entries_.empty() || entries_.back().first > now) return std::nullopt;
+  if (entries_.empty() || entries_.back().first > now) {
+    return std::nullopt;
+  }
   const Action action = entries_.back().second;
   entries_.pop_back();
   return action;

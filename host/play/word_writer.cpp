@@ -6,11 +6,13 @@ namespace ipplay {
 
 namespace {
 constexpr std::size_t kUnit = 4;
-constexpr std::size_t kMaxUnits = 65535;
+constexpr std::size_t kMaxUnits = 65535;  // namespace
 }  // namespace
 
 std::span<const std::uint8_t> WordWriter::CompleteCarry(std::span<const std::uint8_t> bytes) {
-  if (carried_ == 0) return bytes;
+  if (carried_ == 0) {
+    return bytes;
+  }
   const std::size_t count = std::min(kUnit - carried_, bytes.size());
   std::copy_n(bytes.begin(), count, carry_.begin() + static_cast<std::ptrdiff_t>(carried_));
   carried_ += count;
@@ -28,7 +30,9 @@ bool WordWriter::Write(std::span<const std::uint8_t> bytes) {
     refused_ = write_(bytes.data(), static_cast<std::uint16_t>(units)) != 0;
     bytes = bytes.subspan(units * kUnit);
   }
-  if (refused_) return false;
+  if (refused_) {
+    return false;
+  }
   if (!bytes.empty()) {
     std::copy(bytes.begin(), bytes.end(), carry_.begin());
     carried_ = bytes.size();
@@ -37,7 +41,9 @@ bool WordWriter::Write(std::span<const std::uint8_t> bytes) {
 }
 
 bool WordWriter::Finish() {
-  if (carried_ == 0) return !refused_;
+  if (carried_ == 0) {
+    return !refused_;
+  }
   padding_ = static_cast<unsigned>(kUnit - carried_);
   constexpr std::array<std::uint8_t, kUnit> kZeros{};
   return Write(std::span(kZeros).first(padding_));

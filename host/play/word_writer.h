@@ -20,7 +20,7 @@ class WordWriter {
   // Fills what waits up to a unit with zero bytes and writes it. False when it was refused.
   bool Finish();
   // Zero bytes that Finish() added: 0 to 3. Packets of 188, 192 and 204 bytes never need any.
-  unsigned padding() const { return padding_; }
+  unsigned Padding() const { return padding_; }
 
  private:
   std::span<const std::uint8_t> CompleteCarry(std::span<const std::uint8_t> bytes);

@@ -19,9 +19,9 @@ class Input {
   static Result<Input> Open(const std::string& path, int stop_fd);
 
   // The name for messages.
-  const std::string& name() const { return name_; }
+  const std::string& Name() const { return name_; }
   // Size of a regular file, which can also be read again; nothing for pipes and devices.
-  std::optional<std::uint64_t> size() const { return size_; }
+  std::optional<std::uint64_t> Size() const { return size_; }
 
   // Reads at least one byte if there is one, waiting for it. The number of bytes; 0 at the end of
   // the data, at a stop and after an error, which error() then tells.
@@ -33,7 +33,7 @@ class Input {
   // Goes to an offset in a regular file.
   void Seek(std::uint64_t offset);
   // errno of a read that failed, or 0.
-  int error() const { return error_; }
+  int ReadError() const { return error_; }
 
  private:
   Input(FileDescriptor fd, std::string name, int stop_fd);

@@ -34,7 +34,9 @@ Detection DetectPacketFormat(std::span<const std::uint8_t> head, bool whole) {
     for (const PacketFormat format : kFormats) {
       const std::uint64_t wanted = WantedRun(head.size(), start, format);
       // A few sync bytes prove nothing behind other bytes, nor does one that more data may belie.
-      if (wanted < kWantedRun && (start > 0 || !whole)) continue;
+      if (wanted < kWantedRun && (start > 0 || !whole)) {
+        continue;
+      }
       if (head.size() - start >= format.packet_bytes &&
           RunOfPackets(head, start, format) >= wanted) {
         return {.format = format, .first_packet = start};

@@ -20,7 +20,9 @@ bool HasAdaptation(const std::uint8_t* packet, int bytes) {
 
 std::optional<std::uint64_t> PcrOf(const std::uint8_t* packet) {
   constexpr int kFlagsAndPcr = 7;
-  if (!HasAdaptation(packet, kFlagsAndPcr) || !tsaf_has_pcr(packet)) return std::nullopt;
+  if (!HasAdaptation(packet, kFlagsAndPcr) || !tsaf_has_pcr(packet)) {
+    return std::nullopt;
+  }
   return tsaf_get_pcr(packet) * 300 + tsaf_get_pcrext(packet);
 }
 
@@ -36,7 +38,9 @@ std::uint64_t PcrRate::TicksOf(std::uint64_t packets) const {
 
 void PcrRateMeter::Add(std::uint64_t index, const std::uint8_t* packet) {
   const auto pcr = PcrOf(packet);
-  if (!pcr) return;
+  if (!pcr) {
+    return;
+  }
   const auto [entry, is_new] = clocks_.try_emplace(ts_get_pid(packet));
   Clock& clock = entry->second;
   if (is_new) {
@@ -58,7 +62,9 @@ void PcrRateMeter::Advance(Clock& clock, std::uint64_t index, std::uint64_t pcr,
     clock.stretch_packets = clock.stretch_ticks = 0;
     return;
   }
-  if (pcr < clock.rate.last_pcr) ++clock.rate.wraps;
+  if (pcr < clock.rate.last_pcr) {
+    ++clock.rate.wraps;
+  }
   clock.covered_packets += packets;
   clock.covered_ticks += ticks;
   AddToStretch(clock, packets, ticks);
@@ -67,15 +73,21 @@ void PcrRateMeter::Advance(Clock& clock, std::uint64_t index, std::uint64_t pcr,
 // PCRs come at least every 100 ms, in practice up to a second apart. Between one and ten seconds
 // only a rate that suddenly falls tells a jump from a stream with rare PCRs.
 bool PcrRateMeter::IsJump(const Clock& clock, std::uint64_t packets, std::uint64_t ticks) {
-  if (ticks == 0 || ticks > 10 * kPcrHz) return true;
-  if (ticks <= kPcrHz || clock.covered_ticks == 0) return false;
+  if (ticks == 0 || ticks > 10 * kPcrHz) {
+    return true;
+  }
+  if (ticks <= kPcrHz || clock.covered_ticks == 0) {
+    return false;
+  }
   return RateOf(packets, ticks) < RateOf(clock.covered_packets, clock.covered_ticks) / 4;
 }
 
 void PcrRateMeter::AddToStretch(Clock& clock, std::uint64_t packets, std::uint64_t ticks) {
   clock.stretch_packets += packets;
   clock.stretch_ticks += ticks;
-  if (clock.stretch_ticks < kPcrHz) return;
+  if (clock.stretch_ticks < kPcrHz) {
+    return;
+  }
   const double rate = RateOf(clock.stretch_packets, clock.stretch_ticks);
   const bool is_first = clock.rate.highest == 0;
   clock.rate.lowest = is_first ? rate : std::fmin(clock.rate.lowest, rate);
@@ -86,7 +98,9 @@ void PcrRateMeter::AddToStretch(Clock& clock, std::uint64_t packets, std::uint64
 const PcrRateMeter::Clock* PcrRateMeter::Best() const {
   const Clock* best = nullptr;
   for (const auto& [pid, clock] : clocks_) {
-    if (best == nullptr || clock.covered_packets > best->covered_packets) best = &clock;
+    if (best == nullptr || clock.covered_packets > best->covered_packets) {
+      best = &clock;
+    }
   }
   return best;
 }
@@ -97,10 +111,14 @@ std::optional<PcrRate> PcrRateMeter::Rate(std::optional<std::uint16_t> pid) cons
     const auto entry = clocks_.find(*pid);
     clock = entry == clocks_.end() ? nullptr : &entry->second;
   }
-  if (clock == nullptr || clock->covered_packets == 0) return std::nullopt;
+  if (clock == nullptr || clock->covered_packets == 0) {
+    return std::nullopt;
+  }
   PcrRate rate = clock->rate;
   rate.packets_per_second = RateOf(clock->covered_packets, clock->covered_ticks);
-  if (rate.highest == 0) rate.lowest = rate.highest = rate.packets_per_second;
+  if (rate.highest == 0) {
+    rate.lowest = rate.highest = rate.packets_per_second;
+  }
   return rate;
 }
 

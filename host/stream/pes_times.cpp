@@ -9,7 +9,7 @@
 namespace ipplay {
 namespace {
 
-constexpr std::uint8_t kFirstVideo = 0xe0;  // stream id
+constexpr std::uint8_t kFirstVideo = 0xE0;  // stream id
 constexpr std::uint64_t kLongestStep = 10 * std::uint64_t{90'000};
 
 // ISO/IEC 13818-1 table 2-21: these PES packets have no header with time stamps.
@@ -32,7 +32,9 @@ bool HasPesHeader(std::uint8_t stream_id) {
 }  // namespace
 
 std::optional<PesStamps> FindPesStamps(std::uint8_t* packet) {
-  if (!ts_get_unitstart(packet) || ts_get_scrambling(packet) != 0) return std::nullopt;
+  if (!ts_get_unitstart(packet) || ts_get_scrambling(packet) != 0) {
+    return std::nullopt;
+  }
   std::uint8_t* pes = ts_payload(packet);
   const auto room = packet + TS_SIZE - pes;
   if (room < PES_HEADER_SIZE_PTS || !pes_validate(pes) || !HasPesHeader(pes_get_streamid(pes)) ||
@@ -40,17 +42,25 @@ std::optional<PesStamps> FindPesStamps(std::uint8_t* packet) {
     return std::nullopt;
   }
   const bool has_dts = pes_has_dts(pes);
-  if (has_dts && room < PES_HEADER_SIZE_PTSDTS) return std::nullopt;
-  if (pes_get_headerlength(pes) < (has_dts ? 2 : 1) * PES_HEADER_TS_SIZE) return std::nullopt;
+  if (has_dts && room < PES_HEADER_SIZE_PTSDTS) {
+    return std::nullopt;
+  }
+  if (pes_get_headerlength(pes) < (has_dts ? 2 : 1) * PES_HEADER_TS_SIZE) {
+    return std::nullopt;
+  }
   return PesStamps{pes, has_dts};
 }
 
 void PesTimes::Add(const std::uint8_t* packet) {
-  if (!ts_get_unitstart(packet)) return;
+  if (!ts_get_unitstart(packet)) {
+    return;
+  }
   std::array<std::uint8_t, TS_SIZE> copy{};
   std::copy_n(packet, copy.size(), copy.begin());
   const auto stamps = FindPesStamps(copy.data());
-  if (!stamps) return;
+  if (!stamps) {
+    return;
+  }
   const std::uint64_t time = stamps->has_dts ? pes_get_dts(stamps->pes) : pes_get_pts(stamps->pes);
   Times& times = times_[ts_get_pid(packet)];
   const std::uint64_t step = (time + kPesTimeModulus - times.last) % kPesTimeModulus;
@@ -60,7 +70,7 @@ void PesTimes::Add(const std::uint8_t* packet) {
     times.bytes += times.last_bytes;
   }
   times.last = time;
-  times.is_video = (pes_get_streamid(stamps->pes) & 0xf0) == kFirstVideo;
+  times.is_video = (pes_get_streamid(stamps->pes) & 0xF0) == kFirstVideo;
   times.last_bytes = pes_get_length(stamps->pes);
   ++times.packets;
 }
@@ -70,7 +80,9 @@ void PesTimes::Add(const std::uint8_t* packet) {
 std::uint64_t PesTimes::LastOne(const Times& times) {
   const std::uint64_t others = times.packets - 1;
   const bool lengths_tell = times.last_bytes > 0 && times.bytes > 0 && !times.is_video;
-  if (!lengths_tell) return (times.span + others - 1) / others;
+  if (!lengths_tell) {
+    return (times.span + others - 1) / others;
+  }
   return (times.span * times.last_bytes + times.bytes - 1) / times.bytes;
 }
 

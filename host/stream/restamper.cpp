@@ -12,8 +12,8 @@
 namespace ipplay {
 namespace {
 
-constexpr std::uint16_t kNullPid = 0x1fff;
-constexpr std::uint32_t kArrivalMask = 0x3fffffff;
+constexpr std::uint16_t kNullPid = 0x1FFF;
+constexpr std::uint32_t kArrivalMask = 0x3FFFFFFF;
 
 bool HasFlags(const std::uint8_t* packet) {
   return ts_has_adaptation(packet) && ts_get_adaptation(packet) > 0;
@@ -73,17 +73,25 @@ bool Restamper::Run(std::span<std::uint8_t> packets, const Emit& emit) {
   for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
     while (IsPacketDue()) {
       const bool had_some = at > handed_on;
-      if (had_some && !emit(packets.subspan(handed_on, at - handed_on))) return false;
+      if (had_some && !emit(packets.subspan(handed_on, at - handed_on))) {
+        return false;
+      }
       handed_on = at;
-      if (!emit(MakePacket(packets.data() + at))) return false;
+      if (!emit(MakePacket(packets.data() + at))) {
+        return false;
+      }
     }
     Restamp(packets.data() + at);
     ++packet_;
   }
-  if (handed_on < packets.size()) return emit(packets.subspan(handed_on));
+  if (handed_on < packets.size()) {
+    return emit(packets.subspan(handed_on));
+  }
   // The end of the round.
   while (IsPacketDue()) {
-    if (!emit(MakePacket(nullptr))) return false;
+    if (!emit(MakePacket(nullptr))) {
+      return false;
+    }
   }
   return true;
 }
@@ -100,10 +108,12 @@ Restamper::Bytes Restamper::MakePacket(const std::uint8_t* next) {
   const std::uint32_t sync = format_.SyncOffset();
   if (next != nullptr) {
     made_.assign(next, next + sync);
-    if (sync == 4) RestampArrival(made_.data());
+    if (sync == 4) {
+      RestampArrival(made_.data());
+    }
   }
   made_.resize(sync);
-  made_.resize(format_.packet_bytes, 0xff);
+  made_.resize(format_.packet_bytes, 0xFF);
   std::uint8_t* const packet = made_.data() + sync;
   const auto pcr = plan_.seam[next_seam_packet_++].pcr;
   if (!pcr) {
@@ -124,47 +134,63 @@ void Restamper::StartNextRound() {
   packet_ = 0;
   next_seam_packet_ = 0;
   offset_ = (offset_ + plan_.round_ticks) % kPcrModulus;
-  for (Counter& counter : counters_) counter.started_round = false;
+  for (Counter& counter : counters_) {
+    counter.started_round = false;
+  }
 }
 
 void Restamper::Restamp(std::uint8_t* packet) {
   std::uint8_t* ts = packet + format_.SyncOffset();
-  if (!ts_validate(ts) || ts_get_transporterror(ts)) return;
+  if (!ts_validate(ts) || ts_get_transporterror(ts)) {
+    return;
+  }
   RestampCounter(ts);
   RestampClock(ts);
   RestampPes(ts);
-  if (format_.SyncOffset() == 4) RestampArrival(packet);
+  if (format_.SyncOffset() == 4) {
+    RestampArrival(packet);
+  }
 }
 
 // The first packet of a PID in a round goes on from the last one of the round before; the shift
 // that this takes then holds for the whole round, so that gaps and repetitions in the file stay.
 void Restamper::RestampCounter(std::uint8_t* packet) {
   const std::uint16_t pid = ts_get_pid(packet);
-  if (pid == kNullPid) return;
+  if (pid == kNullPid) {
+    return;
+  }
   Counter& counter = counters_[pid];
   if (!counter.started_round) {
     if (counter.started) {
       const int next = counter.last + (ts_has_payload(packet) ? 1 : 0);
-      counter.shift = static_cast<std::uint8_t>((next - ts_get_cc(packet)) & 0xf);
+      counter.shift = static_cast<std::uint8_t>((next - ts_get_cc(packet)) & 0xF);
     }
     // A file may announce its own start as a discontinuity; a later round has none.
-    if (!first_round_ && HasFlags(packet)) tsaf_clear_discontinuity(packet);
+    if (!first_round_ && HasFlags(packet)) {
+      tsaf_clear_discontinuity(packet);
+    }
     counter.started = counter.started_round = true;
   }
-  counter.last = static_cast<std::uint8_t>((ts_get_cc(packet) + counter.shift) & 0xf);
+  counter.last = static_cast<std::uint8_t>((ts_get_cc(packet) + counter.shift) & 0xF);
   ts_set_cc(packet, counter.last);
 }
 
 void Restamper::RestampClock(std::uint8_t* packet) const {
-  if (const auto pcr = PcrOf(packet)) SetPcr(packet, *pcr + offset_);
+  if (const auto pcr = PcrOf(packet)) {
+    SetPcr(packet, *pcr + offset_);
+  }
 }
 
 // Both time stamps move, or none: a header of which only the PTS can be reached stays.
 void Restamper::RestampPes(std::uint8_t* packet) const {
   const auto stamps = FindPesStamps(packet);
-  if (!stamps) return;
+  if (!stamps) {
+    return;
+  }
   pes_set_pts(stamps->pes, Shifted(pes_get_pts(stamps->pes)));
-  if (stamps->has_dts) pes_set_dts(stamps->pes, Shifted(pes_get_dts(stamps->pes)));
+  if (stamps->has_dts) {
+    pes_set_dts(stamps->pes, Shifted(pes_get_dts(stamps->pes)));
+  }
 }
 
 std::uint64_t Restamper::Shifted(std::uint64_t timestamp_90khz) const {
@@ -177,7 +203,9 @@ void Restamper::RestampArrival(std::uint8_t* header) const {
                              std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
   const std::uint32_t arrival = (word + static_cast<std::uint32_t>(offset_)) & kArrivalMask;
   const std::uint32_t stamped = (word & ~kArrivalMask) | arrival;
-  for (int i = 0; i < 4; ++i) header[i] = static_cast<std::uint8_t>(stamped >> (24 - 8 * i));
+  for (int i = 0; i < 4; ++i) {
+    header[i] = static_cast<std::uint8_t>(stamped >> (24 - 8 * i));
+  }
 }
 
 }  // namespace ipplay

@@ -32,10 +32,14 @@ std::span<std::uint8_t> RoundReader::Next() {
   while (filled_ < unit) {
     std::uint64_t room = block_.size() - filled_;
     // A file may have grown since it was examined.
-    if (round_bytes_) room = std::min(room, *round_bytes_ - delivered_);
+    if (round_bytes_) {
+      room = std::min(room, *round_bytes_ - delivered_);
+    }
     const std::size_t count = room == 0 ? 0 : input_.Read(std::span(block_).subspan(filled_, room));
     if (count == 0) {
-      if (room > 0 && round_bytes_ && input_.error() == 0) cut_short_ = true;
+      if (room > 0 && round_bytes_ && input_.ReadError() == 0) {
+        cut_short_ = true;
+      }
       return {};
     }
     filled_ += count;
@@ -43,7 +47,9 @@ std::span<std::uint8_t> RoundReader::Next() {
   }
   taken_ = filled_ / unit * unit;
   const auto packets = std::span(block_).first(taken_);
-  if (!format_.IsRaw()) CheckSync(packets);
+  if (!format_.IsRaw()) {
+    CheckSync(packets);
+  }
   return packets;
 }
 
@@ -54,19 +60,23 @@ void RoundReader::StartNextRound() {
 }
 
 void RoundReader::CheckSync(std::span<const std::uint8_t> packets) {
-  if (sync_lost_.load(std::memory_order_relaxed) != kNever) return;
+  if (sync_lost_.load(std::memory_order_relaxed) != kNever) {
+    return;
+  }
   for (std::size_t at = format_.SyncOffset(); at < packets.size(); at += format_.packet_bytes) {
-    if (packets[at] == 0x47) continue;
+    if (packets[at] == 0x47) {
+      continue;
+    }
     sync_lost_.store(first_packet_ + delivered_ - filled_ + at, std::memory_order_relaxed);
     return;
   }
 }
 
-int RoundReader::error() const {
-  return cut_short_ ? ENODATA : input_.error();
+int RoundReader::ReadError() const {
+  return cut_short_ ? ENODATA : input_.ReadError();
 }
 
-std::optional<std::uint64_t> RoundReader::sync_lost() const {
+std::optional<std::uint64_t> RoundReader::SyncLost() const {
   const std::uint64_t offset = sync_lost_.load(std::memory_order_relaxed);
   return offset == kNever ? std::nullopt : std::optional(offset);
 }

@@ -24,10 +24,10 @@ class RoundReader {
   void StartNextRound();
 
   // Offset in the input where a packet had no sync byte. May be called from any thread.
-  std::optional<std::uint64_t> sync_lost() const;
-  PacketFormat format() const { return format_; }
+  std::optional<std::uint64_t> SyncLost() const;
+  PacketFormat Format() const { return format_; }
   // errno of a read that failed, ENODATA where a file ended before its end, or 0.
-  int error() const;
+  int ReadError() const;
 
  private:
   void CheckSync(std::span<const std::uint8_t> packets);

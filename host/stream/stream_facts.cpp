@@ -16,7 +16,7 @@ constexpr std::size_t kReadAheadLimit = 32 * std::size_t{1024} * 1024;
 Failure NoTransportStream(const Input& input, std::uint64_t offset) {
   return UsageFailure(fmt::format(
       "INPUT: {} is no transport stream: sync lost at offset {} (--raw plays any bytes)",
-      input.name(), offset));
+      input.Name(), offset));
 }
 
 // Walks over whole packets, checks their sync bytes and hands them to the meter.
@@ -28,7 +28,9 @@ class PacketWalker {
   bool Walk(std::span<const std::uint8_t> packets) {
     for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
       const std::uint8_t* packet = packets.data() + at + format_.SyncOffset();
-      if (*packet != 0x47) return false;
+      if (*packet != 0x47) {
+        return false;
+      }
       meter_.Add(packets_, packet);
       times_.Add(packet);
       ++packets_;
@@ -62,9 +64,9 @@ std::optional<Failure> WalkFile(Input& input, StreamFacts& facts, PacketWalker& 
       return NoTransportStream(input, SyncOffsetOf(facts, walker.packets()));
     }
   }
-  if (input.error() != 0) {
+  if (input.ReadError() != 0) {
     return UsageFailure(
-        fmt::format("INPUT: cannot read {}: {}", input.name(), std::strerror(input.error())));
+        fmt::format("INPUT: cannot read {}: {}", input.Name(), std::strerror(input.ReadError())));
   }
   facts.bytes = walker.packets() * facts.format.packet_bytes;
   input.Seek(facts.first_packet);
@@ -92,7 +94,9 @@ std::optional<Failure> WalkPipe(Input& input, StreamFacts& facts, std::vector<st
     head.resize(held + kStep);
     const std::size_t count = input.Read(std::span(head).subspan(held));
     head.resize(held + count);
-    if (count == 0) break;
+    if (count == 0) {
+      break;
+    }
   }
   input.Unread(std::move(head));
   return std::nullopt;
@@ -100,8 +104,8 @@ std::optional<Failure> WalkPipe(Input& input, StreamFacts& facts, std::vector<st
 
 StreamFacts RawFacts(Input& input, std::vector<std::uint8_t> head) {
   StreamFacts facts;
-  facts.bytes = input.size();
-  if (input.size()) {
+  facts.bytes = input.Size();
+  if (input.Size()) {
     input.Seek(0);
   } else {
     input.Unread(std::move(head));
@@ -112,12 +116,16 @@ StreamFacts RawFacts(Input& input, std::vector<std::uint8_t> head) {
 }  // namespace
 
 std::optional<std::uint64_t> StreamFacts::Packets() const {
-  if (!bytes || format.IsRaw()) return std::nullopt;
+  if (!bytes || format.IsRaw()) {
+    return std::nullopt;
+  }
   return *bytes / format.packet_bytes;
 }
 
 std::optional<double> StreamFacts::BitRate() const {
-  if (!rate) return std::nullopt;
+  if (!rate) {
+    return std::nullopt;
+  }
   return rate->packets_per_second * 8 * format.CountedBytes();
 }
 
@@ -127,22 +135,30 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   const bool whole = count < head.size();
   head.resize(count);
   if (count == 0) {
-    if (input.error() == 0) return UsageFailure(fmt::format("INPUT: {} is empty", input.name()));
+    if (input.ReadError() == 0) {
+      return UsageFailure(fmt::format("INPUT: {} is empty", input.Name()));
+    }
     return UsageFailure(
-        fmt::format("INPUT: cannot read {}: {}", input.name(), std::strerror(input.error())));
+        fmt::format("INPUT: cannot read {}: {}", input.Name(), std::strerror(input.ReadError())));
   }
-  if (options.raw) return RawFacts(input, std::move(head));
+  if (options.raw) {
+    return RawFacts(input, std::move(head));
+  }
 
   const Detection detection = DetectPacketFormat(head, whole);
-  if (!detection.format) return NoTransportStream(input, detection.sync_lost);
+  if (!detection.format) {
+    return NoTransportStream(input, detection.sync_lost);
+  }
   StreamFacts facts;
   facts.format = *detection.format;
   facts.first_packet = detection.first_packet;
   PacketWalker walker(facts.format);
-  const auto failure = input.size()
+  const auto failure = input.Size()
                            ? WalkFile(input, facts, walker)
                            : WalkPipe(input, facts, std::move(head), options.want_rate, walker);
-  if (failure) return *failure;
+  if (failure) {
+    return *failure;
+  }
   facts.rate = walker.meter().Rate(options.pcr_pid);
   facts.content_ticks = walker.times().Ticks();
   return facts;

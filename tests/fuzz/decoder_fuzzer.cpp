@@ -10,7 +10,9 @@
 using namespace ipplay::measure;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 2) return 0;
+  if (size < 2) {
+    return 0;
+  }
   const auto link = static_cast<LinkType>(data[0] % 4);
   const std::span frame(data + 2, size - 2);
   DecodedFrame decoded;
@@ -18,13 +20,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   // The payload lies within the frame, and is never longer than its header says.
-  if (decoded.payload.size() > decoded.payload_length) std::abort();
+  if (decoded.payload.size() > decoded.payload_length) {
+    std::abort();
+  }
   if (!decoded.payload.empty() &&
       (decoded.payload.data() < frame.data() ||
        decoded.payload.data() + decoded.payload.size() > frame.data() + frame.size())) {
     std::abort();
   }
   const auto rtp = ParseRtpHeader(decoded.payload, decoded.payload_length);
-  if (rtp && rtp->header_length + rtp->padding > decoded.payload_length) std::abort();
+  if (rtp && rtp->header_length + rtp->padding > decoded.payload_length) {
+    std::abort();
+  }
   return 0;
 }

@@ -29,8 +29,8 @@ void Append(Bytes& bytes, std::span<const std::uint8_t> more) {
 }
 
 Bytes Datagram(std::span<const std::uint8_t> payload, std::uint8_t flow) {
-  Bytes frame{1, 0, 0x5e, 1, 1, 1,  2, 0, 0, 0,   0, 1, 8,    0,    0x45, 0,    0,    0, 0, 0, 0,
-              0, 1, 17,   0, 0, 10, 0, 0, 1, 239, 1, 1, flow, 0x13, 0x88, 0x13, 0x8c, 0, 0, 0, 0};
+  Bytes frame{1, 0, 0x5E, 1, 1, 1,  2, 0, 0, 0,   0, 1, 8,    0,    0x45, 0,    0,    0, 0, 0, 0,
+              0, 1, 17,   0, 0, 10, 0, 0, 1, 239, 1, 1, flow, 0x13, 0x88, 0x13, 0x8C, 0, 0, 0, 0};
   const std::size_t udp_length = 8 + payload.size();
   frame[16] = static_cast<std::uint8_t>((20 + udp_length) >> 8);
   frame[17] = static_cast<std::uint8_t>(20 + udp_length);
@@ -87,8 +87,12 @@ Frame NextFrame(FuzzInput& input) {
 std::shared_ptr<ExpectedContent> MakeContent() {
   const int fd = ::memfd_create("expected", MFD_CLOEXEC);
   Bytes bytes(3000, 0xFF);
-  for (std::size_t i = 1000; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * i / 7);
-  if (::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) std::abort();
+  for (std::size_t i = 1000; i < bytes.size(); ++i) {
+    bytes[i] = static_cast<std::uint8_t>(i * i / 7);
+  }
+  if (::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+    std::abort();
+  }
   auto file = MappedFile::Open("/proc/self/fd/" + std::to_string(fd));
   return std::make_shared<ExpectedContent>(*file);
 }
@@ -101,9 +105,15 @@ void CheckSums(const Measurement& measurement) {
   }
   std::uint64_t frames =
       measurement.Streams().UntrackedFrames() + measurement.Streams().MalformedRtp();
-  for (const auto& stream : measurement.Streams().Streams()) frames += stream->Rate().Frames();
-  if (classes != measurement.CapturedFrames()) std::abort();
-  if (frames != measurement.FramesOf(FrameClass::kUdp)) std::abort();
+  for (const auto& stream : measurement.Streams().Streams()) {
+    frames += stream->Rate().Frames();
+  }
+  if (classes != measurement.CapturedFrames()) {
+    std::abort();
+  }
+  if (frames != measurement.FramesOf(FrameClass::kUdp)) {
+    std::abort();
+  }
 }
 
 // Every view of the result, with every limit.
@@ -111,11 +121,15 @@ void ShowAll(const Measurement& measurement) {
   const Summary summary = Summarize(measurement, "fuzz", true, {});
   Requirements requirements{
       .limits = {}, .min_streams = 1, .content_equal = measurement.Settings().expected != nullptr};
-  for (const LimitKind& kind : LimitKinds()) requirements.limits.push_back({&kind, 1, false});
+  for (const LimitKind& kind : LimitKinds()) {
+    requirements.limits.push_back({&kind, 1, false});
+  }
   const auto verdicts = Judge(summary, requirements);
   const std::string text = JsonText(summary, verdicts) + ResultTable(summary, verdicts, {}) +
                            ReportHtml({summary, measurement, verdicts, {}, "now"});
-  if (text.empty()) std::abort();
+  if (text.empty()) {
+    std::abort();
+  }
 }
 
 }  // namespace
@@ -127,22 +141,32 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   MeasurementSettings settings;
   settings.rtp = static_cast<RtpMode>(choice % 3);
   settings.max_streams = 8;
-  if ((choice & 8) != 0) settings.expected = content;
-  if ((choice & 16) != 0) settings.expected_rate = 10e6;
-  if ((choice & 32) != 0) settings.media_rate = 10e6;
+  if ((choice & 8) != 0) {
+    settings.expected = content;
+  }
+  if ((choice & 16) != 0) {
+    settings.expected_rate = 10e6;
+  }
+  if ((choice & 32) != 0) {
+    settings.media_rate = 10e6;
+  }
   Measurement measurement(settings);
   std::int64_t time_ns = std::int64_t{input.Number(4)} << 30;
   while (!input.IsEmpty()) {
     // From 1 ns to minutes, and now and then back in time.
     const std::uint32_t step = input.Number(2);
     time_ns += std::int64_t{step & 0x3FF} << (step >> 11);
-    if ((step & 0x7FF) == 0x7FF) time_ns -= 1'000'000;
+    if ((step & 0x7FF) == 0x7FF) {
+      time_ns -= 1'000'000;
+    }
     const Frame frame = NextFrame(input);
     measurement.Add(frame.link, {time_ns, {frame.bytes, frame.wire_length}});
   }
   measurement.Finish();
   CheckSums(measurement);
   // Most of the time goes to decoding; the views cost a hundred times as much.
-  if ((choice & 0xC0) == 0xC0 && size < 4096) ShowAll(measurement);
+  if ((choice & 0xC0) == 0xC0 && size < 4096) {
+    ShowAll(measurement);
+  }
   return 0;
 }

@@ -58,7 +58,7 @@ FakeDriver& TheDriver() {
     made->keep_sent = false;
     AdapterAddress ipv4{AddressFamily::kIPv4, {10, 0, 0, 1}, 0};
     AdapterAddress netmask{AddressFamily::kIPv4, {255, 255, 255}, 0};
-    AdapterAddress ipv6{AddressFamily::kIPv6, {0xfe, 0x80, 1}, 2};
+    AdapterAddress ipv6{AddressFamily::kIPv6, {0xFE, 0x80, 1}, 2};
     made->adapters->push_back({"rpcap://one", "the first", {{ipv4, netmask}}});
     made->adapters->push_back({"rpcap://two", std::nullopt, {{ipv6, {}}}});
     made->adapters->push_back({"rpcap://three", "no addresses", {}});

@@ -48,7 +48,9 @@ class Program {
       const auto items = ConfigFile().from_config(stream);
       std::vector<std::string> reversed;
       for (auto item = items.rbegin(); item != items.rend(); ++item) {
-        if (item->inputs.empty()) continue;
+        if (item->inputs.empty()) {
+          continue;
+        }
         const bool is_flag = item->inputs == std::vector<std::string>{"true"};
         for (auto value = item->inputs.rbegin(); !is_flag && value != item->inputs.rend();
              ++value) {
@@ -74,7 +76,9 @@ class Program {
       return app_.config_to_str(true, false);
     } catch (const CLI::ParseError& error) {
       const std::string line = ExplainRefusal(app_, {}, error);
-      if (line.empty() || line.find('\n') != std::string::npos) std::abort();
+      if (line.empty() || line.find('\n') != std::string::npos) {
+        std::abort();
+      }
       return {};
     }
   }
@@ -93,14 +97,18 @@ void Plan(const PlayOptions& options) {
   rate.packets_per_second = rate.lowest = rate.highest = 5000;
   rate.last_packet = 900;
   rate.last_pcr = 900 * kPcrHz / 5000;
-  if (!options.raw) facts.rate = rate;
+  if (!options.raw) {
+    facts.rate = rate;
+  }
   Path path;
   path.adapter.mtu = 9000;
   path.source = options.to.address;
   path.destination = MacAddress{};
   const auto plan = MakePlan(options, facts, path);
   if (!plan) {
-    if (plan.failure().message.find('\n') != std::string::npos) std::abort();
+    if (plan.Error().message.find('\n') != std::string::npos) {
+      std::abort();
+    }
   } else if (plan->payload_bytes == 0 || plan->frame_bytes > 16128 || !(plan->frame_rate > 0)) {
     std::abort();
   }
@@ -109,7 +117,9 @@ void Plan(const PlayOptions& options) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 1) return 0;
+  if (size < 1) {
+    return 0;
+  }
   static const auto program = std::make_unique<Program>();
   const std::string text(data + 1, data + size);
   std::string config;
@@ -123,8 +133,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } else {
     config = program->Read(text);
   }
-  if (config.empty()) return 0;
-  if (program->HasPlay()) Plan(program->play());
+  if (config.empty()) {
+    return 0;
+  }
+  if (program->HasPlay()) {
+    Plan(program->play());
+  }
   std::istringstream written(config);
   ConfigFile().from_config(written);
   return 0;

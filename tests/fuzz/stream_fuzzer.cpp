@@ -39,7 +39,7 @@ std::vector<std::uint8_t> Unpack(std::span<const std::uint8_t> headers, bool tts
   std::vector<std::uint8_t> stream;
   for (std::size_t at = 0; at + kHeader <= headers.size(); at += kHeader) {
     const std::size_t start = stream.size();
-    stream.resize(start + unit, 0xff);
+    stream.resize(start + unit, 0xFF);
     std::copy_n(headers.begin() + static_cast<std::ptrdiff_t>(at), kHeader,
                 stream.begin() + static_cast<std::ptrdiff_t>(start));
     stream[start + unit - 188] = 0x47;
@@ -55,10 +55,18 @@ const PlayOptions& OptionsFor(std::uint8_t mode) {
     CLI::App app;
     DefinePlayOptions(app, *options);
     std::string line = "x --to rtp://239.1.1.1:5004 --bitrate 1M --ts-per-datagram 1";
-    if ((mode & kRaw) != 0) line = "x --to rtp://239.1.1.1:5004 --bitrate 1M --raw";
-    if ((mode & kPipe) == 0) line += " --loop 3";
-    if ((mode & kRestamp) != 0 && (mode & kRaw) == 0) line += " --restamp";
-    if ((mode & kNearWrap) != 0) line += " --near-wrap";
+    if ((mode & kRaw) != 0) {
+      line = "x --to rtp://239.1.1.1:5004 --bitrate 1M --raw";
+    }
+    if ((mode & kPipe) == 0) {
+      line += " --loop 3";
+    }
+    if ((mode & kRestamp) != 0 && (mode & kRaw) == 0) {
+      line += " --restamp";
+    }
+    if ((mode & kNearWrap) != 0) {
+      line += " --near-wrap";
+    }
     app.parse(line);
   }
   return *options;
@@ -69,17 +77,23 @@ class Source {
   Source(const std::vector<std::uint8_t>& bytes, bool pipe) {
     if (pipe) {
       int ends[2];
-      if (::pipe(ends) != 0) std::abort();
+      if (::pipe(ends) != 0) {
+        std::abort();
+      }
       fd_ = FileDescriptor(ends[0]);
       const FileDescriptor writer(ends[1]);
-      if (write(ends[1], bytes.data(), bytes.size()) < 0) std::abort();
+      if (write(ends[1], bytes.data(), bytes.size()) < 0) {
+        std::abort();
+      }
     } else {
       fd_ = FileDescriptor(memfd_create("stream", MFD_CLOEXEC));
-      if (write(fd_.get(), bytes.data(), bytes.size()) < 0) std::abort();
+      if (write(fd_.Get(), bytes.data(), bytes.size()) < 0) {
+        std::abort();
+      }
     }
   }
   Result<Input> Open() const {
-    return Input::Open("/proc/self/fd/" + std::to_string(fd_.get()), -1);
+    return Input::Open("/proc/self/fd/" + std::to_string(fd_.Get()), -1);
   }
 
  private:
@@ -102,24 +116,34 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
     return true;
   };
   std::optional<Restamper> restamper;
-  if (plan.restamp) restamper.emplace(facts.format, *plan.restamp);
+  if (plan.restamp) {
+    restamper.emplace(facts.format, *plan.restamp);
+  }
   for (std::uint64_t round = 1; round <= plan.rounds.value_or(1); ++round) {
     if (round > 1) {
       reader.StartNextRound();
-      if (restamper) restamper->StartNextRound();
+      if (restamper) {
+        restamper->StartNextRound();
+      }
     }
     for (auto packets = reader.Next(); !packets.empty(); packets = reader.Next()) {
       restamper ? restamper->Run(packets, take) : take(packets);
     }
-    if (restamper) restamper->Run({}, take);
+    if (restamper) {
+      restamper->Run({}, take);
+    }
   }
-  if (reader.error() != 0 || (plan.total_bytes && played != *plan.total_bytes)) std::abort();
+  if (reader.ReadError() != 0 || (plan.total_bytes && played != *plan.total_bytes)) {
+    std::abort();
+  }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 2 || size > 4096) return 0;
+  if (size < 2 || size > 4096) {
+    return 0;
+  }
   const std::uint8_t mode = data[0];
   const std::span<const std::uint8_t> rest(data + 1, size - 1);
   const std::vector<std::uint8_t> bytes = (mode & kPacked) != 0
@@ -128,14 +152,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const PlayOptions& options = OptionsFor(mode);
   const Source source(bytes, (mode & kPipe) != 0);
   auto input = source.Open();
-  if (!input) std::abort();
+  if (!input) {
+    std::abort();
+  }
   const auto facts = Examine(*input, {.raw = options.raw});
-  if (!facts) return 0;
+  if (!facts) {
+    return 0;
+  }
   Path path;
   path.source = options.to.address;
   path.destination = MacAddress{};
   const auto plan = MakePlan(options, *facts, path);
-  if (!plan) return 0;
+  if (!plan) {
+    return 0;
+  }
   RoundReader reader(std::move(*input), *facts);
   Play(bytes, reader, *facts, *plan);
   return 0;

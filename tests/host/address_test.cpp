@@ -29,8 +29,8 @@ TEST(Address, Targets) {
 }
 
 TEST(Address, Macs) {
-  EXPECT_EQ(ParseMac("02:00:5e:1F:00:01"), (MacAddress{2, 0, 0x5e, 0x1f, 0, 1}));
-  EXPECT_EQ(ParseMac("02-00-5e-1f-00-01"), (MacAddress{2, 0, 0x5e, 0x1f, 0, 1}));
+  EXPECT_EQ(ParseMac("02:00:5e:1F:00:01"), (MacAddress{2, 0, 0x5E, 0x1F, 0, 1}));
+  EXPECT_EQ(ParseMac("02-00-5e-1f-00-01"), (MacAddress{2, 0, 0x5E, 0x1F, 0, 1}));
   for (const char* refused : {"", "02:00:5e:10:00", "02:00:5e:10:00:0g", "2:00:5e:10:00:01",
                               "02:00:5e:10:00:01:02", "02:00-5e:10:00:01", "+2:00:5e:10:00:01"}) {
     EXPECT_FALSE(ParseMac(refused)) << refused;
@@ -83,8 +83,8 @@ TEST(Adapters, AreFoundByNameThenNumber) {
   EXPECT_EQ(FindAdapter(adapters, "0")->index, 1U);
   const auto none = FindAdapter(adapters, "far");
   ASSERT_FALSE(none);
-  EXPECT_EQ(none.failure().status, ExitStatus::kNoAccess);
-  EXPECT_NE(none.failure().message.find("near, 0"), std::string::npos);
+  EXPECT_EQ(none.Error().status, ExitStatus::kNoAccess);
+  EXPECT_NE(none.Error().message.find("near, 0"), std::string::npos);
 }
 
 }  // namespace

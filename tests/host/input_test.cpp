@@ -26,7 +26,9 @@ class Fifo {
  public:
   Fifo() { mkfifo(path_.c_str(), 0600); }
   ~Fifo() {
-    if (writer_.joinable()) writer_.join();
+    if (writer_.joinable()) {
+      writer_.join();
+    }
     std::filesystem::remove(path_);
   }
   // Writes in pieces that do not end with packets, then closes the pipe.
@@ -34,7 +36,9 @@ class Fifo {
     writer_ = std::thread([this, content = std::move(content)] {
       const int fd = open(path_.c_str(), O_WRONLY);
       for (std::size_t at = 0; at < content.size(); at += 1000) {
-        if (write(fd, &content[at], std::min<std::size_t>(1000, content.size() - at)) < 0) break;
+        if (write(fd, &content[at], std::min<std::size_t>(1000, content.size() - at)) < 0) {
+          break;
+        }
       }
       close(fd);
     });
@@ -59,9 +63,13 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
          std::optional<std::uint64_t> restamp_ticks = {}) {
   Fed fed;
   auto input = Input::Open(path, -1);
-  if (!input) return {.failure = input.failure().message};
+  if (!input) {
+    return {.failure = input.Error().message};
+  }
   const auto facts = Examine(*input, options);
-  if (!facts) return {.failure = facts.failure().message};
+  if (!facts) {
+    return {.failure = facts.Error().message};
+  }
   fed.facts = *facts;
   std::promise<void> ended;
   const Feeder::Sink sink{.write =
@@ -76,17 +84,21 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
                                 ended.set_value();
                               }};
   std::optional<Restamper> restamper;
-  if (restamp_ticks) restamper.emplace(facts->format, RestampPlan{.round_ticks = *restamp_ticks});
+  if (restamp_ticks) {
+    restamper.emplace(facts->format, RestampPlan{.round_ticks = *restamp_ticks});
+  }
   Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), restamper, rounds, sink);
   feeder.Start();
   ended.get_future().wait();
-  fed.sync_lost = feeder.sync_lost();
+  fed.sync_lost = feeder.SyncLost();
   return fed;
 }
 
 Bytes Repeated(const Bytes& bytes, int times) {
   Bytes all;
-  for (int i = 0; i < times; ++i) all.insert(all.end(), bytes.begin(), bytes.end());
+  for (int i = 0; i < times; ++i) {
+    all.insert(all.end(), bytes.begin(), bytes.end());
+  }
   return all;
 }
 
@@ -155,7 +167,7 @@ TEST(WordWriter, UnitsOfAnyCut) {
     }
     EXPECT_EQ(written.size(), 300'000U) << piece;
     ASSERT_TRUE(writer.Finish());
-    EXPECT_EQ(writer.padding(), 2U);
+    EXPECT_EQ(writer.Padding(), 2U);
     bytes.resize(300'004);
     EXPECT_EQ(written, bytes) << piece;
   }

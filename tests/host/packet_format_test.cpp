@@ -11,7 +11,9 @@ namespace {
 std::vector<std::uint8_t> Stream(std::uint32_t packet_bytes, std::size_t sync, std::size_t packets,
                                  std::size_t leading = 0) {
   std::vector<std::uint8_t> bytes(leading + packets * packet_bytes, 0x11);
-  for (std::size_t i = 0; i < packets; ++i) bytes[leading + i * packet_bytes + sync] = 0x47;
+  for (std::size_t i = 0; i < packets; ++i) {
+    bytes[leading + i * packet_bytes + sync] = 0x47;
+  }
   return bytes;
 }
 

@@ -11,7 +11,9 @@ constexpr std::uint64_t kTicks = 27'000;  // per packet: 1,000 packets per secon
 
 PcrRateMeter Measure(const std::vector<std::uint8_t>& stream) {
   PcrRateMeter meter;
-  for (std::size_t i = 0; i < stream.size() / 188; ++i) meter.Add(i, &stream[i * 188]);
+  for (std::size_t i = 0; i < stream.size() / 188; ++i) {
+    meter.Add(i, &stream[i * 188]);
+  }
   return meter;
 }
 
@@ -48,7 +50,9 @@ TEST(PcrRate, JumpsAreLeftOut) {
                         {"far forth", right + 3600 * kPcrHz, false, true},
                         {"announced", right + kTicks, true, true}}) {
     PcrRateMeter meter;
-    for (std::uint64_t i = 0; i <= 1000; i += 100) AddPcr(meter, i, i * kTicks);
+    for (std::uint64_t i = 0; i <= 1000; i += 100) {
+      AddPcr(meter, i, i * kTicks);
+    }
     AddPcr(meter, 1100, c.pcr, 0x100, c.announced);
     AddPcr(meter, 1200, c.pcr + 100 * kTicks);
     const auto rate = meter.Rate();
@@ -79,15 +83,21 @@ TEST(PcrRate, VariableRateIsTheMean) {
 
 TEST(PcrRate, RarePcrsAreNoJumps) {
   PcrRateMeter meter;
-  for (std::uint64_t i = 0; i < 5; ++i) AddPcr(meter, i * 2000, i * 2000 * kTicks);
+  for (std::uint64_t i = 0; i < 5; ++i) {
+    AddPcr(meter, i * 2000, i * 2000 * kTicks);
+  }
   ASSERT_TRUE(meter.Rate());
   EXPECT_DOUBLE_EQ(meter.Rate()->packets_per_second, 1000);
 }
 
 TEST(PcrRate, ChoosesThePidThatCoversMostUnlessToldOtherwise) {
   PcrRateMeter meter;
-  for (std::uint64_t i = 0; i < 100; ++i) AddPcr(meter, i * 10, i * 10 * kTicks, 0x200);
-  for (std::uint64_t i = 0; i < 50; ++i) AddPcr(meter, i * 10 + 5, i * 10 * 2 * kTicks, 0x100);
+  for (std::uint64_t i = 0; i < 100; ++i) {
+    AddPcr(meter, i * 10, i * 10 * kTicks, 0x200);
+  }
+  for (std::uint64_t i = 0; i < 50; ++i) {
+    AddPcr(meter, i * 10 + 5, i * 10 * 2 * kTicks, 0x100);
+  }
   EXPECT_EQ(meter.Rate()->pid, 0x200);
   EXPECT_DOUBLE_EQ(meter.Rate(0x100)->packets_per_second, 500);
   EXPECT_FALSE(meter.Rate(0x300));

@@ -34,10 +34,10 @@ Path TestPath() {
   Path path;
   path.adapter.index = 3;
   path.adapter.name = "near";
-  path.adapter.mac = {2, 0xaa, 0, 0, 0, 1};
+  path.adapter.mac = {2, 0xAA, 0, 0, 0, 1};
   path.adapter.mtu = 1500;
   path.source = ParseIp("10.9.0.1");
-  path.destination = MacAddress{1, 0, 0x5e, 1, 1, 1};
+  path.destination = MacAddress{1, 0, 0x5E, 1, 1, 1};
   return path;
 }
 
@@ -50,7 +50,9 @@ Result<PlayPlan> Plan(const std::string& line, const StreamFacts& facts = Facts(
   app.parse("in.ts " + line);
   Path path = TestPath();
   path.adapter.mtu = mtu;
-  if (options.to.address.is_v6) path.source = ParseIp("fd00::1");
+  if (options.to.address.is_v6) {
+    path.source = ParseIp("fd00::1");
+  }
   return MakePlan(options, facts, path);
 }
 
@@ -83,7 +85,7 @@ TEST(PlayPlan, SizesAndRates) {
   };
   for (const auto& c : cases) {
     const auto plan = Plan(c.line + (c.packet_bytes == 0 ? " --raw" : ""), Facts(c.packet_bytes));
-    ASSERT_TRUE(plan) << plan.failure().message;
+    ASSERT_TRUE(plan) << plan.Error().message;
     EXPECT_EQ(plan->header_bytes, c.headers) << c.line;
     EXPECT_EQ(plan->payload_bytes, c.payload) << c.line;
     EXPECT_EQ(plan->frame_bytes, c.headers + c.payload) << c.line;
@@ -143,7 +145,7 @@ TEST(PlayPlan, BatchAndGap) {
   };
   for (const auto& c : cases) {
     const auto plan = Plan(c.line);
-    ASSERT_TRUE(plan) << plan.failure().message;
+    ASSERT_TRUE(plan) << plan.Error().message;
     EXPECT_EQ(plan->batch, c.batch) << c.line;
   }
   EXPECT_EQ(Plan(kRtp + "--frame-bitrate 10M --copies 2")->gap, std::chrono::microseconds(548));
@@ -173,7 +175,7 @@ TEST(PlayPlan, LargeFramesNeedTheBitCleared) {
   const auto small = Plan(kRtp);
   EXPECT_EQ(small->settings.params.IPFragmentation, 0U);
   const auto large = Plan(kRtp + "--ts-per-datagram 20", Facts(), 9000);
-  ASSERT_TRUE(large) << large.failure().message;
+  ASSERT_TRUE(large) << large.Error().message;
   EXPECT_EQ(large->settings.params.IPFragmentation, 1U);
   EXPECT_EQ(Plan(kRtp + "--dont-fragment off")->settings.params.IPFragmentation, 1U);
 }
@@ -218,7 +220,7 @@ TEST(PlayPlan, NearWrapStartsThreeSecondsBefore) {
   facts.rate->last_packet = 9990;
   facts.rate->last_pcr = 1'000'000'000 + 9990 * kPcrHz / 5000;
   const auto plan = Plan(kRtp + "--near-wrap --loop 2", facts);
-  ASSERT_TRUE(plan) << plan.failure().message;
+  ASSERT_TRUE(plan) << plan.Error().message;
   ASSERT_TRUE(plan->restamp);
   EXPECT_EQ((1'000'000'000 + plan->restamp->start_offset) % kPcrModulus, kPcrModulus - 3 * kPcrHz);
   EXPECT_EQ(plan->restamp->round_ticks, 10'000 * kPcrHz / 5000);
@@ -245,7 +247,7 @@ TEST(FrameFields, FirstFrame) {
       "--to rtp://239.1.1.1:5004 --src-port 5004 --sequence 1 --ssrc 0x11223344 --vlan 100 "
       "--vlan-priority 5 --vlan-cfi --raw --frame-size 62 --bitrate 1M",
       Facts(0));
-  ASSERT_TRUE(plan) << plan.failure().message;
+  ASSERT_TRUE(plan) << plan.Error().message;
   const std::vector<std::uint8_t> payload{1, 2, 3, 4};
   std::vector<std::uint8_t> frame;
   for (const FrameField& field : FirstFrameFields(plan->settings.params, true, payload)) {
@@ -253,19 +255,21 @@ TEST(FrameFields, FirstFrame) {
     frame.insert(frame.end(), field.bytes.begin(), field.bytes.end());
   }
   const std::vector<std::uint8_t> expected{
-      0x01, 0x00, 0x5e, 0x01, 0x01, 0x01, 0x02, 0xaa, 0x00, 0x00, 0x00, 0x01,  // MAC addresses
-      0x81, 0x00, 0xb0, 0x64, 0x08, 0x00,                                      // tag, EtherType
-      0x45, 0x00, 0x00, 0x2c, 0x00, 0x00, 0x40, 0x00, 0x40, 0x11, 0x00, 0x00,  // IPv4
-      0x0a, 0x09, 0x00, 0x01, 0xef, 0x01, 0x01, 0x01,                          //
-      0x13, 0x8c, 0x13, 0x8c, 0x00, 0x18, 0x00, 0x00,                          // UDP
+      0x01, 0x00, 0x5E, 0x01, 0x01, 0x01, 0x02, 0xAA, 0x00, 0x00, 0x00, 0x01,  // MAC addresses
+      0x81, 0x00, 0xB0, 0x64, 0x08, 0x00,                                      // tag, EtherType
+      0x45, 0x00, 0x00, 0x2C, 0x00, 0x00, 0x40, 0x00, 0x40, 0x11, 0x00, 0x00,  // IPv4
+      0x0A, 0x09, 0x00, 0x01, 0xEF, 0x01, 0x01, 0x01,                          //
+      0x13, 0x8C, 0x13, 0x8C, 0x00, 0x18, 0x00, 0x00,                          // UDP
       0x80, 0x21, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44};
   std::vector<std::uint8_t> without_checksums = frame;
-  for (const std::size_t at : {28U, 29U, 44U, 45U}) without_checksums[at] = 0;
+  for (const std::size_t at : {28U, 29U, 44U, 45U}) {
+    without_checksums[at] = 0;
+  }
   EXPECT_EQ(without_checksums, expected);
   // 4500+002c+0000+4000+4011+0a09+0001+ef01+0101 = 1bf49, folded bf4a, complement 40b5.
-  EXPECT_EQ(frame[28] << 8 | frame[29], 0x40b5);
+  EXPECT_EQ(frame[28] << 8 | frame[29], 0x40B5);
   // 0a09+0001+ef01+0101+0011+0018, the 24 bytes: 1e9f3, folded e9f4, complement 160b.
-  EXPECT_EQ(frame[44] << 8 | frame[45], 0x160b);
+  EXPECT_EQ(frame[44] << 8 | frame[45], 0x160B);
 }
 
 }  // namespace

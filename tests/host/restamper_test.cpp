@@ -57,7 +57,7 @@ TEST(Restamper, CountersRunThroughTheRounds) {
     for (const auto& [counter, payload] : {std::pair{3, true}, {4, true}, {7, true}, {7, false}}) {
       const TsPacket packet =
           Restamped(restamper, {.counter = static_cast<std::uint8_t>(counter), .payload = payload});
-      sent.push_back(packet[3] & 0xf);
+      sent.push_back(packet[3] & 0xF);
     }
     restamper.StartNextRound();
   }
@@ -69,9 +69,9 @@ TEST(Restamper, PidsCountApartAndRoundsMayStartWithoutPayload) {
   Restamped(restamper, {.pid = 1, .counter = 5});
   Restamped(restamper, {.pid = 2, .counter = 11});
   restamper.StartNextRound();
-  EXPECT_EQ(Restamped(restamper, {.pid = 2, .counter = 0, .payload = false})[3] & 0xf, 11);
-  EXPECT_EQ(Restamped(restamper, {.pid = 1, .counter = 0})[3] & 0xf, 6);
-  EXPECT_EQ(Restamped(restamper, {.pid = 2, .counter = 1})[3] & 0xf, 12);
+  EXPECT_EQ(Restamped(restamper, {.pid = 2, .counter = 0, .payload = false})[3] & 0xF, 11);
+  EXPECT_EQ(Restamped(restamper, {.pid = 1, .counter = 0})[3] & 0xF, 6);
+  EXPECT_EQ(Restamped(restamper, {.pid = 2, .counter = 1})[3] & 0xF, 12);
 }
 
 TEST(Restamper, AnnouncedStartIsAnnouncedOnce) {
@@ -88,13 +88,13 @@ TEST(Restamper, AnnouncedStartIsAnnouncedOnce) {
 TEST(Restamper, OtherPacketsAreLeftAsTheyAre) {
   Restamper restamper(kPlain, {.start_offset = 300, .round_ticks = kRound});
   restamper.StartNextRound();
-  TsPacket null_packet = MakePacket({.pid = 0x1fff, .counter = 3});
+  TsPacket null_packet = MakePacket({.pid = 0x1FFF, .counter = 3});
   TsPacket scrambled = MakePacket({.pts = 1000});
-  scrambled[3] |= 0xc0;
+  scrambled[3] |= 0xC0;
   TsPacket no_pes = MakePacket({.pid = 0x101, .pts = 1000});
   no_pes[6] = 0;  // 00 00 00: a section, as far as one can see
   TsPacket padding = MakePacket({.pid = 0x102, .pts = 1000});
-  padding[7] = 0xbe;
+  padding[7] = 0xBE;
   for (TsPacket* packet : {&null_packet, &scrambled, &no_pes, &padding}) {
     const TsPacket before = *packet;
     restamper.Restamp(packet->data());
@@ -108,12 +108,12 @@ TEST(Restamper, ArrivalTimesOfTimeStampedPackets) {
   std::array<std::uint8_t, 192> packet{};
   const TsPacket ts = MakePacket({.pcr = 5});
   std::copy(ts.begin(), ts.end(), packet.begin() + 4);
-  packet[0] = 0xc0;  // permission bits, which stay
+  packet[0] = 0xC0;  // permission bits, which stay
   packet[3] = 7;
   restamper.Restamp(packet.data());
   const std::uint32_t arrival = (7 + kRound) % (1U << 30);
-  EXPECT_EQ(packet[0], 0xc0 | arrival >> 24);
-  EXPECT_EQ(packet[3], arrival & 0xff);
+  EXPECT_EQ(packet[0], 0xC0 | arrival >> 24);
+  EXPECT_EQ(packet[3], arrival & 0xFF);
   EXPECT_EQ(PcrAt(&packet[4]), 5 + kRound);
 }
 

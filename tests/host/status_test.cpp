@@ -29,14 +29,14 @@ PlayoutStatistics Counted(std::uint64_t datagrams) {
 TEST(Status, RatesAndTimes) {
   StatusMeter meter(TestPlan());
   meter.Read(Counted(0), 500ms);
-  EXPECT_FALSE(meter.started());
-  EXPECT_EQ(meter.status().mean_rate, 0);
+  EXPECT_FALSE(meter.Started());
+  EXPECT_EQ(meter.Total().mean_rate, 0);
   // The first datagram leaves at 500 ms, 10 ms lie between two.
   for (int i = 0; i < 500; ++i) {
     meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), 500ms + i * 10ms);
   }
   meter.End(Counted(500), true);
-  const Status status = meter.status();
+  const Status status = meter.Total();
   EXPECT_EQ(status.elapsed, 4990ms);
   EXPECT_EQ(status.round, 2U);
   EXPECT_NEAR(status.mean_rate, 1'052'800, 1);
@@ -51,18 +51,20 @@ TEST(Status, FirstDatagramLeftBetweenTwoReadings) {
   meter.Read(Counted(0), 490ms);
   meter.Read(Counted(2), 510ms);
   meter.Read(Counted(11), 600ms);
-  EXPECT_EQ(meter.status().elapsed, 100ms);
-  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+  EXPECT_EQ(meter.Total().elapsed, 100ms);
+  EXPECT_NEAR(meter.Total().mean_rate, 1'052'800, 1);
 }
 
 // Four more than have left are counted all the way, and sent in the end.
 TEST(Status, WhatIsInHandDoesNotRaiseTheRateOfAStoppedRun) {
   StatusMeter meter(TestPlan());
-  for (int i = 0; i < 100; ++i) meter.Read(Counted(static_cast<std::uint64_t>(i) + 5), i * 10ms);
-  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+  for (int i = 0; i < 100; ++i) {
+    meter.Read(Counted(static_cast<std::uint64_t>(i) + 5), i * 10ms);
+  }
+  EXPECT_NEAR(meter.Total().mean_rate, 1'052'800, 1);
   meter.End(Counted(104), false);
-  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
-  EXPECT_EQ(meter.status().counters.DatagramsSent, 104U);
+  EXPECT_NEAR(meter.Total().mean_rate, 1'052'800, 1);
+  EXPECT_EQ(meter.Total().counters.DatagramsSent, 104U);
 }
 
 // The first two of ten are lost: eight leave in the time of ten.
@@ -75,7 +77,7 @@ TEST(Status, LostDatagramsTakeNoTime) {
   meter.Read(Counted(1), 0ms);
   meter.Read(counters, 15 * 12500us);  // sixteen left, 12.5 ms apart
   meter.End(counters, true);
-  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+  EXPECT_NEAR(meter.Total().mean_rate, 1'052'800, 1);
 }
 
 // Bursts of four every 40 ms: between the first and the second lies the time of four datagrams.
@@ -86,15 +88,17 @@ TEST(Status, LastBurstHasNotTakenItsTime) {
   StatusMeter meter(plan);
   meter.Read(Counted(4), 0ms);
   meter.Read(Counted(10), 40ms);  // the last two do not wait
-  EXPECT_NEAR(meter.status().mean_rate, 1'052'800, 1);
+  EXPECT_NEAR(meter.Total().mean_rate, 1'052'800, 1);
 }
 
 TEST(Status, RecentRateShowsAStall) {
   StatusMeter meter(TestPlan());
-  for (int i = 0; i < 100; ++i) meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), i * 10ms);
+  for (int i = 0; i < 100; ++i) {
+    meter.Read(Counted(static_cast<std::uint64_t>(i) + 1), i * 10ms);
+  }
   meter.Read(Counted(100), 5s);
   meter.Read(Counted(100), 8s);
-  EXPECT_EQ(meter.status().recent_rate, 0);
+  EXPECT_EQ(meter.Total().recent_rate, 0);
 }
 
 TEST(Status, WithoutAnEndThereIsNoShare) {
@@ -102,8 +106,8 @@ TEST(Status, WithoutAnEndThereIsNoShare) {
   plan.total_bytes.reset();
   StatusMeter meter(plan);
   meter.Read(Counted(5), 1s);
-  EXPECT_FALSE(meter.status().share);
-  EXPECT_FALSE(meter.status().remaining);
+  EXPECT_FALSE(meter.Total().share);
+  EXPECT_FALSE(meter.Total().remaining);
 }
 
 TEST(TimeLine, InOrderOfTimeThenAsGiven) {

@@ -24,9 +24,9 @@ struct PacketSpec {
 inline void PutTimestamp(std::uint8_t* at, std::uint8_t prefix, std::uint64_t t) {
   at[0] = static_cast<std::uint8_t>(prefix * 16U | (t >> 30 & 7) << 1 | 1);
   at[1] = static_cast<std::uint8_t>(t >> 22);
-  at[2] = static_cast<std::uint8_t>((t >> 15 & 0x7f) << 1 | 1);
+  at[2] = static_cast<std::uint8_t>((t >> 15 & 0x7F) << 1 | 1);
   at[3] = static_cast<std::uint8_t>(t >> 7);
-  at[4] = static_cast<std::uint8_t>((t & 0x7f) << 1 | 1);
+  at[4] = static_cast<std::uint8_t>((t & 0x7F) << 1 | 1);
 }
 
 inline std::uint64_t GetTimestamp(const std::uint8_t* at) {
@@ -36,13 +36,13 @@ inline std::uint64_t GetTimestamp(const std::uint8_t* at) {
 
 inline TsPacket MakePacket(const PacketSpec& spec) {
   TsPacket p;
-  p.fill(0xff);
+  p.fill(0xFF);
   const bool adaptation = spec.pcr || spec.discontinuity || !spec.payload;
   p[0] = 0x47;
   p[1] = static_cast<std::uint8_t>((spec.pts ? 0x40 : 0) | spec.pid >> 8);
   p[2] = static_cast<std::uint8_t>(spec.pid);
   p[3] = static_cast<std::uint8_t>((adaptation ? 0x20 : 0) | (spec.payload ? 0x10 : 0) |
-                                   (spec.counter & 0xf));
+                                   (spec.counter & 0xF));
   std::size_t at = 4;
   if (adaptation) {
     const std::size_t length = spec.payload ? 7 : 183;
@@ -55,7 +55,7 @@ inline TsPacket MakePacket(const PacketSpec& spec) {
       p[7] = static_cast<std::uint8_t>(base >> 17);
       p[8] = static_cast<std::uint8_t>(base >> 9);
       p[9] = static_cast<std::uint8_t>(base >> 1);
-      p[10] = static_cast<std::uint8_t>((base & 1) << 7 | 0x7e | extension >> 8);
+      p[10] = static_cast<std::uint8_t>((base & 1) << 7 | 0x7E | extension >> 8);
       p[11] = static_cast<std::uint8_t>(extension);
     }
     at = 5 + length;
@@ -64,15 +64,17 @@ inline TsPacket MakePacket(const PacketSpec& spec) {
     const std::array<std::uint8_t, 9> head{0,
                                            0,
                                            1,
-                                           0xe0,
+                                           0xE0,
                                            0,
                                            0,
                                            0x80,
-                                           static_cast<std::uint8_t>(spec.dts ? 0xc0 : 0x80),
+                                           static_cast<std::uint8_t>(spec.dts ? 0xC0 : 0x80),
                                            static_cast<std::uint8_t>(spec.dts ? 10 : 5)};
     std::copy(head.begin(), head.end(), p.begin() + static_cast<std::ptrdiff_t>(at));
     PutTimestamp(&p[at + 9], spec.dts ? 3 : 2, *spec.pts);
-    if (spec.dts) PutTimestamp(&p[at + 14], 1, *spec.dts);
+    if (spec.dts) {
+      PutTimestamp(&p[at + 14], 1, *spec.dts);
+    }
   }
   return p;
 }
@@ -89,7 +91,9 @@ inline std::vector<std::uint8_t> MakeStream(std::size_t packets, std::uint64_t t
   std::vector<std::uint8_t> stream;
   for (std::size_t i = 0; i < packets; ++i) {
     PacketSpec spec{.counter = static_cast<std::uint8_t>(i)};
-    if (i % 10 == 0) spec.pcr = (first_pcr + i * ticks_per_packet) % ((1ULL << 33) * 300);
+    if (i % 10 == 0) {
+      spec.pcr = (first_pcr + i * ticks_per_packet) % ((1ULL << 33) * 300);
+    }
     const TsPacket packet = MakePacket(spec);
     stream.insert(stream.end(), packet.begin(), packet.end());
   }

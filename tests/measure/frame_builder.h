@@ -18,7 +18,9 @@ inline Bytes FromHex(std::string_view text) {
   int digits = 0;
   int value = 0;
   for (const char c : text) {
-    if (c == ' ' || c == '\n') continue;
+    if (c == ' ' || c == '\n') {
+      continue;
+    }
     value = value * 16 + (c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
     if (++digits % 2 == 0) {
       bytes.push_back(static_cast<std::uint8_t>(value));

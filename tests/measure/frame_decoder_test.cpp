@@ -30,7 +30,9 @@ Bytes Frame(std::string_view text) {
   while (!text.empty()) {
     std::string_view word = text.substr(0, text.find(' '));
     text.remove_prefix(std::min(word.size() + 1, text.size()));
-    for (const auto& [name, hex] : kWords) word = word == name ? hex : word;
+    for (const auto& [name, hex] : kWords) {
+      word = word == name ? hex : word;
+    }
     const Bytes more = FromHex(word);
     frame.insert(frame.end(), more.begin(), more.end());
   }

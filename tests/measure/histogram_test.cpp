@@ -13,7 +13,9 @@ namespace {
 TEST(Histogram, KeepsSmallValuesExactly) {
   Histogram histogram;
   EXPECT_EQ(histogram.Quantile(0.5), 0);
-  for (std::uint64_t value = 0; value < 64; ++value) histogram.Add(value);
+  for (std::uint64_t value = 0; value < 64; ++value) {
+    histogram.Add(value);
+  }
   EXPECT_EQ(histogram.Quantile(0), 0);
   EXPECT_EQ(histogram.Quantile(0.5), 31);
   EXPECT_EQ(histogram.Quantile(1), 63);

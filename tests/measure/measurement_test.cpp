@@ -30,7 +30,9 @@ void AddRtp(Measurement& measurement, std::uint16_t number, std::int64_t time_ns
 
 TEST(Measurement, CutFramesAreCountedButTheirPayloadIsNot) {
   Measurement measurement{MeasurementSettings{}};
-  for (std::uint16_t i = 0; i < 10; ++i) AddRtp(measurement, i == 5 ? 6 : i, i * kMs, 128);
+  for (std::uint16_t i = 0; i < 10; ++i) {
+    AddRtp(measurement, i == 5 ? 6 : i, i * kMs, 128);
+  }
   measurement.Finish();
   const Summary summary = Summarize(measurement, "test", false, {});
   ASSERT_EQ(summary.streams.size(), 1U);
@@ -45,7 +47,9 @@ TEST(Measurement, CutFramesAreCountedButTheirPayloadIsNot) {
 TEST(Measurement, LossIsMarkedWhereTheCaptureItselfDropped) {
   Measurement measurement{MeasurementSettings{}};
   std::int64_t time = 0;
-  for (const int i : {0, 1, 4, 5}) AddRtp(measurement, static_cast<std::uint16_t>(i), time += kMs);
+  for (const int i : {0, 1, 4, 5}) {
+    AddRtp(measurement, static_cast<std::uint16_t>(i), time += kMs);
+  }
   measurement.Finish();
   for (const std::uint64_t drops : {0U, 2U}) {
     const Summary summary = Summarize(measurement, "eth0", true, {.by_kernel = drops});
@@ -65,7 +69,9 @@ TEST(Measurement, LossIsMarkedWhereTheCaptureItselfDropped) {
 
 TEST(Report, IsOnePageThatNeedsNothingElseAndTrustsNoText) {
   Measurement measurement{MeasurementSettings{}};
-  for (std::uint16_t i = 0; i < 50; ++i) AddRtp(measurement, i, i * 100 * kMs);
+  for (std::uint16_t i = 0; i < 50; ++i) {
+    AddRtp(measurement, i, i * 100 * kMs);
+  }
   measurement.Finish();
   const Summary summary = Summarize(measurement, "<script>eth0&", false, {});
   const std::string page =

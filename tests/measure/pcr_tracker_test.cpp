@@ -80,7 +80,9 @@ TEST(PcrTracker, TellsWhatIsWrong) {
 
 TEST(PcrTracker, CountsRareOnes) {
   PcrTracker tracker;
-  for (const std::uint64_t number : {0U, 1U, 2U, 5U, 6U}) tracker.Add(Sample(number));
+  for (const std::uint64_t number : {0U, 1U, 2U, 5U, 6U}) {
+    tracker.Add(Sample(number));
+  }
   EXPECT_EQ(tracker.RepetitionErrors(), 1U);  // 45.12 ms
   PcrSample standing = Sample(7);
   standing.pcr = Sample(6).pcr;

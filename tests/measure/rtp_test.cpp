@@ -18,7 +18,7 @@ TEST(RtpHeader, ReadsAllItsFields) {
   EXPECT_TRUE(rtp->version == 2 && rtp->payload_type == 33 && rtp->marker);
   EXPECT_EQ(rtp->sequence_number, 0x1234);
   EXPECT_EQ(rtp->timestamp, 0x01020304U);
-  EXPECT_EQ(rtp->ssrc, 0xdeadbeefU);
+  EXPECT_EQ(rtp->ssrc, 0xDEADBEEFU);
 }
 
 TEST(RtpHeader, FindsThePayloadOrRefuses) {
@@ -42,7 +42,9 @@ TEST(RtpHeader, FindsThePayloadOrRefuses) {
     const auto bytes = FromHex(c.bytes);
     const auto rtp = ParseRtpHeader(bytes, bytes.size());
     ASSERT_EQ(rtp.has_value(), c.header.has_value());
-    if (!rtp) continue;
+    if (!rtp) {
+      continue;
+    }
     EXPECT_EQ(rtp->header_length, *c.header);
     EXPECT_EQ(rtp->padding, c.padding);
   }
@@ -69,7 +71,9 @@ TEST(RtpSequence, CountsEveryKindOfDisorder) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     RtpSequence sequence;
-    for (const std::uint16_t number : c.numbers) sequence.Add(number);
+    for (const std::uint16_t number : c.numbers) {
+      sequence.Add(number);
+    }
     EXPECT_EQ(sequence.Received(), c.numbers.size());
     EXPECT_EQ(sequence.Lost(), c.lost);
     EXPECT_EQ(sequence.LossPeriods(), c.periods);

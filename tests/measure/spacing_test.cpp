@@ -30,7 +30,9 @@ TEST(Spacing, ComparesArrivalsWithTheGridOfTheExpectedRate) {
 TEST(Spacing, MeasuresAgainstItsOwnMeanWithoutAnExpectedRate) {
   Spacing spacing{SpacingSettings{}};
   // 1 ms apart but for one that is 200 us late; 10 gaps in 10 ms.
-  for (int i = 0; i <= 10; ++i) spacing.Add(i * kMs + (i == 5 ? 200'000 : 0), 1000, true);
+  for (int i = 0; i <= 10; ++i) {
+    spacing.Add(i * kMs + (i == 5 ? 200'000 : 0), 1000, true);
+  }
   EXPECT_NEAR(spacing.GridDeviation().high, 200'000, 1);
   EXPECT_NEAR(spacing.GridDeviation().low, 0, 1);
 }
@@ -44,7 +46,9 @@ TEST(Spacing, FollowsTheGridWhereItMoves) {
     for (int i = 0; i < 10; ++i) {
       spacing.Add(time, i == 3 ? 500 : 1000, /*continuous=*/i != 6);
       time += i == 3 ? kMs / 2 : kMs;
-      if (i == 5 && slot_left_empty) time += kMs;
+      if (i == 5 && slot_left_empty) {
+        time += kMs;
+      }
     }
     EXPECT_EQ(spacing.GridDeviation().Spread(), 0) << slot_left_empty;
   }
@@ -66,7 +70,9 @@ TEST(Spacing, CountsClumpsAndTheirLengths) {
 
 TEST(Spacing, TimeThatGoesBackIsToldAndHarmless) {
   Spacing spacing(kOneAMillisecond);
-  for (const std::int64_t time : {5 * kMs, 4 * kMs, 6 * kMs}) spacing.Add(time, 1000, true);
+  for (const std::int64_t time : {5 * kMs, 4 * kMs, 6 * kMs}) {
+    spacing.Add(time, 1000, true);
+  }
   EXPECT_EQ(spacing.TimeReversals(), 1U);
   EXPECT_EQ(spacing.Gaps().Min(), 0U);
 }
@@ -74,7 +80,9 @@ TEST(Spacing, TimeThatGoesBackIsToldAndHarmless) {
 TEST(RateMeter, CountsGapsNotFrames) {
   RateMeter rate;
   // The last one is short, as at the end of a file.
-  for (int i = 0; i < 11; ++i) rate.Add(i * 100 * kMs, i < 10 ? 1000 : 500, i < 10 ? 900 : 400);
+  for (int i = 0; i < 11; ++i) {
+    rate.Add(i * 100 * kMs, i < 10 ? 1000 : 500, i < 10 ? 900 : 400);
+  }
   EXPECT_DOUBLE_EQ(rate.Seconds(), 1.0);
   EXPECT_DOUBLE_EQ(rate.FrameRate(), 10);
   EXPECT_DOUBLE_EQ(rate.FrameBitRate(), 80'000);
@@ -84,7 +92,9 @@ TEST(RateMeter, CountsGapsNotFrames) {
 
 TEST(RateMeter, ALateLastFrameHardlyMovesTheFit) {
   RateMeter rate;
-  for (int i = 0; i < 1000; ++i) rate.Add(i * kMs + (i == 999 ? 5 * kMs : 0), 1000, 900);
+  for (int i = 0; i < 1000; ++i) {
+    rate.Add(i * kMs + (i == 999 ? 5 * kMs : 0), 1000, 900);
+  }
   EXPECT_LT(rate.FrameBitRate(), 8e6 * 0.996);
   // Five gaps late at the end of n: the slope grows by about 6 * 5 / n^2, 30 ppm.
   EXPECT_NEAR(rate.FittedFrameBitRate() / 8e6 - 1, -30e-6, 1e-6);

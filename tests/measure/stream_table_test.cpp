@@ -61,10 +61,14 @@ TEST(StreamTable, TellsWhichFlowsCarryRtp) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Measurement measurement{MeasurementSettings{.rtp = c.mode}};
-    for (const Bytes& payload : c.payloads) Add(measurement, payload);
+    for (const Bytes& payload : c.payloads) {
+      Add(measurement, payload);
+    }
     EXPECT_EQ(StreamsOf(measurement), c.streams);
     std::uint64_t frames = 0;
-    for (const auto& stream : measurement.Streams().Streams()) frames += stream->Rate().Frames();
+    for (const auto& stream : measurement.Streams().Streams()) {
+      frames += stream->Rate().Frames();
+    }
     EXPECT_EQ(frames, c.payloads.size());
   }
 }

@@ -47,7 +47,9 @@ TEST(TsAnalysis, JudgesContinuityCounters) {
     SCOPED_TRACE(c.name);
     std::vector<TsFields> packets(c.counters.size());
     packets[6] = c.seventh;
-    for (std::size_t i = 0; i < packets.size(); ++i) packets[i].counter = c.counters[i];
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+      packets[i].counter = c.counters[i];
+    }
     TsAnalysis analysis;
     Feed(analysis, packets);
     EXPECT_EQ(analysis.Counters().packets, c.counters.size());
@@ -70,7 +72,9 @@ TEST(TsAnalysis, WatchesTheTablesIntervals) {
     if (i == 0 || i == 40 || i == 80 || i == 140) {
       fields = {
           .pid = 0, .counter = static_cast<std::uint8_t>(i / 40), .start = true, .payload = kPat};
-      if (i == 140) fields.counter = 3;
+      if (i == 140) {
+        fields.counter = 3;
+      }
     }
     packets.push_back(fields);
   }

@@ -76,7 +76,9 @@ void CaptureSource::Closer::operator()(pcap* handle) const {
 Result<CaptureSource> CaptureSource::OpenLive(const LiveSettings& settings) {
   std::array<char, PCAP_ERRBUF_SIZE> error{};
   Handle handle(::pcap_create(settings.device.c_str(), error.data()));
-  if (handle == nullptr) return Failure{ExitStatus::kFailed, error.data()};
+  if (handle == nullptr) {
+    return Failure{ExitStatus::kFailed, error.data()};
+  }
   pcap_t* const pcap = handle.get();
   ::pcap_set_snaplen(pcap, settings.snapshot_bytes);
   ::pcap_set_promisc(pcap, settings.promiscuous ? 1 : 0);
@@ -118,7 +120,9 @@ Result<CaptureSource> CaptureSource::OpenFile(const std::string& path, const std
 }
 
 std::optional<Failure> CaptureSource::SetFilter(pcap* handle, const std::string& filter) {
-  if (filter.empty()) return std::nullopt;
+  if (filter.empty()) {
+    return std::nullopt;
+  }
   bpf_program program{};
   if (::pcap_compile(handle, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
     return UsageFailure(
@@ -126,7 +130,9 @@ std::optional<Failure> CaptureSource::SetFilter(pcap* handle, const std::string&
   }
   const int result = ::pcap_setfilter(handle, &program);
   ::pcap_freecode(&program);
-  if (result != 0) return Failure{ExitStatus::kFailed, ::pcap_geterr(handle)};
+  if (result != 0) {
+    return Failure{ExitStatus::kFailed, ::pcap_geterr(handle)};
+  }
   return std::nullopt;
 }
 
@@ -139,7 +145,9 @@ Result<CaptureSource> CaptureSource::Finish(Handle handle, const std::string& na
     return UsageFailure(fmt::format("SOURCE: {} has frames of a kind that cannot be read: {}", name,
                                     type == nullptr ? "unknown" : type));
   }
-  if (auto failure = SetFilter(handle.get(), filter)) return *failure;
+  if (auto failure = SetFilter(handle.get(), filter)) {
+    return *failure;
+  }
   const int fd = live ? ::pcap_get_selectable_fd(handle.get()) : -1;
   return CaptureSource(std::move(handle), *link, fd);
 }
@@ -148,9 +156,15 @@ CaptureSource::ReadStatus CaptureSource::Read(FrameSink& sink, int timeout_ms) {
   Target target{&sink, link_};
   const int frames =
       ::pcap_dispatch(handle_.get(), kFramesAtOnce, OnFrame, reinterpret_cast<u_char*>(&target));
-  if (frames > 0) return ReadStatus::kFrames;
-  if (frames < 0) return ReadStatus::kFailed;
-  if (!IsLive()) return ReadStatus::kEnd;
+  if (frames > 0) {
+    return ReadStatus::kFrames;
+  }
+  if (frames < 0) {
+    return ReadStatus::kFailed;
+  }
+  if (!IsLive()) {
+    return ReadStatus::kEnd;
+  }
   pollfd waiting{selectable_fd_, POLLIN, 0};
   const int ready = ::poll(&waiting, 1, timeout_ms);
   if (ready > 0 && (waiting.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0 &&
@@ -165,7 +179,9 @@ CaptureSource::ReadStatus CaptureSource::Read(FrameSink& sink, int timeout_ms) {
 
 CaptureDrops CaptureSource::Drops() {
   pcap_stat stat{};
-  if (!IsLive() || ::pcap_stats(handle_.get(), &stat) != 0) return {};
+  if (!IsLive() || ::pcap_stats(handle_.get(), &stat) != 0) {
+    return {};
+  }
   return {stat.ps_drop, stat.ps_ifdrop};
 }
 

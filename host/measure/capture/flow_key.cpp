@@ -38,8 +38,12 @@ std::string DestinationText(const FlowKey& key) {
 }
 
 std::string VlanText(const FlowKey& key) {
-  if (key.vlan == kNoVlan) return "";
-  if (key.inner_vlan == kNoVlan) return fmt::format("{}", key.vlan);
+  if (key.vlan == kNoVlan) {
+    return "";
+  }
+  if (key.inner_vlan == kNoVlan) {
+    return fmt::format("{}", key.vlan);
+  }
   return fmt::format("{}.{}", key.vlan, key.inner_vlan);
 }
 

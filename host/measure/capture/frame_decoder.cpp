@@ -76,18 +76,24 @@ IpPayload Refuse(FrameClass result) {
 
 // `wire_length` is how many bytes of the packet there were on the wire.
 IpPayload DecodeIpv4(Bytes packet, std::size_t wire_length, DecodedFrame& decoded) {
-  if (packet.size() < kIpv4HeaderLength) return Refuse(FrameClass::kTruncated);
+  if (packet.size() < kIpv4HeaderLength) {
+    return Refuse(FrameClass::kTruncated);
+  }
   const std::size_t header_length = std::size_t{packet[0] & 0x0FU} * 4;
   const std::size_t total_length = LoadBe16(&packet[kIpv4TotalLength]);
   if (header_length < kIpv4HeaderLength || total_length < header_length ||
       total_length > wire_length) {
     return Refuse(FrameClass::kBadIpHeader);
   }
-  if (packet.size() < header_length) return Refuse(FrameClass::kTruncated);
+  if (packet.size() < header_length) {
+    return Refuse(FrameClass::kTruncated);
+  }
   if ((LoadBe16(&packet[kIpv4Fragment]) & kIpv4MoreFragmentsOrOffset) != 0) {
     return Refuse(FrameClass::kFragment);
   }
-  if (packet[kIpv4Protocol] != kProtocolUdp) return Refuse(FrameClass::kNotUdp);
+  if (packet[kIpv4Protocol] != kProtocolUdp) {
+    return Refuse(FrameClass::kNotUdp);
+  }
 
   decoded.bad_ip_checksum = OnesComplementSum(packet.first(header_length)) != 0xFFFF;
   decoded.flow.ip_version = 4;
@@ -101,14 +107,22 @@ IpPayload DecodeIpv4(Bytes packet, std::size_t wire_length, DecodedFrame& decode
 // Walks over the extension headers, each of which says what follows it and how long it is.
 IpPayload SkipExtensions(IpPayload payload, std::uint8_t next_header) {
   while (next_header != kProtocolUdp) {
-    if (next_header == kFragment) return Refuse(FrameClass::kFragment);
+    if (next_header == kFragment) {
+      return Refuse(FrameClass::kFragment);
+    }
     if (next_header != kHopByHop && next_header != kRouting && next_header != kDestinationOptions) {
       return Refuse(FrameClass::kNotUdp);
     }
-    if (payload.captured.size() < 8) return Refuse(FrameClass::kTruncated);
+    if (payload.captured.size() < 8) {
+      return Refuse(FrameClass::kTruncated);
+    }
     const std::size_t length = (std::size_t{payload.captured[1]} + 1) * 8;
-    if (length > payload.length) return Refuse(FrameClass::kBadIpHeader);
-    if (length > payload.captured.size()) return Refuse(FrameClass::kTruncated);
+    if (length > payload.length) {
+      return Refuse(FrameClass::kBadIpHeader);
+    }
+    if (length > payload.captured.size()) {
+      return Refuse(FrameClass::kTruncated);
+    }
     next_header = payload.captured[0];
     payload.captured = payload.captured.subspan(length);
     payload.length -= length;
@@ -117,13 +131,17 @@ IpPayload SkipExtensions(IpPayload payload, std::uint8_t next_header) {
 }
 
 IpPayload DecodeIpv6(Bytes packet, std::size_t wire_length, DecodedFrame& decoded) {
-  if (packet.size() < kIpv6HeaderLength) return Refuse(FrameClass::kTruncated);
+  if (packet.size() < kIpv6HeaderLength) {
+    return Refuse(FrameClass::kTruncated);
+  }
   decoded.bad_ip_checksum = false;
   decoded.flow.ip_version = 6;
   std::copy_n(&packet[kIpv6Source], 16, decoded.flow.source.begin());
   std::copy_n(&packet[kIpv6Destination], 16, decoded.flow.destination.begin());
   const std::size_t length = LoadBe16(&packet[kIpv6PayloadLength]);
-  if (length > wire_length - kIpv6HeaderLength) return Refuse(FrameClass::kBadIpHeader);
+  if (length > wire_length - kIpv6HeaderLength) {
+    return Refuse(FrameClass::kBadIpHeader);
+  }
   const std::size_t captured = std::min(packet.size() - kIpv6HeaderLength, length);
   const IpPayload payload{FrameClass::kUdp, packet.subspan(kIpv6HeaderLength, captured), length,
                           OnesComplementSum(packet.subspan(kIpv6Source, 32))};
@@ -131,7 +149,9 @@ IpPayload DecodeIpv6(Bytes packet, std::size_t wire_length, DecodedFrame& decode
 }
 
 UdpChecksum CheckUdp(Bytes datagram, std::uint16_t addresses, bool v4) {
-  if (LoadBe16(&datagram[6]) == 0) return v4 ? UdpChecksum::kAbsent : UdpChecksum::kBad;
+  if (LoadBe16(&datagram[6]) == 0) {
+    return v4 ? UdpChecksum::kAbsent : UdpChecksum::kBad;
+  }
   // Pseudo-header: both addresses, the protocol, the UDP length (RFC 768; RFC 8200, 8.1).
   std::uint16_t sum = AddSums(addresses, kProtocolUdp);
   sum = AddSums(sum, static_cast<std::uint16_t>(datagram.size()));
@@ -140,11 +160,17 @@ UdpChecksum CheckUdp(Bytes datagram, std::uint16_t addresses, bool v4) {
 }
 
 FrameClass DecodeUdp(const IpPayload& ip, bool check_udp, DecodedFrame& decoded) {
-  if (ip.length < kUdpHeaderLength) return FrameClass::kBadUdpLength;
-  if (ip.captured.size() < kUdpHeaderLength) return FrameClass::kTruncated;
+  if (ip.length < kUdpHeaderLength) {
+    return FrameClass::kBadUdpLength;
+  }
+  if (ip.captured.size() < kUdpHeaderLength) {
+    return FrameClass::kTruncated;
+  }
   const std::uint8_t* header = ip.captured.data();
   const std::size_t udp_length = LoadBe16(header + 4);
-  if (udp_length < kUdpHeaderLength || udp_length > ip.length) return FrameClass::kBadUdpLength;
+  if (udp_length < kUdpHeaderLength || udp_length > ip.length) {
+    return FrameClass::kBadUdpLength;
+  }
 
   const Bytes datagram = ip.captured.first(std::min(ip.captured.size(), udp_length));
   decoded.flow.source_port = LoadBe16(header);
@@ -160,8 +186,12 @@ FrameClass DecodeUdp(const IpPayload& ip, bool check_udp, DecodedFrame& decoded)
 // Takes up to two VLAN tags off; `packet` starts behind the type field that was read last.
 std::optional<std::uint16_t> SkipVlanTags(std::uint16_t type, Bytes& packet, FlowKey& flow) {
   for (std::uint16_t* vlan : {&flow.vlan, &flow.inner_vlan}) {
-    if (!IsVlanType(type)) return type;
-    if (packet.size() < kVlanTagLength) return std::nullopt;
+    if (!IsVlanType(type)) {
+      return type;
+    }
+    if (packet.size() < kVlanTagLength) {
+      return std::nullopt;
+    }
     *vlan = LoadBe16(packet.data()) & 0x0FFF;
     type = LoadBe16(packet.data() + 2);
     packet = packet.subspan(kVlanTagLength);
@@ -178,17 +208,29 @@ FrameClass DecodeFrame(LinkType link, const CapturedBytes& frame, bool check_udp
   Bytes packet = frame.bytes;
   if (link != LinkType::kRawIp) {
     const LinkHeader header = HeaderOf(link);
-    if (packet.size() < header.length) return FrameClass::kTruncated;
+    if (packet.size() < header.length) {
+      return FrameClass::kTruncated;
+    }
     const std::uint16_t link_type = LoadBe16(&packet[header.type_at]);
     packet = packet.subspan(header.length);
     const auto type = SkipVlanTags(link_type, packet, decoded.flow);
-    if (!type) return FrameClass::kTruncated;
-    if (*type != kTypeIpv4 && *type != kTypeIpv6) return FrameClass::kNotIp;
+    if (!type) {
+      return FrameClass::kTruncated;
+    }
+    if (*type != kTypeIpv4 && *type != kTypeIpv6) {
+      return FrameClass::kNotIp;
+    }
     version = *type == kTypeIpv4 ? 4 : 6;
   }
-  if (packet.empty()) return FrameClass::kTruncated;
-  if (version == 0) version = packet[0] >> 4;
-  if (packet[0] >> 4 != version || (version != 4 && version != 6)) return FrameClass::kBadIpHeader;
+  if (packet.empty()) {
+    return FrameClass::kTruncated;
+  }
+  if (version == 0) {
+    version = packet[0] >> 4;
+  }
+  if (packet[0] >> 4 != version || (version != 4 && version != 6)) {
+    return FrameClass::kBadIpHeader;
+  }
 
   const std::size_t not_captured =
       frame.wire_length > frame.bytes.size() ? frame.wire_length - frame.bytes.size() : 0;

@@ -26,7 +26,9 @@ std::uint64_t SumOfBlocks(const std::uint8_t* p, std::size_t blocks) {
 }
 
 std::uint16_t Fold(std::uint64_t sum) {
-  while (sum >> 16 != 0) sum = (sum & 0xFFFFU) + (sum >> 16);
+  while (sum >> 16 != 0) {
+    sum = (sum & 0xFFFFU) + (sum >> 16);
+  }
   return static_cast<std::uint16_t>(sum);
 }
 
@@ -49,7 +51,9 @@ std::uint16_t OnesComplementSum(std::span<const std::uint8_t> bytes) {
     sum += word;
   }
   const std::uint16_t folded = Fold(sum);
-  if constexpr (std::endian::native == std::endian::big) return folded;
+  if constexpr (std::endian::native == std::endian::big) {
+    return folded;
+  }
   return static_cast<std::uint16_t>((folded << 8) | (folded >> 8));
 }
 

@@ -47,7 +47,9 @@ struct PcrPoint {
 
   void Add(double offset_ns) { Merge({true, offset_ns, offset_ns}); }
   void Merge(const PcrPoint& later) {
-    if (!later.any) return;
+    if (!later.any) {
+      return;
+    }
     low_ns = any ? std::min(low_ns, later.low_ns) : later.low_ns;
     high_ns = any ? std::max(high_ns, later.high_ns) : later.high_ns;
     any = true;

@@ -21,14 +21,18 @@ Wide Turn(const Point& a, const Point& b, const Point& c) {
 template <int kSide>
 void LineExtent::Extend(std::vector<Point>& hull, Point point) {
   if (!hull.empty() && hull.back().x == point.x) {
-    if (kSide * (point.y - hull.back().y) <= 0) return;
+    if (kSide * (point.y - hull.back().y) <= 0) {
+      return;
+    }
     hull.pop_back();
   }
   while (hull.size() >= 2 && Turn(hull[hull.size() - 2], hull.back(), point) * kSide >= 0) {
     hull.pop_back();
   }
   hull.push_back(point);
-  if (hull.size() > kMaxVertices) Thin(hull);
+  if (hull.size() > kMaxVertices) {
+    Thin(hull);
+  }
 }
 
 // Drops up to half of the inner vertices: those that span the smallest triangles with their
@@ -46,14 +50,18 @@ void LineExtent::Thin(std::vector<Point>& hull) {
   bool dropped = false;
   for (std::size_t i = 1; i + 1 < hull.size(); ++i) {
     dropped = !dropped && areas[i - 1] <= *middle;
-    if (!dropped) hull[kept++] = hull[i];
+    if (!dropped) {
+      hull[kept++] = hull[i];
+    }
   }
   hull[kept++] = hull.back();
   hull.resize(kept);
 }
 
 void LineExtent::Add(std::int64_t x, std::int64_t y) {
-  if (IsEmpty()) origin_ = {x, y};
+  if (IsEmpty()) {
+    origin_ = {x, y};
+  }
   Extend<1>(upper_, {x, y});
   Extend<-1>(lower_, {x, y});
 }
@@ -65,12 +73,18 @@ void LineExtent::Clear() {
 
 LineExtent::Range LineExtent::Deviation(double slope) const {
   Range range;
-  if (IsEmpty()) return range;
+  if (IsEmpty()) {
+    return range;
+  }
   const auto distance = [&](const Point& p) {
     return static_cast<double>(p.y - origin_.y) - slope * static_cast<double>(p.x - origin_.x);
   };
-  for (const Point& p : upper_) range.high = std::max(range.high, distance(p));
-  for (const Point& p : lower_) range.low = std::min(range.low, distance(p));
+  for (const Point& p : upper_) {
+    range.high = std::max(range.high, distance(p));
+  }
+  for (const Point& p : lower_) {
+    range.low = std::min(range.low, distance(p));
+  }
   return range;
 }
 

@@ -5,7 +5,9 @@
 namespace ipplay::measure {
 
 void Measurement::Add(LinkType link, const CapturedFrame& frame) {
-  if (complete_) return;
+  if (complete_) {
+    return;
+  }
   if (settings_.max_duration_ns && rate_.Frames() > 0 &&
       frame.time_ns - rate_.FirstNs() >= *settings_.max_duration_ns) {
     complete_ = true;
@@ -15,7 +17,9 @@ void Measurement::Add(LinkType link, const CapturedFrame& frame) {
   DecodedFrame decoded;
   const FrameClass frame_class = DecodeFrame(link, frame.data, settings_.check_udp, decoded);
   ++classes_[static_cast<std::size_t>(frame_class)];
-  if (frame_class != FrameClass::kUdp) return;
+  if (frame_class != FrameClass::kUdp) {
+    return;
+  }
 
   const auto bytes = static_cast<std::uint32_t>(frame.data.wire_length);
   const std::int64_t gap_ns =

@@ -6,8 +6,12 @@
 namespace ipplay::measure {
 
 double MediaDeliveryIndex::BytesPerNs() const {
-  if (given_rate_) return *given_rate_;
-  if (last_ns_ <= first_ns_) return 0;
+  if (given_rate_) {
+    return *given_rate_;
+  }
+  if (last_ns_ <= first_ns_) {
+    return 0;
+  }
   return static_cast<double>(bytes_) / static_cast<double>(last_ns_ - first_ns_);
 }
 
@@ -36,14 +40,18 @@ std::optional<MediaDeliveryIndex::Interval> MediaDeliveryIndex::Add(std::int64_t
 }
 
 std::optional<MediaDeliveryIndex::Interval> MediaDeliveryIndex::Finish() {
-  if (level_.IsEmpty()) return std::nullopt;
+  if (level_.IsEmpty()) {
+    return std::nullopt;
+  }
   return EndInterval();
 }
 
 MediaDeliveryIndex::Interval MediaDeliveryIndex::EndInterval() {
   Interval interval{start_ns_, 0, interval_lost_};
   const double rate = BytesPerNs();
-  if (rate > 0) interval.delay_factor_ns = level_.Deviation(rate).Spread() / rate;
+  if (rate > 0) {
+    interval.delay_factor_ns = level_.Deviation(rate).Spread() / rate;
+  }
   delay_factors_.Add(static_cast<std::uint64_t>(std::llround(interval.delay_factor_ns)));
   loss_rates_.Add(interval.lost_packets);
   level_.Clear();

@@ -12,10 +12,14 @@ using ByteSpan = std::span<const std::uint8_t>;
 constexpr std::size_t kSearchedBytes = 32;
 
 std::optional<std::size_t> Find(ByteSpan haystack, ByteSpan needle, std::size_t from) {
-  if (from >= haystack.size()) return std::nullopt;
+  if (from >= haystack.size()) {
+    return std::nullopt;
+  }
   const void* hit =
       ::memmem(haystack.data() + from, haystack.size() - from, needle.data(), needle.size());
-  if (hit == nullptr) return std::nullopt;
+  if (hit == nullptr) {
+    return std::nullopt;
+  }
   return static_cast<std::size_t>(static_cast<const std::uint8_t*>(hit) - haystack.data());
 }
 
@@ -37,7 +41,9 @@ std::size_t ExpectedContent::EqualBytes(ByteSpan payload, std::uint64_t position
 }
 
 const std::vector<std::uint64_t>& ExpectedContent::Places(ByteSpan payload) {
-  if (std::ranges::equal(payload, last_payload_)) return last_places_;
+  if (std::ranges::equal(payload, last_payload_)) {
+    return last_places_;
+  }
   last_payload_.assign(payload.begin(), payload.end());
   last_places_.clear();
   const ByteSpan file = Bytes();
@@ -45,13 +51,17 @@ const std::vector<std::uint64_t>& ExpectedContent::Places(ByteSpan payload) {
   std::size_t from = 0;
   for (auto hit = Find(file, head, from); hit && last_places_.size() <= kMaxPlaces;
        hit = Find(file, head, from)) {
-    if (Matches(payload, *hit)) last_places_.push_back(*hit);
+    if (Matches(payload, *hit)) {
+      last_places_.push_back(*hit);
+    }
     from = *hit + 1;
   }
   // In the last few bytes even the head goes on at the file's begin.
   for (std::size_t at = file.size() - std::min(file.size(), head.size() - 1); at < file.size();
        ++at) {
-    if (at >= from && Matches(payload, at)) last_places_.push_back(at);
+    if (at >= from && Matches(payload, at)) {
+      last_places_.push_back(at);
+    }
   }
   return last_places_;
 }
@@ -65,7 +75,9 @@ std::optional<std::uint64_t> ExpectedContent::FindFrom(ByteSpan payload, std::ui
     const std::size_t in_file = position % file.size();
     const std::size_t reach = std::min<std::uint64_t>(file.size(), in_file + (end - position));
     const auto hit = Find(file.first(reach), head, in_file);
-    if (hit && Matches(payload, *hit)) return position + (*hit - in_file);
+    if (hit && Matches(payload, *hit)) {
+      return position + (*hit - in_file);
+    }
     position += hit ? *hit - in_file + 1 : reach - in_file;
   }
   return std::nullopt;
@@ -73,7 +85,9 @@ std::optional<std::uint64_t> ExpectedContent::FindFrom(ByteSpan payload, std::ui
 
 void PayloadCompare::Add(ByteSpan payload, const Order& order) {
   if (!payload.empty()) {
-    if (order.restarted) candidates_.clear();
+    if (order.restarted) {
+      candidates_.clear();
+    }
     if (candidates_.empty()) {
       Join(payload);
     } else if (order.late) {
@@ -97,7 +111,9 @@ void PayloadCompare::Join(ByteSpan payload) {
   }
   ++equal_;
   candidates_ = places;
-  for (std::uint64_t& place : candidates_) place += payload.size();
+  for (std::uint64_t& place : candidates_) {
+    place += payload.size();
+  }
   last_length_ = payload.size();
 }
 
@@ -115,7 +131,9 @@ void PayloadCompare::CompareLate(ByteSpan payload, std::uint64_t behind) {
 }
 
 void PayloadCompare::CompareNext(ByteSpan payload, const Order& order) {
-  for (std::uint64_t& place : candidates_) place += order.missing * last_length_;
+  for (std::uint64_t& place : candidates_) {
+    place += order.missing * last_length_;
+  }
   if (NarrowDown(payload)) {
     ++equal_;
   } else if (const auto found = order.numbered ? std::nullopt
@@ -127,24 +145,34 @@ void PayloadCompare::CompareNext(ByteSpan payload, const Order& order) {
   } else {
     NoteDifference(payload, candidates_.front());
   }
-  for (std::uint64_t& place : candidates_) place += payload.size();
+  for (std::uint64_t& place : candidates_) {
+    place += payload.size();
+  }
   last_length_ = payload.size();
 }
 
 bool PayloadCompare::NarrowDown(ByteSpan payload) {
-  if (candidates_.size() == 1) return content_->Matches(payload, candidates_.front());
+  if (candidates_.size() == 1) {
+    return content_->Matches(payload, candidates_.front());
+  }
   std::vector<std::uint64_t> matching;
   for (const std::uint64_t place : candidates_) {
-    if (content_->Matches(payload, place)) matching.push_back(place);
+    if (content_->Matches(payload, place)) {
+      matching.push_back(place);
+    }
   }
-  if (matching.empty()) return false;
+  if (matching.empty()) {
+    return false;
+  }
   candidates_ = std::move(matching);
   return true;
 }
 
 void PayloadCompare::NoteDifference(ByteSpan payload, std::uint64_t position) {
   ++different_;
-  if (first_difference_) return;
+  if (first_difference_) {
+    return;
+  }
   const ByteSpan file = content_->Bytes();
   const std::size_t equal = content_->EqualBytes(payload, position);
   PayloadDifference difference;

@@ -40,15 +40,21 @@ double PcrTracker::Add(const PcrSample& sample) {
 void PcrTracker::Continue(const PcrSample& sample) {
   const std::int64_t interval = std::max<std::int64_t>(0, sample.arrival_ns - last_.arrival_ns);
   intervals_.Add(static_cast<std::uint64_t>(interval));
-  if (interval > kLongestRepetitionNs) ++repetition_errors_;
+  if (interval > kLongestRepetitionNs) {
+    ++repetition_errors_;
+  }
   const std::int64_t step = StepTicks(last_.pcr, sample.pcr);
   const bool jumps = step <= 0 || step > kLargestStepTicks;
-  if (jumps && !sample.discontinuity) ++discontinuity_errors_;
+  if (jumps && !sample.discontinuity) {
+    ++discontinuity_errors_;
+  }
   if (jumps || sample.discontinuity) {
     StartStretch(sample);
     return;
   }
-  if (sample.epoch != last_.epoch) EndAccuracy();
+  if (sample.epoch != last_.epoch) {
+    EndAccuracy();
+  }
   ticks_ += step;
 }
 
@@ -67,14 +73,18 @@ void PcrTracker::CompareWithArrival(const PcrSample& sample) {
   // All packets of a datagram arrive together, so the clock is taken at the datagram's first byte;
   // a stretch's first PCR has no rate yet that would bring it there.
   const auto per_byte = TicksPerByte();
-  if (!per_byte) return;
+  if (!per_byte) {
+    return;
+  }
   const double ticks =
       static_cast<double>(ticks_) - *per_byte * static_cast<double>(sample.byte_offset);
   const double x = ticks * kNsPerTick;
   const double y = static_cast<double>(sample.arrival_ns - stretch_arrival_ns_) - x;
   arrival_.Add(std::llround(x), std::llround(y));
   Regress(x, y);
-  if (n_ == 1) rebase_ns_ = last_offset_ns_ - y;
+  if (n_ == 1) {
+    rebase_ns_ = last_offset_ns_ - y;
+  }
   last_offset_ns_ = rebase_ns_ + y;
 }
 
@@ -88,7 +98,9 @@ void PcrTracker::EndAccuracy() {
 }
 
 std::optional<double> PcrTracker::TicksPerByte() const {
-  if (accuracy_.IsEmpty() || last_.byte_index <= accuracy_first_byte_) return std::nullopt;
+  if (accuracy_.IsEmpty() || last_.byte_index <= accuracy_first_byte_) {
+    return std::nullopt;
+  }
   return static_cast<double>(ticks_ - accuracy_first_ticks_) /
          static_cast<double>(last_.byte_index - accuracy_first_byte_);
 }

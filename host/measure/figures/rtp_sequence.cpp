@@ -24,9 +24,15 @@ SequenceResult RtpSequence::Add(std::uint16_t number) {
   }
   const auto ahead = static_cast<std::uint16_t>(number - static_cast<std::uint16_t>(highest_));
   const auto behind = static_cast<std::uint32_t>(kNumbers - ahead);
-  if (ahead == 0) return FallBehind(0);
-  if (ahead <= kWindow) return Advance(ahead);
-  if (behind < kWindow) return FallBehind(behind);
+  if (ahead == 0) {
+    return FallBehind(0);
+  }
+  if (ahead <= kWindow) {
+    return Advance(ahead);
+  }
+  if (behind < kWindow) {
+    return FallBehind(behind);
+  }
   return Stray(number);
 }
 
@@ -39,10 +45,14 @@ void RtpSequence::Start(std::uint16_t number) {
 
 SequenceResult RtpSequence::Advance(std::uint32_t ahead) {
   after_stray_.reset();
-  for (std::uint64_t n = highest_ + 1; n < highest_ + ahead; ++n) seen_.reset(n % kWindow);
+  for (std::uint64_t n = highest_ + 1; n < highest_ + ahead; ++n) {
+    seen_.reset(n % kWindow);
+  }
   highest_ += ahead;
   seen_.set(highest_ % kWindow);
-  if (ahead == 1) return {SequenceEvent::kInOrder, 0};
+  if (ahead == 1) {
+    return {SequenceEvent::kInOrder, 0};
+  }
   const std::uint32_t missing = ahead - 1;
   lost_ += missing;
   ++loss_periods_;

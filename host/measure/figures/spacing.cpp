@@ -15,8 +15,12 @@ LineExtent::Range Wider(const LineExtent::Range& a, const LineExtent::Range& b) 
 }  // namespace
 
 double Spacing::NsPerByte() const {
-  if (settings_.ns_per_byte) return *settings_.ns_per_byte;
-  if (elapsed_bytes_ == 0) return 0;
+  if (settings_.ns_per_byte) {
+    return *settings_.ns_per_byte;
+  }
+  if (elapsed_bytes_ == 0) {
+    return 0;
+  }
   return static_cast<double>(elapsed_ns_) / static_cast<double>(elapsed_bytes_);
 }
 
@@ -25,7 +29,9 @@ void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
     started_ = true;
     grid_.Add(0, time_ns);
   } else {
-    if (time_ns < last_ns_) ++time_reversals_;
+    if (time_ns < last_ns_) {
+      ++time_reversals_;
+    }
     const std::int64_t gap = std::max<std::int64_t>(0, time_ns - last_ns_);
     elapsed_ns_ += gap;
     elapsed_bytes_ += last_bytes_;
@@ -49,7 +55,9 @@ void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
 }
 
 void Spacing::EndBurst() {
-  if (burst_length_ > 1) burst_lengths_.Add(burst_length_);
+  if (burst_length_ > 1) {
+    burst_lengths_.Add(burst_length_);
+  }
   burst_length_ = 1;
 }
 

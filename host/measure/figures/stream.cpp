@@ -7,13 +7,17 @@ namespace {
 
 SpacingSettings SpacingOf(const MeasurementSettings& settings) {
   SpacingSettings spacing;
-  if (settings.expected_rate) spacing.ns_per_byte = 8e9 / *settings.expected_rate;
+  if (settings.expected_rate) {
+    spacing.ns_per_byte = 8e9 / *settings.expected_rate;
+  }
   spacing.clump_gap_ns = settings.clump_gap_ns;
   return spacing;
 }
 
 std::optional<double> BytesPerNs(const std::optional<double>& bit_rate) {
-  if (!bit_rate) return std::nullopt;
+  if (!bit_rate) {
+    return std::nullopt;
+  }
   return *bit_rate / 8e9;
 }
 
@@ -44,7 +48,9 @@ PayloadCompare::Order OrderOf(const SequenceResult& sequence) {
 }  // namespace
 
 void ChecksumCounters::Count(const DecodedFrame& frame) {
-  if (frame.bad_ip_checksum) ++bad_ip;
+  if (frame.bad_ip_checksum) {
+    ++bad_ip;
+  }
   switch (frame.udp_checksum) {
     case UdpChecksum::kGood:
       break;
@@ -62,10 +68,18 @@ void ChecksumCounters::Count(const DecodedFrame& frame) {
 
 Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history)
     : id_(id), spacing_(SpacingOf(settings)), mdi_(BytesPerNs(settings.media_rate)) {
-  if (id.ssrc) rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate);
-  if (settings.analyse_ts) ts_ = std::make_unique<TsAnalysis>();
-  if (settings.expected != nullptr) compare_ = std::make_unique<PayloadCompare>(settings.expected);
-  if (keep_history) history_ = std::make_unique<StreamHistory>();
+  if (id.ssrc) {
+    rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate);
+  }
+  if (settings.analyse_ts) {
+    ts_ = std::make_unique<TsAnalysis>();
+  }
+  if (settings.expected != nullptr) {
+    compare_ = std::make_unique<PayloadCompare>(settings.expected);
+  }
+  if (keep_history) {
+    history_ = std::make_unique<StreamHistory>();
+  }
 }
 
 void Stream::Add(const Arrival& arrival) {
@@ -103,7 +117,9 @@ SequenceResult Stream::AddRtp(const RtpHeader& rtp, std::int64_t time_ns) {
 void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns, bool complete,
                       const SequenceResult& sequence) {
   // Part of a payload would look like damage.
-  if (!complete) return;
+  if (!complete) {
+    return;
+  }
   if (ts_ != nullptr) {
     ts_->Add(media, time_ns, !IsInPlace(sequence));
     if (history_ != nullptr) {
@@ -125,7 +141,9 @@ void Stream::AddMdi(std::int64_t time_ns, std::uint32_t media_bytes,
   if (ts_ != nullptr && ts_->Framer().IsSynced()) {
     lost *= std::max<std::uint64_t>(1, media_bytes / ts_->Framer().PacketLength());
     const std::uint64_t missing = ts_->Counters().missing_packets;
-    if (rtp_ == nullptr) lost = missing - missing_ts_packets_;
+    if (rtp_ == nullptr) {
+      lost = missing - missing_ts_packets_;
+    }
     missing_ts_packets_ = missing;
   }
   KeepMdi(mdi_.Add(time_ns, media_bytes, lost));
@@ -140,7 +158,9 @@ void Stream::KeepMdi(const std::optional<MediaDeliveryIndex::Interval>& ended) {
 void Stream::Finish() {
   spacing_.EndBurst();
   KeepMdi(mdi_.Finish());
-  if (ts_ != nullptr) ts_->Finish();
+  if (ts_ != nullptr) {
+    ts_->Finish();
+  }
 }
 
 }  // namespace ipplay::measure

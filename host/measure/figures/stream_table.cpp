@@ -13,9 +13,13 @@ enum class Evidence { kRtp, kPlain, kUnclear };
 bool LooksLikeTs(std::span<const std::uint8_t> bytes) {
   constexpr struct { std::size_t stride, sync_at; } kFormats[] = {{188, 0}, {192, 4}, {204, 0}};
   return std::ranges::any_of(kFormats, [&](const auto& format) {
-    if (bytes.empty() || bytes.size() % format.stride != 0) return false;
+    if (bytes.empty() || bytes.size() % format.stride != 0) {
+      return false;
+    }
     for (std::size_t at = format.sync_at; at < bytes.size(); at += format.stride) {
-      if (bytes[at] != kTsSyncByte) return false;
+      if (bytes[at] != kTsSyncByte) {
+        return false;
+      }
     }
     return true;
   });
@@ -27,8 +31,12 @@ bool MayBeRtp(const std::optional<RtpHeader>& rtp) {
 }
 
 Evidence Judge(const DecodedFrame& frame, const std::optional<RtpHeader>& rtp) {
-  if (!MayBeRtp(rtp) || LooksLikeTs(frame.payload)) return Evidence::kPlain;
-  if (LooksLikeTs(frame.payload.subspan(rtp->header_length))) return Evidence::kRtp;
+  if (!MayBeRtp(rtp) || LooksLikeTs(frame.payload)) {
+    return Evidence::kPlain;
+  }
+  if (LooksLikeTs(frame.payload.subspan(rtp->header_length))) {
+    return Evidence::kRtp;
+  }
   return Evidence::kUnclear;
 }
 
@@ -58,12 +66,20 @@ void StreamTable::Add(std::int64_t time_ns, std::uint32_t frame_bytes, const Dec
 
 StreamTable::Flow* StreamTable::FlowOf(const FlowKey& key) {
   const auto found = flows_.find(key);
-  if (found != flows_.end()) return &found->second;
-  if (flows_.size() >= settings_.max_streams) return nullptr;
+  if (found != flows_.end()) {
+    return &found->second;
+  }
+  if (flows_.size() >= settings_.max_streams) {
+    return nullptr;
+  }
   Flow& flow = flows_[key];
   flow.number = static_cast<std::uint32_t>(flows_.size());
-  if (settings_.rtp == RtpMode::kAlways) flow.kind = FlowKind::kRtp;
-  if (settings_.rtp == RtpMode::kNever) flow.kind = FlowKind::kPlain;
+  if (settings_.rtp == RtpMode::kAlways) {
+    flow.kind = FlowKind::kRtp;
+  }
+  if (settings_.rtp == RtpMode::kNever) {
+    flow.kind = FlowKind::kPlain;
+  }
   return &flow;
 }
 
@@ -111,21 +127,33 @@ void StreamTable::Deliver(Flow& flow, std::int64_t time_ns, std::uint32_t frame_
 }
 
 Stream* StreamTable::StreamOf(Flow& flow, const FlowKey& key, std::optional<std::uint32_t> ssrc) {
-  if (flow.last != nullptr && flow.last->Id().ssrc == ssrc) return flow.last;
-  if (!ssrc) return flow.last = NewStream({key, ssrc});
+  if (flow.last != nullptr && flow.last->Id().ssrc == ssrc) {
+    return flow.last;
+  }
+  if (!ssrc) {
+    return flow.last = NewStream({key, ssrc});
+  }
 
   const std::uint64_t id = (std::uint64_t{flow.number} << 32) | *ssrc;
   const auto found = rtp_streams_.find(id);
-  if (found != rtp_streams_.end()) return flow.last = found->second;
-  if (flow.has_ssrc) ++ssrc_changes_;
+  if (found != rtp_streams_.end()) {
+    return flow.last = found->second;
+  }
+  if (flow.has_ssrc) {
+    ++ssrc_changes_;
+  }
   flow.has_ssrc = true;
   Stream* stream = NewStream({key, ssrc});
-  if (stream != nullptr) rtp_streams_[id] = flow.last = stream;
+  if (stream != nullptr) {
+    rtp_streams_[id] = flow.last = stream;
+  }
   return stream;
 }
 
 Stream* StreamTable::NewStream(const StreamId& id) {
-  if (streams_.size() >= settings_.max_streams) return nullptr;
+  if (streams_.size() >= settings_.max_streams) {
+    return nullptr;
+  }
   const bool keep_history = streams_.size() < settings_.plotted_streams;
   streams_.push_back(std::make_unique<Stream>(id, settings_, keep_history));
   return streams_.back().get();
@@ -133,9 +161,13 @@ Stream* StreamTable::NewStream(const StreamId& id) {
 
 void StreamTable::Finish() {
   for (auto& [key, flow] : flows_) {
-    if (flow.held != nullptr) Settle(flow, FlowKind::kRtp);
+    if (flow.held != nullptr) {
+      Settle(flow, FlowKind::kRtp);
+    }
   }
-  for (const auto& stream : streams_) stream->Finish();
+  for (const auto& stream : streams_) {
+    stream->Finish();
+  }
 }
 
 }  // namespace ipplay::measure

@@ -22,9 +22,13 @@ class TimeSeries {
       start_ns_ = time_ns;
       points_.emplace_back();
     }
-    while (IndexOf(time_ns) >= kMaxPoints) Halve();
+    while (IndexOf(time_ns) >= kMaxPoints) {
+      Halve();
+    }
     const std::size_t index = IndexOf(time_ns);
-    if (index >= points_.size()) points_.resize(index + 1);
+    if (index >= points_.size()) {
+      points_.resize(index + 1);
+    }
     return index + 1 < points_.size() ? points_.back() : points_[index];
   }
 
@@ -42,7 +46,9 @@ class TimeSeries {
   void Halve() {
     for (std::size_t i = 0; i < points_.size(); i += 2) {
       Value merged = points_[i];
-      if (i + 1 < points_.size()) merged.Merge(points_[i + 1]);
+      if (i + 1 < points_.size()) {
+        merged.Merge(points_[i + 1]);
+      }
       points_[i / 2] = merged;
     }
     points_.resize((points_.size() + 1) / 2);

@@ -54,7 +54,9 @@ std::uint64_t PcrOf(TsPacket packet) {
 }
 
 std::span<const std::uint8_t> PayloadOf(TsPacket packet) {
-  if (!HasPayload(packet)) return {};
+  if (!HasPayload(packet)) {
+    return {};
+  }
   const std::size_t start = HasAdaptation(packet) ? std::size_t{5} + packet[4] : 4;
   return start < packet.size() ? packet.subspan(start) : std::span<const std::uint8_t>{};
 }
@@ -74,13 +76,17 @@ TsAnalysis::TsAnalysis() {
 
 void TsAnalysis::Add(std::span<const std::uint8_t> payload, std::int64_t arrival_ns,
                      bool after_gap) {
-  if (framer_.HasGivenUp()) return;
+  if (framer_.HasGivenUp()) {
+    return;
+  }
   if (!started_) {
     started_ = true;
     first_ns_ = pat_ns_ = arrival_ns;
   }
   last_ns_ = arrival_ns;
-  if (after_gap) ++epoch_;
+  if (after_gap) {
+    ++epoch_;
+  }
   const std::uint64_t start = byte_index_;
   framer_.Push(payload, [&](TsPacket packet, std::ptrdiff_t offset) {
     // Unsigned, so that a packet that began in an earlier datagram lies before this one's start.
@@ -102,12 +108,18 @@ void TsAnalysis::AddPacket(TsPacket packet, const Place& place) {
     return;
   }
   PidState* state = StateOf(pid);
-  if (state == nullptr) return;
+  if (state == nullptr) {
+    return;
+  }
   ++state->packets;
   const bool discontinuity = IsDiscontinuous(packet);
   CheckContinuity(*state, packet, discontinuity);
-  if (HasPcr(packet)) AddPcr(*state, packet, place, discontinuity);
-  if (IsScrambled(packet)) ++counters_.scrambled_packets;
+  if (HasPcr(packet)) {
+    AddPcr(*state, packet, place, discontinuity);
+  }
+  if (IsScrambled(packet)) {
+    ++counters_.scrambled_packets;
+  }
   if (StartsUnit(packet)) {
     if (!IsScrambled(packet)) {
       AddPayload(*state, PayloadOf(packet), place.arrival_ns);
@@ -119,7 +131,9 @@ void TsAnalysis::AddPacket(TsPacket packet, const Place& place) {
 
 TsAnalysis::PidState* TsAnalysis::StateOf(std::uint16_t pid) {
   if (index_[pid] == 0) {
-    if (pids_.size() == kMaxPids) return nullptr;
+    if (pids_.size() == kMaxPids) {
+      return nullptr;
+    }
     pids_.emplace_back(pid);
     index_[pid] = static_cast<std::uint8_t>(pids_.size());
   }
@@ -149,7 +163,9 @@ void TsAnalysis::CheckContinuity(PidState& state, TsPacket packet, bool disconti
 void TsAnalysis::AddPcr(PidState& state, TsPacket packet, const Place& place, bool discontinuity) {
   if (state.pcr == nullptr) {
     state.pcr = std::make_unique<PcrTracker>();
-    if (!has_reference_) reference_pid_ = state.pid;
+    if (!has_reference_) {
+      reference_pid_ = state.pid;
+    }
     has_reference_ = true;
   }
   const double offset = state.pcr->Add({.pcr = PcrOf(packet),
@@ -158,7 +174,9 @@ void TsAnalysis::AddPcr(PidState& state, TsPacket packet, const Place& place, bo
                                         .byte_offset = place.byte_offset,
                                         .discontinuity = discontinuity,
                                         .epoch = epoch_});
-  if (state.pid == reference_pid_) pcr_offset_ = PcrOffset{place.arrival_ns, offset};
+  if (state.pid == reference_pid_) {
+    pcr_offset_ = PcrOffset{place.arrival_ns, offset};
+  }
 }
 
 void TsAnalysis::AddPayload(PidState& state, std::span<const std::uint8_t> payload,
@@ -176,37 +194,53 @@ void TsAnalysis::AddPayload(PidState& state, std::span<const std::uint8_t> paylo
 void TsAnalysis::AddSection(PidState& state, std::span<const std::uint8_t> payload,
                             std::int64_t arrival_ns) {
   const auto section = FirstSection(payload);
-  if (!section) return;
+  if (!section) {
+    return;
+  }
   const bool is_pat = state.pid == kPatPid;
   if (!section->bytes.empty() && MpegCrc32(section->bytes) != 0) {
     ++counters_.crc_errors;
     return;
   }
-  if (is_pat && section->table_id != kTablePat) ++counters_.pat_errors;
-  if (section->table_id != (is_pat ? kTablePat : kTablePmt)) return;
+  if (is_pat && section->table_id != kTablePat) {
+    ++counters_.pat_errors;
+  }
+  if (section->table_id != (is_pat ? kTablePat : kTablePmt)) {
+    return;
+  }
 
   std::int64_t& last_ns = is_pat ? pat_ns_ : state.table_ns;
   if (arrival_ns - last_ns > kLongestTableIntervalNs) {
     ++(is_pat ? counters_.pat_errors : counters_.pmt_errors);
   }
   last_ns = arrival_ns;
-  if (is_pat) MarkProgramMaps(section->bytes, arrival_ns);
+  if (is_pat) {
+    MarkProgramMaps(section->bytes, arrival_ns);
+  }
 }
 
 void TsAnalysis::MarkProgramMaps(std::span<const std::uint8_t> section, std::int64_t arrival_ns) {
   for (const std::uint16_t pid : ProgramMapPids(section)) {
     PidState* state = StateOf(pid);
-    if (state == nullptr || state->is_pmt) continue;
+    if (state == nullptr || state->is_pmt) {
+      continue;
+    }
     state->is_pmt = true;
     state->table_ns = arrival_ns;
   }
 }
 
 void TsAnalysis::Finish() {
-  if (!IsTransportStream()) return;
-  if (last_ns_ - pat_ns_ > kLongestTableIntervalNs) ++counters_.pat_errors;
+  if (!IsTransportStream()) {
+    return;
+  }
+  if (last_ns_ - pat_ns_ > kLongestTableIntervalNs) {
+    ++counters_.pat_errors;
+  }
   for (const PidState& state : pids_) {
-    if (state.is_pmt && last_ns_ - state.table_ns > kLongestTableIntervalNs) ++counters_.pmt_errors;
+    if (state.is_pmt && last_ns_ - state.table_ns > kLongestTableIntervalNs) {
+      ++counters_.pmt_errors;
+    }
   }
 }
 

@@ -15,7 +15,9 @@ constexpr std::size_t kLongestStride = 204;
 bool HasSyncBytes(std::span<const std::uint8_t> bytes, std::size_t start, const Format& format) {
   for (std::size_t i = 0; i < TsFramer::kPacketsToSync; ++i) {
     const std::size_t at = start + i * format.stride + format.sync_at;
-    if (at >= bytes.size() || bytes[at] != kTsSyncByte) return false;
+    if (at >= bytes.size() || bytes[at] != kTsSyncByte) {
+      return false;
+    }
   }
   return true;
 }
@@ -39,7 +41,9 @@ bool TsFramer::CheckSync(std::uint8_t byte) {
 bool TsFramer::FindSync() {
   for (std::size_t start = 0; start < kept_.size(); ++start) {
     for (const Format& format : kFormats) {
-      if (!HasSyncBytes(kept_, start, format)) continue;
+      if (!HasSyncBytes(kept_, start, format)) {
+        continue;
+      }
       stride_ = format.stride;
       sync_at_ = format.sync_at;
       ever_synced_ = true;

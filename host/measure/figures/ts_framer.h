@@ -75,19 +75,25 @@ std::size_t TsFramer::TakePackets(std::span<const std::uint8_t> bytes, std::ptrd
 
 template <typename OnPacket>
 void TsFramer::Push(std::span<const std::uint8_t> payload, OnPacket&& on_packet) {
-  if (HasGivenUp()) return;
+  if (HasGivenUp()) {
+    return;
+  }
   // Almost always nothing is kept, and the packets are taken where they lie.
   std::size_t used = 0;
   if (IsSynced() && kept_.empty()) {
     used = TakePackets(payload, 0, on_packet);
-    if (used == payload.size()) return;
+    if (used == payload.size()) {
+      return;
+    }
   }
   std::ptrdiff_t offset =
       static_cast<std::ptrdiff_t>(used) - static_cast<std::ptrdiff_t>(kept_.size());
   kept_.insert(kept_.end(), payload.begin() + static_cast<std::ptrdiff_t>(used), payload.end());
   const std::size_t before = kept_.size();
   if (!IsSynced()) {
-    if (!FindSync()) return;
+    if (!FindSync()) {
+      return;
+    }
     offset += static_cast<std::ptrdiff_t>(before - kept_.size());
   }
   const std::size_t taken = TakePackets(kept_, offset, on_packet);

@@ -25,10 +25,16 @@ class Scale {
       high_ = std::log10(high) + kLogMargin;
       return;
     }
-    if (kind != AxisKind::kRound) low = std::min(low, 0.0);
-    if (high <= low) high = low + 1;
+    if (kind != AxisKind::kRound) {
+      low = std::min(low, 0.0);
+    }
+    if (high <= low) {
+      high = low + 1;
+    }
     step_ = NiceStep((high - low) / kTicksWanted);
-    if (kind == AxisKind::kCounts) step_ = std::max(1.0, step_);
+    if (kind == AxisKind::kCounts) {
+      step_ = std::max(1.0, step_);
+    }
     low_ = std::floor(low / step_) * step_;
     high_ = kind == AxisKind::kTight ? high : std::ceil(high / step_) * step_;
   }
@@ -46,15 +52,18 @@ class Scale {
   static double NiceStep(double step) {
     const double decade = std::pow(10, std::floor(std::log10(step)));
     for (const double factor : {1.0, 2.0, 5.0}) {
-      if (step <= factor * decade) return factor * decade;
+      if (step <= factor * decade) {
+        return factor * decade;
+      }
     }
     return 10 * decade;
   }
 
   std::vector<double> LinearTicks() const {
     std::vector<double> ticks;
-    for (int i = 0; low_ + i * step_ <= high_ + step_ / 1000; ++i)
+    for (int i = 0; low_ + i * step_ <= high_ + step_ / 1000; ++i) {
       ticks.push_back(low_ + i * step_);
+    }
     return ticks;
   }
 
@@ -65,9 +74,13 @@ class Scale {
     const int step = std::max(1, static_cast<int>(decades / 8));
     for (int decade = static_cast<int>(std::floor(low_)); decade <= high_; decade += step) {
       for (const double factor : {1.0, 2.0, 5.0}) {
-        if (factor > 1 && decades > 2.5) break;
+        if (factor > 1 && decades > 2.5) {
+          break;
+        }
         const double log = decade + std::log10(factor);
-        if (log >= low_ && log <= high_) ticks.push_back(factor * std::pow(10, decade));
+        if (log >= low_ && log <= high_) {
+          ticks.push_back(factor * std::pow(10, decade));
+        }
       }
     }
     return ticks;
@@ -84,12 +97,16 @@ Scale ScaleOf(const Chart& chart, double ChartPoint::*coordinate, const ChartAxi
   double high = -low;
   for (const ChartSeries& series : chart.series) {
     for (const ChartPoint& point : series.points) {
-      if (axis.kind == AxisKind::kLogarithmic && point.*coordinate <= 0) continue;
+      if (axis.kind == AxisKind::kLogarithmic && point.*coordinate <= 0) {
+        continue;
+      }
       low = std::min(low, point.*coordinate);
       high = std::max(high, point.*coordinate);
     }
   }
-  if (high < low) low = high = 1;
+  if (high < low) {
+    low = high = 1;
+  }
   return Scale(low, high, axis.kind);
 }
 
@@ -118,7 +135,9 @@ class Plot {
       fmt::format_to(out_, "M{:.1f} 0V{}", X(tick), kHeight);
     }
     fmt::format_to(out_, "\"/>");
-    for (std::size_t i = 0; i < chart_.series.size(); ++i) WriteSeries(chart_.series[i], i + 1);
+    for (std::size_t i = 0; i < chart_.series.size(); ++i) {
+      WriteSeries(chart_.series[i], i + 1);
+    }
     fmt::format_to(out_, "</svg><div class=\"xs\">");
     for (const double tick : x_.Ticks()) {
       fmt::format_to(out_, "<span style=\"left:{:.2f}%\">{}</span>", x_.Share(tick) * 100,
@@ -132,7 +151,9 @@ class Plot {
   double Y(double value) const { return kHeight - y_.Share(value) * kHeight; }
 
   void WriteSeries(const ChartSeries& series, std::size_t number) {
-    if (series.points.empty()) return;
+    if (series.points.empty()) {
+      return;
+    }
     const bool filled = series.style != SeriesStyle::kLine;
     fmt::format_to(out_, "<path class=\"{}{}\" d=\"", filled ? "f" : "l", number);
     switch (series.style) {
@@ -156,13 +177,16 @@ class Plot {
       command = 'L';
     }
     // A single point shows as a dot of a round line end.
-    if (series.points.size() == 1) fmt::format_to(out_, "h0.1");
+    if (series.points.size() == 1) {
+      fmt::format_to(out_, "h0.1");
+    }
   }
 
   void WriteSteps(const ChartSeries& series) {
     fmt::format_to(out_, "M{:.1f} {}", X(series.points.front().x), kHeight);
-    for (const ChartPoint& p : series.points)
+    for (const ChartPoint& p : series.points) {
       fmt::format_to(out_, "H{:.1f}V{:.1f}", X(p.x), Y(p.y));
+    }
     fmt::format_to(out_, "V{}Z", kHeight);
   }
 

@@ -23,7 +23,9 @@ Json ToJson(const RateFigures& rate) {
             {"frames_per_second", rate.frames_per_second},
             {"frame_rate_bps", rate.frame_bit_rate},
             {"payload_rate_bps", rate.payload_bit_rate}};
-  if (rate.error_ppm) json["error_ppm"] = *rate.error_ppm;
+  if (rate.error_ppm) {
+    json["error_ppm"] = *rate.error_ppm;
+  }
   return json;
 }
 
@@ -97,14 +99,18 @@ Json ToJson(const TsFigures& ts) {
             {"crc_errors", counters.crc_errors},
             {"pts_errors", counters.pts_errors},
             {"scrambled_packets", counters.scrambled_packets}};
-  if (ts.reference_pid) json["reference_pcr_pid"] = *ts.reference_pid;
+  if (ts.reference_pid) {
+    json["reference_pcr_pid"] = *ts.reference_pid;
+  }
   Json& pids = json["pids"] = Json::array();
   for (const PidSummary& pid : ts.pids) {
     Json entry{{"pid", pid.pid},
                {"packets", pid.packets},
                {"rate_bps", pid.bit_rate},
                {"continuity_errors", pid.continuity_errors}};
-    if (pid.pcr) entry["pcr"] = ToJson(*pid.pcr);
+    if (pid.pcr) {
+      entry["pcr"] = ToJson(*pid.pcr);
+    }
     pids.push_back(std::move(entry));
   }
   return json;
@@ -127,15 +133,25 @@ Json ToJson(const CompareFigures& compare) {
 
 Json ToJson(const StreamSummary& stream) {
   Json json{{"source", stream.source}, {"destination", stream.destination}};
-  if (!stream.vlan.empty()) json["vlan"] = stream.vlan;
-  if (stream.ssrc) json["ssrc"] = *stream.ssrc;
+  if (!stream.vlan.empty()) {
+    json["vlan"] = stream.vlan;
+  }
+  if (stream.ssrc) {
+    json["ssrc"] = *stream.ssrc;
+  }
   json["rate"] = ToJson(stream.rate);
   json["spacing"] = ToJson(stream.spacing);
   json["checksums"] = ToJson(stream.checksums);
   json["mdi"] = ToJson(stream.mdi);
-  if (stream.rtp) json["rtp"] = ToJson(*stream.rtp);
-  if (stream.ts) json["ts"] = ToJson(*stream.ts);
-  if (stream.compare) json["compare"] = ToJson(*stream.compare);
+  if (stream.rtp) {
+    json["rtp"] = ToJson(*stream.rtp);
+  }
+  if (stream.ts) {
+    json["ts"] = ToJson(*stream.ts);
+  }
+  if (stream.compare) {
+    json["compare"] = ToJson(*stream.compare);
+  }
   return json;
 }
 
@@ -173,7 +189,9 @@ Json ToJson(const TotalSummary& total) {
 std::string JsonText(const Summary& summary, std::span<const Verdict> verdicts) {
   Json json{{"capture", ToJson(summary.capture)}, {"total", ToJson(summary.total)}};
   Json& streams = json["streams"] = Json::array();
-  for (const StreamSummary& stream : summary.streams) streams.push_back(ToJson(stream));
+  for (const StreamSummary& stream : summary.streams) {
+    streams.push_back(ToJson(stream));
+  }
   Json& judged = json["verdicts"] = Json::array();
   for (const Verdict& verdict : verdicts) {
     judged.push_back({{"name", verdict.name},

@@ -19,7 +19,9 @@ Value Worst(const Summary& summary, OfStream of_stream) {
   Value worst;
   for (const StreamSummary& stream : summary.streams) {
     const Value value = of_stream(stream);
-    if (value && (!worst || *value > *worst)) worst = value;
+    if (value && (!worst || *value > *worst)) {
+      worst = value;
+    }
   }
   return worst;
 }
@@ -126,7 +128,9 @@ constexpr LimitKind kKinds[] = {
 std::optional<double> ParseCount(const std::string& text) {
   std::uint64_t count = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (error != std::errc() || end != text.data() + text.size()) {
+    return std::nullopt;
+  }
   return static_cast<double>(count);
 }
 
@@ -151,7 +155,9 @@ Verdict JudgeLimit(const Summary& summary, const Limit& limit) {
   Verdict verdict{limit.kind->option, {}, "not measurable", false};
   verdict.limit = limit.is_percent ? PercentText(limit.value) : Text(limit.kind->unit, limit.value);
   Value measured = limit.kind->measured(summary);
-  if (!measured) return verdict;
+  if (!measured) {
+    return verdict;
+  }
   if (limit.is_percent) {
     const double all = static_cast<double>(summary.total.rate.frames) + *measured;
     measured = all > 0 ? *measured / all * 100 : 0;
@@ -177,7 +183,9 @@ std::optional<Limit> ParseLimit(const LimitKind& kind, const std::string& text) 
   std::optional<double> value;
   switch (kind.unit) {
     case LimitUnit::kDuration:
-      if (const auto duration = ParseDuration(text)) value = static_cast<double>(duration->count());
+      if (const auto duration = ParseDuration(text)) {
+        value = static_cast<double>(duration->count());
+      }
       break;
     case LimitUnit::kPpm:
       value = ParsePpm(text);
@@ -185,13 +193,17 @@ std::optional<Limit> ParseLimit(const LimitKind& kind, const std::string& text) 
     case LimitUnit::kCountOrPercent:
       value = ParsePercent(text);
       limit.is_percent = value.has_value();
-      if (!value) value = ParseCount(text);
+      if (!value) {
+        value = ParseCount(text);
+      }
       break;
     case LimitUnit::kCount:
       value = ParseCount(text);
       break;
   }
-  if (!value || *value < 0) return std::nullopt;
+  if (!value || *value < 0) {
+    return std::nullopt;
+  }
   limit.value = *value;
   return limit;
 }
@@ -210,7 +222,9 @@ std::vector<Verdict> Judge(const Summary& summary, const Requirements& requireme
     verdicts.push_back({"capture drops", "0", FormatCount(drops.by_kernel + drops.by_adapter),
                         !summary.capture.IsSpoiled()});
   }
-  for (const Limit& limit : requirements.limits) verdicts.push_back(JudgeLimit(summary, limit));
+  for (const Limit& limit : requirements.limits) {
+    verdicts.push_back(JudgeLimit(summary, limit));
+  }
   if (requirements.content_equal) {
     std::uint64_t equal = 0;
     std::uint64_t skipped = 0;

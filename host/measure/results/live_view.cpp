@@ -15,9 +15,15 @@ namespace {
 
 winsize ScreenSize() {
   winsize size{};
-  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) size = {};
-  if (size.ws_col == 0) size.ws_col = 80;
-  if (size.ws_row == 0) size.ws_row = 24;
+  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) {
+    size = {};
+  }
+  if (size.ws_col == 0) {
+    size.ws_col = 80;
+  }
+  if (size.ws_row == 0) {
+    size.ws_row = 24;
+  }
   return size;
 }
 
@@ -45,9 +51,13 @@ std::size_t LiveView::Rows() const {
 }
 
 void LiveView::Draw(const std::string& text) {
-  if (!shown_) return;
+  if (!shown_) {
+    return;
+  }
   // Back to the first line drawn, and clear from there on.
-  if (drawn_lines_ > 0) Print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
+  if (drawn_lines_ > 0) {
+    Print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
+  }
   const std::string cut = CutLines(text, Columns());
   Print(stderr, "{}", cut);
   std::fflush(stderr);

@@ -51,7 +51,9 @@ void WriteRate(Out out, const RateFigures& rate) {
 }
 
 void WriteSpacing(Out out, const SpacingFigures& spacing) {
-  if (spacing.gap.count == 0) return;
+  if (spacing.gap.count == 0) {
+    return;
+  }
   Line(out, "spacing",
        fmt::format(
            "one every {} on average; 99 of 100 within {} of the ideal gap, the worst {} off",
@@ -90,7 +92,9 @@ void WriteStreamContent(Out out, const StreamSummary& stream) {
 std::string PlainWords(const Summary& summary, std::span<const Verdict> verdicts) {
   std::string text;
   const Out out = std::back_inserter(text);
-  if (summary.streams.empty()) fmt::format_to(out, "Nothing arrived.\n");
+  if (summary.streams.empty()) {
+    fmt::format_to(out, "Nothing arrived.\n");
+  }
   for (const StreamSummary& stream : summary.streams) {
     fmt::format_to(out, "What arrived from {} at {}{}\n", stream.source, stream.destination,
                    stream.rtp ? " as RTP" : "");
@@ -100,7 +104,9 @@ std::string PlainWords(const Summary& summary, std::span<const Verdict> verdicts
     WriteStreamContent(out, stream);
   }
   for (const Verdict& verdict : verdicts) {
-    if (verdict.met) continue;
+    if (verdict.met) {
+      continue;
+    }
     fmt::format_to(out, "Not met: {} {}, measured: {}\n", verdict.name, verdict.limit,
                    verdict.measured);
   }

@@ -15,7 +15,9 @@ namespace {
 constexpr double kBarsWanted = 120;
 
 std::string TimeText(double ns) {
-  if (std::abs(ns) < 0.5) return "0";
+  if (std::abs(ns) < 0.5) {
+    return "0";
+  }
   return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
 }
 std::string SecondsText(double seconds) {
@@ -45,7 +47,9 @@ Chart RateOverTime(const TimeSeries<ArrivalPoint>& arrivals) {
   ChartSeries rate{"rate", SeriesStyle::kLine, {}};
   ForEachPoint(arrivals, [&](double at, const ArrivalPoint& point) {
     // Bits over the gaps before their frames: the interval's own length would alias with the gap.
-    if (point.gap_sum_ns == 0) return;
+    if (point.gap_sum_ns == 0) {
+      return;
+    }
     // The very first frame has no gap before it.
     const double share = rate.points.empty() ? 1 - 1 / static_cast<double>(point.frames) : 1;
     rate.points.push_back({at, share * static_cast<double>(point.bytes) * 8e9 /
@@ -65,7 +69,9 @@ Chart GapsOverTime(const TimeSeries<ArrivalPoint>& arrivals) {
   ChartSeries mean{"mean", SeriesStyle::kLine, {}};
   ChartSeries longest{"longest", SeriesStyle::kLine, {}};
   ForEachPoint(arrivals, [&](double at, const ArrivalPoint& point) {
-    if (point.frames == 0) return;
+    if (point.frames == 0) {
+      return;
+    }
     mean.points.push_back(
         {at, static_cast<double>(point.gap_sum_ns) / static_cast<double>(point.frames)});
     longest.points.push_back({at, static_cast<double>(point.gap_max_ns)});
@@ -84,7 +90,9 @@ Chart GapHistogram(const Spacing& spacing) {
   const double octaves = std::log2((static_cast<double>(spacing.Gaps().Max()) + 1) /
                                    (static_cast<double>(spacing.Gaps().Min()) + 1));
   double per_octave = static_cast<double>(Histogram::kSubBuckets);
-  while (per_octave > 8 && per_octave * octaves > kBarsWanted) per_octave /= 2;
+  while (per_octave > 8 && per_octave * octaves > kBarsWanted) {
+    per_octave /= 2;
+  }
   double bar = 0;
   for (const Histogram::Bucket& bucket : spacing.Gaps().Buckets()) {
     const double middle =
@@ -142,14 +150,20 @@ Chart PcrJitter(const TimeSeries<PcrPoint>& pcr, double offset_ppm) {
               {}};
   ChartSeries band{"arrival", SeriesStyle::kBand, {}};
   ForEachPoint(pcr, [&](double at, const PcrPoint& point) {
-    if (!point.any) return;
+    if (!point.any) {
+      return;
+    }
     const double drift = at * offset_ppm * 1e3;
     band.points.push_back({at, point.low_ns - drift});
     band.points.push_back({at, point.high_ns - drift});
   });
   double lowest = band.points.empty() ? 0 : band.points.front().y;
-  for (const ChartPoint& point : band.points) lowest = std::min(lowest, point.y);
-  for (ChartPoint& point : band.points) point.y -= lowest;
+  for (const ChartPoint& point : band.points) {
+    lowest = std::min(lowest, point.y);
+  }
+  for (ChartPoint& point : band.points) {
+    point.y -= lowest;
+  }
   chart.series.push_back(std::move(band));
   return chart;
 }
@@ -166,7 +180,9 @@ std::vector<Chart> StreamCharts(const Stream& stream) {
                             RateOverTime(history.arrivals), MdiOverTime(history.mdi),
                             LossOverTime(history.mdi)};
   const PcrTracker* clock = stream.Ts() != nullptr ? stream.Ts()->ReferenceClock() : nullptr;
-  if (clock != nullptr) charts.push_back(PcrJitter(history.pcr, clock->FrequencyOffsetPpm()));
+  if (clock != nullptr) {
+    charts.push_back(PcrJitter(history.pcr, clock->FrequencyOffsetPpm()));
+  }
   return charts;
 }
 

@@ -54,7 +54,9 @@ void WriteTiles(Out out, const Summary& summary) {
 }
 
 void WriteVerdicts(Out out, std::span<const Verdict> verdicts) {
-  if (verdicts.empty()) return;
+  if (verdicts.empty()) {
+    return;
+  }
   fmt::format_to(out,
                  "<h2>Verdicts</h2>\n<div class=\"scroll\"><table class=\"left\"><tr><th></th>"
                  "<th>requirement</th><th>limit</th><th>measured</th></tr>\n");
@@ -69,8 +71,12 @@ void WriteVerdicts(Out out, std::span<const Verdict> verdicts) {
 
 std::string StreamName(const StreamSummary& stream) {
   std::string name = fmt::format("{} to {}", stream.source, stream.destination);
-  if (!stream.vlan.empty()) name += fmt::format(", VLAN {}", stream.vlan);
-  if (stream.ssrc) name += fmt::format(", SSRC {:08x}", *stream.ssrc);
+  if (!stream.vlan.empty()) {
+    name += fmt::format(", VLAN {}", stream.vlan);
+  }
+  if (stream.ssrc) {
+    name += fmt::format(", SSRC {:08x}", *stream.ssrc);
+  }
   return name;
 }
 
@@ -108,7 +114,9 @@ void WriteStreamTable(Out out, const Summary& summary) {
   }
   fmt::format_to(out, "</tr>\n");
   const std::size_t rows = std::min(summary.streams.size(), kMaxRows);
-  for (std::size_t i = 0; i < rows; ++i) WriteStreamRow(out, summary.streams[i]);
+  for (std::size_t i = 0; i < rows; ++i) {
+    WriteStreamRow(out, summary.streams[i]);
+  }
   fmt::format_to(out, "</table></div>\n");
   if (rows < summary.streams.size()) {
     fmt::format_to(out, "<p>and {} more</p>\n", FormatCount(summary.streams.size() - rows));
@@ -137,7 +145,9 @@ void WritePids(Out out, const TsFigures& ts) {
 
 void WriteCharts(Out out, const std::vector<Chart>& charts) {
   fmt::format_to(out, "<div class=\"charts\">\n");
-  for (const Chart& chart : charts) fmt::format_to(out, "{}", ChartHtml(chart));
+  for (const Chart& chart : charts) {
+    fmt::format_to(out, "{}", ChartHtml(chart));
+  }
   fmt::format_to(out, "</div>\n");
 }
 
@@ -145,7 +155,9 @@ void WritePlottedStream(Out out, const StreamSummary& summary, const Stream& str
   fmt::format_to(out, "<details{}><summary><h2>{}</h2></summary>\n", open ? " open" : "",
                  StreamName(summary));
   WriteCharts(out, StreamCharts(stream));
-  if (summary.ts) WritePids(out, *summary.ts);
+  if (summary.ts) {
+    WritePids(out, *summary.ts);
+  }
   fmt::format_to(out, "</details>\n");
 }
 
@@ -194,7 +206,9 @@ std::string ReportHtml(const ReportSource& source) {
   }
   WriteStreamTable(out, source.summary);
   for (std::size_t i = 0; i < streams.size(); ++i) {
-    if (streams[i]->History() == nullptr) break;
+    if (streams[i]->History() == nullptr) {
+      break;
+    }
     WritePlottedStream(out, source.summary.streams[i], *streams[i], i == 0);
   }
   WriteSettings(out, source);

@@ -91,8 +91,12 @@ TsFigures FiguresOf(const TsAnalysis& ts, double seconds) {
     if (seconds > 0) {
       summary.bit_rate = static_cast<double>(pid.packets * kTsPacketLength * 8) / seconds;
     }
-    if (pid.pcr != nullptr) summary.pcr = FiguresOf(*pid.pcr);
-    if (pid.pcr != nullptr && pid.pcr == ts.ReferenceClock()) figures.reference_pid = pid.pid;
+    if (pid.pcr != nullptr) {
+      summary.pcr = FiguresOf(*pid.pcr);
+    }
+    if (pid.pcr != nullptr && pid.pcr == ts.ReferenceClock()) {
+      figures.reference_pid = pid.pid;
+    }
     figures.pids.push_back(summary);
   }
   return figures;
@@ -113,22 +117,32 @@ void AddUp(const Stream& stream, TotalSummary& total) {
   } else if (stream.Ts() != nullptr) {
     total.lost += stream.Ts()->Counters().missing_packets;
   }
-  if (stream.Ts() != nullptr) total.ts_errors += stream.Ts()->Errors();
-  if (stream.Compare() != nullptr) total.different_datagrams += stream.Compare()->Different();
+  if (stream.Ts() != nullptr) {
+    total.ts_errors += stream.Ts()->Errors();
+  }
+  if (stream.Compare() != nullptr) {
+    total.different_datagrams += stream.Compare()->Different();
+  }
 }
 
 }  // namespace
 
 const PcrFigures* TsFigures::Reference() const {
   for (const PidSummary& pid : pids) {
-    if (reference_pid == pid.pid) return &*pid.pcr;
+    if (reference_pid == pid.pid) {
+      return &*pid.pcr;
+    }
   }
   return nullptr;
 }
 
 std::optional<std::uint64_t> StreamSummary::Lost() const {
-  if (rtp) return rtp->lost;
-  if (ts) return ts->counters.missing_packets;
+  if (rtp) {
+    return rtp->lost;
+  }
+  if (ts) {
+    return ts->counters.missing_packets;
+  }
   return std::nullopt;
 }
 
@@ -156,11 +170,15 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   summary.spacing = FiguresOf(stream.Gaps());
   summary.checksums = stream.Checksums();
   summary.mdi = FiguresOf(stream.Mdi());
-  if (stream.AsRtp() != nullptr) summary.rtp = FiguresOf(*stream.AsRtp());
+  if (stream.AsRtp() != nullptr) {
+    summary.rtp = FiguresOf(*stream.AsRtp());
+  }
   if (stream.Ts() != nullptr && stream.Ts()->IsTransportStream()) {
     summary.ts = FiguresOf(*stream.Ts(), stream.Rate().Seconds());
   }
-  if (stream.Compare() != nullptr) summary.compare = FiguresOf(*stream.Compare());
+  if (stream.Compare() != nullptr) {
+    summary.compare = FiguresOf(*stream.Compare());
+  }
   return summary;
 }
 
@@ -175,7 +193,9 @@ TotalSummary SummarizeTotal(const Measurement& measurement) {
   total.malformed_rtp = streams.MalformedRtp();
   total.untracked_frames = streams.UntrackedFrames();
   total.rate.payload_bytes = 0;
-  for (const auto& stream : streams.Streams()) AddUp(*stream, total);
+  for (const auto& stream : streams.Streams()) {
+    AddUp(*stream, total);
+  }
   if (total.rate.frame_bytes > 0) {
     total.rate.payload_bit_rate = total.rate.frame_bit_rate *
                                   static_cast<double>(total.rate.payload_bytes) /

@@ -27,8 +27,12 @@ const char* Mark(bool spoiled) {
 
 std::string Label(const StreamSummary& stream) {
   std::string label = stream.destination;
-  if (!stream.vlan.empty()) label += fmt::format(" vlan {}", stream.vlan);
-  if (stream.ssrc) label += fmt::format(" {:08x}", *stream.ssrc);
+  if (!stream.vlan.empty()) {
+    label += fmt::format(" vlan {}", stream.vlan);
+  }
+  if (stream.ssrc) {
+    label += fmt::format(" {:08x}", *stream.ssrc);
+  }
   return label;
 }
 
@@ -80,12 +84,16 @@ void WriteStreams(Out out, std::span<const StreamSummary> streams, bool spoiled,
   std::size_t shown = 0;
   for (const Column& column : kColumns) {
     width += column.width + 1;
-    if (width > columns) break;
+    if (width > columns) {
+      break;
+    }
     ++shown;
   }
   const auto used = std::span(kColumns).first(shown);
   fmt::format_to(out, "{:<{}}", "stream", label_width);
-  for (const Column& column : used) fmt::format_to(out, " {:>{}}", column.title, column.width);
+  for (const Column& column : used) {
+    fmt::format_to(out, " {:>{}}", column.title, column.width);
+  }
   *out = '\n';
   for (const StreamSummary& stream : streams) {
     fmt::format_to(out, "{:<{}}", Label(stream), label_width);
@@ -157,11 +165,15 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
   };
   const char* separator = "also: ";
   for (const auto& [name, count] : oddities) {
-    if (count == 0) continue;
+    if (count == 0) {
+      continue;
+    }
     fmt::format_to(out, "{}{} {}", separator, FormatCount(count), name);
     separator = ", ";
   }
-  if (separator[0] == ',') *out = '\n';
+  if (separator[0] == ',') {
+    *out = '\n';
+  }
   if (capture.IsSpoiled()) {
     fmt::format_to(out, "* worse than it was: the capture itself dropped frames\n");
   }
@@ -247,21 +259,31 @@ void WriteDetails(Out out, const StreamSummary& stream) {
   fmt::format_to(out, "  {:<10} {:.2f} frames/s, {} in frames, {} in payload", "rate",
                  rate.frames_per_second, FormatBitRate(rate.frame_bit_rate),
                  FormatBitRate(rate.payload_bit_rate));
-  if (rate.error_ppm) fmt::format_to(out, ", {:+.2f} ppm off the expected rate", *rate.error_ppm);
+  if (rate.error_ppm) {
+    fmt::format_to(out, ", {:+.2f} ppm off the expected rate", *rate.error_ppm);
+  }
   *out = '\n';
   WriteSpacing(out, stream);
-  if (stream.rtp) WriteRtp(out, *stream.rtp);
+  if (stream.rtp) {
+    WriteRtp(out, *stream.rtp);
+  }
   fmt::format_to(out,
                  "  {:<10} delay factor mean {}, max {}; media loss rate mean {:.3g}, max {:.0f} "
                  "packets in a second\n",
                  "MDI", Time(stream.mdi.delay_factor_mean), Time(stream.mdi.delay_factor_max),
                  stream.mdi.loss_rate_mean, stream.mdi.loss_rate_max);
-  if (stream.ts) WriteTs(out, *stream.ts);
-  if (stream.compare) WriteCompare(out, *stream.compare);
+  if (stream.ts) {
+    WriteTs(out, *stream.ts);
+  }
+  if (stream.compare) {
+    WriteCompare(out, *stream.compare);
+  }
 }
 
 void WriteVerdicts(Out out, std::span<const Verdict> verdicts) {
-  if (verdicts.empty()) return;
+  if (verdicts.empty()) {
+    return;
+  }
   *out = '\n';
   for (const Verdict& verdict : verdicts) {
     fmt::format_to(out, "{:<6} {:<22} limit {:<20} measured {}\n", verdict.met ? "met" : "NOT MET",
