@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # Plays a transport stream over RTP from one network namespace to another and shows what arrived.
 # Does all its set-up itself on Debian 12, as root; needs no network card and leaves nothing behind.
 set -euo pipefail

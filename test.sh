@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # Looks the code over, builds it and runs all of its tests, under the sanitizers too.
 # Does all its set-up itself on Debian 12, as root.
 set -euo pipefail

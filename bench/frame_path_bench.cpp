@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the data pump does to one frame of 1,370 bytes: payload out of the ring, headers and
 // checksums of all layers, time stamp and queueing. The adapter below takes everything at no cost.
 #include <benchmark/benchmark.h>
@@ -11,8 +12,8 @@
 #include "payload/data_buffer.h"
 #include "payload/error_insertion_manager.h"
 #include "protocol/internet_checksum.h"
-#include "transmit/parametric_manager.h"
 #include "protocol/replication_manager.h"
+#include "transmit/parametric_manager.h"
 
 namespace ipplayout {
 namespace {

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Compiler settings of our own build. They stay on this target and never reach a user of the package.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)

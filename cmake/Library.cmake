@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The library as hosts see it, its static twin for the tests, and the installed package.
 set(IPPLAYOUT_EXPORTS "${CMAKE_CURRENT_SOURCE_DIR}/cmake/ipplayout.map")
 

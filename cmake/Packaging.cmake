@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Debian packages by CPack: the library, its development files, the tool. `cpack -G DEB` in the
 # build folder makes all three.
 find_program(GZIP gzip REQUIRED)

@@ -1,19 +1,21 @@
+// SPDX-License-Identifier: MIT
 // The exported address functions.
 #include <algorithm>
 #include <cstring>
 #include <exception>
 
 #include "control/library.h"
+#include "devices/address_resolution.h"
 #include "driver/capture_driver.h"
 #include "ipplayout/ipplayout.h"
 #include "platform/host_name.h"
 #include "platform/neighbour.h"
-#include "devices/address_resolution.h"
 
 namespace {
 
 bool Resolve(int ip_version, const std::uint8_t* target, std::uint8_t* mac, int position) {
-  ipplayout::AddressResolver resolver(ipplayout::TheLibrary().parts.devices, ipplayout::PlatformDriver(),
+  ipplayout::AddressResolver resolver(ipplayout::TheLibrary().parts.devices,
+                                      ipplayout::PlatformDriver(),
                                       ipplayout::platform::SystemNeighbours());
   if (ip_version == 1) {
     return resolver.SolicitNeighbour(target, mac, position);

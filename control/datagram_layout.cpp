@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "control/datagram_layout.h"
 
 #include <algorithm>

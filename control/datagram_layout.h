@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How large the datagrams of a playout are, and how many of them make a batch.
 #pragma once
 

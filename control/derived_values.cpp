@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported values that follow from the settings alone.
 #include "control/settings_store.h"
 #include "ipplayout/ipplayout.h"

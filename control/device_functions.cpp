@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported device list.
 #include <exception>
 

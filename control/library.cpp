@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "control/library.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's one object: its long-lived parts and its playout.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported lifecycle. What goes wrong inside reaches the host as a result, never as an
 // exception: only memory can run out here.
 #include <exception>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "control/parts.h"
 
 #include "control/settings_store.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The long-lived objects of the library.
 #pragma once
 
@@ -11,8 +12,8 @@
 
 namespace ipplayout {
 
-// Built when the library is loaded, in this order, and destroyed when it is unloaded. They are wired
-// to each other once, here; what changes from playout to playout is the playout's business.
+// Built when the library is loaded, in this order, and destroyed when it is unloaded. They are
+// wired to each other once, here; what changes from playout to playout is the playout's business.
 struct Parts {
   static constexpr std::uint32_t kDataBufferSize = 64 * 1024 * 1024;
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "control/pipeline.h"
 
 #include <algorithm>

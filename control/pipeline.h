@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The objects of one playout.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "control/playout.h"
 
 #include <chrono>
@@ -119,7 +120,7 @@ bool Playout::LoadManagers() {
   parts_.errors.Configure(settings.error_insertion);
   parts_.replication.StartDatagram();
   parts_.replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
-                                     settings.params.ReplicationCount);
+                                   settings.params.ReplicationCount);
   parts_.replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
   LoadParametricManager(parts_.parametric, settings);
   return true;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The life of a playout: from settings to a running pipeline and back.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Accessors of single settings: one row each, and below the rows those that do more than store.
 #include <cstddef>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Accessors of whole records. The records nest and each begins with its first member, which is why
 // getters of different types may return one address.
 #include <cstring>

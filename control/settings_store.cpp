@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "control/settings_store.h"
 
 namespace ipplayout {

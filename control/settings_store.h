@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The one process-wide set of settings, as the accessors of the interface fill it and a start reads
 // it. It takes no lock: it belongs to the host's control thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported statistics and one-shot error requests.
 #include "control/library.h"
 #include "ipplayout/ipplayout.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "devices/address_resolution.h"
 
 #include <algorithm>
@@ -8,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "devices/neighbour_solicitation.h"
 #include "driver/device_name.h"
 #include "platform/debug_output.h"
-#include "devices/neighbour_solicitation.h"
 
 namespace ipplayout {
 namespace {

@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: MIT
 // Finding the MAC address that frames to an IP address are sent to.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 
+#include "devices/device_list.h"
 #include "driver/capture_driver.h"
 #include "platform/address_text.h"
 #include "platform/neighbour.h"
-#include "devices/device_list.h"
 
 namespace ipplayout {
 

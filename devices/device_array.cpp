@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "devices/device_array.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The device list in the flat form that hosts read.
 #pragma once
 
@@ -5,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "ipplayout/ipplayout.h"
 #include "devices/device_identifier.h"
+#include "ipplayout/ipplayout.h"
 
 namespace ipplayout {
 

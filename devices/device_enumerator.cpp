@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "devices/device_enumerator.h"
 
 #include <array>
@@ -5,9 +6,9 @@
 #include <string_view>
 #include <utility>
 
+#include "devices/pcap_device_identifier.h"
 #include "driver/device_name.h"
 #include "platform/address_text.h"
-#include "devices/pcap_device_identifier.h"
 
 namespace ipplayout {
 namespace {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Finds the adapters that can carry a playout.
 #pragma once
 
@@ -5,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "driver/capture_driver.h"
 #include "devices/device_identifier.h"
+#include "driver/capture_driver.h"
 
 namespace ipplayout {
 

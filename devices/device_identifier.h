@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An adapter that a playout can leave through, as the rest of the library sees it.
 #pragma once
 

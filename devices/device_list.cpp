@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "devices/device_list.h"
 
 #include "devices/device_enumerator.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The adapters that the library knows, and the array that hosts see of them.
 #pragma once
 

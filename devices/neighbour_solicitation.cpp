@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "devices/neighbour_solicitation.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The question of IPv6 neighbour discovery and its answer, as Ethernet frames (RFC 4861).
 //
 //   offset  size  solicitation

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "devices/pcap_device_identifier.h"
 
 #include <new>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A device that the capture driver listed.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/adapter_handle.h"
 
 #include <linux/if_packet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An opened adapter: sends through sockets of its own and captures through libpcap.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/burst_socket.h"
 
 #include <poll.h>

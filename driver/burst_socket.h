@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sending bursts of frames through a packet socket.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The contract between the library and whatever captures and injects frames below it. The product
 // form is driver/pcap_driver.h, on libpcap; tests put a fake in its place.
 #pragma once

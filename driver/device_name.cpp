@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/device_name.h"
 
 #include <string_view>

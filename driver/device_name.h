@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Device names: an interface's name behind kDevicePrefix.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/patience.h"
 
 #include <time.h>

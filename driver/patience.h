@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How long a sender waits for an adapter that has no room.
 #pragma once
 

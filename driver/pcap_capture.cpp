@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/pcap_capture.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Capturing on an adapter through libpcap.
 #pragma once
 

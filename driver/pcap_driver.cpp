@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/pcap_driver.h"
 
 #include <netinet/in.h>

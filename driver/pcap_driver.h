@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The capture driver on libpcap and Linux packet sockets.
 #pragma once
 

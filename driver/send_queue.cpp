@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/send_queue.h"
 
 #include <cstdlib>

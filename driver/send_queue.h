@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A batch of frames on its way to the capture driver.
 #pragma once
 

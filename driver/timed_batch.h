@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // When the frames of a batch leave. The system calls are behind BurstSender, so that the timing can
 // be tested on a clock that a test sets.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/xdp_rings.h"
 
 #include <sys/mman.h>

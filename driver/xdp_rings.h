@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The memory that an AF_XDP socket shares with the kernel.
 #pragma once
 

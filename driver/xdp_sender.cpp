@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/xdp_sender.h"
 
 #include <net/if.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sending bursts of frames through an AF_XDP socket.
 #pragma once
 

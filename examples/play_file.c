@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Plays a file of 188-byte transport stream packets over UDP/IPv4 and follows it to its end:
 //   play_file FILE DEVICE_INDEX ADDRESS PORT MBIT_PER_SECOND
 #include <inttypes.h>

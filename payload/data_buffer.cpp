@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "payload/data_buffer.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The ring in which transport stream bytes wait for the data pump.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "payload/data_pump.h"
 
 #include <algorithm>
@@ -8,10 +9,10 @@
 #include "platform/clock.h"
 #include "platform/native_thread.h"
 #include "platform/random.h"
-#include "transmit/parametric_manager.h"
 #include "protocol/pdu.h"
 #include "protocol/replication_manager.h"
 #include "protocol/sender.h"
+#include "transmit/parametric_manager.h"
 #include "transmit/pcap_rt_interface.h"
 
 namespace ipplayout {

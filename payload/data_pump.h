@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The worker thread that turns the stream into datagrams and hands them down the protocol chain.
 #pragma once
 

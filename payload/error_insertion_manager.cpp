@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "payload/error_insertion_manager.h"
 
 #include "platform/random.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Decides which datagrams of a playout are lost, delayed or sent with a wrong checksum.
 #pragma once
 
@@ -7,8 +8,8 @@
 #include <map>
 #include <mutex>
 
-#include "protocol/error_manager_base.h"
 #include "payload/error_schedule.h"
+#include "protocol/error_manager_base.h"
 #include "protocol/pdu.h"
 
 namespace ipplayout {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which datagrams of each range get one kind of scheduled error.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Where the data pump takes datagram payloads from.
 #pragma once
 

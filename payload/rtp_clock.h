@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // RTP time stamps of a constant bit rate stream (RFC 3550 section 5.1).
 #pragma once
 

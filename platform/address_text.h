@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // IP addresses between network-order bytes and numeric text, without scopes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The monotonic clock that everything in the library is timed by.
 #pragma once
 

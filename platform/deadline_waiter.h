@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Waiting for a point in time to within a microsecond, with a way to cut the wait short.
 #pragma once
 

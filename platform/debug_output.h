@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Messages for whoever debugs a host, on standard error.
 #pragma once
 

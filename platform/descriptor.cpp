@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/descriptor.h"
 
 #include <unistd.h>

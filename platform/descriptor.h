@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sole owner of a file descriptor.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/futex.h"
 
 #include <linux/futex.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's wait-on-a-word service (futex(2)), which cannot lose a wake-up: the kernel compares
 // the word again under its own lock before it puts the caller to sleep.
 #pragma once

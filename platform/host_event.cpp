@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/host_event.h"
 
 #include <poll.h>

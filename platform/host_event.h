@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Events that a host waits on in its own loop: a pointer-sized handle that holds an eventfd(2)
 // descriptor. Signalled means readable, until somebody reads it.
 #pragma once

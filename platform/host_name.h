@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The machine's own name and address.
 #pragma once
 

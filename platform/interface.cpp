@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/interface.h"
 
 #include <net/if.h>

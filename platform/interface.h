@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the kernel knows about a network interface of the calling thread's network namespace.
 #pragma once
 

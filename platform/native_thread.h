@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One operating-system thread: creation, name, priority, end.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/neighbour.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // IPv4 neighbours and next hops, as the kernel knows or finds them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/netlink.h"
 
 #include <libmnl/libmnl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Routing netlink (rtnetlink(7)): requests to the kernel and its notifications.
 #pragma once
 

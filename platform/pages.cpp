@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/pages.h"
 
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Memory straight from the system's page allocator.
 #pragma once
 

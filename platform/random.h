@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's one pseudo-random generator. It is process-wide and its own: a host's use of
 // rand(3) neither disturbs it nor is disturbed by it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/route.h"
 
 #include <linux/rtnetlink.h>

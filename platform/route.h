@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's IPv4 routing decisions.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A manual-reset event between two of the library's own threads.
 #pragma once
 

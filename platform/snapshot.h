@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A record that one thread publishes over and over and that others read whole.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One turn of a busy wait.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/wake_latency.h"
 
 #include <fcntl.h>

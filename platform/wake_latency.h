@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Keeping the processors ready to wake up.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Big-endian numbers in byte arrays, written and read with shifts.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the layers ask about the deliberate errors of the datagram they are building.
 #pragma once
 

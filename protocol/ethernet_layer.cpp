@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/ethernet_layer.h"
 
 namespace ipplayout {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Ethernet II header (IEEE 802.3 clause 3.1.1), without padding and frame check sequence.
 //
 //   offset  size

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/internet_checksum.h"
 
 #include <bit>

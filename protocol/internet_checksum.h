@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The Internet checksum (RFC 1071).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/ipv4_layer.h"
 
 #include "protocol/internet_checksum.h"

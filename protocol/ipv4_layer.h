@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // IPv4 header (RFC 791).
 //
 //   offset  size

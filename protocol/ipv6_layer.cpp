@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/ipv6_layer.h"
 
 #include <algorithm>

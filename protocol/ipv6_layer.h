@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // IPv6 header (RFC 8200 section 3).
 //
 //   offset  size

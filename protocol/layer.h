@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every protocol layer has: the stage below it, where its header goes, and the replication
 // manager from which replicated copies take their field values.
 #pragma once

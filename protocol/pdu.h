@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The buffer in which an outgoing Ethernet frame is assembled in place.
 //
 //   offset 0                14 [18]      34..58       42..66        54..78

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/replication_manager.h"
 
 #include <algorithm>

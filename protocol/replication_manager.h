@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Turns one stream into several parallel ones whose header fields differ by configured steps.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/rtp_layer.h"
 
 namespace ipplayout {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // RTP fixed header (RFC 3550 section 5.1), without CSRC list and extension.
 //
 //   offset  size
@@ -10,9 +11,9 @@
 
 #include <cstdint>
 
-#include "protocol/sw_clock.h"
 #include "protocol/layer.h"
 #include "protocol/pdu.h"
+#include "protocol/sw_clock.h"
 
 namespace ipplayout {
 

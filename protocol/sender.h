@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One stage of the chain that turns a payload into a frame on the wire.
 #pragma once
 

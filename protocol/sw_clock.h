@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Software clocks: time stamps that follow from what is sent, not from any real clock.
 #pragma once
 

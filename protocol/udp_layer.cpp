@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/udp_layer.h"
 
 #include "protocol/internet_checksum.h"

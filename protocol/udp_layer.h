@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // UDP header (RFC 768), with a checksum that is always computed.
 //
 //   offset  size

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/vlan_layer.h"
 
 namespace ipplayout {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tag of IEEE 802.1Q clause 9.6; its TPID is the EtherType that the Ethernet layer writes.
 //
 //   offset  size

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # What the tests reach, by line and branch: build/coverage/coverage.txt, and coverage.html beside it.
 # Branches that only an exception takes are left out.
 #

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # Looks for faults in all of our C++ and C without running it.
 #
 # usage: tools/lint.sh [cppcheck | clang-tidy [FILE...]]   without an argument: both, over everything

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Sourced by demo.sh and test.sh: what they need of the system, and how they build.
 
 # What it takes to configure a preset and to build all of it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/batch_hand_over.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Batches of frames on their way from the data pump to the transmitter.
 #pragma once
 

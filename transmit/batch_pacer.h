@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // When batches of frames are to leave. Arithmetic only: the transmitter measures and waits.
 #pragma once
 

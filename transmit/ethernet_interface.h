@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What an Ethernet adapter offers: to the protocol chain a last Sender, to others whole frames.
 #pragma once
 
@@ -7,9 +8,9 @@
 #include <vector>
 
 #include "protocol/error_manager_base.h"
+#include "protocol/sender.h"
 #include "transmit/packet.h"
 #include "transmit/parametric_manager.h"
-#include "protocol/sender.h"
 
 namespace ipplayout {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Time stamps of the frames of a batch, and the running estimate of their jitter. No I/O.
 #pragma once
 

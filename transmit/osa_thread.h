@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Base of the library's two worker threads: name, priority, start, stop request.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/packet.h"
 
 namespace ipplayout {

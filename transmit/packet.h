@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A received frame, as seen by whoever reads from an adapter.
 #pragma once
 

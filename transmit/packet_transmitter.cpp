@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/packet_transmitter.h"
 
 #include <algorithm>
 #include <cstdio>
 
-#include "transmit/timestamp.h"
 #include "transmit/batch_pacer.h"
 #include "transmit/pcap_rt_interface.h"
+#include "transmit/timestamp.h"
 
 namespace ipplayout {
 namespace {

@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: MIT
 // The worker thread that paces batches of frames and puts them on the wire.
 #pragma once
 
 #include <atomic>
 
 #include "platform/signal.h"
-#include "transmit/parametric_manager.h"
 #include "transmit/osa_thread.h"
+#include "transmit/parametric_manager.h"
 
 namespace ipplayout {
 

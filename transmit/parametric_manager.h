@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Jitter and burst parameters of a run, and the jitter offsets that follow from them.
 #pragma once
 

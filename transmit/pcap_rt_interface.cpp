@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/pcap_rt_interface.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bottom of the protocol chain: time-stamps finished frames, collects them in batches, hands
 // the batches to the transmitter and puts them on the wire.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/timestamp.h"
 
 #include <algorithm>

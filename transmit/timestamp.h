@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A point in time on the high-resolution clock, in seconds.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Dated lines on standard output and, where one is set, in a trace file.
 #pragma once
 

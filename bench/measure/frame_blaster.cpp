@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sends RTP frames with transport stream packets as fast as an adapter takes them, or at a given
 // rate: the load that the capture is measured with. Usage:
 //   frame_blaster DEVICE FRAMES_PER_SECOND SECONDS [TS_PACKETS_PER_FRAME]

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What a recording says about timing. Times are nanoseconds, results microseconds and parts per million."""
 import numpy
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The limit of timing from user space: one frame at a time on an absolute grid, asleep until 150 us
 // before each point and spinning for the rest, nothing else.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The limit of an ordinary packet socket: frames of one size, ten to a system call, queueing
 // discipline bypassed, nothing else. Prints "frames seconds".
 //

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The two ends of the wire: senders run in the near namespace, the receiver listens in the far one."""
 import json
 import os

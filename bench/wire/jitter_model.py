@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The gaps that jitter is defined to give, worked out apart from the library.
 
 Each frame but the first of a batch is moved by an offset that depends on the gap T, the amount P and,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the programs that stand beside the library on the wire have in common.
 #pragma once
 

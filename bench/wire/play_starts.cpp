@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Starts a playout over and over, and prints on standard error when each IPStart was called:
 // CLOCK_REALTIME, ns, the clock of the kernel's receive stamps.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A host that keeps the ring full for a time: RTP over IPv4, frames of 1,370 bytes. Prints
 // "datagrams seconds cpu_seconds datagrams_in_all" on standard error, since the library's messages
 // go to standard output. The first three are of the time given, the last one counts to the end.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "wire/playout.h"
 
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The playout that the programs of the yardstick run.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Draws what the tables cannot show: tails of gap errors, recovery after silence, jitter patterns."""
 import matplotlib
 

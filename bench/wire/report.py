@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Turns tables of rounds into Markdown and JSON: medians over the rounds, and the worst one.
 
 A folder gathers rows over several runs: those of the present one take the place of older ones.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The rows of the yardstick. Each runs its senders in alternation and returns a Table."""
 import json
 import math

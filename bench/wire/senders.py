@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Who sends, and what: the command line of every sender for one rate, and the stream they all send.
 
 A rate is of Ethernet frames of 1,370 bytes that carry seven transport packets over RTP. Senders that

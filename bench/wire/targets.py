@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the library sets out to reach, as ratios within one run, beside what it reached."""
 import statistics
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The judge of the yardstick: notes when the kernel received each frame of an adapter that carries
 // UDP over IPv4 to port 5004, and what it was. Writes 16 bytes per frame to a file: time of arrival
 // (ns, CLOCK_REALTIME, u64), frame length (u16), low 16 bits of the destination address (u16), RTP

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Runs the rows of the yardstick and writes what they gave. Called by run.sh, which makes the wire."""
 import argparse
 import tempfile

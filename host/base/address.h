@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Network addresses and targets as users write them.
 #pragma once
 

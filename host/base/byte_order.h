@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Big-endian fields of received bytes. The caller has checked that they are there.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/base/capabilities.h"
 
 #include <fmt/format.h>

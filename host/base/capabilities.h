@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The rights that a process needs to send frames.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library prints a few messages on descriptors 1 and 2. Results of ipplay must not be mixed
 // with them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/base/mapped_file.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A file's bytes in memory, read only.
 #pragma once
 

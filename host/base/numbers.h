@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Numbers and texts as users write them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A file that appears under its name only when it is whole. All files that ipplay writes go through
 // here.
 #pragma once

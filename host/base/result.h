@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How the parts of ipplay report what went wrong: a value, or one line for the user and the exit
 // status that goes with it.
 #pragma once

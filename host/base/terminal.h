@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Single keys from the terminal that the user sits at.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/base/units.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Numbers with units as users write them on the command line and as ipplay prints them.
 #pragma once
 

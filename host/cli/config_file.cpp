@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/cli/config_file.h"
 
 #include <fmt/format.h>

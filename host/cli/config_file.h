@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The configuration file: the options of one command, a line each. In TOML's terms, a table of
 // strings, numbers, booleans and arrays of strings. CLI11's own form of it cuts a value at # and
 // has no way to write one with both kinds of quotation marks or a line break.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Options whose values are read by a function, with one way to say what is allowed.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/cli/refusal.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How a refused command line or configuration file is told: one line that names the option as the
 // user typed it, the value, and what is allowed.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/demo/demo_command.h"
 
 // `ipplay demo`: plays and measures side by side.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Each adds its command to the application; once the command was chosen and has run, `outcome`
 // holds its exit status, or the failure, not yet printed.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/demo/demo_network.h"
 
 #include <fcntl.h>

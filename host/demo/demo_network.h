@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Two network namespaces without names, joined by a veth pair. No process but this one and its
 // children holds them, so the kernel removes all of it with them, however they end.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The transport stream that the demo plays when it is given none.
 #pragma once
 

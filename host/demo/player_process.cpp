@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/demo/player_process.h"
 
 #include <signal.h>

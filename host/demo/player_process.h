@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // `ipplay play` as a process of its own beside a measurement.
 #pragma once
 

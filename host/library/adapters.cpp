@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/library/adapters.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The adapters that can be played through, and which of them to take.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/library/destination.h"
 
 #include <fmt/format.h>

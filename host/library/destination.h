@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The MAC address that a frame to an IP address needs.
 #pragma once
 

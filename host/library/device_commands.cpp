@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/library/device_commands.h"
 
 // `ipplay devices` and `ipplay resolve`.

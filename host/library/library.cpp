@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/library/library.h"
 
 #include "host/base/library_output.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library, made ready for as long as the object lives.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/library/link.h"
 
 #include <linux/ethtool.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // State of a network interface as the kernel tells it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The way to a playout's target.
 #pragma once
 

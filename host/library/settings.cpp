@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/library/settings.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A complete set of the library's settings.
 #pragma once
 

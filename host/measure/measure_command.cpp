@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/measure_command.h"
 
 #include <fmt/format.h>

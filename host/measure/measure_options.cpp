@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/measure_options.h"
 
 #include "host/base/units.h"

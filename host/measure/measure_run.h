@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One measurement from the opening of its source to its results.
 #pragma once
 

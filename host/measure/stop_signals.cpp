@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/stop_signals.h"
 
 #include <csignal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Ctrl-C and its like, as a flag; the second one ends the process as usual.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/feeder.h"
 
 namespace ipplay {

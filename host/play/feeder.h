@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The thread that reads the input and writes it into the library.
 #pragma once
 

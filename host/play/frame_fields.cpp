@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/frame_fields.h"
 
 #include <fmt/format.h>

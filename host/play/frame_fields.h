@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The headers of the first datagram, byte for byte, as the settings order them.
 #pragma once
 

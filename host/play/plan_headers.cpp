@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/plan_headers.h"
 
 #include <fmt/format.h>

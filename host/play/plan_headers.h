@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The header fields of a playout and their steps from copy to copy.
 #pragma once
 

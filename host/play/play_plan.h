@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // From options to a playout that can be started: everything is decided and checked here, before
 // anything is sent.
 #pragma once

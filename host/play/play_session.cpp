@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/play_session.h"
 
 #include <fmt/format.h>

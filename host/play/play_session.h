@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One playout, from its start to its summary.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/play_values.h"
 
 #include <algorithm>

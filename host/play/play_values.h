@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Values of the play options that are more than a number, and how users write them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/report.h"
 
 #include <fmt/format.h>

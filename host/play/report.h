@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a playout tells about itself, as text and as JSON.
 #pragma once
 

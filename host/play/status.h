@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How far a playout is and how fast it goes, from the library's counters and the clock.
 #pragma once
 

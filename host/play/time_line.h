@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is to happen at given times of a playout.
 #pragma once
 

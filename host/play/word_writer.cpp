@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/word_writer.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hands any number of bytes to a writer that takes units of 4 bytes, at most 65,535 at a time.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream/input.h"
 
 #include <fcntl.h>

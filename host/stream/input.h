@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bytes to play: a file, a pipe or standard input.
 #pragma once
 

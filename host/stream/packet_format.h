@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How a stream is cut into packets, recognised by the sync bytes.
 #pragma once
 

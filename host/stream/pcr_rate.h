@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bit rate of a transport stream as its own program clock references (PCRs) tell it.
 #pragma once
 

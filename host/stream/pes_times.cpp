@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream/pes_times.h"
 
 #include <bitstream/mpeg/pes.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How long the content of a stream lasts by the time stamps of its PES packets.
 #pragma once
 

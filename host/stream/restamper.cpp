@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream/restamper.h"
 
 #include <bitstream/mpeg/pes.h>

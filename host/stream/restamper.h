@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Makes the rounds of a looped stream one stream: the clocks (PCR, PTS, DTS and the arrival time
 // of 192-byte packets) and the continuity counters run on where a round starts again.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream/round_reader.h"
 
 #include <algorithm>

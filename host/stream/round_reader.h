@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Delivers the stream of an input round by round, in whole packets.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream/stream_facts.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What can be known of a stream before it is played.
 #pragma once
 

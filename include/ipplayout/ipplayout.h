@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libipplayout: plays a transport stream out of an Ethernet adapter at an exact bit rate.
 //
 // One include for a host in C11 or C++20; link with -lipplayout.

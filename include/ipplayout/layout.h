@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the compiler made of the records, compared with the layout that hosts rely on: size of each
 // record and offset of each field.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The records that cross the interface. Included by ipplayout.h, which states the conventions.
 //
 // Fields stand in the order given, each aligned to its own size, without packing; a record is

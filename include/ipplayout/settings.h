@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The settings: one set for the whole process. Included by ipplayout.h, which states the
 // conventions; records.h says what each field means.
 //

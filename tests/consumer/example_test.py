@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Plays a file with the example to a UDP socket at the far end of a veth pair and compares the bytes.
 
 Both ends are network namespaces without a name, which the kernel removes with their processes.

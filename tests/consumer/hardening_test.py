@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What stands in the way of an attacker who finds a fault in the program or the library: as the linked files
 tell it themselves."""
 import re

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Installs the build into a folder of its own and uses it as others do: a C11 host through
 pkg-config, a C++20 host through find_package, the library's name and the list of its symbols."""
 

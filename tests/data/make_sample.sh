@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Makes sample.ts: 3 s of MPEG-2 video and MP2 audio in a transport stream of a constant 700 kbit/s.
 set -eu
 cd "$(dirname "$0")"

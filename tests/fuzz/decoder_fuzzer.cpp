@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Takes hostile frames of every link type apart, and nothing else: many millions of them in a
 // short time.
 #include <cstdint>

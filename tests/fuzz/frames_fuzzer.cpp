@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Feeds the measurement with frames that are hostile from the first byte on, or only from a deeper
 // layer on, and lets every view show the result.
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A fuzzer's bytes as what a fuzzer needs.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Arguments of any type out of a fuzzer's bytes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Calls every exported function in any order with any arguments, on an adapter that now and then
 // refuses. Whatever was called, the calls return, a stop ends the playout, and a playout without a
 // refusal sends every frame that its statistics count.

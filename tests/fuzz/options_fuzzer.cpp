@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hostile command lines and configuration files, up to the plan of a playout. What is refused is
 // refused in one line; what is accepted comes back from its own configuration file as it was.
 #include <CLI/CLI.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hostile inputs on their way into the library: packets are recognised, examined, planned for, read
 // round by round and restamped. As many bytes come out as the plan says, and plain rounds are the
 // input's own bytes.

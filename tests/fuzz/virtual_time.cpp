@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's time for the interface's fuzzer: it passes as the library looks at it, and a sleep
 // ends at once. The linker puts these in the place of the platform's functions.
 #include <atomic>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/base/address.h"
 
 #include <gtest/gtest.h>

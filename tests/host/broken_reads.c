@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Preloaded below ipplay: from the moment that the file named by BROKEN_READS exists, regular files
 // cannot be read.
 #include <dlfcn.h>

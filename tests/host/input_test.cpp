@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // From an input to what the library gets: examining, reading round by round, feeding.
 #include "host/stream/input.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream/packet_format.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream/pcr_rate.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Two network namespaces joined by a veth pair: ipplay plays in one, programs of others receive in the
 other. Builds on the test bed of the wire tests."""
 import os

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/play/status.h"
 
 #include <gtest/gtest.h>

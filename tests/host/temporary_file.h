@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A file that lives as long as the object.
 #pragma once
 

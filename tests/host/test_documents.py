@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the documents promise: every recipe runs, every option is described and completed."""
 import os
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Files that ipplay writes, and configuration files, which repeat a test exactly."""
 import json
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """ipplay as a program: exit statuses, messages, JSON, configuration files, keys, signals."""
 import fcntl
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Inputs that are no stream or end in the middle, and a terminal that goes away."""
 import fcntl
 import json

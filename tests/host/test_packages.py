@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The Debian packages: what is in them, what they ask for, and that removing them leaves nothing."""
 import os
 import subprocess

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """ffmpeg receives and decodes what ipplay sends; tshark finds the ordered faults and no others."""
 import os
 import select

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Every value that is refused is refused before anything starts, in one line that names the option as it was
 typed, the value and what is allowed."""
 import os

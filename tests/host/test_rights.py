@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """An ordinary user with file capabilities: what it takes to play, and what is left once it plays."""
 import json
 import os

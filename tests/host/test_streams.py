@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The stream's own rate against ffprobe's view, and rounds that a receiver does not see."""
 import json
 import subprocess

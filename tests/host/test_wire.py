@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What leaves the adapter is what was ordered: payload, rates, RTP time, headers."""
 import os
 import re

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Transport packets for tests, written byte by byte from ISO/IEC 13818-1 and not with the library
 // that the code under test reads them with.
 #pragma once

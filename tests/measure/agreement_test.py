@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """ipplay measure against captures whose contents are known, and against tshark.
 
 IPPLAY names the program. TABLE, if set, names a file for the table of both programs' figures.

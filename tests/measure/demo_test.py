@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """ipplay demo: what it says is so, and whatever ends it, nothing of it is left."""
 
 import os

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Frames and transport stream packets for tests, field by field.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Builds captures of played streams with known damage, and says what is in them.
 
 Written from the RFCs, apart from the code under test: no figure here comes from it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/line_extent.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/media_delivery_index.h"
 
 #include <gtest/gtest.h>

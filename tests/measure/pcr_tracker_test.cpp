@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/pcr_tracker.h"
 
 #include <gtest/gtest.h>

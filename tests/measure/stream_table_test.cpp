@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/stream_table.h"
 
 #include <gtest/gtest.h>

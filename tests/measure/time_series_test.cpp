@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/time_series.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Checks the models of the two hand-overs with spin (Debian: spin, gcc): in every interleaving all
 # processes end, and a writer that waits is released. Then takes one step of the protocol away at a
 # time: each of these faults must be found.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* Batches on their way from the pump to the transmitter, and the end of a run: transmit/
    batch_hand_over.cpp, pcap_rt_interface.cpp and packet_transmitter.cpp, payload/data_pump.cpp, and
    the stop of control/playout.cpp. MOST batches may be handed over and not passed. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* The ring between host threads and the pump: payload/data_buffer.cpp. Two writers, a reader, and a
    host that ends the data after the writers or at any moment; then the next run.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* platform/signal.cpp and the futex below it, one step for each atomic operation of the code.
    SIGNALS is their number. A process that uses them declares `byte look`.
 

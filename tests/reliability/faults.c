@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Preloaded below the library: refuses its system calls and its memory when a test says so, counts
 // the memory that it holds, and shifts the time of day.
 //

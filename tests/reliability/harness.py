@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A host on a wire with faults below it: what the tests of survival share."""
 import ctypes
 import os

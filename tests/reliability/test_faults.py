@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Faults of the adapter, the socket and the system: the host hears of them, the next playout is clean."""
 import contextlib
 import ctypes

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What hosts do and suffer: feed badly, stop, fork, lose time; and eight threads that call anything."""
 import os
 import random

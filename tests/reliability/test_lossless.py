@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Many datagrams over a veth pair: what was written, what is counted as sent, what arrives.
 
 IPPLAYOUT_LOSSLESS_DATAGRAMS, _RATE (Mbit/s of all streams) and _STREAMS make it long or wide; _SAMPLES names a file

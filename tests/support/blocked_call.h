@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Calls that block, or should not.
 #pragma once
 

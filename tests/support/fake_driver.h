@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A capture driver without a network: records what is sent, refuses what a test wants refused.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A DeadlineWaiter on a clock that only a test moves.
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Fails where an include runs against the order of folders. Usage: include_order_test.py PROJECT_ROOT"""
 
 import graphlib

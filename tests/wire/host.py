@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the hosts of the tests do besides playing: threads of their own, settings, a look at the process."""
 import os
 import socket

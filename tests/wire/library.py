@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The exported interface of libipplayout.so, bound as its header declares it, and what a host does with it.
 
 Loading fails if one declared function is missing.

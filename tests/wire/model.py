@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What must be on the wire: the frames of a playout, worked out from its settings and its bytes.
 
 Nothing here comes from the library. Settings are a dictionary by accessor name; a missing one is 0.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Full rings, lost adapters, pauses and long waits: whoever waits is released. And the rate on the wire."""
 import itertools
 import os

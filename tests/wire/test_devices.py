@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The list of adapters, and the neighbours that address resolution finds on a real network."""
 import os
 import socket

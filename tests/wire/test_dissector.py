@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What an independent dissector makes of the frames, clean ones and damaged ones."""
 import os
 import shutil

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Deliberate errors on the wire: exactly those that were ordered, counted as they were inserted."""
 import struct
 import unittest

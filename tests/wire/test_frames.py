@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Every byte of clean playouts: layers, fields, sizes, replication, the numbers reported about them."""
 import itertools
 import struct

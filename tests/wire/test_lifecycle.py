@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Starting, waiting, ending and refusing: nothing is lost, nothing is left behind."""
 import itertools
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Every exported setting: its accessors reach its own field and nothing else."""
 import ctypes
 import unittest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Two network namespaces joined by a veth pair: a host plays in one, the other end is captured.
 
 The namespaces have no name and are held open by this process alone, so that the kernel removes them

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the wire tests share: a test bed per class, a typical playout, comparison of frames."""
 import os
 import random

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/capture/capture_source.h"
 
 #include <fmt/format.h>

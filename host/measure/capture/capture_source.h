@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Where frames come from: an adapter, or a pcap or pcapng file. Used by one thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A frame as a capture gives it, and who takes it.
 #pragma once
 

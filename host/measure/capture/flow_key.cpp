@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/capture/flow_key.h"
 
 #include <arpa/inet.h>

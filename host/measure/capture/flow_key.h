@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What tells one UDP flow from another on the wire: addresses, ports and VLAN tags.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/capture/frame_decoder.h"
 
 #include <algorithm>

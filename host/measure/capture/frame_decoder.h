@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Takes a captured frame apart as far as its UDP payload. Nothing in the frame is trusted: every
 // length is checked against what is there before a byte behind it is read.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/capture/internet_checksum.h"
 
 #include <bit>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The ones'-complement sum of RFC 1071.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Counts of non-negative integers in buckets whose width grows with the value, so that memory does
 // not grow with the number of values and quantiles keep a bounded relative error.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the plots are drawn from.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/interarrival_jitter.h"
 
 #include <algorithm>

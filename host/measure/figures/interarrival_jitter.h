@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Interarrival jitter, RFC 3550, 6.4.1 and A.8.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How far a series of points strays from a straight line whose slope is known only afterwards.
 #pragma once
 

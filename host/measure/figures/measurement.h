@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The whole measurement: takes captured frames, keeps every figure.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Media Delivery Index, RFC 4445: per second, how deep a receiver's buffer must be (delay factor)
 // and how many media packets were missing or out of order (media loss rate).
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/payload_compare.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Compares a stream's payload with a file that is played once or over and over, from wherever in
 // it the stream was joined.
 #pragma once

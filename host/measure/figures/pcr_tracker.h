@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One PID's program clock references, against the stream's bytes and against their arrival.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/psi_section.h"
 
 #include <array>

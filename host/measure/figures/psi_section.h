@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Program specific information, ISO/IEC 13818-1, 2.4.4, as far as a section fits in one packet.
 #pragma once
 

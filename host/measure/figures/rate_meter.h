@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Frames and bytes over the time in which they arrived.
 #pragma once
 

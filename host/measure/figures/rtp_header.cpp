@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/rtp_header.h"
 
 #include "host/base/byte_order.h"

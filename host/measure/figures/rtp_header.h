@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The RTP header of RFC 3550, 5.1.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/rtp_sequence.h"
 
 #include <algorithm>

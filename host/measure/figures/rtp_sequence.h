@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Loss, reordering and duplication by RTP sequence numbers.
 #pragma once
 

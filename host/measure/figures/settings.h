@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is to be measured, as the command line says it.
 #pragma once
 

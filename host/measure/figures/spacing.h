@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How evenly frames arrive: gaps between them, deviation from an even grid, and clumps.
 #pragma once
 

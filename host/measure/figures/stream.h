@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Everything that is measured on one stream.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hands every UDP frame to its stream, and finds out which flows carry RTP.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Values over time in a bounded number of points: when they run out, neighbours are merged and
 // each point covers twice the time.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A transport stream's health: the first and second priority figures of ETSI TR 101 290 that make
 // sense on a stream as it arrives.
 #pragma once

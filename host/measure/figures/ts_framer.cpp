@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/figures/ts_framer.h"
 
 #include <algorithm>

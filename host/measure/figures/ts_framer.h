@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Finds the transport stream packets in the payloads of a stream of datagrams: 188 bytes each, or
 // 192 with a 4-byte time stamp in front, or 204 with 16 check bytes behind; whole in their datagram
 // or cut at its end.

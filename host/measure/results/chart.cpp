@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/results/chart.h"
 
 #include <fmt/format.h>

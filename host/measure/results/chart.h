@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Charts for the report: plain SVG for the marks, which stretches with the page, and HTML for the
 // text around them, which keeps its size on a phone.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/results/json_view.h"
 
 #include <fmt/format.h>

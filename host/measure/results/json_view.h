@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The summary as JSON. Names carry their units: _ns, _bps (bits per second), _ppm, _bytes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a measurement must keep to, and whether it did.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The table that is drawn over and over while a measurement runs.
 #pragma once
 

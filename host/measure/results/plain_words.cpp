@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/results/plain_words.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The result of a measurement in plain words, a few lines for each stream.
 #pragma once
 

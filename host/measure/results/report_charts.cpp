@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/results/report_charts.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which charts the report has, and what they are drawn from.
 #pragma once
 

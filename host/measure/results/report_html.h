@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The measurement as one self-contained HTML page with plots.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The report's style sheet: light and dark after the reader's setting, one column on a phone.
 #pragma once
 

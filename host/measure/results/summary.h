@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The figures of a measurement as plain values, which the table, the JSON text, the report and the
 // limits all take theirs from. docs/measuring.md defines every one. Times are in nanoseconds, rates
 // in bits per second.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/measure/results/table_view.h"
 
 #include <fmt/format.h>

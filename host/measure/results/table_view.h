@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The measurement on a terminal.
 #pragma once
 

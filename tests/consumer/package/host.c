@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A host built on the installed package, as C and as C++: it links, runs and is refused what cannot
 // be played. Exits with the line of the first expectation that does not hold.
 #include <ipplayout/ipplayout.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What no byte on the wire shows: the size of batches, and where reading begins.
 #include "control/datagram_layout.h"
 

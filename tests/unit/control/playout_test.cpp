@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The whole library on a fake adapter. What a host sees of it is tested on the wire; here threads
 // meet at their worst moments, under the thread sanitizer too.
 #include "control/playout.h"
@@ -115,7 +116,7 @@ TEST_F(PlayoutTest, EndsAtTheWorstMoments) {
     GetPlayout().Stop();
     ASSERT_TRUE(Returns(second_stop) && Returns(pause) && Returns(end) && Returns(writer)) << run;
     library_->parts.pump.Pause(false);  // one that came after the stop
-    GetPlayout().Stop();          // discards what was written after it
+    GetPlayout().Stop();                // discards what was written after it
   }
 }
 

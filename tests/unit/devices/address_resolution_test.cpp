@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What real neighbours and adapters do not do on request: every result code, empty replies,
 // adapters that refuse, answers that come late. The rest is tested on the wire.
 #include "devices/address_resolution.h"

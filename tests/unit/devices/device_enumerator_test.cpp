@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Adapters that a test machine does not have.
 #include "devices/device_enumerator.h"
 
@@ -6,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/fake_driver.h"
 #include "devices/device_list.h"
+#include "tests/support/fake_driver.h"
 
 namespace ipplayout {
 namespace {

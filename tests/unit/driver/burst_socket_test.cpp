@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The socket is one end of a local datagram pair: like a packet socket it keeps frames apart, takes
 // a few and then has to be waited for.
 #include "driver/burst_socket.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/timed_batch.h"
 
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the wire cannot choose: the draw behind a request, and indices that take years to reach.
 #include "payload/error_insertion_manager.h"
 

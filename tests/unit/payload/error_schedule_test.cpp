@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "payload/error_schedule.h"
 
 #include <gtest/gtest.h>

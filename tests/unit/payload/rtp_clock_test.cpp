@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "payload/rtp_clock.h"
 
 #include <gtest/gtest.h>

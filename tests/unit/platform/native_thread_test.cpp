@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/native_thread.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The sums on the wire are of few lengths, and always begin where a header does.
 #include "protocol/internet_checksum.h"
 

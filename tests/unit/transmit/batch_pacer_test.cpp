@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/batch_pacer.h"
 
 #include <gtest/gtest.h>

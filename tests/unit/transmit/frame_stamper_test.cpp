@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/frame_stamper.h"
 
 #include <gmock/gmock.h>

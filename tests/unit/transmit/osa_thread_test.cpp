@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/osa_thread.h"
 
 #include <gmock/gmock.h>

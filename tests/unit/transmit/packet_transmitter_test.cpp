@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The test stands for the pump.
 #include "transmit/packet_transmitter.h"
 

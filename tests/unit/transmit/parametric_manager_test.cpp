@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/parametric_manager.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Pump and transmitter in turn, on one thread and a clock that only waiting moves.
 #include "transmit/pcap_rt_interface.h"
 

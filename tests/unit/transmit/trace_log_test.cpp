@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transmit/trace_log.h"
 
 #include <gmock/gmock.h>
