@@ -1,22 +1,26 @@
 # SPDX-License-Identifier: MIT
 # The library as hosts see it, its static twin for the tests, and the installed package.
-set(IPPLAYOUT_EXPORTS "${CMAKE_CURRENT_SOURCE_DIR}/cmake/ipplayout.map")
+include(ExportMap)
+set(exports "${CMAKE_CURRENT_BINARY_DIR}/ipplayout.map")
+write_export_map("${exports}" "${CMAKE_CURRENT_SOURCE_DIR}/include/ipplayout")
 
 add_library(ipplayout SHARED $<TARGET_OBJECTS:ipplayout_objects>)
 add_library(ipplayout::ipplayout ALIAS ipplayout)
 set_target_properties(ipplayout PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-  LINK_DEPENDS "${IPPLAYOUT_EXPORTS}")
+  LINK_DEPENDS "${exports}")
 target_include_directories(ipplayout INTERFACE
   "$<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>"
   "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
 target_link_libraries(ipplayout PRIVATE Threads::Threads PkgConfig::PCAP PkgConfig::MNL)
+# Programs of the build tree find the library where it was built; the installed ones have no run path.
+target_link_options(ipplayout INTERFACE "$<BUILD_INTERFACE:LINKER:-rpath,${CMAKE_CURRENT_BINARY_DIR}>")
 # A host's own function of the name of one of ours must not take over our calls to it.
 target_link_options(ipplayout PRIVATE LINKER:-Bsymbolic-functions)
-target_link_options(ipplayout PRIVATE "LINKER:--version-script=${IPPLAYOUT_EXPORTS}" LINKER:--no-undefined)
+target_link_options(ipplayout PRIVATE "LINKER:--version-script=${exports}" LINKER:--no-undefined)
 if(IPPLAYOUT_SANITIZE)
   # The sanitizer runtime comes with the executable that loads the library.
-  set_target_properties(ipplayout PROPERTIES LINK_OPTIONS "LINKER:--version-script=${IPPLAYOUT_EXPORTS}")
+  set_target_properties(ipplayout PROPERTIES LINK_OPTIONS "LINKER:--version-script=${exports}")
 endif()
 
 add_library(ipplayout_static STATIC $<TARGET_OBJECTS:ipplayout_objects>)

@@ -25,12 +25,6 @@ def run(*command, **keywords):
     return result.stdout
 
 
-def mapped_symbols():
-    text = re.sub(r"/\*.*?\*/", "", options.map.read_text(encoding="utf-8"), flags=re.DOTALL)
-    symbols = re.search(r"global:(.*)local:\s*\*;", text, re.DOTALL).group(1)
-    return [name.strip() for name in symbols.split(";") if name.strip()]
-
-
 class InstalledPackage(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -72,26 +66,26 @@ class InstalledPackage(unittest.TestCase):
     def test_the_library_has_its_fixed_name(self):
         self.assertIn("[libipplayout.so.1]", run("readelf", "-d", self.library))
 
-    def test_exactly_the_listed_symbols_are_exported(self):
-        lines = run("nm", "-D", "--defined-only", self.library).splitlines()
-        self.assertEqual({line.split()[-1] for line in lines}, set(mapped_symbols()))
-
-    def test_exactly_the_listed_functions_are_declared(self):
-        folder = self.find("ipplayout.h").parent
+    def test_exactly_the_declared_functions_are_exported(self):
         declared = set()
-        for header in folder.glob("*.h"):
-            text = re.sub(r"//.*", "", header.read_text(encoding="utf-8"))
-            declared.update(DECLARATION.findall(text))
-        listed = {"GetIpAddressBytes" if name.startswith("_Z") else name
-                  for name in mapped_symbols()}
-        self.assertEqual(declared, listed)
+        for header in self.find("ipplayout.h").parent.glob("*.h"):
+            declared.update(DECLARATION.findall(re.sub(r"//.*", "", header.read_text(encoding="utf-8"))))
+        self.assertGreater(len(declared), 250)
+        lines = run("nm", "-D", "--defined-only", self.library).splitlines()
+        exported = {"GetIpAddressBytes" if name.startswith("_Z17GetIpAddressBytes") else name
+                    for name in (line.split()[-1] for line in lines)}
+        self.assertEqual(exported, declared)
+
+    def test_nothing_looks_for_libraries_by_itself(self):
+        for path in (file for file in self.stage.rglob("*") if file.is_file()):
+            if path.read_bytes()[:4] == b"\x7fELF":
+                self.assertNotRegex(run("readelf", "-d", path), "R(UN)?PATH", path)
 
 
 def main():
     global options
     parser = argparse.ArgumentParser()
-    for name in ("build", "map"):
-        parser.add_argument(f"--{name}", type=pathlib.Path, required=True)
+    parser.add_argument("--build", type=pathlib.Path, required=True)
     for name in ("cmake", "cc", "cxx", "config"):
         parser.add_argument(f"--{name}", required=True)
     parser.add_argument("--sanitize", default="")
