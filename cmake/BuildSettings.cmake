@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
-# Compiler settings of our own build. They stay on this target and never reach a user of the package.
+# Compiler settings of our own build: the language and the hardening of every folder, the warnings on
+# a target that only our own code links. None of them reaches a user of the package.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -9,6 +10,9 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+# CMake's own run paths end with an empty entry, which leaves room for the installed one and stands for
+# the current folder. cmake/Library.cmake gives programs of the build tree a clean one.
+set(CMAKE_SKIP_BUILD_RPATH ON)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
@@ -31,7 +35,6 @@ if(IPPLAYOUT_SANITIZE)
   add_link_options(-fsanitize=${IPPLAYOUT_SANITIZE})
 else()
   # Hardening: the input files, frames and command lines that reach this code are not trusted.
-  # As compile and link options of folders they reach no user of the package.
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection
                       $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
   add_link_options(LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-# Debian packages by CPack: the library, its development files, the tool. `cpack -G DEB` in the
-# build folder makes all three.
+# Debian packages by CPack: the library, its development files, and the tool where it is built.
+# `cpack -G DEB` in the build folder makes them all.
 find_program(GZIP gzip REQUIRED)
 set(maintainer "ipplayout authors <ipplayout@localhost>")
 
@@ -17,21 +17,25 @@ function(install_compressed source name destination component)
 endfunction()
 
 set(root "${PROJECT_SOURCE_DIR}")
-install_compressed("${root}/docs/man/ipplay.1" ipplay.1 "${CMAKE_INSTALL_MANDIR}/man1" tool)
 install_compressed("${root}/docs/man/libipplayout.3" libipplayout.3 "${CMAKE_INSTALL_MANDIR}/man3"
   development)
-install(FILES "${root}/host/completion/ipplay"
-  DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tool)
-foreach(pair runtime:libipplayout1 development:libipplayout-dev tool:ipplay)
+set(packages runtime:libipplayout1 development:libipplayout-dev)
+if(IPPLAYOUT_BUILD_HOST)
+  list(APPEND packages tool:ipplay)
+  install_compressed("${root}/docs/man/ipplay.1" ipplay.1 "${CMAKE_INSTALL_MANDIR}/man1" tool)
+  install(FILES "${root}/host/completion/ipplay"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tool)
+  install(FILES "${root}/docs/measuring.md" "${root}/docs/recipes.md" "${root}/docs/security.md"
+    "${root}/packaging/README.Debian" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
+endif()
+foreach(pair ${packages})
   string(REPLACE ":" ";" pair "${pair}")
   list(GET pair 0 component)
   list(GET pair 1 package)
   set(documents "${CMAKE_INSTALL_DATADIR}/doc/${package}")
-  install(FILES "${root}/LICENSE" RENAME copyright DESTINATION "${documents}" COMPONENT ${component})
+  install(FILES "${root}/packaging/copyright" DESTINATION "${documents}" COMPONENT ${component})
   install_compressed("${root}/CHANGELOG.md" changelog "${documents}" ${component})
 endforeach()
-install(FILES "${root}/docs/measuring.md" "${root}/docs/recipes.md"
-  DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
 get_property(compressed GLOBAL PROPERTY compressed_documents)
 add_custom_target(compressed_documents ALL DEPENDS ${compressed})
 
@@ -40,7 +44,10 @@ set(CPACK_PACKAGE_CONTACT "${maintainer}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development tool)
+set(CPACK_COMPONENTS_ALL runtime development)
+if(IPPLAYOUT_BUILD_HOST)
+  list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -72,6 +79,7 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libipplayout1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "iproute2, libcap2-bin")
+set(CPACK_DEBIAN_TOOL_PACKAGE_CONTROL_EXTRA "${root}/packaging/postinst")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_CURRENT_BINARY_DIR}")
 set(CPACK_COMPONENT_TOOL_DESCRIPTION
   "player of transport streams for tests of receivers and networks

@@ -2,6 +2,7 @@
 #include "host/base/capabilities.h"
 
 #include <fmt/format.h>
+#include <link.h>
 #include <sys/capability.h>
 
 #include <filesystem>
@@ -19,6 +20,16 @@ bool Has(cap_value_t capability) {
          value == CAP_SET;
 }
 
+// As in a build tree: whoever can write to a folder of it lends the program code.
+bool LooksForLibrariesByItself() {
+  for (const ElfW(Dyn)* entry = _DYNAMIC; entry->d_tag != DT_NULL; ++entry) {
+    if (entry->d_tag == DT_RPATH || entry->d_tag == DT_RUNPATH) {
+      return true;
+    }
+  }
+  return false;
+}
+
 std::string OwnPath() {
   std::error_code error;
   const auto path = std::filesystem::read_symlink("/proc/self/exe", error);
@@ -27,15 +38,23 @@ std::string OwnPath() {
 
 }  // namespace
 
+std::string HowToGetRights(std::string_view capabilities) {
+  if (LooksForLibrariesByItself()) {
+    return "run as root, or install ipplay and give the installed program its rights";
+  }
+  return fmt::format(
+      "run as root, or once as root, for a group of users: chgrp GROUP {0}; chmod 750 {0}; "
+      "setcap {1}+ep {0}",
+      OwnPath(), capabilities);
+}
+
 std::optional<std::string> MissingRightToSend() {
   if (Has(CAP_NET_RAW)) {
     return std::nullopt;
   }
-  return fmt::format(
-      "no permission to send frames: CAP_NET_RAW is missing{}; run as root, or once as root: "
-      "setcap "
-      "cap_net_raw,cap_sys_nice+ep {}",
-      Has(CAP_SYS_NICE) ? "" : " (and CAP_SYS_NICE, for exact timing)", OwnPath());
+  return fmt::format("no permission to send frames: CAP_NET_RAW is missing{}; {}",
+                     Has(CAP_SYS_NICE) ? "" : " (and CAP_SYS_NICE, for exact timing)",
+                     HowToGetRights("cap_net_raw,cap_sys_nice"));
 }
 
 void KeepCapabilities(std::initializer_list<int> kept) {

@@ -5,8 +5,13 @@
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace ipplay {
+
+// What to do where the named capabilities are missing. Never says how to give them to a program
+// that looks for libraries by itself.
+std::string HowToGetRights(std::string_view capabilities);
 
 // Nothing if the process may open adapters; else what is missing and what to do about it, in one
 // line.

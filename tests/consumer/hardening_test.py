@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """What stands in the way of an attacker who finds a fault in the program or the library: as the linked files
-tell it themselves."""
+tell it themselves. Usage: hardening_test.py BUILD_FOLDER HARDENED_FILE..."""
+import pathlib
 import re
 import subprocess
 import sys
@@ -40,8 +41,28 @@ def check(path):
     return found
 
 
+def linked_files(folder):
+    """The executables and shared libraries of a build."""
+    for path in sorted(pathlib.Path(folder).rglob("*")):
+        if path.is_file() and not path.is_symlink() and "CMakeFiles" not in path.parts:
+            with open(path, "rb") as file:
+                head = file.read(18)
+            if head[:4] == b"\x7fELF" and head[16] in (2, 3):
+                yield path
+
+
+def unsafe_run_path(path):
+    """The parts of its run path that depend on the folder it is started in."""
+    found = re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", readelf("--dynamic", path))
+    return [part for run_path in found for part in run_path.split(":") if not part.startswith("/")]
+
+
 def main():
-    for path in sys.argv[1:]:
+    linked = list(linked_files(sys.argv[1]))
+    unsafe = {str(path): parts for path in linked if (parts := unsafe_run_path(path))}
+    if unsafe or not linked:
+        sys.exit(f"{len(linked)} linked files, with these parts in run paths: {unsafe}")
+    for path in sys.argv[2:]:
         protections = check(path)
         print(path, *(f"  {'yes' if has else 'NO '}  {name}" for name, has in protections.items()), sep="\n")
         if not all(protections.values()):

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The Debian packages: what is in them, what they ask for, and that removing them leaves nothing."""
 import os
+import pathlib
 import subprocess
 import tempfile
 import unittest
@@ -48,8 +49,8 @@ class Packages(unittest.TestCase):
             f"{multiarch}/libipplayout.so.1", f"{multiarch}/libipplayout.so.1.0.0"})
         self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
             "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz", "usr/share/bash-completion/completions/ipplay",
-            "usr/share/doc/ipplay/measuring.md",
-            "usr/share/doc/ipplay/recipes.md"})
+            *(f"usr/share/doc/ipplay/{name}"
+              for name in ("README.Debian", "measuring.md", "recipes.md", "security.md"))})
         development = self.contents("libipplayout-dev")
         for name in (f"{multiarch}/libipplayout.so", f"{multiarch}/pkgconfig/ipplayout.pc",
                      f"{multiarch}/cmake/ipplayout/ipplayoutConfig.cmake", "usr/include/ipplayout/ipplayout.h",
@@ -70,9 +71,19 @@ class Packages(unittest.TestCase):
                 os.makedirs(f"{root}/var/lib/dpkg/{folder}")
             for name in ("status", "available"):
                 open(f"{root}/var/lib/dpkg/{name}", "w", encoding="ascii").close()
-            # The root holds no shell: the scripts, which only run ldconfig, run on this machine.
+            # The root holds no shell: the scripts run on this machine.
             dpkg = ("dpkg", "--root", root, "--force-depends", "--force-script-chrootless", "--log", "/dev/null")
             run(*dpkg, "-i", *self.files.values())
+            self.assertEqual(os.stat(f"{root}/usr/bin/ipplay").st_mode & 0o777, 0o755)
+            # With the group, the program has rights and only the group may run it.
+            with tempfile.NamedTemporaryFile("w", encoding="ascii") as groups:
+                groups.write(pathlib.Path("/etc/group").read_text(encoding="ascii") + "ipplay:x:65533:\n")
+                groups.flush()
+                run("unshare", "--mount", "sh", "-ec", 'mount --bind "$0" /etc/group; "$@"', groups.name,
+                    *dpkg, "-i", self.files["ipplay"])
+            program = os.stat(f"{root}/usr/bin/ipplay")
+            self.assertEqual((program.st_gid, program.st_mode & 0o777), (65533, 0o750))
+            self.assertIn("cap_net_raw,cap_sys_nice=ep", run("/usr/sbin/getcap", f"{root}/usr/bin/ipplay"))
             library = run("sh", "-c", f"echo {root}/usr/lib/*/").strip()
             self.assertRegex(run("env", f"LD_LIBRARY_PATH={library}", f"{root}/usr/bin/ipplay", "--version"), "^ipplay ")
             run(*dpkg, "-P", *PACKAGES)

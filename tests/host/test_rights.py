@@ -21,14 +21,14 @@ class Rights(PlayCase):
         shutil.copy(SAMPLE, cls.path(cls, "stream.ts"))
         cls.program = install(cls.folder.name)
 
-    def start(self, *arguments, user=NOBODY, capabilities=None):
+    def start(self, *arguments, user=NOBODY, capabilities=None, environment=None):
         if capabilities:
             subprocess.run(["/usr/sbin/setcap", capabilities + "+ep", self.program], check=True)
         else:
             subprocess.run(["/usr/sbin/setcap", "-r", self.program], check=False, stderr=subprocess.DEVNULL)
         prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups", "--inh-caps=-all"] if user else []
         return subprocess.Popen([*prefix, self.program, *arguments], preexec_fn=self.bed.near.enter, text=True,
-                                cwd=self.folder.name, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                                env={**os.environ, **(environment or {})}, cwd=self.folder.name, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     @staticmethod
     def threads(process):
@@ -77,12 +77,21 @@ class Rights(PlayCase):
                 meter.communicate(timeout=30)
 
     def test_without_rights(self):
-        for arguments, words in ((("play", "stream.ts", *TARGET), "CAP_NET_RAW is missing (and CAP_SYS_NICE, for exact timing); run as "
-                                                                  f"root, or once as root: setcap cap_net_raw,cap_sys_nice+ep {self.program}\n"), (("measure", "near"), "setcap cap_net_raw+ep")):
-            process = self.start(*arguments)
+        play, measure = ("play", "stream.ts", *TARGET), ("measure", "near")
+        no_right = "CAP_NET_RAW is missing (and CAP_SYS_NICE, for exact timing); run as root, or "
+        advice = f"chgrp GROUP {self.program}; chmod 750 {self.program}; setcap cap_net_raw"
+        for arguments, run_path, words in (
+                (play, True, no_right + "install ipplay and give the installed program its rights\n"),
+                (measure, True, "near: run as root, or install ipplay"),
+                (play, False, no_right + f"once as root, for a group of users: {advice},cap_sys_nice+ep"),
+                (measure, False, f"{advice}+ep {self.program}\n")):
+            if not run_path:
+                subprocess.run(["patchelf", "--remove-rpath", self.program], check=True)
+            process = self.start(*arguments, environment={"LD_LIBRARY_PATH": self.folder.name})
             output, errors = process.communicate(timeout=30)
             self.assertEqual((process.returncode, output), (NO_ACCESS, ""))
             self.assertIn(words, errors)
+        install(self.folder.name)
         process = self.start("play", "stream.ts", *TARGET, capabilities="cap_sys_nice")
         self.assertIn("CAP_NET_RAW is missing; run as root", process.communicate(timeout=30)[1])
 

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "host/base/capabilities.h"
+
 namespace ipplay::measure {
 namespace {
 
@@ -56,10 +58,8 @@ Failure ActivationFailure(const std::string& device, int code, pcap_t* handle) {
       return {ExitStatus::kNoAccess, fmt::format("SOURCE: there is no adapter or file {}", device)};
     case PCAP_ERROR_PERM_DENIED:
     case PCAP_ERROR_PROMISC_PERM_DENIED:
-      return {ExitStatus::kNoAccess,
-              fmt::format("no permission to capture on {}: run as root, or give the program the "
-                          "capability: setcap cap_net_raw+ep",
-                          device)};
+      return {ExitStatus::kNoAccess, fmt::format("no permission to capture on {}: {}", device,
+                                                 HowToGetRights("cap_net_raw"))};
     case PCAP_ERROR_IFACE_NOT_UP:
       return {ExitStatus::kNoAccess, fmt::format("device {} is down", device)};
     default:
