@@ -21,6 +21,7 @@ work=$(mktemp -d)
 clean_up() {
   local jobs
   jobs=$(jobs -p)
+  # shellcheck disable=SC2086  # one word for each job
   [ -z "$jobs" ] || kill $jobs 2>/dev/null || true
   ip netns delete "$near" 2>/dev/null || true
   ip netns delete "$far" 2>/dev/null || true

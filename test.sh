@@ -19,7 +19,9 @@ run_tests() {
     ctest --parallel 2 --test-dir "build/$preset" --no-tests=error --output-on-failure --progress "$@"
 }
 
-tools/lint.sh cppcheck
+for part in format python shell cppcheck; do
+  tools/lint.sh "$part"
+done
 build release
 run_tests release
 # The whole suite under the sanitizers, but for faults that are injected into malloc, packages, and rights.

@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: MIT
+# shellcheck shell=bash disable=SC2034  # the lists are for those who source this
 # Sourced by demo.sh and test.sh: what they need of the system, and how they build.
 
 # What it takes to configure a preset and to build all of it.
@@ -8,9 +9,9 @@ build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev 
 wire_packages=(iproute2 tshark ffmpeg)
 # What the tests of ipplay take besides: its documents, its packages, rights for a single program,
 # the fuzzer, and the checkers of models and of code.
-test_packages=(groff-base dpkg-dev file libcap2-bin patchelf clang libclang-rt-14-dev spin cppcheck)
+test_packages=(groff-base dpkg-dev file libcap2-bin patchelf clang libclang-rt-14-dev spin cppcheck clang-format flake8 shellcheck)
 # What tools/lint.sh and tools/coverage.sh take besides.
-lint_packages=(cppcheck clang clang-tidy)
+lint_packages=(cppcheck clang-format clang clang-tidy flake8 shellcheck)
 coverage_packages=(gcovr)
 
 stop() {
@@ -29,8 +30,9 @@ need_namespaces() {
 
 # Installs those of the named packages that are missing.
 need_packages() {
-  command -v dpkg-query >/dev/null && command -v apt-get >/dev/null ||
+  if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
     stop "sets up Debian 12 and finds no apt-get here; install by other means: $*"
+  fi
   local missing=() package
   for package in "$@"; do
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")

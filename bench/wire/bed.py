@@ -12,12 +12,15 @@ from pathlib import Path
 
 import numpy
 
-ARRIVAL = numpy.dtype([("time", "<u8"), ("length", "<u2"), ("destination", "<u2"), ("sequence", "<u2"), ("", "<u2")])
+ARRIVAL = numpy.dtype(
+    [("time", "<u8"), ("length", "<u2"), ("destination", "<u2"), ("sequence", "<u2"), ("", "<u2")]
+)
 
 
 @dataclass
 class Recording:
     """What arrived, with CLOCK_MONOTONIC times in nanoseconds."""
+
     times: numpy.ndarray
     lengths: numpy.ndarray
     sequence: numpy.ndarray
@@ -72,9 +75,14 @@ class Bed:
     @contextmanager
     def sender(self, command):
         """Runs a command until the block ends; ended by force if it has not ended itself."""
-        process = subprocess.Popen(self.near + [str(part) for part in command], stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-                                   start_new_session=True)
+        process = subprocess.Popen(
+            self.near + [str(part) for part in command],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
         try:
             yield Sender(process)
         finally:
@@ -86,8 +94,11 @@ class Bed:
         result = []
         with tempfile.TemporaryDirectory() as directory:
             path = os.path.join(directory, "arrivals")
-            receiver = subprocess.Popen(self.far + [self.programs / "wire_receiver", self.FAR, path],
-                                        stdout=subprocess.PIPE, text=True)
+            receiver = subprocess.Popen(
+                self.far + [self.programs / "wire_receiver", self.FAR, path],
+                stdout=subprocess.PIPE,
+                text=True,
+            )
             if receiver.stdout.readline() != "ready\n":
                 raise RuntimeError("the receiver did not start")
             try:
@@ -101,8 +112,12 @@ class Bed:
 
     def arrived(self):
         """Frames that have arrived at the far adapter so far, whether anybody listens or not."""
-        shown = subprocess.run(self.far + ["ip", "-json", "-stats", "link", "show", "dev", self.FAR],
-                               capture_output=True, check=True, text=True).stdout
+        shown = subprocess.run(
+            self.far + ["ip", "-json", "-stats", "link", "show", "dev", self.FAR],
+            capture_output=True,
+            check=True,
+            text=True,
+        ).stdout
         return json.loads(shown)[0]["stats64"]["rx"]["packets"]
 
 
@@ -111,7 +126,9 @@ def read_recording(path, leads):
     if abs(leads[1] - leads[0]) > 1_000_000:
         raise RuntimeError("the system's clock was set while frames were recorded")
     lead = sum(leads) // 2
-    return Recording(arrivals["time"].astype(numpy.int64) - lead, arrivals["length"], arrivals["sequence"], lead)
+    return Recording(
+        arrivals["time"].astype(numpy.int64) - lead, arrivals["length"], arrivals["sequence"], lead
+    )
 
 
 def end_group(process):
@@ -130,8 +147,12 @@ def end_group(process):
 @contextmanager
 def busy_processors():
     """Keeps every processor busy, in a session of its own as every sender."""
-    stress = subprocess.Popen(["stress-ng", "--quiet", "--cpu", str(os.cpu_count())],
-                              start_new_session=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    stress = subprocess.Popen(
+        ["stress-ng", "--quiet", "--cpu", str(os.cpu_count())],
+        start_new_session=True,
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL,
+    )
     try:
         time.sleep(0.3)
         yield

@@ -59,7 +59,7 @@ def offset(pattern, amount, gap_us, number, variates):
 
 
 def gaps(pattern, amount, gap_us, batch, frames, seed=0):
-    """The gap before each frame in microseconds; NaN before the first of a batch, which the pacing decides."""
+    """The gap before each frame in microseconds; NaN before the first of a batch, which pacing decides."""
     variates = Variates(seed)
     result = numpy.full(frames, numpy.nan)
     for number in range(frames):
@@ -71,8 +71,8 @@ def gaps(pattern, amount, gap_us, batch, frames, seed=0):
 
 def agreement(measured, computed):
     """Correlation of two lists of gaps, and the median of how far they are apart."""
-    known = ~numpy.isnan(computed[1:len(measured) + 1])
-    m, c = measured[known], computed[1:len(measured) + 1][known]
+    known = ~numpy.isnan(computed[1 : len(measured) + 1])
+    m, c = measured[known], computed[1 : len(measured) + 1][known]
     return float(numpy.corrcoef(m, c)[0, 1]), float(numpy.median(numpy.abs(m - c)))
 
 
@@ -81,6 +81,9 @@ def best_agreement(measured, pattern, amount, gap_us, batch, seeds):
     if pattern in (SQUARE, SINE):
         seeds = [0]
     probe = min(len(measured), 200)
-    seed = max(seeds, key=lambda s: agreement(measured[:probe], gaps(pattern, amount, gap_us, batch, probe + 1, s))[0])
+    seed = max(
+        seeds,
+        key=lambda s: agreement(measured[:probe], gaps(pattern, amount, gap_us, batch, probe + 1, s))[0],
+    )
     computed = gaps(pattern, amount, gap_us, batch, len(measured) + 1, seed)
     return *agreement(measured, computed), computed[1:]

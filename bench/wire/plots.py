@@ -5,16 +5,26 @@ import matplotlib
 matplotlib.use("Agg")
 from matplotlib import pyplot  # noqa: E402  the backend has to be chosen first
 
-COLOURS = {"ipplay": "crimson", "ipplay --economy": "lightcoral", "library": "darkred", "bare pacing": "black",
-           "tcpreplay (gtod)": "royalblue",
-           "tcpreplay (nano)": "steelblue", "tcpreplay (select)": "skyblue", "multicat": "seagreen",
-           "multicat -i": "limegreen", "GStreamer": "darkorange", "ffmpeg": "mediumpurple"}
+COLOURS = {
+    "ipplay": "crimson",
+    "ipplay --economy": "lightcoral",
+    "library": "darkred",
+    "bare pacing": "black",
+    "tcpreplay (gtod)": "royalblue",
+    "tcpreplay (nano)": "steelblue",
+    "tcpreplay (select)": "skyblue",
+    "multicat": "seagreen",
+    "multicat -i": "limegreen",
+    "GStreamer": "darkorange",
+    "ffmpeg": "mediumpurple",
+}
 FIGURES = {"gaps": ["rate10", "rate100", "rate950"], "catch_up": ["catch_up"], "patterns": ["patterns"]}
 
 
 def draw(rows, folder):
-    pyplot.rcParams.update({"font.size": 8, "svg.hashsalt": "yardstick", "axes.spines.top": False,
-                            "axes.spines.right": False})
+    pyplot.rcParams.update(
+        {"font.size": 8, "svg.hashsalt": "yardstick", "axes.spines.top": False, "axes.spines.right": False}
+    )
     for name, needed in FIGURES.items():
         if all(row in rows for row in needed):
             figure = globals()[f"draw_{name}"](rows)
@@ -28,8 +38,14 @@ def draw_gaps(rows):
     for panel, row, rate in zip(panels, FIGURES["gaps"], ("10 Mb/s", "100 Mb/s", "950 Mb/s")):
         for sender, (errors, share) in rows[row]["curves"].items():
             own = sender.startswith(("ipplay", "library"))
-            panel.loglog([max(error, 0.05) for error in errors], share, label=sender, color=COLOURS[sender],
-                         linewidth=2.4 if own else 1, linestyle="--" if sender == "bare pacing" else "-")
+            panel.loglog(
+                [max(error, 0.05) for error in errors],
+                share,
+                label=sender,
+                color=COLOURS[sender],
+                linewidth=2.4 if own else 1,
+                linestyle="--" if sender == "bare pacing" else "-",
+            )
         panel.set(title=rate, xlabel="gap error (µs)", ylabel="share of gaps with at least this error")
         panel.legend(frameon=False)
     return figure

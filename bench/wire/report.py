@@ -26,14 +26,23 @@ class Report:
         self.machine = machine()
 
     def add(self, row, table, seconds):
-        self.rows[row] = {"title": table.title, "units": table.measures, "rounds": table.rounds,
-                          "machine": self.machine, "curves": table.curves}
+        self.rows[row] = {
+            "title": table.title,
+            "units": table.measures,
+            "rounds": table.rounds,
+            "machine": self.machine,
+            "curves": table.curves,
+        }
         print(f"{markdown(self.rows[row])}\n({row}: {seconds:.0f} s)\n", flush=True)
 
     def write(self):
         self.json.write_text(json.dumps(self.rows) + "\n")
         machines = dict.fromkeys(row["machine"] for row in self.rows.values())
-        text = ["\n".join(machines), *(markdown(row) for row in self.rows.values()), targets.markdown(self.rows)]
+        text = [
+            "\n".join(machines),
+            *(markdown(row) for row in self.rows.values()),
+            targets.markdown(self.rows),
+        ]
         (self.folder / "yardstick.md").write_text("\n\n".join(text) + "\n")
         plots.draw(self.rows, self.folder)
         print(f"Written to {self.folder}")
@@ -42,13 +51,18 @@ class Report:
 def machine():
     """The machine, and how busy it was before anything was measured: noise that all senders share."""
     lines = Path("/proc/cpuinfo").read_text().splitlines()
-    model = next((line.split(":")[1].strip() for line in lines if line.startswith("model name")), "unknown processor")
+    model = next(
+        (line.split(":")[1].strip() for line in lines if line.startswith("model name")), "unknown processor"
+    )
     virtual = ", virtual machine" if any("hypervisor" in line for line in lines) else ""
     before = busy_ticks()
     time.sleep(1)
     busy, total = (after - first for after, first in zip(busy_ticks(), before))
-    return (f"{os.cpu_count()} × {model}{virtual}, Linux {platform.release()}, {time.strftime('%Y-%m-%d %H:%M %Z')}, "
-            f"{100 * busy / total:.0f} % of the processors busy with something else before the run")
+    return (
+        f"{os.cpu_count()} × {model}{virtual}, Linux {platform.release()}, "
+        f"{time.strftime('%Y-%m-%d %H:%M %Z')}, "
+        f"{100 * busy / total:.0f} % of the processors busy with something else before the run"
+    )
 
 
 def busy_ticks():
@@ -70,12 +84,18 @@ def shown(value):
 
 def markdown(row):
     names = [f"{measure} ({unit})" if unit else measure for measure, unit in row["units"].items()]
-    lines = [f"### {row['title']}", "", "| median (worst round) | " + " | ".join(names) + " |",
-             "|---" + "|--:" * len(names) + "|"]
+    lines = [
+        f"### {row['title']}",
+        "",
+        "| median (worst round) | " + " | ".join(names) + " |",
+        "|---" + "|--:" * len(names) + "|",
+    ]
     for sender, rounds in row["rounds"].items():
         cells = []
         for measure in row["units"]:
             values = [measured[measure] for measured in rounds if measure in measured]
-            cells.append(f"{shown(statistics.median(values))} ({shown(worst(measure, values))})" if values else "–")
+            cells.append(
+                f"{shown(statistics.median(values))} ({shown(worst(measure, values))})" if values else "–"
+            )
         lines.append(f"| {sender} | " + " | ".join(cells) + " |")
     return "\n".join(lines)

@@ -62,8 +62,10 @@ class Yardstick:
 
     def paced(self, megabits, names):
         seconds = self.seconds
-        table = Table(f"{megabits} Mb/s: gap error, rate error against CLOCK_MONOTONIC, processor",
-                      {"p50": "µs", "p99": "µs", "p99.9": "µs", "max": "µs", "rate": "ppm", "cpu": "%"})
+        table = Table(
+            f"{megabits} Mb/s: gap error, rate error against CLOCK_MONOTONIC, processor",
+            {"p50": "µs", "p99": "µs", "p99.9": "µs", "max": "µs", "rate": "ppm", "cpu": "%"},
+        )
 
         def measure(name, command):
             recording, cpu = self.record(command, megabits, seconds)
@@ -71,32 +73,63 @@ class Yardstick:
             errors = numpy.sort(numpy.abs(numpy.diff(recording.times) - gap) / 1000)
             ranks = numpy.unique(numpy.geomspace(1, len(errors), 400).astype(int))
             table.draw(name, errors[-ranks], ranks / len(errors))
-            return {**analysis.gap_errors(recording.times, gap),
-                    "rate": analysis.rate_error(recording.times, gap), "cpu": cpu * 100}
+            return {
+                **analysis.gap_errors(recording.times, gap),
+                "rate": analysis.rate_error(recording.times, gap),
+                "cpu": cpu * 100,
+            }
 
         return self.alternate(self.pick(names), table, measure)
 
     def pick(self, names):
         every = {
-            "tcpreplay (gtod)": self.senders.tcpreplay("gtod"), "tcpreplay (nano)": self.senders.tcpreplay("nano"),
-            "tcpreplay (select)": self.senders.tcpreplay("select"), "multicat": self.senders.multicat,
-            "multicat -i": self.senders.multicat_realtime, "GStreamer": self.senders.gstreamer,
-            "ffmpeg": self.senders.ffmpeg, "bare pacing": self.senders.bare_pacing,
-            "ipplay": self.senders.ipplay, "ipplay --economy": self.senders.ipplay_economy,
-            "library": self.senders.library()}
+            "tcpreplay (gtod)": self.senders.tcpreplay("gtod"),
+            "tcpreplay (nano)": self.senders.tcpreplay("nano"),
+            "tcpreplay (select)": self.senders.tcpreplay("select"),
+            "multicat": self.senders.multicat,
+            "multicat -i": self.senders.multicat_realtime,
+            "GStreamer": self.senders.gstreamer,
+            "ffmpeg": self.senders.ffmpeg,
+            "bare pacing": self.senders.bare_pacing,
+            "ipplay": self.senders.ipplay,
+            "ipplay --economy": self.senders.ipplay_economy,
+            "library": self.senders.library(),
+        }
         return {name: every[name] for name in names}
 
     def rate2(self):
         return self.paced(2, ["tcpreplay (nano)", "multicat", "ipplay"])
 
     def rate10(self):
-        return self.paced(10, ["tcpreplay (gtod)", "tcpreplay (nano)", "tcpreplay (select)", "multicat",
-                               "multicat -i", "GStreamer", "ffmpeg", "bare pacing", "ipplay",
-                               "ipplay --economy"])
+        return self.paced(
+            10,
+            [
+                "tcpreplay (gtod)",
+                "tcpreplay (nano)",
+                "tcpreplay (select)",
+                "multicat",
+                "multicat -i",
+                "GStreamer",
+                "ffmpeg",
+                "bare pacing",
+                "ipplay",
+                "ipplay --economy",
+            ],
+        )
 
     def rate100(self):
-        return self.paced(100, ["tcpreplay (gtod)", "tcpreplay (nano)", "multicat", "GStreamer", "ffmpeg",
-                                "bare pacing", "ipplay"])
+        return self.paced(
+            100,
+            [
+                "tcpreplay (gtod)",
+                "tcpreplay (nano)",
+                "multicat",
+                "GStreamer",
+                "ffmpeg",
+                "bare pacing",
+                "ipplay",
+            ],
+        )
 
     def rate950(self):
         return self.paced(950, ["tcpreplay (gtod)", "tcpreplay (nano)", "bare pacing", "ipplay", "library"])
@@ -106,8 +139,10 @@ class Yardstick:
 
     def busy(self):
         """Both processors busy for a time, at 10 Mb/s; what is left of it afterwards."""
-        table = Table("10 Mb/s while stress-ng keeps every processor busy",
-                      {"p50": "µs", "p99": "µs", "p99.9": "µs", "max": "µs", "delay after": "µs", "cpu": "%"})
+        table = Table(
+            "10 Mb/s while stress-ng keeps every processor busy",
+            {"p50": "µs", "p99": "µs", "p99.9": "µs", "max": "µs", "delay after": "µs", "cpu": "%"},
+        )
 
         def measure(name, command):
             argv = command(10, int(self.seconds + 4))
@@ -121,12 +156,19 @@ class Yardstick:
             times = result[0].times
             late = analysis.lateness(times, gap_ns(10))
             before, after = times < start - 3e8, times > times[-1] - 3e8
-            return {**analysis.gap_errors(result[0].between(start, end).times, gap_ns(10)),
-                    "delay after": float(numpy.median(late[after]) - numpy.median(late[before])),
-                    "cpu": spent / (end - start) * 100}
+            return {
+                **analysis.gap_errors(result[0].between(start, end).times, gap_ns(10)),
+                "delay after": float(numpy.median(late[after]) - numpy.median(late[before])),
+                "cpu": spent / (end - start) * 100,
+            }
 
-        return self.alternate(self.pick(["tcpreplay (nano)", "tcpreplay (gtod)", "multicat", "multicat -i",
-                                         "bare pacing", "ipplay"]), table, measure)
+        return self.alternate(
+            self.pick(
+                ["tcpreplay (nano)", "tcpreplay (gtod)", "multicat", "multicat -i", "bare pacing", "ipplay"]
+            ),
+            table,
+            measure,
+        )
 
     # As fast as possible.
 
@@ -147,19 +189,31 @@ class Yardstick:
     def top(self):
         """Top speed, counted by the far adapter, and whether what is reported as sent has arrived."""
         table = Table("Top speed", {"frames/s": "1/s", "cpu/frame": "ns", "reported/arrived": ""})
-        return self.alternate({
-            "tcpreplay --topspeed": self.senders.tcpreplay_top, "trafgen": self.senders.trafgen_top,
-            "bare sendmmsg": self.senders.sendmmsg_top, "library": self.senders.library_top()}, table, self.measure_top)
+        return self.alternate(
+            {
+                "tcpreplay --topspeed": self.senders.tcpreplay_top,
+                "trafgen": self.senders.trafgen_top,
+                "bare sendmmsg": self.senders.sendmmsg_top,
+                "library": self.senders.library_top(),
+            },
+            table,
+            self.measure_top,
+        )
 
     def copies(self):
         """What a frame costs when it is one of 1,000 streams, at top speed and at 1 Gb/s in all."""
-        table = Table("1,000 replicated streams against one",
-                      {"frames/s": "1/s", "cpu/frame": "ns", "rate": "ppm", "cpu": "%", "reported/arrived": ""})
+        table = Table(
+            "1,000 replicated streams against one",
+            {"frames/s": "1/s", "cpu/frame": "ns", "rate": "ppm", "cpu": "%", "reported/arrived": ""},
+        )
 
         def measure(name, copies):
             top = self.measure_top(name, self.senders.library_top(copies))
-            recording, cpu = self.record(lambda _, seconds: self.senders.library(str(copies))(1000 / copies, seconds),
-                                         1000, self.seconds)
+            recording, cpu = self.record(
+                lambda _, seconds: self.senders.library(str(copies))(1000 / copies, seconds),
+                1000,
+                self.seconds,
+            )
             return {**top, "rate": analysis.rate_error(recording.times, gap_ns(1000)), "cpu": cpu * 100}
 
         return self.alternate({"1 stream": 1, "1,000 streams": 1000}, table, measure)
@@ -176,8 +230,14 @@ class Yardstick:
             times = result[0].times
             first = times[numpy.searchsorted(times, called - result[0].realtime_lead)]
             taken = (first - (called - result[0].realtime_lead)) / 1e6
-            table.add("library", {"p50": float(numpy.median(taken)), "p99": analysis.percentile(taken, 99),
-                                  "max": float(taken.max())})
+            table.add(
+                "library",
+                {
+                    "p50": float(numpy.median(taken)),
+                    "p99": analysis.percentile(taken, 99),
+                    "max": float(taken.max()),
+                },
+            )
         return table
 
     def record_library(self, megabits, seconds, *settings):
@@ -191,22 +251,30 @@ class Yardstick:
     def record_batches(self, batch, *settings):
         """The same at 10 Mb/s without the last batches, which a stop sends before their time."""
         times, launched = self.record_library(10, 1.5, *settings)
-        return times[:-2 * batch], launched
+        return times[: -2 * batch], launched
 
     def patterns(self):
         """Jitter and bursts as measured, against what they are defined to be."""
-        table = Table("Jitter patterns and bursts at 10 Mb/s, against the computed gaps",
-                      {"correlation": "", "median offset": "µs"})
+        table = Table(
+            "Jitter patterns and bursts at 10 Mb/s, against the computed gaps",
+            {"correlation": "", "median offset": "µs"},
+        )
         gap = gap_ns(10) / 1000
-        amounts = {jitter_model.SQUARE: 400, jitter_model.GAUSSIAN: 50, jitter_model.SQUARED_DIFFERENCE: 50,
-                   jitter_model.SINE: 50}
+        amounts = {
+            jitter_model.SQUARE: 400,
+            jitter_model.GAUSSIAN: 50,
+            jitter_model.SQUARED_DIFFERENCE: 50,
+            jitter_model.SINE: 50,
+        }
         for _ in range(self.rounds):
             for pattern, amount in amounts.items():
                 batch = 200 if pattern == jitter_model.SINE else 10
                 times, launched = self.record_batches(batch, f"jitter={pattern}:{amount}")
                 measured = numpy.diff(times) / 1000
                 seeds = range(launched // 1_000_000, times[0] // 1_000_000 + 1)
-                correlation, apart, computed = jitter_model.best_agreement(measured, pattern, amount, gap, batch, seeds)
+                correlation, apart, computed = jitter_model.best_agreement(
+                    measured, pattern, amount, gap, batch, seeds
+                )
                 name = jitter_model.NAMES[pattern]
                 table.draw(name, measured[:100], computed[:100])
                 table.add(name, {"correlation": correlation, "median offset": apart})
@@ -224,15 +292,22 @@ class Yardstick:
 
     def catch_up(self):
         """What a receiver sees after a pause of 200 ms, and after the ring was empty for as long."""
-        table = Table("After 200 ms without frames",
-                      {"longest gap": "ms", "back on the grid after": "ms", "delay after": "µs"})
-        modes = {"single frames, 10 Mb/s": (10, 1, []), "batches of 10, 100 Mb/s": (100, 1, []),
-                 "bursts of 20, 10 Mb/s": (10, 20, ["burst=20"])}
+        table = Table(
+            "After 200 ms without frames",
+            {"longest gap": "ms", "back on the grid after": "ms", "delay after": "µs"},
+        )
+        modes = {
+            "single frames, 10 Mb/s": (10, 1, []),
+            "batches of 10, 100 Mb/s": (100, 1, []),
+            "bursts of 20, 10 Mb/s": (10, 20, ["burst=20"]),
+        }
         for mode, (megabits, together, settings) in modes.items():
             for cause in ("pause", "starve"):
                 times, _ = self.record_library(megabits, 2, f"{cause}=0.5:0.2", *settings)
                 name = f"{cause}: {mode}"
-                table.add(name, self.after_silence(times[::together], gap_ns(megabits) * together, table, name))
+                table.add(
+                    name, self.after_silence(times[::together], gap_ns(megabits) * together, table, name)
+                )
         return table
 
     @staticmethod
@@ -242,19 +317,38 @@ class Yardstick:
         silence = int(numpy.argmax(numpy.diff(times)))
         resumed = times[silence + 1]
         table.draw(name, (times - times[0]) / 1e9, late / 1000)
-        back = numpy.flatnonzero(late[silence + 1:] < 1000)
-        return {"longest gap": float(resumed - times[silence]) / 1e6,
-                "back on the grid after": float(times[silence + 1 + back[0]] - resumed) / 1e6 if len(back) else math.nan,
-                "delay after": float(numpy.median(late[times > times[-1] - 5e8]) - numpy.median(late[:silence]))}
+        back = numpy.flatnonzero(late[silence + 1 :] < 1000)
+        return {
+            "longest gap": float(resumed - times[silence]) / 1e6,
+            "back on the grid after": float(times[silence + 1 + back[0]] - resumed) / 1e6
+            if len(back)
+            else math.nan,
+            "delay after": float(numpy.median(late[times > times[-1] - 5e8]) - numpy.median(late[:silence])),
+        }
 
     def judges(self):
-        """The same two seconds judged by this receiver and by ipplay measure, each with a capture of its own."""
-        table = Table("Two judges of the same frames at 10 Mb/s", {"p50": "µs", "p99": "µs", "max": "µs", "rate": "ppm"})
+        """The same two seconds judged by this receiver and by ipplay measure, each with its own capture."""
+        table = Table(
+            "Two judges of the same frames at 10 Mb/s", {"p50": "µs", "p99": "µs", "max": "µs", "rate": "ppm"}
+        )
         gap = gap_ns(10)
         for _ in range(self.rounds):
             measuring = subprocess.Popen(
-                self.bed.far + [self.senders.ipplay_program, "measure", self.bed.FAR, "--json", "--duration", "2s",
-                                "--expect-rate", "10M"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                self.bed.far
+                + [
+                    self.senders.ipplay_program,
+                    "measure",
+                    self.bed.FAR,
+                    "--json",
+                    "--duration",
+                    "2s",
+                    "--expect-rate",
+                    "10M",
+                ],
+                stdout=subprocess.PIPE,
+                stderr=subprocess.PIPE,
+                text=True,
+            )
             while not measuring.stderr.readline().startswith("Measuring on"):
                 pass
             with self.bed.recording() as result, self.bed.sender(self.senders.library()(10, 3)) as sender:
@@ -262,17 +356,32 @@ class Yardstick:
                 sender.wait()
             times = result[0].times[result[0].times <= result[0].times[0] + 2e9]
             errors = seen["spacing"]["gap_error_ns"]
-            table.add("ipplay measure", {"rate": seen["rate"]["error_ppm"],
-                                         **{name: errors[name] / 1000 for name in ("p50", "p99", "max")}})
-            table.add("wire_receiver", {**analysis.gap_errors(times, gap), "rate": analysis.rate_error(times, gap)})
+            table.add(
+                "ipplay measure",
+                {
+                    "rate": seen["rate"]["error_ppm"],
+                    **{name: errors[name] / 1000 for name in ("p50", "p99", "max")},
+                },
+            )
+            table.add(
+                "wire_receiver", {**analysis.gap_errors(times, gap), "rate": analysis.rate_error(times, gap)}
+            )
         return table
 
     def pump(self):
         """The pump's work on a frame, and the checksum in it."""
         shown = subprocess.run(
-            [self.bed.programs / "frame_path_bench", "--benchmark_format=json", f"--benchmark_repetitions={self.rounds}",
-             "--benchmark_min_time=0.1", "--benchmark_filter=FramePath/ipv[46]/1$|UdpChecksum"],
-            capture_output=True, check=True, text=True).stdout
+            [
+                self.bed.programs / "frame_path_bench",
+                "--benchmark_format=json",
+                f"--benchmark_repetitions={self.rounds}",
+                "--benchmark_min_time=0.1",
+                "--benchmark_filter=FramePath/ipv[46]/1$|UdpChecksum",
+            ],
+            capture_output=True,
+            check=True,
+            text=True,
+        ).stdout
         table = Table("Pump work on a frame of 1,370 bytes", {"time": "ns"})
         for run in json.loads(shown)["benchmarks"]:
             if run["run_type"] == "iteration":
@@ -281,5 +390,18 @@ class Yardstick:
         return table
 
 
-ROWS = ["top", "rate2", "rate10", "rate100", "rate950", "rate4000", "busy", "copies", "start", "patterns",
-        "catch_up", "judges", "pump"]
+ROWS = [
+    "top",
+    "rate2",
+    "rate10",
+    "rate100",
+    "rate950",
+    "rate4000",
+    "busy",
+    "copies",
+    "start",
+    "patterns",
+    "catch_up",
+    "judges",
+    "pump",
+]

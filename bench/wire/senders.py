@@ -11,8 +11,10 @@ from pathlib import Path
 FRAME = 1370
 PAYLOAD = 7 * 188
 GROUP, PORT = "239.1.2.3", 5004
-HEADER = bytes.fromhex("01005e010203 020000000001 0800"
-                       "4500054c0000400010116a4f 0a4d0001 ef010203 9c40138c05380000".replace(" ", ""))
+HEADER = bytes.fromhex(
+    "01005e010203 020000000001 0800"
+    "4500054c0000400010116a4f 0a4d0001 ef010203 9c40138c05380000".replace(" ", "")
+)
 
 
 def gap_ns(megabits):
@@ -37,11 +39,41 @@ class Material:
             rate = stream_rate(megabits)
             video = min(rate // 2, 4_000_000)
             subprocess.run(
-                ["ffmpeg", "-nostdin", "-loglevel", "error", "-f", "lavfi", "-i", "testsrc=size=352x288:rate=25",
-                 "-t", str(seconds), "-c:v", "mpeg2video", "-b:v", str(video), "-maxrate", str(video),
-                 "-bufsize", "1M", "-f", "mpegts", "-muxrate", str(rate), "-pcr_period", "20", path], check=True)
-            subprocess.run(["ingests", "-p", "256", path], check=True, stdout=subprocess.DEVNULL,
-                           stderr=subprocess.DEVNULL)
+                [
+                    "ffmpeg",
+                    "-nostdin",
+                    "-loglevel",
+                    "error",
+                    "-f",
+                    "lavfi",
+                    "-i",
+                    "testsrc=size=352x288:rate=25",
+                    "-t",
+                    str(seconds),
+                    "-c:v",
+                    "mpeg2video",
+                    "-b:v",
+                    str(video),
+                    "-maxrate",
+                    str(video),
+                    "-bufsize",
+                    "1M",
+                    "-f",
+                    "mpegts",
+                    "-muxrate",
+                    str(rate),
+                    "-pcr_period",
+                    "20",
+                    path,
+                ],
+                check=True,
+            )
+            subprocess.run(
+                ["ingests", "-p", "256", path],
+                check=True,
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+            )
         return path
 
     def capture(self):
@@ -72,8 +104,17 @@ class Senders:
 
     def tcpreplay(self, timer):
         return lambda megabits, seconds: [
-            "tcpreplay", "-q", "-K", "-l", "0", f"--timer={timer}", f"--mbps={megabits}", "-i", self.device,
-            self.material.capture()]
+            "tcpreplay",
+            "-q",
+            "-K",
+            "-l",
+            "0",
+            f"--timer={timer}",
+            f"--mbps={megabits}",
+            "-i",
+            self.device,
+            self.material.capture(),
+        ]
 
     def multicat(self, megabits, seconds):
         return ["multicat", "-u", self.material.stream(megabits, seconds + 2), f"{GROUP}:{PORT}"]
@@ -82,30 +123,74 @@ class Senders:
         return ["multicat", "-i", "1", *self.multicat(megabits, seconds)[1:]]
 
     def gstreamer(self, megabits, seconds):
-        return ["gst-launch-1.0", "-q", "filesrc", f"location={self.material.stream(megabits, seconds + 2)}", "!",
-                "tsparse", "set-timestamps=true", "alignment=7", "!", "rtpmp2tpay", f"mtu={PAYLOAD + 12}", "!",
-                "udpsink", f"host={GROUP}", f"port={PORT}", "auto-multicast=false"]
+        return [
+            "gst-launch-1.0",
+            "-q",
+            "filesrc",
+            f"location={self.material.stream(megabits, seconds + 2)}",
+            "!",
+            "tsparse",
+            "set-timestamps=true",
+            "alignment=7",
+            "!",
+            "rtpmp2tpay",
+            f"mtu={PAYLOAD + 12}",
+            "!",
+            "udpsink",
+            f"host={GROUP}",
+            f"port={PORT}",
+            "auto-multicast=false",
+        ]
 
     def ffmpeg(self, megabits, seconds):
         rate = stream_rate(megabits)
-        return ["ffmpeg", "-nostdin", "-loglevel", "error", "-re", "-i",
-                self.material.stream(megabits, seconds + 2), "-c", "copy", "-f", "mpegts", "-muxrate", str(rate),
-                f"udp://{GROUP}:{PORT}?pkt_size={PAYLOAD}&bitrate={rate}"]
+        return [
+            "ffmpeg",
+            "-nostdin",
+            "-loglevel",
+            "error",
+            "-re",
+            "-i",
+            self.material.stream(megabits, seconds + 2),
+            "-c",
+            "copy",
+            "-f",
+            "mpegts",
+            "-muxrate",
+            str(rate),
+            f"udp://{GROUP}:{PORT}?pkt_size={PAYLOAD}&bitrate={rate}",
+        ]
 
     def bare_pacing(self, megabits, seconds):
         return [self.programs / "bare_pacing", self.device, FRAME, round(megabits * 1e6), seconds + 2]
 
     def ipplay(self, megabits, seconds):
-        return [self.ipplay_program, "play", self.material.stream(min(megabits, 100), 3), "--to",
-                f"rtp://{GROUP}:{PORT}", "--device", self.device, "--frame-bitrate", f"{megabits}M",
-                "--loop", "forever", "--quiet"]
+        return [
+            self.ipplay_program,
+            "play",
+            self.material.stream(min(megabits, 100), 3),
+            "--to",
+            f"rtp://{GROUP}:{PORT}",
+            "--device",
+            self.device,
+            "--frame-bitrate",
+            f"{megabits}M",
+            "--loop",
+            "forever",
+            "--quiet",
+        ]
 
     def ipplay_economy(self, megabits, seconds):
         return [*self.ipplay(megabits, seconds), "--economy"]
 
     def library(self, *settings):
         return lambda megabits, seconds: [
-            self.programs / "play_steady", self.device, megabits, seconds, *(settings or ["1"])]
+            self.programs / "play_steady",
+            self.device,
+            megabits,
+            seconds,
+            *(settings or ["1"]),
+        ]
 
     # As fast as they can.
 

@@ -16,8 +16,9 @@ class Medians:
 
     def least(self, row, measure, *names):
         """The best of the senders whose names begin with one of these."""
-        return min(self.of(row, sender, measure) for sender in self.rows[row]["rounds"]
-                   if sender.startswith(names))
+        return min(
+            self.of(row, sender, measure) for sender in self.rows[row]["rounds"] if sender.startswith(names)
+        )
 
     def all(self, row, measure):
         return [self.of(row, sender, measure) for sender in self.rows[row]["rounds"]]
@@ -35,14 +36,26 @@ def rate(row, sender="ipplay"):
 
 
 TARGETS = [
-    ("top speed / bare sendmmsg", AT_LEAST, 0.95,
-     lambda m: m.of("top", "library", "frames/s") / m.of("top", "bare sendmmsg", "frames/s")),
-    ("top speed / tcpreplay", AT_LEAST, 1.7,
-     lambda m: m.of("top", "library", "frames/s") / m.of("top", "tcpreplay --topspeed", "frames/s")),
+    (
+        "top speed / bare sendmmsg",
+        AT_LEAST,
+        0.95,
+        lambda m: m.of("top", "library", "frames/s") / m.of("top", "bare sendmmsg", "frames/s"),
+    ),
+    (
+        "top speed / tcpreplay",
+        AT_LEAST,
+        1.7,
+        lambda m: m.of("top", "library", "frames/s") / m.of("top", "tcpreplay --topspeed", "frames/s"),
+    ),
     ("10 Mb/s, gap error p99 / tcpreplay", AT_MOST, 1, gap_ratio("rate10", "p99", "tcpreplay")),
     ("10 Mb/s, processor (%)", AT_MOST, 12, lambda m: m.of("rate10", "ipplay", "cpu")),
-    ("10 Mb/s, --economy: gap error p99 / multicat", AT_MOST, 1,
-     lambda m: m.of("rate10", "ipplay --economy", "p99") / m.least("rate10", "p99", "multicat")),
+    (
+        "10 Mb/s, --economy: gap error p99 / multicat",
+        AT_MOST,
+        1,
+        lambda m: m.of("rate10", "ipplay --economy", "p99") / m.least("rate10", "p99", "multicat"),
+    ),
     ("10 Mb/s, --economy: processor (%)", AT_MOST, 3, lambda m: m.of("rate10", "ipplay --economy", "cpu")),
     ("10 Mb/s, gap error p99.9 / best peer", AT_MOST, 0.5, gap_ratio("rate10", "p99.9", *PEERS)),
     ("100 Mb/s, gap error p99 / tcpreplay", AT_MOST, 1, gap_ratio("rate100", "p99", "tcpreplay")),
@@ -53,9 +66,18 @@ TARGETS = [
     ("950 Mb/s, rate error (ppm)", AT_MOST, 5, rate("rate950")),
     ("4 Gb/s, rate error (ppm)", AT_MOST, 5, rate("rate4000", "library")),
     ("busy processors, gap error p99 / tcpreplay", AT_MOST, 0.5, gap_ratio("busy", "p99", "tcpreplay")),
-    ("busy processors, delay afterwards (µs)", AT_MOST, 10, lambda m: abs(m.of("busy", "ipplay", "delay after"))),
-    ("1,000 streams, cost of a frame / one stream", AT_MOST, 1.1,
-     lambda m: m.of("copies", "1,000 streams", "cpu/frame") / m.of("copies", "1 stream", "cpu/frame")),
+    (
+        "busy processors, delay afterwards (µs)",
+        AT_MOST,
+        10,
+        lambda m: abs(m.of("busy", "ipplay", "delay after")),
+    ),
+    (
+        "1,000 streams, cost of a frame / one stream",
+        AT_MOST,
+        1.1,
+        lambda m: m.of("copies", "1,000 streams", "cpu/frame") / m.of("copies", "1 stream", "cpu/frame"),
+    ),
     ("1,000 streams, rate error (ppm)", AT_MOST, 5, rate("copies", "1,000 streams")),
     ("IPStart to first frame (ms)", AT_MOST, 3, lambda m: m.of("start", "library", "p50")),
     ("patterns, least correlation", AT_LEAST, 0.99, lambda m: min(m.all("patterns", "correlation"))),

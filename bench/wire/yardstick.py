@@ -11,7 +11,9 @@ from senders import Material, Senders
 
 
 def parse():
-    parser = argparse.ArgumentParser(prog="bench/wire/run.sh", description="Measures ipplayout beside its peers.")
+    parser = argparse.ArgumentParser(
+        prog="bench/wire/run.sh", description="Measures ipplayout beside its peers."
+    )
     parser.add_argument("--only", metavar="ROW", action="append", choices=ROWS, help="of " + ", ".join(ROWS))
     parser.add_argument("--long", action="store_true", help="30 s per measurement at a rate")
     parser.add_argument("--rounds", type=int, default=5)
@@ -28,8 +30,13 @@ def main():
     report = Report(arguments.out)
     with tempfile.TemporaryDirectory(prefix="yardstick-") as directory:
         bed = Bed(arguments.near, arguments.far, arguments.programs)
-        yardstick = Yardstick(bed, Senders(bed, Material(directory)), arguments.rounds,
-                              30 if arguments.long else 1.5, arguments.sender)
+        yardstick = Yardstick(
+            bed,
+            Senders(bed, Material(directory)),
+            arguments.rounds,
+            30 if arguments.long else 1.5,
+            arguments.sender,
+        )
         for row in arguments.only or ROWS:
             began = time.monotonic()
             report.add(row, getattr(yardstick, row)(), time.monotonic() - began)

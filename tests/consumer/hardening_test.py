@@ -8,12 +8,14 @@ import sys
 
 
 def readelf(*arguments):
-    return subprocess.run(["readelf", "--wide", *arguments], check=True, text=True, stdout=subprocess.PIPE).stdout
+    return subprocess.run(["readelf", "--wide", *arguments], check=True, text=True,
+                          stdout=subprocess.PIPE).stdout
 
 
 def landing_pads(path):
     """How many places of the code an indirect jump may lead to: those marked with endbr64."""
-    executable = re.findall(r"^ +LOAD +(0x\w+) 0x\w+ 0x\w+ (0x\w+) 0x\w+ R E", readelf("--segments", path), re.M)
+    executable = re.findall(r"^ +LOAD +(0x\w+) 0x\w+ 0x\w+ (0x\w+) 0x\w+ R E",
+                            readelf("--segments", path), re.M)
     with open(path, "rb") as file:
         content = file.read()
     return sum(content[int(offset, 16):int(offset, 16) + int(size, 16)].count(b"\xf3\x0f\x1e\xfa")
@@ -22,12 +24,14 @@ def landing_pads(path):
 
 def check(path):
     """Name of each protection -> whether the file has it."""
-    header, segments, dynamic = (readelf(option, path) for option in ("--file-header", "--segments", "--dynamic"))
+    header, segments, dynamic = (readelf(option, path)
+                                 for option in ("--file-header", "--segments", "--dynamic"))
     symbols = readelf("--dyn-syms", path)
     writable = re.findall(r"^ +(?:LOAD|GNU_STACK) .*? (RWE?|R E|R|E| WE)  *0x", segments, re.M)
     found = {
         "position-independent": "Type:                              DYN" in header,
-        "read-only relocations": "GNU_RELRO" in segments and re.search(r"BIND_NOW|Flags:.* NOW", dynamic) is not None,
+        "read-only relocations": ("GNU_RELRO" in segments
+                                  and re.search(r"BIND_NOW|Flags:.* NOW", dynamic) is not None),
         "no text relocations": "TEXTREL" not in dynamic,
         "no executable stack": re.search(r"GNU_STACK .* RW +0x", segments) is not None,
         "nothing writable and executable": "RWE" not in writable,

@@ -115,7 +115,6 @@ class Written(FileCase):
         self.assertEqual(status, FAILED)
         self.assertIn("/dev/full: cannot be written: No space left on device", errors)
 
-
     def test_results_that_cannot_be_written(self):
         for command in (("devices",), ("measure", self.frames, "--json"), ("play", SAMPLE, *TARGET, "--dry-run"), ("--help",)):
             with self.subTest(command), open("/dev/full", "w", encoding="ascii") as full:

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
 """What leaves the adapter is what was ordered: payload, rates, RTP time, headers."""
 import os
-import re
 import subprocess
 import unittest
 

@@ -45,7 +45,7 @@ def be_stopped_by_a_signal(host, data):
 def fork_while_playing(host, data):
     """Children end at once, by exit with its destructors, or turn into another program."""
     part = len(data) // 12 * 4
-    ends = lambda: os._exit(0), lambda: libc.exit(0), lambda: os.execlp("true", "true")
+    ends = (lambda: os._exit(0), lambda: libc.exit(0), lambda: os.execlp("true", "true"))
     for end, start in zip(ends, range(0, len(data), part)):
         host.library.write(data[start:start + part])
         child = os.fork()

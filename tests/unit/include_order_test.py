@@ -46,7 +46,8 @@ def system_header_is_allowed(folder, name):
 
 
 def check(files):
-    """`files`: path -> text. The includes of the project's own files as a graph of stems, and what is wrong."""
+    """`files`: path -> text. The includes of the project's own files as a graph
+    of stems, and what is wrong."""
     edges, problems = {}, []
     for path, text in files.items():
         for bracket, name in INCLUDE.findall(text):
