@@ -4,17 +4,14 @@
 #include <algorithm>
 #include <cmath>
 
+#include "ipplayout/limits.h"
+
 namespace ipplayout {
 namespace {
 
 constexpr std::uint32_t kTtsPacketSize = 192;
 constexpr std::uint32_t kSizeByBytes = 0;
 constexpr std::uint32_t kSizeByTsPackets = 1;
-
-constexpr double kSingleFrameLimit = 80000000;  // bit/s up to which every frame is paced alone
-constexpr std::uint32_t kBatchSize = 10;
-constexpr std::uint32_t kSineBatchSize = 200;  // two cycles of the sine pattern
-constexpr std::uint32_t kSinePattern = 3;
 
 constexpr double kStartShare = 0.8;
 
@@ -72,13 +69,8 @@ std::optional<DatagramLayout> LayOutDatagram(const PlayoutSettings& settings,
 
 std::uint32_t PacketsPerQueue(const PlayoutSettings& settings, std::uint32_t burst_count) {
   const ParametricSettings& parametric = settings.parametric;
-  if (parametric.BurstMode == 1) {
-    return burst_count;
-  }
-  if (parametric.JitterEnabled == 1) {
-    return parametric.JitterDistributionType == kSinePattern ? kSineBatchSize : kBatchSize;
-  }
-  return AggregateBitRate(settings) > kSingleFrameLimit ? kBatchSize : 1;
+  return parametric.BurstMode == 1 ? burst_count
+                                   : IPPlayoutBatchFrames(&parametric, AggregateBitRate(settings));
 }
 
 std::uint32_t StartThreshold(std::uint64_t file_size, std::uint32_t capacity) {

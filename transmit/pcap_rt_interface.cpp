@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "ipplayout/limits.h"
 #include "platform/clock.h"
 #include "protocol/pdu.h"
 
@@ -15,7 +16,6 @@ constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
 constexpr std::uint32_t kFramesAtFullSpeed = 480;  // handed over
 constexpr double kLongestPacketTime = 1e9;         // seconds: keeps the arithmetic on times finite
-constexpr std::uint32_t kQueueRoomPerFrame = 24;   // for the frame's header, on top of its bytes
 
 std::uint64_t Nanoseconds(const CapturedFrame& frame) {
   return (static_cast<std::uint64_t>(frame.seconds) * 1000000 +
@@ -61,7 +61,7 @@ bool PcapRtInterface::FilterInclude() {
     queue_count_ = 0;
     finished_.store(false);
     const std::size_t capacity =
-        (std::size_t{frame_size_} + kQueueRoomPerFrame) * packets_per_queue_;
+        (std::size_t{frame_size_} + IPPLAYOUT_QUEUE_BYTES_PER_FRAME) * packets_per_queue_;
     hand_over_.Allocate(MostWaiting(), capacity);
   }
   if (handle_ == nullptr) {
