@@ -38,7 +38,7 @@ std::string FormatMac(const MacAddress& mac);
 std::string FormatIp(const IpAddress& address);
 std::string FormatTarget(const Target& target);
 
-// The group address that carries a multicast: 01:00:5e and the low 23 bits (RFC 1112), or 33:33 and
+// The MAC address of a multicast group: 01:00:5e and the low 23 bits (RFC 1112), or 33:33 and
 // the low 32 bits (RFC 2464).
 MacAddress MulticastMac(const IpAddress& group);
 

@@ -11,6 +11,9 @@
 namespace ipplay {
 namespace {
 
+static_assert(kCapDacOverride == CAP_DAC_OVERRIDE && kCapNetRaw == CAP_NET_RAW &&
+              kCapSysNice == CAP_SYS_NICE);
+
 using Capabilities = std::unique_ptr<std::remove_pointer_t<cap_t>, decltype(&cap_free)>;
 
 bool Has(cap_value_t capability) {
@@ -69,7 +72,7 @@ void KeepCapabilities(std::initializer_list<int> kept) {
     ::cap_set_flag(fewer.get(), CAP_PERMITTED, 1, &capability, CAP_SET);
     ::cap_set_flag(fewer.get(), CAP_EFFECTIVE, 1, &capability, CAP_SET);
   }
-  // To give up is always allowed.
+  // Dropping capabilities needs no right.
   ::cap_set_proc(fewer.get());
 }
 

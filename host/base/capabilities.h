@@ -13,12 +13,16 @@ namespace ipplay {
 // that looks for libraries by itself.
 std::string HowToGetRights(std::string_view capabilities);
 
-// Nothing if the process may open adapters; else what is missing and what to do about it, in one
-// line.
+// None if the process may open adapters; otherwise one line with what is missing and what to do.
 std::optional<std::string> MissingRightToSend();
 
-// Gives up all capabilities of the calling thread, and so of the threads that it starts from then
-// on, but those that are named here and there.
+// Numbers of capabilities, as linux/capability.h has them.
+inline constexpr int kCapDacOverride = 1;
+inline constexpr int kCapNetRaw = 13;
+inline constexpr int kCapSysNice = 23;
+
+// Drops all capabilities of the calling thread, and so of the threads that it starts later, except
+// those in `kept` that it has.
 void KeepCapabilities(std::initializer_list<int> kept);
 
 }  // namespace ipplay

@@ -17,18 +17,17 @@ namespace ipplay {
 // descriptor and points descriptor 1 at standard error, so main() makes it before all else.
 std::FILE* Results();
 
-// Prints as fmt::print does. What cannot be written, as to a terminal that is gone, is nobody's
-// failure.
+// Prints as fmt::print does. Write errors are ignored (see ResultsAreWritten).
 template <typename... Arguments>
 void Print(std::FILE* file, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
   const std::string text = fmt::format(format, std::forward<Arguments>(arguments)...);
   std::fwrite(text.data(), 1, text.size(), file);
 }
 
-// Whether all results so far could be written. A terminal that is gone counts as written to.
+// Whether all results so far were written. A terminal that is gone counts as written to.
 bool ResultsAreWritten();
 
-// While it lives, messages of the library go nowhere.
+// Discards the library's messages during its lifetime.
 class LibrarySilence {
  public:
   enum class Of { kOutput, kOutputAndErrors };

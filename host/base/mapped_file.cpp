@@ -30,7 +30,7 @@ Result<std::shared_ptr<const MappedFile>> MappedFile::Open(const std::string& pa
   const int error = errno;
   ::close(fd);
   if (!is_file) {
-    return failure("it is no file, or an empty one");
+    return failure("not a regular file, or an empty one");
   }
   if (memory == MAP_FAILED) {
     return failure(std::strerror(error));

@@ -14,7 +14,7 @@ namespace ipplay::measure {
 
 class MappedFile {
  public:
-  // Fails for what is not a regular file with at least one byte.
+  // Fails unless `path` is a regular file of at least one byte.
   static Result<std::shared_ptr<const MappedFile>> Open(const std::string& path);
   MappedFile(const MappedFile&) = delete;
   MappedFile& operator=(const MappedFile&) = delete;

@@ -23,6 +23,14 @@ std::optional<std::uint64_t> ParseNumber(std::string_view text, std::uint64_t lo
   return value;
 }
 
+bool IsWholeNumber(std::string_view text) {
+  text.remove_prefix(text.starts_with('-') ? 1 : 0);
+  const bool hex = text.starts_with("0x") || text.starts_with("0X");
+  text.remove_prefix(hex ? 2 : 0);
+  const char* digits = hex ? "0123456789abcdefABCDEF" : "0123456789";
+  return !text.empty() && text.find_first_not_of(digits) == std::string_view::npos;
+}
+
 std::optional<std::string> ParseText(std::string_view text) {
   if (text.empty()) {
     return std::nullopt;

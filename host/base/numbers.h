@@ -13,6 +13,9 @@ namespace ipplay {
 std::optional<std::uint64_t> ParseNumber(std::string_view text, std::uint64_t lowest,
                                          std::uint64_t highest);
 
+// Whether `text` is a whole number of any size, with or without a minus sign.
+bool IsWholeNumber(std::string_view text);
+
 // Any non-empty text.
 std::optional<std::string> ParseText(std::string_view text);
 

@@ -85,17 +85,17 @@ std::optional<Failure> OutputFile::Prepare() {
   struct stat status {};
   if (::fstatat(folder_.Get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
     if (S_ISLNK(status.st_mode)) {
-      return refuse("it is a link; allowed is a file");
+      return refuse("it is a link; give a file");
     }
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
       return OpenSpecial(status.st_uid);
     }
     if (!S_ISREG(status.st_mode)) {
-      return refuse("it is no file; allowed is a file");
+      return refuse("not a regular file; give a file");
     }
     mode_ &= status.st_mode;
   } else if (errno != ENOENT || name_.empty()) {
-    return refuse(name_.empty() ? "it is a folder; allowed is a file" : std::strerror(errno));
+    return refuse(name_.empty() ? "it is a folder; give a file" : std::strerror(errno));
   }
   std::string temporary;
   if (!CreateTemporary(temporary).IsOpen()) {
@@ -105,10 +105,10 @@ std::optional<Failure> OutputFile::Prepare() {
   return std::nullopt;
 }
 
-// Anybody may lay a FIFO into a shared folder and wait for what comes.
+// Anybody can put a FIFO into a shared folder and wait for data.
 std::optional<Failure> OutputFile::OpenSpecial(unsigned owner) {
   if (owner != ::geteuid() && owner != 0) {
-    return Refusal(ExitStatus::kUsage, "it is somebody else's FIFO or device; allowed is a file");
+    return Refusal(ExitStatus::kUsage, "the FIFO or device is another user's; give a file");
   }
   special_ = FileDescriptor(
       ::openat(folder_.Get(), name_.c_str(), O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
@@ -143,7 +143,7 @@ std::optional<Failure> OutputFile::Commit(std::string_view text) const {
     return fail(errno);
   }
   int error = WriteAll(fd.Get(), text);
-  // What a full disk or a far one refuses late, it refuses here.
+  // A full or remote disk may report the failure only now.
   if (error == 0 && ::fsync(fd.Get()) != 0) {
     error = errno;
   }

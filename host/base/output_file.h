@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A file that appears under its name only when it is whole. All files that ipplay writes go through
-// here.
+// A file that appears under its name only once it is complete. All files that ipplay writes go
+// through here.
 #pragma once
 
 #include <optional>
@@ -12,16 +12,14 @@
 
 namespace ipplay {
 
-// What is written goes to a new file in the same folder first, which then takes the name; a link
-// that lies there is not followed. Devices, FIFOs and descriptors (/dev/stdout) are written to as
-// they are.
+// The text goes to a new file in the same folder, which then takes the name; a link of that name is
+// not followed. Devices, FIFOs and descriptors (/dev/stdout) are written to directly.
 class OutputFile {
  public:
-  // Finds out whether `path` can be written, and leaves nothing behind. `option` is the one that
-  // names the file.
+  // Checks that `path` can be written, and leaves nothing behind. `option` names the file.
   static Result<OutputFile> Create(const std::string& option, const std::string& path);
 
-  // Writes the text, in place of what an older file holds. What fails leaves that as it was.
+  // Writes the text, replacing an older file. A failure leaves that file as it was.
   std::optional<Failure> Commit(std::string_view text) const;
 
  private:

@@ -13,7 +13,7 @@ std::unique_ptr<Terminal> Terminal::Open() {
   if (::isatty(STDERR_FILENO) == 0) {
     return nullptr;
   }
-  // Not standard input, which may be the stream.
+  // Standard input may be the stream.
   FileDescriptor fd(::open("/dev/tty", O_RDWR | O_NONBLOCK | O_CLOEXEC));
   termios original{};
   if (!fd.IsOpen() || ::tcgetpgrp(fd.Get()) != ::getpgrp() ||

@@ -13,11 +13,11 @@ namespace ipplay {
 
 class Terminal {
  public:
-  // Null where standard error is no terminal, or belongs to another foreground job.
+  // Null where standard error is not a terminal, or another job is in the foreground.
   static std::unique_ptr<Terminal> Open();
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
-  // Gives the terminal back as it was.
+  // Restores the terminal's settings.
   ~Terminal();
 
   // Readable when a key was pressed.
@@ -26,7 +26,7 @@ class Terminal {
   std::optional<char> ReadKey() const;
   // Columns of the screen; 80 where they are unknown.
   unsigned Columns() const;
-  // Keys one by one and unseen; needed again after the job was stopped and went on.
+  // Delivers keys one by one, without echo. Call it again when the job continues after a stop.
   void TakeKeys() const;
 
  private:

@@ -11,7 +11,7 @@
 namespace ipplay {
 
 // Bits per second, above 0: a decimal number with an optional k, M or G (factors of 1000), as in
-// "9.75M", "38810k" or "10000000". Nothing else may surround it.
+// "9.75M", "38810k" or "10000000", and nothing else.
 std::optional<double> ParseBitRate(std::string_view text);
 
 // A length of time, 0 or more: decimal numbers with h, m (or min), s, ms, us or ns, added up, as in

@@ -3,19 +3,20 @@
 
 // `ipplay demo`: plays and measures side by side.
 #include <fmt/format.h>
-#include <sys/mman.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "host/base/child_process.h"
+#include "host/base/header_lengths.h"
 #include "host/base/library_output.h"
+#include "host/base/memory_file.h"
 #include "host/base/output_file.h"
 #include "host/base/units.h"
 #include "host/cli/option_builder.h"
 #include "host/demo/demo_network.h"
 #include "host/demo/demo_stream.h"
-#include "host/demo/player_process.h"
 #include "host/measure/measure_options.h"
 #include "host/measure/measure_run.h"
 #include "host/stream/stream_facts.h"
@@ -24,7 +25,8 @@ namespace ipplay::measure {
 namespace {
 
 constexpr std::uint32_t kPacketsPerDatagram = 7;
-constexpr std::uint32_t kHeaderBytes = 14 + 20 + 8 + 12;  // Ethernet, IPv4, UDP, RTP
+constexpr std::uint32_t kHeaderBytes =
+    kEthernetHeaderBytes + kIpv4HeaderBytes + kUdpHeaderBytes + kRtpHeaderBytes;
 constexpr std::uint16_t kPort = 5004;
 
 struct DemoOptions {
@@ -48,10 +50,8 @@ Result<DemoStream> BuiltInStream(const DemoOptions& options) {
   stream.bit_rate = options.bit_rate.value_or(kBitRate);
   stream.format = {.packet_bytes = kTsPacketLength};
   const auto bytes = MakeDemoStream(stream.bit_rate, options.length);
-  // Not closed on exec: the player opens the same path.
-  stream.memory = FileDescriptor(::memfd_create("stream", 0));
-  if (::write(stream.memory.Get(), bytes.data(), bytes.size()) !=
-      static_cast<ssize_t>(bytes.size())) {
+  stream.memory = CreateMemoryFile("stream", OnExec::kKeep);  // the player opens the same path
+  if (!WriteAll(stream.memory, bytes)) {
     return Failure{ExitStatus::kFailed, "no memory for the stream"};
   }
   stream.path = fmt::format("/proc/self/fd/{}", stream.memory.Get());
@@ -74,12 +74,12 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
   const auto bit_rate = options.bit_rate ? options.bit_rate : facts->BitRate();
   if (!bit_rate) {
     return UsageFailure(
-        fmt::format("--bitrate: needed, since {} has no PCRs that tell its rate", options.file));
+        fmt::format("--bitrate is required: {} has no PCRs to take its rate from", options.file));
   }
   return DemoStream{FileDescriptor(), options.file, options.file, *bit_rate, facts->format};
 }
 
-// What `ipplay measure` would be told at the far end.
+// The command line of `ipplay measure` at the far end.
 std::vector<std::string> MeasureWords(const DemoOptions& options, const DemoStream& stream) {
   const double payload = kPacketsPerDatagram * stream.format.CountedBytes();
   const double frame = kPacketsPerDatagram * stream.format.packet_bytes + kHeaderBytes;
@@ -117,12 +117,12 @@ Result<int> RunDemo(const DemoOptions& options) {
     return network.Error();
   }
   const std::string target = fmt::format("rtp://{}:{}", DemoNetwork::kFarAddress, kPort);
-  PlayerProcess player;
+  ChildProcess player;
   measure.plain_words = true;
   measure.start_sender = [&] {
-    return player.Start(*network,
-                        {"play", stream->path, "--to", target, "--device", DemoNetwork::kNear,
-                         "--bitrate", fmt::format("{:.3f}", stream->bit_rate)});
+    return player.Start({"ipplay", "play", stream->path, "--to", target, "--device",
+                         DemoNetwork::kNear, "--bitrate", fmt::format("{:.3f}", stream->bit_rate)},
+                        [&network] { return network->EnterNear(); });
   };
   measure.sender_ended = [&] { return player.HasEnded(); };
   Print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",
@@ -162,16 +162,16 @@ void RegisterDemo(CLI::App& app, Result<int>& outcome) {
       "--length", options->length, "TIME", "100ms to 60s", "Length of the built-in stream",
       [](const std::string& text) {
         const auto length = ParseDuration(text);
-        const bool allowed = length && *length >= std::chrono::milliseconds(100) &&
-                             *length <= std::chrono::minutes(1);
-        return allowed ? length : std::nullopt;
+        const bool in_range = length && *length >= std::chrono::milliseconds(100) &&
+                              *length <= std::chrono::minutes(1);
+        return in_range ? length : std::nullopt;
       },
       "5s");
   add.Value("--report", options->report_file, "FILE", "a file", "Write a page with plots (HTML)",
             ParseText, "ipplay-demo.html");
   command->callback([options, length_option, &outcome] {
     if (!options->file.empty() && length_option->count() > 0) {
-      outcome = UsageFailure("--length: allowed with the built-in stream only, without FILE");
+      outcome = UsageFailure("--length: only the built-in stream takes a length; leave out FILE");
       return;
     }
     outcome = measure::RunDemo(*options);

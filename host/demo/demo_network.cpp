@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sched.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,7 +21,7 @@ void WriteFile(const char* path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-// Root in a user namespace may do with networks of its own what root may do.
+// Root of a user namespace has root's rights over the network namespaces that it makes.
 bool BecomeRoot() {
   const uid_t user = ::geteuid();
   const gid_t group = ::getegid();
@@ -43,15 +42,15 @@ FileDescriptor NewNamespace() {
   if (::unshare(CLONE_NEWNET) != 0) {
     return FileDescriptor();
   }
-  // Neighbour discovery would send frames that nobody has asked for. Where this cannot be said,
-  // they are counted as no UDP.
+  // Neighbour discovery would send frames of its own. Where it cannot be turned off, the
+  // measurement counts them as not UDP.
   WriteFile("/proc/sys/net/ipv6/conf/default/disable_ipv6", "1");
   return FileDescriptor(::open(kOwnNamespace, O_RDONLY | O_CLOEXEC));
 }
 
 // The commands of ip(8), one in each line.
 bool RunIp(const std::string& commands) {
-  // A fixed command; only its input differs.
+  // The command is fixed; only its input differs.
   std::FILE* const ip = ::popen("exec ip -batch -", "w");  // NOLINT(cert-env33-c)
   if (ip == nullptr) {
     return false;

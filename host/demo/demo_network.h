@@ -16,11 +16,11 @@ class DemoNetwork {
   static constexpr const char* kFar = "far";    // the receiver's
   static constexpr const char* kFarAddress = "10.77.0.2";
 
-  // Takes the calling process, which must have one thread, into the far namespace for good. Whoever
-  // is not root becomes so in a user namespace first.
+  // Moves the calling process, which must have a single thread, into the far namespace for good.
+  // Without root's rights it first becomes root of a user namespace.
   static Result<DemoNetwork> Create();
 
-  // Takes the calling thread into the near namespace.
+  // Moves the calling thread into the near namespace.
   bool EnterNear() const;
 
  private:

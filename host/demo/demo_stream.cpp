@@ -9,7 +9,7 @@
 #include <span>
 
 #include "host/measure/figures/psi_section.h"
-#include "host/stream/pcr_rate.h"
+#include "host/stream/pcr.h"
 
 namespace ipplay::measure {
 namespace {
@@ -87,8 +87,7 @@ class StreamMaker {
     std::uint8_t* packet = NewPacket(kContentPid, content_counter_);
     ts_set_unitstart(packet);
     ts_set_adaptation(packet, TS_HEADER_SIZE_PCR - TS_HEADER_SIZE - 1);
-    tsaf_set_pcr(packet, pcr / 300);
-    tsaf_set_pcrext(packet, static_cast<std::uint16_t>(pcr % 300));
+    WritePcr(packet, pcr);
     std::uint8_t* pes = packet + TS_HEADER_SIZE_PCR;
     pes_init(pes);
     pes_set_streamid(pes, PES_STREAM_ID_PRIVATE_1);
@@ -98,7 +97,7 @@ class StreamMaker {
     AddContent(number, pes + PES_HEADER_SIZE_PTS);
   }
 
-  // Numbers that depend on the packet's own, up to the packet's end.
+  // Fills the rest of the packet with pseudo-random bytes seeded with its number.
   void AddContent(std::uint64_t number, std::uint8_t* begin) {
     std::uint64_t state = (number + 1) * 0x9E3779B97F4A7C15U;
     for (std::uint8_t* at = begin; at < stream_.data() + stream_.size(); ++at) {

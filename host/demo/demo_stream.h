@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The transport stream that the demo plays when it is given none.
+// The transport stream that the demo plays by default.
 #pragma once
 
 #include <chrono>

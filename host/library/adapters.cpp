@@ -1,20 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "host/library/adapters.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <ifaddrs.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cstring>
-#include <memory>
 #include <string_view>
 
-#include "host/base/file_descriptor.h"
+#include "host/base/link.h"
 #include "host/base/numbers.h"
-#include "host/library/link.h"
+#include "host/base/route.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -49,59 +43,6 @@ Adapter FromEntry(const DeviceListEntry& entry, std::uint32_t index) {
   adapter.mtu = link.mtu;
   adapter.speed = link.speed;
   return adapter;
-}
-
-std::optional<IpAddress> FromSockaddr(const sockaddr* address) {
-  if (address == nullptr) {
-    return std::nullopt;
-  }
-  IpAddress ip;
-  if (address->sa_family == AF_INET) {
-    sockaddr_in v4{};
-    std::memcpy(&v4, address, sizeof v4);
-    std::memcpy(ip.bytes.data(), &v4.sin_addr, 4);
-    return ip;
-  }
-  if (address->sa_family == AF_INET6) {
-    sockaddr_in6 v6{};
-    std::memcpy(&v6, address, sizeof v6);
-    ip.is_v6 = true;
-    std::memcpy(ip.bytes.data(), &v6.sin6_addr, 16);
-    return ip;
-  }
-  return std::nullopt;
-}
-
-// The address that the system would send from. Connecting a UDP socket sends nothing.
-std::optional<IpAddress> RouteSource(const IpAddress& address) {
-  const FileDescriptor fd(
-      ::socket(address.is_v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_storage peer{};
-  socklen_t length = 0;
-  if (address.is_v6) {
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_port = htons(9);
-    std::memcpy(&v6.sin6_addr, address.bytes.data(), 16);
-    std::memcpy(&peer, &v6, length = sizeof v6);
-  } else {
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_port = htons(9);
-    std::memcpy(&v4.sin_addr, address.bytes.data(), 4);
-    std::memcpy(&peer, &v4, length = sizeof v4);
-    const int on = 1;
-    ::setsockopt(fd.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-  }
-  if (!fd.IsOpen() || ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&peer), length) != 0) {
-    return std::nullopt;
-  }
-  sockaddr_storage own{};
-  length = sizeof own;
-  if (::getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&own), &length) != 0) {
-    return std::nullopt;
-  }
-  return FromSockaddr(reinterpret_cast<const sockaddr*>(&own));
 }
 
 std::string Names(const std::vector<Adapter>& adapters) {
@@ -156,32 +97,14 @@ Result<Adapter> FindAdapter(const std::vector<Adapter>& adapters, const std::str
     return adapters[*index];
   }
   return Failure{ExitStatus::kNoAccess,
-                 fmt::format("--device: no such adapter; allowed are: {}", Names(adapters))};
-}
-
-std::optional<Route> RouteTo(const IpAddress& address) {
-  const auto source = RouteSource(address);
-  if (!source) {
-    return std::nullopt;
-  }
-  ifaddrs* list = nullptr;
-  if (::getifaddrs(&list) != 0) {
-    return std::nullopt;
-  }
-  const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, &freeifaddrs);
-  for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (FromSockaddr(entry->ifa_addr) == source) {
-      return Route{*source, entry->ifa_name};
-    }
-  }
-  return std::nullopt;
+                 fmt::format("--device: no such adapter; give one of: {}", Names(adapters))};
 }
 
 Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAddress& address) {
   const auto route = RouteTo(address);
   if (!route) {
     return Failure{ExitStatus::kNoAccess,
-                   fmt::format("--device: needed, since there is no route to {}; allowed are: {}",
+                   fmt::format("--device is required: there is no route to {}; give one of: {}",
                                FormatIp(address), Names(adapters))};
   }
   const auto adapter =
@@ -192,8 +115,8 @@ Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAdd
   }
   return Failure{
       ExitStatus::kNoAccess,
-      fmt::format("--device: needed, since the route to {} leads through {}, which is no "
-                  "Ethernet adapter; allowed are: {}",
+      fmt::format("--device is required: the route to {} leads through {}, which is not an "
+                  "Ethernet adapter; give one of: {}",
                   FormatIp(address), route->interface, Names(adapters))};
 }
 

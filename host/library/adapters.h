@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The adapters that can be played through, and which of them to take.
+// The adapters that can be played through, and the choice among them.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +18,9 @@ struct Adapter {
   std::string description;
   MacAddress mac{};
   std::vector<IpAddress> ipv4;
-  std::vector<IpAddress> ipv4_masks;  // in the order of ipv4, where there are as many
+  std::vector<IpAddress> ipv4_masks;  // in the order of ipv4; may be fewer
   std::vector<IpAddress> ipv6;
-  // Of the link; nothing where the system does not tell.
+  // Of the link; none where the system does not report it.
   std::optional<bool> up;
   std::optional<std::uint32_t> mtu;
   std::optional<std::uint64_t> speed;  // bits per second
@@ -29,15 +29,8 @@ struct Adapter {
 // The adapters as the library lists them, after InitIpPlayout.
 std::vector<Adapter> ListAdapters();
 
-// The adapter with this name or number; an unknown one fails with the names that there are.
+// The adapter with this name or number; the failure lists the names.
 Result<Adapter> FindAdapter(const std::vector<Adapter>& adapters, const std::string& device);
-
-// How the system would send to an address: nothing is sent to find out.
-struct Route {
-  IpAddress source;
-  std::string interface;
-};
-std::optional<Route> RouteTo(const IpAddress& address);
 
 // The adapter that the route to `address` uses.
 Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAddress& address);

@@ -47,13 +47,13 @@ Result<Destination> FindDestination(const Adapter& adapter, const IpAddress& add
   if (address.is_v6 && adapter.ipv6.size() != 1) {
     return Failure{ExitStatus::kFailed,
                    fmt::format("{} cannot be asked for its MAC address: {} has {} IPv6 addresses "
-                               "and must have one; --dst-mac gives the MAC address",
+                               "and needs exactly one; give the MAC address with --dst-mac",
                                FormatIp(address), adapter.name, adapter.ipv6.size())};
   }
   Destination destination;
   if (!Ask(adapter, address, destination.mac)) {
     return Failure{ExitStatus::kFailed,
-                   fmt::format("{} does not answer on {}; --dst-mac gives its MAC address",
+                   fmt::format("{} does not answer on {}; give its MAC address with --dst-mac",
                                FormatIp(address), adapter.name)};
   }
   if (address.is_v6) {

@@ -15,7 +15,8 @@ struct Destination {
   std::string how;  // for people: "multicast mapping", "ARP", ...
 };
 
-// What follows from the address alone; nothing is sent. Nothing when a neighbour must be asked.
+// The destination that follows from the address alone, without sending; none when a neighbour must
+// be asked.
 std::optional<Destination> DestinationWithoutAsking(const Adapter& adapter,
                                                     const IpAddress& address);
 

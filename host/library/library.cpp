@@ -8,7 +8,7 @@ namespace ipplay {
 
 Library::Library() {
   {
-    // A line for every adapter and address, which is no news to a user of ipplay.
+    // It prints a line for every adapter and address; `ipplay devices` shows them better.
     const LibrarySilence silence(LibrarySilence::Of::kOutput);
     InitIpPlayout();
   }

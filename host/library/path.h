@@ -9,11 +9,11 @@
 
 namespace ipplay {
 
-// What was found out about the way to the target.
+// The adapter, and the addresses of both ends.
 struct Path {
   Adapter adapter;
   std::optional<IpAddress> source;        // of the adapter, towards the target
-  std::optional<MacAddress> destination;  // nothing before the neighbour was asked
+  std::optional<MacAddress> destination;  // none until the neighbour is asked
 };
 
 }  // namespace ipplay

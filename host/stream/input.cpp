@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "host/stream/input.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+
+#include "host/base/readable_file.h"
 
 namespace ipplay {
 
@@ -17,22 +17,15 @@ Input::Input(FileDescriptor fd, std::string name, int stop_fd)
     : fd_(std::move(fd)), name_(std::move(name)), stop_fd_(stop_fd) {}
 
 Result<Input> Input::Open(const std::string& path, int stop_fd) {
-  const bool standard_input = path == "-";
-  FileDescriptor fd(standard_input ? ::dup(STDIN_FILENO)
-                                   : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  struct stat status {};
-  if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0) {
+  ReadableFile file = OpenForReading(path);
+  if (!file.fd.IsOpen()) {
     return UsageFailure(fmt::format("INPUT: cannot read {}: {}", path, std::strerror(errno)));
   }
-  if (S_ISDIR(status.st_mode)) {
-    return UsageFailure(fmt::format("INPUT: {} is a folder; allowed is a file or -", path));
+  if (file.is_folder) {
+    return UsageFailure(fmt::format("INPUT: {} is a folder; give a file or -", path));
   }
-  Input input(std::move(fd), standard_input ? "standard input" : path, stop_fd);
-  // A file that standard input is redirected from may have been read in part by somebody else.
-  if (S_ISREG(status.st_mode) && ::lseek(input.fd_.Get(), 0, SEEK_SET) == 0) {
-    input.size_ = static_cast<std::uint64_t>(status.st_size);
-    ::posix_fadvise(input.fd_.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  }
+  Input input(std::move(file.fd), path == "-" ? "standard input" : path, stop_fd);
+  input.size_ = file.size;
   return input;
 }
 

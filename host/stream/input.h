@@ -15,8 +15,8 @@ namespace ipplay {
 
 class Input {
  public:
-  // "-" is standard input. `stop_fd` ends a read that waits for a pipe as soon as it is readable;
-  // -1 for none.
+  // "-" is standard input. A read that waits for a pipe ends as soon as `stop_fd` is readable; -1
+  // for none.
   static Result<Input> Open(const std::string& path, int stop_fd);
 
   // The name for messages.
@@ -24,12 +24,12 @@ class Input {
   // Size of a regular file, which can also be read again; nothing for pipes and devices.
   std::optional<std::uint64_t> Size() const { return size_; }
 
-  // Reads at least one byte if there is one, waiting for it. The number of bytes; 0 at the end of
-  // the data, at a stop and after an error, which error() then tells.
+  // Waits for data and returns the number of bytes read; 0 at the end of the data, at a stop and
+  // after an error (see ReadError).
   std::size_t Read(std::span<std::uint8_t> buffer);
-  // The same, but fewer bytes than asked for come only at the end.
+  // The same, but fills the buffer unless the data ends.
   std::size_t ReadFully(std::span<std::uint8_t> buffer);
-  // Puts bytes back in front of what is read next.
+  // Puts bytes back; the next reads return them first.
   void Unread(std::vector<std::uint8_t> bytes);
   // Goes to an offset in a regular file.
   void Seek(std::uint64_t offset);

@@ -34,7 +34,7 @@ Detection DetectPacketFormat(std::span<const std::uint8_t> head, bool whole) {
   for (std::uint64_t start = 0; start < 204 && start < head.size(); ++start) {
     for (const PacketFormat format : kFormats) {
       const std::uint64_t wanted = WantedRun(head.size(), start, format);
-      // A few sync bytes prove nothing behind other bytes, nor does one that more data may belie.
+      // A few sync bytes prove nothing after other bytes, nor at the head of a stream that goes on.
       if (wanted < kWantedRun && (start > 0 || !whole)) {
         continue;
       }

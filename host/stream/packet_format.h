@@ -34,7 +34,7 @@ struct Detection {
 // come before the first packet, as in a recording that was cut anywhere.
 Detection DetectPacketFormat(std::span<const std::uint8_t> head, bool whole);
 
-// What DetectPacketFormat wants to see of a stream.
+// Bytes of a stream that DetectPacketFormat needs.
 inline constexpr std::size_t kDetectionBytes = 10 * std::size_t{204};
 
 }  // namespace ipplay

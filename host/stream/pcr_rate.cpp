@@ -12,20 +12,7 @@ double RateOf(std::uint64_t packets, std::uint64_t ticks) {
   return static_cast<double>(packets) * static_cast<double>(kPcrHz) / static_cast<double>(ticks);
 }
 
-// The adaptation field must be long enough for the flags, or for the flags and a PCR.
-bool HasAdaptation(const std::uint8_t* packet, int bytes) {
-  return ts_has_adaptation(packet) && ts_get_adaptation(packet) >= bytes;
-}
-
 }  // namespace
-
-std::optional<std::uint64_t> PcrOf(const std::uint8_t* packet) {
-  constexpr int kFlagsAndPcr = 7;
-  if (!HasAdaptation(packet, kFlagsAndPcr) || !tsaf_has_pcr(packet)) {
-    return std::nullopt;
-  }
-  return tsaf_get_pcr(packet) * 300 + tsaf_get_pcrext(packet);
-}
 
 std::uint64_t PcrRate::TicksOfStretch(std::uint64_t packets) const {
   const double seconds = static_cast<double>(packets) / packets_per_second;
@@ -38,7 +25,7 @@ std::uint64_t PcrRate::TicksOf(std::uint64_t packets) const {
 }
 
 void PcrRateMeter::Add(std::uint64_t index, const std::uint8_t* packet) {
-  const auto pcr = PcrOf(packet);
+  const auto pcr = ReadPcr(packet);
   if (!pcr) {
     return;
   }
@@ -72,7 +59,7 @@ void PcrRateMeter::Advance(Clock& clock, std::uint64_t index, std::uint64_t pcr,
 }
 
 // PCRs come at least every 100 ms, in practice up to a second apart. Between one and ten seconds
-// only a rate that suddenly falls tells a jump from a stream with rare PCRs.
+// only a sudden fall of the rate distinguishes a jump from a stream with rare PCRs.
 bool PcrRateMeter::IsJump(const Clock& clock, std::uint64_t packets, std::uint64_t ticks) {
   if (ticks == 0 || ticks > 10 * kPcrHz) {
     return true;

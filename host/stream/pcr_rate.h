@@ -1,20 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The bit rate of a transport stream as its own program clock references (PCRs) tell it.
+// The bit rate of a transport stream by its own program clock references (PCRs).
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <optional>
 
+#include "host/stream/pcr.h"
+
 namespace ipplay {
 
-inline constexpr std::uint64_t kPcrHz = 27'000'000;
-inline constexpr std::uint64_t kPcrModulus = (std::uint64_t{1} << 33) * 300;
-
-// The PCR that a 188-byte transport packet carries, in 27 MHz ticks.
-std::optional<std::uint64_t> PcrOf(const std::uint8_t* packet);
-
-// What the PCRs of one PID say.
+// The PCRs of one PID.
 struct PcrRate {
   std::uint16_t pid = 0;
   double packets_per_second = 0;  // mean over all that lies between PCRs of unbroken time
@@ -27,24 +23,24 @@ struct PcrRate {
   std::uint64_t last_packet = 0;
   std::uint64_t last_pcr = 0;
 
-  // More than the rounding of packet positions makes of a constant rate.
+  // Beyond what rounding of packet positions can do to a constant rate.
   bool IsVariable() const { return highest > lowest * 1.05; }
-  // The time of so many packets at the mean rate, in 27 MHz ticks.
+  // The time of `packets` packets at the mean rate, in 27 MHz ticks.
   std::uint64_t TicksOfStretch(std::uint64_t packets) const;
   // The time that a round of `packets` packets takes in the stream's own clock, modulo its wrap:
   // from the clock's reading at the first packet to the one behind the last.
   std::uint64_t TicksOf(std::uint64_t packets) const;
 };
 
-// Collects PCRs packet by packet. PCRs wrap after 26.5 h; a jump, or a PCR that is announced as a
-// discontinuity, starts anew without counting the bytes in between.
+// Collects PCRs packet by packet. PCRs wrap after 26.5 h; at a jump, or at a PCR that is
+// announced as a discontinuity, counting restarts without the bytes in between.
 class PcrRateMeter {
  public:
   // `packet` is the transport packet with the given index, counted from 0, in any order of PIDs.
   void Add(std::uint64_t index, const std::uint8_t* packet);
 
-  // The rate by the PCRs of `pid`, or else of the PID whose PCRs cover the most packets. Nothing
-  // where fewer than two PCRs of unbroken time were seen.
+  // The rate by the PCRs of `pid`, or by default of the PID whose PCRs cover the most packets. None
+  // with fewer than two PCRs of unbroken time.
   std::optional<PcrRate> Rate(std::optional<std::uint16_t> pid = std::nullopt) const;
 
   // Time covered so far by the PID that Rate() would choose, in seconds.

@@ -76,8 +76,8 @@ void PesTimes::Add(const std::uint8_t* packet) {
   ++times.packets;
 }
 
-// Pictures last equally long. Of audio a PES packet holds as much as its length tells, and the last
-// one often less than the others; video packets need not tell their length.
+// All pictures last equally long. The last audio packet is often shorter than the others and lasts
+// in proportion to its length; video packets need not give a length.
 std::uint64_t PesTimes::LastOne(const Times& times) {
   const std::uint64_t others = times.packets - 1;
   const bool lengths_tell = times.last_bytes > 0 && times.bytes > 0 && !times.is_video;

@@ -11,21 +11,21 @@ namespace ipplay {
 // PTS and DTS have 33 bits.
 inline constexpr std::uint64_t kPesTimeModulus = std::uint64_t{1} << 33;
 
-// The time stamps of a PES packet that a transport packet holds whole.
+// The time stamps of a PES packet, complete within one transport packet.
 struct PesStamps {
   std::uint8_t* pes = nullptr;  // the PES packet
   bool has_dts = false;
 };
 
-// Nothing where no PES packet with time stamps starts in the 188-byte transport packet.
+// None if no PES packet with time stamps starts in the 188-byte transport packet.
 std::optional<PesStamps> FindPesStamps(std::uint8_t* packet);
 
 class PesTimes {
  public:
   void Add(const std::uint8_t* packet);
 
-  // From the first PES packet to the end of the last one, in 90 kHz ticks, of the stream in which
-  // that is longest. Streams whose decoding times do not go on steadily do not count.
+  // The time from the first PES packet to the end of the last one, in 90 kHz ticks, of the longest
+  // stream. Streams whose decoding times jump do not count.
   std::uint64_t Ticks() const;
 
  private:
@@ -33,7 +33,7 @@ class PesTimes {
     std::uint64_t last = 0;
     std::uint64_t span = 0;
     std::uint64_t packets = 0;
-    std::uint64_t bytes = 0;       // of the PES packets before the last one, where they tell
+    std::uint64_t bytes = 0;       // of the PES packets before the last one, if they give it
     std::uint64_t last_bytes = 0;  // of the last one
     bool is_steady = true;
     bool is_video = false;

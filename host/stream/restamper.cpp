@@ -20,17 +20,10 @@ bool HasFlags(const std::uint8_t* packet) {
   return ts_has_adaptation(packet) && ts_get_adaptation(packet) > 0;
 }
 
-// Into the adaptation field, which has room for it; in 27 MHz ticks.
-void SetPcr(std::uint8_t* packet, std::uint64_t pcr) {
-  pcr %= kPcrModulus;
-  tsaf_set_pcr(packet, pcr / 300);
-  tsaf_set_pcrext(packet, static_cast<std::uint16_t>(pcr % 300));
-}
-
 }  // namespace
 
-// The seam is a line of slots: the packets behind the last PCR, null packets, the packets of the
-// next round up to its first PCR, and clocks between them at even distances. The clock runs on at
+// The seam is a row of slots: the packets after the last PCR, null packets, the packets of the next
+// round up to its first PCR, and PCR packets among them at even distances. The clock runs on at
 // the stream's mean rate, so that the time of a round is that of its bytes.
 std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
                                     std::uint64_t null_packets) {
@@ -126,7 +119,7 @@ Restamper::Bytes Restamper::MakePacket(const std::uint8_t* next) {
   ts_set_pid(packet, plan_.pcr_pid);
   ts_set_cc(packet, counters_[plan_.pcr_pid].last);
   ts_set_adaptation(packet, kAdaptationOnly);
-  SetPcr(packet, *pcr + offset_);
+  WritePcr(packet, *pcr + offset_);
   return made_;
 }
 
@@ -153,8 +146,8 @@ void Restamper::Restamp(std::uint8_t* packet) {
   }
 }
 
-// The first packet of a PID in a round goes on from the last one of the round before; the shift
-// that this takes then holds for the whole round, so that gaps and repetitions in the file stay.
+// The first packet of a PID in a round continues the count of the round before. The shift that this
+// takes holds for the whole round, so that gaps and repetitions in the file remain.
 void Restamper::RestampCounter(std::uint8_t* packet) {
   const std::uint16_t pid = ts_get_pid(packet);
   if (pid == kNullPid) {
@@ -177,12 +170,12 @@ void Restamper::RestampCounter(std::uint8_t* packet) {
 }
 
 void Restamper::RestampClock(std::uint8_t* packet) const {
-  if (const auto pcr = PcrOf(packet)) {
-    SetPcr(packet, *pcr + offset_);
+  if (const auto pcr = ReadPcr(packet)) {
+    WritePcr(packet, *pcr + offset_);
   }
 }
 
-// Both time stamps move, or none: a header of which only the PTS can be reached stays.
+// Both time stamps move, or neither: a header that ends after the PTS is left alone.
 void Restamper::RestampPes(std::uint8_t* packet) const {
   const auto stamps = FindPesStamps(packet);
   if (!stamps) {

@@ -15,21 +15,21 @@
 
 namespace ipplay {
 
-// A packet that is put in: a null packet, or one with nothing but a PCR.
+// An inserted packet: a null packet, or one with nothing but a PCR.
 struct SeamPacket {
-  std::uint64_t before_packet = 0;   // of the round, counted from 0 without those that are put in
+  std::uint64_t before_packet = 0;   // of the round, counted from 0 without inserted ones
   std::optional<std::uint64_t> pcr;  // in the clock of the file, 27 MHz
 };
 
 struct RestampPlan {
   std::uint64_t start_offset = 0;  // added to all clocks from the first round on, 27 MHz ticks
-  std::uint64_t round_ticks = 0;   // added once more for every further round
+  std::uint64_t round_ticks = 0;   // added again for every further round
   std::uint16_t pcr_pid = 0;
   std::vector<SeamPacket> seam{};  // in order
 };
 
-// What is put into a round of `packets` packets: so many null packets at its end, and PCRs where
-// its last one and the first one of the next round are farther apart than receivers are tested for.
+// The packets to insert at the seam of a round of `packets` packets: `null_packets` null packets at
+// its end, and extra PCRs where the gap across the seam would exceed 40 ms.
 std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
                                     std::uint64_t null_packets);
 
@@ -44,10 +44,10 @@ class Restamper {
 
   Restamper(PacketFormat format, RestampPlan plan);
 
-  // Rewrites whole packets in place and hands them on, with those that are put in. The next packets
-  // of the round follow with the next call; no packets end the round.
+  // Rewrites whole packets in place and emits them, with the inserted ones. The next call continues
+  // the round; a call without packets ends it.
   bool Run(std::span<std::uint8_t> packets, const Emit& emit);
-  // To be called between two rounds.
+  // Call it between two rounds.
   void StartNextRound();
 
   // Rewrites one packet of the format in place.
@@ -74,7 +74,7 @@ class Restamper {
   std::uint64_t offset_;
   std::uint64_t packet_ = 0;          // index in the round of the next packet
   std::size_t next_seam_packet_ = 0;  // in plan_.seam
-  std::vector<std::uint8_t> made_;    // the packet that was put in last
+  std::vector<std::uint8_t> made_;    // the last inserted packet
   bool first_round_ = true;
   std::array<Counter, 8192> counters_{};
 };

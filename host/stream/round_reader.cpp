@@ -8,7 +8,7 @@
 namespace ipplay {
 namespace {
 
-// Large enough to be cheap, small enough that a stop between two blocks comes soon.
+// Large enough to be cheap, small enough for a quick stop between two blocks.
 constexpr std::size_t kPacketsAtOnce = 350;
 constexpr std::size_t kRawBytesAtOnce = 65536;
 

@@ -15,19 +15,19 @@ namespace ipplay {
 
 class RoundReader {
  public:
-  // `input` stands at the first packet, as Examine() leaves it.
+  // `input` is at the first packet, as Examine() leaves it.
   RoundReader(Input input, const StreamFacts& facts);
 
-  // The next packets of the round (bytes of raw input), to be used before the next call. Waits for
-  // a pipe. Empty at the end of the round.
+  // The next packets of the round (bytes of raw input), valid until the next call. Waits for a
+  // pipe. Empty at the end of the round.
   std::span<std::uint8_t> Next();
-  // Back to the first packet. Of a file only.
+  // Goes back to the first packet. For files only.
   void StartNextRound();
 
-  // Offset in the input where a packet had no sync byte. May be called from any thread.
+  // Offset in the input of the first missing sync byte. For any thread.
   std::optional<std::uint64_t> SyncLost() const;
   PacketFormat Format() const { return format_; }
-  // errno of a read that failed, ENODATA where a file ended before its end, or 0.
+  // errno of a failed read, ENODATA if the file has become shorter, or 0.
   int ReadError() const;
 
  private:

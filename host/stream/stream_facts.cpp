@@ -16,7 +16,7 @@ constexpr std::size_t kReadAheadLimit = 32 * std::size_t{1024} * 1024;
 
 Failure NoTransportStream(const Input& input, std::uint64_t offset) {
   return UsageFailure(fmt::format(
-      "INPUT: {} is no transport stream: sync lost at offset {} (--raw plays any bytes)",
+      "INPUT: {} is not a transport stream: sync lost at offset {}; give --raw to play any bytes",
       input.Name(), offset));
 }
 
@@ -74,7 +74,7 @@ std::optional<Failure> WalkFile(Input& input, StreamFacts& facts, PacketWalker& 
   return std::nullopt;
 }
 
-// `head` is what was read to recognise the packets; it grows by what is read ahead.
+// `head` holds the bytes read to recognise the packets, and takes the bytes read ahead.
 std::optional<Failure> WalkPipe(Input& input, StreamFacts& facts, std::vector<std::uint8_t> head,
                                 bool want_rate, PacketWalker& walker) {
   const std::size_t packet_bytes = facts.format.packet_bytes;

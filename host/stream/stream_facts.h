@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What can be known of a stream before it is played.
+// Properties of a stream, found before it is played.
 #pragma once
 
 #include <cstdint>
@@ -14,9 +14,9 @@ namespace ipplay {
 
 struct StreamFacts {
   PacketFormat format;
-  std::uint64_t first_packet = 0;      // offset; bytes in front of it are not played
+  std::uint64_t first_packet = 0;      // offset; bytes before it are not played
   std::optional<std::uint64_t> bytes;  // in whole packets (all bytes of raw input), of a file
-  std::uint64_t trailing_bytes = 0;    // behind the last whole packet; not played
+  std::uint64_t trailing_bytes = 0;    // after the last whole packet; not played
   std::optional<PcrRate> rate;         // where there are PCRs
   std::uint64_t content_ticks = 0;     // of a file, as PesTimes::Ticks()
 
@@ -31,8 +31,8 @@ struct ExamineOptions {
   std::optional<std::uint16_t> pcr_pid{};
 };
 
-// Reads a file from end to end, checks every sync byte, and takes the bit rate from the PCRs. Of a
-// pipe it reads ahead until the PCRs cover two seconds. `input` then stands at the first packet.
+// Reads a file from end to end, checks every sync byte, and takes the bit rate from the PCRs. From
+// a pipe it reads ahead until the PCRs cover two seconds. `input` is then at the first packet.
 Result<StreamFacts> Examine(Input& input, const ExamineOptions& options);
 
 }  // namespace ipplay

@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "host/base/byte_order.h"
-#include "host/measure/capture/internet_checksum.h"
+#include "host/base/internet_checksum.h"
 
 namespace ipplay::measure {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "host/library/link.h"
+#include "host/base/link.h"
 
 #include <linux/ethtool.h>
 #include <linux/sockios.h>

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "host/measure/capture/internet_checksum.h"
+#include "host/base/internet_checksum.h"
 
 #include <bit>
 #include <cstddef>
 #include <cstring>
 
-namespace ipplay::measure {
+namespace ipplay {
 namespace {
 
 constexpr std::size_t kBlock = 2 * sizeof(std::uint64_t);
@@ -58,4 +58,4 @@ std::uint16_t OnesComplementSum(std::span<const std::uint8_t> bytes) {
   return static_cast<std::uint16_t>((folded << 8) | (folded >> 8));
 }
 
-}  // namespace ipplay::measure
+}  // namespace ipplay

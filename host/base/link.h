@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// State of a network interface as the kernel tells it.
+// State of a network interface as the kernel reports it.
 #pragma once
 
 #include <cstdint>
