@@ -81,14 +81,13 @@ class Line {
   }
   void NeedEnd() const {
     if (!IsEmpty()) {
-      Refuse(fmt::format("\"{}\" is not allowed", rest_));
+      Refuse(fmt::format("\"{}\" is left over", rest_));
     }
   }
 
  private:
   [[noreturn]] void Refuse(const std::string& why) const {
-    throw CLI::ConfigError(
-        fmt::format("--config: line {}: {}; allowed is NAME = VALUE", number_, why));
+    throw CLI::ConfigError(fmt::format("--config: line {}: {}; write NAME = VALUE", number_, why));
   }
   void SkipBlanks() {
     rest_.remove_prefix(std::min(rest_.find_first_not_of(kBlanks), rest_.size()));
@@ -160,7 +159,8 @@ std::vector<CLI::ConfigItem> ConfigFile::from_config(std::istream& input) const 
     throw CLI::FileError("");
   }
   if (text.size() > kMostBytes) {
-    throw CLI::ConfigError(fmt::format("--config: allowed are {} bytes", kMostBytes));
+    throw CLI::ConfigError(
+        fmt::format("--config: the file is too large; give one of at most {} bytes", kMostBytes));
   }
   std::string_view rest = text;
   for (int number = 1; !rest.empty(); ++number) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Options whose values are read by a function, with one way to say what is allowed.
+// Options whose values are read by a function, with one form for the refusal of a value.
 #pragma once
 
 #include <fmt/format.h>
@@ -21,18 +21,18 @@ class OptionBuilder {
   // Options that follow stand under this heading in the help.
   void Group(std::string name) { group_ = std::move(name); }
 
-  // `parse` turns the text into an optional value for `field`; `allowed` completes the sentence
-  // "... is not allowed; allowed is". `default_text`, if any, is read into `field` at once and
-  // written to configuration files.
+  // `parse` turns the text into an optional value for `field`; `wanted` completes the sentence
+  // "... is not valid; give". `default_text`, if any, is read into `field` at once and written to
+  // configuration files.
   template <typename Field, typename Parse>
   CLI::Option* Value(const std::string& names, Field& field, const std::string& type,
-                     const std::string& allowed, const std::string& help, Parse parse,
+                     const std::string& wanted, const std::string& help, Parse parse,
                      const std::string& default_text = {}) {
     const std::string name = names.substr(0, names.find(','));
-    const auto take = [&field, name, allowed, parse](const std::string& text) {
+    const auto take = [&field, name, wanted, parse](const std::string& text) {
       auto value = parse(text);
       if (!value) {
-        throw NotAllowed(name, text, allowed);
+        throw Invalid(name, text, wanted);
       }
       field = *std::move(value);
     };
@@ -50,12 +50,12 @@ class OptionBuilder {
   CLI::Option* Number(const std::string& names, Field& field, std::uint32_t lowest,
                       std::uint32_t highest, const std::string& help,
                       const std::string& default_text = {}) {
-    const std::string allowed = fmt::format("{} to {}", lowest, highest);
+    const std::string wanted = fmt::format("{} to {}", lowest, highest);
     const auto parse = [lowest, highest](const std::string& text) {
       const auto number = ParseNumber(text, lowest, highest);
       return number ? std::optional(static_cast<std::uint32_t>(*number)) : std::nullopt;
     };
-    return Value(names, field, "N", allowed, help, parse, default_text);
+    return Value(names, field, "N", wanted, help, parse, default_text);
   }
 
   CLI::Option* Flag(const std::string& names, bool& field, const std::string& help) {
@@ -68,19 +68,27 @@ class OptionBuilder {
         names, [&field](std::int64_t count) { field = count <= 0; }, help));
   }
 
-  static CLI::ValidationError NotAllowed(const std::string& name, const std::string& text,
-                                         const std::string& allowed) {
-    return CLI::ValidationError(name,
-                                fmt::format("\"{}\" is not allowed; allowed is {}", text, allowed));
+  static CLI::ValidationError Invalid(const std::string& name, const std::string& text,
+                                      const std::string& wanted) {
+    return CLI::ValidationError(name, Refusal(text, wanted));
   }
 
  private:
+  static std::string Refusal(const std::string& text, const std::string& wanted) {
+    const bool is_range = wanted.find_first_not_of("0123456789-to ") == std::string::npos;
+    if (is_range && IsWholeNumber(text)) {
+      return fmt::format("{} is out of range; give {}", text, wanted);
+    }
+    return fmt::format("\"{}\" is not {}; give {}", text, is_range ? "a whole number" : "valid",
+                       wanted);
+  }
+
   CLI::Option* Checked(CLI::Option* flag) {
     return flag->group(group_)->check([](const std::string& text) -> std::string {
       if (text == "true" || text == "false") {
         return {};
       }
-      return fmt::format("\"{}\" is not allowed; allowed is true or false", text);
+      return Refusal(text, "true or false");
     });
   }
 

@@ -26,8 +26,8 @@ bool WasTyped(Words words, const std::string& name) {
   });
 }
 
-// Of an option's names the one that was typed. One that stands in a configuration file, or that is
-// missing, has its first name; a positional one the name that the help gives it.
+// The one of an option's names that was typed. An option that is missing or comes from a
+// configuration file goes by its first name, a positional one by its name in the help.
 std::string TypedName(const CLI::Option& option, Words words) {
   for (const std::string& name : option.get_lnames()) {
     if (WasTyped(words, "--" + name)) {
@@ -45,20 +45,20 @@ std::string TypedName(const CLI::Option& option, Words words) {
 std::string WrongCount(const CLI::App& app, const std::string& name) {
   const CLI::Option* option = FindOption(app, name);
   if (option == nullptr) {
-    return name + ": the number of values is not allowed";
+    return name + ": wrong number of values; see --help";
   }
   const std::string type = option->get_type_name();
   if (option->count() == 0) {
-    return fmt::format("{}: no value is given; allowed is {}", name, type);
+    return fmt::format("{}: the value is missing; give {}", name, type);
   }
-  return fmt::format("{}: \"{}\" is not allowed; allowed is one {}", name,
+  return fmt::format("{}: \"{}\" is the wrong number of values; give one {}", name,
                      fmt::join(option->results(), " "), type);
 }
 
 std::string Unknown(const CLI::App& app) {
   const CLI::App& command = CommandOf(app);
   const auto words = app.remaining(true);
-  return fmt::format("{}: is not allowed here; allowed is what \"ipplay{}{} --help\" lists",
+  return fmt::format("{}: unknown here; \"ipplay{}{} --help\" lists what can be given",
                      words.empty() ? "" : words.front(), &command == &app ? "" : " ",
                      &command == &app ? "" : command.get_name());
 }
@@ -83,7 +83,8 @@ std::string ExplainConfig(const std::string& what) {
   const std::string name =
       unknown ? what.substr(what.rfind(' ') + 1) : what.substr(0, what.find(':'));
   return fmt::format(
-      "--config: \"{}\" is not allowed in the file; allowed is what --write-config writes", name);
+      "--config: \"{}\" cannot stand in the file; give options as --write-config writes them",
+      name);
 }
 
 std::string Explain(const CLI::App& app, const CLI::ParseError& error) {
@@ -98,32 +99,39 @@ std::string Explain(const CLI::App& app, const CLI::ParseError& error) {
     case CLI::ExitCodes::ConfigError:
       return ExplainConfig(what);
     case CLI::ExitCodes::FileError:
-      return "--config: cannot be read; allowed is a file";
+      return "--config: cannot be read; give a file";
     case CLI::ExitCodes::RequiresError:
-      return fmt::format("{}: needs {}", what.substr(0, what.find(' ')),
+      return fmt::format("{} needs {}", what.substr(0, what.find(' ')),
                          what.substr(what.rfind(' ') + 1));
     default:
       return what;
   }
 }
 
+// A value that is wrong in itself is in the message already.
+bool HasValue(const CLI::Option& option, const std::string& rest) {
+  const auto& values = option.results();
+  return rest.starts_with(": \"") ||
+         std::any_of(values.begin(), values.end(), [&rest](const std::string& value) {
+           return rest.starts_with(fmt::format(": {} ", value));
+         });
+}
+
 }  // namespace
 
 std::string NameAsTyped(const CLI::App& app, Words words, const std::string& message) {
-  const std::size_t colon = message.find(": ");
-  if (colon == std::string::npos) {
+  const std::size_t end = message.find_first_of(": ");
+  if (end == std::string::npos) {
     return message;
   }
-  const std::string name = message.substr(0, colon);
+  const std::string name = message.substr(0, end);
   const CLI::Option* option = FindOption(app, name);
   if (option == nullptr) {
     return message;
   }
-  const std::string rest = message.substr(colon);
-  // A value that is refused by itself is in the message already, in quotation marks.
-  const bool has_value = rest.starts_with(": \"") || !name.starts_with('-');
-  const bool takes_value = option->get_items_expected_max() > 0;
-  if (has_value || !takes_value || option->count() == 0) {
+  const std::string rest = message.substr(end);
+  const bool takes_value = option->get_items_expected_max() > 0 && name.starts_with('-');
+  if (!takes_value || option->count() == 0 || !rest.starts_with(':') || HasValue(*option, rest)) {
     return TypedName(*option, words) + rest;
   }
   return fmt::format("{} {}{}", TypedName(*option, words), fmt::join(option->results(), " "), rest);

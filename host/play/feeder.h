@@ -18,22 +18,22 @@ namespace ipplay {
 class Feeder {
  public:
   struct Sink {
-    WordWriter::WriteWords write;     // as WordWriter; may block
-    std::function<void()> terminate;  // declares the end of the data; may block until it is played
+    WordWriter::WriteWords write;     // see WordWriter; may block
+    std::function<void()> terminate;  // declares the end of the data; may block until it has left
   };
 
-  // Plays `rounds` rounds, or for ever without a number.
+  // Plays `rounds` rounds, or without end if it is empty.
   Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restamper>& restamper,
          std::optional<std::uint64_t> rounds, Sink sink);
-  // Stops, and waits for the thread. What `sink` blocks in must have been ended before.
+  // Stops and joins the thread. Release a blocking call of `sink` first.
   ~Feeder();
 
   void Start();
-  // No further write will begin; one that blocks has to be released by other means.
+  // Prevents further writes; a blocking one has to be released by other means.
   void Stop() { stop_.store(true, std::memory_order_relaxed); }
 
   // For any thread: zero bytes added at the end, errno of a failed read (0 for none), and
-  // RoundReader::sync_lost().
+  // RoundReader::SyncLost().
   unsigned Padding() const { return padding_.load(std::memory_order_relaxed); }
   int ReadError() const { return read_error_.load(std::memory_order_relaxed); }
   std::optional<std::uint64_t> SyncLost() const { return reader_->SyncLost(); }

@@ -22,12 +22,13 @@ std::optional<bool> ParseOnOff(const std::string& text) {
 void DefineTarget(OptionBuilder& add, PlayOptions& o) {
   add.Group("Where to");
   add.Value("--to", o.to, "TARGET", "rtp://ADDRESS:PORT or udp://ADDRESS:PORT, IPv6 in [ ]",
-            "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; needed", ParseTarget)
+            "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; required", ParseTarget)
       ->required();
-  add.Value("--device", o.device, "NAME|N", "a name or a number",
-            "Adapter by name or by its number in `ipplay devices`; default: the one that the route "
-            "to the target uses",
-            ParseText);
+  add.Value(
+      "--device", o.device, "NAME|N", "a name or a number",
+      "Adapter by name or by its number in `ipplay devices`; default: the one on the route to "
+      "the target",
+      ParseText);
   const auto ip = [&](const char* name, auto& field, const char* help) {
     add.Value(name, field, "IP", "an IPv4 or IPv6 address", help, ParseIp);
   };
@@ -59,8 +60,7 @@ void DefineHeaders(OptionBuilder& add, PlayOptions& o) {
   add.Number("--identification", o.identification, 0, 65535,
              "IPv4 identification of the first datagram; default 0");
   add.Value("--dont-fragment", o.dont_fragment, "on|off", "on or off",
-            "IPv4 don't-fragment bit; default: on up to frames of 1500 bytes, which is as large as "
-            "frames with this bit may be",
+            "IPv4 don't-fragment bit, for frames of at most 1500 bytes; default: on for these",
             ParseOnOff);
   add.Number("--protocol,--next-header", o.protocol, 0, 255,
              "Protocol number; 2 adds the IPv4 router alert option", "17");
@@ -86,21 +86,22 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
   add.Flag("--cut", o.cut, "Fill --frame-size to the byte, cutting transport packets");
   add.Flag("--raw", o.raw, "Play any bytes, without looking for transport packets");
   add.Value("--bitrate", o.bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
-            "Bit rate of the transport stream; default: as its PCRs say", ParseBitRate);
+            "Bit rate of the transport stream; default: the rate of its PCRs", ParseBitRate);
   add.Value("--frame-bitrate", o.frame_bit_rate, "RATE",
             "a number above 0 with k, M or G, as 9.75M",
             "Bit rate of one stream's Ethernet frames instead, headers included", ParseBitRate);
   add.Number("--pcr-pid", o.pcr_pid, 0, 8191,
              "PID whose PCRs give the rate; default: the one with the most");
   add.Value(
-      "--ppm", o.ppm, "N", "-100000 to 100000", "Play off speed by so many parts per million",
+      "--ppm", o.ppm, "N", "-100000 to 100000",
+      "Play faster by this many parts per million, or slower if negative",
       [](const std::string& text) {
         const auto ppm = ParsePpm(text);
         return ppm && *ppm >= -1e5 && *ppm <= 1e5 ? ppm : std::nullopt;
       },
       "0");
   add.Value("--loop", o.rounds, "N|forever", "forever or a number from 1",
-            "Play the file so many times without a gap", ParseRounds, "1");
+            "Play the file this many times without a gap", ParseRounds, "1");
   add.Flag("--restamp", o.restamp,
            "Let PCR, PTS, DTS and continuity counters run through the rounds, so that a receiver "
            "sees one stream");
@@ -112,7 +113,7 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
 void DefineShape(OptionBuilder& add, PlayOptions& o) {
   add.Group("Timing and copies");
   add.Value("--burst", o.burst, "N|TIME", "a number of datagrams or whole milliseconds as 10ms",
-            "Send so many datagrams of each stream back to back, at the same mean rate",
+            "Send this many datagrams of each stream back to back, at the same mean rate",
             ParseBurst);
   add.Value("--jitter", o.jitter, "PATTERN:AMOUNT",
             "square:TIME (up to 10 s) or gaussian:, squared-difference: or sine:PERCENT% (up to "
@@ -121,7 +122,7 @@ void DefineShape(OptionBuilder& add, PlayOptions& o) {
             "squared-difference:20%, sine:20% of the gap",
             ParseJitter);
   add.Value(
-      "--copies", o.copies, "N", "1 to 1000000", "Send so many parallel streams",
+      "--copies", o.copies, "N", "1 to 1000000", "Number of parallel streams",
       [](const std::string& text) -> std::optional<std::uint32_t> {
         const auto number = ParseNumber(text, 1, 1'000'000);
         if (!number) {
@@ -138,12 +139,14 @@ void DefineErrors(OptionBuilder& add, PlayOptions& o) {
     add.Value(name, field, "N/RANGE", "N/RANGE with N from 1 to RANGE and to 1000000", help,
               ParseErrorSchedule);
   };
-  schedule("--lose", o.lose, "Do not send so many out of every so many datagrams, as 2/1000");
+  schedule("--lose", o.lose, "Lose N of every RANGE datagrams, as in 2/1000");
   add.Value("--delay", o.delay, "N/RANGE[:D]", "N/RANGE:D with N from 1 to RANGE and D from 1",
-            "Send so many late, each behind the next D datagrams; D is 1 by default; RTP only",
+            "Delay N of every RANGE datagrams, each behind the next D; D is 1 by default; RTP only",
             ParseDelaySchedule);
-  schedule("--bad-ip-checksum", o.bad_ip_checksum, "Send so many with a wrong IPv4 checksum");
-  schedule("--bad-udp-checksum", o.bad_udp_checksum, "Send so many with a wrong UDP checksum");
+  schedule("--bad-ip-checksum", o.bad_ip_checksum,
+           "Send N of every RANGE with a wrong IPv4 header checksum");
+  schedule("--bad-udp-checksum", o.bad_udp_checksum,
+           "Send N of every RANGE with a wrong UDP checksum");
   add.Flag("--random", o.random, "Place them at random within the range, not at its start");
 }
 
@@ -156,7 +159,7 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
             for (const std::string& text : texts) {
               const auto step = ParseStep(text);
               if (!step) {
-                throw OptionBuilder::NotAllowed(
+                throw OptionBuilder::Invalid(
                     "--step", text,
                     "FIELD=VALUE with dst-ip, src-ip, dst-mac, src-mac, dst-port, src-port, vlan, "
                     "ttl, tos, flow-label, protocol, payload-type, ssrc or ethertype");
@@ -164,7 +167,8 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
               o.steps.push_back(*step);
             }
           },
-          "What a field of each copy has more than the copy before, as dst-ip=0.0.0.1 or "
+          "Add VALUE to the field in each copy, compared with the copy before, as dst-ip=0.0.0.1 "
+          "or "
           "dst-port=2; may be repeated")
       ->type_name("FIELD=VALUE")
       ->allow_extra_args(false)
@@ -176,11 +180,11 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
             for (const auto& [when, what] : entries) {
               const auto time = ParseDuration(when);
               if (!time) {
-                throw OptionBuilder::NotAllowed("--at", when, "a time as 10s or 1h30m");
+                throw OptionBuilder::Invalid("--at", when, "a time as 10s or 1h30m");
               }
               const auto action = ParseAction(what);
               if (!action) {
-                throw OptionBuilder::NotAllowed(
+                throw OptionBuilder::Invalid(
                     "--at", what,
                     "lose, delay, bad-ip-checksum, bad-udp-checksum, pause[:TIME], resume or stop");
               }
@@ -200,14 +204,13 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
             "Priority of the thread that builds the datagrams", ParsePriority, "above-normal");
   add.Flag(
       "--economy", o.economy,
-      "Take less of the processor and leave gaps less exact, as in a process with a nice value");
+      "Use less processor time, with less exact gaps, as in a process with a nice value above 0");
   add.Value("--prefill", o.prefill, "TIME", "a time as 500ms",
-            "Stream time that must be read before the first datagram leaves; default 1s of a file, "
-            "0 of a pipe",
+            "Stream time to read before the first datagram leaves; default 1s for a file, 0 for a "
+            "pipe",
             ParseDuration);
   add.Value(
-      "--stats", o.json, "text|json", "text or json",
-      "json: one JSON object a second and one at the end on standard output, nothing else",
+      "--stats", o.json_stats, "text|json", "text or json", "json: the same as --json",
       [](const std::string& text) -> std::optional<bool> {
         if (text == "json") {
           return true;
@@ -218,8 +221,11 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
         return std::nullopt;
       },
       "text");
-  add.Flag("--quiet", o.quiet, "No progress; errors, warnings and the summary only");
-  add.Flag("--dry-run", o.dry_run, "Print what would be sent, and send nothing")
+  add.Flag(
+      "--json", o.json,
+      "Print one JSON object a second and one at the end on standard output, and nothing else");
+  add.Flag("--quiet", o.quiet, "No progress; only errors, notes and the summary");
+  add.Flag("--dry-run", o.dry_run, "Print the plan and the first headers, and send nothing")
       ->configurable(false);
   add.Value("--write-config", o.write_config, "FILE", "a file",
             "Write all options to FILE, which --config reads", ParseText)

@@ -15,8 +15,8 @@
 
 namespace ipplay {
 
-// DefinePlayOptions() fills in the fixed defaults; MakePlan() decides on optional fields without a
-// value.
+// DefinePlayOptions() fills in the fixed defaults; MakePlan() decides about optional fields that
+// have no value.
 struct PlayOptions {
   std::string input;
   Target to;
@@ -47,7 +47,7 @@ struct PlayOptions {
   double ppm = 0;
 
   // Rounds.
-  std::optional<std::uint64_t> rounds;  // nothing: for ever
+  std::optional<std::uint64_t> rounds;  // none: without end
   bool restamp = false;
   bool near_wrap = false;
 
@@ -67,14 +67,16 @@ struct PlayOptions {
   bool economy = false;
   std::uint32_t priority = 0;
   std::optional<std::chrono::nanoseconds> prefill;
-  bool json = false;
+  bool json = false, json_stats = false;  // see WantsJson
   bool quiet = false;
   bool dry_run = false;
   std::string write_config;
+
+  bool WantsJson() const { return json || json_stats; }
 };
 
 // Adds the options to `command`. Parsing fills `options`, which must live as long as `command`, and
-// throws CLI::ParseError in one line that names the option, the value and what is allowed.
+// throws CLI::ParseError in one line: the option, what is wrong with its value, what to give.
 void DefinePlayOptions(CLI::App& command, PlayOptions& options);
 
 }  // namespace ipplay

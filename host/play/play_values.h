@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Values of the play options that are more than a number, and how users write them.
+// Values of the play options beyond plain numbers, and how users write them.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@
 
 namespace ipplay {
 
-// "2/1000": so many out of every so many datagrams.
+// "2/1000": `count` out of every `range` datagrams.
 struct ErrorSchedule {
   std::uint32_t count = 0;
   std::uint32_t range = 0;
@@ -20,7 +20,7 @@ struct ErrorSchedule {
 inline constexpr std::uint32_t kMostErrorsInRange = 1'000'000;
 std::optional<ErrorSchedule> ParseErrorSchedule(std::string_view text);
 
-// "1/1000:3": the same, each overtaken by so many later datagrams; 1 where it is left out.
+// "1/1000:3": the same, each overtaken by `distance` later datagrams; ":1" can be left out.
 struct DelaySchedule {
   ErrorSchedule errors;
   std::uint32_t distance = 1;
@@ -53,19 +53,19 @@ std::optional<StartValue> ParseStartValue(std::string_view text, std::uint32_t h
 // PlayerThreadPriority.
 std::optional<std::uint32_t> ParsePriority(std::string_view text);
 
-// "forever", or a number from 1: rounds; nothing in the inner optional is for ever.
+// "forever", or a number of rounds from 1; an empty inner optional is forever.
 std::optional<std::optional<std::uint64_t>> ParseRounds(std::string_view text);
 
-// What the time line, or a key, asks of a running playout.
+// An order to a running playout, from the time line or a key.
 enum class ActionKind { kLose, kDelay, kBadIpChecksum, kBadUdpChecksum, kPause, kResume, kStop };
 struct Action {
   ActionKind kind = ActionKind::kStop;
-  std::chrono::nanoseconds length{0};  // of a pause; 0 lasts until it is ended
+  std::chrono::nanoseconds length{0};  // of a pause; 0: until it is resumed
 };
 // "lose", "delay", "bad-ip-checksum", "bad-udp-checksum", "pause", "pause:2s", "resume", "stop".
 std::optional<Action> ParseAction(std::string_view text);
 
-// What one header field of a copy has more than that of the copy before: "dst-ip=0.0.0.1".
+// What is added to a header field from each copy to the next: "dst-ip=0.0.0.1".
 enum class StepField {
   kDstMac,
   kSrcMac,

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What is to happen at given times of a playout.
+// Actions at given times of a playout.
 #pragma once
 
 #include <chrono>
@@ -15,11 +15,11 @@ class TimeLine {
  public:
   using Entry = std::pair<std::chrono::nanoseconds, Action>;  // time since the start
 
-  // In any order; entries of one time happen in the order given.
+  // In any order; entries with the same time are taken in the order given.
   explicit TimeLine(const std::vector<Entry>& entries);
 
   void Add(Entry entry);
-  // When the next entry is due.
+  // The time of the next entry.
   std::optional<std::chrono::nanoseconds> NextTime() const;
   // The next entry that is due at `now`, taken off the line.
   std::optional<Action> TakeDue(std::chrono::nanoseconds now);

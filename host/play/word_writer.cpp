@@ -7,7 +7,7 @@ namespace ipplay {
 
 namespace {
 constexpr std::size_t kUnit = 4;
-constexpr std::size_t kMaxUnits = 65535;  // namespace
+constexpr std::size_t kMaxUnits = 65535;
 }  // namespace
 
 std::span<const std::uint8_t> WordWriter::CompleteCarry(std::span<const std::uint8_t> bytes) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Hands any number of bytes to a writer that takes units of 4 bytes, at most 65,535 at a time.
+// Passes any number of bytes to a writer of 4-byte units, which takes at most 65,535 at a time.
 #pragma once
 
 #include <array>
@@ -11,14 +11,14 @@ namespace ipplay {
 
 class WordWriter {
  public:
-  // `write(data, units)` returns 0 when it took them; data needs no alignment.
+  // `write(data, units)` returns 0 on success; data needs no alignment.
   using WriteWords = std::function<int(const void* data, std::uint16_t units)>;
 
   explicit WordWriter(WriteWords write) : write_(std::move(write)) {}
 
-  // Up to 3 bytes wait for the next call. False once a write was refused.
+  // Keeps up to 3 bytes for the next call. False once a write has failed.
   bool Write(std::span<const std::uint8_t> bytes);
-  // Fills what waits up to a unit with zero bytes and writes it. False when it was refused.
+  // Pads the kept bytes with zeros to a unit and writes it. False if that fails.
   bool Finish();
   // Zero bytes that Finish() added: 0 to 3. Packets of 188, 192 and 204 bytes never need any.
   unsigned Padding() const { return padding_; }

@@ -29,7 +29,7 @@ class Statuses(PlayCase):
             return process.returncode, output, errors
 
         status, output, errors = run("devices", "--json")
-        near = next(device for device in json.loads(output) if device["name"] == "near")
+        near = next(device for device in json.loads(output)["devices"] if device["name"] == "near")
         self.assertEqual((status, errors), (PLAYED, ""))
         self.assertEqual((near["ipv4"], near["ipv6"], near["link"]), ([NEAR4], [NEAR6], "up"))
         self.assertIn(near["mac"], run("devices")[1])
@@ -58,12 +58,12 @@ class Failing(PlayCase):
 
 class Running(PlayCase):
     def test_json_and_nothing_else(self):
-        played = self.play(SAMPLE, *TARGET, "--stats", "json", "--lose", "1/100")
+        played = self.play(SAMPLE, *TARGET, "--json", "--lose", "1/100")
         objects = [json.loads(line) for line in played.output.splitlines()]
         self.assertEqual([o["event"] for o in objects], ["progress"] * (len(objects) - 1) + ["summary"])
         self.assertGreater(len(objects), 2)
         summary = objects[-1]
-        self.assertEqual({name: summary[name] for name in ("outcome", "datagrams", "ts_packets", "lost", "percent")},
+        self.assertEqual({**{name: summary[name] for name in ("outcome", "datagrams", "ts_packets", "percent")}, "lost": summary["ordered"]["lost"]},
                          {"outcome": "Played", "datagrams": 203, "ts_packets": 1418, "lost": 3, "percent": 100.0})
         self.assertEqual(sorted(objects, key=lambda o: o["datagrams"]), objects)
 
@@ -161,8 +161,8 @@ class Keys(PlayCase):
 
     def test_keys(self):
         self.wait_for("keys: space pause")
-        self.wait_for(r"round 1 0.7/0.\d+M \d+ sent lost 0 late 0 ip 0 udp 0 jitter")
-        for key, effect in (("l", "lost 1"), ("i", "ip 1"), ("u", "udp 1"), ("s", "late 1")):
+        self.wait_for(r"round 1 0.7/0.\d+M \d+ sent lost 0 delayed 0 ip 0 udp 0 jitter")
+        for key, effect in (("l", "lost 1"), ("i", "ip 1"), ("u", "udp 1"), ("s", "delayed 1")):
             self.press(key)
             self.wait_for(effect)
         self.press(" ")
@@ -172,7 +172,7 @@ class Keys(PlayCase):
         self.press("?")
         self.wait_for("keys: space pause")
         self.press("q")
-        self.wait_for(r"Stopped by key: .*(\n.*)*lost 1, late 1, IP checksum 1, UDP checksum 1")
+        self.wait_for(r"Stopped by key: .*(\n.*)*lost 1, delayed 1, IP checksum 1, UDP checksum 1")
         self.assertEqual(self.player.wait(), PLAYED)
         self.assertEqual(termios.tcgetattr(self.terminal), self.before)
 

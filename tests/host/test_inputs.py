@@ -41,9 +41,9 @@ class Inputs(PlayCase):
         return path
 
     def test_what_cannot_be_played(self):
-        for name, message in (("folder", "is a folder; allowed is a file or -"), ("empty", "is empty"), ("missing", "No such file"),
+        for name, message in (("folder", "is a folder; give a file or -"), ("empty", "is empty"), ("missing", "No such file"),
                               ("unreadable", "Permission denied"), ("socket", "No such device or address"),
-                              ("sparse", "sync lost at offset 0 "), ("head", "sync lost at offset 18800 ")):
+                              ("sparse", "sync lost at offset 0;"), ("head", "sync lost at offset 18800;")):
             with self.subTest(name):
                 process = self.bed.start("play", self.make(name), *TARGET, prefix=(
                     "setpriv", "--bounding-set=-dac_override,-dac_read_search", "--inh-caps=-dac_override,-dac_read_search"))
@@ -65,8 +65,8 @@ class Inputs(PlayCase):
         modules = {**os.environ, "LD_PRELOAD": os.environ["BROKEN_READS_MODULE"], "BROKEN_READS": mark,
                    "ASAN_OPTIONS": "verify_asan_link_order=0"}  # the module may stand before the sanitizer
         for name, spoil, message in (
-                ("truncated", lambda path: os.truncate(path, 188 * 100), "it has become shorter"),
-                ("emptied", lambda path: os.truncate(path, 0), "it has become shorter"),
+                ("truncated", lambda path: os.truncate(path, 188 * 100), "the file has become shorter"),
+                ("emptied", lambda path: os.truncate(path, 0), "the file has become shorter"),
                 ("broken", lambda _: os.mknod(mark), "Input/output error")):
             with self.subTest(name):
                 path = shutil.copy(SAMPLE, self.path(name))
@@ -77,8 +77,8 @@ class Inputs(PlayCase):
                 self.assertEqual(player.returncode, FAILED)
                 summary = json.loads(output.splitlines()[-1])
                 self.assertEqual((summary["event"], summary["outcome"]), ("summary", "Failed"))
-                self.assertIn(f"ipplay: INPUT cannot be read on: {message}; what was read before is played\n", errors)
-                sent = re.search(r"ipplay: INPUT could not be read to its end; ([\d,]+) datagrams with [\d.]+ MB were sent before\n", errors)
+                self.assertIn(f"ipplay: reading INPUT failed: {message}; playing what has been read so far\n", errors)
+                sent = re.search(r"ipplay: INPUT could not be read to its end; sent until then: ([\d,]+) datagrams with [\d.]+ MB\n", errors)
                 self.assertEqual(int(sent[1].replace(",", "")), summary["datagrams"])
 
     def test_file_that_is_removed_is_still_played(self):
@@ -122,7 +122,7 @@ class Terminals(PlayCase):
                 os.close(user)
                 self.assertEqual(player.wait(timeout=30), PLAYED)
                 output.seek(0)
-                self.assertRegex(output.read(), r"\AStopped(, since the terminal is gone| by a signal): (.*\n)+  sent +\d+ datagrams")
+                self.assertRegex(output.read(), r"\AStopped(: the terminal is gone| by a signal): (.*\n)+  sent +\d+ datagrams")
 
 
 if __name__ == "__main__":

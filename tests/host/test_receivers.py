@@ -146,7 +146,7 @@ class Dissector(PlayCase):
         rows, played = self.rows("--lose", "2/50")
         lost = {n for n in range(self.COUNT) if n % 50 < 2}
         self.assertEqual([row[0] for row in rows], [n for n in range(self.COUNT) if n not in lost])
-        self.assertIn(f"lost {len(lost)}, late 0, IP checksum 0, UDP checksum 0", played.output)
+        self.assertIn(f"lost {len(lost)}, delayed 0, IP checksum 0, UDP checksum 0", played.output)
 
     def test_lost_at_random(self):
         numbers = {row[0] for row in self.rows("--lose", "2/50", "--random")[0]}
@@ -158,10 +158,10 @@ class Dissector(PlayCase):
         expected = []
         for start in range(0, self.COUNT, 40):
             block = list(range(start, min(start + 40, self.COUNT)))
-            # In the last block of three nothing is left for the late one to follow.
+            # In the last block of three nothing is left for the delayed one to follow.
             expected += [*block[1:4], block[0], *block[4:]] if len(block) > 3 else block[1:]
         self.assertEqual([row[0] for row in rows], expected)
-        self.assertIn("late 6", played.output)
+        self.assertIn("delayed 6", played.output)
 
     def test_bad_checksums(self):
         for option, column in (("--bad-ip-checksum", 1), ("--bad-udp-checksum", 2)):
@@ -184,7 +184,7 @@ class Dissector(PlayCase):
                 self.assertEqual(Counter(row[1:] for row in rows),
                                  Counter({(GOOD, GOOD): count - missing - bad_ip - bad_udp, (BAD, GOOD): bad_ip,
                                           (GOOD, BAD): bad_udp}) - Counter())
-                self.assertIn(f"lost {missing}, late {backwards}, IP checksum {bad_ip}, UDP checksum {bad_udp}",
+                self.assertIn(f"lost {missing}, delayed {backwards}, IP checksum {bad_ip}, UDP checksum {bad_udp}",
                               played.output)
 
 

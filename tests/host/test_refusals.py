@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""Every value that is refused is refused before anything starts, in one line that names the option as it was
-typed, the value and what is allowed."""
+"""Every value that is refused is refused before anything starts, in one line: the option as it was typed, what is
+wrong with its value, and what to give instead."""
 import os
 import re
 import unittest
@@ -10,7 +10,7 @@ from playbed import SAMPLE, PlayCase, is_playout, read_file
 USAGE, NO_ACCESS = 2, 3
 RTP, UDP, UDP6 = "rtp://239.1.1.1:5004", "udp://239.1.1.1:5004", "udp://[ff3e::1]:5004"
 
-# Option: a value, and words of what is allowed.
+# Option: a value, and words of what to give instead.
 PLAY = {
     "--to": ("http://1.2.3.4:1", "rtp://ADDRESS:PORT"), "--device": ("", "a name or a number"),
     "--src-ip": ("1.2.3", "IPv4 or IPv6"), "--dst-ip": ("::g", "IPv4 or IPv6"),
@@ -19,9 +19,9 @@ PLAY = {
     "--ethertype": ("0x10000", "0 to 65535"), "--vlan": ("4096", "0 to 4095"), "--vlan-priority": ("8", "0 to 7"),
     "--vlan-cfi": ("=3", "true or false"), "--vlan-tpid": ("65536", "0 to 65535"), "--ip-version": ("16", "0 to 15"),
     "--ttl": ("256", "0 to 255"), "--hop-limit": ("256", "0 to 255"), "--tos": ("1.5", "0 to 255"),
-    "--traffic-class": ("256", "0 to 255"), "--dscp": ("64", "0 to 63"), "--flow-label": ("0x100000", "0 to 1048575"),
+    "--traffic-class": ("256", "256 is out of range; give 0 to 255"), "--dscp": ("64", "0 to 63"), "--flow-label": ("0x100000", "0 to 1048575"),
     "--identification": ("65536", "0 to 65535"), "--dont-fragment": ("maybe", "on or off"),
-    "--protocol": ("256", "0 to 255"), "--next-header": ("udp", "0 to 255"), "--rtp-version": ("4", "0 to 3"),
+    "--protocol": ("256", "0 to 255"), "--next-header": ("udp", '"udp" is not a whole number; give 0 to 255'), "--rtp-version": ("4", "0 to 3"),
     "--payload-type": ("256", "0 to 255"), "--rtp-extension": ("=yes", "true or false"),
     "--sequence": ("65536", "random or 0 to 65535"), "--ssrc": ("4294967296", "0 to 4294967295"),
     "--ts-per-datagram": ("0", "1 to 85"), "--frame-size": ("16129", "1 to 16128"), "--cut": ("=2", "true or false"),
@@ -33,7 +33,7 @@ PLAY = {
     "--step": ("color=1", "dst-ip, src-ip"), "--lose": ("3/2", "N from 1 to RANGE"),
     "--delay": ("1/2:0", "D from 1"), "--bad-ip-checksum": ("0/2", "N from 1 to RANGE"),
     "--bad-udp-checksum": ("1/0", "N from 1 to RANGE"), "--random": ("=2", "true or false"),
-    "--priority": ("extreme", "time-critical"), "--prefill": ("-1s", "500ms"), "--stats": ("xml", "text or json"),
+    "--priority": ("extreme", "time-critical"), "--prefill": ("-1s", "500ms"), "--stats": ("xml", "text or json"), "--json": ("=2", "true or false"),
     "--economy": ("=2", "true or false"), "--quiet": ("=2", "true or false"), "--dry-run": ("=2", "true or false"), "--write-config": ("", "a file"),
     "--input": ("", "a file"), "--config": ("/nonexistent", "a file"),
 }
@@ -106,20 +106,20 @@ class Refusals(PlayCase):
         self.assertEqual({name for name in options if not name.startswith("--max-")} - values.keys(), set())
         for name in options - values.keys():
             values = {**values, name: ("-5", "")}
-        for option, (value, allowed) in values.items():
-            typed = option if value.startswith("=") or value.startswith("/") else f"{option}: \"{value}\""
+        for option, (value, wanted) in values.items():
+            typed = option if value.startswith("=") or value.startswith("/") else f"{option}: "
             if option == "--silence":
                 typed, value = "--silence: \"x\"", "x"
             if option == "--filter":
                 typed = "--filter udp prot 5: "
             given = {"--to": fixed[:1], "--input": fixed[1:], "--source": ()}.get(option, fixed)
-            self.refuse([command, *given, *words(option, value)], typed, value.removeprefix("="), allowed)
+            self.refuse([command, *given, *words(option, value)], typed, value.removeprefix("="), wanted)
 
     def test_values_of_play(self):
         self.every_option("play", PLAY, SAMPLE, "--to", RTP)
-        for option, value, allowed in PLAY_MORE:
+        for option, value, wanted in PLAY_MORE:
             fixed = () if option == "--to" else ("--to", RTP)
-            self.refuse(["play", SAMPLE, *fixed, *words(option, value)], option + ": \"", allowed)
+            self.refuse(["play", SAMPLE, *fixed, *words(option, value)], option + ": \"", wanted)
 
     def test_values_of_the_others(self):
         self.every_option("measure", MEASURE, "frames.pcap")
@@ -135,7 +135,7 @@ class Refusals(PlayCase):
                 (["play", "--to", RTP], "INPUT is required"), (["play", SAMPLE], "--to is required"),
                 (["play", SAMPLE, "--to", RTP, "--bogus", "1"], "--bogus", "ipplay play --help"),
                 (["play", SAMPLE, "--to", RTP, "more.ts"], "more.ts: ", "ipplay play --help"),
-                (["play", SAMPLE, "--to", RTP, "--lose"], "--lose: no value", "N/RANGE"),
+                (["play", SAMPLE, "--to", RTP, "--lose"], "--lose: the value is missing", "N/RANGE"),
                 (["play", SAMPLE, "--to", RTP, "--lose", "1/2", "--lose", "1/3"], '--lose: "1/2 1/3"', "one N/RANGE"),
                 (["devices", "x"], "x: ", "ipplay devices --help"), (["resolve", "--device", "near"], "ADDRESS is required"),
                 (["resolve", "10.77.0.2"], "--device is required"), (["measure"], "SOURCE is required"),
@@ -144,45 +144,45 @@ class Refusals(PlayCase):
 
     def test_what_does_not_go_together_or_with_the_input(self):
         for options, *needed in (
-                ((UDP, "--delay", "1/10"), "--delay 1/10: allowed with rtp://"),
-                ((UDP6, "--bad-ip-checksum", "1/10"), "--bad-ip-checksum 1/10: allowed with IPv4"),
-                ((RTP, "--bad-ip-checksum", "1/9", "--bad-udp-checksum", "1/8"), "--bad-udp-checksum 1/8: not together"),
-                ((UDP, "--at", "1s", "delay"), "--at 1s delay: delay is allowed with rtp://"),
+                ((UDP, "--delay", "1/10"), "--delay needs an rtp:// target"),
+                ((UDP6, "--bad-ip-checksum", "1/10"), "--bad-ip-checksum needs an IPv4 target"),
+                ((RTP, "--bad-ip-checksum", "1/9", "--bad-udp-checksum", "1/8"), "--bad-ip-checksum and --bad-udp-checksum exclude each other"),
+                ((UDP, "--at", "1s", "delay"), "--at 1s delay: delay needs an rtp:// target"),
                 ((UDP6, "--at", "1s", "bad-ip-checksum"), "--at 1s bad-ip-checksum: ", "IPv4"),
-                ((RTP, "--random"), "--random: allowed with --lose"),
-                ((RTP, "--src-ip", "fd00::1"), "--src-ip fd00::1: allowed is an IPv4"),
-                ((UDP6, "--dst-ip", "1.2.3.4"), "--dst-ip 1.2.3.4: allowed is an IPv6"),
-                ((RTP, "--step", "dst-ip=::1"), "--step dst-ip=::1: allowed is an IPv4"),
-                ((RTP, "--step", "vlan=1"), "--step vlan=1: allowed with --vlan"),
-                ((RTP, "--step", "flow-label=1"), "--step flow-label=1: allowed with IPv6"),
-                ((UDP, "--step", "ssrc=1"), "--step ssrc=1: allowed with rtp://"),
-                ((RTP, "--vlan-priority", "3"), "--vlan-priority 3: allowed with --vlan"),
-                ((RTP, "--vlan-cfi"), "--vlan-cfi: allowed with --vlan"),
-                ((RTP, "--flow-label", "5"), "--flow-label 5: allowed with IPv6"),
-                ((UDP6, "--identification", "5"), "--identification 5: allowed with IPv4"),
-                ((RTP, "--tos", "1", "--dscp", "2"), "--dscp 2: not together with --tos"),
-                ((RTP, "--frame-size", "60"), "--frame-size 60: allowed is 242 or more"),
-                ((RTP, "--frame-size", "1400", "--ts-per-datagram", "3"), "--frame-size 1400: not together"),
-                ((RTP, "--cut"), "--cut: allowed with --frame-size"),
-                ((RTP, "--ts-per-datagram", "8"), "--ts-per-datagram 8: IP packets of 1544 bytes; allowed on near are 1500"),
-                ((RTP, "--ts-per-datagram", "8", "--dont-fragment", "on"), "--ts-per-datagram 8: frames of 1558 bytes; allowed are 1500"),
-                ((RTP, "--ts-per-datagram", "7", "--raw"), "--ts-per-datagram 7: not together with --raw"),
-                ((RTP, "--bitrate", "1M", "--frame-bitrate", "2M"), "--frame-bitrate 2M: not together"),
+                ((RTP, "--random"), "--random needs --lose"),
+                ((RTP, "--src-ip", "fd00::1"), "--src-ip fd00::1: the target is IPv4; give an address of that version"),
+                ((UDP6, "--dst-ip", "1.2.3.4"), "--dst-ip 1.2.3.4: the target is IPv6"),
+                ((RTP, "--step", "dst-ip=::1"), "--step dst-ip=::1: the target is IPv4"),
+                ((RTP, "--step", "vlan=1"), "--step vlan=1 needs --vlan"),
+                ((RTP, "--step", "flow-label=1"), "--step flow-label=1 needs an IPv6 target"),
+                ((UDP, "--step", "ssrc=1"), "--step ssrc=1 needs an rtp:// target"),
+                ((RTP, "--vlan-priority", "3"), "--vlan-priority needs --vlan"),
+                ((RTP, "--vlan-cfi"), "--vlan-cfi needs --vlan"),
+                ((RTP, "--flow-label", "5"), "--flow-label needs an IPv6 target"),
+                ((UDP6, "--identification", "5"), "--identification needs an IPv4 target"),
+                ((RTP, "--traffic-class", "1", "--dscp", "2"), "--traffic-class and --dscp exclude each other; give one"),
+                ((RTP, "--frame-size", "60"), "--frame-size 60 is too small: the headers take 54 bytes; give 242 or more"),
+                ((RTP, "--frame-size", "1400", "--ts-per-datagram", "3"), "--frame-size and --ts-per-datagram exclude each other"),
+                ((RTP, "--cut"), "--cut needs --frame-size"),
+                ((RTP, "--ts-per-datagram", "8"), "--ts-per-datagram 8 makes IP packets of 1544 bytes; near takes at most 1500"),
+                ((RTP, "--ts-per-datagram", "8", "--dont-fragment", "on"), "--ts-per-datagram 8 makes frames of 1558 bytes; give at most 1500"),
+                ((RTP, "--ts-per-datagram", "7", "--raw"), "--ts-per-datagram and --raw exclude each other"),
+                ((RTP, "--bitrate", "1M", "--frame-bitrate", "2M"), "--bitrate and --frame-bitrate exclude each other"),
                 ((RTP, "--bitrate", "5G"), "--bitrate 5G: frames at 5.2", "4.29 Gbit/s"),
-                ((RTP, "--burst", "10000000"), "--burst 10000000: 10000000 frames", "allowed are"),
-                ((RTP, "--raw"), "--bitrate: needed"), ((RTP, "--pcr-pid", "9"), "--pcr-pid 9: INPUT has no PCRs there"),
-                ((RTP, "--restamp", "--raw", "--bitrate", "1M"), "--restamp: not together with --raw"),
-                ((RTP, "--pcr-pid", "9", "--raw", "--bitrate", "1M"), "--pcr-pid 9: not together with --raw")):
+                ((RTP, "--burst", "10000000"), "--burst 10000000: 10000000 frames", "give at most"),
+                ((RTP, "--raw"), "--bitrate is required"), ((RTP, "--pcr-pid", "9"), "--pcr-pid 9: INPUT has no PCRs there"),
+                ((RTP, "--restamp", "--raw", "--bitrate", "1M"), "--restamp and --raw exclude each other"),
+                ((RTP, "--pcr-pid", "9", "--raw", "--bitrate", "1M"), "--pcr-pid and --raw exclude each other")):
             self.refuse(["play", SAMPLE, "--to", *options], *needed)
-        self.refuse(["play", "no_pcr.ts", "--to", RTP], "--bitrate: needed, since INPUT has no PCRs")
-        self.refuse(["play", "no_pcr.ts", "--to", RTP, "--bitrate", "1M", "--restamp"], "--restamp: allowed with PCRs")
+        self.refuse(["play", "no_pcr.ts", "--to", RTP], "--bitrate is required: INPUT has no PCRs to take its rate from")
+        self.refuse(["play", "no_pcr.ts", "--to", RTP, "--bitrate", "1M", "--restamp"], "--restamp needs PCRs, and INPUT has none")
         read_end, write_end = os.pipe()
         os.write(write_end, read_file(SAMPLE)[:50_000])
         os.close(write_end)
-        self.refuse(["play", "-", "--to", RTP, "--loop", "2"], "--loop 2: allowed with a file", stdin=read_end)
+        self.refuse(["play", "-", "--to", RTP, "--loop", "2"], "--loop needs a file", stdin=read_end)
         os.close(read_end)
-        self.refuse(["play", SAMPLE, "--to", RTP, "--device", "eth7"], "--device eth7: ", "allowed are: near, lo", status=NO_ACCESS)
-        self.refuse(["play", SAMPLE, "--to", "udp://8.8.8.8:5"], "--device: needed", "no route to 8.8.8.8", status=NO_ACCESS)
+        self.refuse(["play", SAMPLE, "--to", RTP, "--device", "eth7"], "--device eth7: ", "give one of: near, lo", status=NO_ACCESS)
+        self.refuse(["play", SAMPLE, "--to", "udp://8.8.8.8:5"], "--device is required: ", "no route to 8.8.8.8", status=NO_ACCESS)
         self.refuse(["measure", "frames.pcap", "--max-rate-error", "5ppm"], "--max-rate-error 5ppm: needs --expect-rate")
         self.refuse(["measure", "frames.pcap", "--wait", "5s"], "--wait 5s: allowed with adapters only")
         self.refuse(["measure", "eth7"], "SOURCE: there is no adapter or file eth7", status=NO_ACCESS)
@@ -190,7 +190,7 @@ class Refusals(PlayCase):
 
     def test_configuration_files(self):
         for content, *needed in (
-                (b"[play]\nttl = 256\n", '--ttl: "256"', "0 to 255"), (b"[play]\nvolume = 11\n", "volume", "--write-config"),
+                (b"[play]\nttl = 256\n", "--ttl: 256 is out of range; give 0 to 255"), (b"[play]\nvolume = 11\n", "volume", "--write-config"),
                 (b"[play]\ndry-run = true\n", "dry-run"), (b"[play]\nlose = \"1/2\n", "line 2", "quotation mark"),
                 (b"[play]\nstep = [\"ttl=1\", \"color=2\"]\n", '--step: "color=2"', "dst-ip"),
                 (b"[play]\nat = [\"1s\"]\n", '--at: "1s"', "TIME ACTION"), (b"[play]\ncut = maybe\n", '--cut: "maybe"', "true or false"),

@@ -40,7 +40,7 @@ class Payload(PlayCase):
             file.write(content)
         played = self.play(self.path("raw"), "--to", "udp://[ff3e::1]:5004", "--raw", "--loop", 3, *FAST)
         self.assertEqual(played.payload(ETHERNET + IPV6 + UDP), 3 * content + bytes(1))
-        self.assertIn("1 zero bytes added", played.errors)
+        self.assertIn("padded with 1 zero byte:", played.errors)
 
     def test_standard_input(self):
         source = subprocess.Popen(["cat", SAMPLE], stdout=subprocess.PIPE)
