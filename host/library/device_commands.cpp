@@ -17,6 +17,8 @@
 namespace ipplay {
 namespace {
 
+constexpr int kJsonSchema = 1;  // grows when a field is renamed or removed; see docs/json.md
+
 std::string JoinAddresses(const Adapter& adapter) {
   std::vector<std::string> texts;
   for (const auto* list : {&adapter.ipv4, &adapter.ipv6}) {
@@ -62,12 +64,13 @@ void PrintJson(const std::vector<Adapter>& adapters) {
                                 {"ipv4_netmasks", AddressList(adapter.ipv4_masks)},
                                 {"ipv6", AddressList(adapter.ipv6)},
                                 {"link", LinkText(adapter)}};
-    item["mtu"] = adapter.mtu ? nlohmann::ordered_json(*adapter.mtu) : nullptr;
-    item["speed_bit_s"] = adapter.speed ? nlohmann::ordered_json(*adapter.speed) : nullptr;
+    item["mtu_bytes"] = adapter.mtu ? nlohmann::ordered_json(*adapter.mtu) : nullptr;
+    item["speed_bps"] = adapter.speed ? nlohmann::ordered_json(*adapter.speed) : nullptr;
     list.push_back(std::move(item));
   }
+  const nlohmann::ordered_json json{{"schema", kJsonSchema}, {"devices", std::move(list)}};
   Print(Results(), "{}\n",
-        list.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+        json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
 }
 
 struct ResolveOptions {
@@ -94,7 +97,7 @@ Result<int> Resolve(const ResolveOptions& options) {
 void RegisterDevices(CLI::App& app, Result<int>& outcome) {
   CLI::App* command = app.add_subcommand("devices", "List the adapters that can be played through");
   const auto json = std::make_shared<bool>(false);
-  OptionBuilder(*command).Flag("--json", *json, "As a JSON array")->configurable(false);
+  OptionBuilder(*command).Flag("--json", *json, "Print the list as JSON")->configurable(false);
   command->callback([json, &outcome] {
     const Library library;
     *json ? PrintJson(library.Adapters()) : PrintTable(library.Adapters());
@@ -108,7 +111,7 @@ void RegisterResolve(CLI::App& app, Result<int>& outcome) {
   const auto options = std::make_shared<ResolveOptions>();
   OptionBuilder add(*command);
   add.Value("ADDRESS", options->address, "IP", "an IPv4 or IPv6 address",
-            "Address that the frame is to reach", ParseIp)
+            "Destination of the frame", ParseIp)
       ->required()
       ->configurable(false);
   add.Value("--device", options->device, "NAME|N", "a name or a number",

@@ -4,36 +4,23 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 
 #include "host/base/address.h"
+#include "host/base/header_lengths.h"
+#include "host/base/internet_checksum.h"
 
 namespace ipplay {
 namespace {
 
-constexpr std::uint32_t kRouterAlertProtocol = 2;
 constexpr std::uint8_t kUdpProtocol = 17;
 
-// RFC 1071.
-class InternetSum {
- public:
-  void Add(std::span<const std::uint8_t> bytes) {
-    for (const std::uint8_t byte : bytes) {
-      sum_ += high_ ? std::uint64_t{byte} << 8 : byte;
-      high_ = !high_;
-    }
-  }
-  std::uint16_t Checksum() const {
-    std::uint64_t sum = sum_;
-    while (sum > 0xFFFF) {
-      sum = (sum >> 16) + (sum & 0xFFFF);
-    }
-    return static_cast<std::uint16_t>(~sum);
-  }
+using Bytes = std::vector<std::uint8_t>;
 
- private:
-  std::uint64_t sum_ = 0;
-  bool high_ = true;
-};
+// RFC 1071.
+std::uint16_t Checksum(const Bytes& bytes) {
+  return static_cast<std::uint16_t>(~OnesComplementSum(bytes));
+}
 
 class FieldWriter {
  public:
@@ -81,13 +68,11 @@ class FieldWriter {
   }
 
   std::vector<FrameField>& fields() { return fields_; }
-  // All fields from one on, as they stand in the frame.
-  InternetSum SumFrom(std::size_t first) const {
-    InternetSum sum;
+  // Appends the bytes of all fields from one on, as they stand in the frame.
+  void AppendFrom(std::size_t first, std::vector<std::uint8_t>& bytes) const {
     for (std::size_t i = first; i < fields_.size(); ++i) {
-      sum.Add(fields_[i].bytes);
+      bytes.insert(bytes.end(), fields_[i].bytes.begin(), fields_[i].bytes.end());
     }
-    return sum;
   }
 
  private:
@@ -116,13 +101,13 @@ void WriteEthernet(FieldWriter& write, const ProtocolHeadersSettings& h, bool de
 void WriteIPv4(FieldWriter& write, const IPPlayParams& params, std::uint32_t udp_bytes) {
   const IPHeaderSettings& ip = params.ProtocolHeadersSettings.IPHeaderSettings;
   const bool router_alert = ip.IPProtocol == kRouterAlertProtocol;
-  const std::uint32_t words = router_alert ? 6 : 5;
+  const std::uint32_t header_bytes = kIpv4HeaderBytes + (router_alert ? kIpv4RouterAlertBytes : 0);
   const bool dont_fragment = params.IPFragmentation == 0;
   const std::size_t first = write.fields().size();
-  write.Number("IPv4 version, header length", (ip.IPVersion * 16U + words) & 0xFFU, 1,
-               fmt::format("{}, {} bytes", ip.IPVersion & 0xF, words * 4));
+  write.Number("IPv4 version, header length", (ip.IPVersion * 16U + header_bytes / 4) & 0xFFU, 1,
+               fmt::format("{}, {} bytes", ip.IPVersion & 0xF, header_bytes));
   write.Hex("IPv4 TOS", ip.TOS, 1);
-  write.Number("IPv4 total length", words * 4 + udp_bytes, 2);
+  write.Number("IPv4 total length", header_bytes + udp_bytes, 2);
   write.Number("IPv4 identification", ip.Identification & 0xFFFFU, 2);
   write.Number("IPv4 flags, fragment offset", dont_fragment ? 0x4000 : 0, 2,
                dont_fragment ? "don't fragment, 0" : "0, 0");
@@ -135,7 +120,9 @@ void WriteIPv4(FieldWriter& write, const IPPlayParams& params, std::uint32_t udp
   if (router_alert) {
     write.Hex("IPv4 router alert", 0x94040000, 4);
   }
-  write.SetChecksum(checksum, write.SumFrom(first).Checksum());
+  Bytes header;
+  write.AppendFrom(first, header);
+  write.SetChecksum(checksum, Checksum(header));
 }
 
 void WriteIPv6(FieldWriter& write, const IPv6HeaderSettings& ip, std::uint32_t udp_bytes) {
@@ -170,20 +157,22 @@ void WriteRtp(FieldWriter& write, const RTPHeaderSettings& rtp) {
 }
 
 // RFC 768 and, for IPv6, RFC 8200 section 8.1.
-InternetSum PseudoHeader(const IPPlayParams& params, std::uint32_t udp_bytes) {
+Bytes PseudoHeader(const IPPlayParams& params, std::uint32_t udp_bytes) {
   const ProtocolHeadersSettings& h = params.ProtocolHeadersSettings;
-  InternetSum sum;
+  Bytes header;
+  const auto append = [&header](const auto& bytes) {
+    header.insert(header.end(), std::begin(bytes), std::end(bytes));
+  };
   if (params.IPLayerVersion == 1) {
-    sum.Add(h.IPv6HeaderSettings.SourceIPv6);
-    sum.Add(h.IPv6HeaderSettings.DestinationIPv6);
+    append(h.IPv6HeaderSettings.SourceIPv6);
+    append(h.IPv6HeaderSettings.DestinationIPv6);
   } else {
-    sum.Add(h.IPHeaderSettings.SourceIP);
-    sum.Add(h.IPHeaderSettings.DestinationIP);
+    append(h.IPHeaderSettings.SourceIP);
+    append(h.IPHeaderSettings.DestinationIP);
   }
-  const std::array<std::uint8_t, 4> rest{static_cast<std::uint8_t>(udp_bytes >> 8),
-                                         static_cast<std::uint8_t>(udp_bytes), 0, kUdpProtocol};
-  sum.Add(rest);
-  return sum;
+  append(std::array<std::uint8_t, 4>{static_cast<std::uint8_t>(udp_bytes >> 8),
+                                     static_cast<std::uint8_t>(udp_bytes), 0, kUdpProtocol});
+  return header;
 }
 
 }  // namespace
@@ -192,7 +181,8 @@ std::vector<FrameField> FirstFrameFields(const IPPlayParams& params, bool destin
                                          std::span<const std::uint8_t> payload) {
   const ProtocolHeadersSettings& h = params.ProtocolHeadersSettings;
   const bool rtp = params.ProtocolMode == 1;
-  const auto udp_bytes = static_cast<std::uint32_t>(8 + (rtp ? 12 : 0) + payload.size());
+  const auto udp_bytes =
+      static_cast<std::uint32_t>(kUdpHeaderBytes + (rtp ? kRtpHeaderBytes : 0) + payload.size());
   FieldWriter write;
   WriteEthernet(write, h, destination_known);
   if (params.IPLayerVersion == 1) {
@@ -210,14 +200,15 @@ std::vector<FrameField> FirstFrameFields(const IPPlayParams& params, bool destin
     WriteRtp(write, h.RTPHeaderSettings);
   }
 
-  InternetSum sum = PseudoHeader(params, udp_bytes);
-  bool open = false;
-  for (std::size_t i = udp; i < write.fields().size(); ++i) {
-    sum.Add(write.fields()[i].bytes);
-    open = open || write.fields()[i].open;
-  }
-  sum.Add(payload);
-  write.SetChecksum(checksum, sum.Checksum() == 0 ? 0xFFFF : sum.Checksum());
+  Bytes summed = PseudoHeader(params, udp_bytes);
+  write.AppendFrom(udp, summed);
+  summed.insert(summed.end(), payload.begin(), payload.end());
+  // RFC 768: 0 says that there is no checksum, so a sum of 0 is sent as its other form.
+  const std::uint16_t sum = Checksum(summed);
+  write.SetChecksum(checksum, sum == 0 ? 0xFFFF : sum);
+  const bool open =
+      std::any_of(write.fields().begin() + static_cast<std::ptrdiff_t>(udp), write.fields().end(),
+                  [](const FrameField& field) { return field.open; });
   if (open) {
     write.fields()[checksum].open = true;
     write.fields()[checksum].value = "follows from the random fields";

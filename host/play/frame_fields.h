@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The headers of the first datagram, byte for byte, as the settings order them.
+// The headers of the first datagram, byte for byte, as the settings define them.
 #pragma once
 
 #include <cstdint>
@@ -19,10 +19,10 @@ struct FrameField {
   std::string name;
   std::string value;
   bool open = false;  // decided at the start (random, or an address still to be found); the bytes
-                      // are no promise
+                      // may differ
 };
 
-// `payload` is that of the datagram. Where a field of the UDP datagram is open, so is its checksum.
+// `payload` is the datagram's. If a field of the UDP datagram is open, so is its checksum.
 std::vector<FrameField> FirstFrameFields(const IPPlayParams& params, bool destination_known,
                                          std::span<const std::uint8_t> payload);
 

@@ -24,7 +24,7 @@ std::optional<Failure> CheckVersion(const char* name, const IpAddress& address, 
     return std::nullopt;
   }
   return UsageFailure(
-      fmt::format("{}: allowed is an IPv{} address, as the target has one", name, v6 ? 6 : 4));
+      fmt::format("{}: the target is IPv{}; give an address of that version", name, v6 ? 6 : 4));
 }
 
 void PlanEthernet(const PlayOptions& options, const Path& path, ProtocolHeadersSettings& headers) {
@@ -50,14 +50,14 @@ std::optional<Failure> PlanIp(const PlayOptions& options, const Path& path,
   }
   const auto source = options.src_ip ? options.src_ip : path.source;
   if (!source) {
-    return UsageFailure(fmt::format("--src-ip: needed, since {} has no IPv{} address",
+    return UsageFailure(fmt::format("--src-ip is required: {} has no IPv{} address to send from",
                                     path.adapter.name, v6 ? 6 : 4));
   }
   if (auto failure = CheckVersion("--src-ip", *source, v6)) {
     return failure;
   }
   if (options.tos && options.dscp) {
-    return UsageFailure("--dscp: not together with --tos; allowed is one of them");
+    return UsageFailure("--tos and --dscp exclude each other; give one");
   }
   const auto tos =
       static_cast<std::uint8_t>(options.dscp ? *options.dscp << 2 : options.tos.value_or(0));
@@ -168,7 +168,7 @@ std::uint32_t LowWord(const IpAddress& address) {
   return word;
 }
 
-// A multicast step moves the group's MAC address along, unless the user gave that himself. The
+// A multicast step moves the group's MAC address along, unless the user gave that address. The
 // library adds MAC addresses as 48-bit numbers, which is right up to the end of the mapped bits.
 void FollowGroups(const PlayOptions& options, const Step& step,
                   ProtocolHeadersIncrements& increments, std::vector<std::string>& notes) {
@@ -181,21 +181,21 @@ void FollowGroups(const PlayOptions& options, const Step& step,
   }
   if (last > mapped) {
     notes.push_back(
-        "--step dst-ip: the groups run past the addresses that a MAC address can "
-        "carry, so the MAC addresses of later copies do not fit their groups");
+        "--step dst-ip: the groups run past the bits that a MAC address can hold, so the MAC "
+        "addresses of later copies do not fit their groups");
   }
 }
 
-// What the field of a step is part of, where the datagrams have no such thing.
+// What the datagrams lack without which they do not have this field, or null.
 const char* NeededBy(StepField field, const PlayOptions& options) {
   switch (field) {
     case StepField::kVlan:
       return options.vlan ? nullptr : "--vlan";
     case StepField::kFlowLabel:
-      return options.to.address.is_v6 ? nullptr : "IPv6 targets";
+      return options.to.address.is_v6 ? nullptr : "an IPv6 target";
     case StepField::kPayloadType:
     case StepField::kSsrc:
-      return options.to.rtp ? nullptr : "rtp:// targets";
+      return options.to.rtp ? nullptr : "an rtp:// target";
     default:
       return nullptr;
   }
@@ -210,13 +210,12 @@ std::optional<Failure> PlanSteps(const PlayOptions& options, ProtocolHeadersIncr
     const bool is_address = step.field == StepField::kDstIp || step.field == StepField::kSrcIp;
     if (is_address && step.ip.is_v6 != v6) {
       return UsageFailure(
-          fmt::format("--step {}={}: allowed is an IPv{} address, as the target "
-                      "has one",
+          fmt::format("--step {}={}: the target is IPv{}; give an address of that version",
                       NameOf(step.field), FormatIp(step.ip), v6 ? 6 : 4));
     }
     if (const char* needed = NeededBy(step.field, options)) {
-      return UsageFailure(fmt::format("--step {}={}: allowed with {} only", NameOf(step.field),
-                                      step.number, needed));
+      return UsageFailure(
+          fmt::format("--step {}={} needs {}", NameOf(step.field), step.number, needed));
     }
     if (step.field == StepField::kDstIp) {
       destination = &step;
@@ -240,18 +239,18 @@ std::optional<Failure> CheckFields(const PlayOptions& options) {
   const struct {
     const char* option;
     bool is_given;
-    bool is_allowed;
-    const char* with;
+    bool has_field;
+    const char* needed;
   } kFields[] = {
       {"--vlan-priority", options.vlan_priority != 0, options.vlan.has_value(), "--vlan"},
       {"--vlan-cfi", options.vlan_cfi, options.vlan.has_value(), "--vlan"},
       {"--vlan-tpid", options.vlan_tpid != kUsualTpid, options.vlan.has_value(), "--vlan"},
-      {"--flow-label", options.flow_label != 0, v6, "IPv6 targets"},
-      {"--identification", options.identification.has_value(), !v6, "IPv4 targets"},
+      {"--flow-label", options.flow_label != 0, v6, "an IPv6 target"},
+      {"--identification", options.identification.has_value(), !v6, "an IPv4 target"},
   };
-  for (const auto& [option, is_given, is_allowed, with] : kFields) {
-    if (is_given && !is_allowed) {
-      return UsageFailure(fmt::format("{}: allowed with {} only", option, with));
+  for (const auto& [option, is_given, has_field, needed] : kFields) {
+    if (is_given && !has_field) {
+      return UsageFailure(fmt::format("{} needs {}", option, needed));
     }
   }
   return std::nullopt;
@@ -259,29 +258,20 @@ std::optional<Failure> CheckFields(const PlayOptions& options) {
 
 }  // namespace
 
-std::optional<Failure> PlanHeaders(const PlayOptions& options, const Path& path,
-                                   IPPlayParams& params, std::vector<std::string>& notes) {
-  ProtocolHeadersSettings& headers = params.ProtocolHeadersSettings;
+Result<Headers> PlanHeaders(const PlayOptions& options, const Path& path) {
+  Headers headers;
   if (auto failure = CheckFields(options)) {
-    return failure;
+    return *std::move(failure);
   }
-  PlanEthernet(options, path, headers);
-  if (auto failure = PlanIp(options, path, headers)) {
-    return failure;
+  PlanEthernet(options, path, headers.settings);
+  if (auto failure = PlanIp(options, path, headers.settings)) {
+    return *std::move(failure);
   }
-  PlanUdpAndRtp(options, headers);
-  return PlanSteps(options, params.ProtocolHeadersIncrements, notes);
-}
-
-std::uint32_t HeaderBytes(const IPPlayParams& params) {
-  constexpr std::uint32_t kRouterAlertProtocol = 2;
-  const ProtocolHeadersSettings& headers = params.ProtocolHeadersSettings;
-  std::uint32_t bytes = 14 + (headers.VLANEnabled == 1 ? 4 : 0) + 8;
-  bytes += params.ProtocolMode == 1 ? 12 : 0;
-  if (params.IPLayerVersion == 1) {
-    return bytes + 40;
+  PlanUdpAndRtp(options, headers.settings);
+  if (auto failure = PlanSteps(options, headers.increments, headers.notes)) {
+    return *std::move(failure);
   }
-  return bytes + (headers.IPHeaderSettings.IPProtocol == kRouterAlertProtocol ? 24 : 20);
+  return headers;
 }
 
 }  // namespace ipplay

@@ -2,8 +2,6 @@
 // The header fields of a playout and their steps from copy to copy.
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,12 +12,13 @@
 
 namespace ipplay {
 
-// Fills ProtocolHeadersSettings and ProtocolHeadersIncrements of `params`, or says which option
-// cannot be followed. What is worth knowing is appended to `notes`.
-std::optional<Failure> PlanHeaders(const PlayOptions& options, const Path& path,
-                                   IPPlayParams& params, std::vector<std::string>& notes);
+struct Headers {
+  ProtocolHeadersSettings settings{};
+  ProtocolHeadersIncrements increments{};
+  std::vector<std::string> notes;  // what the user should know, a line each
+};
 
-// Bytes of all headers of a frame.
-std::uint32_t HeaderBytes(const IPPlayParams& params);
+// The headers of the first datagram, or which option cannot be followed.
+Result<Headers> PlanHeaders(const PlayOptions& options, const Path& path);
 
 }  // namespace ipplay

@@ -3,7 +3,6 @@
 
 // `ipplay play`.
 #include <fmt/format.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include <memory>
 
 #include "host/base/capabilities.h"
+#include "host/base/event.h"
 #include "host/base/library_output.h"
 #include "host/cli/config_file.h"
 #include "host/library/destination.h"
@@ -38,7 +38,7 @@ Result<Path> FindPath(const PlayOptions& options, const std::vector<Adapter>& ad
   return path;
 }
 
-// Asks for the destination's MAC address where neither the user nor the address tells it.
+// Asks for the destination's MAC address unless the user gave it or it follows from the address.
 std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan) {
   if (options.dst_mac || path.destination) {
     return std::nullopt;
@@ -56,12 +56,12 @@ std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, Play
 
 void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
                  const Path& path, Input& input) {
-  std::vector<std::uint8_t> payload(plan.payload_bytes);
+  std::vector<std::uint8_t> payload(plan.sizes.payload_bytes);
   payload.resize(input.ReadFully(payload));
-  if (plan.restamp) {
+  if (plan.rounds.restamp) {
     const std::size_t unit = facts.format.packet_bytes;
     std::vector<std::uint8_t> restamped;
-    Restamper(facts.format, *plan.restamp)
+    Restamper(facts.format, *plan.rounds.restamp)
         .Run(std::span(payload).first(payload.size() / unit * unit), [&](Restamper::Bytes bytes) {
           restamped.insert(restamped.end(), bytes.begin(), bytes.end());
           return true;
@@ -88,7 +88,7 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   if (!path) {
     return path.Error();
   }
-  const FileDescriptor stop_reading(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  const Event stop_reading;
   auto input = Input::Open(options.input, stop_reading.Get());
   if (!input) {
     return input.Error();
@@ -124,7 +124,7 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   }
   Introduce(options, *facts, *plan, path->adapter);
   PlaySession session(options, *plan, std::make_unique<RoundReader>(std::move(*input), *facts),
-                      stop_reading.Get());
+                      stop_reading);
   return static_cast<int>(session.Run());
 }
 
@@ -134,11 +134,11 @@ void RegisterPlay(CLI::App& app, Result<int>& outcome) {
   CLI::App* command = app.add_subcommand("play", "Play a transport stream");
   const auto options = std::make_shared<PlayOptions>();
   DefinePlayOptions(*command, *options);
-  // --config belongs to the application, which reads it before the command runs.
+  // --config is the application's option, read before the command runs.
   command->fallthrough();
   command->footer(
       "--config FILE reads options, as --write-config wrote them; those on the command "
-      "line come first.");
+      "line take precedence.");
   command->callback([options, &app, &outcome] { outcome = Play(app, *options); });
 }
 

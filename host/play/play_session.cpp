@@ -2,20 +2,16 @@
 #include "host/play/play_session.h"
 
 #include <fmt/format.h>
-#include <linux/capability.h>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/resource.h>
-#include <sys/signalfd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
 #include "host/base/capabilities.h"
 #include "host/base/library_output.h"
+#include "host/base/nice_value.h"
 #include "host/base/units.h"
 #include "host/play/report.h"
 #include "ipplayout/ipplayout.h"
@@ -27,32 +23,7 @@ using std::chrono::nanoseconds;
 using namespace std::chrono_literals;
 
 constexpr const char* kKeys =
-    "keys: space pause, l lose, s send late, i bad IP checksum, u bad UDP checksum, q stop, ? help";
-
-sigset_t StopSignals() {
-  sigset_t set;
-  ::sigemptyset(&set);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    ::sigaddset(&set, signal);
-  }
-  return set;
-}
-
-// Signals are read as events. They are blocked before any thread starts, so that none gets them.
-FileDescriptor CatchSignals() {
-  sigset_t set = StopSignals();
-  ::sigaddset(&set, SIGCONT);
-  ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  return FileDescriptor(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-}
-
-// From here on a signal ends the process at once. The hang-up that comes with the end of a terminal
-// may be the second one that this end makes, and is no wish of the user's.
-void LetSignalsKill() {
-  sigset_t set = StopSignals();
-  sigdelset(&set, SIGHUP);
-  ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-}
+    "keys: space pause, l lose, s delay, i bad IP checksum, u bad UDP checksum, q stop, ? help";
 
 Feeder::Sink LibrarySink() {
   return {.write = [](const void* data, std::uint16_t units) { return IPWrite(data, units); },
@@ -60,14 +31,14 @@ Feeder::Sink LibrarySink() {
 }
 
 std::optional<Restamper> MakeRestamper(const PlayPlan& plan, PacketFormat format) {
-  if (!plan.restamp) {
+  if (!plan.rounds.restamp) {
     return std::nullopt;
   }
-  return Restamper(format, *plan.restamp);
+  return Restamper(format, *plan.rounds.restamp);
 }
 
 std::string ReadFailure(int error) {
-  return error == ENODATA ? "it has become shorter" : std::strerror(error);
+  return error == ENODATA ? "the file has become shorter" : std::strerror(error);
 }
 
 PlayoutStatistics Counters() {
@@ -76,16 +47,17 @@ PlayoutStatistics Counters() {
   return counters;
 }
 
-// Without the two lines that tell of its threads.
+// Without the two lines that the library prints about its threads.
 bool StartLibrary(bool economy) {
   constexpr int kNice = 10;
-  // The library takes it for what --economy asks for. A value that is there already is no less.
-  if (economy && ::getpriority(PRIO_PROCESS, 0) < kNice) {
-    ::setpriority(PRIO_PROCESS, 0, kNice);
+  // The library spins less in a process with a nice value above 0.
+  if (economy) {
+    RaiseNiceValue(kNice);
   }
   const LibrarySilence silence(LibrarySilence::Of::kOutput);
-  // The library opens the adapter and gives its threads their class. Nothing is opened later.
-  KeepCapabilities({CAP_NET_RAW, CAP_SYS_NICE});
+  // The library opens the adapter and sets its threads' scheduling class; nothing needs rights
+  // later.
+  KeepCapabilities({kCapNetRaw, kCapSysNice});
   const bool started = IPStart() == 0;
   KeepCapabilities({});
   return started;
@@ -94,17 +66,16 @@ bool StartLibrary(bool economy) {
 }  // namespace
 
 PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
-                         std::unique_ptr<RoundReader> reader, int stop_reading)
+                         std::unique_ptr<RoundReader> reader, const Event& stop_reading)
     : options_(options),
       plan_(plan),
       stop_reading_(stop_reading),
-      completed_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      signals_(CatchSignals()),
       time_line_(options.time_line),
       meter_(plan),
       feeder_([&] {
         const PacketFormat format = reader->Format();
-        return Feeder(std::move(reader), MakeRestamper(plan, format), plan.rounds, LibrarySink());
+        return Feeder(std::move(reader), MakeRestamper(plan, format), plan.rounds.count,
+                      LibrarySink());
       }()) {}
 
 PlaySession::~PlaySession() {
@@ -125,7 +96,7 @@ bool PlaySession::Start() {
   const intptr_t event = completed_.Get();
   RegisterForIPPlayoutCompletion(&event);
   Apply(plan_.settings);
-  if (!options_.json && !options_.quiet) {
+  if (!options_.WantsJson() && !options_.quiet) {
     terminal_ = Terminal::Open();
   }
   start_ = Clock::now();
@@ -160,23 +131,24 @@ void PlaySession::Loop() {
 }
 
 nanoseconds PlaySession::ReportInterval() const {
-  if (options_.json) {
+  if (options_.WantsJson()) {
     return 1s;
   }
   return terminal_ ? nanoseconds(250ms) : nanoseconds(5s);
 }
 
-// The next point in time at which there is something to do. The counters are looked at more often
-// at first, since the measured bit rate starts there: until the first datagram has left, in a
-// file's case, which is a matter of moments, often enough for a short one's rate to be right.
+// The next time at which there is something to do. The measured bit rate counts from the first
+// datagram, so the counters are read often until it has left; for a file, which starts within
+// moments and may be short, more often still.
 nanoseconds PlaySession::NextWake() const {
   nanoseconds wake = next_report_;
   if (const auto time = time_line_.NextTime()) {
     wake = std::min(wake, *time);
   }
   if (!meter_.Started()) {
-    wake = std::min(wake, Now() + (plan_.round_bytes ? nanoseconds(200us) : nanoseconds(2ms)));
-  } else if (!meter_.UnderWay()) {
+    wake =
+        std::min(wake, Now() + (plan_.rounds.round_bytes ? nanoseconds(200us) : nanoseconds(2ms)));
+  } else if (!meter_.IsSteady()) {
     wake = std::min(wake, Now() + 20ms);
   }
   return wake;
@@ -193,7 +165,7 @@ void PlaySession::WaitForSomething() {
     return;
   }
   if (waits[0].revents != 0) {
-    // Nothing is written; the call tells an end of the data from a failure.
+    // Writes nothing; the result distinguishes the end of the data from a failure.
     const std::uint32_t nothing = 0;
     failed_ = IPWrite(&nothing, 0) == IPPLAYOUT_FAILED;
     return Finish(!failed_);
@@ -202,7 +174,7 @@ void PlaySession::WaitForSomething() {
     TakeSignals();
   }
   if ((waits[2].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
-    return Stop("Stopped, since the terminal is gone");
+    return Stop("Stopped: the terminal is gone");
   }
   if (waits[2].revents != 0) {
     TakeKeys();
@@ -210,16 +182,8 @@ void PlaySession::WaitForSomething() {
 }
 
 void PlaySession::TakeSignals() {
-  signalfd_siginfo info{};
-  std::optional<std::uint32_t> stop;
-  // Those that came together are one wish.
-  while (::read(signals_.Get(), &info, sizeof info) == sizeof info) {
-    if (info.ssi_signo != SIGCONT) {
-      stop = info.ssi_signo;
-    }
-  }
-  if (stop) {
-    return Stop(*stop == SIGINT ? "Stopped by Ctrl-C" : "Stopped by a signal");
+  if (const auto stop = signals_.Take()) {
+    return Stop(*stop == Interruption::kCtrlC ? "Stopped by Ctrl-C" : "Stopped by a signal");
   }
   if (terminal_) {
     terminal_->TakeKeys();
@@ -262,22 +226,22 @@ void PlaySession::Do(const Action& action, const std::string& by) {
   switch (action.kind) {
     case ActionKind::kLose:
       GeneratePacketLoss();
-      return Say(by + ": the next datagram is lost");
+      return Say(by + ": losing the next datagram");
     case ActionKind::kDelay:
       if (!options_.to.rtp) {
-        return Say(by + ": only RTP datagrams can be sent late");
+        return Say(by + ": only RTP datagrams can be delayed");
       }
       GenerateSequenceError();
-      return Say(by + ": the next datagram is sent late");
+      return Say(by + ": delaying the next datagram");
     case ActionKind::kBadIpChecksum:
       if (options_.to.address.is_v6) {
         return Say(by + ": IPv6 has no header checksum");
       }
       GenerateIPChecksumError();
-      return Say(by + ": the next datagram has a bad IP checksum");
+      return Say(by + ": damaging the IP checksum of the next datagram");
     case ActionKind::kBadUdpChecksum:
       GenerateUDPChecksumError();
-      return Say(by + ": the next datagram has a bad UDP checksum");
+      return Say(by + ": damaging the UDP checksum of the next datagram");
     case ActionKind::kPause:
       Pause(true);
       if (action.length > 0s) {
@@ -297,8 +261,8 @@ void PlaySession::Pause(bool on) {
   Say(on ? "paused" : "playing");
 }
 
-// The terminal goes back and signals get their usual meaning first: what follows may take a second,
-// and a second Ctrl-C ends the process at once.
+// Restores the terminal and the default action of signals first: stopping may take a second, and a
+// second Ctrl-C then ends the process at once.
 void PlaySession::Stop(const std::string& outcome) {
   if (!running_) {
     return;
@@ -306,19 +270,16 @@ void PlaySession::Stop(const std::string& outcome) {
   outcome_ = outcome;
   ClearProgress();
   terminal_.reset();
-  LetSignalsKill();
+  SignalEvents::LetSignalsKill();
   Finish(false);
 }
 
-// The playout ends now, not when all of its threads are gone; its last datagram is counted then.
+// The playout's time ends here, before its threads have ended; the final counters follow them.
 void PlaySession::Finish(bool complete) {
   ReadCounters(Now());
   running_ = false;
   feeder_.Stop();
-  const std::uint64_t one = 1;
-  if (::write(stop_reading_, &one, sizeof one) < 0) {
-    // The counter of the event is full, so it is signalled already.
-  }
+  stop_reading_.Set();
   IPStop();
   meter_.End(Counters(), complete);
 }
@@ -332,16 +293,16 @@ void PlaySession::ReportWhenDue() {
   if (Now() < next_report_) {
     return;
   }
-  // Missed reports are not made up for.
+  // Missed reports are skipped.
   next_report_ += ReportInterval() * ((Now() - next_report_) / ReportInterval() + 1);
-  if (!meter_.Started() && !options_.json) {
+  if (!meter_.Started() && !options_.WantsJson()) {
     return;
   }
-  if (options_.json) {
+  if (options_.WantsJson()) {
     Print(Results(), "{}\n", StatusJson(options_, plan_, meter_.Total(), "progress"));
     std::fflush(Results());
     if (std::ferror(Results()) != 0) {
-      Stop("Stopped, since nobody reads the output");
+      Stop("Stopped: nobody reads the output");
     }
   } else if (terminal_) {
     DrawProgress();
@@ -361,7 +322,7 @@ void PlaySession::ClearProgress() {
 }
 
 void PlaySession::Say(const std::string& line) {
-  if (options_.json || options_.quiet) {
+  if (options_.WantsJson() || options_.quiet) {
     return;
   }
   ClearProgress();
@@ -375,7 +336,7 @@ void PlaySession::WarnOfInput() {
   if (feeder_.ReadError() != 0 && !warned_of_read_) {
     warned_of_read_ = true;
     ClearProgress();
-    Print(stderr, "ipplay: INPUT cannot be read on: {}; what was read before is played\n",
+    Print(stderr, "ipplay: reading INPUT failed: {}; playing what has been read so far\n",
           ReadFailure(feeder_.ReadError()));
   }
   const auto lost = feeder_.SyncLost();
@@ -384,13 +345,13 @@ void PlaySession::WarnOfInput() {
   }
   warned_of_sync_ = true;
   ClearProgress();
-  Print(stderr, "ipplay: INPUT lost sync at offset {}; it is played as it comes\n", *lost);
+  Print(stderr, "ipplay: INPUT lost sync at offset {}; playing it as it is\n", *lost);
 }
 
 void PlaySession::Fail(const std::string& why) {
   outcome_ = "Failed";
   const PlayoutStatistics& counters = meter_.Total().counters;
-  Print(stderr, "ipplay: {}; {} datagrams with {} were sent before\n", why,
+  Print(stderr, "ipplay: {}; sent until then: {} datagrams with {}\n", why,
         FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent));
 }
 
@@ -399,8 +360,8 @@ ExitStatus PlaySession::Conclude() {
   terminal_.reset();
   WarnOfInput();
   if (feeder_.Padding() > 0) {
-    Print(stderr, "ipplay: {} zero bytes added at the end, since bytes are played by fours\n",
-          feeder_.Padding());
+    Print(stderr, "ipplay: padded with {} zero byte{}: data is sent in units of 4 bytes\n",
+          feeder_.Padding(), feeder_.Padding() == 1 ? "" : "s");
   }
   if (feeder_.ReadError() != 0) {
     failed_ = true;
@@ -409,7 +370,7 @@ ExitStatus PlaySession::Conclude() {
     Fail("a frame could not be sent; is the adapter still up?");
   }
   const Status status = meter_.Total();
-  if (options_.json) {
+  if (options_.WantsJson()) {
     Print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
   } else {
     Print(Results(), "{}", Summary(options_, plan_, status, outcome_));

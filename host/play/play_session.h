@@ -8,8 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "host/base/file_descriptor.h"
+#include "host/base/event.h"
 #include "host/base/result.h"
+#include "host/base/signal_events.h"
 #include "host/base/terminal.h"
 #include "host/play/feeder.h"
 #include "host/play/play_options.h"
@@ -19,13 +20,13 @@
 
 namespace ipplay {
 
-// Runs on the thread that calls Run(), beside the feeder's thread. Takes keys, signals and the time
-// line, and shows progress.
+// Runs on the thread that calls Run(), beside the feeder's thread. Acts on keys, signals and the
+// time line, and shows progress.
 class PlaySession {
  public:
-  // `stop_reading` is the event that ends a read of the input.
+  // `stop_reading` ends a read of the input.
   PlaySession(const PlayOptions& options, const PlayPlan& plan, std::unique_ptr<RoundReader> reader,
-              int stop_reading);
+              const Event& stop_reading);
   ~PlaySession();
   PlaySession(const PlaySession&) = delete;
   PlaySession& operator=(const PlaySession&) = delete;
@@ -61,9 +62,9 @@ class PlaySession {
 
   const PlayOptions& options_;
   const PlayPlan& plan_;
-  int stop_reading_;
-  FileDescriptor completed_;  // signalled by the library at the end of the run
-  FileDescriptor signals_;
+  const Event& stop_reading_;
+  Event completed_;  // set by the library at the end of the run
+  SignalEvents signals_;
   std::unique_ptr<Terminal> terminal_;
   TimeLine time_line_;
   StatusMeter meter_;

@@ -14,19 +14,22 @@ namespace {
 
 using std::chrono::nanoseconds;
 
+constexpr int kJsonSchema = 1;  // grows when a field is renamed or removed; see docs/json.md
+
 nanoseconds JitterOf(const PlayoutStatistics& counters) {
   return nanoseconds(static_cast<std::int64_t>(counters.Jitter * 1e9));
 }
 
-std::string Errors(const PlayoutStatistics& counters) {
-  return fmt::format("lost {}, late {}, IP checksum {}, UDP checksum {}", counters.LostPackets,
+// The errors that were ordered, not what a receiver sees.
+std::string OrderedErrors(const PlayoutStatistics& counters) {
+  return fmt::format("lost {}, delayed {}, IP checksum {}, UDP checksum {}", counters.LostPackets,
                      counters.SequenceErrors, counters.IPChecksumErrors,
                      counters.UDPChecksumErrors);
 }
 
 std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
   if (options.frame_bit_rate) {
-    return "as --frame-bitrate gives it";
+    return "from --frame-bitrate";
   }
   if (options.bit_rate) {
     return "as given";
@@ -35,10 +38,10 @@ std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
 }
 
 std::string RoundsText(const PlayPlan& plan) {
-  if (!plan.rounds) {
-    return "for ever";
+  if (!plan.rounds.count) {
+    return "forever";
   }
-  return *plan.rounds == 1 ? "once" : fmt::format("{} times", *plan.rounds);
+  return *plan.rounds.count == 1 ? "once" : fmt::format("{} times", *plan.rounds.count);
 }
 
 std::string StreamText(const StreamFacts& facts) {
@@ -72,21 +75,23 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   line("target", fmt::format("{} through {} (device {})", FormatTarget(options.to),
                              path.adapter.name, path.adapter.index));
   line("stream bit rate",
-       fmt::format("{:.3f} bit/s, {}", plan.stream_rate, RateSource(options, facts)));
-  line("frame bit rate", fmt::format("{:.3f} bit/s for one stream", plan.frame_rate));
-  line("datagram size", fmt::format("{} bytes: {} of headers, {} of payload", plan.frame_bytes,
-                                    plan.header_bytes, plan.payload_bytes));
+       fmt::format("{:.3f} bit/s, {}", plan.rates.stream, RateSource(options, facts)));
+  line("frame bit rate", fmt::format("{:.3f} bit/s for one stream", plan.rates.frame));
+  line("datagram size",
+       fmt::format("{} bytes: {} of headers, {} of payload", plan.sizes.frame_bytes,
+                   plan.sizes.header_bytes, plan.sizes.payload_bytes));
   line("streams", fmt::format("{}", plan.copies));
-  line("packets per batch", fmt::format("{}", plan.batch));
-  line("gap", fmt::format("{:.3f} us between frames", static_cast<double>(plan.frame_bytes) * 8e6 /
-                                                          (plan.frame_rate * plan.copies)));
+  line("packets per batch", fmt::format("{}", plan.rates.batch));
+  line("gap", fmt::format("{:.3f} us between frames", static_cast<double>(plan.sizes.frame_bytes) *
+                                                          8e6 / (plan.rates.frame * plan.copies)));
   line("rounds", RoundsText(plan));
-  if (plan.restamp) {
-    line("restamping", fmt::format("start {} and each round {} ticks of 27 MHz",
-                                   plan.restamp->start_offset, plan.restamp->round_ticks));
+  if (plan.rounds.restamp) {
+    line("restamping",
+         fmt::format("start {} and each round {} ticks of 27 MHz",
+                     plan.rounds.restamp->start_offset, plan.rounds.restamp->round_ticks));
   }
-  if (plan.rtp_clock_ratio > 0) {
-    line("RTP clock", fmt::format("{:.6f} kHz", plan.rtp_clock_ratio * 90));
+  if (plan.rates.rtp_clock_ratio > 0) {
+    line("RTP clock", fmt::format("{:.6f} kHz", plan.rates.rtp_clock_ratio * 90));
   }
   for (const std::string& note : plan.notes) {
     line("note", note);
@@ -104,7 +109,7 @@ std::string FormatClock(nanoseconds time) {
 }
 
 std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns) {
-  const bool rounds = !plan.rounds || *plan.rounds > 1;
+  const bool rounds = !plan.rounds.count || *plan.rounds.count > 1;
   const std::string real =
       status.paused ? "paused" : fmt::format("{:.4f}M", status.recent_rate / 1e6);
   const PlayoutStatistics& counters = status.counters;
@@ -119,9 +124,9 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
   if (rounds) {
     line += fmt::format("  round {}", status.round);
   }
-  line += fmt::format("  {:.4f}M set, {} real  {} datagrams  {}  jitter {}", plan.stream_rate / 1e6,
-                      real, FormatCount(counters.DatagramsSent), Errors(counters),
-                      FormatDuration(JitterOf(counters)));
+  line += fmt::format("  {:.4f}M set, {} real  {} datagrams  ordered: {}  jitter {}",
+                      plan.rates.stream / 1e6, real, FormatCount(counters.DatagramsSent),
+                      OrderedErrors(counters), FormatDuration(JitterOf(counters)));
   if (line.size() <= columns) {
     return line;
   }
@@ -134,8 +139,8 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
   if (rounds) {
     line += fmt::format(" round {}", status.round);
   }
-  line += fmt::format(" {:.4g}/{} {} sent lost {} late {} ip {} udp {} jitter {}",
-                      plan.stream_rate / 1e6, real, counters.DatagramsSent, counters.LostPackets,
+  line += fmt::format(" {:.4g}/{} {} sent lost {} delayed {} ip {} udp {} jitter {}",
+                      plan.rates.stream / 1e6, real, counters.DatagramsSent, counters.LostPackets,
                       counters.SequenceErrors, counters.IPChecksumErrors,
                       counters.UDPChecksumErrors, FormatDuration(JitterOf(counters)));
   return line.substr(0, columns);
@@ -145,10 +150,11 @@ std::string Introduction(const PlayOptions& options, const StreamFacts& facts, c
                          const std::string& device) {
   std::string text =
       fmt::format("{}: {}; played {}\n", options.input, StreamText(facts), RoundsText(plan));
-  text += fmt::format("{} through {}: {} {}, frames of {} bytes every {}{}\n",
-                      FormatTarget(options.to), device, FormatBitRate(plan.stream_rate),
-                      RateSource(options, facts), plan.frame_bytes, FormatDuration(plan.gap),
-                      plan.copies == 1 ? "" : fmt::format(", {} streams", plan.copies));
+  text +=
+      fmt::format("{} through {}: {} {}, frames of {} bytes every {}{}\n", FormatTarget(options.to),
+                  device, FormatBitRate(plan.rates.stream), RateSource(options, facts),
+                  plan.sizes.frame_bytes, FormatDuration(plan.rates.gap),
+                  plan.copies == 1 ? "" : fmt::format(", {} streams", plan.copies));
   return text;
 }
 
@@ -169,44 +175,44 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
     text += fmt::format(", {} transport packets", FormatCount(counters.TSPacketsSent));
   }
   text += fmt::format(", {}\n", FormatBytes(counters.TSBytesSent));
-  text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(plan.stream_rate),
+  text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(plan.rates.stream),
                       FormatBitRate(status.mean_rate));
-  text += fmt::format("  errors     {}\n", Errors(counters));
+  text += fmt::format("  ordered    {}\n", OrderedErrors(counters));
   return text + fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
 }
 
 std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const Status& status,
                        std::string_view event, std::string_view outcome) {
   const PlayoutStatistics& counters = status.counters;
-  nlohmann::ordered_json json{{"event", event}};
+  nlohmann::ordered_json json{{"schema", kJsonSchema}, {"event", event}};
   if (!outcome.empty()) {
     json["outcome"] = outcome;
   }
   json["target"] = FormatTarget(options.to);
-  json["elapsed_s"] = static_cast<double>(status.elapsed.count()) / 1e9;
+  json["elapsed_ns"] = status.elapsed.count();
   if (status.share) {
     json["percent"] = *status.share * 100;
   }
   if (status.remaining) {
-    json["remaining_s"] = static_cast<double>(status.remaining->count()) / 1e9;
+    json["remaining_ns"] = status.remaining->count();
   }
   json["round"] = status.round;
   json["paused"] = status.paused;
-  json["set_bit_rate"] = plan.stream_rate;
-  json["bit_rate"] = event == "summary" ? status.mean_rate : status.recent_rate;
-  json["mean_bit_rate"] = status.mean_rate;
+  json["set_rate_bps"] = plan.rates.stream;
+  json["rate_bps"] = event == "summary" ? status.mean_rate : status.recent_rate;
+  json["mean_rate_bps"] = status.mean_rate;
   json["datagrams"] = counters.DatagramsSent;
   json["frames"] = counters.DatagramsSent * plan.copies;
-  json["datagram_size"] = plan.frame_bytes;
-  json["bytes"] = counters.BytesSent;
+  json["frame_size_bytes"] = plan.sizes.frame_bytes;
+  json["frame_bytes"] = counters.BytesSent;
   json["ts_packets"] = counters.TSPacketsSent;
   json["ts_bytes"] = counters.TSBytesSent;
-  json["lost"] = counters.LostPackets;
-  json["lost_bytes"] = counters.LostBytes;
-  json["late"] = counters.SequenceErrors;
-  json["bad_ip_checksums"] = counters.IPChecksumErrors;
-  json["bad_udp_checksums"] = counters.UDPChecksumErrors;
-  json["jitter_s"] = counters.Jitter;
+  json["ordered"] = {{"lost", counters.LostPackets},
+                     {"lost_bytes", counters.LostBytes},
+                     {"delayed", counters.SequenceErrors},
+                     {"ipv4_header_bad", counters.IPChecksumErrors},
+                     {"udp_bad", counters.UDPChecksumErrors}};
+  json["jitter_ns"] = counters.Jitter * 1e9;
   // Names of files need not be UTF-8.
   return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }

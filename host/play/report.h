@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What a playout tells about itself, as text and as JSON.
+// What a playout reports about itself, as text and as JSON.
 #pragma once
 
 #include <chrono>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How far a playout is and how fast it goes, from the library's counters and the clock.
+// Progress and bit rate of a playout, from the library's counters and the clock.
 #pragma once
 
 #include <chrono>
@@ -15,26 +15,27 @@ namespace ipplay {
 struct Status {
   PlayoutStatistics counters{};
   std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses included
-  std::optional<double> share;          // of all bytes to play, 0 to 1; nothing without an end
+  std::optional<double> share;          // of all bytes to play, 0 to 1; none without an end
   std::optional<std::chrono::nanoseconds> remaining;
-  double recent_rate = 0;   // bits per second of transport stream over the last seconds
-  double mean_rate = 0;     // over the whole run; the library makes up for pauses
-  std::uint64_t round = 1;  // that the last datagram belongs to
+  double recent_rate = 0;   // bit/s of transport stream over the last seconds
+  double mean_rate = 0;     // over the whole run; the library catches up after pauses
+  std::uint64_t round = 1;  // of the last datagram
   bool paused = false;
 };
 
-// Fed with readings of the counters, oldest first. Times are of one steady clock.
+// Fed with readings of the counters, oldest first. All times are of one steady clock.
 class StatusMeter {
  public:
   explicit StatusMeter(const PlayPlan& plan);
 
   void SetPaused(bool paused) { paused_ = paused; }
   void Read(const PlayoutStatistics& counters, std::chrono::nanoseconds now);
-  // What has left in the end; at the last reading, if all that there was to play has been played.
+  // Final counters. If `complete`, the run ended at the last reading.
   void End(const PlayoutStatistics& counters, bool complete);
 
   bool Started() const { return first_.has_value(); }
-  bool UnderWay() const { return under_way_.has_value(); }
+  // Whether the mean rate can be taken between readings.
+  bool IsSteady() const { return steady_.has_value(); }
   bool Paused() const { return paused_; }
   Status Total() const;
 
@@ -45,19 +46,22 @@ class StatusMeter {
   };
 
   double MeanRate() const;
+  double RateOfCompleteRun() const;
   double RateSince(const Reading& from) const;
 
   std::optional<std::uint64_t> total_bytes_;
   std::optional<std::uint64_t> round_bytes_;
   double stream_rate_;
-  double share_that_leaves_;
-  double bytes_per_ts_byte_;  // bytes read from the input for each byte that TSBytesSent counts
+  double share_sent_;               // of the datagrams; the rest is lost on purpose
+  double input_bytes_per_ts_byte_;  // TSBytesSent leaves out the time stamps of 192-byte packets
   double ts_bytes_per_datagram_;
   bool paused_ = false;
-  std::uint64_t burst_;                              // datagrams that leave at once
-  std::optional<std::chrono::nanoseconds> waiting_;  // last reading before the first datagram
-  std::optional<std::chrono::nanoseconds> first_;    // time of the first datagram
-  std::optional<Reading> under_way_;                 // as many in hand as ever since
+  std::uint64_t datagrams_per_burst_;                     // 1 without bursts
+  std::optional<std::chrono::nanoseconds> before_first_;  // last reading without a datagram
+  std::optional<std::chrono::nanoseconds> first_;         // departure of the first datagram
+  // The first reading after the start-up, when the library has filled its queues. From here on the
+  // number of datagrams that are counted but have not left yet stays the same.
+  std::optional<Reading> steady_;
   bool complete_ = false;
   PlayoutStatistics counters_{};
   std::deque<Reading> readings_;  // of the last seconds

@@ -110,7 +110,8 @@ void Plan(const PlayOptions& options) {
     if (plan.Error().message.find('\n') != std::string::npos) {
       std::abort();
     }
-  } else if (plan->payload_bytes == 0 || plan->frame_bytes > 16128 || !(plan->frame_rate > 0)) {
+  } else if (plan->sizes.payload_bytes == 0 || plan->sizes.frame_bytes > 16128 ||
+             !(plan->rates.frame > 0)) {
     std::abort();
   }
 }

@@ -105,7 +105,7 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
           const PlayPlan& plan) {
   std::uint64_t played = 0;
   const auto take = [&](std::span<const std::uint8_t> piece) {
-    if (!plan.restamp && facts.bytes) {
+    if (!plan.rounds.restamp && facts.bytes) {
       const std::uint64_t at = facts.first_packet + played % *facts.bytes;
       if (at + piece.size() > bytes.size() ||
           !std::equal(piece.begin(), piece.end(),
@@ -117,10 +117,10 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
     return true;
   };
   std::optional<Restamper> restamper;
-  if (plan.restamp) {
-    restamper.emplace(facts.format, *plan.restamp);
+  if (plan.rounds.restamp) {
+    restamper.emplace(facts.format, *plan.rounds.restamp);
   }
-  for (std::uint64_t round = 1; round <= plan.rounds.value_or(1); ++round) {
+  for (std::uint64_t round = 1; round <= plan.rounds.count.value_or(1); ++round) {
     if (round > 1) {
       reader.StartNextRound();
       if (restamper) {
@@ -134,7 +134,7 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
       restamper->Run({}, take);
     }
   }
-  if (reader.ReadError() != 0 || (plan.total_bytes && played != *plan.total_bytes)) {
+  if (reader.ReadError() != 0 || (plan.rounds.total_bytes && played != *plan.rounds.total_bytes)) {
     std::abort();
   }
 }

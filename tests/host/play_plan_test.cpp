@@ -87,15 +87,15 @@ TEST(PlayPlan, SizesAndRates) {
   for (const auto& c : cases) {
     const auto plan = Plan(c.line + (c.packet_bytes == 0 ? " --raw" : ""), Facts(c.packet_bytes));
     ASSERT_TRUE(plan) << plan.Error().message;
-    EXPECT_EQ(plan->header_bytes, c.headers) << c.line;
-    EXPECT_EQ(plan->payload_bytes, c.payload) << c.line;
-    EXPECT_EQ(plan->frame_bytes, c.headers + c.payload) << c.line;
-    EXPECT_EQ(plan->settings.params.IPPacketSize, plan->frame_bytes) << c.line;
-    EXPECT_NEAR(plan->stream_rate, c.stream_rate, 1e-6) << c.line;
+    EXPECT_EQ(plan->sizes.header_bytes, c.headers) << c.line;
+    EXPECT_EQ(plan->sizes.payload_bytes, c.payload) << c.line;
+    EXPECT_EQ(plan->sizes.frame_bytes, c.headers + c.payload) << c.line;
+    EXPECT_EQ(plan->settings.params.IPPacketSize, plan->sizes.frame_bytes) << c.line;
+    EXPECT_NEAR(plan->rates.stream, c.stream_rate, 1e-6) << c.line;
     // What leaves the adapter each second: a frame for every payload of stream.
     const double counted = c.packet_bytes == 192 ? c.payload * 188.0 / 192 : c.payload;
     EXPECT_NEAR(plan->settings.ip_bit_rate * 1e6,
-                c.stream_rate / (counted * 8) * plan->frame_bytes * 8, 1e-3)
+                c.stream_rate / (counted * 8) * plan->sizes.frame_bytes * 8, 1e-3)
         << c.line;
     EXPECT_EQ(plan->settings.tts.TTSEnabled, c.packet_bytes == 192 ? 1U : 0U) << c.line;
     EXPECT_EQ(plan->settings.ts_packet_size, c.packet_bytes == 192 ? 188U : c.packet_bytes)
@@ -107,23 +107,23 @@ TEST(PlayPlan, FrameBitRateCountsHeaders) {
   const auto plan = Plan(kRtp + "--frame-bitrate 10M");
   ASSERT_TRUE(plan);
   EXPECT_DOUBLE_EQ(plan->settings.ip_bit_rate, 10);
-  EXPECT_NEAR(plan->stream_rate, 10e6 * 1316 / 1370, 1e-3);
+  EXPECT_NEAR(plan->rates.stream, 10e6 * 1316 / 1370, 1e-3);
 }
 
 // Lost datagrams are none of the frames, and the stream goes on as if they had left.
 TEST(PlayPlan, LossesLowerTheFrameRateNotTheStreams) {
   const auto fifth = Plan(kRtp + "--lose 2/10");
-  EXPECT_DOUBLE_EQ(fifth->stream_rate, 7'520'000);
+  EXPECT_DOUBLE_EQ(fifth->rates.stream, 7'520'000);
   EXPECT_NEAR(fifth->settings.ip_bit_rate, 7.52 * 1370 / 1316 * 0.8, 1e-9);
   EXPECT_EQ(fifth->settings.params.IPPacketSize, 1096U);  // 4/5 of 1,370
-  EXPECT_NEAR(fifth->rtp_clock_ratio, 1, 1e-6);
+  EXPECT_NEAR(fifth->rates.rtp_clock_ratio, 1, 1e-6);
   EXPECT_TRUE(fifth->notes.empty());
   const auto given = Plan(kRtp + "--frame-bitrate 10M --lose 1/2");
   EXPECT_DOUBLE_EQ(given->settings.ip_bit_rate, 10);
-  EXPECT_NEAR(given->stream_rate, 2 * 10e6 * 1316 / 1370, 1e-3);
+  EXPECT_NEAR(given->rates.stream, 2 * 10e6 * 1316 / 1370, 1e-3);
   EXPECT_NEAR(Plan(kRtp + "--lose 3/3")->settings.ip_bit_rate, 7.52 * 1370 / 1316, 1e-9);
   const auto few = Plan(kRtp + "--lose 2/1000");  // 0.998 x 1,370 = 1,367.26
-  EXPECT_NEAR(few->rtp_clock_ratio, 1367 / 1367.26, 1e-6);
+  EXPECT_NEAR(few->rates.rtp_clock_ratio, 1367 / 1367.26, 1e-6);
   EXPECT_NE(few->notes.at(0).find("every datagram, lost or not, by 1367 bytes"), std::string::npos);
 }
 
@@ -147,29 +147,30 @@ TEST(PlayPlan, BatchAndGap) {
   for (const auto& c : cases) {
     const auto plan = Plan(c.line);
     ASSERT_TRUE(plan) << plan.Error().message;
-    EXPECT_EQ(plan->batch, c.batch) << c.line;
+    EXPECT_EQ(plan->rates.batch, c.batch) << c.line;
   }
-  EXPECT_EQ(Plan(kRtp + "--frame-bitrate 10M --copies 2")->gap, std::chrono::microseconds(548));
+  EXPECT_EQ(Plan(kRtp + "--frame-bitrate 10M --copies 2")->rates.gap,
+            std::chrono::microseconds(548));
 }
 
 // The clock's step for each frame is IPPacketSize x 8 / IPBitRate seconds, and it steps once for
 // every copy.
 TEST(PlayPlan, RtpClock) {
   const auto one = Plan(kRtp + "--frame-size 1500");
-  EXPECT_NEAR(one->rtp_clock_ratio, 1, 1e-6);
+  EXPECT_NEAR(one->rates.rtp_clock_ratio, 1, 1e-6);
   const auto two = Plan(kRtp + "--copies 2");
   EXPECT_EQ(two->settings.params.IPPacketSize, 685U);
-  EXPECT_NEAR(two->rtp_clock_ratio, 1, 1e-6);
+  EXPECT_NEAR(two->rates.rtp_clock_ratio, 1, 1e-6);
   EXPECT_TRUE(two->notes.empty());
   const auto many = Plan(kRtp + "--copies 16");
   EXPECT_EQ(many->settings.params.IPPacketSize, 86U);
-  EXPECT_NEAR(many->rtp_clock_ratio, 16 * 86 / 1370.0, 1e-6);
+  EXPECT_NEAR(many->rates.rtp_clock_ratio, 16 * 86 / 1370.0, 1e-6);
   ASSERT_EQ(many->notes.size(), 1U);
   EXPECT_NE(many->notes[0].find("RTP time runs at 90.3942 kHz"), std::string::npos);
   const auto slow = Plan(kRtp + "--frame-bitrate 1999.5");
-  EXPECT_NEAR(slow->rtp_clock_ratio, 1999.5 / 1999, 1e-9);
+  EXPECT_NEAR(slow->rates.rtp_clock_ratio, 1999.5 / 1999, 1e-9);
   EXPECT_NE(slow->notes.at(0).find("whole bits per second, 1999 of 1999.5"), std::string::npos);
-  EXPECT_EQ(Plan(kUdp + "--copies 16")->rtp_clock_ratio, 0);
+  EXPECT_EQ(Plan(kUdp + "--copies 16")->rates.rtp_clock_ratio, 0);
 }
 
 TEST(PlayPlan, LargeFramesNeedTheBitCleared) {
@@ -222,9 +223,10 @@ TEST(PlayPlan, NearWrapStartsThreeSecondsBefore) {
   facts.rate->last_pcr = 1'000'000'000 + 9990 * kPcrHz / 5000;
   const auto plan = Plan(kRtp + "--near-wrap --loop 2", facts);
   ASSERT_TRUE(plan) << plan.Error().message;
-  ASSERT_TRUE(plan->restamp);
-  EXPECT_EQ((1'000'000'000 + plan->restamp->start_offset) % kPcrModulus, kPcrModulus - 3 * kPcrHz);
-  EXPECT_EQ(plan->restamp->round_ticks, 10'000 * kPcrHz / 5000);
+  ASSERT_TRUE(plan->rounds.restamp);
+  EXPECT_EQ((1'000'000'000 + plan->rounds.restamp->start_offset) % kPcrModulus,
+            kPcrModulus - 3 * kPcrHz);
+  EXPECT_EQ(plan->rounds.restamp->round_ticks, 10'000 * kPcrHz / 5000);
   // 5,000 packets a second in datagrams of 7: 2,143 in three seconds.
   const auto& headers = plan->settings.params.ProtocolHeadersSettings;
   EXPECT_EQ(headers.RTPHeaderSettings.SequenceNumber, 65536U - 2143);

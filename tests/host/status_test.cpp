@@ -13,10 +13,10 @@ using namespace std::chrono_literals;
 // 1,316 bytes of payload every 10 ms: 1,052,800 bit/s.
 PlayPlan TestPlan() {
   PlayPlan plan;
-  plan.stream_rate = 1'052'800;
-  plan.payload_bytes = 1316;
-  plan.round_bytes = 1316 * 400;
-  plan.total_bytes = 1316 * 1000;
+  plan.rates.stream = 1'052'800;
+  plan.sizes.payload_bytes = 1316;
+  plan.rounds.round_bytes = 1316 * 400;
+  plan.rounds.total_bytes = 1316 * 1000;
   return plan;
 }
 
@@ -71,7 +71,7 @@ TEST(Status, WhatIsInHandDoesNotRaiseTheRateOfAStoppedRun) {
 // The first two of ten are lost: eight leave in the time of ten.
 TEST(Status, LostDatagramsTakeNoTime) {
   PlayPlan plan = TestPlan();
-  plan.share_that_leaves = 0.8;
+  plan.rates.share_sent = 0.8;
   StatusMeter meter(plan);
   PlayoutStatistics counters = Counted(22);
   counters.LostPackets = 6;
@@ -85,7 +85,7 @@ TEST(Status, LostDatagramsTakeNoTime) {
 TEST(Status, LastBurstHasNotTakenItsTime) {
   PlayPlan plan = TestPlan();
   plan.settings.shape.BurstMode = 1;
-  plan.batch = 4;
+  plan.rates.batch = 4;
   StatusMeter meter(plan);
   meter.Read(Counted(4), 0ms);
   meter.Read(Counted(10), 40ms);  // the last two do not wait
@@ -104,7 +104,7 @@ TEST(Status, RecentRateShowsAStall) {
 
 TEST(Status, WithoutAnEndThereIsNoShare) {
   PlayPlan plan = TestPlan();
-  plan.total_bytes.reset();
+  plan.rounds.total_bytes.reset();
   StatusMeter meter(plan);
   meter.Read(Counted(5), 1s);
   EXPECT_FALSE(meter.Total().share);

@@ -56,9 +56,9 @@ class Lossless(PlayCase):
                 for stream in seen["streams"]:
                     self.assertEqual((stream["rate"]["frames"], stream["compare"]["datagrams_equal"]), (datagrams,) * 2)
                     self.assertEqual([stream["rtp"][name] for name in ("lost", "duplicates", "reordered", "restarts")], [0] * 4)
-                self.assertEqual((summary["datagrams"], summary["frames"], summary["bytes"], summary["ts_packets"]),
+                self.assertEqual((summary["datagrams"], summary["frames"], summary["frame_bytes"], summary["ts_packets"]),
                                  (datagrams, datagrams * streams, datagrams * FRAME, datagrams * 7))
-                print(f"{datagrams} datagrams in {streams} streams equal, in {summary['elapsed_s']:.0f} s", flush=True)
+                print(f"{datagrams} datagrams in {streams} streams equal, in {summary['elapsed_ns'] / 1e9:.0f} s", flush=True)
 
     def run_pair(self, path, datagrams, rate, streams):
         """What ipplay measure saw, and the summary of ipplay play."""
@@ -69,7 +69,7 @@ class Lossless(PlayCase):
                                 "--step", "dst-ip=0.0.0.1", "--sequence", 0, "--loop", datagrams // FILE_DATAGRAMS, "--stats", "json")
         samples = Samples(player)
         for line in player.stdout:
-            if (event := json.loads(line))["event"] == "progress" and len(samples.rows) <= event["elapsed_s"] // 10:
+            if (event := json.loads(line))["event"] == "progress" and len(samples.rows) <= event["elapsed_ns"] // 10**10:
                 samples.take()
         self.assertEqual(player.wait(), 0, player.communicate()[1])
         if file := settings("SAMPLES"):

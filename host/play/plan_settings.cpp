@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: MIT
+#include "host/play/plan_settings.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ipplay {
+namespace {
+
+constexpr double kRingBytes = 64.0 * 1024 * 1024;
+
+IPPlayParams ParamsFor(const PlayOptions& options, const Path& path, const Decisions& decided) {
+  const Sizes& sizes = decided.sizes;
+  IPPlayParams params{};
+  params.DeviceIndex = path.adapter.index;
+  path.adapter.description.copy(params.DeviceName, IPPLAYOUT_NAME_SIZE - 1);
+  params.IPLayerVersion = options.to.address.is_v6 ? 1 : 0;
+  params.ProtocolMode = options.to.rtp ? 1 : 0;
+  params.ReplicationCount = static_cast<std::int32_t>(options.copies - 1);
+  params.ProtocolHeadersSettings = decided.headers.settings;
+  params.ProtocolHeadersIncrements = decided.headers.increments;
+  params.PacketSizeMode = sizes.to_the_byte ? 0 : 1;
+  params.TSPacketCount = sizes.to_the_byte ? 0 : sizes.payload_bytes / decided.format.packet_bytes;
+  params.TSFragmentation = sizes.to_the_byte ? 1 : 0;
+  params.IPPacketSize = decided.rates.rtp_step_bytes;
+  params.IPFragmentation = sizes.dont_fragment ? 0 : 1;
+  return params;
+}
+
+ErrorInsertion ErrorsFor(const PlayOptions& options) {
+  ErrorInsertion errors{};
+  if (options.lose) {
+    errors.PacketLossEnabled = 1;
+    errors.NumPacketLoss = options.lose->count;
+    errors.PacketLossRange = options.lose->range;
+  }
+  if (options.delay) {
+    errors.SequenceErrorEnabled = 1;
+    errors.NumSequenceError = options.delay->errors.count;
+    errors.SequenceErrorRange = options.delay->errors.range;
+    errors.SequenceErrorDistance = options.delay->distance;
+  }
+  const auto& checksum =
+      options.bad_ip_checksum ? options.bad_ip_checksum : options.bad_udp_checksum;
+  if (checksum) {
+    errors.ChecksumErrorEnabled = 1;
+    errors.ChecksumErrorType = options.bad_ip_checksum ? 0 : 1;
+    errors.NumChecksumError = checksum->count;
+    errors.ChecksumErrorRange = checksum->range;
+  }
+  errors.RandomizeErrors = options.random ? 1 : 0;
+  errors.ErrInsertionEnable = options.lose || options.delay || checksum ? 1 : 0;
+  return errors;
+}
+
+// Sequence number and identification, unless they are given.
+void StartNearWraps(const PlayOptions& options, const Decisions& decided,
+                    ProtocolHeadersSettings& headers) {
+  const double datagrams = kNearWrapSeconds * decided.rates.PayloadBytesPerSecond(decided.sizes) /
+                           decided.sizes.payload_bytes;
+  const auto before = static_cast<std::uint32_t>(std::clamp(std::ceil(datagrams), 1.0, 65535.0));
+  if (!options.sequence) {
+    headers.RTPHeaderSettings.RandomSequenceNumber = 0;
+    headers.RTPHeaderSettings.SequenceNumber = 65536 - before;
+  }
+  if (!options.identification && !options.to.address.is_v6) {
+    headers.IPHeaderSettings.Identification = 65536 - before;
+  }
+}
+
+// The library starts once 0.8 of PlayFileSizeForIP has been written.
+std::uint64_t PlayFileSizeFor(const PlayOptions& options, const Decisions& decided) {
+  constexpr double kThreshold = 0.8;
+  const bool is_file = decided.rounds.round_bytes.has_value();
+  const std::chrono::nanoseconds prefill =
+      options.prefill.value_or(std::chrono::seconds(is_file ? 1 : 0));
+  double bytes = decided.rates.PayloadBytesPerSecond(decided.sizes) *
+                 static_cast<double>(prefill.count()) / 1e9;
+  if (decided.rounds.total_bytes) {
+    bytes = std::min(bytes, static_cast<double>(*decided.rounds.total_bytes));
+  }
+  return static_cast<std::uint64_t>(std::min(bytes, kRingBytes) / kThreshold);
+}
+
+}  // namespace
+
+Settings SettingsFor(const PlayOptions& options, const Path& path, const Decisions& decided) {
+  Settings settings;
+  settings.params = ParamsFor(options, path, decided);
+  if (options.near_wrap) {
+    StartNearWraps(options, decided, settings.params.ProtocolHeadersSettings);
+  }
+  settings.errors = ErrorsFor(options);
+  settings.shape = ShapeFor(options, decided.rates.batch);
+  settings.other.PlayerThreadPriority = options.priority;
+  settings.tts.TTSEnabled = decided.format.packet_bytes == 192 ? 1 : 0;
+  settings.ts_packet_size = decided.format.CountedBytes();
+  settings.ip_bit_rate = decided.rates.frame / 1e6;
+  settings.play_file_size = PlayFileSizeFor(options, decided);
+  return settings;
+}
+
+}  // namespace ipplay
