@@ -113,7 +113,7 @@ bool HasValue(const CLI::Option& option, const std::string& rest) {
   const auto& values = option.results();
   return rest.starts_with(": \"") ||
          std::any_of(values.begin(), values.end(), [&rest](const std::string& value) {
-           return rest.starts_with(fmt::format(": {} ", value));
+           return rest.starts_with(fmt::format(": {} is out of range", value));
          });
 }
 

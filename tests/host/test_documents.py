@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""What the documents promise: every recipe runs, every option is described and completed."""
+"""What the documents promise: every recipe runs, every option is described and completed, every field of JSON exists."""
+import json
 import os
 import re
 import shutil
@@ -67,6 +68,33 @@ class Recipes(PlayCase):
                            check=True, env={**os.environ, "PATH": f"{os.environ['PATH']}:/usr/sbin"})
             self.run_recipe(play, "--at", "1s", "stop", user=NOBODY)
             self.assertEqual(os.stat(program).st_mode & 0o7, 0)
+
+
+def documented_fields(command):
+    """The fields in the table of docs/json.md below the heading of the command."""
+    section = re.search(rf"^## {re.escape(command)}\n(.*?)(?=^## |\Z)", text_of("docs", "json.md"), re.MULTILINE | re.DOTALL)[1]
+    return {name for row in re.findall(r"^\| (`[^|]*)\|", section, re.MULTILINE) for name in re.findall(r"`([^`]+)`", row)}
+
+
+def fields_of(value, path=""):
+    """Paths as in docs/json.md; an array of plain values is one field."""
+    if isinstance(value, dict):
+        return set().union(*(fields_of(part, f"{path}.{name}" if path else name) for name, part in value.items()))
+    if isinstance(value, list) and value and isinstance(value[0], dict):
+        return set().union(*(fields_of(part, path + "[]") for part in value))
+    return {path}
+
+
+class Json(PlayCase):
+    def test_documented_fields_are_those_that_are_written(self):
+        for command, arguments in (("ipplay devices --json", ("devices", "--json")),
+                                   ("ipplay play --json", ("play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--json"))):
+            with self.subTest(command):
+                output = self.bed.start(*arguments).communicate(timeout=60)[0]
+                objects = [json.loads(output)] if arguments[0] == "devices" else [json.loads(line) for line in output.splitlines()]
+                self.assertEqual(fields_of({"all": objects}),
+                                 {f"all[].{name}" for name in documented_fields(command)})
+                self.assertEqual({each["schema"] for each in objects}, {1})
 
 
 class Descriptions(unittest.TestCase):

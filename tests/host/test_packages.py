@@ -50,7 +50,7 @@ class Packages(unittest.TestCase):
         self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
             "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz", "usr/share/bash-completion/completions/ipplay",
             *(f"usr/share/doc/ipplay/{name}"
-              for name in ("README.Debian", "measuring.md", "recipes.md", "security.md"))})
+              for name in ("README.Debian", "json.md", "measuring.md", "recipes.md", "security.md"))})
         development = self.contents("libipplayout-dev")
         for name in (f"{multiarch}/libipplayout.so", f"{multiarch}/pkgconfig/ipplayout.pc",
                      f"{multiarch}/cmake/ipplayout/ipplayoutConfig.cmake", "usr/include/ipplayout/ipplayout.h",

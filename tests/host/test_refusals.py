@@ -183,7 +183,7 @@ class Refusals(PlayCase):
         os.close(read_end)
         self.refuse(["play", SAMPLE, "--to", RTP, "--device", "eth7"], "--device eth7: ", "give one of: near, lo", status=NO_ACCESS)
         self.refuse(["play", SAMPLE, "--to", "udp://8.8.8.8:5"], "--device is required: ", "no route to 8.8.8.8", status=NO_ACCESS)
-        self.refuse(["measure", "frames.pcap", "--max-rate-error", "5ppm"], "--max-rate-error 5ppm: needs --expect-rate")
+        self.refuse(["measure", "frames.pcap", "--max-rate-error", "5ppm"], "--max-rate-error needs --expect-rate")
         self.refuse(["measure", "frames.pcap", "--wait", "5s"], "--wait 5s: allowed with adapters only")
         self.refuse(["measure", "eth7"], "SOURCE: there is no adapter or file eth7", status=NO_ACCESS)
         self.refuse(["measure", "./noise.ts"], "SOURCE: ", "noise.ts")
