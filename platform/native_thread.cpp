@@ -144,10 +144,19 @@ bool IsNice() {
 }
 
 void GiveUpCapabilities() {
+  constexpr std::uint32_t kIdentity = 1U << CAP_SETUID | 1U << CAP_SETGID;
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
-  // Always allowed.
-  ::syscall(SYS_capset, &header, none.data());
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> own{};
+  if (::syscall(SYS_capget, &header, own.data()) != 0) {
+    return;
+  }
+  const std::uint32_t permitted = own[0].permitted & kIdentity;
+  const std::uint32_t effective = own[0].effective & kIdentity;
+  own = {};
+  own[0].permitted = permitted;
+  own[0].effective = effective;
+  // To give up is always allowed.
+  ::syscall(SYS_capset, &header, own.data());
 }
 
 void YieldProcessor() {

@@ -46,8 +46,11 @@ bool UseFinestTimerSlack();
 // The calling thread has been told to leave the processor to others.
 bool IsNice();
 
-// Of the calling thread, which needs none once it has its class: what the adapter was opened with
-// is the opening thread's.
+// Drops the calling thread's capabilities but for those to change user and groups. Workers need
+// none once their scheduling class is set; the adapter was opened by another thread. But setuid(2)
+// and its like are applied to every thread by the C library, which ends the process when they
+// succeed in one thread and not in another: a host that may change its identity goes on being able
+// to.
 void GiveUpCapabilities();
 
 // Gives the rest of the calling thread's time slice away.

@@ -167,6 +167,81 @@ class Events(WireCase):
         self.assertEqual(self.bed.run(body, stream(4000)).value, 0)
 
 
+    def test_registered_event_that_the_host_closes(self):
+        """Each registration counts, all of them take up one descriptor, and the number is the host's again."""
+        def body(library, data):
+            ready(library)
+            event = os.eventfd(0)
+            kept = os.dup(event)
+            library.register(event)
+            before = len(descriptors())
+            library.register(event)
+            library.register(kept)
+            assert len(descriptors()) == before
+            os.close(event)
+            file = os.memfd_create("host's")
+            assert file == event
+            library.play(data)
+            return os.eventfd_read(kept), os.fstat(file).st_size
+        self.assertEqual(self.bed.run(body, stream(4000)).value, (3, 0))
+
+    def test_numbers_of_standard_streams_stay_free(self):
+        """A host that has closed them prints, and the library does: not out of the adapter."""
+        def body(library, settings, data):
+            saved = [os.dup(number) for number in range(3)]
+            os.closerange(0, 3)
+            try:
+                ready(library, settings)
+                begin(library, data)
+                used = [target for number, target in descriptors().items() if int(number) < 3]
+                ready_event = library.GetIPStopEvent()
+                library.IPWriteTerminate()
+                return used, ready_event > 2, reap(library)
+            finally:
+                for number, copy in enumerate(saved):
+                    os.dup2(copy, number)
+        data = datagrams(Model(TYPICAL), 20)
+        for rate in (50.0, 200.0):
+            settings = {**TYPICAL, "IPBitRate": rate}
+            expected, statistics = Model(settings).play(data)
+            outcome = self.bed.run(body, settings, data)
+            self.assert_frames(outcome, expected)
+            self.assertEqual(outcome.value, ([], True, statistics))
+
+
+class Identity(WireCase):
+    def test_changes_while_frames_leave(self):
+        """The C library makes every thread follow and ends the process if one cannot: none may be unable to."""
+        nobody, same = 65534, -1
+        changes = [[call] for call in (
+            ("setgroups", [nobody]), ("setgid", nobody), ("setegid", nobody), ("setregid", nobody, nobody),
+            ("setresgid", nobody, nobody, nobody), ("initgroups", "root", nobody), ("setuid", nobody),
+            ("setreuid", nobody, nobody), ("setresuid", nobody, nobody, nobody))]
+        changes.append([("seteuid", nobody), ("seteuid", 0), ("setgroups", []), ("setuid", nobody)])
+        changes.append([("setresuid", same, nobody, same), ("setresuid", same, 0, same), ("setgid", nobody)])
+
+        def change(calls):
+            for name, *arguments in calls:
+                getattr(os, name)(*arguments)
+
+        def body(library, data, calls, in_main):
+            ready(library)
+            half = len(data) // 8 * 4
+            begin(library, data[:half])
+            until_sent(library, 3)
+            change(calls) if in_main else in_thread(change, calls)()
+            assert library.write(data[half:]) == 0
+            library.IPWriteTerminate()
+            return reap(library)
+        data = datagrams(Model(TYPICAL), 20)
+        expected, statistics = Model(TYPICAL).play(data)
+        for calls, in_main in itertools.product(changes, (True, False)):
+            with self.subTest(calls=calls, in_main=in_main):
+                outcome = self.bed.run(body, data, calls, in_main)
+                self.assert_frames(outcome, expected)
+                self.assertEqual(outcome.value, statistics)
+
+
 class Refusals(WireCase):
     def test_values_that_cannot_be_played(self):
         def body(library, data):
