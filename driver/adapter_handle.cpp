@@ -18,7 +18,8 @@ using platform::Descriptor;
 // device, past its queueing discipline and past other capturing sockets; where the kernel has no
 // such option they take the ordinary way.
 Descriptor OpenPacketSocket(unsigned interface_index) {
-  Descriptor socket(::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  Descriptor socket = platform::AboveStandard(
+      Descriptor(::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
   sockaddr_ll address{};
   address.sll_family = AF_PACKET;
   address.sll_ifindex = static_cast<int>(interface_index);

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/descriptor.h"
 
 namespace ipplayout {
 namespace {
@@ -54,6 +55,7 @@ PcapCapture::PcapCapture(Capture capture, std::chrono::milliseconds read_timeout
 
 std::unique_ptr<PcapCapture> PcapCapture::Open(const std::string& interface,
                                                const OpenOptions& options) {
+  const platform::StandardNumbersTaken taken;  // libpcap makes its socket itself
   char error[PCAP_ERRBUF_SIZE];
   Capture capture(::pcap_create(interface.c_str(), error));
   if (capture == nullptr) {

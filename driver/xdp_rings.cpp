@@ -26,7 +26,8 @@ bool Set(int socket, int option, std::uint32_t value) {
 }  // namespace
 
 std::unique_ptr<XdpRings> XdpRings::Open(unsigned interface_index, std::uint32_t chunk_bytes) {
-  platform::Descriptor descriptor(::socket(AF_XDP, SOCK_RAW | SOCK_CLOEXEC, 0));
+  platform::Descriptor descriptor =
+      platform::AboveStandard(platform::Descriptor(::socket(AF_XDP, SOCK_RAW | SOCK_CLOEXEC, 0)));
   if (!descriptor.IsOpen()) {
     return nullptr;
   }

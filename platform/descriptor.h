@@ -2,6 +2,7 @@
 // Sole owner of a file descriptor.
 #pragma once
 
+#include <array>
 #include <utility>
 
 namespace ipplayout::platform {
@@ -18,9 +19,25 @@ class Descriptor {
 
   int Get() const { return value_; }
   bool IsOpen() const { return value_ >= 0; }
+  // Gives the descriptor away, to be closed by whoever takes it.
+  int Release() { return std::exchange(value_, -1); }
 
  private:
   int value_;
+};
+
+// The same file under a number above those of standard input, output and error: where a host has
+// closed one of these, what it prints would else be sent out of the adapter. Not open when there is
+// no descriptor left.
+Descriptor AboveStandard(Descriptor descriptor);
+
+// While it lives, what a library opens by itself gets such a number.
+class StandardNumbersTaken {
+ public:
+  StandardNumbersTaken();
+
+ private:
+  std::array<Descriptor, 3> taken_;
 };
 
 }  // namespace ipplayout::platform

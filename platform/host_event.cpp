@@ -1,23 +1,24 @@
 // SPDX-License-Identifier: MIT
 #include "platform/host_event.h"
 
+#include <fcntl.h>
+#include <linux/kcmp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
-
-#include <utility>
 
 namespace ipplayout::platform {
 namespace {
 
-int Descriptor(EventHandle event) {
+int Number(EventHandle event) {
   return event == kNullEvent ? -1 : static_cast<int>(event);
 }
 
 }  // namespace
 
 void SignalHostEvent(EventHandle event) {
-  pollfd target{Descriptor(event), POLLOUT, 0};
+  pollfd target{Number(event), POLLOUT, 0};
   if (::poll(&target, 1, 0) != 1 || (target.revents & POLLOUT) == 0) {
     return;
   }
@@ -26,34 +27,30 @@ void SignalHostEvent(EventHandle event) {
 }
 
 std::optional<OwnedHostEvent> OwnedHostEvent::Create() {
-  int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (descriptor == kNullEvent) {
-    // A host that has closed its standard input gets descriptor 0, which hosts read as null.
-    descriptor = ::dup(kNullEvent);
-    ::close(kNullEvent);
-  }
-  if (descriptor < 0) {
+  // Hosts read 0 as null.
+  Descriptor event = AboveStandard(Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+  if (!event.IsOpen()) {
     return std::nullopt;
   }
-  return OwnedHostEvent(descriptor);
+  return OwnedHostEvent(std::move(event));
 }
 
-OwnedHostEvent::OwnedHostEvent(OwnedHostEvent&& other) noexcept
-    : handle_(std::exchange(other.handle_, kInvalidEvent)) {}
-
-OwnedHostEvent& OwnedHostEvent::operator=(OwnedHostEvent&& other) noexcept {
-  std::swap(handle_, other.handle_);
-  return *this;
-}
-
-OwnedHostEvent::~OwnedHostEvent() {
-  if (handle_ != kInvalidEvent) {
-    ::close(Descriptor(handle_));
+std::optional<OwnedHostEvent> OwnedHostEvent::Duplicate(EventHandle event) {
+  Descriptor duplicate(::fcntl(Number(event), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  if (!duplicate.IsOpen()) {
+    return std::nullopt;
   }
+  return OwnedHostEvent(std::move(duplicate));
+}
+
+bool OwnedHostEvent::IsSame(EventHandle event) const {
+  const long process = ::getpid();
+  return ::syscall(SYS_kcmp, process, process, static_cast<long>(KCMP_FILE),
+                   static_cast<long>(descriptor_.Get()), static_cast<long>(Number(event))) == 0;
 }
 
 void WaitForEither(EventHandle first, EventHandle second) {
-  pollfd events[] = {{Descriptor(first), POLLIN, 0}, {Descriptor(second), POLLIN, 0}};
+  pollfd events[] = {{Number(first), POLLIN, 0}, {Number(second), POLLIN, 0}};
   // A closed descriptor (POLLNVAL) is dropped from the set, since it would end every poll at once.
   for (;;) {
     const int ready = ::poll(events, 2, -1);

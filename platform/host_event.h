@@ -5,6 +5,9 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
+
+#include "platform/descriptor.h"
 
 namespace ipplayout::platform {
 
@@ -16,20 +19,24 @@ inline constexpr EventHandle kInvalidEvent = -1;
 // full one is readable already: the call never blocks on a descriptor of the host's.
 void SignalHostEvent(EventHandle event);
 
-// An event of the library's own, closed by its destructor.
+// A descriptor of the library's own, closed by its destructor.
 class OwnedHostEvent {
  public:
+  // Nothing when there is no descriptor left.
   static std::optional<OwnedHostEvent> Create();
-  OwnedHostEvent(OwnedHostEvent&& other) noexcept;
-  OwnedHostEvent& operator=(OwnedHostEvent&& other) noexcept;
-  ~OwnedHostEvent();
+  // A host's event under a number of the library's own: the host may close its descriptor, and the
+  // number may come to mean a file. Nothing when `event` is not open or there is no descriptor
+  // left.
+  static std::optional<OwnedHostEvent> Duplicate(EventHandle event);
 
-  EventHandle Handle() const { return handle_; }
+  EventHandle Handle() const { return descriptor_.Get(); }
+  // Whether `event` is the same event. False where the kernel does not say.
+  bool IsSame(EventHandle event) const;
 
  private:
-  explicit OwnedHostEvent(EventHandle handle) : handle_(handle) {}
+  explicit OwnedHostEvent(Descriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
-  EventHandle handle_;
+  Descriptor descriptor_;
 };
 
 // Sleeps until one of the two is signalled, reading neither. Null and invalid handles never are.

@@ -20,7 +20,8 @@ std::optional<InterfaceProperties> QueryInterface(const std::string& name, int& 
     return std::nullopt;
   }
   name.copy(request.ifr_name, name.size());
-  const Descriptor query_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const Descriptor query_socket =
+      AboveStandard(Descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
   if (!query_socket.IsOpen() || ::ioctl(query_socket.Get(), SIOCGIFHWADDR, &request) != 0) {
     error = errno;
     return std::nullopt;

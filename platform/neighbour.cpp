@@ -101,7 +101,8 @@ int AskToResolve(NetlinkSocket& kernel, const Neighbour& neighbour) {
 
 // An empty datagram to the discard port makes the kernel resolve its receiver.
 bool SendDatagram(const Neighbour& neighbour) {
-  const Descriptor sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const Descriptor sender =
+      AboveStandard(Descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
   const std::uint32_t index = htonl(neighbour.interface_index);
   if (!sender.IsOpen() ||
       ::setsockopt(sender.Get(), IPPROTO_IP, IP_UNICAST_IF, &index, sizeof index) != 0) {

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "platform/clock.h"
+#include "platform/descriptor.h"
 
 namespace ipplayout::platform {
 namespace {
@@ -106,8 +107,13 @@ void NetlinkSocket::Close::operator()(mnl_socket* socket) const {
   ::mnl_socket_close(socket);
 }
 
-NetlinkSocket::NetlinkSocket(unsigned groups)
-    : socket_(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC)) {
+NetlinkSocket::NetlinkSocket(unsigned groups) {
+  Descriptor opened =
+      AboveStandard(Descriptor(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)));
+  socket_.reset(opened.IsOpen() ? ::mnl_socket_fdopen(opened.Get()) : nullptr);
+  if (socket_ != nullptr) {
+    opened.Release();
+  }
   if (socket_ != nullptr && ::mnl_socket_bind(socket_.get(), groups, MNL_SOCKET_AUTOPID) != 0) {
     socket_.reset();
   }

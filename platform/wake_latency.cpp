@@ -8,7 +8,8 @@
 
 namespace ipplayout::platform {
 
-ShortWakeUps::ShortWakeUps() : request_(::open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC)) {
+ShortWakeUps::ShortWakeUps()
+    : request_(AboveStandard(Descriptor(::open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC)))) {
   constexpr std::int32_t kMicroseconds = 0;
   if (request_.IsOpen() && ::write(request_.Get(), &kMicroseconds, sizeof kMicroseconds) < 0) {
     request_ = Descriptor();

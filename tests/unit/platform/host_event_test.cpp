@@ -2,6 +2,7 @@
 #include "platform/host_event.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <future>
@@ -26,15 +27,19 @@ TEST(HostEventTest, EitherEventEndsTheWaitAndNoEventDoesNot) {
   }
 }
 
-TEST(HostEventTest, DescriptorZeroIsNotGivenAway) {
-  const int input = dup(0);
-  close(0);
-  {
-    const auto event = OwnedHostEvent::Create();
-    EXPECT_TRUE(event && event->Handle() > 0);
-    EXPECT_EQ(dup2(input, 0), 0);
-  }
-  close(input);
+TEST(HostEventTest, ADuplicateOutlivesTheHostsDescriptor) {
+  const int event = eventfd(0, EFD_NONBLOCK);
+  const int reader = dup(event);
+  const auto other = OwnedHostEvent::Create();
+  const auto own = OwnedHostEvent::Duplicate(event);
+  ASSERT_TRUE(own);
+  EXPECT_TRUE(own->IsSame(event) && !own->IsSame(other->Handle()));
+  close(event);
+  SignalHostEvent(own->Handle());
+  eventfd_t value = 0;
+  EXPECT_EQ(eventfd_read(reader, &value), 0);
+  close(reader);
+  EXPECT_FALSE(OwnedHostEvent::Duplicate(event));
 }
 
 }  // namespace
