@@ -212,7 +212,7 @@ bool AddressResolver::SolicitNeighbour(const std::uint8_t* target, std::uint8_t*
   }
   for (int i = 0; i < kReads; ++i) {
     const auto frame = handle->NextFrame();
-    if (const auto answer = frame ? ReadAdvertisement(frame->bytes) : std::nullopt) {
+    if (const auto answer = frame ? ReadAdvertisement(frame->bytes, wanted) : std::nullopt) {
       CopyMac(*answer, mac);
       return true;
     }

@@ -42,16 +42,21 @@ void Put(SolicitationFrame& frame, std::size_t offset, const Bytes& bytes) {
   std::copy(bytes.begin(), bytes.end(), frame.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
-// Over the pseudo-header and the message, whose checksum field is still 0.
-std::uint16_t Checksum(const SolicitationFrame& frame) {
+// Over the pseudo-header and the ICMPv6 message.
+std::uint16_t Checksum(std::span<const std::uint8_t> frame) {
   constexpr std::size_t kAddressesSize = 2 * sizeof(IPv6Address);
   std::array<std::uint8_t, kAddressesSize + 8 + kMessageSize> block{};
   std::copy_n(&frame[kSource], kAddressesSize, block.begin());
   StoreBigEndian<4>(kMessageSize, &block[kAddressesSize]);
   block[kAddressesSize + 7] = kIcmpV6;
   std::copy_n(&frame[kType], kMessageSize, &block[kAddressesSize + 8]);
-  const std::uint16_t checksum = InternetChecksum(block);
-  return checksum == 0 ? 0xFFFF : checksum;
+  return InternetChecksum(block);
+}
+
+bool HasRightChecksum(std::span<const std::uint8_t> frame) {
+  const auto size = static_cast<std::uint16_t>(LoadBigEndian<2>(&frame[kPayloadLength]));
+  // A right message adds up to all ones, with the checksum in its place.
+  return size > kMessageSize || (size == kMessageSize && Checksum(frame) == 0);
 }
 
 }  // namespace
@@ -86,12 +91,16 @@ SolicitationFrame BuildSolicitation(const MacAddress& source_mac, const IPv6Addr
   frame[kOptionType] = kSourceLinkLayerAddress;
   frame[kOptionLength] = 1;
   Put(frame, kLinkLayerAddress, source_mac);
-  StoreBigEndian<2>(Checksum(frame), &frame[kChecksum]);
+  const std::uint16_t checksum = Checksum(frame);
+  StoreBigEndian<2>(checksum == 0 ? 0xFFFF : checksum, &frame[kChecksum]);
   return frame;
 }
 
-std::optional<MacAddress> ReadAdvertisement(std::span<const std::uint8_t> frame) {
-  if (frame.size() < kSolicitationSize || frame[kType] != kNeighbourAdvertisement) {
+std::optional<MacAddress> ReadAdvertisement(std::span<const std::uint8_t> frame,
+                                            const IPv6Address& target) {
+  if (frame.size() < kSolicitationSize || frame[kType] != kNeighbourAdvertisement ||
+      frame[kNextHeader] != kIcmpV6 || frame[kHopLimit] != kLargestHopLimit ||
+      !std::equal(target.begin(), target.end(), &frame[kTarget]) || !HasRightChecksum(frame)) {
     return std::nullopt;
   }
   MacAddress mac{};

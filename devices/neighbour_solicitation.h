@@ -44,7 +44,11 @@ SolicitationFrame BuildSolicitation(const MacAddress& source_mac,
                                     const platform::IPv6Address& source,
                                     const platform::IPv6Address& target);
 
-// The link-layer address in an advertisement that is laid out as above; nothing in other frames.
-std::optional<MacAddress> ReadAdvertisement(std::span<const std::uint8_t> frame);
+// The link-layer address in an advertisement of `target` that is laid out as above; nothing in
+// other frames. A receiver must drop what comes from beyond the link, where the hop limit is no
+// longer 255, and what has a wrong checksum (RFC 4861, 7.1.2); of a message longer than the frame
+// the checksum cannot be known.
+std::optional<MacAddress> ReadAdvertisement(std::span<const std::uint8_t> frame,
+                                            const platform::IPv6Address& target);
 
 }  // namespace ipplayout

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,14 +78,38 @@ class AddressResolverTest : public testing::Test {
     for (int i = 0; i < empty_reads; ++i) {
       driver_.QueueReceived({});
     }
-    std::vector<std::uint8_t> advertisement(86);
-    advertisement[54] = 136;
-    std::copy(kOtherMac.begin(), kOtherMac.end(), advertisement.begin() + 80);
-    driver_.QueueReceived(advertisement);
+    driver_.QueueReceived(advertisement_);
     const platform::IPv6Address target{0x20, 0x01, 0x0D, 0xB8, 0x99};
     return resolver_.SolicitNeighbour(target.data(), mac_.data(), 0);
   }
 
+  // Of 2001:db8:9900::, from itself to 2001:db8::1, with an option of 8 bytes (RFC 4861, 4.4).
+  static std::vector<std::uint8_t> Advertisement() {
+    std::vector<std::uint8_t> frame(86);
+    for (const std::ptrdiff_t address : {22, 38, 62}) {
+      std::ranges::copy(std::initializer_list<int>{0x20, 0x01, 0x0D, 0xB8},
+                        frame.begin() + address);
+    }
+    frame[26] = frame[66] = 0x99;
+    frame[53] = 1;
+    frame[19] = 32;
+    frame[20] = 58;
+    frame[21] = 255;
+    frame[54] = 136;
+    frame[78] = 2;
+    frame[79] = 1;
+    std::copy(kOtherMac.begin(), kOtherMac.end(), frame.begin() + 80);
+    std::uint32_t sum = 32 + 58;
+    for (std::size_t i = 22; i < frame.size(); i += 2) {
+      sum += static_cast<std::uint32_t>(frame[i] << 8 | frame[i + 1]);
+    }
+    sum = 0xFFFF - (sum % 0xFFFF);
+    frame[56] = static_cast<std::uint8_t>(sum >> 8);
+    frame[57] = static_cast<std::uint8_t>(sum);
+    return frame;
+  }
+
+  std::vector<std::uint8_t> advertisement_ = Advertisement();
   FakeDriver driver_;
   DeviceList devices_{driver_};
   FakeNeighbours neighbours_;
@@ -148,6 +174,30 @@ TEST_F(AddressResolverTest, TenReadsAtMost) {
   EXPECT_EQ(mac_, kUntouched);
   EXPECT_EQ(driver_.Reads(), 20U);
   EXPECT_EQ(driver_.OpenHandles(), 0);
+}
+
+TEST_F(AddressResolverTest, OnlyTheNeighbourThatWasAskedAnswers) {
+  const struct {
+    const char* what;
+    std::vector<std::pair<std::size_t, std::uint8_t>> changes;
+    bool answers;
+  } cases[] = {
+      {"a router's, from beyond the link", {{21, 254}}, false},
+      // The checksum is right again by the other change.
+      {"of another address", {{77, 1}, {65, 0xB7}}, false},
+      {"damaged", {{85, 0x03}}, false},
+      {"a solicitation", {{54, 135}, {58, 1}}, false},
+      {"without an option", {{19, 24}}, false},
+      {"no ICMPv6", {{20, 17}}, false},
+      {"with more options than were captured", {{19, 40}}, true},
+  };
+  for (const auto& [what, changes, answers] : cases) {
+    advertisement_ = Advertisement();
+    for (const auto& [offset, value] : changes) {
+      advertisement_[offset] = value;
+    }
+    EXPECT_EQ(SolicitNeighbour(0), answers) << what;
+  }
 }
 
 TEST_F(AddressResolverTest, FailuresOfTheDriverEndTheSolicitation) {
