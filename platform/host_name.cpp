@@ -36,7 +36,12 @@ std::optional<IPv4Address> AddressOfName() {
     return std::nullopt;
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(first, freeaddrinfo);
-  return ToIPv4(first->ai_addr);
+  for (const addrinfo* entry = first; entry != nullptr; entry = entry->ai_next) {
+    if (const IPv4Address address = ToIPv4(entry->ai_addr); address[0] != IN_LOOPBACKNET) {
+      return address;
+    }
+  }
+  return std::nullopt;
 }
 
 std::optional<IPv4Address> AddressOfInterfaces() {
