@@ -147,6 +147,7 @@ bool CIPDataBuffer::Reset() {
   started_.store(false);
   data_ready_.Reset();
   ReleaseWriters();
+  reader_gone_ = false;
   return true;
 }
 
@@ -161,7 +162,15 @@ bool CIPDataBuffer::SetStartThreshold(std::uint32_t bytes) {
   if (GetCapacity() == 0) {
     return false;
   }
-  start_threshold_.store(bytes);
+  {
+    const std::lock_guard lock(writers_mutex_);
+    start_threshold_.store(bytes);
+    // What was written ahead may be enough for a threshold that is lower than the one before it.
+    if (Fill() > 0 && Fill() >= bytes) {
+      started_.store(true);
+    }
+  }
+  WakeReader();
   return true;
 }
 

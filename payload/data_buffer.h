@@ -26,9 +26,9 @@ class CIPDataBuffer final : public PayloadSource {
   bool ReadPayload(PDU& pdu, std::uint32_t offset, std::uint32_t reserved) override;
   std::uint32_t GetPacketSize() const override { return packet_size_; }
 
-  // Appends all of the bytes. False, appending none, when they could never fit, when the run that
-  // would have made room has ended while the caller waited, or when the ring is full after the end
-  // of a run.
+  // Appends all of the bytes; waits for room, which the next run makes where none is in progress.
+  // False, appending none, when they could never fit, when a run ended or the ring was reset while
+  // the caller waited, or when the ring is full between the end of a run and the Reset after it.
   bool Write(const std::uint8_t* data, std::uint32_t length);
 
   // Declares the end of the data: the reader takes what is left and then finds the end.
@@ -36,9 +36,10 @@ class CIPDataBuffer final : public PayloadSource {
 
   // A run is about to read; from here on a full ring makes writers wait. By the control thread.
   void BeginRun();
-  // Nobody will read until the next BeginRun; releases blocked writers. By the reader.
+  // Nobody will read until the next Reset or BeginRun; releases blocked writers. By the reader.
   void EndRun();
-  // Empties the ring for the next playout and releases blocked writers. While no run reads.
+  // Empties the ring for the next playout and releases blocked writers; those that come later wait
+  // for that playout. While no run reads.
   bool Reset();
 
   bool IsEmpty() const { return Fill() == 0; }

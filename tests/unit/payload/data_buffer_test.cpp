@@ -43,6 +43,18 @@ TEST(DataBufferTest, ReadingBeginsAtTheThresholdAndTakesWholePayloads) {
   EXPECT_EQ(whole.get(), std::string(983, 'a') + "b" + std::string(331, 'c') + "d");
 }
 
+TEST(DataBufferTest, AThresholdBelowWhatWasWrittenAheadIsReached) {
+  CIPDataBuffer buffer(5000);
+  buffer.SetStartThreshold(0);  // an empty ring does not reach any
+  buffer.SetStartThreshold(1000);
+  Write(buffer, std::string(500, 'a'));
+  auto read = OnAnotherThread([&] { return Read(buffer, 500); });
+  EXPECT_TRUE(Blocks(read));
+  buffer.SetStartThreshold(500);
+  EXPECT_TRUE(Returns(read));
+  buffer.Terminate();  // so that a failure does not hang
+}
+
 TEST(DataBufferTest, TerminationReleasesTheReaderAndShortensTheTail) {
   CIPDataBuffer buffer(5000);
   buffer.SetStartThreshold(1000);
@@ -95,6 +107,13 @@ TEST(DataBufferTest, TheEndOfARunReleasesWriters) {
       EXPECT_EQ(Read(buffer, 4), "kept");
     }
   }
+  // Empty again, for the next run: it makes the room that a writer ahead of it waits for.
+  EXPECT_TRUE(Write(buffer, "0123456789"));
+  auto ahead = OnAnotherThread([&] { return Write(buffer, "a"); });
+  EXPECT_TRUE(Blocks(ahead));
+  buffer.BeginRun();
+  EXPECT_EQ(Read(buffer, 10), "0123456789");
+  EXPECT_TRUE(ahead.get());
 }
 
 TEST(DataBufferTest, EachBlockedWriterIsWokenForItsOwnNeed) {
