@@ -17,10 +17,10 @@ bool Resolve(int ip_version, const std::uint8_t* target, std::uint8_t* mac, int 
   ipplayout::AddressResolver resolver(ipplayout::TheLibrary().parts.devices,
                                       ipplayout::PlatformDriver(),
                                       ipplayout::platform::SystemNeighbours());
-  if (ip_version == 1) {
+  if (ip_version == IPPLAYOUT_IPV6) {
     return resolver.SolicitNeighbour(target, mac, position);
   }
-  if (ip_version != 0) {
+  if (ip_version != IPPLAYOUT_IPV4) {
     return false;
   }
   ipplayout::platform::IPv4Address address{};

@@ -16,15 +16,16 @@ constexpr std::uint32_t kUdp = 8;        // RFC 768
 constexpr std::uint32_t kRtp = 12;       // RFC 3550
 
 std::uint32_t LinkHeaders(const PlayoutSettings& settings) {
-  return kEthernet + (settings.params.ProtocolHeadersSettings.VLANEnabled == 1 ? kTag : 0);
+  return kEthernet +
+         (settings.params.ProtocolHeadersSettings.VLANEnabled == IPPLAYOUT_ON ? kTag : 0);
 }
 
 std::uint32_t TransportHeaders(const PlayoutSettings& settings) {
-  return kUdp + (settings.params.ProtocolMode == 1 ? kRtp : 0);
+  return kUdp + (settings.params.ProtocolMode == IPPLAYOUT_RTP ? kRtp : 0);
 }
 
 std::uint32_t PacketSize(const PlayoutSettings& settings) {
-  if (settings.tts.TTSEnabled != 1 || settings.TSPacketSize == 0) {
+  if (settings.tts.TTSEnabled != IPPLAYOUT_ON || settings.TSPacketSize == 0) {
     return settings.TSPacketSize;
   }
   switch (settings.TSPacketSize) {
@@ -42,9 +43,9 @@ std::uint32_t PacketSize(const PlayoutSettings& settings) {
 // that are smaller than their headers wrap, as the 32-bit fields they are kept in.
 std::uint32_t FrameSize(const PlayoutSettings& settings, std::uint32_t ip_header) {
   switch (settings.params.PacketSizeMode) {
-    case 0:
+    case IPPLAYOUT_SIZE_BYTES:
       return settings.params.IPPacketSize;
-    case 1:
+    case IPPLAYOUT_SIZE_TS_PACKETS:
       return settings.params.TSPacketCount * PacketSize(settings) + LinkHeaders(settings) +
              ip_header + TransportHeaders(settings);
     default:
@@ -59,9 +60,9 @@ uint32_t GetMaxIPMTU(uint32_t ipLayerVersion, uint32_t ipFragmentation) {
   constexpr std::uint32_t kLargest = 16128;
   constexpr std::uint32_t kUnfragmented = 1500;
   switch (ipLayerVersion) {
-    case 0:
-      return ipFragmentation == 1 ? kLargest : kUnfragmented;
-    case 1:
+    case IPPLAYOUT_IPV4:
+      return ipFragmentation == IPPLAYOUT_MAY_FRAGMENT ? kLargest : kUnfragmented;
+    case IPPLAYOUT_IPV6:
       return kLargest;
     default:
       return 0;
@@ -85,7 +86,7 @@ uint32_t GetIpv6PayloadLength() {
 
 uint32_t GetLength() {
   PlayoutSettings& settings = Settings();
-  const std::uint32_t ip_header = settings.params.IPLayerVersion == 0 ? kIpv4 : kIpv6;
+  const std::uint32_t ip_header = settings.params.IPLayerVersion == IPPLAYOUT_IPV4 ? kIpv4 : kIpv6;
   std::uint32_t& length = settings.params.ProtocolHeadersSettings.UDPHeaderSettings.Length;
   length = FrameSize(settings, ip_header) - LinkHeaders(settings) - ip_header;
   return length;

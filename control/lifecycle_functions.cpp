@@ -12,11 +12,7 @@ using ipplayout::TheLibrary;
 int InitIpPlayout() {
   *GetTSStats() = {};
   *GetStats() = {};
-  try {
-    TheLibrary().playout.Initialise();
-  } catch (const std::exception&) {
-    TheLibrary().parts.devices.Clear();
-  }
+  TheLibrary().playout.Initialise();
   return 1;
 }
 
@@ -24,14 +20,14 @@ int IPStart() {
   try {
     return TheLibrary().playout.Start();
   } catch (const std::exception&) {
-    return Playout::kFailed;
+    return IPPLAYOUT_FAILED;
   }
 }
 
 int IPWrite(const void* data, uint16_t count) {
   constexpr std::uint32_t kUnit = 4;
-  if (data == nullptr) {
-    return count == 0 ? 0 : Playout::kFailed;
+  if (data == nullptr && count > 0) {
+    return IPPLAYOUT_FAILED;
   }
   return TheLibrary().playout.Write(static_cast<const std::uint8_t*>(data), count * kUnit);
 }
@@ -67,11 +63,10 @@ int RegisterForIPPlayoutCompletion(const intptr_t* event) {
     return 1;
   }
   try {
-    TheLibrary().parts.pump.AddCompletionEvent(*event);
+    return TheLibrary().parts.pump.RegisterCompletionEvent(*event) ? 1 : 0;
   } catch (const std::exception&) {
     return 0;
   }
-  return 1;
 }
 
 intptr_t GetIPStopEvent() {

@@ -7,7 +7,7 @@ namespace ipplayout {
 namespace {
 
 bool SequenceErrorsAllowed() {
-  return Settings().params.ProtocolMode == 1;
+  return Settings().params.ProtocolMode == IPPLAYOUT_RTP;
 }
 
 }  // namespace

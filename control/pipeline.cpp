@@ -10,8 +10,6 @@
 namespace ipplayout {
 namespace {
 
-constexpr std::uint32_t kIpv4 = 0;
-constexpr std::uint32_t kRtp = 1;
 constexpr std::uint32_t kRtpClockRate = 90000;  // RFC 3551 section 4.5: video/MP2T
 constexpr double kHighestClockedRate = 1e18;    // bit/s; a frame lasts no tick long before
 
@@ -27,7 +25,7 @@ EthernetFlowSpec EthernetSpec(const ProtocolHeadersSettings& headers, CErrorMana
   spec.source = ToArray(headers.EthernetHeaderSettings.SourceMacAddress);
   spec.destination = ToArray(headers.EthernetHeaderSettings.DestinationMacAddress);
   const std::uint32_t ether_type =
-      headers.VLANEnabled == 1 ? headers.TPID : headers.EthernetHeaderSettings.EProtocol;
+      headers.VLANEnabled == IPPLAYOUT_ON ? headers.TPID : headers.EthernetHeaderSettings.EProtocol;
   spec.ether_type.WriteU16(static_cast<std::uint16_t>(ether_type), 0);
   spec.errors = errors;
   return spec;
@@ -42,7 +40,7 @@ IpFlowSpec IpSpec(const IPPlayParams& params, CErrorManagerBase* errors) {
   spec.destination = ToArray(ip.DestinationIP);
   spec.version = ip.IPVersion;
   spec.tos = ip.TOS;
-  spec.dont_fragment = params.IPFragmentation == 0;
+  spec.dont_fragment = params.IPFragmentation == IPPLAYOUT_DONT_FRAGMENT;
   spec.identification = static_cast<std::uint16_t>(ip.Identification);
   spec.errors = errors;
   return spec;
@@ -58,7 +56,7 @@ UdpSettings UdpSpec(const IPPlayParams& params, CErrorManagerBase* errors) {
   spec.source_ipv6 = ToArray(headers.IPv6HeaderSettings.SourceIPv6);
   spec.destination_ipv6 = ToArray(headers.IPv6HeaderSettings.DestinationIPv6);
   spec.errors = errors;
-  spec.is_ipv4 = params.IPLayerVersion == kIpv4;
+  spec.is_ipv4 = params.IPLayerVersion == IPPLAYOUT_IPV4;
   return spec;
 }
 
@@ -68,7 +66,8 @@ void Pipeline::BuildChain(const PlayoutSettings& settings, CErrorManagerBase* er
                           const CReplicationMgrBase* replication) {
   Layer* ip = BuildIp(settings, errors, BuildEthernet(settings, errors));
   udp_ = std::make_unique<UdpDataFlowOut>(UdpSpec(settings.params, errors), ip);
-  top_ = settings.params.ProtocolMode == kRtp ? BuildRtp(settings, udp_.get()) : udp_.get();
+  top_ =
+      settings.params.ProtocolMode == IPPLAYOUT_RTP ? BuildRtp(settings, udp_.get()) : udp_.get();
   for (Layer* layer : std::initializer_list<Layer*>{ethernet_.get(), vlan_.get(), ipv4_.get(),
                                                     ipv6_.get(), udp_.get(), rtp_.get()}) {
     if (layer != nullptr) {
@@ -81,10 +80,10 @@ Layer* Pipeline::BuildEthernet(const PlayoutSettings& settings, CErrorManagerBas
   const ProtocolHeadersSettings& headers = settings.params.ProtocolHeadersSettings;
   ethernet_ =
       std::make_unique<EthernetDataFlowOut>(EthernetSpec(headers, errors), capture_interface.get());
-  if (headers.VLANEnabled != 1) {
+  if (headers.VLANEnabled != IPPLAYOUT_ON) {
     return ethernet_.get();
   }
-  const VlanTagSpec tag{headers.CFI == 1, headers.VLANPriorityLevel, headers.VID};
+  const VlanTagSpec tag{headers.CFI == IPPLAYOUT_ON, headers.VLANPriorityLevel, headers.VID};
   vlan_ = std::make_unique<VLANDataFlowOut>(
       tag, ethernet_.get(), static_cast<std::uint16_t>(headers.EthernetHeaderSettings.EProtocol));
   return vlan_.get();
@@ -92,7 +91,7 @@ Layer* Pipeline::BuildEthernet(const PlayoutSettings& settings, CErrorManagerBas
 
 Layer* Pipeline::BuildIp(const PlayoutSettings& settings, CErrorManagerBase* errors,
                          Sender* below) {
-  if (settings.params.IPLayerVersion == kIpv4) {
+  if (settings.params.IPLayerVersion == IPPLAYOUT_IPV4) {
     ipv4_ = std::make_unique<IpDataFlowOut>(IpSpec(settings.params, errors), below);
     return ipv4_.get();
   }
@@ -103,6 +102,7 @@ Layer* Pipeline::BuildIp(const PlayoutSettings& settings, CErrorManagerBase* err
 
 Layer* Pipeline::BuildRtp(const PlayoutSettings& settings, Sender* below) {
   const RTPHeaderSettings& header = settings.params.ProtocolHeadersSettings.RTPHeaderSettings;
+  // In 64 bits: from 4.29 Gbit/s up a rate taken modulo 2^32 would have the clock run too fast.
   const double rate = std::min(StreamBitRate(settings), kHighestClockedRate);
   rtp_clock_ = std::make_unique<CZebRTPClock>(kRtpClockRate, static_cast<std::uint64_t>(rate),
                                               settings.params.IPPacketSize, 0);
@@ -110,9 +110,9 @@ Layer* Pipeline::BuildRtp(const PlayoutSettings& settings, Sender* below) {
   rtp.version = header.RTPVersion;
   rtp.payload_type = header.PayloadType;
   rtp.extension_flag = header.Extension > 0 ? 1 : 0;
-  rtp.ssrc = header.RandomSSRC == 1 ? platform::NextRandom() : header.SSRC;
+  rtp.ssrc = header.RandomSSRC == IPPLAYOUT_ON ? platform::NextRandom() : header.SSRC;
   rtp.initial_sequence_number =
-      header.RandomSequenceNumber == 1 ? platform::NextRandom() : header.SequenceNumber;
+      header.RandomSequenceNumber == IPPLAYOUT_ON ? platform::NextRandom() : header.SequenceNumber;
   rtp.clock = rtp_clock_.get();
   rtp_ = std::make_unique<RtpDataFlowOut>(rtp, below);
   return rtp_.get();

@@ -2,6 +2,7 @@
 #include "control/playout.h"
 
 #include <chrono>
+#include <exception>
 #include <utility>
 
 #include "control/datagram_layout.h"
@@ -21,21 +22,29 @@ constexpr std::uint32_t kReadTimeoutMs = 1;
 // its end.
 constexpr std::chrono::milliseconds kStopGrace{250};
 
-// The parametric manager's own numbers, by the value of JitterDistributionType.
+// The parametric manager's own numbers.
 std::int32_t DistributionType(std::uint32_t setting) {
-  constexpr std::int32_t kTypes[] = {
-      CZebParametricManager::kSquare, CZebParametricManager::kGaussian,
-      CZebParametricManager::kSquaredDifference, CZebParametricManager::kSine};
-  return setting < std::size(kTypes) ? kTypes[setting] : std::int32_t{CZebParametricManager::kNone};
+  switch (setting) {
+    case IPPLAYOUT_JITTER_SQUARE:
+      return CZebParametricManager::kSquare;
+    case IPPLAYOUT_JITTER_GAUSSIAN:
+      return CZebParametricManager::kGaussian;
+    case IPPLAYOUT_JITTER_SQUARED_DIFFERENCE:
+      return CZebParametricManager::kSquaredDifference;
+    case IPPLAYOUT_JITTER_SINE:
+      return CZebParametricManager::kSine;
+    default:
+      return CZebParametricManager::kNone;
+  }
 }
 
 void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings& settings) {
   const ParametricSettings& parametric = settings.parametric;
-  manager.SetBurstMode(parametric.BurstMode == 1 ? 1 : 0);
+  manager.SetBurstMode(parametric.BurstMode == IPPLAYOUT_ON ? 1 : 0);
   manager.SetBurstPeriod(parametric.BurstPeriod);
   manager.SetBurstSize(parametric.BurstSize);
-  manager.SetJitterEnabled(parametric.JitterEnabled == 1 ? 1 : 0);
-  if (parametric.BurstValueType <= CZebParametricManager::kBurstBySize) {
+  manager.SetJitterEnabled(parametric.JitterEnabled == IPPLAYOUT_ON ? 1 : 0);
+  if (parametric.BurstValueType <= IPPLAYOUT_BURST_BY_SIZE) {
     manager.SetBurstValueType(parametric.BurstValueType);
   }
   manager.SetDistributionType(DistributionType(parametric.JitterDistributionType));
@@ -62,7 +71,7 @@ bool PumpLeavesRest(const PcapRtInterface& capture) {
   return capture.GetPacketTime() >= 2 * kFrameWork;
 }
 
-// Beside longer gaps nobody sees how late a wake-up is, and the processors had better sleep.
+// With longer gaps a late wake-up does not matter, so let the processors sleep.
 bool WantsShortWakeUps(const PcapRtInterface& capture) {
   constexpr double kLongestGap = 0.1;  // seconds
   return capture.GetPacketTime() <= kLongestGap;
@@ -78,13 +87,17 @@ void Playout::Initialise() {
   const std::lock_guard lock(control_mutex_);
   ResetForInit();
   parts_.devices.Clear();
-  parts_.devices.Enumerate();
-  parts_.devices.CreateArray();
-  const std::lock_guard event_lock(stop_event_mutex_);
-  if (stop_event_ == nullptr) {
-    if (auto event = OwnedHostEvent::Create()) {
-      stop_event_ = std::make_shared<OwnedHostEvent>(std::move(*event));
+  try {
+    parts_.devices.Enumerate();
+    parts_.devices.CreateArray();
+    const std::lock_guard event_lock(stop_event_mutex_);
+    if (stop_event_ == nullptr) {
+      if (auto event = OwnedHostEvent::Create()) {
+        stop_event_ = std::make_shared<OwnedHostEvent>(std::move(*event));
+      }
     }
+  } catch (const std::exception&) {
+    parts_.devices.Clear();  // no memory: no adapter rather than some of them
   }
 }
 
@@ -98,7 +111,7 @@ void Playout::CleanUp() {
 int Playout::Start() {
   const std::lock_guard lock(control_mutex_);
   if (!parts_.pump.IsComplete()) {
-    return kFailed;
+    return IPPLAYOUT_FAILED;
   }
   if (was_started_) {
     EndPlayout();
@@ -107,12 +120,12 @@ int Playout::Start() {
   }
   const PlayoutSettings& settings = Settings();
   if (!IsPlayable(settings) || !LoadManagers() || !OpenInterface()) {
-    return kFailed;
+    return IPPLAYOUT_FAILED;
   }
   platform::SeedRandom(platform::MonotonicMilliseconds());
   pipeline_.BuildChain(settings, &parts_.errors, &parts_.replication);
   const bool ready = LayOut() && ConfigureInterface() && StartThreads();
-  return ready ? kStarted : kFailed;
+  return ready ? kStarted : IPPLAYOUT_FAILED;
 }
 
 bool Playout::LoadManagers() {
@@ -234,10 +247,10 @@ void Playout::Release() {
 }
 
 int Playout::Write(const std::uint8_t* data, std::uint32_t length) {
-  if (parts_.pump.GetErrorCode() == ZEBIPDataPump::kFailed) {
-    return kFailed;
+  if (parts_.pump.GetErrorCode() == IPPLAYOUT_FAILED) {
+    return IPPLAYOUT_FAILED;
   }
-  return parts_.data_buffer.Write(data, length) ? 0 : kFailed;
+  return parts_.data_buffer.Write(data, length) ? 0 : IPPLAYOUT_FAILED;
 }
 
 void Playout::WriteTerminate() {

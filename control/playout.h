@@ -20,7 +20,6 @@ struct Parts;
 class Playout {
  public:
   static constexpr int kStarted = 0;
-  static constexpr int kFailed = -800;
 
   // `parts` outlive this object.
   explicit Playout(Parts& parts) : parts_(parts) {}
@@ -31,7 +30,7 @@ class Playout {
   void Initialise();
   void CleanUp();
 
-  // kStarted, or kFailed; then what was built so far is left for a stop or the next start.
+  // kStarted, or IPPLAYOUT_FAILED; then what was built so far is left for a stop or the next start.
   int Start();
   void Stop();
 

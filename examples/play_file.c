@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   SetTTL(16);
   SetSourcePort(5000);
   SetTSPacketSize(188);
-  SetPacketSizeMode(1);
+  SetPacketSizeMode(IPPLAYOUT_SIZE_TS_PACKETS);
   SetTSPacketCount(7);
   pthread_t feeder;
   if (file == NULL || !SetDestination(argv) || IPStart() != 0 ||

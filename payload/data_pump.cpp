@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "payload/data_buffer.h"
 #include "payload/error_insertion_manager.h"
@@ -18,12 +19,20 @@
 namespace ipplayout {
 namespace {
 
-// By the value of PlayerThreadPriority; any other leaves the thread as it is.
-constexpr std::array kPriorities = {
-    OsaThreadPriority::Idle(),    OsaThreadPriority::BelowNormal(),
-    OsaThreadPriority::Normal(),  OsaThreadPriority::AboveNormal(),
-    OsaThreadPriority::Highest(), OsaThreadPriority::TimeCritical(),
+struct PriorityRow {
+  std::int32_t setting;
+  OsaThreadPriority priority;
 };
+
+// Any other setting leaves the thread as it is.
+constexpr std::array<PriorityRow, 6> kPriorities{{
+    {IPPLAYOUT_PRIORITY_IDLE, OsaThreadPriority::Idle()},
+    {IPPLAYOUT_PRIORITY_BELOW_NORMAL, OsaThreadPriority::BelowNormal()},
+    {IPPLAYOUT_PRIORITY_NORMAL, OsaThreadPriority::Normal()},
+    {IPPLAYOUT_PRIORITY_ABOVE_NORMAL, OsaThreadPriority::AboveNormal()},
+    {IPPLAYOUT_PRIORITY_HIGHEST, OsaThreadPriority::Highest()},
+    {IPPLAYOUT_PRIORITY_TIME_CRITICAL, OsaThreadPriority::TimeCritical()},
+}};
 
 // A stop waits for the copies of the datagram in hand, but not for as many as there may be.
 constexpr std::int64_t kMostCopiesAfterStop = 10'000;
@@ -76,6 +85,24 @@ void ZEBIPDataPump::WaitUntilComplete() {
   completed_.wait(lock, [this, run] { return complete_ || run_number_ != run; });
 }
 
+bool ZEBIPDataPump::RegisterCompletionEvent(platform::EventHandle event) {
+  if (event == platform::kNullEvent || event == platform::kInvalidEvent) {
+    return true;
+  }
+  const std::lock_guard lock(completion_mutex_);
+  for (Registered& registered : registered_events_) {
+    if (registered.event.IsSame(event)) {
+      ++registered.times;  // a host that registers before each start takes up one descriptor
+      return true;
+    }
+  }
+  auto own = platform::OwnedHostEvent::Duplicate(event);
+  if (own) {
+    registered_events_.push_back({std::move(*own), 1});
+  }
+  return own.has_value();
+}
+
 void ZEBIPDataPump::AddCompletionEvent(platform::EventHandle event) {
   const std::lock_guard lock(completion_mutex_);
   completion_events_.push_back(event);
@@ -83,11 +110,7 @@ void ZEBIPDataPump::AddCompletionEvent(platform::EventHandle event) {
 
 void ZEBIPDataPump::WithdrawCompletionEvent(platform::EventHandle event) {
   const std::lock_guard lock(completion_mutex_);
-  // The newest registration: the temporary one where a host has registered the same number.
-  const auto found = std::find(completion_events_.rbegin(), completion_events_.rend(), event);
-  if (found != completion_events_.rend()) {
-    completion_events_.erase(std::next(found).base());
-  }
+  std::erase(completion_events_, event);
 }
 
 bool ZEBIPDataPump::GetStatistics(PlayoutStatistics* out) {
@@ -110,15 +133,16 @@ void ZEBIPDataPump::Run() {
     SendDatagrams();
   } catch (...) {
     // Out of memory, for the frame or for a frame held back.
-    error_code_.store(kFailed);
+    error_code_.store(IPPLAYOUT_FAILED);
   }
   EndRun();
 }
 
 void ZEBIPDataPump::ApplyThreadPriority() {
-  const std::int32_t value = parameters_->GetThreadPriority();
-  if (value >= 0 && value < static_cast<std::int32_t>(kPriorities.size())) {
-    SetPriority(kPriorities[static_cast<std::size_t>(value)]);
+  for (const PriorityRow& row : kPriorities) {
+    if (row.setting == parameters_->GetThreadPriority()) {
+      SetPriority(row.priority);
+    }
   }
 }
 
@@ -130,6 +154,8 @@ void ZEBIPDataPump::SendDatagrams() {
   flushed_ = false;
   PDU frame(datagram_size_);
   platform::SeedRandom(platform::MonotonicMilliseconds());
+  // Counts on when the host clears the statistics: frames that are held back are due by it, and the
+  // schedule of errors goes on.
   std::uint64_t index = 0;
   while (!stopping_) {
     stopping_ = StopRequested();
@@ -143,7 +169,7 @@ void ZEBIPDataPump::SendDatagrams() {
       break;
     }
     if (!SendAllCopies(frame)) {
-      error_code_.store(kFailed);
+      error_code_.store(IPPLAYOUT_FAILED);
       return;
     }
     CountDatagram(frame);
@@ -237,6 +263,11 @@ void ZEBIPDataPump::EndRun() {
   const std::lock_guard lock(completion_mutex_);
   complete_ = true;
   interface_->SignalQueueReady();
+  for (const Registered& registered : registered_events_) {
+    for (std::uint64_t i = 0; i < registered.times; ++i) {
+      platform::SignalHostEvent(registered.event.Handle());
+    }
+  }
   for (const platform::EventHandle event : completion_events_) {
     platform::SignalHostEvent(event);
   }

@@ -27,8 +27,6 @@ class Sender;
 // the rest by host threads at any time. Pointers are not owned and outlive the run.
 class ZEBIPDataPump final : public OsaThread {
  public:
-  static constexpr std::int32_t kFailed = -800;
-
   ZEBIPDataPump();
 
   void SetPayloadSource(CIPDataBuffer* source) { source_ = source; }
@@ -57,14 +55,16 @@ class ZEBIPDataPump final : public OsaThread {
   // Waits for the end of the run in progress, if there is one.
   void WaitUntilComplete();
 
-  // Signals `event` at the end of every run from now on, until it is withdrawn.
+  // Signals the host's `event` at the end of every run from now on, as often as it was registered,
+  // whatever the host does with its descriptor. False when there is no descriptor left for it.
+  bool RegisterCompletionEvent(platform::EventHandle event);
+  // Signals an event of the library's own at the end of every run, until it is withdrawn.
   void AddCompletionEvent(platform::EventHandle event);
-  // Afterwards the event is not signalled any more; one registration is taken back.
   void WithdrawCompletionEvent(platform::EventHandle event);
 
   bool GetStatistics(PlayoutStatistics* out);
   void ClearStatistics();
-  // 0, or kFailed after a layer failed to take a frame, until the next run.
+  // 0, or IPPLAYOUT_FAILED after a layer failed to take a frame, until the next run.
   std::int32_t GetErrorCode() const { return error_code_.load(); }
 
  private:
@@ -106,10 +106,15 @@ class ZEBIPDataPump final : public OsaThread {
   platform::Snapshot<Counted> published_;
   std::atomic<std::uint64_t> clearings_{0};
 
-  std::mutex completion_mutex_;  // guards the four below; events are signalled under it
+  struct Registered {
+    platform::OwnedHostEvent event;
+    std::uint64_t times;
+  };
+  std::mutex completion_mutex_;  // guards the five below; events are signalled under it
   std::condition_variable completed_;
   bool complete_ = true;
   std::uint64_t run_number_ = 0;
+  std::vector<Registered> registered_events_;
   std::vector<platform::EventHandle> completion_events_;
 
   std::mutex pause_mutex_;  // guards resume_count_, and changes of paused_

@@ -6,8 +6,6 @@
 namespace ipplayout {
 namespace {
 
-enum ChecksumErrorType : std::uint32_t { kIpChecksumErrors = 0, kUdpChecksumErrors = 1 };
-
 constexpr std::uint32_t kMostRandomDistance = 100;
 
 }  // namespace
@@ -83,13 +81,15 @@ std::uint32_t CErrorInsertionManager::IsSequenceError(std::int32_t consume) {
 
 std::uint32_t CErrorInsertionManager::IsIpChecksumError(std::int32_t consume) {
   const bool requested = Take(kIpChecksum, consume);
-  const bool scheduled = checksum_scheduled_ && settings_.ChecksumErrorType == kIpChecksumErrors;
+  const bool scheduled =
+      checksum_scheduled_ && settings_.ChecksumErrorType == IPPLAYOUT_CHECKSUM_IP;
   return scheduled || requested ? 1 : 0;
 }
 
 std::uint32_t CErrorInsertionManager::IsUdpChecksumError(std::int32_t consume) {
   const bool requested = Take(kUdpChecksum, consume);
-  const bool scheduled = checksum_scheduled_ && settings_.ChecksumErrorType == kUdpChecksumErrors;
+  const bool scheduled =
+      checksum_scheduled_ && settings_.ChecksumErrorType == IPPLAYOUT_CHECKSUM_UDP;
   return scheduled || requested ? 1 : 0;
 }
 

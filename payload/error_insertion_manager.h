@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 
+#include "ipplayout/ipplayout.h"
 #include "payload/error_schedule.h"
 #include "protocol/error_manager_base.h"
 #include "protocol/pdu.h"

@@ -130,13 +130,13 @@ bool CZebParametricManager::SetBurstSize(std::uint32_t datagrams) {
 bool CZebParametricManager::ComputeBurstCount(std::uint32_t datagram_bytes, double bit_rate) {
   std::uint32_t count = 1;
   if (burst_mode_ != 0) {
-    if (burst_value_type_ == kBurstByPeriod) {
+    if (burst_value_type_ == IPPLAYOUT_BURST_BY_PERIOD) {
       const double exact = burst_period_ * bit_rate / (datagram_bytes * 8000.0);
       // Beyond the field's range, or not a number: more than any queue can hold, and refused there.
       constexpr double kMost = std::numeric_limits<std::uint32_t>::max();
       count = exact < kMost ? static_cast<std::uint32_t>(exact)
                             : std::numeric_limits<std::uint32_t>::max();
-    } else if (burst_value_type_ == kBurstBySize) {
+    } else if (burst_value_type_ == IPPLAYOUT_BURST_BY_SIZE) {
       count = burst_size_;
     } else {
       return false;

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "ipplayout/ipplayout.h"
+
 namespace ipplayout {
 
 class CParametricManagerBase {
@@ -36,7 +38,6 @@ class CZebParametricManager final : public CParametricManagerBase {
     kSine = 2,
     kSquare = 3,
   };
-  enum BurstValueType : std::uint32_t { kBurstByPeriod = 0, kBurstBySize = 1 };
 
   std::uint8_t IsJitterEnabled() const override { return jitter_enabled_; }
   float GetJitterPeriod() const override { return jitter_period_; }
@@ -75,7 +76,7 @@ class CZebParametricManager final : public CParametricManagerBase {
   std::int32_t distribution_type_ = kNone;
   std::int32_t thread_priority_ = 0;
   std::uint8_t burst_mode_ = 0;
-  std::uint32_t burst_value_type_ = kBurstByPeriod;
+  std::uint32_t burst_value_type_ = IPPLAYOUT_BURST_BY_PERIOD;
   std::uint32_t burst_period_ = 0;
   std::uint32_t burst_size_ = 0;
   std::uint32_t burst_count_ = 0;

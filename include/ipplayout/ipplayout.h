@@ -11,9 +11,9 @@
 // - Linkage: plain C under the names below, but for GetIpAddressBytes.
 // - Units: sizes in bytes, IPBitRate in megabits per second, times as named at each field.
 //   Addresses are bytes in network order; a MAC address has 6, IPv4 4, IPv6 16.
-// - Results: 1 is done and 0 not done, where no other result is given; what "returns 1" does so
-//   unless memory has run out. No function throws.
-// - Null pointers: what would be read from or written to one is skipped.
+// - Results: functions return 1 on success and 0 on failure unless stated otherwise; those
+//   documented as "returns 1" fail only when out of memory or descriptors. No function throws.
+// - Null pointers: a null argument is ignored.
 // - Threads: functions may be called on any thread. Those that start, stop, initialise or clean up
 //   wait for each other. The settings take no lock: keep them to the thread that starts playouts.
 //   Notes at a function say what may run beside it.
@@ -21,7 +21,15 @@
 // - Events: an intptr_t that holds an eventfd(2) descriptor. 0 is no event and -1 an invalid one.
 //   Signalled means readable, until somebody reads it; wait with poll(2) or any event loop. The
 //   library never reads a host's event and never blocks on writing it.
+// - Descriptors that the library opens have numbers from 3 up, also in a host that has closed its
+//   standard streams.
+// - Capabilities: the library's threads keep CAP_SETUID and CAP_SETGID, where the thread that calls
+//   IPStart has them, and no others. So a host may change its user and groups at any time, for good
+//   or for a while; a playout goes on.
 // - Standard output gets the few messages named below, standard error those about neighbours.
+// - Frames go straight to the adapter: queueing disciplines (tc) are passed by, and a capture on
+// the
+//   sending adapter does not see them. Capture at the far end.
 #pragma once
 
 #include <stdint.h>
@@ -52,37 +60,52 @@ int InitIpPlayout(void);
 // undisturbed), there is no such adapter or it cannot be opened, or a setting cannot be played: an
 // unknown IPLayerVersion or ProtocolMode, an IPBitRate that is not a finite number above 0, a
 // datagram without room for its headers, memory that cannot be had. From its return
-// IsPlayoutComplete is 0 and the statistics are the new run's. Needs the right to send raw frames
-// (CAP_NET_RAW).
+// IsPlayoutComplete is 0 and the statistics are the new run's. A pause that was asked for before
+// goes on; see IPPause. Needs the right to send raw frames (CAP_NET_RAW).
+//
+// What has been written since the last stop is played first. So the thread that feeds the run
+// before must have ended by now: what it still writes would lead the new run, and an
+// IPWriteTerminate of its would end it.
 int IPStart(void);
 
 // Hands over `count` units of 4 bytes of the stream; they are copied. Blocks while the 64 MiB ring
-// is full, until there is room or the run ends. Returns 0, or IPPLAYOUT_FAILED once the run has
-// ended because a frame could not be sent or the playout was stopped. One thread writes at a time,
-// beside any other function.
+// is full: until a playout has made room or ends, also before the first start and between a stop
+// and the next start. Returns 0, or IPPLAYOUT_FAILED, having taken nothing, when
+// - a frame could not be sent: until the next IPStart,
+// - the playout ended or was stopped while the call was blocked,
+// - the ring is full after the end of the data and before the stop.
+// After a stop it takes data, which leads the next playout. A count of 0 takes nothing and asks
+// whether a frame could not be sent. One thread writes at a time, beside any other function.
 int IPWrite(const void* data, uint16_t count);
 
 // Declares the end of the data and blocks until the last datagram has left, the playout is stopped
-// or fails, or the stop event is signalled. Returns 0, at once when no playout runs.
+// or fails, or the stop event is signalled. Returns 0 in each case, at once when no playout runs;
+// IPWrite with a count of 0 then tells a failure. The end that is declared while no playout runs is
+// that of the next one. Frames of the last batch that the adapter does not take are only reported
+// on standard output: "An error occurred sending the packets:  Only %d bytes were sent".
 int IPWriteTerminate(void);
 
 // 1 holds the playout between two datagrams, any other value lets it go on. Written data waits in
-// the ring meanwhile. Start and stop end a pause. Returns 1.
+// the ring meanwhile. A stop ends a pause, a start does not: one that was asked for before holds
+// the playout before its first datagram. Returns 1.
 int IPPause(uint32_t pause);
 
 // Ends the playout and releases the adapter: the datagram in hand still leaves (of its copies up to
-// 10,000 more), data in the ring does not. Blocks until no thread of the library is left, at most
+// 10,000 more), data in the ring does not. Where frames leave in batches up to two batches that
+// were built before leave with it, at once. Blocks until no thread of the library is left, at most
 // about a second at any bit rate. Needed also after IPWriteTerminate, before the next IPStart.
-// Without a playout it does nothing. Both do the same.
+// Releases a blocked IPWrite; end the feeding thread before the next start (see there). Without a
+// playout it discards what has been written for the next one. Both do the same.
 void IPStop(void);
 void IPStopImmediate(void);
 
 // 1 when no datagram is left to send or nothing was started yet, else 0. Any time, any thread.
 int IsPlayoutComplete(void);
 
-// Has `*event` signalled whenever a playout completes, by its end, a stop or a failure. The event
-// stays registered as long as the library is loaded and belongs to the host, which keeps it open.
-// Any time, any thread. Returns 1.
+// Has `*event` signalled whenever a playout completes, by its end, a stop or a failure; as often as
+// it has been registered. It stays registered as long as the library is loaded, through a
+// descriptor of the library's own: the host may close its descriptor at any time. Any time, any
+// thread. Returns 1.
 int RegisterForIPPlayoutCompletion(const intptr_t* event);
 
 // The event that releases a blocked IPWriteTerminate when the host signals it (writes the 8-byte
@@ -150,16 +173,17 @@ int DeleteListOfDevices(void);
 // ---- Addresses ----
 
 // Finds the MAC address of a neighbour and writes it to the 6 bytes at `*mac`: by ARP (RFC 826)
-// for `ipVersion` 0 and a target of 4 bytes, of the gateway when the target is off the adapter's
-// subnet and does not answer; by neighbour solicitation (RFC 4861) for 1 and 16 bytes, which needs
-// an adapter with exactly one IPv6 address. The adapter's own addresses give its own MAC.
-// `deviceIndex` is a position as DeviceIndex. Returns 1 when an address was written, else 0; after
-// a failure the six bytes hold no address. Blocks for the answer, up to a few seconds. Reasons of a
-// failed ARP go to standard error and standard output.
+// for IPPLAYOUT_IPV4 and a target of 4 bytes, of the gateway when the target is off the adapter's
+// subnet and does not answer; by neighbour solicitation (RFC 4861) for IPPLAYOUT_IPV6 and 16 bytes,
+// which needs an adapter with exactly one IPv6 address. The adapter's own addresses give its own
+// MAC. `deviceIndex` is a position as DeviceIndex. Returns 1 when an address was written, else 0;
+// after a failure the six bytes hold no address. Blocks for the answer, up to a few seconds.
+// Reasons of a failed ARP go to standard error and standard output.
 int GetMacAddressForIP(int ipVersion, const uint8_t* target, uint8_t** mac, int deviceIndex);
 
 // Writes this machine's first IPv4 address as dotted decimal to the 16 characters or more at
-// `*text`. May ask the name service. Returns 1.
+// `*text`: of its host name, or where that has only loopback addresses, of an adapter. May ask the
+// name service. Returns 1.
 int GetHostIPAddress(char** text);
 
 #ifdef __cplusplus

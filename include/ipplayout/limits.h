@@ -17,11 +17,10 @@ enum {
 // Frames in a batch where bursts are off; with bursts it is the size of the burst. `bit_rate` is
 // that of the frames in bit/s, those of all copies.
 static inline uint32_t IPPlayoutBatchFrames(const ParametricSettings* shape, double bit_rate) {
-  const uint32_t sine = 3;             // of JitterDistributionType
   const double paced_alone_to = 80e6;  // bit/s up to which frames leave one by one
-  if (shape->JitterEnabled == 1) {
-    return shape->JitterDistributionType == sine ? IPPLAYOUT_SINE_BATCH_FRAMES
-                                                 : IPPLAYOUT_BATCH_FRAMES;
+  if (shape->JitterEnabled == IPPLAYOUT_ON) {
+    return shape->JitterDistributionType == IPPLAYOUT_JITTER_SINE ? IPPLAYOUT_SINE_BATCH_FRAMES
+                                                                  : IPPLAYOUT_BATCH_FRAMES;
   }
   return bit_rate > paced_alone_to ? IPPLAYOUT_BATCH_FRAMES : 1;
 }

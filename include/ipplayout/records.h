@@ -11,6 +11,30 @@
 // Longest text of a name field plus its NUL.
 enum { IPPLAYOUT_NAME_SIZE = 200 };
 
+// ---- Names of the values of fields that have a few only ----
+
+enum { IPPLAYOUT_OFF = 0, IPPLAYOUT_ON = 1 };                         // flags
+enum { IPPLAYOUT_IPV4 = 0, IPPLAYOUT_IPV6 = 1 };                      // IPLayerVersion
+enum { IPPLAYOUT_UDP = 0, IPPLAYOUT_RTP = 1 };                        // ProtocolMode
+enum { IPPLAYOUT_SIZE_BYTES = 0, IPPLAYOUT_SIZE_TS_PACKETS = 1 };     // PacketSizeMode
+enum { IPPLAYOUT_DONT_FRAGMENT = 0, IPPLAYOUT_MAY_FRAGMENT = 1 };     // IPFragmentation
+enum { IPPLAYOUT_CHECKSUM_IP = 0, IPPLAYOUT_CHECKSUM_UDP = 1 };       // ChecksumErrorType
+enum { IPPLAYOUT_BURST_BY_PERIOD = 0, IPPLAYOUT_BURST_BY_SIZE = 1 };  // BurstValueType
+enum {                                                                // JitterDistributionType
+  IPPLAYOUT_JITTER_SQUARE = 0,
+  IPPLAYOUT_JITTER_GAUSSIAN = 1,
+  IPPLAYOUT_JITTER_SQUARED_DIFFERENCE = 2,
+  IPPLAYOUT_JITTER_SINE = 3,
+};
+enum {  // PlayerThreadPriority
+  IPPLAYOUT_PRIORITY_IDLE = 0,
+  IPPLAYOUT_PRIORITY_BELOW_NORMAL = 1,
+  IPPLAYOUT_PRIORITY_NORMAL = 2,
+  IPPLAYOUT_PRIORITY_ABOVE_NORMAL = 3,
+  IPPLAYOUT_PRIORITY_HIGHEST = 4,
+  IPPLAYOUT_PRIORITY_TIME_CRITICAL = 5,
+};
+
 // ---- Header fields of every layer ----
 
 // Ethernet II (IEEE 802.3). Addresses in network order, as everywhere.
@@ -142,12 +166,12 @@ typedef struct ProtocolHeadersIncrements {
 
 typedef struct IPPlayParams {
   char ConfigurationName[IPPLAYOUT_NAME_SIZE];  // a label of the host's; only kept
-  uint32_t IPLayerVersion;                      // 0 IPv4, 1 IPv6; IPStart refuses other values
-  char DeviceName[IPPLAYOUT_NAME_SIZE];         // a label of the adapter; DeviceIndex chooses it
-  uint32_t DeviceIndex;     // position of the adapter in the array of GetListOfDevices
-  uint32_t ProtocolMode;    // 0 UDP, 1 RTP over UDP; IPStart refuses other values
+  uint32_t IPLayerVersion;  // IPPLAYOUT_IPV4 or IPPLAYOUT_IPV6; IPStart refuses other values
+  char DeviceName[IPPLAYOUT_NAME_SIZE];  // a label of the adapter; DeviceIndex chooses it
+  uint32_t DeviceIndex;                  // position of the adapter in the array of GetListOfDevices
+  uint32_t ProtocolMode;    // IPPLAYOUT_UDP or IPPLAYOUT_RTP; IPStart refuses other values
   uint32_t BroadcastType;   // only kept
-  uint32_t PacketSizeMode;  // datagram size given by 0 IPPacketSize, 1 TSPacketCount
+  uint32_t PacketSizeMode;  // IPPLAYOUT_SIZE_...: by IPPacketSize or by TSPacketCount
   // Bytes of a frame from the Ethernet header to the end of the payload, VLAN tag included and
   // frame check sequence excluded. Larger than GetMaxIPMTU allows it is cut to that.
   uint32_t IPPacketSize;
@@ -155,7 +179,8 @@ typedef struct IPPlayParams {
   // 1: a datagram may end inside a transport stream packet. Otherwise its payload is cut to whole
   // packets. Counts as 1 when TSPacketSize is 0.
   uint32_t TSFragmentation;
-  // 1: IPv4 frames up to 16128 bytes, else up to 1500. 0 also sets the don't-fragment bit.
+  // IPPLAYOUT_MAY_FRAGMENT: IPv4 frames up to 16128 bytes, else up to 1500.
+  // IPPLAYOUT_DONT_FRAGMENT also sets the don't-fragment bit.
   uint32_t IPFragmentation;
   // Marks of the host's own beside the address fields; only kept.
   uint32_t SrcAddrAdvansedFlag;
@@ -187,7 +212,7 @@ typedef struct ErrorInsertion {
   uint32_t SequenceErrorRange;
   uint32_t SequenceErrorDistance;  // how many later datagrams overtake a late one
   uint32_t ChecksumErrorEnabled;   // checksums one above the right value (modulo 65536)
-  uint32_t ChecksumErrorType;      // 0 IPv4 header, 1 UDP; nothing for other values
+  uint32_t ChecksumErrorType;      // IPPLAYOUT_CHECKSUM_...; nothing for other values
   uint32_t NumChecksumError;
   uint32_t ChecksumErrorRange;
   uint32_t RandomizeErrors;
@@ -196,7 +221,7 @@ typedef struct ErrorInsertion {
 // Bursts and jitter of the gaps between frames.
 typedef struct ParametricSettings {
   uint32_t BurstMode;       // 1: datagrams leave back to back in bursts at the same mean bit rate
-  uint32_t BurstValueType;  // burst given by 0 BurstPeriod, 1 BurstSize; others keep the last run's
+  uint32_t BurstValueType;  // IPPLAYOUT_BURST_...; other values keep the last run's
   uint32_t BurstPeriod;     // milliseconds of stream
   uint32_t BurstSize;       // frames, those of all copies
   uint32_t LowJitterModeEnabled;  // only kept
@@ -204,14 +229,13 @@ typedef struct ParametricSettings {
   // Percent of the gap; of the square pattern, peak to peak in microseconds.
   float JitterPeriod;
   uint32_t ParametricReserved;
-  // 0 square, 1 Gaussian, 2 squared difference, 3 sine; no jitter for other values.
+  // IPPLAYOUT_JITTER_...; no jitter for other values.
   uint32_t JitterDistributionType;
 } ParametricSettings;
 
 typedef struct IPOtherSettings {
-  // Of the thread that builds the frames: 0 idle, 1 below normal, 2 normal, 3 above normal,
-  // 4 highest, 5 time critical; others leave it (above normal, or what an earlier run set). Applied
-  // as far as the system allows the process.
+  // Priority of the thread that builds frames: IPPLAYOUT_PRIORITY_... Other values keep the current
+  // one (above normal at first). Applied as far as the system allows the process.
   uint32_t PlayerThreadPriority;
   uint32_t PlayerProcessPriority;  // only kept
 } IPOtherSettings;

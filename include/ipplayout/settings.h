@@ -4,8 +4,10 @@
 //
 // Every SetX stores its argument unchecked in field X, every GetX returns the field. They take no
 // lock: call them from the thread that starts and stops playouts. IPStart works on a copy, so what
-// is set during a playout holds from the next start on. All settings are 0 when the library is
-// loaded; InitIpPlayout clears most again (see there), so set them after it.
+// is set during a playout takes effect at the next start. One setting is read while a playout runs:
+// sequence errors, scheduled or requested, come about as long as ProtocolMode is IPPLAYOUT_RTP. All
+// settings are 0 when the library is loaded; InitIpPlayout clears most again (see there), so set
+// them after it.
 //
 // Setters of addresses copy 4 (IPv4), 6 (MAC) or 16 bytes (IPv6) in network order; their getters
 // return the library's own field. Pointers that a getter returns stay valid as long as the library
