@@ -3,11 +3,12 @@
 import os
 import socket
 import struct
+import tempfile
 import unittest
 from ctypes import addressof, byref, c_char_p, c_void_p, create_string_buffer
 
 from model import ones_complement_sum
-from testbed import Testbed
+from testbed import MS_BIND, Testbed, mount
 
 NEAR_MAC, FAR_MAC, OTHER_MAC = (bytes((2, 0, 0, 0, 0, last)) for last in (1, 2, 3))
 NEAR, FAR, SILENT, ELSEWHERE = "10.77.0.1", "10.77.0.2", "10.77.0.9", "192.0.2.1"
@@ -229,11 +230,18 @@ class Arguments(Network):
         self.assertEqual(self.bed.run(body).value, ([0] * 8, UNTOUCHED))
 
     def test_host_address(self):
-        def body(library):
+        """Of the host's name; of an adapter where the name has none but those that installers give it."""
+        def body(library, names):
+            with tempfile.NamedTemporaryFile("w") as file:
+                file.write(names.replace("NAME", socket.gethostname()))
+                file.flush()
+                mount(file.name.encode(), b"/etc/hosts", None, MS_BIND)
             text = create_string_buffer(b"x" * 16, 16)
             assert library.GetHostIPAddress(byref(c_void_p(addressof(text)))) == 1
             return text.value.decode()
-        socket.inet_pton(socket.AF_INET, self.bed.run(body).value)
+        for names, address in (("127.0.0.1 localhost\n127.0.1.1 NAME\n", NEAR), ("198.51.100.7 NAME\n", "198.51.100.7"),
+                               ("127.0.1.1 NAME\n198.51.100.7 NAME\n", "198.51.100.7"), ("127.0.0.1 localhost\n", NEAR)):
+            self.assertEqual(self.bed.run(body, names).value, address, names)
 
     def test_dotted_decimals(self):
         cases = {  # text: (result, bytes); bytes that are not stored keep 9
