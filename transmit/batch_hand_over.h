@@ -48,6 +48,8 @@ class BatchHandOver {
   // The transmitter's side.
   // Waits until a batch has been handed over, or Wake was called.
   void Wait();
+  // Batches that were handed over and not released, that of an abandoned transmission included.
+  std::uint64_t InHand() const { return handed_ - released_; }
   bool HasBatch() const { return handed_ != released_; }
   Batch& Front() { return At(released_); }
   // The batch in front makes room for the next one although it has yet to be transmitted.

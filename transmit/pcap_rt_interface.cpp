@@ -23,6 +23,11 @@ std::uint64_t Nanoseconds(const CapturedFrame& frame) {
          1000;
 }
 
+void ReportShortTransmission(std::size_t sent) {
+  std::printf("An error occurred sending the packets:  Only %d bytes were sent\n",
+              static_cast<int>(sent));
+}
+
 }  // namespace
 
 PcapRtInterface::PcapRtInterface(std::string device_name, std::uint32_t read_timeout_ms,
@@ -168,14 +173,17 @@ bool PcapRtInterface::TransmitWhole(const SendQueue& queue) {
   if (sent == queue.Used()) {
     return true;
   }
-  std::printf("An error occurred sending the packets:  Only %d bytes were sent\n",
-              static_cast<int>(sent));
+  ReportShortTransmission(sent);
   return false;
 }
 
 void PcapRtInterface::FlushLastQueue() {
   hand_over_.WaitUntilEmpty();
   finished_.store(true);
+  // Those behind a batch that failed are lost with it, and reported like it.
+  for (std::uint64_t lost = hand_over_.InHand(); lost > 1; --lost) {
+    ReportShortTransmission(0);
+  }
   SendQueue& rest = hand_over_.Filling();
   if (handle_ != nullptr) {
     TransmitWhole(rest);

@@ -14,6 +14,7 @@
 #include "host/base/nice_value.h"
 #include "host/base/units.h"
 #include "host/play/report.h"
+#include "host/play/start_failure.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -102,8 +103,9 @@ bool PlaySession::Start() {
   start_ = Clock::now();
   next_report_ = terminal_ ? 0s : ReportInterval();
   if (!StartLibrary(options_.economy)) {
+    const std::string reason = WhyNotStarted(plan_.settings.params.DeviceIndex);
     IPStop();
-    Print(stderr, "ipplay: the playout cannot start; is the adapter up?\n");
+    Print(stderr, "ipplay: the playout cannot start: {}\n", reason);
     return false;
   }
   running_ = true;
@@ -281,6 +283,7 @@ void PlaySession::Finish(bool complete) {
   feeder_.Stop();
   stop_reading_.Set();
   IPStop();
+  unsent_ = CountUnsent();
   meter_.End(Counters(), complete);
 }
 
@@ -348,6 +351,17 @@ void PlaySession::WarnOfInput() {
   Print(stderr, "ipplay: INPUT lost sync at offset {}; playing it as it is\n", *lost);
 }
 
+std::uint64_t PlaySession::CountUnsent() const {
+  SentInBatches run{.batch = plan_.batch, .frame_bytes = plan_.frame_bytes};
+  const PlayoutStatistics counters = Counters();
+  if (failed_) {
+    run.frames = 0;  // the batch that failed was a full one; how many are lost with it is not known
+  } else if (counters.SequenceErrors == 0) {  // a late frame may still be held back at the end
+    run.frames = (counters.DatagramsSent - counters.LostPackets) * plan_.copies;
+  }
+  return UnsentFrames(short_sends_.Read(), run);
+}
+
 void PlaySession::Fail(const std::string& why) {
   outcome_ = "Failed";
   const PlayoutStatistics& counters = meter_.Total().counters;
@@ -367,7 +381,13 @@ ExitStatus PlaySession::Conclude() {
     failed_ = true;
     Fail("INPUT could not be read to its end");
   } else if (failed_) {
-    Fail("a frame could not be sent; is the adapter still up?");
+    Fail(fmt::format("a frame could not be sent, at least {} are lost; is the adapter still up?",
+                     FormatCount(std::max<std::uint64_t>(unsent_, 1))));
+  } else if (unsent_ > 0) {
+    failed_ = true;
+    outcome_ = "Failed";
+    Print(stderr, "ipplay: {}{} frames at the end could not be sent; is the adapter still up?\n",
+          meter_.Total().counters.SequenceErrors > 0 ? "at least " : "", FormatCount(unsent_));
   }
   const Status status = meter_.Total();
   if (options_.WantsJson()) {

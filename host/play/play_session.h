@@ -12,6 +12,7 @@
 #include "host/base/result.h"
 #include "host/base/signal_events.h"
 #include "host/base/terminal.h"
+#include "host/library/short_sends.h"
 #include "host/play/feeder.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
@@ -57,6 +58,7 @@ class PlaySession {
   void DrawProgress();
   void ClearProgress();
   void WarnOfInput();
+  std::uint64_t CountUnsent() const;
   void Fail(const std::string& why);
   ExitStatus Conclude();
 
@@ -75,6 +77,8 @@ class PlaySession {
   bool failed_ = false;
   bool warned_of_read_ = false;
   bool warned_of_sync_ = false;
+  ShortSends short_sends_;
+  std::uint64_t unsent_ = 0;  // frames at the end of the run that the adapter did not take
   std::string outcome_ = "Played";
 };
 

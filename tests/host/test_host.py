@@ -56,6 +56,29 @@ class Failing(PlayCase):
         self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Failed")
 
 
+    def test_last_frames_that_cannot_be_sent(self):
+        """The library reports them on its output only; whatever the timing, it is no success."""
+        stream = read_file(SAMPLE) * 2
+        self.bed.set_link("down")
+        self.addCleanup(self.bed.set_link, "up")
+        for datagrams, options in ((150, ("--burst", 200)), (21, ("--bitrate", "200M"))):
+            with open(self.path("short.ts"), "wb") as file:
+                file.write(stream[:datagrams * 7 * 188])
+            for _ in range(5):
+                played = self.play(self.path("short.ts"), *TARGET, "--device", "near", *options, status=FAILED)
+                lost = re.search(r"(\d+) frames at the end could not be sent|at least \d+ are lost", played.errors)
+                self.assertIsNotNone(lost, played.errors)
+                self.assertIn(lost[1], (str(datagrams), None), played.errors)
+                self.assertIn("Failed: ", played.output)
+
+    def test_start_that_is_refused(self):
+        """The reason is found out and not guessed."""
+        for limit, reason in (("-n 9", "a socket cannot be opened: Too many open files"), ("-v 90000", "a thread cannot be started; raise the limit of processes (ulimit -u) or of memory (-v)")):
+            player = self.bed.start("play", SAMPLE, *TARGET, "--device", "near", prefix=("sh", "-c", f'ulimit {limit}; exec "$0" "$@"'))
+            self.assertIn(reason, player.communicate()[1], limit)
+            self.assertEqual(player.returncode, FAILED)
+
+
 class Running(PlayCase):
     def test_json_and_nothing_else(self):
         played = self.play(SAMPLE, *TARGET, "--json", "--lose", "1/100")
