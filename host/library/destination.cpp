@@ -19,8 +19,8 @@ bool IsOwn(const Adapter& adapter, const IpAddress& address) {
 bool Ask(const Adapter& adapter, const IpAddress& address, MacAddress& mac) {
   const LibrarySilence silence(LibrarySilence::Of::kOutputAndErrors);
   std::uint8_t* bytes = mac.data();
-  return GetMacAddressForIP(address.is_v6 ? 1 : 0, address.bytes.data(), &bytes,
-                            static_cast<int>(adapter.index)) == 1;
+  return GetMacAddressForIP(address.is_v6 ? IPPLAYOUT_IPV6 : IPPLAYOUT_IPV4, address.bytes.data(),
+                            &bytes, static_cast<int>(adapter.index)) == 1;
 }
 
 }  // namespace

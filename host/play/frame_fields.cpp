@@ -88,7 +88,7 @@ void WriteEthernet(FieldWriter& write, const ProtocolHeadersSettings& h, bool de
     destination.value = "resolved at the start";
   }
   write.Mac("Ethernet source", ethernet.SourceMacAddress);
-  if (h.VLANEnabled == 1) {
+  if (h.VLANEnabled == IPPLAYOUT_ON) {
     const std::uint32_t priority = h.VLANPriorityLevel & 7U;
     const std::uint32_t vid = h.VID & 0xFFFU;
     write.Hex("VLAN TPID", h.TPID & 0xFFFFU, 2);
@@ -102,7 +102,7 @@ void WriteIPv4(FieldWriter& write, const IPPlayParams& params, std::uint32_t udp
   const IPHeaderSettings& ip = params.ProtocolHeadersSettings.IPHeaderSettings;
   const bool router_alert = ip.IPProtocol == kRouterAlertProtocol;
   const std::uint32_t header_bytes = kIpv4HeaderBytes + (router_alert ? kIpv4RouterAlertBytes : 0);
-  const bool dont_fragment = params.IPFragmentation == 0;
+  const bool dont_fragment = params.IPFragmentation == IPPLAYOUT_DONT_FRAGMENT;
   const std::size_t first = write.fields().size();
   write.Number("IPv4 version, header length", (ip.IPVersion * 16U + header_bytes / 4) & 0xFFU, 1,
                fmt::format("{}, {} bytes", ip.IPVersion & 0xF, header_bytes));
@@ -163,7 +163,7 @@ Bytes PseudoHeader(const IPPlayParams& params, std::uint32_t udp_bytes) {
   const auto append = [&header](const auto& bytes) {
     header.insert(header.end(), std::begin(bytes), std::end(bytes));
   };
-  if (params.IPLayerVersion == 1) {
+  if (params.IPLayerVersion == IPPLAYOUT_IPV6) {
     append(h.IPv6HeaderSettings.SourceIPv6);
     append(h.IPv6HeaderSettings.DestinationIPv6);
   } else {
@@ -180,12 +180,12 @@ Bytes PseudoHeader(const IPPlayParams& params, std::uint32_t udp_bytes) {
 std::vector<FrameField> FirstFrameFields(const IPPlayParams& params, bool destination_known,
                                          std::span<const std::uint8_t> payload) {
   const ProtocolHeadersSettings& h = params.ProtocolHeadersSettings;
-  const bool rtp = params.ProtocolMode == 1;
+  const bool rtp = params.ProtocolMode == IPPLAYOUT_RTP;
   const auto udp_bytes =
       static_cast<std::uint32_t>(kUdpHeaderBytes + (rtp ? kRtpHeaderBytes : 0) + payload.size());
   FieldWriter write;
   WriteEthernet(write, h, destination_known);
-  if (params.IPLayerVersion == 1) {
+  if (params.IPLayerVersion == IPPLAYOUT_IPV6) {
     WriteIPv6(write, h.IPv6HeaderSettings, udp_bytes);
   } else {
     WriteIPv4(write, params, udp_bytes);
