@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "host/measure/capture/captured_frame.h"
+#include "host/measure/figures/event_log.h"
 #include "host/measure/figures/history.h"
 #include "host/measure/figures/rate_meter.h"
 #include "host/measure/figures/settings.h"
@@ -37,6 +38,10 @@ class Measurement : public FrameSink {
   const TimeSeries<ArrivalPoint>& Arrivals() const { return arrivals_; }
 
   const StreamTable& Streams() const { return streams_; }
+  // What happened when. Who reports into it from outside does so from the thread that adds frames.
+  EventLog& Events() { return events_; }
+  const EventLog& Events() const { return events_; }
+
   const MeasurementSettings& Settings() const { return settings_; }
 
  private:
@@ -48,6 +53,7 @@ class Measurement : public FrameSink {
   Spacing spacing_{SpacingSettings{}};
   ChecksumCounters checksums_;
   TimeSeries<ArrivalPoint> arrivals_{kPlotIntervalNs};
+  EventLog events_;
   StreamTable streams_;
 };
 
