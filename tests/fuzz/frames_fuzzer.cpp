@@ -104,8 +104,8 @@ void CheckSums(const Measurement& measurement) {
   for (std::size_t i = 0; i < kFrameClasses; ++i) {
     classes += measurement.FramesOf(static_cast<FrameClass>(i));
   }
-  std::uint64_t frames =
-      measurement.Streams().UntrackedFrames() + measurement.Streams().MalformedRtp();
+  std::uint64_t frames = measurement.Streams().UntrackedFrames() +
+                         measurement.Streams().MalformedRtp() + measurement.Streams().RtcpPackets();
   for (const auto& stream : measurement.Streams().Streams()) {
     frames += stream->Rate().Frames();
   }

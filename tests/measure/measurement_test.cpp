@@ -54,7 +54,7 @@ TEST(Measurement, LossIsMarkedWhereTheCaptureItselfDropped) {
   measurement.Finish();
   for (const std::uint64_t drops : {0U, 2U}) {
     const Summary summary = Summarize(measurement, "eth0", true, {.by_kernel = drops});
-    const Limit limit{&LimitKinds()[4], 2, false};
+    const Limit limit{&LimitKinds()[5], 2, false};
     ASSERT_STREQ(limit.kind->option, "--max-loss");
     const auto verdicts = Judge(summary, {.limits = {limit}, .min_streams = {}});
     EXPECT_EQ(AllMet(verdicts), drops == 0);
@@ -66,6 +66,53 @@ TEST(Measurement, LossIsMarkedWhereTheCaptureItselfDropped) {
     EXPECT_EQ(json["met"], drops == 0);
     EXPECT_EQ(json["total"]["lost"], 2);
   }
+}
+
+// 10 s in which one stream ends at 5 s and another begins at 7 s, each with a datagram every 10 ms.
+TEST(Measurement, TimeOutsideOfAStreamsFramesCounts) {
+  for (const std::optional<std::int64_t> clock : {std::optional<std::int64_t>{}, {20'000 * kMs}}) {
+    Measurement measurement{MeasurementSettings{}};
+    for (int at = 0; at < 10'000; at += 10) {
+      for (const std::uint16_t port : std::initializer_list<std::uint16_t>{5004, 5006, 5008}) {
+        if ((port == 5004 && at >= 5000) || (port == 5006 && at < 7000)) {
+          continue;
+        }
+        const Bytes frame =
+            UdpFrame(RtpPacket({.sequence_number = static_cast<std::uint16_t>(at / 10)},
+                               TsPayload(static_cast<std::uint8_t>(at / 10 * 7 % 16))),
+                     port);
+        measurement.Add(LinkType::kEthernet, {at * kMs, {frame, frame.size()}});
+      }
+    }
+    measurement.Finish(clock);
+    const Summary summary = Summarize(measurement, "test", false, {});
+    const double end = clock ? 20'000 : 9990;
+    const struct {
+      double at_start, at_end;
+    } truth[] = {{0, end - 4990}, {0, end - 9990}, {7000, end - 9990}};
+    for (std::size_t i = 0; i < 3; ++i) {
+      const StreamSummary& stream = summary.streams[i];
+      EXPECT_EQ(stream.silent_at_start, truth[i].at_start * kMs);
+      EXPECT_EQ(stream.silent_at_end, truth[i].at_end * kMs);
+      const double longest = std::max({10.0, truth[i].at_start, truth[i].at_end});
+      EXPECT_EQ(stream.longest_silence, longest * kMs);
+      EXPECT_EQ(stream.spacing.gap.max, longest * kMs);
+      EXPECT_NEAR(stream.mdi.delay_factor_max, std::max(10.0, truth[i].at_end) * kMs, 1e4);
+    }
+    EXPECT_EQ(measurement.Events().CountOf(EventKind::kSilence), clock ? 4U : 2U);
+  }
+}
+
+// Seconds since 1970 that pcapng can state, and steps between the ends of what pcap can.
+TEST(Measurement, TimesAtTheirLimitsDoNoHarm) {
+  Measurement measurement{MeasurementSettings{}};
+  for (const std::int64_t time : {INT64_MAX, INT64_MIN, std::int64_t{0}, INT64_MAX, INT64_MIN,
+                                  std::int64_t{4'294'967'295} * 1'000'000'000, INT64_MAX}) {
+    AddRtp(measurement, static_cast<std::uint16_t>(measurement.CapturedFrames()), time);
+  }
+  measurement.Finish(INT64_MAX);
+  const Summary summary = Summarize(measurement, "test", false, {});
+  EXPECT_NE(ResultTable(summary, {}, {}).find("7 frames"), std::string::npos);
 }
 
 TEST(Report, IsOnePageThatNeedsNothingElseAndTrustsNoText) {

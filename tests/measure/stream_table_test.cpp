@@ -87,6 +87,19 @@ TEST(StreamTable, CountsChangesWithinAFlow) {
   EXPECT_EQ(measurement.Streams().Streams()[2]->AsRtp()->payload_type_changes, 1U);
 }
 
+// RFC 5761: sender reports and the like may share the port, and come first.
+TEST(StreamTable, TakesNoRtcpForAStream) {
+  const Bytes report =
+      testing::FromHex("80c80006 00000009 01020304 05060708 090a0b0c 00000001 00000002");
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 4; ++i) {
+    Add(measurement, report);
+    Add(measurement, RtpPacket({.sequence_number = i, .ssrc = 9}, TsPayload()));
+  }
+  EXPECT_EQ(StreamsOf(measurement), (Ssrcs{9}));
+  EXPECT_EQ(measurement.Streams().RtcpPackets(), 4U);
+}
+
 TEST(StreamTable, KeepsToItsLimitOfFlowsAndOfSsrcs) {
   for (const bool flows : {true, false}) {
     Measurement measurement{MeasurementSettings{.max_streams = 3}};

@@ -83,7 +83,7 @@ TEST(TsAnalysis, WatchesTheTablesIntervals) {
   Feed(analysis, packets, 10 * kMs);
   EXPECT_EQ(analysis.Counters().pat_errors, 1U);
   EXPECT_EQ(analysis.Counters().crc_errors, 0U);
-  analysis.Finish();
+  analysis.Finish(0);
   EXPECT_EQ(analysis.Counters().pat_errors, 2U);  // none in the last 0.59 s
   EXPECT_EQ(analysis.Counters().pmt_errors, 1U);  // never came, so the PAT was understood
 }

@@ -13,11 +13,11 @@ constexpr int kSubBucketBits = std::bit_width(Histogram::kSubBuckets) - 1;
 }  // namespace
 
 void Histogram::Add(std::uint64_t value) {
-  value = std::min(value, kLargest);
   ++count_;
   sum_ += value;
   min_ = std::min(min_, value);
   max_ = std::max(max_, value);
+  value = std::min(value, kLargest);
   // Octave 0 holds the values below 64, octave k those from 64 * 2^(k-1) to twice that.
   const int shift = std::max(0, static_cast<int>(std::bit_width(value)) - kSubBucketBits - 1);
   const std::size_t octave = value < kSubBuckets ? 0 : static_cast<std::size_t>(shift) + 1;

@@ -17,7 +17,7 @@ class Histogram {
   // the middle of a bucket is off by at most 1/128 of the value.
   static constexpr std::uint64_t kSubBuckets = 64;
   static constexpr double kRelativeError = 1.0 / 128;
-  // Larger values are counted as this one: 2^43 ns is 2.4 hours.
+  // Larger values share the bucket of this one: 2^43 ns is 2.4 hours.
   static constexpr std::uint64_t kLargest = (std::uint64_t{1} << 43) - 1;
 
   struct Bucket {
@@ -42,6 +42,7 @@ class Histogram {
   std::vector<Bucket> Buckets() const;
 
  private:
+  __extension__ using Sum = unsigned __int128;
   static constexpr std::size_t kOctaves = 38;
   using Octave = std::array<std::uint64_t, kSubBuckets>;
 
@@ -50,7 +51,7 @@ class Histogram {
   // An octave is allocated when its first value comes; most streams touch about ten.
   std::array<std::unique_ptr<Octave>, kOctaves> octaves_;
   std::uint64_t count_ = 0;
-  std::uint64_t sum_ = 0;
+  Sum sum_ = 0;
   std::uint64_t min_ = UINT64_MAX;
   std::uint64_t max_ = 0;
 };

@@ -4,17 +4,29 @@
 #include <algorithm>
 
 namespace ipplay::measure {
+namespace {
 
-void Measurement::Add(LinkType link, const CapturedFrame& frame) {
+// Up to the year 2116, so that differences and sums of times stay within 64 bits.
+constexpr std::int64_t kLatestNs = (std::int64_t{1} << 62) - 1;
+
+}  // namespace
+
+void Measurement::Add(LinkType link, const CapturedFrame& captured) {
   if (complete_) {
     return;
   }
+  const CapturedFrame frame{std::clamp<std::int64_t>(captured.time_ns, 0, kLatestNs),
+                            captured.data};
   if (settings_.max_duration_ns && rate_.Frames() > 0 &&
       frame.time_ns - rate_.FirstNs() >= *settings_.max_duration_ns) {
     complete_ = true;
+    end_ns_ = std::max(end_ns_, rate_.FirstNs() + *settings_.max_duration_ns);
     return;
   }
-  ++captured_frames_;
+  if (captured_frames_++ == 0) {
+    start_ns_ = end_ns_ = frame.time_ns;
+  }
+  end_ns_ = std::max(end_ns_, frame.time_ns);
   DecodedFrame decoded;
   const FrameClass frame_class = DecodeFrame(link, frame.data, settings_.check_udp, decoded);
   ++classes_[static_cast<std::size_t>(frame_class)];
@@ -33,9 +45,13 @@ void Measurement::Add(LinkType link, const CapturedFrame& frame) {
   complete_ = settings_.max_frames && rate_.Frames() >= *settings_.max_frames;
 }
 
-void Measurement::Finish() {
+void Measurement::Finish(std::optional<std::int64_t> end_ns) {
+  // A run that has all that it was asked for ends with it, not when somebody looks at the clock.
+  if (end_ns && !complete_) {
+    end_ns_ = std::max(end_ns_, std::clamp<std::int64_t>(*end_ns, 0, kLatestNs));
+  }
   spacing_.EndBurst();
-  streams_.Finish();
+  streams_.Finish(start_ns_, end_ns_);
 }
 
 }  // namespace ipplay::measure

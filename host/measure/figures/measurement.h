@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 
 #include "host/measure/capture/captured_frame.h"
 #include "host/measure/figures/event_log.h"
@@ -18,13 +19,18 @@ namespace ipplay::measure {
 class Measurement : public FrameSink {
  public:
   explicit Measurement(const MeasurementSettings& settings)
-      : settings_(settings), streams_(settings) {}
+      : settings_(settings), streams_(settings, &events_) {}
 
   void Add(LinkType link, const CapturedFrame& frame) override;
   // The frames or the time that were asked for are over.
   bool IsComplete() const override { return complete_; }
-  // After the last frame, once.
-  void Finish();
+  // After the last frame, once. The measurement ends at `end_ns`, by the clock of the time stamps,
+  // or with its last frame.
+  void Finish(std::optional<std::int64_t> end_ns = std::nullopt);
+
+  // From the first frame of any kind to the end; what is silent between them is measured as well.
+  std::int64_t StartNs() const { return start_ns_; }
+  std::int64_t EndNs() const { return end_ns_; }
 
   std::uint64_t FramesOf(FrameClass frame_class) const {
     return classes_[static_cast<std::size_t>(frame_class)];
@@ -48,6 +54,8 @@ class Measurement : public FrameSink {
   MeasurementSettings settings_;
   std::array<std::uint64_t, kFrameClasses> classes_{};
   std::uint64_t captured_frames_ = 0;
+  std::int64_t start_ns_ = 0;
+  std::int64_t end_ns_ = 0;
   bool complete_ = false;
   RateMeter rate_;
   Spacing spacing_{SpacingSettings{}};

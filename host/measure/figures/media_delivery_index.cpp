@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/figures/media_delivery_index.h"
 
-#include <algorithm>
 #include <cmath>
 
 namespace ipplay::measure {
@@ -10,54 +9,49 @@ double MediaDeliveryIndex::BytesPerNs() const {
   if (given_rate_) {
     return *given_rate_;
   }
-  if (last_ns_ <= first_ns_) {
-    return 0;
+  if (stated_rate_) {
+    return *stated_rate_;
   }
-  return static_cast<double>(bytes_) / static_cast<double>(last_ns_ - first_ns_);
+  return steady_ns_ > 0 ? static_cast<double>(steady_bytes_) / static_cast<double>(steady_ns_) : 0;
 }
 
-std::optional<MediaDeliveryIndex::Interval> MediaDeliveryIndex::Add(std::int64_t time_ns,
-                                                                    std::uint32_t bytes,
-                                                                    std::uint64_t lost_packets) {
-  std::optional<Interval> ended;
-  if (!started_) {
-    started_ = true;
-    first_ns_ = last_ns_ = start_ns_ = time_ns;
-  } else {
-    time_ns = std::max(time_ns, last_ns_);
-    if (time_ns - start_ns_ >= kIntervalNs) {
-      ended = EndInterval();
-      // Seconds without any media are skipped: the delay factor is taken at arrivals.
-      start_ns_ += (time_ns - start_ns_) / kIntervalNs * kIntervalNs;
-    }
-    bytes_ += bytes;
+void MediaDeliveryIndex::Start(std::int64_t time_ns) {
+  started_ = true;
+  last_ns_ = start_ns_ = time_ns;
+}
+
+void MediaDeliveryIndex::Take(std::int64_t time_ns, std::uint32_t bytes,
+                              std::uint64_t lost_packets) {
+  // A mean over a hole would be no rate of the stream.
+  const std::int64_t step = time_ns - last_ns_;
+  if (lost_packets == 0 && step < kIntervalNs && !level_.IsEmpty()) {
+    steady_ns_ += step;
+    steady_bytes_ += bytes;
   }
   last_ns_ = time_ns;
   level_.Add(time_ns, interval_bytes_);
   interval_bytes_ += bytes;
   level_.Add(time_ns, interval_bytes_);
   interval_lost_ += lost_packets;
-  return ended;
+  interval_is_empty_ = false;
 }
 
-std::optional<MediaDeliveryIndex::Interval> MediaDeliveryIndex::Finish() {
-  if (level_.IsEmpty()) {
-    return std::nullopt;
-  }
-  return EndInterval();
-}
-
-MediaDeliveryIndex::Interval MediaDeliveryIndex::EndInterval() {
+MediaDeliveryIndex::Interval MediaDeliveryIndex::EndInterval(std::int64_t end_ns) {
   Interval interval{start_ns_, 0, interval_lost_};
-  const double rate = BytesPerNs();
-  if (rate > 0) {
+  if (interval_is_empty_) {
+    // So far the buffer has given out what it held for as long as nothing has come.
+    interval.delay_factor_ns = static_cast<double>(end_ns - last_ns_);
+  } else if (const double rate = BytesPerNs(); rate > 0) {
     interval.delay_factor_ns = level_.Deviation(rate).Spread() / rate;
   }
   delay_factors_.Add(static_cast<std::uint64_t>(std::llround(interval.delay_factor_ns)));
   loss_rates_.Add(interval.lost_packets);
   level_.Clear();
+  level_.Add(last_ns_, 0);
   interval_bytes_ = 0;
   interval_lost_ = 0;
+  interval_is_empty_ = true;
+  start_ns_ = end_ns;
   last_ = interval;
   return interval;
 }

@@ -28,13 +28,15 @@ double Spacing::NsPerByte() const {
 void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
   if (!started_) {
     started_ = true;
+    first_ns_ = time_ns;
     grid_.Add(0, time_ns);
   } else {
     if (time_ns < last_ns_) {
       ++time_reversals_;
     }
     const std::int64_t gap = std::max<std::int64_t>(0, time_ns - last_ns_);
-    elapsed_ns_ += gap;
+    // Not the sum of the gaps: what went back has been counted before.
+    elapsed_ns_ = std::max(elapsed_ns_, time_ns - first_ns_);
     elapsed_bytes_ += last_bytes_;
     const double ideal = NsPerByte() * last_bytes_;
     gaps_.Add(static_cast<std::uint64_t>(gap));

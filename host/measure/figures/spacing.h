@@ -55,6 +55,7 @@ class Spacing {
   LineExtent::Range widest_;
   std::int64_t grid_bytes_ = 0;
   bool started_ = false;
+  std::int64_t first_ns_ = 0;
   std::int64_t last_ns_ = 0;
   std::uint32_t last_bytes_ = 0;
   std::int64_t elapsed_ns_ = 0;

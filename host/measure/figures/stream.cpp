@@ -67,8 +67,12 @@ void ChecksumCounters::Count(const DecodedFrame& frame) {
   }
 }
 
-Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history)
-    : id_(id), spacing_(SpacingOf(settings)), mdi_(BytesPerNs(settings.media_rate)) {
+Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history,
+               const StreamEvents& events)
+    : id_(id),
+      events_(events),
+      spacing_(SpacingOf(settings)),
+      mdi_(BytesPerNs(settings.media_rate)) {
   if (id.ssrc) {
     rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate);
   }
@@ -91,6 +95,7 @@ void Stream::Add(const Arrival& arrival) {
   const std::int64_t gap_ns =
       rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, arrival.time_ns - rate_.LastNs());
 
+  NoteSilence(gap_ns, arrival.time_ns);
   const SequenceResult sequence =
       arrival.rtp == nullptr ? SequenceResult{} : AddRtp(*arrival.rtp, arrival.time_ns);
   checksums_.Count(frame);
@@ -146,21 +151,49 @@ void Stream::AddMdi(std::int64_t time_ns, std::uint32_t media_bytes,
       lost = missing - missing_ts_packets_;
     }
     missing_ts_packets_ = missing;
+    StateMediaRate();
   }
-  KeepMdi(mdi_.Add(time_ns, media_bytes, lost));
+  mdi_.Add(time_ns, media_bytes, lost, [this](const auto& ended) { KeepMdi(ended); });
 }
 
-void Stream::KeepMdi(const std::optional<MediaDeliveryIndex::Interval>& ended) {
-  if (ended && history_ != nullptr) {
-    history_->mdi.At(ended->start_ns).Add(ended->delay_factor_ns, ended->lost_packets);
+// The stream's own clock knows its rate, whatever the network does to it.
+void Stream::StateMediaRate() {
+  const PcrTracker* clock = ts_->ReferenceClock();
+  if (clock == nullptr || clock->Count() == stated_at_pcr_) {
+    return;
+  }
+  stated_at_pcr_ = clock->Count();
+  if (const std::optional<double> rate = clock->BitRate(); rate && *rate > 0) {
+    mdi_.StateRate(*rate / 8e9);
   }
 }
 
-void Stream::Finish() {
+void Stream::KeepMdi(const MediaDeliveryIndex::Interval& ended) {
+  if (history_ != nullptr) {
+    history_->mdi.At(ended.start_ns).Add(ended.delay_factor_ns, ended.lost_packets);
+  }
+}
+
+void Stream::NoteSilence(std::int64_t gap_ns, std::int64_t end_ns) {
+  if (gap_ns >= kSilenceNs) {
+    events_.Report(EventKind::kSilence, end_ns, gap_ns);
+  }
+}
+
+std::int64_t Stream::LongestSilenceNs() const {
+  return std::max(
+      {static_cast<std::int64_t>(spacing_.Gaps().Max()), silent_at_start_ns_, silent_at_end_ns_});
+}
+
+void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
+  silent_at_start_ns_ = std::max<std::int64_t>(0, rate_.FirstNs() - start_ns);
+  silent_at_end_ns_ = std::max<std::int64_t>(0, end_ns - rate_.LastNs());
+  NoteSilence(silent_at_start_ns_, rate_.FirstNs());
+  NoteSilence(silent_at_end_ns_, end_ns);
   spacing_.EndBurst();
-  KeepMdi(mdi_.Finish());
+  mdi_.Finish(end_ns, [this](const auto& ended) { KeepMdi(ended); });
   if (ts_ != nullptr) {
-    ts_->Finish();
+    ts_->Finish(end_ns);
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include "host/measure/capture/flow_key.h"
 #include "host/measure/capture/frame_decoder.h"
+#include "host/measure/figures/event.h"
 #include "host/measure/figures/history.h"
 #include "host/measure/figures/interarrival_jitter.h"
 #include "host/measure/figures/media_delivery_index.h"
@@ -44,8 +45,23 @@ struct StreamId {
   std::optional<std::uint32_t> ssrc;  // with RTP only
 };
 
+// Where the events of one stream go.
+struct StreamEvents {
+  EventSink* sink = nullptr;  // null for nowhere
+  std::uint32_t stream = 0;
+
+  void Report(EventKind kind, std::int64_t time_ns, std::int64_t amount) const {
+    if (sink != nullptr) {
+      sink->Report({.time_ns = time_ns, .kind = kind, .stream = stream, .amount = amount});
+    }
+  }
+};
+
 class Stream {
  public:
+  // So long without a frame is an event.
+  static constexpr std::int64_t kSilenceNs = 500'000'000;
+
   // What only a stream with RTP has.
   struct Rtp {
     explicit Rtp(std::uint64_t clock_rate) : jitter(static_cast<double>(clock_rate)) {}
@@ -56,12 +72,19 @@ class Stream {
     std::uint64_t payload_type_changes = 0;
   };
 
-  Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history);
+  Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history,
+         const StreamEvents& events);
 
   void Add(const Arrival& arrival);
-  void Finish();
+  // The measurement went on from `start_ns` to `end_ns`.
+  void Finish(std::int64_t start_ns, std::int64_t end_ns);
 
   const StreamId& Id() const { return id_; }
+  // How long nothing came before the stream's first frame and after its last; known in the end.
+  std::int64_t SilentAtStartNs() const { return silent_at_start_ns_; }
+  std::int64_t SilentAtEndNs() const { return silent_at_end_ns_; }
+  // The silence at both ends included.
+  std::int64_t LongestSilenceNs() const;
   const RateMeter& Rate() const { return rate_; }
   const Spacing& Gaps() const { return spacing_; }
   const ChecksumCounters& Checksums() const { return checksums_; }
@@ -77,9 +100,14 @@ class Stream {
   void AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns, bool complete,
                 const SequenceResult& sequence);
   void AddMdi(std::int64_t time_ns, std::uint32_t media_bytes, std::uint32_t missing_datagrams);
-  void KeepMdi(const std::optional<MediaDeliveryIndex::Interval>& ended);
+  void KeepMdi(const MediaDeliveryIndex::Interval& ended);
+  void StateMediaRate();
+  void NoteSilence(std::int64_t gap_ns, std::int64_t end_ns);
 
   StreamId id_;
+  StreamEvents events_;
+  std::int64_t silent_at_start_ns_ = 0;
+  std::int64_t silent_at_end_ns_ = 0;
   RateMeter rate_;
   Spacing spacing_;
   MediaDeliveryIndex mdi_;
@@ -88,6 +116,7 @@ class Stream {
   std::unique_ptr<TsAnalysis> ts_;
   std::unique_ptr<PayloadCompare> compare_;
   std::unique_ptr<StreamHistory> history_;
+  std::uint64_t stated_at_pcr_ = 0;       // PCRs that the media rate was last taken from
   std::uint64_t missing_ts_packets_ = 0;  // of those that the analysis knows, put down so far
 };
 

@@ -26,9 +26,14 @@ bool LooksLikeTs(std::span<const std::uint8_t> bytes) {
   });
 }
 
-// RTCP shares the version bits; its packet types 200 to 204 read as payload types 72 to 76.
 bool MayBeRtp(const std::optional<RtpHeader>& rtp) {
-  return rtp && rtp->version == 2 && (rtp->payload_type < 72 || rtp->payload_type > 76);
+  return rtp && rtp->version == 2;
+}
+
+// RTCP shares the version bits and may share the port (RFC 5761, 4); its packet types 192 to 223
+// take the place of payload types that RTP leaves free for them.
+bool IsRtcp(std::span<const std::uint8_t> payload) {
+  return payload.size() >= 4 && payload[0] >> 6 == 2 && payload[1] >= 192 && payload[1] <= 223;
 }
 
 Evidence Judge(const DecodedFrame& frame, const std::optional<RtpHeader>& rtp) {
@@ -58,6 +63,9 @@ void StreamTable::Add(std::int64_t time_ns, std::uint32_t frame_bytes, const Dec
   }
   if (last_flow_ == nullptr) {
     ++untracked_frames_;
+  } else if (last_flow_->kind != FlowKind::kPlain && settings_.rtp != RtpMode::kAlways &&
+             IsRtcp(frame.payload)) {
+    ++rtcp_packets_;
   } else if (last_flow_->kind == FlowKind::kUndecided) {
     Decide(*last_flow_, time_ns, frame_bytes, frame);
   } else {
@@ -156,18 +164,20 @@ Stream* StreamTable::NewStream(const StreamId& id) {
     return nullptr;
   }
   const bool keep_history = streams_.size() < settings_.plotted_streams;
-  streams_.push_back(std::make_unique<Stream>(id, settings_, keep_history));
+  const auto number = static_cast<std::uint32_t>(streams_.size());
+  streams_.push_back(
+      std::make_unique<Stream>(id, settings_, keep_history, StreamEvents{events_, number}));
   return streams_.back().get();
 }
 
-void StreamTable::Finish() {
+void StreamTable::Finish(std::int64_t start_ns, std::int64_t end_ns) {
   for (auto& [key, flow] : flows_) {
     if (flow.held != nullptr) {
       Settle(flow, FlowKind::kRtp);
     }
   }
   for (const auto& stream : streams_) {
-    stream->Finish();
+    stream->Finish(start_ns, end_ns);
   }
 }
 

@@ -16,11 +16,14 @@ namespace ipplay::measure {
 
 class StreamTable {
  public:
-  explicit StreamTable(const MeasurementSettings& settings) : settings_(settings) {}
+  // Events go to `events`, which outlives this.
+  StreamTable(const MeasurementSettings& settings, EventSink* events)
+      : settings_(settings), events_(events) {}
 
   void Add(std::int64_t time_ns, std::uint32_t frame_bytes, const DecodedFrame& frame);
-  // Decides what is still undecided; call it once, after the last frame.
-  void Finish();
+  // Decides what is still undecided; call it once, after the last frame. The measurement went on
+  // from `start_ns` to `end_ns`.
+  void Finish(std::int64_t start_ns, std::int64_t end_ns);
 
   // In the order of their first frames.
   const std::vector<std::unique_ptr<Stream>>& Streams() const { return streams_; }
@@ -28,6 +31,8 @@ class StreamTable {
   std::uint64_t UntrackedFrames() const { return untracked_frames_; }
   // Frames of a flow with RTP that have no RTP header of version 2.
   std::uint64_t MalformedRtp() const { return malformed_rtp_; }
+  // RTCP packets on the port of RTP: no part of a stream.
+  std::uint64_t RtcpPackets() const { return rtcp_packets_; }
   // How often a flow that had an SSRC showed a new one.
   std::uint64_t SsrcChanges() const { return ssrc_changes_; }
 
@@ -59,6 +64,7 @@ class StreamTable {
   Stream* NewStream(const StreamId& id);
 
   MeasurementSettings settings_;
+  EventSink* events_;
   std::unordered_map<FlowKey, Flow, FlowKeyHash> flows_;
   // By the flow's number and the SSRC.
   std::unordered_map<std::uint64_t, Stream*> rtp_streams_;
@@ -67,6 +73,7 @@ class StreamTable {
   Flow* last_flow_ = nullptr;
   std::uint64_t untracked_frames_ = 0;
   std::uint64_t malformed_rtp_ = 0;
+  std::uint64_t rtcp_packets_ = 0;
   std::uint64_t ssrc_changes_ = 0;
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/figures/ts_analysis.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "host/base/byte_order.h"
@@ -231,10 +232,11 @@ void TsAnalysis::MarkProgramMaps(std::span<const std::uint8_t> section, std::int
   }
 }
 
-void TsAnalysis::Finish() {
+void TsAnalysis::Finish(std::int64_t end_ns) {
   if (!IsTransportStream()) {
     return;
   }
+  last_ns_ = std::max(last_ns_, end_ns);
   if (last_ns_ - pat_ns_ > kLongestTableIntervalNs) {
     ++counters_.pat_errors;
   }

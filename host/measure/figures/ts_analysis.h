@@ -47,7 +47,7 @@ class TsAnalysis {
   // stream is known to be missing or out of place before it.
   void Add(std::span<const std::uint8_t> payload, std::int64_t arrival_ns, bool after_gap);
   // Counts what is overdue at the end of the measurement.
-  void Finish();
+  void Finish(std::int64_t end_ns);
 
   bool IsTransportStream() const { return framer_.WasEverSynced(); }
   const TsFramer& Framer() const { return framer_; }

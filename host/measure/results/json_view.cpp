@@ -140,6 +140,11 @@ Json ToJson(const StreamSummary& stream) {
   if (stream.ssrc) {
     json["ssrc"] = *stream.ssrc;
   }
+  json["first_seen_ns"] = stream.first_seen_ns;
+  json["last_seen_ns"] = stream.last_seen_ns;
+  json["silent_at_start_ns"] = stream.silent_at_start;
+  json["silent_at_end_ns"] = stream.silent_at_end;
+  json["longest_silence_ns"] = stream.longest_silence;
   json["rate"] = ToJson(stream.rate);
   json["spacing"] = ToJson(stream.spacing);
   json["checksums"] = ToJson(stream.checksums);
@@ -180,6 +185,7 @@ Json ToJson(const TotalSummary& total) {
           {"ssrc_changes", total.ssrc_changes},
           {"payload_type_changes", total.payload_type_changes},
           {"malformed_rtp", total.malformed_rtp},
+          {"rtcp_packets", total.rtcp_packets},
           {"untracked_frames", total.untracked_frames},
           {"ts_errors", total.ts_errors},
           {"different_datagrams", total.different_datagrams}};

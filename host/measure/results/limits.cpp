@@ -74,6 +74,12 @@ constexpr LimitKind kKinds[] = {
        return Worst(m, [](const auto& s) { return Value(s.spacing.gap.max); });
      },
      true},
+    {"--max-silence", LimitUnit::kDuration,
+     "longest time without a frame of a stream, ends included",
+     [](const Summary& m) {
+       return Worst(m, [](const auto& s) { return Value(s.longest_silence); });
+     },
+     true},
     {"--max-peak-to-peak", LimitUnit::kDuration, "deviation from the ideal grid, peak to peak",
      [](const Summary& m) {
        return Worst(

@@ -168,7 +168,14 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   summary.vlan = VlanText(flow);
   summary.ssrc = stream.Id().ssrc;
   summary.rate = FiguresOf(stream.Rate(), settings.expected_rate);
+  summary.first_seen_ns = stream.Rate().FirstNs();
+  summary.last_seen_ns = stream.Rate().LastNs();
+  summary.silent_at_start = static_cast<double>(stream.SilentAtStartNs());
+  summary.silent_at_end = static_cast<double>(stream.SilentAtEndNs());
+  summary.longest_silence = static_cast<double>(stream.LongestSilenceNs());
   summary.spacing = FiguresOf(stream.Gaps());
+  // A gap that nothing closed any more is one as well.
+  summary.spacing.gap.max = summary.longest_silence;
   summary.checksums = stream.Checksums();
   summary.mdi = FiguresOf(stream.Mdi());
   if (stream.AsRtp() != nullptr) {
@@ -192,6 +199,7 @@ TotalSummary SummarizeTotal(const Measurement& measurement) {
   total.checksums = measurement.Checksums();
   total.ssrc_changes = streams.SsrcChanges();
   total.malformed_rtp = streams.MalformedRtp();
+  total.rtcp_packets = streams.RtcpPackets();
   total.untracked_frames = streams.UntrackedFrames();
   total.rate.payload_bytes = 0;
   for (const auto& stream : streams.Streams()) {

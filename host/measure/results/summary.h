@@ -116,6 +116,11 @@ struct StreamSummary {
   std::string destination;
   std::string vlan;
   std::optional<std::uint32_t> ssrc;
+  std::int64_t first_seen_ns = 0;  // since 1970
+  std::int64_t last_seen_ns = 0;
+  double silent_at_start = 0;  // of the measurement, before the first frame
+  double silent_at_end = 0;
+  double longest_silence = 0;  // gaps and both ends
   RateFigures rate;
   SpacingFigures spacing;
   ChecksumCounters checksums;
@@ -140,6 +145,7 @@ struct TotalSummary {
   std::uint64_t ssrc_changes = 0;
   std::uint64_t payload_type_changes = 0;
   std::uint64_t malformed_rtp = 0;
+  std::uint64_t rtcp_packets = 0;
   std::uint64_t untracked_frames = 0;
   std::uint64_t ts_errors = 0;
   std::uint64_t different_datagrams = 0;
