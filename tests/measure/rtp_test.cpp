@@ -67,7 +67,9 @@ TEST(RtpSequence, CountsEveryKindOfDisorder) {
       {"late before the first", {10, 8, 11}, 1, 0, 0, 0, 1, 2, 0, 0},
       {"one stray", {1, 2, 30000, 3}, 0, 0, 0, 0, 0, 0, 1, 0},
       {"a new numbering", {1, 2, 30000, 30001, 30003}, 1, 1, 1, 0, 0, 0, 0, 1},
-      {"as far as a loss may go", {0, 16384}, 16383, 1, 16383, 0, 0, 0, 0, 0},
+      {"as far as a loss may go", {0, 2999}, 2998, 1, 2998, 0, 0, 0, 0, 0},
+      {"a new numbering ahead", {0, 1, 3001, 3002}, 0, 0, 0, 0, 0, 0, 0, 1},
+      {"a new numbering behind", {500, 501, 0, 1}, 0, 0, 0, 0, 0, 0, 0, 1},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -83,6 +85,34 @@ TEST(RtpSequence, CountsEveryKindOfDisorder) {
     EXPECT_EQ(sequence.Reordering().Count(), c.reordered);
     EXPECT_EQ(sequence.Reordering().Max(), c.farthest);
     EXPECT_EQ(sequence.Strays(), c.strays);
+    EXPECT_EQ(sequence.Restarts(), c.restarts);
+  }
+}
+
+// 90 ticks a packet; what is far away keeps step with them, or does not.
+TEST(RtpSequence, TimeStampsTellALongLossAndLateCopiesFromANewNumbering) {
+  const struct {
+    const char* name;
+    std::uint32_t number, timestamp;
+    std::uint64_t lost, duplicates, restarts;
+  } cases[] = {
+      {"10,000 lost in a long outage", 15000, 15000 * 90, 10000, 0, 0},
+      {"forward by 10,000 with no time between", 15000, 5000 * 90, 0, 0, 1},
+      {"from 0 on", 0, 5000 * 90, 0, 0, 1},
+      {"from 0 on, of another clock", 0, 123456789, 0, 0, 1},
+      {"copies of 300 packets", 4700, 4700 * 90, 0, 2, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    RtpSequence sequence;
+    for (std::uint32_t n = 0; n < 5000; ++n) {
+      sequence.Add(static_cast<std::uint16_t>(n), n * 90);
+    }
+    for (std::uint32_t n = 0; n < 2; ++n) {
+      sequence.Add(static_cast<std::uint16_t>(c.number + n), c.timestamp + n * 90);
+    }
+    EXPECT_EQ(sequence.Lost(), c.lost);
+    EXPECT_EQ(sequence.Duplicates(), c.duplicates);
     EXPECT_EQ(sequence.Restarts(), c.restarts);
   }
 }

@@ -2,15 +2,57 @@
 #include "host/measure/figures/rtp_sequence.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace ipplay::measure {
 namespace {
 
 constexpr std::uint64_t kNumbers = 65536;
+constexpr double kSmoothing = 1.0 / 16;
+constexpr double kStepTolerance = 0.25;
 
 }  // namespace
 
-SequenceResult RtpSequence::Add(std::uint16_t number) {
+SequenceResult RtpSequence::Add(std::uint16_t number, std::optional<std::uint32_t> timestamp) {
+  const SequenceResult result = Place(number, timestamp);
+  if (timestamp) {
+    FollowTimestamp(result, *timestamp);
+  }
+  return result;
+}
+
+void RtpSequence::FollowTimestamp(const SequenceResult& result, std::uint32_t timestamp) {
+  switch (result.event) {
+    case SequenceEvent::kInOrder: {
+      const auto step = static_cast<std::int32_t>(timestamp - highest_timestamp_);
+      const double share = ticks_per_packet_ == 0 ? 1 : kSmoothing;
+      ticks_per_packet_ += share * (step - ticks_per_packet_);
+      highest_timestamp_ = timestamp;
+      break;
+    }
+    case SequenceEvent::kRestart:
+      ticks_per_packet_ = 0;
+      highest_timestamp_ = timestamp;
+      break;
+    case SequenceEvent::kFirst:
+    case SequenceEvent::kGap:
+      highest_timestamp_ = timestamp;
+      break;
+    default:
+      break;
+  }
+}
+
+bool RtpSequence::KeepsStep(std::int64_t steps, std::optional<std::uint32_t> timestamp) const {
+  if (!timestamp || ticks_per_packet_ <= 0) {
+    return false;
+  }
+  const double expected = ticks_per_packet_ * static_cast<double>(steps);
+  const auto moved = static_cast<std::int32_t>(*timestamp - highest_timestamp_);
+  return std::abs(moved - expected) <= std::abs(expected) * kStepTolerance;
+}
+
+SequenceResult RtpSequence::Place(std::uint16_t number, std::optional<std::uint32_t> timestamp) {
   ++received_;
   if (received_ == 1) {
     Start(number);
@@ -28,10 +70,10 @@ SequenceResult RtpSequence::Add(std::uint16_t number) {
   if (ahead == 0) {
     return FallBehind(0);
   }
-  if (ahead <= kWindow) {
+  if (ahead < kMaxDropout || (ahead < kNumbers / 2 && KeepsStep(ahead, timestamp))) {
     return Advance(ahead);
   }
-  if (behind < kWindow) {
+  if (behind < kMaxMisorder || (behind < kWindow && KeepsStep(-std::int64_t{behind}, timestamp))) {
     return FallBehind(behind);
   }
   return Stray(number);

@@ -28,11 +28,15 @@ struct SequenceResult {
 
 class RtpSequence {
  public:
-  // Numbers this far behind the highest one are known to have come or not; what is farther behind,
-  // or more than this ahead, is a stray.
+  // RFC 3550, A.1: a number so far ahead, or so far behind, may be one of a new numbering.
+  static constexpr std::uint32_t kMaxDropout = 3000;
+  static constexpr std::uint32_t kMaxMisorder = 100;
+  // Numbers this far behind the highest one are known to have come or not.
   static constexpr std::uint32_t kWindow = 16384;
 
-  SequenceResult Add(std::uint16_t number);
+  // Far from the highest number, the time stamp settles whether the numbering is still the same: a
+  // long loss and a late copy keep step with it. Without one, only A.1 does.
+  SequenceResult Add(std::uint16_t number, std::optional<std::uint32_t> timestamp = std::nullopt);
 
   std::uint64_t Received() const { return received_; }  // duplicates and strays included
   // Numbers between the first and the highest one that have not come (yet), over all numberings.
@@ -46,6 +50,10 @@ class RtpSequence {
   const Histogram& Reordering() const { return reordering_; }
 
  private:
+  SequenceResult Place(std::uint16_t number, std::optional<std::uint32_t> timestamp);
+  void FollowTimestamp(const SequenceResult& result, std::uint32_t timestamp);
+  // Whether a packet `steps` after the highest one would bear this time stamp.
+  bool KeepsStep(std::int64_t steps, std::optional<std::uint32_t> timestamp) const;
   void Start(std::uint16_t number);
   SequenceResult Advance(std::uint32_t ahead);
   SequenceResult FallBehind(std::uint32_t behind);
@@ -56,6 +64,8 @@ class RtpSequence {
   std::uint64_t highest_ = 0;  // extended; starts high enough that numbers before the first fit
   std::uint64_t first_ = 0;
   std::optional<std::uint16_t> after_stray_;
+  std::uint32_t highest_timestamp_ = 0;
+  double ticks_per_packet_ = 0;  // running mean; 0 while unknown
   std::uint64_t received_ = 0;
   std::uint64_t lost_ = 0;
   std::uint64_t loss_periods_ = 0;

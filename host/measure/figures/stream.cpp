@@ -22,6 +22,18 @@ std::optional<double> BytesPerNs(const std::optional<double>& bit_rate) {
   return *bit_rate / 8e9;
 }
 
+// Null packets, and those without payload, may rightly follow themselves: their counters stand.
+bool HasCountedPacket(std::span<const std::uint8_t> media, std::size_t stride) {
+  const std::size_t sync_at = stride == 192 ? 4 : 0;
+  for (std::size_t at = sync_at; at + 4 <= media.size(); at += stride) {
+    const bool is_null = (media[at + 1] & 0x1F) == 0x1F && media[at + 2] == 0xFF;
+    if (media[at] == kTsSyncByte && !is_null && (media[at + 3] & 0x10) != 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool IsInPlace(const SequenceResult& sequence) {
   return sequence.event == SequenceEvent::kInOrder || sequence.event == SequenceEvent::kFirst;
 }
@@ -96,7 +108,7 @@ void Stream::Add(const Arrival& arrival) {
       rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, arrival.time_ns - rate_.LastNs());
 
   NoteSilence(gap_ns, arrival.time_ns);
-  const SequenceResult sequence =
+  SequenceResult sequence =
       arrival.rtp == nullptr ? SequenceResult{} : AddRtp(*arrival.rtp, arrival.time_ns);
   checksums_.Count(frame);
   rate_.Add(arrival.time_ns, arrival.frame_bytes, media_bytes);
@@ -105,10 +117,49 @@ void Stream::Add(const Arrival& arrival) {
     history_->arrivals.At(arrival.time_ns).Add(arrival.frame_bytes, gap_ns);
   }
   const std::size_t captured = frame.payload.size() - header;
-  AddMedia(frame.payload.subspan(header, std::min<std::size_t>(captured, media_bytes)),
-           arrival.time_ns, frame.IsComplete(), sequence);
+  const auto media = frame.payload.subspan(header, std::min<std::size_t>(captured, media_bytes));
+  if (!frame.IsComplete()) {
+    ++cut_frames_;
+  } else if (rtp_ == nullptr && IsRepeat(media)) {
+    sequence.event = SequenceEvent::kDuplicate;
+    ++repeated_datagrams_;
+  }
+  ReportDisorder(sequence, arrival.time_ns);
+  AddMedia(media, arrival.time_ns, frame.IsComplete(), sequence);
   AddMdi(arrival.time_ns, media_bytes,
          sequence.event == SequenceEvent::kGap ? sequence.distance : 0);
+}
+
+// Behind itself, a datagram is a copy that the network made, unless nothing in it counts.
+bool Stream::IsRepeat(std::span<const std::uint8_t> media) {
+  if (ts_ == nullptr || !ts_->Framer().IsSynced()) {
+    return false;
+  }
+  const bool repeat = std::ranges::equal(media, last_media_) &&
+                      HasCountedPacket(media, ts_->Framer().PacketLength());
+  if (!repeat) {
+    last_media_.assign(media.begin(), media.end());
+  }
+  return repeat;
+}
+
+void Stream::ReportDisorder(const SequenceResult& sequence, std::int64_t time_ns) const {
+  switch (sequence.event) {
+    case SequenceEvent::kGap:
+      events_.Report(EventKind::kLoss, time_ns, sequence.distance);
+      break;
+    case SequenceEvent::kDuplicate:
+      events_.Report(EventKind::kRepeat, time_ns, 1);
+      break;
+    case SequenceEvent::kLate:
+      events_.Report(EventKind::kReordered, time_ns, sequence.distance);
+      break;
+    case SequenceEvent::kRestart:
+      events_.Report(EventKind::kRestart, time_ns, 0);
+      break;
+    default:
+      break;
+  }
 }
 
 SequenceResult Stream::AddRtp(const RtpHeader& rtp, std::int64_t time_ns) {
@@ -117,7 +168,7 @@ SequenceResult Stream::AddRtp(const RtpHeader& rtp, std::int64_t time_ns) {
   }
   rtp_->payload_type = rtp.payload_type;
   rtp_->jitter.Add(time_ns, rtp.timestamp);
-  return rtp_->sequence.Add(rtp.sequence_number);
+  return rtp_->sequence.Add(rtp.sequence_number, rtp.timestamp);
 }
 
 void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns, bool complete,
@@ -126,7 +177,8 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns,
   if (!complete) {
     return;
   }
-  if (ts_ != nullptr) {
+  // A receiver drops what it has; the transport stream behind it never sees it.
+  if (ts_ != nullptr && sequence.event != SequenceEvent::kDuplicate) {
     ts_->Add(media, time_ns, !IsInPlace(sequence));
     if (history_ != nullptr) {
       if (const auto pcr = ts_->TakePcrOffset()) {
@@ -134,7 +186,8 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns,
       }
     }
   }
-  if (compare_ != nullptr && sequence.event != SequenceEvent::kStray) {
+  const bool doubled = rtp_ == nullptr && sequence.event == SequenceEvent::kDuplicate;
+  if (compare_ != nullptr && sequence.event != SequenceEvent::kStray && !doubled) {
     compare_->Add(media, rtp_ == nullptr ? PayloadCompare::Order{} : OrderOf(sequence));
   }
 }

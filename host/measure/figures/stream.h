@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "host/measure/capture/flow_key.h"
 #include "host/measure/capture/frame_decoder.h"
@@ -85,6 +86,10 @@ class Stream {
   std::int64_t SilentAtEndNs() const { return silent_at_end_ns_; }
   // The silence at both ends included.
   std::int64_t LongestSilenceNs() const;
+  // Frames whose payload was not captured whole, and therefore not looked into.
+  std::uint64_t CutFrames() const { return cut_frames_; }
+  // Without RTP: datagrams of transport packets that equal the one before.
+  std::uint64_t RepeatedDatagrams() const { return repeated_datagrams_; }
   const RateMeter& Rate() const { return rate_; }
   const Spacing& Gaps() const { return spacing_; }
   const ChecksumCounters& Checksums() const { return checksums_; }
@@ -101,6 +106,8 @@ class Stream {
                 const SequenceResult& sequence);
   void AddMdi(std::int64_t time_ns, std::uint32_t media_bytes, std::uint32_t missing_datagrams);
   void KeepMdi(const MediaDeliveryIndex::Interval& ended);
+  bool IsRepeat(std::span<const std::uint8_t> media);
+  void ReportDisorder(const SequenceResult& sequence, std::int64_t time_ns) const;
   void StateMediaRate();
   void NoteSilence(std::int64_t gap_ns, std::int64_t end_ns);
 
@@ -108,6 +115,9 @@ class Stream {
   StreamEvents events_;
   std::int64_t silent_at_start_ns_ = 0;
   std::int64_t silent_at_end_ns_ = 0;
+  std::uint64_t cut_frames_ = 0;
+  std::uint64_t repeated_datagrams_ = 0;
+  std::vector<std::uint8_t> last_media_;  // of a stream without RTP
   RateMeter rate_;
   Spacing spacing_;
   MediaDeliveryIndex mdi_;
