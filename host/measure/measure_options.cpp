@@ -45,7 +45,11 @@ auto NumberBetween(std::uint64_t lowest, std::uint64_t highest) {
 void DefineEnd(OptionBuilder& add, MeasureOptions& o) {
   add.Group("When to end (a capture file ends by itself, Ctrl-C ends at once)");
   add.Value("--duration", o.duration, "TIME", kDurationAllowed,
-            "So long after the first frame, or after the start if none comes", ParseDuration);
+            "So long after the first frame, or after the start if none comes",
+            [](const std::string& text) {
+              const auto duration = ParseDuration(text);
+              return duration && duration->count() > 0 ? duration : std::nullopt;
+            });
   add.Value("--count", o.measurement.max_frames, "N", "a whole number above 0",
             "After so many UDP frames", NumberBetween(1, UINT64_MAX));
   add.Value("--silence", o.silence, "TIME", kDurationAllowed,
@@ -65,7 +69,7 @@ void DefineStream(OptionBuilder& add, MeasureOptions& o) {
             "Compare each stream's payload with this file, which may be played over and over",
             ParseText);
   add.Value("--media-rate", m.media_rate, "RATE", kBitRateAllowed,
-            "Rate at which the delay factor's buffer drains; default: the stream's mean rate",
+            "Rate at which the delay factor's buffer drains; default: the rate by the PCRs",
             ParseBitRate);
   add.Value("--clump-gap", m.clump_gap_ns, "TIME", kDurationAllowed,
             "Frames closer than this are clumped; default: a quarter of the ideal gap",
@@ -116,7 +120,7 @@ void DefineLimits(OptionBuilder& add, MeasureOptions& o) {
     const char* allowed;
   } kUnits[] = {{"TIME", kDurationAllowed},
                 {"N", "a whole number"},
-                {"N|PERCENT", "a whole number, or a share as in 0.1%"},
+                {"N|PERCENT", "a whole number, or a share up to 100%, as in 0.1%"},
                 {"PPM", "parts per million, as in 20ppm"}};
   for (const LimitKind& kind : LimitKinds()) {
     const auto& unit = kUnits[static_cast<std::size_t>(kind.unit)];

@@ -249,7 +249,10 @@ Result<int> RunMeasurement(const MeasureOptions& options,
 
   MeasureRun run(options, std::move(*source), *measurement_settings);
   const auto failure = run.Run();
-  const Summary summary = run.MakeSummary();
+  Summary summary = run.MakeSummary();
+  if (failure) {
+    summary.capture.broken_off = failure->message;
+  }
   const auto verdicts = Judge(summary, RequirementsOf(options));
   if (options.json) {
     Print(Results(), "{}\n", JsonText(summary, verdicts));

@@ -115,6 +115,73 @@ TEST(Measurement, TimesAtTheirLimitsDoNoHarm) {
   EXPECT_NE(ResultTable(summary, {}, {}).find("7 frames"), std::string::npos);
 }
 
+// A limit is met by what was looked at only.
+TEST(Measurement, WhatWasNotMeasuredMeetsNoLimit) {
+  const auto limit = [](const char* option) {
+    const auto kind = std::ranges::find(LimitKinds(), std::string(option), &LimitKind::option);
+    return Limit{&*kind, 0, false};
+  };
+  const struct {
+    const char* name;
+    MeasurementSettings settings;
+    const char* option;
+    std::size_t captured;
+    bool fragment;
+  } cases[] = {
+      {"untracked", {.max_streams = 1}, "--max-loss", SIZE_MAX, false},
+      {"cut", {.max_streams = 2}, "--max-checksum-errors", 200, false},
+      {"fragment", {.max_streams = 2}, "--max-loss", SIZE_MAX, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const bool disturbed : {false, true}) {
+      Measurement measurement{c.settings};
+      for (std::uint16_t i = 0; i < 10; ++i) {
+        Bytes frame = UdpFrame(
+            RtpPacket({.sequence_number = i}, TsPayload(static_cast<std::uint8_t>(i * 7 % 16))),
+            disturbed && i == 9 && c.settings.max_streams == 1 ? 9 : 5004);
+        frame[20] = disturbed && c.fragment && i == 9 ? 0x20 : 0;
+        const std::size_t length =
+            disturbed && i == 9 ? std::min(c.captured, frame.size()) : frame.size();
+        measurement.Add(LinkType::kEthernet,
+                        {i * kMs, {std::span(frame).first(length), frame.size()}});
+      }
+      measurement.Finish();
+      Limit judged = limit(c.option);
+      judged.value = 10;  // the header checksums of these frames are wrong
+      const auto verdicts =
+          Judge(Summarize(measurement, "test", false, {}), {.limits = {judged}, .min_streams = {}});
+      EXPECT_EQ(AllMet(verdicts), !disturbed);
+    }
+  }
+}
+
+// Plain UDP, 100 datagrams of seven packets: loss in transport packets, and copies are none.
+TEST(Measurement, LossOfPlainUdpIsInTransportPackets) {
+  Measurement measurement{MeasurementSettings{}};
+  for (int i = 0; i < 100; ++i) {
+    if (i == 50) {
+      continue;  // 7 of 700
+    }
+    const Bytes frame = UdpFrame(TsPayload(static_cast<std::uint8_t>(i * 7 % 16)));
+    for (int copy = 0; copy < (i % 10 == 0 ? 2 : 1); ++copy) {
+      measurement.Add(LinkType::kEthernet, {i * kMs, {frame, frame.size()}});
+    }
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  EXPECT_EQ(summary.total.lost, 0U);
+  EXPECT_EQ(summary.total.lost_ts_packets, 7U);
+  EXPECT_EQ(summary.total.repeated_datagrams, 9U);
+  EXPECT_EQ(summary.total.ts_expected, 700U);
+  EXPECT_EQ(summary.streams[0].ts->counters.continuity_errors, 1U);
+  const auto loss = std::ranges::find(LimitKinds(), std::string("--max-loss"), &LimitKind::option);
+  for (const double percent : {0.99, 1.0}) {
+    const auto verdicts = Judge(summary, {.limits = {{&*loss, percent, true}}, .min_streams = {}});
+    EXPECT_EQ(AllMet(verdicts), percent == 1.0);
+  }
+}
+
 TEST(Report, IsOnePageThatNeedsNothingElseAndTrustsNoText) {
   Measurement measurement{MeasurementSettings{}};
   for (std::uint16_t i = 0; i < 50; ++i) {

@@ -132,10 +132,10 @@ void Stream::Add(const Arrival& arrival) {
 
 // Behind itself, a datagram is a copy that the network made, unless nothing in it counts.
 bool Stream::IsRepeat(std::span<const std::uint8_t> media) {
-  if (ts_ == nullptr || !ts_->Framer().IsSynced()) {
+  if (ts_ == nullptr || ts_->Framer().HasGivenUp()) {
     return false;
   }
-  const bool repeat = std::ranges::equal(media, last_media_) &&
+  const bool repeat = ts_->Framer().IsSynced() && std::ranges::equal(media, last_media_) &&
                       HasCountedPacket(media, ts_->Framer().PacketLength());
   if (!repeat) {
     last_media_.assign(media.begin(), media.end());

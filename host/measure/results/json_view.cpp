@@ -145,6 +145,10 @@ Json ToJson(const StreamSummary& stream) {
   json["silent_at_start_ns"] = stream.silent_at_start;
   json["silent_at_end_ns"] = stream.silent_at_end;
   json["longest_silence_ns"] = stream.longest_silence;
+  json["cut_frames"] = stream.cut_frames;
+  if (!stream.rtp) {
+    json["repeated_datagrams"] = stream.repeated_datagrams;
+  }
   json["rate"] = ToJson(stream.rate);
   json["spacing"] = ToJson(stream.spacing);
   json["checksums"] = ToJson(stream.checksums);
@@ -171,6 +175,9 @@ Json ToJson(const CaptureSummary& capture) {
   json["dropped_by_kernel"] = capture.drops.by_kernel;
   json["dropped_by_adapter"] = capture.drops.by_adapter;
   json["spoiled"] = capture.IsSpoiled();
+  if (!capture.broken_off.empty()) {
+    json["broken_off"] = capture.broken_off;
+  }
   return json;
 }
 
@@ -180,6 +187,9 @@ Json ToJson(const TotalSummary& total) {
           {"spacing", ToJson(total.spacing)},
           {"checksums", ToJson(total.checksums)},
           {"lost", total.lost},
+          {"lost_ts_packets", total.lost_ts_packets},
+          {"repeated_datagrams", total.repeated_datagrams},
+          {"cut_frames", total.cut_frames},
           {"duplicates", total.duplicates},
           {"reordered", total.reordered},
           {"ssrc_changes", total.ssrc_changes},
@@ -195,6 +205,7 @@ Json ToJson(const TotalSummary& total) {
 
 std::string JsonText(const Summary& summary, std::span<const Verdict> verdicts) {
   Json json{{"capture", ToJson(summary.capture)}, {"total", ToJson(summary.total)}};
+  json["total"]["frames_not_measured"] = summary.FramesNotMeasured();
   Json& streams = json["streams"] = Json::array();
   for (const StreamSummary& stream : summary.streams) {
     streams.push_back(ToJson(stream));

@@ -54,7 +54,35 @@ Value Lost(const Summary& summary) {
   const bool known = std::ranges::all_of(summary.streams, [](const StreamSummary& s) {
     return s.Lost() && !(s.rtp && s.rtp->restarts + s.rtp->strays > 0);
   });
-  return IfAny(known, summary.total.lost);
+  // RTP packets and transport packets are no sum.
+  return IfAny(known, std::max(summary.total.lost, summary.total.lost_ts_packets));
+}
+
+double Percent(std::uint64_t part, std::uint64_t all) {
+  return all > 0 ? static_cast<double>(part) / static_cast<double>(all) * 100 : 0;
+}
+
+double LostPercent(const TotalSummary& total) {
+  return std::max(Percent(total.lost, total.rtp_expected),
+                  Percent(total.lost_ts_packets, total.ts_expected));
+}
+
+// Why a limit is not met whatever was measured: part of what it is about was not looked at.
+std::string NotLookedAt(const Summary& summary, const LimitKind& kind) {
+  switch (kind.looks_at) {
+    case LooksAt::kChecksums:
+      return summary.total.checksums.unchecked_udp == 0
+                 ? ""
+                 : fmt::format("{} not checked",
+                               FormatCount(summary.total.checksums.unchecked_udp));
+    case LooksAt::kPayload:
+      return summary.total.cut_frames == 0
+                 ? ""
+                 : fmt::format("{} frames captured in part", FormatCount(summary.total.cut_frames));
+    case LooksAt::kFrames:
+      break;
+  }
+  return "";
 }
 
 Value RateError(const Summary& summary) {
@@ -99,7 +127,7 @@ constexpr LimitKind kKinds[] = {
      [](const Summary& m) {
        return IfAny(m.total.streams > 0, m.total.checksums.bad_ip + m.total.checksums.bad_udp);
      },
-     false},
+     false, LooksAt::kChecksums},
     {"--max-df", LimitUnit::kDuration, "delay factor of RFC 4445 in any second",
      [](const Summary& m) {
        return Worst(m, [](const auto& s) {
@@ -119,17 +147,17 @@ constexpr LimitKind kKinds[] = {
        return IfAny(std::ranges::any_of(m.streams, [](const auto& s) { return s.ts.has_value(); }),
                     m.total.ts_errors);
      },
-     true},
+     true, LooksAt::kPayload},
     {"--max-pcr-accuracy", LimitUnit::kDuration, "PCRs against a constant bit rate, peak to peak",
      [](const Summary& m) {
        return WorstPcr(m, [](const auto& pcr) { return pcr.accuracy_spread; });
      },
-     true},
+     true, LooksAt::kPayload},
     {"--max-pcr-jitter", LimitUnit::kDuration, "PCRs against their arrival, peak to peak",
      [](const Summary& m) {
        return WorstPcr(m, [](const auto& pcr) { return pcr.arrival_spread; });
      },
-     true},
+     true, LooksAt::kPayload},
 };
 
 std::optional<double> ParseCount(const std::string& text) {
@@ -166,13 +194,16 @@ Verdict JudgeLimit(const Summary& summary, const Limit& limit) {
     return verdict;
   }
   if (limit.is_percent) {
-    const double all = static_cast<double>(summary.total.rate.frames) + *measured;
-    measured = all > 0 ? *measured / all * 100 : 0;
+    measured = LostPercent(summary.total);
     verdict.measured = PercentText(*measured);
   } else {
     verdict.measured = Text(limit.kind->unit, *measured);
   }
   verdict.met = *measured <= limit.value;
+  if (const std::string why = NotLookedAt(summary, *limit.kind); !why.empty()) {
+    verdict.met = false;
+    verdict.measured += fmt::format(" ({})", why);
+  }
   if (!verdict.met && limit.kind->spoiled_by_drops && summary.capture.IsSpoiled()) {
     verdict.measured += " (spoiled: the capture dropped frames)";
   }
@@ -200,6 +231,9 @@ std::optional<Limit> ParseLimit(const LimitKind& kind, const std::string& text) 
     case LimitUnit::kCountOrPercent:
       value = ParsePercent(text);
       limit.is_percent = value.has_value();
+      if (value && *value > 100) {
+        return std::nullopt;
+      }
       if (!value) {
         value = ParseCount(text);
       }
@@ -228,6 +262,11 @@ std::vector<Verdict> Judge(const Summary& summary, const Requirements& requireme
     const CaptureDrops& drops = summary.capture.drops;
     verdicts.push_back({"capture drops", "0", FormatCount(drops.by_kernel + drops.by_adapter),
                         !summary.capture.IsSpoiled()});
+  }
+  verdicts.push_back({"frames not measured", "0", FormatCount(summary.FramesNotMeasured()),
+                      summary.FramesNotMeasured() == 0});
+  if (!summary.capture.broken_off.empty()) {
+    verdicts.push_back({"whole capture", "to its end", summary.capture.broken_off, false});
   }
   for (const Limit& limit : requirements.limits) {
     verdicts.push_back(JudgeLimit(summary, limit));

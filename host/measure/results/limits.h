@@ -14,6 +14,9 @@ namespace ipplay::measure {
 
 enum class LimitUnit { kDuration, kCount, kCountOrPercent, kPpm };
 
+// What a limit relies on beyond the frames' headers.
+enum class LooksAt { kFrames, kChecksums, kPayload };
+
 // One --max-... option.
 struct LimitKind {
   const char* option;  // "--max-loss"
@@ -23,6 +26,7 @@ struct LimitKind {
   std::optional<double> (*measured)(const Summary& summary);
   // Frames that the capture dropped make it worse than it was.
   bool spoiled_by_drops;
+  LooksAt looks_at = LooksAt::kFrames;
 };
 
 std::span<const LimitKind> LimitKinds();

@@ -41,7 +41,12 @@ void WriteTiles(Out out, const Summary& summary) {
   WriteTile(out, fmt::format("{:.2f} s", total.rate.seconds), "from first to last frame");
   WriteTile(out, FormatBitRate(total.rate.frame_bit_rate), "in frames");
   WriteTile(out, FormatBitRate(total.rate.payload_bit_rate), "in payload");
-  counted(total.lost, "lost");
+  if (total.rtp_expected > 0 || total.ts_expected == 0) {
+    counted(total.lost, "lost");
+  }
+  if (total.ts_expected > 0) {
+    counted(total.lost_ts_packets, "transport packets lost");
+  }
   counted(total.duplicates, "duplicates");
   counted(total.reordered, "reordered");
   counted(total.checksums.bad_ip, "wrong IPv4 header checksums");

@@ -112,12 +112,18 @@ void AddUp(const Stream& stream, TotalSummary& total) {
   total.rate.payload_bytes += stream.Rate().PayloadBytes();
   if (const auto* rtp = stream.AsRtp()) {
     total.lost += rtp->sequence.Lost();
+    total.rtp_expected +=
+        rtp->sequence.Received() - rtp->sequence.Duplicates() + rtp->sequence.Lost();
     total.duplicates += rtp->sequence.Duplicates();
     total.reordered += rtp->sequence.Reordering().Count();
     total.payload_type_changes += rtp->payload_type_changes;
   } else if (stream.Ts() != nullptr) {
-    total.lost += stream.Ts()->Counters().missing_packets;
+    const TsCounters& counters = stream.Ts()->Counters();
+    total.lost_ts_packets += counters.missing_packets;
+    total.ts_expected += counters.packets + counters.missing_packets;
   }
+  total.repeated_datagrams += stream.RepeatedDatagrams();
+  total.cut_frames += stream.CutFrames();
   if (stream.Ts() != nullptr) {
     total.ts_errors += stream.Ts()->Errors();
   }
@@ -135,6 +141,15 @@ const PcrFigures* TsFigures::Reference() const {
     }
   }
   return nullptr;
+}
+
+std::uint64_t Summary::FramesNotMeasured() const {
+  std::uint64_t frames = total.untracked_frames + total.malformed_rtp;
+  for (const FrameClass kind : {FrameClass::kFragment, FrameClass::kTruncated,
+                                FrameClass::kBadIpHeader, FrameClass::kBadUdpLength}) {
+    frames += capture.classes[static_cast<std::size_t>(kind)];
+  }
+  return frames;
 }
 
 std::optional<std::uint64_t> StreamSummary::Lost() const {
@@ -173,6 +188,8 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   summary.silent_at_start = static_cast<double>(stream.SilentAtStartNs());
   summary.silent_at_end = static_cast<double>(stream.SilentAtEndNs());
   summary.longest_silence = static_cast<double>(stream.LongestSilenceNs());
+  summary.cut_frames = stream.CutFrames();
+  summary.repeated_datagrams = stream.RepeatedDatagrams();
   summary.spacing = FiguresOf(stream.Gaps());
   // A gap that nothing closed any more is one as well.
   summary.spacing.gap.max = summary.longest_silence;

@@ -121,6 +121,8 @@ struct StreamSummary {
   double silent_at_start = 0;  // of the measurement, before the first frame
   double silent_at_end = 0;
   double longest_silence = 0;  // gaps and both ends
+  std::uint64_t cut_frames = 0;
+  std::uint64_t repeated_datagrams = 0;  // without RTP
   RateFigures rate;
   SpacingFigures spacing;
   ChecksumCounters checksums;
@@ -139,7 +141,12 @@ struct TotalSummary {
   RateFigures rate;
   SpacingFigures spacing;
   ChecksumCounters checksums;
-  std::uint64_t lost = 0;
+  std::uint64_t lost = 0;             // RTP packets
+  std::uint64_t lost_ts_packets = 0;  // of streams without RTP; at least so many
+  std::uint64_t rtp_expected = 0;     // packets that came or are lost
+  std::uint64_t ts_expected = 0;      // transport packets of streams without RTP, likewise
+  std::uint64_t repeated_datagrams = 0;
+  std::uint64_t cut_frames = 0;
   std::uint64_t duplicates = 0;
   std::uint64_t reordered = 0;
   std::uint64_t ssrc_changes = 0;
@@ -154,6 +161,7 @@ struct TotalSummary {
 struct CaptureSummary {
   std::string source;  // device or file
   bool live = false;
+  std::string broken_off;    // why it ended early; empty where it did not
   std::uint64_t frames = 0;  // of every kind
   CaptureDrops drops;
   std::array<std::uint64_t, kFrameClasses> classes{};
@@ -166,6 +174,9 @@ struct Summary {
   CaptureSummary capture;
   TotalSummary total;
   std::vector<StreamSummary> streams;
+
+  // Frames that may have been of a stream, and that no figure knows.
+  std::uint64_t FramesNotMeasured() const;
 };
 
 Distribution DistributionOf(const Histogram& histogram);

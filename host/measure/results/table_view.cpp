@@ -117,6 +117,19 @@ void WriteItems(Out out, std::span<const std::string> items, std::size_t columns
   *out = '\n';
 }
 
+// Of each kind of stream in its own unit.
+std::string LostText(const CaptureSummary& capture, const TotalSummary& total) {
+  const char* mark = Mark(capture.IsSpoiled());
+  if (total.ts_expected == 0) {
+    return fmt::format("lost {}{}", FormatCount(total.lost), mark);
+  }
+  const std::string packets =
+      fmt::format("{}{} transport packets", FormatCount(total.lost_ts_packets), mark);
+  return total.rtp_expected == 0
+             ? "lost " + packets
+             : fmt::format("lost {}{} RTP and {}", FormatCount(total.lost), mark, packets);
+}
+
 void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& total,
                  std::size_t columns) {
   const std::string about[] = {
@@ -130,7 +143,7 @@ void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& tot
   };
   WriteItems(out, about, columns);
   std::vector<std::string> faults = {
-      fmt::format("lost {}{}", FormatCount(total.lost), Mark(capture.IsSpoiled())),
+      LostText(capture, total),
       "duplicates " + FormatCount(total.duplicates),
       "reordered " + FormatCount(total.reordered),
       fmt::format("bad checksums: IP {}, UDP {}", FormatCount(total.checksums.bad_ip),
@@ -157,6 +170,9 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
       {"impossible UDP length",
        capture.classes[static_cast<std::size_t>(FrameClass::kBadUdpLength)]},
       {"without RTP header", total.malformed_rtp},
+      {"captured in part", total.cut_frames},
+      {"datagrams repeated without RTP", total.repeated_datagrams},
+      {"RTCP", total.rtcp_packets},
       {"beyond the stream limit", total.untracked_frames},
       {"UDP checksum absent", total.checksums.absent_udp},
       {"UDP checksum not checked", total.checksums.unchecked_udp},
@@ -174,6 +190,9 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
   }
   if (separator[0] == ',') {
     *out = '\n';
+  }
+  if (!capture.broken_off.empty()) {
+    fmt::format_to(out, "the capture broke off: {}\n", capture.broken_off);
   }
   if (capture.IsSpoiled()) {
     fmt::format_to(out, "* worse than it was: the capture itself dropped frames\n");
@@ -264,6 +283,9 @@ void WriteDetails(Out out, const StreamSummary& stream) {
     fmt::format_to(out, ", {:+.2f} ppm off the expected rate", *rate.error_ppm);
   }
   *out = '\n';
+  fmt::format_to(out, "  {:<10} {} before the first frame, {} behind the last, longest {}\n",
+                 "silence", Time(stream.silent_at_start), Time(stream.silent_at_end),
+                 Time(stream.longest_silence));
   WriteSpacing(out, stream);
   if (stream.rtp) {
     WriteRtp(out, *stream.rtp);
