@@ -34,8 +34,17 @@ TEST(Spacing, MeasuresAgainstItsOwnMeanWithoutAnExpectedRate) {
   for (int i = 0; i <= 10; ++i) {
     spacing.Add(i * kMs + (i == 5 ? 200'000 : 0), 1000, true);
   }
-  EXPECT_NEAR(spacing.GridDeviation().high, 200'000, 1);
-  EXPECT_NEAR(spacing.GridDeviation().low, 0, 1);
+  EXPECT_NEAR(spacing.GridDeviation().high, 200'000, 20'000);
+  EXPECT_NEAR(spacing.GridDeviation().Spread(), 200'000, 1);
+}
+
+// Each burst's last frame is four gaps early. What a fit of 400 teeth is off by is below 1/400.
+TEST(Spacing, BurstsAreAsWideAsTheyAreWithoutAnExpectedRate) {
+  Spacing spacing{SpacingSettings{}};
+  for (int i = 0; i < 2000; ++i) {
+    spacing.Add(i / 5 * 5 * kMs, 1000, true);
+  }
+  EXPECT_NEAR(spacing.GridDeviation().Spread(), 4 * kMs, 0.02 * kMs);
 }
 
 TEST(Spacing, FollowsTheGridWhereItMoves) {

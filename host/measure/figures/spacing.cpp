@@ -29,7 +29,7 @@ void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
   if (!started_) {
     started_ = true;
     first_ns_ = time_ns;
-    grid_.Add(0, time_ns);
+    AddToGrid(time_ns, 0, true);
   } else {
     if (time_ns < last_ns_) {
       ++time_reversals_;
@@ -70,12 +70,31 @@ void Spacing::AddToGrid(std::int64_t time_ns, std::uint32_t bytes, bool continuo
     widest_ = GridDeviation();
     grid_.Clear();
     grid_bytes_ = 0;
+    n_ = mean_x_ = mean_y_ = xx_ = xy_ = 0;
+  }
+  if (n_ == 0) {
+    grid_first_ns_ = time_ns;
   }
   grid_.Add(grid_bytes_, time_ns);
+  Regress(static_cast<double>(grid_bytes_), static_cast<double>(time_ns - grid_first_ns_));
+}
+
+void Spacing::Regress(double x, double y) {
+  n_ += 1;
+  const double dx = x - mean_x_;
+  mean_x_ += dx / n_;
+  mean_y_ += (y - mean_y_) / n_;
+  xx_ += dx * (x - mean_x_);
+  xy_ += dx * (y - mean_y_);
+}
+
+// A line through the first and the last arrival would put their lateness into every other one.
+double Spacing::GridSlope() const {
+  return settings_.ns_per_byte || xx_ <= 0 ? NsPerByte() : xy_ / xx_;
 }
 
 LineExtent::Range Spacing::GridDeviation() const {
-  return Wider(widest_, grid_.Deviation(NsPerByte()));
+  return Wider(widest_, grid_.Deviation(GridSlope()));
 }
 
 }  // namespace ipplay::measure

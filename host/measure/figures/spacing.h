@@ -32,7 +32,7 @@ class Spacing {
   // |gap - ideal gap|, the ideal gap being the time that the frame before takes at the rate.
   const Histogram& GapErrors() const { return gap_errors_; }
   // Earliest and latest arrival against the grid of one stretch without missing frames; the widest
-  // such stretch. The grid's slope is the ordered rate, or the mean up to the stretch's end.
+  // such stretch. The grid's slope is the ordered rate, or the line that fits the stretch best.
   LineExtent::Range GridDeviation() const;
 
   // Clumps: frames that follow one another closer than the clump gap.
@@ -45,6 +45,8 @@ class Spacing {
 
  private:
   double NsPerByte() const;
+  double GridSlope() const;
+  void Regress(double x, double y);
   void AddToGrid(std::int64_t time_ns, std::uint32_t bytes, bool continuous);
 
   SpacingSettings settings_;
@@ -54,6 +56,9 @@ class Spacing {
   LineExtent grid_;  // x: bytes of the frames before, y: arrival in ns
   LineExtent::Range widest_;
   std::int64_t grid_bytes_ = 0;
+  std::int64_t grid_first_ns_ = 0;
+  // Sums of the regression of arrivals on bytes within the stretch.
+  double n_ = 0, mean_x_ = 0, mean_y_ = 0, xx_ = 0, xy_ = 0;
   bool started_ = false;
   std::int64_t first_ns_ = 0;
   std::int64_t last_ns_ = 0;

@@ -186,8 +186,9 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns,
       }
     }
   }
-  const bool doubled = rtp_ == nullptr && sequence.event == SequenceEvent::kDuplicate;
-  if (compare_ != nullptr && sequence.event != SequenceEvent::kStray && !doubled) {
+  // Without RTP the file itself tells whether a datagram that equals the one before is its next
+  // one.
+  if (compare_ != nullptr && sequence.event != SequenceEvent::kStray) {
     compare_->Add(media, rtp_ == nullptr ? PayloadCompare::Order{} : OrderOf(sequence));
   }
 }

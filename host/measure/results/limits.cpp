@@ -97,7 +97,8 @@ constexpr LimitKind kKinds[] = {
        return Worst(m, [](const auto& s) { return Value(s.spacing.gap_error.p99); });
      },
      true},
-    {"--max-gap", LimitUnit::kDuration, "longest gap between two frames of a stream",
+    {"--max-gap", LimitUnit::kDuration,
+     "longest gap between two frames of a stream, silence at both ends included",
      [](const Summary& m) {
        return Worst(m, [](const auto& s) { return Value(s.spacing.gap.max); });
      },
