@@ -12,6 +12,10 @@ class InterarrivalJitter {
 
   void Add(std::int64_t arrival_ns, std::uint32_t timestamp);
 
+  // Whether the time stamps ever moved. Where they stand still, as in the correction flows of
+  // SMPTE ST 2022-1, there is no sender's clock and no jitter against it.
+  bool IsDefined() const { return moved_; }
+
   // Nanoseconds: the running estimate now, its mean over all packets behind the first, its
   // largest value.
   double Current() const { return jitter_ns_; }
@@ -20,6 +24,7 @@ class InterarrivalJitter {
 
  private:
   double ns_per_tick_;
+  bool moved_ = false;
   std::uint64_t packets_ = 0;
   std::int64_t last_arrival_ns_ = 0;
   std::uint32_t last_timestamp_ = 0;

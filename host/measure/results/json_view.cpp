@@ -52,19 +52,21 @@ Json ToJson(const ChecksumCounters& checksums) {
 }
 
 Json ToJson(const RtpFigures& rtp) {
-  return {
-      {"payload_type", rtp.payload_type},
-      {"payload_type_changes", rtp.payload_type_changes},
-      {"received", rtp.received},
-      {"lost", rtp.lost},
-      {"loss_periods", rtp.loss_periods},
-      {"longest_loss", rtp.longest_loss},
-      {"duplicates", rtp.duplicates},
-      {"reordered", rtp.reordered},
-      {"reorder_distance", ToJson(rtp.reorder_distance)},
-      {"strays", rtp.strays},
-      {"restarts", rtp.restarts},
-      {"jitter_ns", {{"last", rtp.jitter}, {"mean", rtp.jitter_mean}, {"max", rtp.jitter_max}}}};
+  Json json{{"payload_type", rtp.payload_type},
+            {"payload_type_changes", rtp.payload_type_changes},
+            {"received", rtp.received},
+            {"lost", rtp.lost},
+            {"loss_periods", rtp.loss_periods},
+            {"longest_loss", rtp.longest_loss},
+            {"duplicates", rtp.duplicates},
+            {"reordered", rtp.reordered},
+            {"reorder_distance", ToJson(rtp.reorder_distance)},
+            {"strays", rtp.strays},
+            {"restarts", rtp.restarts}};
+  if (rtp.has_jitter) {
+    json["jitter_ns"] = {{"last", rtp.jitter}, {"mean", rtp.jitter_mean}, {"max", rtp.jitter_max}};
+  }
+  return json;
 }
 
 Json ToJson(const MdiFigures& mdi) {

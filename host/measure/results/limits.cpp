@@ -29,8 +29,7 @@ Value Worst(const Summary& summary, OfStream of_stream) {
 
 template <typename OfRtp>
 Value WorstRtp(const Summary& summary, OfRtp of_rtp) {
-  return Worst(summary,
-               [&](const StreamSummary& s) { return s.rtp ? Value(of_rtp(*s.rtp)) : Value(); });
+  return Worst(summary, [&](const StreamSummary& s) { return s.rtp ? of_rtp(*s.rtp) : Value(); });
 }
 
 template <typename OfPcr>
@@ -116,7 +115,10 @@ constexpr LimitKind kKinds[] = {
      },
      true},
     {"--max-jitter", LimitUnit::kDuration, "largest RFC 3550 interarrival jitter",
-     [](const Summary& m) { return WorstRtp(m, [](const auto& r) { return r.jitter_max; }); },
+     [](const Summary& m) {
+       return WorstRtp(m,
+                       [](const auto& r) { return r.has_jitter ? Value(r.jitter_max) : Value(); });
+     },
      true},
     {"--max-loss", LimitUnit::kCountOrPercent, "packets lost, or their share", Lost, true},
     {"--max-reordered", LimitUnit::kCount, "RTP packets out of order",

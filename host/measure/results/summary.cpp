@@ -47,6 +47,7 @@ RtpFigures FiguresOf(const Stream::Rtp& rtp) {
   figures.reorder_distance = DistributionOf(rtp.sequence.Reordering());
   figures.strays = rtp.sequence.Strays();
   figures.restarts = rtp.sequence.Restarts();
+  figures.has_jitter = rtp.jitter.IsDefined();
   figures.jitter = rtp.jitter.Current();
   figures.jitter_mean = rtp.jitter.Mean();
   figures.jitter_max = rtp.jitter.Max();

@@ -58,6 +58,7 @@ struct RtpFigures {
   Distribution reorder_distance;  // in sequence numbers
   std::uint64_t strays = 0;
   std::uint64_t restarts = 0;
+  bool has_jitter = false;  // the time stamps moved
   double jitter = 0;
   double jitter_mean = 0;
   double jitter_max = 0;

@@ -227,6 +227,10 @@ void WriteRtp(Out out, const RtpFigures& rtp) {
                  FormatCount(rtp.reordered),
                  FormatCount(static_cast<std::uint64_t>(rtp.reorder_distance.max)),
                  FormatCount(rtp.restarts), FormatCount(rtp.strays));
+  if (!rtp.has_jitter) {
+    fmt::format_to(out, "  {:<10} not defined: the time stamps stand still\n", "jitter");
+    return;
+  }
   fmt::format_to(out, "  {:<10} last {}, mean {}, max {}\n", "jitter", Time(rtp.jitter),
                  Time(rtp.jitter_mean), Time(rtp.jitter_max));
 }
