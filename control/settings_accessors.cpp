@@ -225,11 +225,11 @@ uint32_t GetDeviceIndex() {
 // A number that is set is the number that is used.
 void SetSequenceNumber(uint32_t value) {
   GetRTPHeaderSettings()->SequenceNumber = value;
-  GetRTPHeaderSettings()->RandomSequenceNumber = 0;
+  GetRTPHeaderSettings()->RandomSequenceNumber = IPPLAYOUT_OFF;
 }
 void SetSSRC(uint32_t value) {
   GetRTPHeaderSettings()->SSRC = value;
-  GetRTPHeaderSettings()->RandomSSRC = 0;
+  GetRTPHeaderSettings()->RandomSSRC = IPPLAYOUT_OFF;
 }
 
 void SetVLANIdentifierIncrement(uint16_t value) {

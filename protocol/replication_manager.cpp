@@ -51,9 +51,9 @@ void CZebReplicationMgr::SetIncrements(const ProtocolHeadersIncrements& incremen
 void CZebReplicationMgr::SetHeaderSettings(const ProtocolHeadersSettings& settings) {
   settings_ = settings;
   const RTPHeaderSettings& rtp = settings_.RTPHeaderSettings;
-  base_ssrc_ = rtp.RandomSSRC == 1 ? platform::NextRandom() : rtp.SSRC;
+  base_ssrc_ = rtp.RandomSSRC == IPPLAYOUT_ON ? platform::NextRandom() : rtp.SSRC;
   sequence_counter_ =
-      rtp.RandomSequenceNumber == 1 ? platform::NextRandom() : rtp.SequenceNumber - 1;
+      rtp.RandomSequenceNumber == IPPLAYOUT_ON ? platform::NextRandom() : rtp.SequenceNumber - 1;
   identification_counter_ = settings_.IPHeaderSettings.Identification - 1;
 }
 
@@ -118,7 +118,7 @@ void CZebReplicationMgr::StepEthernet() {
 
 // With a tag the frame's EtherType is the TPID and the payload's stands inside the tag.
 void CZebReplicationMgr::PlaceEtherTypes() {
-  const bool tagged = settings_.VLANEnabled == 1;
+  const bool tagged = settings_.VLANEnabled == IPPLAYOUT_ON;
   current_.ethernet.ether_type = tagged ? settings_.TPID : payload_ether_type_;
   current_.vlan.inner_ether_type =
       static_cast<std::uint16_t>(tagged ? payload_ether_type_ : settings_.TPID);

@@ -92,8 +92,9 @@ void WriteEthernet(FieldWriter& write, const ProtocolHeadersSettings& h, bool de
     const std::uint32_t priority = h.VLANPriorityLevel & 7U;
     const std::uint32_t vid = h.VID & 0xFFFU;
     write.Hex("VLAN TPID", h.TPID & 0xFFFFU, 2);
-    write.Number("VLAN priority, CFI, id", priority << 13 | (h.CFI == 1 ? 0x1000U : 0U) | vid, 2,
-                 fmt::format("{}, {}, {}", priority, h.CFI == 1 ? 1 : 0, vid));
+    write.Number("VLAN priority, CFI, id",
+                 priority << 13 | (h.CFI == IPPLAYOUT_ON ? 0x1000U : 0U) | vid, 2,
+                 fmt::format("{}, {}, {}", priority, h.CFI == IPPLAYOUT_ON ? 1 : 0, vid));
   }
   write.Hex("EtherType", ethernet.EProtocol & 0xFFFFU, 2);
 }
@@ -151,9 +152,9 @@ void WriteRtp(FieldWriter& write, const RTPHeaderSettings& rtp) {
     }
   };
   random(write.Number("RTP sequence number", rtp.SequenceNumber & 0xFFFFU, 2),
-         rtp.RandomSequenceNumber == 1);
+         rtp.RandomSequenceNumber == IPPLAYOUT_ON);
   write.Number("RTP time stamp", 0, 4);
-  random(write.Hex("RTP SSRC", rtp.SSRC, 4), rtp.RandomSSRC == 1);
+  random(write.Hex("RTP SSRC", rtp.SSRC, 4), rtp.RandomSSRC == IPPLAYOUT_ON);
 }
 
 // RFC 768 and, for IPv6, RFC 8200 section 8.1.

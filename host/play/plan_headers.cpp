@@ -34,10 +34,10 @@ void PlanEthernet(const PlayOptions& options, const Path& path, ProtocolHeadersS
   const MacAddress resolved = path.destination.value_or(MacAddress{});
   Copy(options.dst_mac.value_or(resolved), ethernet.DestinationMacAddress);
   ethernet.EProtocol = options.ether_type.value_or(v6 ? kEtherTypeIPv6 : kEtherTypeIPv4);
-  headers.VLANEnabled = options.vlan ? 1 : 0;
+  headers.VLANEnabled = options.vlan ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
   headers.TPID = options.vlan_tpid;
   headers.VLANPriorityLevel = static_cast<std::uint8_t>(options.vlan_priority);
-  headers.CFI = options.vlan_cfi ? 1 : 0;
+  headers.CFI = options.vlan_cfi ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
   headers.VID = options.vlan.value_or(0);
 }
 
@@ -94,9 +94,9 @@ void PlanUdpAndRtp(const PlayOptions& options, ProtocolHeadersSettings& headers)
   rtp.RTPVersion = static_cast<std::uint8_t>(options.rtp_version);
   rtp.Extension = options.rtp_extension ? 1 : 0;
   rtp.PayloadType = options.payload_type;
-  rtp.RandomSequenceNumber = sequence.random ? 1 : 0;
+  rtp.RandomSequenceNumber = sequence.random ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
   rtp.SequenceNumber = sequence.value;
-  rtp.RandomSSRC = options.ssrc.random ? 1 : 0;
+  rtp.RandomSSRC = options.ssrc.random ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
   rtp.SSRC = options.ssrc.value;
 }
 

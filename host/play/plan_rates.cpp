@@ -128,13 +128,13 @@ Result<Rates> PlanRates(const PlayOptions& options, const StreamFacts& facts, co
 ParametricSettings ShapeFor(const PlayOptions& options, std::uint64_t batch) {
   ParametricSettings shape{};
   if (options.jitter) {
-    shape.JitterEnabled = 1;
+    shape.JitterEnabled = IPPLAYOUT_ON;
     shape.JitterPeriod = options.jitter->amount;
     shape.JitterDistributionType = options.jitter->distribution;
   }
   if (options.burst) {
-    shape.BurstMode = 1;
-    shape.BurstValueType = 1;
+    shape.BurstMode = IPPLAYOUT_ON;
+    shape.BurstValueType = IPPLAYOUT_BURST_BY_SIZE;
     shape.BurstSize = static_cast<std::uint32_t>(batch);
   }
   return shape;

@@ -14,28 +14,28 @@ IPPlayParams ParamsFor(const PlayOptions& options, const Path& path, const Decis
   IPPlayParams params{};
   params.DeviceIndex = path.adapter.index;
   path.adapter.description.copy(params.DeviceName, IPPLAYOUT_NAME_SIZE - 1);
-  params.IPLayerVersion = options.to.address.is_v6 ? 1 : 0;
-  params.ProtocolMode = options.to.rtp ? 1 : 0;
+  params.IPLayerVersion = options.to.address.is_v6 ? IPPLAYOUT_IPV6 : IPPLAYOUT_IPV4;
+  params.ProtocolMode = options.to.rtp ? IPPLAYOUT_RTP : IPPLAYOUT_UDP;
   params.ReplicationCount = static_cast<std::int32_t>(options.copies - 1);
   params.ProtocolHeadersSettings = decided.headers.settings;
   params.ProtocolHeadersIncrements = decided.headers.increments;
-  params.PacketSizeMode = sizes.to_the_byte ? 0 : 1;
+  params.PacketSizeMode = sizes.to_the_byte ? IPPLAYOUT_SIZE_BYTES : IPPLAYOUT_SIZE_TS_PACKETS;
   params.TSPacketCount = sizes.to_the_byte ? 0 : sizes.payload_bytes / decided.format.packet_bytes;
-  params.TSFragmentation = sizes.to_the_byte ? 1 : 0;
+  params.TSFragmentation = sizes.to_the_byte ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
   params.IPPacketSize = decided.rates.rtp_step_bytes;
-  params.IPFragmentation = sizes.dont_fragment ? 0 : 1;
+  params.IPFragmentation = sizes.dont_fragment ? IPPLAYOUT_DONT_FRAGMENT : IPPLAYOUT_MAY_FRAGMENT;
   return params;
 }
 
 ErrorInsertion ErrorsFor(const PlayOptions& options) {
   ErrorInsertion errors{};
   if (options.lose) {
-    errors.PacketLossEnabled = 1;
+    errors.PacketLossEnabled = IPPLAYOUT_ON;
     errors.NumPacketLoss = options.lose->count;
     errors.PacketLossRange = options.lose->range;
   }
   if (options.delay) {
-    errors.SequenceErrorEnabled = 1;
+    errors.SequenceErrorEnabled = IPPLAYOUT_ON;
     errors.NumSequenceError = options.delay->errors.count;
     errors.SequenceErrorRange = options.delay->errors.range;
     errors.SequenceErrorDistance = options.delay->distance;
@@ -43,13 +43,15 @@ ErrorInsertion ErrorsFor(const PlayOptions& options) {
   const auto& checksum =
       options.bad_ip_checksum ? options.bad_ip_checksum : options.bad_udp_checksum;
   if (checksum) {
-    errors.ChecksumErrorEnabled = 1;
-    errors.ChecksumErrorType = options.bad_ip_checksum ? 0 : 1;
+    errors.ChecksumErrorEnabled = IPPLAYOUT_ON;
+    errors.ChecksumErrorType =
+        options.bad_ip_checksum ? IPPLAYOUT_CHECKSUM_IP : IPPLAYOUT_CHECKSUM_UDP;
     errors.NumChecksumError = checksum->count;
     errors.ChecksumErrorRange = checksum->range;
   }
-  errors.RandomizeErrors = options.random ? 1 : 0;
-  errors.ErrInsertionEnable = options.lose || options.delay || checksum ? 1 : 0;
+  errors.RandomizeErrors = options.random ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
+  errors.ErrInsertionEnable =
+      options.lose || options.delay || checksum ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
   return errors;
 }
 
@@ -60,7 +62,7 @@ void StartNearWraps(const PlayOptions& options, const Decisions& decided,
                            decided.sizes.payload_bytes;
   const auto before = static_cast<std::uint32_t>(std::clamp(std::ceil(datagrams), 1.0, 65535.0));
   if (!options.sequence) {
-    headers.RTPHeaderSettings.RandomSequenceNumber = 0;
+    headers.RTPHeaderSettings.RandomSequenceNumber = IPPLAYOUT_OFF;
     headers.RTPHeaderSettings.SequenceNumber = 65536 - before;
   }
   if (!options.identification && !options.to.address.is_v6) {

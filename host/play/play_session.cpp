@@ -352,7 +352,7 @@ void PlaySession::WarnOfInput() {
 }
 
 std::uint64_t PlaySession::CountUnsent() const {
-  SentInBatches run{.batch = plan_.batch, .frame_bytes = plan_.frame_bytes};
+  SentInBatches run{.batch = plan_.rates.batch, .frame_bytes = plan_.sizes.frame_bytes};
   const PlayoutStatistics counters = Counters();
   if (failed_) {
     run.frames = 0;  // the batch that failed was a full one; how many are lost with it is not known

@@ -8,6 +8,7 @@
 
 #include "host/base/numbers.h"
 #include "host/base/units.h"
+#include "ipplayout/ipplayout.h"
 
 namespace ipplay {
 namespace {
@@ -63,15 +64,19 @@ constexpr std::array<Named<StepKind>, 14> kSteps{{
     {"ssrc", {StepField::kSsrc, StepForm::kNumber, kMaxU32}},
 }};
 
-constexpr std::array<Named<std::uint32_t>, 6> kPriorities{{{"idle", 0},
-                                                           {"below-normal", 1},
-                                                           {"normal", 2},
-                                                           {"above-normal", 3},
-                                                           {"highest", 4},
-                                                           {"time-critical", 5}}};
+constexpr std::array<Named<std::uint32_t>, 6> kPriorities{
+    {{"idle", IPPLAYOUT_PRIORITY_IDLE},
+     {"below-normal", IPPLAYOUT_PRIORITY_BELOW_NORMAL},
+     {"normal", IPPLAYOUT_PRIORITY_NORMAL},
+     {"above-normal", IPPLAYOUT_PRIORITY_ABOVE_NORMAL},
+     {"highest", IPPLAYOUT_PRIORITY_HIGHEST},
+     {"time-critical", IPPLAYOUT_PRIORITY_TIME_CRITICAL}}};
 
 constexpr std::array<Named<std::uint32_t>, 4> kDistributions{
-    {{"square", 0}, {"gaussian", 1}, {"squared-difference", 2}, {"sine", 3}}};
+    {{"square", IPPLAYOUT_JITTER_SQUARE},
+     {"gaussian", IPPLAYOUT_JITTER_GAUSSIAN},
+     {"squared-difference", IPPLAYOUT_JITTER_SQUARED_DIFFERENCE},
+     {"sine", IPPLAYOUT_JITTER_SINE}}};
 
 constexpr std::array<Named<ActionKind>, 7> kActions{
     {{"lose", ActionKind::kLose},
@@ -143,7 +148,7 @@ std::optional<Jitter> ParseJitter(std::string_view text) {
   if (!distribution) {
     return std::nullopt;
   }
-  if (*distribution == 0) {
+  if (*distribution == IPPLAYOUT_JITTER_SQUARE) {
     const auto peak = ParseDuration(parts->second);
     if (!peak || peak->count() <= 0 || *peak > std::chrono::seconds(10)) {
       return std::nullopt;

@@ -22,9 +22,9 @@ StatusMeter::StatusMeter(const PlayPlan& plan)
       round_bytes_(plan.rounds.round_bytes),
       stream_rate_(plan.rates.stream),
       share_sent_(plan.rates.share_sent),
-      datagrams_per_burst_(plan.settings.shape.BurstMode == 1 ? plan.rates.batch / plan.copies
-                                                              : 1) {
-  const bool is_tts = plan.settings.tts.TTSEnabled == 1;
+      datagrams_per_burst_(
+          plan.settings.shape.BurstMode == IPPLAYOUT_ON ? plan.rates.batch / plan.copies : 1) {
+  const bool is_tts = plan.settings.tts.TTSEnabled == IPPLAYOUT_ON;
   input_bytes_per_ts_byte_ = is_tts ? 192.0 / 188 : 1;
   ts_bytes_per_datagram_ = plan.sizes.payload_bytes / input_bytes_per_ts_byte_;
 }
