@@ -2,13 +2,13 @@
 #include "host/library/short_sends.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <string>
+
+#include "host/base/memory_file.h"
 
 namespace ipplay {
 namespace {
@@ -16,19 +16,9 @@ namespace {
 // The library counts a header of its own with each frame.
 constexpr std::uint64_t kQueueHeaderBytes = 16;
 
-std::string ReadAll(int file) {
-  std::string text;
-  std::array<char, 4096> piece;
-  for (ssize_t size = 0;
-       (size = ::pread(file, piece.data(), piece.size(), static_cast<off_t>(text.size()))) > 0;) {
-    text.append(piece.data(), static_cast<std::size_t>(size));
-  }
-  return text;
-}
-
 }  // namespace
 
-ShortSends::ShortSends() : kept_(::memfd_create("messages of the library", MFD_CLOEXEC)) {
+ShortSends::ShortSends() : kept_(CreateMemoryFile("messages of the library", OnExec::kClose)) {
   std::fflush(stdout);
   saved_ = FileDescriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
   if (kept_.IsOpen() && saved_.IsOpen()) {
@@ -45,7 +35,7 @@ ShortSends::~ShortSends() {
 
 std::vector<std::uint64_t> ShortSends::Read() const {
   std::fflush(stdout);
-  const std::string text = kept_.IsOpen() ? ReadAll(kept_.Get()) : std::string();
+  const std::string text = ReadWhole(kept_);
   std::vector<std::uint64_t> sends;
   const std::string message = "An error occurred sending the packets:  Only ";
   for (std::size_t at = text.find(message); at != std::string::npos;

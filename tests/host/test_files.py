@@ -87,7 +87,7 @@ class Written(FileCase):
                     ("link", lay_link, USAGE, "it is a link", {}),
                     ("dangling link", lambda: os.symlink("nowhere", self.file), USAGE, "it is a link", {}),
                     ("folder", lambda: os.mkdir(self.file), USAGE, "not a regular file", {}),
-                    ("somebody else's FIFO", lay_foreign_fifo, USAGE, "somebody else's", {}),
+                    ("somebody else's FIFO", lay_foreign_fifo, USAGE, "another user's", {}),
                     ("no room", lay_old, FAILED, "File too large", {"limit": 100})):
                 with self.subTest(option=option, name=name):
                     lay()
