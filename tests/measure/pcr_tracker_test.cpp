@@ -3,6 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "ts_builder.h"
+
 namespace ipplay::measure {
 namespace {
 
@@ -37,7 +45,7 @@ TEST(PcrTracker, TellsWhatIsWrong) {
       {"a datagram 50 us late", [](auto i, auto& s) { s.arrival_ns += i == 150 ? 50'000 : 0; }, 0,
        50'000, 0, 0, 50},
       {"a clock 30 ppm slow", [](auto, auto& s) { s.arrival_ns += s.arrival_ns * 30 / 1'000'000; },
-       0, 0, 30, 0, 5},
+       0, 0, -30, 0, 5},
       {"packets of a datagram that arrived together",
        [](auto i, auto& s) {
          // In turn the first and the sixth packet of their datagrams, 940 bytes apart.
@@ -70,12 +78,12 @@ TEST(PcrTracker, TellsWhatIsWrong) {
       c.change(i, sample);
       tracker.Add(sample);
     }
-    EXPECT_NEAR(tracker.AccuracySpread(), c.accuracy_ns, 0.1);
-    EXPECT_NEAR(tracker.ArrivalSpread(), c.arrival_ns, c.tolerance_ns);
-    EXPECT_NEAR(tracker.FrequencyOffsetPpm(), c.offset_ppm, 0.01);
+    EXPECT_NEAR(tracker.AccuracySpread().value(), c.accuracy_ns, 0.1);
+    EXPECT_NEAR(tracker.ArrivalSpread().value(), c.arrival_ns, c.tolerance_ns);
+    EXPECT_NEAR(tracker.FrequencyOffsetPpm().value(), c.offset_ppm, 0.01);
     EXPECT_EQ(tracker.DiscontinuityErrors(), c.discontinuities);
     EXPECT_EQ(tracker.RepetitionErrors(), 0U);
-    EXPECT_NEAR(tracker.BitRate(), 10e6, 5);
+    EXPECT_NEAR(tracker.BitRate().value(), 10e6, 5);
   }
 }
 
@@ -89,6 +97,126 @@ TEST(PcrTracker, CountsRareOnes) {
   standing.pcr = Sample(6).pcr;
   tracker.Add(standing);
   EXPECT_EQ(tracker.DiscontinuityErrors(), 1U);
+}
+
+TEST(PcrTracker, FitsTheRateThatSuitsTheClockBest) {
+  // Errors of up to 13 ticks (481 ns) either way: what is compliant must not look otherwise.
+  for (unsigned seed = 0; seed < 8; ++seed) {
+    std::mt19937 random(seed);
+    PcrTracker tracker;
+    int low = 0;
+    int high = 0;
+    for (std::uint64_t i = 0; i < 300; ++i) {
+      const int error = static_cast<int>(random() % 27) - 13;
+      low = std::min(low, error);
+      high = std::max(high, error);
+      PcrSample sample = Sample(i, 100);
+      sample.pcr += static_cast<std::uint64_t>(error);
+      tracker.Add(sample);
+    }
+    const double truth = (high - low) * 1000 / 27.0;
+    EXPECT_LE(tracker.AccuracySpread().value(), truth + 0.01);
+    EXPECT_GE(tracker.AccuracySpread().value(), truth * 0.96);
+    tracker.Finish();
+    EXPECT_EQ(tracker.AccuracyErrors(), 0U);
+  }
+}
+
+// Peak to peak of arrivals against PCRs, a line of least squares taken off.
+double SpreadOf(const std::vector<double>& x, const std::vector<double>& y) {
+  double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    n += 1, sx += x[i], sy += y[i], sxx += x[i] * x[i], sxy += x[i] * y[i];
+  }
+  const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);
+  double low = INFINITY;
+  double high = -INFINITY;
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    low = std::min(low, y[i] - slope * x[i]);
+    high = std::max(high, y[i] - slope * x[i]);
+  }
+  return high - low;
+}
+
+// Up to 30 ms.
+std::int64_t Scattered(int datagram) {
+  return std::int64_t{datagram} * datagram * 7919 % 30'011 * 1000;
+}
+
+TEST(PcrTracker, MeasuresArrivalAcrossLossAndDisorder) {
+  const struct {
+    const char* name;
+    std::function<std::int64_t(int)> delay_ns;
+    std::function<bool(int)> lose;
+    double clock = 1;
+    bool accuracy = true;  // can be measured
+  } cases[] = {
+      {"slow jitter", [](int d) { return 25'000'000 + std::llround(25e6 * std::sin(d * 0.003)); },
+       [](int) { return false; }},
+      {"the same with loss",
+       [](int d) { return 25'000'000 + std::llround(25e6 * std::sin(d * 0.003)); },
+       [](int d) { return d % 20 == 7; }, 1, false},
+      {"every seventh datagram up to 30 ms late",
+       [](int d) { return d % 7 == 0 ? Scattered(d) : 0; }, [](int) { return false; }, 1, false},
+      {"every datagram up to 30 ms late", Scattered, [](int) { return false; }, 1, false},
+      {"three seconds lost", [](int d) { return d % 1000 * 5000; },
+       [](int d) { return d > 3000 && d < 6000; }},
+      {"a clock 30 ppm fast", [](int) { return 0; }, [](int) { return false; }, 1 + 30e-6},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    testing::TsRun run{
+        .slots = testing::GoodSlots(), .lose = c.lose, .delay_ns = c.delay_ns, .clock = c.clock};
+    run.slots.push_back({.pid = 0x101, .every = 7, .phase = 6});
+    TsAnalysis analysis;
+    Play(run, analysis);
+    std::vector<double> x;
+    std::vector<double> y;
+    for (int i = 2; i < testing::kTenSeconds; i += 210) {
+      if (c.lose(i / 7)) {
+        continue;
+      }
+      // The datagram's first byte by the clock, and the delay that it met.
+      const std::int64_t sent_ns = i / 7 * 7 * testing::kPacketNs;
+      x.push_back(static_cast<double>(sent_ns) * c.clock);
+      y.push_back(static_cast<double>(sent_ns + c.delay_ns(i / 7)) - x.back());
+    }
+    const PcrTracker& clock = *analysis.ReferenceClock();
+    EXPECT_NEAR(clock.ArrivalSpread().value(), SpreadOf(x, y), 0.003 * SpreadOf(x, y) + 100);
+    EXPECT_EQ(clock.AccuracySpread().has_value(), c.accuracy);
+    if (c.clock != 1) {
+      EXPECT_NEAR(clock.FrequencyOffsetPpm().value(), 30, 0.01);
+    }
+  }
+}
+
+TEST(PcrTracker, TellsLateAndRepeatedOnesFromJumps) {
+  // The numbers of the PCRs as they come.
+  const struct {
+    std::vector<std::uint64_t> numbers;
+    std::uint64_t discontinuities, late, repeated;
+  } cases[] = {{{0, 1, 3, 2, 4, 5}, 0, 1, 0},
+               {{0, 1, 2, 2, 3, 4}, 0, 0, 1},
+               {{40, 41, 42, 10, 11, 12}, 1, 0, 0}};
+  for (const auto& c : cases) {
+    PcrTracker tracker;
+    for (const std::uint64_t number : c.numbers) {
+      tracker.Add(Sample(number));
+    }
+    tracker.Finish();
+    EXPECT_EQ(tracker.DiscontinuityErrors(), c.discontinuities);
+    EXPECT_EQ(tracker.Late(), c.late);
+    EXPECT_EQ(tracker.Repeated(), c.repeated);
+  }
+}
+
+TEST(PcrTracker, SaysNothingOfWhatWasNotMeasured) {
+  PcrTracker tracker;
+  tracker.Add(Sample(0));
+  tracker.Add(Sample(1));
+  EXPECT_FALSE(tracker.AccuracySpread());
+  EXPECT_FALSE(tracker.ArrivalSpread());
+  EXPECT_FALSE(tracker.FrequencyOffsetPpm());
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "frame_builder.h"
+#include "ts_builder.h"
 
 namespace ipplay::measure {
 namespace {
@@ -36,7 +36,8 @@ TEST(TsAnalysis, JudgesContinuityCounters) {
       {"one missing", {0, 1, 2, 3, 4, 5, 7, 8}, 1, 1},
       {"three missing over the wrap", {10, 11, 12, 13, 14, 2, 3}, 1, 3},
       {"sent twice", {0, 1, 2, 3, 4, 5, 5, 6}, 0, 0},
-      {"sent three times", {0, 1, 2, 3, 4, 5, 5, 5, 6}, 1, 15},
+      {"sent three times", {0, 1, 2, 3, 4, 5, 5, 5, 6}, 1, 0},
+      {"two datagrams swapped", {0, 1, 2, 3, 4, 8, 9, 10, 5, 6, 7, 11}, 1, 0},
       {"announced jump", {0, 1, 2, 3, 4, 5, 11, 12}, 0, 0, {.discontinuity = true}},
       {"no payload, no step", {0, 1, 2, 3, 4, 5, 5, 6}, 0, 0, {.has_payload = false}},
       {"no payload, but a step", {0, 1, 2, 3, 4, 5, 6, 7}, 1, 1, {.has_payload = false}},
@@ -55,68 +56,11 @@ TEST(TsAnalysis, JudgesContinuityCounters) {
     Feed(analysis, packets);
     EXPECT_EQ(analysis.Counters().packets, c.counters.size());
     EXPECT_EQ(analysis.Counters().continuity_errors, c.errors);
-    EXPECT_EQ(analysis.Counters().missing_packets, c.missing);
+    EXPECT_EQ(analysis.MissingPackets(), c.missing);
     EXPECT_EQ(analysis.Counters().null_packets, c.seventh.pid == 0x1FFF ? 1U : 0U);
     EXPECT_EQ(analysis.Counters().transport_errors, c.seventh.error ? 1U : 0U);
     EXPECT_EQ(analysis.Pids().size(), c.seventh.pid == 0x101 ? 2U : 1U);
   }
-}
-
-// PAT with programme 1 on PID 0x1000, from an encoder: the check bytes are not our own.
-const Bytes kPat = FromHex("00 00b00d0001c100000001f0002ab104b2");
-
-TEST(TsAnalysis, WatchesTheTablesIntervals) {
-  // A packet every 10 ms; PATs 0.4 s apart, and then one 0.6 s after the last.
-  std::vector<TsFields> packets;
-  for (int i = 0; i < 200; ++i) {
-    TsFields fields{.counter = static_cast<std::uint8_t>(i & 15)};
-    if (i == 0 || i == 40 || i == 80 || i == 140) {
-      fields = {
-          .pid = 0, .counter = static_cast<std::uint8_t>(i / 40), .start = true, .payload = kPat};
-      if (i == 140) {
-        fields.counter = 3;
-      }
-    }
-    packets.push_back(fields);
-  }
-  TsAnalysis analysis;
-  Feed(analysis, packets, 10 * kMs);
-  EXPECT_EQ(analysis.Counters().pat_errors, 1U);
-  EXPECT_EQ(analysis.Counters().crc_errors, 0U);
-  analysis.Finish(0);
-  EXPECT_EQ(analysis.Counters().pat_errors, 2U);  // none in the last 0.59 s
-  EXPECT_EQ(analysis.Counters().pmt_errors, 1U);  // never came, so the PAT was understood
-}
-
-TEST(TsAnalysis, CountsDamagedTablesAndForeignOnes) {
-  Bytes damaged = kPat;
-  damaged[9] ^= 1;
-  Bytes foreign = kPat;
-  foreign[1] = 0x42;
-  foreign.resize(8);  // goes on in the next packet: nothing to check
-  foreign[2] = 0xB3;
-  std::vector<TsFields> packets{{.counter = 0}, {.counter = 1}, {.counter = 2}, {.counter = 3}};
-  packets.push_back({.pid = 0, .counter = 0, .start = true, .payload = damaged});
-  packets.push_back({.pid = 0, .counter = 1, .start = true, .payload = foreign});
-  TsAnalysis analysis;
-  Feed(analysis, packets);
-  EXPECT_EQ(analysis.Counters().crc_errors, 1U);
-  EXPECT_EQ(analysis.Counters().pat_errors, 1U);
-}
-
-TEST(TsAnalysis, WatchesPresentationTimeStamps) {
-  // A PES header with a PTS every 0.5 s, but for one 0.8 s after the one before.
-  const Bytes pes = FromHex("000001 e0 0000 80 80 05 2100010001");
-  std::vector<TsFields> packets;
-  for (int i = 0; i < 25; ++i) {
-    const bool start = i == 0 || i == 5 || i == 10 || i == 18 || i == 23;
-    packets.push_back({.counter = static_cast<std::uint8_t>(i & 15),
-                       .start = start,
-                       .payload = start ? pes : Bytes{}});
-  }
-  TsAnalysis analysis;
-  Feed(analysis, packets, 100 * kMs);
-  EXPECT_EQ(analysis.Counters().pts_errors, 1U);
 }
 
 TEST(TsAnalysis, ReadsThePcr) {
@@ -137,7 +81,49 @@ TEST(TsAnalysis, ReadsThePcr) {
   ASSERT_NE(clock, nullptr);
   EXPECT_EQ(clock->Count(), 4U);
   EXPECT_EQ(clock->DiscontinuityErrors(), 0U);
-  EXPECT_NEAR(clock->BitRate(), 188 * 8 * 1000, 0.1);
+  EXPECT_NEAR(clock->BitRate().value(), 188 * 8 * 1000, 0.1);
+}
+
+TEST(TsAnalysis, KnowsEveryPidThereMayBe) {
+  // All but the null packets' PID, three packets each; the last of the last one's is out of order.
+  Bytes stream;
+  for (int round = 0; round < 3; ++round) {
+    for (int pid = 0x20; pid < 0x1FFF; ++pid) {
+      const bool wrong = round == 2 && pid == 0x1FFE;
+      const Bytes packet = TsPacketBytes({.pid = static_cast<std::uint16_t>(pid),
+                                          .counter = static_cast<std::uint8_t>(round + wrong)});
+      stream.insert(stream.end(), packet.begin(), packet.end());
+    }
+  }
+  TsAnalysis analysis;
+  analysis.Add(stream, 0, false);
+  EXPECT_EQ(analysis.Pids().size(), 8191U - 32);
+  EXPECT_EQ(analysis.Counters().continuity_errors, 1U);
+  EXPECT_EQ(analysis.Pids().back().continuity_errors, 1U);
+}
+
+// 3,000 datagrams, with a PCR in every 30th and packets of an audio PID in each.
+TEST(TsAnalysis, EstimatesLossByThePcrs) {
+  const struct {
+    const char* name;
+    std::function<bool(int)> lose;
+    std::uint64_t missing;
+  } cases[] = {
+      {"none", [](int) { return false; }, 0},
+      {"one datagram", [](int d) { return d == 1000; }, 7},
+      {"sixteen datagrams, after which the counters stand as before",
+       [](int d) { return d >= 1000 && d < 1016; }, 112},
+      {"a second", [](int d) { return d >= 1000 && d < 2000; }, 7000},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    testing::TsRun run{.slots = testing::GoodSlots(), .packets = 21'000, .lose = c.lose};
+    run.slots.push_back({.pid = 0x101, .every = 7, .phase = 6});
+    TsAnalysis analysis;
+    Play(run, analysis);
+    EXPECT_EQ(analysis.MissingPacketsByPcr(), c.missing);
+    EXPECT_NEAR(analysis.PcrRateBps().value(), 188 * 8 / 144e-6, 0.1);
+  }
 }
 
 }  // namespace

@@ -37,6 +37,9 @@ Found PushAll(TsFramer& framer, const Bytes& stream, std::size_t piece) {
   for (std::size_t at = 0; at < stream.size(); at += piece) {
     const auto payload = std::span(stream).subspan(at, std::min(piece, stream.size() - at));
     framer.Push(payload, [&](TsPacket packet, std::ptrdiff_t offset) {
+      if (packet[0] != 0x47) {
+        return;
+      }
       found.numbers.push_back(packet[3]);
       found.places.push_back(at + static_cast<std::size_t>(offset));
     });

@@ -2,6 +2,7 @@
 #include "host/measure/figures/line_extent.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 
 namespace ipplay::measure {
@@ -77,16 +78,47 @@ LineExtent::Range LineExtent::Deviation(double slope) const {
   if (IsEmpty()) {
     return range;
   }
-  const auto distance = [&](const Point& p) {
-    return static_cast<double>(p.y - origin_.y) - slope * static_cast<double>(p.x - origin_.x);
-  };
   for (const Point& p : upper_) {
-    range.high = std::max(range.high, distance(p));
+    range.high = std::max(range.high, Above(p, slope));
   }
   for (const Point& p : lower_) {
-    range.low = std::min(range.low, distance(p));
+    range.low = std::min(range.low, Above(p, slope));
   }
   return range;
+}
+
+double LineExtent::Above(const Point& point, double slope) const {
+  return static_cast<double>(point.y - origin_.y) -
+         slope * static_cast<double>(point.x - origin_.x);
+}
+
+double LineExtent::SmallestSpread() const {
+  // The width is convex over the slope, and grows with it where the point that touches the upper
+  // line lies before the one that touches the lower.
+  const auto below = [&](double slope) {
+    const auto less = [&](const Point& a, const Point& b) {
+      return Above(a, slope) < Above(b, slope);
+    };
+    return std::ranges::max_element(upper_, less)->x > std::ranges::min_element(lower_, less)->x;
+  };
+  double low = INFINITY;
+  double high = -INFINITY;
+  for (const auto* hull : {&upper_, &lower_}) {
+    for (std::size_t i = 1; i < hull->size(); ++i) {
+      const double slope = static_cast<double>((*hull)[i].y - (*hull)[i - 1].y) /
+                           static_cast<double>((*hull)[i].x - (*hull)[i - 1].x);
+      low = std::min(low, slope);
+      high = std::max(high, slope);
+    }
+  }
+  if (low > high) {
+    return Deviation(0).Spread();  // no edge: all points stand above one another
+  }
+  for (int i = 0; i < 64 && low < high; ++i) {
+    const double middle = low + (high - low) / 2;
+    (below(middle) ? low : high) = middle;
+  }
+  return std::min(Deviation(low).Spread(), Deviation(high).Spread());
 }
 
 }  // namespace ipplay::measure

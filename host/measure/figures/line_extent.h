@@ -28,6 +28,8 @@ class LineExtent {
 
   // Smallest and largest y - y0 - slope * (x - x0) over all points, (x0, y0) being the first one.
   Range Deviation(double slope) const;
+  // Width of the narrowest band, upright, between two parallel lines that holds all points.
+  double SmallestSpread() const;
 
  private:
   struct Point {
@@ -38,6 +40,7 @@ class LineExtent {
   template <int kSide>
   static void Extend(std::vector<Point>& hull, Point point);
   static void Thin(std::vector<Point>& hull);
+  double Above(const Point& point, double slope) const;
 
   Point origin_{};
   std::vector<Point> upper_;

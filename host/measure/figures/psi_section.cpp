@@ -2,16 +2,16 @@
 #include "host/measure/figures/psi_section.h"
 
 #include <array>
-#include <cstddef>
 
 #include "host/base/byte_order.h"
 
 namespace ipplay::measure {
 namespace {
 
-constexpr std::size_t kLengthEnd = 3;  // bytes up to and including section_length
-constexpr std::size_t kPatHeader = 8;  // bytes before the first program
+constexpr std::size_t kLongHeader = 8;  // with section_syntax_indicator
 constexpr std::size_t kCrcLength = 4;
+constexpr std::uint8_t kTableTimeOffset =
+    0x73;  // the short one with check bytes, EN 300 468, 5.2.6
 
 constexpr std::array<std::uint32_t, 256> MakeCrcTable() {
   std::array<std::uint32_t, 256> table{};
@@ -28,20 +28,8 @@ constexpr auto kCrcTable = MakeCrcTable();
 
 }  // namespace
 
-std::optional<PsiSection> FirstSection(std::span<const std::uint8_t> payload) {
-  if (payload.empty()) {
-    return std::nullopt;
-  }
-  const std::size_t start = std::size_t{1} + payload[0];
-  if (payload.size() < start + kLengthEnd) {
-    return std::nullopt;
-  }
-  const auto section = payload.subspan(start);
-  const std::size_t length = kLengthEnd + (LoadBe16(&section[1]) & 0x0FFFU);
-  if (length > section.size()) {
-    return PsiSection{section[0], {}};
-  }
-  return PsiSection{section[0], section.first(length)};
+std::size_t SectionAssembler::LengthOf(Section section) {
+  return section.size() < kLengthEnd ? SIZE_MAX : kLengthEnd + (LoadBe16(&section[1]) & 0x0FFFU);
 }
 
 std::uint32_t MpegCrc32(std::span<const std::uint8_t> bytes) {
@@ -52,15 +40,15 @@ std::uint32_t MpegCrc32(std::span<const std::uint8_t> bytes) {
   return crc;
 }
 
-std::vector<std::uint16_t> ProgramMapPids(std::span<const std::uint8_t> section) {
-  std::vector<std::uint16_t> pids;
-  for (std::size_t at = kPatHeader; at + 4 + kCrcLength <= section.size(); at += 4) {
-    const bool is_network = LoadBe16(&section[at]) == 0;
-    if (!is_network) {
-      pids.push_back(LoadBe16(&section[at + 2]) & 0x1FFF);
-    }
+bool IsIntact(Section section) {
+  if (section.size() < 3 || section.size() != 3U + (LoadBe16(&section[1]) & 0x0FFFU)) {
+    return false;
   }
-  return pids;
+  const bool is_long = (section[1] & 0x80) != 0;
+  if (is_long && section.size() < kLongHeader + kCrcLength) {
+    return false;
+  }
+  return !(is_long || section[0] == kTableTimeOffset) || MpegCrc32(section) == 0;
 }
 
 }  // namespace ipplay::measure

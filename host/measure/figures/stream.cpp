@@ -90,6 +90,7 @@ Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool kee
   }
   if (settings.analyse_ts) {
     ts_ = std::make_unique<TsAnalysis>();
+    ts_->ReportTo(events.sink, events.stream);
   }
   if (settings.expected != nullptr) {
     compare_ = std::make_unique<PayloadCompare>(settings.expected);
@@ -218,7 +219,9 @@ void Stream::StateMediaRate() {
   }
   stated_at_pcr_ = clock->Count();
   if (const std::optional<double> rate = clock->BitRate(); rate && *rate > 0) {
-    mdi_.StateRate(*rate / 8e9);
+    // Time stamps and check bytes around the packets drain, too.
+    const auto length = static_cast<double>(ts_->Framer().PacketLength());
+    mdi_.StateRate(*rate / 8e9 * length / kTsPacketLength);
   }
 }
 

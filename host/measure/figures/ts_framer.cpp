@@ -25,10 +25,10 @@ bool HasSyncBytes(std::span<const std::uint8_t> bytes, std::size_t start, const 
 
 }  // namespace
 
-bool TsFramer::CheckSync(std::uint8_t byte) {
+void TsFramer::CheckSync(std::uint8_t byte) {
   if (byte == kTsSyncByte) {
     wrong_in_a_row_ = 0;
-    return true;
+    return;
   }
   ++sync_byte_errors_;
   if (++wrong_in_a_row_ == kErrorsToLoseSync) {
@@ -36,7 +36,6 @@ bool TsFramer::CheckSync(std::uint8_t byte) {
     stride_ = 0;
     wrong_in_a_row_ = 0;
   }
-  return false;
 }
 
 bool TsFramer::FindSync() {

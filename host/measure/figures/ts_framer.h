@@ -9,12 +9,9 @@
 #include <span>
 #include <vector>
 
+#include "host/measure/figures/ts_packet.h"
+
 namespace ipplay::measure {
-
-inline constexpr std::size_t kTsPacketLength = 188;
-inline constexpr std::uint8_t kTsSyncByte = 0x47;
-
-using TsPacket = std::span<const std::uint8_t, kTsPacketLength>;
 
 class TsFramer {
  public:
@@ -26,7 +23,7 @@ class TsFramer {
 
   // Calls on_packet(TsPacket, offset) for every packet that `payload` completes. The offset is the
   // packet's place relative to the payload's first byte, negative when it began in an earlier one.
-  // A packet with a wrong sync byte is counted and not handed on.
+  // A packet with a wrong sync byte is counted and handed on with it, for whatever it is.
   template <typename OnPacket>
   void Push(std::span<const std::uint8_t> payload, OnPacket&& on_packet);
 
@@ -45,7 +42,7 @@ class TsFramer {
   template <typename OnPacket>
   std::size_t TakePackets(std::span<const std::uint8_t> bytes, std::ptrdiff_t offset,
                           OnPacket&& on_packet);
-  bool CheckSync(std::uint8_t byte);
+  void CheckSync(std::uint8_t byte);
   // Looks for packets in what has been kept, and drops what can no longer begin one.
   bool FindSync();
 
@@ -65,10 +62,12 @@ std::size_t TsFramer::TakePackets(std::span<const std::uint8_t> bytes, std::ptrd
   std::size_t at = 0;
   while (IsSynced() && bytes.size() - at >= stride_) {
     const std::size_t sync = at + sync_at_;
-    if (CheckSync(bytes[sync])) {
-      on_packet(TsPacket(bytes.subspan(sync).first<kTsPacketLength>()),
-                offset + static_cast<std::ptrdiff_t>(sync));
+    CheckSync(bytes[sync]);
+    if (!IsSynced()) {
+      break;  // it is no packet, perhaps, and is searched again
     }
+    on_packet(TsPacket(bytes.subspan(sync).first<kTsPacketLength>()),
+              offset + static_cast<std::ptrdiff_t>(sync));
     at += stride_;
   }
   return at;

@@ -75,16 +75,116 @@ Json ToJson(const MdiFigures& mdi) {
           {"loss_rate_packets", {{"mean", mdi.loss_rate_mean}, {"max", mdi.loss_rate_max}}}};
 }
 
+void Put(Json& json, const char* name, const std::optional<double>& value) {
+  if (value) {
+    json[name] = *value;
+  }
+}
+
+// Nothing where nothing was measured.
+void Put(Json& json, const std::string& prefix, const IntervalFigures& interval) {
+  if (interval.count > 0) {
+    json[prefix + "min_ns"] = interval.min_ns;
+    json[prefix + "mean_ns"] = interval.MeanNs();
+    json[prefix + "max_ns"] = interval.max_ns;
+  }
+}
+
 Json ToJson(const PcrFigures& pcr) {
-  return {{"count", pcr.count},
-          {"interval_mean_ns", pcr.interval_mean},
-          {"interval_max_ns", pcr.interval_max},
-          {"repetition_errors", pcr.repetition_errors},
-          {"discontinuity_errors", pcr.discontinuity_errors},
-          {"accuracy_peak_to_peak_ns", pcr.accuracy_spread},
-          {"arrival_peak_to_peak_ns", pcr.arrival_spread},
-          {"frequency_offset_ppm", pcr.frequency_offset_ppm},
-          {"rate_bps", pcr.bit_rate}};
+  Json json{{"count", pcr.count}};
+  Put(json, "interval_", pcr.interval);
+  json["repetition_errors"] = pcr.repetition_errors;
+  json["discontinuity_errors"] = pcr.discontinuity_errors;
+  json["accuracy_errors"] = pcr.accuracy_errors;
+  json["late"] = pcr.late;
+  Put(json, "accuracy_peak_to_peak_ns", pcr.accuracy_spread);
+  Put(json, "arrival_peak_to_peak_ns", pcr.arrival_spread);
+  Put(json, "frequency_offset_ppm", pcr.frequency_offset_ppm);
+  Put(json, "rate_bps", pcr.bit_rate);
+  return json;
+}
+
+Json ToJson(const IndicatorSummary& indicator) {
+  Json json{{"indicator", indicator.info->clause},
+            {"name", indicator.info->name},
+            {"priority", indicator.info->priority},
+            {"limit", indicator.info->limit},
+            {"measured", indicator.state.measured}};
+  if (indicator.state.measured) {
+    json["count"] = indicator.state.count;
+  }
+  if (indicator.state.count > 0) {
+    json["last_ns"] = indicator.state.last_ns;
+  }
+  return json;
+}
+
+Json ToJson(const TableSummary& table) {
+  Json json{{"pid", table.key.pid}, {"table_id", table.key.table_id}};
+  if (table.key.table_id == kTablePmt) {
+    json["program"] = table.key.extension;
+  } else if (table.key.table_id == kTableEitActual) {
+    json["service"] = table.key.extension;
+    json["section"] = table.key.section;
+  }
+  json["sections"] = table.state.sections;
+  if (table.state.sections > 0) {
+    json["version"] = table.state.version;
+  }
+  if (table.state.limit_ns > 0) {
+    json["limit_ns"] = table.state.limit_ns;
+  }
+  Put(json, "interval_", table.state.intervals);
+  return json;
+}
+
+Json ToJson(const ServiceSummary& service) {
+  constexpr const char* kKinds[] = {"video", "audio", "subtitles", "data"};
+  Json json{{"number", service.number}};
+  if (!service.name.empty()) {
+    json["name"] = service.name;
+  }
+  if (!service.provider.empty()) {
+    json["provider"] = service.provider;
+  }
+  json["pmt_pid"] = service.tables.pmt_pid;
+  if (service.tables.pcr_pid != kNullPid) {
+    json["pcr_pid"] = service.tables.pcr_pid;
+  }
+  Put(json, "rate_bps", service.bit_rate);
+  Json& components = json["components"] = Json::array();
+  for (const Component& component : service.tables.components) {
+    Json entry{{"pid", component.pid},
+               {"stream_type", component.stream_type},
+               {"kind", kKinds[static_cast<std::size_t>(component.kind)]}};
+    if (*component.coding != 0) {
+      entry["coding"] = component.coding;
+    }
+    if (!component.language.empty()) {
+      entry["language"] = component.language;
+    }
+    components.push_back(std::move(entry));
+  }
+  return json;
+}
+
+Json ToJson(const PidSummary& pid) {
+  Json json{{"pid", pid.pid}, {"packets", pid.packets}};
+  Put(json, "rate_bps", pid.bit_rate);
+  json["continuity_errors"] = pid.continuity_errors;
+  if (pid.pcr) {
+    json["pcr"] = ToJson(*pid.pcr);
+  }
+  return json;
+}
+
+template <typename Value>
+Json ToArray(const std::vector<Value>& values) {
+  Json array = Json::array();
+  for (const Value& value : values) {
+    array.push_back(ToJson(value));
+  }
+  return array;
 }
 
 Json ToJson(const TsFigures& ts) {
@@ -96,26 +196,29 @@ Json ToJson(const TsFigures& ts) {
             {"sync_byte_errors", ts.sync_byte_errors},
             {"continuity_errors", counters.continuity_errors},
             {"missing_packets", counters.missing_packets},
+            {"late_packets", counters.late_packets},
             {"transport_errors", counters.transport_errors},
             {"pat_errors", counters.pat_errors},
             {"pmt_errors", counters.pmt_errors},
             {"crc_errors", counters.crc_errors},
             {"pts_errors", counters.pts_errors},
             {"scrambled_packets", counters.scrambled_packets}};
+  if (ts.missing_by_pcr) {
+    json["missing_packets_by_pcr"] = *ts.missing_by_pcr;
+  }
+  json["second_priority_errors"] = ts.second_priority_errors;
+  json["third_priority_errors"] = ts.third_priority_errors;
+  json["left_out"] = ts.left_out;
   if (ts.reference_pid) {
     json["reference_pcr_pid"] = *ts.reference_pid;
   }
-  Json& pids = json["pids"] = Json::array();
-  for (const PidSummary& pid : ts.pids) {
-    Json entry{{"pid", pid.pid},
-               {"packets", pid.packets},
-               {"rate_bps", pid.bit_rate},
-               {"continuity_errors", pid.continuity_errors}};
-    if (pid.pcr) {
-      entry["pcr"] = ToJson(*pid.pcr);
-    }
-    pids.push_back(std::move(entry));
+  if (ts.stream_id) {
+    json["transport_stream_id"] = *ts.stream_id;
   }
+  json["tr101290"] = ToArray(ts.indicators);
+  json["tables"] = ToArray(ts.tables);
+  json["services"] = ToArray(ts.services);
+  json["pids"] = ToArray(ts.pids);
   return json;
 }
 
@@ -200,6 +303,8 @@ Json ToJson(const TotalSummary& total) {
           {"rtcp_packets", total.rtcp_packets},
           {"untracked_frames", total.untracked_frames},
           {"ts_errors", total.ts_errors},
+          {"ts_second_priority_errors", total.ts_second_priority_errors},
+          {"ts_third_priority_errors", total.ts_third_priority_errors},
           {"different_datagrams", total.different_datagrams}};
 }
 

@@ -32,16 +32,32 @@ Value WorstRtp(const Summary& summary, OfRtp of_rtp) {
   return Worst(summary, [&](const StreamSummary& s) { return s.rtp ? of_rtp(*s.rtp) : Value(); });
 }
 
+// Over all clocks of all streams; nothing where any of them could not be measured.
 template <typename OfPcr>
 Value WorstPcr(const Summary& summary, OfPcr of_pcr) {
-  return Worst(summary, [&](const StreamSummary& s) {
-    const PcrFigures* pcr = s.ts ? s.ts->Reference() : nullptr;
-    return pcr != nullptr && pcr->count > 1 ? Value(of_pcr(*pcr)) : Value();
-  });
+  Value worst;
+  for (const StreamSummary& stream : summary.streams) {
+    for (const PidSummary& pid : stream.ts ? stream.ts->pids : std::vector<PidSummary>()) {
+      if (!pid.pcr) {
+        continue;
+      }
+      const Value value = of_pcr(*pid.pcr);
+      if (!value) {
+        return value;
+      }
+      worst = std::max(worst.value_or(*value), *value);
+    }
+  }
+  return worst;
 }
 
 Value IfAny(bool any, std::uint64_t count) {
   return any ? Value(static_cast<double>(count)) : Value();
+}
+
+Value IfTs(const Summary& summary, std::uint64_t count) {
+  return IfAny(std::ranges::any_of(summary.streams, [](const auto& s) { return s.ts.has_value(); }),
+               count);
 }
 
 bool AnyRtp(const Summary& summary) {
@@ -146,11 +162,14 @@ constexpr LimitKind kKinds[] = {
      },
      true},
     {"--max-ts-errors", LimitUnit::kCount, "TR 101 290 first priority and transport errors",
-     [](const Summary& m) {
-       return IfAny(std::ranges::any_of(m.streams, [](const auto& s) { return s.ts.has_value(); }),
-                    m.total.ts_errors);
-     },
-     true, LooksAt::kPayload},
+     [](const Summary& m) { return IfTs(m, m.total.ts_errors); }, true, LooksAt::kPayload},
+    {"--max-ts-errors-2", LimitUnit::kCount,
+     "TR 101 290 second priority errors but for PCR accuracy",
+     [](const Summary& m) { return IfTs(m, m.total.ts_second_priority_errors); }, true,
+     LooksAt::kPayload},
+    {"--max-ts-errors-3", LimitUnit::kCount, "TR 101 290 third priority errors",
+     [](const Summary& m) { return IfTs(m, m.total.ts_third_priority_errors); }, true,
+     LooksAt::kPayload},
     {"--max-pcr-accuracy", LimitUnit::kDuration, "PCRs against a constant bit rate, peak to peak",
      [](const Summary& m) {
        return WorstPcr(m, [](const auto& pcr) { return pcr.accuracy_spread; });

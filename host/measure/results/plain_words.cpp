@@ -73,11 +73,11 @@ void WriteStreamContent(Out out, const StreamSummary& stream) {
                      FormatCount(stream.ts->counters.packets),
                      stream.ts->errors == 0 ? std::string("no error")
                                             : FormatCount(stream.ts->errors) + " errors"));
-    if (const PcrFigures* pcr = stream.ts->Reference()) {
-      Line(
-          out, "clock",
-          fmt::format("{} PCRs, at most {} apart, came within {} of their time",
-                      FormatCount(pcr->count), Time(pcr->interval_max), Time(pcr->arrival_spread)));
+    if (const PcrFigures* pcr = stream.ts->Reference(); pcr != nullptr && pcr->arrival_spread) {
+      Line(out, "clock",
+           fmt::format("{} PCRs, at most {} apart, came within {} of their time",
+                       FormatCount(pcr->count), Time(static_cast<double>(pcr->interval.max_ns)),
+                       Time(*pcr->arrival_spread)));
     }
   }
   if (const auto& compare = stream.compare) {

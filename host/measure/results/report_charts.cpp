@@ -143,7 +143,8 @@ Chart LossOverTime(const TimeSeries<MdiPoint>& mdi) {
   return chart;
 }
 
-Chart PcrJitter(const TimeSeries<PcrPoint>& pcr, double offset_ppm) {
+// `slope` is what each nanosecond of the clock arrives later by.
+Chart PcrJitter(const TimeSeries<PcrPoint>& pcr, double slope, double offset_ppm) {
   Chart chart{"PCR arrival jitter",
               fmt::format("against the stream's own clock, {:+.2f} ppm taken off", offset_ppm),
               kTimeAxis,
@@ -154,7 +155,7 @@ Chart PcrJitter(const TimeSeries<PcrPoint>& pcr, double offset_ppm) {
     if (!point.any) {
       return;
     }
-    const double drift = at * offset_ppm * 1e3;
+    const double drift = at * slope * 1e9;
     band.points.push_back({at, point.low_ns - drift});
     band.points.push_back({at, point.high_ns - drift});
   });
@@ -181,8 +182,8 @@ std::vector<Chart> StreamCharts(const Stream& stream) {
                             RateOverTime(history.arrivals), MdiOverTime(history.mdi),
                             LossOverTime(history.mdi)};
   const PcrTracker* clock = stream.Ts() != nullptr ? stream.Ts()->ReferenceClock() : nullptr;
-  if (clock != nullptr) {
-    charts.push_back(PcrJitter(history.pcr, clock->FrequencyOffsetPpm()));
+  if (const auto offset = clock != nullptr ? clock->FrequencyOffsetPpm() : std::nullopt) {
+    charts.push_back(PcrJitter(history.pcr, clock->ArrivalSlope(), *offset));
   }
   return charts;
 }

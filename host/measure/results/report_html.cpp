@@ -134,17 +134,17 @@ void WritePids(Out out, const TsFigures& ts) {
                  "<h2>PIDs</h2>\n<div class=\"scroll\"><table><tr><th>PID</th><th>packets</th>"
                  "<th>bit rate</th><th>continuity errors</th><th>PCR interval max</th>"
                  "<th>PCR accuracy</th><th>PCR arrival</th><th>PCR frequency offset</th></tr>\n");
+  const auto time = [](const std::optional<double>& ns) { return ns ? Time(*ns) : "–"; };
   for (const PidSummary& pid : ts.pids) {
     fmt::format_to(out, "<tr><td>{0} (0x{0:04x})</td><td>{1}</td><td>{2}</td><td>{3}</td>", pid.pid,
-                   FormatCount(pid.packets), FormatBitRate(pid.bit_rate),
+                   FormatCount(pid.packets), pid.bit_rate ? FormatBitRate(*pid.bit_rate) : "–",
                    FormatCount(pid.continuity_errors));
-    if (pid.pcr) {
-      fmt::format_to(out, "<td>{}</td><td>{}</td><td>{}</td><td>{:+.2f} ppm</td></tr>\n",
-                     Time(pid.pcr->interval_max), Time(pid.pcr->accuracy_spread),
-                     Time(pid.pcr->arrival_spread), pid.pcr->frequency_offset_ppm);
-    } else {
-      fmt::format_to(out, "<td>–</td><td>–</td><td>–</td><td>–</td></tr>\n");
-    }
+    const PcrFigures pcr = pid.pcr.value_or(PcrFigures());
+    const auto& offset = pcr.frequency_offset_ppm;
+    fmt::format_to(out, "<td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n",
+                   pcr.interval.count > 0 ? Time(static_cast<double>(pcr.interval.max_ns)) : "–",
+                   time(pcr.accuracy_spread), time(pcr.arrival_spread),
+                   offset ? fmt::format("{:+.2f} ppm", *offset) : "–");
   }
   fmt::format_to(out, "</table></div>\n");
 }

@@ -2,6 +2,8 @@
 #include "host/measure/results/summary.h"
 
 #include <algorithm>
+#include <map>
+#include <utility>
 
 namespace ipplay::measure {
 namespace {
@@ -67,10 +69,11 @@ MdiFigures FiguresOf(const MediaDeliveryIndex& mdi) {
 PcrFigures FiguresOf(const PcrTracker& pcr) {
   PcrFigures figures;
   figures.count = pcr.Count();
-  figures.interval_mean = pcr.Intervals().Mean();
-  figures.interval_max = static_cast<double>(pcr.Intervals().Max());
+  figures.interval = pcr.Intervals();
   figures.repetition_errors = pcr.RepetitionErrors();
   figures.discontinuity_errors = pcr.DiscontinuityErrors();
+  figures.accuracy_errors = pcr.AccuracyErrors();
+  figures.late = pcr.Late();
   figures.accuracy_spread = pcr.AccuracySpread();
   figures.arrival_spread = pcr.ArrivalSpread();
   figures.frequency_offset_ppm = pcr.FrequencyOffsetPpm();
@@ -78,29 +81,100 @@ PcrFigures FiguresOf(const PcrTracker& pcr) {
   return figures;
 }
 
+std::uint64_t LargerMissing(std::uint64_t by_counters, std::optional<std::uint64_t> by_pcr) {
+  return std::max(by_counters, by_pcr.value_or(0));
+}
+
+// A PID's packets in bits per second. N datagrams span N-1 gaps, so the last one's packets are left
+// out, as they are of the stream's rate.
+struct PidRate {
+  std::optional<double> per_packet{};
+
+  PidRate(const TsAnalysis& ts, double seconds) {
+    const std::uint64_t packets = ts.Counters().packets;
+    if (seconds > 0 && packets > ts.LastPackets()) {
+      const double spanned = static_cast<double>(packets - ts.LastPackets());
+      per_packet = kTsPacketLength * 8 / seconds * spanned / static_cast<double>(packets);
+    }
+  }
+  std::optional<double> Of(std::uint64_t packets) const {
+    return per_packet ? std::optional(*per_packet * static_cast<double>(packets)) : std::nullopt;
+  }
+};
+
+// Every PID of the service once.
+std::vector<std::uint16_t> PidsOf(const Service& service) {
+  std::vector<std::uint16_t> pids{service.pmt_pid, service.pcr_pid};
+  for (const Component& component : service.components) {
+    pids.push_back(component.pid);
+  }
+  std::ranges::sort(pids);
+  pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
+  return pids;
+}
+
+void AddServices(const TsAnalysis& ts, const PidRate& rate, TsFigures& figures) {
+  std::map<std::uint16_t, std::uint64_t> packets;
+  for (const PidSummary& pid : figures.pids) {
+    packets[pid.pid] = pid.packets;
+  }
+  for (const auto& [number, service] : ts.Services().Services()) {
+    ServiceSummary summary{
+        .number = number, .name = {}, .provider = {}, .tables = service, .bit_rate = {}};
+    if (const auto name = ts.Services().Names().find(number); name != ts.Services().Names().end()) {
+      summary.name = name->second.name;
+      summary.provider = name->second.provider;
+    }
+    std::uint64_t sum = 0;
+    for (const std::uint16_t pid : PidsOf(service)) {
+      const auto found = packets.find(pid);
+      sum += found == packets.end() ? 0 : found->second;
+    }
+    summary.bit_rate = rate.Of(sum);
+    figures.services.push_back(std::move(summary));
+  }
+}
+
+void AddIndicators(const TsAnalysis& ts, TsFigures& figures) {
+  for (std::size_t i = 0; i < kIndicators; ++i) {
+    const auto indicator = static_cast<Indicator>(i);
+    figures.indicators.push_back({&InfoOf(indicator), ts.Indicators()[indicator]});
+  }
+  figures.errors = ts.Errors();
+  figures.second_priority_errors = ts.Indicators().Sum(2);
+  figures.third_priority_errors = ts.Indicators().Sum(3);
+  for (const auto& [key, state] : ts.Tables().Tables()) {
+    figures.tables.push_back({key, state});
+  }
+  figures.left_out = ts.Tables().LeftOut() + ts.Services().LeftOut();
+}
+
 TsFigures FiguresOf(const TsAnalysis& ts, double seconds) {
   TsFigures figures;
   figures.counters = ts.Counters();
+  figures.counters.missing_packets = ts.MissingPackets();
+  figures.missing_by_pcr = ts.MissingPacketsByPcr();
   figures.packet_length = ts.Framer().PacketLength();
   figures.sync_losses = ts.Framer().SyncLosses();
   figures.sync_byte_errors = ts.Framer().SyncByteErrors();
-  figures.errors = ts.Errors();
+  figures.reference_pid = ts.ReferencePid();
+  if (ts.Services().HasPat()) {
+    figures.stream_id = ts.Services().StreamId();
+  }
+  const PidRate rate(ts, seconds);
   for (const PidFigures& pid : ts.Pids()) {
     PidSummary summary;
     summary.pid = pid.pid;
     summary.packets = pid.packets;
     summary.continuity_errors = pid.continuity_errors;
-    if (seconds > 0) {
-      summary.bit_rate = static_cast<double>(pid.packets * kTsPacketLength * 8) / seconds;
-    }
+    summary.bit_rate = rate.Of(pid.packets);
     if (pid.pcr != nullptr) {
       summary.pcr = FiguresOf(*pid.pcr);
     }
-    if (pid.pcr != nullptr && pid.pcr == ts.ReferenceClock()) {
-      figures.reference_pid = pid.pid;
-    }
     figures.pids.push_back(summary);
   }
+  AddIndicators(ts, figures);
+  AddServices(ts, rate, figures);
   return figures;
 }
 
@@ -119,14 +193,17 @@ void AddUp(const Stream& stream, TotalSummary& total) {
     total.reordered += rtp->sequence.Reordering().Count();
     total.payload_type_changes += rtp->payload_type_changes;
   } else if (stream.Ts() != nullptr) {
-    const TsCounters& counters = stream.Ts()->Counters();
-    total.lost_ts_packets += counters.missing_packets;
-    total.ts_expected += counters.packets + counters.missing_packets;
+    const std::uint64_t missing =
+        LargerMissing(stream.Ts()->MissingPackets(), stream.Ts()->MissingPacketsByPcr());
+    total.lost_ts_packets += missing;
+    total.ts_expected += stream.Ts()->Counters().packets + missing;
   }
   total.repeated_datagrams += stream.RepeatedDatagrams();
   total.cut_frames += stream.CutFrames();
   if (stream.Ts() != nullptr) {
     total.ts_errors += stream.Ts()->Errors();
+    total.ts_second_priority_errors += stream.Ts()->Indicators().Sum(2);
+    total.ts_third_priority_errors += stream.Ts()->Indicators().Sum(3);
   }
   if (stream.Compare() != nullptr) {
     total.different_datagrams += stream.Compare()->Different();
@@ -144,6 +221,10 @@ const PcrFigures* TsFigures::Reference() const {
   return nullptr;
 }
 
+std::uint64_t TsFigures::Missing() const {
+  return LargerMissing(counters.missing_packets, missing_by_pcr);
+}
+
 std::uint64_t Summary::FramesNotMeasured() const {
   std::uint64_t frames = total.untracked_frames + total.malformed_rtp;
   for (const FrameClass kind : {FrameClass::kFragment, FrameClass::kTruncated,
@@ -158,7 +239,7 @@ std::optional<std::uint64_t> StreamSummary::Lost() const {
     return rtp->lost;
   }
   if (ts) {
-    return ts->counters.missing_packets;
+    return ts->Missing();
   }
   return std::nullopt;
 }

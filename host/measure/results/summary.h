@@ -72,36 +72,66 @@ struct MdiFigures {
   double loss_rate_max = 0;
 };
 
+// Without a value what could not be measured.
 struct PcrFigures {
-  std::uint64_t count = 0;
-  double interval_mean = 0;
-  double interval_max = 0;
+  std::uint64_t count = 0;  // 0: the tables name the PID, and none came
+  IntervalFigures interval;
   std::uint64_t repetition_errors = 0;
   std::uint64_t discontinuity_errors = 0;
-  double accuracy_spread = 0;
-  double arrival_spread = 0;
-  double frequency_offset_ppm = 0;
-  double bit_rate = 0;
+  std::uint64_t accuracy_errors = 0;
+  std::uint64_t late = 0;
+  std::optional<double> accuracy_spread;
+  std::optional<double> arrival_spread;
+  std::optional<double> frequency_offset_ppm;
+  std::optional<double> bit_rate;
 };
 
 struct PidSummary {
   std::uint16_t pid = 0;
   std::uint64_t packets = 0;
-  double bit_rate = 0;
+  std::optional<double> bit_rate;  // none where all packets came at once
   std::uint64_t continuity_errors = 0;
   std::optional<PcrFigures> pcr;
 };
 
+struct ServiceSummary {
+  std::uint16_t number = 0;
+  std::string name;
+  std::string provider;
+  Service tables;                  // what the PMT says
+  std::optional<double> bit_rate;  // of its PMT, components and clock
+};
+
+struct TableSummary {
+  TableKey key;
+  TableState state;
+};
+
+struct IndicatorSummary {
+  const IndicatorInfo* info = nullptr;
+  IndicatorState state;
+};
+
 struct TsFigures {
-  TsCounters counters;
+  TsCounters counters;  // missing_packets without the late ones
   std::size_t packet_length = 0;
   std::uint64_t sync_losses = 0;
   std::uint64_t sync_byte_errors = 0;
   std::vector<PidSummary> pids;
   std::optional<std::uint16_t> reference_pid;  // the first one that carried a PCR
   std::uint64_t errors = 0;                    // as TsAnalysis::Errors
+  std::uint64_t second_priority_errors = 0;    // without accuracy
+  std::uint64_t third_priority_errors = 0;
+  std::optional<std::uint64_t> missing_by_pcr;
+  std::optional<std::uint16_t> stream_id;  // transport_stream_id
+  std::vector<IndicatorSummary> indicators;
+  std::vector<TableSummary> tables;
+  std::vector<ServiceSummary> services;
+  std::uint64_t left_out = 0;  // services and tables of a stream with too many
 
   const PcrFigures* Reference() const;
+  // The larger estimate of the missing packets: by counters or by PCRs.
+  std::uint64_t Missing() const;
 };
 
 struct CompareFigures {
@@ -143,7 +173,7 @@ struct TotalSummary {
   SpacingFigures spacing;
   ChecksumCounters checksums;
   std::uint64_t lost = 0;             // RTP packets
-  std::uint64_t lost_ts_packets = 0;  // of streams without RTP; at least so many
+  std::uint64_t lost_ts_packets = 0;  // of streams without RTP; the larger estimate
   std::uint64_t rtp_expected = 0;     // packets that came or are lost
   std::uint64_t ts_expected = 0;      // transport packets of streams without RTP, likewise
   std::uint64_t repeated_datagrams = 0;
@@ -156,6 +186,8 @@ struct TotalSummary {
   std::uint64_t rtcp_packets = 0;
   std::uint64_t untracked_frames = 0;
   std::uint64_t ts_errors = 0;
+  std::uint64_t ts_second_priority_errors = 0;
+  std::uint64_t ts_third_priority_errors = 0;
   std::uint64_t different_datagrams = 0;
 };
 

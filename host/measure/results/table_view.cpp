@@ -235,26 +235,91 @@ void WriteRtp(Out out, const RtpFigures& rtp) {
                  Time(rtp.jitter_mean), Time(rtp.jitter_max));
 }
 
+void WritePcr(Out out, const PidSummary& pid) {
+  const PcrFigures& pcr = *pid.pcr;
+  fmt::format_to(out, "  {:<10} PID {}: {} PCRs", "PCR", pid.pid, FormatCount(pcr.count));
+  if (pcr.bit_rate) {
+    fmt::format_to(out, ", {}", FormatBitRate(*pcr.bit_rate));
+  }
+  if (pcr.interval.count > 0) {
+    fmt::format_to(out, ", interval mean {}, max {}", Time(pcr.interval.MeanNs()),
+                   Time(static_cast<double>(pcr.interval.max_ns)));
+  }
+  const auto time = [](const std::optional<double>& ns) {
+    return ns ? Time(*ns) + " peak to peak" : std::string("not measured");
+  };
+  fmt::format_to(out, ", accuracy {}, arrival {}", time(pcr.accuracy_spread),
+                 time(pcr.arrival_spread));
+  if (pcr.frequency_offset_ppm) {
+    fmt::format_to(out, ", {:+.2f} ppm", *pcr.frequency_offset_ppm);
+  }
+  fmt::format_to(out, ", repetition errors {}, discontinuities {}\n", pcr.repetition_errors,
+                 pcr.discontinuity_errors);
+}
+
+// The indicators of one priority.
+void WriteIndicators(Out out, const TsFigures& ts, int priority) {
+  fmt::format_to(out, "  {:<10} priority {}:", "TR 101 290", priority);
+  const char* separator = " ";
+  for (const IndicatorSummary& indicator : ts.indicators) {
+    if (indicator.info->priority != priority) {
+      continue;
+    }
+    std::string name = indicator.info->name;
+    std::ranges::replace(name, '_', ' ');
+    fmt::format_to(out, "{}{} {}", separator, name,
+                   indicator.state.measured ? FormatCount(indicator.state.count) : "-");
+    separator = ", ";
+  }
+  *out = '\n';
+}
+
+void WriteService(Out out, const ServiceSummary& service) {
+  fmt::format_to(out, "  {:<10} {}", "service", service.number);
+  if (!service.name.empty()) {
+    fmt::format_to(out, " \"{}\"", service.name);
+  }
+  if (!service.provider.empty()) {
+    fmt::format_to(out, " of \"{}\"", service.provider);
+  }
+  if (service.bit_rate) {
+    fmt::format_to(out, ", {}", FormatBitRate(*service.bit_rate));
+  }
+  if (!service.tables.has_pmt) {
+    fmt::format_to(out, ", no PMT");
+  }
+  for (const Component& component : service.tables.components) {
+    fmt::format_to(
+        out, ", PID {} {}", component.pid,
+        *component.coding != 0 ? component.coding : fmt::format("type {}", component.stream_type));
+    if (!component.language.empty()) {
+      fmt::format_to(out, " ({})", component.language);
+    }
+  }
+  *out = '\n';
+}
+
 void WriteTs(Out out, const TsFigures& ts) {
   const TsCounters& counters = ts.counters;
   const double packets = static_cast<double>(std::max<std::uint64_t>(1, counters.packets));
-  fmt::format_to(out, "  {:<10} {} packets of {} bytes, {:.3g} % null, {} PIDs\n", "TS",
+  fmt::format_to(out, "  {:<10} {} packets of {} bytes, {:.3g} % null, {} PIDs, missing {}\n", "TS",
                  FormatCount(counters.packets), ts.packet_length,
-                 static_cast<double>(counters.null_packets) / packets * 100, ts.pids.size());
-  fmt::format_to(
-      out,
-      "  {:<10} sync loss {}, sync byte {}, PAT {}, continuity {}, PMT {}, transport {}, "
-      "CRC {}, PTS {}\n",
-      "TS errors", ts.sync_losses, ts.sync_byte_errors, counters.pat_errors,
-      counters.continuity_errors, counters.pmt_errors, counters.transport_errors,
-      counters.crc_errors, counters.pts_errors);
-  if (const PcrFigures* pcr = ts.Reference()) {
-    fmt::format_to(out,
-                   "  {:<10} PID {}, {}, interval mean {}, max {}, accuracy {} and arrival {} peak "
-                   "to peak, {:+.2f} ppm, repetition errors {}, discontinuities {}\n",
-                   "PCR", *ts.reference_pid, FormatBitRate(pcr->bit_rate), Time(pcr->interval_mean),
-                   Time(pcr->interval_max), Time(pcr->accuracy_spread), Time(pcr->arrival_spread),
-                   pcr->frequency_offset_ppm, pcr->repetition_errors, pcr->discontinuity_errors);
+                 static_cast<double>(counters.null_packets) / packets * 100, ts.pids.size(),
+                 FormatCount(ts.Missing()));
+  for (int priority = 1; priority <= 3; ++priority) {
+    WriteIndicators(out, ts, priority);
+  }
+  for (const PidSummary& pid : ts.pids) {
+    if (pid.pcr) {
+      WritePcr(out, pid);
+    }
+  }
+  for (const ServiceSummary& service : ts.services) {
+    WriteService(out, service);
+  }
+  if (ts.left_out > 0) {
+    fmt::format_to(out, "  {:<10} {} tables and services more than are kept\n", "left out",
+                   FormatCount(ts.left_out));
   }
 }
 
