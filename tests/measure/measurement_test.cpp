@@ -45,6 +45,22 @@ TEST(Measurement, CutFramesAreCountedButTheirPayloadIsNot) {
   EXPECT_FALSE(stream.ts);
 }
 
+TEST(Measurement, JudgesTheTransportStreamBehindWhatRtpRepairs) {
+  Measurement measurement{MeasurementSettings{}};
+  std::int64_t time = 0;
+  for (const int number : {0, 1, 2, 4, 3, 5, 5, 6, 8, 9}) {  // 3 late, 5 twice, 7 missing
+    AddRtp(measurement, static_cast<std::uint16_t>(number), time += kMs);
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  const StreamSummary& stream = summary.streams.at(0);
+  EXPECT_EQ(stream.rtp->repaired, 1U);
+  EXPECT_EQ(stream.ts->counters.continuity_errors, 1U);  // 6 to 8
+  EXPECT_EQ(stream.ts->counters.packets, 9U * 7);
+  // 2 to 4, 4 to 3, 3 to 5, 5 to 5, 6 to 8
+  EXPECT_EQ(stream.ts->continuity_errors_as_arrived, 5U);
+}
+
 TEST(Measurement, LossIsMarkedWhereTheCaptureItselfDropped) {
   Measurement measurement{MeasurementSettings{}};
   std::int64_t time = 0;

@@ -86,7 +86,10 @@ Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool kee
       spacing_(SpacingOf(settings)),
       mdi_(BytesPerNs(settings.media_rate)) {
   if (id.ssrc) {
-    rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate);
+    rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate,
+                                 [this](const ReorderWindow::Payload& payload, bool after_gap) {
+                                   AddTs(payload.bytes, payload.arrival_ns, after_gap);
+                                 });
   }
   if (settings.analyse_ts) {
     ts_ = std::make_unique<TsAnalysis>();
@@ -126,7 +129,7 @@ void Stream::Add(const Arrival& arrival) {
     ++repeated_datagrams_;
   }
   ReportDisorder(sequence, arrival.time_ns);
-  AddMedia(media, arrival.time_ns, frame.IsComplete(), sequence);
+  AddMedia(media, arrival, sequence);
   AddMdi(arrival.time_ns, media_bytes,
          sequence.event == SequenceEvent::kGap ? sequence.distance : 0);
 }
@@ -172,20 +175,19 @@ SequenceResult Stream::AddRtp(const RtpHeader& rtp, std::int64_t time_ns) {
   return rtp_->sequence.Add(rtp.sequence_number, rtp.timestamp);
 }
 
-void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns, bool complete,
+void Stream::AddMedia(std::span<const std::uint8_t> media, const Arrival& arrival,
                       const SequenceResult& sequence) {
   // Part of a payload would look like damage.
-  if (!complete) {
+  if (!arrival.frame->IsComplete()) {
     return;
   }
-  // A receiver drops what it has; the transport stream behind it never sees it.
-  if (ts_ != nullptr && sequence.event != SequenceEvent::kDuplicate) {
-    ts_->Add(media, time_ns, !IsInPlace(sequence));
-    if (history_ != nullptr) {
-      if (const auto pcr = ts_->TakePcrOffset()) {
-        history_->pcr.At(pcr->arrival_ns).Add(pcr->offset_ns);
-      }
-    }
+  // A receiver drops what it has and puts in order what it can; the transport stream is judged
+  // behind it.
+  if (ts_ != nullptr && arrival.rtp != nullptr) {
+    NoteArrivalOrder(media, sequence);
+    rtp_->window.Add(arrival.rtp->sequence_number, sequence.event, {media, arrival.time_ns});
+  } else if (ts_ != nullptr && sequence.event != SequenceEvent::kDuplicate) {
+    AddTs(media, arrival.time_ns, !IsInPlace(sequence));
   }
   // Without RTP the file itself tells whether a datagram that equals the one before is its next
   // one.
@@ -194,13 +196,38 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns,
   }
 }
 
+void Stream::AddTs(std::span<const std::uint8_t> media, std::int64_t time_ns, bool after_gap) {
+  ts_->Add(media, time_ns, after_gap);
+  if (history_ != nullptr) {
+    if (const auto pcr = ts_->TakePcrOffset()) {
+      history_->pcr.At(pcr->arrival_ns).Add(pcr->offset_ns);
+    }
+  }
+}
+
+void Stream::NoteArrivalOrder(std::span<const std::uint8_t> media, const SequenceResult& sequence) {
+  if (as_arrived_ == nullptr && !IsInPlace(sequence)) {
+    as_arrived_ =
+        std::make_unique<ArrivalContinuity>(ts_->Counters().continuity_errors, ts_->PidStates());
+  }
+  if (as_arrived_ != nullptr && ts_->Framer().IsSynced()) {
+    as_arrived_->Add(media, ts_->Framer().PacketLength());
+  }
+}
+
+std::uint64_t Stream::ContinuityErrorsAsArrived() const {
+  return as_arrived_ != nullptr ? as_arrived_->Errors() : ts_->Counters().continuity_errors;
+}
+
 void Stream::AddMdi(std::int64_t time_ns, std::uint32_t media_bytes,
                     std::uint32_t missing_datagrams) {
   // RFC 4445, 3.2 counts media packets, of which a datagram holds several. Without RTP, the
   // continuity counters tell how many are missing.
   std::uint64_t lost = missing_datagrams;
+  std::uint64_t packets = 1;
   if (ts_ != nullptr && ts_->Framer().IsSynced()) {
-    lost *= std::max<std::uint64_t>(1, media_bytes / ts_->Framer().PacketLength());
+    packets = std::max<std::uint64_t>(1, media_bytes / ts_->Framer().PacketLength());
+    lost *= packets;
     const std::uint64_t missing = ts_->Counters().missing_packets;
     if (rtp_ == nullptr) {
       lost = missing - missing_ts_packets_;
@@ -209,6 +236,7 @@ void Stream::AddMdi(std::int64_t time_ns, std::uint32_t media_bytes,
     StateMediaRate();
   }
   mdi_.Add(time_ns, media_bytes, lost, [this](const auto& ended) { KeepMdi(ended); });
+  second_packets_ += packets;
 }
 
 // The stream's own clock knows its rate, whatever the network does to it.
@@ -225,7 +253,15 @@ void Stream::StateMediaRate() {
   }
 }
 
+void Stream::CountSecond(const MediaDeliveryIndex::Interval& ended) {
+  const std::uint64_t errors = ts_ == nullptr ? 0 : ts_->Errors();
+  seconds_.Add({second_packets_, ended.lost_packets, errors > errors_before_second_});
+  second_packets_ = 0;
+  errors_before_second_ = errors;
+}
+
 void Stream::KeepMdi(const MediaDeliveryIndex::Interval& ended) {
+  CountSecond(ended);
   if (history_ != nullptr) {
     history_->mdi.At(ended.start_ns).Add(ended.delay_factor_ns, ended.lost_packets);
   }
@@ -248,10 +284,18 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
   NoteSilence(silent_at_start_ns_, rate_.FirstNs());
   NoteSilence(silent_at_end_ns_, end_ns);
   spacing_.EndBurst();
-  mdi_.Finish(end_ns, [this](const auto& ended) { KeepMdi(ended); });
   if (ts_ != nullptr) {
+    if (rtp_ != nullptr) {
+      rtp_->window.Flush();
+    }
     ts_->Finish(end_ns);
   }
+  mdi_.Finish(end_ns, [&](const auto& ended) {
+    // What is shorter than a second and empty is no second without a packet.
+    if (ended.start_ns + MediaDeliveryIndex::kIntervalNs <= end_ns || second_packets_ > 0) {
+      KeepMdi(ended);
+    }
+  });
 }
 
 }  // namespace ipplay::measure

@@ -10,12 +10,15 @@
 
 #include "host/measure/capture/flow_key.h"
 #include "host/measure/capture/frame_decoder.h"
+#include "host/measure/figures/arrival_continuity.h"
+#include "host/measure/figures/availability.h"
 #include "host/measure/figures/event.h"
 #include "host/measure/figures/history.h"
 #include "host/measure/figures/interarrival_jitter.h"
 #include "host/measure/figures/media_delivery_index.h"
 #include "host/measure/figures/payload_compare.h"
 #include "host/measure/figures/rate_meter.h"
+#include "host/measure/figures/reorder_window.h"
 #include "host/measure/figures/rtp_header.h"
 #include "host/measure/figures/rtp_sequence.h"
 #include "host/measure/figures/settings.h"
@@ -65,10 +68,12 @@ class Stream {
 
   // What only a stream with RTP has.
   struct Rtp {
-    explicit Rtp(std::uint64_t clock_rate) : jitter(static_cast<double>(clock_rate)) {}
+    Rtp(std::uint64_t clock_rate, ReorderWindow::Deliver deliver)
+        : jitter(static_cast<double>(clock_rate)), window(std::move(deliver)) {}
 
     RtpSequence sequence;
     InterarrivalJitter jitter;
+    ReorderWindow window;  // in front of the transport stream analysis
     std::uint8_t payload_type = 0;
     std::uint64_t payload_type_changes = 0;
   };
@@ -94,18 +99,25 @@ class Stream {
   const Spacing& Gaps() const { return spacing_; }
   const ChecksumCounters& Checksums() const { return checksums_; }
   const MediaDeliveryIndex& Mdi() const { return mdi_; }
+  // By the seconds of the media delivery index.
+  const Availability& Seconds() const { return seconds_; }
   // Null where the stream has none.
   const Rtp* AsRtp() const { return rtp_.get(); }
   const TsAnalysis* Ts() const { return ts_.get(); }
+  // Continuity errors without the repairs that RTP makes possible; Ts() has those that remain.
+  std::uint64_t ContinuityErrorsAsArrived() const;
   const PayloadCompare* Compare() const { return compare_.get(); }
   const StreamHistory* History() const { return history_.get(); }
 
  private:
   SequenceResult AddRtp(const RtpHeader& rtp, std::int64_t time_ns);
-  void AddMedia(std::span<const std::uint8_t> media, std::int64_t time_ns, bool complete,
+  void AddMedia(std::span<const std::uint8_t> media, const Arrival& arrival,
                 const SequenceResult& sequence);
+  void AddTs(std::span<const std::uint8_t> media, std::int64_t time_ns, bool after_gap);
+  void NoteArrivalOrder(std::span<const std::uint8_t> media, const SequenceResult& sequence);
   void AddMdi(std::int64_t time_ns, std::uint32_t media_bytes, std::uint32_t missing_datagrams);
   void KeepMdi(const MediaDeliveryIndex::Interval& ended);
+  void CountSecond(const MediaDeliveryIndex::Interval& ended);
   bool IsRepeat(std::span<const std::uint8_t> media);
   void ReportDisorder(const SequenceResult& sequence, std::int64_t time_ns) const;
   void StateMediaRate();
@@ -121,9 +133,13 @@ class Stream {
   RateMeter rate_;
   Spacing spacing_;
   MediaDeliveryIndex mdi_;
+  Availability seconds_;
+  std::uint64_t second_packets_ = 0;        // media packets since the last second ended
+  std::uint64_t errors_before_second_ = 0;  // of the transport stream
   ChecksumCounters checksums_;
   std::unique_ptr<Rtp> rtp_;
   std::unique_ptr<TsAnalysis> ts_;
+  std::unique_ptr<ArrivalContinuity> as_arrived_;  // from the first disorder on
   std::unique_ptr<PayloadCompare> compare_;
   std::unique_ptr<StreamHistory> history_;
   std::uint64_t stated_at_pcr_ = 0;       // PCRs that the media rate was last taken from

@@ -63,6 +63,8 @@ class TsAnalysis {
   std::uint64_t Errors() const;
   // In the order in which the PIDs appeared.
   std::vector<PidFigures> Pids() const;
+  // In the order in which the PIDs appeared.
+  std::span<const PidState> PidStates() const { return pids_.All(); }
   const ServiceList& Services() const { return psi_.Services(); }
   const TableIntervals& Tables() const { return psi_.Intervals(); }
   // The clock of the first PID that carried one; null without.

@@ -60,6 +60,7 @@ Json ToJson(const RtpFigures& rtp) {
             {"longest_loss", rtp.longest_loss},
             {"duplicates", rtp.duplicates},
             {"reordered", rtp.reordered},
+            {"reordered_repaired", rtp.repaired},
             {"reorder_distance", ToJson(rtp.reorder_distance)},
             {"strays", rtp.strays},
             {"restarts", rtp.restarts}};
@@ -195,6 +196,7 @@ Json ToJson(const TsFigures& ts) {
             {"sync_losses", ts.sync_losses},
             {"sync_byte_errors", ts.sync_byte_errors},
             {"continuity_errors", counters.continuity_errors},
+            {"continuity_errors_as_arrived", ts.continuity_errors_as_arrived},
             {"missing_packets", counters.missing_packets},
             {"late_packets", counters.late_packets},
             {"transport_errors", counters.transport_errors},
@@ -258,6 +260,10 @@ Json ToJson(const StreamSummary& stream) {
   json["spacing"] = ToJson(stream.spacing);
   json["checksums"] = ToJson(stream.checksums);
   json["mdi"] = ToJson(stream.mdi);
+  json["availability"] = {{"seconds", stream.seconds.seconds},
+                          {"errored_seconds", stream.seconds.errored},
+                          {"severely_errored_seconds", stream.seconds.severely_errored},
+                          {"unavailable_seconds", stream.seconds.unavailable}};
   if (stream.rtp) {
     json["rtp"] = ToJson(*stream.rtp);
   }

@@ -46,6 +46,7 @@ RtpFigures FiguresOf(const Stream::Rtp& rtp) {
   figures.longest_loss = rtp.sequence.LongestLoss();
   figures.duplicates = rtp.sequence.Duplicates();
   figures.reordered = rtp.sequence.Reordering().Count();
+  figures.repaired = rtp.window.Repaired();
   figures.reorder_distance = DistributionOf(rtp.sequence.Reordering());
   figures.strays = rtp.sequence.Strays();
   figures.restarts = rtp.sequence.Restarts();
@@ -277,11 +278,15 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   summary.spacing.gap.max = summary.longest_silence;
   summary.checksums = stream.Checksums();
   summary.mdi = FiguresOf(stream.Mdi());
+  const Availability& seconds = stream.Seconds();
+  summary.seconds = {seconds.Seconds(), seconds.ErroredSeconds(), seconds.SeverelyErroredSeconds(),
+                     seconds.UnavailableSeconds()};
   if (stream.AsRtp() != nullptr) {
     summary.rtp = FiguresOf(*stream.AsRtp());
   }
   if (stream.Ts() != nullptr && stream.Ts()->IsTransportStream()) {
     summary.ts = FiguresOf(*stream.Ts(), stream.Rate().Seconds());
+    summary.ts->continuity_errors_as_arrived = stream.ContinuityErrorsAsArrived();
   }
   if (stream.Compare() != nullptr) {
     summary.compare = FiguresOf(*stream.Compare());

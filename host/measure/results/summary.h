@@ -56,12 +56,20 @@ struct RtpFigures {
   std::uint64_t duplicates = 0;
   std::uint64_t reordered = 0;
   Distribution reorder_distance;  // in sequence numbers
+  std::uint64_t repaired = 0;     // of the reordered: in time to be put in their places
   std::uint64_t strays = 0;
   std::uint64_t restarts = 0;
   bool has_jitter = false;  // the time stamps moved
   double jitter = 0;
   double jitter_mean = 0;
   double jitter_max = 0;
+};
+
+struct SecondsFigures {  // as Availability
+  std::uint64_t seconds = 0;
+  std::uint64_t errored = 0;
+  std::uint64_t severely_errored = 0;
+  std::uint64_t unavailable = 0;
 };
 
 struct MdiFigures {
@@ -113,7 +121,8 @@ struct IndicatorSummary {
 };
 
 struct TsFigures {
-  TsCounters counters;  // missing_packets without the late ones
+  TsCounters counters;                             // missing_packets without the late ones
+  std::uint64_t continuity_errors_as_arrived = 0;  // before the repairs that RTP makes possible
   std::size_t packet_length = 0;
   std::uint64_t sync_losses = 0;
   std::uint64_t sync_byte_errors = 0;
@@ -158,6 +167,7 @@ struct StreamSummary {
   SpacingFigures spacing;
   ChecksumCounters checksums;
   MdiFigures mdi;
+  SecondsFigures seconds;
   std::optional<RtpFigures> rtp;
   std::optional<TsFigures> ts;
   std::optional<CompareFigures> compare;

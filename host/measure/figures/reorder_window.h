@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+// Puts RTP payloads back into the order of their sequence numbers, as a receiver does before it
+// looks into them.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <vector>
+
+#include "host/measure/figures/rtp_sequence.h"
+
+namespace ipplay::measure {
+
+class ReorderWindow {
+ public:
+  // What is waited for at most: packets behind a missing one, and the time since the first of them.
+  static constexpr std::uint16_t kPackets = 32;
+  static constexpr std::int64_t kLongestWaitNs = 100'000'000;
+
+  struct Payload {
+    std::span<const std::uint8_t> bytes;
+    std::int64_t arrival_ns = 0;
+  };
+  // `after_gap`: what stands before the payload is missing.
+  using Deliver = std::function<void(const Payload& payload, bool after_gap)>;
+
+  explicit ReorderWindow(Deliver deliver) : deliver_(std::move(deliver)) {}
+
+  // Delivers what is next, and keeps a copy of what is ahead. Memory is taken once packets are
+  // missing, and then used again. Repeats, and what comes too late to be waited for, go no further.
+  void Add(std::uint16_t number, SequenceEvent event, const Payload& payload);
+  // Delivers what still waits.
+  void Flush();
+
+  // Packets that came behind later ones, and in time to be put in front of them.
+  std::uint64_t Repaired() const { return repaired_; }
+
+ private:
+  struct Slot {
+    bool used = false;
+    std::int64_t arrival_ns = 0;
+    std::vector<std::uint8_t> bytes;
+  };
+
+  Slot& At(std::uint16_t number) { return slots_[number % kPackets]; }
+  void Keep(std::uint16_t number, const Payload& payload);
+  void Pass(const Payload& payload, bool after_gap);
+  void PassKept(bool after_gap);
+  void SkipMissing();
+  bool HasWaitedEnough(std::int64_t now_ns) const;
+
+  Deliver deliver_;
+  std::vector<Slot> slots_;  // empty until packets are missing; by number modulo kPackets
+  std::size_t kept_ = 0;
+  std::uint16_t next_ = 0;  // number that is to be delivered next
+  std::int64_t waiting_since_ns_ = 0;
+  std::uint64_t repaired_ = 0;
+};
+
+}  // namespace ipplay::measure
