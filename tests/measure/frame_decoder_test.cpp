@@ -23,6 +23,8 @@ Bytes Frame(std::string_view text) {
       {"ETH", "02000000000b02000000000a"},
       {"IP4", "4500002000004000401126cb0a0000010a000002"},
       {"ADDR4", "0a0000010a000002"},
+      {"VIA6", "fd000000000000000000000000000001fd000000000000000000000000000099"},
+      {"LAST6", "ff3e0000000000000000000080000001"},
       {"ADDR6", "fd000000000000000000000000000001ff3e0000000000000000000080000001"},
       {"UDP4", "1388138c000cfff861626364"},
       {"UDP6", "1388138c000c97b961626364"},
@@ -88,6 +90,17 @@ TEST(FrameDecoder, JudgesChecksums) {
       {"ETH 0800 IP4 1388138c000cfff861626365", false, UdpChecksum::kBad},  // payload changed
       {"ETH 0800 IP4 1388138c000c000061626364", false, UdpChecksum::kAbsent},
       {"ETH 86dd 60000000000c1140 ADDR6 1388138c000c000061626364", false, UdpChecksum::kBad},
+      // On its way over another node: types 0 and 4 say where to, the last one packed says nothing
+      // that is understood.
+      {"ETH 86dd 6000000000242b40 VIA6 1102000100000000 LAST6 UDP6", false, UdpChecksum::kGood},
+      {"ETH 86dd 6000000000342b40 VIA6 1104040100000000 LAST6 "
+       "fd000000000000000000000000000099 UDP6",
+       false, UdpChecksum::kGood},
+      {"ETH 86dd 6000000000242b40 ADDR6 1102040000000000 LAST6 UDP6", false, UdpChecksum::kGood},
+      {"ETH 86dd 6000000000242b40 VIA6 1102030100000000 LAST6 UDP6", false,
+       UdpChecksum::kUnchecked},
+      {"ETH 86dd 60000000001c2b40 VIA6 1100000100000000 UDP6 0000000000000000", false,
+       UdpChecksum::kUnchecked},
       // Odd length: the sum is ffa0.
       {"ETH 0800 4500001f00004000401126cc ADDR4 1388138c000b005f616263", false, UdpChecksum::kGood},
   };

@@ -66,13 +66,15 @@ bool IsVlanType(std::uint16_t type) {
 // Bytes of the UDP datagram within an IP packet, or what is wrong with the packet.
 struct IpPayload {
   FrameClass result;
-  Bytes captured;           // what was captured of the IP payload
-  std::size_t length;       // its length by the IP header
-  std::uint16_t addresses;  // ones'-complement sum of both addresses
+  Bytes captured;      // what was captured of the IP payload
+  std::size_t length;  // its length by the IP header
+  // Ones'-complement sums. Without that of the destination where it is not known.
+  std::uint16_t source;
+  std::optional<std::uint16_t> destination;
 };
 
 IpPayload Refuse(FrameClass result) {
-  return {result, {}, 0, 0};
+  return {result, {}, 0, 0, 0};
 }
 
 // `wire_length` is how many bytes of the packet there were on the wire.
@@ -102,7 +104,27 @@ IpPayload DecodeIpv4(Bytes packet, std::size_t wire_length, DecodedFrame& decode
   std::copy_n(&packet[kIpv4Destination], 4, decoded.flow.destination.begin());
   const std::size_t captured = std::min(packet.size(), total_length) - header_length;
   return {FrameClass::kUdp, packet.subspan(header_length, captured), total_length - header_length,
-          OnesComplementSum(packet.subspan(kIpv4Source, 8))};
+          OnesComplementSum(packet.subspan(kIpv4Source, 4)),
+          OnesComplementSum(packet.subspan(kIpv4Destination, 4))};
+}
+
+// Where a packet goes to in the end, which is what its checksum covers (RFC 8200, 8.1), while its
+// header names the next node on the way.
+std::optional<std::uint16_t> FinalDestination(Bytes routing) {
+  constexpr std::size_t kFirst = 8;
+  constexpr std::size_t kAddress = 16;
+  if (routing.size() < kFirst + kAddress) {
+    return std::nullopt;
+  }
+  switch (routing[2]) {
+    case 0:  // RFC 2460, 4.4: the last address
+    case 2:  // RFC 6275, 6.4: the only one
+      return OnesComplementSum(routing.last(kAddress));
+    case 4:  // RFC 8754, 2: the first one of the list
+      return OnesComplementSum(routing.subspan(kFirst, kAddress));
+    default:
+      return std::nullopt;
+  }
 }
 
 // Walks over the extension headers, each of which says what follows it and how long it is.
@@ -123,6 +145,10 @@ IpPayload SkipExtensions(IpPayload payload, std::uint8_t next_header) {
     }
     if (length > payload.captured.size()) {
       return Refuse(FrameClass::kTruncated);
+    }
+    const bool on_its_way = next_header == kRouting && payload.captured[3] > 0;  // segments left
+    if (on_its_way) {
+      payload.destination = FinalDestination(payload.captured.first(length));
     }
     next_header = payload.captured[0];
     payload.captured = payload.captured.subspan(length);
@@ -145,7 +171,8 @@ IpPayload DecodeIpv6(Bytes packet, std::size_t wire_length, DecodedFrame& decode
   }
   const std::size_t captured = std::min(packet.size() - kIpv6HeaderLength, length);
   const IpPayload payload{FrameClass::kUdp, packet.subspan(kIpv6HeaderLength, captured), length,
-                          OnesComplementSum(packet.subspan(kIpv6Source, 32))};
+                          OnesComplementSum(packet.subspan(kIpv6Source, 16)),
+                          OnesComplementSum(packet.subspan(kIpv6Destination, 16))};
   return SkipExtensions(payload, packet[kIpv6NextHeader]);
 }
 
@@ -178,9 +205,10 @@ FrameClass DecodeUdp(const IpPayload& ip, bool check_udp, DecodedFrame& decoded)
   decoded.flow.destination_port = LoadBe16(header + 2);
   decoded.payload = datagram.subspan(kUdpHeaderLength);
   decoded.payload_length = static_cast<std::uint32_t>(udp_length - kUdpHeaderLength);
-  decoded.udp_checksum = check_udp && decoded.IsComplete()
-                             ? CheckUdp(datagram, ip.addresses, decoded.flow.ip_version == 4)
-                             : UdpChecksum::kUnchecked;
+  decoded.udp_checksum =
+      check_udp && decoded.IsComplete() && ip.destination
+          ? CheckUdp(datagram, AddSums(ip.source, *ip.destination), decoded.flow.ip_version == 4)
+          : UdpChecksum::kUnchecked;
   return FrameClass::kUdp;
 }
 
