@@ -24,7 +24,7 @@ bool BatchHandOver::Allocate(std::size_t waiting, std::size_t capacity) {
 }
 
 void BatchHandOver::WaitForRoom(std::size_t most) {
-  if (handed_ - passed_ >= most) {
+  if (!HasRoom(most)) {
     WaitUntil(passed_, awaited_passed_, handed_ - most / 2);
   }
 }

@@ -37,6 +37,8 @@ class BatchHandOver {
 
   // The pump's side.
   SendQueue& Filling() { return *At(handed_).frames; }
+  // Fewer than `most` batches have been handed over and not passed.
+  bool HasRoom(std::size_t most) const { return handed_ - passed_ < most; }
   // Waits until fewer than `most` batches have been handed over and not passed; where more than one
   // may be, a full ring is waited for until half of it is free.
   void WaitForRoom(std::size_t most);
@@ -59,6 +61,7 @@ class BatchHandOver {
   // No batch will be transmitted any more: the pump waits for none from now on, whether it is
   // handed over before or after this.
   void Abandon();
+  bool IsAbandoned() const { return abandoned_; }
 
   // Wakes the transmitter without a batch. Any thread.
   void Wake();

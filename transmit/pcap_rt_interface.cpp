@@ -14,8 +14,10 @@ namespace {
 
 constexpr int kSnapshotLength = 65536;
 constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
-constexpr std::uint32_t kFramesAtFullSpeed = 480;  // handed over
-constexpr double kLongestPacketTime = 1e9;         // seconds: keeps the arithmetic on times finite
+// Handed over at a bit rate that cannot be reached. With fewer the two threads fall asleep in turn:
+// these take the transmitter a quarter of a millisecond, in which a sleeping pump is awake again.
+constexpr std::uint32_t kFramesAtFullSpeed = 480;
+constexpr double kLongestPacketTime = 1e9;  // seconds: keeps the arithmetic on times finite
 
 std::uint64_t Nanoseconds(const CapturedFrame& frame) {
   return (static_cast<std::uint64_t>(frame.seconds) * 1000000 +
@@ -120,15 +122,29 @@ bool PcapRtInterface::QueueFrame(const PDU& frame) {
 
 bool PcapRtInterface::HandOver() {
   queue_count_ = 0;
-  const bool only_speed_counts = gap_correction_.load() >= packet_time_;
-  hand_over_.WaitForRoom(only_speed_counts ? MostWaiting() : 1);
+  hand_over_.WaitForRoom(MostAhead());
+  // Taken before the transmitter can go on from this batch and set the next ones.
+  const double gap = std::max(packet_time_ - gap_correction_.load(), 0.0);
+  const double start_advance = queue_start_advance_.load();
   if (failed_.load()) {
     return false;
   }
   hand_over_.HandOver(stamper_.JitterSum());
-  stamper_.BeginBatch(std::max(packet_time_ - gap_correction_.load(), 0.0),
-                      queue_start_advance_.load());
+  stamper_.BeginBatch(gap, start_advance);
   return true;
+}
+
+// Each batch whose gap is 0 makes up for the time of a whole one. As many as it takes to be on the
+// grid again may be ahead, and no more, since all that are ahead leave without gaps: the correction
+// spreads what is missing over the gaps of one batch.
+std::size_t PcapRtInterface::MostAhead() const {
+  const double correction = gap_correction_.load();
+  if (correction < packet_time_) {
+    return 1;
+  }
+  const double frames = packets_per_queue_;
+  const double batches = correction * (frames - 1) / (frames * packet_time_);
+  return static_cast<std::size_t>(std::clamp(batches, 1.0, static_cast<double>(MostWaiting())));
 }
 
 bool PcapRtInterface::SpacesFrames() const {
@@ -180,7 +196,7 @@ bool PcapRtInterface::TransmitWhole(const SendQueue& queue) {
 void PcapRtInterface::FlushLastQueue() {
   hand_over_.WaitUntilEmpty();
   finished_.store(true);
-  // Those behind a batch that failed are lost with it, and reported like it.
+  // Those behind a batch that failed or was given up are lost with it, and reported like it.
   for (std::uint64_t lost = hand_over_.InHand(); lost > 1; --lost) {
     ReportShortTransmission(0);
   }

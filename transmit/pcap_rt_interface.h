@@ -29,10 +29,13 @@ namespace ipplayout {
 //
 // One batch is in transit while the next is filled, so that each takes the correction that followed
 // from the one before. Only where frames are so late that the next gap is 0 in any case, further
-// batches may follow: then nothing but speed counts.
+// batches may follow, as many as are to leave without gaps.
 //
-// Send, FlushLastQueue and SignalQueueReady are the pump's, the operations from WaitForQueue to
-// TransmitQueue the transmitter's; the rest belongs to the control thread while neither runs.
+// When a transmission fails, or a stop gives up the rest, the ring is abandoned: the pump waits for
+// nothing any more, and drops each further batch when it is full.
+//
+// Each section of the class belongs to one thread, the first to the control thread while neither
+// worker runs.
 class PcapRtInterface final : public EthernetRTInterface {
  public:
   using AcceptFilter = bool (*)(const Packet& frame);
@@ -41,19 +44,14 @@ class PcapRtInterface final : public EthernetRTInterface {
   PcapRtInterface(const PcapRtInterface&) = delete;
   PcapRtInterface& operator=(const PcapRtInterface&) = delete;
 
-  bool Send(PDU& frame) override;
-  std::uint32_t GetHeaderLength() const override { return 0; }
+  // ---- Control, before a run and after it ----
+
   bool Open() override;
   bool FilterInclude() override;
   void Close() override;
-  bool DiscardReceived(bool discard) override;
   void SetErrorInsertionManager(CErrorManagerBase* manager) override { errors_ = manager; }
   bool SetParametricManager(CParametricManagerBase* manager) override;
   const std::vector<std::uint8_t>& GetMacAddress() const override { return mac_address_; }
-  std::shared_ptr<MacPacket> Receive(std::chrono::milliseconds timeout) override;
-  bool SendShared(const std::shared_ptr<MacPacket>& frame) override;
-  void SetAcceptFilter(AcceptFilter filter) { accept_filter_ = filter; }
-
   // 1 collects frames in batches, anything else sends each at once.
   void SetQueuedMode(int mode) { queued_ = mode == 1; }
   // Of all streams together, in bit/s.
@@ -67,6 +65,22 @@ class PcapRtInterface final : public EthernetRTInterface {
   // The clock and the waits of this interface; tests put their own in its place.
   platform::DeadlineWaiter& Waiter() { return *waiter_; }
   void SetWaiter(platform::DeadlineWaiter* waiter) { waiter_ = waiter; }
+  // Frames that Send has taken in a batch since FilterInclude and the adapter has not. Any time;
+  // during a run they include what is on its way.
+  std::uint64_t FramesNotSent() const;
+
+  // ---- Pump ----
+
+  bool Send(PDU& frame) override;
+  std::uint32_t GetHeaderLength() const override { return 0; }
+  // A batch that is complete is handed over at once: Send does not wait for the transmitter.
+  bool HasRoom() const { return hand_over_.HasRoom(MostAhead()); }
+  // Wakes the transmitter from WaitForQueue. Any thread.
+  void SignalQueueReady() { hand_over_.Wake(); }
+  // Transmits the partly filled batch on the caller's thread and ends the run.
+  void FlushLastQueue();
+
+  // ---- Transmitter ----
 
   // Seconds per frame at the bit rate.
   double GetPacketTime() const { return packet_time_; }
@@ -85,17 +99,21 @@ class PcapRtInterface final : public EthernetRTInterface {
   // the next one over from now on, with the same corrections as after this one: then the time of
   // this one bears how late the pump is woken, and not the gap in between.
   void PassBatch();
-  // Transmits the batch in hand, if there is one. 0 when the adapter took only part of it, else 1.
+  // Transmits the batch in hand, if there is one. 0 when the adapter took only part of it, which
+  // ends the run: as failed, or where the waiter has given up as it is. Else 1.
   int TransmitQueue();
 
-  // Wakes the transmitter from WaitForQueue.
-  void SignalQueueReady() { hand_over_.Wake(); }
-  // Transmits the partly filled batch on the caller's thread and ends the run.
-  void FlushLastQueue();
+  // ---- Receiving, and frames of others: no playout does either ----
+
+  bool DiscardReceived(bool discard) override;
+  std::shared_ptr<MacPacket> Receive(std::chrono::milliseconds timeout) override;
+  bool SendShared(const std::shared_ptr<MacPacket>& frame) override;
+  void SetAcceptFilter(AcceptFilter filter) { accept_filter_ = filter; }
 
  private:
   bool QueueFrame(const PDU& frame);
   bool HandOver();
+  std::size_t MostAhead() const;
   bool SpacesFrames() const;
   std::size_t MostWaiting() const;
   bool TransmitWhole(const SendQueue& queue);
@@ -122,6 +140,8 @@ class PcapRtInterface final : public EthernetRTInterface {
   // Pump.
   FrameStamper stamper_;
   std::uint32_t queue_count_ = 0;
+  std::uint64_t dropped_batches_ = 0;
+  std::atomic<std::uint64_t> frames_taken_{0};
 
   BatchHandOver hand_over_;
 
@@ -129,6 +149,7 @@ class PcapRtInterface final : public EthernetRTInterface {
   // waited for room.
   std::atomic<double> gap_correction_{0};
   std::atomic<double> queue_start_advance_{0};
+  std::atomic<std::uint64_t> frames_sent_{0};  // written by whoever transmits
   // Set by the pump when it flushes, or by the transmitter when it fails.
   std::atomic<bool> finished_{false};
   std::atomic<bool> failed_{false};

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/random.h"
 #include "protocol/pdu.h"
 #include "tests/support/fake_driver.h"
 #include "tests/support/fake_waiter.h"
@@ -44,11 +45,8 @@ class PacketTransmitterTest : public testing::Test {
         waiter_.Advance(hitch);
       }
     };
-    interface_.SetQueuedMode(1);
-    interface_.SetPacketsPerQueue(frames_per_batch);
-    interface_.SetBitRate(10e6);
-    interface_.SetFrameSize(1250);
-    EXPECT_TRUE(interface_.FilterInclude() && transmitter_.Start());
+    Prepare(frames_per_batch);
+    EXPECT_TRUE(transmitter_.Start());
     for (int i = 1; i <= frames; ++i) {
       PDU frame(1250);
       EXPECT_TRUE(interface_.Send(frame));
@@ -58,6 +56,47 @@ class PacketTransmitterTest : public testing::Test {
     }
     interface_.FlushLastQueue();
     transmitter_.WaitUntilFinished();
+    return TimesFrom(first);
+  }
+
+  // The same where the pump is so fast that it stands at the limit of what it may hand over
+  // whenever a batch begins to leave: the transmitter's thread does its work as well.
+  std::vector<std::int64_t> PlayAhead(int frames_per_batch, int batches) {
+    const std::size_t first = driver_.Sent().size();
+    left_ = 0;
+    int built = 0;
+    const auto build = [&] {
+      for (int i = 0; i < frames_per_batch; ++i, ++built) {
+        PDU frame(1250);
+        EXPECT_TRUE(interface_.Send(frame));
+      }
+    };
+    driver_.on_sent = [&](const SentFrame&) {
+      while (left_ % frames_per_batch == 0 && built < batches * frames_per_batch &&
+             interface_.HasRoom()) {
+        build();
+      }
+      if (left_++ == hitch_at) {
+        waiter_.Advance(hitch);
+      }
+      if (left_ == batches * frames_per_batch) {
+        transmitter_.Stop();
+      }
+    };
+    Prepare(static_cast<std::uint32_t>(frames_per_batch));
+    build();
+    EXPECT_TRUE(transmitter_.Start());
+    transmitter_.WaitUntilFinished();
+    return TimesFrom(first);
+  }
+  void Prepare(std::uint32_t frames_per_batch) {
+    interface_.SetQueuedMode(1);
+    interface_.SetPacketsPerQueue(frames_per_batch);
+    interface_.SetBitRate(10e6);
+    interface_.SetFrameSize(1250);
+    EXPECT_TRUE(interface_.FilterInclude());
+  }
+  std::vector<std::int64_t> TimesFrom(std::size_t first) const {
     const std::vector<SentFrame> sent = driver_.Sent();
     std::vector<std::int64_t> times;
     for (std::size_t i = first; i < sent.size(); ++i) {
@@ -129,3 +168,36 @@ TEST_F(PacketTransmitterTest, ALateBatchIsCaughtUpByShorterGaps) {
 
 }  // namespace
 }  // namespace ipplayout
+// A pump that hands over as far ahead as it may, for the length of each batch. Frames that leave
+// together show that the pump had given their batch no gap.
+TEST_F(PacketTransmitterTest, APumpThatRunsAheadClumpsNoMoreThanTheLagPaysFor) {
+  constexpr int kFrames = 10;
+  const struct {
+    std::int32_t pattern;
+    float amount;  // percent
+    int hitch_us;
+    int most_clumped;  // of 2,000 batches
+  } cases[] = {
+      {CZebParametricManager::kNone, 0, 19'000, 4},
+      {CZebParametricManager::kNone, 0, 20'000, 4},
+      {CZebParametricManager::kNone, 0, 25'000, 4},
+      {CZebParametricManager::kNone, 0, 40'000, 6},
+      {CZebParametricManager::kSquaredDifference, 200, 0, 20},
+      {CZebParametricManager::kSquaredDifference, 300, 0, 150},
+  };
+  for (const auto& [pattern, amount, hitch_us, most_clumped] : cases) {
+    parameters_.SetJitterEnabled(pattern == CZebParametricManager::kNone ? 0 : 1);
+    parameters_.SetDistributionType(pattern);
+    parameters_.SetJitterPeriod(amount);
+    platform::SeedRandom(5);
+    hitch_at = hitch_us > 0 ? 105 : -1;
+    hitch = microseconds(hitch_us);
+    const std::vector<std::int64_t> times = PlayAhead(kFrames, 2000);
+    int clumped = 0;
+    for (std::size_t i = 0; i + kFrames <= times.size(); i += kFrames) {
+      clumped += times[i] == times[i + kFrames - 1] ? 1 : 0;
+    }
+    EXPECT_LE(clumped, most_clumped) << amount << ", " << hitch_us;
+  }
+}
+
