@@ -10,7 +10,8 @@
 namespace ipplayout {
 namespace {
 
-constexpr double kPi = 3.142857142857143;  // 22 / 7: a sine cycle lasts 99.96 datagrams
+// 22 / 7, on purpose: the pattern is defined with it. A sine cycle lasts 99.96 datagrams.
+constexpr double kPi = 3.142857142857143;
 
 double RandomFraction() {
   return platform::NextRandom() / double{platform::kRandomMax};
@@ -21,7 +22,8 @@ double RandomHundredth() {
 }
 
 // Box-Muller with a standard deviation of a quarter, drawn again until it lies in [-1, 1]. The
-// negated comparison also draws again for the not-a-number that a logarithm of zero can give.
+// negated comparison also draws again for the not-a-number that a logarithm of zero can give. Twice
+// pi is 44 / 7, as in the sine pattern.
 double GaussianVariate() {
   double z = 0;
   do {
