@@ -8,10 +8,12 @@
 //             pause=AT:FOR, starve=AT:FOR (seconds; starve: nothing is in the ring meanwhile)
 #include <sys/resource.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -51,17 +53,18 @@ double CpuSeconds() {
          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
-// Writes until the playout is stopped.
-void WriteData(const Run& run) {
+// Writes until the playout is stopped, which `stopped` tells of before: a stop lets go a write that
+// waits, and a later one would fill the ring for the next playout.
+void WriteData(const Run& run, const std::atomic<bool>& stopped) {
   const std::vector<std::uint8_t> data(std::size_t{kSlice} * kPayload, 0x47);
   const auto start = std::chrono::steady_clock::now();
   if (run.starve.length > 0) {
     auto left = static_cast<std::int64_t>(run.starve.at * run.megabits * 1e6 / 8 / kFrame);
-    while (left-- > 0 && IPWrite(data.data(), kPayload / 4) == 0) {
+    while (left-- > 0 && !stopped && IPWrite(data.data(), kPayload / 4) == 0) {
     }
     std::this_thread::sleep_until(start + duration<double>(run.starve.at + run.starve.length));
   }
-  while (IPWrite(data.data(), kSlice * kPayload / 4) == 0) {
+  while (!stopped && IPWrite(data.data(), kSlice * kPayload / 4) == 0) {
   }
 }
 
@@ -100,14 +103,15 @@ int main(int argc, char** argv) {
   }
   const auto start = std::chrono::steady_clock::now();
   const double cpu = CpuSeconds();
-  std::thread writer(WriteData, run);
+  std::atomic<bool> stopped{false};
+  std::thread writer(WriteData, run, std::cref(stopped));
   Wait(run);
   PlayoutStatistics statistics;
   GetPlayoutStatistics(&statistics);
   const duration<double> elapsed = std::chrono::steady_clock::now() - start;
   const double used = CpuSeconds() - cpu;
+  stopped = true;
   IPStop();
-  // The writer is let go by the stop when it waits for room; otherwise it fills the ring first.
   writer.join();
   PlayoutStatistics last;
   GetPlayoutStatistics(&last);
