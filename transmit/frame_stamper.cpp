@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace ipplayout {
 namespace {
@@ -10,6 +11,11 @@ namespace {
 constexpr std::int32_t kMicrosecondsPerSecond = 1000000;
 // Longest time that is told apart, in seconds: eleven days between two frames.
 constexpr double kLongestTime = 1e6;
+// Where the clock of a run stands still, after 68 years: a second below the largest one leaves room
+// for a carry.
+constexpr std::int32_t kLatestSecond = std::numeric_limits<std::int32_t>::max() - 1;
+// Of the running estimate that a new deviation replaces: RFC 3550 section 6.4.1.
+constexpr double kEstimateGain = 1.0 / 16;
 
 }  // namespace
 
@@ -54,8 +60,17 @@ FrameStamper::Time FrameStamper::Split(double seconds) {
 }
 
 void FrameStamper::Advance(Time& time, const Time& by) {
-  time.seconds += by.seconds;
+  AddSeconds(time.seconds, by.seconds);
   time.microseconds += by.microseconds;
+  Carry(time);
+}
+
+void FrameStamper::AddSeconds(std::int32_t& seconds, std::int32_t more) {
+  seconds = static_cast<std::int32_t>(
+      std::min(std::int64_t{seconds} + more, std::int64_t{kLatestSecond}));
+}
+
+void FrameStamper::Carry(Time& time) {
   if (time.microseconds >= kMicrosecondsPerSecond) {
     ++time.seconds;
     time.microseconds -= kMicrosecondsPerSecond;
@@ -67,12 +82,9 @@ void FrameStamper::AdvanceClock(double by) {
   const double limited = std::min(by, kLongestTime);
   const auto whole = static_cast<std::int32_t>(limited);
   const double fraction = (limited - whole) * kMicrosecondsPerSecond;
-  send_clock_.seconds += whole;
+  AddSeconds(send_clock_.seconds, whole);
   send_clock_.microseconds = static_cast<std::int32_t>(fraction + send_clock_.microseconds);
-  if (send_clock_.microseconds >= kMicrosecondsPerSecond) {
-    ++send_clock_.seconds;
-    send_clock_.microseconds -= kMicrosecondsPerSecond;
-  }
+  Carry(send_clock_);
 }
 
 void FrameStamper::ApplyJitter(bool first_of_batch) {
@@ -94,7 +106,7 @@ void FrameStamper::UpdateEstimate() {
   const double time = send_clock_.seconds + send_clock_.microseconds * 0.000001;
   const double interval = time - previous_time_;
   const double deviation = std::abs(interval - previous_interval_);
-  estimate_ += (deviation - estimate_) * 0.0625;
+  estimate_ += (deviation - estimate_) * kEstimateGain;
   previous_time_ = time;
   previous_interval_ = interval;
 }

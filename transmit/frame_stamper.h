@@ -35,6 +35,8 @@ class FrameStamper {
 
   static Time Split(double seconds);
   static void Advance(Time& time, const Time& by);
+  static void AddSeconds(std::int32_t& seconds, std::int32_t more);
+  static void Carry(Time& time);
   void AdvanceClock(double by);
   void ApplyJitter(bool first_of_batch);
   void UpdateEstimate();

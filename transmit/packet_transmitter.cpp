@@ -11,12 +11,13 @@
 namespace ipplayout {
 namespace {
 
-// Some thirty years: keeps a point in time far in the future within nanoseconds of 64 bits.
-constexpr double kLatestSeconds = 1e9;
+using std::chrono::nanoseconds;
 
-std::chrono::nanoseconds ToNanoseconds(const Timestamp& time) {
-  const double seconds = std::min(time.Seconds(), kLatestSeconds);
-  return std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9));
+// Some thirty years: keeps the point in time at the end of a wait within nanoseconds of 64 bits.
+constexpr double kLongestWait = 1e9;  // seconds
+
+nanoseconds ToNanoseconds(double seconds) {
+  return nanoseconds(static_cast<std::int64_t>(std::min(seconds, kLongestWait) * 1e9));
 }
 
 }  // namespace
@@ -90,18 +91,17 @@ void PacketTransmitterThread::TransmitBatches() {
 // Waits for the batch's place on the grid. The deadline counts from the mark, so that the time
 // spent here does not delay the batch.
 void PacketTransmitterThread::PaceBatch(BatchPacer& pacer, Timestamp& mark, double jitter_sum) {
-  const Timestamp now(interface_->Waiter().Now());
-  const BatchPacer::Pace pace = pacer.Next(now.Elapsed(mark), jitter_sum);
-  mark = now;
+  const nanoseconds now = interface_->Waiter().Now();
+  const Timestamp taken_up(now);
+  const BatchPacer::Pace pace = pacer.Next(taken_up.Elapsed(mark), jitter_sum);
+  mark = taken_up;
   if (pace.gap_correction) {
     interface_->SetGapCorrection(*pace.gap_correction);
   }
   interface_->SetQueueStartAdvance(pace.queue_start_advance);
   interface_->PassBatch();
   if (pace.wait > 0) {
-    Timestamp deadline(now);
-    deadline.Add(pace.wait);
-    interface_->Waiter().WaitUntil(ToNanoseconds(deadline));
+    interface_->Waiter().WaitUntil(now + ToNanoseconds(pace.wait));
   }
 }
 

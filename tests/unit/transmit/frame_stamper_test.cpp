@@ -96,6 +96,17 @@ TEST(FrameStamperTest, JitterMovesFramesButNeverBackBehindOneAnother) {
   }
 }
 
+// The longest time between two frames, until long after the clock has come to its end.
+TEST(FrameStamperTest, TheSendClockStopsAtItsEnd) {
+  FrameStamper stamper;
+  stamper.Begin(1e6, nullptr);
+  for (int i = 0; i < 3000; ++i) {
+    stamper.BeginBatch(1e6, 1e6);
+    Batch(stamper, 2);
+    ASSERT_LE(stamper.JitterEstimate(), 1e6 / 16);
+  }
+}
+
 TEST(FrameStamperTest, TheIndexOfAPatternRunsOnOverBatches) {
   CZebParametricManager parameters;
   parameters.SetJitterEnabled(1);

@@ -124,6 +124,7 @@ TEST_F(PacketTransmitterTest, FramesLeaveOnTheGridOfTheBitRate) {
     int lateness_us;  // of every wake-up
   } cases[] = {{1, false, 0}, {1, false, 70}, {4, true, 0}, {4, true, 70}, {4, false, 0}};
   for (const auto& [frames, burst, lateness_us] : cases) {
+    waiter_.Advance(std::chrono::seconds(400'000'000));  // up to 63 years after the clock's origin
     parameters_.SetBurstMode(burst ? 1 : 0);
     waiter_.SetLateness(microseconds(lateness_us));
     std::vector<std::int64_t> due;
