@@ -56,7 +56,8 @@ void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings
 constexpr double kFrameWork = 2.5e-6;  // seconds that sending one frame takes at most
 
 // Between two frames, or two bursts, there is time to sleep, and sending takes up less than half of
-// it all: the workers may run in real time without being throttled by the kernel.
+// it all: the workers may run in real time without being throttled by the kernel. At higher rates
+// the transmitter may not, and so the pump does not either, which would go before it at any level.
 bool LeavesRest(const PcapRtInterface& capture, const CZebParametricManager& parametric) {
   // A wait is shorter than the time from frame to frame, by the work on a frame and the hand-over.
   constexpr std::chrono::duration<double> kShortestRest =
@@ -64,11 +65,6 @@ bool LeavesRest(const PcapRtInterface& capture, const CZebParametricManager& par
   const std::uint32_t frames = parametric.IsBurstMode() != 0 ? capture.GetPacketsPerQueue() : 1;
   const double packet_time = capture.GetPacketTime();
   return frames * packet_time >= kShortestRest.count() && packet_time >= 2 * kFrameWork;
-}
-
-// The pump waits for the transmitter, not for points in time, and rests at higher rates as well.
-bool PumpLeavesRest(const PcapRtInterface& capture) {
-  return capture.GetPacketTime() >= 2 * kFrameWork;
 }
 
 // With longer gaps a late wake-up does not matter, so let the processors sleep.
@@ -191,8 +187,9 @@ bool Playout::StartThreads() {
   PacketTransmitterThread& transmitter = parts_.transmitter;
   transmitter.SetInterface(pipeline_.capture_interface.get());
   const PcapRtInterface& capture = *pipeline_.capture_interface;
-  transmitter.UseRealTime(LeavesRest(capture, parts_.parametric));
-  pump.UseRealTime(PumpLeavesRest(capture));
+  const bool real_time = LeavesRest(capture, parts_.parametric);
+  transmitter.UseRealTime(real_time);
+  pump.UseRealTime(real_time);
   if (platform::IsNice()) {
     pipeline_.capture_interface->Waiter().SpinLittle();
   }

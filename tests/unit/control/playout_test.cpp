@@ -4,10 +4,14 @@
 #include "control/playout.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -87,6 +91,28 @@ TEST_F(PlayoutTest, AStopDoesNotWaitForCopiesWithoutEnd) {
   ASSERT_EQ(Write(2 * kPayload), 0);
   auto stop = OnAnotherThread([this] { GetPlayout().Stop(); });
   ASSERT_TRUE(Returns(stop));
+}
+
+// Of a worker by the beginning of its name.
+int SchedulingClass(const std::string& name) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string found;
+    std::getline(std::ifstream(task.path() / "comm"), found);
+    if (found.starts_with(name)) {
+      return ::sched_getscheduler(std::stoi(task.path().filename()));
+    }
+  }
+  return -1;
+}
+
+// Else one of them would go before the other whatever their levels.
+TEST_F(PlayoutTest, TheWorkersShareASchedulingClass) {
+  for (const double mbit : {1.0, 100.0, 500.0, 2000.0, 1e5}) {
+    Start(mbit);
+    EXPECT_EQ(SchedulingClass("DataPump"), SchedulingClass("PacketTrans")) << mbit;
+    EXPECT_GE(SchedulingClass("DataPump"), 0) << mbit;
+    GetPlayout().Stop();
+  }
 }
 
 // Writers, a pause, two stops and a wait for the end, all at once; some adapters fail on the way.
