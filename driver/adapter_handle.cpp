@@ -33,9 +33,11 @@ Descriptor OpenPacketSocket(unsigned interface_index) {
 
 }  // namespace
 
-AdapterHandle::AdapterHandle(Descriptor socket, std::string interface, const OpenOptions& options)
+AdapterHandle::AdapterHandle(Descriptor socket, std::string interface, unsigned interface_index,
+                             const OpenOptions& options)
     : socket_(std::move(socket)),
       interface_(std::move(interface)),
+      interface_index_(interface_index),
       options_(options),
       sender_(socket_.Get()) {}
 
@@ -51,7 +53,8 @@ std::unique_ptr<AdapterHandle> AdapterHandle::Open(const std::string& interface,
   if (!socket.IsOpen()) {
     return nullptr;
   }
-  std::unique_ptr<AdapterHandle> handle(new AdapterHandle(std::move(socket), interface, options));
+  std::unique_ptr<AdapterHandle> handle(
+      new AdapterHandle(std::move(socket), interface, index, options));
   return options.capture_later || handle->Capture() != nullptr ? std::move(handle) : nullptr;
 }
 
@@ -66,7 +69,7 @@ FilterResult AdapterHandle::SetFilter(const char* text, std::uint32_t netmask) {
 }
 
 void AdapterHandle::ExpectBatches() {
-  fast_sender_ = XdpSender::Open(interface_, sender_, socket_.Get());
+  fast_sender_ = XdpSender::Open(interface_index_, sender_, socket_.Get());
 }
 
 bool AdapterHandle::SendFrame(std::span<const std::uint8_t> frame) {

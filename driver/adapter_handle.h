@@ -31,13 +31,15 @@ class AdapterHandle final : public CaptureHandle {
   std::optional<CapturedFrame> NextFrame() override;
 
  private:
-  AdapterHandle(platform::Descriptor socket, std::string interface, const OpenOptions& options);
+  AdapterHandle(platform::Descriptor socket, std::string interface, unsigned interface_index,
+                const OpenOptions& options);
 
   // Null when it cannot be opened.
   PcapCapture* Capture();
 
   const platform::Descriptor socket_;
   const std::string interface_;
+  const unsigned interface_index_;
   const OpenOptions options_;
   BurstSocket sender_;
   std::unique_ptr<XdpSender> fast_sender_;  // sends through sender_ what it cannot send itself

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "driver/patience.h"
-#include "platform/interface.h"
 
 namespace ipplayout {
 namespace {
@@ -32,21 +31,18 @@ bool MeansFull(int error) {
 
 }  // namespace
 
-std::unique_ptr<XdpSender> XdpSender::Open(const std::string& interface, BurstSender& rest,
+std::unique_ptr<XdpSender> XdpSender::Open(unsigned interface_index, BurstSender& rest,
                                            int packet_socket, std::chrono::nanoseconds patience) {
-  if (interface.size() >= IFNAMSIZ) {
-    return nullptr;
-  }
-  std::unique_ptr<XdpSender> sender(new XdpSender(interface, rest, packet_socket, patience));
+  std::unique_ptr<XdpSender> sender(new XdpSender(interface_index, rest, packet_socket, patience));
   const std::size_t longest = sender->AdapterMtu() + kEthernetHeader + kTag;
-  sender->rings_ = XdpRings::Open(platform::InterfaceIndex(interface),
-                                  longest <= kSmallChunk ? kSmallChunk : kLargeChunk);
+  sender->rings_ =
+      XdpRings::Open(interface_index, longest <= kSmallChunk ? kSmallChunk : kLargeChunk);
   return sender->rings_ == nullptr ? nullptr : std::move(sender);
 }
 
-XdpSender::XdpSender(std::string interface, BurstSender& rest, int packet_socket,
+XdpSender::XdpSender(unsigned interface_index, BurstSender& rest, int packet_socket,
                      std::chrono::nanoseconds patience)
-    : interface_(std::move(interface)),
+    : interface_index_(interface_index),
       rest_(rest),
       packet_socket_(packet_socket),
       patience_(patience) {}
@@ -78,13 +74,14 @@ bool XdpSender::CanCarry(std::span<const FrameBytes> frames) const {
   });
 }
 
-// Asked each time, since it can change while a playout runs. 0 when the adapter is gone.
+// Asked each time, since it can change while a playout runs, and so can the adapter's name, which
+// another one may then take. 0 when the adapter is gone.
 std::size_t XdpSender::AdapterMtu() const {
   ifreq request{};
-  interface_.copy(request.ifr_name, sizeof request.ifr_name - 1);
-  return ::ioctl(packet_socket_, SIOCGIFMTU, &request) == 0 && request.ifr_mtu > 0
-             ? static_cast<std::size_t>(request.ifr_mtu)
-             : 0;
+  request.ifr_ifindex = static_cast<int>(interface_index_);
+  const bool known = ::ioctl(packet_socket_, SIOCGIFNAME, &request) == 0 &&
+                     ::ioctl(packet_socket_, SIOCGIFMTU, &request) == 0 && request.ifr_mtu > 0;
+  return known ? static_cast<std::size_t>(request.ifr_mtu) : 0;
 }
 
 XdpSender::Outcome XdpSender::SendPart(std::span<const FrameBytes> frames) {

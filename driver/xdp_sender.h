@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <string>
 
 #include "driver/timed_batch.h"
 #include "driver/xdp_rings.h"
@@ -26,7 +25,7 @@ class XdpSender final : public BurstSender {
   // Null when the kernel, the adapter or its present user does not allow it. `rest` and
   // `packet_socket` belong to the same adapter and outlive the sender.
   static std::unique_ptr<XdpSender> Open(
-      const std::string& interface, BurstSender& rest, int packet_socket,
+      unsigned interface_index, BurstSender& rest, int packet_socket,
       std::chrono::nanoseconds patience = std::chrono::seconds(1));
 
   std::size_t SendBurst(std::span<const FrameBytes> frames) override;
@@ -40,7 +39,7 @@ class XdpSender final : public BurstSender {
     bool certain = true;  // else more than `sent` may have left
   };
 
-  XdpSender(std::string interface, BurstSender& rest, int packet_socket,
+  XdpSender(unsigned interface_index, BurstSender& rest, int packet_socket,
             std::chrono::nanoseconds patience);
 
   bool CanCarry(std::span<const FrameBytes> frames) const;
@@ -49,7 +48,7 @@ class XdpSender final : public BurstSender {
   Outcome TakeBack(std::size_t count, bool last_was_dropped);
 
   std::unique_ptr<XdpRings> rings_;
-  const std::string interface_;
+  const unsigned interface_index_;
   BurstSender& rest_;
   const int packet_socket_;
   const std::chrono::nanoseconds patience_;

@@ -101,11 +101,16 @@ class Senders(WireCase):
 
     def test_adapter_that_changes_in_mid_run(self):
         """What the adapter can no longer take ends the run, and what came before is whole and in order."""
-        for change in ("set near mtu 1000", "set near down", "delete near"):
+        taken_name = "set near name moved; add near mtu 9000 type veth peer name other; set moved mtu 1000"
+        for change in ("set near mtu 1000", "set near down", "delete near", taken_name):
             with self.subTest(change=change):
                 bed = Testbed()
                 self.addCleanup(bed.close)
-                outcome = bed.run(interrupted, bed.near.run, "ip link " + change)
+
+                def run(*_, bed=bed, change=change):
+                    for command in change.split("; "):
+                        bed.near.run("ip", "link", *command.split())
+                outcome = bed.run(interrupted, run, "")
                 self.assertEqual(outcome.value[0], Library.FAILED)
                 self.assertIn("An error occurred sending the packets", outcome.printed)
                 whole = EXPECTED[:-1]
