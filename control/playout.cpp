@@ -21,6 +21,8 @@ constexpr std::uint32_t kReadTimeoutMs = 1;
 // After a stop frames that are due within this time still leave when they are due, later ones at
 // its end.
 constexpr std::chrono::milliseconds kStopGrace{250};
+// After a stop an adapter gets this long to take what has been handed over. The rest is given up.
+constexpr std::chrono::milliseconds kStopPatience{800};
 
 // The parametric manager's own numbers.
 std::int32_t DistributionType(std::uint32_t setting) {
@@ -217,7 +219,9 @@ void Playout::EndPlayout() {
   parts_.pump.Stop();
   if (pipeline_.capture_interface != nullptr) {
     platform::DeadlineWaiter& waiter = pipeline_.capture_interface->Waiter();
-    waiter.LimitWaits(waiter.Now() + kStopGrace);
+    const std::chrono::nanoseconds now = waiter.Now();
+    waiter.GiveUpAt(now + kStopPatience);
+    waiter.LimitWaits(now + kStopGrace);
   }
   parts_.pump.WaitUntilComplete();
   parts_.transmitter.Stop();
@@ -225,6 +229,9 @@ void Playout::EndPlayout() {
   parts_.pump.Join();
   parts_.transmitter.Join();
   parts_.data_buffer.Reset();
+  if (pipeline_.capture_interface != nullptr) {
+    frames_not_sent_ = pipeline_.capture_interface->FramesNotSent();
+  }
   Release();
   // A pause that was asked for while the playout was ending is over too.
   parts_.pump.Pause(false);
@@ -241,6 +248,12 @@ void Playout::Release() {
   }
   pipeline_ = Pipeline();
   short_wake_ups_.reset();
+}
+
+std::uint64_t Playout::FramesNotSent() {
+  const std::lock_guard lock(control_mutex_);
+  return pipeline_.capture_interface == nullptr ? frames_not_sent_
+                                                : pipeline_.capture_interface->FramesNotSent();
 }
 
 int Playout::Write(const std::uint8_t* data, std::uint32_t length) {

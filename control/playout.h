@@ -33,6 +33,9 @@ class Playout {
   // kStarted, or IPPLAYOUT_FAILED; then what was built so far is left for a stop or the next start.
   int Start();
   void Stop();
+  // Frames that the adapter did not take, of those built in the last run. While one is in progress
+  // they include what is on its way.
+  std::uint64_t FramesNotSent();
 
   int Write(const std::uint8_t* data, std::uint32_t length);
   void WriteTerminate();
@@ -53,6 +56,7 @@ class Playout {
   std::mutex control_mutex_;
   Pipeline pipeline_;                                     // under control_mutex_
   std::optional<platform::ShortWakeUps> short_wake_ups_;  // during a run; under control_mutex_
+  std::uint64_t frames_not_sent_ = 0;  // of a run that was released; under control_mutex_
   bool was_started_ = false;  // the pipeline's threads have been started; under control_mutex_
 
   std::mutex stop_event_mutex_;

@@ -73,7 +73,7 @@ void AdapterHandle::ExpectBatches() {
 }
 
 bool AdapterHandle::SendFrame(std::span<const std::uint8_t> frame) {
-  return sender_.SendBurst({&frame, 1}) == 1;
+  return sender_.SendBurst({&frame, 1}, endless_) == 1;
 }
 
 std::size_t AdapterHandle::TransmitQueue(const SendQueue& queue, bool synchronised,

@@ -44,6 +44,7 @@ class AdapterHandle final : public CaptureHandle {
   BurstSocket sender_;
   std::unique_ptr<XdpSender> fast_sender_;  // sends through sender_ what it cannot send itself
   std::unique_ptr<PcapCapture> capture_;    // the reading thread's
+  const platform::DeadlineWaiter endless_;  // of single frames: never gives up
 };
 
 }  // namespace ipplayout

@@ -30,7 +30,8 @@ BurstSocket::BurstSocket(int descriptor, nanoseconds patience)
   }
 }
 
-std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames) {
+std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames,
+                                   const platform::DeadlineWaiter& waiter) {
   const std::size_t count = std::min(frames.size(), kMostFrames);
   for (std::size_t i = 0; i < count; ++i) {
     // The kernel only reads from it; iovec has no const form.
@@ -38,8 +39,8 @@ std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames) {
     bytes_[i].iov_len = frames[i].size();
   }
   std::size_t sent = 0;
-  Patience patience(patience_);
-  while (sent < count) {
+  Patience patience(patience_, waiter);
+  while (sent < count && !waiter.ShouldGiveUp()) {
     // What keeps a frame from being sent is reported by the call that begins with it.
     const int result = ::sendmmsg(descriptor_, &messages_[sent],
                                   static_cast<unsigned>(count - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -64,9 +65,11 @@ bool BurstSocket::WaitForRoom(int error, Patience& patience) const {
   if (error != EAGAIN) {
     return false;
   }
+  // In pieces, between which a waiter that has come to give up is noticed.
+  constexpr nanoseconds kLongestPiece = std::chrono::milliseconds(50);
   const nanoseconds left = patience.Left();
   if (left > nanoseconds::zero()) {
-    WaitUntilWritable(descriptor_, left);
+    WaitUntilWritable(descriptor_, std::min(left, kLongestPiece));
   }
   return left > nanoseconds::zero();
 }

@@ -17,6 +17,7 @@ namespace ipplayout {
 
 // One system call per burst and no allocation. A full device queue is waited for; an adapter that
 // takes nothing for as long as `patience`, or any other error, counts as refusing the frame.
+// A waiter that gives up ends the wait as well.
 class BurstSocket final : public BurstSender {
  public:
   // `descriptor` stays the caller's.
@@ -24,7 +25,8 @@ class BurstSocket final : public BurstSender {
   BurstSocket(const BurstSocket&) = delete;
   BurstSocket& operator=(const BurstSocket&) = delete;
 
-  std::size_t SendBurst(std::span<const FrameBytes> frames) override;
+  std::size_t SendBurst(std::span<const FrameBytes> frames,
+                        const platform::DeadlineWaiter& waiter) override;
 
  private:
   bool WaitForRoom(int error, Patience& patience) const;

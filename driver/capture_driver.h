@@ -89,7 +89,8 @@ class CaptureHandle {
   // Sends the queued frames in order. When `synchronised`, each leaves at the time of the call plus
   // the difference between its time stamp and the first one's, as `waiter` reads the time; frames
   // that are due together leave together. Returns the bytes of the queue that were sent, headers
-  // included: queue.Used() unless the adapter refused a frame, with which the batch ends.
+  // included: queue.Used() unless the adapter refused a frame, with which the batch ends, or could
+  // not take all of them by the time that `waiter` gives up.
   virtual std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
                                     platform::DeadlineWaiter& waiter) = 0;
 

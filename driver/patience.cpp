@@ -24,7 +24,7 @@ nanoseconds Patience::Left() {
 }
 
 bool Patience::Nap() {
-  if (Left() <= nanoseconds::zero()) {
+  if (Left() <= nanoseconds::zero() || waiter_.ShouldGiveUp()) {
     return false;
   }
   const timespec time{0, static_cast<long>(kNap.count())};

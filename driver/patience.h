@@ -5,13 +5,16 @@
 #include <chrono>
 #include <optional>
 
+#include "platform/deadline_waiter.h"
+
 namespace ipplayout {
 
 // Begins when the adapter is first found full and ends with each frame that it takes.
 class Patience {
  public:
-  // Waits end after `limit` without progress.
-  explicit Patience(std::chrono::nanoseconds limit) : limit_(limit) {}
+  // Waits end after `limit` without progress, or when `waiter` gives up.
+  Patience(std::chrono::nanoseconds limit, const platform::DeadlineWaiter& waiter)
+      : limit_(limit), waiter_(waiter) {}
 
   // What is left of the limit; zero or less when it is used up. Starts it where it does not run.
   std::chrono::nanoseconds Left();
@@ -22,6 +25,7 @@ class Patience {
 
  private:
   const std::chrono::nanoseconds limit_;
+  const platform::DeadlineWaiter& waiter_;
   std::optional<std::chrono::nanoseconds> give_up_;
 };
 

@@ -30,7 +30,19 @@ bool SendQueue::Append(const FrameHeader& header, const std::uint8_t* bytes) {
   std::memcpy(data_ + used_, &header, sizeof header);
   std::memcpy(data_ + used_ + sizeof header, bytes, header.captured_length);
   used_ += sizeof header + header.captured_length;
+  ++frames_;
   return true;
+}
+
+std::size_t SendQueue::FramesWithin(std::size_t bytes) const {
+  if (bytes == used_) {
+    return frames_;
+  }
+  std::size_t frames = 0;
+  for (std::size_t position = 0; position < bytes; ++frames) {
+    position = NextPosition(position, At(position));
+  }
+  return frames;
 }
 
 }  // namespace ipplayout

@@ -37,10 +37,15 @@ class SendQueue {
 
   // False, storing nothing, when the header and the bytes do not fit the rest of the queue.
   bool Append(const FrameHeader& header, const std::uint8_t* bytes);
-  void Clear() { used_ = 0; }
+  void Clear() {
+    used_ = 0;
+    frames_ = 0;
+  }
 
   std::size_t Capacity() const { return capacity_; }
   std::size_t Used() const { return used_; }
+  // Whole frames in the first `bytes`, which end with one.
+  std::size_t FramesWithin(std::size_t bytes) const;
 
   // The frame at `position`, which is 0 or came from NextPosition and is below Used().
   Frame At(std::size_t position) const {
@@ -61,6 +66,7 @@ class SendQueue {
   std::uint8_t* data_;
   std::size_t capacity_;
   std::size_t used_ = 0;
+  std::size_t frames_ = 0;
 };
 
 }  // namespace ipplayout

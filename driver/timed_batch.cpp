@@ -59,7 +59,7 @@ std::size_t TransmitTimed(const SendQueue& queue, bool synchronised,
   nanoseconds elapsed = synchronised ? nanoseconds::zero() : nanoseconds::max();
   std::size_t position = 0;
   Burst burst;
-  while (position < queue.Used()) {
+  while (position < queue.Used() && !waiter.ShouldGiveUp()) {
     const nanoseconds due = Difference(queue.At(position).header, first);
     if (due > elapsed) {
       elapsed = waiter.Now() - start;
@@ -69,7 +69,7 @@ std::size_t TransmitTimed(const SendQueue& queue, bool synchronised,
       elapsed = due;
     }
     CollectDueFrames(queue, position, first, elapsed, burst);
-    const std::size_t sent = sender.SendBurst({burst.frames.data(), burst.count});
+    const std::size_t sent = sender.SendBurst({burst.frames.data(), burst.count}, waiter);
     for (std::size_t i = 0; i < sent; ++i) {
       position += sizeof(FrameHeader) + burst.frames[i].size();
     }

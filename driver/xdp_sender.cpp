@@ -47,12 +47,13 @@ XdpSender::XdpSender(unsigned interface_index, BurstSender& rest, int packet_soc
       packet_socket_(packet_socket),
       patience_(patience) {}
 
-std::size_t XdpSender::SendBurst(std::span<const FrameBytes> frames) {
+std::size_t XdpSender::SendBurst(std::span<const FrameBytes> frames,
+                                 const platform::DeadlineWaiter& waiter) {
   std::size_t sent = 0;
   if (usable_ && CanCarry(frames)) {
     while (sent < frames.size()) {
       const auto part = frames.subspan(sent, std::min(kFramesPerCall, frames.size() - sent));
-      const Outcome outcome = SendPart(part);
+      const Outcome outcome = SendPart(part, waiter);
       sent += outcome.sent;
       if (!outcome.certain) {
         return sent;
@@ -62,7 +63,7 @@ std::size_t XdpSender::SendBurst(std::span<const FrameBytes> frames) {
       }
     }
   }
-  return sent == frames.size() ? sent : sent + rest_.SendBurst(frames.subspan(sent));
+  return sent == frames.size() ? sent : sent + rest_.SendBurst(frames.subspan(sent), waiter);
 }
 
 // The kernel checks no length here and may lose a frame that is too long without a word.
@@ -84,8 +85,9 @@ std::size_t XdpSender::AdapterMtu() const {
   return known ? static_cast<std::size_t>(request.ifr_mtu) : 0;
 }
 
-XdpSender::Outcome XdpSender::SendPart(std::span<const FrameBytes> frames) {
-  Patience patience(patience_);
+XdpSender::Outcome XdpSender::SendPart(std::span<const FrameBytes> frames,
+                                       const platform::DeadlineWaiter& waiter) {
+  Patience patience(patience_, waiter);
   while (rings_->FreeChunks() < frames.size()) {
     if (!patience.Nap()) {
       return {};

@@ -28,7 +28,8 @@ class XdpSender final : public BurstSender {
       unsigned interface_index, BurstSender& rest, int packet_socket,
       std::chrono::nanoseconds patience = std::chrono::seconds(1));
 
-  std::size_t SendBurst(std::span<const FrameBytes> frames) override;
+  std::size_t SendBurst(std::span<const FrameBytes> frames,
+                        const platform::DeadlineWaiter& waiter) override;
 
  private:
   // What the kernel sends at most in one call, in copy mode.
@@ -44,7 +45,7 @@ class XdpSender final : public BurstSender {
 
   bool CanCarry(std::span<const FrameBytes> frames) const;
   std::size_t AdapterMtu() const;
-  Outcome SendPart(std::span<const FrameBytes> frames);
+  Outcome SendPart(std::span<const FrameBytes> frames, const platform::DeadlineWaiter& waiter);
   Outcome TakeBack(std::size_t count, bool last_was_dropped);
 
   std::unique_ptr<XdpRings> rings_;

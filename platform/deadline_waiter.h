@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Waiting for a point in time to within a microsecond, with a way to cut the wait short.
+// Waiting for a point in time to within a microsecond, with a way to cut the wait short and one to
+// give up what is waited for.
 #pragma once
 
 #include <atomic>
@@ -34,12 +35,22 @@ class DeadlineWaiter {
   void LimitWaits(std::chrono::nanoseconds latest);
   void RemoveLimit();
 
+  // From `time` on what has not been done is given up, so that a stop does not wait for it. Any
+  // thread.
+  void GiveUpAt(std::chrono::nanoseconds time) { give_up_ns_.store(time.count()); }
+  // Reads the clock only where GiveUpAt has been called.
+  bool ShouldGiveUp() const {
+    const std::int64_t time = give_up_ns_.load(std::memory_order_relaxed);
+    return time != kNoLimit && Now().count() >= time;
+  }
+
  private:
   static constexpr std::int64_t kNoLimit = INT64_MAX;
 
   void LearnFrom(std::chrono::nanoseconds lateness);
 
   std::atomic<std::int64_t> limit_ns_{kNoLimit};
+  std::atomic<std::int64_t> give_up_ns_{kNoLimit};
   // Futex word: its change tells a sleeper that the limit has moved.
   std::atomic<std::uint32_t> limit_changes_{0};
   std::chrono::nanoseconds longest_spin_;

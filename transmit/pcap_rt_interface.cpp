@@ -66,6 +66,9 @@ bool PcapRtInterface::FilterInclude() {
     gap_correction_.store(0);
     queue_start_advance_.store(packet_time_);
     queue_count_ = 0;
+    dropped_batches_ = 0;
+    frames_taken_.store(0);
+    frames_sent_.store(0);
     finished_.store(false);
     const std::size_t capacity =
         (std::size_t{frame_size_} + IPPLAYOUT_QUEUE_BYTES_PER_FRAME) * packets_per_queue_;
@@ -117,6 +120,7 @@ bool PcapRtInterface::QueueFrame(const PDU& frame) {
     std::printf("Warning: packet buffer too small, not all the packets will be sent.\n");
     return false;
   }
+  frames_taken_.store(frames_taken_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   return true;
 }
 
@@ -126,10 +130,13 @@ bool PcapRtInterface::HandOver() {
   // Taken before the transmitter can go on from this batch and set the next ones.
   const double gap = std::max(packet_time_ - gap_correction_.load(), 0.0);
   const double start_advance = queue_start_advance_.load();
-  if (failed_.load()) {
-    return false;
+  if (hand_over_.IsAbandoned()) {
+    // Too late for it to be transmitted. A failure is the next frame's result.
+    ++dropped_batches_;
+    hand_over_.Filling().Clear();
+  } else {
+    hand_over_.HandOver(stamper_.JitterSum());
   }
-  hand_over_.HandOver(stamper_.JitterSum());
   stamper_.BeginBatch(gap, start_advance);
   return true;
 }
@@ -175,7 +182,8 @@ int PcapRtInterface::TransmitQueue() {
     return 1;
   }
   if (!IsFinished() && handle_ != nullptr && !TransmitWhole(*hand_over_.Front().frames)) {
-    failed_.store(true);
+    // Frames that a stop leaves behind are no failure of the run.
+    failed_.store(!waiter_->ShouldGiveUp());
     finished_.store(true);
     hand_over_.Abandon();
     return 0;
@@ -186,6 +194,7 @@ int PcapRtInterface::TransmitQueue() {
 
 bool PcapRtInterface::TransmitWhole(const SendQueue& queue) {
   const std::size_t sent = handle_->TransmitQueue(queue, true, *waiter_);
+  frames_sent_.fetch_add(queue.FramesWithin(sent));
   if (sent == queue.Used()) {
     return true;
   }
@@ -193,11 +202,16 @@ bool PcapRtInterface::TransmitWhole(const SendQueue& queue) {
   return false;
 }
 
+std::uint64_t PcapRtInterface::FramesNotSent() const {
+  const std::uint64_t sent = frames_sent_.load();  // first: it follows the other one
+  return frames_taken_.load() - sent;
+}
+
 void PcapRtInterface::FlushLastQueue() {
   hand_over_.WaitUntilEmpty();
   finished_.store(true);
   // Those behind a batch that failed or was given up are lost with it, and reported like it.
-  for (std::uint64_t lost = hand_over_.InHand(); lost > 1; --lost) {
+  for (std::uint64_t lost = hand_over_.InHand() + dropped_batches_; lost > 1; --lost) {
     ReportShortTransmission(0);
   }
   SendQueue& rest = hand_over_.Filling();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /* Batches on their way from the pump to the transmitter, and the end of a run: transmit/
    batch_hand_over.cpp, pcap_rt_interface.cpp and packet_transmitter.cpp, payload/data_pump.cpp, and
-   the stop of control/playout.cpp. MOST batches may be handed over and not passed. */
+   the stop of control/playout.cpp, which may give up what the adapter does not take. MOST batches may be handed over and not passed. */
 #define SIGNALS 3
 #define READY 0
 #define FREED 1
@@ -16,7 +16,8 @@
 
 byte handed, passed, released, sent;
 byte awaited_passed = NOBODY_WAITS, awaited_released = NOBODY_WAITS;
-bool woken, abandoned, finished, failed;   /* of the interface */
+byte dropped;
+bool woken, abandoned, finished, failed, given_up;   /* of the interface */
 bool pump_stop, transmitter_stop, complete, transmitter_ended;
 bool paused, pump_rests;                   /* the pump sleeps until it is resumed */
 bool awaits_end;                           /* the host ends nothing, and resumes what it has paused */
@@ -71,11 +72,14 @@ proctype Pump() {
      :: handed - passed >= MOST -> WaitUntil(passed, awaited_passed, handed - MOST / 2)
      :: else
      fi;
-     if :: failed -> goto ended :: else fi;
-     handed++;
+     if
+     :: abandoned -> dropped++ /* too late; a failure is the next frame's result */
+     :: else ->
+        handed++;
 #if FAULT != 4
-     Set(READY);
+        Set(READY)
 #endif
+     fi;
      left--;
      if :: stopping -> break :: else fi
   od;
@@ -113,8 +117,8 @@ proctype Transmitter() {
         :: true
         fi;
         if
-        :: !finished -> /* the adapter refuses the batch */
-           failed = true;
+        :: !finished -> /* the adapter refuses the batch, or a stop gives it up */
+           if :: failed = true :: pump_stop -> given_up = true fi;
            finished = true;
 #if FAULT != 7
            abandoned = true;
@@ -155,7 +159,8 @@ active proctype Host() {
   Wake();
   Wait(FINISHED);
   transmitter_ended;
-  assert(failed || handed == sent)
+  assert(failed || given_up || handed == sent);
+  assert(abandoned || dropped == 0)
 }
 
 ltl the_run_ends { <> transmitter_ended }

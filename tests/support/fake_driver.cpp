@@ -27,7 +27,7 @@ class FakeHandle final : public CaptureHandle {
   // Timed as the real driver times it, on the waiter's clock.
   std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
                             platform::DeadlineWaiter& waiter) override {
-    Recorder recorder(driver_, waiter);
+    Recorder recorder(driver_);
     return TransmitTimed(queue, synchronised, waiter, recorder);
   }
 
@@ -43,13 +43,13 @@ class FakeHandle final : public CaptureHandle {
  private:
   class Recorder final : public BurstSender {
    public:
-    Recorder(FakeDriver& driver, const platform::DeadlineWaiter& waiter)
-        : driver_(driver), waiter_(waiter) {}
+    explicit Recorder(FakeDriver& driver) : driver_(driver) {}
 
-    std::size_t SendBurst(std::span<const FrameBytes> frames) override {
-      const auto now = waiter_.Now();
+    std::size_t SendBurst(std::span<const FrameBytes> frames,
+                          const platform::DeadlineWaiter& waiter) override {
+      const auto now = waiter.Now();
       std::size_t sent = 0;
-      for (; sent < frames.size(); ++sent) {
+      for (; sent < frames.size() && !waiter.ShouldGiveUp(); ++sent) {
         if (!driver_.Take({{frames[sent].begin(), frames[sent].end()}, now})) {
           break;
         }
@@ -59,7 +59,6 @@ class FakeHandle final : public CaptureHandle {
 
    private:
     FakeDriver& driver_;
-    const platform::DeadlineWaiter& waiter_;
   };
 
   FakeDriver& driver_;

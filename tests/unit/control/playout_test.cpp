@@ -115,6 +115,34 @@ TEST_F(PlayoutTest, TheWorkersShareASchedulingClass) {
   }
 }
 
+// What cannot leave any more is counted, and the next run starts without a trace of it.
+TEST_F(PlayoutTest, AStopDoesNotWaitForASlowAdapter) {
+  for (const int copies : {0, 5000}) {
+    Settings().params.ReplicationCount = copies;
+    driver_.on_sent = [](const SentFrame&) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    };
+    const std::uint64_t before = driver_.SentFrames();
+    Start(1e4);
+    ASSERT_EQ(Write(190 * kPayload), 0);
+    while (driver_.SentFrames() < before + 25) {  // late enough for the pump to be far ahead
+      std::this_thread::yield();
+    }
+    GetPlayout().Stop();
+    const std::uint64_t sent = driver_.SentFrames() - before;
+    EXPECT_GT(GetPlayout().FramesNotSent(), 0U);
+    EXPECT_EQ(sent + GetPlayout().FramesNotSent(),
+              DatagramsSent() * (static_cast<std::uint64_t>(copies) + 1));
+    ASSERT_EQ(Write(kPayload), 0);
+    driver_.on_sent = nullptr;
+    Settings().params.ReplicationCount = 0;
+    Start(1e4);
+    GetPlayout().WriteTerminate();
+    EXPECT_EQ(GetPlayout().FramesNotSent(), 0U);
+    GetPlayout().Stop();
+  }
+}
+
 // Writers, a pause, two stops and a wait for the end, all at once; some adapters fail on the way.
 TEST_F(PlayoutTest, EndsAtTheWorstMoments) {
   std::mt19937 random(6);

@@ -30,7 +30,7 @@ class BurstSocketTest : public testing::Test {
 
   std::size_t Send(BurstSocket& sender) const {
     const std::vector<FrameBytes> bytes(frames_.begin(), frames_.end());
-    return sender.SendBurst(bytes);
+    return sender.SendBurst(bytes, waiter_);
   }
   std::vector<Frame> Receive(std::size_t count, int flags = 0) const {
     std::vector<Frame> frames;
@@ -49,6 +49,7 @@ class BurstSocketTest : public testing::Test {
   platform::Descriptor near_;
   platform::Descriptor far_;
   std::vector<Frame> frames_;
+  platform::DeadlineWaiter waiter_;
 };
 
 TEST_F(BurstSocketTest, WaitsForAFullSocketAndSendsEveryFrameInOrder) {
@@ -70,6 +71,14 @@ TEST_F(BurstSocketTest, GivesUpOnASocketThatStaysFull) {
   EXPECT_LT(sent, frames_.size());
   EXPECT_EQ(Send(sender), 0U);
   EXPECT_EQ(Receive(2 * frames_.size(), MSG_DONTWAIT).size(), sent);  // just what was reported
+}
+
+TEST_F(BurstSocketTest, GivesUpWithTheWaiterHoweverPatient) {
+  BurstSocket sender(near_.Get(), std::chrono::hours(1));
+  waiter_.GiveUpAt(waiter_.Now() + std::chrono::milliseconds(10));
+  EXPECT_LT(Send(sender), frames_.size());
+  Receive(frames_.size(), MSG_DONTWAIT);
+  EXPECT_EQ(Send(sender), 0U);  // although there is room
 }
 
 }  // namespace

@@ -38,7 +38,8 @@ class Recorder final : public BurstSender {
  public:
   explicit Recorder(FakeWaiter& waiter) : waiter_(waiter), start_(waiter.Peek()) {}
 
-  std::size_t SendBurst(std::span<const FrameBytes> frames) override {
+  std::size_t SendBurst(std::span<const FrameBytes> frames,
+                        const platform::DeadlineWaiter& /*waiter*/) override {
     bursts.push_back(frames.size());
     std::size_t sent = 0;
     for (; sent < frames.size() && times.size() < accept; ++sent) {
@@ -125,6 +126,16 @@ TEST(TimedBatch, RefusalEndsTheBatchWithTheBytesSent) {
     EXPECT_EQ(TransmitTimed(*queue, true, waiter, sender), bytes[accepted]) << accepted;
     EXPECT_EQ(sender.bursts.size(), std::max<std::size_t>(accepted, 2) - 1) << accepted;
   }
+}
+
+TEST(TimedBatch, NoBurstBeginsOnceTheWaiterGivesUp) {
+  const auto queue = QueueOf(std::vector<Stamp>(300));
+  FakeWaiter waiter;
+  Recorder sender(waiter);
+  sender.burst_duration = microseconds(1000);
+  waiter.GiveUpAt(waiter.Peek() + microseconds(1500));
+  EXPECT_LT(TransmitTimed(*queue, true, waiter, sender), queue->Used());
+  EXPECT_THAT(sender.bursts, ElementsAre(64, 64));
 }
 
 }  // namespace

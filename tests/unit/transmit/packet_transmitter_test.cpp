@@ -146,6 +146,33 @@ TEST_F(PacketTransmitterTest, AStopReachesATransmitterWithoutABatch) {
   }
 }
 
+// The adapter takes 5 frames a second of some 400 that were handed over, and a stop gives up after
+// a second. The pump, which waits for room or has one frame left to flush, is let go.
+TEST_F(PacketTransmitterTest, AStopGivesUpWhatASlowAdapterCannotTake) {
+  testing::internal::CaptureStdout();
+  for (const std::uint64_t frames : {400U, 405U, 900U}) {
+    std::uint64_t sent = 0;
+    driver_.on_sent = [&](const SentFrame&) {
+      waiter_.Advance(std::chrono::milliseconds(200));
+      if (++sent == 30) {
+        waiter_.GiveUpAt(waiter_.Peek() + std::chrono::seconds(1));
+      }
+    };
+    Prepare(10);
+    ASSERT_TRUE(transmitter_.Start());
+    for (std::uint64_t i = 0; i < frames; ++i) {
+      PDU frame(1250);
+      ASSERT_TRUE(interface_.Send(frame));
+    }
+    interface_.FlushLastQueue();
+    transmitter_.WaitUntilFinished();
+    EXPECT_EQ(sent, 35U);
+    EXPECT_EQ(interface_.FramesNotSent(), frames - sent);
+    waiter_.GiveUpAt(std::chrono::nanoseconds::max());
+  }
+  testing::internal::GetCapturedStdout();
+}
+
 TEST_F(PacketTransmitterTest, AHitchIsCaughtUpWithoutWaiting) {
   hitch_at = 3;
   hitch = microseconds(2500);
@@ -167,8 +194,6 @@ TEST_F(PacketTransmitterTest, ALateBatchIsCaughtUpByShorterGaps) {
   }
 }
 
-}  // namespace
-}  // namespace ipplayout
 // A pump that hands over as far ahead as it may, for the length of each batch. Frames that leave
 // together show that the pump had given their batch no gap.
 TEST_F(PacketTransmitterTest, APumpThatRunsAheadClumpsNoMoreThanTheLagPaysFor) {
@@ -202,3 +227,5 @@ TEST_F(PacketTransmitterTest, APumpThatRunsAheadClumpsNoMoreThanTheLagPaysFor) {
   }
 }
 
+}  // namespace
+}  // namespace ipplayout

@@ -148,6 +148,7 @@ TEST_F(PcapRtInterfaceTest, AShortTransmissionEndsTheRun) {
   driver_.AcceptAll();
   EXPECT_FALSE(Send());
   EXPECT_EQ(driver_.Sent().size(), 2U);
+  EXPECT_EQ(interface_.FramesNotSent(), 3U);
   ASSERT_TRUE(interface_.FilterInclude());  // a new run
   EXPECT_TRUE(Send());
   driver_.RefuseAfter(0);
