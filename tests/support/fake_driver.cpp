@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "tests/support/fake_driver.h"
 
+#include "driver/send_queue.h"
+
 namespace ipplayout {
 
 class FakeHandle final : public CaptureHandle {
@@ -27,6 +29,7 @@ class FakeHandle final : public CaptureHandle {
   // Timed as the real driver times it, on the waiter's clock.
   std::size_t TransmitQueue(const SendQueue& queue, bool synchronised,
                             platform::DeadlineWaiter& waiter) override {
+    driver_.NoteStamps(queue);
     Recorder recorder(driver_);
     return TransmitTimed(queue, synchronised, waiter, recorder);
   }
@@ -112,6 +115,20 @@ bool FakeDriver::Take(SentFrame frame) {
     sent_.push_back(std::move(frame));
   }
   return true;
+}
+
+void FakeDriver::NoteStamps(const SendQueue& queue) {
+  if (!keep_sent) {
+    return;
+  }
+  std::vector<int> stamps;
+  for (std::size_t position = 0; position < queue.Used();) {
+    const SendQueue::Frame frame = queue.At(position);
+    stamps.push_back(static_cast<int>(frame.header.seconds * 1000000 + frame.header.microseconds));
+    position = SendQueue::NextPosition(position, frame);
+  }
+  const std::lock_guard lock(mutex_);
+  stamps_.push_back(std::move(stamps));
 }
 
 std::optional<FakeDriver::ReceivedFrame> FakeDriver::Read() {

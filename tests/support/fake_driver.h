@@ -62,6 +62,8 @@ class FakeDriver final : public CaptureDriver {
 
   // Records.
   std::vector<SentFrame> Sent() const { return Copy(sent_); }
+  // The time stamps in each queue that was to be transmitted, in microseconds.
+  std::vector<std::vector<int>> Stamps() const { return Copy(stamps_); }
   std::uint64_t SentFrames() const { return Copy(sent_frames_); }
   std::vector<OpenCall> Opened() const { return Copy(opened_); }
   std::size_t Reads() const { return Copy(reads_); }
@@ -86,12 +88,14 @@ class FakeDriver final : public CaptureDriver {
     return value;
   }
   bool Take(SentFrame frame);
+  void NoteStamps(const SendQueue& queue);
   std::optional<ReceivedFrame> Read();
 
   mutable std::mutex mutex_;
   std::size_t accept_ = kUnlimited;
   std::deque<ReceivedFrame> received_;
   std::vector<SentFrame> sent_;
+  std::vector<std::vector<int>> stamps_;
   std::uint64_t sent_frames_ = 0;
   std::vector<OpenCall> opened_;
   std::size_t reads_ = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The whole library on a fake adapter. What a host sees of it is tested on the wire; here threads
-// meet at their worst moments, under the thread sanitizer too.
+// The whole library on a fake adapter. What a host sees of it is tested on the wire; here is what
+// no byte shows, and threads meet at their worst moments, under the thread sanitizer too.
 #include "control/playout.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +13,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "control/library.h"
@@ -53,10 +54,17 @@ class PlayoutTest : public testing::Test {
     ASSERT_EQ(GetPlayout().Start(), Playout::kStarted);
   }
   int Write(std::uint32_t bytes) { return GetPlayout().Write(data_.data(), bytes); }
-  std::uint64_t DatagramsSent() {
+  PlayoutStatistics Statistics() {
     PlayoutStatistics statistics;
     library_->parts.pump.GetStatistics(&statistics);
-    return statistics.DatagramsSent;
+    return statistics;
+  }
+  std::uint64_t DatagramsSent() { return Statistics().DatagramsSent; }
+  // A whole playout, but for its stop.
+  void Play(double mbit, std::uint32_t datagrams) {
+    Start(mbit);
+    ASSERT_EQ(Write(datagrams * kPayload), 0);
+    GetPlayout().WriteTerminate();
   }
 
   static constexpr std::uint32_t kPayload = 7 * 188;
@@ -82,6 +90,102 @@ TEST_F(PlayoutTest, ShortPlayoutsLoseNothingInAnyMode) {
       GetPlayout().Stop();
     }
   }
+}
+
+// Frames of 10,960 bits. Gaps and offsets are cut to whole microseconds.
+TEST_F(PlayoutTest, AStartLoadsWhatTimesTheFrames) {
+  const struct {
+    double mbit;
+    std::int32_t copies;
+    ParametricSettings parametric;  // burst: mode, type, period, size; jitter: on, period; pattern
+    std::size_t frames;             // in a batch
+    std::vector<int> first;         // their time stamps in the first one
+    std::int32_t type;              // of jitter, as the parametric manager knows it
+  } cases[] = {
+      {50, 0, {}, 1, {0}, 3},
+      {100, 0, {}, 10, {0, 109, 218, 327}, 3},
+      {50, 1, {}, 10, {0, 109, 218, 327}, 3},
+      // Square, by 50.75 us up and down.
+      {50, 0, {0, 0, 0, 0, 0, 1, 101.5F, 0, 0}, 10, {0, 169, 438, 607, 876}, 3},
+      {50, 0, {0, 0, 0, 0, 0, 2, 101.5F, 0, 0}, 1, {0}, 3},
+      {50, 0, {0, 0, 0, 0, 0, 1, 0, 0, 1}, 10, {0, 219, 438, 657}, 1},
+      {50, 0, {0, 0, 0, 0, 0, 1, 0, 0, 2}, 10, {0, 219, 438, 657}, 0},
+      // 219.2 us by the sines of 0.06286, 0.12571 and 0.18857.
+      {50, 0, {0, 0, 0, 0, 0, 1, 100, 0, 3}, 200, {0, 232, 478, 738}, 2},
+      {50, 0, {0, 0, 0, 0, 0, 1, 100, 0, 4}, 10, {0, 219, 438, 657}, -1},
+      // 10 ms of one stream are 45.6 frames.
+      {50, 1, {1, 0, 10, 3, 0, 0, 0, 0, 0}, 45, {0, 0, 0, 0}, 3},
+      {50, 1, {1, 2, 10, 3, 0, 0, 0, 0, 0}, 45, {0}, 3},
+      {50, 1, {1, 1, 10, 3, 0, 0, 0, 0, 0}, 3, {0}, 3},
+      {50, 0, {1, 9, 0, 5, 0, 1, 101.5F, 0, 0}, 5, {0, 0, 101, 101, 202}, 3},
+      {50, 0, {2, 1, 0, 5, 0, 0, 0, 0, 0}, 1, {0}, 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+    Settings().parametric = c.parametric;
+    Settings().params.ReplicationCount = c.copies;
+    const std::size_t before = driver_.Stamps().size();
+    Play(c.mbit, 200);
+    const std::vector<int> batch = driver_.Stamps().at(before);
+    EXPECT_EQ(batch.size(), c.frames);
+    EXPECT_EQ(std::vector(batch.begin(), batch.begin() + static_cast<int>(c.first.size())),
+              c.first);
+    EXPECT_EQ(library_->parts.parametric.GetDistributionType(), c.type);
+  }
+}
+
+TEST_F(PlayoutTest, ThePumpTakesThePriorityThatIsSet) {
+  const std::pair<std::uint32_t, std::int32_t> levels[] = {{7, 1}, {0, -15}, {1, -1}, {2, 0},
+                                                           {3, 1}, {4, 2},   {5, 15}, {6, 15}};
+  for (const auto& [priority, level] : levels) {
+    Settings().other.PlayerThreadPriority = priority;
+    Play(1e5, 1);
+    GetPlayout().Stop();  // without a thread the priority is given back and stays
+    EXPECT_EQ(library_->parts.pump.SetPriority(OsaThreadPriority::Idle()).Level(), level);
+    EXPECT_EQ(library_->parts.transmitter.SetPriority(OsaThreadPriority::Idle()).Level(), -1);
+  }
+}
+
+TEST_F(PlayoutTest, NothingLeavesBeforeTheThresholdOrDuringAPause) {
+  for (const bool paused : {false, true}) {
+    std::promise<void> first;
+    driver_.on_sent = [&first, left = false](const SentFrame&) mutable {
+      if (!std::exchange(left, true)) {
+        first.set_value();
+      }
+    };
+    auto sent = first.get_future();
+    library_->parts.pump.Pause(paused);
+    Settings().PlayFileSizeForIP = 5 * kPayload;
+    Start(50);
+    ASSERT_EQ(Write(4 * kPayload - (paused ? 0 : 4)), 0);
+    EXPECT_TRUE(Blocks(sent));
+    paused ? library_->parts.pump.Pause(false) : static_cast<void>(Write(4));
+    EXPECT_TRUE(Returns(sent));
+    GetPlayout().Stop();
+  }
+}
+
+TEST_F(PlayoutTest, AFailureIsKnownUntilTheNextStart) {
+  driver_.RefuseAfter(2);
+  Start(50);
+  while (Write(4 * kPayload) == 0) {
+  }
+  GetPlayout().Stop();
+  EXPECT_EQ(Write(4), IPPLAYOUT_FAILED);
+  EXPECT_EQ(library_->parts.pump.GetErrorCode(), IPPLAYOUT_FAILED);
+  // That of the last batch, which is no whole one, is printed and nothing else.
+  driver_.RefuseAfter(2);
+  testing::internal::GetCapturedStdout();
+  testing::internal::CaptureStdout();
+  Play(100, 3);
+  const std::string printed = testing::internal::GetCapturedStdout();
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(printed, "An error occurred sending the packets:  Only 2772 bytes were sent\n");
+  EXPECT_EQ(Write(0), 0);
+  EXPECT_EQ(DatagramsSent(), 3U);
+  // One of 109 us follows upon none and one upon another: a sixteenth, and 15/16 of that.
+  EXPECT_NEAR(Statistics().Jitter, 109e-6 / 16 * 15 / 16, 1e-12);
 }
 
 TEST_F(PlayoutTest, AStopDoesNotWaitForCopiesWithoutEnd) {

@@ -178,6 +178,11 @@ TEST_F(PacketTransmitterTest, AHitchIsCaughtUpWithoutWaiting) {
   hitch = microseconds(2500);
   EXPECT_EQ(Play(1, 9),
             std::vector<std::int64_t>({0, 1000, 2000, 3000, 5500, 5500, 6000, 7000, 8000}));
+  parameters_.SetBurstMode(1);
+  hitch = microseconds(9500);
+  EXPECT_EQ(Play(2, 18),
+            std::vector<std::int64_t>({0, 0, 2000, 2000, 11500, 11500, 11500, 11500, 11500, 11500,
+                                       11500, 11500, 12000, 12000, 14000, 14000, 16000, 16000}));
 }
 
 // Spaced batches make up for what is missing with shorter gaps and are on the grid again for good.
