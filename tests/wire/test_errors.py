@@ -1,10 +1,12 @@
 # SPDX-License-Identifier: MIT
 """Deliberate errors on the wire: exactly those that were ordered, counted as they were inserted."""
+import ctypes
 import struct
 import unittest
 
-from testbed import Testbed
-from wire_case import (TAGGED, TYPICAL, TYPICAL_IPV6, UDP, Model, WireCase, datagrams, play, stream)
+from host import begin, ready, reap, until_sent
+from library import TYPES
+from wire_case import (RTP, TAGGED, TYPICAL, TYPICAL_IPV6, UDP, Model, WireCase, datagrams, play, stream)
 
 ON = {"ErrInsertionEnable": 1}
 
@@ -22,6 +24,8 @@ def checksum(kind, count, reach):
     return {**ON, "ChecksumErrorEnabled": 1, "ChecksumErrorType": kind, "NumChecksumError": count,
             "ChecksumErrorRange": reach}
 
+
+ALL = {**loss(1, 7), **late(2, 5, 2), **checksum(1, 3, 6), "ReplicationCount": 1}
 
 SCHEDULES = {  # name: (settings, errors)
     "loss": (TYPICAL, loss(2, 10)),
@@ -49,11 +53,14 @@ SCHEDULES = {  # name: (settings, errors)
     "UDP checksum in every copy": (TYPICAL, {**checksum(1, 1, 3), "ReplicationCount": 3,
                                              "DestinationIPIncrement": bytes((0, 0, 0, 1))}),
     "no such checksum": (TYPICAL, checksum(2, 1, 4)),
-    "all at once": (TYPICAL, {**loss(1, 7), **late(2, 5, 2), **checksum(1, 3, 6), "ReplicationCount": 1}),
+    "all at once": (TYPICAL, ALL),
+    "flags beyond 1": (TYPICAL, {**ALL, "ErrInsertionEnable": 2, "PacketLossEnabled": 3,
+                                 "SequenceErrorEnabled": 1 << 31, "ChecksumErrorEnabled": 2}),
 }
 
 RANDOM = {  # name: (errors, datagrams damaged in each whole range of ten)
     "few": ({"NumPacketLoss": 2}, 2),
+    "few, by a flag of 2": ({"NumPacketLoss": 2, "RandomizeErrors": 2}, 2),
     "most": ({"NumPacketLoss": 9}, 9),
     "all": ({"NumPacketLoss": 10}, 10),
     "more than there are": ({"NumPacketLoss": 12}, 10),
@@ -66,26 +73,39 @@ def sequence(frame):
     return struct.unpack_from(">H", frame, 44)[0]
 
 
-def play_with_requests(at, *functions):
-    """A host that asks for errors once exactly `at` datagrams have been sent and the pump waits for more."""
+def play_with(at, act):
+    """A host that acts once exactly `at` datagrams have been sent and the pump waits for more."""
     def body(library, settings, data):
-        library.initialise(Testbed.NEAR)
-        library.configure(settings)
-        for function in functions:
-            getattr(library, function)()  # asked for while nothing plays: forgotten
-        assert library.IPStart() == 0
+        ready(library, settings)
         first = Model(settings).payload_size * at
-        library.write(data[:first])
-        while library.statistics()["DatagramsSent"] < at:
-            pass
-        for function in functions:
-            assert getattr(library, function)() == 1
+        begin(library, data[:first])
+        until_sent(library, at)
+        act(library)
         library.write(data[first:])
         library.IPWriteTerminate()
-        statistics = library.statistics()
-        library.IPStop()
-        return statistics
+        return reap(library)
     return body
+
+
+def play_with_requests(at, *functions):
+    def ask(library):
+        assert {getattr(library, function)() for function in functions} == {1}
+
+    def body(library, settings, data):
+        ask(library)  # while nothing plays: forgotten
+        return play_with(at, ask)(library, settings, data)
+    return body
+
+
+class OnlyEarly(Model):
+    """A playout that goes on without sequence errors."""
+
+    def __init__(self, settings, end):
+        super().__init__(settings)
+        self.end = end
+
+    def scheduled(self, kind, index):
+        return super().scheduled(kind, index) and (kind != "SequenceError" or index < self.end)
 
 
 class Errors(WireCase):
@@ -186,6 +206,43 @@ class Errors(WireCase):
         moved.insert(place, expected[5])
         self.assert_frames(outcome, moved)
         self.assertEqual(outcome.value["SequenceErrors"], 1)
+
+    def test_settings_changed_in_mid_run(self):
+        """They count from the next start on, except for the transport: without RTP nothing comes late any more."""
+        def change(protocol):
+            def act(library):
+                for record in (library.GetIPPlayParams(), library.GetErrorInsertion()):
+                    ctypes.memset(record, 0xEE, ctypes.sizeof(record.contents))
+                for name in ("ParametricSettings", "TTSSettings"):
+                    getattr(library, "Set" + name)(TYPES[name].from_buffer_copy(b"\xee" * ctypes.sizeof(TYPES[name])))
+                library.SetIPOtherSettings(0, 0)
+                library.configure({"TSPacketSize": 204, "IPBitRate": 1e-3, "PlayFileSizeForIP": 1 << 40,
+                                   "ProtocolMode": protocol})
+                library.GenerateSequenceError() if protocol == UDP else None
+            return act
+        settings = {**TYPICAL, **ALL, "JitterEnabled": 1, "TTSEnabled": 1, "SSRCIncrement": 1}
+        data = datagrams(Model(settings), 33)
+        for protocol, end in ((RTP, 99), (UDP, 12)):
+            with self.subTest(protocol):
+                expected, statistics = OnlyEarly(settings, end).play(data)
+                outcome = self.bed.run(play_with(12, change(protocol)), settings, data)
+                self.assert_frames(outcome, expected)
+                self.assertEqual(outcome.value, statistics)
+
+    def test_statistics_cleared_in_mid_run(self):
+        """They count anew, but for the packets, which follow from all bytes so far; the schedule goes on."""
+        for name, changes in (("packets", {}), ("time-stamped", {"TTSEnabled": 1}), ("raw", {"TSPacketSize": 0})):
+            with self.subTest(name):
+                settings = {**TYPICAL, **ALL, **changes}
+                model = Model(settings)
+                data = datagrams(model, 33)
+                expected, whole = model.play(data)
+                before = model.play(data[:model.payload_size * 12])[1]
+                kept = ("DatagramSize", "TSPacketSize", *(() if name == "raw" else ("TSPacketsSent", "TSBytesSent")))
+                outcome = self.bed.run(play_with(12, lambda library: library.ClearStatistics()), settings, data)
+                self.assert_frames(outcome, expected)
+                self.assertEqual(outcome.value, {
+                    key: value if key in kept else value - before[key] for key, value in whole.items()})
 
     def test_cleared_statistics(self):
         def body(library, settings, data):

@@ -16,6 +16,7 @@ CUTS = {
     "time-stamped, by frame size": {"TTSEnabled": 1, "PacketSizeMode": 0, "IPPacketSize": 1000},
     "packets cut anywhere": {"PacketSizeMode": 0, "IPPacketSize": 1371, "TSFragmentation": 1},
     "raw, odd": {"TSPacketSize": 0, "PacketSizeMode": 1, "IPPacketSize": 1001},
+    "raw, told of time stamps": {"TSPacketSize": 0, "IPPacketSize": 1001, "TTSEnabled": 1},
     "raw, one byte": {"TSPacketSize": 0, "IPPacketSize": lambda headers: headers + 1},
     "more packets than the MTU holds": {"TSPacketCount": 9},
     "cut at the MTU": {"TSPacketCount": 9, "TSFragmentation": 1},

@@ -127,12 +127,18 @@ class Settings(WireCase):
             kept = {*fields(TTSSettings()), *ALONE, "IPEnabled"}
             yield "cleared", set(cleared), set(image(library)) - kept
             yield "values", set(b"".join(cleared.values())), {0}
+            for name in ("TSStats", "IPStats"):
+                record = getattr(library, "Get" + name)().contents
+                ctypes.memset(byref(record), 0xEE, ctypes.sizeof(record))
+                library.InitIpPlayout()
+                yield name, set(bytes(record)), {0}
         self.check(body)
 
     def test_values_derived_from_the_settings(self):
         def body(library):
             for base, more, expected in (  # total length, IPv6 payload length, UDP length
                     (TYPICAL, {}, (1356, 1336, 1336)), (TYPICAL_IPV6, {}, (1356, 1336, 1336)),
+                    (TYPICAL, {"IPProtocol": 2}, (1356, 1336, 1336)),  # its option does not count
                     (TYPICAL_IPV6, {"ProtocolMode": 0, "VLANEnabled": 1}, (1344, 1324, 1324)),
                     (TYPICAL, {"TSPacketSize": 204, "TTSEnabled": 1}, (1384, 1364, 1364)),  # 192 of each
                     (TYPICAL, {"TSPacketSize": 200, "TTSEnabled": 1}, (40, 20, 20)),  # no such packet
