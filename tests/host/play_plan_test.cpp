@@ -251,12 +251,15 @@ TEST(FrameFields, FirstFrame) {
       "--vlan-priority 5 --vlan-cfi --raw --frame-size 62 --bitrate 1M",
       Facts(0));
   ASSERT_TRUE(plan) << plan.Error().message;
-  const std::vector<std::uint8_t> payload{1, 2, 3, 4};
-  std::vector<std::uint8_t> frame;
-  for (const FrameField& field : FirstFrameFields(plan->settings.params, true, payload)) {
-    EXPECT_EQ(field.offset, frame.size()) << field.name;
-    frame.insert(frame.end(), field.bytes.begin(), field.bytes.end());
-  }
+  const auto lay_out = [&plan](const std::vector<std::uint8_t>& payload) {
+    std::vector<std::uint8_t> frame;
+    for (const FrameField& field : FirstFrameFields(plan->settings.params, true, payload)) {
+      EXPECT_EQ(field.offset, frame.size()) << field.name;
+      frame.insert(frame.end(), field.bytes.begin(), field.bytes.end());
+    }
+    return frame;
+  };
+  const std::vector<std::uint8_t> frame = lay_out({1, 2, 3, 4});
   const std::vector<std::uint8_t> expected{
       0x01, 0x00, 0x5E, 0x01, 0x01, 0x01, 0x02, 0xAA, 0x00, 0x00, 0x00, 0x01,  // MAC addresses
       0x81, 0x00, 0xB0, 0x64, 0x08, 0x00,                                      // tag, EtherType
@@ -273,6 +276,9 @@ TEST(FrameFields, FirstFrame) {
   EXPECT_EQ(frame[28] << 8 | frame[29], 0x40B5);
   // 0a09+0001+ef01+0101+0011+0018, the 24 bytes: 1e9f3, folded e9f4, complement 160b.
   EXPECT_EQ(frame[44] << 8 | frame[45], 0x160B);
+  // With 160b more the complement is 0, which would say that there is no checksum.
+  const std::vector<std::uint8_t> zero = lay_out({1, 2, 0x19, 0x0F});
+  EXPECT_EQ(zero[44] << 8 | zero[45], 0xFFFF);
 }
 
 }  // namespace

@@ -152,6 +152,7 @@ class Dissector(PlayCase):
         numbers = {row[0] for row in self.rows("--lose", "2/50", "--random")[0]}
         for start in range(0, 200, 50):
             self.assertEqual(sum(n not in numbers for n in range(start, start + 50)), 2)
+        self.assertNotEqual({n for n in range(200) if n % 50 > 1}, {n for n in numbers if n < 200})
 
     def test_late(self):
         rows, played = self.rows("--delay", "1/40:3")
