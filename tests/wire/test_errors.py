@@ -220,10 +220,11 @@ class Errors(WireCase):
                                    "ProtocolMode": protocol})
                 library.GenerateSequenceError() if protocol == UDP else None
             return act
-        settings = {**TYPICAL, **ALL, "JitterEnabled": 1, "TTSEnabled": 1, "SSRCIncrement": 1}
-        data = datagrams(Model(settings), 33)
-        for protocol, end in ((RTP, 99), (UDP, 12)):
+        for protocol, end, copies in ((RTP, 99, 1), (UDP, 12, 0)):
             with self.subTest(protocol):
+                settings = {**TYPICAL, **ALL, "JitterEnabled": 1, "TTSEnabled": 1, "SSRCIncrement": 1,
+                            "ReplicationCount": copies}
+                data = datagrams(Model(settings), 33)
                 expected, statistics = OnlyEarly(settings, end).play(data)
                 outcome = self.bed.run(play_with(12, change(protocol)), settings, data)
                 self.assert_frames(outcome, expected)
