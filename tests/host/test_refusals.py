@@ -10,64 +10,44 @@ from playbed import SAMPLE, PlayCase, is_playout, read_file
 USAGE, NO_ACCESS = 2, 3
 RTP, UDP, UDP6 = "rtp://239.1.1.1:5004", "udp://239.1.1.1:5004", "udp://[ff3e::1]:5004"
 
-# Option: a value, and words of what to give instead.
-PLAY = {
-    "--to": ("http://1.2.3.4:1", "rtp://ADDRESS:PORT"), "--device": ("", "a name or a number"),
-    "--src-ip": ("1.2.3", "IPv4 or IPv6"), "--dst-ip": ("::g", "IPv4 or IPv6"),
-    "--src-mac": ("1:2:3", "six bytes"), "--dst-mac": ("02:00:5e:10:00:0g", "six bytes"),
-    "--src-port": ("-1", "0 to 65535"), "--dst-port": ("65536", "0 to 65535"),
-    "--ethertype": ("0x10000", "0 to 65535"), "--vlan": ("4096", "0 to 4095"), "--vlan-priority": ("8", "0 to 7"),
-    "--vlan-cfi": ("=3", "true or false"), "--vlan-tpid": ("65536", "0 to 65535"), "--ip-version": ("16", "0 to 15"),
-    "--ttl": ("256", "0 to 255"), "--hop-limit": ("256", "0 to 255"), "--tos": ("1.5", "0 to 255"),
-    "--traffic-class": ("256", "256 is out of range; give 0 to 255"), "--dscp": ("64", "0 to 63"), "--flow-label": ("0x100000", "0 to 1048575"),
-    "--identification": ("65536", "0 to 65535"), "--dont-fragment": ("maybe", "on or off"),
-    "--protocol": ("256", "0 to 255"), "--next-header": ("udp", '"udp" is not a whole number; give 0 to 255'), "--rtp-version": ("4", "0 to 3"),
-    "--payload-type": ("256", "0 to 255"), "--rtp-extension": ("=yes", "true or false"),
-    "--sequence": ("65536", "random or 0 to 65535"), "--ssrc": ("4294967296", "0 to 4294967295"),
-    "--ts-per-datagram": ("0", "1 to 85"), "--frame-size": ("16129", "1 to 16128"), "--cut": ("=2", "true or false"),
-    "--raw": ("=2", "true or false"), "--bitrate": ("0", "above 0"), "--frame-bitrate": ("1e6", "above 0"),
-    "--pcr-pid": ("8192", "0 to 8191"), "--ppm": ("200000", "-100000 to 100000"),
-    "--loop": ("0", "forever or a number from 1"), "--restamp": ("=2", "true or false"),
-    "--near-wrap": ("=2", "true or false"), "--burst": ("1.5ms", "whole milliseconds"),
-    "--jitter": ("sine:101%", "up to 100%"), "--copies": ("1000001", "1 to 1000000"),
-    "--step": ("color=1", "dst-ip, src-ip"), "--lose": ("3/2", "N from 1 to RANGE"),
-    "--delay": ("1/2:0", "D from 1"), "--bad-ip-checksum": ("0/2", "N from 1 to RANGE"),
-    "--bad-udp-checksum": ("1/0", "N from 1 to RANGE"), "--random": ("=2", "true or false"),
-    "--priority": ("extreme", "time-critical"), "--prefill": ("-1s", "500ms"), "--stats": ("xml", "text or json"), "--json": ("=2", "true or false"),
-    "--economy": ("=2", "true or false"), "--quiet": ("=2", "true or false"), "--dry-run": ("=2", "true or false"), "--write-config": ("", "a file"),
-    "--input": ("", "a file"), "--config": ("/nonexistent", "a file"),
-}
-# Those of which one bad value does not show all.
-PLAY_MORE = (
-    ("--burst", "0", "a number of datagrams"), ("--jitter", "round:10%", "square:TIME"), ("--jitter", "square:11s", "10 s"),
-    ("--jitter", "sine:10", "PERCENT%"), ("--step", "payload-type=128", "FIELD=VALUE"), ("--step", "dst-ip=1", "FIELD=VALUE"),
-    ("--bitrate", "fast", "as 9.75M"), ("--to", "rtp://239.1.1.256:1", "rtp://ADDRESS:PORT"),
-    ("--to", "rtp://239.1.1.1", "rtp://ADDRESS:PORT"), ("--to", "udp://ff3e::1:5000", "IPv6 in [ ]"),
-    ("--at", ("soon", "lose"), "a time"), ("--at", ("1s", "explode"), "pause[:TIME]"), ("--at", ("1s", "lose:2s"), "pause[:TIME]"),
-    ("--at", ("1s", "pause:0s"), "pause[:TIME]"), ("--at", ("1s",), "TIME ACTION"))
-MEASURE = {
-    "--duration": ("soon", "a length of time"), "--count": ("0", "above 0"), "--silence": ("1", ""), "--wait": ("-1", "a length"),
-    "--expect-rate": ("0", "above 0"), "--expect": ("/nonexistent", "No such file"), "--media-rate": ("x", "above 0"),
-    "--clump-gap": ("x", "a length of time"), "--rtp": ("maybe", "auto, on or off"), "--rtp-clock": ("0", "1 to 1000000000"),
-    "--max-streams": ("0", "1 to 1000000"), "--min-streams": ("-1", "a whole number"),
-    "--filter": ("udp prot 5", "pcap-filter"), "--direction": ("up", "in, out or both"), "--buffer": ("2048", "1 to 2047"),
-    "--snaplen": ("63", "64 to 65535"), "--adapter-timestamps": ("=2", "true or false"),
-    "--no-promiscuous": ("=2", "true or false"), "--no-udp-checksum": ("=2", "true or false"),
-    "--no-ts": ("=2", "true or false"), "--json": ("=2", "true or false"), "--quiet": ("=2", "true or false"),
-    "--report": ("/nonexistent/report.html", "No such file"), "--rows": ("100001", "0 to 100000"),
-    "--write-config": ("/nonexistent/file", "No such file"), "--source": ("", "an adapter or a file"),
-    "--config": ("/nonexistent", "a file"), "--max-rate-error": ("1%", "parts per million"),
-}
-DEMO = {"--bitrate": ("-1", "above 0"), "--length": ("61s", "100ms to 60s"), "--report": ("/nonexistent/x", "No such file")}
-
-
-def words(option, value):
-    """As on a command line. A flag takes its value behind an equals sign."""
-    if isinstance(value, tuple):
-        return [option, *value]
-    if value.startswith("="):
-        return [option + value]
-    return [f"{option}={value}"] if value else [option, ""]
+# One kind of value to a row: words of what to give instead, a value, and the options that are of this kind.
+PLAY = (
+    ("rtp://ADDRESS:PORT", "http://1.2.3.4:1", "--to"), ("rtp://ADDRESS:PORT", "rtp://239.1.1.256:1", "--to"),
+    ("rtp://ADDRESS:PORT", "rtp://239.1.1.1", "--to"), ("IPv6 in [ ]", "udp://ff3e::1:5000", "--to"),
+    ("IPv4 or IPv6", "1.2.3", "--src-ip --dst-ip"), ("IPv4 or IPv6", "::g", "--src-ip --dst-ip"),
+    ("six bytes", "1:2:3", "--src-mac --dst-mac"), ("six bytes", "02:00:5e:10:00:0g", "--src-mac --dst-mac"),
+    ("65536 is out of range; give 0 to 65535", "65536", "--src-port --dst-port --ethertype --vlan-tpid --identification"),
+    ("256 is out of range; give 0 to 255", "256",
+     "--ttl --hop-limit --tos --traffic-class --protocol --next-header --payload-type"),
+    ("0 to 65535", "-1", "--src-port"), ('"udp" is not a whole number; give 0 to 255', "udp", "--next-header"),
+    ("0 to 255", "1.5", "--tos"), ("0 to 4095", "4096", "--vlan"), ("0 to 7", "8", "--vlan-priority"),
+    ("0 to 15", "16", "--ip-version"), ("0 to 63", "64", "--dscp"), ("0 to 1048575", "0x100000", "--flow-label"),
+    ("on or off", "maybe", "--dont-fragment"), ("0 to 3", "4", "--rtp-version"),
+    ("random or 0 to 65535", "65536", "--sequence"), ("0 to 4294967295", "4294967296", "--ssrc"),
+    ("1 to 85", "0", "--ts-per-datagram"), ("1 to 16128", "16129", "--frame-size"),
+    ("above 0", "0", "--bitrate --frame-bitrate"), ("above 0", "1e6", "--frame-bitrate"),
+    ("as 9.75M", "fast", "--bitrate"), ("0 to 8191", "8192", "--pcr-pid"),
+    ("-100000 to 100000", "200000", "--ppm"), ("forever or a number from 1", "0", "--loop"),
+    ("whole milliseconds", "1.5ms", "--burst"), ("a number of datagrams", "0", "--burst"),
+    ("up to 100%", "sine:101%", "--jitter"), ("square:TIME", "round:10%", "--jitter"),
+    ("10 s", "square:11s", "--jitter"), ("PERCENT%", "sine:10", "--jitter"), ("1 to 1000000", "1000001", "--copies"),
+    ("dst-ip, src-ip", "color=1", "--step"), ("FIELD=VALUE", "payload-type=128", "--step"),
+    ("FIELD=VALUE", "dst-ip=1", "--step"), ("N from 1 to RANGE", "3/2", "--lose --bad-ip-checksum"),
+    ("N from 1 to RANGE", "0/2", "--bad-ip-checksum"), ("N from 1 to RANGE", "1/0", "--bad-udp-checksum"),
+    ("D from 1", "1/2:0", "--delay"), ("time-critical", "extreme", "--priority"), ("500ms", "-1s", "--prefill"),
+    ("text or json", "xml", "--stats"), ("a file", "/nonexistent", "--config"), ("No such file", "/nonexistent", "--input"),
+    ("a time", "soon lose", "--at"), ("pause[:TIME]", "1s explode", "--at"), ("pause[:TIME]", "1s lose:2s", "--at"),
+    ("pause[:TIME]", "1s pause:0s", "--at"), ("TIME ACTION", "1s", "--at"))
+MEASURE = (
+    ("a length of time", "soon", "--duration --clump-gap"), ("a length", "-1", "--wait"),
+    ("above 0", "0", "--count --expect-rate --media-rate"), ("No such file", "/nonexistent", "--expect"),
+    ("auto, on or off", "maybe", "--rtp"), ("1 to 1000000000", "0", "--rtp-clock"), ("1 to 1000000", "0", "--max-streams"),
+    ("a whole number", "-1", "--min-streams"), ("pcap-filter", "udp prot 5", "--filter"),
+    ("in, out or both", "up", "--direction"), ("1 to 2047", "2048", "--buffer"), ("64 to 65535", "63", "--snaplen"),
+    ("0 to 100000", "100001", "--rows"), ("No such file", "/nonexistent/file", "--report --write-config"),
+    ("a file", "/nonexistent", "--config"), ("parts per million", "1%", "--max-rate-error"))
+DEMO = (("above 0", "-1", "--bitrate"), ("100ms to 60s", "61s", "--length"),
+        ("No such file", "/nonexistent/x", "--report"))
 
 
 class Refusals(PlayCase):
@@ -98,32 +78,34 @@ class Refusals(PlayCase):
             self.bed.capture.drain()
             self.assertEqual([frame for _, frame in self.bed.capture.frames if is_playout(frame)], [])
 
-    def every_option(self, command, values, *fixed):
-        """The tables know each option that the help names, but for those that are tested elsewhere."""
-        process = self.bed.start(command, "--help")
-        options = set(re.findall(r"^  (?:\S+,)*(--[a-z0-9-]+)(?:,(--[a-z0-9-]+))?", process.communicate()[0], re.M))
-        options = {name for pair in options for name in pair if name} - {"--help", "--at"}
-        self.assertEqual({name for name in options if not name.startswith("--max-")} - values.keys(), set())
-        for name in options - values.keys():
-            values = {**values, name: ("-5", "")}
-        for option, (value, wanted) in values.items():
-            typed = option if value.startswith("=") or value.startswith("/") else f"{option}: "
-            if option == "--silence":
-                typed, value = "--silence: \"x\"", "x"
-            if option == "--filter":
-                typed = "--filter udp prot 5: "
+    def refuse_values(self, command, rows, *fixed):
+        """The rows, and for each option that the help names a value that it cannot have."""
+        def refuse(option, words, *needed):
             given = {"--to": fixed[:1], "--input": fixed[1:], "--source": ()}.get(option, fixed)
-            self.refuse([command, *given, *words(option, value)], typed, value.removeprefix("="), wanted)
+            self.refuse([command, *given, *words], *needed)
+
+        for wanted, value, options in rows:
+            for option in options.split():
+                if option in ("--at", "--filter"):
+                    refuse(option, [option, *(value.split() if option == "--at" else [value])], option, wanted)
+                else:
+                    refuse(option, [f"{option}={value}"], option, value, wanted)
+        text = self.bed.start(command, "--help").communicate()[0]
+        options = re.findall(r"^  (?:-\w,)?(--\S+)(?: (\S+))?", text, re.M)
+        self.assertGreater(len(options), 3)
+        for names, kind in options:
+            for option in {*names.split(",")} - {"--help"}:
+                if re.search("FILE|NAME|DEVICE", kind):
+                    refuse(option, [option, ""], option)
+                else:
+                    refuse(option, [option + "=?"], option, "?", *([] if kind else ["true or false"]))
 
     def test_values_of_play(self):
-        self.every_option("play", PLAY, SAMPLE, "--to", RTP)
-        for option, value, wanted in PLAY_MORE:
-            fixed = () if option == "--to" else ("--to", RTP)
-            self.refuse(["play", SAMPLE, *fixed, *words(option, value)], option + ": \"", wanted)
+        self.refuse_values("play", PLAY, SAMPLE, "--to", RTP)
 
     def test_values_of_the_others(self):
-        self.every_option("measure", MEASURE, "frames.pcap")
-        self.every_option("demo", DEMO)
+        self.refuse_values("measure", MEASURE, "frames.pcap")
+        self.refuse_values("demo", DEMO)
         self.refuse(["resolve", "far", "--device", "near"], 'ADDRESS: "far"', "an IPv4 or IPv6 address")
         self.refuse(["resolve", "10.77.0.2", "--device", ""], '--device: ""', "a name or a number")
         self.refuse(["resolve", "10.77.0.2", "--device", "eth7"], "--device eth7: ", "near, lo", status=NO_ACCESS)
