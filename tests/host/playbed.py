@@ -59,15 +59,16 @@ class PlayBed(Testbed):
     def start(self, *arguments, stdin=subprocess.DEVNULL, prefix=(), **more):
         """ipplay in the near namespace."""
         return subprocess.Popen([*prefix, IPPLAY, *map(str, arguments)], preexec_fn=self.near.enter,
-                                stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **more)
+                                stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                **more)
 
     def play(self, *arguments, **more):
         """Plays to the end. Captured are the frames that ipplay sent, not the kernel's own."""
         self.capture.begin()
         with tempfile.TemporaryFile("w+") as output, tempfile.TemporaryFile("w+") as errors:
             process = subprocess.Popen([IPPLAY, "play", *map(str, arguments)], preexec_fn=self.near.enter,
-                                       stdout=output, stderr=errors, stdin=more.pop("stdin", subprocess.DEVNULL),
-                                       **more)
+                                       stdout=output, stderr=errors,
+                                       stdin=more.pop("stdin", subprocess.DEVNULL), **more)
             ended = os.pidfd_open(process.pid)
             while ended not in select.select([ended, self.capture.socket], [], [])[0]:
                 self.capture.drain()
@@ -83,7 +84,8 @@ class PlayBed(Testbed):
     @staticmethod
     def read_sys(namespace, path):
         """A file of /sys as the namespace sees it."""
-        command = ["unshare", "--mount", "--propagation", "unchanged", "sh", "-c", f"mount -t sysfs sysfs /sys && cat {path}"]
+        command = ["unshare", "--mount", "--propagation", "unchanged", "sh", "-c",
+                   f"mount -t sysfs sysfs /sys && cat {path}"]
         return subprocess.run(command, preexec_fn=namespace.enter, check=True, text=True,
                               stdout=subprocess.PIPE).stdout.strip()
 

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""What the documents promise: every recipe runs, every option is described and completed, every field of JSON exists."""
+"""What the documents promise: every recipe runs, every option is described and
+completed, every field of JSON exists."""
 import json
 import os
 import re
@@ -37,14 +38,17 @@ class Recipes(PlayCase):
         install(cls.folder.name)
 
     def run_recipe(self, commands, *options, user=None):
-        """Runs the commands as they stand, but for the names of the reader's own: adapter, sudo, root's shell."""
+        """Runs the commands as they stand, but for the reader's own names: adapter, sudo, root's shell."""
         script = "\n".join(line + (f" {' '.join(options)}" if line.startswith("ipplay play") else "")
                            for line in commands.replace("eth0", self.bed.NEAR).splitlines())
-        prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups", "--inh-caps=-all"] if user else []
+        prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups",
+                  "--inh-caps=-all"] if user else []
         environment = {**os.environ, "PATH": f"{self.folder.name}:{os.environ['PATH']}:/usr/sbin"}
         self.bed.capture.begin()
-        process = subprocess.run([*prefix, "bash", "-eu", "-c", script], cwd=self.folder.name, env=environment,
-                                 preexec_fn=self.bed.near.enter, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        process = subprocess.run([*prefix, "bash", "-eu", "-c", script], cwd=self.folder.name,
+                                 env=environment,
+                                 preexec_fn=self.bed.near.enter, text=True, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE)
         self.assertEqual(process.returncode, 0, process.stderr)
         self.assertRegex(process.stdout, "^(Played|Stopped by --at): stream.ts")
         self.bed.capture.drain()
@@ -72,14 +76,17 @@ class Recipes(PlayCase):
 
 def documented_fields(command):
     """The fields in the table of docs/json.md below the heading of the command."""
-    section = re.search(rf"^## {re.escape(command)}\n(.*?)(?=^## |\Z)", text_of("docs", "json.md"), re.MULTILINE | re.DOTALL)[1]
-    return {name for row in re.findall(r"^\| (`[^|]*)\|", section, re.MULTILINE) for name in re.findall(r"`([^`]+)`", row)}
+    section = re.search(rf"^## {re.escape(command)}\n(.*?)(?=^## |\Z)", text_of("docs", "json.md"),
+                        re.MULTILINE | re.DOTALL)[1]
+    return {name for row in re.findall(r"^\| (`[^|]*)\|", section, re.MULTILINE)
+            for name in re.findall(r"`([^`]+)`", row)}
 
 
 def fields_of(value, path=""):
     """Paths as in docs/json.md; an array of plain values is one field."""
     if isinstance(value, dict):
-        return set().union(*(fields_of(part, f"{path}.{name}" if path else name) for name, part in value.items()))
+        return set().union(*(fields_of(part, f"{path}.{name}" if path else name)
+                             for name, part in value.items()))
     if isinstance(value, list) and value and isinstance(value[0], dict):
         return set().union(*(fields_of(part, path + "[]") for part in value))
     return {path}
@@ -88,10 +95,12 @@ def fields_of(value, path=""):
 class Json(PlayCase):
     def test_documented_fields_are_those_that_are_written(self):
         for command, arguments in (("ipplay devices --json", ("devices", "--json")),
-                                   ("ipplay play --json", ("play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--json"))):
+                                   ("ipplay play --json",
+                                    ("play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--json"))):
             with self.subTest(command):
                 output = self.bed.start(*arguments).communicate(timeout=60)[0]
-                objects = [json.loads(output)] if arguments[0] == "devices" else [json.loads(line) for line in output.splitlines()]
+                texts = [output] if arguments[0] == "devices" else output.splitlines()
+                objects = [json.loads(text) for text in texts]
                 self.assertEqual(fields_of({"all": objects}),
                                  {f"all[].{name}" for name in documented_fields(command)})
                 self.assertEqual({each["schema"] for each in objects}, {1})
@@ -108,7 +117,8 @@ class Descriptions(unittest.TestCase):
     def test_man_pages_are_well_formed(self):
         for page in ("ipplay.1", "libipplayout.3"):
             path = os.path.join(ROOT, "docs", "man", page)
-            process = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", path], text=True, stderr=subprocess.PIPE, check=True)
+            process = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", path], text=True,
+                                     stderr=subprocess.PIPE, check=True)
             self.assertEqual(process.stderr, "")
 
     def complete(self, *words):
@@ -116,7 +126,8 @@ class Descriptions(unittest.TestCase):
             COMP_WORDS=({IPPLAY} {' '.join(f"'{word}'" for word in words)}); COMP_CWORD={len(words)}
             _ipplay {IPPLAY} '{words[-1]}' '{words[-2] if len(words) > 1 else IPPLAY}'
             printf '%s\\n' "${{COMPREPLY[@]}}" """
-        return subprocess.run(["bash", "-c", script], check=True, text=True, stdout=subprocess.PIPE).stdout.split()
+        return subprocess.run(["bash", "-c", script], check=True, text=True,
+                              stdout=subprocess.PIPE).stdout.split()
 
     def test_completion(self):
         self.assertEqual(self.complete("de"), ["devices", "demo"])

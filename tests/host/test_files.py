@@ -35,7 +35,8 @@ class Written(FileCase):
         self.file = os.path.join(self.shared, "file")
 
     def write(self, option, path=None, umask=0o022, **more):
-        command = {"--write-config": ("play", SAMPLE, *TARGET, "--dry-run"), "--report": ("measure", self.frames)}[option]
+        command = {"--write-config": ("play", SAMPLE, *TARGET, "--dry-run"),
+                   "--report": ("measure", self.frames)}[option]
 
         def enter():
             os.umask(umask)
@@ -43,8 +44,8 @@ class Written(FileCase):
                 resource.setrlimit(resource.RLIMIT_FSIZE, (more["limit"],) * 2)
 
         process = subprocess.Popen([os.environ["IPPLAY"], *command, option, path or self.file], text=True,
-                                   preexec_fn=lambda: (self.bed.near.enter(), enter()), stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE)
+                                   preexec_fn=lambda: (self.bed.near.enter(), enter()),
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         output, errors = process.communicate(timeout=30)
         return process.returncode, output, errors
 
@@ -116,24 +117,31 @@ class Written(FileCase):
         self.assertIn("/dev/full: cannot be written: No space left on device", errors)
 
     def test_results_that_cannot_be_written(self):
-        for command in (("devices",), ("measure", self.frames, "--json"), ("play", SAMPLE, *TARGET, "--dry-run"), ("--help",)):
+        for command in (("devices",), ("measure", self.frames, "--json"),
+                        ("play", SAMPLE, *TARGET, "--dry-run"), ("--help",)):
             with self.subTest(command), open("/dev/full", "w", encoding="ascii") as full:
-                process = subprocess.run([os.environ["IPPLAY"], *command], stdout=full, stderr=subprocess.PIPE, text=True,
-                                         preexec_fn=self.bed.near.enter)
-                self.assertEqual((process.returncode, process.stderr), (FAILED, "ipplay: standard output cannot be written\n"))
+                process = subprocess.run([os.environ["IPPLAY"], *command], stdout=full,
+                                         stderr=subprocess.PIPE, text=True, preexec_fn=self.bed.near.enter)
+                self.assertEqual((process.returncode, process.stderr),
+                                 (FAILED, "ipplay: standard output cannot be written\n"))
 
 
 class Repeated(FileCase):
     PLAY = (
         (), ("--bitrate", "9.75M", "--ppm", "-20", "--loop", "forever", "--restamp"),
-        ("--burst", "10ms", "--jitter", "square:500us", "--copies", 16, "--step", "dst-ip=0.0.0.1", "--step", "dst-port=2"),
-        ("--lose", "2/1000", "--delay", "1/1000:3", "--random", "--at", "1m30s", "pause:2s", "--at", "10s", "lose"),
-        ("--hop-limit", 9, "--traffic-class", "0x28", "--next-header", 2, "--vlan", 5, "--vlan-cfi", "--vlan-priority", 3),
-        ("--frame-size", 1400, "--cut", "--dont-fragment", "off", "--sequence", 9, "--ssrc", 7, "--prefill", "0"),
-        ("--frame-bitrate", "1M", "--near-wrap", "--payload-type", 96, "--rtp-extension", "--priority", "highest"),
+        ("--burst", "10ms", "--jitter", "square:500us", "--copies", 16, "--step", "dst-ip=0.0.0.1",
+         "--step", "dst-port=2"),
+        ("--lose", "2/1000", "--delay", "1/1000:3", "--random", "--at", "1m30s", "pause:2s", "--at", "10s",
+         "lose"),
+        ("--hop-limit", 9, "--traffic-class", "0x28", "--next-header", 2, "--vlan", 5, "--vlan-cfi",
+         "--vlan-priority", 3),
+        ("--frame-size", 1400, "--cut", "--dont-fragment", "off", "--sequence", 9, "--ssrc", 7,
+         "--prefill", "0"),
+        ("--frame-bitrate", "1M", "--near-wrap", "--payload-type", 96, "--rtp-extension",
+         "--priority", "highest"),
         ("--src-mac", "02:00:00:00:00:01", "--device", "near", "--stats", "json", "--quiet"))
-    NAMES = ("plain.ts", "with blank.ts", "a#b.ts", "quo\"te's.ts", "back\\slash\\n.ts", "[in], brackets]", "=.ts", "new\nline.ts",
-             "caf\u00e9.ts", "true", "0x10", "-dash.ts")
+    NAMES = ("plain.ts", "with blank.ts", "a#b.ts", "quo\"te's.ts", "back\\slash\\n.ts", "[in], brackets]",
+             "=.ts", "new\nline.ts", "caf\u00e9.ts", "true", "0x10", "-dash.ts")
 
     def test_play(self):
         config, again = self.path("test.conf"), self.path("again.conf")
@@ -143,9 +151,11 @@ class Repeated(FileCase):
             cases.append((self.path(name), ()))
         for path, options in cases:
             with self.subTest(path=path, options=options):
-                first = self.run_ipplay("play", path, *TARGET, *options, "--dry-run", "--write-config", config)
+                first = self.run_ipplay("play", path, *TARGET, *options, "--dry-run",
+                                        "--write-config", config)
                 self.assertEqual((first[0], first[2]), (PLAYED, ""))
-                self.assertEqual(self.run_ipplay("play", "--config", config, "--dry-run", "--write-config", again), first)
+                self.assertEqual(self.run_ipplay("play", "--config", config, "--dry-run",
+                                                 "--write-config", again), first)
                 self.assertEqual(read_file(again), read_file(config))
                 # The command line comes first.
                 other = self.run_ipplay("play", "--config", config, "--dry-run", "--ttl", 77)
@@ -154,15 +164,20 @@ class Repeated(FileCase):
     def test_measure(self):
         config, again = self.path("test.conf"), self.path("again.conf")
         plain = json.loads(self.run_ipplay("measure", self.frames, "--json")[1])
-        for options, changes in ((("--no-ts",), True), (("--no-udp-checksum",), True), (("--no-ts=false",), False),
-                                 (("--rtp", "off"), True), (("--count", 50), True), (("--filter", "udp port 5004 and not port 7"), False),
-                                 (("--max-loss", "0.1%", "--min-streams", 1), True), (("--expect", SAMPLE), True),
-                                 (("--expect-rate", "20.82M", "--max-rate-error", "900ppm", "--clump-gap", "50us"), True),
+        for options, changes in ((("--no-ts",), True), (("--no-udp-checksum",), True),
+                                 (("--no-ts=false",), False),
+                                 (("--rtp", "off"), True), (("--count", 50), True),
+                                 (("--filter", "udp port 5004 and not port 7"), False),
+                                 (("--max-loss", "0.1%", "--min-streams", 1), True),
+                                 (("--expect", SAMPLE), True),
+                                 (("--expect-rate", "20.82M", "--max-rate-error", "900ppm",
+                                   "--clump-gap", "50us"), True),
                                  (("--rows", 5, "--buffer", 64, "--quiet"), False)):
             with self.subTest(options):
                 first = self.run_ipplay("measure", self.frames, "--json", *options, "--write-config", config)
                 self.assertEqual(json.loads(first[1]) != plain, changes)
-                self.assertEqual(self.run_ipplay("measure", "--config", config, "--write-config", again), first)
+                self.assertEqual(self.run_ipplay("measure", "--config", config, "--write-config", again),
+                                 first)
                 self.assertEqual(read_file(again), read_file(config))
 
 

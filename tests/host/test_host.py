@@ -33,7 +33,8 @@ class Statuses(PlayCase):
         self.assertEqual((status, errors), (PLAYED, ""))
         self.assertEqual((near["ipv4"], near["ipv6"], near["link"]), ([NEAR4], [NEAR6], "up"))
         self.assertIn(near["mac"], run("devices")[1])
-        for address, answer in ((FAR4, f"{self.bed.far_mac}  ARP"), ("fd77::2", f"{self.bed.far_mac}  neighbour discovery"),
+        for address, answer in ((FAR4, f"{self.bed.far_mac}  ARP"),
+                                ("fd77::2", f"{self.bed.far_mac}  neighbour discovery"),
                                 ("239.129.1.1", "01:00:5e:01:01:01  multicast mapping"),
                                 ("ff3e::1:2", "33:33:00:01:00:02  multicast mapping"),
                                 ("10.77.0.255", "ff:ff:ff:ff:ff:ff  broadcast"),
@@ -55,7 +56,6 @@ class Failing(PlayCase):
         self.assertIn("a frame could not be sent", errors)
         self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Failed")
 
-
     def test_last_frames_that_cannot_be_sent(self):
         """The library reports them on its output only; whatever the timing, it is no success."""
         stream = read_file(SAMPLE) * 2
@@ -65,16 +65,21 @@ class Failing(PlayCase):
             with open(self.path("short.ts"), "wb") as file:
                 file.write(stream[:datagrams * 7 * 188])
             for _ in range(5):
-                played = self.play(self.path("short.ts"), *TARGET, "--device", "near", *options, status=FAILED)
-                lost = re.search(r"(\d+) frames at the end could not be sent|at least \d+ are lost", played.errors)
+                played = self.play(self.path("short.ts"), *TARGET, "--device", "near", *options,
+                                   status=FAILED)
+                lost = re.search(r"(\d+) frames at the end could not be sent|at least \d+ are lost",
+                                 played.errors)
                 self.assertIsNotNone(lost, played.errors)
                 self.assertIn(lost[1], (str(datagrams), None), played.errors)
                 self.assertIn("Failed: ", played.output)
 
     def test_start_that_is_refused(self):
         """The reason is found out and not guessed."""
-        for limit, reason in (("-n 9", "a socket cannot be opened: Too many open files"), ("-v 90000", "a thread cannot be started; raise the limit of processes (ulimit -u) or of memory (-v)")):
-            player = self.bed.start("play", SAMPLE, *TARGET, "--device", "near", prefix=("sh", "-c", f'ulimit {limit}; exec "$0" "$@"'))
+        for limit, reason in (("-n 9", "a socket cannot be opened: Too many open files"),
+                              ("-v 90000", "a thread cannot be started; raise the limit of processes "
+                                           "(ulimit -u) or of memory (-v)")):
+            player = self.bed.start("play", SAMPLE, *TARGET, "--device", "near",
+                                    prefix=("sh", "-c", f'ulimit {limit}; exec "$0" "$@"'))
             self.assertIn(reason, player.communicate()[1], limit)
             self.assertEqual(player.returncode, FAILED)
 
@@ -86,12 +91,16 @@ class Running(PlayCase):
         self.assertEqual([o["event"] for o in objects], ["progress"] * (len(objects) - 1) + ["summary"])
         self.assertGreater(len(objects), 2)
         summary = objects[-1]
-        self.assertEqual({**{name: summary[name] for name in ("outcome", "datagrams", "ts_packets", "percent")}, "lost": summary["ordered"]["lost"]},
-                         {"outcome": "Played", "datagrams": 203, "ts_packets": 1418, "lost": 3, "percent": 100.0})
+        self.assertEqual({**{name: summary[name] for name in ("outcome", "datagrams", "ts_packets",
+                                                              "percent")},
+                          "lost": summary["ordered"]["lost"]},
+                         {"outcome": "Played", "datagrams": 203, "ts_packets": 1418, "lost": 3,
+                          "percent": 100.0})
         self.assertEqual(sorted(objects, key=lambda o: o["datagrams"]), objects)
 
     def test_configuration_repeats_a_test_exactly(self):
-        options = (*TARGET, "--bitrate", "20M", "--sequence", 9, "--ssrc", 7, "--copies", 2, "--step", "dst-port=2",
+        options = (*TARGET, "--bitrate", "20M", "--sequence", 9, "--ssrc", 7, "--copies", 2,
+                   "--step", "dst-port=2",
                    "--vlan", 5, "--lose", "2/50", "--at", "10ms", "pause:20ms", "--ppm", "-20", "--loop", 2)
         first = self.play(SAMPLE, *options, "--write-config", self.path("test.conf"))
         again = self.play("--config", self.path("test.conf"))
@@ -100,7 +109,8 @@ class Running(PlayCase):
         self.assertNotEqual(other.frames, first.frames)
 
     def test_pause_holds_the_stream(self):
-        times = [time for time, _ in self.play(SAMPLE, *TARGET, "--bitrate", "4M", "--at", "100ms", "pause:300ms").arrivals]
+        times = [time for time, _ in self.play(SAMPLE, *TARGET, "--bitrate", "4M", "--at", "100ms",
+                                               "pause:300ms").arrivals]
         self.assertGreater(max(b - a for a, b in zip(times, times[1:])), 0.25)
         self.assertEqual(len(times), 203)
 
@@ -144,7 +154,8 @@ class LiveTable(PlayCase):
         self.addCleanup(os.close, terminal)
         fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 24, 80, 0, 0))
         meter = subprocess.Popen([os.environ["IPPLAY"], "measure", self.bed.FAR, "--filter", "udp port 5004"],
-                                 preexec_fn=self.bed.far.enter, stdout=subprocess.PIPE, stderr=terminal, text=True)
+                                 preexec_fn=self.bed.far.enter, stdout=subprocess.PIPE, stderr=terminal,
+                                 text=True)
         read_until(user, "Measuring on")
         player = self.bed.start("play", SAMPLE, *TARGET, "--loop", "forever", "--quiet")
         shown = read_until(user, r"(?s)239\.1\.1\.1:5004.*\x1b\[\d+A\r\x1b\[J.*239\.1\.1\.1:5004 .*\n")

@@ -41,12 +41,14 @@ class Inputs(PlayCase):
         return path
 
     def test_what_cannot_be_played(self):
-        for name, message in (("folder", "is a folder; give a file or -"), ("empty", "is empty"), ("missing", "No such file"),
+        for name, message in (("folder", "is a folder; give a file or -"), ("empty", "is empty"),
+                              ("missing", "No such file"),
                               ("unreadable", "Permission denied"), ("socket", "No such device or address"),
                               ("sparse", "sync lost at offset 0;"), ("head", "sync lost at offset 18800;")):
             with self.subTest(name):
                 process = self.bed.start("play", self.make(name), *TARGET, prefix=(
-                    "setpriv", "--bounding-set=-dac_override,-dac_read_search", "--inh-caps=-dac_override,-dac_read_search"))
+                    "setpriv", "--bounding-set=-dac_override,-dac_read_search",
+                    "--inh-caps=-dac_override,-dac_read_search"))
                 output, errors = process.communicate(timeout=30)
                 self.assertEqual((process.returncode, output), (USAGE, ""))
                 self.assertRegex(errors, rf"\Aipplay: INPUT: [^\n]*{self.path(name)}[^\n]*\n\Z")
@@ -77,8 +79,10 @@ class Inputs(PlayCase):
                 self.assertEqual(player.returncode, FAILED)
                 summary = json.loads(output.splitlines()[-1])
                 self.assertEqual((summary["event"], summary["outcome"]), ("summary", "Failed"))
-                self.assertIn(f"ipplay: reading INPUT failed: {message}; playing what has been read so far\n", errors)
-                sent = re.search(r"ipplay: INPUT could not be read to its end; sent until then: ([\d,]+) datagrams with [\d.]+ MB\n", errors)
+                self.assertIn(f"ipplay: reading INPUT failed: {message}; playing what has been read so far\n",
+                              errors)
+                sent = re.search(r"ipplay: INPUT could not be read to its end; sent until then: "
+                                 r"([\d,]+) datagrams with [\d.]+ MB\n", errors)
                 self.assertEqual(int(sent[1].replace(",", "")), summary["datagrams"])
 
     def test_file_that_is_removed_is_still_played(self):
@@ -113,7 +117,8 @@ class Terminals(PlayCase):
                     if ignored:
                         signal.signal(signal.SIGHUP, signal.SIG_IGN)
 
-                player = subprocess.Popen([os.environ["IPPLAY"], "play", SAMPLE, *TARGET, "--loop", "forever"], stdin=terminal,
+                player = subprocess.Popen([os.environ["IPPLAY"], "play", SAMPLE, *TARGET,
+                                           "--loop", "forever"], stdin=terminal,
                                           stdout=output, stderr=terminal, preexec_fn=sit_down)
                 os.close(terminal)
                 seen = b""
@@ -122,7 +127,8 @@ class Terminals(PlayCase):
                 os.close(user)
                 self.assertEqual(player.wait(timeout=30), PLAYED)
                 output.seek(0)
-                self.assertRegex(output.read(), r"\AStopped(: the terminal is gone| by a signal): (.*\n)+  sent +\d+ datagrams")
+                self.assertRegex(output.read(),
+                                 r"\AStopped(: the terminal is gone| by a signal): (.*\n)+  sent +\d+ data")
 
 
 if __name__ == "__main__":

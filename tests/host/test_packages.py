@@ -10,7 +10,8 @@ PACKAGES = ("libipplayout1", "libipplayout-dev", "ipplay")
 
 
 def run(*command):
-    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout
+    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT).stdout
 
 
 def files_below(root):
@@ -48,13 +49,14 @@ class Packages(unittest.TestCase):
         self.assertEqual(self.contents("libipplayout1"), documents("libipplayout1") | {
             f"{multiarch}/libipplayout.so.1", f"{multiarch}/libipplayout.so.1.0.0"})
         self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
-            "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz", "usr/share/bash-completion/completions/ipplay",
-            *(f"usr/share/doc/ipplay/{name}"
-              for name in ("README.Debian", "json.md", "measuring.md", "recipes.md", "security.md"))})
+            "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz",
+            "usr/share/bash-completion/completions/ipplay",
+            *(f"usr/share/doc/ipplay/{name}" for name in (
+                "README.Debian", "json.md", "measuring.md", "recipes.md", "security.md"))})
         development = self.contents("libipplayout-dev")
         for name in (f"{multiarch}/libipplayout.so", f"{multiarch}/pkgconfig/ipplayout.pc",
-                     f"{multiarch}/cmake/ipplayout/ipplayoutConfig.cmake", "usr/include/ipplayout/ipplayout.h",
-                     "usr/share/man/man3/libipplayout.3.gz"):
+                     f"{multiarch}/cmake/ipplayout/ipplayoutConfig.cmake",
+                     "usr/include/ipplayout/ipplayout.h", "usr/share/man/man3/libipplayout.3.gz"):
             self.assertIn(name, development)
 
     def test_dependencies(self):
@@ -72,7 +74,8 @@ class Packages(unittest.TestCase):
             for name in ("status", "available"):
                 open(f"{root}/var/lib/dpkg/{name}", "w", encoding="ascii").close()
             # The root holds no shell: the scripts run on this machine.
-            dpkg = ("dpkg", "--root", root, "--force-depends", "--force-script-chrootless", "--log", "/dev/null")
+            dpkg = ("dpkg", "--root", root, "--force-depends", "--force-script-chrootless",
+                    "--log", "/dev/null")
             run(*dpkg, "-i", *self.files.values())
             self.assertEqual(os.stat(f"{root}/usr/bin/ipplay").st_mode & 0o777, 0o755)
             # With the group, the program has rights and only the group may run it.
@@ -85,7 +88,8 @@ class Packages(unittest.TestCase):
             self.assertEqual((program.st_gid, program.st_mode & 0o777), (65533, 0o750))
             self.assertIn("cap_net_raw,cap_sys_nice=ep", run("/usr/sbin/getcap", f"{root}/usr/bin/ipplay"))
             library = run("sh", "-c", f"echo {root}/usr/lib/*/").strip()
-            self.assertRegex(run("env", f"LD_LIBRARY_PATH={library}", f"{root}/usr/bin/ipplay", "--version"), "^ipplay ")
+            self.assertRegex(run("env", f"LD_LIBRARY_PATH={library}", f"{root}/usr/bin/ipplay", "--version"),
+                             "^ipplay ")
             run(*dpkg, "-P", *PACKAGES)
             left = {name for name in files_below(root) if not name.startswith("var/lib/dpkg/")}
             self.assertEqual(left, set())

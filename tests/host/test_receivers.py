@@ -85,7 +85,7 @@ class AccessPort:
 
 class Decoder(PlayCase):
     def describe(self, address):
-        """An RTP session for ffmpeg. Given as a URL, it would drop the first datagram to learn the payload type."""
+        """An RTP session for ffmpeg, which drops the first datagram of a URL to learn the payload type."""
         version = 6 if ":" in address else 4
         with open(self.path("session.sdp"), "w", encoding="ascii") as file:
             file.write(f"v=0\no=- 0 0 IN IP{version} {address}\ns=test\nc=IN IP{version} {address}\nt=0 0\n"
@@ -95,7 +95,8 @@ class Decoder(PlayCase):
     def decode(self, protocol, address, *options, namespace=None, group=None):
         host = f"[{address}]" if ":" in address else address
         target = f"{protocol}://{host}:5004"
-        receiver = Receiver(namespace or self.bed.far, self.describe(address) if protocol == "rtp" else target, group)
+        receiver = Receiver(namespace or self.bed.far, self.describe(address) if protocol == "rtp"
+                            else target, group)
         player = self.bed.start("play", SAMPLE, "--to", target, "--bitrate", "4M", "--loop", "forever",
                                 "--restamp", *options)
         try:
@@ -117,8 +118,8 @@ class Decoder(PlayCase):
     def test_vlan(self):
         port = AccessPort(self.bed, 100)
         self.addCleanup(port.close)
-        self.decode("rtp", port.ADDRESS, "--vlan", 100, "--device", "near", "--src-ip", NEAR4, "--dst-mac", port.mac,
-                    namespace=port.namespace)
+        self.decode("rtp", port.ADDRESS, "--vlan", 100, "--device", "near", "--src-ip", NEAR4,
+                    "--dst-mac", port.mac, namespace=port.namespace)
 
 
 class Dissector(PlayCase):
@@ -128,8 +129,8 @@ class Dissector(PlayCase):
 
     def rows(self, *options, target="rtp://239.1.1.1:5004"):
         played = self.play(SAMPLE, "--to", target, "--bitrate", "20M", "--sequence", 0, *options)
-        fields = ("rtp.seq", "ip.checksum.status", "udp.checksum.status", "_ws.malformed", "udp.length", "ip.len",
-                  "ipv6.plen", "frame.len")
+        fields = ("rtp.seq", "ip.checksum.status", "udp.checksum.status", "_ws.malformed", "udp.length",
+                  "ip.len", "ipv6.plen", "frame.len")
         rows = self.dissect(played.arrivals, *fields)
         for _, _, _, malformed, udp, ip, ipv6, frame in rows:
             self.assertEqual(malformed, "")
@@ -183,10 +184,10 @@ class Dissector(PlayCase):
                 self.assertEqual(len(numbers), count - missing)
                 self.assertEqual(sum(a > b for a, b in zip(numbers, numbers[1:])), backwards)
                 self.assertEqual(Counter(row[1:] for row in rows),
-                                 Counter({(GOOD, GOOD): count - missing - bad_ip - bad_udp, (BAD, GOOD): bad_ip,
-                                          (GOOD, BAD): bad_udp}) - Counter())
-                self.assertIn(f"lost {missing}, delayed {backwards}, IP checksum {bad_ip}, UDP checksum {bad_udp}",
-                              played.output)
+                                 Counter({(GOOD, GOOD): count - missing - bad_ip - bad_udp,
+                                          (BAD, GOOD): bad_ip, (GOOD, BAD): bad_udp}) - Counter())
+                self.assertIn(f"lost {missing}, delayed {backwards}, IP checksum {bad_ip}, "
+                              f"UDP checksum {bad_udp}", played.output)
 
 
 if __name__ == "__main__":

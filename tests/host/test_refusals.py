@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""Every value that is refused is refused before anything starts, in one line: the option as it was typed, what is
-wrong with its value, and what to give instead."""
+"""Every value that is refused is refused before anything starts, in one line: the option as it was typed,
+what is wrong with its value, and what to give instead."""
 import os
 import re
 import unittest
@@ -16,12 +16,15 @@ PLAY = (
     ("rtp://ADDRESS:PORT", "rtp://239.1.1.1", "--to"), ("IPv6 in [ ]", "udp://ff3e::1:5000", "--to"),
     ("IPv4 or IPv6", "1.2.3", "--src-ip --dst-ip"), ("IPv4 or IPv6", "::g", "--src-ip --dst-ip"),
     ("six bytes", "1:2:3", "--src-mac --dst-mac"), ("six bytes", "02:00:5e:10:00:0g", "--src-mac --dst-mac"),
-    ("65536 is out of range; give 0 to 65535", "65536", "--src-port --dst-port --ethertype --vlan-tpid --identification"),
+    ("65536 is out of range; give 0 to 65535", "65536",
+     "--src-port --dst-port --ethertype --vlan-tpid --identification"),
     ("256 is out of range; give 0 to 255", "256",
      "--ttl --hop-limit --tos --traffic-class --protocol --next-header --payload-type"),
-    ("0 to 65535", "-1", "--src-port"), ('"udp" is not a whole number; give 0 to 255', "udp", "--next-header"),
+    ("0 to 65535", "-1", "--src-port"),
+    ('"udp" is not a whole number; give 0 to 255', "udp", "--next-header"),
     ("0 to 255", "1.5", "--tos"), ("0 to 4095", "4096", "--vlan"), ("0 to 7", "8", "--vlan-priority"),
-    ("0 to 15", "16", "--ip-version"), ("0 to 63", "64", "--dscp"), ("0 to 1048575", "0x100000", "--flow-label"),
+    ("0 to 15", "16", "--ip-version"), ("0 to 63", "64", "--dscp"),
+    ("0 to 1048575", "0x100000", "--flow-label"),
     ("on or off", "maybe", "--dont-fragment"), ("0 to 3", "4", "--rtp-version"),
     ("random or 0 to 65535", "65536", "--sequence"), ("0 to 4294967295", "4294967296", "--ssrc"),
     ("1 to 85", "0", "--ts-per-datagram"), ("1 to 16128", "16129", "--frame-size"),
@@ -30,20 +33,26 @@ PLAY = (
     ("-100000 to 100000", "200000", "--ppm"), ("forever or a number from 1", "0", "--loop"),
     ("whole milliseconds", "1.5ms", "--burst"), ("a number of datagrams", "0", "--burst"),
     ("up to 100%", "sine:101%", "--jitter"), ("square:TIME", "round:10%", "--jitter"),
-    ("10 s", "square:11s", "--jitter"), ("PERCENT%", "sine:10", "--jitter"), ("1 to 1000000", "1000001", "--copies"),
+    ("10 s", "square:11s", "--jitter"), ("PERCENT%", "sine:10", "--jitter"),
+    ("1 to 1000000", "1000001", "--copies"),
     ("dst-ip, src-ip", "color=1", "--step"), ("FIELD=VALUE", "payload-type=128", "--step"),
     ("FIELD=VALUE", "dst-ip=1", "--step"), ("N from 1 to RANGE", "3/2", "--lose --bad-ip-checksum"),
     ("N from 1 to RANGE", "0/2", "--bad-ip-checksum"), ("N from 1 to RANGE", "1/0", "--bad-udp-checksum"),
-    ("D from 1", "1/2:0", "--delay"), ("time-critical", "extreme", "--priority"), ("500ms", "-1s", "--prefill"),
-    ("text or json", "xml", "--stats"), ("a file", "/nonexistent", "--config"), ("No such file", "/nonexistent", "--input"),
-    ("a time", "soon lose", "--at"), ("pause[:TIME]", "1s explode", "--at"), ("pause[:TIME]", "1s lose:2s", "--at"),
+    ("D from 1", "1/2:0", "--delay"), ("time-critical", "extreme", "--priority"),
+    ("500ms", "-1s", "--prefill"),
+    ("text or json", "xml", "--stats"), ("a file", "/nonexistent", "--config"),
+    ("No such file", "/nonexistent", "--input"),
+    ("a time", "soon lose", "--at"), ("pause[:TIME]", "1s explode", "--at"),
+    ("pause[:TIME]", "1s lose:2s", "--at"),
     ("pause[:TIME]", "1s pause:0s", "--at"), ("TIME ACTION", "1s", "--at"))
 MEASURE = (
     ("a length of time", "soon", "--duration --clump-gap"), ("a length", "-1", "--wait"),
     ("above 0", "0", "--count --expect-rate --media-rate"), ("No such file", "/nonexistent", "--expect"),
-    ("auto, on or off", "maybe", "--rtp"), ("1 to 1000000000", "0", "--rtp-clock"), ("1 to 1000000", "0", "--max-streams"),
+    ("auto, on or off", "maybe", "--rtp"), ("1 to 1000000000", "0", "--rtp-clock"),
+    ("1 to 1000000", "0", "--max-streams"),
     ("a whole number", "-1", "--min-streams"), ("pcap-filter", "udp prot 5", "--filter"),
-    ("in, out or both", "up", "--direction"), ("1 to 2047", "2048", "--buffer"), ("64 to 65535", "63", "--snaplen"),
+    ("in, out or both", "up", "--direction"), ("1 to 2047", "2048", "--buffer"),
+    ("64 to 65535", "63", "--snaplen"),
     ("0 to 100000", "100001", "--rows"), ("No such file", "/nonexistent/file", "--report --write-config"),
     ("a file", "/nonexistent", "--config"), ("parts per million", "1%", "--max-rate-error"))
 DEMO = (("above 0", "-1", "--bitrate"), ("100ms to 60s", "61s", "--length"),
@@ -87,7 +96,8 @@ class Refusals(PlayCase):
         for wanted, value, options in rows:
             for option in options.split():
                 if option in ("--at", "--filter"):
-                    refuse(option, [option, *(value.split() if option == "--at" else [value])], option, wanted)
+                    refuse(option, [option, *(value.split() if option == "--at" else [value])], option,
+                           wanted)
                 else:
                     refuse(option, [f"{option}={value}"], option, value, wanted)
         text = self.bed.start(command, "--help").communicate()[0]
@@ -108,7 +118,8 @@ class Refusals(PlayCase):
         self.refuse_values("demo", DEMO)
         self.refuse(["resolve", "far", "--device", "near"], 'ADDRESS: "far"', "an IPv4 or IPv6 address")
         self.refuse(["resolve", "10.77.0.2", "--device", ""], '--device: ""', "a name or a number")
-        self.refuse(["resolve", "10.77.0.2", "--device", "eth7"], "--device eth7: ", "near, lo", status=NO_ACCESS)
+        self.refuse(["resolve", "10.77.0.2", "--device", "eth7"], "--device eth7: ", "near, lo",
+                    status=NO_ACCESS)
         self.refuse(["devices", "--json=2"], '--json: "2"', "true or false")
 
     def test_what_is_missing_unknown_or_given_twice(self):
@@ -118,8 +129,10 @@ class Refusals(PlayCase):
                 (["play", SAMPLE, "--to", RTP, "--bogus", "1"], "--bogus", "ipplay play --help"),
                 (["play", SAMPLE, "--to", RTP, "more.ts"], "more.ts: ", "ipplay play --help"),
                 (["play", SAMPLE, "--to", RTP, "--lose"], "--lose: the value is missing", "N/RANGE"),
-                (["play", SAMPLE, "--to", RTP, "--lose", "1/2", "--lose", "1/3"], '--lose: "1/2 1/3"', "one N/RANGE"),
-                (["devices", "x"], "x: ", "ipplay devices --help"), (["resolve", "--device", "near"], "ADDRESS is required"),
+                (["play", SAMPLE, "--to", RTP, "--lose", "1/2", "--lose", "1/3"], '--lose: "1/2 1/3"',
+                 "one N/RANGE"),
+                (["devices", "x"], "x: ", "ipplay devices --help"),
+                (["resolve", "--device", "near"], "ADDRESS is required"),
                 (["resolve", "10.77.0.2"], "--device is required"), (["measure"], "SOURCE is required"),
                 (["demo", SAMPLE, "--length", "1s"], "--length 1s: ", "built-in stream")):
             self.refuse(arguments, *needed)
@@ -128,11 +141,13 @@ class Refusals(PlayCase):
         for options, *needed in (
                 ((UDP, "--delay", "1/10"), "--delay needs an rtp:// target"),
                 ((UDP6, "--bad-ip-checksum", "1/10"), "--bad-ip-checksum needs an IPv4 target"),
-                ((RTP, "--bad-ip-checksum", "1/9", "--bad-udp-checksum", "1/8"), "--bad-ip-checksum and --bad-udp-checksum exclude each other"),
+                ((RTP, "--bad-ip-checksum", "1/9", "--bad-udp-checksum", "1/8"),
+                 "--bad-ip-checksum and --bad-udp-checksum exclude each other"),
                 ((UDP, "--at", "1s", "delay"), "--at 1s delay: delay needs an rtp:// target"),
                 ((UDP6, "--at", "1s", "bad-ip-checksum"), "--at 1s bad-ip-checksum: ", "IPv4"),
                 ((RTP, "--random"), "--random needs --lose"),
-                ((RTP, "--src-ip", "fd00::1"), "--src-ip fd00::1: the target is IPv4; give an address of that version"),
+                ((RTP, "--src-ip", "fd00::1"),
+                 "--src-ip fd00::1: the target is IPv4; give an address of that version"),
                 ((UDP6, "--dst-ip", "1.2.3.4"), "--dst-ip 1.2.3.4: the target is IPv6"),
                 ((RTP, "--step", "dst-ip=::1"), "--step dst-ip=::1: the target is IPv4"),
                 ((RTP, "--step", "vlan=1"), "--step vlan=1 needs --vlan"),
@@ -142,42 +157,60 @@ class Refusals(PlayCase):
                 ((RTP, "--vlan-cfi"), "--vlan-cfi needs --vlan"),
                 ((RTP, "--flow-label", "5"), "--flow-label needs an IPv6 target"),
                 ((UDP6, "--identification", "5"), "--identification needs an IPv4 target"),
-                ((RTP, "--traffic-class", "1", "--dscp", "2"), "--traffic-class and --dscp exclude each other; give one"),
-                ((RTP, "--frame-size", "60"), "--frame-size 60 is too small: the headers take 54 bytes; give 242 or more"),
-                ((RTP, "--frame-size", "1400", "--ts-per-datagram", "3"), "--frame-size and --ts-per-datagram exclude each other"),
+                ((RTP, "--traffic-class", "1", "--dscp", "2"),
+                 "--traffic-class and --dscp exclude each other; give one"),
+                ((RTP, "--frame-size", "60"),
+                 "--frame-size 60 is too small: the headers take 54 bytes; give 242 or more"),
+                ((RTP, "--frame-size", "1400", "--ts-per-datagram", "3"),
+                 "--frame-size and --ts-per-datagram exclude each other"),
                 ((RTP, "--cut"), "--cut needs --frame-size"),
-                ((RTP, "--ts-per-datagram", "8"), "--ts-per-datagram 8 makes IP packets of 1544 bytes; near takes at most 1500"),
-                ((RTP, "--ts-per-datagram", "8", "--dont-fragment", "on"), "--ts-per-datagram 8 makes frames of 1558 bytes; give at most 1500"),
+                ((RTP, "--ts-per-datagram", "8"),
+                 "--ts-per-datagram 8 makes IP packets of 1544 bytes; near takes at most 1500"),
+                ((RTP, "--ts-per-datagram", "8", "--dont-fragment", "on"),
+                 "--ts-per-datagram 8 makes frames of 1558 bytes; give at most 1500"),
                 ((RTP, "--ts-per-datagram", "7", "--raw"), "--ts-per-datagram and --raw exclude each other"),
-                ((RTP, "--bitrate", "1M", "--frame-bitrate", "2M"), "--bitrate and --frame-bitrate exclude each other"),
+                ((RTP, "--bitrate", "1M", "--frame-bitrate", "2M"),
+                 "--bitrate and --frame-bitrate exclude each other"),
                 ((RTP, "--bitrate", "5G"), "--bitrate 5G: frames at 5.2", "4.29 Gbit/s"),
                 ((RTP, "--burst", "10000000"), "--burst 10000000: 10000000 frames", "give at most"),
-                ((RTP, "--raw"), "--bitrate is required"), ((RTP, "--pcr-pid", "9"), "--pcr-pid 9: INPUT has no PCRs there"),
+                ((RTP, "--raw"), "--bitrate is required"),
+                ((RTP, "--pcr-pid", "9"), "--pcr-pid 9: INPUT has no PCRs there"),
                 ((RTP, "--restamp", "--raw", "--bitrate", "1M"), "--restamp and --raw exclude each other"),
-                ((RTP, "--pcr-pid", "9", "--raw", "--bitrate", "1M"), "--pcr-pid and --raw exclude each other")):
+                ((RTP, "--pcr-pid", "9", "--raw", "--bitrate", "1M"),
+                 "--pcr-pid and --raw exclude each other")):
             self.refuse(["play", SAMPLE, "--to", *options], *needed)
-        self.refuse(["play", "no_pcr.ts", "--to", RTP], "--bitrate is required: INPUT has no PCRs to take its rate from")
-        self.refuse(["play", "no_pcr.ts", "--to", RTP, "--bitrate", "1M", "--restamp"], "--restamp needs PCRs, and INPUT has none")
+        self.refuse(["play", "no_pcr.ts", "--to", RTP],
+                    "--bitrate is required: INPUT has no PCRs to take its rate from")
+        self.refuse(["play", "no_pcr.ts", "--to", RTP, "--bitrate", "1M", "--restamp"],
+                    "--restamp needs PCRs, and INPUT has none")
         read_end, write_end = os.pipe()
         os.write(write_end, read_file(SAMPLE)[:50_000])
         os.close(write_end)
         self.refuse(["play", "-", "--to", RTP, "--loop", "2"], "--loop needs a file", stdin=read_end)
         os.close(read_end)
-        self.refuse(["play", SAMPLE, "--to", RTP, "--device", "eth7"], "--device eth7: ", "give one of: near, lo", status=NO_ACCESS)
-        self.refuse(["play", SAMPLE, "--to", "udp://8.8.8.8:5"], "--device is required: ", "no route to 8.8.8.8", status=NO_ACCESS)
-        self.refuse(["measure", "frames.pcap", "--max-rate-error", "5ppm"], "--max-rate-error needs --expect-rate")
+        self.refuse(["play", SAMPLE, "--to", RTP, "--device", "eth7"],
+                    "--device eth7: ", "give one of: near, lo", status=NO_ACCESS)
+        self.refuse(["play", SAMPLE, "--to", "udp://8.8.8.8:5"],
+                    "--device is required: ", "no route to 8.8.8.8", status=NO_ACCESS)
+        self.refuse(["measure", "frames.pcap", "--max-rate-error", "5ppm"],
+                    "--max-rate-error needs --expect-rate")
         self.refuse(["measure", "frames.pcap", "--wait", "5s"], "--wait 5s: allowed with adapters only")
         self.refuse(["measure", "eth7"], "SOURCE: there is no adapter or file eth7", status=NO_ACCESS)
         self.refuse(["measure", "./noise.ts"], "SOURCE: ", "noise.ts")
 
     def test_configuration_files(self):
         for content, *needed in (
-                (b"[play]\nttl = 256\n", "--ttl: 256 is out of range; give 0 to 255"), (b"[play]\nvolume = 11\n", "volume", "--write-config"),
-                (b"[play]\ndry-run = true\n", "dry-run"), (b"[play]\nlose = \"1/2\n", "line 2", "quotation mark"),
+                (b"[play]\nttl = 256\n", "--ttl: 256 is out of range; give 0 to 255"),
+                (b"[play]\nvolume = 11\n", "volume", "--write-config"),
+                (b"[play]\ndry-run = true\n", "dry-run"),
+                (b"[play]\nlose = \"1/2\n", "line 2", "quotation mark"),
                 (b"[play]\nstep = [\"ttl=1\", \"color=2\"]\n", '--step: "color=2"', "dst-ip"),
-                (b"[play]\nat = [\"1s\"]\n", '--at: "1s"', "TIME ACTION"), (b"[play]\ncut = maybe\n", '--cut: "maybe"', "true or false"),
-                (b"[play]\nttl 5\n", "line 2", "NAME = VALUE"), (b"[play\n", "line 1"), (b"=\n", "line 1"), (b"[play]\nttl = \n", "line 2"),
-                (b"\x00\xff\x47" * 99, "--config"), (b"#" * (1 << 21), "1048576 bytes"), (b"[measure]\nrows = 5\n[plai]\nttl = 5\n", "plai.ttl")):
+                (b"[play]\nat = [\"1s\"]\n", '--at: "1s"', "TIME ACTION"),
+                (b"[play]\ncut = maybe\n", '--cut: "maybe"', "true or false"),
+                (b"[play]\nttl 5\n", "line 2", "NAME = VALUE"), (b"[play\n", "line 1"), (b"=\n", "line 1"),
+                (b"[play]\nttl = \n", "line 2"),
+                (b"\x00\xff\x47" * 99, "--config"), (b"#" * (1 << 21), "1048576 bytes"),
+                (b"[measure]\nrows = 5\n[plai]\nttl = 5\n", "plai.ttl")):
             with open(self.path("bad.conf"), "wb") as file:
                 file.write(content)
             self.refuse(["play", SAMPLE, "--to", RTP, "--config", "bad.conf"], *needed)

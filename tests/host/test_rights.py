@@ -26,9 +26,12 @@ class Rights(PlayCase):
             subprocess.run(["/usr/sbin/setcap", capabilities + "+ep", self.program], check=True)
         else:
             subprocess.run(["/usr/sbin/setcap", "-r", self.program], check=False, stderr=subprocess.DEVNULL)
-        prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups", "--inh-caps=-all"] if user else []
-        return subprocess.Popen([*prefix, self.program, *arguments], preexec_fn=self.bed.near.enter, text=True,
-                                env={**os.environ, **(environment or {})}, cwd=self.folder.name, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups",
+                  "--inh-caps=-all"] if user else []
+        return subprocess.Popen([*prefix, self.program, *arguments], preexec_fn=self.bed.near.enter,
+                                text=True,
+                                env={**os.environ, **(environment or {})}, cwd=self.folder.name,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     @staticmethod
     def threads(process):
@@ -42,9 +45,11 @@ class Rights(PlayCase):
         return found
 
     def test_nothing_is_left_while_it_plays(self):
-        for user, capabilities, real_time in ((NOBODY, "cap_net_raw", False), (NOBODY, "cap_net_raw,cap_sys_nice", True), (None, None, True)):
+        for user, capabilities, real_time in ((NOBODY, "cap_net_raw", False),
+                                              (NOBODY, "cap_net_raw,cap_sys_nice", True), (None, None, True)):
             with self.subTest(user=user, capabilities=capabilities):
-                player = self.start("play", "stream.ts", *TARGET, "--loop", "forever", "--stats", "json", "--priority", "highest", "--economy",
+                player = self.start("play", "stream.ts", *TARGET, "--loop", "forever", "--stats", "json",
+                                    "--priority", "highest", "--economy",
                                     user=user, capabilities=capabilities)
                 self.addCleanup(player.kill)
                 while json.loads(player.stdout.readline())["datagrams"] == 0:
@@ -54,7 +59,8 @@ class Rights(PlayCase):
                 self.assertEqual(len(threads), 4, threads)
                 self.assertEqual([thread[1:4] for thread in threads], [(0, 0, 0)] * 4)
                 self.assertEqual(os.getpriority(os.PRIO_PROCESS, player.pid), 10)
-                classes = [thread[4] == REAL_TIME for thread in threads if thread[0] in ("DataPumpThread", "PacketTransmit")]
+                classes = [thread[4] == REAL_TIME for thread in threads
+                           if thread[0] in ("DataPumpThread", "PacketTransmit")]
                 self.assertEqual(any(classes), real_time)
                 for protocol in ("tcp", "tcp6", "udp", "udp6", "raw", "raw6"):
                     with open(f"/proc/{player.pid}/net/{protocol}", encoding="ascii") as file:

@@ -12,7 +12,8 @@ H264 = ("-c:v", "libx264", "-preset", "ultrafast", "-crf", "25")
 
 
 def ffprobe(path, *what):
-    text = subprocess.run(["ffprobe", "-v", "error", "-of", "json", *what, path], check=True, stdout=subprocess.PIPE).stdout
+    text = subprocess.run(["ffprobe", "-v", "error", "-of", "json", *what, path], check=True,
+                          stdout=subprocess.PIPE).stdout
     return json.loads(text)
 
 
@@ -20,9 +21,10 @@ def complaints(path):
     """What ffmpeg's demuxer and decoders say of a stream, continuity checks included."""
     # As a pipe: where it seeks, it may take any 0x47 for the start of a packet.
     with open(path, "rb") as stream:
-        text = subprocess.run(["ffmpeg", "-v", "debug", "-f", "mpegts", "-i", "-", "-f", "null", "-"], check=True, text=True,
-                              stdin=stream, stderr=subprocess.PIPE).stderr
-    words = ("Continuity", "discontinuity", "corrupt", "non monoton", "Non-monoton", "out of order", "Invalid")
+        text = subprocess.run(["ffmpeg", "-v", "debug", "-f", "mpegts", "-i", "-", "-f", "null", "-"],
+                              check=True, text=True, stdin=stream, stderr=subprocess.PIPE).stderr
+    words = ("Continuity", "discontinuity", "corrupt", "non monoton", "Non-monoton", "out of order",
+             "Invalid")
     return [line for line in text.splitlines() if any(word in line for word in words)]
 
 
@@ -108,9 +110,11 @@ class Rounds(PlayCase):
             self.assertLess(max(steps), 0.3 * 90_000)
 
     def test_seams_of_other_streams(self):
-        """A constant and a variable rate, content that is longer than its packets take, and a round that ends or begins
-        far from a PCR. PCRs come at the mean rate and at most 40 ms apart, however far apart they are in the file."""
-        for name, cut, options in (("constant", (0, 0), {"rate": 2_000_000}), ("H.264", (0, 0), {"rate": 5_000_000, "video": H264}),
+        """A constant and a variable rate, content that is longer than its packets take, and a round that ends
+        or begins far from a PCR. PCRs come at the mean rate and at most 40 ms apart, however far apart they
+        are in the file."""
+        for name, cut, options in (("constant", (0, 0), {"rate": 2_000_000}),
+                                   ("H.264", (0, 0), {"rate": 5_000_000, "video": H264}),
                                    ("variable", (0, 0), {}), ("variable H.264", (0, 0), {"video": H264}),
                                    ("cut", (188 * 90, -188 * 30), {"video": H264})):
             with self.subTest(name):
@@ -134,7 +138,8 @@ class Rounds(PlayCase):
                     self.assertEqual(complaints(self.path("received.ts")), [])
                     for stream in ("v", "a"):
                         times = [int(packet["dts"]) for packet in
-                                 ffprobe(self.path("received.ts"), "-select_streams", stream, "-show_packets")["packets"]]
+                                 ffprobe(self.path("received.ts"), "-select_streams", stream,
+                                         "-show_packets")["packets"]]
                         self.assertGreater(min(b - a for a, b in zip(times, times[1:])), 0)
 
     def test_clocks_wrap_soon(self):
@@ -143,7 +148,8 @@ class Rounds(PlayCase):
         self.assertEqual((-clocks[0][1]) % PCR_MODULUS, 3 * PCR_HZ)
         self.assertLess(clocks[-1][1], 4 * PCR_HZ)
         self.assertEqual(complaints(self.path("received.ts")), [])
-        self.assertEqual(len(ffprobe(self.path("received.ts"), "-select_streams", "v", "-show_packets")["packets"]), 150)
+        self.assertEqual(len(ffprobe(self.path("received.ts"), "-select_streams", "v",
+                                     "-show_packets")["packets"]), 150)
 
 
 if __name__ == "__main__":

@@ -27,7 +27,8 @@ class Payload(PlayCase):
 
     def test_other_cuts(self):
         stream = read_file(SAMPLE)
-        for options, size in ((("--ts-per-datagram", "3"), 3 * 188 + 54), (("--frame-size", "1000"), 5 * 188 + 54),
+        for options, size in ((("--ts-per-datagram", "3"), 3 * 188 + 54),
+                              (("--frame-size", "1000"), 5 * 188 + 54),
                               (("--frame-size", "1000", "--cut"), 1000)):
             with self.subTest(options):
                 played = self.play(SAMPLE, "--to", TARGET, *FAST, *options)
@@ -69,12 +70,13 @@ class Rates(PlayCase):
                 copies = 2 if "--copies" in options else 1
                 headers = 58 if "--vlan" in options else 54
                 stream = frames[::copies]
-                first, last = rtp_header(stream[0], headers - RTP)[1], rtp_header(stream[-1], headers - RTP)[1]
+                first, last = rtp_header(stream[0], headers - RTP)[1], rtp_header(stream[-1],
+                                                                                  headers - RTP)[1]
                 bits = 8 * sum(len(frame) - headers for frame in stream[:-1])
                 self.assertAlmostEqual((last - first) / (bits / 10e6 * 90_000), 1, delta=1e-4)
 
     def test_copies_differ_by_their_steps(self):
-        """Each field, as tshark reads the first two copies; what the settings of one version mean to the other."""
+        """Each field, as tshark reads the first two copies; what one version's settings mean to the other."""
         for target, options, fields in (
                 ("udp://239.1.1.254:5004", (), {
                     "dst-ip=0.0.0.2": ("ip.dst", "239.1.1.254", "239.1.2.0"),
@@ -83,8 +85,10 @@ class Rates(PlayCase):
                     "tos=4": ("ip.dsfield", "0x00", "0x04"),
                     None: ("eth.dst", "01:00:5e:01:01:fe", "01:00:5e:01:02:00")}),
                 ("rtp://239.1.1.1:5004", ("--vlan", "100", "--ssrc", "7"), {
-                    "src-ip=0.0.1.0": ("ip.src", "10.77.0.1", "10.77.1.1"), "vlan=5": ("vlan.id", "100", "105"),
-                    "payload-type=3": ("rtp.p_type", "33", "36"), "ssrc=16": ("rtp.ssrc", "0x00000007", "0x00000017"),
+                    "src-ip=0.0.1.0": ("ip.src", "10.77.0.1", "10.77.1.1"),
+                    "vlan=5": ("vlan.id", "100", "105"),
+                    "payload-type=3": ("rtp.p_type", "33", "36"),
+                    "ssrc=16": ("rtp.ssrc", "0x00000007", "0x00000017"),
                     "dst-mac=00:00:00:00:02:00": ("eth.dst", "01:00:5e:01:01:01", "01:00:5e:01:03:01")}),
                 ("udp://[ff3e::8000:1]:5004", ("--src-mac", "02:00:00:00:00:01"), {
                     "dst-ip=::1:1": ("ipv6.dst", "ff3e::8000:1", "ff3e::8001:2"),
@@ -99,25 +103,29 @@ class Rates(PlayCase):
                 self.assertEqual(rows, [[values[copy] for values in fields.values()] for copy in (1, 2)])
 
     def test_four_copies_take_four_steps(self):
-        played = self.play(SAMPLE, "--to", "udp://239.1.1.254:5004", *FAST, "--copies", 4, "--step", "dst-ip=0.0.0.1")
+        played = self.play(SAMPLE, "--to", "udp://239.1.1.254:5004", *FAST, "--copies", 4,
+                           "--step", "dst-ip=0.0.0.1")
         self.assertEqual(self.dissect(played.arrivals[:8], "ip.dst", "eth.dst"), 2 * [
             ["239.1.1.254", "01:00:5e:01:01:fe"], ["239.1.1.255", "01:00:5e:01:01:ff"],
             ["239.1.2.0", "01:00:5e:01:02:00"], ["239.1.2.1", "01:00:5e:01:02:01"]])
 
     def test_copies_of_other_protocols(self):
         """As bytes, since the second copy is UDP to nobody."""
-        for step, offset, values in (("ethertype=0x10", 12, (0x0800, 0x0810)), ("protocol=2", 22, (0x4011, 0x4013))):
+        for step, offset, values in (("ethertype=0x10", 12, (0x0800, 0x0810)),
+                                     ("protocol=2", 22, (0x4011, 0x4013))):
             self.bed.capture.begin()
             self.bed.play(SAMPLE, "--to", TARGET, *FAST, "--copies", 2, "--step", step)
             frames = [frame for _, frame in self.bed.capture.frames if len(frame) > 1000]
-            self.assertEqual(tuple(int.from_bytes(frame[offset:offset + 2], "big") for frame in frames[:2]), values)
+            self.assertEqual(tuple(int.from_bytes(frame[offset:offset + 2], "big") for frame in frames[:2]),
+                             values)
 
 
 class Headers(PlayCase):
     EVERY_FIELD = (
-        "--src-mac", "02:11:22:33:44:55", "--dst-mac", "02:aa:bb:cc:dd:ee", "--vlan", "1234", "--vlan-priority", "5",
-        "--vlan-cfi", "--src-port", "1111", "--dst-port", "2222", "--tos", "0xb8",
-        "--ttl", "7", "--payload-type", "96", "--sequence", "65530", "--ssrc", "0xdeadbeef", "--rtp-version", "2")
+        "--src-mac", "02:11:22:33:44:55", "--dst-mac", "02:aa:bb:cc:dd:ee", "--vlan", "1234",
+        "--vlan-priority", "5", "--vlan-cfi", "--src-port", "1111", "--dst-port", "2222", "--tos", "0xb8",
+        "--ttl", "7", "--payload-type", "96", "--sequence", "65530", "--ssrc", "0xdeadbeef",
+        "--rtp-version", "2")
 
     def dry_run(self, *options):
         """Header bytes by the table, and the names of all settings."""
@@ -147,7 +155,8 @@ class Headers(PlayCase):
         played = self.play(SAMPLE, "--to", TARGET, *FAST, *self.EVERY_FIELD)
         fields = {"eth.src": "02:11:22:33:44:55", "eth.dst": "02:aa:bb:cc:dd:ee", "vlan.id": "1234",
                   "vlan.priority": "5", "vlan.dei": "1", "ip.src": "10.77.0.1", "ip.dst": "239.1.1.1",
-                  "ip.dsfield": "0xb8", "ip.ttl": "7", "ip.flags.df": "1", "udp.srcport": "1111", "udp.dstport": "2222"}
+                  "ip.dsfield": "0xb8", "ip.ttl": "7", "ip.flags.df": "1", "udp.srcport": "1111",
+                  "udp.dstport": "2222"}
         self.assertEqual(dict(zip(fields, self.dissect(played.arrivals[:1], *fields)[0])), fields)
 
     def test_unicast_goes_to_the_neighbour(self):

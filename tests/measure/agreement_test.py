@@ -285,14 +285,16 @@ class Limits(unittest.TestCase):
             "--max-df": mdi["delay_factor_ns"]["max"], "--max-pcr-accuracy": pcr["accuracy_peak_to_peak_ns"],
             "--max-pcr-jitter": pcr["arrival_peak_to_peak_ns"]}
         counts = {
-            "--max-loss": rtp["lost"], "--max-reordered": rtp["reordered"], "--max-duplicates": rtp["duplicates"],
+            "--max-loss": rtp["lost"], "--max-reordered": rtp["reordered"],
+            "--max-duplicates": rtp["duplicates"],
             "--max-mlr": mdi["loss_rate_packets"]["max"], "--max-ts-errors": sum(ts[name] for name in errors)}
         for figures, unit in ((times, "ns"), (counts, "")):
             limits = {option: math.ceil(figure) for option, figure in figures.items()}
             self.assertEqual(len(set(limits.values())), len(limits), limits)
             for option, limit in limits.items():
                 with self.subTest(option):
-                    self.assertEqual([self.status(option, f"{value}{unit}") for value in (limit, limit - 1)], [0, 4])
+                    self.assertEqual([self.status(option, f"{value}{unit}") for value in (limit, limit - 1)],
+                                     [0, 4])
 
     def test_nothing_to_measure_meets_no_limit(self):
         write_pcap(self.path, [])

@@ -29,7 +29,8 @@ class Demo(unittest.TestCase):
                 demo = self.start(*arguments)
                 output, complaints = demo.communicate()
                 self.assertEqual(demo.returncode, 0, output + complaints)
-                self.assertRegex(output, rf"datagrams +{datagrams} in .*none lost, none out of order, none twice")
+                self.assertRegex(output,
+                                 rf"datagrams +{datagrams} in .*none lost, none out of order, none twice")
                 self.assertRegex(output, "content +identical with the file, byte for byte")
                 with open(self.report, encoding="utf-8") as page:
                     self.assertTrue(page.read().rstrip().endswith("</html>"))

@@ -20,7 +20,8 @@ UPPER = "upper"  # a second adapter on top of the near one, which can go and com
 FAULTS_OF_THE_ADAPTER = {
     "goes down": (Testbed.NEAR, f"ip link set {Testbed.NEAR} down", f"ip link set {Testbed.NEAR} up"),
     "gets an MTU below the frame": (
-        Testbed.NEAR, f"ip link set {Testbed.NEAR} mtu 1000", f"ip link set {Testbed.NEAR} mtu {Testbed.MTU}"),
+        Testbed.NEAR, f"ip link set {Testbed.NEAR} mtu 1000",
+        f"ip link set {Testbed.NEAR} mtu {Testbed.MTU}"),
     "is deleted": (UPPER, f"ip link delete {UPPER}",
                    f"ip link add link {Testbed.NEAR} name {UPPER} type macvlan && ip link set {UPPER} up"),
 }
@@ -118,7 +119,8 @@ class AdapterFaults(ReliabilityCase):
         def perish(library, fault, settings, data):
             host = Host(library, settings=settings)
             through_xdp = choose_sender(host, fault)
-            times = fail(host, lambda: host.faults.set(*fault), lambda: host.faults.clear(fault[0]), through_xdp)
+            times = fail(host, lambda: host.faults.set(*fault), lambda: host.faults.clear(fault[0]),
+                         through_xdp)
             return {"times": times, "statistics": host.play(data)}
         for (name, (*fault, goes_on)), rate in itertools.product(FAULTS_OF_THE_SOCKET.items(), RATES):
             if not occurs(fault, rate):

@@ -149,7 +149,7 @@ class Storm(ReliabilityCase):
             library.IPStop()
             left, before = host.traces(), host.before
             assert left[:2] == before[:2], (left, before)
-            assert left[2] - before[2] < 5, "memory was lost"  # what a one-shot request sets up for good stays
+            assert left[2] - before[2] < 5, "memory was lost"  # what a one-shot request sets up stays
             library.configure(TYPICAL)
             return {"calls": sum(counts), "statistics": host.play(data)}
         data = datagrams(Model(TYPICAL), 5)

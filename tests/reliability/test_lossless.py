@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 """Many datagrams over a veth pair: what was written, what is counted as sent, what arrives.
 
-IPPLAYOUT_LOSSLESS_DATAGRAMS, _RATE (Mbit/s of all streams) and _STREAMS make it long or wide; _SAMPLES names a file
-that gets the player's resident memory and descriptors every ten seconds.
+IPPLAYOUT_LOSSLESS_DATAGRAMS, _RATE (Mbit/s of all streams) and _STREAMS make it long or wide; _SAMPLES names
+a file that gets the player's resident memory and descriptors every ten seconds.
 """
 import json
 import os
@@ -34,11 +34,13 @@ class Samples:
     def take(self):
         with open(f"{self.folder}/statm", encoding="ascii") as file:
             resident = int(file.read().split()[1]) * os.sysconf("SC_PAGESIZE") // 1024
-        self.rows.append((round(time.monotonic() - self.start), resident, len(os.listdir(f"{self.folder}/fd"))))
+        self.rows.append((round(time.monotonic() - self.start), resident,
+                          len(os.listdir(f"{self.folder}/fd"))))
 
     def save(self, path):
         with open(path, "w", encoding="ascii") as file:
-            file.write("seconds,resident_kib,descriptors\n" + "".join("%d,%d,%d\n" % row for row in self.rows))
+            file.write("seconds,resident_kib,descriptors\n" + "".join("%d,%d,%d\n" % row
+                                                                      for row in self.rows))
 
 
 class Lossless(PlayCase):
@@ -54,22 +56,31 @@ class Lossless(PlayCase):
                 self.assertEqual(seen["capture"]["dropped_by_kernel"], 0, "the receiver could not keep up")
                 self.assertEqual(len(seen["streams"]), streams)
                 for stream in seen["streams"]:
-                    self.assertEqual((stream["rate"]["frames"], stream["compare"]["datagrams_equal"]), (datagrams,) * 2)
-                    self.assertEqual([stream["rtp"][name] for name in ("lost", "duplicates", "reordered", "restarts")], [0] * 4)
-                self.assertEqual((summary["datagrams"], summary["frames"], summary["frame_bytes"], summary["ts_packets"]),
+                    self.assertEqual((stream["rate"]["frames"], stream["compare"]["datagrams_equal"]),
+                                     (datagrams,) * 2)
+                    self.assertEqual([stream["rtp"][name]
+                                      for name in ("lost", "duplicates", "reordered", "restarts")], [0] * 4)
+                self.assertEqual((summary["datagrams"], summary["frames"], summary["frame_bytes"],
+                                  summary["ts_packets"]),
                                  (datagrams, datagrams * streams, datagrams * FRAME, datagrams * 7))
-                print(f"{datagrams} datagrams in {streams} streams equal, in {summary['elapsed_ns'] / 1e9:.0f} s", flush=True)
+                print(f"{datagrams} datagrams in {streams} streams equal, "
+                      f"in {summary['elapsed_ns'] / 1e9:.0f} s", flush=True)
 
     def run_pair(self, path, datagrams, rate, streams):
         """What ipplay measure saw, and the summary of ipplay play."""
-        meter = subprocess.Popen([IPPLAY, "measure", self.bed.FAR, "--json", "--expect", path, "--no-ts", "--filter", "udp port 5004",
-                                  "--silence", "2s"], preexec_fn=self.bed.far.enter, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        meter = subprocess.Popen([IPPLAY, "measure", self.bed.FAR, "--json", "--expect", path, "--no-ts",
+                                  "--filter", "udp port 5004", "--silence", "2s"],
+                                 preexec_fn=self.bed.far.enter, text=True, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE)
         self.assertEqual(meter.stderr.readline(), f"Measuring on {self.bed.FAR}\n")
-        player = self.bed.start("play", path, "--to", "rtp://239.1.1.1:5004", "--frame-bitrate", f"{rate / streams}M", "--copies", streams,
-                                "--step", "dst-ip=0.0.0.1", "--sequence", 0, "--loop", datagrams // FILE_DATAGRAMS, "--stats", "json")
+        player = self.bed.start("play", path, "--to", "rtp://239.1.1.1:5004",
+                                "--frame-bitrate", f"{rate / streams}M", "--copies", streams,
+                                "--step", "dst-ip=0.0.0.1", "--sequence", 0,
+                                "--loop", datagrams // FILE_DATAGRAMS, "--stats", "json")
         samples = Samples(player)
         for line in player.stdout:
-            if (event := json.loads(line))["event"] == "progress" and len(samples.rows) <= event["elapsed_ns"] // 10**10:
+            event = json.loads(line)
+            if event["event"] == "progress" and len(samples.rows) <= event["elapsed_ns"] // 10**10:
                 samples.take()
         self.assertEqual(player.wait(), 0, player.communicate()[1])
         if file := settings("SAMPLES"):

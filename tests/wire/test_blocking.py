@@ -22,7 +22,8 @@ class Blocking(WireCase):
         self.assertEqual(outcome.value, STATISTICS)
 
     def test_more_than_the_ring_holds(self):
-        settings = {**TYPICAL, "IPBitRate": 2000.0, "TSPacketSize": 0, "PacketSizeMode": 0, "IPPacketSize": 1401}
+        settings = {**TYPICAL, "IPBitRate": 2000.0, "TSPacketSize": 0, "PacketSizeMode": 0,
+                    "IPPacketSize": 1401}
         data = stream(RING + (3 << 20))
         outcome = self.bed.run(play, settings, data)
         self.assertTrue(b"".join(frame[54:] for frame in outcome.frames) == data, "the payload differs")

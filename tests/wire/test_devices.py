@@ -218,7 +218,8 @@ class Arguments(Network):
     def test_null_pointers_versions_and_positions(self):
         def body(library):
             resolve(library)
-            mac, null, target = create_string_buffer(UNTOUCHED, 6), c_void_p(), bytes((10, 77, 0, 1)) + bytes(12)
+            mac, null = create_string_buffer(UNTOUCHED, 6), c_void_p()
+            target = bytes((10, 77, 0, 1)) + bytes(12)
             pointer = c_void_p(addressof(mac))
             return [library.GetMacAddressForIP(0, None, byref(pointer), 0),
                     library.GetMacAddressForIP(0, target, None, 0),
@@ -239,8 +240,10 @@ class Arguments(Network):
             text = create_string_buffer(b"x" * 16, 16)
             assert library.GetHostIPAddress(byref(c_void_p(addressof(text)))) == 1
             return text.value.decode()
-        for names, address in (("127.0.0.1 localhost\n127.0.1.1 NAME\n", NEAR), ("198.51.100.7 NAME\n", "198.51.100.7"),
-                               ("127.0.1.1 NAME\n198.51.100.7 NAME\n", "198.51.100.7"), ("127.0.0.1 localhost\n", NEAR)):
+        for names, address in (("127.0.0.1 localhost\n127.0.1.1 NAME\n", NEAR),
+                               ("198.51.100.7 NAME\n", "198.51.100.7"),
+                               ("127.0.1.1 NAME\n198.51.100.7 NAME\n", "198.51.100.7"),
+                               ("127.0.0.1 localhost\n", NEAR)):
             self.assertEqual(self.bed.run(body, names).value, address, names)
 
     def test_dotted_decimals(self):

@@ -120,7 +120,7 @@ class Completion(WireCase):
         self.check_playout(TYPICAL, datagrams(Model(TYPICAL), 50), body)
 
     def test_end_declared_while_the_pump_waits_for_data(self):
-        """The last, partly filled batch leaves also if the stream was read to its end before that was known."""
+        """The last, partly filled batch leaves also if the stream was read to an end not yet known."""
         def body(library, settings, data):
             ready(library, settings)
             begin(library, data)
@@ -166,9 +166,8 @@ class Events(WireCase):
             return len(select.select(mine, [], [], 0)[0])
         self.assertEqual(self.bed.run(body, stream(4000)).value, 0)
 
-
     def test_registered_event_that_the_host_closes(self):
-        """Each registration counts, all of them take up one descriptor, and the number is the host's again."""
+        """Each registration counts, all take up one descriptor, and the number is the host's again."""
         def body(library, data):
             ready(library)
             event = os.eventfd(0)
@@ -211,7 +210,7 @@ class Events(WireCase):
 
 class Identity(WireCase):
     def test_changes_while_frames_leave(self):
-        """The C library makes every thread follow and ends the process if one cannot: none may be unable to."""
+        """The C library makes every thread follow and ends the process if one cannot: all must be able to."""
         nobody, same = 65534, -1
         changes = [[call] for call in (
             ("setgroups", [nobody]), ("setgid", nobody), ("setegid", nobody), ("setregid", nobody, nobody),

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""The two ways in which frames leave: which one is taken, and that a fault of the adapter hides in neither; and
-what else a playout asks of the system."""
+"""The two ways in which frames leave: which one is taken, and that a fault of the adapter hides in neither;
+and what else a playout asks of the system."""
 import os
 import shutil
 import socket
