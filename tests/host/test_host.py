@@ -13,7 +13,7 @@ import unittest
 from playbed import FAR4, NEAR4, NEAR6, SAMPLE, PlayCase, interrupt, read_file
 
 TARGET = ("--to", "rtp://239.1.1.1:5004")
-PLAYED, FAILED, USAGE, NO_ACCESS = 0, 1, 2, 3
+PLAYED, FAILED = 0, 1
 
 
 class Statuses(PlayCase):
@@ -40,10 +40,7 @@ class Statuses(PlayCase):
                                 ("10.77.0.255", "ff:ff:ff:ff:ff:ff  broadcast"),
                                 (NEAR4, f"{near['mac']}  the adapter's own address")):
             self.assertEqual(run("resolve", address, "--device", "near"), (PLAYED, answer + "\n", ""))
-        self.assertEqual(run("resolve", FAR4, "--device", "none")[0], NO_ACCESS)
-        self.assertEqual(run("resolve", "far", "--device", "near")[0], USAGE)
         self.assertEqual(run("--version")[0], PLAYED)
-        self.assertEqual(run()[0], USAGE)
 
 
 class Failing(PlayCase):
@@ -97,16 +94,6 @@ class Running(PlayCase):
                          {"outcome": "Played", "datagrams": 203, "ts_packets": 1418, "lost": 3,
                           "percent": 100.0})
         self.assertEqual(sorted(objects, key=lambda o: o["datagrams"]), objects)
-
-    def test_configuration_repeats_a_test_exactly(self):
-        options = (*TARGET, "--bitrate", "20M", "--sequence", 9, "--ssrc", 7, "--copies", 2,
-                   "--step", "dst-port=2",
-                   "--vlan", 5, "--lose", "2/50", "--at", "10ms", "pause:20ms", "--ppm", "-20", "--loop", 2)
-        first = self.play(SAMPLE, *options, "--write-config", self.path("test.conf"))
-        again = self.play("--config", self.path("test.conf"))
-        self.assertEqual(again.frames, first.frames)
-        other = self.play("--config", self.path("test.conf"), "--ssrc", 8)
-        self.assertNotEqual(other.frames, first.frames)
 
     def test_pause_holds_the_stream(self):
         times = [time for time, _ in self.play(SAMPLE, *TARGET, "--bitrate", "4M", "--at", "100ms",

@@ -143,34 +143,11 @@ class Dissector(PlayCase):
             rows, _ = self.rows(target=target)
             self.assertEqual(rows, [(n, ip, GOOD) for n in range(self.COUNT)])
 
-    def test_lost(self):
-        rows, played = self.rows("--lose", "2/50")
-        lost = {n for n in range(self.COUNT) if n % 50 < 2}
-        self.assertEqual([row[0] for row in rows], [n for n in range(self.COUNT) if n not in lost])
-        self.assertIn(f"lost {len(lost)}, delayed 0, IP checksum 0, UDP checksum 0", played.output)
-
     def test_lost_at_random(self):
         numbers = {row[0] for row in self.rows("--lose", "2/50", "--random")[0]}
         for start in range(0, 200, 50):
             self.assertEqual(sum(n not in numbers for n in range(start, start + 50)), 2)
         self.assertNotEqual({n for n in range(200) if n % 50 > 1}, {n for n in numbers if n < 200})
-
-    def test_late(self):
-        rows, played = self.rows("--delay", "1/40:3")
-        expected = []
-        for start in range(0, self.COUNT, 40):
-            block = list(range(start, min(start + 40, self.COUNT)))
-            # In the last block of three nothing is left for the delayed one to follow.
-            expected += [*block[1:4], block[0], *block[4:]] if len(block) > 3 else block[1:]
-        self.assertEqual([row[0] for row in rows], expected)
-        self.assertIn("delayed 6", played.output)
-
-    def test_bad_checksums(self):
-        for option, column in (("--bad-ip-checksum", 1), ("--bad-udp-checksum", 2)):
-            with self.subTest(option):
-                rows, _ = self.rows(option, "3/60")
-                bad = {(n, column) for n in range(self.COUNT) if n % 60 < 3}
-                self.assertEqual({(row[0], at) for row in rows for at in (1, 2) if row[at] == BAD}, bad)
 
     def test_one_shots_of_the_time_line(self):
         count = 20 * 1418 // 7 + 1  # datagrams go on across the rounds
