@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -49,6 +50,26 @@ void SetNice(pid_t thread, const PriorityRow& row) {
     ::setpriority(PRIO_PROCESS, id, UnprivilegedNice(row.level));
   }
 }
+
+// While it lives, no signal interrupts the calling thread: neither the C library's own one, by
+// which it has every thread follow a change of user or groups and which pthread_sigmask leaves out.
+class AllSignalsHeld {
+ public:
+  AllSignalsHeld() { Exchange(&kAll, &previous_); }
+  AllSignalsHeld(const AllSignalsHeld&) = delete;
+  AllSignalsHeld& operator=(const AllSignalsHeld&) = delete;
+  ~AllSignalsHeld() { Exchange(&previous_, nullptr); }
+
+ private:
+  using KernelMask = std::uint64_t;
+  static constexpr KernelMask kAll = ~KernelMask{0};
+
+  static void Exchange(const KernelMask* mask, KernelMask* previous) {
+    ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, mask, previous, sizeof *mask);
+  }
+
+  KernelMask previous_ = 0;
+};
 
 }  // namespace
 
@@ -144,6 +165,7 @@ bool IsNice() {
 }
 
 void GiveUpCapabilities() {
+  const AllSignalsHeld between_look_and_change;
   constexpr std::uint32_t kIdentity = 1U << CAP_SETUID | 1U << CAP_SETGID;
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> own{};

@@ -5,7 +5,10 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <thread>
 #include <utility>
 
 #include "platform/signal.h"
@@ -58,6 +61,30 @@ TEST(NativeThreadTest, LeavesSignalsToTheHostAndLevelsKeepTheirOrderWhereThatIsP
   body.go.Set();
   thread.reset();
   EXPECT_TRUE(body.signals_blocked);
+}
+
+// A worker that looks at its capabilities before a change of the user and sets them after it would
+// be left with others than the rest of the process.
+void ChangeUserBesideAWorker() {
+  std::atomic<bool> changed{false};
+  std::thread worker([&changed] {
+    while (!changed) {
+      GiveUpCapabilities();
+    }
+  });
+  constexpr uid_t kNobody = 65534;
+  for (int i = 0; i < 5000 && seteuid(kNobody) == 0 && seteuid(0) == 0; ++i) {
+  }
+  changed = true;
+  worker.join();
+  _exit(geteuid() == 0 ? 0 : 1);
+}
+
+TEST(NativeThreadTest, AWorkerThatGivesUpCapabilitiesFollowsChangesOfTheUser) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can change its user";
+  }
+  EXPECT_EXIT(ChangeUserBesideAWorker(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
