@@ -28,8 +28,7 @@
 //   or for a while; a playout goes on.
 // - Standard output gets the few messages named below, standard error those about neighbours.
 // - Frames go straight to the adapter: queueing disciplines (tc) are passed by, and a capture on
-// the
-//   sending adapter does not see them. Capture at the far end.
+//   the sending adapter does not see them. Capture at the far end.
 #pragma once
 
 #include <stdint.h>
