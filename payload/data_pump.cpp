@@ -90,15 +90,18 @@ bool ZEBIPDataPump::RegisterCompletionEvent(platform::EventHandle event) {
     return true;
   }
   const std::lock_guard lock(completion_mutex_);
-  for (Registered& registered : registered_events_) {
-    if (registered.event.IsSame(event)) {
-      ++registered.times;  // a host that registers before each start takes up one descriptor
-      return true;
-    }
+  const auto place =
+      std::lower_bound(registered_events_.begin(), registered_events_.end(), event,
+                       [](const Registered& registered, platform::EventHandle sought) {
+                         return registered.event.IsBefore(sought);
+                       });
+  if (place != registered_events_.end() && place->event.IsSame(event)) {
+    ++place->times;  // a host that registers before each start takes up one descriptor
+    return true;
   }
   auto own = platform::OwnedHostEvent::Duplicate(event);
   if (own) {
-    registered_events_.push_back({std::move(*own), 1});
+    registered_events_.insert(place, {std::move(*own), 1});
   }
   return own.has_value();
 }

@@ -44,9 +44,18 @@ std::optional<OwnedHostEvent> OwnedHostEvent::Duplicate(EventHandle event) {
 }
 
 bool OwnedHostEvent::IsSame(EventHandle event) const {
+  return Compare(event) == 0;
+}
+
+bool OwnedHostEvent::IsBefore(EventHandle event) const {
+  return Compare(event) == 1;
+}
+
+// kcmp(2): 0 for the same, 1 for before, 2 for behind, else a failure.
+long OwnedHostEvent::Compare(EventHandle event) const {
   const long process = ::getpid();
   return ::syscall(SYS_kcmp, process, process, static_cast<long>(KCMP_FILE),
-                   static_cast<long>(descriptor_.Get()), static_cast<long>(Number(event))) == 0;
+                   static_cast<long>(descriptor_.Get()), static_cast<long>(Number(event)));
 }
 
 void WaitForEither(EventHandle first, EventHandle second) {

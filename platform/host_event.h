@@ -32,8 +32,11 @@ class OwnedHostEvent {
   EventHandle Handle() const { return descriptor_.Get(); }
   // Whether `event` is the same event. False where the kernel does not say.
   bool IsSame(EventHandle event) const;
+  // Some order of all events, in which the same one can be looked up. False as above.
+  bool IsBefore(EventHandle event) const;
 
  private:
+  long Compare(EventHandle event) const;
   explicit OwnedHostEvent(Descriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
   Descriptor descriptor_;

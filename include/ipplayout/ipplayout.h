@@ -104,7 +104,7 @@ int IsPlayoutComplete(void);
 // Has `*event` signalled whenever a playout completes, by its end, a stop or a failure; as often as
 // it has been registered. It stays registered as long as the library is loaded, through a
 // descriptor of the library's own: the host may close its descriptor at any time. Any time, any
-// thread. Returns 1.
+// thread. Returns 1, or 0 when `*event` is a closed descriptor or there is no descriptor left.
 int RegisterForIPPlayoutCompletion(const intptr_t* event);
 
 // The event that releases a blocked IPWriteTerminate when the host signals it (writes the 8-byte

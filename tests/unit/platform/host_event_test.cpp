@@ -34,6 +34,7 @@ TEST(HostEventTest, ADuplicateOutlivesTheHostsDescriptor) {
   const auto own = OwnedHostEvent::Duplicate(event);
   ASSERT_TRUE(own);
   EXPECT_TRUE(own->IsSame(event) && !own->IsSame(other->Handle()));
+  EXPECT_TRUE(!own->IsBefore(event) && own->IsBefore(other->Handle()) != other->IsBefore(event));
   close(event);
   SignalHostEvent(own->Handle());
   eventfd_t value = 0;
