@@ -82,13 +82,13 @@ Playout::~Playout() {
 }
 
 void Playout::Initialise() {
-  const std::lock_guard lock(control_mutex_);
+  const platform::MutexLock lock(control_mutex_);
   ResetForInit();
   parts_.devices.Clear();
   try {
     parts_.devices.Enumerate();
     parts_.devices.CreateArray();
-    const std::lock_guard event_lock(stop_event_mutex_);
+    const platform::MutexLock event_lock(stop_event_mutex_);
     if (stop_event_ == nullptr) {
       if (auto event = OwnedHostEvent::Create()) {
         stop_event_ = std::make_shared<OwnedHostEvent>(std::move(*event));
@@ -100,14 +100,14 @@ void Playout::Initialise() {
 }
 
 void Playout::CleanUp() {
-  const std::lock_guard lock(control_mutex_);
+  const platform::MutexLock lock(control_mutex_);
   parts_.devices.Clear();
-  const std::lock_guard event_lock(stop_event_mutex_);
+  const platform::MutexLock event_lock(stop_event_mutex_);
   stop_event_.reset();
 }
 
 int Playout::Start() {
-  const std::lock_guard lock(control_mutex_);
+  const platform::MutexLock lock(control_mutex_);
   if (!parts_.pump.IsComplete()) {
     return IPPLAYOUT_FAILED;
   }
@@ -209,7 +209,7 @@ bool Playout::StartThreads() {
 }
 
 void Playout::Stop() {
-  const std::lock_guard lock(control_mutex_);
+  const platform::MutexLock lock(control_mutex_);
   EndPlayout();
 }
 
@@ -251,7 +251,7 @@ void Playout::Release() {
 }
 
 std::uint64_t Playout::FramesNotSent() {
-  const std::lock_guard lock(control_mutex_);
+  const platform::MutexLock lock(control_mutex_);
   return pipeline_.capture_interface == nullptr ? frames_not_sent_
                                                 : pipeline_.capture_interface->FramesNotSent();
 }
@@ -273,7 +273,7 @@ void Playout::WriteTerminate() {
   }
   std::shared_ptr<OwnedHostEvent> stop;
   {
-    const std::lock_guard lock(stop_event_mutex_);
+    const platform::MutexLock lock(stop_event_mutex_);
     stop = stop_event_;
   }
   parts_.pump.AddCompletionEvent(completed->Handle());
@@ -286,7 +286,7 @@ void Playout::WriteTerminate() {
 }
 
 platform::EventHandle Playout::StopEvent() {
-  const std::lock_guard lock(stop_event_mutex_);
+  const platform::MutexLock lock(stop_event_mutex_);
   return stop_event_ == nullptr ? platform::kNullEvent : stop_event_->Handle();
 }
 

@@ -4,11 +4,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "control/pipeline.h"
 #include "platform/host_event.h"
+#include "platform/mutex.h"
 #include "platform/wake_latency.h"
 
 namespace ipplayout {
@@ -42,26 +42,29 @@ class Playout {
   platform::EventHandle StopEvent();
 
  private:
-  bool OpenInterface();
-  bool ConfigureInterface();
+  bool OpenInterface() IPPLAYOUT_REQUIRES(control_mutex_);
+  bool ConfigureInterface() IPPLAYOUT_REQUIRES(control_mutex_);
   bool LoadManagers();
-  bool LayOut();
-  bool StartThreads();
-  void EndPlayout();
-  void Release();
+  bool LayOut() IPPLAYOUT_REQUIRES(control_mutex_);
+  bool StartThreads() IPPLAYOUT_REQUIRES(control_mutex_);
+  void EndPlayout() IPPLAYOUT_REQUIRES(control_mutex_);
+  void Release() IPPLAYOUT_REQUIRES(control_mutex_);
 
   Parts& parts_;
 
   // Serialises the lifecycle. The worker threads never take it.
-  std::mutex control_mutex_;
-  Pipeline pipeline_;                                     // under control_mutex_
-  std::optional<platform::ShortWakeUps> short_wake_ups_;  // during a run; under control_mutex_
-  std::uint64_t frames_not_sent_ = 0;  // of a run that was released; under control_mutex_
-  bool was_started_ = false;  // the pipeline's threads have been started; under control_mutex_
+  platform::Mutex control_mutex_;
+  Pipeline pipeline_ IPPLAYOUT_GUARDED_BY(control_mutex_);
+  // During a run.
+  std::optional<platform::ShortWakeUps> short_wake_ups_ IPPLAYOUT_GUARDED_BY(control_mutex_);
+  // Of a run that was released.
+  std::uint64_t frames_not_sent_ IPPLAYOUT_GUARDED_BY(control_mutex_) = 0;
+  // The pipeline's threads have been started.
+  bool was_started_ IPPLAYOUT_GUARDED_BY(control_mutex_) = false;
 
-  std::mutex stop_event_mutex_;
+  platform::Mutex stop_event_mutex_;
   // Shared with the waits on it, so that cleaning up does not close a descriptor under a wait.
-  std::shared_ptr<platform::OwnedHostEvent> stop_event_;
+  std::shared_ptr<platform::OwnedHostEvent> stop_event_ IPPLAYOUT_GUARDED_BY(stop_event_mutex_);
 };
 
 }  // namespace ipplayout

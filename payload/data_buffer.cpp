@@ -19,7 +19,7 @@ bool CIPDataBuffer::Write(const std::uint8_t* data, std::uint32_t length) {
     return true;
   }
   {
-    std::unique_lock lock(writers_mutex_);
+    const platform::MutexLock lock(writers_mutex_);
     const std::uint64_t endings = run_endings_;
     while (Free() < length) {
       if (reader_gone_) {
@@ -27,7 +27,7 @@ bool CIPDataBuffer::Write(const std::uint8_t* data, std::uint32_t length) {
       }
       NeedSpace(length);
       if (Free() < length) {
-        space_freed_.wait(lock);
+        space_freed_.Wait(writers_mutex_);
       }
       if (run_endings_ != endings) {
         return false;
@@ -113,10 +113,10 @@ void CIPDataBuffer::WakeWriters() {
     {
       // A writer between its look at the space and its sleep is asleep by now. Those that go on
       // waiting state their needs anew.
-      const std::lock_guard lock(writers_mutex_);
+      const platform::MutexLock lock(writers_mutex_);
       writer_needs_.store(0);
     }
-    space_freed_.notify_all();
+    space_freed_.NotifyAll();
   }
 }
 
@@ -128,17 +128,17 @@ bool CIPDataBuffer::Terminate() {
 }
 
 void CIPDataBuffer::BeginRun() {
-  const std::lock_guard lock(writers_mutex_);
+  const platform::MutexLock lock(writers_mutex_);
   reader_gone_ = false;
 }
 
 void CIPDataBuffer::EndRun() {
-  const std::lock_guard lock(writers_mutex_);
+  const platform::MutexLock lock(writers_mutex_);
   ReleaseWriters();
 }
 
 bool CIPDataBuffer::Reset() {
-  const std::lock_guard lock(writers_mutex_);
+  const platform::MutexLock lock(writers_mutex_);
   written_.store(0);
   read_.store(0);
   write_position_ = 0;
@@ -155,7 +155,7 @@ void CIPDataBuffer::ReleaseWriters() {
   ++run_endings_;
   reader_gone_ = true;
   writer_needs_.store(0);
-  space_freed_.notify_all();
+  space_freed_.NotifyAll();
 }
 
 bool CIPDataBuffer::SetStartThreshold(std::uint32_t bytes) {
@@ -163,7 +163,7 @@ bool CIPDataBuffer::SetStartThreshold(std::uint32_t bytes) {
     return false;
   }
   {
-    const std::lock_guard lock(writers_mutex_);
+    const platform::MutexLock lock(writers_mutex_);
     start_threshold_.store(bytes);
     // What was written ahead may be enough for a threshold that is lower than the one before it.
     if (Fill() > 0 && Fill() >= bytes) {

@@ -3,11 +3,10 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 #include "payload/payload_source.h"
+#include "platform/mutex.h"
 #include "platform/pages.h"
 #include "platform/signal.h"
 
@@ -58,12 +57,12 @@ class CIPDataBuffer final : public PayloadSource {
   std::uint64_t Free() const { return storage_.Size() - Fill(); }
   bool IsReadable(std::uint32_t wanted) const;
   void WaitUntilReadable(std::uint32_t wanted);
-  void NeedSpace(std::uint32_t length);
-  void CopyIn(const std::uint8_t* data, std::uint32_t length);
+  void NeedSpace(std::uint32_t length) IPPLAYOUT_REQUIRES(writers_mutex_);
+  void CopyIn(const std::uint8_t* data, std::uint32_t length) IPPLAYOUT_REQUIRES(writers_mutex_);
   void CopyOut(PDU& pdu, std::uint32_t offset, std::uint32_t length);
   void WakeReader();
   void WakeWriters();
-  void ReleaseWriters();
+  void ReleaseWriters() IPPLAYOUT_REQUIRES(writers_mutex_);
 
   platform::Pages storage_;
 
@@ -74,12 +73,12 @@ class CIPDataBuffer final : public PayloadSource {
   std::atomic<bool> started_{false};
   std::atomic<bool> terminated_{false};
 
-  // Guards the writing side: write_position_, run_endings_, reader_gone_.
-  std::mutex writers_mutex_;
-  std::condition_variable space_freed_;
-  std::uint32_t write_position_ = 0;
-  std::uint64_t run_endings_ = 0;
-  bool reader_gone_ = false;
+  // The writing side.
+  platform::Mutex writers_mutex_;
+  platform::ConditionVariable space_freed_;
+  std::uint32_t write_position_ IPPLAYOUT_GUARDED_BY(writers_mutex_) = 0;
+  std::uint64_t run_endings_ IPPLAYOUT_GUARDED_BY(writers_mutex_) = 0;
+  bool reader_gone_ IPPLAYOUT_GUARDED_BY(writers_mutex_) = false;
 
   // One cache line for what the writer stores, one for what the reader stores.
   alignas(64) std::atomic<std::uint64_t> written_{0};

@@ -47,7 +47,7 @@ bool ZEBIPDataPump::Start() {
   ClearStatistics();
   source_->BeginRun();
   {
-    const std::lock_guard lock(completion_mutex_);
+    const platform::MutexLock lock(completion_mutex_);
     complete_ = false;
     ++run_number_;
   }
@@ -64,32 +64,34 @@ void ZEBIPDataPump::Stop() {
 }
 
 void ZEBIPDataPump::Pause(bool on) {
-  const std::lock_guard lock(pause_mutex_);
+  const platform::MutexLock lock(pause_mutex_);
   if (on) {
     paused_ = true;
     return;
   }
   paused_ = false;
   ++resume_count_;
-  resumed_.notify_all();
+  resumed_.NotifyAll();
 }
 
 bool ZEBIPDataPump::IsComplete() {
-  const std::lock_guard lock(completion_mutex_);
+  const platform::MutexLock lock(completion_mutex_);
   return complete_;
 }
 
 void ZEBIPDataPump::WaitUntilComplete() {
-  std::unique_lock lock(completion_mutex_);
+  const platform::MutexLock lock(completion_mutex_);
   const std::uint64_t run = run_number_;
-  completed_.wait(lock, [this, run] { return complete_ || run_number_ != run; });
+  while (!complete_ && run_number_ == run) {
+    completed_.Wait(completion_mutex_);
+  }
 }
 
 bool ZEBIPDataPump::RegisterCompletionEvent(platform::EventHandle event) {
   if (event == platform::kNullEvent || event == platform::kInvalidEvent) {
     return true;
   }
-  const std::lock_guard lock(completion_mutex_);
+  const platform::MutexLock lock(completion_mutex_);
   const auto place =
       std::lower_bound(registered_events_.begin(), registered_events_.end(), event,
                        [](const Registered& registered, platform::EventHandle sought) {
@@ -107,12 +109,12 @@ bool ZEBIPDataPump::RegisterCompletionEvent(platform::EventHandle event) {
 }
 
 void ZEBIPDataPump::AddCompletionEvent(platform::EventHandle event) {
-  const std::lock_guard lock(completion_mutex_);
+  const platform::MutexLock lock(completion_mutex_);
   completion_events_.push_back(event);
 }
 
 void ZEBIPDataPump::WithdrawCompletionEvent(platform::EventHandle event) {
-  const std::lock_guard lock(completion_mutex_);
+  const platform::MutexLock lock(completion_mutex_);
   std::erase(completion_events_, event);
 }
 
@@ -193,11 +195,13 @@ void ZEBIPDataPump::WaitWhilePaused() {
   if (!paused_.load()) {
     return;
   }
-  std::unique_lock lock(pause_mutex_);
+  const platform::MutexLock lock(pause_mutex_);
   // Stop raises its request before it takes the mutex to end a pause, so one of the two is seen.
   if (paused_ && !StopRequested()) {
     const std::uint64_t resumes = resume_count_;
-    resumed_.wait(lock, [this, resumes] { return resume_count_ != resumes; });
+    while (resume_count_ == resumes) {
+      resumed_.Wait(pause_mutex_);
+    }
   }
 }
 
@@ -263,7 +267,7 @@ void ZEBIPDataPump::CountDatagram(const PDU& frame) {
 
 void ZEBIPDataPump::EndRun() {
   source_->EndRun();
-  const std::lock_guard lock(completion_mutex_);
+  const platform::MutexLock lock(completion_mutex_);
   complete_ = true;
   interface_->SignalQueueReady();
   for (const Registered& registered : registered_events_) {
@@ -274,7 +278,7 @@ void ZEBIPDataPump::EndRun() {
   for (const platform::EventHandle event : completion_events_) {
     platform::SignalHostEvent(event);
   }
-  completed_.notify_all();
+  completed_.NotifyAll();
 }
 
 }  // namespace ipplayout

@@ -3,13 +3,12 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 #include "ipplayout/ipplayout.h"
 #include "platform/host_event.h"
+#include "platform/mutex.h"
 #include "platform/snapshot.h"
 #include "transmit/osa_thread.h"
 
@@ -110,17 +109,17 @@ class ZEBIPDataPump final : public OsaThread {
     platform::OwnedHostEvent event;
     std::uint64_t times;
   };
-  std::mutex completion_mutex_;  // guards the five below; events are signalled under it
-  std::condition_variable completed_;
-  bool complete_ = true;
-  std::uint64_t run_number_ = 0;
-  std::vector<Registered> registered_events_;
-  std::vector<platform::EventHandle> completion_events_;
+  platform::Mutex completion_mutex_;  // events are signalled under it
+  platform::ConditionVariable completed_;
+  bool complete_ IPPLAYOUT_GUARDED_BY(completion_mutex_) = true;
+  std::uint64_t run_number_ IPPLAYOUT_GUARDED_BY(completion_mutex_) = 0;
+  std::vector<Registered> registered_events_ IPPLAYOUT_GUARDED_BY(completion_mutex_);
+  std::vector<platform::EventHandle> completion_events_ IPPLAYOUT_GUARDED_BY(completion_mutex_);
 
-  std::mutex pause_mutex_;  // guards resume_count_, and changes of paused_
-  std::condition_variable resumed_;
+  platform::Mutex pause_mutex_;  // paused_ changes under it and is read without
+  platform::ConditionVariable resumed_;
   std::atomic<bool> paused_{false};
-  std::uint64_t resume_count_ = 0;
+  std::uint64_t resume_count_ IPPLAYOUT_GUARDED_BY(pause_mutex_) = 0;
 };
 
 }  // namespace ipplayout

@@ -32,7 +32,7 @@ void CErrorInsertionManager::Configure(ErrorInsertion settings) {
 
 void CErrorInsertionManager::Reset() {
   {
-    const std::lock_guard lock(held_frames_mutex_);
+    const platform::MutexLock lock(held_frames_mutex_);
     held_frames_.clear();
   }
   any_held_ = false;
@@ -114,7 +114,7 @@ bool CErrorInsertionManager::HoldFrame(PDU& frame, std::uint32_t copy_index) {
       due_index_ = current_index_ + (distance <= 1 ? 2 : distance);
     }
   }
-  const std::lock_guard lock(held_frames_mutex_);
+  const platform::MutexLock lock(held_frames_mutex_);
   held_frames_.try_emplace(HeldFrameKey(due_index_, copy_index), frame);
   any_held_ = true;
   return true;
@@ -124,7 +124,7 @@ PDU* CErrorInsertionManager::GetHeldFrame(std::uint32_t copy_index) {
   if (!any_held_) {
     return nullptr;
   }
-  const std::lock_guard lock(held_frames_mutex_);
+  const platform::MutexLock lock(held_frames_mutex_);
   const auto found = held_frames_.find(HeldFrameKey(current_index_, copy_index));
   if (found == held_frames_.end()) {
     return nullptr;
@@ -134,7 +134,7 @@ PDU* CErrorInsertionManager::GetHeldFrame(std::uint32_t copy_index) {
 }
 
 void CErrorInsertionManager::ReleaseHeldFrame(std::uint32_t copy_index) {
-  const std::lock_guard lock(held_frames_mutex_);
+  const platform::MutexLock lock(held_frames_mutex_);
   held_frames_.erase(HeldFrameKey(current_index_, copy_index));
   any_held_ = !held_frames_.empty();
 }

@@ -6,10 +6,10 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 
 #include "ipplayout/ipplayout.h"
 #include "payload/error_schedule.h"
+#include "platform/mutex.h"
 #include "protocol/error_manager_base.h"
 #include "protocol/pdu.h"
 
@@ -84,8 +84,8 @@ class CErrorInsertionManager final : public CErrorManagerBase {
   // Raised by host threads, taken by the pump thread: one atomic each is its own lock.
   std::array<std::atomic<std::uint32_t>, kRequests> requests_{};
 
-  std::mutex held_frames_mutex_;  // guards held_frames_
-  std::map<std::uint64_t, PDU> held_frames_;
+  platform::Mutex held_frames_mutex_;
+  std::map<std::uint64_t, PDU> held_frames_ IPPLAYOUT_GUARDED_BY(held_frames_mutex_);
   // Lets the usual datagram, with nothing held back, pass without the mutex. Pump thread only.
   bool any_held_ = false;
   PDU returned_frame_;

@@ -18,7 +18,7 @@ bool OsaThread::Start() {
   stop_requested_.store(false);
   std::uint32_t id = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     thread_ = platform::NativeThread::Start(Name(), stack_size_, &Entry, this);
     if (thread_ == nullptr) {
       return false;
@@ -37,14 +37,14 @@ void OsaThread::Entry(void* self) {
 void OsaThread::Join() {
   std::unique_ptr<platform::NativeThread> ended;
   {
-    const std::lock_guard lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     ended = std::move(thread_);
   }
   // Joined without the lock, which the worker may still want.
 }
 
 OsaThreadPriority OsaThread::SetPriority(OsaThreadPriority priority) {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   const OsaThreadPriority previous = priority_;
   if (thread_ != nullptr) {
     thread_->SetPriority(priority.Level(), real_time_);

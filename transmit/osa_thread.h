@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/native_thread.h"
 
 namespace ipplayout {
@@ -75,11 +75,11 @@ class OsaThread {
   bool real_time_ = false;
   std::atomic<bool> stop_requested_{false};
 
-  // Guards thread_ and priority_. Held while a thread is created and given its stored priority, so
+  // Held while a thread is created and given its stored priority, so
   // that a priority which the new thread sets for itself comes after.
-  std::mutex mutex_;
-  std::unique_ptr<platform::NativeThread> thread_;
-  OsaThreadPriority priority_;
+  platform::Mutex mutex_;
+  std::unique_ptr<platform::NativeThread> thread_ IPPLAYOUT_GUARDED_BY(mutex_);
+  OsaThreadPriority priority_ IPPLAYOUT_GUARDED_BY(mutex_);
 };
 
 }  // namespace ipplayout
