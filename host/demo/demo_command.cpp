@@ -13,6 +13,7 @@
 #include "host/base/library_output.h"
 #include "host/base/memory_file.h"
 #include "host/base/output_file.h"
+#include "host/base/stop_signals.h"
 #include "host/base/units.h"
 #include "host/cli/option_builder.h"
 #include "host/demo/demo_network.h"
@@ -117,6 +118,7 @@ Result<int> RunDemo(const DemoOptions& options) {
     return network.Error();
   }
   const std::string target = fmt::format("rtp://{}:{}", DemoNetwork::kFarAddress, kPort);
+  StopSignals::Take();
   ChildProcess player;
   measure.plain_words = true;
   measure.start_sender = [&] {

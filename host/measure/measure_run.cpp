@@ -14,12 +14,12 @@
 #include "host/base/capabilities.h"
 #include "host/base/library_output.h"
 #include "host/base/output_file.h"
+#include "host/base/stop_signals.h"
 #include "host/measure/results/json_view.h"
 #include "host/measure/results/live_view.h"
 #include "host/measure/results/plain_words.h"
 #include "host/measure/results/report_html.h"
 #include "host/measure/results/table_view.h"
-#include "host/measure/stop_signals.h"
 
 namespace ipplay::measure {
 namespace {
@@ -91,7 +91,6 @@ class MeasureRun {
 
   // Takes frames until the end. Returns why it ended early, if it did.
   std::optional<Failure> Run() {
-    const StopSignals signals;
     // From here on no frame is missed.
     if (options_.start_sender) {
       if (!options_.start_sender()) {
@@ -106,7 +105,7 @@ class MeasureRun {
     EndWatch end(options_);
     auto next_draw = Clock::now() + kRedrawInterval;
     std::optional<Failure> failure;
-    while (!signals.Came() && !end.IsOver(measurement_)) {
+    while (StopSignals::Came() == 0 && !end.IsOver(measurement_)) {
       const auto status = source_.Read(measurement_, kReadTimeoutMs);
       if (status == CaptureSource::ReadStatus::kFailed) {
         failure = Failure{ExitStatus::kFailed, source_.Error()};
@@ -119,7 +118,7 @@ class MeasureRun {
         next_draw = Clock::now() + kRedrawInterval;
       }
     }
-    if (signals.Came()) {
+    if (StopSignals::Came() != 0) {
       Drain();
     }
     view_.Draw("");
@@ -221,6 +220,7 @@ std::optional<Failure> CheckFileOptions(const MeasureOptions& options) {
 
 Result<int> RunMeasurement(const MeasureOptions& options,
                            const std::vector<std::pair<std::string, std::string>>& settings) {
+  StopSignals::Take();
   const bool is_file = IsFile(options.source);
   if (is_file) {
     if (auto failure = CheckFileOptions(options)) {

@@ -12,6 +12,7 @@
 #include "host/base/capabilities.h"
 #include "host/base/library_output.h"
 #include "host/base/nice_value.h"
+#include "host/base/stop_signals.h"
 #include "host/base/units.h"
 #include "host/play/report.h"
 #include "host/play/start_failure.h"
@@ -94,6 +95,7 @@ ExitStatus PlaySession::Run() {
 }
 
 bool PlaySession::Start() {
+  StopSignals::Take();
   const intptr_t event = completed_.Get();
   RegisterForIPPlayoutCompletion(&event);
   Apply(plan_.settings);
@@ -102,6 +104,7 @@ bool PlaySession::Start() {
   }
   start_ = Clock::now();
   next_report_ = terminal_ ? 0s : ReportInterval();
+  const StopSignals::HeldBack held_back;  // the threads that start here take none
   if (!StartLibrary(options_.economy)) {
     const std::string reason = WhyNotStarted(plan_.settings.params.DeviceIndex);
     IPStop();
@@ -160,9 +163,10 @@ void PlaySession::WaitForSomething() {
   const nanoseconds wait = std::max(NextWake() - Now(), nanoseconds(0));
   const timespec timeout{.tv_sec = static_cast<time_t>(wait / 1s),
                          .tv_nsec = static_cast<long>((wait % 1s).count())};
-  std::array<pollfd, 3> waits{{{completed_.Get(), POLLIN, 0},
-                               {signals_.Get(), POLLIN, 0},
-                               {terminal_ ? terminal_->Fd() : -1, POLLIN, 0}}};
+  std::array<pollfd, 4> waits{{{completed_.Get(), POLLIN, 0},
+                               {StopSignals::Fd(), POLLIN, 0},
+                               {terminal_ ? terminal_->Fd() : -1, POLLIN, 0},
+                               {continued_.Get(), POLLIN, 0}}};
   if (::ppoll(waits.data(), waits.size(), &timeout, nullptr) <= 0) {
     return;
   }
@@ -172,8 +176,11 @@ void PlaySession::WaitForSomething() {
     failed_ = IPWrite(&nothing, 0) == IPPLAYOUT_FAILED;
     return Finish(!failed_);
   }
-  if (waits[1].revents != 0) {
-    TakeSignals();
+  if (const int signal = StopSignals::Came()) {
+    return Stop(signal == SIGINT ? "Stopped by Ctrl-C" : "Stopped by a signal");
+  }
+  if (waits[3].revents != 0) {
+    TakeContinue();
   }
   if ((waits[2].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
     return Stop("Stopped: the terminal is gone");
@@ -183,9 +190,9 @@ void PlaySession::WaitForSomething() {
   }
 }
 
-void PlaySession::TakeSignals() {
-  if (const auto stop = signals_.Take()) {
-    return Stop(*stop == Interruption::kCtrlC ? "Stopped by Ctrl-C" : "Stopped by a signal");
+void PlaySession::TakeContinue() {
+  if (!continued_.Take()) {
+    return;
   }
   if (terminal_) {
     terminal_->TakeKeys();
@@ -263,8 +270,7 @@ void PlaySession::Pause(bool on) {
   Say(on ? "paused" : "playing");
 }
 
-// Restores the terminal and the default action of signals first: stopping may take a second, and a
-// second Ctrl-C then ends the process at once.
+// Restores the terminal first: stopping may take a second.
 void PlaySession::Stop(const std::string& outcome) {
   if (!running_) {
     return;
@@ -272,7 +278,6 @@ void PlaySession::Stop(const std::string& outcome) {
   outcome_ = outcome;
   ClearProgress();
   terminal_.reset();
-  SignalEvents::LetSignalsKill();
   Finish(false);
 }
 

@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
+#include "host/base/continue_signal.h"
 #include "host/base/event.h"
 #include "host/base/result.h"
-#include "host/base/signal_events.h"
 #include "host/base/terminal.h"
 #include "host/library/short_sends.h"
 #include "host/play/feeder.h"
@@ -44,7 +44,7 @@ class PlaySession {
   std::chrono::nanoseconds ReportInterval() const;
   std::chrono::nanoseconds Now() const { return Clock::now() - start_; }
 
-  void TakeSignals();
+  void TakeContinue();
   void TakeKeys();
   void PressKey(char key);
   void Do(const Action& action, const std::string& by);
@@ -66,7 +66,7 @@ class PlaySession {
   const PlayPlan& plan_;
   const Event& stop_reading_;
   Event completed_;  // set by the library at the end of the run
-  SignalEvents signals_;
+  ContinueSignal continued_;
   std::unique_ptr<Terminal> terminal_;
   TimeLine time_line_;
   StatusMeter meter_;

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#include "host/base/continue_signal.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+
+namespace ipplay {
+
+ContinueSignal::ContinueSignal() {
+  sigset_t set;
+  ::sigemptyset(&set);
+  ::sigaddset(&set, SIGCONT);
+  ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  fd_ = FileDescriptor(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+}
+
+bool ContinueSignal::Take() const {
+  bool came = false;
+  signalfd_siginfo info{};
+  while (::read(fd_.Get(), &info, sizeof info) == sizeof info) {
+    came = true;
+  }
+  return came;
+}
+
+}  // namespace ipplay
