@@ -25,6 +25,8 @@ class FileDescriptor {
 
   int Get() const { return fd_; }
   bool IsOpen() const { return fd_ >= 0; }
+  // Whoever takes it closes it.
+  int Release() { return std::exchange(fd_, -1); }
 
  private:
   int fd_ = -1;

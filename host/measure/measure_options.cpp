@@ -150,10 +150,13 @@ void DefineOutput(OptionBuilder& add, MeasureOptions& o) {
 void DefineMeasureOptions(CLI::App& command, MeasureOptions& options) {
   OptionBuilder add(command);
   add.Group("Source");
-  add.Value("SOURCE,--source", options.source, "DEVICE|FILE", "an adapter or a file",
-            "Adapter to capture on, or a pcap or pcapng file to read (- for standard input)",
-            ParseText)
+  add.Value(
+         "SOURCE,--source", options.source, "DEVICE|FILE", "an adapter or a file",
+         "Adapter to capture on, or a pcap or pcapng file or pipe to read (- for standard input)",
+         ParseText)
       ->required();
+  add.Flag("--follow", options.follow,
+           "The file grows: go on with what is added, to Ctrl-C or as below");
   DefineEnd(add, options);
   DefineStream(add, options);
   DefineLimits(add, options);

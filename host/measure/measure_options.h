@@ -27,6 +27,7 @@ struct MeasureOptions {
   std::optional<std::chrono::nanoseconds> duration;  // from the first frame
   std::optional<std::chrono::nanoseconds> silence;   // ends after so long without a frame
   std::optional<std::chrono::nanoseconds> wait;      // for the first frame
+  bool follow = false;                               // a file that grows
   bool json = false;
   bool quiet = false;
   std::string report_file;

@@ -4,7 +4,8 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <linux/capability.h>
-#include <sys/stat.h>
+#include <net/if.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +16,7 @@
 #include "host/base/library_output.h"
 #include "host/base/output_file.h"
 #include "host/base/stop_signals.h"
+#include "host/measure/capture/link_watch.h"
 #include "host/measure/results/json_view.h"
 #include "host/measure/results/live_view.h"
 #include "host/measure/results/plain_words.h"
@@ -35,19 +37,29 @@ constexpr auto kLongestDrain = std::chrono::seconds(2);
 // Lines of the live table besides the streams, on a narrow screen.
 constexpr std::size_t kOtherLines = 7;
 
+// An adapter's name is the adapter; ./name is the file beside it.
 bool IsFile(const std::string& source) {
-  struct stat status {};
-  return source == "-" || source.find('/') != std::string::npos ||
-         (::stat(source.c_str(), &status) == 0 && S_ISREG(status.st_mode));
+  if (source == "-" || source.find('/') != std::string::npos) {
+    return true;
+  }
+  return source != "any" && ::if_nametoindex(source.c_str()) == 0 &&
+         ::access(source.c_str(), F_OK) == 0;
 }
 
-// When a live measurement is over, by the clock of this machine.
+std::int64_t WallClockNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// When a measurement that has no end of its own is over, by the clock of this machine.
 class EndWatch {
  public:
   explicit EndWatch(const MeasureOptions& options) : options_(options) {}
 
-  bool IsOver(const Measurement& measurement) {
-    const auto now = Clock::now();
+  // What was read after `now` is in `measurement`; `waiting` says that there may be more. Frames
+  // that came before count first, however late they are read, as after a pause of this process.
+  bool IsOver(Clock::time_point now, const Measurement& measurement, bool waiting) {
     const std::uint64_t frames = measurement.Rate().Frames();
     if (frames != frames_) {
       if (frames_ == 0) {
@@ -56,9 +68,16 @@ class EndWatch {
       last_ = now;
       frames_ = frames;
     }
-    if (measurement.IsComplete()) {
-      return true;
+    if (!TimeIsOver(now)) {
+      over_since_ = Clock::time_point::max();
+      return false;
     }
+    over_since_ = std::min(over_since_, now);
+    return !waiting || now - over_since_ > kLongestDrain;
+  }
+
+ private:
+  bool TimeIsOver(Clock::time_point now) {
     if (options_.sender_ended && options_.sender_ended()) {
       sender_end_ = std::min(sender_end_, now);
       return now - sender_end_ > kLastFramesWait;
@@ -72,12 +91,12 @@ class EndWatch {
     return options_.silence && now - last_ > *options_.silence;
   }
 
- private:
   const MeasureOptions& options_;
   std::uint64_t frames_ = 0;
   Clock::time_point first_ = Clock::now();  // of the first frame; until then, of the start
   Clock::time_point last_;
   Clock::time_point sender_end_ = Clock::time_point::max();
+  Clock::time_point over_since_ = Clock::time_point::max();
 };
 
 class MeasureRun {
@@ -87,7 +106,8 @@ class MeasureRun {
       : options_(options),
         source_(std::move(source)),
         measurement_(settings),
-        view_(!options.quiet && source_.IsLive()) {}
+        view_(!options.quiet && source_.IsUnderWay()),
+        link_(source_.IsLive() ? options.source : "") {}
 
   // Takes frames until the end. Returns why it ended early, if it did.
   std::optional<Failure> Run() {
@@ -102,28 +122,20 @@ class MeasureRun {
     // The adapter is open. A report may have to be written where root alone may.
     KeepCapabilities(options_.report_file.empty() ? std::initializer_list<int>{}
                                                   : std::initializer_list<int>{CAP_DAC_OVERRIDE});
-    EndWatch end(options_);
-    auto next_draw = Clock::now() + kRedrawInterval;
-    std::optional<Failure> failure;
-    while (StopSignals::Came() == 0 && !end.IsOver(measurement_)) {
-      const auto status = source_.Read(measurement_, kReadTimeoutMs);
-      if (status == CaptureSource::ReadStatus::kFailed) {
-        failure = Failure{ExitStatus::kFailed, source_.Error()};
-      }
-      if (failure || status == CaptureSource::ReadStatus::kEnd) {
-        break;
-      }
-      if (view_.IsShown() && Clock::now() >= next_draw) {
-        Draw();
-        next_draw = Clock::now() + kRedrawInterval;
-      }
-    }
+    auto failure = TakeFrames();
     if (StopSignals::Came() != 0) {
       Drain();
     }
     view_.Draw("");
     drops_ = source_.Drops();
-    measurement_.Finish();
+    TakeLinkChanges();
+    if (!failure && !link_.IsUp()) {
+      failure =
+          Failure{ExitStatus::kFailed, fmt::format("the link of {} is down", options_.source)};
+    }
+    // Of a pipe or a file only the frames say what time it is, and an adapter's clock is its own.
+    const bool by_clock = source_.IsLive() && !options_.capture.adapter_time_stamps;
+    measurement_.Finish(by_clock ? std::optional(WallClockNs()) : std::nullopt);
     return failure;
   }
 
@@ -133,10 +145,53 @@ class MeasureRun {
   const Measurement& Measured() const { return measurement_; }
 
  private:
+  std::optional<Failure> TakeFrames() {
+    EndWatch end(options_);
+    source_.WhileWaiting([&] {
+      const auto now = Clock::now();
+      DrawWhenDue(now);
+      return !end.IsOver(now, measurement_, false);
+    });
+    while (StopSignals::Came() == 0 && !measurement_.IsComplete()) {
+      const auto now = Clock::now();
+      const auto status = source_.Read(measurement_, kReadTimeoutMs);
+      TakeLinkChanges();
+      if (status == CaptureSource::ReadStatus::kFailed) {
+        return Failure{ExitStatus::kFailed, source_.Error()};
+      }
+      const bool waiting = status == CaptureSource::ReadStatus::kFrames;
+      if (status == CaptureSource::ReadStatus::kEnd ||
+          (source_.IsUnderWay() && end.IsOver(now, measurement_, waiting))) {
+        break;
+      }
+      DrawWhenDue(now);
+    }
+    source_.WhileWaiting([] { return true; });  // the stop is looked at in any case
+    return std::nullopt;
+  }
+
+  void DrawWhenDue(Clock::time_point now) {
+    if (view_.IsShown() && now >= next_draw_) {
+      Draw();
+      next_draw_ = now + kRedrawInterval;
+    }
+  }
+
+  void TakeLinkChanges() {
+    while (const auto up = link_.TakeChange()) {
+      measurement_.Events().Report(
+          {.time_ns = WallClockNs(), .kind = EventKind::kLink, .amount = *up ? 1 : 0});
+      if (!options_.quiet) {
+        view_.Draw("");
+        Print(stderr, "ipplay: the link of {} is {}\n", options_.source, *up ? "up again" : "down");
+      }
+    }
+  }
+
   // Frames that came before the user's stop belong to the measurement.
   void Drain() {
     const auto deadline = Clock::now() + kLongestDrain;
-    while (source_.IsLive() && Clock::now() < deadline &&
+    while (source_.IsUnderWay() && Clock::now() < deadline &&
            source_.Read(measurement_, 0) == CaptureSource::ReadStatus::kFrames) {
     }
   }
@@ -144,7 +199,7 @@ class MeasureRun {
   void Draw() {
     CaptureSummary capture;
     capture.source = options_.source;
-    capture.live = true;
+    capture.live = source_.IsLive();
     capture.drops = source_.Drops();
     const auto& streams = measurement_.Streams().Streams();
     const std::size_t room = view_.Rows() > kOtherLines ? view_.Rows() - kOtherLines : 1;
@@ -162,6 +217,8 @@ class MeasureRun {
   CaptureSource source_;
   Measurement measurement_;
   LiveView view_;
+  LinkWatch link_;
+  Clock::time_point next_draw_ = Clock::now() + kRedrawInterval;
   CaptureDrops drops_;
 };
 
@@ -202,9 +259,7 @@ std::optional<Failure> CheckFileOptions(const MeasureOptions& options) {
   const struct {
     const char* option;
     bool is_given;
-  } kOfAdapters[] = {{"--silence", options.silence.has_value()},
-                     {"--wait", options.wait.has_value()},
-                     {"--direction", options.capture.direction != Direction::kBoth},
+  } kOfAdapters[] = {{"--direction", options.capture.direction != Direction::kBoth},
                      {"--adapter-timestamps", options.capture.adapter_time_stamps},
                      {"--no-promiscuous", !options.capture.promiscuous}};
   for (const auto& [option, is_given] : kOfAdapters) {
@@ -222,6 +277,10 @@ Result<int> RunMeasurement(const MeasureOptions& options,
                            const std::vector<std::pair<std::string, std::string>>& settings) {
   StopSignals::Take();
   const bool is_file = IsFile(options.source);
+  if (!is_file && options.follow) {
+    return UsageFailure(
+        fmt::format("--follow: allowed with files only, and {} is an adapter", options.source));
+  }
   if (is_file) {
     if (auto failure = CheckFileOptions(options)) {
       return *std::move(failure);
@@ -241,10 +300,16 @@ Result<int> RunMeasurement(const MeasureOptions& options,
   }
   LiveSettings live = options.capture;
   live.device = options.source;
-  auto source = is_file ? CaptureSource::OpenFile(options.source, options.capture.filter)
-                        : CaptureSource::OpenLive(live);
+  auto source =
+      is_file ? CaptureSource::OpenFile({options.source, options.capture.filter, options.follow})
+              : CaptureSource::OpenLive(live);
   if (!source) {
     return source.Error();
+  }
+  if (!source->IsUnderWay() && (options.silence || options.wait)) {
+    return UsageFailure(
+        fmt::format("{}: allowed with adapters, pipes and --follow only, and {} is a file",
+                    options.silence ? "--silence" : "--wait", options.source));
   }
 
   MeasureRun run(options, std::move(*source), *measurement_settings);

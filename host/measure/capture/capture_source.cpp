@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/capture/capture_source.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <pcap/pcap.h>
 #include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -12,6 +15,7 @@
 #include <cstring>
 
 #include "host/base/capabilities.h"
+#include "host/base/stop_signals.h"
 
 namespace ipplay::measure {
 namespace {
@@ -21,17 +25,34 @@ constexpr int kBlockTimeoutMs = 20;
 // After so many frames the caller gets to look at the clock.
 constexpr int kFramesAtOnce = 8192;
 
+// Times are from 1970 to 2116; what a file says beyond that is taken for the nearest of them.
+constexpr std::int64_t kMostSeconds = (std::int64_t{1} << 62) / 1'000'000'000;
+
 struct Target {
   FrameSink* sink;
   LinkType link;
+  pcap_t* handle;
+  bpf_program* filter;  // null where the handle filters
+  bool was_stopping;
+  std::uint64_t frames = 0;
 };
 
-void OnFrame(u_char* user, const pcap_pkthdr* header, const u_char* bytes) {
-  const Target& target = *reinterpret_cast<const Target*>(user);
+std::int64_t TimeOf(const timeval& stamp) {
   // With nanosecond precision the second field counts nanoseconds.
-  const std::int64_t time_ns =
-      std::int64_t{header->ts.tv_sec} * 1'000'000'000 + std::int64_t{header->ts.tv_usec};
-  target.sink->Add(target.link, {time_ns, {{bytes, header->caplen}, header->len}});
+  const std::int64_t seconds = std::clamp<std::int64_t>(stamp.tv_sec, 0, kMostSeconds);
+  return seconds * 1'000'000'000 + std::clamp<std::int64_t>(stamp.tv_usec, 0, 999'999'999);
+}
+
+void OnFrame(u_char* user, const pcap_pkthdr* header, const u_char* bytes) {
+  Target& target = *reinterpret_cast<Target*>(user);
+  ++target.frames;
+  if (target.filter != nullptr && ::pcap_offline_filter(target.filter, header, bytes) == 0) {
+    return;
+  }
+  target.sink->Add(target.link, {TimeOf(header->ts), {{bytes, header->caplen}, header->len}});
+  if (target.sink->IsComplete() || (!target.was_stopping && StopSignals::Came() != 0)) {
+    ::pcap_breakloop(target.handle);
+  }
 }
 
 std::optional<LinkType> LinkTypeOf(int dlt) {
@@ -74,6 +95,11 @@ void CaptureSource::Closer::operator()(pcap* handle) const {
   ::pcap_close(handle);
 }
 
+void CaptureSource::FilterFreer::operator()(bpf_program* filter) const {
+  ::pcap_freecode(filter);
+  delete filter;
+}
+
 Result<CaptureSource> CaptureSource::OpenLive(const LiveSettings& settings) {
   std::array<char, PCAP_ERRBUF_SIZE> error{};
   Handle handle(::pcap_create(settings.device.c_str(), error.data()));
@@ -104,41 +130,47 @@ Result<CaptureSource> CaptureSource::OpenLive(const LiveSettings& settings) {
   if (::pcap_setnonblock(pcap, 1, error.data()) != 0) {
     return Failure{ExitStatus::kFailed, error.data()};
   }
-  return Finish(std::move(handle), settings.device, settings.filter, true);
+  return Finish(std::move(handle), settings.device, settings.filter, Kind::kAdapter);
 }
 
-Result<CaptureSource> CaptureSource::OpenFile(const std::string& path, const std::string& filter) {
+Result<CaptureSource> CaptureSource::OpenFile(const FileSettings& settings) {
+  const std::string& path = settings.path;
+  FileDescriptor fd(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
+                                : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0) {
+    return UsageFailure(fmt::format("SOURCE: {}: {}", path, std::strerror(errno)));
+  }
+  const bool is_pipe = S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+  std::unique_ptr<GrowingInput> growing;
+  std::FILE* file = nullptr;
+  if (is_pipe || settings.follow) {
+    growing = std::make_unique<GrowingInput>(
+        std::move(fd), is_pipe ? GrowingInput::Kind::kPipe : GrowingInput::Kind::kFile);
+    file = growing->OpenFile();
+  } else {
+    file = ::fdopen(fd.Release(), "r");
+  }
+  if (file == nullptr) {
+    return Failure{ExitStatus::kFailed, fmt::format("{}: {}", path, std::strerror(errno))};
+  }
   std::array<char, PCAP_ERRBUF_SIZE> error{};
-  Handle handle(::pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO,
-                                                          error.data()));
+  Handle handle(
+      ::pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, error.data()));
   if (handle == nullptr) {
-    // libpcap names the file in some of its messages only.
-    const std::string why = error.data();
-    const bool named = why.find(path) != std::string::npos;
-    return UsageFailure("SOURCE: " + (named ? why : fmt::format("{}: {}", path, why)));
+    std::fclose(file);
+    return UsageFailure(fmt::format("SOURCE: {}: {}", path, error.data()));
   }
-  return Finish(std::move(handle), path, filter, false);
-}
-
-std::optional<Failure> CaptureSource::SetFilter(pcap* handle, const std::string& filter) {
-  if (filter.empty()) {
-    return std::nullopt;
+  auto source = Finish(std::move(handle), path, settings.filter,
+                       growing == nullptr ? Kind::kFile : Kind::kGrowing);
+  if (source) {
+    source->growing_ = std::move(growing);
   }
-  bpf_program program{};
-  if (::pcap_compile(handle, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
-    return UsageFailure(
-        fmt::format("--filter: {}; allowed is what pcap-filter(7) says", ::pcap_geterr(handle)));
-  }
-  const int result = ::pcap_setfilter(handle, &program);
-  ::pcap_freecode(&program);
-  if (result != 0) {
-    return Failure{ExitStatus::kFailed, ::pcap_geterr(handle)};
-  }
-  return std::nullopt;
+  return source;
 }
 
 Result<CaptureSource> CaptureSource::Finish(Handle handle, const std::string& name,
-                                            const std::string& filter, bool live) {
+                                            const std::string& filter, Kind kind) {
   const int dlt = ::pcap_datalink(handle.get());
   const auto link = LinkTypeOf(dlt);
   if (!link) {
@@ -146,36 +178,60 @@ Result<CaptureSource> CaptureSource::Finish(Handle handle, const std::string& na
     return UsageFailure(fmt::format("SOURCE: {} has frames of a kind that cannot be read: {}", name,
                                     type == nullptr ? "unknown" : type));
   }
-  if (auto failure = SetFilter(handle.get(), filter)) {
+  const int fd = kind == Kind::kAdapter ? ::pcap_get_selectable_fd(handle.get()) : -1;
+  CaptureSource source(std::move(handle), *link, fd);
+  if (auto failure = source.SetFilter(filter, kind)) {
     return *failure;
   }
-  const int fd = live ? ::pcap_get_selectable_fd(handle.get()) : -1;
-  return CaptureSource(std::move(handle), *link, fd);
+  return source;
+}
+
+// On a capture that grows, libpcap would go on until a frame passes.
+std::optional<Failure> CaptureSource::SetFilter(const std::string& filter, Kind kind) {
+  if (filter.empty()) {
+    return std::nullopt;
+  }
+  Filter program(new bpf_program{});
+  if (::pcap_compile(handle_.get(), program.get(), filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
+    return UsageFailure(fmt::format("--filter: {}; allowed is what pcap-filter(7) says",
+                                    ::pcap_geterr(handle_.get())));
+  }
+  if (kind == Kind::kGrowing) {
+    filter_ = std::move(program);
+  } else if (::pcap_setfilter(handle_.get(), program.get()) != 0) {
+    return Failure{ExitStatus::kFailed, ::pcap_geterr(handle_.get())};
+  }
+  return std::nullopt;
 }
 
 CaptureSource::ReadStatus CaptureSource::Read(FrameSink& sink, int timeout_ms) {
-  Target target{&sink, link_};
-  const int frames =
-      ::pcap_dispatch(handle_.get(), kFramesAtOnce, OnFrame, reinterpret_cast<u_char*>(&target));
-  if (frames > 0) {
+  Target target{&sink, link_, handle_.get(), filter_.get(), StopSignals::Came() != 0};
+  const auto dispatch = [&](int count) {
+    return ::pcap_dispatch(handle_.get(), count, OnFrame, reinterpret_cast<u_char*>(&target));
+  };
+  if (growing_ != nullptr && !growing_->Wait(timeout_ms)) {
+    return ReadStatus::kNothingYet;
+  }
+  int result = 0;
+  do {
+    result = dispatch(growing_ == nullptr ? kFramesAtOnce : 1);
+  } while (growing_ != nullptr && result > 0 && growing_->HasBytes() &&
+           target.frames < kFramesAtOnce);
+  if (result > 0 || result == PCAP_ERROR_BREAK) {
     return ReadStatus::kFrames;
   }
-  if (frames < 0) {
-    return ReadStatus::kFailed;
+  if (result < 0) {
+    return growing_ != nullptr && growing_->WasGivenUp() ? ReadStatus::kEnd : ReadStatus::kFailed;
   }
-  if (!IsLive()) {
-    return ReadStatus::kEnd;
-  }
-  pollfd waiting{selectable_fd_, POLLIN, 0};
-  const int ready = ::poll(&waiting, 1, timeout_ms);
-  if (ready > 0 && (waiting.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0 &&
-      (waiting.revents & POLLIN) == 0) {
-    // Reading again fetches the error, if it lasts.
-    return ::pcap_dispatch(handle_.get(), 1, OnFrame, reinterpret_cast<u_char*>(&target)) < 0
-               ? ReadStatus::kFailed
-               : ReadStatus::kNothingYet;
-  }
-  return ReadStatus::kNothingYet;
+  return IsLive() ? WaitForAdapter(timeout_ms) : ReadStatus::kEnd;
+}
+
+CaptureSource::ReadStatus CaptureSource::WaitForAdapter(int timeout_ms) {
+  std::array<pollfd, 2> waits{{{selectable_fd_, POLLIN, 0}, {StopSignals::Fd(), POLLIN, 0}}};
+  // Reading again fetches the error, if there is one.
+  return ::poll(waits.data(), timeout_ms == 0 ? 1 : 2, timeout_ms) < 0 && errno != EINTR
+             ? ReadStatus::kFailed
+             : ReadStatus::kNothingYet;
 }
 
 CaptureDrops CaptureSource::Drops() {
