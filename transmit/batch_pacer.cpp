@@ -27,9 +27,9 @@ BatchPacer::Pace BatchPacer::NextSpaced(double elapsed) {
     budget_ = 0;
     correction_ = (idle - packet_time_) / gaps;
   } else {
-    // On time. The gaps within a batch made up for what was missing, and the gap behind it, which is
-    // as short, for one correction too much. The gaps of a coming batch give that back, and the gap
-    // behind it again one share too much: corrections fade away.
+    // On time. The gaps within a batch made up for what was missing, and the gap behind it, which
+    // is as short, for one correction too much. The gaps of a coming batch give that back, and the
+    // gap behind it again one share too much: corrections fade away.
     budget_ = corrected_gap - idle;
     correction_ = -correction_ / gaps;
   }
