@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <memory>
+#include <new>
 #include <optional>
 
 #include "host/base/capabilities.h"
@@ -36,6 +38,7 @@ constexpr auto kLastFramesWait = std::chrono::milliseconds(200);
 constexpr auto kLongestDrain = std::chrono::seconds(2);
 // Lines of the live table besides the streams, on a narrow screen.
 constexpr std::size_t kOtherLines = 7;
+constexpr std::size_t kReserveBytes = std::size_t{32} << 20;
 
 // An adapter's name is the adapter; ./name is the file beside it.
 bool IsFile(const std::string& source) {
@@ -123,6 +126,7 @@ class MeasureRun {
     KeepCapabilities(options_.report_file.empty() ? std::initializer_list<int>{}
                                                   : std::initializer_list<int>{CAP_DAC_OVERRIDE});
     auto failure = TakeFrames();
+    reserve_.reset();
     if (StopSignals::Came() != 0) {
       Drain();
     }
@@ -139,8 +143,16 @@ class MeasureRun {
     return failure;
   }
 
-  ipplay::measure::Summary MakeSummary() const {
-    return Summarize(measurement_, options_.source, source_.IsLive(), drops_);
+  ipplay::measure::Summary MakeSummary(StreamDetail detail) const {
+    return Summarize(measurement_, options_.source, source_.IsLive(), drops_, detail);
+  }
+  // Asked before the results are made, since the JSON tree cannot be taken down without memory.
+  bool HasRoomForStreams() const {
+    constexpr std::size_t kOfStream = 32 * 1024;
+    return !source_.OutOfMemory() &&
+           std::unique_ptr<char[]>(
+               new (std::nothrow) char[measurement_.Streams().Streams().size() * kOfStream + 1]) !=
+               nullptr;
   }
   const Measurement& Measured() const { return measurement_; }
 
@@ -218,6 +230,8 @@ class MeasureRun {
   Measurement measurement_;
   LiveView view_;
   LinkWatch link_;
+  // Address space that the results take if frames took all the rest.
+  std::unique_ptr<char[]> reserve_{new char[kReserveBytes]};
   Clock::time_point next_draw_ = Clock::now() + kRedrawInterval;
   CaptureDrops drops_;
 };
@@ -271,50 +285,36 @@ std::optional<Failure> CheckFileOptions(const MeasureOptions& options) {
   return std::nullopt;
 }
 
-}  // namespace
+using Given = std::vector<std::pair<std::string, std::string>>;
 
-Result<int> RunMeasurement(const MeasureOptions& options,
-                           const std::vector<std::pair<std::string, std::string>>& settings) {
-  StopSignals::Take();
+Result<CaptureSource> OpenSource(const MeasureOptions& options) {
   const bool is_file = IsFile(options.source);
   if (!is_file && options.follow) {
     return UsageFailure(
         fmt::format("--follow: allowed with files only, and {} is an adapter", options.source));
   }
-  if (is_file) {
-    if (auto failure = CheckFileOptions(options)) {
-      return *std::move(failure);
-    }
+  if (!is_file) {
+    LiveSettings live = options.capture;
+    live.device = options.source;
+    return CaptureSource::OpenLive(live);
   }
-  const auto measurement_settings = SettingsOf(options);
-  if (!measurement_settings) {
-    return measurement_settings.Error();
+  if (auto failure = CheckFileOptions(options)) {
+    return *std::move(failure);
   }
-  std::optional<OutputFile> report_file;
-  if (!options.report_file.empty()) {
-    auto file = OutputFile::Create("--report", options.report_file);
-    if (!file) {
-      return file.Error();
-    }
-    report_file = std::move(*file);
-  }
-  LiveSettings live = options.capture;
-  live.device = options.source;
-  auto source =
-      is_file ? CaptureSource::OpenFile({options.source, options.capture.filter, options.follow})
-              : CaptureSource::OpenLive(live);
-  if (!source) {
-    return source.Error();
-  }
-  if (!source->IsUnderWay() && (options.silence || options.wait)) {
+  auto source = CaptureSource::OpenFile({options.source, options.capture.filter, options.follow});
+  if (source && !source->IsUnderWay() && (options.silence || options.wait)) {
     return UsageFailure(
         fmt::format("{}: allowed with adapters, pipes and --follow only, and {} is a file",
                     options.silence ? "--silence" : "--wait", options.source));
   }
+  return source;
+}
 
-  MeasureRun run(options, std::move(*source), *measurement_settings);
-  const auto failure = run.Run();
-  Summary summary = run.MakeSummary();
+// Prints and writes what was asked for. The exit status, or why there is none.
+Result<int> Conclude(const MeasureOptions& options, const MeasureRun& run, StreamDetail detail,
+                     const std::optional<Failure>& failure,
+                     const std::optional<OutputFile>& report_file, const Given& settings) {
+  Summary summary = run.MakeSummary(detail);
   if (failure) {
     summary.capture.broken_off = failure->message;
   }
@@ -339,6 +339,38 @@ Result<int> RunMeasurement(const MeasureOptions& options,
     return *failure;
   }
   return AllMet(verdicts) ? static_cast<int>(ExitStatus::kPlayed) : kLimitsNotMet;
+}
+
+}  // namespace
+
+Result<int> RunMeasurement(const MeasureOptions& options, const Given& settings) {
+  StopSignals::Take();
+  const auto measurement_settings = SettingsOf(options);
+  if (!measurement_settings) {
+    return measurement_settings.Error();
+  }
+  std::optional<OutputFile> report_file;
+  if (!options.report_file.empty()) {
+    auto file = OutputFile::Create("--report", options.report_file);
+    if (!file) {
+      return file.Error();
+    }
+    report_file = std::move(*file);
+  }
+  auto source = OpenSource(options);
+  if (!source) {
+    return source.Error();
+  }
+  MeasureRun run(options, std::move(*source), *measurement_settings);
+  const auto failure = run.Run();
+  if (run.HasRoomForStreams()) {
+    return Conclude(options, run, StreamDetail::kAll, failure, report_file, settings);
+  }
+  // The sums take next to nothing.
+  const Failure why{ExitStatus::kFailed,
+                    "no memory left for the results of single streams; these are the sums"};
+  return Conclude(options, run, StreamDetail::kNone, failure ? failure : why, report_file,
+                  settings);
 }
 
 }  // namespace ipplay::measure

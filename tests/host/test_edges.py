@@ -97,6 +97,23 @@ class Captures(PlayCase):
         self.assertEqual(self.frames(process), 40)
         process.stdin.close()
 
+    @unittest.skipIf(os.environ.get("IPPLAYOUT_SANITIZE"), "sanitizers need address space without end")
+    def test_memory_that_runs_out(self):
+        """One stream after the other, until there is no more; the sums are printed."""
+        path, playout = self.path("many.pcap"), Playout(datagrams=1, ts_per_datagram=1)
+        payload, = playout.payloads()
+        frames = []
+        for playout.ssrc in range(8000):
+            frames.append((10**18 + 1000 * playout.ssrc, playout.frame(0, 0, payload)))
+        write_pcap(path, frames)
+        for mebibytes in (160, 200, 240):
+            run = subprocess.run(["prlimit", f"--as={mebibytes << 20}", IPPLAY, "measure", path, "--json"],
+                                 capture_output=True)
+            with self.subTest(mebibytes=mebibytes):
+                self.assertEqual(run.returncode, 1, run.stderr)
+                self.assertIn(b"no memory left", run.stderr)
+                self.assertGreater(json.loads(run.stdout)["total"]["rate"]["frames"], 1000)
+
     def test_a_file_that_grows_and_names(self):
         path = self.path(PlayBed.NEAR)  # as an adapter's
         write_pcap(path, self.PACED.capture())

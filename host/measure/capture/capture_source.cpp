@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstring>
+#include <new>
 
 #include "host/base/capabilities.h"
 #include "host/base/stop_signals.h"
@@ -35,6 +36,7 @@ struct Target {
   bpf_program* filter;  // null where the handle filters
   bool was_stopping;
   std::uint64_t frames = 0;
+  bool out_of_memory = false;
 };
 
 std::int64_t TimeOf(const timeval& stamp) {
@@ -49,8 +51,13 @@ void OnFrame(u_char* user, const pcap_pkthdr* header, const u_char* bytes) {
   if (target.filter != nullptr && ::pcap_offline_filter(target.filter, header, bytes) == 0) {
     return;
   }
-  target.sink->Add(target.link, {TimeOf(header->ts), {{bytes, header->caplen}, header->len}});
-  if (target.sink->IsComplete() || (!target.was_stopping && StopSignals::Came() != 0)) {
+  try {
+    target.sink->Add(target.link, {TimeOf(header->ts), {{bytes, header->caplen}, header->len}});
+  } catch (const std::bad_alloc&) {  // must not go through libpcap
+    target.out_of_memory = true;
+  }
+  if (target.out_of_memory || target.sink->IsComplete() ||
+      (!target.was_stopping && StopSignals::Came() != 0)) {
     ::pcap_breakloop(target.handle);
   }
 }
@@ -217,6 +224,10 @@ CaptureSource::ReadStatus CaptureSource::Read(FrameSink& sink, int timeout_ms) {
     result = dispatch(growing_ == nullptr ? kFramesAtOnce : 1);
   } while (growing_ != nullptr && result > 0 && growing_->HasBytes() &&
            target.frames < kFramesAtOnce);
+  if (target.out_of_memory) {
+    out_of_memory_ = true;
+    return ReadStatus::kFailed;
+  }
   if (result > 0 || result == PCAP_ERROR_BREAK) {
     return ReadStatus::kFrames;
   }
@@ -243,7 +254,9 @@ CaptureDrops CaptureSource::Drops() {
 }
 
 std::string CaptureSource::Error() const {
-  return ::pcap_geterr(handle_.get());
+  return out_of_memory_
+             ? "no memory left for what has arrived; these are the sums of the frames before"
+             : ::pcap_geterr(handle_.get());
 }
 
 }  // namespace ipplay::measure

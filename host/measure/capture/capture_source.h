@@ -71,6 +71,8 @@ class CaptureSource {
   // Frames that were captured and not read yet are gone with the source; their number is unknown.
   CaptureDrops Drops();
   std::string Error() const;
+  // The sink had no memory for a frame.
+  bool OutOfMemory() const { return out_of_memory_; }
 
  private:
   enum class Kind { kAdapter, kFile, kGrowing };
@@ -96,6 +98,7 @@ class CaptureSource {
   Filter filter_;
   LinkType link_;
   int selectable_fd_;
+  bool out_of_memory_ = false;
 };
 
 }  // namespace ipplay::measure

@@ -26,6 +26,10 @@ struct FlowKey {
 };
 static_assert(sizeof(FlowKey) == 48);
 
+// Both with a key of this process, so that nobody can send flows that collide.
+struct KeyedHash {
+  std::size_t operator()(std::uint64_t number) const noexcept;
+};
 struct FlowKeyHash {
   std::size_t operator()(const FlowKey& key) const noexcept;
 };

@@ -67,7 +67,7 @@ class StreamTable {
   EventSink* events_;
   std::unordered_map<FlowKey, Flow, FlowKeyHash> flows_;
   // By the flow's number and the SSRC.
-  std::unordered_map<std::uint64_t, Stream*> rtp_streams_;
+  std::unordered_map<std::uint64_t, Stream*, KeyedHash> rtp_streams_;
   std::vector<std::unique_ptr<Stream>> streams_;
   FlowKey last_key_;
   Flow* last_flow_ = nullptr;

@@ -318,7 +318,7 @@ TotalSummary SummarizeTotal(const Measurement& measurement) {
 }
 
 Summary Summarize(const Measurement& measurement, const std::string& source, bool live,
-                  const CaptureDrops& drops) {
+                  const CaptureDrops& drops, StreamDetail detail) {
   Summary summary;
   summary.capture.source = source;
   summary.capture.live = live;
@@ -328,6 +328,9 @@ Summary Summarize(const Measurement& measurement, const std::string& source, boo
     summary.capture.classes[i] = measurement.FramesOf(static_cast<FrameClass>(i));
   }
   summary.total = SummarizeTotal(measurement);
+  if (detail == StreamDetail::kNone) {
+    return summary;
+  }
   for (const auto& stream : measurement.Streams().Streams()) {
     summary.streams.push_back(Summarize(*stream, measurement.Settings()));
   }

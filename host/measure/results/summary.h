@@ -225,8 +225,9 @@ struct Summary {
 Distribution DistributionOf(const Histogram& histogram);
 StreamSummary Summarize(const Stream& stream, const MeasurementSettings& settings);
 TotalSummary SummarizeTotal(const Measurement& measurement);
-// All of it; takes a while with thousands of streams.
+enum class StreamDetail { kAll, kNone };
+// All of it, which takes a while with thousands of streams, or the sums only.
 Summary Summarize(const Measurement& measurement, const std::string& source, bool live,
-                  const CaptureDrops& drops);
+                  const CaptureDrops& drops, StreamDetail detail = StreamDetail::kAll);
 
 }  // namespace ipplay::measure
