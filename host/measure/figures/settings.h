@@ -26,7 +26,7 @@ struct MeasurementSettings {
   // What comes after so many UDP frames, or so long after the first one, is not looked at.
   std::optional<std::uint64_t> max_frames{};
   std::optional<std::int64_t> max_duration_ns{};
-  std::size_t plotted_streams = 8;  // how many keep a history
+  std::size_t plotted_streams = 256;  // how many keep a history, of at most 50 KiB
 };
 
 }  // namespace ipplay::measure

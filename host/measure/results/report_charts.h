@@ -13,8 +13,8 @@ namespace ipplay::measure {
 // Rate and gaps over time, over all streams.
 std::vector<Chart> TotalCharts(const Measurement& measurement);
 
-// Gap histogram, gaps and rate over time, media delivery index and PCR jitter of a stream that has
-// a history.
-std::vector<Chart> StreamCharts(const Stream& stream);
+// Histograms of gaps and their errors, gaps and rate over time, media delivery index and PCR jitter
+// of stream `number`, in order of arrival, that has a history. Its events are marked.
+std::vector<Chart> StreamCharts(const Measurement& measurement, std::size_t number);
 
 }  // namespace ipplay::measure

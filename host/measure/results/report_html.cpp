@@ -6,12 +6,21 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <iterator>
+#include <numeric>
+#include <tuple>
+#include <vector>
 
 #include "host/base/units.h"
 #include "host/measure/results/chart.h"
+#include "host/measure/results/clock_text.h"
+#include "host/measure/results/event_words.h"
+#include "host/measure/results/html_table.h"
 #include "host/measure/results/report_charts.h"
+#include "host/measure/results/report_stream.h"
 #include "host/measure/results/report_style.h"
+#include "host/measure/results/table_view.h"
 
 namespace ipplay::measure {
 namespace {
@@ -20,6 +29,11 @@ using Out = std::back_insert_iterator<std::string>;
 
 // A page with ten thousand rows helps nobody; the JSON text has them all.
 constexpr std::size_t kMaxRows = 200;
+constexpr std::size_t kMaxEvents = 500;
+// Streams with all their plots and figures.
+constexpr std::size_t kMaxSections = 8;
+
+constexpr const char* kNoValue = "–";
 
 std::string Time(double ns) {
   return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
@@ -42,7 +56,7 @@ void WriteTiles(Out out, const Summary& summary) {
   WriteTile(out, FormatBitRate(total.rate.frame_bit_rate), "in frames");
   WriteTile(out, FormatBitRate(total.rate.payload_bit_rate), "in payload");
   if (total.rtp_expected > 0 || total.ts_expected == 0) {
-    counted(total.lost, "lost");
+    counted(total.lost, "RTP packets lost");
   }
   if (total.ts_expected > 0) {
     counted(total.lost_ts_packets, "transport packets lost");
@@ -51,7 +65,7 @@ void WriteTiles(Out out, const Summary& summary) {
   counted(total.reordered, "reordered");
   counted(total.checksums.bad_ip, "wrong IPv4 header checksums");
   counted(total.checksums.bad_udp, "wrong UDP checksums");
-  counted(total.ts_errors, "transport stream errors");
+  counted(total.ts_errors, "transport stream errors, TR 101 290 first priority");
   if (summary.capture.live) {
     counted(summary.capture.drops.by_kernel + summary.capture.drops.by_adapter,
             "dropped by the capture");
@@ -63,138 +77,158 @@ void WriteVerdicts(Out out, std::span<const Verdict> verdicts) {
   if (verdicts.empty()) {
     return;
   }
-  fmt::format_to(out,
-                 "<h2>Verdicts</h2>\n<div class=\"scroll\"><table class=\"left\"><tr><th></th>"
-                 "<th>requirement</th><th>limit</th><th>measured</th></tr>\n");
+  HtmlTable table{
+      "Limits and what was measured", true, {"requirement", "verdict", "limit", "measured"}, {}};
   for (const Verdict& v : verdicts) {
-    fmt::format_to(
-        out, "<tr><td class=\"{}\">{}</td><td><code>{}</code></td><td>{}</td><td>{}</td></tr>\n",
-        v.met ? "met" : "not", v.met ? "met" : "not met", EscapeHtml(v.name), EscapeHtml(v.limit),
-        EscapeHtml(v.measured));
+    table.rows.push_back(
+        {{v.name}, {v.met ? "met" : "NOT MET", !v.met}, {v.limit}, {v.measured, !v.met}});
   }
-  fmt::format_to(out, "</table></div>\n");
+  fmt::format_to(out, "<h2>Verdicts</h2>\n{}", TableHtml(table));
 }
 
-std::string StreamName(const StreamSummary& stream) {
-  std::string name = fmt::format("{} to {}", stream.source, stream.destination);
-  if (!stream.vlan.empty()) {
-    name += fmt::format(", VLAN {}", stream.vlan);
-  }
-  if (stream.ssrc) {
-    name += fmt::format(", SSRC {:08x}", *stream.ssrc);
-  }
-  return name;
-}
-
-void WriteStreamRow(Out out, const StreamSummary& s) {
-  const auto cell = [&](const std::string& text) { fmt::format_to(out, "<td>{}</td>", text); };
-  const auto count = [&](std::optional<std::uint64_t> value) {
-    cell(value ? FormatCount(*value) : std::string("–"));
+// Numbers of the streams, worst first.
+std::vector<std::size_t> WorstFirst(const std::vector<StreamSummary>& streams) {
+  const auto badness = [&](std::size_t number) {
+    const StreamSummary& s = streams[number];
+    return std::tuple(s.seconds.unavailable + s.seconds.errored, s.Lost().value_or(0),
+                      s.ts ? s.ts->errors : 0, s.longest_silence);
   };
+  std::vector<std::size_t> order(streams.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::ranges::stable_sort(order, std::ranges::greater(), badness);
+  return order;
+}
+
+HtmlCell Fault(std::optional<std::uint64_t> count) {
+  return {count ? FormatCount(*count) : kNoValue, count.value_or(0) > 0};
+}
+
+std::vector<HtmlCell> StreamRow(const StreamSummary& s) {
   using Count = std::optional<std::uint64_t>;
-  fmt::format_to(out, "<tr><td>{}</td>", StreamName(s));
-  count(s.rate.frames);
-  cell(FormatBitRate(s.rate.frame_bit_rate));
-  cell(s.rate.error_ppm ? fmt::format("{:+.1f} ppm", *s.rate.error_ppm) : std::string("–"));
-  cell(Time(s.spacing.gap.p50));
-  cell(Time(s.spacing.gap.p99));
-  cell(Time(s.spacing.gap.max));
-  cell(Time(s.spacing.gap_error.p99));
-  count(s.Lost());
-  count(s.rtp ? Count(s.rtp->duplicates) : Count());
-  count(s.rtp ? Count(s.rtp->reordered) : Count());
-  cell(s.rtp ? Time(s.rtp->jitter_max) : std::string("–"));
-  cell(s.mdi.intervals > 0 ? Time(s.mdi.delay_factor_max) : std::string("–"));
-  count(s.checksums.bad_ip);
-  count(s.checksums.bad_udp);
-  count(s.ts ? Count(s.ts->errors) : Count());
-  fmt::format_to(out, "</tr>\n");
+  const auto silence = static_cast<double>(Stream::kSilenceNs);
+  return {{StreamName(s)},
+          Fault(s.Lost()),
+          Fault(s.ts ? Count(s.ts->errors) : Count()),
+          {Time(s.longest_silence), s.longest_silence >= silence},
+          {Time(s.silent_at_end), s.silent_at_end >= silence},
+          Fault(s.seconds.unavailable + s.seconds.errored),
+          {FormatBitRate(s.rate.frame_bit_rate)},
+          {s.rate.error_ppm ? fmt::format("{:+.1f} ppm", *s.rate.error_ppm) : kNoValue},
+          {Time(s.spacing.gap.p99)},
+          {Time(s.spacing.gap_error.p99)},
+          {s.rtp && s.rtp->has_jitter ? Time(s.rtp->jitter_max) : kNoValue},
+          {s.mdi.intervals > 0 ? Time(s.mdi.delay_factor_max) : kNoValue},
+          Fault(s.rtp ? Count(s.rtp->duplicates) : s.repeated_datagrams),
+          Fault(s.rtp ? Count(s.rtp->reordered) : Count()),
+          Fault(s.checksums.bad_ip + s.checksums.bad_udp),
+          {FormatCount(s.rate.frames)}};
 }
 
-void WriteStreamTable(Out out, const Summary& summary) {
-  fmt::format_to(out, "<h2>Streams</h2>\n<div class=\"scroll\"><table class=\"wide\"><tr>");
-  for (const char* title : {"stream", "frames", "frame rate", "rate error", "gap p50", "gap p99",
-                            "gap max", "gap error p99", "lost", "duplicates", "reordered",
-                            "jitter max", "DF max", "bad IP", "bad UDP", "TS errors"}) {
-    fmt::format_to(out, "<th>{}</th>", title);
+void WriteStreamTable(Out out, const Summary& summary, std::span<const std::size_t> order) {
+  HtmlTable table{
+      "Worst first: by seconds with errors or without frames, then by lost packets (of "
+      "RTP; without it, of the transport stream), errors of the transport stream "
+      "and silence",
+      false,
+      {"stream", "lost", "TS errors", "longest silence", "silent at the end", "bad seconds",
+       "frame rate", "rate error", "gap p99", "gap error p99", "jitter max", "DF max", "duplicates",
+       "reordered", "bad checksums", "frames"},
+      {}};
+  for (const std::size_t number : order.first(std::min(order.size(), kMaxRows))) {
+    table.rows.push_back(StreamRow(summary.streams[number]));
   }
-  fmt::format_to(out, "</tr>\n");
-  const std::size_t rows = std::min(summary.streams.size(), kMaxRows);
-  for (std::size_t i = 0; i < rows; ++i) {
-    WriteStreamRow(out, summary.streams[i]);
-  }
-  fmt::format_to(out, "</table></div>\n");
-  if (rows < summary.streams.size()) {
-    fmt::format_to(out, "<p>and {} more</p>\n", FormatCount(summary.streams.size() - rows));
+  fmt::format_to(out, "<h2>Streams</h2>\n{}", TableHtml(table));
+  if (order.size() > kMaxRows) {
+    fmt::format_to(out, "<p>and {} more</p>\n", FormatCount(order.size() - kMaxRows));
   }
 }
 
-void WritePids(Out out, const TsFigures& ts) {
-  fmt::format_to(out,
-                 "<h2>PIDs</h2>\n<div class=\"scroll\"><table><tr><th>PID</th><th>packets</th>"
-                 "<th>bit rate</th><th>continuity errors</th><th>PCR interval max</th>"
-                 "<th>PCR accuracy</th><th>PCR arrival</th><th>PCR frequency offset</th></tr>\n");
-  const auto time = [](const std::optional<double>& ns) { return ns ? Time(*ns) : "–"; };
-  for (const PidSummary& pid : ts.pids) {
-    fmt::format_to(out, "<tr><td>{0} (0x{0:04x})</td><td>{1}</td><td>{2}</td><td>{3}</td>", pid.pid,
-                   FormatCount(pid.packets), pid.bit_rate ? FormatBitRate(*pid.bit_rate) : "–",
-                   FormatCount(pid.continuity_errors));
-    const PcrFigures pcr = pid.pcr.value_or(PcrFigures());
-    const auto& offset = pcr.frequency_offset_ppm;
-    fmt::format_to(out, "<td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n",
-                   pcr.interval.count > 0 ? Time(static_cast<double>(pcr.interval.max_ns)) : "–",
-                   time(pcr.accuracy_spread), time(pcr.arrival_spread),
-                   offset ? fmt::format("{:+.2f} ppm", *offset) : "–");
+void WriteEvents(Out out, const ReportSource& source) {
+  const EventLog& log = source.measurement.Events();
+  const std::vector<Event> kept = log.Kept();
+  if (kept.empty()) {
+    return;
   }
-  fmt::format_to(out, "</table></div>\n");
+  const std::size_t shown = std::min(kept.size(), kMaxEvents);
+  HtmlTable table{fmt::format("{} events, {} listed", FormatCount(log.Count()), FormatCount(shown)),
+                  true,
+                  {"time", "event", "PID", "stream"},
+                  {}};
+  for (const Event& event : std::span(kept).first(shown)) {
+    const bool of_stream = event.stream < source.summary.streams.size();
+    table.rows.push_back(
+        {{ClockText(event.time_ns)},
+         {EventText(event)},
+         {event.pid == Event::kNoPid ? kNoValue : fmt::format("{}", event.pid)},
+         {of_stream ? StreamName(source.summary.streams[event.stream]) : kNoValue}});
+  }
+  fmt::format_to(out, "<h2>Events</h2>\n{}", TableHtml(table));
 }
 
-void WriteCharts(Out out, const std::vector<Chart>& charts) {
-  fmt::format_to(out, "<div class=\"charts\">\n");
-  for (const Chart& chart : charts) {
-    fmt::format_to(out, "{}", ChartHtml(chart));
+void WriteStreams(Out out, const ReportSource& source) {
+  const Measurement& measurement = source.measurement;
+  const std::vector<std::size_t> order = WorstFirst(source.summary.streams);
+  if (order.size() != 1) {
+    fmt::format_to(out, "<h2>All streams together</h2>\n<div class=\"charts\">\n");
+    for (const Chart& chart : TotalCharts(measurement)) {
+      fmt::format_to(out, "{}", ChartHtml(chart));
+    }
+    fmt::format_to(out, "</div>\n");
   }
-  fmt::format_to(out, "</div>\n");
-}
-
-void WritePlottedStream(Out out, const StreamSummary& summary, const Stream& stream, bool open) {
-  fmt::format_to(out, "<details{}><summary><h2>{}</h2></summary>\n", open ? " open" : "",
-                 StreamName(summary));
-  WriteCharts(out, StreamCharts(stream));
-  if (summary.ts) {
-    WritePids(out, *summary.ts);
+  WriteStreamTable(out, source.summary, order);
+  WriteEvents(out, source);
+  const std::size_t shown = std::min(order.size(), kMaxSections);
+  if (shown < order.size()) {
+    fmt::format_to(out, "<p>The worst {} of {} streams follow.</p>\n", shown,
+                   FormatCount(order.size()));
   }
-  fmt::format_to(out, "</details>\n");
+  for (const std::size_t number : std::span(order).first(shown)) {
+    fmt::format_to(out, "{}", StreamSectionHtml(source.summary, measurement, number));
+  }
 }
 
 void WriteSettings(Out out, const ReportSource& source) {
-  fmt::format_to(out, "<h2>Settings</h2>\n<div class=\"scroll\"><table class=\"left facts\">\n");
+  HtmlTable table{"Options of this measurement", true, {}, {}};
   for (const auto& [name, value] : source.settings) {
-    fmt::format_to(out, "<tr><td><code>{}</code></td><td>{}</td></tr>\n", EscapeHtml(name),
-                   EscapeHtml(value));
+    table.rows.push_back({{name}, {value}});
   }
-  fmt::format_to(out, "</table></div>\n");
+  fmt::format_to(out, "<h2>Settings</h2>\n{}", TableHtml(table));
+}
+
+void WriteBanners(Out out, const ReportSource& source) {
+  const CaptureSummary& capture = source.summary.capture;
+  const auto banner = [&](bool good, const std::string& text) {
+    fmt::format_to(out, "<p class=\"banner {}\">{}</p>\n", good ? "met" : "not", EscapeHtml(text));
+  };
+  if (!source.verdicts.empty()) {
+    const bool met = AllMet(source.verdicts);
+    banner(met, met ? "All limits are met." : "Not all limits are met.");
+  }
+  if (capture.IsSpoiled()) {
+    banner(false,
+           "The capture itself dropped frames: on the wire, loss, gaps and errors may have been "
+           "fewer.");
+  }
+  if (!capture.broken_off.empty()) {
+    banner(false, "The capture broke off: " + capture.broken_off);
+  }
 }
 
 void WriteHeader(Out out, const ReportSource& source) {
   const CaptureSummary& capture = source.summary.capture;
+  const Measurement& measurement = source.measurement;
+  const std::string when = capture.frames == 0
+                               ? std::string("Nothing was captured")
+                               : fmt::format("Captured {} to {}", DateText(measurement.StartNs()),
+                                             DateText(measurement.EndNs()));
   fmt::format_to(out,
                  "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
                  "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
                  "<title>Measurement of {0}</title><style>{1}</style></head>\n<body><main>\n"
-                 "<header><h1>Measurement of {0}</h1><p>{2}{3}</p></header>\n",
-                 EscapeHtml(capture.source), kReportStyle, EscapeHtml(source.date),
-                 capture.live ? "" : ", read from a file");
-  if (!source.verdicts.empty()) {
-    const bool met = AllMet(source.verdicts);
-    fmt::format_to(out, "<p class=\"banner {}\">{}</p>\n", met ? "met" : "not",
-                   met ? "All limits are met." : "Not all limits are met.");
-  }
-  if (capture.IsSpoiled()) {
-    fmt::format_to(out,
-                   "<p class=\"banner not\">The capture itself dropped frames: loss, gaps and "
-                   "errors are worse here than on the wire.</p>\n");
-  }
+                 "<header><h1>Measurement of {0}</h1><p>{2}{3}. Report made {4}.</p></header>\n",
+                 EscapeHtml(capture.source), kReportStyle, EscapeHtml(when),
+                 capture.live ? "" : ", read from a file", EscapeHtml(source.date));
+  WriteBanners(out, source);
 }
 
 }  // namespace
@@ -204,19 +238,12 @@ std::string ReportHtml(const ReportSource& source) {
   const Out out(html);
   WriteHeader(out, source);
   WriteTiles(out, source.summary);
+  const std::string oddities = OdditiesText(source.summary.capture, source.summary.total);
+  if (!oddities.empty()) {
+    fmt::format_to(out, "<p class=\"also\">{}</p>\n", EscapeHtml(oddities));
+  }
   WriteVerdicts(out, source.verdicts);
-  const auto& streams = source.measurement.Streams().Streams();
-  if (streams.size() != 1) {
-    fmt::format_to(out, "<h2>All streams together</h2>\n");
-    WriteCharts(out, TotalCharts(source.measurement));
-  }
-  WriteStreamTable(out, source.summary);
-  for (std::size_t i = 0; i < streams.size(); ++i) {
-    if (streams[i]->History() == nullptr) {
-      break;
-    }
-    WritePlottedStream(out, source.summary.streams[i], *streams[i], i == 0);
-  }
+  WriteStreams(out, source);
   WriteSettings(out, source);
   fmt::format_to(out,
                  "<footer>Every figure is defined in docs/measuring.md. Percentiles are exact to "

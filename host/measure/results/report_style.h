@@ -33,7 +33,7 @@ figcaption { margin-bottom:10px; } figcaption span { color:var(--soft); font-siz
 .ys, .xs { position:relative; color:var(--soft); font-size:12px; }
 .xs { grid-column:2; margin-right:0; } .ys span, .xs span { position:absolute; white-space:nowrap; }
 .ys span { right:10px; transform:translateY(-50%); } .xs span { top:6px; transform:translateX(-50%); }
-.xs span:last-child { transform:translateX(-85%); }
+.xs .first { transform:translateX(-10%); } .xs .last { transform:translateX(-90%); }
 svg path { vector-effect:non-scaling-stroke; fill:none; stroke-width:1.6; stroke-linejoin:round;
   stroke-linecap:round; }
 svg .grid { stroke:var(--line); stroke-width:1; }
@@ -44,22 +44,37 @@ svg .f3 { fill:var(--s3); stroke:var(--s3); fill-opacity:.55; stroke-width:1; }
 svg .f4 { fill:var(--s4); stroke:var(--s4); fill-opacity:.55; stroke-width:1; }
 .k1 { background:var(--s1); } .k2 { background:var(--s2); } .k3 { background:var(--s3); }
 .k4 { background:var(--s4); }
+svg .out { fill:var(--bad); fill-opacity:.16; stroke:none; } svg .ev { stroke:var(--bad); stroke-width:2; }
+.kout { background:var(--bad); opacity:.3; } .legend .kev { background:var(--bad); width:3px; }
 .empty { color:var(--soft); margin:.5rem 0 1rem; }
-.scroll { overflow-x:auto; } table { border-collapse:collapse; width:100%; font-size:.9rem; }
-th, td { padding:6px 12px; text-align:right; border-bottom:1px solid var(--line); white-space:nowrap;
-  font-variant-numeric:tabular-nums; }
-th { color:var(--soft); font-weight:500; } tr:last-child td { border-bottom:0; }
-th:first-child, td:first-child, .left th, .left td { text-align:left; }
-.facts td:last-child { white-space:normal; }
-.wide th, .wide td { padding:6px; font-size:.82rem; } .wide th { white-space:normal; vertical-align:bottom; }
-.wide td:first-child { white-space:normal; min-width:9.5rem; }
-code { font-size:.9em; } details > summary { cursor:pointer; margin:2rem 0 .75rem; }
+.scroll { overflow-x:auto; margin:0 0 12px; } table { border-collapse:collapse; width:100%; font-size:.9rem; }
+caption { text-align:left; padding:8px 12px; color:var(--soft); font-size:.85rem; }
+th, td { padding:6px 10px; text-align:right; border-top:1px solid var(--line); white-space:nowrap;
+  font-variant-numeric:tabular-nums; vertical-align:top; }
+thead th { color:var(--soft); font-weight:500; white-space:normal; vertical-align:bottom; font-size:.82rem; }
+th[scope=row] { text-align:left; font-weight:500; white-space:normal; min-width:9rem; }
+td.bad, th.bad { color:var(--bad); font-weight:600; }
+.left th, .left td, .facts th, .facts td { text-align:left; white-space:normal; overflow-wrap:anywhere; }
+.facts th[scope=row] { color:var(--soft); width:9rem; }
+.also { color:var(--soft); white-space:pre-line; margin:12px 0; }
+details > summary { cursor:pointer; margin:2rem 0 .75rem; }
 summary h2 { display:inline; }
 footer { color:var(--soft); font-size:.85rem; margin-top:2rem; }
 @media (max-width:760px) { main { padding:16px 12px 32px; } .charts { grid-template-columns:minmax(0,1fr); }
   .tiles { grid-template-columns:repeat(2,minmax(0,1fr)); } .tile b { font-size:1.05rem; }
   .plot { grid-template-columns:60px minmax(0,1fr); grid-template-rows:170px 26px; }
-  .xs span:nth-child(even) { display:none; } }
+  .xs { font-size:11px; }
+  .cards thead { position:absolute; width:1px; height:1px; overflow:hidden; clip-path:inset(50%); }
+  .cards, .cards tbody, .cards tr, .cards caption { display:block; }
+  .cards tr { display:grid; grid-template-columns:1fr 1fr; gap:2px 14px; padding:8px 12px;
+    border-top:1px solid var(--line); }
+  .cards th[scope=row] { grid-column:1/-1; min-width:0; } .cards th[scope=row], .cards td { padding:0; border:0; }
+  .cards td { display:flex; justify-content:space-between; gap:8px; white-space:normal; text-align:right; }
+  .cards td::before { content:attr(data-name); color:var(--soft); font-weight:400; font-size:.85em; text-align:left; }
+  .cards.left tr { grid-template-columns:1fr; } .facts th[scope=row] { width:6rem; min-width:6rem; }
+  .facts th, .facts td { padding:6px 8px; } }
+@media print { body { background:none; } .scroll { overflow:visible; } figure, tr { break-inside:avoid; }
+  details::details-content { content-visibility:visible; height:auto; } }
 )css";
 
 }  // namespace ipplay::measure

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cmath>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,10 @@ namespace ipplay::measure {
 namespace {
 
 using Out = std::back_insert_iterator<std::string>;
+
+// The lines of a stream's figures: an indent, a name, a blank, and the text.
+constexpr std::size_t kIndent = 2;
+constexpr std::size_t kNameWidth = 10;
 
 std::string Time(double ns) {
   return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
@@ -195,7 +200,7 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
     fmt::format_to(out, "the capture broke off: {}\n", capture.broken_off);
   }
   if (capture.IsSpoiled()) {
-    fmt::format_to(out, "* worse than it was: the capture itself dropped frames\n");
+    fmt::format_to(out, "* the capture dropped frames: on the wire this may have been better\n");
   }
 }
 
@@ -341,9 +346,7 @@ void WriteCompare(Out out, const CompareFigures& compare) {
   }
 }
 
-void WriteDetails(Out out, const StreamSummary& stream) {
-  fmt::format_to(out, "\n{} from {}{}\n", Label(stream), stream.source,
-                 stream.rtp ? "" : ", no RTP (lost counts transport packets)");
+void WriteFigures(Out out, const StreamSummary& stream) {
   const RateFigures& rate = stream.rate;
   fmt::format_to(out, "  {:<10} {:.2f} frames/s, {} in frames, {} in payload", "rate",
                  rate.frames_per_second, FormatBitRate(rate.frame_bit_rate),
@@ -372,6 +375,12 @@ void WriteDetails(Out out, const StreamSummary& stream) {
   }
 }
 
+void WriteDetails(Out out, const StreamSummary& stream) {
+  fmt::format_to(out, "\n{} from {}{}\n", Label(stream), stream.source,
+                 stream.rtp ? "" : ", no RTP (lost counts transport packets)");
+  WriteFigures(out, stream);
+}
+
 void WriteVerdicts(Out out, std::span<const Verdict> verdicts) {
   if (verdicts.empty()) {
     return;
@@ -395,6 +404,25 @@ std::string LiveTable(const CaptureSummary& capture, const TotalSummary& total,
     fmt::format_to(out, "and {} more\n", FormatCount(total.streams - streams.size()));
   }
   return text;
+}
+
+std::string OdditiesText(const CaptureSummary& capture, const TotalSummary& total) {
+  std::string text;
+  WriteOddities(Out(text), capture, total);
+  return text;
+}
+
+std::vector<FigureLine> FigureLines(const StreamSummary& stream) {
+  std::string text;
+  WriteFigures(Out(text), stream);
+  std::vector<FigureLine> lines;
+  std::istringstream stripped(text);
+  for (std::string line; std::getline(stripped, line);) {
+    std::string name = line.substr(kIndent, kNameWidth);
+    name.erase(name.find_last_not_of(' ') + 1);
+    lines.push_back({std::move(name), line.substr(kIndent + kNameWidth + 1)});
+  }
+  return lines;
 }
 
 std::string ResultTable(const Summary& summary, std::span<const Verdict> verdicts,

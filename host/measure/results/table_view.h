@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "host/measure/results/limits.h"
 #include "host/measure/results/summary.h"
@@ -24,5 +25,15 @@ struct ResultTableSettings {
 };
 std::string ResultTable(const Summary& summary, std::span<const Verdict> verdicts,
                         const ResultTableSettings& settings);
+
+// What was captured besides UDP frames, and what else is out of the ordinary: lines, or none.
+std::string OdditiesText(const CaptureSummary& capture, const TotalSummary& total);
+
+// Every figure of a stream, each line a name and its text.
+struct FigureLine {
+  std::string name;
+  std::string text;
+};
+std::vector<FigureLine> FigureLines(const StreamSummary& stream);
 
 }  // namespace ipplay::measure

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// The capture's time in words, by the clock and the zone of this machine.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace ipplay::measure {
+
+// Time of day, with as many decimals as `time_ns` (since 1970) needs, milliseconds at most.
+std::string ClockText(std::int64_t time_ns);
+
+// Date, time of day and zone.
+std::string DateText(std::int64_t time_ns);
+
+// The midnight before `time_ns`.
+std::int64_t MidnightNs(std::int64_t time_ns);
+
+}  // namespace ipplay::measure
