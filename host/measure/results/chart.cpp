@@ -18,7 +18,7 @@ constexpr double kWidth = 1000;
 constexpr double kHeight = 300;
 constexpr double kMarkHeight = 18;
 constexpr double kTicksWanted = 5;
-constexpr double kTimeTicksWanted = 4;  // times are long words
+constexpr double kTimeTicksWanted = 4.4;  // times are long words
 constexpr double kRounding = 1e-6;
 // Labels closer than this to an end of the axis are drawn inwards.
 constexpr double kEdge = 0.06;

@@ -24,10 +24,14 @@ std::tm LocalTime(std::int64_t time_ns) {
 
 std::string ClockText(std::int64_t time_ns) {
   const std::int64_t rounded = ToMilliseconds(time_ns);
-  std::string text = fmt::format("{:%H:%M:%S}", LocalTime(rounded));
-  if (const std::int64_t rest = rounded % kSecondNs; rest != 0) {
-    text += fmt::format(".{:03}", rest / kMillisecondNs);
-    text.erase(text.find_last_not_of('0') + 1);
+  return fmt::format("{:%H:%M:%S}.{:03}", LocalTime(rounded), rounded % kSecondNs / kMillisecondNs);
+}
+
+std::string ShortClockText(std::int64_t time_ns) {
+  std::string text = ClockText(time_ns);
+  text.erase(text.find_last_not_of('0') + 1);
+  if (text.back() == '.') {
+    text.pop_back();
   }
   return text;
 }

@@ -7,8 +7,11 @@
 
 namespace ipplay::measure {
 
-// Time of day, with as many decimals as `time_ns` (since 1970) needs, milliseconds at most.
+// Time of day of `time_ns` (since 1970), to the millisecond.
 std::string ClockText(std::int64_t time_ns);
+
+// The same without trailing zeros.
+std::string ShortClockText(std::int64_t time_ns);
 
 // Date, time of day and zone.
 std::string DateText(std::int64_t time_ns);

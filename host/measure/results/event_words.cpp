@@ -10,7 +10,7 @@
 namespace ipplay::measure {
 namespace {
 
-enum class Amount { kNone, kCount, kTime, kJump, kRate, kTable, kChecksum, kLink };
+enum class Amount { kNone, kCount, kPackets, kTime, kJump, kRate, kTable, kChecksum, kLink };
 
 struct Words {
   const char* text;
@@ -20,11 +20,11 @@ struct Words {
 Words WordsOf(EventKind kind) {
   switch (kind) {
     case EventKind::kLoss:
-      return {"packets lost", Amount::kCount};
+      return {"lost", Amount::kPackets};
     case EventKind::kRepeat:
-      return {"packets repeated", Amount::kCount};
+      return {"repeated", Amount::kPackets};
     case EventKind::kReordered:
-      return {"places behind: a packet out of order", Amount::kCount};
+      return {"places out of order", Amount::kCount};
     case EventKind::kRestart:
       return {"the sender started anew"};
     case EventKind::kSilence:
@@ -81,6 +81,9 @@ std::string EventText(const Event& event) {
       break;
     case Amount::kCount:
       return fmt::format("{} {}", FormatCount(static_cast<std::uint64_t>(event.amount)), text);
+    case Amount::kPackets:
+      return fmt::format("{} {} {}", FormatCount(static_cast<std::uint64_t>(event.amount)),
+                         event.amount == 1 ? "packet" : "packets", text);
     case Amount::kTime:
       // 0 where the fault is not one of time, such as a scrambled table.
       return event.kind == EventKind::kSilence ? fmt::format("{} {}", time(), text)

@@ -46,7 +46,7 @@ class TimeLine {
   }
   ChartAxis Axis() const {
     const auto text = [midnight_ns = midnight_ns_](double seconds) {
-      return ClockText(midnight_ns + std::llround(seconds * 1e9));
+      return ShortClockText(midnight_ns + std::llround(seconds * 1e9));
     };
     return {AxisKind::kTime, text, {At(start_ns_), At(end_ns_)}};
   }

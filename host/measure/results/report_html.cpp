@@ -91,7 +91,8 @@ std::vector<std::size_t> WorstFirst(const std::vector<StreamSummary>& streams) {
   const auto badness = [&](std::size_t number) {
     const StreamSummary& s = streams[number];
     return std::tuple(s.seconds.unavailable + s.seconds.errored, s.Lost().value_or(0),
-                      s.ts ? s.ts->errors : 0, s.longest_silence);
+                      s.ts ? s.ts->errors : 0, s.ts ? s.ts->second_priority_errors : 0,
+                      s.longest_silence);
   };
   std::vector<std::size_t> order(streams.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
@@ -109,12 +110,12 @@ std::vector<HtmlCell> StreamRow(const StreamSummary& s) {
   return {{StreamName(s)},
           Fault(s.Lost()),
           Fault(s.ts ? Count(s.ts->errors) : Count()),
+          Fault(s.ts ? Count(s.ts->second_priority_errors) : Count()),
           {Time(s.longest_silence), s.longest_silence >= silence},
           {Time(s.silent_at_end), s.silent_at_end >= silence},
           Fault(s.seconds.unavailable + s.seconds.errored),
           {FormatBitRate(s.rate.frame_bit_rate)},
-          {s.rate.error_ppm ? fmt::format("{:+.1f} ppm", *s.rate.error_ppm) : kNoValue},
-          {Time(s.spacing.gap.p99)},
+          {s.rate.error_ppm ? fmt::format("{:+.1f}", *s.rate.error_ppm) : kNoValue},
           {Time(s.spacing.gap_error.p99)},
           {s.rtp && s.rtp->has_jitter ? Time(s.rtp->jitter_max) : kNoValue},
           {s.mdi.intervals > 0 ? Time(s.mdi.delay_factor_max) : kNoValue},
@@ -127,12 +128,12 @@ std::vector<HtmlCell> StreamRow(const StreamSummary& s) {
 void WriteStreamTable(Out out, const Summary& summary, std::span<const std::size_t> order) {
   HtmlTable table{
       "Worst first: by seconds with errors or without frames, then by lost packets (of "
-      "RTP; without it, of the transport stream), errors of the transport stream "
-      "and silence",
+      "RTP; without it, of the transport stream), errors of the transport stream, of the first and "
+      "of the second priority, and silence",
       false,
-      {"stream", "lost", "TS errors", "longest silence", "silent at the end", "bad seconds",
-       "frame rate", "rate error", "gap p99", "gap error p99", "jitter max", "DF max", "duplicates",
-       "reordered", "bad checksums", "frames"},
+      {"stream", "lost", "TS errors", "second priority", "longest silence", "silent at the end",
+       "bad seconds", "frame rate", "rate error, ppm", "gap error p99", "jitter max", "DF max",
+       "duplicates", "reordered", "bad checksums", "frames"},
       {}};
   for (const std::size_t number : order.first(std::min(order.size(), kMaxRows))) {
     table.rows.push_back(StreamRow(summary.streams[number]));
@@ -176,7 +177,6 @@ void WriteStreams(Out out, const ReportSource& source) {
     fmt::format_to(out, "</div>\n");
   }
   WriteStreamTable(out, source.summary, order);
-  WriteEvents(out, source);
   const std::size_t shown = std::min(order.size(), kMaxSections);
   if (shown < order.size()) {
     fmt::format_to(out, "<p>The worst {} of {} streams follow.</p>\n", shown,
@@ -244,6 +244,7 @@ std::string ReportHtml(const ReportSource& source) {
   }
   WriteVerdicts(out, source.verdicts);
   WriteStreams(out, source);
+  WriteEvents(out, source);
   WriteSettings(out, source);
   fmt::format_to(out,
                  "<footer>Every figure is defined in docs/measuring.md. Percentiles are exact to "

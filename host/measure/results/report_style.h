@@ -14,7 +14,7 @@ inline constexpr char kReportStyle[] = R"css(
 * { box-sizing:border-box; }
 body { margin:0; background:var(--bg); color:var(--ink);
   font:15px/1.5 system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif; }
-main { max-width:1180px; margin:0 auto; padding:24px 20px 48px; }
+main { max-width:1280px; margin:0 auto; padding:24px 20px 48px; }
 h1 { font-size:1.5rem; margin:0; } h2 { font-size:1.15rem; margin:2rem 0 .75rem; }
 h2 small, header p { color:var(--soft); font-weight:400; } header p { margin:.15rem 0 1.25rem; }
 .tiles { display:grid; grid-template-columns:repeat(auto-fit,minmax(170px,1fr)); gap:12px; }
@@ -33,7 +33,7 @@ figcaption { margin-bottom:10px; } figcaption span { color:var(--soft); font-siz
 .ys, .xs { position:relative; color:var(--soft); font-size:12px; }
 .xs { grid-column:2; margin-right:0; } .ys span, .xs span { position:absolute; white-space:nowrap; }
 .ys span { right:10px; transform:translateY(-50%); } .xs span { top:6px; transform:translateX(-50%); }
-.xs .first { transform:translateX(-10%); } .xs .last { transform:translateX(-90%); }
+.xs .first { transform:translateX(-10%); } .xs .last { transform:translateX(-75%); }
 svg path { vector-effect:non-scaling-stroke; fill:none; stroke-width:1.6; stroke-linejoin:round;
   stroke-linecap:round; }
 svg .grid { stroke:var(--line); stroke-width:1; }
@@ -47,12 +47,12 @@ svg .f4 { fill:var(--s4); stroke:var(--s4); fill-opacity:.55; stroke-width:1; }
 svg .out { fill:var(--bad); fill-opacity:.16; stroke:none; } svg .ev { stroke:var(--bad); stroke-width:2; }
 .kout { background:var(--bad); opacity:.3; } .legend .kev { background:var(--bad); width:3px; }
 .empty { color:var(--soft); margin:.5rem 0 1rem; }
-.scroll { overflow-x:auto; margin:0 0 12px; } table { border-collapse:collapse; width:100%; font-size:.9rem; }
+.scroll { overflow-x:auto; margin:0 0 12px; } table { border-collapse:collapse; width:100%; font-size:.85rem; }
 caption { text-align:left; padding:8px 12px; color:var(--soft); font-size:.85rem; }
-th, td { padding:6px 10px; text-align:right; border-top:1px solid var(--line); white-space:nowrap;
+th, td { padding:6px 7px; text-align:right; border-top:1px solid var(--line); white-space:nowrap;
   font-variant-numeric:tabular-nums; vertical-align:top; }
 thead th { color:var(--soft); font-weight:500; white-space:normal; vertical-align:bottom; font-size:.82rem; }
-th[scope=row] { text-align:left; font-weight:500; white-space:normal; min-width:9rem; }
+thead th:first-child, th[scope=row] { text-align:left; font-weight:500; white-space:normal; min-width:9rem; }
 td.bad, th.bad { color:var(--bad); font-weight:600; }
 .left th, .left td, .facts th, .facts td { text-align:left; white-space:normal; overflow-wrap:anywhere; }
 .facts th[scope=row] { color:var(--soft); width:9rem; }
@@ -63,7 +63,7 @@ footer { color:var(--soft); font-size:.85rem; margin-top:2rem; }
 @media (max-width:760px) { main { padding:16px 12px 32px; } .charts { grid-template-columns:minmax(0,1fr); }
   .tiles { grid-template-columns:repeat(2,minmax(0,1fr)); } .tile b { font-size:1.05rem; }
   .plot { grid-template-columns:60px minmax(0,1fr); grid-template-rows:170px 26px; }
-  .xs { font-size:11px; }
+  .xs { font-size:10px; }
   .cards thead { position:absolute; width:1px; height:1px; overflow:hidden; clip-path:inset(50%); }
   .cards, .cards tbody, .cards tr, .cards caption { display:block; }
   .cards tr { display:grid; grid-template-columns:1fr 1fr; gap:2px 14px; padding:8px 12px;
