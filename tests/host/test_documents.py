@@ -5,10 +5,16 @@ import json
 import os
 import re
 import shutil
+import struct
 import subprocess
+import sys
+import tempfile
 import unittest
 
-from playbed import HERE, IPPLAY, SAMPLE, PlayCase, install
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "measure"))
+
+from frames import Playout, psi_packet, ts_packet, write_pcap  # noqa: E402
+from playbed import HERE, IPPLAY, SAMPLE, PlayCase, install  # noqa: E402
 
 ROOT = os.path.join(HERE, "..", "..")
 NOBODY = "65534"
@@ -90,6 +96,48 @@ def fields_of(value, path=""):
     if isinstance(value, list) and value and isinstance(value[0], dict):
         return set().union(*(fields_of(part, path + "[]") for part in value))
     return {path}
+
+
+def service_packets(counter):
+    """A service with a name, sound in a language, and an event: one section of each table."""
+    head = struct.pack(">HBBB", 1, 0xC1, 0, 0)
+    service = b"\x48\x05\x01\x01P\x01N"
+    return b"".join((
+        psi_packet(0, counter, 0x00, head + struct.pack(">HH", 1, 0xE101)),
+        psi_packet(0x101, counter, 0x02, head + struct.pack(">HHBHH", 0xE100, 0xF000, 4, 0xE100, 0xF006) + b"\x0a\x04deu\0"),
+        psi_packet(0x11, counter, 0x42, head + struct.pack(">HBHBH", 1, 0xFF, 1, 0xFC, 0x8000 | len(service)) + service),
+        psi_packet(0x12, counter, 0x4E, head + struct.pack(">HHBB", 1, 1, 0, 0x4E)),
+        *(ts_packet(0x100, 3 * counter + i, pcr=(7 * counter + 4 + i) * 40_000) for i in range(3))))
+
+
+class Measured(unittest.TestCase):
+    def measure(self, folder, frames, *options, cut=0):
+        path = os.path.join(folder, "frames.pcap")
+        write_pcap(path, frames)
+        os.truncate(path, os.path.getsize(path) - cut)
+        output = subprocess.run([IPPLAY, "measure", path, "--json", *options], stdout=subprocess.PIPE, check=False).stdout
+        return json.loads(output)
+
+    def test_documented_fields_are_those_that_are_written(self):
+        with tempfile.TemporaryDirectory() as folder:
+            file = os.path.join(folder, "expected.ts")
+            tagged = Playout(vlan=100, datagrams=400, lose={100})
+            with open(file, "wb") as expected:
+                expected.write(b"".join(tagged.payloads())[:-100] + bytes(100))
+            plain = Playout(rtp=False, datagrams=200)
+            services = [(number * 1_000_000, plain.frame(number, 0, service_packets(number))) for number in range(200) if number != 100]
+            documents = [self.measure(folder, tagged.capture(), "--expect", file, "--expect-rate", "10M"),
+                         self.measure(folder, services, "--max-loss", "0", cut=1)]
+        self.assertEqual([document["schema"] for document in documents], [1, 1])
+        documented = documented_fields("ipplay measure --json")
+
+        def named(path):
+            """The documented field that the path is, or is a part of."""
+            parts = path.split(".")
+            names = [".".join(parts[:i + 1]) for i in range(len(parts))]
+            return next((name for name in names if name in documented), path)
+
+        self.assertEqual({named(path) for document in documents for path in fields_of(document)}, documented)
 
 
 class Json(PlayCase):

@@ -11,6 +11,9 @@ namespace {
 // Keeps the order in which names are written here.
 using Json = nlohmann::ordered_json;
 
+// Grows when a field is renamed or removed.
+constexpr int kSchema = 1;
+
 Json ToJson(const Distribution& d) {
   return {{"count", d.count}, {"min", d.min}, {"mean", d.mean},  {"p50", d.p50},
           {"p90", d.p90},     {"p99", d.p99}, {"p99.9", d.p999}, {"max", d.max}};
@@ -20,7 +23,7 @@ Json ToJson(const RateFigures& rate) {
   Json json{{"frames", rate.frames},
             {"frame_bytes", rate.frame_bytes},
             {"payload_bytes", rate.payload_bytes},
-            {"seconds", rate.seconds},
+            {"elapsed_ns", rate.seconds * 1e9},
             {"frames_per_second", rate.frames_per_second},
             {"frame_rate_bps", rate.frame_bit_rate},
             {"payload_rate_bps", rate.payload_bit_rate}};
@@ -97,7 +100,7 @@ Json ToJson(const PcrFigures& pcr) {
   json["repetition_errors"] = pcr.repetition_errors;
   json["discontinuity_errors"] = pcr.discontinuity_errors;
   json["accuracy_errors"] = pcr.accuracy_errors;
-  json["late"] = pcr.late;
+  json["late_pcrs"] = pcr.late;
   Put(json, "accuracy_peak_to_peak_ns", pcr.accuracy_spread);
   Put(json, "arrival_peak_to_peak_ns", pcr.arrival_spread);
   Put(json, "frequency_offset_ppm", pcr.frequency_offset_ppm);
@@ -317,7 +320,8 @@ Json ToJson(const TotalSummary& total) {
 }  // namespace
 
 std::string JsonText(const Summary& summary, std::span<const Verdict> verdicts) {
-  Json json{{"capture", ToJson(summary.capture)}, {"total", ToJson(summary.total)}};
+  Json json{
+      {"schema", kSchema}, {"capture", ToJson(summary.capture)}, {"total", ToJson(summary.total)}};
   json["total"]["frames_not_measured"] = summary.FramesNotMeasured();
   Json& streams = json["streams"] = Json::array();
   for (const StreamSummary& stream : summary.streams) {

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 
@@ -34,15 +35,30 @@ HtmlTable FigureTable(const StreamSummary& stream) {
   return table;
 }
 
+// Short words are the names of tables and fields.
+std::string NameOf(const IndicatorInfo& info) {
+  constexpr std::size_t kShort = 3;
+  std::string name = info.name;
+  for (std::size_t begin = 0; begin < name.size();) {
+    const std::size_t end = std::min(name.find('_', begin), name.size());
+    if (end - begin <= kShort) {
+      std::transform(&name[begin], &name[end], &name[begin], ::toupper);
+    }
+    if (end < name.size()) {
+      name[end] = ' ';
+    }
+    begin = end + 1;
+  }
+  return name;
+}
+
 HtmlTable IndicatorTable(const TsFigures& ts) {
   HtmlTable table{"Indicators of ETSI TR 101 290, 5.2",
                   true,
-                  {"indicator", "errors", "last", "priority", "an error is counted for"},
+                  {"indicator", "errors", "last", "priority", "limit"},
                   {}};
   for (const auto& [info, state] : ts.indicators) {
-    std::string name = fmt::format("{} {}", info->clause, info->name);
-    std::ranges::replace(name, '_', ' ');
-    table.rows.push_back({{std::move(name)},
+    table.rows.push_back({{fmt::format("{} {}", info->clause, NameOf(*info))},
                           {state.measured ? FormatCount(state.count) : kNoValue, state.count > 0},
                           {state.count > 0 ? ClockText(state.last_ns) : kNoValue},
                           {fmt::format("{}", info->priority)},

@@ -47,7 +47,7 @@ svg .f4 { fill:var(--s4); stroke:var(--s4); fill-opacity:.55; stroke-width:1; }
 svg .out { fill:var(--bad); fill-opacity:.16; stroke:none; } svg .ev { stroke:var(--bad); stroke-width:2; }
 .kout { background:var(--bad); opacity:.3; } .legend .kev { background:var(--bad); width:3px; }
 .empty { color:var(--soft); margin:.5rem 0 1rem; }
-.scroll { overflow-x:auto; margin:0 0 12px; } table { border-collapse:collapse; width:100%; font-size:.85rem; }
+.scroll { overflow-x:auto; margin:12px 0; } table { border-collapse:collapse; width:100%; font-size:.85rem; }
 caption { text-align:left; padding:8px 12px; color:var(--soft); font-size:.85rem; }
 th, td { padding:6px 7px; text-align:right; border-top:1px solid var(--line); white-space:nowrap;
   font-variant-numeric:tabular-nums; vertical-align:top; }
