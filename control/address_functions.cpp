@@ -8,6 +8,7 @@
 #include "devices/address_resolution.h"
 #include "driver/capture_driver.h"
 #include "ipplayout/ipplayout.h"
+#include "platform/address_text.h"
 #include "platform/host_name.h"
 #include "platform/neighbour.h"
 
@@ -23,7 +24,7 @@ bool Resolve(int ip_version, const std::uint8_t* target, std::uint8_t* mac, int 
   if (ip_version != IPPLAYOUT_IPV4) {
     return false;
   }
-  ipplayout::platform::IPv4Address address{};
+  ipplayout::platform::Ipv4Address address{};
   std::copy_n(target, address.size(), address.begin());
   return resolver.ResolveIPv4(address, mac, position);
 }

@@ -11,13 +11,14 @@
 
 #include "devices/neighbour_solicitation.h"
 #include "driver/device_name.h"
+#include "platform/address_text.h"
 #include "platform/debug_output.h"
 
 namespace ipplayout {
 namespace {
 
-using platform::IPv4Address;
-using platform::IPv6Address;
+using platform::Ipv4Address;
+using platform::Ipv6Address;
 using platform::NeighbourReply;
 using platform::NeighbourResult;
 
@@ -58,10 +59,10 @@ void ReportEmptyReply() {
   platform::WriteDebugOutput("Warning: SendArp completed successfully, but returned length=0\n");
 }
 
-bool HasAddress(const DeviceIdentifier& device, const IPv4Address& address) {
+bool HasAddress(const DeviceIdentifier& device, const Ipv4Address& address) {
   std::vector<std::string> netmasks;
   for (const std::string& text : device.GetIPv4Addresses(netmasks)) {
-    IPv4Address own{};
+    Ipv4Address own{};
     if (ReadDottedDecimal(text.c_str(), own.data()) && own == address) {
       return true;
     }
@@ -69,22 +70,22 @@ bool HasAddress(const DeviceIdentifier& device, const IPv4Address& address) {
   return false;
 }
 
-bool HasAddress(const std::vector<std::string>& texts, const IPv6Address& address) {
+bool HasAddress(const std::vector<std::string>& texts, const Ipv6Address& address) {
   return std::any_of(texts.begin(), texts.end(), [&address](const std::string& text) {
     return platform::ParseIPv6(text) == address;
   });
 }
 
 // 0.0.0.0 without a first text.
-IPv4Address FirstOf(const std::vector<std::string>& texts) {
-  IPv4Address address{};
+Ipv4Address FirstOf(const std::vector<std::string>& texts) {
+  Ipv4Address address{};
   if (!texts.empty()) {
     ReadDottedDecimal(texts.front().c_str(), address.data());
   }
   return address;
 }
 
-bool OnSameSubnet(const IPv4Address& one, const IPv4Address& other, const IPv4Address& netmask) {
+bool OnSameSubnet(const Ipv4Address& one, const Ipv4Address& other, const Ipv4Address& netmask) {
   for (std::size_t i = 0; i < netmask.size(); ++i) {
     if (((one[i] ^ other[i]) & netmask[i]) != 0) {
       return false;
@@ -123,7 +124,7 @@ bool ReadDottedDecimal(const char* text, std::uint8_t* bytes) {
   return count == 4;
 }
 
-bool AddressResolver::ResolveIPv4(const IPv4Address& target, std::uint8_t* mac, int position) {
+bool AddressResolver::ResolveIPv4(const Ipv4Address& target, std::uint8_t* mac, int position) {
   const DeviceIdentifier* device = devices_.At(position);
   if (device != nullptr && HasAddress(*device, target)) {
     CopyMac(device->GetMacAddress(), mac);
@@ -136,7 +137,7 @@ bool AddressResolver::ResolveIPv4(const IPv4Address& target, std::uint8_t* mac, 
   return gateway && ResolveGateway(*gateway, mac, position);
 }
 
-bool AddressResolver::ResolveDirectly(const IPv4Address& target, std::uint8_t* mac, int position) {
+bool AddressResolver::ResolveDirectly(const Ipv4Address& target, std::uint8_t* mac, int position) {
   const NeighbourReply reply = neighbours_.ResolveNeighbour(target, InterfaceAt(position));
   if (reply.result != NeighbourResult::kDone) {
     ReportFailure(reply.result);
@@ -149,7 +150,7 @@ bool AddressResolver::ResolveDirectly(const IPv4Address& target, std::uint8_t* m
   return reply.length != 0;
 }
 
-bool AddressResolver::ResolveGateway(const IPv4Address& gateway, std::uint8_t* mac, int position) {
+bool AddressResolver::ResolveGateway(const Ipv4Address& gateway, std::uint8_t* mac, int position) {
   const NeighbourReply reply = neighbours_.ResolveNeighbour(gateway, InterfaceAt(position));
   CopyMac(MacAddress{}, mac);
   if (reply.result != NeighbourResult::kDone) {
@@ -164,7 +165,7 @@ bool AddressResolver::ResolveGateway(const IPv4Address& gateway, std::uint8_t* m
   return true;
 }
 
-std::optional<IPv4Address> AddressResolver::NextHopForTarget(const IPv4Address& target,
+std::optional<Ipv4Address> AddressResolver::NextHopForTarget(const Ipv4Address& target,
                                                              int position) {
   const DeviceIdentifier* device = devices_.At(position);
   if (device == nullptr) {
@@ -172,7 +173,7 @@ std::optional<IPv4Address> AddressResolver::NextHopForTarget(const IPv4Address& 
   }
   std::vector<std::string> netmasks;
   const auto addresses = device->GetIPv4Addresses(netmasks);
-  const IPv4Address source = FirstOf(addresses);
+  const Ipv4Address source = FirstOf(addresses);
   if (!addresses.empty() && !netmasks.empty() && OnSameSubnet(target, source, FirstOf(netmasks))) {
     return std::nullopt;
   }
@@ -190,7 +191,7 @@ bool AddressResolver::SolicitNeighbour(const std::uint8_t* target, std::uint8_t*
   if (target == nullptr || mac == nullptr || device == nullptr) {
     return false;
   }
-  IPv6Address wanted{};
+  Ipv6Address wanted{};
   std::copy_n(target, wanted.size(), wanted.begin());
   const auto own = device->GetIPv6Addresses();
   if (HasAddress(own, wanted)) {

@@ -7,7 +7,7 @@
 
 #include "devices/device_list.h"
 #include "driver/capture_driver.h"
-#include "platform/address_text.h"
+#include "platform/addresses.h"
 #include "platform/neighbour.h"
 
 namespace ipplayout {
@@ -28,10 +28,10 @@ class AddressResolver {
 
   // By ARP, of the gateway when the target does not answer and is off the device's subnet. On
   // failure the 6 bytes at `mac` hold no address.
-  bool ResolveIPv4(const platform::IPv4Address& target, std::uint8_t* mac, int position);
+  bool ResolveIPv4(const platform::Ipv4Address& target, std::uint8_t* mac, int position);
 
   // The gateway on the way to `target`. Nothing for a target on the device's own subnet.
-  std::optional<platform::IPv4Address> NextHopForTarget(const platform::IPv4Address& target,
+  std::optional<platform::Ipv4Address> NextHopForTarget(const platform::Ipv4Address& target,
                                                         int position);
 
   // By a neighbour solicitation of the library's own and ten reads of at most 1 ms. The 16 bytes at
@@ -39,8 +39,8 @@ class AddressResolver {
   bool SolicitNeighbour(const std::uint8_t* target, std::uint8_t* mac, int position);
 
  private:
-  bool ResolveDirectly(const platform::IPv4Address& target, std::uint8_t* mac, int position);
-  bool ResolveGateway(const platform::IPv4Address& gateway, std::uint8_t* mac, int position);
+  bool ResolveDirectly(const platform::Ipv4Address& target, std::uint8_t* mac, int position);
+  bool ResolveGateway(const platform::Ipv4Address& gateway, std::uint8_t* mac, int position);
   std::string InterfaceAt(int position) const;
 
   const DeviceList& devices_;

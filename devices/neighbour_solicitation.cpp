@@ -9,7 +9,7 @@
 namespace ipplayout {
 namespace {
 
-using platform::IPv6Address;
+using platform::Ipv6Address;
 
 enum Offset : std::size_t {
   kDestinationMac = 0,
@@ -44,7 +44,7 @@ void Put(SolicitationFrame& frame, std::size_t offset, const Bytes& bytes) {
 
 // Over the pseudo-header and the ICMPv6 message.
 std::uint16_t Checksum(std::span<const std::uint8_t> frame) {
-  constexpr std::size_t kAddressesSize = 2 * sizeof(IPv6Address);
+  constexpr std::size_t kAddressesSize = 2 * sizeof(Ipv6Address);
   std::array<std::uint8_t, kAddressesSize + 8 + kMessageSize> block{};
   std::copy_n(&frame[kSource], kAddressesSize, block.begin());
   StoreBigEndian<4>(kMessageSize, &block[kAddressesSize]);
@@ -61,21 +61,21 @@ bool HasRightChecksum(std::span<const std::uint8_t> frame) {
 
 }  // namespace
 
-IPv6Address SolicitedNodeAddress(const IPv6Address& target) {
-  IPv6Address address{0xFF, 0x02};
+Ipv6Address SolicitedNodeAddress(const Ipv6Address& target) {
+  Ipv6Address address{0xFF, 0x02};
   address[11] = 0x01;
   address[12] = 0xFF;
   std::copy(target.begin() + 13, target.end(), address.begin() + 13);
   return address;
 }
 
-MacAddress MulticastMacForAddress(const IPv6Address& address) {
+MacAddress MulticastMacForAddress(const Ipv6Address& address) {
   return {0x33, 0x33, address[12], address[13], address[14], address[15]};
 }
 
-SolicitationFrame BuildSolicitation(const MacAddress& source_mac, const IPv6Address& source,
-                                    const IPv6Address& target) {
-  const IPv6Address destination = SolicitedNodeAddress(target);
+SolicitationFrame BuildSolicitation(const MacAddress& source_mac, const Ipv6Address& source,
+                                    const Ipv6Address& target) {
+  const Ipv6Address destination = SolicitedNodeAddress(target);
   SolicitationFrame frame{};
   Put(frame, kDestinationMac, MulticastMacForAddress(destination));
   Put(frame, kSourceMac, source_mac);
@@ -97,7 +97,7 @@ SolicitationFrame BuildSolicitation(const MacAddress& source_mac, const IPv6Addr
 }
 
 std::optional<MacAddress> ReadAdvertisement(std::span<const std::uint8_t> frame,
-                                            const IPv6Address& target) {
+                                            const Ipv6Address& target) {
   if (frame.size() < kSolicitationSize || frame[kType] != kNeighbourAdvertisement ||
       frame[kNextHeader] != kIcmpV6 || frame[kHopLimit] != kLargestHopLimit ||
       !std::equal(target.begin(), target.end(), &frame[kTarget]) || !HasRightChecksum(frame)) {

@@ -28,7 +28,7 @@
 #include <span>
 
 #include "driver/capture_driver.h"
-#include "platform/address_text.h"
+#include "platform/addresses.h"
 
 namespace ipplayout {
 
@@ -36,19 +36,19 @@ inline constexpr std::size_t kSolicitationSize = 86;
 using SolicitationFrame = std::array<std::uint8_t, kSolicitationSize>;
 
 // FF02::1:FFxx:xxxx with the last three bytes of the target.
-platform::IPv6Address SolicitedNodeAddress(const platform::IPv6Address& target);
+platform::Ipv6Address SolicitedNodeAddress(const platform::Ipv6Address& target);
 
-MacAddress MulticastMacForAddress(const platform::IPv6Address& address);
+MacAddress MulticastMacForAddress(const platform::Ipv6Address& address);
 
 SolicitationFrame BuildSolicitation(const MacAddress& source_mac,
-                                    const platform::IPv6Address& source,
-                                    const platform::IPv6Address& target);
+                                    const platform::Ipv6Address& source,
+                                    const platform::Ipv6Address& target);
 
 // The link-layer address in an advertisement of `target` that is laid out as above; nothing in
 // other frames. A receiver must drop what comes from beyond the link, where the hop limit is no
 // longer 255, and what has a wrong checksum (RFC 4861, 7.1.2); of a message longer than the frame
 // the checksum cannot be known.
 std::optional<MacAddress> ReadAdvertisement(std::span<const std::uint8_t> frame,
-                                            const platform::IPv6Address& target);
+                                            const platform::Ipv6Address& target);
 
 }  // namespace ipplayout

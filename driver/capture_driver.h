@@ -3,7 +3,6 @@
 // form is driver/pcap_driver.h, on libpcap; tests put a fake in its place.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -14,18 +13,19 @@
 #include <vector>
 
 #include "driver/send_queue.h"
+#include "platform/addresses.h"
 #include "platform/deadline_waiter.h"
 
 namespace ipplayout {
 
-using MacAddress = std::array<std::uint8_t, 6>;
+using platform::MacAddress;
 
 enum class AddressFamily { kIPv4, kIPv6, kOther };
 
 // An address in network order; an IPv4 address fills the first four bytes.
 struct AdapterAddress {
   AddressFamily family = AddressFamily::kOther;
-  std::array<std::uint8_t, 16> bytes{};
+  platform::Ipv6Address bytes{};
   std::uint32_t scope_id = 0;  // of an IPv6 link-local address, else 0
 };
 

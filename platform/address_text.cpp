@@ -24,20 +24,20 @@ std::optional<Address> Parse(const std::string& text) {
 
 }  // namespace
 
-std::string IPv4Text(const IPv4Address& address) {
+std::string IPv4Text(const Ipv4Address& address) {
   return Text<AF_INET>(address);
 }
 
-std::string IPv6Text(const IPv6Address& address) {
+std::string IPv6Text(const Ipv6Address& address) {
   return Text<AF_INET6>(address);
 }
 
-std::optional<IPv4Address> ParseIPv4(const std::string& text) {
-  return Parse<AF_INET, IPv4Address>(text);
+std::optional<Ipv4Address> ParseIPv4(const std::string& text) {
+  return Parse<AF_INET, Ipv4Address>(text);
 }
 
-std::optional<IPv6Address> ParseIPv6(const std::string& text) {
-  return Parse<AF_INET6, IPv6Address>(text);
+std::optional<Ipv6Address> ParseIPv6(const std::string& text) {
+  return Parse<AF_INET6, Ipv6Address>(text);
 }
 
 }  // namespace ipplayout::platform

@@ -15,15 +15,15 @@
 namespace ipplayout::platform {
 namespace {
 
-IPv4Address ToIPv4(const sockaddr* address) {
+Ipv4Address ToIPv4(const sockaddr* address) {
   sockaddr_in ipv4{};
   std::memcpy(&ipv4, address, sizeof ipv4);
-  IPv4Address result{};
+  Ipv4Address result{};
   std::memcpy(result.data(), &ipv4.sin_addr, result.size());
   return result;
 }
 
-std::optional<IPv4Address> AddressOfName() {
+std::optional<Ipv4Address> AddressOfName() {
   char name[256] = {};
   if (::gethostname(name, sizeof name - 1) != 0) {
     return std::nullopt;
@@ -37,14 +37,14 @@ std::optional<IPv4Address> AddressOfName() {
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(first, freeaddrinfo);
   for (const addrinfo* entry = first; entry != nullptr; entry = entry->ai_next) {
-    if (const IPv4Address address = ToIPv4(entry->ai_addr); address[0] != IN_LOOPBACKNET) {
+    if (const Ipv4Address address = ToIPv4(entry->ai_addr); address[0] != IN_LOOPBACKNET) {
       return address;
     }
   }
   return std::nullopt;
 }
 
-std::optional<IPv4Address> AddressOfInterfaces() {
+std::optional<Ipv4Address> AddressOfInterfaces() {
   ifaddrs* first = nullptr;
   if (::getifaddrs(&first) != 0) {
     return std::nullopt;
@@ -61,11 +61,11 @@ std::optional<IPv4Address> AddressOfInterfaces() {
 
 }  // namespace
 
-IPv4Address HostAddress() {
+Ipv4Address HostAddress() {
   if (const auto named = AddressOfName()) {
     return *named;
   }
-  return AddressOfInterfaces().value_or(IPv4Address{127, 0, 0, 1});
+  return AddressOfInterfaces().value_or(Ipv4Address{127, 0, 0, 1});
 }
 
 }  // namespace ipplayout::platform

@@ -2,13 +2,13 @@
 // The machine's own name and address.
 #pragma once
 
-#include "platform/address_text.h"
+#include "platform/addresses.h"
 
 namespace ipplayout::platform {
 
 // The first IPv4 address of the machine's host name that is not a loopback address, which is what
 // many installations give the name in /etc/hosts. When the name has none: the first IPv4 address of
 // the machine's interfaces but for loopback, and without one 127.0.0.1. May ask the name service.
-IPv4Address HostAddress();
+Ipv4Address HostAddress();
 
 }  // namespace ipplayout::platform

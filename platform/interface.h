@@ -2,10 +2,10 @@
 // What the kernel knows about a network interface of the calling thread's network namespace.
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <optional>
 #include <string>
+
+#include "platform/addresses.h"
 
 namespace ipplayout::platform {
 
@@ -14,7 +14,7 @@ struct InterfaceProperties {
   bool ethernet_framed = false;
   // Neighbours have no link-layer addresses to resolve: point to point, loopback, no ARP.
   bool without_neighbours = false;
-  std::array<std::uint8_t, 6> mac{};  // zero unless `ethernet_framed`
+  MacAddress mac{};  // zero unless `ethernet_framed`
 };
 
 // Nothing when there is no such interface; `error` then gets the system's error number. Asks

@@ -28,7 +28,7 @@ constexpr std::uint16_t kResolvedStates =
     NUD_PERMANENT | NUD_NOARP | NUD_REACHABLE | NUD_PROBE | NUD_STALE | NUD_DELAY;
 
 struct Neighbour {
-  IPv4Address address;
+  Ipv4Address address;
   unsigned interface_index;
 };
 
@@ -164,16 +164,16 @@ NeighbourReply Resolve(const Neighbour& neighbour) {
   return AwaitVerdict(kernel, notifications, neighbour);
 }
 
-bool IsMulticast(const IPv4Address& address) {
+bool IsMulticast(const Ipv4Address& address) {
   return (address[0] & 0xF0) == 0xE0;
 }
 
 // "This network" (RFC 1122, 3.2.1.3) and class E (RFC 1112, 4), without the limited broadcast.
-bool CannotBeNeighbour(const IPv4Address& address) {
-  return address[0] == 0 || (address[0] >= 240 && address != IPv4Address{255, 255, 255, 255});
+bool CannotBeNeighbour(const Ipv4Address& address) {
+  return address[0] == 0 || (address[0] >= 240 && address != Ipv4Address{255, 255, 255, 255});
 }
 
-NeighbourReply OverRoute(const IPv4Address& target, const Route& route) {
+NeighbourReply OverRoute(const Ipv4Address& target, const Route& route) {
   int error = 0;
   const auto interface = QueryInterface(InterfaceName(route.interface_index), error);
   if (!interface) {
@@ -190,33 +190,33 @@ NeighbourReply OverRoute(const IPv4Address& target, const Route& route) {
 
 class KernelNeighbours final : public NeighbourService {
  public:
-  NeighbourReply ResolveNeighbour(const IPv4Address& target,
+  NeighbourReply ResolveNeighbour(const Ipv4Address& target,
                                   const std::string& interface) override {
-    constexpr std::array<std::uint8_t, 6> kBroadcast{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    constexpr MacAddress kBroadcast{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
     if (CannotBeNeighbour(target)) {
       return Failure(NeighbourResult::kInvalidParameter);
     }
     if (IsMulticast(target)) {
       const auto low = static_cast<std::uint8_t>(target[1] & 0x7F);
-      return Done(std::array<std::uint8_t, 6>{0x01, 0x00, 0x5E, low, target[2], target[3]});
+      return Done(MacAddress{0x01, 0x00, 0x5E, low, target[2], target[3]});
     }
-    if (target == IPv4Address{255, 255, 255, 255}) {
+    if (target == Ipv4Address{255, 255, 255, 255}) {
       return Done(kBroadcast);
     }
-    const auto route = FindRoute(target, IPv4Address{}, interface);
+    const auto route = FindRoute(target, Ipv4Address{}, interface);
     if (!route) {
       return Failure(NeighbourResult::kNotFound);
     }
     return route->kind == Route::Kind::kBroadcast ? Done(kBroadcast) : OverRoute(target, *route);
   }
 
-  std::optional<IPv4Address> BestRoute(const IPv4Address& target, const IPv4Address& source,
+  std::optional<Ipv4Address> BestRoute(const Ipv4Address& target, const Ipv4Address& source,
                                        const std::string& interface) override {
     const auto route = FindRoute(target, source, interface);
     if (!route) {
       return std::nullopt;
     }
-    return route->on_link ? IPv4Address{} : route->gateway;
+    return route->on_link ? Ipv4Address{} : route->gateway;
   }
 };
 

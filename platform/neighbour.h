@@ -2,12 +2,11 @@
 // IPv4 neighbours and next hops, as the kernel knows or finds them.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 
-#include "platform/address_text.h"
+#include "platform/addresses.h"
 
 namespace ipplayout::platform {
 
@@ -28,7 +27,7 @@ struct NeighbourReply {
   NeighbourResult result = NeighbourResult::kGeneralFailure;
   // 6, or 0 when neighbours on the interface have no link-layer address. Counts when kDone.
   std::uint32_t length = 0;
-  std::array<std::uint8_t, 6> address{kUnset, kUnset, kUnset, kUnset, kUnset, kUnset};
+  MacAddress address{kUnset, kUnset, kUnset, kUnset, kUnset, kUnset};
 };
 
 // Any thread; a call works in the network namespace of its thread.
@@ -41,12 +40,12 @@ class NeighbourService {
   // neighbour is looked for behind `interface` if that has a route to it, else where the system's
   // routes point. An own address gives the MAC address of its interface, a broadcast address
   // ff:ff:ff:ff:ff:ff, a multicast address the mapped one (RFC 1112).
-  virtual NeighbourReply ResolveNeighbour(const IPv4Address& target,
+  virtual NeighbourReply ResolveNeighbour(const Ipv4Address& target,
                                           const std::string& interface) = 0;
 
   // The next hop of the best route from `source` (0.0.0.0: any) to `target`, preferring routes
   // through `interface`; 0.0.0.0 when the target is on the link. Nothing without a route.
-  virtual std::optional<IPv4Address> BestRoute(const IPv4Address& target, const IPv4Address& source,
+  virtual std::optional<Ipv4Address> BestRoute(const Ipv4Address& target, const Ipv4Address& source,
                                                const std::string& interface) = 0;
 };
 

@@ -12,11 +12,11 @@
 namespace ipplayout::platform {
 namespace {
 
-constexpr IPv4Address kAnyAddress{};
+constexpr Ipv4Address kAnyAddress{};
 
 struct Lookup {
-  IPv4Address target;
-  IPv4Address source = kAnyAddress;
+  Ipv4Address target;
+  Ipv4Address source = kAnyAddress;
   unsigned interface_index = 0;  // 0: any
   // Ask for the routing table's entry rather than for the decision. The decision never fails for a
   // given interface: without an entry the kernel takes every target for a neighbour.
@@ -41,7 +41,7 @@ std::optional<Route> ParseRoute(const nlmsghdr& message) {
   }
   route.interface_index = attributes.Number(RTA_OIF, 0);
   const auto gateway = attributes.Bytes(RTA_GATEWAY);
-  if (gateway.size() == sizeof(IPv4Address)) {
+  if (gateway.size() == sizeof(Ipv4Address)) {
     std::copy(gateway.begin(), gateway.end(), route.gateway.emplace().begin());
   }
   route.on_link = !route.gateway && attributes.Bytes(RTA_VIA).empty();
@@ -70,7 +70,7 @@ std::optional<Route> Ask(NetlinkSocket& kernel, const Lookup& lookup) {
 
 }  // namespace
 
-std::optional<Route> FindRoute(const IPv4Address& target, const IPv4Address& source,
+std::optional<Route> FindRoute(const Ipv4Address& target, const Ipv4Address& source,
                                const std::string& interface) {
   NetlinkSocket kernel(0);
   if (!kernel.IsOpen()) {

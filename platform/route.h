@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/address_text.h"
+#include "platform/addresses.h"
 
 namespace ipplayout::platform {
 
@@ -15,13 +15,13 @@ struct Route {
   unsigned interface_index = 0;
   bool on_link = true;  // the target itself is the neighbour
   // When not on link; nothing for a gateway that only has an IPv6 address.
-  std::optional<IPv4Address> gateway;
+  std::optional<Ipv4Address> gateway;
 };
 
 // Nothing when the target cannot be reached. `source` is an address of this machine, or 0.0.0.0 for
 // any. Routes through `interface` win where there are any; empty, or one without a route to the
 // target, leaves the choice to the system.
-std::optional<Route> FindRoute(const IPv4Address& target, const IPv4Address& source,
+std::optional<Route> FindRoute(const Ipv4Address& target, const Ipv4Address& source,
                                const std::string& interface);
 
 }  // namespace ipplayout::platform

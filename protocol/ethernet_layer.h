@@ -7,9 +7,9 @@
 //       12     2  EtherType, or the TPID of a tag
 #pragma once
 
-#include <array>
 #include <cstdint>
 
+#include "platform/addresses.h"
 #include "protocol/error_manager_base.h"
 #include "protocol/layer.h"
 #include "protocol/pdu.h"
@@ -17,8 +17,8 @@
 namespace ipplayout {
 
 struct EthernetFlowSpec {
-  std::array<std::uint8_t, 6> source{};
-  std::array<std::uint8_t, 6> destination{};
+  platform::MacAddress source{};
+  platform::MacAddress destination{};
   PDU ether_type{2};
   CErrorManagerBase* errors = nullptr;
 };

@@ -15,9 +15,9 @@
 //       20     4  router alert option (RFC 2113), only with protocol 2 (IGMP)
 #pragma once
 
-#include <array>
 #include <cstdint>
 
+#include "platform/addresses.h"
 #include "protocol/error_manager_base.h"
 #include "protocol/layer.h"
 #include "protocol/pdu.h"
@@ -27,8 +27,8 @@ namespace ipplayout {
 struct IpFlowSpec {
   std::uint8_t ttl = 0;
   std::uint32_t protocol = 0;  // low 8 bits sent
-  std::array<std::uint8_t, 4> source{};
-  std::array<std::uint8_t, 4> destination{};
+  platform::Ipv4Address source{};
+  platform::Ipv4Address destination{};
   std::uint8_t version = 0;
   std::uint8_t tos = 0;
   bool dont_fragment = false;

@@ -10,16 +10,14 @@
 //       24    16  destination address
 #pragma once
 
-#include <array>
 #include <cstdint>
 
 #include "ipplayout/ipplayout.h"
+#include "platform/addresses.h"
 #include "protocol/layer.h"
 #include "protocol/pdu.h"
 
 namespace ipplayout {
-
-using Ipv6Address = std::array<std::uint8_t, 16>;
 
 // Describes an IPv6 header. The payload length is carried but computed anew for every frame.
 class IPv6DataFlowSpecifier {
@@ -35,8 +33,8 @@ class IPv6DataFlowSpecifier {
   std::uint16_t PayloadLength() const { return payload_length_; }
   std::uint32_t NextHeader() const { return next_header_; }
   std::uint8_t HopLimit() const { return hop_limit_; }
-  const Ipv6Address& SourceAddress() const { return source_; }
-  const Ipv6Address& DestinationAddress() const { return destination_; }
+  const platform::Ipv6Address& SourceAddress() const { return source_; }
+  const platform::Ipv6Address& DestinationAddress() const { return destination_; }
 
  private:
   std::uint8_t version_;
@@ -45,8 +43,8 @@ class IPv6DataFlowSpecifier {
   std::uint16_t payload_length_;
   std::uint32_t next_header_;
   std::uint8_t hop_limit_;
-  Ipv6Address source_;
-  Ipv6Address destination_;
+  platform::Ipv6Address source_;
+  platform::Ipv6Address destination_;
 };
 
 class IPv6DataFlowOut final : public Layer {

@@ -2,6 +2,7 @@
 #include "protocol/replication_manager.h"
 
 #include <algorithm>
+#include <array>
 
 #include "platform/random.h"
 #include "protocol/big_endian.h"
@@ -21,7 +22,7 @@ void AddBigEndian(std::array<std::uint8_t, N>& value, const std::uint8_t* increm
 }
 
 template <>
-void AddBigEndian<16>(std::array<std::uint8_t, 16>& value, const std::uint8_t* increment) {
+void AddBigEndian<16>(platform::Ipv6Address& value, const std::uint8_t* increment) {
   const std::uint64_t old_low = LoadBigEndian<8>(value.data() + 8);
   const std::uint64_t low = old_low + LoadBigEndian<8>(increment + 8);
   const std::uint64_t carry = low < old_low ? 1 : 0;

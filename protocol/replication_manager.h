@@ -2,24 +2,24 @@
 // Turns one stream into several parallel ones whose header fields differ by configured steps.
 #pragma once
 
-#include <array>
 #include <cstdint>
 
 #include "ipplayout/ipplayout.h"
+#include "platform/addresses.h"
 
 namespace ipplayout {
 
 struct EthernetFields {
-  std::array<std::uint8_t, 6> destination_mac{};
-  std::array<std::uint8_t, 6> source_mac{};
+  platform::MacAddress destination_mac{};
+  platform::MacAddress source_mac{};
   std::uint32_t ether_type = 0;
 };
 
 struct IpFields {
   std::uint8_t tos = 0;
   std::uint8_t ttl = 0;
-  std::array<std::uint8_t, 4> destination{};
-  std::array<std::uint8_t, 4> source{};
+  platform::Ipv4Address destination{};
+  platform::Ipv4Address source{};
   std::uint32_t protocol = 0;
   std::uint32_t identification = 0;  // low 16 bits used
 };
@@ -29,8 +29,8 @@ struct Ipv6Fields {
   std::uint32_t flow_label = 0;
   std::uint8_t next_header = 0;
   std::uint8_t hop_limit = 0;
-  std::array<std::uint8_t, 16> destination{};
-  std::array<std::uint8_t, 16> source{};
+  platform::Ipv6Address destination{};
+  platform::Ipv6Address source{};
 };
 
 struct UdpFields {

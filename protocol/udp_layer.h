@@ -8,9 +8,9 @@
 //        6     2  checksum over the pseudo-header (RFC 768; RFC 8200 section 8.1) and the datagram
 #pragma once
 
-#include <array>
 #include <cstdint>
 
+#include "platform/addresses.h"
 #include "protocol/error_manager_base.h"
 #include "protocol/layer.h"
 #include "protocol/pdu.h"
@@ -20,10 +20,10 @@ namespace ipplayout {
 struct UdpSettings {
   std::uint32_t source_port = 0;       // low 16 bits used
   std::uint32_t destination_port = 0;  // low 16 bits used
-  std::array<std::uint8_t, 4> source_ip{};
-  std::array<std::uint8_t, 4> destination_ip{};
-  std::array<std::uint8_t, 16> source_ipv6{};
-  std::array<std::uint8_t, 16> destination_ipv6{};
+  platform::Ipv4Address source_ip{};
+  platform::Ipv4Address destination_ip{};
+  platform::Ipv6Address source_ipv6{};
+  platform::Ipv6Address destination_ipv6{};
   CErrorManagerBase* errors = nullptr;
   bool is_ipv4 = true;
 };

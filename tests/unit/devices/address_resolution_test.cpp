@@ -17,15 +17,15 @@
 namespace ipplayout {
 namespace {
 
-using platform::IPv4Address;
+using platform::Ipv4Address;
 using platform::NeighbourReply;
 using platform::NeighbourResult;
 
 constexpr MacAddress kOtherMac{0x02, 0, 0, 0, 0, 0x02};
 constexpr MacAddress kUnset{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 constexpr MacAddress kUntouched{9, 9, 9, 9, 9, 9};
-constexpr IPv4Address kOnSubnet{10, 1, 0, 77};
-constexpr IPv4Address kOffSubnet{192, 0, 2, 1};
+constexpr Ipv4Address kOnSubnet{10, 1, 0, 77};
+constexpr Ipv4Address kOffSubnet{192, 0, 2, 1};
 
 NeighbourReply Failed(int code) {
   return {static_cast<NeighbourResult>(code), 0, kUnset};
@@ -35,20 +35,20 @@ NeighbourReply Found(std::uint32_t length) {
 }
 
 struct FakeNeighbours final : platform::NeighbourService {
-  NeighbourReply ResolveNeighbour(const IPv4Address& /*target*/,
+  NeighbourReply ResolveNeighbour(const Ipv4Address& /*target*/,
                                   const std::string& /*interface*/) override {
     NeighbourReply reply = replies.front();
     replies.pop_front();
     return reply;
   }
-  std::optional<IPv4Address> BestRoute(const IPv4Address& /*target*/, const IPv4Address& source,
+  std::optional<Ipv4Address> BestRoute(const Ipv4Address& /*target*/, const Ipv4Address& source,
                                        const std::string& /*interface*/) override {
     source_asked = source;
-    return IPv4Address{10, 1, 0, 254};
+    return Ipv4Address{10, 1, 0, 254};
   }
 
   std::deque<NeighbourReply> replies;
-  std::optional<IPv4Address> source_asked;
+  std::optional<Ipv4Address> source_asked;
 };
 
 class AddressResolverTest : public testing::Test {
@@ -66,7 +66,7 @@ class AddressResolverTest : public testing::Test {
   }
 
   // What was printed and what went to the debugger, behind the result.
-  std::pair<bool, std::string> ResolveIPv4(const IPv4Address& target, int position = 0) {
+  std::pair<bool, std::string> ResolveIPv4(const Ipv4Address& target, int position = 0) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const bool result = resolver_.ResolveIPv4(target, mac_.data(), position);
@@ -79,7 +79,7 @@ class AddressResolverTest : public testing::Test {
       driver_.QueueReceived({});
     }
     driver_.QueueReceived(advertisement_);
-    const platform::IPv6Address target{0x20, 0x01, 0x0D, 0xB8, 0x99};
+    const platform::Ipv6Address target{0x20, 0x01, 0x0D, 0xB8, 0x99};
     return resolver_.SolicitNeighbour(target.data(), mac_.data(), 0);
   }
 
@@ -138,7 +138,7 @@ TEST_F(AddressResolverTest, EveryResultHasItsExplanation) {
 
 TEST_F(AddressResolverTest, GatewaysAreAskedForAndMayFailToo) {
   const struct {
-    IPv4Address target;
+    Ipv4Address target;
     int position;
     std::deque<NeighbourReply> replies;
     bool result;
@@ -161,7 +161,7 @@ TEST_F(AddressResolverTest, GatewaysAreAskedForAndMayFailToo) {
     EXPECT_TRUE(neighbours_.replies.empty());
     if (result) {
       EXPECT_EQ(neighbours_.source_asked,
-                position == 0 ? IPv4Address({10, 1, 0, 1}) : IPv4Address());
+                position == 0 ? Ipv4Address({10, 1, 0, 1}) : Ipv4Address());
     }
   }
 }
