@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 """What the documents promise: every recipe runs, every option is described and
 completed, every field of JSON exists."""
+"""What the documents promise: every recipe runs, every option is described and completed, every field of JSON exists."""
+import glob
 import json
 import os
 import re
@@ -155,6 +157,22 @@ class Json(PlayCase):
 
 
 class Descriptions(unittest.TestCase):
+    def test_what_documents_refer_to_exists(self):
+        folders = sorted(name for name in os.listdir(ROOT) if os.path.isdir(os.path.join(ROOT, name)) and name != "build")
+        pages = [name for name in os.listdir(ROOT) if name.endswith(".md")]
+        pages += [f"docs/{name}" for name in os.listdir(os.path.join(ROOT, "docs")) if name.endswith(".md")]
+        missing = set()
+        for page in pages:
+            text = text_of(page)
+            links = [os.path.join(os.path.dirname(page), link) for link in re.findall(r"\]\((?!\w+:)([^)#]+)", text)]
+            names = re.findall(rf"`((?:{'|'.join(map(re.escape, folders))})/[\w./-]*)", text)
+            for name in links + names:
+                # A class is named without its ending, a placeholder in capitals.
+                path = os.path.join(ROOT, name)
+                if not re.search(r"/[A-Z_]{2,}", name) and not os.path.exists(path) and not glob.glob(path + ".*"):
+                    missing.add((page, name))
+        self.assertEqual(missing, set())
+
     def test_man_page_has_every_option(self):
         page = text_of("docs", "man", "ipplay.1").replace("\\-", "-")
         commands = [[], ["play"], ["devices"], ["resolve"], ["measure"], ["demo"]]
