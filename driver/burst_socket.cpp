@@ -2,10 +2,11 @@
 #include "driver/burst_socket.h"
 
 #include <poll.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
+
+#include "platform/clock.h"
 
 namespace ipplayout {
 namespace {
@@ -13,9 +14,7 @@ namespace {
 using std::chrono::nanoseconds;
 
 void WaitUntilWritable(int descriptor, nanoseconds limit) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
-  const timespec time{static_cast<time_t>(seconds.count()),
-                      static_cast<long>((limit - seconds).count())};
+  const timespec time = platform::ToTimespec(limit);
   pollfd target{descriptor, POLLOUT, 0};
   ::ppoll(&target, 1, &time, nullptr);
 }

@@ -3,8 +3,6 @@
 
 #include <fcntl.h>
 #include <pcap.h>
-#include <poll.h>
-#include <time.h>
 
 #include <utility>
 
@@ -16,14 +14,6 @@ namespace {
 
 // After this time the kernel hands over a block that is not full. It is not what bounds a read.
 constexpr int kBlockTimeoutMs = 1;
-
-void WaitUntilReadable(int descriptor, std::chrono::nanoseconds limit) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
-  const timespec time{static_cast<time_t>(seconds.count()),
-                      static_cast<long>((limit - seconds).count())};
-  pollfd target{descriptor, POLLIN, 0};
-  ::ppoll(&target, 1, &time, nullptr);
-}
 
 // What the empty filter compiles to. The compiler ends the process when it finds no memory, so a
 // playout does without it.
@@ -106,11 +96,10 @@ std::optional<CapturedFrame> PcapCapture::NextFrame() {
     if (result == 1) {
       return CapturedFrame{header->ts.tv_sec, header->ts.tv_usec, {bytes, header->caplen}};
     }
-    const auto left = deadline - platform::MonotonicNow();
-    if (result < 0 || left <= std::chrono::nanoseconds::zero()) {
+    if (result < 0 || platform::MonotonicNow() >= deadline) {
       return std::nullopt;
     }
-    WaitUntilReadable(descriptor_, left);
+    platform::WaitUntilReadable(descriptor_, deadline);
   }
 }
 

@@ -2,6 +2,8 @@
 // The monotonic clock that everything in the library is timed by.
 #pragma once
 
+#include <time.h>
+
 #include <chrono>
 #include <cstdint>
 
@@ -12,5 +14,8 @@ std::chrono::nanoseconds MonotonicNow() noexcept;
 
 // Milliseconds since the same origin; seeds the pseudo-random generator and bounds receive waits.
 std::uint64_t MonotonicMilliseconds();
+
+// A span or a time as system calls take it.
+timespec ToTimespec(std::chrono::nanoseconds time);
 
 }  // namespace ipplayout::platform

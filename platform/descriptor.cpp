@@ -2,7 +2,13 @@
 #include "platform/descriptor.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/clock.h"
 
 namespace ipplayout::platform {
 namespace {
@@ -30,6 +36,18 @@ StandardNumbersTaken::StandardNumbersTaken() {
     if (taken.Get() >= kFirstAbove) {
       taken = Descriptor();
       return;
+    }
+  }
+}
+
+bool WaitUntilReadable(int descriptor, std::chrono::nanoseconds deadline) {
+  for (;;) {
+    const auto left = std::max(deadline - MonotonicNow(), std::chrono::nanoseconds::zero());
+    const timespec limit = ToTimespec(left);
+    pollfd target{descriptor, POLLIN, 0};
+    const int ready = ::ppoll(&target, 1, &limit, nullptr);
+    if (ready >= 0 || errno != EINTR) {
+      return ready == 1;
     }
   }
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <utility>
 
 namespace ipplayout::platform {
@@ -39,5 +40,8 @@ class StandardNumbersTaken {
  private:
   std::array<Descriptor, 3> taken_;
 };
+
+// False when `deadline` on the monotonic clock passed first. Signals do not end the wait.
+bool WaitUntilReadable(int descriptor, std::chrono::nanoseconds deadline);
 
 }  // namespace ipplayout::platform

@@ -3,10 +3,11 @@
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <climits>
+
+#include "platform/clock.h"
 
 namespace ipplayout::platform {
 namespace {
@@ -29,10 +30,7 @@ void FutexWait(const std::atomic<std::uint32_t>& word, std::uint32_t expected) {
 
 void FutexWaitUntil(const std::atomic<std::uint32_t>& word, std::uint32_t expected,
                     std::chrono::nanoseconds deadline) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(deadline);
-  timespec until{};
-  until.tv_sec = static_cast<time_t>(seconds.count());
-  until.tv_nsec = static_cast<long>((deadline - seconds).count());
+  const timespec until = ToTimespec(deadline);
   Wait(word, expected, &until);
 }
 

@@ -2,9 +2,7 @@
 #include "platform/netlink.h"
 
 #include <libmnl/libmnl.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -39,21 +37,6 @@ int CallHandler(const nlmsghdr* message, void* context) {
 
 void* ContextOf(const NetlinkSocket::Handler& handler) {
   return const_cast<NetlinkSocket::Handler*>(&handler);  // CallHandler makes it const again
-}
-
-// False when the deadline passed first.
-bool WaitUntilReadable(int descriptor, std::chrono::nanoseconds deadline) {
-  for (;;) {
-    const auto left = std::max(deadline - MonotonicNow(), std::chrono::nanoseconds::zero());
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-    const timespec limit{static_cast<time_t>(seconds.count()),
-                         static_cast<long>((left - seconds).count())};
-    pollfd target{descriptor, POLLIN, 0};
-    const int ready = ::ppoll(&target, 1, &limit, nullptr);
-    if (ready >= 0 || errno != EINTR) {
-      return ready == 1;
-    }
-  }
 }
 
 }  // namespace
