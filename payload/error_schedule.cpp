@@ -40,7 +40,7 @@ bool ErrorSchedule::Hits(std::uint64_t index) {
   }
   if (offset == 0) {
     base_ = index;
-    spares_drawn_ = count_ > range_ - count_;
+    spares_drawn_ = count_ > range_ - count_;  // whichever takes fewer draws
     Draw(spares_drawn_ ? range_ - count_ : count_);
   }
   return index - base_ < range_ && IsDrawn(index - base_) != spares_drawn_;
@@ -65,12 +65,14 @@ void ErrorSchedule::Draw(std::uint32_t wanted) {
       ++found;
     }
   }
+  // The generator had too few values: takes the lowest offsets that it left out ...
   while (found < wanted && prefix_ < kReachableOffsets) {
     if (!IsDrawn(prefix_)) {
       ++found;
     }
     ++prefix_;
   }
+  // ... and, beyond those that it can reach, where nothing is drawn, all that are still wanted.
   prefix_ += wanted - found;
 }
 

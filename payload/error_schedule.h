@@ -32,7 +32,8 @@ class ErrorSchedule {
   bool randomize_ = false;
   std::uint64_t base_ = 0;
   std::array<std::uint64_t, kReachableOffsets / 64 + 1> drawn_{};  // a bit per offset
-  // Every offset below this counts as drawn: fills up where the generator reaches too few.
+  // Every offset below this counts as drawn. Long ranges can want more datagrams than the generator
+  // has distinct values; the rest are then the first of the range, so that the count is kept.
   std::uint64_t prefix_ = 0;
   bool spares_drawn_ = false;  // the drawn offsets are the ones to leave alone
 };

@@ -17,7 +17,9 @@ enum {
 // Frames in a batch where bursts are off; with bursts it is the size of the burst. `bit_rate` is
 // that of the frames in bit/s, those of all copies.
 static inline uint32_t IPPlayoutBatchFrames(const ParametricSettings* shape, double bit_rate) {
-  const double paced_alone_to = 80e6;  // bit/s up to which frames leave one by one
+  // Up to this bit rate frames leave one by one, each at its own point of the grid: a full frame
+  // lasts 137 us or more, time enough for a wake-up. Above, ten frames share one.
+  const double paced_alone_to = 80e6;  // bit/s
   if (shape->JitterEnabled == IPPLAYOUT_ON) {
     return shape->JitterDistributionType == IPPLAYOUT_JITTER_SINE ? IPPLAYOUT_SINE_BATCH_FRAMES
                                                                   : IPPLAYOUT_BATCH_FRAMES;
