@@ -18,7 +18,8 @@ namespace ipplayout {
 bool ReadDottedDecimal(const char* text, std::uint8_t* bytes);
 
 // Works on the calling thread. `position` counts as DeviceIndex; one outside the list has no
-// addresses of its own and no gateway. ARP failures are told on standard error and standard output.
+// addresses of its own and no gateway. ARP failures are reported on standard error and
+// standard output.
 class AddressResolver {
  public:
   // None of the three is owned.

@@ -17,7 +17,8 @@ nanoseconds Difference(const FrameHeader& frame, const FrameHeader& first) {
 }
 
 // The pump has just written the headers on another processor: fetches the first ones side by side,
-// not one after the other. Most frames have the same length; for the rest it is in vain.
+// not one after the other. Assumes that all frames have the first one's length; a wrong guess only
+// wastes the fetch.
 void PrefetchHeaders(const SendQueue& queue) {
   constexpr std::size_t kMost = 16;
   const std::size_t stride = SendQueue::NextPosition(0, queue.At(0));

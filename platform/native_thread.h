@@ -43,7 +43,7 @@ class NativeThread {
 // False when it refuses.
 bool UseFinestTimerSlack();
 
-// The calling thread has been told to leave the processor to others.
+// Whether the calling thread has a nice value above 0, and so leaves the processor to others.
 bool IsNice();
 
 // Drops the calling thread's capabilities but for those to change user and groups. Workers need

@@ -14,8 +14,8 @@ namespace {
 // kShortWait asleep is likely to end within kLongestSpin when it is spun through.
 constexpr std::chrono::microseconds kLongestSpin{50};
 constexpr std::chrono::microseconds kShortWait{100};
-// After a spin in vain, so that at steady long waits less than a hundredth of the time is spun
-// away.
+// Sleeps after a spin that did not pay off, so that steady long waits spend less than a hundredth
+// of their time spinning.
 constexpr std::uint32_t kSleepsAfterVainSpin = 64;
 
 }  // namespace

@@ -11,7 +11,7 @@ constexpr std::uint32_t kDestinationPortOffset = 2;
 constexpr std::uint32_t kLengthOffset = 4;
 constexpr std::uint32_t kChecksumOffset = 6;
 
-// In the pseudo-header this is UDP even where the IP header is told to claim another protocol.
+// The pseudo-header has UDP's number even where the IP header is set to claim another protocol.
 constexpr std::uint8_t kUdpProtocol = 17;
 
 constexpr std::uint32_t kIpv4PseudoHeaderLength = 12;

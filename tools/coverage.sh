@@ -1,7 +1,7 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# What the tests reach, by line and branch: build/coverage/coverage.txt, and coverage.html beside it.
-# Branches that only an exception takes are left out.
+# Test coverage by line and branch: build/coverage/coverage.txt, and coverage.html beside it.
+# Branches that only exceptions take are not counted.
 #
 # usage: tools/coverage.sh [CTEST OPTION...]
 set -euo pipefail
@@ -15,14 +15,14 @@ build coverage
 find build/coverage -name '*.gcda' -delete
 ctest --parallel 2 --test-dir build/coverage --no-tests=error --output-on-failure --progress "$@"
 
-# The objects of the tests themselves are not looked at.
+# The tests' own objects do not count.
 gcovr --root . --filter '(control|driver|payload|platform|protocol|transmit|host)/' \
   --exclude-throw-branches --exclude-unreachable-branches --gcov-ignore-parse-errors \
   --txt build/coverage/coverage.txt --json-summary build/coverage/coverage.json \
   --html-details build/coverage/coverage.html \
   build/coverage/CMakeFiles/ipplayout_objects.dir build/coverage/host
 
-# A line for each folder, with what its files have together.
+# A line for each folder, with the sums of its files.
 python3 - build/coverage/coverage.json <<'END'
 import collections, json, sys
 folders = collections.defaultdict(lambda: [0, 0, 0, 0])

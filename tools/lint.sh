@@ -1,6 +1,6 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# Looks for faults in all of our code without running it, and at how it is written.
+# Static analysis and style checks of all our code.
 #
 # usage: tools/lint.sh [format | python | shell | cppcheck | clang-tidy [FILE...]]
 # without an argument: all of it, over everything
@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/setup.sh
 
-# Without git, which a machine need not have, nor a release's folder a repository.
+# Does not use git: the machine may not have it, and a release's folder is no repository.
 sources() {
   find . -path './build*' -prune -o \( -name '*.cpp' -o -name '*.c' \) "$@" -print | sort
 }

@@ -1,16 +1,16 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash disable=SC2034  # the lists are for those who source this
-# Sourced by demo.sh and test.sh: what they need of the system, and how they build.
+# Sourced by demo.sh and test.sh: the packages that they need, and how they build.
 
-# What it takes to configure a preset and to build all of it.
+# To configure a preset and build all of it.
 build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libbitstream-dev libcli11-dev libfmt-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
-# What plays the far side of the wire: namespaces, capture, dissector, decoder.
+# For the far side of the wire: namespaces, capture, dissector, decoder.
 wire_packages=(iproute2 tshark ffmpeg)
-# What the tests of ipplay take besides: its documents, its packages, rights for a single program,
+# For the tests of ipplay besides: its documents, its packages, rights for a single program,
 # the fuzzer, and the checkers of models and of code.
 test_packages=(groff-base dpkg-dev file libcap2-bin patchelf clang libclang-rt-14-dev spin cppcheck clang-format flake8 shellcheck)
-# What tools/lint.sh and tools/coverage.sh take besides.
+# For tools/lint.sh and tools/coverage.sh besides.
 lint_packages=(cppcheck clang-format clang clang-tidy flake8 shellcheck)
 coverage_packages=(gcovr)
 
@@ -50,7 +50,7 @@ need_packages() {
   rm -f "$log"
 }
 
-# build PRESET [TARGET...]: configures and builds; what the tools say is shown if they fail.
+# build PRESET [TARGET...]: configures and builds; shows the tools' output if they fail.
 build() {
   local preset=$1 log
   shift

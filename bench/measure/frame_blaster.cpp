@@ -84,7 +84,7 @@ std::vector<std::uint8_t> MakeFrame(std::size_t index, std::size_t ts_packets) {
   return frame;
 }
 
-// Writes the sequence number and mends the checksum for it (RFC 1624).
+// Writes the sequence number and updates the checksum for it (RFC 1624).
 void Number(std::vector<std::uint8_t>& frame, std::uint16_t checksum_of_zero,
             std::uint16_t sequence_number) {
   std::uint32_t sum =

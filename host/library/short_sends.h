@@ -34,8 +34,8 @@ struct SentInBatches {
   std::optional<std::uint64_t> frames{};  // of all batches; nothing where it is not known
 };
 
-// Frames of these batches that were not sent: the last one is the rest of the run where there was
-// one. At least so many where the number of all frames is not known.
+// Frames of these batches that were not sent. The last batch is the rest of the run, if there was
+// one. A lower bound where the number of all frames is not known.
 std::uint64_t UnsentFrames(std::span<const std::uint64_t> bytes_sent, const SentInBatches& run);
 
 }  // namespace ipplay

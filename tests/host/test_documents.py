@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
 """What the documents promise: every recipe runs, every option is described and
 completed, every field of JSON exists."""
-"""What the documents promise: every recipe runs, every option is described and completed, every field of JSON exists."""
 import glob
 import json
 import os

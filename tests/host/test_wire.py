@@ -62,7 +62,7 @@ class Rates(PlayCase):
                 self.assertAlmostEqual(bits / seconds / rate, 1, delta=0.02)
 
     def test_rtp_time_is_90_khz_of_the_stream(self):
-        """A stream of a known rate is a clock: so many bits are so many ticks, whatever the packet size."""
+        """A stream of a known rate is a clock: each bit lasts equally many ticks, whatever the packet size."""
         for options in ((), ("--frame-size", "1500"), ("--frame-size", "1100", "--cut"), ("--vlan", "7"),
                         ("--ts-per-datagram", "1"), ("--copies", "2", "--step", "dst-port=2")):
             with self.subTest(options):

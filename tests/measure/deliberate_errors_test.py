@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Errors that ipplay is told to make are found by ipplay measure at the other end, to the last one.
+"""ipplay measure finds every error that ipplay is ordered to make, to the last one.
 
 Both run on a veth pair between two namespaces. What there is to find follows from the order alone.
 """

@@ -72,7 +72,7 @@ class Network(unittest.TestCase):
         self.bed.far.run("sh", "-ec", script)
 
     def resolve(self, *targets, **more):
-        """What resolve gives, the frames that it sent, the error codes that it told of."""
+        """What resolve gives, the frames that it sent, the error codes that it reported."""
         outcome = self.bed.run(lambda library: resolve(library, *targets, **more))
         errors = outcome.errors.split("Error: SendArp failed with error: ")[1:]
         return outcome.value, [frame[12:14] for frame in outcome.frames], list(map(int, errors))

@@ -73,7 +73,7 @@ TIMINGS = {
                            "JitterPeriod": 100.0},
     "rate out of reach": {"IPBitRate": 4000.0},
     "primed to four fifths": {"PlayFileSizeForIP": 25 * 1316},
-    "told of more than comes": {"PlayFileSizeForIP": 1 << 40},
+    "announced more than it writes": {"PlayFileSizeForIP": 1 << 40},
     "threads": {"PlayerThreadPriority": 0},
 }
 

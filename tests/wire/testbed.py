@@ -111,7 +111,7 @@ class Capture:
             except BlockingIOError:
                 return
             except OSError as error:
-                if error.errno != errno.ENETDOWN:  # told once; frames come again when it is up
+                if error.errno != errno.ENETDOWN:  # reported once; frames come again when it is up
                     raise
                 continue
             if address[2] == PACKET_OUTGOING:

@@ -73,7 +73,7 @@ class AddressResolverTest : public testing::Test {
     const std::string printed = testing::internal::GetCapturedStdout();
     return {result, printed + testing::internal::GetCapturedStderr()};
   }
-  // Behind so many reads in vain.
+  // The reply comes after this many reads without one.
   bool SolicitNeighbour(int empty_reads) {
     for (int i = 0; i < empty_reads; ++i) {
       driver_.QueueReceived({});
@@ -129,8 +129,8 @@ TEST_F(AddressResolverTest, EveryResultHasItsExplanation) {
   };
   for (const auto& [code, text] : rows) {
     neighbours_.replies = {Failed(code)};
-    const std::string told = "Error: SendArp failed with error: " + std::to_string(code);
-    EXPECT_EQ(ResolveIPv4(kOnSubnet), std::pair(false, text + told));
+    const std::string report = "Error: SendArp failed with error: " + std::to_string(code);
+    EXPECT_EQ(ResolveIPv4(kOnSubnet), std::pair(false, text + report));
   }
   EXPECT_EQ(mac_, kUntouched);
   EXPECT_FALSE(neighbours_.source_asked);  // no gateway for a neighbour
