@@ -79,6 +79,11 @@ class EndWatch {
     return !waiting || now - over_since_ > kLongestDrain;
   }
 
+  // What was waited for to end the run is no fault of the traffic.
+  bool EndedBySilence() const {
+    return ended_by_silence_ || sender_end_ != Clock::time_point::max();
+  }
+
  private:
   bool TimeIsOver(Clock::time_point now) {
     if (options_.sender_ended && options_.sender_ended()) {
@@ -91,10 +96,12 @@ class EndWatch {
     if (frames_ == 0) {
       return options_.wait && now - first_ > *options_.wait;
     }
-    return options_.silence && now - last_ > *options_.silence;
+    ended_by_silence_ = options_.silence && now - last_ > *options_.silence;
+    return ended_by_silence_;
   }
 
   const MeasureOptions& options_;
+  bool ended_by_silence_ = false;
   std::uint64_t frames_ = 0;
   Clock::time_point first_ = Clock::now();  // of the first frame; until then, of the start
   Clock::time_point last_;
@@ -138,7 +145,8 @@ class MeasureRun {
           Failure{ExitStatus::kFailed, fmt::format("the link of {} is down", options_.source)};
     }
     // Of a pipe or a file only the frames say what time it is, and an adapter's clock is its own.
-    const bool by_clock = source_.IsLive() && !options_.capture.adapter_time_stamps;
+    const bool by_clock =
+        source_.IsLive() && !options_.capture.adapter_time_stamps && !ended_by_silence_;
     measurement_.Finish(by_clock ? std::optional(WallClockNs()) : std::nullopt);
     return failure;
   }
@@ -179,6 +187,7 @@ class MeasureRun {
       DrawWhenDue(now);
     }
     source_.WhileWaiting([] { return true; });  // the stop is looked at in any case
+    ended_by_silence_ = end.EndedBySilence();
     return std::nullopt;
   }
 
@@ -227,6 +236,7 @@ class MeasureRun {
 
   const MeasureOptions& options_;
   CaptureSource source_;
+  bool ended_by_silence_ = false;
   Measurement measurement_;
   LiveView view_;
   LinkWatch link_;
