@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "frame_builder.h"
@@ -212,6 +213,44 @@ TEST(Report, IsOnePageThatNeedsNothingElseAndTrustsNoText) {
   EXPECT_NE(page.find("&quot;&lt;b&gt;"), std::string::npos);
   for (const char* foreign : {"<script", "http:", "https:", "src=", "@import", "nan", "inf\""}) {
     EXPECT_EQ(page.find(foreign), std::string::npos) << foreign;
+  }
+}
+
+// Nine streams of a frame each 20 ms; the last one pauses from 4 s to 7 s.
+TEST(Report, ShowsTheWorstStreamFirstAndItsHoleAsOne) {
+  constexpr std::uint32_t kStreams = 9;
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 500; ++i) {
+    for (std::uint32_t ssrc = 1; ssrc <= kStreams; ++ssrc) {
+      if (ssrc == kStreams && i >= 200 && i < 350) {
+        continue;
+      }
+      const Bytes frame = UdpFrame(RtpPacket({.sequence_number = i, .ssrc = ssrc}, TsPayload(0)));
+      measurement.Add(LinkType::kEthernet, {i * 20 * kMs + ssrc, {frame, frame.size()}});
+    }
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  const std::string page = ReportHtml({summary, measurement, {}, {}, ""});
+  std::vector<std::string> sections;
+  for (std::size_t at = page.find("<details"); at != std::string::npos;) {
+    const std::size_t next = page.find("<details", at + 1);
+    sections.push_back(page.substr(at, next - at));
+    at = next;
+  }
+  ASSERT_EQ(sections.size(), 8U);
+  for (std::size_t i = 0; i < sections.size(); ++i) {
+    const bool is_worst = i == 0;
+    EXPECT_EQ(sections[i].find("SSRC 00000009</h2>") != std::string::npos, is_worst);
+    EXPECT_EQ(sections[i].find("class=\"out\"") != std::string::npos, is_worst);
+    const std::size_t line = sections[i].find("class=\"l1\" d=\"");  // rate over time
+    const std::string path = sections[i].substr(line, sections[i].find("/>", line) - line);
+    EXPECT_EQ(std::ranges::count(path, 'M'), is_worst ? 2 : 1) << path;
+  }
+  // Whatever the terminal says of a stream.
+  for (const FigureLine& figure : FigureLines(summary.streams.at(kStreams - 1))) {
+    EXPECT_TRUE(figure.name == "TR 101 290" || sections[0].find(figure.text) != std::string::npos)
+        << figure.text;
   }
 }
 

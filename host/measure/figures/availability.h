@@ -8,8 +8,8 @@ namespace ipplay::measure {
 
 class Availability {
  public:
-  // So many severely errored seconds in a row begin unavailable time, and so many others end it;
-  // those ten belong to what they begin (G.826, annex A).
+  // Ten severely errored seconds in a row begin unavailable time, and ten others end it; those ten
+  // belong to what they begin (G.826, annex A).
   static constexpr std::uint64_t kSecondsToTurn = 10;
 
   struct Second {

@@ -15,7 +15,7 @@ namespace ipplay::measure {
 class EventLog : public EventSink {
  public:
   static constexpr std::size_t kKinds = static_cast<std::size_t>(EventKind::kLink) + 1;
-  // Of each kind so many of the first and so many of the last events.
+  // The first and the last events of each kind, this many of both.
   static constexpr std::size_t kKeptAtEachEnd = 100;
 
   void Report(const Event& event) override;

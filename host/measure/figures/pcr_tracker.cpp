@@ -14,7 +14,7 @@ constexpr double kNsPerTick = 1000.0 / 27.0;
 constexpr double kTicksPerSecond = 27e6;
 constexpr std::uint64_t kFewest =
     3;  // points whose distance from a line of their own says something
-// One in so many steps must be without missing packets for the rate to be known.
+// For the rate to be known, one step in this many must be without missing packets.
 constexpr std::int64_t kWholeShare = 16;
 // A PCR further behind is the first of a new clock.
 constexpr std::int64_t kLatestTicks = 27'000'000;

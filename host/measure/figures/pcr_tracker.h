@@ -32,8 +32,7 @@ class PcrTracker {
   // ETSI TR 101 290, 5.2.2, 2.3.a and 2.3.b.
   static constexpr std::int64_t kLongestRepetitionNs = 40'000'000;
   static constexpr std::int64_t kLargestStepTicks = 27'000'000 / 10;
-  // A PCR that does not come is told by its arrival alone, which the network moves: ISO/IEC
-  // 13818-1, 2.7.2.
+  // A missing PCR shows by arrival times alone, which the network moves: ISO/IEC 13818-1, 2.7.2.
   static constexpr std::int64_t kOverdueNs = 100'000'000;
   // ISO/IEC 13818-1, 2.4.2.2: 500 ns to either side [2.4].
   static constexpr double kAccuracyNs = 1000;

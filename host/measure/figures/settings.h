@@ -23,7 +23,7 @@ struct MeasurementSettings {
   bool analyse_ts = true;
   std::shared_ptr<ExpectedContent> expected{};  // null: payload is not compared
   std::size_t max_streams = 20'000;
-  // What comes after so many UDP frames, or so long after the first one, is not looked at.
+  // The measurement ends after this number of UDP frames, or this long after the first one.
   std::optional<std::uint64_t> max_frames{};
   std::optional<std::int64_t> max_duration_ns{};
   std::size_t plotted_streams = 256;  // how many keep a history, of at most 50 KiB

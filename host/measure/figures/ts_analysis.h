@@ -22,8 +22,8 @@ struct TsCounters {
   std::uint64_t packets = 0;
   std::uint64_t null_packets = 0;
   std::uint64_t scrambled_packets = 0;
-  std::uint64_t missing_packets = 0;  // at least so many, by the continuity counters as gaps showed
-  std::uint64_t late_packets = 0;     // of the missing ones; they came behind later ones
+  std::uint64_t missing_packets = 0;    // the fewest, by the continuity counters as gaps showed
+  std::uint64_t late_packets = 0;       // of the missing ones; they came behind later ones
   std::uint64_t continuity_errors = 0;  // [5.2.1, 1.4]
   std::uint64_t pat_errors = 0;         // table interval, foreign table or scrambled [1.3.a]
   std::uint64_t pmt_errors = 0;         // table interval or scrambled [1.5.a]

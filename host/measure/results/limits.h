@@ -24,7 +24,7 @@ struct LimitKind {
   const char* what;  // what it limits, as the help says it
   // The measured value, worst stream or sum; none where it could not be measured.
   std::optional<double> (*measured)(const Summary& summary);
-  // Frames that the capture dropped make it worse than it was.
+  // Frames that the capture dropped make it look worse than on the wire.
   bool spoiled_by_drops;
   LooksAt looks_at = LooksAt::kFrames;
 };
