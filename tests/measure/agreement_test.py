@@ -270,7 +270,7 @@ class Limits(unittest.TestCase):
     def test_each_limit_is_of_its_figure(self):
         """Met at the figure, and not one unit below; no two figures are alike."""
         playout = Playout(jitter_ns=50_000, lose={500, 501}, delay={100: 3, 200: 1, 300: 9, 400: 20},
-                          double={50, 60, 70})
+                          double={50, 60, 70, 80, 90})
         stream = transport_stream(7000, bit_rate=10_000_019)  # PCRs are rounded
         playout.payloads = lambda: [stream[at:at + 1316] for at in range(0, len(stream), 1316)]
         write_pcap(self.path, playout.capture())
