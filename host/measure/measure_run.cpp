@@ -166,11 +166,11 @@ class MeasureRun {
 
  private:
   std::optional<Failure> TakeFrames() {
-    EndWatch end(options_);
-    source_.WhileWaiting([&] {
+    EndWatch& end = end_.emplace(options_);
+    source_.WhileWaiting([this] {
       const auto now = Clock::now();
       DrawWhenDue(now);
-      return !end.IsOver(now, measurement_, false);
+      return !end_->IsOver(now, measurement_, false);
     });
     while (StopSignals::Came() == 0 && !measurement_.IsComplete()) {
       const auto now = Clock::now();
@@ -236,6 +236,7 @@ class MeasureRun {
 
   const MeasureOptions& options_;
   CaptureSource source_;
+  std::optional<EndWatch> end_;
   bool ended_by_silence_ = false;
   Measurement measurement_;
   LiveView view_;

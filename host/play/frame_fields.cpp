@@ -15,10 +15,10 @@ namespace {
 
 constexpr std::uint8_t kUdpProtocol = 17;
 
-using Bytes = std::vector<std::uint8_t>;
+using Octets = std::vector<std::uint8_t>;
 
 // RFC 1071.
-std::uint16_t Checksum(const Bytes& bytes) {
+std::uint16_t Checksum(const Octets& bytes) {
   return static_cast<std::uint16_t>(~OnesComplementSum(bytes));
 }
 
@@ -121,7 +121,7 @@ void WriteIPv4(FieldWriter& write, const IPPlayParams& params, std::uint32_t udp
   if (router_alert) {
     write.Hex("IPv4 router alert", 0x94040000, 4);
   }
-  Bytes header;
+  Octets header;
   write.AppendFrom(first, header);
   write.SetChecksum(checksum, Checksum(header));
 }
@@ -158,9 +158,9 @@ void WriteRtp(FieldWriter& write, const RTPHeaderSettings& rtp) {
 }
 
 // RFC 768 and, for IPv6, RFC 8200 section 8.1.
-Bytes PseudoHeader(const IPPlayParams& params, std::uint32_t udp_bytes) {
+Octets PseudoHeader(const IPPlayParams& params, std::uint32_t udp_bytes) {
   const ProtocolHeadersSettings& h = params.ProtocolHeadersSettings;
-  Bytes header;
+  Octets header;
   const auto append = [&header](const auto& bytes) {
     header.insert(header.end(), std::begin(bytes), std::end(bytes));
   };
@@ -201,7 +201,7 @@ std::vector<FrameField> FirstFrameFields(const IPPlayParams& params, bool destin
     WriteRtp(write, h.RTPHeaderSettings);
   }
 
-  Bytes summed = PseudoHeader(params, udp_bytes);
+  Octets summed = PseudoHeader(params, udp_bytes);
   write.AppendFrom(udp, summed);
   summed.insert(summed.end(), payload.begin(), payload.end());
   // RFC 768: 0 says that there is no checksum, so a sum of 0 is sent as its other form.

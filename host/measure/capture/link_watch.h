@@ -24,7 +24,7 @@ class LinkWatch {
   unsigned index_;
   FileDescriptor socket_;
   bool up_ = true;
-  alignas(8) char buffer_[16384];
+  alignas(8) char buffer_[16384] = {};
   char* next_ = buffer_;
   std::size_t left_ = 0;  // bytes of notices from `next_` on
 };

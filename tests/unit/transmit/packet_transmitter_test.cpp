@@ -71,6 +71,7 @@ class PacketTransmitterTest : public testing::Test {
         EXPECT_TRUE(interface_.Send(frame));
       }
     };
+    // cppcheck-suppress danglingLifetime ; taken away again below
     driver_.on_sent = [&](const SentFrame&) {
       while (left_ % frames_per_batch == 0 && built < batches * frames_per_batch &&
              interface_.HasRoom()) {
@@ -87,6 +88,7 @@ class PacketTransmitterTest : public testing::Test {
     build();
     EXPECT_TRUE(transmitter_.Start());
     transmitter_.WaitUntilFinished();
+    driver_.on_sent = nullptr;
     return TimesFrom(first);
   }
   void Prepare(std::uint32_t frames_per_batch) {
