@@ -10,26 +10,36 @@ namespace ipplayout {
 namespace {
 
 TEST(DatagramLayoutTest, BatchesFollowFromRateJitterAndBursts) {
-  const struct {
-    double mbit;
-    std::int32_t replication;
-    std::uint32_t jitter;
-    std::uint32_t distribution;
-    std::uint32_t burst;
-    std::uint32_t frames;
-  } cases[] = {
-      {80, 0, 0, 0, 0, 1},  {80.001, 0, 0, 0, 0, 10}, {40, 1, 0, 0, 0, 1},  {50, 1, 0, 0, 0, 10},
-      {50, -3, 0, 0, 0, 1}, {1, 0, 1, 0, 0, 10},      {1, 0, 1, 3, 0, 200}, {1, 0, 0, 3, 0, 1},
-      {1, 0, 2, 3, 0, 1},   {500, 0, 1, 3, 1, 77},    {1, 0, 0, 0, 1, 77},  {1, 0, 0, 0, 2, 1},
+  struct Case {
+    double mbit = 1;
+    std::int32_t replication = 0;
+    std::uint32_t jitter = 0;
+    std::uint32_t pattern = 0;
+    std::uint32_t burst = 0;
+    std::uint32_t frames = 0;
   };
-  for (const auto& c : cases) {
+  const Case cases[] = {
+      {.mbit = 80, .frames = 1},
+      {.mbit = 80.001, .frames = 10},
+      {.mbit = 40, .replication = 1, .frames = 1},
+      {.mbit = 50, .replication = 1, .frames = 10},
+      {.mbit = 50, .replication = -3, .frames = 1},
+      {.jitter = 1, .frames = 10},
+      {.jitter = 1, .pattern = 3, .frames = 200},
+      {.pattern = 3, .frames = 1},
+      {.jitter = 2, .pattern = 3, .frames = 1},
+      {.mbit = 500, .jitter = 1, .pattern = 3, .burst = 1, .frames = 77},
+      {.burst = 1, .frames = 77},
+      {.burst = 2, .frames = 1},
+  };
+  for (const Case& c : cases) {
     PlayoutSettings settings{};
     settings.IPBitRate = c.mbit;
     settings.params.ReplicationCount = c.replication;
     settings.parametric.JitterEnabled = c.jitter;
-    settings.parametric.JitterDistributionType = c.distribution;
+    settings.parametric.JitterDistributionType = c.pattern;
     settings.parametric.BurstMode = c.burst;
-    EXPECT_EQ(PacketsPerQueue(settings, 77), c.frames) << c.mbit << ", " << c.distribution;
+    EXPECT_EQ(PacketsPerQueue(settings, 77), c.frames) << c.mbit << ", " << c.pattern;
   }
 }
 

@@ -94,43 +94,73 @@ TEST_F(PlayoutTest, ShortPlayoutsLoseNothingInAnyMode) {
 
 // Frames of 10,960 bits. Gaps and offsets are cut to whole microseconds.
 TEST_F(PlayoutTest, AStartLoadsWhatTimesTheFrames) {
-  const struct {
-    double mbit;
-    std::int32_t copies;
-    ParametricSettings parametric;  // burst: mode, type, period, size; jitter: on, period; pattern
-    std::size_t frames;             // in a batch
-    std::vector<int> first;         // their time stamps in the first one
-    std::int32_t type;              // of jitter, as the parametric manager knows it
-  } cases[] = {
-      {50, 0, {}, 1, {0}, 3},
-      {100, 0, {}, 10, {0, 109, 218, 327}, 3},
-      {50, 1, {}, 10, {0, 109, 218, 327}, 3},
-      // Square, by 50.75 us up and down.
-      {50, 0, {0, 0, 0, 0, 0, 1, 101.5F, 0, 0}, 10, {0, 169, 438, 607, 876}, 3},
-      {100, 0, {0, 0, 0, 0, 0, 2, 101.5F, 0, 0}, 10, {0, 109, 218, 327}, 3},
-      {50, 0, {0, 0, 0, 0, 0, 1, 0, 0, 1}, 10, {0, 219, 438, 657}, 1},
-      {50, 0, {0, 0, 0, 0, 0, 1, 0, 0, 2}, 10, {0, 219, 438, 657}, 0},
-      // 219.2 us by the sines of 0.06286, 0.12571 and 0.18857.
-      {50, 0, {0, 0, 0, 0, 0, 1, 100, 0, 3}, 200, {0, 232, 478, 738}, 2},
-      {50, 0, {0, 0, 0, 0, 0, 1, 100, 0, 4}, 10, {0, 219, 438, 657}, -1},
-      // 10 ms of one stream are 45.6 frames.
-      {50, 1, {1, 0, 10, 3, 0, 0, 0, 0, 0}, 45, {0, 0, 0, 0}, 3},
-      {50, 1, {1, 2, 10, 3, 0, 0, 0, 0, 0}, 45, {0}, 3},
-      {50, 1, {1, 1, 10, 3, 0, 0, 0, 0, 0}, 3, {0}, 3},
-      {50, 0, {1, 9, 0, 5, 0, 1, 101.5F, 0, 0}, 5, {0, 0, 101, 101, 202}, 3},
-      {100, 0, {2, 1, 0, 5, 0, 0, 0, 0, 0}, 10, {0, 109, 218, 327}, 3},
+  struct Case {
+    double mbit = 50;
+    std::uint32_t protocol = 1;
+    std::int32_t copies = 0;
+    std::uint32_t burst = 0;
+    std::uint32_t burst_by = 0;
+    std::uint32_t burst_ms = 0;
+    std::uint32_t burst_size = 0;
+    std::uint32_t jitter = 0;
+    float period = 0;
+    std::uint32_t pattern = 0;
+    std::size_t frames = 0;  // in a batch
+    std::vector<int> first;  // their time stamps in the first one
+    std::int32_t type = 3;   // of jitter, as the parametric manager knows it
   };
-  for (const auto& c : cases) {
+  const Case cases[] = {
+      {.frames = 1, .first = {0}},
+      {.mbit = 100, .frames = 10, .first = {0, 109, 218, 327}},
+      {.copies = 1, .frames = 10, .first = {0, 109, 218, 327}},
+      // Square, by 50.75 us up and down.
+      {.jitter = 1, .period = 101.5F, .frames = 10, .first = {0, 169, 438, 607, 876}},
+      {.mbit = 100, .jitter = 2, .period = 101.5F, .frames = 10, .first = {0, 109, 218, 327}},
+      {.jitter = 1, .pattern = 1, .frames = 10, .first = {0, 219, 438}, .type = 1},
+      {.jitter = 1, .pattern = 2, .frames = 10, .first = {0, 219, 438}, .type = 0},
+      // 219.2 us by the sines of 0.06286, 0.12571 and 0.18857.
+      {.jitter = 1,
+       .period = 100,
+       .pattern = 3,
+       .frames = 200,
+       .first = {0, 232, 478, 738},
+       .type = 2},
+      {.jitter = 1, .period = 100, .pattern = 4, .frames = 10, .first = {0, 219, 438}, .type = -1},
+      // 10 ms of one stream are 45.6 frames.
+      {.copies = 1, .burst = 1, .burst_ms = 10, .burst_size = 3, .frames = 45, .first = {0, 0, 0}},
+      {.burst = 1, .burst_by = 2, .burst_ms = 10, .burst_size = 3, .frames = 45, .first = {0}},
+      {.burst = 1, .burst_by = 1, .burst_ms = 10, .burst_size = 3, .frames = 3, .first = {0}},
+      {.burst = 1,
+       .burst_by = 9,
+       .burst_size = 5,
+       .jitter = 1,
+       .period = 101.5F,
+       .frames = 5,
+       .first = {0, 0, 101, 101, 202}},
+      {.mbit = 100, .burst = 2, .burst_by = 1, .burst_size = 5, .frames = 10, .first = {0, 109}},
+      // UDP alone: 10,864 bits.
+      {.mbit = 100, .protocol = 0, .frames = 10, .first = {0, 108, 216, 324}},
+  };
+  for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "case " << &c - cases);
-    Settings().parametric = c.parametric;
+    ParametricSettings& parametric = Settings().parametric;
+    parametric.BurstMode = c.burst;
+    parametric.BurstValueType = c.burst_by;
+    parametric.BurstPeriod = c.burst_ms;
+    parametric.BurstSize = c.burst_size;
+    parametric.JitterEnabled = c.jitter;
+    parametric.JitterPeriod = c.period;
+    parametric.JitterDistributionType = c.pattern;
+    Settings().params.ProtocolMode = c.protocol;
     Settings().params.ReplicationCount = c.copies;
     const std::size_t before = driver_.Stamps().size();
-    Play(c.mbit, 200);
-    const std::vector<int> batch = driver_.Stamps().at(before);
+    Play(c.mbit, c.copies == 0 ? 200 : 100);
+    std::vector<int> batch = driver_.Stamps().at(before);
     EXPECT_EQ(batch.size(), c.frames);
-    EXPECT_EQ(std::vector(batch.begin(), batch.begin() + static_cast<int>(c.first.size())),
-              c.first);
+    batch.resize(c.first.size());
+    EXPECT_EQ(batch, c.first);
     EXPECT_EQ(library_->parts.parametric.GetDistributionType(), c.type);
+    GetPlayout().Stop();
   }
 }
 

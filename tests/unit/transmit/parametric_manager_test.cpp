@@ -15,63 +15,66 @@ using Manager = CZebParametricManager;
 
 TEST(ParametricManagerTest, BurstCountFollowsFromPeriodOrSize) {
   constexpr std::uint32_t kMost = std::numeric_limits<std::uint32_t>::max();
-  const struct {
-    std::uint8_t burst_mode;
-    std::uint32_t value_type;
-    std::uint32_t period_ms;
-    std::uint32_t size;
-    std::uint32_t datagram_bytes;
-    double bit_rate;
-    std::uint32_t count;
-  } cases[] = {
-      {0, 0, 10, 7, 1358, 1e7, 1},
-      {1, 0, 10, 7, 1358, 1e7, 9},  // 100,000 bits of 10,864 each
-      {1, 0, 1, 7, 1358, 1e7, 1},   // 0.9: one at least
-      {1, 1, 10, 7, 1358, 1e7, 7},
-      {1, 1, 10, 0, 1358, 1e7, 1},
-      {1, 0, 4000000000, 7, 54, 1e12, kMost},
-      {1, 0, 10, 7, 0, 1e7, kMost},
+  struct Case {
+    std::uint8_t burst = 1;
+    std::uint32_t by = 0;
+    std::uint32_t period_ms = 10;
+    std::uint32_t size = 7;
+    std::uint32_t bytes = 1358;
+    double bit_rate = 1e7;
+    std::uint32_t count = 0;
   };
-  for (const auto& c : cases) {
+  const Case cases[] = {
+      {.burst = 0, .count = 1},
+      {.count = 9},                  // 100,000 bits of 10,864 each
+      {.period_ms = 1, .count = 1},  // 0.9: one at least
+      {.by = 1, .count = 7},
+      {.by = 1, .size = 0, .count = 1},
+      {.period_ms = 4000000000, .bytes = 54, .bit_rate = 1e12, .count = kMost},
+      {.bytes = 0, .count = kMost},
+  };
+  for (const Case& c : cases) {
     Manager manager;
-    manager.SetBurstMode(c.burst_mode);
-    manager.SetBurstValueType(c.value_type);
+    manager.SetBurstMode(c.burst);
+    manager.SetBurstValueType(c.by);
     manager.SetBurstPeriod(c.period_ms);
     manager.SetBurstSize(c.size);
-    EXPECT_TRUE(manager.ComputeBurstCount(c.datagram_bytes, c.bit_rate));
+    EXPECT_TRUE(manager.ComputeBurstCount(c.bytes, c.bit_rate));
     EXPECT_EQ(manager.GetBurstCount(), c.count);
     manager.SetBurstMode(1);
     manager.SetBurstValueType(2);
-    EXPECT_FALSE(manager.ComputeBurstCount(c.datagram_bytes, c.bit_rate));
+    EXPECT_FALSE(manager.ComputeBurstCount(c.bytes, c.bit_rate));
     EXPECT_EQ(manager.GetBurstCount(), c.count);
   }
 }
 
 TEST(ParametricManagerTest, RegularPatternsAreFunctionsOfTheIndex) {
-  const struct {
+  struct Case {
     std::int32_t type;
-    std::uint8_t burst_mode;
-    float period;
-    std::int64_t index;
-    double offset;
-  } cases[] = {
-      {Manager::kSine, 0, 10, 0, 0},
-      {Manager::kSine, 0, 10, 25, 0.0001},
-      {Manager::kSine, 0, 10, 75, -0.0001},
-      {Manager::kSine, 0, 10, 1000025, 0.0000987595},  // with an exact pi: 0.0001
-      {Manager::kSquare, 0, 100, 0, 0.00005},
-      {Manager::kSquare, 0, 100, 1, -0.00005},
-      {Manager::kSquare, 0, 100, 2, 0.00005},
-      {Manager::kSquare, 0, -100, 1, 0.00005},
-      {Manager::kSquare, 1, 100, 0, 0.0001},
-      {Manager::kSquare, 1, 100, 1, 0},
-      {Manager::kNone, 0, 100, 1, 0},
-      {7, 0, 100, 1, 0},
+    std::uint8_t burst = 0;
+    float period = 100;
+    std::int64_t index = 0;
+    double offset = 0;
   };
-  for (const auto& c : cases) {
+  const Case cases[] = {
+      {.type = Manager::kSine, .period = 10},
+      {.type = Manager::kSine, .period = 10, .index = 25, .offset = 0.0001},
+      {.type = Manager::kSine, .period = 10, .index = 75, .offset = -0.0001},
+      // With an exact pi: 0.0001.
+      {.type = Manager::kSine, .period = 10, .index = 1000025, .offset = 0.0000987595},
+      {.type = Manager::kSquare, .offset = 0.00005},
+      {.type = Manager::kSquare, .index = 1, .offset = -0.00005},
+      {.type = Manager::kSquare, .index = 2, .offset = 0.00005},
+      {.type = Manager::kSquare, .period = -100, .index = 1, .offset = 0.00005},
+      {.type = Manager::kSquare, .burst = 1, .offset = 0.0001},
+      {.type = Manager::kSquare, .burst = 1, .index = 1},
+      {.type = Manager::kNone, .index = 1},
+      {.type = 7, .index = 1},
+  };
+  for (const Case& c : cases) {
     Manager manager;
     manager.SetDistributionType(c.type);
-    manager.SetBurstMode(c.burst_mode);
+    manager.SetBurstMode(c.burst);
     manager.SetJitterPeriod(c.period);
     manager.SetSquareCycleLength(2);
     EXPECT_NEAR(manager.NextJitter(0.001, c.index), c.offset, 1e-9) << c.type << ", " << c.index;
