@@ -22,7 +22,7 @@ bool Blocks(std::future<Result>& call) {
 // For what would otherwise hang.
 template <typename Result>
 bool Returns(std::future<Result>& call) {
-  return call.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  return call.wait_for(std::chrono::minutes(2)) == std::future_status::ready;
 }
 
 }  // namespace ipplayout
