@@ -146,26 +146,26 @@ void PcrTracker::Advance(const PcrSample& sample, std::int64_t step, PcrFaults& 
   (whole ? whole_bytes_ : broken_bytes_) += sample.byte_index - last_.byte_index;
   (whole ? whole_ticks_ : broken_ticks_) += step;
   ticks_ += step;
-  last_ = sample;
-  last_ns_ = sample.arrival_ns;
-  overdue_ = false;
-  AddToAccuracy(sample, faults);
-  AddArrival({ticks_, sample.arrival_ns, sample.byte_offset});
+  TakeUp(sample, faults);
 }
 
 void PcrTracker::StartStretch(const PcrSample& sample, PcrFaults& faults) {
   EndAccuracy(faults);
-  if (n_ >= double{kFewest}) {
+  if (fit_.Count() >= double{kFewest}) {
     Raise(worst_arrival_ns_, arrival_.Deviation(ArrivalSlope()).Spread());
   }
   arrival_.Clear();
-  ended_xx_ += xx_;
-  ended_xy_ += xy_;
-  n_ = mean_x_ = mean_y_ = xx_ = xy_ = 0;
+  ended_xx_ += fit_.Xx();
+  ended_xy_ += fit_.Xy();
+  fit_.Clear();
   stretch_arrival_ns_ = sample.arrival_ns;
   ticks_ = 0;
   waiting_.reset();
   last_x_ns_ = INT64_MIN;
+  TakeUp(sample, faults);
+}
+
+void PcrTracker::TakeUp(const PcrSample& sample, PcrFaults& faults) {
   last_ = sample;
   last_ns_ = sample.arrival_ns;
   overdue_ = false;
@@ -222,20 +222,11 @@ void PcrTracker::CompareWithArrival(const Point& point, double ticks_per_byte) {
   // difference is far below its lateness.
   last_x_ns_ = std::max<std::int64_t>(last_x_ns_, std::llround(x));
   arrival_.Add(last_x_ns_, std::llround(y));
-  Regress(x, y);
-  if (n_ == 1) {
+  fit_.Add(x, y);
+  if (fit_.Count() == 1) {
     rebase_ns_ = last_offset_ns_.value_or(0) - y;
   }
   last_offset_ns_ = rebase_ns_ + y;
-}
-
-void PcrTracker::Regress(double x, double y) {
-  n_ += 1;
-  const double dx = x - mean_x_;
-  mean_x_ += dx / n_;
-  mean_y_ += (y - mean_y_) / n_;
-  xx_ += dx * (x - mean_x_);
-  xy_ += dx * (y - mean_y_);
 }
 
 PcrFaults PcrTracker::Check(std::int64_t now_ns, std::optional<std::uint64_t> byte_index) {
@@ -291,15 +282,15 @@ std::optional<double> PcrTracker::AccuracySpread() const {
 
 std::optional<double> PcrTracker::ArrivalSpread() const {
   std::optional<double> worst = worst_arrival_ns_;
-  if (n_ >= double{kFewest}) {
+  if (fit_.Count() >= double{kFewest}) {
     Raise(worst, arrival_.Deviation(ArrivalSlope()).Spread());
   }
   return worst;
 }
 
 double PcrTracker::ArrivalSlope() const {
-  const double xx = ended_xx_ + xx_;
-  return xx > 0 ? (ended_xy_ + xy_) / xx : 0;
+  const double xx = ended_xx_ + fit_.Xx();
+  return xx > 0 ? (ended_xy_ + fit_.Xy()) / xx : 0;
 }
 
 std::optional<double> PcrTracker::FrequencyOffsetPpm() const {

@@ -7,6 +7,7 @@
 
 #include "host/measure/figures/interval_figures.h"
 #include "host/measure/figures/line_extent.h"
+#include "host/measure/figures/line_fit.h"
 
 namespace ipplay::measure {
 
@@ -93,6 +94,7 @@ class PcrTracker {
   void Advance(const PcrSample& sample, std::int64_t step, PcrFaults& faults);
   void TakeInterval(std::int64_t interval_ns, PcrFaults& faults);
   void StartStretch(const PcrSample& sample, PcrFaults& faults);
+  void TakeUp(const PcrSample& sample, PcrFaults& faults);
   void AddToAccuracy(const PcrSample& sample, PcrFaults& faults);
   void EndAccuracy(PcrFaults& faults);
   void AddArrival(const Point& point);
@@ -104,7 +106,6 @@ class PcrTracker {
   bool IsRateKnown() const;
   // Of stretches without missing packets; while there are too few, of all that has arrived.
   std::optional<double> TicksPerByte() const;
-  void Regress(double x, double y);
 
   std::uint64_t count_ = 0;
   bool expected_ = false;
@@ -140,8 +141,7 @@ class PcrTracker {
   double rebase_ns_ = 0;  // joins the stretches for plotting
   std::optional<double> last_offset_ns_;
   std::optional<double> worst_arrival_ns_;
-  // Sums of the regression of y on x within the stretches.
-  double n_ = 0, mean_x_ = 0, mean_y_ = 0, xx_ = 0, xy_ = 0;
+  LineFit fit_;  // of y over x within the stretch; the sums of those that have ended
   double ended_xx_ = 0, ended_xy_ = 0;
 };
 

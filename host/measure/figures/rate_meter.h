@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "host/measure/figures/line_fit.h"
+
 namespace ipplay::measure {
 
 class RateMeter {
@@ -16,7 +18,7 @@ class RateMeter {
     last_frame_bytes_ = frame_bytes;
     last_payload_bytes_ = payload_bytes;
     last_ns_ = std::max(last_ns_, time_ns);
-    Regress(static_cast<double>(frame_bytes_), static_cast<double>(time_ns - first_ns_));
+    fit_.Add(static_cast<double>(frame_bytes_), static_cast<double>(time_ns - first_ns_));
     ++frames_;
     frame_bytes_ += frame_bytes;
     payload_bytes_ += payload_bytes;
@@ -37,19 +39,9 @@ class RateMeter {
 
   // Slope of the least-squares line through the arrivals: one late first or last frame, which
   // shifts the mean rate of a short run, hardly moves it. 0 below two frames.
-  double FittedFrameBitRate() const { return sum_xy_ > 0 ? 8e9 * sum_xx_ / sum_xy_ : 0; }
+  double FittedFrameBitRate() const { return fit_.Xy() > 0 ? 8e9 * fit_.Xx() / fit_.Xy() : 0; }
 
  private:
-  // Time over the bytes before it.
-  void Regress(double x, double y) {
-    const double n = static_cast<double>(frames_ + 1);
-    const double dx = x - mean_x_;
-    mean_x_ += dx / n;
-    mean_y_ += (y - mean_y_) / n;
-    sum_xx_ += dx * (x - mean_x_);
-    sum_xy_ += dx * (y - mean_y_);
-  }
-
   double PerSecond(std::uint64_t amount) const {
     return last_ns_ > first_ns_ ? static_cast<double>(amount) / Seconds() : 0;
   }
@@ -61,10 +53,7 @@ class RateMeter {
   std::int64_t last_ns_ = 0;
   std::uint32_t last_frame_bytes_ = 0;
   std::uint32_t last_payload_bytes_ = 0;
-  double mean_x_ = 0;
-  double mean_y_ = 0;
-  double sum_xx_ = 0;
-  double sum_xy_ = 0;
+  LineFit fit_;  // of the time over the bytes before it
 };
 
 }  // namespace ipplay::measure

@@ -70,27 +70,18 @@ void Spacing::AddToGrid(std::int64_t time_ns, std::uint32_t bytes, bool continuo
     widest_ = GridDeviation();
     grid_.Clear();
     grid_bytes_ = 0;
-    n_ = mean_x_ = mean_y_ = xx_ = xy_ = 0;
+    fit_.Clear();
   }
-  if (n_ == 0) {
+  if (fit_.Count() == 0) {
     grid_first_ns_ = time_ns;
   }
   grid_.Add(grid_bytes_, time_ns);
-  Regress(static_cast<double>(grid_bytes_), static_cast<double>(time_ns - grid_first_ns_));
-}
-
-void Spacing::Regress(double x, double y) {
-  n_ += 1;
-  const double dx = x - mean_x_;
-  mean_x_ += dx / n_;
-  mean_y_ += (y - mean_y_) / n_;
-  xx_ += dx * (x - mean_x_);
-  xy_ += dx * (y - mean_y_);
+  fit_.Add(static_cast<double>(grid_bytes_), static_cast<double>(time_ns - grid_first_ns_));
 }
 
 // A line through the first and the last arrival would put their lateness into every other one.
 double Spacing::GridSlope() const {
-  return settings_.ns_per_byte || xx_ <= 0 ? NsPerByte() : xy_ / xx_;
+  return settings_.ns_per_byte || fit_.Xx() <= 0 ? NsPerByte() : fit_.Xy() / fit_.Xx();
 }
 
 LineExtent::Range Spacing::GridDeviation() const {

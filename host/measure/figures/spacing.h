@@ -7,6 +7,7 @@
 
 #include "host/measure/figures/histogram.h"
 #include "host/measure/figures/line_extent.h"
+#include "host/measure/figures/line_fit.h"
 
 namespace ipplay::measure {
 
@@ -46,7 +47,6 @@ class Spacing {
  private:
   double NsPerByte() const;
   double GridSlope() const;
-  void Regress(double x, double y);
   void AddToGrid(std::int64_t time_ns, std::uint32_t bytes, bool continuous);
 
   SpacingSettings settings_;
@@ -57,8 +57,7 @@ class Spacing {
   LineExtent::Range widest_;
   std::int64_t grid_bytes_ = 0;
   std::int64_t grid_first_ns_ = 0;
-  // Sums of the regression of arrivals on bytes within the stretch.
-  double n_ = 0, mean_x_ = 0, mean_y_ = 0, xx_ = 0, xy_ = 0;
+  LineFit fit_;  // of arrivals over bytes within the stretch
   bool started_ = false;
   std::int64_t first_ns_ = 0;
   std::int64_t last_ns_ = 0;
