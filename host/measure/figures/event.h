@@ -2,6 +2,7 @@
 // What happened when: a fault of the traffic or of the capture, with its time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace ipplay::measure {
@@ -32,6 +33,8 @@ enum class EventKind : std::uint8_t {
   kCaptureDrop,       // amount: frames that the capture itself lost
   kLink,              // amount: 0 down, 1 up
 };
+
+inline constexpr std::size_t kEventKinds = static_cast<std::size_t>(EventKind::kLink) + 1;
 
 struct Event {
   static constexpr std::uint32_t kNoStream = UINT32_MAX;

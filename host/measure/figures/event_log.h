@@ -14,7 +14,6 @@ namespace ipplay::measure {
 
 class EventLog : public EventSink {
  public:
-  static constexpr std::size_t kKinds = static_cast<std::size_t>(EventKind::kLink) + 1;
   // The first and the last events of each kind, this many of both.
   static constexpr std::size_t kKeptAtEachEnd = 100;
 
@@ -38,7 +37,7 @@ class EventLog : public EventSink {
 
   const Kind& Of(EventKind kind) const { return kinds_[static_cast<std::size_t>(kind)]; }
 
-  std::array<Kind, kKinds> kinds_;
+  std::array<Kind, kEventKinds> kinds_;
   EventSink* next_ = nullptr;
 };
 

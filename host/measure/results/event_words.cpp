@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <chrono>
 
 #include "host/base/units.h"
@@ -17,58 +18,36 @@ struct Words {
   Amount amount = Amount::kNone;
 };
 
-Words WordsOf(EventKind kind) {
-  switch (kind) {
-    case EventKind::kLoss:
-      return {"lost", Amount::kPackets};
-    case EventKind::kRepeat:
-      return {"repeated", Amount::kPackets};
-    case EventKind::kReordered:
-      return {"places out of order", Amount::kCount};
-    case EventKind::kRestart:
-      return {"the sender started anew"};
-    case EventKind::kSilence:
-      return {"without a frame", Amount::kTime};
-    case EventKind::kRate:
-      return {"is not the rate that was asked for", Amount::kRate};
-    case EventKind::kChecksum:
-      return {"checksum wrong", Amount::kChecksum};
-    case EventKind::kSyncLoss:
-      return {"TS sync loss"};
-    case EventKind::kSyncByte:
-      return {"sync byte error"};
-    case EventKind::kPat:
-      return {"PAT error", Amount::kTime};
-    case EventKind::kContinuity:
-      return {"continuity error"};
-    case EventKind::kPmt:
-      return {"PMT error", Amount::kTime};
-    case EventKind::kPid:
-      return {"PID error", Amount::kTime};
-    case EventKind::kTransport:
-      return {"transport error"};
-    case EventKind::kCrc:
-      return {"CRC error", Amount::kTable};
-    case EventKind::kPcrRepetition:
-      return {"PCR repetition error", Amount::kTime};
-    case EventKind::kPcrDiscontinuity:
-      return {"PCR discontinuity", Amount::kJump};
-    case EventKind::kPcrAccuracy:
-      return {"PCR accuracy error", Amount::kTime};
-    case EventKind::kPts:
-      return {"PTS error", Amount::kTime};
-    case EventKind::kCat:
-      return {"CAT error"};
-    case EventKind::kSiRepetition:
-      return {"SI repetition error", Amount::kTime};
-    case EventKind::kUnreferencedPid:
-      return {"unreferenced PID"};
-    case EventKind::kCaptureDrop:
-      return {"frames dropped by the capture", Amount::kCount};
-    case EventKind::kLink:
-      return {"link", Amount::kLink};
-  }
-  return {"unknown"};
+// By EventKind, in its order.
+constexpr std::array<Words, kEventKinds> kWords{{
+    {"lost", Amount::kPackets},                             // kLoss
+    {"repeated", Amount::kPackets},                         // kRepeat
+    {"places out of order", Amount::kCount},                // kReordered
+    {"the sender started anew"},                            // kRestart
+    {"without a frame", Amount::kTime},                     // kSilence
+    {"is not the rate that was asked for", Amount::kRate},  // kRate
+    {"checksum wrong", Amount::kChecksum},                  // kChecksum
+    {"TS sync loss"},                                       // kSyncLoss
+    {"sync byte error"},                                    // kSyncByte
+    {"PAT error", Amount::kTime},                           // kPat
+    {"continuity error"},                                   // kContinuity
+    {"PMT error", Amount::kTime},                           // kPmt
+    {"PID error", Amount::kTime},                           // kPid
+    {"transport error"},                                    // kTransport
+    {"CRC error", Amount::kTable},                          // kCrc
+    {"PCR repetition error", Amount::kTime},                // kPcrRepetition
+    {"PCR discontinuity", Amount::kJump},                   // kPcrDiscontinuity
+    {"PCR accuracy error", Amount::kTime},                  // kPcrAccuracy
+    {"PTS error", Amount::kTime},                           // kPts
+    {"CAT error"},                                          // kCat
+    {"SI repetition error", Amount::kTime},                 // kSiRepetition
+    {"unreferenced PID"},                                   // kUnreferencedPid
+    {"frames dropped by the capture", Amount::kCount},      // kCaptureDrop
+    {"link", Amount::kLink},                                // kLink
+}};
+
+const Words& WordsOf(EventKind kind) {
+  return kWords[static_cast<std::size_t>(kind)];
 }
 
 }  // namespace
