@@ -45,12 +45,14 @@ std::optional<char> Terminal::ReadKey() const {
   return key;
 }
 
-unsigned Terminal::Columns() const {
+ScreenSize SizeOfScreen(int terminal) {
   winsize size{};
-  if (::ioctl(fd_.Get(), TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
-    return 80;
+  ScreenSize screen;
+  if (::ioctl(terminal, TIOCGWINSZ, &size) == 0) {
+    screen.columns = size.ws_col > 0 ? size.ws_col : screen.columns;
+    screen.rows = size.ws_row > 0 ? size.ws_row : screen.rows;
   }
-  return size.ws_col;
+  return screen;
 }
 
 }  // namespace ipplay

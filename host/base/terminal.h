@@ -11,6 +11,13 @@
 
 namespace ipplay {
 
+// 80 and 24 where they are unknown.
+struct ScreenSize {
+  unsigned columns = 80;
+  unsigned rows = 24;
+};
+ScreenSize SizeOfScreen(int terminal);
+
 class Terminal {
  public:
   // Null where standard error is not a terminal, or another job is in the foreground.
@@ -24,8 +31,7 @@ class Terminal {
   int Fd() const { return fd_.Get(); }
   // A key that was pressed, without waiting.
   std::optional<char> ReadKey() const;
-  // Columns of the screen; 80 where they are unknown.
-  unsigned Columns() const;
+  unsigned Columns() const { return SizeOfScreen(fd_.Get()).columns; }
   // Delivers keys one by one, without echo. Call it again when the job continues after a stop.
   void TakeKeys() const;
 

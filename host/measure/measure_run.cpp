@@ -3,8 +3,6 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <linux/capability.h>
-#include <net/if.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +14,7 @@
 
 #include "host/base/capabilities.h"
 #include "host/base/library_output.h"
+#include "host/base/link.h"
 #include "host/base/output_file.h"
 #include "host/base/stop_signals.h"
 #include "host/measure/capture/link_watch.h"
@@ -45,8 +44,7 @@ bool IsFile(const std::string& source) {
   if (source == "-" || source.find('/') != std::string::npos) {
     return true;
   }
-  return source != "any" && ::if_nametoindex(source.c_str()) == 0 &&
-         ::access(source.c_str(), F_OK) == 0;
+  return source != "any" && !QueryLink(source).up && ::access(source.c_str(), F_OK) == 0;
 }
 
 std::int64_t WallClockNs() {
@@ -86,6 +84,7 @@ class EndWatch {
 
  private:
   bool TimeIsOver(Clock::time_point now) {
+    ended_by_silence_ = false;
     if (options_.sender_ended && options_.sender_ended()) {
       sender_end_ = std::min(sender_end_, now);
       return now - sender_end_ > kLastFramesWait;
@@ -131,7 +130,7 @@ class MeasureRun {
     }
     // The adapter is open. A report may have to be written where root alone may.
     KeepCapabilities(options_.report_file.empty() ? std::initializer_list<int>{}
-                                                  : std::initializer_list<int>{CAP_DAC_OVERRIDE});
+                                                  : std::initializer_list<int>{kCapDacOverride});
     auto failure = TakeFrames();
     reserve_.reset();
     if (StopSignals::Came() != 0) {

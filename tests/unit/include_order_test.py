@@ -17,8 +17,7 @@ HOST = ["include/ipplayout", "host/base", "host/cli", "host/stream", "host/libra
 SYSTEM_HEADERS = [
     (r"pcap(\.h|/)", {"driver", "host/measure/capture", "host/serve"}),
     (r"(sys|net|netinet|netpacket|arpa|linux|libmnl)/|(pthread|netdb|ifaddrs)\.h",
-     {"platform", "driver", "host/base", "host/measure/capture", "host/serve", "host/measure",
-      "host/measure/results"}),
+     {"platform", "driver", "host/base", "host/measure/capture", "host/serve"}),
 ]
 PUBLIC_SYSTEM_HEADERS = {"assert.h", "stddef.h", "stdint.h"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)

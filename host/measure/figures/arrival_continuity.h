@@ -4,8 +4,8 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 
 #include "host/measure/figures/pid_table.h"

@@ -3,11 +3,11 @@
 // looks into them.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "host/measure/figures/rtp_sequence.h"

@@ -2,7 +2,6 @@
 #include "host/measure/results/live_view.h"
 
 #include <fmt/format.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,23 +9,10 @@
 #include <string_view>
 
 #include "host/base/library_output.h"
+#include "host/base/terminal.h"
 
 namespace ipplay::measure {
 namespace {
-
-winsize ScreenSize() {
-  winsize size{};
-  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) {
-    size = {};
-  }
-  if (size.ws_col == 0) {
-    size.ws_col = 80;
-  }
-  if (size.ws_row == 0) {
-    size.ws_row = 24;
-  }
-  return size;
-}
 
 // A line that the screen breaks would be one more than are counted.
 std::string CutLines(std::string_view text, std::size_t columns) {
@@ -44,11 +30,11 @@ std::string CutLines(std::string_view text, std::size_t columns) {
 LiveView::LiveView(bool wanted) : shown_(wanted && ::isatty(STDERR_FILENO) == 1) {}
 
 std::size_t LiveView::Columns() const {
-  return ScreenSize().ws_col;
+  return SizeOfScreen(STDERR_FILENO).columns;
 }
 
 std::size_t LiveView::Rows() const {
-  return ScreenSize().ws_row;
+  return SizeOfScreen(STDERR_FILENO).rows;
 }
 
 void LiveView::Draw(const std::string& text) {
