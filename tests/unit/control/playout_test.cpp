@@ -69,7 +69,7 @@ class PlayoutTest : public testing::Test {
 
   static constexpr std::uint32_t kPayload = 7 * 188;
 
-  const Bytes data_ = Bytes(262140, 0x47);
+  const Bytes data_ = Bytes(200 * kPayload, 0x47);
   FakeDriver driver_;
   std::unique_ptr<Library> library_;
 };
