@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "control/datagram_layout.h"
-#include "control/pipeline.h"
+#include "control/header_chain.h"
 #include "payload/data_buffer.h"
 #include "payload/error_insertion_manager.h"
 #include "protocol/internet_checksum.h"
 #include "protocol/replication_manager.h"
 #include "transmit/parametric_manager.h"
+#include "transmit/pcap_rt_interface.h"
 
 namespace ipplayout {
 namespace {
@@ -61,14 +62,14 @@ void FramePath(benchmark::State& state, bool ipv6) {
   const auto copies = static_cast<std::int32_t>(state.range(0));
   const PlayoutSettings settings = TypicalSettings(copies, ipv6);
   NullDriver driver;
-  CErrorInsertionManager errors([] { return true; });
+  const std::uint32_t rtp = IPPLAYOUT_RTP;
+  CErrorInsertionManager errors(rtp, platform::ProcessRandom());
   errors.Configure({});
   CZebReplicationMgr replication;
   replication.SetIncrements(settings.params.ProtocolHeadersIncrements, copies - 1);
   replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
-  Pipeline pipeline;
-  pipeline.capture_interface = std::make_unique<PcapRtInterface>("rpcap://none", 1, driver);
-  PcapRtInterface& capture = *pipeline.capture_interface;
+  PcapRtInterface capture("rpcap://none", 1, driver);
+  HeaderChain chain;
   capture.Open();
   capture.SetQueuedMode(1);
   capture.SetPacketsPerQueue(10);
@@ -76,8 +77,8 @@ void FramePath(benchmark::State& state, bool ipv6) {
   capture.SetFrameSize(kFrame + 20);
   capture.SetErrorInsertionManager(&errors);
   capture.FilterInclude();
-  pipeline.BuildChain(settings, &errors, &replication);
-  Sender& top = *pipeline.Top();
+  chain.Build(settings, &errors, &replication, &capture);
+  Sender& top = *chain.Top();
   const std::uint32_t room = top.GetHeaderLength();
 
   CIPDataBuffer ring(1 << 20);

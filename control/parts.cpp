@@ -4,16 +4,10 @@
 #include "control/settings_store.h"
 
 namespace ipplayout {
-namespace {
-
-bool SequenceErrorsAllowed() {
-  return Settings().params.ProtocolMode == IPPLAYOUT_RTP;
-}
-
-}  // namespace
-
 Parts::Parts(CaptureDriver& driver)
-    : data_buffer(kDataBufferSize), errors(&SequenceErrorsAllowed), devices(driver) {
+    : data_buffer(kDataBufferSize),
+      errors(Settings().params.ProtocolMode, platform::ProcessRandom()),
+      devices(driver) {
   pump.SetPayloadSource(&data_buffer);
   pump.SetErrorManager(&errors);
   pump.SetReplicationManager(&replication);

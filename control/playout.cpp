@@ -120,8 +120,9 @@ int Playout::Start() {
   if (!IsPlayable(settings) || !LoadManagers() || !OpenInterface()) {
     return IPPLAYOUT_FAILED;
   }
-  platform::SeedRandom(platform::MonotonicMilliseconds());
-  pipeline_.BuildChain(settings, &parts_.errors, &parts_.replication);
+  platform::ProcessRandom().Seed(platform::MonotonicMilliseconds());
+  pipeline_.chain.Build(settings, &parts_.errors, &parts_.replication,
+                        pipeline_.capture_interface.get());
   const bool ready = LayOut() && ConfigureInterface() && StartThreads();
   return ready ? kStarted : IPPLAYOUT_FAILED;
 }
@@ -155,7 +156,7 @@ bool Playout::OpenInterface() {
 
 bool Playout::LayOut() {
   const PlayoutSettings& settings = Settings();
-  const auto layout = LayOutDatagram(settings, pipeline_.Top()->GetHeaderLength());
+  const auto layout = LayOutDatagram(settings, pipeline_.chain.Top()->GetHeaderLength());
   if (!layout) {
     return false;
   }
@@ -185,7 +186,7 @@ bool Playout::StartThreads() {
   }
   ZEBIPDataPump& pump = parts_.pump;
   pump.SetCaptureInterface(pipeline_.capture_interface.get());
-  pump.SetTopLayer(pipeline_.Top());
+  pump.SetTopLayer(pipeline_.chain.Top());
   PacketTransmitterThread& transmitter = parts_.transmitter;
   transmitter.SetInterface(pipeline_.capture_interface.get());
   const PcapRtInterface& capture = *pipeline_.capture_interface;

@@ -6,14 +6,21 @@
 #include <memory>
 #include <optional>
 
-#include "control/pipeline.h"
+#include "control/header_chain.h"
 #include "platform/host_event.h"
 #include "platform/mutex.h"
 #include "platform/wake_latency.h"
+#include "transmit/pcap_rt_interface.h"
 
 namespace ipplayout {
 
 struct Parts;
+
+// The objects of one run.
+struct Pipeline {
+  std::unique_ptr<PcapRtInterface> capture_interface;
+  HeaderChain chain;
+};
 
 // One playout at a time. Operations that start, stop, initialise or clean up wait for each other;
 // none is held up by a host that blocks in Write or WriteTerminate.

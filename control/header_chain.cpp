@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "control/pipeline.h"
+#include "control/header_chain.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -62,12 +62,12 @@ UdpSettings UdpSpec(const IPPlayParams& params, CErrorManagerBase* errors) {
 
 }  // namespace
 
-void Pipeline::BuildChain(const PlayoutSettings& settings, CErrorManagerBase* errors,
-                          const CReplicationMgrBase* replication) {
-  Layer* ip = BuildIp(settings, errors, BuildEthernet(settings, errors));
+void HeaderChain::Build(const PlayoutSettings& settings, CErrorManagerBase* errors,
+                        const CReplicationMgrBase* replication, Sender* bottom, CSwClock* clock) {
+  Layer* ip = BuildIp(settings, errors, BuildEthernet(settings, errors, bottom));
   udp_ = std::make_unique<UdpDataFlowOut>(UdpSpec(settings.params, errors), ip);
-  top_ =
-      settings.params.ProtocolMode == IPPLAYOUT_RTP ? BuildRtp(settings, udp_.get()) : udp_.get();
+  top_ = settings.params.ProtocolMode == IPPLAYOUT_RTP ? BuildRtp(settings, udp_.get(), clock)
+                                                       : udp_.get();
   for (Layer* layer : std::initializer_list<Layer*>{ethernet_.get(), vlan_.get(), ipv4_.get(),
                                                     ipv6_.get(), udp_.get(), rtp_.get()}) {
     if (layer != nullptr) {
@@ -76,10 +76,10 @@ void Pipeline::BuildChain(const PlayoutSettings& settings, CErrorManagerBase* er
   }
 }
 
-Layer* Pipeline::BuildEthernet(const PlayoutSettings& settings, CErrorManagerBase* errors) {
+Layer* HeaderChain::BuildEthernet(const PlayoutSettings& settings, CErrorManagerBase* errors,
+                                  Sender* bottom) {
   const ProtocolHeadersSettings& headers = settings.params.ProtocolHeadersSettings;
-  ethernet_ =
-      std::make_unique<EthernetDataFlowOut>(EthernetSpec(headers, errors), capture_interface.get());
+  ethernet_ = std::make_unique<EthernetDataFlowOut>(EthernetSpec(headers, errors), bottom);
   if (headers.VLANEnabled != IPPLAYOUT_ON) {
     return ethernet_.get();
   }
@@ -89,8 +89,8 @@ Layer* Pipeline::BuildEthernet(const PlayoutSettings& settings, CErrorManagerBas
   return vlan_.get();
 }
 
-Layer* Pipeline::BuildIp(const PlayoutSettings& settings, CErrorManagerBase* errors,
-                         Sender* below) {
+Layer* HeaderChain::BuildIp(const PlayoutSettings& settings, CErrorManagerBase* errors,
+                            Sender* below) {
   if (settings.params.IPLayerVersion == IPPLAYOUT_IPV4) {
     ipv4_ = std::make_unique<IpDataFlowOut>(IpSpec(settings.params, errors), below);
     return ipv4_.get();
@@ -100,20 +100,24 @@ Layer* Pipeline::BuildIp(const PlayoutSettings& settings, CErrorManagerBase* err
   return ipv6_.get();
 }
 
-Layer* Pipeline::BuildRtp(const PlayoutSettings& settings, Sender* below) {
+Layer* HeaderChain::BuildRtp(const PlayoutSettings& settings, Sender* below, CSwClock* clock) {
   const RTPHeaderSettings& header = settings.params.ProtocolHeadersSettings.RTPHeaderSettings;
-  // In 64 bits: from 4.29 Gbit/s up a rate taken modulo 2^32 would have the clock run too fast.
-  const double rate = std::min(StreamBitRate(settings), kHighestClockedRate);
-  rtp_clock_ = std::make_unique<CZebRTPClock>(kRtpClockRate, static_cast<std::uint64_t>(rate),
-                                              settings.params.IPPacketSize, 0);
+  if (clock == nullptr) {
+    // In 64 bits: from 4.29 Gbit/s up a rate taken modulo 2^32 would have the clock run too fast.
+    const double rate = std::min(StreamBitRate(settings), kHighestClockedRate);
+    rtp_clock_ = std::make_unique<CZebRTPClock>(kRtpClockRate, static_cast<std::uint64_t>(rate),
+                                                settings.params.IPPacketSize, 0);
+    clock = rtp_clock_.get();
+  }
   RtpSettings rtp;
   rtp.version = header.RTPVersion;
   rtp.payload_type = header.PayloadType;
   rtp.extension_flag = header.Extension > 0 ? 1 : 0;
-  rtp.ssrc = header.RandomSSRC == IPPLAYOUT_ON ? platform::NextRandom() : header.SSRC;
-  rtp.initial_sequence_number =
-      header.RandomSequenceNumber == IPPLAYOUT_ON ? platform::NextRandom() : header.SequenceNumber;
-  rtp.clock = rtp_clock_.get();
+  rtp.ssrc = header.RandomSSRC == IPPLAYOUT_ON ? platform::ProcessRandom().Next() : header.SSRC;
+  rtp.initial_sequence_number = header.RandomSequenceNumber == IPPLAYOUT_ON
+                                    ? platform::ProcessRandom().Next()
+                                    : header.SequenceNumber;
+  rtp.clock = clock;
   rtp_ = std::make_unique<RtpDataFlowOut>(rtp, below);
   return rtp_.get();
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The objects of one playout.
+// The protocol layers of one playout.
 #pragma once
 
 #include <memory>
@@ -12,27 +12,25 @@
 #include "protocol/rtp_layer.h"
 #include "protocol/udp_layer.h"
 #include "protocol/vlan_layer.h"
-#include "transmit/pcap_rt_interface.h"
 
 namespace ipplayout {
 
-// The chain of layers over one capture interface, as the settings ask for it. Layers that a playout
-// does without are null.
-class Pipeline {
+// The layers over a last Sender, as the settings ask for them. Layers that a playout does without
+// are null.
+class HeaderChain {
  public:
   // Builds the layers from the bottom up. Draws a random SSRC first, then a random sequence number.
-  void BuildChain(const PlayoutSettings& settings, CErrorManagerBase* errors,
-                  const CReplicationMgrBase* replication);
+  // RTP time stamps come from `clock`, or where it is null from one that runs at the bit rate.
+  void Build(const PlayoutSettings& settings, CErrorManagerBase* errors,
+             const CReplicationMgrBase* replication, Sender* bottom, CSwClock* clock = nullptr);
 
-  // The first layer that a payload meets; null before BuildChain.
+  // The first layer that a payload meets; null before Build.
   Sender* Top() const { return top_; }
 
-  std::unique_ptr<PcapRtInterface> capture_interface;
-
  private:
-  Layer* BuildEthernet(const PlayoutSettings& settings, CErrorManagerBase* errors);
+  Layer* BuildEthernet(const PlayoutSettings& settings, CErrorManagerBase* errors, Sender* bottom);
   Layer* BuildIp(const PlayoutSettings& settings, CErrorManagerBase* errors, Sender* below);
-  Layer* BuildRtp(const PlayoutSettings& settings, Sender* below);
+  Layer* BuildRtp(const PlayoutSettings& settings, Sender* below, CSwClock* clock);
 
   std::unique_ptr<EthernetDataFlowOut> ethernet_;
   std::unique_ptr<VLANDataFlowOut> vlan_;
