@@ -158,7 +158,7 @@ void ZEBIPDataPump::SendDatagrams() {
   stopping_ = false;
   flushed_ = false;
   PDU frame(datagram_size_);
-  platform::SeedRandom(platform::MonotonicMilliseconds());
+  platform::ProcessRandom().Seed(platform::MonotonicMilliseconds());
   // Counts on when the host clears the statistics: frames that are held back are due by it, and the
   // schedule of errors goes on.
   std::uint64_t index = 0;

@@ -10,8 +10,13 @@ constexpr std::uint32_t kMostRandomDistance = 100;
 
 }  // namespace
 
-CErrorInsertionManager::CErrorInsertionManager(bool (*sequence_errors_allowed)())
-    : sequence_errors_allowed_(sequence_errors_allowed) {}
+CErrorInsertionManager::CErrorInsertionManager(const std::uint32_t& protocol_mode,
+                                               platform::Random& random)
+    : protocol_mode_(protocol_mode), random_(random) {
+  for (ErrorSchedule* schedule : {&loss_, &sequence_, &checksum_}) {
+    schedule->UseRandom(random);
+  }
+}
 
 void CErrorInsertionManager::Configure(ErrorInsertion settings) {
   ClearDecisions();
@@ -54,7 +59,7 @@ void CErrorInsertionManager::PrepareForPacket(std::uint64_t index) {
   current_index_ = index;
   packet_lost_ = false;
   loss_scheduled_ = loss_.Hits(index);
-  sequence_scheduled_ = sequence_errors_allowed_() && sequence_.Hits(index);
+  sequence_scheduled_ = SequenceErrorsAllowed() && sequence_.Hits(index);
   checksum_scheduled_ = checksum_.Hits(index);
 }
 
@@ -94,7 +99,7 @@ std::uint32_t CErrorInsertionManager::IsUdpChecksumError(std::int32_t consume) {
 }
 
 void CErrorInsertionManager::GenerateSequenceError() {
-  if (sequence_errors_allowed_()) {
+  if (SequenceErrorsAllowed()) {
     Raise(kSequence);
   }
 }
@@ -109,8 +114,7 @@ bool CErrorInsertionManager::HoldFrame(PDU& frame, std::uint32_t copy_index) {
     if (sequence_scheduled_) {
       due_index_ = current_index_ + settings_.SequenceErrorDistance + 1;
     } else {
-      const std::uint32_t distance =
-          platform::NextRandom() * kMostRandomDistance / platform::kRandomMax;
+      const std::uint32_t distance = random_.Next() * kMostRandomDistance / platform::kRandomMax;
       due_index_ = current_index_ + (distance <= 1 ? 2 : distance);
     }
   }

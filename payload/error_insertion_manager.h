@@ -10,6 +10,7 @@
 #include "ipplayout/ipplayout.h"
 #include "payload/error_schedule.h"
 #include "platform/mutex.h"
+#include "platform/random.h"
 #include "protocol/error_manager_base.h"
 #include "protocol/pdu.h"
 
@@ -20,9 +21,9 @@ namespace ipplayout {
 // configure and reset only while no run is in progress.
 class CErrorInsertionManager final : public CErrorManagerBase {
  public:
-  // Sequence errors are scheduled and accepted only while `sequence_errors_allowed` says so; it is
-  // read at every datagram and must outlive this object.
-  explicit CErrorInsertionManager(bool (*sequence_errors_allowed)());
+  // Sequence errors are scheduled and accepted only while `protocol_mode` is IPPLAYOUT_RTP; it is
+  // read at every datagram. Both outlive this object.
+  CErrorInsertionManager(const std::uint32_t& protocol_mode, platform::Random& random);
 
   void Configure(ErrorInsertion settings) override;
   void Reset() override;
@@ -64,12 +65,14 @@ class CErrorInsertionManager final : public CErrorManagerBase {
  private:
   enum Request : std::size_t { kLoss, kSequence, kIpChecksum, kUdpChecksum, kRequests };
 
+  bool SequenceErrorsAllowed() const { return protocol_mode_ == IPPLAYOUT_RTP; }
   void Raise(Request request) { requests_[request].store(1, std::memory_order_release); }
   bool Take(Request request, std::int32_t consume);
   void ClearDecisions();
   std::uint64_t HeldFrameKey(std::uint64_t index, std::uint32_t copy_index) const;
 
-  bool (*sequence_errors_allowed_)();
+  const std::uint32_t& protocol_mode_;
+  platform::Random& random_;
   ErrorInsertion settings_{};
   ErrorSchedule loss_;
   ErrorSchedule sequence_;

@@ -14,8 +14,8 @@ constexpr std::uint32_t kMostCount = std::numeric_limits<std::int32_t>::max();
 constexpr std::uint32_t kDistinctDraws = platform::kRandomMax;
 constexpr std::uint32_t kMostDraws = 32 * kDistinctDraws;
 
-std::uint32_t RandomOffset(std::uint32_t range) {
-  const std::uint32_t r = std::min(platform::NextRandom(), platform::kRandomMax - 1);
+std::uint32_t RandomOffset(platform::Random& random, std::uint32_t range) {
+  const std::uint32_t r = std::min(random.Next(), platform::kRandomMax - 1);
   return r * range / platform::kRandomMax;
 }
 
@@ -59,7 +59,7 @@ void ErrorSchedule::Draw(std::uint32_t wanted) {
     if (found == wanted || found == kDistinctDraws) {
       break;
     }
-    const std::uint32_t offset = RandomOffset(range_);
+    const std::uint32_t offset = RandomOffset(*random_, range_);
     if (!IsDrawn(offset)) {
       drawn_[offset / 64] |= std::uint64_t{1} << offset % 64;
       ++found;

@@ -5,6 +5,8 @@
 #include <array>
 #include <cstdint>
 
+#include "platform/random.h"
+
 namespace ipplayout {
 
 // A count of datagrams in every range of consecutive ones: the first of the range, or distinct
@@ -12,6 +14,9 @@ namespace ipplayout {
 // costs one look-up whatever the count. Belongs to the data pump thread.
 class ErrorSchedule {
  public:
+  // Where random positions are drawn from; the process-wide generator at first.
+  void UseRandom(platform::Random& random) { random_ = &random; }
+
   // A count of 2^31 or more counts as none, as does a range of 0; a count above the range means
   // every datagram.
   void Configure(std::uint32_t count, std::uint32_t range, bool randomize);
@@ -27,6 +32,7 @@ class ErrorSchedule {
   void Draw(std::uint32_t wanted);
   bool IsDrawn(std::uint64_t offset) const;
 
+  platform::Random* random_ = &platform::ProcessRandom();
   std::uint32_t count_ = 0;
   std::uint32_t range_ = 0;
   bool randomize_ = false;

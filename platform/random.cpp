@@ -1,34 +1,39 @@
 // SPDX-License-Identifier: MIT
 #include "platform/random.h"
 
-#include <atomic>
+#include <sys/random.h>
 
 #include "platform/clock.h"
 
 namespace ipplayout::platform {
 namespace {
 
-// SplitMix64 (Steele, Lea, Flood 2014): neighbouring seeds give unrelated sequences, which matters
-// here because seeds are consecutive millisecond counts.
-std::uint64_t InitialSeed() noexcept {
+std::uint64_t TimeAsSeed() noexcept {
   return static_cast<std::uint64_t>(MonotonicNow().count());
 }
 
-std::atomic<std::uint64_t> state{InitialSeed()};
+Random process_random{TimeAsSeed()};
 
 }  // namespace
 
-void SeedRandom(std::uint64_t seed) {
-  state.store(seed, std::memory_order_relaxed);
-}
-
-std::uint32_t NextRandom() {
+std::uint64_t Random::Next64() {
   constexpr std::uint64_t kStep = 0x9E3779B97F4A7C15;
-  std::uint64_t z = state.fetch_add(kStep, std::memory_order_relaxed) + kStep;
+  std::uint64_t z = state_.fetch_add(kStep, std::memory_order_relaxed) + kStep;
   z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9;
   z = (z ^ (z >> 27)) * 0x94D049BB133111EB;
-  z ^= z >> 31;
-  return static_cast<std::uint32_t>(z >> 49);
+  return z ^ (z >> 31);
+}
+
+Random& ProcessRandom() {
+  return process_random;
+}
+
+std::uint64_t DrawSeed() {
+  std::uint64_t seed = 0;
+  if (::getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed) {
+    seed = TimeAsSeed();  // early at boot
+  }
+  return seed;
 }
 
 }  // namespace ipplayout::platform

@@ -52,9 +52,9 @@ void CZebReplicationMgr::SetIncrements(const ProtocolHeadersIncrements& incremen
 void CZebReplicationMgr::SetHeaderSettings(const ProtocolHeadersSettings& settings) {
   settings_ = settings;
   const RTPHeaderSettings& rtp = settings_.RTPHeaderSettings;
-  base_ssrc_ = rtp.RandomSSRC == IPPLAYOUT_ON ? platform::NextRandom() : rtp.SSRC;
+  base_ssrc_ = rtp.RandomSSRC == IPPLAYOUT_ON ? platform::ProcessRandom().Next() : rtp.SSRC;
   sequence_counter_ =
-      rtp.RandomSequenceNumber == IPPLAYOUT_ON ? platform::NextRandom() : rtp.SequenceNumber - 1;
+      rtp.RandomSequenceNumber == IPPLAYOUT_ON ? platform::ProcessRandom().Next() : rtp.SequenceNumber - 1;
   identification_counter_ = settings_.IPHeaderSettings.Identification - 1;
 }
 

@@ -13,22 +13,22 @@ namespace {
 // 22 / 7, on purpose: the pattern is defined with it. A sine cycle lasts 99.96 datagrams.
 constexpr double kPi = 3.142857142857143;
 
-double RandomFraction() {
-  return platform::NextRandom() / double{platform::kRandomMax};
+double RandomFraction(platform::Random& random) {
+  return random.Next() / double{platform::kRandomMax};
 }
 
-double RandomHundredth() {
-  return (platform::NextRandom() % 100) / 100.0;
+double RandomHundredth(platform::Random& random) {
+  return (random.Next() % 100) / 100.0;
 }
 
 // Box-Muller with a standard deviation of a quarter, drawn again until it lies in [-1, 1]. The
 // negated comparison also draws again for the not-a-number that a logarithm of zero can give. Twice
 // pi is 44 / 7, as in the sine pattern.
-double GaussianVariate() {
+double GaussianVariate(platform::Random& random) {
   double z = 0;
   do {
-    const double a = RandomHundredth();
-    const double b = RandomHundredth();
+    const double a = RandomHundredth(random);
+    const double b = RandomHundredth(random);
     z = 0.25 * std::sqrt(-2 * std::log(a)) * std::cos(b * 44 / 7);
   } while (!(z >= -1 && z <= 1));
   return z;
@@ -40,12 +40,12 @@ double CZebParametricManager::NextJitter(double gap, std::int64_t index) {
   const double period = jitter_period_;
   switch (distribution_type_) {
     case kSquaredDifference: {
-      const double u1 = RandomFraction();
-      const double u2 = RandomFraction();
+      const double u1 = RandomFraction(*random_);
+      const double u2 = RandomFraction(*random_);
       return (u1 * u1 - u2 * u2) * period * gap / 100;
     }
     case kGaussian:
-      return GaussianVariate() * (period / 100) * gap;
+      return GaussianVariate(*random_) * (period / 100) * gap;
     case kSine:
       return std::sin(static_cast<double>(index) * kPi * 0.02) * (period / 100) * gap;
     case kSquare:

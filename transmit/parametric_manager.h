@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "ipplayout/ipplayout.h"
+#include "platform/random.h"
 
 namespace ipplayout {
 
@@ -39,6 +40,9 @@ class CZebParametricManager final : public CParametricManagerBase {
     kSquare = 3,
   };
 
+  // Where random offsets are drawn from; the process-wide generator at first.
+  void UseRandom(platform::Random& random) { random_ = &random; }
+
   std::uint8_t IsJitterEnabled() const override { return jitter_enabled_; }
   float GetJitterPeriod() const override { return jitter_period_; }
   std::uint32_t GetSquareCycleLength() const override { return square_cycle_length_; }
@@ -70,6 +74,7 @@ class CZebParametricManager final : public CParametricManagerBase {
  private:
   double SquareOffset(std::int64_t index) const;
 
+  platform::Random* random_ = &platform::ProcessRandom();
   std::uint8_t jitter_enabled_ = 0;
   float jitter_period_ = 0;
   std::uint32_t square_cycle_length_ = 0;

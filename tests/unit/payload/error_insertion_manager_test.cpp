@@ -10,9 +10,7 @@
 namespace ipplayout {
 namespace {
 
-bool Always() {
-  return true;
-}
+const std::uint32_t kRtp = IPPLAYOUT_RTP;
 
 TEST(ErrorInsertionManagerTest, ARequestedSequenceErrorDrawsItsDistance) {
   const struct {
@@ -22,10 +20,10 @@ TEST(ErrorInsertionManagerTest, ARequestedSequenceErrorDrawsItsDistance) {
   for (const auto& [draw, due] : cases) {
     std::uint64_t seed = 0;
     do {
-      platform::SeedRandom(++seed);
-    } while (platform::NextRandom() != draw);
-    platform::SeedRandom(seed);
-    CErrorInsertionManager errors(Always);
+      platform::ProcessRandom().Seed(++seed);
+    } while (platform::ProcessRandom().Next() != draw);
+    platform::ProcessRandom().Seed(seed);
+    CErrorInsertionManager errors(kRtp, platform::ProcessRandom());
     errors.PrepareForPacket(0);
     errors.GenerateSequenceError();
     ASSERT_EQ(errors.IsSequenceError(1), 1U);
@@ -40,7 +38,7 @@ TEST(ErrorInsertionManagerTest, ARequestedSequenceErrorDrawsItsDistance) {
 }
 
 TEST(ErrorInsertionManagerTest, HeldFramesAreFoundWhereTheirIndexWraps) {
-  CErrorInsertionManager errors(Always);
+  CErrorInsertionManager errors(kRtp, platform::ProcessRandom());
   errors.Configure({1, 0, 0, 0, 1, 1, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0});
   PDU frame(16);
   errors.PrepareForPacket(0xFFFFFFFF);  // the first of the second range

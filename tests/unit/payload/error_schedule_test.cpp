@@ -37,7 +37,7 @@ TEST(ErrorScheduleTest, EveryRangeHasItsExactCount) {
       {140000, 300000, 140000},
       {299999, 300000, 299999},
   };
-  platform::SeedRandom(11);
+  platform::ProcessRandom().Seed(11);
   for (const auto& [count, range, hits] : cases) {
     for (const bool randomize : {false, true}) {
       const auto schedule = Schedule(count, range, randomize);
@@ -67,9 +67,9 @@ TEST(ErrorScheduleTest, ADrawIsAPositionOfTheWholeRange) {
   for (const auto& [draw, range, position] : cases) {
     std::uint64_t seed = 0;
     do {
-      platform::SeedRandom(++seed);
-    } while (platform::NextRandom() != draw);
-    platform::SeedRandom(seed);
+      platform::ProcessRandom().Seed(++seed);
+    } while (platform::ProcessRandom().Next() != draw);
+    platform::ProcessRandom().Seed(seed);
     const auto schedule = Schedule(1, range, true);
     for (std::uint32_t index = 0; index < range; ++index) {
       ASSERT_EQ(schedule->Hits(index), index == position) << draw << " of " << range << index;

@@ -11,9 +11,9 @@ namespace {
 
 TEST(RandomTest, ReachesItsWholeRangeAndNothingElse) {
   std::vector<int> counts(kRandomMax + 1);
-  SeedRandom(9);
+  ProcessRandom().Seed(9);
   for (int draw = 0; draw < 100 * 32768; ++draw) {
-    ++counts.at(NextRandom());
+    ++counts.at(ProcessRandom().Next());
   }
   for (const int count : counts) {
     ASSERT_NEAR(count, 100, 70);  // seven standard deviations
@@ -23,14 +23,14 @@ TEST(RandomTest, ReachesItsWholeRangeAndNothingElse) {
 // The host's own generator is to be left alone.
 // NOLINTBEGIN(cert-msc30-c,cert-msc50-cpp)
 TEST(RandomTest, IsTheLibrarysOwn) {
-  SeedRandom(1);
+  ProcessRandom().Seed(1);
   std::srand(1);
-  const std::uint32_t ours = NextRandom();
+  const std::uint32_t ours = ProcessRandom().Next();
   const int theirs = std::rand();
   std::srand(1);
-  SeedRandom(1);
+  ProcessRandom().Seed(1);
   EXPECT_EQ(std::rand(), theirs);
-  EXPECT_EQ(NextRandom(), ours);
+  EXPECT_EQ(ProcessRandom().Next(), ours);
 }
 // NOLINTEND(cert-msc30-c,cert-msc50-cpp)
 

@@ -222,7 +222,7 @@ TEST_F(PacketTransmitterTest, APumpThatRunsAheadClumpsNoMoreThanTheLagPaysFor) {
     parameters_.SetJitterEnabled(pattern == CZebParametricManager::kNone ? 0 : 1);
     parameters_.SetDistributionType(pattern);
     parameters_.SetJitterPeriod(amount);
-    platform::SeedRandom(5);
+    platform::ProcessRandom().Seed(5);
     hitch_at = hitch_us > 0 ? 105 : -1;
     hitch = microseconds(hitch_us);
     const std::vector<std::int64_t> times = PlayAhead(kFrames, 2000);

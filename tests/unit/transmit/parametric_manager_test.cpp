@@ -97,7 +97,7 @@ TEST(ParametricManagerTest, RandomPatternsKeepTheirLimitsAndTheirSpread) {
     Manager manager;
     manager.SetDistributionType(type);
     manager.SetJitterPeriod(50);
-    platform::SeedRandom(3);
+    platform::ProcessRandom().Seed(3);
     double sum = 0;
     double squares = 0;
     constexpr int kDraws = 200000;
