@@ -1,40 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "driver/adapter_handle.h"
 
-#include <linux/if_packet.h>
-#include <sys/socket.h>
-
 #include <utility>
 
+#include "driver/packet_socket.h"
 #include "driver/timed_batch.h"
 #include "platform/interface.h"
 
 namespace ipplayout {
-namespace {
-
-using platform::Descriptor;
-
-// Protocol 0 in socket and address: the kernel delivers no frame to it. Frames go straight to the
-// device, past its queueing discipline and past other capturing sockets; where the kernel has no
-// such option they take the ordinary way.
-Descriptor OpenPacketSocket(unsigned interface_index) {
-  Descriptor socket = platform::AboveStandard(
-      Descriptor(::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
-  sockaddr_ll address{};
-  address.sll_family = AF_PACKET;
-  address.sll_ifindex = static_cast<int>(interface_index);
-  if (::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    return Descriptor();
-  }
-  const int on = 1;
-  ::setsockopt(socket.Get(), SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on);
-  return socket;
-}
-
-}  // namespace
-
-AdapterHandle::AdapterHandle(Descriptor socket, std::string interface, unsigned interface_index,
-                             const OpenOptions& options)
+AdapterHandle::AdapterHandle(platform::Descriptor socket, std::string interface,
+                             unsigned interface_index, const OpenOptions& options)
     : socket_(std::move(socket)),
       interface_(std::move(interface)),
       interface_index_(interface_index),
@@ -49,7 +24,7 @@ std::unique_ptr<AdapterHandle> AdapterHandle::Open(const std::string& interface,
   if (!properties || !properties->ethernet_framed || index == 0) {
     return nullptr;
   }
-  Descriptor socket = OpenPacketSocket(index);
+  platform::Descriptor socket = OpenPacketSocket(index);
   if (!socket.IsOpen()) {
     return nullptr;
   }

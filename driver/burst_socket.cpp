@@ -21,8 +21,8 @@ void WaitUntilWritable(int descriptor, nanoseconds limit) {
 
 }  // namespace
 
-BurstSocket::BurstSocket(int descriptor, nanoseconds patience)
-    : descriptor_(descriptor), patience_(patience) {
+BurstSocket::BurstSocket(int descriptor, nanoseconds patience, DepartureStamps* stamps)
+    : descriptor_(descriptor), patience_(patience), stamps_(stamps) {
   for (std::size_t i = 0; i < messages_.size(); ++i) {
     messages_[i].msg_hdr.msg_iov = &bytes_[i];
     messages_[i].msg_hdr.msg_iovlen = 1;
@@ -31,6 +31,12 @@ BurstSocket::BurstSocket(int descriptor, nanoseconds patience)
 
 std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames,
                                    const platform::DeadlineWaiter& waiter) {
+  return Send(frames, {}, waiter).sent;
+}
+
+BurstSocket::Outcome BurstSocket::Send(std::span<const FrameBytes> frames,
+                                       std::span<const std::uint32_t> tags,
+                                       const platform::DeadlineWaiter& waiter) {
   const std::size_t count = std::min(frames.size(), kMostFrames);
   for (std::size_t i = 0; i < count; ++i) {
     // The kernel only reads from it; iovec has no const form.
@@ -38,19 +44,42 @@ std::size_t BurstSocket::SendBurst(std::span<const FrameBytes> frames,
     bytes_[i].iov_len = frames[i].size();
   }
   std::size_t sent = 0;
-  Patience patience(patience_, waiter);
-  while (sent < count && !waiter.ShouldGiveUp()) {
+  error_ = 0;
+  Patience patience(patience_, waiter, &waits_);
+  while (sent < count && error_ == 0) {
+    if (waiter.ShouldGiveUp()) {
+      error_ = ECANCELED;
+      break;
+    }
     // What keeps a frame from being sent is reported by the call that begins with it.
-    const int result = ::sendmmsg(descriptor_, &messages_[sent],
-                                  static_cast<unsigned>(count - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
+    const int result = SendOnce(sent, count, tags);
     if (result > 0) {
       sent += static_cast<std::size_t>(result);
       patience.Progress();
-    } else if (!WaitForRoom(errno, patience)) {
-      break;
+    } else if (const int error = errno; !WaitForRoom(error, patience)) {
+      const bool full = error == EAGAIN || error == ENOBUFS;
+      error_ = full && waiter.ShouldGiveUp() ? ECANCELED : error;
     }
   }
-  return sent;
+  return {sent, error_};
+}
+
+int BurstSocket::SendOnce(std::size_t first, std::size_t count,
+                          std::span<const std::uint32_t> tags) {
+  const std::span<mmsghdr> messages(&messages_[first], count - first);
+  const bool with_stamps = stamps_ != nullptr && !tags.empty();
+  if (with_stamps) {
+    stamps_->Request(messages, tags.subspan(first, messages.size()));
+  }
+  const int result =
+      ::sendmmsg(descriptor_, messages.data(), static_cast<unsigned>(messages.size()),
+                 MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (with_stamps) {
+    const int error = errno;
+    stamps_->Note(messages, static_cast<std::size_t>(std::max(result, 0)));
+    errno = error;
+  }
+  return result;
 }
 
 bool BurstSocket::WaitForRoom(int error, Patience& patience) const {

@@ -19,6 +19,9 @@ nanoseconds Patience::Left() {
   const nanoseconds now = platform::MonotonicNow();
   if (!give_up_) {
     give_up_ = now + limit_;
+    if (waits_ != nullptr) {
+      waits_->fetch_add(1, std::memory_order_relaxed);
+    }
   }
   return *give_up_ - now;
 }

@@ -2,7 +2,9 @@
 // How long a sender waits for an adapter that has no room.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <optional>
 
 #include "platform/deadline_waiter.h"
@@ -12,9 +14,11 @@ namespace ipplayout {
 // Begins when the adapter is first found full and ends with each frame that it takes.
 class Patience {
  public:
-  // Waits end after `limit` without progress, or when `waiter` gives up.
-  Patience(std::chrono::nanoseconds limit, const platform::DeadlineWaiter& waiter)
-      : limit_(limit), waiter_(waiter) {}
+  // Waits end after `limit` without progress, or when `waiter` gives up. `waits`, if any, counts
+  // how often the adapter was found full.
+  Patience(std::chrono::nanoseconds limit, const platform::DeadlineWaiter& waiter,
+           std::atomic<std::uint64_t>* waits = nullptr)
+      : limit_(limit), waiter_(waiter), waits_(waits) {}
 
   // What is left of the limit; zero or less when it is used up. Starts it where it does not run.
   std::chrono::nanoseconds Left();
@@ -26,6 +30,7 @@ class Patience {
  private:
   const std::chrono::nanoseconds limit_;
   const platform::DeadlineWaiter& waiter_;
+  std::atomic<std::uint64_t>* const waits_;
   std::optional<std::chrono::nanoseconds> give_up_;
 };
 

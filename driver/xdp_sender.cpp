@@ -87,7 +87,7 @@ std::size_t XdpSender::AdapterMtu() const {
 
 XdpSender::Outcome XdpSender::SendPart(std::span<const FrameBytes> frames,
                                        const platform::DeadlineWaiter& waiter) {
-  Patience patience(patience_, waiter);
+  Patience patience(patience_, waiter, &waits_);
   while (rings_->FreeChunks() < frames.size()) {
     if (!patience.Nap()) {
       return {};

@@ -2,6 +2,7 @@
 // Sending bursts of frames through an AF_XDP socket.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +32,9 @@ class XdpSender final : public BurstSender {
   std::size_t SendBurst(std::span<const FrameBytes> frames,
                         const platform::DeadlineWaiter& waiter) override;
 
+  // How often there was no room, but for waits of `rest`. Any thread.
+  std::uint64_t Waits() const { return waits_.load(std::memory_order_relaxed); }
+
  private:
   // What the kernel sends at most in one call, in copy mode.
   static constexpr std::size_t kFramesPerCall = 32;
@@ -54,6 +58,7 @@ class XdpSender final : public BurstSender {
   const int packet_socket_;
   const std::chrono::nanoseconds patience_;
   bool usable_ = true;
+  std::atomic<std::uint64_t> waits_{0};
 };
 
 }  // namespace ipplayout
