@@ -23,7 +23,7 @@ bool IsOfFrame(int error) {
 
 }  // namespace
 
-OpenedSink<AdapterSink> AdapterSink::Open(const AdapterSinkSettings& settings) {
+Opened<AdapterSink> AdapterSink::Open(const AdapterSinkSettings& settings) {
   const auto failed = NotOpened<AdapterSink>;
   int error = 0;
   const auto properties = platform::QueryInterface(settings.interface, error);

@@ -11,7 +11,7 @@
 #include "driver/burst_socket.h"
 #include "driver/departure_stamps.h"
 #include "driver/frame_sink.h"
-#include "driver/opened_sink.h"
+#include "driver/opened.h"
 #include "driver/xdp_sender.h"
 #include "platform/descriptor.h"
 
@@ -32,7 +32,7 @@ struct AdapterSinkSettings {
 class AdapterSink final : public FrameSink {
  public:
   // In the network namespace of the calling thread. Needs CAP_NET_RAW.
-  static OpenedSink<AdapterSink> Open(const AdapterSinkSettings& settings);
+  static Opened<AdapterSink> Open(const AdapterSinkSettings& settings);
   AdapterSink(const AdapterSink&) = delete;
   AdapterSink& operator=(const AdapterSink&) = delete;
 

@@ -110,7 +110,7 @@ class StampedSending {
 std::unique_ptr<AdapterSink> Open(bool stamps, bool prefer_xdp = false) {
   auto opened = AdapterSink::Open({"near", stamps, prefer_xdp});
   EXPECT_EQ(opened.error, 0) << opened.step;
-  return std::move(opened.sink);
+  return std::move(opened.value);
 }
 
 TEST(AdapterSink, EveryTaggedFrameGetsAStampFromWithinItsCall) {
@@ -228,7 +228,7 @@ TEST(AdapterSink, TellsWhyItCannotBeOpened) {
     platform::GiveUpCapabilities();
     for (const auto& c : cases) {
       const auto opened = AdapterSink::Open({c.interface});
-      EXPECT_EQ(opened.sink, nullptr);
+      EXPECT_EQ(opened.value, nullptr);
       EXPECT_EQ(opened.error, c.error) << c.interface;
       EXPECT_EQ(opened.step, c.step) << c.interface;
     }
