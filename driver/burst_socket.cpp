@@ -44,6 +44,7 @@ BurstSocket::Outcome BurstSocket::Send(std::span<const FrameBytes> frames,
     bytes_[i].iov_len = frames[i].size();
   }
   std::size_t sent = 0;
+  int calls = 0;
   error_ = 0;
   Patience patience(patience_, waiter, &waits_);
   while (sent < count && error_ == 0) {
@@ -52,6 +53,7 @@ BurstSocket::Outcome BurstSocket::Send(std::span<const FrameBytes> frames,
       break;
     }
     // What keeps a frame from being sent is reported by the call that begins with it.
+    ++calls;
     const int result = SendOnce(sent, count, tags);
     if (result > 0) {
       sent += static_cast<std::size_t>(result);
@@ -61,7 +63,7 @@ BurstSocket::Outcome BurstSocket::Send(std::span<const FrameBytes> frames,
       error_ = full && waiter.ShouldGiveUp() ? ECANCELED : error;
     }
   }
-  return {sent, error_};
+  return {sent, error_, calls};
 }
 
 int BurstSocket::SendOnce(std::size_t first, std::size_t count,

@@ -29,6 +29,7 @@ class BurstSocket final : public BurstSender {
     // System error number of the frame behind them; ECANCELED where the waiter gave up. 0: all
     // sent.
     int error = 0;
+    int calls = 0;  // more than one where something came between
   };
 
   // `descriptor` stays the caller's, and so do `stamps`, if any, of the same socket.

@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "driver/departure_stamps.h"
 
-#include <linux/errqueue.h>
-#include <linux/if_packet.h>
 #include <linux/net_tstamp.h>
-#include <netinet/in.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
 
+#include "driver/error_queue.h"
 #include "platform/clock.h"
 
 namespace ipplayout {
@@ -25,19 +23,6 @@ constexpr std::uint32_t kRequested = SOF_TIMESTAMPING_TX_SOFTWARE;
 // Stamps that nobody has read yet count as received data, some 800 bytes each.
 constexpr int kQueueBytes = 4 << 20;
 constexpr nanoseconds kLongestUnderWay = std::chrono::seconds(1);
-
-bool IsExtendedError(const cmsghdr& control) {
-  return (control.cmsg_level == SOL_PACKET && control.cmsg_type == PACKET_TX_TIMESTAMP) ||
-         (control.cmsg_level == SOL_IP && control.cmsg_type == IP_RECVERR) ||
-         (control.cmsg_level == SOL_IPV6 && control.cmsg_type == IPV6_RECVERR);
-}
-
-template <typename T>
-T ContentOf(const cmsghdr& control) {
-  T content{};
-  std::memcpy(&content, CMSG_DATA(&control), sizeof content);
-  return content;
-}
 
 }  // namespace
 
@@ -132,10 +117,12 @@ std::size_t DepartureStamps::Read(std::span<Departure> out) {
       break;
     }
     for (std::size_t i = 0; i < received; ++i) {
-      const auto stamp = StampOf(messages_[i].msg_hdr);
-      const std::uint32_t tag = stamp ? TagOf(stamp->number) : 0;
-      if (tag != 0 && !clock_was_set_) {
-        out[count++] = {tag, wall_clock_.ToMonotonic(stamp->wall_time), false};
+      const QueuedError queued = ReadQueuedError(messages_[i].msg_hdr);
+      read_.fetch_add(queued.IsStamp() ? 1 : 0, std::memory_order_relaxed);
+      icmp_errors_.fetch_add(queued.IsIcmp() ? 1 : 0, std::memory_order_relaxed);
+      const std::uint32_t tag = queued.IsStamp() ? TagOf(queued.error.ee_data) : 0;
+      if (tag != 0 && queued.software_stamp && !clock_was_set_) {
+        out[count++] = {tag, wall_clock_.ToMonotonic(*queued.software_stamp), false};
       }
     }
   }
@@ -163,28 +150,6 @@ std::size_t DepartureStamps::Receive(std::size_t most) {
   // All that were just read had been stamped by now.
   clock_was_set_ |= wall_clock_.Compare();
   return static_cast<std::size_t>(result);
-}
-
-std::optional<DepartureStamps::Stamp> DepartureStamps::StampOf(msghdr& message) {
-  nanoseconds time{0};
-  sock_extended_err error{};
-  for (cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
-       control = CMSG_NXTHDR(&message, control)) {
-    if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_TIMESTAMPING) {
-      const timespec software = ContentOf<scm_timestamping>(*control).ts[0];
-      time = std::chrono::seconds(software.tv_sec) + nanoseconds(software.tv_nsec);
-    } else if (IsExtendedError(*control)) {
-      error = ContentOf<sock_extended_err>(*control);
-    }
-  }
-  if (error.ee_origin == SO_EE_ORIGIN_ICMP || error.ee_origin == SO_EE_ORIGIN_ICMP6) {
-    icmp_errors_.fetch_add(1, std::memory_order_relaxed);
-  }
-  if (error.ee_origin != SO_EE_ORIGIN_TIMESTAMPING) {
-    return std::nullopt;
-  }
-  read_.fetch_add(1, std::memory_order_relaxed);
-  return time == nanoseconds::zero() ? std::nullopt : std::optional(Stamp{error.ee_data, time});
 }
 
 std::uint32_t DepartureStamps::TagOf(std::uint32_t number) const {

@@ -14,6 +14,7 @@
 #include <optional>
 #include <span>
 
+#include "driver/error_queue.h"
 #include "driver/frame_sink.h"
 #include "platform/wall_clock.h"
 
@@ -50,13 +51,7 @@ class DepartureStamps {
 
  private:
   static constexpr std::size_t kAtOnce = 32;
-  static constexpr std::size_t kControlBytes = 192;  // a stamp, an error and its origin's address
   static constexpr std::size_t kUnderWay = 4096;
-
-  struct Stamp {
-    std::uint32_t number;
-    std::chrono::nanoseconds wall_time;
-  };
 
   explicit DepartureStamps(int descriptor);
 
@@ -64,7 +59,6 @@ class DepartureStamps {
   bool NumberFromZero() const;
   void TryToRestart();
   std::size_t Receive(std::size_t most);
-  std::optional<Stamp> StampOf(msghdr& message);
   std::uint32_t TagOf(std::uint32_t number) const;
 
   const int descriptor_;
@@ -86,7 +80,7 @@ class DepartureStamps {
   platform::WallClock wall_clock_;
   bool clock_was_set_ = false;  // until the queue was found empty
   struct Control {
-    alignas(cmsghdr) std::array<std::uint8_t, kControlBytes> bytes;
+    alignas(cmsghdr) std::array<std::uint8_t, kErrorControlBytes> bytes;
   };
   std::array<Control, kAtOnce> controls_{};
   std::array<mmsghdr, kAtOnce> messages_{};

@@ -4,21 +4,17 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <atomic>
 #include <cerrno>
-#include <map>
 #include <string_view>
-#include <thread>
 #include <vector>
 
-#include "platform/clock.h"
 #include "platform/native_thread.h"
 #include "tests/support/own_network.h"
+#include "tests/support/stamped_sending.h"
 
 namespace ipplayout {
 namespace {
 
-using std::chrono::nanoseconds;
 using Bytes = std::vector<std::uint8_t>;
 
 // With a local experimental EtherType, and `content` behind the header.
@@ -32,81 +28,6 @@ Bytes Frame(std::uint32_t content, std::size_t size = 64) {
   return frame;
 }
 
-// Sends frames with and without tags, notes when, and collects the departures on another thread.
-class StampedSending {
- public:
-  explicit StampedSending(FrameSink& sink) : sink_(sink), reader_([this] { Collect(); }) {}
-  ~StampedSending() { Finish(); }
-
-  FrameSink::Result Send(const std::vector<OutgoingFrame>& frames) {
-    const nanoseconds before = platform::MonotonicNow();
-    const auto result = sink_.Send(frames, waiter_);
-    const nanoseconds after = platform::MonotonicNow();
-    for (std::size_t i = 0; i < result.sent; ++i) {
-      if (frames[i].tag != 0) {
-        sent_[frames[i].tag] = {before, after};
-        wanted_.store(sent_.size());
-      }
-    }
-    return result;
-  }
-
-  // Waits for those under way.
-  void CatchUp() {
-    for (std::size_t read = read_; read < wanted_; read = read_) {
-      read_.wait(read);
-    }
-  }
-
-  // Checks what has come against what was sent.
-  void Finish() {
-    if (!reader_.joinable()) {
-      return;
-    }
-    CatchUp();
-    ended_ = true;
-    reader_.join();
-    ASSERT_EQ(departures_.size(), sent_.size());
-    nanoseconds last{0};
-    constexpr nanoseconds kOfReadingClocks = std::chrono::microseconds(1);
-    for (const Departure& departure : departures_) {
-      ASSERT_EQ(sent_.count(departure.tag), 1U) << departure.tag;
-      EXPECT_GE(departure.time, sent_[departure.tag].before - kOfReadingClocks);
-      EXPECT_LE(departure.time, sent_[departure.tag].after + kOfReadingClocks);
-      EXPECT_GE(departure.time, last - kOfReadingClocks);
-      EXPECT_FALSE(departure.hardware);
-      last = departure.time;
-      sent_.erase(departure.tag);
-    }
-  }
-
- private:
-  struct Call {
-    nanoseconds before, after;
-  };
-
-  void Collect() {
-    std::array<Departure, 50> some;
-    while (!ended_) {
-      pollfd errors{sink_.DepartureDescriptor(), 0, 0};
-      ::poll(&errors, 1, 10);
-      const std::size_t count = sink_.ReadDepartures(some);
-      departures_.insert(departures_.end(), some.begin(), some.begin() + count);
-      read_.store(departures_.size());
-      read_.notify_all();
-    }
-  }
-
-  FrameSink& sink_;
-  platform::DeadlineWaiter waiter_;
-  std::map<std::uint32_t, Call> sent_;
-  std::atomic<std::size_t> wanted_{0};
-  std::atomic<std::size_t> read_{0};
-  std::atomic<bool> ended_{false};
-  std::vector<Departure> departures_;  // the reader's, until it has ended
-  std::thread reader_;
-};
-
 std::unique_ptr<AdapterSink> Open(bool stamps, bool prefer_xdp = false) {
   auto opened = AdapterSink::Open({"near", stamps, prefer_xdp});
   EXPECT_EQ(opened.error, 0) << opened.step;
@@ -118,22 +39,7 @@ TEST(AdapterSink, EveryTaggedFrameGetsAStampFromWithinItsCall) {
     InOwnNetwork([every] {
       const auto sink = Open(true);
       ASSERT_GE(sink->DepartureDescriptor(), 0);
-      const Bytes frame = Frame(1);
-      StampedSending sending(*sink);
-      std::uint32_t index = 0;
-      for (std::uint32_t tagged = 0, burst = 0; tagged < 10'000; ++burst) {
-        std::vector<OutgoingFrame> frames;
-        for (std::size_t i = 0; i <= burst % 64; ++i, ++index) {
-          const bool has_tag = index % every == 0;
-          tagged += has_tag ? 1 : 0;
-          // Tags in no order, so that one that is out of step cannot pass for right.
-          frames.push_back({frame, {}, has_tag ? index * 2'654'435'761U | 1U : 0});
-        }
-        ASSERT_EQ(sending.Send(frames).sent, frames.size());
-        if (burst % 16 == 15) {
-          sending.CatchUp();  // however slow the machine, the kernel keeps those that are under way
-        }
-      }
+      SendTagged(*sink, Frame(1), 10'000, every);
     });
   }
 }
