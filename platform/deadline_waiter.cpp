@@ -33,25 +33,42 @@ std::chrono::nanoseconds DeadlineWaiter::Now() const {
 }
 
 void DeadlineWaiter::WaitUntil(std::chrono::nanoseconds deadline) {
+  Wait(deadline, longest_spin_, false);
+}
+
+void DeadlineWaiter::WaitUntilInterrupted(std::chrono::nanoseconds deadline,
+                                          std::chrono::nanoseconds longest_spin) {
+  Wait(deadline, std::min(longest_spin, longest_spin_), true);
+}
+
+void DeadlineWaiter::Wait(nanoseconds deadline, nanoseconds longest_spin, bool interruptible) {
   nanoseconds now = MonotonicNow();
   const nanoseconds length = deadline - now;
   const nanoseconds most_spin =
-      length < kAlwaysSlept ? longest_spin_ : std::min(longest_spin_, length * 3 / 4);
+      length < kAlwaysSlept ? longest_spin : std::min(longest_spin, length / 4 * 3);
   for (;;) {
-    const std::uint32_t seen = limit_changes_.load();
-    const auto target = std::min(deadline, std::chrono::nanoseconds(limit_ns_.load()));
+    const std::uint32_t seen = changes_.load();
+    if (interruptible && TakeInterrupt()) {
+      return;
+    }
+    const auto target = std::min(deadline, nanoseconds(limit_ns_.load()));
     const nanoseconds spin(spin_ns_.load(std::memory_order_relaxed));
     const auto wake = target - std::min(spin, most_spin);
     if (now < wake) {
-      FutexWaitUntil(limit_changes_, seen, wake);
+      FutexWaitUntil(changes_, seen, wake);
       now = MonotonicNow();
-      LearnFrom(now - wake);
+      if (now >= wake) {
+        LearnFrom(now - wake);
+      }
       continue;
     }
-    while (MonotonicNow() < target) {
+    while (now < target && !(interruptible && interrupted_.load(std::memory_order_relaxed))) {
       SpinOnce();
+      now = MonotonicNow();
     }
-    return;
+    if (now >= target) {
+      return;
+    }
   }
 }
 
@@ -66,8 +83,14 @@ void DeadlineWaiter::LearnFrom(nanoseconds lateness) {
 
 void DeadlineWaiter::LimitWaits(std::chrono::nanoseconds latest) {
   limit_ns_.store(latest.count());
-  limit_changes_.fetch_add(1);
-  FutexWakeAll(limit_changes_);
+  changes_.fetch_add(1);
+  FutexWakeAll(changes_);
+}
+
+void DeadlineWaiter::Interrupt() {
+  interrupted_.store(true);
+  changes_.fetch_add(1);
+  FutexWakeAll(changes_);
 }
 
 void DeadlineWaiter::RemoveLimit() {

@@ -19,6 +19,8 @@ class DeadlineWaiter {
   // a real-time thread leaves the processor to others.
   static constexpr std::chrono::microseconds kAlwaysSlept{80};
 
+  static constexpr std::chrono::nanoseconds kNever{INT64_MAX};
+
   DeadlineWaiter();
   virtual ~DeadlineWaiter() = default;
 
@@ -27,6 +29,14 @@ class DeadlineWaiter {
 
   // Returns at `deadline`, or at the limit if that comes first; at once when either has passed.
   virtual void WaitUntil(std::chrono::nanoseconds deadline);
+
+  // Ends as WaitUntil does, or with an Interrupt: an earlier one that ended no wait yet ends this
+  // one at once. Spins for `longest_spin` at most, so that 0 leaves the whole wait to the kernel. A
+  // deadline of kNever is not looked at.
+  virtual void WaitUntilInterrupted(std::chrono::nanoseconds deadline,
+                                    std::chrono::nanoseconds longest_spin);
+  // Any thread.
+  void Interrupt();
 
   // From now on waits are hardly spun through: they cost less and end later. Before the first one.
   void SpinLittle();
@@ -44,15 +54,24 @@ class DeadlineWaiter {
     return time != kNoLimit && Now().count() >= time;
   }
 
+ protected:
+  // Whether an Interrupt came that ended no wait yet. The waiting thread's; uses it up.
+  bool TakeInterrupt() {
+    return interrupted_.load(std::memory_order_relaxed) && interrupted_.exchange(false);
+  }
+
  private:
   static constexpr std::int64_t kNoLimit = INT64_MAX;
 
+  void Wait(std::chrono::nanoseconds deadline, std::chrono::nanoseconds longest_spin,
+            bool interruptible);
   void LearnFrom(std::chrono::nanoseconds lateness);
 
   std::atomic<std::int64_t> limit_ns_{kNoLimit};
   std::atomic<std::int64_t> give_up_ns_{kNoLimit};
-  // Futex word: its change tells a sleeper that the limit has moved.
-  std::atomic<std::uint32_t> limit_changes_{0};
+  // Futex word: its change tells a sleeper that the limit has moved or that it is interrupted.
+  std::atomic<std::uint32_t> changes_{0};
+  std::atomic<bool> interrupted_{false};
   std::chrono::nanoseconds longest_spin_;
   // The waiting thread's; atomic because the pump waits too when it transmits the last batch.
   std::atomic<std::int64_t> spin_ns_;

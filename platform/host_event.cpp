@@ -43,6 +43,11 @@ std::optional<OwnedHostEvent> OwnedHostEvent::Duplicate(EventHandle event) {
   return OwnedHostEvent(std::move(duplicate));
 }
 
+void OwnedHostEvent::Clear() {
+  std::uint64_t count = 0;
+  [[maybe_unused]] const auto read = ::read(descriptor_.Get(), &count, sizeof count);
+}
+
 bool OwnedHostEvent::IsSame(EventHandle event) const {
   return Compare(event) == 0;
 }

@@ -30,6 +30,8 @@ class OwnedHostEvent {
   static std::optional<OwnedHostEvent> Duplicate(EventHandle event);
 
   EventHandle Handle() const { return descriptor_.Get(); }
+  // Makes it unreadable again.
+  void Clear();
   // Whether `event` is the same event. False where the kernel does not say.
   bool IsSame(EventHandle event) const;
   // Some order of all events, in which the same one can be looked up. False as above.

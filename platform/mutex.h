@@ -2,6 +2,7 @@
 // A mutex that clang's thread-safety analysis follows. Other compilers see plain standard ones.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -52,6 +53,14 @@ class ConditionVariable {
     std::unique_lock lock(mutex.mutex_, std::adopt_lock);
     condition_.wait(lock);
     lock.release();  // the caller's to unlock
+  }
+  // The same, but not past `deadline` on the monotonic clock. False when it has passed.
+  bool WaitUntil(Mutex& mutex, std::chrono::nanoseconds deadline) IPPLAYOUT_REQUIRES(mutex) {
+    std::unique_lock lock(mutex.mutex_, std::adopt_lock);
+    const auto end = std::chrono::steady_clock::time_point(deadline);
+    const bool in_time = condition_.wait_until(lock, end) == std::cv_status::no_timeout;
+    lock.release();
+    return in_time;
   }
   void NotifyAll() { condition_.notify_all(); }
 
