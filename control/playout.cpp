@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "control/datagram_layout.h"
+#include "control/parametric_settings.h"
 #include "control/parts.h"
 #include "platform/clock.h"
 #include "platform/native_thread.h"
@@ -23,37 +24,6 @@ constexpr std::uint32_t kReadTimeoutMs = 1;
 constexpr std::chrono::milliseconds kStopGrace{250};
 // After a stop an adapter gets this long to take what has been handed over. The rest is given up.
 constexpr std::chrono::milliseconds kStopPatience{800};
-
-// The parametric manager's own numbers.
-std::int32_t DistributionType(std::uint32_t setting) {
-  switch (setting) {
-    case IPPLAYOUT_JITTER_SQUARE:
-      return CZebParametricManager::kSquare;
-    case IPPLAYOUT_JITTER_GAUSSIAN:
-      return CZebParametricManager::kGaussian;
-    case IPPLAYOUT_JITTER_SQUARED_DIFFERENCE:
-      return CZebParametricManager::kSquaredDifference;
-    case IPPLAYOUT_JITTER_SINE:
-      return CZebParametricManager::kSine;
-    default:
-      return CZebParametricManager::kNone;
-  }
-}
-
-void LoadParametricManager(CZebParametricManager& manager, const PlayoutSettings& settings) {
-  const ParametricSettings& parametric = settings.parametric;
-  manager.SetBurstMode(parametric.BurstMode == IPPLAYOUT_ON ? 1 : 0);
-  manager.SetBurstPeriod(parametric.BurstPeriod);
-  manager.SetBurstSize(parametric.BurstSize);
-  manager.SetJitterEnabled(parametric.JitterEnabled == IPPLAYOUT_ON ? 1 : 0);
-  if (parametric.BurstValueType <= IPPLAYOUT_BURST_BY_SIZE) {
-    manager.SetBurstValueType(parametric.BurstValueType);
-  }
-  manager.SetDistributionType(DistributionType(parametric.JitterDistributionType));
-  manager.SetJitterPeriod(parametric.JitterPeriod);
-  manager.SetSquareCycleLength(2);
-  manager.SetThreadPriority(static_cast<std::int32_t>(settings.other.PlayerThreadPriority));
-}
 
 constexpr double kFrameWork = 2.5e-6;  // seconds that sending one frame takes at most
 
@@ -134,7 +104,9 @@ bool Playout::LoadManagers() {
   parts_.replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
                                    settings.params.ReplicationCount);
   parts_.replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
-  LoadParametricManager(parts_.parametric, settings);
+  LoadParametricSettings(parts_.parametric, settings.parametric);
+  parts_.parametric.SetThreadPriority(
+      static_cast<std::int32_t>(settings.other.PlayerThreadPriority));
   return true;
 }
 

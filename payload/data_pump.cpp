@@ -118,18 +118,6 @@ void ZEBIPDataPump::WithdrawCompletionEvent(platform::EventHandle event) {
   std::erase(completion_events_, event);
 }
 
-bool ZEBIPDataPump::GetStatistics(PlayoutStatistics* out) {
-  // Before the record, so that one that is newer than a clearing is not taken for an older one.
-  const std::uint64_t clearings = clearings_.load();
-  const Counted counted = published_.Read();
-  *out = counted.clearings < clearings ? PlayoutStatistics{} : counted.statistics;
-  return true;
-}
-
-void ZEBIPDataPump::ClearStatistics() {
-  clearings_.fetch_add(1);
-}
-
 void ZEBIPDataPump::Run() {
   ApplyThreadPriority();
   platform::GiveUpCapabilities();
@@ -153,8 +141,8 @@ void ZEBIPDataPump::ApplyThreadPriority() {
 
 void ZEBIPDataPump::SendDatagrams() {
   header_room_ = top_layer_->GetHeaderLength();
-  payload_bytes_ = 0;
-  packet_size_ = source_->GetPacketSize();
+  statistics_.Begin(
+      {header_room_, datagram_size_, raw_payload_ ? 0 : source_->GetPacketSize(), ts_packet_size_});
   stopping_ = false;
   flushed_ = false;
   PDU frame(datagram_size_);
@@ -177,7 +165,7 @@ void ZEBIPDataPump::SendDatagrams() {
       error_code_.store(IPPLAYOUT_FAILED);
       return;
     }
-    CountDatagram(frame);
+    statistics_.Count(frame, *errors_);
     ++index;
     if (frame.Length() != datagram_size_) {
       frame.SetLength(datagram_size_);
@@ -230,39 +218,6 @@ bool ZEBIPDataPump::SendAllCopies(PDU& frame) {
 void ZEBIPDataPump::Flush() {
   interface_->FlushLastQueue();
   flushed_ = true;
-}
-
-void ZEBIPDataPump::CountDatagram(const PDU& frame) {
-  const std::uint32_t payload = frame.Length() - header_room_;
-  if (errors_->WasPacketLost()) {
-    errors_->AddLostBytes(static_cast<std::int32_t>(payload));
-    errors_->CountLostPacket();
-  }
-  if (const std::uint64_t clearings = clearings_.load(); clearings != counted_.clearings) {
-    counted_ = {{}, clearings};
-  }
-  PlayoutStatistics& statistics = counted_.statistics;
-  ++statistics.DatagramsSent;
-  statistics.BytesSent += frame.Length();
-  statistics.DatagramSize = datagram_size_;
-  if (raw_payload_) {
-    statistics.TSBytesSent += payload;
-  } else {
-    payload_bytes_ += payload;
-    statistics.TSPacketsSent = static_cast<std::uint64_t>(payload_bytes_ / packet_size_);
-    statistics.TSBytesSent =
-        static_cast<std::uint64_t>(payload_bytes_ * ts_packet_size_ / packet_size_);
-    statistics.TSPacketSize = ts_packet_size_;
-  }
-  ErrorStatistics errors;
-  errors_->CopyStatistics(errors);
-  statistics.LostPackets = errors.lost_packets;
-  statistics.SequenceErrors = errors.sequence_errors;
-  statistics.IPChecksumErrors = errors.ip_checksum_errors;
-  statistics.UDPChecksumErrors = errors.udp_checksum_errors;
-  statistics.Jitter = errors.jitter;
-  statistics.LostBytes = errors.lost_bytes;
-  published_.Publish(counted_);
 }
 
 void ZEBIPDataPump::EndRun() {

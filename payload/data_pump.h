@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "ipplayout/ipplayout.h"
+#include "payload/run_statistics.h"
 #include "platform/host_event.h"
 #include "platform/mutex.h"
-#include "platform/snapshot.h"
 #include "transmit/osa_thread.h"
 
 namespace ipplayout {
@@ -61,8 +61,11 @@ class ZEBIPDataPump final : public OsaThread {
   void AddCompletionEvent(platform::EventHandle event);
   void WithdrawCompletionEvent(platform::EventHandle event);
 
-  bool GetStatistics(PlayoutStatistics* out);
-  void ClearStatistics();
+  bool GetStatistics(PlayoutStatistics* out) {
+    *out = statistics_.Read();
+    return true;
+  }
+  void ClearStatistics() { statistics_.Clear(); }
   // 0, or IPPLAYOUT_FAILED after a layer failed to take a frame, until the next run.
   std::int32_t GetErrorCode() const { return error_code_.load(); }
 
@@ -72,7 +75,6 @@ class ZEBIPDataPump final : public OsaThread {
   void SendDatagrams();
   bool SendAllCopies(PDU& frame);
   void WaitWhilePaused();
-  void CountDatagram(const PDU& frame);
   void Flush();
   void EndRun();
 
@@ -88,22 +90,12 @@ class ZEBIPDataPump final : public OsaThread {
 
   // Pump thread only, for one run.
   std::uint32_t header_room_ = 0;
-  double payload_bytes_ = 0;
-  double packet_size_ = 0;
   bool stopping_ = false;
   bool flushed_ = false;
 
   std::atomic<std::int32_t> error_code_{0};
 
-  // Counted by the pump thread and published after each datagram. A reader takes a record for zeros
-  // until the pump has counted a datagram after the last time that they were cleared.
-  struct Counted {
-    PlayoutStatistics statistics;
-    std::uint64_t clearings;  // noticed before this datagram was counted
-  };
-  Counted counted_{};  // pump thread only
-  platform::Snapshot<Counted> published_;
-  std::atomic<std::uint64_t> clearings_{0};
+  RunStatistics statistics_;
 
   struct Registered {
     platform::OwnedHostEvent event;

@@ -14,8 +14,6 @@ constexpr double kLongestTime = 1e6;
 // Where the clock of a run stands still, after 68 years: a second below the largest one leaves room
 // for a carry.
 constexpr std::int32_t kLatestSecond = std::numeric_limits<std::int32_t>::max() - 1;
-// Of the running estimate that a new deviation replaces: RFC 3550 section 6.4.1.
-constexpr double kEstimateGain = 1.0 / 16;
 
 }  // namespace
 
@@ -48,7 +46,7 @@ FrameHeader FrameStamper::Stamp(std::uint32_t length, bool first_of_batch) {
     ApplyJitter(first_of_batch);
   }
   ++total_count_;
-  UpdateEstimate();
+  estimate_.Add(send_clock_.seconds + send_clock_.microseconds * 0.000001);
   return {static_cast<std::uint32_t>(pending_.seconds),
           static_cast<std::uint32_t>(pending_.microseconds), length, length};
 }
@@ -100,15 +98,6 @@ void FrameStamper::ApplyJitter(bool first_of_batch) {
   parameters_->AddTime(split.seconds, split.microseconds, pending_.seconds, pending_.microseconds);
   parameters_->AddTime(split.seconds, split.microseconds, send_clock_.seconds,
                        send_clock_.microseconds);
-}
-
-void FrameStamper::UpdateEstimate() {
-  const double time = send_clock_.seconds + send_clock_.microseconds * 0.000001;
-  const double interval = time - previous_time_;
-  const double deviation = std::abs(interval - previous_interval_);
-  estimate_ += (deviation - estimate_) * kEstimateGain;
-  previous_time_ = time;
-  previous_interval_ = interval;
 }
 
 }  // namespace ipplayout

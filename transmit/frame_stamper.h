@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "driver/send_queue.h"
+#include "transmit/jitter_estimate.h"
 #include "transmit/parametric_manager.h"
 
 namespace ipplayout {
@@ -25,7 +26,7 @@ class FrameStamper {
   // Jitter offsets applied since BeginBatch, in seconds.
   double JitterSum() const { return jitter_sum_; }
   // RFC 3550 section 6.4.1 style estimate over the intended send times, in seconds.
-  double JitterEstimate() const { return estimate_; }
+  double Jitter() const { return estimate_.Seconds(); }
 
  private:
   struct Time {
@@ -39,7 +40,6 @@ class FrameStamper {
   static void Carry(Time& time);
   void AdvanceClock(double by);
   void ApplyJitter(bool first_of_batch);
-  void UpdateEstimate();
 
   CParametricManagerBase* parameters_ = nullptr;
   bool jitter_on_ = false;
@@ -51,9 +51,7 @@ class FrameStamper {
   Time pending_;     // since the first frame of the batch
   Time send_clock_;  // since the first frame of the run
   double jitter_sum_ = 0;
-  double previous_time_ = 0;
-  double previous_interval_ = 0;
-  double estimate_ = 0;
+  JitterEstimate estimate_;
 };
 
 }  // namespace ipplayout

@@ -114,7 +114,7 @@ bool PcapRtInterface::QueueFrame(const PDU& frame) {
   const FrameHeader header = stamper_.Stamp(frame.Length(), queue_count_ == 0);
   ++queue_count_;
   if (errors_ != nullptr) {
-    errors_->SetJitter(stamper_.JitterEstimate());
+    errors_->SetJitter(stamper_.Jitter());
   }
   if (!hand_over_.Filling().Append(header, frame.Data())) {
     std::printf("Warning: packet buffer too small, not all the packets will be sent.\n");

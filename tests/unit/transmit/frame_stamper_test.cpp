@@ -43,16 +43,16 @@ TEST(FrameStamperTest, EstimatesTheJitterOfTheSendClock) {
   FrameStamper stamper;
   stamper.Begin(0.001, nullptr);
   stamper.Stamp(1370, true);  // at 0: the first frame does not advance the clock
-  EXPECT_EQ(stamper.JitterEstimate(), 0);
+  EXPECT_EQ(stamper.Jitter(), 0);
   stamper.Stamp(1370, false);  // at 1 ms: deviation 1 ms
-  EXPECT_NEAR(stamper.JitterEstimate(), 62.5e-6, 1e-12);
+  EXPECT_NEAR(stamper.Jitter(), 62.5e-6, 1e-12);
   stamper.Stamp(1370, false);  // at 2 ms: deviation 0
-  EXPECT_NEAR(stamper.JitterEstimate(), 58.59375e-6, 1e-12);
+  EXPECT_NEAR(stamper.Jitter(), 58.59375e-6, 1e-12);
   stamper.BeginBatch(0.001, 0.0015009);
   stamper.Stamp(1370, true);  // at 3.500 ms: deviation 0.5 ms
-  EXPECT_NEAR(stamper.JitterEstimate(), 86.181640625e-6, 1e-12);
+  EXPECT_NEAR(stamper.Jitter(), 86.181640625e-6, 1e-12);
   stamper.Begin(0.001, nullptr);
-  EXPECT_EQ(stamper.JitterEstimate(), 0);
+  EXPECT_EQ(stamper.Jitter(), 0);
 }
 
 TEST(FrameStamperTest, ABurstSharesOneStamp) {
@@ -61,10 +61,10 @@ TEST(FrameStamperTest, ABurstSharesOneStamp) {
   FrameStamper stamper;
   stamper.Begin(0.001, &parameters);
   EXPECT_THAT(Batch(stamper, 3), ElementsAre(0, 0, 0));
-  EXPECT_EQ(stamper.JitterEstimate(), 0);
+  EXPECT_EQ(stamper.Jitter(), 0);
   stamper.BeginBatch(0.001, 0.003);
   stamper.Stamp(1370, true);  // 3 ms after the burst before it
-  EXPECT_NEAR(stamper.JitterEstimate(), 0.003 / 16, 1e-12);
+  EXPECT_NEAR(stamper.Jitter(), 0.003 / 16, 1e-12);
 }
 
 TEST(FrameStamperTest, JitterMovesFramesButNeverBackBehindOneAnother) {
@@ -92,7 +92,7 @@ TEST(FrameStamperTest, JitterMovesFramesButNeverBackBehindOneAnother) {
     stamper.BeginBatch(0.001, 0.001);
     EXPECT_EQ(stamper.JitterSum(), 0);
     EXPECT_EQ(Batch(stamper, 4), second) << period_us;
-    EXPECT_TRUE(std::isfinite(stamper.JitterEstimate()));
+    EXPECT_TRUE(std::isfinite(stamper.Jitter()));
   }
 }
 
@@ -103,7 +103,7 @@ TEST(FrameStamperTest, TheSendClockStopsAtItsEnd) {
   for (int i = 0; i < 3000; ++i) {
     stamper.BeginBatch(1e6, 1e6);
     Batch(stamper, 2);
-    ASSERT_LE(stamper.JitterEstimate(), 1e6 / 16);
+    ASSERT_LE(stamper.Jitter(), 1e6 / 16);
   }
 }
 

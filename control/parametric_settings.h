@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: MIT
+// Bursts and jitter as the settings ask for them.
+#pragma once
+
+#include "ipplayout/ipplayout.h"
+#include "transmit/parametric_manager.h"
+
+namespace ipplayout {
+
+void LoadParametricSettings(CZebParametricManager& manager, const ParametricSettings& settings);
+
+}  // namespace ipplayout
