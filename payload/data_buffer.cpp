@@ -60,11 +60,31 @@ void CIPDataBuffer::CopyIn(const std::uint8_t* data, std::uint32_t length) {
 }
 
 bool CIPDataBuffer::ReadPayload(PDU& pdu, std::uint32_t offset, std::uint32_t /*reserved*/) {
-  std::uint32_t wanted = pdu.Length() - offset;
+  const std::uint32_t wanted = pdu.Length() - offset;
   if (wanted == 0) {
     return false;
   }
   WaitUntilReadable(wanted);
+  return TakePayload(pdu, offset, wanted);
+}
+
+CIPDataBuffer::TryResult CIPDataBuffer::TryReadPayload(PDU& pdu, std::uint32_t offset) {
+  const std::uint32_t wanted = pdu.Length() - offset;
+  if (wanted == 0) {
+    return TryResult::kEnd;
+  }
+  reader_needs_.store(0);
+  if (!IsReadable(wanted)) {
+    reader_needs_.store(wanted);
+    if (!IsReadable(wanted)) {
+      return TryResult::kNotYet;
+    }
+    reader_needs_.store(0);
+  }
+  return TakePayload(pdu, offset, wanted) ? TryResult::kRead : TryResult::kEnd;
+}
+
+bool CIPDataBuffer::TakePayload(PDU& pdu, std::uint32_t offset, std::uint32_t wanted) {
   if (const std::uint64_t held = Fill(); held < wanted) {
     wanted = static_cast<std::uint32_t>(held);
     pdu.SetLength(offset + wanted);
@@ -103,6 +123,14 @@ void CIPDataBuffer::WaitUntilReadable(std::uint32_t wanted) {
 void CIPDataBuffer::WakeReader() {
   const std::uint32_t needs = reader_needs_.load();
   if (needs != 0 && IsReadable(needs)) {
+    CallReader();
+  }
+}
+
+void CIPDataBuffer::CallReader() {
+  if (listener_ != nullptr) {
+    listener_->OnReadable();
+  } else {
     data_ready_.Set();
   }
 }
@@ -123,13 +151,18 @@ void CIPDataBuffer::WakeWriters() {
 bool CIPDataBuffer::Terminate() {
   terminated_.store(true);
   started_.store(true);
-  data_ready_.Set();
+  CallReader();
   return true;
 }
 
 void CIPDataBuffer::BeginRun() {
   const platform::MutexLock lock(writers_mutex_);
   reader_gone_ = false;
+}
+
+bool CIPDataBuffer::HasNoReader() {
+  const platform::MutexLock lock(writers_mutex_);
+  return reader_gone_;
 }
 
 void CIPDataBuffer::EndRun() {

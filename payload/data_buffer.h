@@ -12,6 +12,16 @@
 
 namespace ipplayout {
 
+// What is called when bytes can be read that a reader has asked for in vain. By a writer; may not
+// block.
+class ReadableListener {
+ public:
+  virtual void OnReadable() = 0;
+
+ protected:
+  ~ReadableListener() = default;
+};
+
 // Host threads write, the pump thread alone reads. Both block: a writer until its whole write fits,
 // the reader until a whole payload is there. Reading begins once the start threshold is reached.
 //
@@ -23,6 +33,12 @@ class CIPDataBuffer final : public PayloadSource {
   explicit CIPDataBuffer(std::uint32_t capacity);
 
   bool ReadPayload(PDU& pdu, std::uint32_t offset, std::uint32_t reserved) override;
+  // As ReadPayload, but waits for nothing: where it says kNotYet the listener is called once there
+  // is something to read.
+  enum class TryResult { kRead, kNotYet, kEnd };
+  TryResult TryReadPayload(PDU& pdu, std::uint32_t offset);
+  // For a reader that does not wait. While no run reads.
+  void SetListener(ReadableListener* listener) { listener_ = listener; }
   std::uint32_t GetPacketSize() const override { return packet_size_; }
 
   // Appends all of the bytes; waits for room, which the next run makes where none is in progress.
@@ -41,6 +57,10 @@ class CIPDataBuffer final : public PayloadSource {
   // for that playout. While no run reads.
   bool Reset();
 
+  // A run has ended and no other has begun: full, the ring refuses.
+  bool HasNoReader();
+  // Bytes that a write would not wait for.
+  std::uint32_t Room() const { return static_cast<std::uint32_t>(Free()); }
   bool IsEmpty() const { return Fill() == 0; }
   std::uint32_t IsTerminated() const { return terminated_.load() ? 1 : 0; }
   // The end was declared and everything written before it has been read.
@@ -60,7 +80,9 @@ class CIPDataBuffer final : public PayloadSource {
   void NeedSpace(std::uint32_t length) IPPLAYOUT_REQUIRES(writers_mutex_);
   void CopyIn(const std::uint8_t* data, std::uint32_t length) IPPLAYOUT_REQUIRES(writers_mutex_);
   void CopyOut(PDU& pdu, std::uint32_t offset, std::uint32_t length);
+  bool TakePayload(PDU& pdu, std::uint32_t offset, std::uint32_t wanted);
   void WakeReader();
+  void CallReader();
   void WakeWriters();
   void ReleaseWriters() IPPLAYOUT_REQUIRES(writers_mutex_);
 
@@ -69,6 +91,8 @@ class CIPDataBuffer final : public PayloadSource {
   // Set by the control thread while no run reads.
   std::atomic<std::uint32_t> packet_size_{0};
   std::atomic<std::uint32_t> start_threshold_{0};
+
+  ReadableListener* listener_ = nullptr;
 
   std::atomic<bool> started_{false};
   std::atomic<bool> terminated_{false};
