@@ -122,4 +122,10 @@ Layer* HeaderChain::BuildRtp(const PlayoutSettings& settings, Sender* below, CSw
   return rtp_.get();
 }
 
+std::uint32_t HeaderLength(const PlayoutSettings& settings) {
+  HeaderChain chain;
+  chain.Build(settings, nullptr, nullptr, nullptr);
+  return chain.Top()->GetHeaderLength();
+}
+
 }  // namespace ipplayout

@@ -2,6 +2,7 @@
 // The protocol layers of one playout.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "control/settings_store.h"
@@ -41,5 +42,8 @@ class HeaderChain {
   std::unique_ptr<RtpDataFlowOut> rtp_;
   Sender* top_ = nullptr;
 };
+
+// Bytes that the headers take up which the settings ask for.
+std::uint32_t HeaderLength(const PlayoutSettings& settings);
 
 }  // namespace ipplayout

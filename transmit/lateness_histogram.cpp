@@ -54,10 +54,9 @@ std::optional<nanoseconds> LatenessHistogram::Percentile(double percent) const {
   if (count == 0) {
     return std::nullopt;
   }
-  // Multiplied first: 99.9 % of 1,000 are 999 and not a rounding error more.
-  const double share = std::clamp(percent, 0.0, 100.0) * static_cast<double>(count) / 100;
-  const auto rank =
-      std::clamp<std::uint64_t>(static_cast<std::uint64_t>(std::ceil(share)), 1, count);
+  const double share = std::clamp(percent, 0.0, 100.0) / 100;
+  const auto rank = std::clamp<std::uint64_t>(
+      static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(count))), 1, count);
   std::uint64_t value = kLongest;
   std::uint64_t passed = 0;
   for (std::size_t i = 0; i < kBuckets; ++i) {

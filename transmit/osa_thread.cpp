@@ -26,7 +26,9 @@ bool OsaThread::Start() {
     thread_->SetPriority(priority_.Level(), real_time_);
     id = thread_->Id();
   }
-  OsaTrace("OsaThread::Start, name = %s, id = %u\n", Name(), id);
+  if (is_traced_) {
+    OsaTrace("OsaThread::Start, name = %s, id = %u\n", Name(), id);
+  }
   return true;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Base of the library's two worker threads: name, priority, start, stop request.
+// Base of the library's worker threads: name, priority, start, stop request.
 #pragma once
 
 #include <array>
@@ -64,6 +64,8 @@ class OsaThread {
   const char* Name() const { return name_.data(); }
 
  protected:
+  // Starts leave no line in the trace log: for threads of which a host may have many.
+  void StartSilently() { is_traced_ = false; }
   virtual void Run() = 0;
   bool StopRequested() const { return stop_requested_.load(); }
 
@@ -73,6 +75,7 @@ class OsaThread {
   std::array<char, kNameSize> name_{};
   std::uint32_t stack_size_;
   bool real_time_ = false;
+  bool is_traced_ = true;
   std::atomic<bool> stop_requested_{false};
 
   // Held while a thread is created and given its stored priority, so

@@ -1,0 +1,234 @@
+// SPDX-License-Identifier: MIT
+#include "control/playout_rules.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "control/datagram_layout.h"
+#include "control/header_chain.h"
+
+namespace ipplayout {
+namespace {
+
+constexpr std::uint32_t kDefaultRing = 1 << 20;
+constexpr std::uint32_t kLeastRing = 1 << 16;
+constexpr std::uint32_t kMostRing = 1 << 30;
+constexpr double kMostBitRate = 1e6;  // Mb/s
+constexpr double kMostCatchUp = 1000;
+constexpr std::int64_t kLongestTolerance = 1'000'000'000;
+constexpr std::uint32_t kMostLedgerFrames = 1 << 24;
+
+// A field of whole numbers and its range.
+struct Range {
+  const char* name;
+  std::int64_t value;
+  std::int64_t least;
+  std::int64_t most;
+};
+
+Failure Refuse(const char* name, const std::string& value, const std::string& allowed) {
+  return {IPPLAYOUT_BAD_VALUE, std::string(name) + " is " + value + "; it can be " + allowed};
+}
+
+Failure CheckRange(const Range& range) {
+  if (range.value >= range.least && range.value <= range.most) {
+    return {};
+  }
+  return Refuse(range.name, std::to_string(range.value),
+                std::to_string(range.least) + " to " + std::to_string(range.most));
+}
+
+template <std::size_t N>
+Failure CheckRanges(const Range (&ranges)[N]) {
+  for (const Range& range : ranges) {
+    if (Failure failure = CheckRange(range)) {
+      return failure;
+    }
+  }
+  return {};
+}
+
+std::string Text(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6g", value);
+  return text;
+}
+
+Failure CheckHeaders(const ProtocolHeadersSettings& headers) {
+  const IPHeaderSettings& ip = headers.IPHeaderSettings;
+  const UDPHeaderSettings& udp = headers.UDPHeaderSettings;
+  const RTPHeaderSettings& rtp = headers.RTPHeaderSettings;
+  return CheckRanges({{"EProtocol", headers.EthernetHeaderSettings.EProtocol, 0, 0xFFFF},
+                      {"TPID", headers.TPID, 0, 0xFFFF},
+                      {"VLANPriorityLevel", headers.VLANPriorityLevel, 0, 7},
+                      {"VID", headers.VID, 0, 0xFFF},
+                      {"TTL", ip.TTL, 0, 0xFF},
+                      {"Identification", ip.Identification, 0, 0xFFFF},
+                      {"IPProtocol", ip.IPProtocol, 0, 0xFF},
+                      {"FlowLabel", headers.IPv6HeaderSettings.FlowLabel, 0, 0xFFFFF},
+                      {"SourcePort", udp.SourcePort, 0, 0xFFFF},
+                      {"DestinationPort", udp.DestinationPort, 0, 0xFFFF},
+                      {"SequenceNumber", rtp.SequenceNumber, 0, 0xFFFF},
+                      {"PayloadType", rtp.PayloadType, 0, 0xFF}});
+}
+
+Failure CheckPlayout(const IpPlayoutSettings& settings) {
+  const IPPlayParams& params = settings.Params;
+  if (Failure failure = CheckRanges(
+          {{"To", settings.To, IPPLAYOUT_TO_ADAPTER, IPPLAYOUT_TO_SOCKET},
+           {"IPLayerVersion", params.IPLayerVersion, IPPLAYOUT_IPV4, IPPLAYOUT_IPV6},
+           {"ProtocolMode", params.ProtocolMode, IPPLAYOUT_UDP, IPPLAYOUT_RTP},
+           {"PacketSizeMode", params.PacketSizeMode, IPPLAYOUT_SIZE_BYTES,
+            IPPLAYOUT_SIZE_TS_PACKETS},
+           {"ReplicationCount", params.ReplicationCount, 0, 65535},
+           {"RingBytes", settings.RingBytes, kLeastRing, kMostRing},
+           {"StartBytes", settings.StartBytes, 0, settings.RingBytes},
+           {"Late", settings.Late, IPPLAYOUT_LATE_BOUNDED, IPPLAYOUT_LATE_DROP},
+           {"Refused", settings.Refused, IPPLAYOUT_REFUSED_FAILS, IPPLAYOUT_REFUSED_COUNTS},
+           {"LateAfterNs", settings.LateAfterNs, 0, kLongestTolerance},
+           {"Precision", settings.Precision, IPPLAYOUT_PRECISE, IPPLAYOUT_ECONOMICAL},
+           {"Stamps", settings.Stamps, IPPLAYOUT_OFF, IPPLAYOUT_ON},
+           {"LedgerFrames", settings.LedgerFrames, 0, kMostLedgerFrames},
+           {"CopiesShareTime", settings.CopiesShareTime, IPPLAYOUT_OFF, IPPLAYOUT_ON}})) {
+    return failure;
+  }
+  const std::uint32_t packet = settings.TSPacketSize;
+  if (packet != 0 && packet != 188 && packet != 192 && packet != 204) {
+    return Refuse("TSPacketSize", std::to_string(packet), "188, 192, 204, or 0 for no packets");
+  }
+  if (!(settings.BitRate >= 0 && settings.BitRate <= kMostBitRate)) {
+    return Refuse("BitRate", Text(settings.BitRate),
+                  "above 0 to 1000000 Mb/s, or 0 where marks give the times");
+  }
+  if (!(settings.CatchUp > 1 && settings.CatchUp <= kMostCatchUp)) {
+    return Refuse("CatchUp", Text(settings.CatchUp), "above 1 to 1000");
+  }
+  if (std::memchr(settings.Destination, '\0', sizeof settings.Destination) == nullptr) {
+    return {IPPLAYOUT_BAD_VALUE, "Destination has no end; it can be up to 255 bytes and a NUL"};
+  }
+  if (settings.Destination[0] == '\0' && settings.To != IPPLAYOUT_TO_SOCKET) {
+    return {IPPLAYOUT_BAD_VALUE, settings.To == IPPLAYOUT_TO_ADAPTER
+                                     ? "Destination is empty; it is to be the name of an interface"
+                                     : "Destination is empty; it is to be the path of a file"};
+  }
+  return {};
+}
+
+// What a socket leaves to the kernel cannot be ordered.
+Failure CheckSocket(const IpPlayoutSettings& settings) {
+  const IPPlayParams& params = settings.Params;
+  const ProtocolHeadersSettings& headers = params.ProtocolHeadersSettings;
+  const bool ipv4 = params.IPLayerVersion == IPPLAYOUT_IPV4;
+  const struct {
+    bool is_set;
+    const char* what;
+  } kRefused[] = {
+      {headers.VLANEnabled == IPPLAYOUT_ON, "VLANEnabled is 1"},
+      {params.ReplicationCount > 0, "ReplicationCount is above 0"},
+      {ipv4 && headers.IPHeaderSettings.Identification != 0, "Identification is not 0"},
+      {ipv4 && headers.IPHeaderSettings.IPProtocol != 17, "IPProtocol is not 17"},
+      {!ipv4 && headers.IPv6HeaderSettings.NextHeader != 17, "NextHeader is not 17"},
+      {settings.Errors.ErrInsertionEnable != 0 && settings.Errors.ChecksumErrorEnabled != 0,
+       "ChecksumErrorEnabled is set"},
+  };
+  for (const auto& row : kRefused) {
+    if (row.is_set) {
+      return {IPPLAYOUT_BAD_VALUE,
+              std::string(row.what) + ", which a UDP socket cannot do; an adapter can"};
+    }
+  }
+  return {};
+}
+
+// The smallest datagram has room for its headers and something in it.
+Failure CheckLayout(const IpPlayoutSettings& settings) {
+  platform::Random random(0);
+  const PlayoutSettings playout = ToPlayoutSettings(settings, random);
+  const IPPlayParams& params = playout.params;
+  const std::uint32_t headers = HeaderLength(playout);
+  const auto layout = LayOutDatagram(playout, headers);
+  if (!layout || layout->datagram_size <= headers) {
+    return {IPPLAYOUT_BAD_VALUE,
+            params.PacketSizeMode == IPPLAYOUT_SIZE_TS_PACKETS && playout.TSPacketSize != 0
+                ? "TSPacketCount is " + std::to_string(params.TSPacketCount) +
+                      "; a frame is to hold a packet and up to GetMaxIPMTU bytes"
+                : "IPPacketSize is " + std::to_string(params.IPPacketSize) +
+                      "; a frame is to hold " + std::to_string(headers) +
+                      " bytes of headers and a packet"};
+  }
+  return {};
+}
+
+}  // namespace
+
+Failure CheckSettings(const IpPlayoutSettings& settings) {
+  if (settings.Size != sizeof settings) {
+    return {IPPLAYOUT_BAD_VALUE, "Size is " + std::to_string(settings.Size) +
+                                     "; this library has " + std::to_string(sizeof settings) +
+                                     ", which IpPlayoutDefaults sets"};
+  }
+  if (Failure failure = CheckPlayout(settings)) {
+    return failure;
+  }
+  if (Failure failure = CheckHeaders(settings.Params.ProtocolHeadersSettings)) {
+    return failure;
+  }
+  if (settings.To == IPPLAYOUT_TO_SOCKET) {
+    if (Failure failure = CheckSocket(settings)) {
+      return failure;
+    }
+  }
+  return CheckLayout(settings);
+}
+
+IpPlayoutSettings DefaultSettings() {
+  IpPlayoutSettings settings{};
+  settings.Size = sizeof settings;
+  IPPlayParams& params = settings.Params;
+  params.ProtocolMode = IPPLAYOUT_RTP;
+  params.PacketSizeMode = IPPLAYOUT_SIZE_TS_PACKETS;
+  params.TSPacketCount = 7;
+  params.IPPacketSize = 1370;
+  ProtocolHeadersSettings& headers = params.ProtocolHeadersSettings;
+  headers.EthernetHeaderSettings.EProtocol = 0x0800;
+  headers.TPID = 0x8100;
+  headers.IPHeaderSettings.IPVersion = 4;
+  headers.IPHeaderSettings.TTL = 16;
+  headers.IPHeaderSettings.IPProtocol = 17;
+  headers.IPv6HeaderSettings.IPv6Version = 6;
+  headers.IPv6HeaderSettings.HopLimit = 16;
+  headers.IPv6HeaderSettings.NextHeader = 17;
+  headers.RTPHeaderSettings.RTPVersion = 2;
+  headers.RTPHeaderSettings.PayloadType = 33;
+  headers.RTPHeaderSettings.RandomSequenceNumber = IPPLAYOUT_ON;
+  headers.RTPHeaderSettings.RandomSSRC = IPPLAYOUT_ON;
+  settings.TSPacketSize = 188;
+  settings.RingBytes = kDefaultRing;
+  settings.StartBytes = kDefaultRing / 4;
+  settings.CatchUp = 1.25;
+  settings.LateAfterNs = 1'000'000;
+  return settings;
+}
+
+PlayoutSettings ToPlayoutSettings(const IpPlayoutSettings& settings, platform::Random& random) {
+  PlayoutSettings playout{};
+  playout.params = settings.Params;
+  playout.error_insertion = settings.Errors;
+  playout.parametric = settings.Parametric;
+  playout.tts = settings.Tts;
+  playout.TSPacketSize = settings.TSPacketSize;
+  playout.IPBitRate = settings.BitRate;
+  RTPHeaderSettings& rtp = playout.params.ProtocolHeadersSettings.RTPHeaderSettings;
+  if (rtp.RandomSSRC == IPPLAYOUT_ON) {
+    rtp.SSRC = static_cast<std::uint32_t>(random.Next64() >> 32);
+    rtp.RandomSSRC = IPPLAYOUT_OFF;
+  }
+  if (rtp.RandomSequenceNumber == IPPLAYOUT_ON) {
+    rtp.SequenceNumber = static_cast<std::uint32_t>(random.Next64() >> 48);
+    rtp.RandomSequenceNumber = IPPLAYOUT_OFF;
+  }
+  return playout;
+}
+
+}  // namespace ipplayout

@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: MIT
+#include "control/scheduled_run.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+
+#include "control/datagram_layout.h"
+#include "control/parametric_settings.h"
+#include "control/playout_rules.h"
+
+namespace ipplayout {
+namespace {
+
+using std::chrono::nanoseconds;
+
+// Frames that are built ahead: some 50 ms of them, so that a change shows soon, but enough to sleep
+// on and not so many that a fast stream takes up much memory.
+constexpr double kBuiltAhead = 0.05;  // seconds
+constexpr double kLeastBuilt = 16;
+constexpr double kMostBuilt = 2048;
+// Where marks do not say.
+constexpr double kUsualFramesPerSecond = 1000;
+
+constexpr std::uint32_t kSequenceInRtp = 2;
+
+WhenLate RuleOf(std::uint32_t late) {
+  switch (late) {
+    case IPPLAYOUT_LATE_CATCH_UP:
+      return WhenLate::kCatchUp;
+    case IPPLAYOUT_LATE_SHIFT:
+      return WhenLate::kShift;
+    case IPPLAYOUT_LATE_DROP:
+      return WhenLate::kDrop;
+    default:
+      return WhenLate::kBounded;
+  }
+}
+
+// -1 for none.
+std::int64_t Count(std::optional<nanoseconds> time) {
+  return time ? time->count() : -1;
+}
+
+}  // namespace
+
+ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source,
+                           TimeMarks& marks, Surroundings& surroundings, Owner& owner)
+    : ordered_(settings),
+      seed_(settings.Seed != 0 ? settings.Seed : platform::DrawSeed()),
+      random_(seed_),
+      settings_(ToPlayoutSettings(settings, random_)),
+      source_(source),
+      marks_(marks),
+      surroundings_(surroundings),
+      owner_(owner),
+      errors_(settings_.params.ProtocolMode, random_),
+      clock_(settings.FirstRtpTimestamp) {}
+
+ScheduledRun::~ScheduledRun() = default;
+
+Failure ScheduledRun::Prepare() {
+  const std::uint32_t headers = HeaderLength(settings_);
+  const auto layout = LayOutDatagram(settings_, headers);
+  if (!layout) {
+    return {IPPLAYOUT_BAD_VALUE, "the datagrams have no room for their headers"};
+  }
+  const std::uint32_t payload = layout->datagram_size - headers;
+  LoadManagers();
+  if (!(settings_.IPBitRate > 0) && !marks_.Last()) {
+    return {IPPLAYOUT_BAD_STATE, "nothing says when data leaves; set BitRate or marks"};
+  }
+  SetRate(payload, layout->datagram_size);
+  parametric_.ComputeBurstCount(layout->datagram_size,
+                                FramesPerSecond(payload) * layout->datagram_size * 8);
+  const std::uint32_t rtp_offset = IsRtp() ? headers - RtpDataFlowOut::kHeaderLength : headers;
+  if (Failure failure = surroundings_.destinations.Enter(ordered_, rtp_offset, route_)) {
+    return failure;
+  }
+  sender_ = route_.Sink().Name();
+  const StreamRules rules = RulesFor(payload);
+  const double ahead = std::clamp(rules.frames_per_second * kBuiltAhead, kLeastBuilt, kMostBuilt);
+  StreamListener& listener = *this;
+  stream_ =
+      std::make_unique<ScheduledStream>(static_cast<std::size_t>(ahead), layout->datagram_size,
+                                        ordered_.LedgerFrames, rules, route_.Sink(), listener);
+  builder_thread_ = stream_->ring.IsAllocated() ? surroundings_.builders.Enter() : nullptr;
+  if (builder_thread_ == nullptr) {
+    surroundings_.destinations.Leave(route_);
+    return {IPPLAYOUT_NO_RESOURCES,
+            "memory or threads have run out; close playouts or raise the "
+            "limits (ulimit -u, -v)"};
+  }
+  BuilderRules builder_rules;
+  builder_rules.shape = {headers, layout->datagram_size, layout->packet_size,
+                         settings_.TSPacketSize};
+  builder_rules.copies_share_time = ordered_.CopiesShareTime == IPPLAYOUT_ON;
+  builder_rules.rtp_sequence_offset = IsRtp() ? rtp_offset + kSequenceInRtp : 0;
+  builder_ = std::make_unique<DatagramBuilder>(
+      BuilderParts{source_, marks_, errors_, replication_, parametric_, clock_, statistics_,
+                   stream_->ring, stream_->all_built, has_left_, *this},
+      builder_rules);
+  chain_.Build(settings_, &errors_, &replication_, builder_.get(), &clock_);
+  builder_->SetTop(chain_.Top());
+  source_.SetPacketSize(layout->packet_size);
+  return {};
+}
+
+void ScheduledRun::LoadManagers() {
+  errors_.Configure(settings_.error_insertion);
+  replication_.StartDatagram();
+  replication_.SetIncrements(settings_.params.ProtocolHeadersIncrements,
+                             settings_.params.ReplicationCount);
+  replication_.SetHeaderSettings(settings_.params.ProtocolHeadersSettings);
+  parametric_.UseRandom(random_);
+  LoadParametricSettings(parametric_, settings_.parametric);
+}
+
+void ScheduledRun::SetRate(std::uint32_t payload_bytes, std::uint32_t datagram_bytes) {
+  if (settings_.IPBitRate > 0) {
+    const double frame_time = datagram_bytes * 8e9 / StreamBitRate(settings_);
+    marks_.SetRate(frame_time / payload_bytes);
+  }
+}
+
+double ScheduledRun::FramesPerSecond(std::uint32_t payload_bytes) const {
+  const double bytes_per_second = marks_.MeanRate().value_or(kUsualFramesPerSecond * payload_bytes);
+  return bytes_per_second / payload_bytes;
+}
+
+StreamRules ScheduledRun::RulesFor(std::uint32_t payload_bytes) const {
+  StreamRules rules;
+  rules.is_precise = ordered_.Precision == IPPLAYOUT_PRECISE;
+  rules.late = {RuleOf(ordered_.Late), ordered_.CatchUp, nanoseconds(ordered_.LateAfterNs)};
+  rules.ends_when_refused = ordered_.Refused == IPPLAYOUT_REFUSED_FAILS;
+  rules.wants_stamps = ordered_.Stamps == IPPLAYOUT_ON;
+  rules.frames_per_second =
+      FramesPerSecond(payload_bytes) * (std::max(settings_.params.ReplicationCount, 0) + 1);
+  return rules;
+}
+
+void ScheduledRun::Launch() {
+  source_.BeginRun();
+  RequestFrames();
+}
+
+// The builder first: nobody requests the stream behind it.
+Failure ScheduledRun::Withdraw() {
+  builder_thread_->Detach(*builder_);
+  surroundings_.builders.Leave(builder_thread_);
+  Transmitter().Remove(*stream_);
+  return surroundings_.destinations.Leave(route_);
+}
+
+void ScheduledRun::Pause(bool on) {
+  stream_->wants_pause.store(on);
+  Transmitter().Request(*stream_);
+}
+
+void ScheduledRun::OnEnd(int error) {
+  end_error_.store(error);
+  has_left_.store(true);
+  RequestFrames();
+}
+
+void ScheduledRun::ReadTiming(IpPlayoutTiming& out) const {
+  const TimingRecord& timing = stream_->timing;
+  const TimingRecord::Counts counts = timing.Read();
+  const LatenessHistogram& lateness = timing.Lateness();
+  const LatenessHistogram& stamps = timing.Stamps();
+  out = {};
+  out.OnTime = counts.on_time;
+  out.Late = counts.late;
+  out.LeftOut = counts.left_out;
+  out.NotSent = counts.not_sent;
+  out.Discarded = counts.discarded;
+  out.LatenessP50Ns = Count(lateness.Percentile(50));
+  out.LatenessP99Ns = Count(lateness.Percentile(99));
+  out.LatenessP999Ns = Count(lateness.Percentile(99.9));
+  out.LatenessMaxNs = Count(lateness.Maximum());
+  out.FirstDepartureNs = counts.first_departure.count();
+  out.LastDepartureNs = counts.last_departure.count();
+  out.LongestGapNs = counts.longest_gap.count();
+  out.ShiftNs = counts.shift.count();
+  out.DryTimes = counts.dry_times;
+  out.DryNs = counts.dry.count();
+  out.Retries = counts.retries;
+  out.Stamps = stamps.Count();
+  out.StampP50Ns = Count(stamps.Percentile(50));
+  out.StampP99Ns = Count(stamps.Percentile(99));
+  out.StampP999Ns = Count(stamps.Percentile(99.9));
+  out.StampMaxNs = Count(stamps.Maximum());
+  out.LedgerLeftOut = stream_->ledger.LeftOut();
+  std::snprintf(out.Sender, sizeof out.Sender, "%s", sender_.c_str());
+}
+
+}  // namespace ipplayout

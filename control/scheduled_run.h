@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: MIT
+// The objects of one run of a playout of the many.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "control/destinations.h"
+#include "control/failure.h"
+#include "control/header_chain.h"
+#include "control/settings_store.h"
+#include "ipplayout/playouts.h"
+#include "payload/builder_pool.h"
+#include "payload/data_buffer.h"
+#include "payload/datagram_builder.h"
+#include "payload/due_clock.h"
+#include "payload/error_insertion_manager.h"
+#include "payload/run_statistics.h"
+#include "payload/time_marks.h"
+#include "platform/random.h"
+#include "protocol/replication_manager.h"
+#include "transmit/parametric_manager.h"
+#include "transmit/schedule_transmitter.h"
+#include "transmit/scheduled_stream.h"
+
+namespace ipplayout {
+
+// What lives as long as the process and is shared by all runs.
+struct Surroundings {
+  explicit Surroundings(SinkMaker& sinks) : destinations(sinks) {}
+
+  Destinations destinations;
+  BuilderPool builders;
+};
+
+// Built by a start, kept until the next one so that its figures can be read. Whoever owns it calls
+// Launch once it is prepared, and Withdraw before it goes: in between other threads are at work on
+// it, which Request and the two of FrameTaker and StreamListener join.
+class ScheduledRun final : public FrameTaker, private StreamListener {
+ public:
+  // Told once when a run ends by itself, on the builder's thread.
+  class Owner {
+   public:
+    // 0, or a system error number: the destination refused a frame.
+    virtual void OnRunEnd(int error) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  // `source` and `marks` outlive the run, which is the only one to read from them.
+  ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source, TimeMarks& marks,
+               Surroundings& surroundings, Owner& owner);
+  ScheduledRun(const ScheduledRun&) = delete;
+  ScheduledRun& operator=(const ScheduledRun&) = delete;
+  ~ScheduledRun();
+
+  // Builds the chain and opens the destination. A failure leaves nothing behind.
+  Failure Prepare();
+  // Has the frames built. After the stream has been added to its transmitter.
+  void Launch();
+  // Takes the run from all other threads. A file that could not be written whole is the failure.
+  Failure Withdraw();
+
+  ScheduleTransmitter& Transmitter() const { return route_.destination->transmitter; }
+  const std::shared_ptr<Destination>& SharedDestination() const { return route_.destination; }
+  ScheduledStream& Stream() { return *stream_; }
+
+  // There is data or a mark. Any thread, between Launch and the beginning of Withdraw.
+  void RequestFrames() { builder_thread_->Request(*builder_); }
+  void Pause(bool on);
+  void Order(DatagramBuilder::Damage damage, std::uint32_t datagrams) {
+    builder_->Order(damage, datagrams);
+  }
+
+  // Any time after Prepare, any thread.
+  bool RanOutOfMemory() const { return builder_->RanOutOfMemory(); }
+  PlayoutStatistics Statistics() const { return statistics_.Read(); }
+  void ReadTiming(IpPlayoutTiming& out) const;
+  DepartureLedger& Ledger() { return stream_->ledger; }
+  std::uint64_t Seed() const { return seed_; }
+  bool IsRtp() const { return settings_.params.ProtocolMode == IPPLAYOUT_RTP; }
+
+ private:
+  void OnFrames() override { Transmitter().Request(*stream_); }
+  void OnRoom() override { RequestFrames(); }
+  void OnEnd(int error) override;
+  void OnOver() override { owner_.OnRunEnd(end_error_.load()); }
+
+  void LoadManagers();
+  void SetRate(std::uint32_t payload_bytes, std::uint32_t datagram_bytes);
+  StreamRules RulesFor(std::uint32_t payload_bytes) const;
+  double FramesPerSecond(std::uint32_t payload_bytes) const;
+
+  const IpPlayoutSettings ordered_;
+  const std::uint64_t seed_;
+  platform::Random random_;
+  const PlayoutSettings settings_;
+  CIPDataBuffer& source_;
+  TimeMarks& marks_;
+  Surroundings& surroundings_;
+  Owner& owner_;
+
+  CErrorInsertionManager errors_;
+  CZebReplicationMgr replication_;
+  CZebParametricManager parametric_;
+  DueClock clock_;
+  RunStatistics statistics_;
+  HeaderChain chain_;
+  Route route_;
+  std::string sender_;  // of the destination, which may have been left
+  std::unique_ptr<ScheduledStream> stream_;
+  std::unique_ptr<DatagramBuilder> builder_;
+  BuilderThread* builder_thread_ = nullptr;
+  std::atomic<int> end_error_{0};
+  std::atomic<bool> has_left_{false};  // behind end_error_
+};
+
+}  // namespace ipplayout

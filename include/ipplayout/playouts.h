@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: MIT
+// Any number of playouts in one process, each with settings, a clock and a destination of its own.
+//
+// Beside ipplayout.h, whose one playout is process-wide and paced by a bit rate alone. A host
+// calls, for each playout: IpPlayoutOpen; IpPlayoutDefaults and IpPlayoutConfigure; where the rate
+// varies, IpPlayoutMark; IpPlayoutStart; IpPlayoutWrite until its data ends; IpPlayoutEnd;
+// IpPlayoutWait; IpPlayoutStop. Then again from IpPlayoutConfigure or IpPlayoutStart on, or
+// IpPlayoutClose.
+//
+// Conventions, besides those of ipplayout.h
+// - Results: IPPLAYOUT_DONE (0) or one of the negative codes below. IpPlayoutError then has a
+//   sentence with the field, the value and what is allowed.
+// - Times: nanoseconds. Points in time are on CLOCK_MONOTONIC, see IpPlayoutNow; those of a playout
+//   count from its start. Offsets: bytes of the stream as it is written, from 0.
+// - Threads: any function on any thread. One thread at a time writes to a playout and sets its
+//   marks; everything else may run beside it, also a stop or a close: they release it.
+// - Frames are built ahead: what a call changes shows with the next datagram that is built, which
+//   leaves up to some 50 ms later.
+// - A playout that fails, stalls or is stopped does not hold up another one.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "ipplayout/records.h"
+
+// Results.
+enum {
+  IPPLAYOUT_DONE = 0,
+  IPPLAYOUT_BAD_PLAYOUT = -1,      // not open
+  IPPLAYOUT_BAD_VALUE = -2,        // a value that is not allowed
+  IPPLAYOUT_BAD_STATE = -3,        // not now: running, not running, not configured
+  IPPLAYOUT_BAD_DESTINATION = -4,  // cannot be opened, or took a frame no more
+  IPPLAYOUT_NO_RESOURCES = -5,     // memory, descriptors or threads have run out
+  IPPLAYOUT_ENDED = -6,            // stopped, ended or closed meanwhile
+  IPPLAYOUT_NOT_YET = -7,          // the time given is over
+};
+
+// Where frames go.
+enum {
+  IPPLAYOUT_TO_ADAPTER = 0,  // Destination is an interface; needs the right to send raw frames
+  // Destination is the path of a pcapng file. Time is virtual: nothing waits, and the file holds
+  // the frames with the times at which they would leave. Playouts with the same path share it.
+  IPPLAYOUT_TO_FILE = 1,
+  // A UDP socket, for receivers on this machine too, and without any right. Destination is the
+  // interface for multicast, or empty. Header fields that a socket cannot set are refused.
+  IPPLAYOUT_TO_SOCKET = 2,
+};
+
+// What happens to frames whose time has passed by more than LateAfterNs: after a stall of the
+// source or of the machine.
+enum {
+  IPPLAYOUT_LATE_BOUNDED = 0,   // sent, at no more than CatchUp times the rate, until on time again
+  IPPLAYOUT_LATE_CATCH_UP = 1,  // sent at once, back to back
+  IPPLAYOUT_LATE_SHIFT = 2,     // sent, and the schedule moves: what follows is as much later
+  IPPLAYOUT_LATE_DROP = 3,      // left out and counted
+};
+
+// What happens when the destination refuses a frame, as an adapter does whose link is down.
+enum {
+  IPPLAYOUT_REFUSED_FAILS = 0,   // the playout ends as failed
+  IPPLAYOUT_REFUSED_COUNTS = 1,  // the frame is counted as not sent, the playout goes on in time
+};
+
+enum {
+  IPPLAYOUT_PRECISE = 0,     // waits are spun through at their end: within microseconds
+  IPPLAYOUT_ECONOMICAL = 1,  // left to the kernel: within some 200 us, at a fraction of the work
+};
+
+// A playout. Never followed by the host; not used again once it is closed, and then refused.
+typedef struct IpPlayout IpPlayout;
+
+// Filled by IpPlayoutDefaults, then changed by the host.
+typedef struct IpPlayoutSettings {
+  uint32_t Size;          // of this record, as the host was compiled with; set by IpPlayoutDefaults
+  uint32_t To;            // IPPLAYOUT_TO_...
+  char Destination[256];  // as To says
+
+  // As for ipplayout.h. Not read: ConfigurationName, DeviceName, DeviceIndex. Random sequence
+  // number and SSRC are drawn from Seed, the SSRC of 32 bits.
+  IPPlayParams Params;
+  ErrorInsertion Errors;
+  ParametricSettings Parametric;  // jitter moves a frame away from its place, see IpPlayoutMark
+  TTSSettings Tts;
+  uint32_t TSPacketSize;  // 188, 192, 204, or 0 for a stream without packets
+
+  // Of the frames of one copy, in megabits per second, or 0: then marks say when data leaves.
+  double BitRate;
+  uint32_t RingBytes;   // what is written ahead at most: 65,536 to 2^30; 1 MiB by default
+  uint32_t StartBytes;  // written before the first datagram is built, 0 to RingBytes; a quarter
+
+  uint32_t Late;          // IPPLAYOUT_LATE_...
+  uint32_t Refused;       // IPPLAYOUT_REFUSED_...
+  double CatchUp;         // above 1, to 1,000; 1.25 by default
+  int64_t LateAfterNs;    // 0 to 10^9; a millisecond by default
+  uint32_t Precision;     // IPPLAYOUT_PRECISE or ..._ECONOMICAL, of what shares its destination
+  uint32_t Stamps;        // 1: the kernel's time of departure, of up to 20,000 frames a second
+  uint32_t LedgerFrames;  // records that are kept for IpPlayoutReadLedger; 0 by default: none
+
+  uint32_t FirstRtpTimestamp;  // at the time 0 of the playout
+  uint32_t CopiesShareTime;    // 1: all copies of a datagram carry the RTP time of the first one
+  uint64_t Seed;               // of everything random; 0: the system draws it, see IpPlayoutSeed
+} IpPlayoutSettings;
+
+// When frames left. Departures are taken when the frame is given to the destination; lateness is
+// the time by which that was after the frame's place in the schedule (0 when before it).
+typedef struct IpPlayoutTiming {
+  uint64_t OnTime;        // frames that left at most LateAfterNs late
+  uint64_t Late;          // frames that left later
+  uint64_t LeftOut;       // not sent because their time had passed (IPPLAYOUT_LATE_DROP)
+  uint64_t NotSent;       // refused by the destination
+  uint64_t Discarded;     // built and not sent because the playout was stopped
+  int64_t LatenessP50Ns;  // -1 while no frame has left, as all of the following times
+  int64_t LatenessP99Ns;
+  int64_t LatenessP999Ns;
+  int64_t LatenessMaxNs;
+  int64_t FirstDepartureNs;  // CLOCK_MONOTONIC; of a file its virtual clock
+  int64_t LastDepartureNs;
+  int64_t LongestGapNs;  // between two departures
+  int64_t ShiftNs;       // by which the schedule has moved: pauses, and IPPLAYOUT_LATE_SHIFT
+  uint64_t DryTimes;     // how often the next frame was not there when it was due
+  int64_t DryNs;         // for how long in all
+  uint64_t Retries;      // how often a full queue of the destination was waited for
+  uint64_t Stamps;       // frames that the kernel stamped; with 0 the next four are -1
+  int64_t StampP50Ns;    // time of the stamp behind the frame's place in the schedule
+  int64_t StampP99Ns;
+  int64_t StampP999Ns;
+  int64_t StampMaxNs;
+  uint64_t LedgerLeftOut;  // records that a full ledger had no room for
+  char Sender[32];         // "packet socket", "AF_XDP", "UDP socket" or "capture file"
+} IpPlayoutTiming;
+
+// What was done to a datagram on purpose: any of these.
+enum {
+  IPPLAYOUT_DID_LOSE = 1,         // not sent; the rest of the record is what it would have been
+  IPPLAYOUT_DID_DELAY = 2,        // held back: this is its own place, where it did not leave
+  IPPLAYOUT_DID_SEND_HELD = 4,    // this is a frame that was held back before
+  IPPLAYOUT_DID_IP_CHECKSUM = 8,  // wrong checksum
+  IPPLAYOUT_DID_UDP_CHECKSUM = 16,
+  IPPLAYOUT_DID_LEAVE_OUT = 32,  // too late (IPPLAYOUT_LATE_DROP)
+  IPPLAYOUT_DID_REFUSE = 64,     // by the destination
+};
+
+// One frame.
+typedef struct IpPlayoutRecord {
+  uint64_t Datagram;     // index from 0
+  uint32_t Copy;         // 0 for the first
+  uint32_t Did;          // IPPLAYOUT_DID_...
+  int64_t DueNs;         // since the start, as the marks and the jitter say
+  int64_t DepartureNs;   // as in IpPlayoutTiming; -1 when it did not leave
+  uint32_t Bytes;        // Ethernet header to end of payload
+  uint32_t RtpSequence;  // 0 to 65535; 0 for UDP
+} IpPlayoutRecord;
+
+#pragma GCC visibility push(default)
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// A new playout, or null when memory has run out. Hundreds may be open.
+IpPlayout* IpPlayoutOpen(void);
+
+// Stops the playout if it runs and forgets it. Blocks as IpPlayoutStop does.
+int IpPlayoutClose(IpPlayout* playout);
+
+// Fills `*settings` with defaults: RTP over IPv4, 7 packets of 188 bytes to a datagram, random SSRC
+// and sequence number, TTL 16, no addresses, no errors, no bit rate.
+void IpPlayoutDefaults(IpPlayoutSettings* settings);
+
+// Takes the settings for the next start. Refused while the playout runs, and as a whole when one of
+// the values is not allowed. Forgets what was written and marked before.
+int IpPlayoutConfigure(IpPlayout* playout, const IpPlayoutSettings* settings);
+
+// "The byte at `offset` leaves at `time_ns`": the datagram that begins with it does. Between two
+// marks time is linear, past the last one the last slope goes on, before the first one the first
+// slope holds. Marks go up in offset and not down in time, and lie at or behind the end of what was
+// written: a mark is set before the data that leads to it. What follows the last mark waits for the
+// next one where there is only one, or until IpPlayoutEnd. Time 0 is the start. At least two marks,
+// or a BitRate; with a BitRate marks are refused. Up to 65,536 wait at a time.
+int IpPlayoutMark(IpPlayout* playout, uint64_t offset, int64_t time_ns);
+
+// Starts `count` playouts at the same moment, all of them or none. `start_ns` is the time 0 of
+// their marks on CLOCK_MONOTONIC; 0: as soon as a playout has StartBytes of data, for each by
+// itself. A time that has passed makes the first frames late. Names the playout that was refused by
+// its place in the list.
+int IpPlayoutStart(IpPlayout* const* playouts, size_t count, int64_t start_ns);
+
+// CLOCK_MONOTONIC in nanoseconds.
+int64_t IpPlayoutNow(void);
+
+// Appends all `bytes` of the stream; they are copied. Blocks while the ring is full, before the
+// start too. IPPLAYOUT_ENDED when the playout has ended or is stopped meanwhile: then some of the
+// bytes may have been taken. Asks for settings before it.
+int IpPlayoutWrite(IpPlayout* playout, const void* data, size_t bytes);
+
+// Appends what there is room for, never blocks, and says in `*taken` how much that was.
+int IpPlayoutTryWrite(IpPlayout* playout, const void* data, size_t bytes, size_t* taken);
+
+// Declares the end of the data. Does not block.
+int IpPlayoutEnd(IpPlayout* playout);
+
+// Blocks until the playout has ended by itself, by a stop or by a failure, at most `timeout_ns`;
+// below 0: without limit. IPPLAYOUT_DONE when everything left, IPPLAYOUT_NOT_YET, IPPLAYOUT_ENDED
+// when it was stopped, or IPPLAYOUT_BAD_DESTINATION with the reason when it failed.
+int IpPlayoutWait(IpPlayout* playout, int64_t timeout_ns);
+
+// An eventfd(2) of the library that is readable from the end of the playout until its next start;
+// 0 when the playout is not open. Not closed by the host; void once the playout is closed.
+intptr_t IpPlayoutEndEvent(IpPlayout* playout);
+
+// 1 holds the playout: nothing leaves from the call on, frames that were built wait. 0 lets it go
+// on; the schedule has moved by the length of the pause.
+int IpPlayoutPause(IpPlayout* playout, uint32_t pause);
+
+// Ends the playout at once: what was built and has not left is counted as discarded. Blocks until
+// the destination lets go of a frame in hand, at most about a second. What was written is gone.
+// IPPLAYOUT_DONE also when it does not run; a file that could not be written whole is reported.
+int IpPlayoutStop(IpPlayout* playout);
+
+// Damages one of the next datagrams once for each call, each call one of its own: `what` is
+// IPPLAYOUT_DID_LOSE, ..._DELAY (RTP only), ..._IP_CHECKSUM or ..._UDP_CHECKSUM, `count` up to
+// 1,000,000 datagrams in a row. Refused while it does not run.
+int IpPlayoutDamage(IpPlayout* playout, uint32_t what, uint32_t count);
+
+// As for ipplayout.h, of the current or last run.
+int IpPlayoutGetStatistics(IpPlayout* playout, PlayoutStatistics* out);
+int IpPlayoutGetTiming(IpPlayout* playout, IpPlayoutTiming* out);
+
+// Takes up to `room` records of frames from the ledger, oldest first; `*taken` says how many.
+int IpPlayoutReadLedger(IpPlayout* playout, IpPlayoutRecord* out, size_t room, size_t* taken);
+
+// The seed of the current or last run; 0 before the first one.
+uint64_t IpPlayoutSeed(IpPlayout* playout);
+
+// Why the last call of this thread that failed did, in a sentence. Valid until its next one.
+const char* IpPlayoutError(void);
+
+#ifdef __cplusplus
+}  // extern "C"
+#endif
+#pragma GCC visibility pop

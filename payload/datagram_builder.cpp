@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: MIT
+#include "payload/datagram_builder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <utility>
+
+#include "ipplayout/playouts.h"
+#include "protocol/big_endian.h"
+
+namespace ipplayout {
+namespace {
+
+// Sending one copy may let go of a frame that was held back, too.
+constexpr std::size_t kMostFramesPerCopy = 2;
+// A jitter period may be any number: keeps the arithmetic on times finite.
+constexpr double kMostJitter = 3600;  // seconds
+
+}  // namespace
+
+DatagramBuilder::DatagramBuilder(const BuilderParts& parts, const BuilderRules& rules)
+    : parts_(parts),
+      rules_(rules),
+      frame_(rules.shape.datagram_size),
+      copies_(parts.replication.IsEnabled() != 0
+                  ? std::int64_t{parts.replication.GetReplicationCount()} + 1
+                  : 1),
+      burst_frames_(parts.parameters.IsBurstMode() != 0 ? parts.parameters.GetBurstCount() : 1),
+      has_jitter_(parts.parameters.IsJitterEnabled() != 0) {
+  parts_.statistics.Begin(rules.shape);
+}
+
+DatagramBuilder::Progress DatagramBuilder::Build(int budget) {
+  if (parts_.has_left.load()) {
+    if (!std::exchange(is_over_, true)) {
+      parts_.taker.OnOver();
+    }
+    return Progress::kDone;
+  }
+  if (is_done_) {
+    return Progress::kDone;
+  }
+  try {
+    return BuildFrames(budget);
+  } catch (const std::exception&) {
+    out_of_memory_ = true;  // for a frame that is to be held back
+    return Finish();
+  }
+}
+
+DatagramBuilder::Progress DatagramBuilder::BuildFrames(int budget) {
+  for (; budget > 0; --budget) {
+    if (!is_begun_) {
+      const Step step = BeginDatagram();
+      if (step == Step::kEnd) {
+        return Finish();
+      }
+      if (step == Step::kWaits) {
+        return Progress::kWaits;
+      }
+    }
+    if (!parts_.ring.HasRoom(kMostFramesPerCopy)) {
+      return Progress::kWaits;
+    }
+    SendCopy();
+    if (copy_ == copies_) {
+      EndDatagram();
+    }
+  }
+  return Progress::kMore;
+}
+
+DatagramBuilder::Progress DatagramBuilder::Finish() {
+  is_done_ = true;
+  parts_.all_built.store(true);
+  parts_.taker.OnFrames();
+  return Progress::kDone;
+}
+
+DatagramBuilder::Step DatagramBuilder::BeginDatagram() {
+  if (const Step step = ReadPayload(); step != Step::kDone) {
+    return step;
+  }
+  if (!FindTimes()) {
+    return Step::kWaits;
+  }
+  TakeOrders();
+  parts_.replication.StartDatagram();
+  parts_.errors.PrepareForPacket(index_);
+  copy_ = 0;
+  damage_ = 0;
+  is_begun_ = true;
+  return Step::kDone;
+}
+
+DatagramBuilder::Step DatagramBuilder::ReadPayload() {
+  if (has_payload_) {
+    return Step::kDone;
+  }
+  switch (parts_.source.TryReadPayload(frame_, rules_.shape.header_room)) {
+    case CIPDataBuffer::TryResult::kRead:
+      has_payload_ = true;
+      return Step::kDone;
+    case CIPDataBuffer::TryResult::kNotYet:
+      return Step::kWaits;
+    default:
+      return Step::kEnd;
+  }
+}
+
+// Where nothing lies between this datagram and the next the time of the next one is not needed.
+bool DatagramBuilder::FindTimes() {
+  if (!due_) {
+    due_ = parts_.marks.At(offset_);
+  }
+  if (due_ && !after_) {
+    const bool is_needed = copies_ > 1 || has_jitter_;
+    after_ =
+        is_needed ? parts_.marks.At(offset_ + frame_.Length() - rules_.shape.header_room) : due_;
+  }
+  return due_ && after_;
+}
+
+// Each order damages a datagram of its own.
+void DatagramBuilder::TakeOrders() {
+  using Raise = void (CErrorInsertionManager::*)();
+  static constexpr std::array<Raise, static_cast<std::size_t>(Damage::kKinds)> kRaise{
+      &CErrorInsertionManager::GeneratePacketLoss, &CErrorInsertionManager::GenerateSequenceError,
+      &CErrorInsertionManager::GenerateIPChecksumError,
+      &CErrorInsertionManager::GenerateUDPChecksumError};
+  for (std::size_t kind = 0; kind < orders_.size(); ++kind) {
+    if (orders_[kind].load(std::memory_order_relaxed) > 0) {
+      orders_[kind].fetch_sub(1, std::memory_order_relaxed);
+      (parts_.errors.*kRaise[kind])();
+      return;
+    }
+  }
+}
+
+void DatagramBuilder::Order(Damage damage, std::uint32_t datagrams) {
+  orders_[static_cast<std::size_t>(damage)].fetch_add(datagrams, std::memory_order_relaxed);
+}
+
+void DatagramBuilder::SendCopy() {
+  queued_ = {};
+  queued_.datagram = index_;
+  queued_.copy = static_cast<std::uint32_t>(copy_);
+  queued_.due = NextDue();
+  queued_.did = damage_;
+  parts_.clock.Set(rules_.copies_share_time ? *due_ : queued_.due);
+  parts_.errors.CopyStatistics(before_);
+  was_queued_ = false;
+  top_->Send(frame_);
+  if (!was_queued_) {
+    queued_.leaves = false;
+    const bool lost = parts_.errors.WasPacketLost();
+    queued_.did |= static_cast<std::uint32_t>(lost ? IPPLAYOUT_DID_LOSE : IPPLAYOUT_DID_DELAY);
+    Push(frame_);
+  }
+  ++frame_count_;
+  if (++copy_ < copies_) {
+    parts_.replication.NextCopy();
+  }
+}
+
+// The copies of a datagram share out the time up to the next one.
+DatagramBuilder::Time DatagramBuilder::NextDue() {
+  const std::chrono::duration<double, std::nano> part = *after_ - *due_;
+  const Time place =
+      *due_ + std::chrono::duration_cast<Time>(
+                  part * (static_cast<double>(copy_) / static_cast<double>(copies_)));
+  if (frame_count_ % burst_frames_ == 0) {
+    burst_due_ = place + (has_jitter_ ? Jitter(frame_count_ / burst_frames_) : Time::zero());
+  }
+  last_due_ = std::max({last_due_, burst_due_, Time::zero()});
+  jitter_.Add(std::chrono::duration<double>(last_due_).count());
+  return last_due_;
+}
+
+DatagramBuilder::Time DatagramBuilder::Jitter(std::uint64_t index) {
+  const std::chrono::duration<double> gap = (*after_ - *due_) / static_cast<double>(copies_);
+  const double offset = parts_.parameters.NextJitter(gap.count(), static_cast<std::int64_t>(index));
+  if (!std::isfinite(offset)) {
+    return Time::zero();
+  }
+  const std::chrono::duration<double> limited(std::clamp(offset, -kMostJitter, kMostJitter));
+  return std::chrono::duration_cast<Time>(limited);
+}
+
+bool DatagramBuilder::Send(PDU& frame) {
+  if (&frame == &frame_) {
+    was_queued_ = true;
+    ErrorStatistics now;
+    parts_.errors.CopyStatistics(now);
+    // Counted with the first copy, done to all.
+    damage_ |=
+        (now.ip_checksum_errors != before_.ip_checksum_errors ? IPPLAYOUT_DID_IP_CHECKSUM : 0) |
+        (now.udp_checksum_errors != before_.udp_checksum_errors ? IPPLAYOUT_DID_UDP_CHECKSUM : 0);
+    queued_.did = damage_;
+    Push(frame);
+  } else {
+    const std::uint32_t did = queued_.did;
+    queued_.did = IPPLAYOUT_DID_SEND_HELD;
+    Push(frame);
+    queued_.did = did;
+  }
+  return true;
+}
+
+void DatagramBuilder::Push(const PDU& frame) {
+  queued_.length = frame.Length();
+  if (rules_.rtp_sequence_offset != 0) {
+    queued_.rtp_sequence =
+        static_cast<std::uint16_t>(LoadBigEndian<2>(frame.Data() + rules_.rtp_sequence_offset));
+  }
+  if (parts_.ring.Push(queued_, frame.Data())) {
+    parts_.taker.OnFrames();
+  }
+}
+
+void DatagramBuilder::EndDatagram() {
+  parts_.errors.SetJitter(jitter_.Seconds());
+  parts_.statistics.Count(frame_, parts_.errors);
+  offset_ += frame_.Length() - rules_.shape.header_room;
+  ++index_;
+  has_payload_ = false;
+  is_begun_ = false;
+  due_.reset();
+  after_.reset();
+  if (frame_.Length() != rules_.shape.datagram_size) {
+    frame_.SetLength(rules_.shape.datagram_size);
+  }
+}
+
+}  // namespace ipplayout

@@ -1,0 +1,438 @@
+// SPDX-License-Identifier: MIT
+#include "transmit/schedule_transmitter.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+namespace ipplayout {
+namespace {
+
+using std::chrono::microseconds;
+using std::chrono::nanoseconds;
+
+// Frames that are due so close together leave in one call.
+constexpr nanoseconds kTogether = microseconds(3);
+// Where frames are gathered the thread wakes up no more often than this, and spins through nothing:
+// what is due meanwhile leaves together. A wake-up costs as much as a few frames.
+constexpr nanoseconds kGathering = microseconds(100);
+// More streams than this are gathered: their frames fall so close together that exact waits for
+// each would take up a processor.
+constexpr std::size_t kMostPreciseStreams = 8;
+// What sending a frame takes at most, and the share of the time above which a thread in the
+// real-time class would be stopped by the kernel before long.
+constexpr double kFrameWork = 2.5e-6;
+constexpr double kMostWork = 0.5;
+// A precise wait for frames that are closer together than this is spun through as a whole.
+constexpr double kShortestRest = 100e-6;
+// With more stamps than this to be read they are read although the next frame is due.
+constexpr std::size_t kMostStampsUnread = 32;
+constexpr nanoseconds kTimeToReadStamps = microseconds(30);
+
+// The order of a heap with the stream that is due first on top.
+bool IsLater(const ScheduledStream* a, const ScheduledStream* b) {
+  return a->planned != b->planned ? a->planned > b->planned : a->number > b->number;
+}
+
+}  // namespace
+
+ScheduleTransmitter::ScheduleTransmitter(std::unique_ptr<platform::DeadlineWaiter> waiter,
+                                         bool is_virtual)
+    : OsaThread("ScheduleTransmitter", 0, OsaThreadPriority::AboveNormal()),
+      waiter_(std::move(waiter)),
+      is_virtual_(is_virtual) {
+  StartSilently();
+}
+
+ScheduleTransmitter::~ScheduleTransmitter() {
+  Stop();
+  Join();
+}
+
+void ScheduleTransmitter::Stop() {
+  OsaThread::Stop();
+  waiter_->Interrupt();
+}
+
+// ---- Other threads ----
+
+bool ScheduleTransmitter::Add(std::span<ScheduledStream* const> streams,
+                              std::optional<Time> start) {
+  {
+    const platform::MutexLock lock(changes_mutex_);
+    try {
+      arrivals_.reserve(arrivals_.size() + streams.size());
+    } catch (const std::exception&) {
+      return false;
+    }
+    double frames_per_second = frames_per_second_.load();
+    for (ScheduledStream* stream : streams) {
+      stream->start = start;
+      stream->is_added = true;
+      arrivals_.push_back(stream);
+      ++streams_;
+      precise_streams_ += stream->rules.is_precise ? 1 : 0;
+      frames_per_second += stream->rules.frames_per_second;
+    }
+    frames_per_second_.store(frames_per_second);
+    AdaptToLoad();
+    has_arrivals_.store(true);
+  }
+  waiter_->Interrupt();
+  return true;
+}
+
+void ScheduleTransmitter::Remove(ScheduledStream& stream) {
+  {
+    const platform::MutexLock lock(changes_mutex_);
+    if (!stream.is_added) {
+      return;
+    }
+  }
+  stream.wants_removal.store(true);
+  Request(stream);
+  const platform::MutexLock lock(changes_mutex_);
+  while (!stream.is_removed) {
+    removed_.Wait(changes_mutex_);
+  }
+  --streams_;
+  precise_streams_ -= stream.rules.is_precise ? 1 : 0;
+  frames_per_second_.store(
+      streams_ == 0 ? 0 : frames_per_second_.load() - stream.rules.frames_per_second);
+  AdaptToLoad();
+}
+
+void ScheduleTransmitter::Request(ScheduledStream& stream) {
+  if (requests_.Push(stream)) {
+    waiter_->Interrupt();
+  }
+}
+
+// By a thread of the host's: the transmitter has given up the right to enter the real-time class.
+void ScheduleTransmitter::AdaptToLoad() {
+  const bool gathers = !is_virtual_ && (precise_streams_ == 0 || streams_ > kMostPreciseStreams);
+  gathers_.store(gathers);
+  const double rate = frames_per_second_.load();
+  UseRealTime(!is_virtual_ && rate * kFrameWork < kMostWork &&
+              (gathers || rate * kShortestRest < 1));
+  SetPriority(OsaThreadPriority::AboveNormal());
+}
+
+// ---- The thread ----
+
+void ScheduleTransmitter::Run() {
+  platform::GiveUpCapabilities();
+  platform::UseFinestTimerSlack();
+  while (!StopRequested()) {
+    TakeRequests();
+    const Time now = waiter_->Now();
+    if (!heap_.empty() && MayGo() && heap_.front()->planned <= now + kTogether) {
+      SendDue(now);
+    } else {
+      Wait();
+    }
+  }
+}
+
+void ScheduleTransmitter::TakeRequests() {
+  if (has_arrivals_.load()) {
+    TakeArrivals();
+  }
+  if (requests_.IsEmpty()) {
+    return;
+  }
+  platform::RequestNode* node = requests_.TakeAll();
+  while (node != nullptr) {
+    auto& stream = static_cast<ScheduledStream&>(*node);
+    node = node->next;
+    stream.requested.store(false);
+    if (stream.wants_removal.load()) {
+      AcknowledgeRemoval(stream);
+    } else {
+      Refresh(stream);
+    }
+  }
+}
+
+void ScheduleTransmitter::TakeArrivals() {
+  std::vector<ScheduledStream*> arrivals;
+  {
+    const platform::MutexLock lock(changes_mutex_);
+    arrivals.swap(arrivals_);
+    has_arrivals_.store(false);
+    stamps_.SampleFor(frames_per_second_.load());
+  }
+  if (!is_virtual_ && !short_wake_ups_) {
+    short_wake_ups_.emplace();
+  }
+  for (ScheduledStream* stream : arrivals) {
+    stream->number = ++last_number_;
+    stream->state = ScheduledStream::State::kAwaiting;
+    ++awaiting_;
+  }
+  for (ScheduledStream* stream : arrivals) {
+    Refresh(*stream);
+  }
+}
+
+void ScheduleTransmitter::Refresh(ScheduledStream& stream) {
+  using State = ScheduledStream::State;
+  if (stream.state == State::kGone || stream.state == State::kFresh) {
+    return;  // a fresh one is looked at when it arrives
+  }
+  const Time now = waiter_->Now();
+  if (stream.wants_pause.load() != (stream.state == State::kPaused)) {
+    Pause(stream, now);
+  }
+  if (stream.state != State::kAwaiting) {
+    return;
+  }
+  if (stream.ring.AwaitFrame()) {
+    // What is built comes before the word that it was all.
+    if (!stream.all_built.load()) {
+      return;
+    }
+    if (stream.ring.Front() == nullptr) {
+      End(stream, 0);
+      return;
+    }
+  }
+  Schedule(stream, now);
+}
+
+// Goes into a pause or out of it.
+void ScheduleTransmitter::Pause(ScheduledStream& stream, Time now) {
+  if (stream.state != ScheduledStream::State::kPaused) {
+    LeaveSchedule(stream);
+    stream.state = ScheduledStream::State::kPaused;
+    stream.paused_at = now;
+    return;
+  }
+  if (stream.start) {
+    // A pause before the start is over when the schedule begins.
+    const Time begun = std::max(stream.paused_at, *stream.start);
+    stream.policy.Shift(std::max(now - begun, Time::zero()));
+    stream.timing.Shifted(stream.policy.Shifted());
+  }
+  stream.state = ScheduledStream::State::kAwaiting;
+  ++awaiting_;
+}
+
+// The ring of a stream that waited for a frame has one.
+void ScheduleTransmitter::Schedule(ScheduledStream& stream, Time now) {
+  const QueuedFrame& frame = *stream.ring.Front();
+  if (!stream.start) {
+    stream.start = now - frame.due;
+  }
+  stream.planned = stream.policy.Plan(*stream.start + frame.due);
+  if (now - stream.planned > stream.rules.late.tolerance) {
+    stream.timing.WasDry(now - stream.planned);
+  }
+  --awaiting_;
+  stream.state = ScheduledStream::State::kScheduled;
+  heap_.push_back(&stream);
+  std::push_heap(heap_.begin(), heap_.end(), IsLater);
+}
+
+void ScheduleTransmitter::LeaveSchedule(ScheduledStream& stream) {
+  if (stream.state == ScheduledStream::State::kAwaiting) {
+    --awaiting_;
+  } else if (stream.state == ScheduledStream::State::kScheduled) {
+    std::erase(heap_, &stream);
+    std::make_heap(heap_.begin(), heap_.end(), IsLater);
+  }
+}
+
+void ScheduleTransmitter::End(ScheduledStream& stream, int error) {
+  LeaveSchedule(stream);
+  stream.state = ScheduledStream::State::kGone;
+  stream.timing.Discarded(stream.ring.Waiting());
+  stamps_.Read();
+  stamps_.Forget(stream);
+  stream.listener.OnEnd(error);
+}
+
+// Only for a request that was taken: none for the stream is left behind.
+void ScheduleTransmitter::AcknowledgeRemoval(ScheduledStream& stream) {
+  if (stream.state == ScheduledStream::State::kFresh) {
+    TakeArrivals();  // it is among them
+  }
+  if (stream.state != ScheduledStream::State::kGone) {
+    End(stream, ECANCELED);
+  }
+  // No request enters any more.
+  stream.requested.store(true);
+  const platform::MutexLock lock(changes_mutex_);
+  stream.is_removed = true;
+  removed_.NotifyAll();
+}
+
+void ScheduleTransmitter::Wait() {
+  if (stamps_.Outstanding() > 0) {
+    stamps_.Read();
+  }
+  Time target = platform::DeadlineWaiter::kNever;
+  if (!heap_.empty() && MayGo()) {
+    target = heap_.front()->planned;
+  } else if (heap_.empty() && awaiting_ == 0) {
+    short_wake_ups_.reset();
+  }
+  Time spin = target;
+  if (gathers_.load(std::memory_order_relaxed)) {
+    target = std::max(target, last_wake_ + kGathering);
+    spin = Time::zero();
+  }
+  waiter_->WaitUntilInterrupted(target, spin);
+  last_wake_ = waiter_->Now();
+}
+
+// ---- Sending ----
+
+void ScheduleTransmitter::SendDue(Time now) {
+  Collect(now);
+  if (burst_count_ > 0) {
+    SendCollected();
+  }
+  LetGo();
+  if (stamps_.Outstanding() >= kMostStampsUnread ||
+      (stamps_.Outstanding() > 0 && !heap_.empty() &&
+       heap_.front()->planned > waiter_->Now() + kTimeToReadStamps)) {
+    stamps_.Read();
+  }
+}
+
+// One burst goes to one destination.
+void ScheduleTransmitter::Collect(Time now) {
+  taken_count_ = 0;
+  burst_count_ = 0;
+  const FrameSink* sink = nullptr;
+  const Time latest = is_virtual_ ? now : now + kTogether;
+  while (!heap_.empty() && taken_count_ < taken_.size() && MayGo()) {
+    ScheduledStream& stream = *heap_.front();
+    if (stream.planned > latest || (sink != nullptr && sink != &stream.sink)) {
+      return;
+    }
+    sink = &stream.sink;
+    TakeFrame(stream, now);
+    PlanNext(stream);
+  }
+}
+
+void ScheduleTransmitter::TakeFrame(ScheduledStream& stream, Time now) {
+  const QueuedFrame& frame = *stream.ring.Front();
+  const Time due = *stream.start + frame.due;
+  const Time place = stream.policy.Place(due);
+  const Time planned = stream.planned;
+  Taken& taken = taken_[taken_count_];
+  taken = {&stream, &frame, place, stream.policy.Settle(due, planned, now), 0};
+  stream.timing.Shifted(stream.policy.Shifted());
+  if (taken.goes && frame.leaves) {
+    burst_[burst_count_] = {FrameRing::BytesOf(frame), is_virtual_ ? planned : now,
+                            stamps_.TagFor(stream, place)};
+    taken_of_burst_[burst_count_] = static_cast<std::uint8_t>(taken_count_);
+    ++burst_count_;
+  }
+  ++taken_count_;
+  stream.ring.Take();
+}
+
+void ScheduleTransmitter::PlanNext(ScheduledStream& stream) {
+  std::pop_heap(heap_.begin(), heap_.end(), IsLater);
+  const QueuedFrame* const next = stream.ring.Front();
+  if (next == nullptr) {
+    // Looked at again when the frames before it have left.
+    heap_.pop_back();
+    stream.state = ScheduledStream::State::kAwaiting;
+    ++awaiting_;
+    return;
+  }
+  stream.planned = stream.policy.Plan(*stream.start + next->due);
+  std::push_heap(heap_.begin(), heap_.end(), IsLater);
+}
+
+void ScheduleTransmitter::SendCollected() {
+  const Time begun = waiter_->Now();
+  std::size_t next = 0;
+  while (next < burst_count_) {
+    next = SendFrom(next);
+  }
+  Record(begun, waiter_->Now());
+}
+
+// Sends what is left of the burst. Returns where to go on: behind a frame that is refused for
+// itself, or at the end.
+std::size_t ScheduleTransmitter::SendFrom(std::size_t first) {
+  FrameSink& sink = taken_[taken_of_burst_[first]].stream->sink;
+  const std::span<const OutgoingFrame> rest(&burst_[first], burst_count_ - first);
+  const FrameSink::Result result = sink.Send(rest, *waiter_);
+  const std::size_t refused = first + result.sent;
+  if (refused >= burst_count_) {
+    return burst_count_;
+  }
+  const std::size_t end = result.of_frame ? refused + 1 : burst_count_;
+  for (std::size_t i = refused; i < end; ++i) {
+    taken_[taken_of_burst_[i]].error = result.error == 0 ? EIO : result.error;
+  }
+  return end;
+}
+
+// A burst takes a while to be handed over: its frames left between the two.
+void ScheduleTransmitter::Record(Time begun, Time ended) {
+  const std::uint64_t retries = taken_[taken_of_burst_[0]].stream->sink.Retries();
+  for (std::size_t i = 0; i < burst_count_; ++i) {
+    Taken& taken = taken_[taken_of_burst_[i]];
+    ScheduledStream& stream = *taken.stream;
+    stream.timing.Retried(retries);
+    if (taken.error != 0) {
+      stream.timing.NotSent();
+      continue;
+    }
+    const Time departure = is_virtual_ ? burst_[i].due
+                                       : begun + (ended - begun) * static_cast<int>(i) /
+                                                     static_cast<int>(burst_count_);
+    stream.timing.Left(departure, departure - taken.place, stream.rules.late.tolerance);
+    burst_[i].due = departure;
+  }
+}
+
+// Gives the frames back to their rings.
+void ScheduleTransmitter::LetGo() {
+  std::size_t sent = 0;
+  for (std::size_t i = 0; i < taken_count_; ++i) {
+    const Taken& taken = taken_[i];
+    ScheduledStream& stream = *taken.stream;
+    const QueuedFrame& frame = *taken.frame;
+    const bool was_in_burst = taken.goes && frame.leaves;
+    const bool left = was_in_burst && taken.error == 0;
+    if (!taken.goes) {
+      stream.timing.LeftOut();
+    }
+    if (stream.ledger.IsKept()) {
+      const std::uint32_t did = frame.did | (taken.goes ? 0 : IPPLAYOUT_DID_LEAVE_OUT) |
+                                (taken.error == 0 ? 0 : IPPLAYOUT_DID_REFUSE);
+      stream.ledger.Add({frame.datagram, frame.copy, did, frame.due.count(),
+                         left ? burst_[sent].due.count() : -1, frame.length, frame.rtp_sequence});
+    }
+    sent += was_in_burst ? 1 : 0;
+  }
+  for (std::size_t i = 0; i < taken_count_; ++i) {
+    ScheduledStream& stream = *taken_[i].stream;
+    if (stream.ring.ReleaseTaken()) {
+      stream.listener.OnRoom();
+    }
+  }
+  for (std::size_t i = 0; i < taken_count_; ++i) {
+    ScheduledStream& stream = *taken_[i].stream;
+    if (stream.state == ScheduledStream::State::kGone) {
+      continue;
+    }
+    if (taken_[i].error != 0 && stream.rules.ends_when_refused) {
+      End(stream, taken_[i].error);
+    } else if (stream.state == ScheduledStream::State::kAwaiting) {
+      Refresh(stream);
+    }
+  }
+}
+
+}  // namespace ipplayout

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+// One playout as the transmitter of its destination knows it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+#include "driver/frame_sink.h"
+#include "platform/request_stack.h"
+#include "transmit/departure_ledger.h"
+#include "transmit/departure_policy.h"
+#include "transmit/frame_ring.h"
+#include "transmit/timing_record.h"
+
+namespace ipplayout {
+
+// What a stream calls back. On the transmitter's thread: neither may block.
+class StreamListener {
+ public:
+  // Half of the ring is free again.
+  virtual void OnRoom() = 0;
+  // No further frame leaves: all have left, or with a system error number the destination refused
+  // one. Once for each stream; the stream has left the schedule.
+  virtual void OnEnd(int error) = 0;
+
+ protected:
+  ~StreamListener() = default;
+};
+
+struct StreamRules {
+  bool is_precise = true;
+  LateRule late;
+  bool ends_when_refused = true;
+  bool wants_stamps = false;
+  double frames_per_second = 0;  // about
+};
+
+// Made before each run and gone after it. What is not said to be atomic belongs to the transmitter
+// from Add until the stream has ended or was removed.
+struct ScheduledStream : platform::RequestNode {
+  using Time = std::chrono::nanoseconds;
+
+  ScheduledStream(std::size_t ring_frames, std::size_t longest_frame, std::size_t ledger_frames,
+                  const StreamRules& stream_rules, FrameSink& to, StreamListener& told)
+      : ring(ring_frames, longest_frame),
+        ledger(ledger_frames),
+        rules(stream_rules),
+        sink(to),
+        listener(told),
+        policy(stream_rules.late) {}
+
+  // Each has its own rule of who does what.
+  FrameRing ring;
+  TimingRecord timing;
+  DepartureLedger ledger;
+
+  const StreamRules rules;
+  FrameSink& sink;
+  StreamListener& listener;
+
+  // Asked for by other threads, with a request behind it.
+  std::atomic<bool> all_built{false};  // by the builder: nothing comes behind what is in the ring
+  std::atomic<bool> wants_pause{false};
+  std::atomic<bool> wants_removal{false};
+  bool is_added = false;  // these two under the transmitter's mutex
+  bool is_removed = false;
+
+  enum class State {
+    kFresh,      // not in the schedule yet
+    kAwaiting,   // its ring is empty
+    kScheduled,  // in the schedule, at `planned`
+    kPaused,
+    kGone,
+  };
+  State state = State::kFresh;
+  std::optional<Time> start;  // of its schedule; without one it begins with its first frame
+  DeparturePolicy policy;
+  Time planned{0};
+  Time paused_at{0};
+  std::uint64_t number = 0;  // in the order of adding: parts streams that are due together
+  std::uint32_t slot = 0;    // in the table of stamps
+};
+
+}  // namespace ipplayout
