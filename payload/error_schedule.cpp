@@ -28,6 +28,8 @@ void ErrorSchedule::Configure(std::uint32_t count, std::uint32_t range, bool ran
   base_ = 0;
   prefix_ = 0;
   spares_drawn_ = false;
+  const bool draws = randomize && count_ > 0 && count_ < range;
+  drawn_ = std::vector<std::uint64_t>(draws ? std::min(range, kReachableOffsets) / 64 + 1 : 0);
 }
 
 bool ErrorSchedule::Hits(std::uint64_t index) {
@@ -52,7 +54,7 @@ bool ErrorSchedule::IsDrawn(std::uint64_t offset) const {
 }
 
 void ErrorSchedule::Draw(std::uint32_t wanted) {
-  std::fill_n(drawn_.begin(), std::min(range_, kReachableOffsets) / 64 + 1, 0);
+  std::fill(drawn_.begin(), drawn_.end(), 0);
   prefix_ = 0;
   std::uint32_t found = 0;
   for (std::uint32_t draws = 0; draws < kMostDraws; ++draws) {

@@ -2,8 +2,8 @@
 // Which datagrams of each range get one kind of scheduled error.
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <vector>
 
 #include "platform/random.h"
 
@@ -17,7 +17,7 @@ class ErrorSchedule {
   // Where random positions are drawn from; the process-wide generator at first.
   void UseRandom(platform::Random& random) { random_ = &random; }
 
-  // A count of 2^31 or more counts as none, as does a range of 0; a count above the range means
+  // Throws when there is no memory for random positions. A count of 2^31 or more counts as none, as does a range of 0; a count above the range means
   // every datagram.
   void Configure(std::uint32_t count, std::uint32_t range, bool randomize);
 
@@ -37,7 +37,7 @@ class ErrorSchedule {
   std::uint32_t range_ = 0;
   bool randomize_ = false;
   std::uint64_t base_ = 0;
-  std::array<std::uint64_t, kReachableOffsets / 64 + 1> drawn_{};  // a bit per offset
+  std::vector<std::uint64_t> drawn_;  // a bit per offset; none where nothing is random
   // Every offset below this counts as drawn. Long ranges can want more datagrams than the generator
   // has distinct values; the rest are then the first of the range, so that the count is kept.
   std::uint64_t prefix_ = 0;
