@@ -14,6 +14,28 @@ def gap_errors(times, gap):
     }
 
 
+def gap_errors_by_stream(times, streams, gap):
+    """The same over the gaps within each stream."""
+    errors = numpy.concatenate([numpy.abs(numpy.diff(part) - gap) / 1000 for part in by_stream(times, streams)])
+    return {
+        "p50": percentile(errors, 50),
+        "p99": percentile(errors, 99),
+        "p99.9": percentile(errors, 99.9),
+        "max": float(errors.max()),
+    }
+
+
+def by_stream(values, streams):
+    order = numpy.argsort(streams, kind="stable")
+    return numpy.split(values[order], numpy.flatnonzero(numpy.diff(streams[order])) + 1)
+
+
+def missing(sequence, streams):
+    """RTP sequence numbers that are left out within the streams."""
+    steps = [numpy.diff(part.astype(int)) % 65536 - 1 for part in by_stream(sequence, streams)]
+    return int(sum(step.sum() for step in steps))
+
+
 def percentile(values, share):
     return float(numpy.percentile(values, share))
 

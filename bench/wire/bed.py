@@ -23,12 +23,19 @@ class Recording:
 
     times: numpy.ndarray
     lengths: numpy.ndarray
+    destinations: numpy.ndarray
     sequence: numpy.ndarray
     realtime_lead: int
 
     def between(self, start, end):
         inside = (self.times >= start) & (self.times < end)
-        return Recording(self.times[inside], self.lengths[inside], self.sequence[inside], self.realtime_lead)
+        return Recording(
+            self.times[inside],
+            self.lengths[inside],
+            self.destinations[inside],
+            self.sequence[inside],
+            self.realtime_lead,
+        )
 
 
 class Sender:
@@ -45,6 +52,11 @@ class Sender:
         """The sender and what it has forked."""
         children = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children").read_text()
         return [self.process.pid, *map(int, children.split())]
+
+    def memory_kib(self):
+        """Of the sender and what it has forked; pages that several share count in shares."""
+        rollups = (Path(f"/proc/{process}/smaps_rollup").read_text() for process in self.processes())
+        return sum(int(line.split()[1]) for text in rollups for line in text.splitlines() if line.startswith("Pss:"))
 
     def wait(self):
         """Returns what the sender wrote to standard error."""
@@ -127,7 +139,7 @@ def read_recording(path, leads):
         raise RuntimeError("the system's clock was set while frames were recorded")
     lead = sum(leads) // 2
     return Recording(
-        arrivals["time"].astype(numpy.int64) - lead, arrivals["length"], arrivals["sequence"], lead
+        arrivals["time"].astype(numpy.int64) - lead, arrivals["length"], arrivals["destination"], arrivals["sequence"], lead
     )
 
 

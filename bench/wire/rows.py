@@ -170,6 +170,41 @@ class Yardstick:
             measure,
         )
 
+    # Many streams at once.
+
+    def many(self):
+        """Streams of 5 Mb/s with contents of their own: playouts in one process, and as many processes."""
+        table = Table(
+            "Many streams of 5 Mb/s",
+            {"p50": "µs", "p99": "µs", "p99.9": "µs", "max": "µs", "missing": "", "cpu": "%", "memory": "MiB"},
+        )
+        kinds = {
+            "playouts": self.senders.playouts(),
+            "economical playouts": self.senders.playouts("economical"),
+            "multicat": self.senders.multicats,
+        }
+        for count in (1, 10, 100, 200, 500):
+            commands = {f"{count} {kind}": command for kind, command in kinds.items()}
+            self.alternate(commands, table, lambda _, command, count=count: self.measure_many(command, count))
+        return table
+
+    def measure_many(self, command, count):
+        megabits = 5
+        argv = command(count, megabits, int(self.seconds + 3))
+        with self.bed.recording() as result, self.bed.sender(argv) as sender:
+            time.sleep(3 * WARM_UP)
+            start, spent = time.monotonic_ns(), sender.cpu_ns()
+            time.sleep(self.seconds)
+            end, spent, memory = time.monotonic_ns(), sender.cpu_ns() - spent, sender.memory_kib()
+        seen = result[0].between(start, end)
+        gap = gap_ns(megabits)
+        return {
+            **analysis.gap_errors_by_stream(seen.times, seen.destinations, gap),
+            "missing": analysis.missing(seen.sequence, seen.destinations) if argv[0] != "sh" else math.nan,
+            "cpu": spent / (end - start) * 100,
+            "memory": memory / 1024,
+        }
+
     # As fast as possible.
 
     def measure_top(self, _, command):
@@ -399,6 +434,7 @@ ROWS = [
     "rate4000",
     "busy",
     "copies",
+    "many",
     "start",
     "patterns",
     "catch_up",

@@ -15,7 +15,7 @@ peers=(tcpreplay multicat ffmpeg netsniff-ng stress-ng gstreamer1.0-tools gstrea
 need_root
 need_packages "${build_packages[@]}" "${peers[@]}"
 need_namespaces
-build release ipplay play_steady play_starts bare_pacing bare_sendmmsg wire_receiver frame_path_bench
+build release ipplay play_steady play_starts play_many bare_pacing bare_sendmmsg wire_receiver frame_path_bench
 
 near=yardstick-$$-near
 far=yardstick-$$-far

@@ -192,6 +192,27 @@ class Senders:
             *(settings or ["1"]),
         ]
 
+    # Many streams at once, to the groups from 239.1.0.0 on.
+
+    def playouts(self, *options):
+        return lambda count, megabits, seconds: [
+            self.programs / "play_many",
+            self.device,
+            count,
+            megabits,
+            seconds,
+            *options,
+        ]
+
+    def multicats(self, count, megabits, seconds):
+        stream = self.material.stream(megabits, seconds + 2)
+        return [
+            "sh",
+            "-c",
+            f"for i in $(seq 0 {count - 1}); do"
+            f" multicat -u {stream} 239.1.$((i / 256)).$((i % 256)):{PORT} & done; wait",
+        ]
+
     # As fast as they can.
 
     def tcpreplay_top(self, _, seconds):
