@@ -18,6 +18,11 @@ constexpr double kMostBitRate = 1e6;  // Mb/s
 constexpr double kMostCatchUp = 1000;
 constexpr std::int64_t kLongestTolerance = 1'000'000'000;
 constexpr std::uint32_t kMostLedgerFrames = 1 << 24;
+// SMPTE ST 2022-1.
+constexpr std::uint32_t kMostFecColumns = 20;
+constexpr std::uint32_t kLeastFecRows = 4;
+constexpr std::uint32_t kMostFecRows = 20;
+constexpr std::uint32_t kMostFecDatagrams = 100;
 
 // A field of whole numbers and its range.
 struct Range {
@@ -90,6 +95,10 @@ Failure CheckPlayout(const IpPlayoutSettings& settings) {
            {"Precision", settings.Precision, IPPLAYOUT_PRECISE, IPPLAYOUT_ECONOMICAL},
            {"Stamps", settings.Stamps, IPPLAYOUT_OFF, IPPLAYOUT_ON},
            {"LedgerFrames", settings.LedgerFrames, 0, kMostLedgerFrames},
+           {"FecColumns", settings.FecColumns, 0, kMostFecColumns},
+           {"FecProtectsRows", settings.FecProtectsRows, IPPLAYOUT_OFF, IPPLAYOUT_ON},
+           {"FecStaggered", settings.FecStaggered, IPPLAYOUT_OFF, IPPLAYOUT_ON},
+           {"FecPayloadType", settings.FecPayloadType, 0, 127},
            {"CopiesShareTime", settings.CopiesShareTime, IPPLAYOUT_OFF, IPPLAYOUT_ON}})) {
     return failure;
   }
@@ -111,6 +120,33 @@ Failure CheckPlayout(const IpPlayoutSettings& settings) {
     return {IPPLAYOUT_BAD_VALUE, settings.To == IPPLAYOUT_TO_ADAPTER
                                      ? "Destination is empty; it is to be the name of an interface"
                                      : "Destination is empty; it is to be the path of a file"};
+  }
+  return {};
+}
+
+Failure CheckFec(const IpPlayoutSettings& settings) {
+  const std::uint32_t columns = settings.FecColumns;
+  if (columns == 0) {
+    return {};
+  }
+  if (Failure failure = CheckRange({"FecRows", settings.FecRows, kLeastFecRows, kMostFecRows})) {
+    return failure;
+  }
+  if (columns * settings.FecRows > kMostFecDatagrams) {
+    return {IPPLAYOUT_BAD_VALUE, "FecColumns times FecRows is " +
+                                     std::to_string(columns * settings.FecRows) +
+                                     "; it can be up to " + std::to_string(kMostFecDatagrams)};
+  }
+  if (settings.Params.ProtocolMode != IPPLAYOUT_RTP) {
+    return {IPPLAYOUT_BAD_VALUE, "FecColumns is above 0, which needs RTP (ProtocolMode 1)"};
+  }
+  if (settings.Params.ReplicationCount > 0 && settings.CopiesShareTime != IPPLAYOUT_ON) {
+    return {IPPLAYOUT_BAD_VALUE,
+            "FecColumns is above 0 with ReplicationCount above 0, which needs CopiesShareTime 1"};
+  }
+  if (settings.To == IPPLAYOUT_TO_SOCKET) {
+    return {IPPLAYOUT_BAD_VALUE,
+            "FecColumns is above 0, which a UDP socket cannot do; an adapter can"};
   }
   return {};
 }
@@ -174,6 +210,9 @@ Failure CheckSettings(const IpPlayoutSettings& settings) {
   if (Failure failure = CheckHeaders(settings.Params.ProtocolHeadersSettings)) {
     return failure;
   }
+  if (Failure failure = CheckFec(settings)) {
+    return failure;
+  }
   if (settings.To == IPPLAYOUT_TO_SOCKET) {
     if (Failure failure = CheckSocket(settings)) {
       return failure;
@@ -208,6 +247,7 @@ IpPlayoutSettings DefaultSettings() {
   settings.StartBytes = kDefaultRing / 4;
   settings.CatchUp = 1.25;
   settings.LateAfterNs = 1'000'000;
+  settings.FecPayloadType = 96;
   return settings;
 }
 

@@ -42,6 +42,20 @@ std::int64_t Count(std::optional<nanoseconds> time) {
   return time ? time->count() : -1;
 }
 
+// The headers of the stream but for what is an FEC stream's own.
+PlayoutSettings ForFec(const IpPlayoutSettings& ordered, const PlayoutSettings& media,
+                       std::uint32_t port_step, platform::Random& random) {
+  PlayoutSettings fec = media;
+  fec.error_insertion = ordered.FecErrors;
+  ProtocolHeadersSettings& headers = fec.params.ProtocolHeadersSettings;
+  headers.UDPHeaderSettings.DestinationPort += port_step;
+  headers.UDPHeaderSettings.SourcePort += port_step;
+  headers.RTPHeaderSettings.PayloadType = ordered.FecPayloadType;
+  headers.RTPHeaderSettings.SSRC = ordered.FecSSRC;
+  headers.RTPHeaderSettings.SequenceNumber = static_cast<std::uint16_t>(random.Next64() >> 48);
+  return fec;
+}
+
 }  // namespace
 
 ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source,
@@ -80,10 +94,11 @@ Failure ScheduledRun::Prepare() {
   sender_ = route_.Sink().Name();
   const StreamRules rules = RulesFor(payload);
   const double ahead = std::clamp(rules.frames_per_second * kBuiltAhead, kLeastBuilt, kMostBuilt);
+  const std::size_t fec_room = ordered_.FecColumns > 0 ? FecEncoder::kHeaderLength : 0;
   StreamListener& listener = *this;
-  stream_ =
-      std::make_unique<ScheduledStream>(static_cast<std::size_t>(ahead), layout->datagram_size,
-                                        ordered_.LedgerFrames, rules, route_.Sink(), listener);
+  stream_ = std::make_unique<ScheduledStream>(
+      static_cast<std::size_t>(ahead), layout->datagram_size + fec_room, ordered_.LedgerFrames,
+      rules, route_.Sink(), listener);
   builder_thread_ = stream_->ring.IsAllocated() ? surroundings_.builders.Enter() : nullptr;
   if (builder_thread_ == nullptr) {
     surroundings_.destinations.Leave(route_);
@@ -102,8 +117,40 @@ Failure ScheduledRun::Prepare() {
       builder_rules);
   chain_.Build(settings_, &errors_, &replication_, builder_.get(), &clock_);
   builder_->SetTop(chain_.Top());
+  if (ordered_.FecColumns > 0) {
+    BuildFec(headers, payload);
+  }
   source_.SetPacketSize(layout->packet_size);
   return {};
+}
+
+ScheduledRun::FecStream::FecStream(const IpPlayoutSettings& ordered, const PlayoutSettings& media,
+                                   std::uint32_t port_step, platform::Random& random,
+                                   CSwClock& clock, Sender* bottom)
+    : settings(ForFec(ordered, media, port_step, random)),
+      errors(settings.params.ProtocolMode, random) {
+  errors.Configure(settings.error_insertion);
+  replication.StartDatagram();
+  replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
+                            settings.params.ReplicationCount);
+  replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
+  chain.Build(settings, &errors, &replication, bottom, &clock);
+}
+
+void ScheduledRun::BuildFec(std::uint32_t headers, std::uint32_t payload_bytes) {
+  constexpr std::uint32_t kPortStep = 2;
+  std::array<FecPort, FecFeed::kKinds> ports;
+  for (const FecFeed::Kind kind : {FecFeed::kColumn, FecFeed::kRow}) {
+    auto& stream = fec_streams_[kind];
+    stream = std::make_unique<FecStream>(ordered_, settings_, kPortStep * (kind + 1), random_,
+                                         clock_, builder_.get());
+    ports[kind] = {stream->chain.Top(), &stream->replication, &stream->errors};
+  }
+  const FecMatrix matrix{ordered_.FecColumns, ordered_.FecRows,
+                         ordered_.FecProtectsRows == IPPLAYOUT_ON,
+                         ordered_.FecStaggered != IPPLAYOUT_ON};
+  fec_ = std::make_unique<FecFeed>(matrix, headers, payload_bytes, ports);
+  builder_->SetFec(fec_.get());
 }
 
 void ScheduledRun::LoadManagers() {

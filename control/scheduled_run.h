@@ -2,6 +2,7 @@
 // The objects of one run of a playout of the many.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -90,6 +91,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   void OnOver() override { owner_.OnRunEnd(end_error_.load()); }
 
   void LoadManagers();
+  void BuildFec(std::uint32_t headers, std::uint32_t payload_bytes);
   void SetRate(std::uint32_t payload_bytes, std::uint32_t datagram_bytes);
   StreamRules RulesFor(std::uint32_t payload_bytes) const;
   double FramesPerSecond(std::uint32_t payload_bytes) const;
@@ -103,6 +105,17 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   Surroundings& surroundings_;
   Owner& owner_;
 
+  // One of the two kinds of FEC datagrams.
+  struct FecStream {
+    FecStream(const IpPlayoutSettings& ordered, const PlayoutSettings& media,
+              std::uint32_t port_step, platform::Random& random, CSwClock& clock, Sender* bottom);
+
+    const PlayoutSettings settings;
+    CErrorInsertionManager errors;
+    CZebReplicationMgr replication;
+    HeaderChain chain;
+  };
+
   CErrorInsertionManager errors_;
   CZebReplicationMgr replication_;
   CZebParametricManager parametric_;
@@ -113,6 +126,8 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   std::string sender_;  // of the destination, which may have been left
   std::unique_ptr<ScheduledStream> stream_;
   std::unique_ptr<DatagramBuilder> builder_;
+  std::array<std::unique_ptr<FecStream>, FecFeed::kKinds> fec_streams_;
+  std::unique_ptr<FecFeed> fec_;
   BuilderThread* builder_thread_ = nullptr;
   std::atomic<int> end_error_{0};
   std::atomic<bool> has_left_{false};  // behind end_error_

@@ -53,7 +53,7 @@ DatagramBuilder::Progress DatagramBuilder::BuildFrames(int budget) {
   for (; budget > 0; --budget) {
     if (!is_begun_) {
       const Step step = BeginDatagram();
-      if (step == Step::kEnd) {
+      if (step == Step::kEnd && !BeginFecAtEnd()) {
         return Finish();
       }
       if (step == Step::kWaits) {
@@ -63,8 +63,12 @@ DatagramBuilder::Progress DatagramBuilder::BuildFrames(int budget) {
     if (!parts_.ring.HasRoom(kMostFramesPerCopy)) {
       return Progress::kWaits;
     }
-    SendCopy();
-    if (copy_ == copies_) {
+    if (is_fec_) {
+      SendFecCopy();
+    } else {
+      SendCopy();
+    }
+    if (copy_ == copies_ && !BeginFec()) {
       EndDatagram();
     }
   }
@@ -115,7 +119,7 @@ bool DatagramBuilder::FindTimes() {
     due_ = parts_.marks.At(offset_);
   }
   if (due_ && !after_) {
-    const bool is_needed = copies_ > 1 || has_jitter_;
+    const bool is_needed = copies_ > 1 || has_jitter_ || fec_ != nullptr;
     after_ =
         is_needed ? parts_.marks.At(offset_ + frame_.Length() - rules_.shape.header_room) : due_;
   }
@@ -144,24 +148,83 @@ void DatagramBuilder::Order(Damage damage, std::uint32_t datagrams) {
 
 void DatagramBuilder::SendCopy() {
   queued_ = {};
-  queued_.datagram = index_;
-  queued_.copy = static_cast<std::uint32_t>(copy_);
   queued_.due = NextDue();
   queued_.did = damage_;
   parts_.clock.Set(rules_.copies_share_time ? *due_ : queued_.due);
   parts_.errors.CopyStatistics(before_);
-  was_queued_ = false;
-  top_->Send(frame_);
+  SendOne(frame_, *top_);
   if (!was_queued_) {
-    queued_.leaves = false;
     const bool lost = parts_.errors.WasPacketLost();
+    queued_.leaves = false;
     queued_.did |= static_cast<std::uint32_t>(lost ? IPPLAYOUT_DID_LOSE : IPPLAYOUT_DID_DELAY);
     Push(frame_);
+  }
+  if (fec_ != nullptr && copy_ == 0) {
+    fec_->AddMedia(frame_);
   }
   ++frame_count_;
   if (++copy_ < copies_) {
     parts_.replication.NextCopy();
   }
+}
+
+void DatagramBuilder::SendOne(PDU& frame, Sender& top) {
+  queued_.datagram = index_;
+  queued_.copy = static_cast<std::uint32_t>(copy_);
+  in_hand_ = &frame;
+  was_queued_ = false;
+  top.Send(frame);
+}
+
+// ---- FEC ----
+
+// Goes on to an FEC datagram behind the one whose copies have been sent. False when there is none.
+bool DatagramBuilder::BeginFec() {
+  if (fec_ == nullptr || !fec_->Next()) {
+    return false;
+  }
+  is_fec_ = true;
+  copy_ = 0;
+  fec_->Port().replication->StartDatagram();
+  fec_->Port().errors->PrepareForPacket(fec_->Index());
+  return true;
+}
+
+// What protects the last datagrams follows them, a gap behind each other.
+bool DatagramBuilder::BeginFecAtEnd() {
+  if (fec_ == nullptr || !fec_->AtEnd()) {
+    return false;
+  }
+  has_ended_ = true;
+  due_ = last_due_;
+  after_ = last_due_ + last_gap_;
+  is_begun_ = true;
+  return BeginFec();
+}
+
+void DatagramBuilder::SendFecCopy() {
+  queued_ = {};
+  queued_.due = NextFecDue();
+  queued_.did = fec_->Which() == FecFeed::kRow ? IPPLAYOUT_DID_FEC_ROW : IPPLAYOUT_DID_FEC_COLUMN;
+  parts_.clock.Set(queued_.due);
+  SendOne(fec_->Frame(), *fec_->Port().top);
+  if (!was_queued_) {
+    queued_.leaves = false;
+    queued_.did |= IPPLAYOUT_DID_LOSE;
+    Push(fec_->Frame());
+  }
+  if (++copy_ < copies_) {
+    fec_->Port().replication->NextCopy();
+  }
+}
+
+// Between this datagram and the next one.
+DatagramBuilder::Time DatagramBuilder::NextFecDue() {
+  const double behind = fec_->Which() == FecFeed::kRow ? 0.75 : 0.5;
+  const double share = behind + 0.25 * static_cast<double>(copy_) / static_cast<double>(copies_);
+  const std::chrono::duration<double, std::nano> gap = *after_ - *due_;
+  last_due_ = std::max(last_due_, *due_ + std::chrono::duration_cast<Time>(gap * share));
+  return last_due_;
 }
 
 // The copies of a datagram share out the time up to the next one.
@@ -189,7 +252,10 @@ DatagramBuilder::Time DatagramBuilder::Jitter(std::uint64_t index) {
 }
 
 bool DatagramBuilder::Send(PDU& frame) {
-  if (&frame == &frame_) {
+  if (&frame == in_hand_ && is_fec_) {
+    was_queued_ = true;
+    Push(frame);
+  } else if (&frame == in_hand_) {
     was_queued_ = true;
     ErrorStatistics now;
     parts_.errors.CopyStatistics(now);
@@ -220,12 +286,17 @@ void DatagramBuilder::Push(const PDU& frame) {
 }
 
 void DatagramBuilder::EndDatagram() {
+  is_begun_ = false;
+  is_fec_ = false;
+  if (has_ended_) {
+    return;
+  }
+  last_gap_ = *after_ - *due_;
   parts_.errors.SetJitter(jitter_.Seconds());
   parts_.statistics.Count(frame_, parts_.errors);
   offset_ += frame_.Length() - rules_.shape.header_room;
   ++index_;
   has_payload_ = false;
-  is_begun_ = false;
   due_.reset();
   after_.reset();
   if (frame_.Length() != rules_.shape.datagram_size) {

@@ -12,6 +12,7 @@
 #include "payload/data_buffer.h"
 #include "payload/due_clock.h"
 #include "payload/error_insertion_manager.h"
+#include "payload/fec_feed.h"
 #include "payload/run_statistics.h"
 #include "payload/time_marks.h"
 #include "platform/request_stack.h"
@@ -69,6 +70,9 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
 
   // The chain that ends here. Before the first Build.
   void SetTop(Sender* top) { top_ = top; }
+  // Where FEC datagrams come from that are to follow those of the stream; null: there are none.
+  // Before the first Build.
+  void SetFec(FecFeed* fec) { fec_ = fec; }
 
   // Builds up to `budget` frames. kWaits: it is to be called again when there is data, a mark or
   // room. kDone: everything is built, or memory ran out.
@@ -94,8 +98,13 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   bool FindTimes();
   void TakeOrders();
   void SendCopy();
+  void SendFecCopy();
+  void SendOne(PDU& frame, Sender& top);
+  bool BeginFec();
+  bool BeginFecAtEnd();
   void EndDatagram();
   Time NextDue();
+  Time NextFecDue();
   Time Jitter(std::uint64_t index);
   void Push(const PDU& frame);
   Progress Finish();
@@ -103,12 +112,16 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   const BuilderParts parts_;
   const BuilderRules rules_;
   Sender* top_ = nullptr;
+  FecFeed* fec_ = nullptr;
 
   PDU frame_;
-  std::uint64_t offset_ = 0;  // of the stream: where the datagram in hand begins
+  const PDU* in_hand_ = nullptr;  // the frame that goes down the chain; another one was held back
+  std::uint64_t offset_ = 0;      // of the stream: where the datagram in hand begins
   std::uint64_t index_ = 0;
   bool has_payload_ = false;
   bool is_begun_ = false;
+  bool has_ended_ = false;  // the stream has
+  bool is_fec_ = false;     // the copies in hand are of an FEC datagram
   bool is_done_ = false;
   bool is_over_ = false;
   bool out_of_memory_ = false;
@@ -121,6 +134,7 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   std::uint64_t frame_count_ = 0;
   Time burst_due_{0};
   Time last_due_{0};
+  Time last_gap_{0};
   QueuedFrame queued_;  // of the copy in hand
   bool was_queued_ = false;
   ErrorStatistics before_;    // counts before the copy in hand

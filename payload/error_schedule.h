@@ -17,8 +17,8 @@ class ErrorSchedule {
   // Where random positions are drawn from; the process-wide generator at first.
   void UseRandom(platform::Random& random) { random_ = &random; }
 
-  // Throws when there is no memory for random positions. A count of 2^31 or more counts as none, as does a range of 0; a count above the range means
-  // every datagram.
+  // Throws when there is no memory for random positions. A count of 2^31 or more counts as none, as
+  // does a range of 0; a count above the range means every datagram.
   void Configure(std::uint32_t count, std::uint32_t range, bool randomize);
 
   // True when the datagram with this index is to be damaged. Draws the positions of a range when

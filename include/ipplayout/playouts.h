@@ -97,6 +97,20 @@ typedef struct IpPlayoutSettings {
   uint32_t Stamps;        // 1: the kernel's time of departure, of up to 20,000 frames a second
   uint32_t LedgerFrames;  // records that are kept for IpPlayoutReadLedger; 0 by default: none
 
+  // Forward error correction (SMPTE ST 2022-1), RTP only: FecColumns (L) 1 to 20 by FecRows (D) 4
+  // to 20, at most 100 in all; 0 columns: none. FEC leaves to the destination port + 2 for columns
+  // and
+  // + 4 for rows, with the headers of the stream but for payload type, SSRC and sequence number. It
+  // is made from what was meant to leave: what is lost on purpose can be repaired. With copies it
+  // needs CopiesShareTime.
+  uint32_t FecColumns;
+  uint32_t FecRows;
+  uint32_t FecProtectsRows;  // 1: rows too
+  uint32_t FecStaggered;     // 1: columns begin one after the other, not all with a matrix
+  uint32_t FecPayloadType;   // 0 to 127; 96 by default
+  uint32_t FecSSRC;
+  ErrorInsertion FecErrors;  // of the FEC datagrams, columns and rows counted apart
+
   uint32_t FirstRtpTimestamp;  // at the time 0 of the playout
   uint32_t CopiesShareTime;    // 1: all copies of a datagram carry the RTP time of the first one
   uint64_t Seed;               // of everything random; 0: the system draws it, see IpPlayoutSeed
@@ -137,8 +151,10 @@ enum {
   IPPLAYOUT_DID_SEND_HELD = 4,    // this is a frame that was held back before
   IPPLAYOUT_DID_IP_CHECKSUM = 8,  // wrong checksum
   IPPLAYOUT_DID_UDP_CHECKSUM = 16,
-  IPPLAYOUT_DID_LEAVE_OUT = 32,  // too late (IPPLAYOUT_LATE_DROP)
-  IPPLAYOUT_DID_REFUSE = 64,     // by the destination
+  IPPLAYOUT_DID_LEAVE_OUT = 32,    // too late (IPPLAYOUT_LATE_DROP)
+  IPPLAYOUT_DID_REFUSE = 64,       // by the destination
+  IPPLAYOUT_DID_FEC_COLUMN = 128,  // not of the stream: an FEC datagram that follows this one
+  IPPLAYOUT_DID_FEC_ROW = 256,
 };
 
 // One frame.
