@@ -57,9 +57,9 @@ TEST(AdapterSink, AFrameThatIsTooLongIsItsOwnFaultAndLeavesTheTagsInStep) {
       EXPECT_EQ(result.sent, 1U);
       EXPECT_EQ(result.error, EMSGSIZE);
       EXPECT_TRUE(result.of_frame);
-      sending.CatchUp();
+      ASSERT_TRUE(sending.CatchUp());
       EXPECT_EQ(sending.Send({{good, {}, tag + 4}, {good, {}, tag + 5}}).sent, 2U);
-      sending.CatchUp();
+      ASSERT_TRUE(sending.CatchUp());
     }
   });
 }

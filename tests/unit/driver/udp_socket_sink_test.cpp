@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -65,12 +66,14 @@ class Receiver {
     port_ = ntohs(address.sin_port);
     const int bytes = 64 << 20;
     ::setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes);
+    const timeval minute{60, 0};  // for what never comes
+    ::setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &minute, sizeof minute);
   }
 
   std::uint16_t Port() const { return port_; }
-  Bytes Next(int flags = 0) const {
+  Bytes Next() const {
     Bytes datagram(1 << 16);
-    const ssize_t size = ::recv(socket_.Get(), datagram.data(), datagram.size(), flags);
+    const ssize_t size = ::recv(socket_.Get(), datagram.data(), datagram.size(), 0);
     datagram.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
     return datagram;
   }
@@ -236,7 +239,7 @@ TEST(UdpSocketSink, WaitsForAFullQueueAndReportsAsSentWhatWasSent) {
     EXPECT_EQ(sink->Send(burst, waiter).sent, burst.size());
     EXPECT_GT(sink->Retries(), 0U);
     for (std::uint8_t i = 0; i < 50; ++i) {
-      EXPECT_EQ(receiver.Next(), Bytes(958, i));
+      ASSERT_EQ(receiver.Next(), Bytes(958, i));
     }
     ASSERT_TRUE(Shell("tc qdisc replace dev lo root tbf rate 8kbit burst 1500 limit 3200"));
     waiter.GiveUpAt(waiter.Now() + std::chrono::milliseconds(20));
@@ -245,6 +248,42 @@ TEST(UdpSocketSink, WaitsForAFullQueueAndReportsAsSentWhatWasSent) {
     EXPECT_EQ(result.error, ECANCELED);
     EXPECT_FALSE(result.of_frame);
     ASSERT_TRUE(Shell("tc qdisc replace dev lo root tbf rate 1gbit burst 100k limit 100k"));
+  });
+}
+
+// The kernel has numbered a datagram by the time that the queue has no room for it.
+TEST(UdpSocketSink, AFullQueueLeavesTheTagsInStep) {
+  InOwnNetwork([] {
+    ASSERT_TRUE(Shell("tc qdisc add dev lo root tbf rate 16mbit burst 1500 limit 3200"));
+    const Receiver receiver;
+    const auto sink = Open(To("127.0.0.1", receiver.Port(), true));
+    const Bytes frame = Frame(1, 958);
+    std::vector<OutgoingFrame> burst;
+    for (std::uint32_t tag = 1; tag <= 50; ++tag) {
+      burst.push_back({frame, {}, tag});
+    }
+    const platform::DeadlineWaiter waiter;
+    ASSERT_EQ(sink->Send(burst, waiter).sent, burst.size());
+    ASSERT_GT(sink->Retries(), 0U);
+    ASSERT_TRUE(Shell("tc qdisc change dev lo root tbf rate 1gbit burst 100k limit 100k"));
+    const auto latest = waiter.Now() + std::chrono::minutes(1);
+    for (std::uint32_t tag = 1000, right = 0; right < 20; ++tag) {
+      const OutgoingFrame single{frame, {}, tag};
+      const auto before = waiter.Now();
+      ASSERT_LT(before, latest) << "no stamps any more";
+      ASSERT_EQ(sink->Send({&single, 1}, waiter).sent, 1U);
+      const auto after = waiter.Now();
+      std::array<Departure, 64> departures;
+      const std::size_t count = sink->ReadDepartures(departures);
+      for (std::size_t i = 0; i < count; ++i) {
+        if (departures[i].tag > burst.size()) {
+          EXPECT_EQ(departures[i].tag, tag);
+          EXPECT_GE(departures[i].time, before - std::chrono::microseconds(1));
+          EXPECT_LE(departures[i].time, after + std::chrono::microseconds(1));
+          ++right;
+        }
+      }
+    }
   });
 }
 
