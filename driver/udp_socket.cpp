@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <span>
 #include <utility>
 
 #include "platform/interface.h"
@@ -32,7 +31,7 @@ class UdpSocketOpener {
   Descriptor Open() {
     const bool ready = Find() && Create() && SetCommonOptions() &&
                        (ipv6_ ? SetIpv6Options() : SetIpv4Options()) && SetInterface() && Bind() &&
-                       LeaseFlowLabel() && Connect();
+                       LeaseFlowLabel() && Connect() && SendsToAnother();
     const int error = errno;
     if (!ready) {
       socket_ = Descriptor();
@@ -165,6 +164,34 @@ class UdpSocketOpener {
     return Use(::connect, settings_.destination, settings_.destination_port,
                settings_.flow_label) ||
            Fail("reach the destination", errno);
+  }
+
+  // A connected socket is preferred to a receiver that shares its port, and would keep what is
+  // sent.
+  bool SendsToAnother() {
+    sockaddr_storage own{};
+    sockaddr_storage peer{};
+    socklen_t own_size = sizeof own;
+    socklen_t peer_size = sizeof peer;
+    if (::getsockname(socket_.Get(), reinterpret_cast<sockaddr*>(&own), &own_size) != 0 ||
+        ::getpeername(socket_.Get(), reinterpret_cast<sockaddr*>(&peer), &peer_size) != 0) {
+      return Fail("reach the destination", errno);
+    }
+    return AddressAndPort(own) != AddressAndPort(peer) ||
+           Fail("send from the destination's own address and port", EADDRINUSE);
+  }
+
+  std::pair<IpAddress, std::uint16_t> AddressAndPort(const sockaddr_storage& name) const {
+    if (!ipv6_) {
+      const auto& ipv4 = reinterpret_cast<const sockaddr_in&>(name);
+      platform::Ipv4Address address{};
+      std::memcpy(address.data(), &ipv4.sin_addr, address.size());
+      return {address, ipv4.sin_port};
+    }
+    const auto& ipv6 = reinterpret_cast<const sockaddr_in6&>(name);
+    platform::Ipv6Address address{};
+    std::memcpy(address.data(), &ipv6.sin6_addr, address.size());
+    return {address, ipv6.sin6_port};
   }
 
   bool Use(int (*call)(int, const sockaddr*, socklen_t), const IpAddress& address,

@@ -61,6 +61,8 @@ class Receiver {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
+    const int on = 1;
+    ::setsockopt(socket_.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // as players do
     EXPECT_EQ(::bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), size), 0);
     EXPECT_EQ(::getsockname(socket_.Get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
     port_ = ntohs(address.sin_port);
@@ -313,6 +315,29 @@ TEST(UdpSocketSink, FramesThatCannotBeSentAreTheirOwnFault) {
       EXPECT_EQ(result.of_frame, c.error != 0);
       EXPECT_EQ(sink->IcmpErrors(), 0U);
     }
+  });
+}
+
+TEST(UdpSocketSink, SharesItsSourcePortButNotWithItsReceiver) {
+  InOwnNetwork([] {
+    const Receiver receiver;
+    auto settings = To("127.0.0.1", receiver.Port());
+    settings.socket.share_source_port = true;
+    settings.socket.source_port = 4000;
+    const auto first = Open(settings);
+    const auto second = Open(settings);
+    const Bytes frame = Frame(1);
+    const OutgoingFrame outgoing{frame, {}, 0};
+    const platform::DeadlineWaiter waiter;
+    for (const auto& sink : {first.get(), second.get()}) {
+      EXPECT_EQ(sink->Send({&outgoing, 1}, waiter).sent, 1U);
+      EXPECT_EQ(receiver.Next(), Bytes(100, 1));
+    }
+    settings.socket.source_port = receiver.Port();
+    const auto to_itself = UdpSocketSink::Open(settings);
+    EXPECT_EQ(to_itself.value, nullptr);
+    EXPECT_EQ(to_itself.error, EADDRINUSE);
+    EXPECT_EQ(to_itself.step, std::string_view("send from the destination's own address and port"));
   });
 }
 
