@@ -158,4 +158,30 @@ std::optional<Failure> OutputFile::Commit(std::string_view text) const {
   return fail(error);
 }
 
+Result<FileDescriptor> OutputFile::Open() const {
+  const auto fail = [this](int error) { return Refusal(ExitStatus::kUsage, std::strerror(error)); };
+  if (special_.IsOpen()) {
+    std::fflush(Results());
+    FileDescriptor fd(::fcntl(special_.Get(), F_DUPFD_CLOEXEC, 3));
+    return fd.IsOpen() ? Result(std::move(fd)) : fail(errno);
+  }
+  std::string temporary;
+  FileDescriptor fd = CreateTemporary(temporary);
+  if (!fd.IsOpen()) {
+    return fail(errno);
+  }
+  if (::renameat(folder_.Get(), temporary.c_str(), folder_.Get(), name_.c_str()) != 0) {
+    const int error = errno;
+    ::unlinkat(folder_.Get(), temporary.c_str(), 0);
+    return fail(error);
+  }
+  return fd;
+}
+
+std::optional<Failure> OutputFile::Append(const FileDescriptor& fd, std::string_view text) const {
+  const int error = WriteAll(fd.Get(), text);
+  return error == 0 ? std::nullopt
+                    : std::optional(Refusal(ExitStatus::kFailed, std::strerror(error)));
+}
+
 }  // namespace ipplay

@@ -22,6 +22,11 @@ class OutputFile {
   // Writes the text, replacing an older file. A failure leaves that file as it was.
   std::optional<Failure> Commit(std::string_view text) const;
 
+  // For what others read while it is written: an empty file takes the name at once, and Append
+  // writes to its end.
+  Result<FileDescriptor> Open() const;
+  std::optional<Failure> Append(const FileDescriptor& fd, std::string_view text) const;
+
  private:
   OutputFile(std::string option, std::string path)
       : option_(std::move(option)), path_(std::move(path)) {}

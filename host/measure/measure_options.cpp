@@ -138,6 +138,8 @@ void DefineOutput(OptionBuilder& add, MeasureOptions& o) {
   add.Flag("--quiet,-q", o.quiet, "Print nothing while measuring");
   add.Value("--report", o.report_file, "FILE", "a file", "Write a page with plots (HTML)",
             ParseText);
+  add.Value("--events", o.events_file, "FILE", "a file",
+            "Write what goes wrong while it does, a JSON object a line", ParseText);
   add.Value("--rows", o.rows, "N", "0 to 100000", "Streams that the tables show",
             NumberBetween(0, 100'000), "20");
   add.Value("--write-config", o.write_config, "FILE", "a file",

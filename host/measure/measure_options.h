@@ -31,6 +31,7 @@ struct MeasureOptions {
   bool json = false;
   bool quiet = false;
   std::string report_file;
+  std::string events_file;
   std::uint64_t rows = 20;
   std::string write_config;
 

@@ -11,6 +11,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <utility>
 
 #include "host/base/capabilities.h"
 #include "host/base/library_output.h"
@@ -18,6 +19,7 @@
 #include "host/base/output_file.h"
 #include "host/base/stop_signals.h"
 #include "host/measure/capture/link_watch.h"
+#include "host/measure/live_files.h"
 #include "host/measure/results/json_view.h"
 #include "host/measure/results/live_view.h"
 #include "host/measure/results/plain_words.h"
@@ -31,6 +33,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kReadTimeoutMs = 50;
 constexpr auto kRedrawInterval = std::chrono::seconds(1);
+constexpr auto kDropsInterval = std::chrono::seconds(1);
 // Frames on their way from the adapter to us when the time is over.
 constexpr auto kLastFramesWait = std::chrono::milliseconds(200);
 // Bounds the reading of what is left in the buffer, in case frames come faster than they are read.
@@ -111,12 +114,15 @@ class EndWatch {
 class MeasureRun {
  public:
   MeasureRun(const MeasureOptions& options, CaptureSource source,
-             const MeasurementSettings& settings)
+             const MeasurementSettings& settings, LiveFiles files, const RunInfo& info)
       : options_(options),
         source_(std::move(source)),
         measurement_(settings),
+        files_(std::move(files)),
         view_(!options.quiet && source_.IsUnderWay()),
-        link_(source_.IsLive() ? options.source : "") {}
+        link_(source_.IsLive() ? options.source : "") {
+    files_.Start(measurement_, info);
+  }
 
   // Takes frames until the end. Returns why it ended early, if it did.
   std::optional<Failure> Run() {
@@ -137,7 +143,7 @@ class MeasureRun {
       Drain();
     }
     view_.Draw("");
-    drops_ = source_.Drops();
+    TakeDrops();
     TakeLinkChanges();
     if (!failure && !link_.IsUp()) {
       failure =
@@ -147,6 +153,7 @@ class MeasureRun {
     const bool by_clock =
         source_.IsLive() && !options_.capture.adapter_time_stamps && !ended_by_silence_;
     measurement_.Finish(by_clock ? std::optional(WallClockNs()) : std::nullopt);
+    files_.Finish(measurement_);
     return failure;
   }
 
@@ -162,6 +169,7 @@ class MeasureRun {
                nullptr;
   }
   const Measurement& Measured() const { return measurement_; }
+  std::optional<Failure> WriteFailure() const { return files_.WriteFailure(); }
 
  private:
   std::optional<Failure> TakeFrames() {
@@ -175,6 +183,10 @@ class MeasureRun {
       const auto now = Clock::now();
       const auto status = source_.Read(measurement_, kReadTimeoutMs);
       TakeLinkChanges();
+      if (now >= next_drops_) {
+        TakeDrops();
+        next_drops_ = now + kDropsInterval;
+      }
       if (status == CaptureSource::ReadStatus::kFailed) {
         return Failure{ExitStatus::kFailed, source_.Error()};
       }
@@ -208,6 +220,17 @@ class MeasureRun {
     }
   }
 
+  void TakeDrops() {
+    const CaptureDrops before = std::exchange(drops_, source_.Drops());
+    const std::uint64_t more =
+        drops_.by_kernel + drops_.by_adapter - before.by_kernel - before.by_adapter;
+    if (more > 0) {
+      measurement_.Events().Report({.time_ns = WallClockNs(),
+                                    .kind = EventKind::kCaptureDrop,
+                                    .amount = static_cast<std::int64_t>(more)});
+    }
+  }
+
   // Frames that came before the user's stop belong to the measurement.
   void Drain() {
     const auto deadline = Clock::now() + kLongestDrain;
@@ -238,11 +261,13 @@ class MeasureRun {
   std::optional<EndWatch> end_;
   bool ended_by_silence_ = false;
   Measurement measurement_;
+  LiveFiles files_;
   LiveView view_;
   LinkWatch link_;
   // Address space that the results take if frames took all the rest.
   std::unique_ptr<char[]> reserve_{new char[kReserveBytes]};
   Clock::time_point next_draw_ = Clock::now() + kRedrawInterval;
+  Clock::time_point next_drops_ = Clock::now() + kDropsInterval;
   CaptureDrops drops_;
 };
 
@@ -348,6 +373,9 @@ Result<int> Conclude(const MeasureOptions& options, const MeasureRun& run, Strea
   if (failure) {
     return *failure;
   }
+  if (const auto unwritten = run.WriteFailure()) {
+    return *unwritten;
+  }
   return AllMet(verdicts) ? static_cast<int>(ExitStatus::kPlayed) : kLimitsNotMet;
 }
 
@@ -371,7 +399,12 @@ Result<int> RunMeasurement(const MeasureOptions& options, const Given& settings)
   if (!source) {
     return source.Error();
   }
-  MeasureRun run(options, std::move(*source), *measurement_settings);
+  auto files = LiveFiles::Create(options);
+  if (!files) {
+    return files.Error();
+  }
+  const RunInfo info{IPPLAYOUT_VERSION, WallClockNs(), settings};
+  MeasureRun run(options, std::move(*source), *measurement_settings, std::move(*files), info);
   const auto failure = run.Run();
   if (run.HasRoomForStreams()) {
     return Conclude(options, run, StreamDetail::kAll, failure, report_file, settings);

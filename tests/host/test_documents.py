@@ -119,6 +119,28 @@ class Measured(unittest.TestCase):
         output = subprocess.run([IPPLAY, "measure", path, "--json", *options], stdout=subprocess.PIPE, check=False).stdout
         return json.loads(output)
 
+    def test_documented_fields_of_events_are_those_that_are_written(self):
+        faulty = Playout(vlan=100, datagrams=2000, lose={100}, delay={300: 2}, bad_udp=set(range(400, 425)), bad_ip={500})
+        frames = faulty.capture()
+        plain = Playout(rtp=False)
+        for number in range(200):  # a jump of the PCR, a wrong table, a silence and another rate
+            content = bytearray(service_packets(number + (16_000 if number > 50 else 0)))
+            content[12] ^= number == 70
+            time_ns = number * 100_000_000 if number < 120 else 13_000_000_000 + number * 20_000_000
+            frames.append((frames[0][0] + time_ns, plain.frame(number, 0, bytes(content))))
+        frames.sort()
+        with tempfile.TemporaryDirectory() as folder:
+            events = os.path.join(folder, "events")
+            self.measure(folder, frames, "--events", events)
+            with open(events, encoding="utf-8") as lines:
+                written = [json.loads(line) for line in lines]
+        self.assertEqual([written[0]["event"], written[-1]["event"]], ["start", "end"])
+        self.assertEqual(written[-1]["events"],
+                         len(written) - 2 + sum(line["count"] - 1 for line in written if line["event"] == "left_out"))
+        # A link changes on an adapter only.
+        self.assertEqual(fields_of({"all": written}) | {"all[].up"},
+                         {f"all[].{name}" for name in documented_fields("ipplay measure --events")})
+
     def test_documented_fields_are_those_that_are_written(self):
         with tempfile.TemporaryDirectory() as folder:
             file = os.path.join(folder, "expected.ts")

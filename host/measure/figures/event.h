@@ -13,7 +13,7 @@ enum class EventKind : std::uint8_t {
   kReordered,         // amount: places
   kRestart,           // of the sender: RTP numbers begin anew
   kSilence,           // amount: ns without a frame of the stream; time is its end
-  kRate,              // amount: bit/s, outside of what was asked for
+  kRate,              // amount: bit/s of payload, unlike those of the seconds before
   kChecksum,          // amount: 4 for IPv4's, 17 for UDP's
   kSyncLoss,          // TR 101 290 1.1
   kSyncByte,          // 1.2

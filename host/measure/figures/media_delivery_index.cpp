@@ -37,7 +37,7 @@ void MediaDeliveryIndex::Take(std::int64_t time_ns, std::uint32_t bytes,
 }
 
 MediaDeliveryIndex::Interval MediaDeliveryIndex::EndInterval(std::int64_t end_ns) {
-  Interval interval{start_ns_, 0, interval_lost_};
+  Interval interval{start_ns_, 0, interval_lost_, static_cast<std::uint64_t>(interval_bytes_)};
   if (interval_is_empty_) {
     // So far the buffer has given out what it held for as long as nothing has come.
     interval.delay_factor_ns = static_cast<double>(end_ns - last_ns_);

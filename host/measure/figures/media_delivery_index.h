@@ -22,6 +22,7 @@ class MediaDeliveryIndex {
     std::int64_t start_ns = 0;
     double delay_factor_ns = 0;
     std::uint64_t lost_packets = 0;
+    std::uint64_t bytes = 0;
   };
 
   // `media_bytes_per_ns` is the rate at which the virtual buffer drains.

@@ -34,6 +34,10 @@ bool HasCountedPacket(std::span<const std::uint8_t> media, std::size_t stride) {
   return false;
 }
 
+// What EventKind::kChecksum has for the two checksums.
+constexpr std::int64_t kOfIpv4 = 4;
+constexpr std::int64_t kOfUdp = 17;
+
 bool IsInPlace(const SequenceResult& sequence) {
   return sequence.event == SequenceEvent::kInOrder || sequence.event == SequenceEvent::kFirst;
 }
@@ -115,6 +119,8 @@ void Stream::Add(const Arrival& arrival) {
   SequenceResult sequence =
       arrival.rtp == nullptr ? SequenceResult{} : AddRtp(*arrival.rtp, arrival.time_ns);
   checksums_.Count(frame);
+  ReportChecksums(frame, arrival.time_ns);
+  longest_media_ = std::max(longest_media_, media_bytes);
   rate_.Add(arrival.time_ns, arrival.frame_bytes, media_bytes);
   spacing_.Add(arrival.time_ns, arrival.frame_bytes, IsInPlace(sequence));
   if (history_ != nullptr) {
@@ -163,6 +169,15 @@ void Stream::ReportDisorder(const SequenceResult& sequence, std::int64_t time_ns
       break;
     default:
       break;
+  }
+}
+
+void Stream::ReportChecksums(const DecodedFrame& frame, std::int64_t time_ns) const {
+  if (frame.bad_ip_checksum) {
+    events_.Report(EventKind::kChecksum, time_ns, kOfIpv4);
+  }
+  if (frame.udp_checksum == UdpChecksum::kBad) {
+    events_.Report(EventKind::kChecksum, time_ns, kOfUdp);
   }
 }
 
@@ -235,7 +250,10 @@ void Stream::AddMdi(std::int64_t time_ns, std::uint32_t media_bytes,
     missing_ts_packets_ = missing;
     StateMediaRate();
   }
-  mdi_.Add(time_ns, media_bytes, lost, [this](const auto& ended) { KeepMdi(ended); });
+  mdi_.Add(time_ns, media_bytes, lost, [this](const auto& ended) {
+    KeepMdi(ended);
+    WatchRate(ended);
+  });
   second_packets_ += packets;
 }
 
@@ -258,6 +276,13 @@ void Stream::CountSecond(const MediaDeliveryIndex::Interval& ended) {
   seconds_.Add({second_packets_, ended.lost_packets, errors > errors_before_second_});
   second_packets_ = 0;
   errors_before_second_ = errors;
+}
+
+void Stream::WatchRate(const MediaDeliveryIndex::Interval& ended) {
+  if (ended.bytes > 0 && rate_watch_.Add(ended.bytes, longest_media_)) {
+    events_.Report(EventKind::kRate, ended.start_ns + MediaDeliveryIndex::kIntervalNs,
+                   static_cast<std::int64_t>(ended.bytes * 8));
+  }
 }
 
 void Stream::KeepMdi(const MediaDeliveryIndex::Interval& ended) {

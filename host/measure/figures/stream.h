@@ -18,6 +18,7 @@
 #include "host/measure/figures/media_delivery_index.h"
 #include "host/measure/figures/payload_compare.h"
 #include "host/measure/figures/rate_meter.h"
+#include "host/measure/figures/rate_watch.h"
 #include "host/measure/figures/reorder_window.h"
 #include "host/measure/figures/rtp_header.h"
 #include "host/measure/figures/rtp_sequence.h"
@@ -120,6 +121,8 @@ class Stream {
   void CountSecond(const MediaDeliveryIndex::Interval& ended);
   bool IsRepeat(std::span<const std::uint8_t> media);
   void ReportDisorder(const SequenceResult& sequence, std::int64_t time_ns) const;
+  void ReportChecksums(const DecodedFrame& frame, std::int64_t time_ns) const;
+  void WatchRate(const MediaDeliveryIndex::Interval& ended);
   void StateMediaRate();
   void NoteSilence(std::int64_t gap_ns, std::int64_t end_ns);
 
@@ -131,6 +134,8 @@ class Stream {
   std::uint64_t repeated_datagrams_ = 0;
   std::vector<std::uint8_t> last_media_;  // of a stream without RTP
   RateMeter rate_;
+  RateWatch rate_watch_;
+  std::uint32_t longest_media_ = 0;  // bytes in one datagram
   Spacing spacing_;
   MediaDeliveryIndex mdi_;
   Availability seconds_;

@@ -11,39 +11,51 @@
 namespace ipplay::measure {
 namespace {
 
-enum class Amount { kNone, kCount, kPackets, kTime, kJump, kRate, kTable, kChecksum, kLink };
+enum class Amount {
+  kNone,
+  kCount,
+  kPackets,
+  kMissing,
+  kTime,
+  kJump,
+  kRate,
+  kTable,
+  kChecksum,
+  kLink
+};
 
 struct Words {
+  const char* name;
   const char* text;
   Amount amount = Amount::kNone;
 };
 
 // By EventKind, in its order.
 constexpr std::array<Words, kEventKinds> kWords{{
-    {"lost", Amount::kPackets},                             // kLoss
-    {"repeated", Amount::kPackets},                         // kRepeat
-    {"places out of order", Amount::kCount},                // kReordered
-    {"the sender started anew"},                            // kRestart
-    {"without a frame", Amount::kTime},                     // kSilence
-    {"is not the rate that was asked for", Amount::kRate},  // kRate
-    {"checksum wrong", Amount::kChecksum},                  // kChecksum
-    {"TS sync loss"},                                       // kSyncLoss
-    {"sync byte error"},                                    // kSyncByte
-    {"PAT error", Amount::kTime},                           // kPat
-    {"continuity error"},                                   // kContinuity
-    {"PMT error", Amount::kTime},                           // kPmt
-    {"PID error", Amount::kTime},                           // kPid
-    {"transport error"},                                    // kTransport
-    {"CRC error", Amount::kTable},                          // kCrc
-    {"PCR repetition error", Amount::kTime},                // kPcrRepetition
-    {"PCR discontinuity", Amount::kJump},                   // kPcrDiscontinuity
-    {"PCR accuracy error", Amount::kTime},                  // kPcrAccuracy
-    {"PTS error", Amount::kTime},                           // kPts
-    {"CAT error"},                                          // kCat
-    {"SI repetition error", Amount::kTime},                 // kSiRepetition
-    {"unreferenced PID"},                                   // kUnreferencedPid
-    {"frames dropped by the capture", Amount::kCount},      // kCaptureDrop
-    {"link", Amount::kLink},                                // kLink
+    {"loss", "lost", Amount::kPackets},                                 // kLoss
+    {"repeat", "repeated", Amount::kPackets},                           // kRepeat
+    {"reordered", "places out of order", Amount::kCount},               // kReordered
+    {"restart", "the sender started anew"},                             // kRestart
+    {"silence", "without a frame", Amount::kTime},                      // kSilence
+    {"rate", "is not the rate of the seconds before", Amount::kRate},   // kRate
+    {"checksum", "checksum wrong", Amount::kChecksum},                  // kChecksum
+    {"sync_loss", "TS sync loss"},                                      // kSyncLoss
+    {"sync_byte", "sync byte error"},                                   // kSyncByte
+    {"pat", "PAT error", Amount::kTime},                                // kPat
+    {"continuity", "continuity error", Amount::kMissing},               // kContinuity
+    {"pmt", "PMT error", Amount::kTime},                                // kPmt
+    {"pid", "PID error", Amount::kTime},                                // kPid
+    {"transport", "transport error"},                                   // kTransport
+    {"crc", "CRC error", Amount::kTable},                               // kCrc
+    {"pcr_repetition", "PCR repetition error", Amount::kTime},          // kPcrRepetition
+    {"pcr_discontinuity", "PCR discontinuity", Amount::kJump},          // kPcrDiscontinuity
+    {"pcr_accuracy", "PCR accuracy error", Amount::kTime},              // kPcrAccuracy
+    {"pts", "PTS error", Amount::kTime},                                // kPts
+    {"cat", "CAT error"},                                               // kCat
+    {"si_repetition", "SI repetition error", Amount::kTime},            // kSiRepetition
+    {"unreferenced_pid", "unreferenced PID"},                           // kUnreferencedPid
+    {"capture_drop", "frames dropped by the capture", Amount::kCount},  // kCaptureDrop
+    {"link", "link", Amount::kLink},                                    // kLink
 }};
 
 const Words& WordsOf(EventKind kind) {
@@ -52,8 +64,39 @@ const Words& WordsOf(EventKind kind) {
 
 }  // namespace
 
+const char* EventName(EventKind kind) {
+  return WordsOf(kind).name;
+}
+
+std::optional<EventFigure> FigureOf(const Event& event) {
+  switch (WordsOf(event.kind).amount) {
+    case Amount::kNone:
+      return std::nullopt;
+    case Amount::kCount:
+      return EventFigure{"count", event.amount};
+    case Amount::kPackets:
+      return EventFigure{"packets", event.amount};
+    case Amount::kMissing:
+      return event.amount > 0 ? std::optional(EventFigure{"packets", event.amount}) : std::nullopt;
+    case Amount::kTime:
+      return event.amount > 0 ? std::optional(EventFigure{"elapsed_ns", event.amount})
+                              : std::nullopt;
+    case Amount::kJump:
+      return EventFigure{"jump_ns", event.amount};
+    case Amount::kRate:
+      return EventFigure{"rate_bps", event.amount};
+    case Amount::kTable:
+      return EventFigure{"table_id", event.amount};
+    case Amount::kChecksum:
+      return EventFigure{"protocol", event.amount};
+    case Amount::kLink:
+      return EventFigure{"up", event.amount};
+  }
+  return std::nullopt;
+}
+
 std::string EventText(const Event& event) {
-  const auto [text, amount] = WordsOf(event.kind);
+  const auto [name, text, amount] = WordsOf(event.kind);
   const auto time = [&] { return FormatDuration(std::chrono::nanoseconds(event.amount)); };
   switch (amount) {
     case Amount::kNone:
@@ -63,6 +106,10 @@ std::string EventText(const Event& event) {
     case Amount::kPackets:
       return fmt::format("{} {} {}", FormatCount(static_cast<std::uint64_t>(event.amount)),
                          event.amount == 1 ? "packet" : "packets", text);
+    case Amount::kMissing:
+      return event.amount == 0 ? text
+                               : fmt::format("{}, {} missing", text,
+                                             FormatCount(static_cast<std::uint64_t>(event.amount)));
     case Amount::kTime:
       // 0 where the fault is not one of time, such as a scrambled table.
       return event.kind == EventKind::kSilence ? fmt::format("{} {}", time(), text)
