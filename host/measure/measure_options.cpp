@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/measure_options.h"
 
+#include <algorithm>
+
 #include "host/base/units.h"
 #include "host/cli/option_builder.h"
 
@@ -82,6 +84,31 @@ void DefineStream(OptionBuilder& add, MeasureOptions& o) {
             "Streams that are measured one by one", NumberBetween(1, 1'000'000), "20000");
 }
 
+void DefineJoins(CLI::App& command, MeasureOptions& o) {
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--join",
+          [&o](const std::vector<std::string>& texts) {
+            for (const std::string& text : texts) {
+              const auto group = ParseGroupSource(text);
+              if (!group) {
+                throw OptionBuilder::Invalid(
+                    "--join", text,
+                    "a multicast group, or GROUP@SOURCE with the address of its sender, as "
+                    "239.1.1.1, 232.1.1.1@10.0.0.1 or ff3e::8000:1");
+              }
+              if (std::ranges::find(o.joins, *group) == o.joins.end()) {
+                o.joins.push_back(*group);
+              }
+            }
+          },
+          "Join this multicast group on the adapter, from one source if it is named (IGMP, MLD), "
+          "and leave it at the end; may be repeated")
+      ->type_name("GROUP[@SOURCE]")
+      ->allow_extra_args(false)
+      ->group("Source");
+}
+
 void DefineCapture(OptionBuilder& add, MeasureOptions& o) {
   LiveSettings& c = o.capture;
   add.Group("Capture");
@@ -159,6 +186,7 @@ void DefineMeasureOptions(CLI::App& command, MeasureOptions& options) {
       ->required();
   add.Flag("--follow", options.follow,
            "The file grows: go on with what is added, to Ctrl-C or as below");
+  DefineJoins(command, options);
   DefineEnd(add, options);
   DefineStream(add, options);
   DefineLimits(add, options);

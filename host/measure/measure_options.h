@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/measure/capture/capture_source.h"
+#include "host/measure/capture/group_membership.h"
 #include "host/measure/figures/settings.h"
 #include "host/measure/results/limits.h"
 
@@ -20,6 +21,7 @@ namespace ipplay::measure {
 struct MeasureOptions {
   std::string source;
   LiveSettings capture;
+  std::vector<GroupSource> joins;  // each once
   MeasurementSettings measurement;
   std::vector<std::optional<Limit>> limits;  // in the order of LimitKinds
   std::optional<std::uint64_t> min_streams;

@@ -310,7 +310,8 @@ std::optional<Failure> CheckFileOptions(const MeasureOptions& options) {
     bool is_given;
   } kOfAdapters[] = {{"--direction", options.capture.direction != Direction::kBoth},
                      {"--adapter-timestamps", options.capture.adapter_time_stamps},
-                     {"--no-promiscuous", !options.capture.promiscuous}};
+                     {"--no-promiscuous", !options.capture.promiscuous},
+                     {"--join", !options.joins.empty()}};
   for (const auto& [option, is_given] : kOfAdapters) {
     if (is_given) {
       return UsageFailure(
@@ -398,6 +399,10 @@ Result<int> RunMeasurement(const MeasureOptions& options, const Given& settings)
   auto source = OpenSource(options);
   if (!source) {
     return source.Error();
+  }
+  GroupMembership membership;  // to the end, whatever it is
+  if (auto failure = membership.Join(options.source, options.joins)) {
+    return *std::move(failure);
   }
   auto files = LiveFiles::Create(options);
   if (!files) {
