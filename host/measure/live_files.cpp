@@ -26,6 +26,12 @@ Result<LiveFiles> LiveFiles::Create(const MeasureOptions& options) {
   if (auto failure = measure::Create("--events", options.events_file, files.events_file_)) {
     return *std::move(failure);
   }
+  if (auto failure = measure::Create("--per-second", options.seconds_file, files.seconds_file_)) {
+    return *std::move(failure);
+  }
+  if (options.seconds_file.ends_with(".csv")) {
+    files.seconds_format_ = SecondLines::Format::kCsv;
+  }
   return files;
 }
 
@@ -37,6 +43,12 @@ void LiveFiles::Start(Measurement& measurement, const RunInfo& run) {
     events_->Start(run);
     measurement.Events().ForwardTo(events_.get());
   }
+  if (seconds_file_ != nullptr) {
+    seconds_ = std::make_unique<SecondLines>(
+        seconds_format_, [file = seconds_file_.get()](std::string_view line) { file->Write(line); },
+        measurement.Streams());
+    measurement.ReportSecondsTo(seconds_.get());
+  }
 }
 
 void LiveFiles::Finish(Measurement& measurement) {
@@ -47,7 +59,12 @@ void LiveFiles::Finish(Measurement& measurement) {
 }
 
 std::optional<Failure> LiveFiles::WriteFailure() const {
-  return events_file_ != nullptr ? events_file_->WriteFailure() : std::nullopt;
+  for (const LineFile* file : {events_file_.get(), seconds_file_.get()}) {
+    if (file != nullptr && file->WriteFailure()) {
+      return file->WriteFailure();
+    }
+  }
+  return std::nullopt;
 }
 
 }  // namespace ipplay::measure

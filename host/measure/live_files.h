@@ -9,6 +9,7 @@
 #include "host/measure/figures/measurement.h"
 #include "host/measure/measure_options.h"
 #include "host/measure/results/event_lines.h"
+#include "host/measure/results/second_lines.h"
 
 namespace ipplay::measure {
 
@@ -27,6 +28,9 @@ class LiveFiles {
  private:
   std::unique_ptr<LineFile> events_file_;
   std::unique_ptr<EventLines> events_;
+  std::unique_ptr<LineFile> seconds_file_;
+  SecondLines::Format seconds_format_ = SecondLines::Format::kJson;
+  std::unique_ptr<SecondLines> seconds_;
 };
 
 }  // namespace ipplay::measure

@@ -167,6 +167,10 @@ void DefineOutput(OptionBuilder& add, MeasureOptions& o) {
             ParseText);
   add.Value("--events", o.events_file, "FILE", "a file",
             "Write what goes wrong while it does, a JSON object a line", ParseText);
+  add.Value("--per-second", o.seconds_file, "FILE", "a file",
+            "Write a row for each stream and second as it ends: CSV where the name ends in .csv, "
+            "otherwise JSON",
+            ParseText);
   add.Value("--rows", o.rows, "N", "0 to 100000", "Streams that the tables show",
             NumberBetween(0, 100'000), "20");
   add.Value("--write-config", o.write_config, "FILE", "a file",

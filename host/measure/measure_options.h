@@ -34,6 +34,7 @@ struct MeasureOptions {
   bool quiet = false;
   std::string report_file;
   std::string events_file;
+  std::string seconds_file;
   std::uint64_t rows = 20;
   std::string write_config;
 

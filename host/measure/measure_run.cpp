@@ -36,6 +36,7 @@ constexpr auto kRedrawInterval = std::chrono::seconds(1);
 constexpr auto kDropsInterval = std::chrono::seconds(1);
 // Frames on their way from the adapter to us when the time is over.
 constexpr auto kLastFramesWait = std::chrono::milliseconds(200);
+constexpr std::int64_t kLastFramesNs = std::chrono::nanoseconds(kLastFramesWait).count();
 // Bounds the reading of what is left in the buffer, in case frames come faster than they are read.
 constexpr auto kLongestDrain = std::chrono::seconds(2);
 // Lines of the live table besides the streams, on a narrow screen.
@@ -149,9 +150,7 @@ class MeasureRun {
       failure =
           Failure{ExitStatus::kFailed, fmt::format("the link of {} is down", options_.source)};
     }
-    // Of a pipe or a file only the frames say what time it is, and an adapter's clock is its own.
-    const bool by_clock =
-        source_.IsLive() && !options_.capture.adapter_time_stamps && !ended_by_silence_;
+    const bool by_clock = UsesThisClock() && !ended_by_silence_;
     measurement_.Finish(by_clock ? std::optional(WallClockNs()) : std::nullopt);
     files_.Finish(measurement_);
     return failure;
@@ -172,6 +171,9 @@ class MeasureRun {
   std::optional<Failure> WriteFailure() const { return files_.WriteFailure(); }
 
  private:
+  // Of a pipe or a file only the frames say what time it is, and an adapter's clock is its own.
+  bool UsesThisClock() const { return source_.IsLive() && !options_.capture.adapter_time_stamps; }
+
   std::optional<Failure> TakeFrames() {
     EndWatch& end = end_.emplace(options_);
     source_.WhileWaiting([this] {
@@ -183,6 +185,9 @@ class MeasureRun {
       const auto now = Clock::now();
       const auto status = source_.Read(measurement_, kReadTimeoutMs);
       TakeLinkChanges();
+      if (status == CaptureSource::ReadStatus::kNothingYet && UsesThisClock()) {
+        measurement_.AdvanceTo(WallClockNs() - kLastFramesNs);
+      }
       if (now >= next_drops_) {
         TakeDrops();
         next_drops_ = now + kDropsInterval;

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """What the documents promise: every recipe runs, every option is described and
 completed, every field of JSON exists."""
+import csv
 import glob
 import json
 import os
@@ -118,6 +119,21 @@ class Measured(unittest.TestCase):
         os.truncate(path, os.path.getsize(path) - cut)
         output = subprocess.run([IPPLAY, "measure", path, "--json", *options], stdout=subprocess.PIPE, check=False).stdout
         return json.loads(output)
+
+    def test_documented_fields_of_seconds_are_those_that_are_written(self):
+        with tempfile.TemporaryDirectory() as folder:
+            seconds, table = os.path.join(folder, "seconds"), os.path.join(folder, "seconds.csv")
+            frames = Playout(vlan=100, datagrams=2500, jitter_ns=1000).capture()
+            for path in (seconds, table):
+                self.measure(folder, frames, "--per-second", path)
+            with open(seconds, encoding="utf-8") as lines:
+                written = [json.loads(line) for line in lines]
+            with open(table, encoding="utf-8", newline="") as lines:
+                rows = list(csv.DictReader(lines))
+        documented = {f"all[].{name}" for name in documented_fields("ipplay measure --per-second")}
+        self.assertEqual(fields_of({"all": written}), documented)
+        self.assertEqual([list(row) for row in rows], [list(written[-1])] * 3)
+        self.assertEqual(rows, [{name: str(row.get(name, "")) for name in written[-1]} for row in written])
 
     def test_documented_fields_of_events_are_those_that_are_written(self):
         faulty = Playout(vlan=100, datagrams=2000, lose={100}, delay={300: 2}, bad_udp=set(range(400, 425)), bad_ip={500})

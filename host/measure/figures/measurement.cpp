@@ -25,7 +25,11 @@ void Measurement::Add(LinkType link, const CapturedFrame& captured) {
   }
   if (captured_frames_++ == 0) {
     start_ns_ = end_ns_ = frame.time_ns;
+    if (second_sink_ != nullptr) {
+      seconds_.emplace(*second_sink_, start_ns_);
+    }
   }
+  AdvanceTo(frame.time_ns);
   end_ns_ = std::max(end_ns_, frame.time_ns);
   DecodedFrame decoded;
   const FrameClass frame_class = DecodeFrame(link, frame.data, settings_.check_udp, decoded);
@@ -45,13 +49,24 @@ void Measurement::Add(LinkType link, const CapturedFrame& captured) {
   complete_ = settings_.max_frames && rate_.Frames() >= *settings_.max_frames;
 }
 
+void Measurement::AdvanceTo(std::int64_t now_ns) {
+  if (seconds_) {
+    seconds_->AdvanceTo(now_ns, streams_.Streams());
+  }
+}
+
 void Measurement::Finish(std::optional<std::int64_t> end_ns) {
   // A run that has all that it was asked for ends with it, not when somebody looks at the clock.
   if (end_ns && !complete_) {
     end_ns_ = std::max(end_ns_, std::clamp<std::int64_t>(*end_ns, 0, kLatestNs));
   }
   spacing_.EndBurst();
+  // What shows in the end only is of the last second, which ends with the measurement.
+  AdvanceTo(end_ns_ - 1);
   streams_.Finish(start_ns_, end_ns_);
+  if (seconds_) {
+    seconds_->Finish(end_ns_, streams_.Streams());
+  }
 }
 
 }  // namespace ipplay::measure

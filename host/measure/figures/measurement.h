@@ -12,6 +12,7 @@
 #include "host/measure/figures/rate_meter.h"
 #include "host/measure/figures/settings.h"
 #include "host/measure/figures/spacing.h"
+#include "host/measure/figures/stream_second.h"
 #include "host/measure/figures/stream_table.h"
 
 namespace ipplay::measure {
@@ -27,6 +28,11 @@ class Measurement : public FrameSink {
   // After the last frame, once. The measurement ends at `end_ns`, by the clock of the time stamps,
   // or with its last frame.
   void Finish(std::optional<std::int64_t> end_ns = std::nullopt);
+
+  // Each second of each stream goes to `sink` as it ends; call it before the first frame.
+  void ReportSecondsTo(SecondSink* sink) { second_sink_ = sink; }
+  // No frame before `now_ns` is still to come, as far as one can tell.
+  void AdvanceTo(std::int64_t now_ns);
 
   // From the first frame of any kind to the end; what is silent between them is measured as well.
   std::int64_t StartNs() const { return start_ns_; }
@@ -63,6 +69,8 @@ class Measurement : public FrameSink {
   TimeSeries<ArrivalPoint> arrivals_{kPlotIntervalNs};
   EventLog events_;
   StreamTable streams_;
+  SecondSink* second_sink_ = nullptr;
+  std::optional<SecondCutter> seconds_;
 };
 
 }  // namespace ipplay::measure

@@ -116,6 +116,7 @@ void Stream::Add(const Arrival& arrival) {
       rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, arrival.time_ns - rate_.LastNs());
 
   NoteSilence(gap_ns, arrival.time_ns);
+  peaks_.gap_ns = std::max(peaks_.gap_ns, gap_ns);
   SequenceResult sequence =
       arrival.rtp == nullptr ? SequenceResult{} : AddRtp(*arrival.rtp, arrival.time_ns);
   checksums_.Count(frame);
@@ -213,8 +214,9 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, const Arrival& arriva
 
 void Stream::AddTs(std::span<const std::uint8_t> media, std::int64_t time_ns, bool after_gap) {
   ts_->Add(media, time_ns, after_gap);
-  if (history_ != nullptr) {
-    if (const auto pcr = ts_->TakePcrOffset()) {
+  if (const auto pcr = ts_->TakePcrOffset()) {
+    peaks_.pcr.Add(pcr->offset_ns);
+    if (history_ != nullptr) {
       history_->pcr.At(pcr->arrival_ns).Add(pcr->offset_ns);
     }
   }
@@ -287,6 +289,7 @@ void Stream::WatchRate(const MediaDeliveryIndex::Interval& ended) {
 
 void Stream::KeepMdi(const MediaDeliveryIndex::Interval& ended) {
   CountSecond(ended);
+  peaks_.delay_factor_ns = std::max(peaks_.delay_factor_ns.value_or(0), ended.delay_factor_ns);
   if (history_ != nullptr) {
     history_->mdi.At(ended.start_ns).Add(ended.delay_factor_ns, ended.lost_packets);
   }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "host/measure/capture/flow_key.h"
@@ -82,7 +83,15 @@ class Stream {
   Stream(const StreamId& id, const MeasurementSettings& settings, bool keep_history,
          const StreamEvents& events);
 
+  // The largest of what has come since the last time.
+  struct Peaks {
+    std::int64_t gap_ns = 0;
+    std::optional<double> delay_factor_ns;  // of the intervals that ended
+    PcrPoint pcr;                           // of the reference clock
+  };
+
   void Add(const Arrival& arrival);
+  Peaks TakePeaks() { return std::exchange(peaks_, {}); }
   // The measurement went on from `start_ns` to `end_ns`.
   void Finish(std::int64_t start_ns, std::int64_t end_ns);
 
@@ -128,6 +137,7 @@ class Stream {
 
   StreamId id_;
   StreamEvents events_;
+  Peaks peaks_;
   std::int64_t silent_at_start_ns_ = 0;
   std::int64_t silent_at_end_ns_ = 0;
   std::uint64_t cut_frames_ = 0;
