@@ -102,6 +102,9 @@ TEST(Measurement, TimeOutsideOfAStreamsFramesCounts) {
         measurement.Add(LinkType::kEthernet, {at * kMs, {frame, frame.size()}});
       }
     }
+    // Of the one that has ended, while another one goes on.
+    EXPECT_EQ(measurement.Events().CountOf(EventKind::kSilenceBegan), 1U);
+    EXPECT_EQ(measurement.Events().CountOf(EventKind::kSilence), 0U);
     measurement.Finish(clock);
     const Summary summary = Summarize(measurement, "test", false, {});
     const double end = clock ? 20'000 : 9990;
@@ -117,6 +120,7 @@ TEST(Measurement, TimeOutsideOfAStreamsFramesCounts) {
       EXPECT_EQ(stream.spacing.gap.max, longest * kMs);
       EXPECT_NEAR(stream.mdi.delay_factor_max, std::max(10.0, truth[i].at_end) * kMs, 1e4);
     }
+    EXPECT_EQ(measurement.Events().CountOf(EventKind::kSilenceBegan), clock ? 3U : 1U);
     EXPECT_EQ(measurement.Events().CountOf(EventKind::kSilence), clock ? 4U : 2U);
   }
 }

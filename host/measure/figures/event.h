@@ -12,6 +12,7 @@ enum class EventKind : std::uint8_t {
   kRepeat,            // amount: packets
   kReordered,         // amount: places
   kRestart,           // of the sender: RTP numbers begin anew
+  kSilenceBegan,      // amount: ns without a frame of the stream so far
   kSilence,           // amount: ns without a frame of the stream; time is its end
   kRate,              // amount: bit/s of payload, unlike those of the seconds before
   kChecksum,          // amount: 4 for IPv4's, 17 for UDP's

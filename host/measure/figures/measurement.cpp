@@ -8,6 +8,7 @@ namespace {
 
 // Up to the year 2116, so that differences and sums of times stay within 64 bits.
 constexpr std::int64_t kLatestNs = (std::int64_t{1} << 62) - 1;
+constexpr std::int64_t kWatchIntervalNs = 100'000'000;
 
 }  // namespace
 
@@ -50,6 +51,12 @@ void Measurement::Add(LinkType link, const CapturedFrame& captured) {
 }
 
 void Measurement::AdvanceTo(std::int64_t now_ns) {
+  if (now_ns >= next_watch_ns_) {
+    next_watch_ns_ = now_ns + kWatchIntervalNs;
+    for (const auto& stream : streams_.Streams()) {
+      stream->WatchSilence(now_ns);
+    }
+  }
   if (seconds_) {
     seconds_->AdvanceTo(now_ns, streams_.Streams());
   }

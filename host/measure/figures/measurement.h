@@ -69,6 +69,7 @@ class Measurement : public FrameSink {
   TimeSeries<ArrivalPoint> arrivals_{kPlotIntervalNs};
   EventLog events_;
   StreamTable streams_;
+  std::int64_t next_watch_ns_ = 0;  // for silence
   SecondSink* second_sink_ = nullptr;
   std::optional<SecondCutter> seconds_;
 };

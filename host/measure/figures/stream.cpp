@@ -115,7 +115,9 @@ void Stream::Add(const Arrival& arrival) {
   const std::int64_t gap_ns =
       rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, arrival.time_ns - rate_.LastNs());
 
+  WatchSilence(arrival.time_ns);
   NoteSilence(gap_ns, arrival.time_ns);
+  is_silent_ = false;
   peaks_.gap_ns = std::max(peaks_.gap_ns, gap_ns);
   SequenceResult sequence =
       arrival.rtp == nullptr ? SequenceResult{} : AddRtp(*arrival.rtp, arrival.time_ns);
@@ -295,6 +297,13 @@ void Stream::KeepMdi(const MediaDeliveryIndex::Interval& ended) {
   }
 }
 
+void Stream::WatchSilence(std::int64_t now_ns) {
+  if (!is_silent_ && rate_.Frames() > 0 && now_ns - rate_.LastNs() >= kSilenceNs) {
+    is_silent_ = true;
+    events_.Report(EventKind::kSilenceBegan, rate_.LastNs() + kSilenceNs, kSilenceNs);
+  }
+}
+
 void Stream::NoteSilence(std::int64_t gap_ns, std::int64_t end_ns) {
   if (gap_ns >= kSilenceNs) {
     events_.Report(EventKind::kSilence, end_ns, gap_ns);
@@ -310,6 +319,7 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
   silent_at_start_ns_ = std::max<std::int64_t>(0, rate_.FirstNs() - start_ns);
   silent_at_end_ns_ = std::max<std::int64_t>(0, end_ns - rate_.LastNs());
   NoteSilence(silent_at_start_ns_, rate_.FirstNs());
+  WatchSilence(end_ns);
   NoteSilence(silent_at_end_ns_, end_ns);
   spacing_.EndBurst();
   if (ts_ != nullptr) {

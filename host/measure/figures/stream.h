@@ -91,6 +91,8 @@ class Stream {
   };
 
   void Add(const Arrival& arrival);
+  // No frame before `now_ns` is still to come: silence shows while it lasts.
+  void WatchSilence(std::int64_t now_ns);
   Peaks TakePeaks() { return std::exchange(peaks_, {}); }
   // The measurement went on from `start_ns` to `end_ns`.
   void Finish(std::int64_t start_ns, std::int64_t end_ns);
@@ -138,6 +140,7 @@ class Stream {
   StreamId id_;
   StreamEvents events_;
   Peaks peaks_;
+  bool is_silent_ = false;  // and that was reported
   std::int64_t silent_at_start_ns_ = 0;
   std::int64_t silent_at_end_ns_ = 0;
   std::uint64_t cut_frames_ = 0;

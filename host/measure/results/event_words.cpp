@@ -36,6 +36,7 @@ constexpr std::array<Words, kEventKinds> kWords{{
     {"repeat", "repeated", Amount::kPackets},                           // kRepeat
     {"reordered", "places out of order", Amount::kCount},               // kReordered
     {"restart", "the sender started anew"},                             // kRestart
+    {"silence_began", "without a frame so far", Amount::kTime},         // kSilenceBegan
     {"silence", "without a frame", Amount::kTime},                      // kSilence
     {"rate", "is not the rate of the seconds before", Amount::kRate},   // kRate
     {"checksum", "checksum wrong", Amount::kChecksum},                  // kChecksum
@@ -112,9 +113,10 @@ std::string EventText(const Event& event) {
                                              FormatCount(static_cast<std::uint64_t>(event.amount)));
     case Amount::kTime:
       // 0 where the fault is not one of time, such as a scrambled table.
-      return event.kind == EventKind::kSilence ? fmt::format("{} {}", time(), text)
-             : event.amount > 0                ? fmt::format("{}, {}", text, time())
-                                               : text;
+      return event.kind == EventKind::kSilence || event.kind == EventKind::kSilenceBegan
+                 ? fmt::format("{} {}", time(), text)
+             : event.amount > 0 ? fmt::format("{}, {}", text, time())
+                                : text;
     case Amount::kJump:
       return fmt::format("{} of {}", text, time());
     case Amount::kRate:
