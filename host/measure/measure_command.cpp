@@ -15,16 +15,18 @@
 namespace ipplay {
 namespace {
 
-// Every option that was given, as the user wrote it.
-std::vector<std::pair<std::string, std::string>> GivenOptions(const CLI::App& command) {
-  std::vector<std::pair<std::string, std::string>> given;
+// Every option that was given, as the user wrote it, and every other one that has a default.
+std::vector<std::pair<std::string, std::string>> OptionsInForce(const CLI::App& command) {
+  std::vector<std::pair<std::string, std::string>> options;
   for (const CLI::Option* option : command.get_options()) {
-    if (option->count() == 0) {
-      continue;
+    const std::string value = option->count() > 0
+                                  ? fmt::format("{}", fmt::join(option->results(), " "))
+                                  : option->get_default_str();
+    if (!value.empty()) {
+      options.emplace_back(option->get_name(), value);
     }
-    given.emplace_back(option->get_name(), fmt::format("{}", fmt::join(option->results(), " ")));
   }
-  return given;
+  return options;
 }
 
 }  // namespace
@@ -44,7 +46,7 @@ void RegisterMeasure(CLI::App& app, Result<int>& outcome) {
       outcome = *std::move(failure);
       return;
     }
-    outcome = measure::RunMeasurement(*options, GivenOptions(*command));
+    outcome = measure::RunMeasurement(*options, OptionsInForce(*command));
   });
 }
 

@@ -354,8 +354,9 @@ Result<CaptureSource> OpenSource(const MeasureOptions& options) {
 // Prints and writes what was asked for. The exit status, or why there is none.
 Result<int> Conclude(const MeasureOptions& options, const MeasureRun& run, StreamDetail detail,
                      const std::optional<Failure>& failure,
-                     const std::optional<OutputFile>& report_file, const Given& settings) {
+                     const std::optional<OutputFile>& report_file, const RunInfo& info) {
   Summary summary = run.MakeSummary(detail);
+  summary.run = info;
   if (failure) {
     summary.capture.broken_off = failure->message;
   }
@@ -370,8 +371,8 @@ Result<int> Conclude(const MeasureOptions& options, const MeasureRun& run, Strea
   }
   std::fflush(Results());
   if (report_file) {
-    auto refused =
-        report_file->Commit(ReportHtml({summary, run.Measured(), verdicts, settings, LocalDate()}));
+    auto refused = report_file->Commit(
+        ReportHtml({summary, run.Measured(), verdicts, info.options, LocalDate()}));
     if (refused) {
       return *std::move(refused);
     }
@@ -417,13 +418,12 @@ Result<int> RunMeasurement(const MeasureOptions& options, const Given& settings)
   MeasureRun run(options, std::move(*source), *measurement_settings, std::move(*files), info);
   const auto failure = run.Run();
   if (run.HasRoomForStreams()) {
-    return Conclude(options, run, StreamDetail::kAll, failure, report_file, settings);
+    return Conclude(options, run, StreamDetail::kAll, failure, report_file, info);
   }
   // The sums take next to nothing.
   const Failure why{ExitStatus::kFailed,
                     "no memory left for the results of single streams; these are the sums"};
-  return Conclude(options, run, StreamDetail::kNone, failure ? failure : why, report_file,
-                  settings);
+  return Conclude(options, run, StreamDetail::kNone, failure ? failure : why, report_file, info);
 }
 
 }  // namespace ipplay::measure

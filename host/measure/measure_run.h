@@ -15,7 +15,7 @@ namespace ipplay::measure {
 inline constexpr int kLimitsNotMet = 4;
 
 // Measures, prints and writes what was asked for. The exit status, or why there is none. `settings`
-// is what the user asked for, for the report.
+// are the options in force, for the results.
 Result<int> RunMeasurement(const MeasureOptions& options,
                            const std::vector<std::pair<std::string, std::string>>& settings);
 

@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/measure/results/clock_text.h"
+
 namespace ipplay::measure {
 namespace {
 
@@ -279,6 +281,15 @@ Json ToJson(const StreamSummary& stream) {
   return json;
 }
 
+Json ToJson(const RunInfo& run) {
+  Json json{{"version", run.version}, {"started", UtcText(run.started_ns)}};
+  json["options"] = Json::array();
+  for (const auto& [name, value] : run.options) {
+    json["options"].push_back({{"name", name}, {"value", value}});
+  }
+  return json;
+}
+
 Json ToJson(const CaptureSummary& capture) {
   constexpr const char* kClassNames[kFrameClasses] = {
       "udp", "not_ip", "not_udp", "fragment", "truncated", "bad_ip_header", "bad_udp_length"};
@@ -289,6 +300,11 @@ Json ToJson(const CaptureSummary& capture) {
   json["dropped_by_kernel"] = capture.drops.by_kernel;
   json["dropped_by_adapter"] = capture.drops.by_adapter;
   json["spoiled"] = capture.IsSpoiled();
+  if (capture.start_ns && capture.end_ns) {
+    json["start_time"] = UtcText(*capture.start_ns);
+    json["start_ns"] = *capture.start_ns;
+    json["end_ns"] = *capture.end_ns;
+  }
   if (!capture.broken_off.empty()) {
     json["broken_off"] = capture.broken_off;
   }
@@ -320,8 +336,10 @@ Json ToJson(const TotalSummary& total) {
 }  // namespace
 
 std::string JsonText(const Summary& summary, std::span<const Verdict> verdicts) {
-  Json json{
-      {"schema", kSchema}, {"capture", ToJson(summary.capture)}, {"total", ToJson(summary.total)}};
+  Json json{{"schema", kSchema},
+            {"run", ToJson(summary.run)},
+            {"capture", ToJson(summary.capture)},
+            {"total", ToJson(summary.total)}};
   json["total"]["frames_not_measured"] = summary.FramesNotMeasured();
   Json& streams = json["streams"] = Json::array();
   for (const StreamSummary& stream : summary.streams) {

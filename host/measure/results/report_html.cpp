@@ -217,6 +217,7 @@ void WriteBanners(Out out, const ReportSource& source) {
 void WriteHeader(Out out, const ReportSource& source) {
   const CaptureSummary& capture = source.summary.capture;
   const Measurement& measurement = source.measurement;
+  const std::string& version = source.summary.run.version;
   const std::string when = capture.frames == 0
                                ? std::string("Nothing was captured")
                                : fmt::format("Captured {} to {}", DateText(measurement.StartNs()),
@@ -225,9 +226,10 @@ void WriteHeader(Out out, const ReportSource& source) {
                  "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
                  "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
                  "<title>Measurement of {0}</title><style>{1}</style></head>\n<body><main>\n"
-                 "<header><h1>Measurement of {0}</h1><p>{2}{3}. Report made {4}.</p></header>\n",
+                 "<header><h1>Measurement of {0}</h1><p>{2}{3}. Report made {4}{5}.</p></header>\n",
                  EscapeHtml(capture.source), kReportStyle, EscapeHtml(when),
-                 capture.live ? "" : ", read from a file", EscapeHtml(source.date));
+                 capture.live ? "" : ", read from a file", EscapeHtml(source.date),
+                 version.empty() ? "" : " by ipplay " + version);
   WriteBanners(out, source);
 }
 

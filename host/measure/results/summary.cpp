@@ -323,6 +323,10 @@ Summary Summarize(const Measurement& measurement, const std::string& source, boo
   summary.capture.source = source;
   summary.capture.live = live;
   summary.capture.frames = measurement.CapturedFrames();
+  if (measurement.CapturedFrames() > 0) {
+    summary.capture.start_ns = measurement.StartNs();
+    summary.capture.end_ns = measurement.EndNs();
+  }
   summary.capture.drops = drops;
   for (std::size_t i = 0; i < kFrameClasses; ++i) {
     summary.capture.classes[i] = measurement.FramesOf(static_cast<FrameClass>(i));

@@ -11,6 +11,7 @@
 
 #include "host/measure/capture/capture_source.h"
 #include "host/measure/figures/measurement.h"
+#include "host/measure/results/run_info.h"
 
 namespace ipplay::measure {
 
@@ -204,6 +205,9 @@ struct TotalSummary {
 struct CaptureSummary {
   std::string source;  // device or file
   bool live = false;
+  // Since 1970, of the first frame of any kind and of the measurement's end; none without frames.
+  std::optional<std::int64_t> start_ns;
+  std::optional<std::int64_t> end_ns;
   std::string broken_off;    // why it ended early; empty where it did not
   std::uint64_t frames = 0;  // of every kind
   CaptureDrops drops;
@@ -214,6 +218,7 @@ struct CaptureSummary {
 };
 
 struct Summary {
+  RunInfo run;
   CaptureSummary capture;
   TotalSummary total;
   std::vector<StreamSummary> streams;
