@@ -209,10 +209,11 @@ def found_in(stream):
     }
 
 
-def write_pcap(path, frames):
-    """With nanosecond time stamps."""
+def write_pcap(path, frames, cut=()):
+    """With nanosecond time stamps. Of the frames whose places are in `cut` 200 bytes were captured."""
     with open(path, "wb") as file:
         file.write(struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 65535, 1))
-        for time_ns, frame in frames:
+        for place, (time_ns, frame) in enumerate(frames):
             seconds, ns = divmod(time_ns, 1_000_000_000)
-            file.write(struct.pack("<IIII", seconds, ns, len(frame), len(frame)) + frame)
+            captured = frame[:200] if place in cut else frame
+            file.write(struct.pack("<IIII", seconds, ns, len(captured), len(frame)) + captured)

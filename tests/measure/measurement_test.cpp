@@ -46,6 +46,38 @@ TEST(Measurement, CutFramesAreCountedButTheirPayloadIsNot) {
   EXPECT_FALSE(stream.ts);
 }
 
+// A datagram every 10 ms with a PCR in each, of which every ninth was captured in part, and 100
+// to 104 are missing.
+TEST(Measurement, CutFramesAmongWholeOnesAreNoLoss) {
+  for (const bool has_rtp : {true, false}) {
+    SCOPED_TRACE(has_rtp);
+    Measurement measurement{MeasurementSettings{}};
+    for (std::uint16_t i = 0; i < 500; ++i) {
+      Bytes payload = TsPayload(static_cast<std::uint8_t>(i * 7 % 16));
+      const Bytes clock = testing::TsPacketBytes(
+          {.counter = static_cast<std::uint8_t>(i * 7 % 16), .pcr = std::uint64_t{i} * 270'000});
+      std::ranges::copy(clock, payload.begin());
+      const Bytes frame = UdpFrame(has_rtp ? RtpPacket({.sequence_number = i}, payload) : payload);
+      const auto captured = std::span(frame).first(i % 9 == 8 ? 400 : frame.size());
+      if (i < 100 || i >= 105) {
+        measurement.Add(LinkType::kEthernet, {i * 10 * kMs, {captured, frame.size()}});
+      }
+    }
+    measurement.Finish();
+    const Summary summary = Summarize(measurement, "test", false, {});
+    const StreamSummary& stream = summary.streams.at(0);
+    EXPECT_EQ(stream.cut_frames, 55U);
+    EXPECT_EQ(stream.Lost(), has_rtp ? 5U : 35U);
+    EXPECT_EQ(stream.ts->counters.continuity_errors, 1U);
+    EXPECT_EQ(stream.ts->missing_by_pcr, 35U);
+    EXPECT_EQ(stream.ts->sync_losses, 0U);
+    const PcrFigures& pcr = *stream.ts->Reference();
+    EXPECT_EQ(pcr.discontinuity_errors, 0U);
+    EXPECT_EQ(pcr.repetition_errors, 1U);  // 60 ms over the loss
+    EXPECT_EQ(pcr.interval.min_ns, 10 * kMs);
+  }
+}
+
 TEST(Measurement, JudgesTheTransportStreamBehindWhatRtpRepairs) {
   Measurement measurement{MeasurementSettings{}};
   std::int64_t time = 0;

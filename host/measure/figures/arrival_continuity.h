@@ -21,6 +21,9 @@ class ArrivalContinuity {
   // Whole packets, `stride` bytes from one sync byte to the next.
   void Add(std::span<const std::uint8_t> media, std::size_t stride);
 
+  // Packets came that cannot be read.
+  void SkipUnread() { last_.fill(kUnknown); }
+
   std::uint64_t Errors() const { return errors_; }
 
  private:

@@ -50,6 +50,11 @@ void PcrTracker::Expect(std::int64_t now_ns) {
   expected_ = true;
 }
 
+void PcrTracker::SkipUnread(std::int64_t now_ns) {
+  unread_ = true;
+  last_ns_ = std::max(last_ns_, now_ns);
+}
+
 PcrFaults PcrTracker::Add(const PcrSample& sample) {
   PcrFaults faults;
   if (suspect_) {
@@ -63,6 +68,7 @@ PcrFaults PcrTracker::Add(const PcrSample& sample) {
   } else {
     Continue(sample, faults);
   }
+  unread_ = false;
   return faults;
 }
 
@@ -111,7 +117,7 @@ bool PcrTracker::IsLoss(const PcrSample& sample, std::int64_t step) const {
 void PcrTracker::Jump(const PcrSample& sample, std::int64_t step, PcrFaults& faults) {
   const bool loss = IsLoss(sample, step);
   TakeInterval(loss ? ToNs(step) : ArrivalInterval(sample), faults);
-  if (!sample.discontinuity) {
+  if (!sample.discontinuity && !(unread_ && loss)) {
     ++discontinuity_errors_;
     faults.jump_ns = ToNs(step);
   }
@@ -131,6 +137,9 @@ std::int64_t PcrTracker::ArrivalInterval(const PcrSample& sample) const {
 }
 
 void PcrTracker::TakeInterval(std::int64_t interval_ns, PcrFaults& faults) {
+  if (unread_) {
+    return;
+  }
   intervals_.Add(interval_ns);
   if (interval_ns > kLongestRepetitionNs && !overdue_) {
     ++repetition_errors_;

@@ -43,6 +43,8 @@ class PcrTracker {
   // `now_ns` is when the stream began to promise PCRs; Add does it too.
   void Expect(std::int64_t now_ns);
   PcrFaults Add(const PcrSample& sample);
+  // Packets came that cannot be read: up to the next PCR there may have been others.
+  void SkipUnread(std::int64_t now_ns);
   // Whether the next PCR is overdue when packets have come up to `byte_index`, or, at the end of
   // the measurement, by the time alone. One error for each time without PCRs.
   PcrFaults Check(std::int64_t now_ns, std::optional<std::uint64_t> byte_index);
@@ -110,6 +112,7 @@ class PcrTracker {
   std::uint64_t count_ = 0;
   bool expected_ = false;
   bool overdue_ = false;
+  bool unread_ = false;       // packets since the last one
   std::int64_t last_ns_ = 0;  // when the last one came, or the first one was promised
   PcrSample last_;
   std::optional<PcrSample> suspect_;  // behind the last one: late, or the first of a new clock

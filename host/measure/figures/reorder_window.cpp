@@ -58,6 +58,7 @@ void ReorderWindow::Keep(std::uint16_t number, const Payload& payload) {
   }
   slot.used = true;
   slot.arrival_ns = payload.arrival_ns;
+  slot.unread_bytes = payload.unread_bytes;
   slot.bytes.assign(payload.bytes.begin(), payload.bytes.end());
 }
 
@@ -72,7 +73,7 @@ void ReorderWindow::PassKept(bool after_gap) {
     Slot& slot = At(next_);
     slot.used = false;
     --kept_;
-    Pass({slot.bytes, slot.arrival_ns}, after_gap);
+    Pass({slot.bytes, slot.arrival_ns, slot.unread_bytes}, after_gap);
     after_gap = false;
     if (kept_ > 0) {
       waiting_since_ns_ = slot.arrival_ns;

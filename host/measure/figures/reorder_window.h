@@ -23,6 +23,7 @@ class ReorderWindow {
   struct Payload {
     std::span<const std::uint8_t> bytes;
     std::int64_t arrival_ns = 0;
+    std::uint32_t unread_bytes = 0;  // instead of bytes, of a payload that was not captured whole
   };
   // `after_gap`: what stands before the payload is missing.
   using Deliver = std::function<void(const Payload& payload, bool after_gap)>;
@@ -42,6 +43,7 @@ class ReorderWindow {
   struct Slot {
     bool used = false;
     std::int64_t arrival_ns = 0;
+    std::uint32_t unread_bytes = 0;
     std::vector<std::uint8_t> bytes;
   };
 

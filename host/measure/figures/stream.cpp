@@ -92,7 +92,11 @@ Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool kee
   if (id.ssrc) {
     rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate,
                                  [this](const ReorderWindow::Payload& payload, bool after_gap) {
-                                   AddTs(payload.bytes, payload.arrival_ns, after_gap);
+                                   if (payload.unread_bytes > 0) {
+                                     ts_->SkipUnread(payload.unread_bytes, payload.arrival_ns);
+                                   } else {
+                                     AddTs(payload.bytes, payload.arrival_ns, after_gap);
+                                   }
                                  });
   }
   if (settings.analyse_ts) {
@@ -138,7 +142,11 @@ void Stream::Add(const Arrival& arrival) {
     ++repeated_datagrams_;
   }
   ReportDisorder(sequence, arrival.time_ns);
-  AddMedia(media, arrival, sequence);
+  if (frame.IsComplete()) {
+    AddMedia(media, arrival, sequence);
+  } else {
+    AddUnread(media_bytes, arrival, sequence);
+  }
   AddMdi(arrival.time_ns, media_bytes,
          sequence.event == SequenceEvent::kGap ? sequence.distance : 0);
 }
@@ -195,10 +203,6 @@ SequenceResult Stream::AddRtp(const RtpHeader& rtp, std::int64_t time_ns) {
 
 void Stream::AddMedia(std::span<const std::uint8_t> media, const Arrival& arrival,
                       const SequenceResult& sequence) {
-  // Part of a payload would look like damage.
-  if (!arrival.frame->IsComplete()) {
-    return;
-  }
   // A receiver drops what it has and puts in order what it can; the transport stream is judged
   // behind it.
   if (ts_ != nullptr && arrival.rtp != nullptr) {
@@ -210,7 +214,31 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, const Arrival& arriva
   // Without RTP the file itself tells whether a datagram that equals the one before is its next
   // one.
   if (compare_ != nullptr && sequence.event != SequenceEvent::kStray) {
-    compare_->Add(media, rtp_ == nullptr ? PayloadCompare::Order{} : OrderOf(sequence));
+    PayloadCompare::Order order = rtp_ == nullptr ? PayloadCompare::Order{} : OrderOf(sequence);
+    if (!order.late) {
+      order.missing += std::exchange(not_compared_, 0);
+    }
+    compare_->Add(media, order);
+  }
+}
+
+// Part of a payload would look like damage, and none of it like loss.
+void Stream::AddUnread(std::uint32_t media_bytes, const Arrival& arrival,
+                       const SequenceResult& sequence) {
+  if (IsInPlace(sequence) || sequence.event == SequenceEvent::kGap) {
+    not_compared_ += 1 + (sequence.event == SequenceEvent::kGap ? sequence.distance : 0);
+  }
+  if (ts_ == nullptr || media_bytes == 0) {
+    return;
+  }
+  if (as_arrived_ != nullptr) {
+    as_arrived_->SkipUnread();
+  }
+  if (arrival.rtp != nullptr) {
+    rtp_->window.Add(arrival.rtp->sequence_number, sequence.event,
+                     {{}, arrival.time_ns, media_bytes});
+  } else {
+    ts_->SkipUnread(media_bytes, arrival.time_ns);
   }
 }
 

@@ -125,6 +125,7 @@ class Stream {
   SequenceResult AddRtp(const RtpHeader& rtp, std::int64_t time_ns);
   void AddMedia(std::span<const std::uint8_t> media, const Arrival& arrival,
                 const SequenceResult& sequence);
+  void AddUnread(std::uint32_t media_bytes, const Arrival& arrival, const SequenceResult& sequence);
   void AddTs(std::span<const std::uint8_t> media, std::int64_t time_ns, bool after_gap);
   void NoteArrivalOrder(std::span<const std::uint8_t> media, const SequenceResult& sequence);
   void AddMdi(std::int64_t time_ns, std::uint32_t media_bytes, std::uint32_t missing_datagrams);
@@ -144,6 +145,7 @@ class Stream {
   std::int64_t silent_at_start_ns_ = 0;
   std::int64_t silent_at_end_ns_ = 0;
   std::uint64_t cut_frames_ = 0;
+  std::uint32_t not_compared_ = 0;  // datagrams in front of the next one, for that reason
   std::uint64_t repeated_datagrams_ = 0;
   std::vector<std::uint8_t> last_media_;  // of a stream without RTP
   RateMeter rate_;

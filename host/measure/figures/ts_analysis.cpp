@@ -100,6 +100,27 @@ void TsAnalysis::Add(std::span<const std::uint8_t> payload, std::int64_t arrival
 // Nothing else is judged until packets are found again (TR 101 290, 5.2.1).
 void TsAnalysis::LoseSync(std::int64_t now_ns) {
   log_.Count(Indicator::kSyncLoss, {.time_ns = now_ns});
+  ForgetCounters();
+}
+
+void TsAnalysis::SkipUnread(std::size_t bytes, std::int64_t arrival_ns) {
+  if (!IsTransportStream()) {
+    return;
+  }
+  framer_.DropPart();
+  byte_index_ += bytes;
+  last_ns_ = std::max(last_ns_, arrival_ns);
+  ForgetCounters();
+  for (PidState& state : pids_.All()) {
+    state.Clear(PidState::kHasPts);
+    state.last_ns = std::max(state.last_ns, arrival_ns);
+    if (PcrTracker* pcr = state.Pcr()) {
+      pcr->SkipUnread(arrival_ns);
+    }
+  }
+}
+
+void TsAnalysis::ForgetCounters() {
   ++epoch_;
   for (PidState& state : pids_.All()) {
     state.Clear(PidState::kCounterKnown);

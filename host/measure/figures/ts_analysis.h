@@ -52,6 +52,8 @@ class TsAnalysis {
   // The payload of a datagram that arrived at `arrival_ns`. `after_gap` says that part of the
   // stream is known to be missing or out of place before it.
   void Add(std::span<const std::uint8_t> payload, std::int64_t arrival_ns, bool after_gap);
+  // A payload of `bytes` came, and cannot be read: nothing is judged across it.
+  void SkipUnread(std::size_t bytes, std::int64_t arrival_ns);
   // Counts what is overdue at the end of the measurement, which may be later than the last payload.
   void Finish(std::int64_t end_ns);
 
@@ -113,6 +115,7 @@ class TsAnalysis {
   void CheckPid(PidState& state, std::int64_t now_ns, bool at_end);
   void CheckCat(std::int64_t now_ns, bool at_end);
   void LoseSync(std::int64_t now_ns);
+  void ForgetCounters();
 
   IndicatorLog log_;
   PsiAnalysis psi_{log_};

@@ -27,6 +27,13 @@ class TsFramer {
   template <typename OnPacket>
   void Push(std::span<const std::uint8_t> payload, OnPacket&& on_packet);
 
+  // What comes next does not go on from what came before.
+  void DropPart() {
+    if (IsSynced()) {
+      kept_.clear();
+    }
+  }
+
   bool IsSynced() const { return stride_ != 0; }
   bool WasEverSynced() const { return ever_synced_; }
   // Nothing more is expected to be found.
