@@ -46,6 +46,50 @@ TEST(Measurement, CutFramesAreCountedButTheirPayloadIsNot) {
   EXPECT_FALSE(stream.ts);
 }
 
+// A datagram a millisecond for 10 s. The clock is put back by a second after 4 s; or one datagram
+// alone is stamped a second early.
+TEST(Measurement, AClockThatIsPutBackIsInNoFigure) {
+  for (const bool for_good : {true, false}) {
+    SCOPED_TRACE(for_good);
+    Measurement measurement{MeasurementSettings{}};
+    for (std::uint16_t i = 0; i < 10'000; ++i) {
+      const bool early = for_good ? i >= 4000 : i == 4000;
+      AddRtp(measurement, i, 50'000 * kMs + (early ? i - 1000 : i) * kMs);
+    }
+    measurement.Finish((for_good ? 60'000 - 1000 : 60'000) * kMs);
+    const Summary summary = Summarize(measurement, "test", true, {});
+    const StreamSummary& stream = summary.streams.at(0);
+    EXPECT_EQ(summary.capture.clock_steps, for_good ? 1U : 2U);
+    EXPECT_EQ(measurement.EndNs() - measurement.StartNs(), 10'000 * kMs);
+    EXPECT_EQ(stream.spacing.gap.min, 1.0 * kMs);
+    EXPECT_EQ(stream.spacing.gap.max, 1.0 * kMs);
+    EXPECT_EQ(stream.spacing.time_reversals, 0U);
+    EXPECT_LT(stream.mdi.delay_factor_max, 1.1 * kMs);
+    EXPECT_DOUBLE_EQ(stream.rate.frames_per_second, 1000);
+    std::vector<std::int64_t> steps;
+    for (const Event& event : measurement.Events().Kept()) {
+      if (event.kind == EventKind::kClockStep) {
+        steps.push_back(event.amount / kMs);
+      }
+    }
+    EXPECT_EQ(steps, for_good ? std::vector<std::int64_t>{-1000}
+                              : (std::vector<std::int64_t>{-1000, 1000}));
+  }
+}
+
+// A pause after the clock was put back by as much is one.
+TEST(Measurement, SilenceBehindAClockStepIsSilence) {
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 1000; ++i) {
+    const std::int64_t clock = i < 500 ? 50'000 : 48'000;
+    AddRtp(measurement, i, (clock + i + (i >= 503 ? 2000 : 0)) * kMs);
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  EXPECT_EQ(summary.capture.clock_steps, 1U);
+  EXPECT_EQ(summary.streams.at(0).longest_silence, 2001.0 * kMs);
+}
+
 // A datagram every 10 ms with a PCR in each, of which every ninth was captured in part, and 100
 // to 104 are missing.
 TEST(Measurement, CutFramesAmongWholeOnesAreNoLoss) {

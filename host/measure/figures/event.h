@@ -33,9 +33,10 @@ enum class EventKind : std::uint8_t {
   kUnreferencedPid,   // 3.4
   kCaptureDrop,       // amount: frames that the capture itself lost
   kLink,              // amount: 0 down, 1 up
+  kClockStep,         // of the time stamps; amount: ns, below 0 back
 };
 
-inline constexpr std::size_t kEventKinds = static_cast<std::size_t>(EventKind::kLink) + 1;
+inline constexpr std::size_t kEventKinds = static_cast<std::size_t>(EventKind::kClockStep) + 1;
 
 struct Event {
   static constexpr std::uint32_t kNoStream = UINT32_MAX;

@@ -16,8 +16,7 @@ void Measurement::Add(LinkType link, const CapturedFrame& captured) {
   if (complete_) {
     return;
   }
-  const CapturedFrame frame{std::clamp<std::int64_t>(captured.time_ns, 0, kLatestNs),
-                            captured.data};
+  const CapturedFrame frame = OnOneClock(captured);
   if (settings_.max_duration_ns && rate_.Frames() > 0 &&
       frame.time_ns - rate_.FirstNs() >= *settings_.max_duration_ns) {
     complete_ = true;
@@ -30,7 +29,7 @@ void Measurement::Add(LinkType link, const CapturedFrame& captured) {
       seconds_.emplace(*second_sink_, start_ns_);
     }
   }
-  AdvanceTo(frame.time_ns);
+  PassTime(frame.time_ns);
   end_ns_ = std::max(end_ns_, frame.time_ns);
   DecodedFrame decoded;
   const FrameClass frame_class = DecodeFrame(link, frame.data, settings_.check_udp, decoded);
@@ -50,7 +49,23 @@ void Measurement::Add(LinkType link, const CapturedFrame& captured) {
   complete_ = settings_.max_frames && rate_.Frames() >= *settings_.max_frames;
 }
 
+CapturedFrame Measurement::OnOneClock(const CapturedFrame& captured) {
+  const std::int64_t time_ns =
+      clock_.Take(std::clamp<std::int64_t>(captured.time_ns, 0, kLatestNs));
+  if (clock_.LastStepNs()) {
+    events_.Report(
+        {.time_ns = time_ns, .kind = EventKind::kClockStep, .amount = *clock_.LastStepNs()});
+  }
+  return {std::clamp<std::int64_t>(time_ns, 0, kLatestNs), captured.data};
+}
+
 void Measurement::AdvanceTo(std::int64_t now_ns) {
+  if (captured_frames_ > 0) {
+    PassTime(clock_.ToTime(now_ns));
+  }
+}
+
+void Measurement::PassTime(std::int64_t now_ns) {
   if (now_ns >= next_watch_ns_) {
     next_watch_ns_ = now_ns + kWatchIntervalNs;
     for (const auto& stream : streams_.Streams()) {
@@ -65,11 +80,11 @@ void Measurement::AdvanceTo(std::int64_t now_ns) {
 void Measurement::Finish(std::optional<std::int64_t> end_ns) {
   // A run that has all that it was asked for ends with it, not when somebody looks at the clock.
   if (end_ns && !complete_) {
-    end_ns_ = std::max(end_ns_, std::clamp<std::int64_t>(*end_ns, 0, kLatestNs));
+    end_ns_ = std::max(end_ns_, std::clamp<std::int64_t>(clock_.ToTime(*end_ns), 0, kLatestNs));
   }
   spacing_.EndBurst();
   // What shows in the end only is of the last second, which ends with the measurement.
-  AdvanceTo(end_ns_ - 1);
+  PassTime(end_ns_ - 1);
   streams_.Finish(start_ns_, end_ns_);
   if (seconds_) {
     seconds_->Finish(end_ns_, streams_.Streams());

@@ -12,6 +12,7 @@
 #include "host/measure/figures/rate_meter.h"
 #include "host/measure/figures/settings.h"
 #include "host/measure/figures/spacing.h"
+#include "host/measure/figures/step_free_clock.h"
 #include "host/measure/figures/stream_second.h"
 #include "host/measure/figures/stream_table.h"
 
@@ -31,7 +32,8 @@ class Measurement : public FrameSink {
 
   // Each second of each stream goes to `sink` as it ends; call it before the first frame.
   void ReportSecondsTo(SecondSink* sink) { second_sink_ = sink; }
-  // No frame before `now_ns` is still to come, as far as one can tell.
+  // No frame is still to come that the capture's clock stamps before `now_ns`, as far as one can
+  // tell.
   void AdvanceTo(std::int64_t now_ns);
 
   // From the first frame of any kind to the end; what is silent between them is measured as well.
@@ -41,6 +43,7 @@ class Measurement : public FrameSink {
   std::uint64_t FramesOf(FrameClass frame_class) const {
     return classes_[static_cast<std::size_t>(frame_class)];
   }
+  const StepFreeClock& Time() const { return clock_; }
   std::uint64_t CapturedFrames() const { return captured_frames_; }
 
   // Over all UDP frames, whatever their stream.
@@ -57,9 +60,13 @@ class Measurement : public FrameSink {
   const MeasurementSettings& Settings() const { return settings_; }
 
  private:
+  CapturedFrame OnOneClock(const CapturedFrame& captured);
+  void PassTime(std::int64_t now_ns);
+
   MeasurementSettings settings_;
   std::array<std::uint64_t, kFrameClasses> classes_{};
   std::uint64_t captured_frames_ = 0;
+  StepFreeClock clock_;
   std::int64_t start_ns_ = 0;
   std::int64_t end_ns_ = 0;
   bool complete_ = false;

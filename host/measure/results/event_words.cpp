@@ -57,6 +57,7 @@ constexpr std::array<Words, kEventKinds> kWords{{
     {"unreferenced_pid", "unreferenced PID"},                           // kUnreferencedPid
     {"capture_drop", "frames dropped by the capture", Amount::kCount},  // kCaptureDrop
     {"link", "link", Amount::kLink},                                    // kLink
+    {"clock_step", "step of the capture's clock", Amount::kJump},       // kClockStep
 }};
 
 const Words& WordsOf(EventKind kind) {
