@@ -285,6 +285,9 @@ Result<MeasurementSettings> SettingsOf(const MeasureOptions& options) {
   if (options.duration) {
     settings.max_duration_ns = options.duration->count();
   }
+  if (const auto mtu = QueryLink(options.source).mtu; mtu && !IsFile(options.source)) {
+    settings.longest_ip_packet = *mtu;
+  }
   if (!options.expected_file.empty()) {
     auto file = MappedFile::Open(options.expected_file);
     if (!file) {

@@ -46,6 +46,56 @@ TEST(Measurement, CutFramesAreCountedButTheirPayloadIsNot) {
   EXPECT_FALSE(stream.ts);
 }
 
+// A thousand packets, ten in a frame, of which the tenth is shorter.
+TEST(Measurement, TakesJoinedRtpPacketsApart) {
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 1000; i = static_cast<std::uint16_t>(i + 10)) {
+    Bytes joined;
+    for (std::uint16_t part = i; part < i + 10; ++part) {
+      Bytes payload = TsPayload(static_cast<std::uint8_t>(part * 4 % 16));
+      payload.resize(188 * 4);  // TsPayload counts on, so that these do, too
+      if (part % 10 == 9) {
+        payload.resize(188 * 4 - 40);
+      }
+      const Bytes packet = RtpPacket({.sequence_number = part, .ssrc = 0x47000001}, payload);
+      joined.insert(joined.end(), packet.begin(), packet.end());
+    }
+    const Bytes frame = UdpFrame(joined);
+    measurement.Add(LinkType::kEthernet, {i * kMs, {frame, frame.size()}});
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  const StreamSummary& stream = summary.streams.at(0);
+  EXPECT_EQ(summary.capture.joined_frames, 100U);
+  EXPECT_EQ(summary.capture.frames, 100U);
+  EXPECT_EQ(stream.rtp->received, 1000U);
+  EXPECT_EQ(stream.rtp->lost, 0U);
+  EXPECT_EQ(stream.rate.payload_bytes, 1000U * 752 - 100 * 40);
+  EXPECT_EQ(stream.rate.frame_bytes, 1000U * (42 + 12 + 752) - 100 * 40);
+}
+
+// Packets of other numbers, and one packet alone, are none that were joined.
+TEST(Measurement, LongDatagramsAreTakenForJoinedByTheirLengthAlone) {
+  const struct {
+    std::size_t bytes;
+    std::uint64_t joined;
+  } kCases[] = {{1400, 0}, {9000, 0}, {9216 - 28, 0}, {9216 - 27, 1}};
+  for (const auto& c : kCases) {
+    for (const bool rtp : {true, false}) {
+      Measurement measurement{MeasurementSettings{}};
+      for (std::uint16_t i = 0; i < 3; ++i) {
+        Bytes payload = rtp ? RtpPacket({.sequence_number = i, .ssrc = 0}, Bytes(c.bytes - 12))
+                            : Bytes(c.bytes, 0x55);
+        const Bytes frame = UdpFrame(payload);
+        measurement.Add(LinkType::kEthernet, {i * kMs, {frame, frame.size()}});
+      }
+      measurement.Finish();
+      EXPECT_EQ(measurement.JoinedFrames(), 3 * c.joined) << c.bytes << rtp;
+      EXPECT_EQ(measurement.Rate().Frames(), 3U);
+    }
+  }
+}
+
 // A datagram a millisecond for 10 s. The clock is put back by a second after 4 s; or one datagram
 // alone is stamped a second early.
 TEST(Measurement, AClockThatIsPutBackIsInNoFigure) {

@@ -3,6 +3,9 @@
 
 #include <algorithm>
 
+#include "host/base/header_lengths.h"
+#include "host/measure/figures/joined_datagrams.h"
+
 namespace ipplay::measure {
 namespace {
 
@@ -38,14 +41,45 @@ void Measurement::Add(LinkType link, const CapturedFrame& captured) {
     return;
   }
 
-  const auto bytes = static_cast<std::uint32_t>(frame.data.wire_length);
+  AddFrame(frame.time_ns, static_cast<std::uint32_t>(frame.data.wire_length), decoded);
+}
+
+// On the wire each datagram that was joined had headers of its own, and the checksum is left to
+// whoever takes them apart.
+void Measurement::AddFrame(std::int64_t time_ns, std::uint32_t bytes, DecodedFrame& decoded) {
+  const std::size_t length =
+      decoded.IsComplete() && settings_.rtp != RtpMode::kNever ? JoinedLength(decoded.payload) : 0;
+  const std::size_t ip_length =
+      decoded.payload_length + kUdpHeaderBytes +
+      (decoded.flow.ip_version == 4 ? kIpv4HeaderBytes : kIpv6HeaderBytes);
+  if (length > 0 || ip_length > settings_.longest_ip_packet) {
+    ++joined_frames_;
+    decoded.udp_checksum = UdpChecksum::kUnchecked;
+  }
+  if (length == 0) {
+    AddDatagram(time_ns, bytes, decoded);
+    return;
+  }
+  const std::uint32_t headers = bytes - std::min(bytes, decoded.payload_length);
+  DecodedFrame part = decoded;
+  for (auto rest = decoded.payload; !rest.empty() && !complete_;
+       rest = rest.subspan(part.payload.size())) {
+    part.payload = rest.first(std::min(length, rest.size()));
+    part.payload_length = static_cast<std::uint32_t>(part.payload.size());
+    AddDatagram(time_ns, headers + part.payload_length, part);
+    part.bad_ip_checksum = false;  // one header was captured
+  }
+}
+
+void Measurement::AddDatagram(std::int64_t time_ns, std::uint32_t bytes,
+                              const DecodedFrame& decoded) {
   const std::int64_t gap_ns =
-      rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, frame.time_ns - rate_.LastNs());
-  rate_.Add(frame.time_ns, bytes, decoded.payload_length);
-  spacing_.Add(frame.time_ns, bytes, true);
-  arrivals_.At(frame.time_ns).Add(bytes, gap_ns);
+      rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, time_ns - rate_.LastNs());
+  rate_.Add(time_ns, bytes, decoded.payload_length);
+  spacing_.Add(time_ns, bytes, true);
+  arrivals_.At(time_ns).Add(bytes, gap_ns);
   checksums_.Count(decoded);
-  streams_.Add(frame.time_ns, bytes, decoded);
+  streams_.Add(time_ns, bytes, decoded);
   complete_ = settings_.max_frames && rate_.Frames() >= *settings_.max_frames;
 }
 

@@ -44,6 +44,8 @@ class Measurement : public FrameSink {
     return classes_[static_cast<std::size_t>(frame_class)];
   }
   const StepFreeClock& Time() const { return clock_; }
+  // Frames of several datagrams that the kernel has joined; of RTP they are taken apart.
+  std::uint64_t JoinedFrames() const { return joined_frames_; }
   std::uint64_t CapturedFrames() const { return captured_frames_; }
 
   // Over all UDP frames, whatever their stream.
@@ -62,10 +64,13 @@ class Measurement : public FrameSink {
  private:
   CapturedFrame OnOneClock(const CapturedFrame& captured);
   void PassTime(std::int64_t now_ns);
+  void AddFrame(std::int64_t time_ns, std::uint32_t bytes, DecodedFrame& decoded);
+  void AddDatagram(std::int64_t time_ns, std::uint32_t bytes, const DecodedFrame& decoded);
 
   MeasurementSettings settings_;
   std::array<std::uint64_t, kFrameClasses> classes_{};
   std::uint64_t captured_frames_ = 0;
+  std::uint64_t joined_frames_ = 0;
   StepFreeClock clock_;
   std::int64_t start_ns_ = 0;
   std::int64_t end_ns_ = 0;

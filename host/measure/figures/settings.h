@@ -26,6 +26,8 @@ struct MeasurementSettings {
   // The measurement ends after this number of UDP frames, or this long after the first one.
   std::optional<std::uint64_t> max_frames{};
   std::optional<std::int64_t> max_duration_ns{};
+  // A longer IP packet was joined by the kernel: the adapter's MTU, or what no Ethernet carries.
+  std::size_t longest_ip_packet = 9216;
   std::size_t plotted_streams = 256;  // how many keep a history, of at most 50 KiB
 };
 

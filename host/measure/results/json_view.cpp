@@ -300,6 +300,7 @@ Json ToJson(const CaptureSummary& capture) {
   json["dropped_by_kernel"] = capture.drops.by_kernel;
   json["dropped_by_adapter"] = capture.drops.by_adapter;
   json["spoiled"] = capture.IsSpoiled();
+  json["joined_frames"] = capture.joined_frames;
   json["clock_steps"] = capture.clock_steps;
   if (capture.start_ns && capture.end_ns) {
     json["start_time"] = UtcText(*capture.start_ns);

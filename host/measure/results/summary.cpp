@@ -323,6 +323,7 @@ Summary Summarize(const Measurement& measurement, const std::string& source, boo
   summary.capture.source = source;
   summary.capture.live = live;
   summary.capture.frames = measurement.CapturedFrames();
+  summary.capture.joined_frames = measurement.JoinedFrames();
   summary.capture.clock_steps = measurement.Time().Steps();
   if (measurement.CapturedFrames() > 0) {
     summary.capture.start_ns = measurement.StartNs();

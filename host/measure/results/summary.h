@@ -205,7 +205,8 @@ struct TotalSummary {
 struct CaptureSummary {
   std::string source;  // device or file
   bool live = false;
-  std::uint64_t clock_steps = 0;  // of the time stamps
+  std::uint64_t joined_frames = 0;  // of several datagrams, by the kernel
+  std::uint64_t clock_steps = 0;    // of the time stamps
   // Since 1970, of the first frame of any kind and of the measurement's end; none without frames.
   std::optional<std::int64_t> start_ns;
   std::optional<std::int64_t> end_ns;

@@ -184,6 +184,7 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
       {"SSRC changes", total.ssrc_changes},
       {"payload type changes", total.payload_type_changes},
       {"time stamps that go back", total.spacing.time_reversals},
+      {"joined by the kernel", capture.joined_frames},
       {"steps of the capture's clock", capture.clock_steps},
   };
   const char* separator = "also: ";
