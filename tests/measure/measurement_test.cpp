@@ -127,6 +127,29 @@ TEST(Measurement, AClockThatIsPutBackIsInNoFigure) {
   }
 }
 
+// PATs without a program for 2.95 s, a datagram every 10 ms, then nothing up to 9 s: the last
+// second with frames was whole, and six were empty.
+TEST(Measurement, SecondsBeforeAStreamEndsAreNotErrored) {
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 295; ++i) {
+    Bytes payload = TsPayload(static_cast<std::uint8_t>(i * 6 % 16));
+    const Bytes pat = testing::TsPacketBytes(
+        {.pid = 0,
+         .counter = static_cast<std::uint8_t>(i % 16),
+         .start = true,
+         .payload = testing::FromHex("00 00b00d 0001c10000 0000e010 7729e856")});
+    std::ranges::copy(pat, payload.end() - 188);
+    const Bytes frame = UdpFrame(payload);
+    measurement.Add(LinkType::kEthernet, {i * 10 * kMs, {frame, frame.size()}});
+  }
+  measurement.Finish(9000 * kMs);
+  const Summary summary = Summarize(measurement, "test", true, {});
+  const StreamSummary& stream = summary.streams.at(0);
+  EXPECT_GT(stream.ts->counters.pat_errors, 0U);
+  EXPECT_EQ(stream.seconds.seconds, 9U);
+  EXPECT_EQ(stream.seconds.errored, 6U);
+}
+
 // A pause after the clock was put back by as much is one.
 TEST(Measurement, SilenceBehindAClockStepIsSilence) {
   Measurement measurement{MeasurementSettings{}};
@@ -202,6 +225,7 @@ TEST(Measurement, LossIsMarkedWhereTheCaptureItselfDropped) {
     const auto verdicts = Judge(summary, {.limits = {limit}, .min_streams = {}});
     EXPECT_EQ(AllMet(verdicts), drops == 0);
     const std::string table = ResultTable(summary, verdicts, {});
+    EXPECT_NE(table.find("  3 ms  "), std::string::npos);  // not 0.0 s
     EXPECT_EQ(table.find("lost 2*") != std::string::npos, drops > 0);
     EXPECT_NE(table.find("dropped by the capture " + std::to_string(drops)), std::string::npos);
     const auto json = nlohmann::json::parse(JsonText(summary, verdicts));

@@ -354,7 +354,10 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
     if (rtp_ != nullptr) {
       rtp_->window.Flush();
     }
-    ts_->Finish(end_ns);
+    // What a stream that has ended owes is no fault of the second in which its last frames came.
+    if (silent_at_end_ns_ < MediaDeliveryIndex::kIntervalNs) {
+      ts_->Finish(end_ns);
+    }
   }
   mdi_.Finish(end_ns, [&](const auto& ended) {
     // What is shorter than a second and empty is no second without a packet.
@@ -362,6 +365,9 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
       KeepMdi(ended);
     }
   });
+  if (ts_ != nullptr) {
+    ts_->Finish(end_ns);
+  }
 }
 
 }  // namespace ipplay::measure

@@ -139,7 +139,8 @@ void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& tot
                  std::size_t columns) {
   const std::string about[] = {
       capture.source,
-      fmt::format("{:.1f} s", total.rate.seconds),
+      total.rate.seconds < 1 ? Time(total.rate.seconds * 1e9)
+                             : fmt::format("{:.1f} s", total.rate.seconds),
       fmt::format("{} {}", total.streams, total.streams == 1 ? "stream" : "streams"),
       FormatCount(total.rate.frames) + " frames",
       FormatBitRate(total.rate.frame_bit_rate),
