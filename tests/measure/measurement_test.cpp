@@ -354,6 +354,19 @@ TEST(Measurement, LossOfPlainUdpIsInTransportPackets) {
   }
 }
 
+// 40 ms, a datagram every millisecond: the plots have lines, and what they say is so.
+TEST(Report, ShowsTheCourseOfAShortCapture) {
+  Measurement measurement{MeasurementSettings{}};
+  for (std::uint16_t i = 0; i < 40; ++i) {
+    AddRtp(measurement, i, 1'000'000 * kMs + i * kMs);
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  const std::string page = ReportHtml({summary, measurement, {}, {}, ""});
+  EXPECT_NE(page.find("mean from 1 ms to 1 ms; longest from 1 ms to 1 ms; 0 outages"),
+            std::string::npos);
+}
+
 TEST(Report, IsOnePageThatNeedsNothingElseAndTrustsNoText) {
   Measurement measurement{MeasurementSettings{}};
   for (std::uint16_t i = 0; i < 50; ++i) {

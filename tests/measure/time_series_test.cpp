@@ -26,5 +26,20 @@ TEST(TimeSeries, KeepsAllCountsInABoundedNumberOfPoints) {
   EXPECT_EQ(series.Points().back().gap_max_ns, 1);
 }
 
+TEST(TimeSeries, IsFineWhileItIsShort) {
+  constexpr std::int64_t kPoints = TimeSeries<ArrivalPoint>::kMaxPoints;
+  TimeSeries<ArrivalPoint> series(64, 1);
+  for (std::int64_t t = 0; t < kPoints; ++t) {
+    series.At(t).Add(100, 1);
+  }
+  EXPECT_EQ(series.IntervalNs(), 1);
+  EXPECT_EQ(series.Points().size(), static_cast<std::size_t>(kPoints));
+  series.At(kPoints).Add(100, 1);
+  EXPECT_EQ(series.IntervalNs(), 64);
+  ASSERT_EQ(series.Points().size(), 10U);  // 0 to 639
+  EXPECT_EQ(series.Points()[0].frames, 64U);
+  EXPECT_EQ(series.Points()[9].frames, 25U);
+}
+
 }  // namespace
 }  // namespace ipplay::measure

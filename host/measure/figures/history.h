@@ -58,11 +58,13 @@ struct PcrPoint {
 };
 
 inline constexpr std::int64_t kPlotIntervalNs = 100'000'000;
+// Of captures of less than a second.
+inline constexpr std::int64_t kFinestPlotIntervalNs = kPlotIntervalNs / 64;
 
 struct StreamHistory {
-  TimeSeries<ArrivalPoint> arrivals{kPlotIntervalNs};
+  TimeSeries<ArrivalPoint> arrivals{kPlotIntervalNs, kFinestPlotIntervalNs};
   TimeSeries<MdiPoint> mdi{1'000'000'000};
-  TimeSeries<PcrPoint> pcr{kPlotIntervalNs};
+  TimeSeries<PcrPoint> pcr{kPlotIntervalNs, kFinestPlotIntervalNs};
 };
 
 }  // namespace ipplay::measure

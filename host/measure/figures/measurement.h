@@ -78,7 +78,7 @@ class Measurement : public FrameSink {
   RateMeter rate_;
   Spacing spacing_{SpacingSettings{}};
   ChecksumCounters checksums_;
-  TimeSeries<ArrivalPoint> arrivals_{kPlotIntervalNs};
+  TimeSeries<ArrivalPoint> arrivals_{kPlotIntervalNs, kFinestPlotIntervalNs};
   EventLog events_;
   StreamTable streams_;
   std::int64_t next_watch_ns_ = 0;  // for silence

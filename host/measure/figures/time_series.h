@@ -15,7 +15,11 @@ class TimeSeries {
  public:
   static constexpr std::size_t kMaxPoints = 600;
 
-  explicit TimeSeries(std::int64_t interval_ns) : interval_ns_(interval_ns) {}
+  // Until the first points run out, which then merge to `interval_ns`, each covers `finest_ns`:
+  // what is short is seen more finely. The one is the other times a power of two.
+  TimeSeries(std::int64_t interval_ns, std::int64_t finest_ns)
+      : usual_ns_(interval_ns), interval_ns_(finest_ns) {}
+  explicit TimeSeries(std::int64_t interval_ns) : TimeSeries(interval_ns, interval_ns) {}
 
   // The value that `time_ns` belongs to. Times before the last point's count for the last point.
   Value& At(std::int64_t time_ns) {
@@ -23,8 +27,10 @@ class TimeSeries {
       start_ns_ = time_ns;
       points_.emplace_back();
     }
-    while (IndexOf(time_ns) >= kMaxPoints) {
-      Halve();
+    if (IndexOf(time_ns) >= kMaxPoints) {
+      do {
+        Halve();
+      } while (IndexOf(time_ns) >= kMaxPoints || interval_ns_ < usual_ns_);
     }
     const std::size_t index = IndexOf(time_ns);
     if (index >= points_.size()) {
@@ -56,6 +62,7 @@ class TimeSeries {
     interval_ns_ *= 2;
   }
 
+  std::int64_t usual_ns_;
   std::int64_t interval_ns_;
   std::int64_t start_ns_ = 0;
   std::vector<Value> points_;

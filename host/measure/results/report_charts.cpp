@@ -154,19 +154,23 @@ Chart GapsOverTime(const TimeSeries<ArrivalPoint>& arrivals, const TimeLine& lin
       outages};
   ChartSeries mean{"mean", SeriesStyle::kLine, {}};
   ChartSeries longest{"longest", SeriesStyle::kLine, {}};
-  ForEachPoint(
-      arrivals, line, outages, [&](double at, const ArrivalPoint& point, bool after_outage) {
-        if (after_outage) {
-          mean.points.push_back({at, ChartPoint::kBreak});
-          longest.points.push_back({at, ChartPoint::kBreak});
-        }
-        if (point.gap_sum_ns == 0) {
-          return;
-        }
-        mean.points.push_back(
-            {at, static_cast<double>(point.gap_sum_ns) / static_cast<double>(point.frames)});
-        longest.points.push_back({at, static_cast<double>(point.gap_max_ns)});
-      });
+  bool first = true;
+  ForEachPoint(arrivals, line, outages,
+               [&](double at, const ArrivalPoint& point, bool after_outage) {
+                 if (after_outage) {
+                   mean.points.push_back({at, ChartPoint::kBreak});
+                   longest.points.push_back({at, ChartPoint::kBreak});
+                 }
+                 // The very first frame has no gap before it.
+                 const std::uint64_t gaps = point.frames - (first && point.frames > 0 ? 1 : 0);
+                 first = first && point.frames == 0;
+                 if (point.gap_sum_ns == 0) {
+                   return;
+                 }
+                 mean.points.push_back(
+                     {at, static_cast<double>(point.gap_sum_ns) / static_cast<double>(gaps)});
+                 longest.points.push_back({at, static_cast<double>(point.gap_max_ns)});
+               });
   chart.series = {std::move(mean), std::move(longest)};
   return chart;
 }
