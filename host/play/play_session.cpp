@@ -14,6 +14,7 @@
 #include "host/base/nice_value.h"
 #include "host/base/stop_signals.h"
 #include "host/base/units.h"
+#include "host/play/held_back.h"
 #include "host/play/report.h"
 #include "host/play/start_failure.h"
 #include "ipplayout/ipplayout.h"
@@ -234,12 +235,14 @@ void PlaySession::PressKey(char key) {
 void PlaySession::Do(const Action& action, const std::string& by) {
   switch (action.kind) {
     case ActionKind::kLose:
+      errors_requested_ = true;
       GeneratePacketLoss();
       return Say(by + ": losing the next datagram");
     case ActionKind::kDelay:
       if (!options_.to.rtp) {
         return Say(by + ": only RTP datagrams can be delayed");
       }
+      errors_requested_ = true;
       GenerateSequenceError();
       return Say(by + ": delaying the next datagram");
     case ActionKind::kBadIpChecksum:
@@ -356,13 +359,17 @@ void PlaySession::WarnOfInput() {
   Print(stderr, "ipplay: INPUT lost sync at offset {}; playing it as it is\n", *lost);
 }
 
+std::optional<std::uint64_t> PlaySession::HeldBack(const PlayoutStatistics& counters) const {
+  return HeldBackAtEnd(plan_.settings.errors, counters, errors_requested_);
+}
+
 std::uint64_t PlaySession::CountUnsent() const {
   SentInBatches run{.batch = plan_.rates.batch, .frame_bytes = plan_.sizes.frame_bytes};
   const PlayoutStatistics counters = Counters();
   if (failed_) {
     run.frames = 0;  // the batch that failed was a full one; how many are lost with it is not known
-  } else if (counters.SequenceErrors == 0) {  // a late frame may still be held back at the end
-    run.frames = (counters.DatagramsSent - counters.LostPackets) * plan_.copies;
+  } else if (const auto held_back = HeldBack(counters)) {
+    run.frames = (counters.DatagramsSent - counters.LostPackets - *held_back) * plan_.copies;
   }
   return UnsentFrames(short_sends_.Read(), run);
 }
@@ -392,9 +399,10 @@ ExitStatus PlaySession::Conclude() {
     failed_ = true;
     outcome_ = "Failed";
     Print(stderr, "ipplay: {}{} frames at the end could not be sent; is the adapter still up?\n",
-          meter_.Total().counters.SequenceErrors > 0 ? "at least " : "", FormatCount(unsent_));
+          HeldBack(meter_.Total().counters) ? "" : "at least ", FormatCount(unsent_));
   }
-  const Status status = meter_.Total();
+  Status status = meter_.Total();
+  status.held_back = HeldBack(status.counters);
   if (options_.WantsJson()) {
     Print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
   } else {

@@ -178,6 +178,11 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(plan.rates.stream),
                       FormatBitRate(status.mean_rate));
   text += fmt::format("  ordered    {}\n", OrderedErrors(counters));
+  if (!status.held_back || *status.held_back > 0) {
+    text +=
+        fmt::format("  held back  {} of the delayed datagrams: the end came before they were due\n",
+                    status.held_back ? FormatCount(*status.held_back) : "an unknown number");
+  }
   return text + fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
 }
 
@@ -212,6 +217,9 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
                      {"delayed", counters.SequenceErrors},
                      {"ipv4_header_bad", counters.IPChecksumErrors},
                      {"udp_bad", counters.UDPChecksumErrors}};
+  if (status.held_back) {
+    json["ordered"]["held_back"] = *status.held_back;
+  }
   json["jitter_ns"] = counters.Jitter * 1e9;
   // Names of files need not be UTF-8.
   return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);

@@ -21,6 +21,8 @@ struct Status {
   double mean_rate = 0;     // over the whole run; the library catches up after pauses
   std::uint64_t round = 1;  // of the last datagram
   bool paused = false;
+  // Of the delayed datagrams, those that the end came before; nothing where it is not known.
+  std::optional<std::uint64_t> held_back;
 };
 
 // Fed with readings of the counters, oldest first. All times are of one steady clock.

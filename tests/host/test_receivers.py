@@ -149,6 +149,12 @@ class Dissector(PlayCase):
             self.assertEqual(sum(n not in numbers for n in range(start, start + 50)), 2)
         self.assertNotEqual({n for n in range(200) if n % 50 > 1}, {n for n in numbers if n < 200})
 
+    def test_delayed_beyond_the_end(self):
+        """Of 203 datagrams 198 and 199 are due with 205 and 206."""
+        rows, played = self.rows("--delay", "2/99:6")
+        self.assertEqual({row[0] for row in rows}, set(range(203)) - {198, 199})
+        self.assertIn("held back  2 of the delayed datagrams", played.output)
+
     def test_one_shots_of_the_time_line(self):
         count = 20 * 1418 // 7 + 1  # datagrams go on across the rounds
         for fault, missing, backwards, bad_ip, bad_udp in (
