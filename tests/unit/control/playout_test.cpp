@@ -17,6 +17,9 @@
 #include <vector>
 
 #include "control/library.h"
+#include "payload/error_schedule.h"
+#include "platform/clock.h"
+#include "platform/random.h"
 #include "tests/support/blocked_call.h"
 #include "tests/support/fake_driver.h"
 #include "transmit/trace_log.h"
@@ -225,6 +228,46 @@ TEST_F(PlayoutTest, AStopDoesNotWaitForCopiesWithoutEnd) {
   ASSERT_EQ(Write(2 * kPayload), 0);
   auto stop = OnAnotherThread([this] { GetPlayout().Stop(); });
   ASSERT_TRUE(Returns(stop));
+}
+
+// The places of random errors are the first numbers of a sequence that the pump begins, whatever
+// the headers have drawn before.
+TEST_F(PlayoutTest, ThePumpSeedsTheGenerator) {
+  constexpr std::uint32_t kDatagrams = 190;
+  ErrorInsertion& errors = Settings().error_insertion;
+  errors.ErrInsertionEnable = errors.PacketLossEnabled = errors.RandomizeErrors = 1;
+  errors.NumPacketLoss = 20;
+  errors.PacketLossRange = kDatagrams;
+  RTPHeaderSettings& rtp = Settings().params.ProtocolHeadersSettings.RTPHeaderSettings;
+  rtp.RandomSSRC = rtp.RandomSequenceNumber = 1;
+  const std::uint64_t before = platform::MonotonicMilliseconds();
+  Play(1e5, kDatagrams);
+  const std::uint64_t after = platform::MonotonicMilliseconds();
+  GetPlayout().Stop();
+  std::vector<std::uint16_t> numbers;
+  for (const SentFrame& frame : driver_.Sent()) {
+    numbers.push_back(static_cast<std::uint16_t>(frame.bytes[44] << 8 | frame.bytes[45]));
+  }
+  ASSERT_EQ(numbers.size(), kDatagrams - errors.NumPacketLoss);
+  bool found = false;
+  for (std::uint64_t seed = before; seed <= after && !found; ++seed) {
+    platform::SeedRandom(seed);
+    ErrorSchedule schedule;
+    schedule.Configure(errors.NumPacketLoss, kDatagrams, true);
+    std::vector<std::uint16_t> expected;
+    for (std::uint32_t index = 0; index < kDatagrams; ++index) {
+      if (!schedule.Hits(index)) {
+        expected.push_back(static_cast<std::uint16_t>(index));
+      }
+    }
+    // The first number is random, too.
+    const auto shift = static_cast<std::uint16_t>(numbers.front() - expected.front());
+    for (std::uint16_t& number : expected) {
+      number = static_cast<std::uint16_t>(number + shift);
+    }
+    found = numbers == expected;
+  }
+  EXPECT_TRUE(found);
 }
 
 // Of a worker by the beginning of its name.
