@@ -29,6 +29,8 @@ TEST(FrameStamperTest, FramesOfABatchAreWholeMicrosecondsApart) {
   EXPECT_THAT(Batch(stamper, 4), ElementsAre(0, 1000, 2000, 3000));  // the rest is cut off
   stamper.BeginBatch(0.7500005, 0.001);
   EXPECT_THAT(Batch(stamper, 4), ElementsAre(0, 750000, 1500000, 2250000));
+  stamper.BeginBatch(0.5, 0.001);
+  EXPECT_THAT(Batch(stamper, 3), ElementsAre(0, 500000, 1000000));
   stamper.BeginBatch(2.25, 0.001);
   EXPECT_THAT(Batch(stamper, 3), ElementsAre(0, 2250000, 4500000));
   stamper.BeginBatch(0, 0.001);
