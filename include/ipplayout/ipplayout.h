@@ -60,7 +60,10 @@ int InitIpPlayout(void);
 // unknown IPLayerVersion or ProtocolMode, an IPBitRate that is not a finite number above 0, a
 // datagram without room for its headers, memory that cannot be had. From its return
 // IsPlayoutComplete is 0 and the statistics are the new run's. A pause that was asked for before
-// goes on; see IPPause. Needs the right to send raw frames (CAP_NET_RAW).
+// goes on; see IPPause. Needs the right to send raw frames (CAP_NET_RAW). Capabilities that a
+// thread of the host gives up or gains afterwards are that thread's alone: the adapter is open, and
+// the library's threads have only CAP_SETUID and CAP_SETGID left, if anything. So a host may drop
+// all of its capabilities as soon as this returns.
 //
 // What has been written since the last stop is played first. So the thread that feeds the run
 // before must have ended by now: what it still writes would lead the new run, and an
