@@ -37,7 +37,7 @@ constexpr auto kDropsInterval = std::chrono::seconds(1);
 // Frames on their way from the adapter to us when the time is over.
 constexpr auto kLastFramesWait = std::chrono::milliseconds(200);
 constexpr std::int64_t kLastFramesNs = std::chrono::nanoseconds(kLastFramesWait).count();
-// Bounds the reading of what is left in the buffer, in case frames come faster than they are read.
+// Bounds the reading of the rest of the buffer, in case frames come faster than they are read.
 constexpr auto kLongestDrain = std::chrono::seconds(2);
 // Lines of the live table besides the streams, on a narrow screen.
 constexpr std::size_t kOtherLines = 7;
@@ -311,7 +311,7 @@ Requirements RequirementsOf(const MeasureOptions& options) {
   return requirements;
 }
 
-// What is asked of an adapter and cannot be had from a file.
+// Refuses options that only an adapter can serve.
 std::optional<Failure> CheckFileOptions(const MeasureOptions& options) {
   const struct {
     const char* option;
@@ -322,8 +322,8 @@ std::optional<Failure> CheckFileOptions(const MeasureOptions& options) {
                      {"--join", !options.joins.empty()}};
   for (const auto& [option, is_given] : kOfAdapters) {
     if (is_given) {
-      return UsageFailure(
-          fmt::format("{}: allowed with adapters only, and {} is a file", option, options.source));
+      return UsageFailure(fmt::format("{}: {} is a file; leave it out, or give an adapter", option,
+                                      options.source));
     }
   }
   return std::nullopt;
@@ -335,7 +335,7 @@ Result<CaptureSource> OpenSource(const MeasureOptions& options) {
   const bool is_file = IsFile(options.source);
   if (!is_file && options.follow) {
     return UsageFailure(
-        fmt::format("--follow: allowed with files only, and {} is an adapter", options.source));
+        fmt::format("--follow: {} is an adapter; leave it out, or give a file", options.source));
   }
   if (!is_file) {
     LiveSettings live = options.capture;
@@ -348,7 +348,7 @@ Result<CaptureSource> OpenSource(const MeasureOptions& options) {
   auto source = CaptureSource::OpenFile({options.source, options.capture.filter, options.follow});
   if (source && !source->IsUnderWay() && (options.silence || options.wait)) {
     return UsageFailure(
-        fmt::format("{}: allowed with adapters, pipes and --follow only, and {} is a file",
+        fmt::format("{}: {} is a file that ends by itself; leave it out, or add --follow",
                     options.silence ? "--silence" : "--wait", options.source));
   }
   return source;

@@ -224,7 +224,7 @@ std::optional<Failure> PlanSteps(const PlayOptions& options, ProtocolHeadersIncr
     PlanStep(step, increments);
   }
   if (!options.steps.empty() && options.copies == 1) {
-    notes.push_back("--step: has no effect without --copies");
+    notes.push_back("--step has no effect on a single stream; add --copies");
   }
   if (destination != nullptr && !mac_given && options.to.address.IsMulticast()) {
     FollowGroups(options, *destination, increments, notes);

@@ -194,7 +194,7 @@ class Refusals(PlayCase):
                     "--device is required: ", "no route to 8.8.8.8", status=NO_ACCESS)
         self.refuse(["measure", "frames.pcap", "--max-rate-error", "5ppm"],
                     "--max-rate-error needs --expect-rate")
-        self.refuse(["measure", "frames.pcap", "--wait", "5s"], "--wait 5s: allowed with adapters, pipes")
+        self.refuse(["measure", "frames.pcap", "--wait", "5s"], "--wait 5s: frames.pcap is a file that ends by itself; leave it out")
         self.refuse(["measure", "eth7"], "SOURCE: there is no adapter or file eth7", status=NO_ACCESS)
         self.refuse(["measure", "./noise.ts"], "SOURCE: ", "noise.ts")
 

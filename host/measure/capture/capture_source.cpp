@@ -23,7 +23,7 @@ namespace {
 
 // The kernel hands a block of frames over when it is full or this old.
 constexpr int kBlockTimeoutMs = 20;
-// After so many frames the caller gets to look at the clock.
+// After this many frames the caller gets to look at the clock.
 constexpr int kFramesAtOnce = 8192;
 
 // Times are from 1970 to 2116; what a file says beyond that is taken for the nearest of them.
@@ -121,8 +121,8 @@ Result<CaptureSource> CaptureSource::OpenLive(const LiveSettings& settings) {
                          static_cast<int>(std::min<std::uint64_t>(settings.buffer_bytes, INT_MAX)));
   ::pcap_set_tstamp_precision(pcap, PCAP_TSTAMP_PRECISION_NANO);
   if (settings.adapter_time_stamps && ::pcap_set_tstamp_type(pcap, PCAP_TSTAMP_ADAPTER) != 0) {
-    return UsageFailure(fmt::format("--adapter-timestamps: {} has none; allowed are the kernel's",
-                                    settings.device));
+    return UsageFailure(fmt::format(
+        "--adapter-timestamps: {} has none; leave it out to take the kernel's", settings.device));
   }
   if (const int code = ::pcap_activate(pcap); code < 0) {
     return ActivationFailure(settings.device, code, pcap);
@@ -200,7 +200,7 @@ std::optional<Failure> CaptureSource::SetFilter(const std::string& filter, Kind 
   }
   Filter program(new bpf_program{});
   if (::pcap_compile(handle_.get(), program.get(), filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
-    return UsageFailure(fmt::format("--filter: {}; allowed is what pcap-filter(7) says",
+    return UsageFailure(fmt::format("--filter: {}; give an expression as in pcap-filter(7)",
                                     ::pcap_geterr(handle_.get())));
   }
   if (kind == Kind::kGrowing) {
