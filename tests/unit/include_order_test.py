@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Fails where an include runs against the order of folders. Usage: include_order_test.py PROJECT_ROOT"""
+"""Fails where an include runs against the order of folders; --table prints the includes between folders.
+Usage: include_order_test.py PROJECT_ROOT [--table]"""
 
+import collections
 import graphlib
 import pathlib
 import re
@@ -78,6 +80,23 @@ def read(root):
             if path.suffix in {".h", ".cpp", ".c"}}
 
 
+def table(files, edges):
+    """A row for each folder, lowest first: its files and lines, and what it includes of other folders. An
+    include counts once for each pair of files, as in the number that the test prints."""
+    order = list(dict.fromkeys(name for line in LIBRARY + HOST for name in line.split()))
+    includes = collections.defaultdict(collections.Counter)
+    for source, targets in edges.items():
+        for target in targets:
+            includes[folder_of(source)][folder_of(target)] += folder_of(source) != folder_of(target)
+    print("| folder | files | lines | includes of lower folders | upward |\n|---|--:|--:|---|--:|")
+    for folder in sorted({folder_of(path) for path in files}, key=order.index):
+        texts = [text for path, text in files.items() if folder_of(path) == folder]
+        others = sorted(+includes[folder], key=order.index)
+        upward = sum(includes[folder][other] for other in others if not may_include(folder, other))
+        print(f"| `{folder}/` | {len(texts)} | {sum(text.count(chr(10)) for text in texts):,} | "
+              + ", ".join(f"`{other}` {includes[folder][other]}" for other in others) + f" | {upward} |")
+
+
 DAMAGED = {  # each line is one problem that the check must find
     "platform/a.h": '#include "driver/a.h"',
     "driver/a.h": '#include "protocol/a.h"',
@@ -101,6 +120,8 @@ def main():
     assert len(found) == len(DAMAGED) - 2, found
     files = read(pathlib.Path(sys.argv[1]))
     edges, problems = check(files)
+    if "--table" in sys.argv:
+        table(files, edges)
     print(*problems, sep="\n")
     print(f"{len(files)} files, {sum(map(len, edges.values()))} includes of each other, "
           f"{len(problems)} against the order")
