@@ -19,7 +19,7 @@ struct DeviceAddresses {
   int scope_id = 0;
 };
 
-// Reports on standard output: each listed adapter's MAC address, or why it cannot be had, and
+// Reports on standard output: each listed adapter's MAC address, or why it has none, and
 // addresses of a family that is not handled.
 class DeviceEnumerator {
  public:

@@ -105,7 +105,7 @@ class CaptureDriver {
   virtual ~CaptureDriver() = default;
 
   // Every Ethernet-framed interface of the network namespace, loopback included, in the capture
-  // library's order. Nothing when the list cannot be had.
+  // library's order. Nothing when there is no list to get.
   virtual std::optional<std::vector<Adapter>> FindAllAdapters() = 0;
 
   // Null when the adapter does not exist or may not be opened. `name` begins with kDevicePrefix.

@@ -29,7 +29,7 @@ class SendQueue {
     std::span<const std::uint8_t> bytes;
   };
 
-  // Null when the memory cannot be had.
+  // Null when memory runs out.
   static std::unique_ptr<SendQueue> Allocate(std::size_t capacity);
   SendQueue(const SendQueue&) = delete;
   SendQueue& operator=(const SendQueue&) = delete;

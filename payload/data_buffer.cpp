@@ -140,7 +140,7 @@ void CIPDataBuffer::WakeWriters() {
   if (needs != 0 && Free() >= needs) {
     {
       // A writer between its look at the space and its sleep is asleep by now. Those that go on
-      // waiting state their needs anew.
+      // waiting publish their needs again.
       const platform::MutexLock lock(writers_mutex_);
       writer_needs_.store(0);
     }

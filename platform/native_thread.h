@@ -46,7 +46,7 @@ bool UseFinestTimerSlack();
 // Whether the calling thread has a nice value above 0, and so leaves the processor to others.
 bool IsNice();
 
-// Drops the calling thread's capabilities but for those to change user and groups. Workers need
+// Drops the calling thread's capabilities except those to change user and groups. Workers need
 // none once their scheduling class is set; the adapter was opened by another thread. But setuid(2)
 // and its like are applied to every thread by the C library, which ends the process when they
 // succeed in one thread and not in another: a host that may change its identity goes on being able

@@ -13,7 +13,7 @@ namespace ipplayout::platform {
 
 // Publishing takes no lock and no locked instruction, so it does not wait for what the publishing
 // thread has stored before. It writes the older of two slots, so that a publisher that is held up
-// holds up no reader: a reader starts anew only where two records were published as it read.
+// holds up no reader: a reader starts again only if two records were published while it read.
 template <typename T>
 class Snapshot {
   static_assert(std::is_trivially_copyable_v<T>);

@@ -19,7 +19,7 @@
 
 namespace ipplayout {
 
-// Describes an IPv6 header. The payload length is carried but computed anew for every frame.
+// Describes an IPv6 header. The payload length is carried but recomputed for every frame.
 class IPv6DataFlowSpecifier {
  public:
   explicit IPv6DataFlowSpecifier(const IPv6HeaderSettings& settings);

@@ -29,7 +29,7 @@ class BatchHandOver {
   BatchHandOver& operator=(const BatchHandOver&) = delete;
 
   // Room for one batch being filled, `waiting` handed over and one passed, of `capacity` bytes
-  // each; empty afterwards. False when the memory cannot be had. While neither side runs, as is
+  // each; empty afterwards. False when memory runs out. While neither side runs, as is
   // Clear.
   bool Allocate(std::size_t waiting, std::size_t capacity);
   void Clear() { batches_.clear(); }

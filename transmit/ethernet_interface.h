@@ -28,7 +28,7 @@ class EthernetInterface {
 
 class EthernetRTInterface : public Sender, public EthernetInterface {
  public:
-  // Opens the adapter for sending and capture. False when it cannot be had or is not Ethernet.
+  // Opens the adapter for sending and capture. False when that fails or it is not Ethernet.
   virtual bool Open() = 0;
   // Makes an open adapter ready for a playout. False when it is not open or refuses the filter.
   virtual bool FilterInclude() = 0;

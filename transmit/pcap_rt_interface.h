@@ -96,8 +96,8 @@ class PcapRtInterface final : public EthernetRTInterface {
   // Seconds from the last frame of a batch to the first of the next; negative counts as 0.
   void SetQueueStartAdvance(double seconds);
   // The batch in hand has its corrections set. Where frames of a batch are spaced the pump may hand
-  // the next one over from now on, with the same corrections as after this one: then the time of
-  // this one bears how late the pump is woken, and not the gap in between.
+  // the next one over from now on, with the same corrections as after this one: a pump that wakes
+  // late then loses time of this batch, and not of the gap in between.
   void PassBatch();
   // Transmits the batch in hand, if there is one. 0 when the adapter took only part of it, which
   // ends the run: as failed, or where the waiter has given up as it is. Else 1.

@@ -6,7 +6,7 @@
 
 namespace ipplay {
 
-// The first signal is a wish to stop in peace: results are printed, files written. Signals within
+// The first signal asks for an orderly stop: results are printed, files written. Signals within
 // half a second of it belong to it, since timeout(1) and a closing terminal send two. One that
 // comes later ends the process at once. A signal that was ignored when the process started, as
 // nohup(1) arranges, stays ignored.

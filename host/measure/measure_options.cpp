@@ -53,10 +53,10 @@ void DefineEnd(OptionBuilder& add, MeasureOptions& o) {
               return duration && duration->count() > 0 ? duration : std::nullopt;
             });
   add.Value("--count", o.measurement.max_frames, "N", "a whole number above 0",
-            "After so many UDP frames", NumberBetween(1, UINT64_MAX));
+            "After this many UDP frames", NumberBetween(1, UINT64_MAX));
   add.Value("--silence", o.silence, "TIME", kDurationAllowed,
-            "Once frames have come and then none for so long", ParseDuration);
-  add.Value("--wait", o.wait, "TIME", kDurationAllowed, "If no frame has come for so long",
+            "Once frames have come and then none for this long", ParseDuration);
+  add.Value("--wait", o.wait, "TIME", kDurationAllowed, "If no frame has come for this long",
             ParseDuration);
 }
 

@@ -8,7 +8,7 @@
 // at a time; everything here is process-wide.
 //
 // Conventions
-// - Linkage: plain C under the names below, but for GetIpAddressBytes.
+// - Linkage: plain C under the names below, except GetIpAddressBytes.
 // - Units: sizes in bytes, IPBitRate in megabits per second, times as named at each field.
 //   Addresses are bytes in network order; a MAC address has 6, IPv4 4, IPv6 16.
 // - Results: functions return 1 on success and 0 on failure unless stated otherwise; those
@@ -58,7 +58,7 @@ int InitIpPlayout(void);
 // play what IPWrite brings. Returns 0, or IPPLAYOUT_FAILED when a playout runs already (it goes on
 // undisturbed), there is no such adapter or it cannot be opened, or a setting cannot be played: an
 // unknown IPLayerVersion or ProtocolMode, an IPBitRate that is not a finite number above 0, a
-// datagram without room for its headers, memory that cannot be had. From its return
+// datagram without room for its headers; or memory runs out. From its return
 // IsPlayoutComplete is 0 and the statistics are the new run's. A pause that was asked for before
 // goes on; see IPPause. Needs the right to send raw frames (CAP_NET_RAW). Capabilities that a
 // thread of the host gives up or gains afterwards are that thread's alone: the adapter is open, and
@@ -161,8 +161,9 @@ int GetStreamReplicationCount(uint32_t* out);
 
 // ---- Adapters ----
 
-// Builds the array of adapters anew from what InitIpPlayout found; it has done so itself. Pointers
-// into the former array are void. Returns 1. Not beside other functions on adapters and addresses.
+// Rebuilds the array of adapters from what InitIpPlayout found, as InitIpPlayout itself does.
+// Pointers into the former array are void. Returns 1. Not beside other functions on adapters and
+// addresses.
 int CreateListOfDevices(void);
 
 // The first of `*count` adapters, in the order that DeviceIndex counts. Null before

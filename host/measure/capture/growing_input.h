@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The bytes of a capture that is still being written, as a file that libpcap reads: a pipe, or a
-// capture file that grows. Bytes are handed on as they come, and a wish to stop ends a wait.
+// capture file that grows. Bytes are handed on as they come, and a request to stop ends a wait.
 #pragma once
 
 #include <array>

@@ -11,7 +11,7 @@ enum class EventKind : std::uint8_t {
   kLoss,              // amount: RTP packets or, of plain UDP, transport packets
   kRepeat,            // amount: packets
   kReordered,         // amount: places
-  kRestart,           // of the sender: RTP numbers begin anew
+  kRestart,           // of the sender: a new RTP numbering
   kSilenceBegan,      // amount: ns without a frame of the stream so far
   kSilence,           // amount: ns without a frame of the stream; time is its end
   kRate,              // amount: bit/s of payload, unlike those of the seconds before

@@ -64,7 +64,7 @@ class PayloadCompare {
     std::uint64_t missing = 0;  // datagrams missing just before this one
     std::uint64_t behind = 0;   // how many datagrams it is behind the farthest one so far
     bool late = false;          // it is behind that one, or doubles it
-    bool restarted = false;     // the sender has begun anew
+    bool restarted = false;     // the sender has restarted
   };
   void Add(std::span<const std::uint8_t> payload, const Order& order);
 

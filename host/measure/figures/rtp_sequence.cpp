@@ -59,7 +59,7 @@ SequenceResult RtpSequence::Place(std::uint16_t number, std::optional<std::uint3
     return {SequenceEvent::kFirst, 0};
   }
   if (after_stray_ == number) {
-    // RFC 3550, A.1: two in a row of another numbering mean that the sender has begun anew.
+    // RFC 3550, A.1: two in a row of another numbering mean that the sender has restarted.
     --strays_;
     ++restarts_;
     Start(number);

@@ -24,7 +24,7 @@ class Spacing {
   explicit Spacing(const SpacingSettings& settings) : settings_(settings) {}
 
   // A frame of `bytes` arrived at `time_ns`. `continuous` says that no frame is known to be missing
-  // or out of place since the one before; if it is not, the grid starts anew here, because whether
+  // or out of place since the one before; if it is not, the grid restarts here, because whether
   // a missing frame left its place empty is the sender's choice.
   void Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous);
 

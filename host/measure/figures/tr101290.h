@@ -71,7 +71,7 @@ class IndicatorLog {
   const IndicatorState& operator[](Indicator indicator) const {
     return states_[static_cast<std::size_t>(indicator)];
   }
-  // Over the indicators of a priority, but for accuracy, which a variable bit rate has no use for.
+  // Over the indicators of a priority, except accuracy, which a variable bit rate has no use for.
   std::uint64_t Sum(int priority) const;
 
  private:

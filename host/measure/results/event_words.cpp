@@ -35,7 +35,7 @@ constexpr std::array<Words, kEventKinds> kWords{{
     {"loss", "lost", Amount::kPackets},                                 // kLoss
     {"repeat", "repeated", Amount::kPackets},                           // kRepeat
     {"reordered", "places out of order", Amount::kCount},               // kReordered
-    {"restart", "the sender started anew"},                             // kRestart
+    {"restart", "the sender restarted"},                                // kRestart
     {"silence_began", "without a frame so far", Amount::kTime},         // kSilenceBegan
     {"silence", "without a frame", Amount::kTime},                      // kSilence
     {"rate", "is not the rate of the seconds before", Amount::kRate},   // kRate

@@ -64,7 +64,7 @@ bool AnyRtp(const Summary& summary) {
   return std::ranges::any_of(summary.streams, [](const auto& s) { return s.rtp.has_value(); });
 }
 
-// A numbering that began anew, or numbers far from all others, hide how many are missing.
+// A restarted numbering, or numbers far from all others, hide how many are missing.
 Value Lost(const Summary& summary) {
   const bool known = std::ranges::all_of(summary.streams, [](const StreamSummary& s) {
     return s.Lost() && !(s.rtp && s.rtp->restarts + s.rtp->strays > 0);
@@ -164,7 +164,7 @@ constexpr LimitKind kKinds[] = {
     {"--max-ts-errors", LimitUnit::kCount, "TR 101 290 first priority and transport errors",
      [](const Summary& m) { return IfTs(m, m.total.ts_errors); }, true, LooksAt::kPayload},
     {"--max-ts-errors-2", LimitUnit::kCount,
-     "TR 101 290 second priority errors but for PCR accuracy",
+     "TR 101 290 second priority errors except PCR accuracy",
      [](const Summary& m) { return IfTs(m, m.total.ts_second_priority_errors); }, true,
      LooksAt::kPayload},
     {"--max-ts-errors-3", LimitUnit::kCount, "TR 101 290 third priority errors",

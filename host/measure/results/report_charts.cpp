@@ -208,7 +208,7 @@ std::string HistogramNote(const Histogram& histogram, const Shown& shown) {
   return note;
 }
 
-// The axis spans the data but for the thousandth at each end, so that the spread of a steady stream
+// The axis spans the data except the thousandth at each end, so that the spread of a steady stream
 // shows beside a few late frames.
 Chart HistogramChart(const char* title, const Histogram& histogram) {
   constexpr double kNarrow = 4;  // between the ends of a linear axis
