@@ -16,7 +16,7 @@ TEST(ErrorInsertionManagerTest, ARequestedSequenceErrorDrawsItsDistance) {
   const struct {
     std::uint32_t draw;
     std::uint64_t due;
-  } cases[] = {{0, 2}, {327, 2}, {983, 2}, {984, 3}, {16384, 50}, {32767, 100}};
+  } cases[] = {{0, 2}, {327, 2}, {328, 2}, {983, 2}, {984, 3}, {16384, 50}, {32767, 100}};
   for (const auto& [draw, due] : cases) {
     std::uint64_t seed = 0;
     do {

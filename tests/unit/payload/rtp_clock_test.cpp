@@ -20,6 +20,7 @@ TEST(RtpClockTest, NeitherDriftsNorStopsAtTheEndOfItsRange) {
   EXPECT_NEAR(TimestampAt(10000000000, 0, 1000000), 94752, 1);
   EXPECT_EQ(TimestampAt(10000000, 4294967200, 1), 4294967294);
   EXPECT_EQ(TimestampAt(10000000, 4294967200, 2), 93U);
+  EXPECT_EQ(TimestampAt(10528 * 32, 0, 2), 5625U);  // steps of 2812.5
   EXPECT_EQ(TimestampAt(10, 0, 7), 663264000U);
   EXPECT_EQ(TimestampAt(0, 7, 5), 7U);
 }
