@@ -158,7 +158,7 @@ void RegisterDemo(CLI::App& app, Result<int>& outcome) {
   add.Value("FILE", options->file, "FILE", "a file", "Stream to play instead of the built-in one",
             ParseText);
   add.Value("--bitrate", options->bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
-            "Bit rate of the transport stream; default: as its PCRs say, 10M of the built-in one",
+            "Bit rate of the transport stream; default: by its PCRs, 10M for the built-in one",
             ParseBitRate);
   CLI::Option* length_option = add.Value(
       "--length", options->length, "TIME", "100ms to 60s", "Length of the built-in stream",

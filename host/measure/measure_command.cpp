@@ -40,7 +40,7 @@ void RegisterMeasure(CLI::App& app, Result<int>& outcome) {
   command->fallthrough();
   command->footer(
       "--config FILE reads options, as --write-config wrote them; those on the command "
-      "line come first.");
+      "line take precedence.");
   command->callback([command, options, &app, &outcome] {
     if (auto failure = WriteConfig(app, options->write_config)) {
       outcome = *std::move(failure);

@@ -47,7 +47,7 @@ auto NumberBetween(std::uint64_t lowest, std::uint64_t highest) {
 void DefineEnd(OptionBuilder& add, MeasureOptions& o) {
   add.Group("When to end (a capture file ends by itself, Ctrl-C ends at once)");
   add.Value("--duration", o.duration, "TIME", kDurationAllowed,
-            "So long after the first frame, or after the start if none comes",
+            "This long after the first frame, or after the start if none comes",
             [](const std::string& text) {
               const auto duration = ParseDuration(text);
               return duration && duration->count() > 0 ? duration : std::nullopt;
@@ -117,7 +117,8 @@ void DefineCapture(OptionBuilder& add, MeasureOptions& o) {
   add.Value("--direction", c.direction, "WAY", "in, out or both",
             "Frames that arrive at the adapter, leave it, or both", OneOf(kDirectionWords), "both");
   add.Value(
-      "--buffer", c.buffer_bytes, "MIB", "1 to 2047", "Room for frames that wait to be looked at",
+      "--buffer", c.buffer_bytes, "MIB", "1 to 2047",
+      "Room for captured frames that have not been measured yet",
       [](const std::string& text) {
         const auto mib = ParseNumber(text, 1, 2047);
         return mib ? std::optional(*mib << 20) : std::nullopt;
@@ -125,7 +126,7 @@ void DefineCapture(OptionBuilder& add, MeasureOptions& o) {
       "512");
   add.Value(
       "--snaplen", c.snapshot_bytes, "BYTES", "64 to 65535",
-      "Capture so much of each frame; a cut payload is neither checked nor analysed",
+      "Capture this many bytes of each frame; a cut payload is neither checked nor analysed",
       [](const std::string& text) {
         const auto bytes = ParseNumber(text, 64, 65535);
         return bytes ? std::optional(static_cast<int>(*bytes)) : std::nullopt;
@@ -136,7 +137,7 @@ void DefineCapture(OptionBuilder& add, MeasureOptions& o) {
   add.Unset("--no-promiscuous", c.promiscuous, "Leave the adapter's address filter on");
   add.Unset("--no-udp-checksum", o.measurement.check_udp,
             "Don't check UDP checksums (a sender on this machine may leave them to its adapter)");
-  add.Unset("--no-ts", o.measurement.analyse_ts, "Don't look into the transport stream");
+  add.Unset("--no-ts", o.measurement.analyse_ts, "Don't analyse the transport stream");
 }
 
 void DefineLimits(OptionBuilder& add, MeasureOptions& o) {
@@ -155,8 +156,8 @@ void DefineLimits(OptionBuilder& add, MeasureOptions& o) {
     add.Value(kind.option, o.limits[place], unit.type, unit.allowed, kind.what,
               [&kind](const std::string& text) { return ParseLimit(kind, text); });
   }
-  add.Value("--min-streams", o.min_streams, "N", "a whole number",
-            "Fewest streams that there must be", NumberBetween(0, UINT64_MAX));
+  add.Value("--min-streams", o.min_streams, "N", "a whole number", "Smallest number of streams",
+            NumberBetween(0, UINT64_MAX));
 }
 
 void DefineOutput(OptionBuilder& add, MeasureOptions& o) {

@@ -91,7 +91,7 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
             "a number above 0 with k, M or G, as 9.75M",
             "Bit rate of one stream's Ethernet frames instead, headers included", ParseBitRate);
   add.Number("--pcr-pid", o.pcr_pid, 0, 8191,
-             "PID whose PCRs give the rate; default: the one with the most");
+             "PID whose PCRs give the rate; default: the one whose PCRs cover most of the stream");
   add.Value(
       "--ppm", o.ppm, "N", "-100000 to 100000",
       "Play faster by this many parts per million, or slower if negative",

@@ -83,7 +83,10 @@ Failure ActivationFailure(const std::string& device, int code, pcap_t* handle) {
   const std::string detail = ::pcap_geterr(handle);
   switch (code) {
     case PCAP_ERROR_NO_SUCH_DEVICE:
-      return {ExitStatus::kNoAccess, fmt::format("SOURCE: there is no adapter or file {}", device)};
+      return {ExitStatus::kNoAccess,
+              fmt::format(
+                  "SOURCE: there is no adapter or file {}; \"ipplay devices\" lists the adapters",
+                  device)};
     case PCAP_ERROR_PERM_DENIED:
     case PCAP_ERROR_PROMISC_PERM_DENIED:
       return {ExitStatus::kNoAccess, fmt::format("no permission to capture on {}: {}", device,
