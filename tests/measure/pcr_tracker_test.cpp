@@ -99,6 +99,35 @@ TEST(PcrTracker, CountsRareOnes) {
   EXPECT_EQ(tracker.DiscontinuityErrors(), 1U);
 }
 
+// Where the clock jumps, arrivals give the interval: 940 bytes within a datagram are 752 us.
+TEST(PcrTracker, TakesTheIntervalAtAJumpFromArrivalsAndBytes) {
+  const struct {
+    std::uint64_t last_offset, next_offset;
+    std::int64_t apart_ns;
+    std::uint64_t errors;
+  } cases[] = {{0, 0, 39'900'000, 0},
+               {0, 0, 40'100'000, 1},
+               {0, 940, 39'900'000, 1},
+               {940, 0, 40'100'000, 0}};
+  for (const auto& c : cases) {
+    PcrTracker tracker;
+    for (std::uint64_t i = 0; i < 5; ++i) {
+      tracker.Add(Sample(i));
+    }
+    PcrSample last = Sample(5);
+    last.byte_index += c.last_offset;
+    last.byte_offset = static_cast<std::int64_t>(c.last_offset);
+    last.pcr += c.last_offset * kIntervalTicks / kIntervalBytes;
+    tracker.Add(last);
+    PcrSample next = Sample(7, kJump);
+    next.arrival_ns = last.arrival_ns + c.apart_ns;
+    next.byte_offset = static_cast<std::int64_t>(c.next_offset);
+    next.discontinuity = true;
+    tracker.Add(next);
+    EXPECT_EQ(tracker.RepetitionErrors(), c.errors) << c.apart_ns;
+  }
+}
+
 TEST(PcrTracker, FitsTheRateThatSuitsTheClockBest) {
   // Errors of up to 13 ticks (481 ns) either way: what is compliant must not look otherwise.
   for (unsigned seed = 0; seed < 8; ++seed) {
