@@ -106,16 +106,20 @@ TEST(Restamper, OtherPacketsAreLeftAsTheyAre) {
 TEST(Restamper, ArrivalTimesOfTimeStampedPackets) {
   Restamper restamper(PacketFormat{192}, {.start_offset = 0, .round_ticks = kRound});
   restamper.StartNextRound();
-  std::array<std::uint8_t, 192> packet{};
-  const TsPacket ts = MakePacket({.pcr = 5});
-  std::copy(ts.begin(), ts.end(), packet.begin() + 4);
-  packet[0] = 0xC0;  // permission bits, which stay
-  packet[3] = 7;
-  restamper.Restamp(packet.data());
-  const std::uint32_t arrival = (7 + kRound) % (1U << 30);
-  EXPECT_EQ(packet[0], 0xC0 | arrival >> 24);
-  EXPECT_EQ(packet[3], arrival & 0xFF);
-  EXPECT_EQ(PcrAt(&packet[4]), 5 + kRound);
+  // The two permission bits stay, also where the 30 bits of the arrival wrap.
+  for (const std::uint32_t word : {0xC0000007U, 0x80000007U, 0xBFFFFFFFU, 0x3FFFFFFFU}) {
+    std::array<std::uint8_t, 192> packet{};
+    const TsPacket ts = MakePacket({.pcr = 5});
+    std::copy(ts.begin(), ts.end(), packet.begin() + 4);
+    const std::uint64_t arrival = (word % (1U << 30) + kRound) % (1U << 30);
+    for (std::size_t i = 0; i < 4; ++i) {
+      packet[i] = static_cast<std::uint8_t>(word >> (24 - 8 * i));
+    }
+    restamper.Restamp(packet.data());
+    EXPECT_EQ(packet[0], (word >> 24 & 0xC0) | arrival >> 24) << word;
+    EXPECT_EQ(packet[3], arrival & 0xFF);
+    EXPECT_EQ(PcrAt(&packet[4]), 5 + kRound);
+  }
 }
 
 }  // namespace
