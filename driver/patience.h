@@ -20,7 +20,7 @@ class Patience {
            std::atomic<std::uint64_t>* waits = nullptr)
       : limit_(limit), waiter_(waiter), waits_(waits) {}
 
-  // What is left of the limit; zero or less when it is used up. Starts it where it does not run.
+  // The rest of the limit; zero or less when it is used up. Starts the limit if it does not run.
   std::chrono::nanoseconds Left();
   // Something was taken: the next wait starts afresh.
   void Progress() { give_up_.reset(); }

@@ -38,14 +38,14 @@ class XdpRings {
   void Append(std::span<const std::uint8_t> frame);
   // Passes what has been appended to the kernel, which acts on it at the next Kick.
   void Publish();
-  // How many frames were ever appended.
+  // Frames appended since the start.
   std::uint32_t Published() const { return produced_; }
   // 0, or the error number of the call that makes the kernel send.
   int Kick() const;
   // The kernel has gone through all that was published.
   bool AllTaken() const { return Taken() == produced_; }
-  // How many of all that were ever published the kernel is known to have gone through. Before Linux
-  // 6.17 it says so only when it comes to their end.
+  // How many of the published frames the kernel has processed, as far as is known: before
+  // Linux 6.17 it says so only when it comes to their end.
   std::uint32_t Taken() const;
 
   // Takes those of the last `count` published frames back that the kernel has not gone through.

@@ -18,7 +18,7 @@ constexpr std::size_t kTag = 4;
 constexpr std::uint32_t kSmallChunk = 2048;
 constexpr std::uint32_t kLargeChunk = 4096;  // a page
 
-// What may stand in front of the payload that an adapter's MTU limits: a tag does not count.
+// Bytes in front of the payload, which is what the MTU limits: a tag does not count.
 std::size_t HeaderBytes(FrameBytes frame) {
   const bool tagged = frame.size() > kEthernetHeader && frame[12] == 0x81 && frame[13] == 0x00;
   return tagged ? kEthernetHeader + kTag : kEthernetHeader;

@@ -36,7 +36,7 @@ class XdpSender final : public BurstSender {
   std::uint64_t Waits() const { return waits_.load(std::memory_order_relaxed); }
 
  private:
-  // What the kernel sends at most in one call, in copy mode.
+  // The most that the kernel sends in one call, in copy mode.
   static constexpr std::size_t kFramesPerCall = 32;
 
   struct Outcome {

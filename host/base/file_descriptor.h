@@ -25,7 +25,7 @@ class FileDescriptor {
 
   int Get() const { return fd_; }
   bool IsOpen() const { return fd_ >= 0; }
-  // Whoever takes it closes it.
+  // The caller has to close it.
   int Release() { return std::exchange(fd_, -1); }
 
  private:

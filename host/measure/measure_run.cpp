@@ -81,7 +81,7 @@ class EndWatch {
     return !waiting || now - over_since_ > kLongestDrain;
   }
 
-  // What was waited for to end the run is no fault of the traffic.
+  // The wait that ended the run is not the traffic's fault.
   bool EndedBySilence() const {
     return ended_by_silence_ || sender_end_ != Clock::time_point::max();
   }

@@ -186,7 +186,7 @@ void FollowGroups(const PlayOptions& options, const Step& step,
   }
 }
 
-// What the datagrams lack without which they do not have this field, or null.
+// The option that would give the datagrams this field, where they lack it; else null.
 const char* NeededBy(StepField field, const PlayOptions& options) {
   switch (field) {
     case StepField::kVlan:

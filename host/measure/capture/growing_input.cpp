@@ -27,7 +27,7 @@ std::FILE* GrowingInput::OpenFile() {
       this, "r",
       {.read = &GrowingInput::Read, .write = nullptr, .seek = nullptr, .close = nullptr});
   if (file != nullptr) {
-    // What is read ahead is read ahead here, where it can be seen. Without any buffer the C library
+    // Read ahead here, where the amount is known. Without any buffer the C library
     // would ask for one byte at a time; no read of libpcap's is shorter than this one.
     std::setvbuf(file, file_buffer_.data(), _IOFBF, file_buffer_.size());
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the plots are drawn from.
+// The data that the plots are drawn from.
 #pragma once
 
 #include <algorithm>

@@ -55,7 +55,7 @@ class Measurement : public FrameSink {
   const TimeSeries<ArrivalPoint>& Arrivals() const { return arrivals_; }
 
   const StreamTable& Streams() const { return streams_; }
-  // What happened when. Who reports into it from outside does so from the thread that adds frames.
+  // Events with their times. Only the thread that adds frames may report into it from outside.
   EventLog& Events() { return events_; }
   const EventLog& Events() const { return events_; }
 

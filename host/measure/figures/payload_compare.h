@@ -52,7 +52,7 @@ struct PayloadDifference {
 class PayloadCompare {
  public:
   static constexpr std::size_t kBytesShown = 16;
-  // How far ahead a stream without sequence numbers is looked for after a difference.
+  // How far ahead to search after a difference in a stream without sequence numbers.
   static constexpr std::uint64_t kResyncDistance = std::uint64_t{4} * 1024 * 1024;
 
   explicit PayloadCompare(std::shared_ptr<ExpectedContent> content)

@@ -14,7 +14,7 @@
 
 namespace ipplay::measure {
 
-// What few PIDs have.
+// Figures that only a few PIDs have.
 struct PidDetail {
   std::unique_ptr<PcrTracker> pcr;
   SectionAssembler sections;

@@ -19,7 +19,7 @@ class SectionAssembler {
   // that broke off because the next one began: it is shorter than it says.
   template <typename OnSection>
   void Push(std::span<const std::uint8_t> payload, bool starts_unit, OnSection&& on_section);
-  // What went before is not continued.
+  // Drops the section in progress.
   void Drop() { kept_.clear(); }
 
  private:

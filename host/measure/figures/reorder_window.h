@@ -16,7 +16,7 @@ namespace ipplay::measure {
 
 class ReorderWindow {
  public:
-  // What is waited for at most: packets behind a missing one, and the time since the first of them.
+  // The longest wait: packets behind a missing one, and the time since the first of them.
   static constexpr std::uint16_t kPackets = 32;
   static constexpr std::int64_t kLongestWaitNs = 100'000'000;
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What is to be measured, as the command line says it.
+// What to measure, as given on the command line.
 #pragma once
 
 #include <cstddef>

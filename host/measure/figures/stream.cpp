@@ -360,7 +360,7 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
     }
   }
   mdi_.Finish(end_ns, [&](const auto& ended) {
-    // What is shorter than a second and empty is no second without a packet.
+    // An empty rest of less than a second is not counted as a second without packets.
     if (ended.start_ns + MediaDeliveryIndex::kIntervalNs <= end_ns || second_packets_ > 0) {
       KeepMdi(ended);
     }

@@ -68,7 +68,7 @@ class Stream {
   // So long without a frame is an event.
   static constexpr std::int64_t kSilenceNs = 500'000'000;
 
-  // What only a stream with RTP has.
+  // Figures of streams with RTP only.
   struct Rtp {
     Rtp(std::uint64_t clock_rate, ReorderWindow::Deliver deliver)
         : jitter(static_cast<double>(clock_rate)), window(std::move(deliver)) {}

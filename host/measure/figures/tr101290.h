@@ -65,7 +65,7 @@ class IndicatorLog {
     std::int32_t detail = 0;
   };
   void Count(Indicator indicator, const Error& error);
-  // What is looked at counts as measured even when it is right.
+  // Once judged, an indicator counts as measured, also without an error.
   void Measure(Indicator indicator) { At(indicator).measured = true; }
 
   const IndicatorState& operator[](Indicator indicator) const {

@@ -167,7 +167,7 @@ std::string Plural(std::size_t count, const char* what) {
   return fmt::format("; {} {}{}", count, what, count == 1 ? "" : "s");
 }
 
-// What the plot shows, for those who do not see it.
+// The plot in words, for readers who cannot see it.
 std::string TextSummary(const Chart& chart) {
   std::string text = fmt::format("{}, {}", chart.title, chart.note);
   for (const ChartSeries& series : chart.series) {

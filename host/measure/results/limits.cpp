@@ -280,7 +280,7 @@ std::vector<Verdict> Judge(const Summary& summary, const Requirements& requireme
   verdicts.push_back({"--min-streams", FormatCount(min_streams), FormatCount(summary.total.streams),
                       summary.total.streams >= min_streams});
   if (summary.capture.live) {
-    // What the capture lost may be the very frames that a limit is about.
+    // The capture may have lost the very frames that a limit is about.
     const CaptureDrops& drops = summary.capture.drops;
     verdicts.push_back({"capture drops", "0", FormatCount(drops.by_kernel + drops.by_adapter),
                         !summary.capture.IsSpoiled()});

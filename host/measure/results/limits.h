@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What a measurement must keep to, and whether it did.
+// The limits of a measurement, and whether it met them.
 #pragma once
 
 #include <cstdint>
