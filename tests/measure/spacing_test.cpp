@@ -45,6 +45,7 @@ TEST(Spacing, BurstsAreAsWideAsTheyAreWithoutAnExpectedRate) {
     spacing.Add(i / 5 * 5 * kMs, 1000, true);
   }
   EXPECT_NEAR(spacing.GridDeviation().Spread(), 4 * kMs, 0.02 * kMs);
+  EXPECT_EQ(spacing.TimeReversals(), 0U);  // equal stamps do not go back
 }
 
 TEST(Spacing, FollowsTheGridWhereItMoves) {
