@@ -31,6 +31,7 @@ TEST(ReorderWindow, PutsInPlaceWhatComesInTimeAndWaitsForNothingElse) {
   EXPECT_EQ(Order({1, 4, 3, 3, 2, 2, 5}), "1 2 3 4 5");         // repeats go no further
   EXPECT_EQ(Order({1, 3, 5, 4, 6}), "1 |3 4 5 6");              // 2 never comes
   EXPECT_EQ(Order({65534, 0, 65535, 1}), "254 255 0 1");        // over the wrap
+  EXPECT_EQ(Order({1, 3, 4, 2, 5}, 49'000'000), "1 2 3 4 5");   // 2 comes after 98 ms
   EXPECT_EQ(Order({1, 3, 4, 2, 5}, 200'000'000), "1 |3 4 5");   // 2 comes after 400 ms
   EXPECT_EQ(Order({1, 100, 101, 2}), "1 |100 101");             // too long a loss to wait for
   EXPECT_EQ(Order({1, 2, 9000, 9001, 9002}), "1 2 |40 41 42");  // a restart: 9000 mod 256 = 40
