@@ -251,7 +251,7 @@ TEST_F(PlayoutTest, ThePumpSeedsTheGenerator) {
   ASSERT_EQ(numbers.size(), kDatagrams - errors.NumPacketLoss);
   bool found = false;
   for (std::uint64_t seed = before; seed <= after && !found; ++seed) {
-    platform::SeedRandom(seed);
+    platform::ProcessRandom().Seed(seed);
     ErrorSchedule schedule;
     schedule.Configure(errors.NumPacketLoss, kDatagrams, true);
     std::vector<std::uint16_t> expected;
