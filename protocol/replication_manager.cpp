@@ -53,8 +53,8 @@ void CZebReplicationMgr::SetHeaderSettings(const ProtocolHeadersSettings& settin
   settings_ = settings;
   const RTPHeaderSettings& rtp = settings_.RTPHeaderSettings;
   base_ssrc_ = rtp.RandomSSRC == IPPLAYOUT_ON ? platform::ProcessRandom().Next() : rtp.SSRC;
-  sequence_counter_ =
-      rtp.RandomSequenceNumber == IPPLAYOUT_ON ? platform::ProcessRandom().Next() : rtp.SequenceNumber - 1;
+  sequence_counter_ = rtp.RandomSequenceNumber == IPPLAYOUT_ON ? platform::ProcessRandom().Next()
+                                                               : rtp.SequenceNumber - 1;
   identification_counter_ = settings_.IPHeaderSettings.Identification - 1;
 }
 
