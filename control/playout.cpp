@@ -25,23 +25,23 @@ constexpr std::chrono::milliseconds kStopGrace{250};
 // After a stop an adapter gets this long to take what has been handed over. The rest is given up.
 constexpr std::chrono::milliseconds kStopPatience{800};
 
-constexpr double kFrameWork = 2.5e-6;  // seconds that sending one frame takes at most
+constexpr Seconds kFrameWork{2.5e-6};  // that sending one frame takes at most
 
 // Between two frames, or two bursts, there is time to sleep, and sending takes up less than half of
 // it all: the workers may run in real time without being throttled by the kernel. At higher rates
 // the transmitter may not, and so the pump does not either, which would go before it at any level.
 bool LeavesRest(const PcapRtInterface& capture, const CZebParametricManager& parametric) {
   // A wait is shorter than the time from frame to frame, by the work on a frame and the hand-over.
-  constexpr std::chrono::duration<double> kShortestRest =
+  constexpr Seconds kShortestRest =
       platform::DeadlineWaiter::kAlwaysSlept + std::chrono::microseconds(20);
   const std::uint32_t frames = parametric.IsBurstMode() != 0 ? capture.GetPacketsPerQueue() : 1;
-  const double packet_time = capture.GetPacketTime();
-  return frames * packet_time >= kShortestRest.count() && packet_time >= 2 * kFrameWork;
+  const Seconds packet_time = capture.GetPacketTime();
+  return frames * packet_time >= kShortestRest && packet_time >= 2 * kFrameWork;
 }
 
 // With longer gaps a late wake-up does not matter, so let the processors sleep.
 bool WantsShortWakeUps(const PcapRtInterface& capture) {
-  constexpr double kLongestGap = 0.1;  // seconds
+  constexpr Seconds kLongestGap{0.1};
   return capture.GetPacketTime() <= kLongestGap;
 }
 

@@ -8,6 +8,7 @@
 
 #include "ipplayout/playouts.h"
 #include "protocol/big_endian.h"
+#include "transmit/seconds.h"
 
 namespace ipplayout {
 namespace {
@@ -15,7 +16,7 @@ namespace {
 // Sending one copy may let go of a frame that was held back, too.
 constexpr std::size_t kMostFramesPerCopy = 2;
 // A jitter period may be any number: keeps the arithmetic on times finite.
-constexpr double kMostJitter = 3600;  // seconds
+constexpr Seconds kMostJitter{3600};
 
 }  // namespace
 
@@ -237,18 +238,17 @@ DatagramBuilder::Time DatagramBuilder::NextDue() {
     burst_due_ = place + (has_jitter_ ? Jitter(frame_count_ / burst_frames_) : Time::zero());
   }
   last_due_ = std::max({last_due_, burst_due_, Time::zero()});
-  jitter_.Add(std::chrono::duration<double>(last_due_).count());
+  jitter_.Add(last_due_);
   return last_due_;
 }
 
 DatagramBuilder::Time DatagramBuilder::Jitter(std::uint64_t index) {
-  const std::chrono::duration<double> gap = (*after_ - *due_) / static_cast<double>(copies_);
-  const double offset = parts_.parameters.NextJitter(gap.count(), static_cast<std::int64_t>(index));
-  if (!std::isfinite(offset)) {
+  const Seconds gap = Seconds(*after_ - *due_) / static_cast<double>(copies_);
+  const Seconds offset = parts_.parameters.NextJitter(gap, static_cast<std::int64_t>(index));
+  if (!std::isfinite(offset.count())) {
     return Time::zero();
   }
-  const std::chrono::duration<double> limited(std::clamp(offset, -kMostJitter, kMostJitter));
-  return std::chrono::duration_cast<Time>(limited);
+  return std::chrono::duration_cast<Time>(std::clamp(offset, -kMostJitter, kMostJitter));
 }
 
 bool DatagramBuilder::Send(PDU& frame) {
@@ -292,7 +292,7 @@ void DatagramBuilder::EndDatagram() {
     return;
   }
   last_gap_ = *after_ - *due_;
-  parts_.errors.SetJitter(jitter_.Seconds());
+  parts_.errors.SetJitter(jitter_.Value().count());
   parts_.statistics.Count(frame_, parts_.errors);
   offset_ += frame_.Length() - rules_.shape.header_room;
   ++index_;

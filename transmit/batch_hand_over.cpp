@@ -44,7 +44,7 @@ void BatchHandOver::WaitUntil(const Counter& counter, Counter& awaited, std::uin
   }
 }
 
-void BatchHandOver::HandOver(double jitter_sum) {
+void BatchHandOver::HandOver(Seconds jitter_sum) {
   At(handed_).jitter_sum = jitter_sum;
   handed_ = handed_ + 1;
   ready_.Set();

@@ -10,12 +10,13 @@
 
 #include "driver/send_queue.h"
 #include "platform/signal.h"
+#include "transmit/seconds.h"
 
 namespace ipplayout {
 
 struct Batch {
   std::unique_ptr<SendQueue> frames;
-  double jitter_sum = 0;  // of the offsets applied within the batch, in seconds
+  Seconds jitter_sum{0};  // of the offsets applied within the batch
 };
 
 // A ring of batches: the pump fills one, the others are in transit or empty. Pump and transmitter
@@ -45,7 +46,7 @@ class BatchHandOver {
   // Waits until all batches are released.
   void WaitUntilEmpty();
   // Passes the filled batch on; the next one is empty. After WaitForRoom.
-  void HandOver(double jitter_sum);
+  void HandOver(Seconds jitter_sum);
 
   // The transmitter's side.
   // Waits until a batch has been handed over, or Wake was called.

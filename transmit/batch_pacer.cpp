@@ -5,26 +5,26 @@
 
 namespace ipplayout {
 
-BatchPacer::Pace BatchPacer::Next(double elapsed, double jitter_sum) {
+BatchPacer::Pace BatchPacer::Next(Seconds elapsed, Seconds jitter_sum) {
   if (burst_) {
     return NextBurst(elapsed, jitter_sum);
   }
   return frames_ > 1 ? NextSpaced(elapsed) : NextSingle(elapsed);
 }
 
-BatchPacer::Pace BatchPacer::NextSingle(double elapsed) {
-  const double spent = elapsed - budget_;
+BatchPacer::Pace BatchPacer::NextSingle(Seconds elapsed) {
+  const Seconds spent = elapsed - budget_;
   budget_ = packet_time_ - spent;
   return {budget_, std::nullopt, std::max(spent, packet_time_)};
 }
 
-BatchPacer::Pace BatchPacer::NextSpaced(double elapsed) {
+BatchPacer::Pace BatchPacer::NextSpaced(Seconds elapsed) {
   const double gaps = frames_ - 1;
-  const double corrected_gap = packet_time_ - correction_;
-  const double idle = elapsed - gaps * corrected_gap - budget_;
+  const Seconds corrected_gap = packet_time_ - correction_;
+  const Seconds idle = elapsed - gaps * corrected_gap - budget_;
   if (idle > corrected_gap) {
     // Late: sent at once, and the gaps of a coming batch are shortened by what is missing.
-    budget_ = 0;
+    budget_ = Seconds(0);
     correction_ = (idle - packet_time_) / gaps;
   } else {
     // On time. The gaps within a batch made up for what was missing, and the gap behind it, which
@@ -36,8 +36,8 @@ BatchPacer::Pace BatchPacer::NextSpaced(double elapsed) {
   return {budget_, correction_, corrected_gap};
 }
 
-BatchPacer::Pace BatchPacer::NextBurst(double elapsed, double jitter_sum) {
-  const double burst_time = frames_ * packet_time_;
+BatchPacer::Pace BatchPacer::NextBurst(Seconds elapsed, Seconds jitter_sum) {
+  const Seconds burst_time = frames_ * packet_time_;
   budget_ = burst_time - (elapsed - budget_);
   return {budget_, std::nullopt, burst_time - jitter_sum};
 }

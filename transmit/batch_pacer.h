@@ -5,37 +5,39 @@
 #include <cstdint>
 #include <optional>
 
+#include "transmit/seconds.h"
+
 namespace ipplayout {
 
 // Keeps the batches of a run on an absolute grid: what a wait was too long or too short is carried
-// in the budget of the next one, so errors never add up. All times are in seconds.
+// in the budget of the next one, so errors never add up.
 class BatchPacer {
  public:
   struct Pace {
-    double wait = 0;  // until the batch is due; 0 or below: at once
-    std::optional<double> gap_correction;
-    double queue_start_advance = 0;
+    Seconds wait{0};  // until the batch is due; 0 or below: at once
+    std::optional<Seconds> gap_correction;
+    Seconds queue_start_advance{0};
   };
 
   // Frames `packet_time` apart in batches of `frames`; `burst`: the frames of a batch leave
   // together and take the time of `frames` gaps.
-  BatchPacer(double packet_time, std::uint32_t frames, bool burst)
+  BatchPacer(Seconds packet_time, std::uint32_t frames, bool burst)
       : packet_time_(packet_time), frames_(frames), burst_(burst) {}
 
   // For every batch but the first, which leaves at once. `elapsed` lies between the moments at
   // which this batch and the one before it were taken up; `jitter_sum` is the batch's own.
-  Pace Next(double elapsed, double jitter_sum);
+  Pace Next(Seconds elapsed, Seconds jitter_sum);
 
  private:
-  Pace NextSingle(double elapsed);
-  Pace NextSpaced(double elapsed);
-  Pace NextBurst(double elapsed, double jitter_sum);
+  Pace NextSingle(Seconds elapsed);
+  Pace NextSpaced(Seconds elapsed);
+  Pace NextBurst(Seconds elapsed, Seconds jitter_sum);
 
-  double packet_time_;
+  Seconds packet_time_;
   double frames_;
   bool burst_;
-  double budget_ = 0;      // the wait that the previous batch was given
-  double correction_ = 0;  // the last gap correction
+  Seconds budget_{0};      // the wait that the previous batch was given
+  Seconds correction_{0};  // the last gap correction
 };
 
 }  // namespace ipplayout

@@ -9,15 +9,15 @@ namespace ipplayout {
 namespace {
 
 constexpr std::int32_t kMicrosecondsPerSecond = 1000000;
-// Longest time that is told apart, in seconds: eleven days between two frames.
-constexpr double kLongestTime = 1e6;
+// Longest time that is told apart: eleven days between two frames.
+constexpr Seconds kLongestTime{1e6};
 // Where the clock of a run stands still, after 68 years: a second below the largest one leaves room
 // for a carry.
 constexpr std::int32_t kLatestSecond = std::numeric_limits<std::int32_t>::max() - 1;
 
 }  // namespace
 
-void FrameStamper::Begin(double packet_time, CParametricManagerBase* parameters) {
+void FrameStamper::Begin(Seconds packet_time, CParametricManagerBase* parameters) {
   *this = FrameStamper();
   parameters_ = parameters;
   jitter_on_ = parameters != nullptr && parameters->IsJitterEnabled() != 0;
@@ -25,11 +25,11 @@ void FrameStamper::Begin(double packet_time, CParametricManagerBase* parameters)
   BeginBatch(packet_time, packet_time);
 }
 
-void FrameStamper::BeginBatch(double gap, double start_advance) {
+void FrameStamper::BeginBatch(Seconds gap, Seconds start_advance) {
   gap_ = gap;
   gap_time_ = Split(gap);
   start_advance_ = start_advance;
-  jitter_sum_ = 0;
+  jitter_sum_ = Seconds(0);
 }
 
 FrameHeader FrameStamper::Stamp(std::uint32_t length, bool first_of_batch) {
@@ -46,13 +46,13 @@ FrameHeader FrameStamper::Stamp(std::uint32_t length, bool first_of_batch) {
     ApplyJitter(first_of_batch);
   }
   ++total_count_;
-  estimate_.Add(send_clock_.seconds + send_clock_.microseconds * 0.000001);
+  estimate_.Add(Seconds(send_clock_.seconds + send_clock_.microseconds * 0.000001));
   return {static_cast<std::uint32_t>(pending_.seconds),
           static_cast<std::uint32_t>(pending_.microseconds), length, length};
 }
 
-FrameStamper::Time FrameStamper::Split(double seconds) {
-  const double limited = std::clamp(seconds, -kLongestTime, kLongestTime);
+FrameStamper::Time FrameStamper::Split(Seconds time) {
+  const double limited = std::clamp(time, -kLongestTime, kLongestTime).count();
   const auto whole = static_cast<std::int32_t>(limited);
   return {whole, static_cast<std::int32_t>((limited - whole) * kMicrosecondsPerSecond)};
 }
@@ -76,8 +76,8 @@ void FrameStamper::Carry(Time& time) {
 }
 
 // The fraction is added before it is cut to microseconds, unlike a gap's.
-void FrameStamper::AdvanceClock(double by) {
-  const double limited = std::min(by, kLongestTime);
+void FrameStamper::AdvanceClock(Seconds by) {
+  const double limited = std::min(by, kLongestTime).count();
   const auto whole = static_cast<std::int32_t>(limited);
   const double fraction = (limited - whole) * kMicrosecondsPerSecond;
   AddSeconds(send_clock_.seconds, whole);
@@ -86,12 +86,12 @@ void FrameStamper::AdvanceClock(double by) {
 }
 
 void FrameStamper::ApplyJitter(bool first_of_batch) {
-  double offset = 0;
+  Seconds offset{0};
   if (!first_of_batch) {
     offset = std::max(parameters_->NextJitter(gap_, total_count_), -gap_);
   }
-  if (!std::isfinite(offset)) {
-    offset = 0;  // of a jitter period that is no number
+  if (!std::isfinite(offset.count())) {
+    offset = Seconds(0);  // of a jitter period that is no number
   }
   jitter_sum_ += offset;
   const Time split = Split(offset);

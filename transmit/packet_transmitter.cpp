@@ -14,10 +14,10 @@ namespace {
 using std::chrono::nanoseconds;
 
 // Some thirty years: keeps the point in time at the end of a wait within nanoseconds of 64 bits.
-constexpr double kLongestWait = 1e9;  // seconds
+constexpr Seconds kLongestWait{1e9};
 
-nanoseconds ToNanoseconds(double seconds) {
-  return nanoseconds(static_cast<std::int64_t>(std::min(seconds, kLongestWait) * 1e9));
+nanoseconds ToNanoseconds(Seconds time) {
+  return std::chrono::duration_cast<nanoseconds>(std::min(time, kLongestWait));
 }
 
 }  // namespace
@@ -70,7 +70,7 @@ void PacketTransmitterThread::TransmitBatches() {
     if (!interface_->HasBatch()) {
       continue;
     }
-    double jitter_sum = 0;
+    Seconds jitter_sum{0};
     if (jitter) {
       jitter_sum = interface_->GetJitterSum();
       interface_->ClearJitterSum();
@@ -90,7 +90,7 @@ void PacketTransmitterThread::TransmitBatches() {
 
 // Waits for the batch's place on the grid. The deadline counts from the mark, so that the time
 // spent here does not delay the batch.
-void PacketTransmitterThread::PaceBatch(BatchPacer& pacer, Timestamp& mark, double jitter_sum) {
+void PacketTransmitterThread::PaceBatch(BatchPacer& pacer, Timestamp& mark, Seconds jitter_sum) {
   const nanoseconds now = interface_->Waiter().Now();
   const Timestamp taken_up(now);
   const BatchPacer::Pace pace = pacer.Next(taken_up.Elapsed(mark), jitter_sum);
@@ -100,7 +100,7 @@ void PacketTransmitterThread::PaceBatch(BatchPacer& pacer, Timestamp& mark, doub
   }
   interface_->SetQueueStartAdvance(pace.queue_start_advance);
   interface_->PassBatch();
-  if (pace.wait > 0) {
+  if (pace.wait > Seconds(0)) {
     interface_->Waiter().WaitUntil(now + ToNanoseconds(pace.wait));
   }
 }

@@ -7,6 +7,7 @@
 #include "platform/signal.h"
 #include "transmit/osa_thread.h"
 #include "transmit/parametric_manager.h"
+#include "transmit/seconds.h"
 
 namespace ipplayout {
 
@@ -32,7 +33,7 @@ class PacketTransmitterThread final : public OsaThread {
  private:
   void Run() override;
   void TransmitBatches();
-  void PaceBatch(BatchPacer& pacer, Timestamp& mark, double jitter_sum);
+  void PaceBatch(BatchPacer& pacer, Timestamp& mark, Seconds jitter_sum);
 
   PcapRtInterface* interface_ = nullptr;
   const CParametricManagerBase* parameters_ = nullptr;

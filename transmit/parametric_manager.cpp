@@ -36,7 +36,7 @@ double GaussianVariate(platform::Random& random) {
 
 }  // namespace
 
-double CZebParametricManager::NextJitter(double gap, std::int64_t index) {
+Seconds CZebParametricManager::NextJitter(Seconds gap, std::int64_t index) {
   const double period = jitter_period_;
   switch (distribution_type_) {
     case kSquaredDifference: {
@@ -51,17 +51,17 @@ double CZebParametricManager::NextJitter(double gap, std::int64_t index) {
     case kSquare:
       return SquareOffset(index);
     default:
-      return 0;
+      return Seconds(0);
   }
 }
 
-double CZebParametricManager::SquareOffset(std::int64_t index) const {
+Seconds CZebParametricManager::SquareOffset(std::int64_t index) const {
   const bool first_of_cycle =
       square_cycle_length_ != 0 && index % std::int64_t{square_cycle_length_} == 0;
   if (burst_mode_ != 0) {
-    return first_of_cycle ? double{jitter_period_} / 1000000 : 0;
+    return Seconds(first_of_cycle ? double{jitter_period_} / 1000000 : 0);
   }
-  return (first_of_cycle ? 1 : -1) * double{jitter_period_} / 2000000;
+  return Seconds((first_of_cycle ? 1 : -1) * double{jitter_period_} / 2000000);
 }
 
 void CZebParametricManager::AddTime(std::int32_t seconds, std::int32_t microseconds,

@@ -6,6 +6,7 @@
 
 #include "ipplayout/ipplayout.h"
 #include "platform/random.h"
+#include "transmit/seconds.h"
 
 namespace ipplayout {
 
@@ -15,9 +16,9 @@ class CParametricManagerBase {
   virtual float GetJitterPeriod() const = 0;
   virtual std::uint32_t GetSquareCycleLength() const = 0;
   virtual std::int32_t GetDistributionType() const = 0;
-  // Offset in seconds for the datagram with running number `index`, `gap` seconds after the one
+  // Offset of the datagram with running number `index`, `gap` after the one
   // before it. Not limited: the caller sees to it that time does not run backwards.
-  virtual double NextJitter(double gap, std::int64_t index) = 0;
+  virtual Seconds NextJitter(Seconds gap, std::int64_t index) = 0;
   // Adds a signed time to a held pair of seconds and microseconds, which never goes below zero.
   virtual void AddTime(std::int32_t seconds, std::int32_t microseconds, std::int32_t& held_seconds,
                        std::int32_t& held_microseconds) const = 0;
@@ -47,7 +48,7 @@ class CZebParametricManager final : public CParametricManagerBase {
   float GetJitterPeriod() const override { return jitter_period_; }
   std::uint32_t GetSquareCycleLength() const override { return square_cycle_length_; }
   std::int32_t GetDistributionType() const override { return distribution_type_; }
-  double NextJitter(double gap, std::int64_t index) override;
+  Seconds NextJitter(Seconds gap, std::int64_t index) override;
   void AddTime(std::int32_t seconds, std::int32_t microseconds, std::int32_t& held_seconds,
                std::int32_t& held_microseconds) const override;
   std::int32_t GetThreadPriority() const override { return thread_priority_; }
@@ -72,7 +73,7 @@ class CZebParametricManager final : public CParametricManagerBase {
   bool ComputeBurstCount(std::uint32_t datagram_bytes, double bit_rate);
 
  private:
-  double SquareOffset(std::int64_t index) const;
+  Seconds SquareOffset(std::int64_t index) const;
 
   platform::Random* random_ = &platform::ProcessRandom();
   std::uint8_t jitter_enabled_ = 0;

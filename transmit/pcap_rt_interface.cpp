@@ -17,7 +17,7 @@ constexpr int kDriverBufferBytes = 10 * 1024 * 1024;
 // Handed over at a bit rate that cannot be reached. With fewer the two threads fall asleep in turn:
 // these take the transmitter a quarter of a millisecond, in which a sleeping pump is awake again.
 constexpr std::uint32_t kFramesAtFullSpeed = 480;
-constexpr double kLongestPacketTime = 1e9;  // seconds: keeps the arithmetic on times finite
+constexpr Seconds kLongestPacketTime{1e9};  // keeps the arithmetic on times finite
 
 std::uint64_t Nanoseconds(const CapturedFrame& frame) {
   return (static_cast<std::uint64_t>(frame.seconds) * 1000000 +
@@ -61,9 +61,9 @@ bool PcapRtInterface::SetParametricManager(CParametricManagerBase* manager) {
 bool PcapRtInterface::FilterInclude() {
   failed_.store(false);
   if (queued_) {
-    packet_time_ = std::min(frame_size_ * 8.0 / bit_rate_, kLongestPacketTime);
+    packet_time_ = std::min(Seconds(frame_size_ * 8.0 / bit_rate_), kLongestPacketTime);
     stamper_.Begin(packet_time_, parameters_);
-    gap_correction_.store(0);
+    gap_correction_.store(Seconds(0));
     queue_start_advance_.store(packet_time_);
     queue_count_ = 0;
     dropped_batches_ = 0;
@@ -114,7 +114,7 @@ bool PcapRtInterface::QueueFrame(const PDU& frame) {
   const FrameHeader header = stamper_.Stamp(frame.Length(), queue_count_ == 0);
   ++queue_count_;
   if (errors_ != nullptr) {
-    errors_->SetJitter(stamper_.Jitter());
+    errors_->SetJitter(stamper_.Jitter().count());
   }
   if (!hand_over_.Filling().Append(header, frame.Data())) {
     std::printf("Warning: packet buffer too small, not all the packets will be sent.\n");
@@ -128,8 +128,8 @@ bool PcapRtInterface::HandOver() {
   queue_count_ = 0;
   hand_over_.WaitForRoom(MostAhead());
   // Taken before the transmitter can go on from this batch and set the next ones.
-  const double gap = std::max(packet_time_ - gap_correction_.load(), 0.0);
-  const double start_advance = queue_start_advance_.load();
+  const Seconds gap = std::max(packet_time_ - gap_correction_.load(), Seconds(0));
+  const Seconds start_advance = queue_start_advance_.load();
   if (hand_over_.IsAbandoned()) {
     // Too late for it to be transmitted. A failure is the next frame's result.
     ++dropped_batches_;
@@ -145,7 +145,7 @@ bool PcapRtInterface::HandOver() {
 // grid again may be ahead, and no more, since all that are ahead leave without gaps: the correction
 // spreads what is missing over the gaps of one batch.
 std::size_t PcapRtInterface::MostAhead() const {
-  const double correction = gap_correction_.load();
+  const Seconds correction = gap_correction_.load();
   if (correction < packet_time_) {
     return 1;
   }
@@ -164,8 +164,8 @@ std::size_t PcapRtInterface::MostWaiting() const {
   return SpacesFrames() ? std::max(kFramesAtFullSpeed / packets_per_queue_, 1U) : 1;
 }
 
-void PcapRtInterface::SetQueueStartAdvance(double seconds) {
-  queue_start_advance_.store(std::max(seconds, 0.0));
+void PcapRtInterface::SetQueueStartAdvance(Seconds by) {
+  queue_start_advance_.store(std::max(by, Seconds(0)));
 }
 
 void PcapRtInterface::PassBatch() {

@@ -14,6 +14,7 @@
 #include "transmit/batch_hand_over.h"
 #include "transmit/ethernet_interface.h"
 #include "transmit/frame_stamper.h"
+#include "transmit/seconds.h"
 
 namespace ipplayout {
 
@@ -82,19 +83,19 @@ class PcapRtInterface final : public EthernetRTInterface {
 
   // ---- Transmitter ----
 
-  // Seconds per frame at the bit rate.
-  double GetPacketTime() const { return packet_time_; }
+  // Of a frame at the bit rate.
+  Seconds GetPacketTime() const { return packet_time_; }
   // Returns with a batch in hand, or without one after SignalQueueReady.
   void WaitForQueue() { hand_over_.Wait(); }
   bool HasBatch() const { return hand_over_.HasBatch(); }
   bool IsFinished() const { return finished_.load(); }
-  // Of the batch in hand, in seconds.
-  double GetJitterSum() { return hand_over_.Front().jitter_sum; }
-  void ClearJitterSum() { hand_over_.Front().jitter_sum = 0; }
-  // Seconds by which the gap of a coming batch is shortened.
-  void SetGapCorrection(double seconds) { gap_correction_.store(seconds); }
-  // Seconds from the last frame of a batch to the first of the next; negative counts as 0.
-  void SetQueueStartAdvance(double seconds);
+  // Of the batch in hand.
+  Seconds GetJitterSum() { return hand_over_.Front().jitter_sum; }
+  void ClearJitterSum() { hand_over_.Front().jitter_sum = Seconds(0); }
+  // By how much the gap of a coming batch is shortened.
+  void SetGapCorrection(Seconds by) { gap_correction_.store(by); }
+  // Time from the last frame of a batch to the first of the next; negative counts as 0.
+  void SetQueueStartAdvance(Seconds by);
   // The batch in hand has its corrections set. Where frames of a batch are spaced the pump may hand
   // the next one over from now on, with the same corrections as after this one: a pump that wakes
   // late then loses time of this batch, and not of the gap in between.
@@ -131,7 +132,7 @@ class PcapRtInterface final : public EthernetRTInterface {
   std::uint32_t packets_per_queue_ = 10;
   std::uint32_t frame_size_ = 1370;
   double bit_rate_ = 0;
-  double packet_time_ = 0;
+  Seconds packet_time_{0};
   CErrorManagerBase* errors_ = nullptr;
   CParametricManagerBase* parameters_ = nullptr;
   platform::DeadlineWaiter own_waiter_;
@@ -147,8 +148,8 @@ class PcapRtInterface final : public EthernetRTInterface {
 
   // Set by the transmitter before it passes or releases a batch, read by the pump after it has
   // waited for room.
-  std::atomic<double> gap_correction_{0};
-  std::atomic<double> queue_start_advance_{0};
+  std::atomic<Seconds> gap_correction_{Seconds(0)};
+  std::atomic<Seconds> queue_start_advance_{Seconds(0)};
   std::atomic<std::uint64_t> frames_sent_{0};  // written by whoever transmits
   // Set by the pump when it flushes, or by the transmitter when it fails.
   std::atomic<bool> finished_{false};

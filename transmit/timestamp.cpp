@@ -7,15 +7,14 @@
 
 namespace ipplayout {
 
-Timestamp::Timestamp(std::chrono::nanoseconds since_origin)
-    : seconds_(std::chrono::duration<double>(since_origin).count()) {}
+Timestamp::Timestamp(std::chrono::nanoseconds since_origin) : seconds_(since_origin) {}
 
 void Timestamp::Mark() {
   *this = Timestamp(platform::MonotonicNow());
 }
 
-double Timestamp::Elapsed(const Timestamp& earlier) const {
-  return std::max(seconds_ - earlier.seconds_, 0.0);
+Seconds Timestamp::Elapsed(const Timestamp& earlier) const {
+  return std::max(seconds_ - earlier.seconds_, Seconds(0));
 }
 
 }  // namespace ipplayout

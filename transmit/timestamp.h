@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
-// A point in time on the high-resolution clock, in seconds.
+// A point in time on the high-resolution clock.
 #pragma once
 
 #include <chrono>
+
+#include "transmit/seconds.h"
 
 namespace ipplayout {
 
@@ -17,16 +19,16 @@ class Timestamp {
   virtual ~Timestamp() = default;
 
   void Mark();
-  // Seconds since the clock's origin.
-  double Seconds() const { return seconds_; }
-  void Add(double seconds) { seconds_ += seconds; }
-  // Seconds from `earlier` to this; 0 when `earlier` is the later one.
-  double Elapsed(const Timestamp& earlier) const;
+  // Since the clock's origin.
+  Seconds SinceOrigin() const { return seconds_; }
+  void Add(Seconds time) { seconds_ += time; }
+  // From `earlier` to this; 0 when `earlier` is the later one.
+  Seconds Elapsed(const Timestamp& earlier) const;
   void Assign(const Timestamp& other) { seconds_ = other.seconds_; }
   bool IsEarlierThan(const Timestamp& other) const { return seconds_ < other.seconds_; }
 
  private:
-  double seconds_ = 0;
+  Seconds seconds_{0};
 };
 
 }  // namespace ipplayout

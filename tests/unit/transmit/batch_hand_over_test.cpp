@@ -21,7 +21,7 @@ TEST(BatchHandOverTest, BatchesArriveWholeAndInOrder) {
     for (std::uint32_t number = 0; number < kBatches; ++number) {
       Fill(hand_over, number);
       hand_over.WaitForRoom(number / 100 % 2 == 0 ? 1 : 3);
-      hand_over.HandOver(number);
+      hand_over.HandOver(Seconds(number));
     }
     hand_over.WaitUntilEmpty();
     hand_over.Wake();
@@ -34,7 +34,7 @@ TEST(BatchHandOverTest, BatchesArriveWholeAndInOrder) {
     const Batch& batch = hand_over.Front();
     ASSERT_EQ(batch.frames->Used(), 20U);
     ASSERT_EQ(batch.frames->At(0).header.seconds, number);
-    ASSERT_EQ(batch.jitter_sum, number++);
+    ASSERT_EQ(batch.jitter_sum.count(), number++);
     hand_over.Release();
   }
   pump.join();

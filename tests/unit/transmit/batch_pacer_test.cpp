@@ -54,13 +54,15 @@ TEST(BatchPacerTest, FollowsItsRules) {
        {{0.5, 0.1, 4.5, 4.9, 0}, {5.5, 0, 4, 5, 0}, {11, 0, -2, 5, 0}, {0.5, 0, 2.5, 5, 0}}},
   };
   for (const auto& [what, frames, burst, corrects, steps] : cases) {
-    BatchPacer pacer(kMs, frames, burst);
+    BatchPacer pacer(Seconds(kMs), frames, burst);
     for (const Step& step : steps) {
-      const BatchPacer::Pace pace = pacer.Next(step.elapsed * kMs, step.jitter_sum * kMs);
-      EXPECT_NEAR(pace.wait, step.wait * kMs, 1e-12) << what;
-      EXPECT_NEAR(pace.queue_start_advance, step.advance * kMs, 1e-12) << what;
+      const BatchPacer::Pace pace =
+          pacer.Next(Seconds(step.elapsed * kMs), Seconds(step.jitter_sum * kMs));
+      EXPECT_NEAR(pace.wait.count(), step.wait * kMs, 1e-12) << what;
+      EXPECT_NEAR(pace.queue_start_advance.count(), step.advance * kMs, 1e-12) << what;
       ASSERT_EQ(pace.gap_correction.has_value(), corrects) << what;
-      EXPECT_NEAR(pace.gap_correction.value_or(0), step.correction * kMs, 1e-12) << what;
+      EXPECT_NEAR(pace.gap_correction.value_or(Seconds(0)).count(), step.correction * kMs, 1e-12)
+          << what;
     }
   }
 }

@@ -77,7 +77,8 @@ TEST(ParametricManagerTest, RegularPatternsAreFunctionsOfTheIndex) {
     manager.SetBurstMode(c.burst);
     manager.SetJitterPeriod(c.period);
     manager.SetSquareCycleLength(2);
-    EXPECT_NEAR(manager.NextJitter(0.001, c.index), c.offset, 1e-9) << c.type << ", " << c.index;
+    EXPECT_NEAR(manager.NextJitter(Seconds(0.001), c.index).count(), c.offset, 1e-9)
+        << c.type << ", " << c.index;
   }
 }
 
@@ -102,7 +103,8 @@ TEST(ParametricManagerTest, RandomPatternsKeepTheirLimitsAndTheirSpread) {
     double squares = 0;
     constexpr int kDraws = 200000;
     for (int i = 0; i < kDraws; ++i) {
-      const double jitter = manager.NextJitter(0.002, i) / 0.001;  // half of the gap
+      const double jitter =
+          manager.NextJitter(Seconds(0.002), i).count() / 0.001;  // half of the gap
       ASSERT_LE(std::abs(jitter), limit);
       sum += jitter;
       squares += jitter * jitter;

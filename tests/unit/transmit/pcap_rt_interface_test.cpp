@@ -107,7 +107,7 @@ TEST_F(PcapRtInterfaceTest, ACorrectionChangesTheGapOfTheBatchAfterNext) {
     Prepare(3);
     for (const int gap : {1000, 1000, corrected_gap}) {
       SendBatch(3);
-      interface_.SetGapCorrection(correction);
+      interface_.SetGapCorrection(Seconds(correction));
       Transmit();
       EXPECT_EQ(LastGap(), gap);
     }
