@@ -40,6 +40,22 @@ std::optional<std::int64_t> ParseNanoseconds(const std::string& text) {
   return duration ? std::optional<std::int64_t>(duration->count()) : std::nullopt;
 }
 
+// In powers of 1024.
+std::optional<std::uint64_t> ParseMemory(const std::string& text) {
+  constexpr std::uint64_t kLeast = std::uint64_t{16} << 20;
+  constexpr std::uint64_t kMost = std::uint64_t{1} << 40;
+  constexpr std::string_view kUnits = "KMGT";
+  const std::size_t unit = text.empty() ? std::string_view::npos : kUnits.find(text.back());
+  const bool has_unit = unit != std::string_view::npos;
+  const auto number = ParseNumber(has_unit ? text.substr(0, text.size() - 1) : text, 0, kMost);
+  const std::uint64_t scale = has_unit ? std::uint64_t{1} << (10 * (unit + 1)) : 1;
+  if (!number || *number > kMost / scale) {
+    return std::nullopt;
+  }
+  const std::uint64_t bytes = *number * scale;
+  return bytes >= kLeast ? std::optional(bytes) : std::nullopt;
+}
+
 auto NumberBetween(std::uint64_t lowest, std::uint64_t highest) {
   return [=](const std::string& text) { return ParseNumber(text, lowest, highest); };
 }
@@ -82,6 +98,10 @@ void DefineStream(OptionBuilder& add, MeasureOptions& o) {
             "Ticks per second of the RTP time stamps", NumberBetween(1, 1'000'000'000), "90000");
   add.Value("--max-streams", m.max_streams, "N", "1 to 1000000",
             "Streams that are measured one by one", NumberBetween(1, 1'000'000), "20000");
+  add.Value("--memory", m.memory_bytes, "SIZE", "16M to 1T, as in 512M or 2G",
+            "Most memory for figures and results; beyond it plots, then the look into transport "
+            "streams, then further streams are left out and counted",
+            ParseMemory, "512M");
 }
 
 void DefineJoins(CLI::App& command, MeasureOptions& o) {

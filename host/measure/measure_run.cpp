@@ -365,7 +365,8 @@ Result<int> Conclude(const MeasureOptions& options, const MeasureRun& run, Strea
   }
   const auto verdicts = Judge(summary, RequirementsOf(options));
   if (options.json) {
-    Print(Results(), "{}\n", JsonText(summary, verdicts));
+    WriteJson(summary, verdicts, [](std::string_view part) { Print(Results(), "{}", part); });
+    Print(Results(), "\n");
   } else if (options.plain_words) {
     Print(Results(), "{}", PlainWords(summary, verdicts));
   } else {

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 #include "frame_builder.h"
+#include "host/base/heap.h"
 #include "host/measure/results/json_view.h"
 #include "host/measure/results/report_html.h"
 #include "host/measure/results/summary.h"
@@ -17,6 +19,7 @@ namespace {
 
 using testing::Bytes;
 using testing::RtpPacket;
+using testing::TsPacketBytes;
 using testing::TsPayload;
 using testing::UdpFrame;
 
@@ -285,6 +288,43 @@ TEST(Measurement, TimesAtTheirLimitsDoNoHarm) {
   measurement.Finish(INT64_MAX);
   const Summary summary = Summarize(measurement, "test", false, {});
   EXPECT_NE(ResultTable(summary, {}, {}).find("7 frames"), std::string::npos);
+}
+
+// Streams that each have hundreds of clocks, more than there is memory for.
+TEST(Measurement, MemoryHasACeiling) {
+  constexpr std::int64_t kCeiling = std::int64_t{8} << 20;
+  constexpr std::uint64_t kStreams = 200;
+  const std::int64_t before = HeapBytes();
+  Measurement measurement{{.memory_bytes = kCeiling}};
+  std::int64_t most = 0;
+  std::int64_t time = 0;
+  for (std::uint32_t pid = 0x100; pid < 0x200; ++pid) {
+    for (std::uint16_t port = 0; port < kStreams; ++port) {
+      const Bytes packet =
+          TsPacketBytes({.pid = static_cast<std::uint16_t>(pid), .pcr = 27'000U * pid});
+      const Bytes frame =
+          UdpFrame(RtpPacket({.sequence_number = static_cast<std::uint16_t>(pid)}, packet),
+                   static_cast<std::uint16_t>(5000 + port));
+      measurement.Add(LinkType::kEthernet, {time += kMs, {frame, frame.size()}});
+      most = std::max(most, HeapBytes() - before);
+    }
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  std::ignore = JsonText(summary, {});
+  EXPECT_LT(most, kCeiling);
+  const TotalSummary& total = summary.total;
+  EXPECT_GT(total.given_up.plots, 0U);
+  EXPECT_GT(total.given_up.details, 0U);
+  EXPECT_GT(total.frames_without_detail, 0U);
+  std::uint64_t frames = total.untracked_frames;
+  for (const StreamSummary& stream : summary.streams) {
+    frames += stream.rate.frames;
+  }
+  EXPECT_EQ(frames, 256 * kStreams);
+  EXPECT_EQ(summary.FramesNotMeasured(), total.untracked_frames + total.frames_without_detail);
+  EXPECT_NE(ResultTable(summary, {}, {}).find("left out for memory (--memory 8M): plots of "),
+            std::string::npos);
 }
 
 // A limit is met by what was looked at only.

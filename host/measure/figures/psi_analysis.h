@@ -24,6 +24,12 @@ class PsiAnalysis {
 
   const ServiceList& Services() const { return services_; }
   const TableIntervals& Intervals() const { return intervals_; }
+  // Gives the memory of all tables back.
+  void GiveUp() {
+    services_ = {};
+    intervals_ = {};
+    maps_ = {};
+  }
 
  private:
   // A PMT of a program that the PAT names, where it says.

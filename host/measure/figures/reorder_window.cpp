@@ -93,6 +93,11 @@ bool ReorderWindow::HasWaitedEnough(std::int64_t now_ns) const {
   return now_ns - waiting_since_ns_ > kLongestWaitNs;
 }
 
+void ReorderWindow::GiveUp() {
+  slots_ = {};
+  kept_ = 0;
+}
+
 void ReorderWindow::Flush() {
   while (kept_ > 0) {
     SkipMissing();

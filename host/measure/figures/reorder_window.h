@@ -36,6 +36,9 @@ class ReorderWindow {
   // Delivers what still waits.
   void Flush();
 
+  // Gives its memory back; no more packets follow.
+  void GiveUp();
+
   // Packets that came behind later ones, and in time to be put in front of them.
   std::uint64_t Repaired() const { return repaired_; }
 

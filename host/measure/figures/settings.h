@@ -23,6 +23,8 @@ struct MeasurementSettings {
   bool analyse_ts = true;
   std::shared_ptr<ExpectedContent> expected{};  // null: payload is not compared
   std::size_t max_streams = 20'000;
+  // Beyond this, detail is given up. Half of it is for the figures, half for the results.
+  std::uint64_t memory_bytes = std::uint64_t{512} << 20;
   // The measurement ends after this number of UDP frames, or this long after the first one.
   std::optional<std::uint64_t> max_frames{};
   std::optional<std::int64_t> max_duration_ns{};

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "host/base/heap.h"
+
 namespace ipplay::measure {
 namespace {
 
@@ -112,6 +114,29 @@ Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool kee
 }
 
 void Stream::Add(const Arrival& arrival) {
+  const std::int64_t before = HeapBytes();
+  if (detail_given_up_) {
+    ++frames_without_detail_;
+  }
+  Take(arrival);
+  grown_bytes_ += HeapBytes() - before;
+}
+
+void Stream::GiveUpDetail() {
+  if (!HasDetail()) {
+    return;
+  }
+  arrival_errors_ = ContinuityErrorsAsArrived();
+  detail_given_up_ = true;
+  as_arrived_.reset();
+  last_media_ = {};
+  ts_->GiveUp();
+  if (rtp_ != nullptr) {
+    rtp_->window.GiveUp();
+  }
+}
+
+void Stream::Take(const Arrival& arrival) {
   const DecodedFrame& frame = *arrival.frame;
   const std::size_t header = arrival.rtp == nullptr ? 0 : arrival.rtp->header_length;
   const std::size_t padding = arrival.rtp == nullptr ? 0 : arrival.rtp->padding;
@@ -153,7 +178,7 @@ void Stream::Add(const Arrival& arrival) {
 
 // Behind itself, a datagram is a copy that the network made, unless nothing in it counts.
 bool Stream::IsRepeat(std::span<const std::uint8_t> media) {
-  if (ts_ == nullptr || ts_->Framer().HasGivenUp()) {
+  if (!HasDetail() || ts_->Framer().HasGivenUp()) {
     return false;
   }
   const bool repeat = ts_->Framer().IsSynced() && std::ranges::equal(media, last_media_) &&
@@ -205,10 +230,10 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, const Arrival& arriva
                       const SequenceResult& sequence) {
   // A receiver drops what it has and puts in order what it can; the transport stream is judged
   // behind it.
-  if (ts_ != nullptr && arrival.rtp != nullptr) {
+  if (HasDetail() && arrival.rtp != nullptr) {
     NoteArrivalOrder(media, sequence);
     rtp_->window.Add(arrival.rtp->sequence_number, sequence.event, {media, arrival.time_ns});
-  } else if (ts_ != nullptr && sequence.event != SequenceEvent::kDuplicate) {
+  } else if (HasDetail() && sequence.event != SequenceEvent::kDuplicate) {
     AddTs(media, arrival.time_ns, !IsInPlace(sequence));
   }
   // Without RTP the file itself tells whether a datagram that equals the one before is its next
@@ -263,6 +288,9 @@ void Stream::NoteArrivalOrder(std::span<const std::uint8_t> media, const Sequenc
 }
 
 std::uint64_t Stream::ContinuityErrorsAsArrived() const {
+  if (detail_given_up_) {
+    return arrival_errors_;
+  }
   return as_arrived_ != nullptr ? as_arrived_->Errors() : ts_->Counters().continuity_errors;
 }
 
@@ -344,6 +372,9 @@ std::int64_t Stream::LongestSilenceNs() const {
 }
 
 void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
+  if (closed_) {
+    end_ns = rate_.LastNs();
+  }
   silent_at_start_ns_ = std::max<std::int64_t>(0, rate_.FirstNs() - start_ns);
   silent_at_end_ns_ = std::max<std::int64_t>(0, end_ns - rate_.LastNs());
   NoteSilence(silent_at_start_ns_, rate_.FirstNs());

@@ -97,6 +97,21 @@ class Stream {
   // The measurement went on from `start_ns` to `end_ns`.
   void Finish(std::int64_t start_ns, std::int64_t end_ns);
 
+  // Gives the memory of the plots back.
+  void GiveUpHistory() { history_.reset(); }
+  // Gives the memory of the transport stream's analysis back; what it has counted stays.
+  void GiveUpDetail();
+  // No more frames are taken: it ends with its last one.
+  void Close() { closed_ = true; }
+
+  bool HasDetail() const { return !detail_given_up_ && ts_ != nullptr; }
+  bool HasGivenUpDetail() const { return detail_given_up_; }
+  bool IsClosed() const { return closed_; }
+  // Frames since the detail was given up, of which only that was not measured.
+  std::uint64_t FramesWithoutDetail() const { return frames_without_detail_; }
+  // Memory that its frames have taken so far.
+  std::int64_t GrownBytes() const { return grown_bytes_; }
+
   const StreamId& Id() const { return id_; }
   // How long nothing came before the stream's first frame and after its last; known in the end.
   std::int64_t SilentAtStartNs() const { return silent_at_start_ns_; }
@@ -122,6 +137,7 @@ class Stream {
   const StreamHistory* History() const { return history_.get(); }
 
  private:
+  void Take(const Arrival& arrival);
   SequenceResult AddRtp(const RtpHeader& rtp, std::int64_t time_ns);
   void AddMedia(std::span<const std::uint8_t> media, const Arrival& arrival,
                 const SequenceResult& sequence);
@@ -142,6 +158,11 @@ class Stream {
   StreamEvents events_;
   Peaks peaks_;
   bool is_silent_ = false;  // and that was reported
+  bool detail_given_up_ = false;
+  bool closed_ = false;
+  std::uint64_t frames_without_detail_ = 0;
+  std::uint64_t arrival_errors_ = 0;  // when the detail was given up
+  std::int64_t grown_bytes_ = 0;
   std::int64_t silent_at_start_ns_ = 0;
   std::int64_t silent_at_end_ns_ = 0;
   std::uint64_t cut_frames_ = 0;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "host/base/heap.h"
+
 namespace ipplay::measure {
 namespace {
 
@@ -57,12 +59,15 @@ bool Follow(const RtpHeader& first, const RtpHeader& second) {
 }  // namespace
 
 void StreamTable::Add(std::int64_t time_ns, std::uint32_t frame_bytes, const DecodedFrame& frame) {
+  if (!bytes_before_) {
+    bytes_before_ = HeapBytes();
+  }
   if (last_flow_ == nullptr || !(frame.flow == last_key_)) {
     last_flow_ = FlowOf(frame.flow);
     last_key_ = frame.flow;
   }
   if (last_flow_ == nullptr) {
-    ++untracked_frames_;
+    NoteUntracked();
   } else if (last_flow_->kind != FlowKind::kPlain && settings_.rtp != RtpMode::kAlways &&
              IsRtcp(frame.payload)) {
     ++rtcp_packets_;
@@ -78,7 +83,7 @@ StreamTable::Flow* StreamTable::FlowOf(const FlowKey& key) {
   if (found != flows_.end()) {
     return &found->second;
   }
-  if (flows_.size() >= settings_.max_streams) {
+  if (flows_.size() >= settings_.max_streams || IsFull()) {
     return nullptr;
   }
   Flow& flow = flows_[key];
@@ -128,11 +133,69 @@ void StreamTable::Deliver(Flow& flow, std::int64_t time_ns, std::uint32_t frame_
     }
   }
   Stream* stream = StreamOf(flow, frame.flow, rtp ? std::optional(rtp->ssrc) : std::nullopt);
-  if (stream == nullptr) {
-    ++untracked_frames_;
+  if (stream == nullptr || stream->IsClosed()) {
+    NoteUntracked();
     return;
   }
   stream->Add({time_ns, frame_bytes, &frame, rtp ? &*rtp : nullptr});
+  if (IsFull()) {
+    MakeRoom(*stream);
+  }
+}
+
+void StreamTable::NoteUntracked() {
+  ++untracked_frames_;
+  if (streams_.size() < settings_.max_streams && flows_.size() < settings_.max_streams) {
+    ++given_up_.frames;
+  }
+}
+
+std::int64_t StreamTable::KeptBytes() const {
+  return HeapBytes() - bytes_before_.value_or(HeapBytes());
+}
+
+std::int64_t StreamTable::MostBytes() const {
+  constexpr std::uint64_t kShareOfFigures = 2;
+  return static_cast<std::int64_t>(settings_.memory_bytes / kShareOfFigures);
+}
+
+void StreamTable::MakeRoom(Stream& growing) {
+  std::size_t plotted = std::min(settings_.plotted_streams, streams_.size());
+  for (; plotted > 0 && IsFull(); --plotted) {
+    streams_[plotted - 1]->GiveUpHistory();
+    ++given_up_.plots;
+    settings_.plotted_streams = plotted - 1;
+  }
+  if (IsFull()) {
+    GiveUpLargestDetails();
+  }
+  if (IsFull()) {
+    growing.Close();
+    ++given_up_.streams;
+  }
+}
+
+// Goes on until there is some room, so that it is not called again at once.
+void StreamTable::GiveUpLargestDetails() {
+  if (detailed_streams_ == 0) {
+    return;
+  }
+  std::vector<Stream*> largest;
+  for (const auto& stream : streams_) {
+    if (stream->HasDetail()) {
+      largest.push_back(stream.get());
+    }
+  }
+  std::ranges::sort(largest, std::ranges::greater(), &Stream::GrownBytes);
+  constexpr std::int64_t kShareOfRoom = 8;
+  for (Stream* stream : largest) {
+    if (KeptBytes() <= MostBytes() - MostBytes() / kShareOfRoom) {
+      break;
+    }
+    stream->GiveUpDetail();
+    ++given_up_.details;
+    --detailed_streams_;
+  }
 }
 
 Stream* StreamTable::StreamOf(Flow& flow, const FlowKey& key, std::optional<std::uint32_t> ssrc) {
@@ -160,13 +223,14 @@ Stream* StreamTable::StreamOf(Flow& flow, const FlowKey& key, std::optional<std:
 }
 
 Stream* StreamTable::NewStream(const StreamId& id) {
-  if (streams_.size() >= settings_.max_streams) {
+  if (streams_.size() >= settings_.max_streams || IsFull()) {
     return nullptr;
   }
   const bool keep_history = streams_.size() < settings_.plotted_streams;
   const auto number = static_cast<std::uint32_t>(streams_.size());
   streams_.push_back(
       std::make_unique<Stream>(id, settings_, keep_history, StreamEvents{events_, number}));
+  detailed_streams_ += streams_.back()->HasDetail() ? std::size_t{1} : std::size_t{0};
   return streams_.back().get();
 }
 

@@ -14,6 +14,14 @@
 
 namespace ipplay::measure {
 
+// What memory was not enough for.
+struct GivenUp {
+  std::uint64_t plots = 0;    // histories of streams
+  std::uint64_t details = 0;  // streams whose transport stream is no longer looked into
+  std::uint64_t streams = 0;  // streams of which no more frames are taken
+  std::uint64_t frames = 0;   // of those and of new streams; they are among the untracked ones
+};
+
 class StreamTable {
  public:
   // Events go to `events`, which outlives this.
@@ -27,12 +35,14 @@ class StreamTable {
 
   // In the order of their first frames.
   const std::vector<std::unique_ptr<Stream>>& Streams() const { return streams_; }
-  // Frames of streams beyond the limit.
+  // Frames of streams beyond the limits of streams and of memory.
   std::uint64_t UntrackedFrames() const { return untracked_frames_; }
   // Frames of a flow with RTP that have no RTP header of version 2.
   std::uint64_t MalformedRtp() const { return malformed_rtp_; }
   // RTCP packets on the port of RTP: no part of a stream.
   std::uint64_t RtcpPackets() const { return rtcp_packets_; }
+  // What was given up to stay within MeasurementSettings::memory_bytes.
+  const GivenUp& Given() const { return given_up_; }
   // How often a flow that had an SSRC showed a new one.
   std::uint64_t SsrcChanges() const { return ssrc_changes_; }
 
@@ -62,6 +72,13 @@ class StreamTable {
                const DecodedFrame& frame);
   Stream* StreamOf(Flow& flow, const FlowKey& key, std::optional<std::uint32_t> ssrc);
   Stream* NewStream(const StreamId& id);
+  // More is kept than may be.
+  bool IsFull() const { return KeptBytes() > MostBytes(); }
+  std::int64_t KeptBytes() const;
+  std::int64_t MostBytes() const;
+  void NoteUntracked();
+  void MakeRoom(Stream& growing);
+  void GiveUpLargestDetails();
 
   MeasurementSettings settings_;
   EventSink* events_;
@@ -74,6 +91,9 @@ class StreamTable {
   std::uint64_t untracked_frames_ = 0;
   std::uint64_t malformed_rtp_ = 0;
   std::uint64_t rtcp_packets_ = 0;
+  std::optional<std::int64_t> bytes_before_;  // that the thread held before the first frame
+  std::size_t detailed_streams_ = 0;
+  GivenUp given_up_;
   std::uint64_t ssrc_changes_ = 0;
 };
 

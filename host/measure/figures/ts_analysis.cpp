@@ -63,7 +63,7 @@ std::uint8_t RolesOf(const Component& component) {
 
 void TsAnalysis::Add(std::span<const std::uint8_t> payload, std::int64_t arrival_ns,
                      bool after_gap) {
-  if (framer_.HasGivenUp()) {
+  if (given_up_ || framer_.HasGivenUp()) {
     return;
   }
   if (!started_) {
@@ -497,6 +497,16 @@ std::vector<PidFigures> TsAnalysis::Pids() const {
     figures.push_back({state.pid, state.packets, state.continuity_errors, state.Pcr()});
   }
   return figures;
+}
+
+void TsAnalysis::GiveUp() {
+  given_up_ = true;
+  finished_ = true;
+  pids_ = {};
+  psi_.GiveUp();
+  framer_.GiveUp();
+  reference_pid_.reset();
+  pcr_offset_.reset();
 }
 
 const PcrTracker* TsAnalysis::ReferenceClock() const {

@@ -56,6 +56,9 @@ class TsAnalysis {
   void SkipUnread(std::size_t bytes, std::int64_t arrival_ns);
   // Counts what is overdue at the end of the measurement, which may be later than the last payload.
   void Finish(std::int64_t end_ns);
+  // Gives the memory of all PIDs and tables back. What has been counted stays, and nothing more is.
+  void GiveUp();
+  bool HasGivenUp() const { return given_up_; }
 
   bool IsTransportStream() const { return framer_.WasEverSynced(); }
   const TsFramer& Framer() const { return framer_; }
@@ -133,6 +136,7 @@ class TsAnalysis {
   std::uint32_t epoch_ = 0;
   bool started_ = false;
   bool finished_ = false;
+  bool given_up_ = false;
   std::int64_t last_ns_ = 0;
   std::int64_t next_check_ns_ = 0;
   std::int64_t scrambled_since_ns_ = 0;

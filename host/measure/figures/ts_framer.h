@@ -33,6 +33,8 @@ class TsFramer {
       kept_.clear();
     }
   }
+  // Gives its memory back; no more bytes follow.
+  void GiveUp() { kept_ = {}; }
 
   bool IsSynced() const { return stride_ != 0; }
   bool WasEverSynced() const { return ever_synced_; }

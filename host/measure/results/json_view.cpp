@@ -258,6 +258,8 @@ Json ToJson(const StreamSummary& stream) {
   json["silent_at_end_ns"] = stream.silent_at_end;
   json["longest_silence_ns"] = stream.longest_silence;
   json["cut_frames"] = stream.cut_frames;
+  json["ended_early"] = stream.ended_early;
+  json["frames_without_detail"] = stream.frames_without_detail;
   if (!stream.rtp) {
     json["repeated_datagrams"] = stream.repeated_datagrams;
   }
@@ -329,24 +331,46 @@ Json ToJson(const TotalSummary& total) {
           {"malformed_rtp", total.malformed_rtp},
           {"rtcp_packets", total.rtcp_packets},
           {"untracked_frames", total.untracked_frames},
+          {"memory",
+           {{"limit_bytes", total.memory_bytes},
+            {"plots_given_up", total.given_up.plots},
+            {"details_given_up", total.given_up.details},
+            {"frames_without_detail", total.frames_without_detail},
+            {"streams_ended_early", total.given_up.streams},
+            {"frames_refused", total.given_up.frames}}},
           {"ts_errors", total.ts_errors},
           {"ts_second_priority_errors", total.ts_second_priority_errors},
           {"ts_third_priority_errors", total.ts_third_priority_errors},
           {"different_datagrams", total.different_datagrams}};
 }
 
+// A device or file name need not be UTF-8.
+std::string Dump(const Json& json) {
+  return json.dump(2, ' ', false, Json::error_handler_t::replace);
+}
+
+// All lines but the first behind `margin`.
+std::string Indented(std::string_view text, std::string_view margin) {
+  std::string indented;
+  for (const char character : text) {
+    indented += character;
+    if (character == '\n') {
+      indented += margin;
+    }
+  }
+  return indented;
+}
+
 }  // namespace
 
-std::string JsonText(const Summary& summary, std::span<const Verdict> verdicts) {
+void WriteJson(const Summary& summary, std::span<const Verdict> verdicts,
+                const std::function<void(std::string_view)>& write) {
   Json json{{"schema", kSchema},
             {"run", ToJson(summary.run)},
             {"capture", ToJson(summary.capture)},
             {"total", ToJson(summary.total)}};
   json["total"]["frames_not_measured"] = summary.FramesNotMeasured();
-  Json& streams = json["streams"] = Json::array();
-  for (const StreamSummary& stream : summary.streams) {
-    streams.push_back(ToJson(stream));
-  }
+  json["streams"] = Json::array();
   Json& judged = json["verdicts"] = Json::array();
   for (const Verdict& verdict : verdicts) {
     judged.push_back({{"name", verdict.name},
@@ -355,8 +379,25 @@ std::string JsonText(const Summary& summary, std::span<const Verdict> verdicts) 
                       {"met", verdict.met}});
   }
   json["met"] = AllMet(verdicts);
-  // A device or file name need not be UTF-8.
-  return json.dump(2, ' ', false, Json::error_handler_t::replace);
+  // Strings have no line ends, so this one is the member of the whole.
+  constexpr std::string_view kStreams = "\n  \"streams\": [";
+  const std::string text = Dump(json);
+  const std::size_t streams_at = text.find(kStreams) + kStreams.size();
+  write(std::string_view(text).substr(0, streams_at));
+  // One by one, since all of them together may take more memory than there is.
+  const char* separator = "\n    ";
+  for (const StreamSummary& stream : summary.streams) {
+    write(separator + Indented(Dump(ToJson(stream)), "    "));
+    separator = ",\n    ";
+  }
+  write(summary.streams.empty() ? "" : "\n  ");
+  write(std::string_view(text).substr(streams_at));
+}
+
+std::string JsonText(const Summary& summary, std::span<const Verdict> verdicts) {
+  std::string text;
+  WriteJson(summary, verdicts, [&text](std::string_view part) { text += part; });
+  return text;
 }
 
 }  // namespace ipplay::measure

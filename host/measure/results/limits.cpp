@@ -91,6 +91,10 @@ std::string NotLookedAt(const Summary& summary, const LimitKind& kind) {
                  : fmt::format("{} not checked",
                                FormatCount(summary.total.checksums.unchecked_udp));
     case LooksAt::kPayload:
+      if (summary.total.frames_without_detail > 0) {
+        return fmt::format("{} frames not looked into",
+                           FormatCount(summary.total.frames_without_detail));
+      }
       return summary.total.cut_frames == 0
                  ? ""
                  : fmt::format("{} frames captured in part", FormatCount(summary.total.cut_frames));

@@ -201,6 +201,7 @@ void AddUp(const Stream& stream, TotalSummary& total) {
   }
   total.repeated_datagrams += stream.RepeatedDatagrams();
   total.cut_frames += stream.CutFrames();
+  total.frames_without_detail += stream.FramesWithoutDetail();
   if (stream.Ts() != nullptr) {
     total.ts_errors += stream.Ts()->Errors();
     total.ts_second_priority_errors += stream.Ts()->Indicators().Sum(2);
@@ -227,7 +228,7 @@ std::uint64_t TsFigures::Missing() const {
 }
 
 std::uint64_t Summary::FramesNotMeasured() const {
-  std::uint64_t frames = total.untracked_frames + total.malformed_rtp;
+  std::uint64_t frames = total.untracked_frames + total.malformed_rtp + total.frames_without_detail;
   for (const FrameClass kind : {FrameClass::kFragment, FrameClass::kTruncated,
                                 FrameClass::kBadIpHeader, FrameClass::kBadUdpLength}) {
     frames += capture.classes[static_cast<std::size_t>(kind)];
@@ -273,6 +274,8 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   summary.longest_silence = static_cast<double>(stream.LongestSilenceNs());
   summary.cut_frames = stream.CutFrames();
   summary.repeated_datagrams = stream.RepeatedDatagrams();
+  summary.ended_early = stream.IsClosed();
+  summary.frames_without_detail = stream.FramesWithoutDetail();
   summary.spacing = FiguresOf(stream.Gaps());
   // A gap that nothing closed any more is one as well.
   summary.spacing.gap.max = summary.longest_silence;
@@ -305,6 +308,8 @@ TotalSummary SummarizeTotal(const Measurement& measurement) {
   total.malformed_rtp = streams.MalformedRtp();
   total.rtcp_packets = streams.RtcpPackets();
   total.untracked_frames = streams.UntrackedFrames();
+  total.given_up = streams.Given();
+  total.memory_bytes = measurement.Settings().memory_bytes;
   total.rate.payload_bytes = 0;
   for (const auto& stream : streams.Streams()) {
     AddUp(*stream, total);

@@ -164,6 +164,8 @@ struct StreamSummary {
   double longest_silence = 0;  // gaps and both ends
   std::uint64_t cut_frames = 0;
   std::uint64_t repeated_datagrams = 0;  // without RTP
+  bool ended_early = false;              // no more of it was taken, for lack of memory
+  std::uint64_t frames_without_detail = 0;
   RateFigures rate;
   SpacingFigures spacing;
   ChecksumCounters checksums;
@@ -196,6 +198,9 @@ struct TotalSummary {
   std::uint64_t malformed_rtp = 0;
   std::uint64_t rtcp_packets = 0;
   std::uint64_t untracked_frames = 0;
+  std::uint64_t memory_bytes = 0;           // that detail is given up for
+  GivenUp given_up;                         // for lack of it
+  std::uint64_t frames_without_detail = 0;  // of streams whose transport stream was given up
   std::uint64_t ts_errors = 0;
   std::uint64_t ts_second_priority_errors = 0;
   std::uint64_t ts_third_priority_errors = 0;

@@ -162,6 +162,29 @@ void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& tot
   WriteItems(out, faults, columns);
 }
 
+void WriteGivenUp(Out out, const TotalSummary& total) {
+  const struct {
+    std::uint64_t count;
+    std::string text;
+  } parts[] = {
+      {total.given_up.plots, fmt::format("plots of {} streams", FormatCount(total.given_up.plots))},
+      {total.given_up.details,
+       fmt::format("the transport packets of {} streams ({} frames)",
+                   FormatCount(total.given_up.details), FormatCount(total.frames_without_detail))},
+      {total.given_up.streams,
+       fmt::format("the rest of {} streams", FormatCount(total.given_up.streams))},
+      {total.given_up.frames, fmt::format("{} whole frames", FormatCount(total.given_up.frames))}};
+  std::string what;
+  for (const auto& [count, text] : parts) {
+    if (count > 0) {
+      what += (what.empty() ? "" : ", ") + text;
+    }
+  }
+  if (!what.empty()) {
+    fmt::format_to(out, "left out for memory (--memory {}M): {}\n", total.memory_bytes >> 20, what);
+  }
+}
+
 // What was captured besides UDP frames, and what else is out of the ordinary.
 void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& total) {
   const struct {
@@ -179,7 +202,7 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
       {"captured in part", total.cut_frames},
       {"datagrams repeated without RTP", total.repeated_datagrams},
       {"RTCP", total.rtcp_packets},
-      {"beyond the stream limit", total.untracked_frames},
+      {"beyond the limits of streams and memory", total.untracked_frames},
       {"UDP checksum absent", total.checksums.absent_udp},
       {"UDP checksum not checked", total.checksums.unchecked_udp},
       {"SSRC changes", total.ssrc_changes},
@@ -199,6 +222,7 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
   if (separator[0] == ',') {
     *out = '\n';
   }
+  WriteGivenUp(out, total);
   if (!capture.broken_off.empty()) {
     fmt::format_to(out, "the capture broke off: {}\n", capture.broken_off);
   }
