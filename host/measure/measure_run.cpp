@@ -195,6 +195,9 @@ class MeasureRun {
       if (status == CaptureSource::ReadStatus::kFailed) {
         return Failure{ExitStatus::kFailed, source_.Error()};
       }
+      if (auto failure = ExpectedFileFailure()) {
+        return failure;
+      }
       const bool waiting = status == CaptureSource::ReadStatus::kFrames;
       if (status == CaptureSource::ReadStatus::kEnd ||
           (source_.IsUnderWay() && end.IsOver(now, measurement_, waiting))) {
@@ -205,6 +208,15 @@ class MeasureRun {
     source_.WhileWaiting([] { return true; });  // the stop is looked at in any case
     ended_by_silence_ = end.EndedBySilence();
     return std::nullopt;
+  }
+
+  std::optional<Failure> ExpectedFileFailure() const {
+    const auto& expected = measurement_.Settings().expected;
+    if (expected == nullptr || !expected->IsBroken()) {
+      return std::nullopt;
+    }
+    return Failure{ExitStatus::kFailed,
+                   fmt::format("--expect {}: {}", options_.expected_file, expected->Error())};
   }
 
   void DrawWhenDue(Clock::time_point now) {
@@ -289,12 +301,16 @@ Result<MeasurementSettings> SettingsOf(const MeasureOptions& options) {
     settings.longest_ip_packet = *mtu;
   }
   if (!options.expected_file.empty()) {
-    auto file = MappedFile::Open(options.expected_file);
+    auto file = SteadyFile::Open(options.expected_file);
     if (!file) {
       return UsageFailure(
           fmt::format("--expect {}: {}", options.expected_file, file.Error().message));
     }
     settings.expected = std::make_shared<ExpectedContent>(*file);
+    if (settings.expected->IsBroken()) {
+      return UsageFailure(
+          fmt::format("--expect {}: {}", options.expected_file, settings.expected->Error()));
+    }
   }
   return settings;
 }

@@ -10,7 +10,8 @@
 #include <span>
 #include <vector>
 
-#include "host/base/mapped_file.h"
+#include "host/base/steady_file.h"
+#include "host/measure/figures/content_index.h"
 
 namespace ipplay::measure {
 
@@ -21,22 +22,36 @@ class ExpectedContent {
   // More places than these say nothing about where a stream was joined.
   static constexpr std::size_t kMaxPlaces = 4096;
 
-  explicit ExpectedContent(std::shared_ptr<const MappedFile> file) : file_(std::move(file)) {}
+  // Reads the whole file once.
+  explicit ExpectedContent(std::shared_ptr<SteadyFile> file);
 
-  std::span<const std::uint8_t> Bytes() const { return file_->Bytes(); }
+  std::uint64_t Size() const { return file_->Size(); }
+  // The file has changed, or cannot be read: nothing more is compared.
+  bool IsBroken() const { return !file_->Error().empty(); }
+  const std::string& Error() const { return file_->Error(); }
+  // Appends bytes from `position` on, which go round with the file.
+  void Copy(std::uint64_t position, std::size_t length, std::vector<std::uint8_t>& bytes) const;
   // How many bytes of `payload` equal those at `position`, which goes round with the file.
   std::size_t EqualBytes(std::span<const std::uint8_t> payload, std::uint64_t position) const;
   bool Matches(std::span<const std::uint8_t> payload, std::uint64_t position) const {
     return EqualBytes(payload, position) == payload.size();
   }
-  // Up to kMaxPlaces + 1 places where the whole payload stands, in rising order.
+  // Up to kMaxPlaces + 1 places where the whole payload stands, in rising order. As many, of no
+  // meaning, if it is too short to be found or would take too long.
   const std::vector<std::uint64_t>& Places(std::span<const std::uint8_t> payload);
   // The first place at or behind `position`, within `distance`, where the payload stands.
   std::optional<std::uint64_t> FindFrom(std::span<const std::uint8_t> payload,
                                         std::uint64_t position, std::uint64_t distance) const;
 
  private:
-  std::shared_ptr<const MappedFile> file_;
+  template <typename Visit>
+  void VisitSeam(std::span<const std::uint8_t> payload, std::uint64_t from, std::uint64_t to,
+                 Visit&& visit) const;
+
+  std::shared_ptr<SteadyFile> file_;
+  ContentIndex index_;
+  std::uint64_t seam_start_ = 0;    // in the file
+  std::vector<std::uint8_t> seam_;  // from there to the end, and on from the begin
   std::vector<std::uint8_t> last_payload_;
   std::vector<std::uint64_t> last_places_;
 };
