@@ -7,6 +7,7 @@
 #include <exception>
 #include <sstream>
 
+#include "host/base/confinement.h"
 #include "host/base/library_output.h"
 #include "host/cli/config_file.h"
 #include "host/cli/refusal.h"
@@ -61,6 +62,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ipplay::RefuseNewPrivileges();
   ipplay::Results();
   // A reader of the output that goes away is noticed at the write.
   std::signal(SIGPIPE, SIG_IGN);

@@ -3,7 +3,7 @@
 # Sourced by demo.sh and test.sh: the packages that they need, and how they build.
 
 # To configure a preset and build all of it.
-build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libbitstream-dev libcli11-dev libfmt-dev
+build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libseccomp-dev libbitstream-dev libcli11-dev libfmt-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
 # For the far side of the wire: namespaces, capture, dissector, decoder.
 wire_packages=(iproute2 tshark ffmpeg)

@@ -11,7 +11,8 @@
 namespace ipplay {
 namespace {
 
-static_assert(kCapDacOverride == CAP_DAC_OVERRIDE && kCapNetRaw == CAP_NET_RAW &&
+static_assert(kCapChown == CAP_CHOWN && kCapDacOverride == CAP_DAC_OVERRIDE &&
+              kCapFowner == CAP_FOWNER && kCapKill == CAP_KILL && kCapNetRaw == CAP_NET_RAW &&
               kCapSysNice == CAP_SYS_NICE);
 
 using Capabilities = std::unique_ptr<std::remove_pointer_t<cap_t>, decltype(&cap_free)>;
@@ -65,8 +66,12 @@ void KeepCapabilities(std::initializer_list<int> kept) {
   if (fewer == nullptr) {
     return;
   }
+  // One that is not in effect just now can be, as long as it is permitted.
+  const Capabilities own(::cap_get_proc(), &cap_free);
   for (const cap_value_t capability : kept) {
-    if (!Has(capability)) {
+    cap_flag_value_t permitted = CAP_CLEAR;
+    if (own == nullptr || ::cap_get_flag(own.get(), capability, CAP_PERMITTED, &permitted) != 0 ||
+        permitted != CAP_SET) {
       continue;
     }
     ::cap_set_flag(fewer.get(), CAP_PERMITTED, 1, &capability, CAP_SET);

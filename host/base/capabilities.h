@@ -17,7 +17,10 @@ std::string HowToGetRights(std::string_view capabilities);
 std::optional<std::string> MissingRightToSend();
 
 // Numbers of capabilities, as linux/capability.h has them.
+inline constexpr int kCapChown = 0;
 inline constexpr int kCapDacOverride = 1;
+inline constexpr int kCapFowner = 3;
+inline constexpr int kCapKill = 5;
 inline constexpr int kCapNetRaw = 13;
 inline constexpr int kCapSysNice = 23;
 

@@ -52,6 +52,12 @@ int WriteAll(int fd, std::string_view text) {
 
 }  // namespace
 
+OutputFile::OutputFile(std::string option, std::string path)
+    : option_(std::move(option)),
+      path_(std::move(path)),
+      owner_(::geteuid()),
+      group_(::getegid()) {}
+
 Failure OutputFile::Refusal(ExitStatus status, std::string_view why) const {
   return {status, fmt::format("{} {}: cannot be written: {}", option_, path_, why)};
 }
@@ -143,6 +149,9 @@ std::optional<Failure> OutputFile::Commit(std::string_view text) const {
     return fail(errno);
   }
   int error = WriteAll(fd.Get(), text);
+  if (error == 0 && owner_ != ::geteuid() && ::fchown(fd.Get(), owner_, group_) != 0) {
+    error = errno;
+  }
   // A full or remote disk may report the failure only now.
   if (error == 0 && ::fsync(fd.Get()) != 0) {
     error = errno;

@@ -28,8 +28,7 @@ class OutputFile {
   std::optional<Failure> Append(const FileDescriptor& fd, std::string_view text) const;
 
  private:
-  OutputFile(std::string option, std::string path)
-      : option_(std::move(option)), path_(std::move(path)) {}
+  OutputFile(std::string option, std::string path);
 
   std::optional<Failure> Prepare();
   std::optional<Failure> OpenSpecial(unsigned owner);
@@ -38,7 +37,9 @@ class OutputFile {
 
   std::string option_;
   std::string path_;
-  std::string name_;        // within the folder
+  std::string name_;    // within the folder
+  unsigned owner_ = 0;  // who asked for it, whoever writes it
+  unsigned group_ = 0;
   unsigned mode_ = 0644;    // as far as the umask allows
   FileDescriptor folder_;   // of a file
   FileDescriptor special_;  // of anything else

@@ -14,11 +14,13 @@
 #include <utility>
 
 #include "host/base/capabilities.h"
+#include "host/base/confinement.h"
 #include "host/base/library_output.h"
 #include "host/base/link.h"
 #include "host/base/output_file.h"
 #include "host/base/stop_signals.h"
 #include "host/measure/capture/link_watch.h"
+#include "host/measure/figures/dvb_text.h"
 #include "host/measure/live_files.h"
 #include "host/measure/results/json_view.h"
 #include "host/measure/results/live_view.h"
@@ -135,9 +137,9 @@ class MeasureRun {
     } else if (source_.IsLive() && !options_.quiet) {
       Print(stderr, "Measuring on {}\n", options_.source);
     }
-    // The adapter is open. A report may have to be written where root alone may.
-    KeepCapabilities(options_.report_file.empty() ? std::initializer_list<int>{}
-                                                  : std::initializer_list<int>{kCapDacOverride});
+    if (auto failure = Confine()) {
+      return failure;
+    }
     auto failure = TakeFrames();
     reserve_.reset();
     if (StopSignals::Came() != 0) {
@@ -173,6 +175,21 @@ class MeasureRun {
  private:
   // Of a pipe or a file only the frames say what time it is, and an adapter's clock is its own.
   bool UsesThisClock() const { return source_.IsLive() && !options_.capture.adapter_time_stamps; }
+
+  // The adapter is open, and all else that is needed.
+  std::optional<Failure> Confine() const {
+    PrepareDvbText();
+    const bool writes = !options_.report_file.empty();
+    // A report may have to be written where root alone may, and is root's; a sender may have to be
+    // ended.
+    auto failure = writes ? BecomeUnprivileged({kCapKill, kCapDacOverride, kCapFowner, kCapChown})
+                   : options_.start_sender ? BecomeUnprivileged({kCapKill})
+                                           : BecomeUnprivileged({});
+    if (!failure) {
+      AllowReadingFramesOnly(writes ? NewFiles::kAllowed : NewFiles::kNone);
+    }
+    return failure;
+  }
 
   std::optional<Failure> TakeFrames() {
     EndWatch& end = end_.emplace(options_);

@@ -30,8 +30,14 @@ class Rights(PlayCase):
                   "--inh-caps=-all"] if user else []
         return subprocess.Popen([*prefix, self.program, *arguments], preexec_fn=self.bed.near.enter,
                                 text=True,
-                                env={**os.environ, **(environment or {})}, cwd=self.folder.name,
+                                env={**{name: value for name, value in os.environ.items()
+                                        if not name.startswith("SUDO_")}, **(environment or {})}, cwd=self.folder.name,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    @staticmethod
+    def status(process):
+        with open(f"/proc/{process.pid}/status", encoding="ascii") as file:
+            return dict(line.split(":\t", 1) for line in file.read().splitlines() if ":\t" in line)
 
     @staticmethod
     def threads(process):
@@ -71,16 +77,28 @@ class Rights(PlayCase):
                 self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Stopped by a signal")
 
     def test_measuring(self):
-        for user, capabilities, left in ((NOBODY, "cap_net_raw", 0), (None, None, 0)):
-            with self.subTest(user):
-                meter = self.start("measure", "near", "--wait", "20s", user=user, capabilities=capabilities)
+        # A report is root's, whoever writes it.
+        report = self.path("report.html")
+        for user, capabilities, left, report_words in (
+                (NOBODY, "cap_net_raw", 0, ()), (None, None, 0, ()),
+                (None, None, 1 << 0 | 1 << 1 | 1 << 3 | 1 << 5, ("--report", report))):
+            with self.subTest(user=user, report=report_words):
+                meter = self.start("measure", "near", "--wait", "20s", *report_words,
+                                   user=user, capabilities=capabilities)
                 self.addCleanup(meter.kill)
                 self.assertEqual(meter.stderr.readline(), "Measuring on near\n")
                 while (threads := self.threads(meter))[0][1:4] != (left, left, 0):
                     self.assertIsNone(meter.poll())
                 self.assertEqual(len(threads), 1)
+                while (status := self.status(meter))["Seccomp"] == "0":
+                    self.assertIsNone(meter.poll())
+                self.assertEqual((status["Seccomp"], status["NoNewPrivs"], status["Uid"], status["Gid"],
+                                  status["Groups"].strip()),
+                                 ("2", "1", "\t".join([NOBODY] * 4), "\t".join([NOBODY] * 4), ""))
                 meter.terminate()
                 meter.communicate(timeout=30)
+                self.assertEqual(meter.returncode, PLAYED)
+        self.assertEqual((os.stat(report).st_uid, os.stat(report).st_gid), (0, 0))
 
     def test_without_rights(self):
         play, measure = ("play", "stream.ts", *TARGET), ("measure", "near")

@@ -5,6 +5,8 @@
 #include <iconv.h>
 
 #include <cerrno>
+#include <map>
+#include <optional>
 
 namespace ipplay::measure {
 namespace {
@@ -35,10 +37,46 @@ std::string WithoutControls(const std::string& utf8) {
   return text;
 }
 
+constexpr const char* kEncodings[] = {kDefault,      "ASCII",       "ISO-8859-1",  "ISO-8859-2",
+                                      "ISO-8859-3",  "ISO-8859-4",  "ISO-8859-5",  "ISO-8859-6",
+                                      "ISO-8859-7",  "ISO-8859-8",  "ISO-8859-9",  "ISO-8859-10",
+                                      "ISO-8859-11", "ISO-8859-13", "ISO-8859-14", "ISO-8859-15",
+                                      "UCS-2BE",     "EUC-KR",      "GB2312",      "UTF-8"};
+
+// The C library loads most tables as modules, and which ones must not be up to the traffic.
+class Converters {
+ public:
+  Converters() {
+    for (const char* encoding : kEncodings) {
+      converters_[encoding] = ::iconv_open("UTF-8", encoding);
+    }
+  }
+  Converters(const Converters&) = delete;
+  Converters& operator=(const Converters&) = delete;
+  ~Converters() = default;  // they last as long as the process
+
+  static const Converters& All() {
+    static const Converters all;
+    return all;
+  }
+  // In its first state; none where the system has no such table.
+  std::optional<iconv_t> For(const std::string& encoding) const {
+    const auto found = converters_.find(encoding);
+    if (found == converters_.end() || found->second == reinterpret_cast<iconv_t>(-1)) {
+      return std::nullopt;
+    }
+    ::iconv(found->second, nullptr, nullptr, nullptr, nullptr);
+    return found->second;
+  }
+
+ private:
+  std::map<std::string, iconv_t> converters_;
+};
+
 std::string ToUtf8(const std::string& encoding, std::string text) {
-  const iconv_t converter = ::iconv_open("UTF-8", encoding.c_str());
+  const auto converter = Converters::All().For(encoding);
   std::string utf8;
-  if (converter == reinterpret_cast<iconv_t>(-1)) {
+  if (!converter) {
     for (const char c : text) {
       utf8 += static_cast<std::uint8_t>(c) < 0x80 ? c : '?';
     }
@@ -50,7 +88,7 @@ std::string ToUtf8(const std::string& encoding, std::string text) {
     char buffer[256];
     char* out = buffer;
     std::size_t room = sizeof buffer;
-    const std::size_t result = ::iconv(converter, &in, &left, &out, &room);
+    const std::size_t result = ::iconv(*converter, &in, &left, &out, &room);
     utf8.append(buffer, out);
     if (result == static_cast<std::size_t>(-1) && errno != E2BIG) {
       const bool is_euro = encoding == kDefault && static_cast<std::uint8_t>(*in) == kEuro;
@@ -59,11 +97,14 @@ std::string ToUtf8(const std::string& encoding, std::string text) {
       --left;
     }
   }
-  ::iconv_close(converter);
   return utf8;
 }
 
 }  // namespace
+
+void PrepareDvbText() {
+  Converters::All();
+}
 
 std::string DvbText(std::span<const std::uint8_t> text) {
   const std::uint8_t* rest = text.data();
