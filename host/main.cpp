@@ -19,7 +19,7 @@
 namespace {
 
 int Tell(ipplay::ExitStatus status, const std::string& message) {
-  ipplay::Print(stderr, "ipplay: {}\n", message);
+  ipplay::Print(stderr, "ipplay: {}\n", ipplay::QuotedLine(message));
   return static_cast<int>(status);
 }
 
@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "ipplay: %s\n", error.what());
+    Tell(ipplay::ExitStatus::kFailed, error.what());
     return static_cast<int>(ipplay::ExitStatus::kFailed);
   }
 }

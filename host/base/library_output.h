@@ -7,9 +7,12 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "host/base/file_descriptor.h"
+#include "host/base/text.h"
 
 namespace ipplay {
 
@@ -17,10 +20,22 @@ namespace ipplay {
 // descriptor and points descriptor 1 at standard error, so main() makes it before all else.
 std::FILE* Results();
 
-// Prints as fmt::print does. Write errors are ignored (see ResultsAreWritten).
+// What is a string is quoted (see Quoted), since it may be anybody's.
+template <typename Argument>
+decltype(auto) Printable(Argument&& argument) {
+  if constexpr (std::is_convertible_v<Argument, std::string_view>) {
+    return Quoted(argument);
+  } else {
+    return std::forward<Argument>(argument);
+  }
+}
+
+// Prints as fmt::print does; only the format itself controls a terminal. Write errors are ignored
+// (see ResultsAreWritten).
 template <typename... Arguments>
 void Print(std::FILE* file, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
-  const std::string text = fmt::format(format, std::forward<Arguments>(arguments)...);
+  const std::string text =
+      fmt::format(fmt::runtime(format), Printable(std::forward<Arguments>(arguments))...);
   std::fwrite(text.data(), 1, text.size(), file);
 }
 

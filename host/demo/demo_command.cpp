@@ -14,6 +14,7 @@
 #include "host/base/memory_file.h"
 #include "host/base/output_file.h"
 #include "host/base/stop_signals.h"
+#include "host/base/text.h"
 #include "host/base/units.h"
 #include "host/cli/option_builder.h"
 #include "host/demo/demo_network.h"
@@ -77,7 +78,7 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
     return UsageFailure(
         fmt::format("--bitrate is required: {} has no PCRs to take its rate from", options.file));
   }
-  return DemoStream{FileDescriptor(), options.file, options.file, *bit_rate, facts->format};
+  return DemoStream{FileDescriptor(), options.file, QuotedLine(options.file), *bit_rate, facts->format};
 }
 
 // The command line of `ipplay measure` at the far end.

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "host/base/text.h"
 #include "host/base/units.h"
 #include "host/play/frame_fields.h"
 
@@ -71,7 +72,7 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   const auto line = [&text](std::string_view name, const std::string& value) {
     fmt::format_to(std::back_inserter(text), "  {:<22}{}\n", name, value);
   };
-  line("input", fmt::format("{}: {}", options.input, StreamText(facts)));
+  line("input", fmt::format("{}: {}", QuotedLine(options.input), StreamText(facts)));
   line("target", fmt::format("{} through {} (device {})", FormatTarget(options.to),
                              path.adapter.name, path.adapter.index));
   line("stream bit rate",

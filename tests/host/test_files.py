@@ -26,6 +26,22 @@ class FileCase(PlayCase):
         return process.returncode, output, errors
 
 
+class Quoted(PlayCase):
+    def test_names_control_no_terminal(self):
+        """Whatever a name holds: it stands in one line, and neither colours nor turns it."""
+        name = "\x1b[31m\n\x07\u202egpj\x9b2J.pcap"
+        path = self.path(name)
+        shown = r"\u001b[31m\u000a\u0007\u202egpj\u009b2J.pcap"
+        write_pcap(path, [])
+        for arguments in (("measure", path), ("measure", path + "x"), ("play", path, "--dry-run", *TARGET)):
+            process = subprocess.run([os.environ["IPPLAY"], *arguments], capture_output=True, check=False)
+            text = (process.stdout + process.stderr).decode()
+            self.assertIn(shown, text)
+            self.assertEqual([c for c in text if not c.isprintable() and c != "\n"], [])
+        process = subprocess.run([os.environ["IPPLAY"], "measure", path, "--json"], capture_output=True, check=True)
+        self.assertEqual(json.loads(process.stdout)["capture"]["source"], path)
+
+
 class Written(FileCase):
     def setUp(self):
         self.shared = self.path("shared")

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "host/base/text.h"
 #include "host/base/units.h"
 
 namespace ipplay::measure {
@@ -138,7 +139,7 @@ std::string LostText(const CaptureSummary& capture, const TotalSummary& total) {
 void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& total,
                  std::size_t columns) {
   const std::string about[] = {
-      capture.source,
+      QuotedLine(capture.source),
       total.rate.seconds < 1 ? Time(total.rate.seconds * 1e9)
                              : fmt::format("{:.1f} s", total.rate.seconds),
       fmt::format("{} {}", total.streams, total.streams == 1 ? "stream" : "streams"),
@@ -224,7 +225,7 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
   }
   WriteGivenUp(out, total);
   if (!capture.broken_off.empty()) {
-    fmt::format_to(out, "the capture broke off: {}\n", capture.broken_off);
+    fmt::format_to(out, "the capture broke off: {}\n", QuotedLine(capture.broken_off));
   }
   if (capture.IsSpoiled()) {
     fmt::format_to(out, "* the capture dropped frames: on the wire this may have been better\n");
