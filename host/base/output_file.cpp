@@ -35,6 +35,10 @@ std::optional<int> DescriptorOf(std::string_view path) {
   return std::nullopt;
 }
 
+constexpr const char* kNotOurs =
+    "a configuration file names it, and it is another kind of file; name it on the command line "
+    "to replace it";
+
 // 0, or the errno of what failed.
 int WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {
@@ -52,9 +56,10 @@ int WriteAll(int fd, std::string_view text) {
 
 }  // namespace
 
-OutputFile::OutputFile(std::string option, std::string path)
+OutputFile::OutputFile(std::string option, std::string path, std::string_view only_over)
     : option_(std::move(option)),
       path_(std::move(path)),
+      only_over_(only_over),
       owner_(::geteuid()),
       group_(::getegid()) {}
 
@@ -62,8 +67,9 @@ Failure OutputFile::Refusal(ExitStatus status, std::string_view why) const {
   return {status, fmt::format("{} {}: cannot be written: {}", option_, path_, why)};
 }
 
-Result<OutputFile> OutputFile::Create(const std::string& option, const std::string& path) {
-  OutputFile file(option, path);
+Result<OutputFile> OutputFile::Create(const std::string& option, const std::string& path,
+                                      std::string_view only_over) {
+  OutputFile file(option, path, only_over);
   if (auto failure = file.Prepare()) {
     return *std::move(failure);
   }
@@ -93,6 +99,9 @@ std::optional<Failure> OutputFile::Prepare() {
     if (S_ISLNK(status.st_mode)) {
       return refuse("it is a link; give a file");
     }
+    if (!MayReplace()) {
+      return refuse(kNotOurs);
+    }
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
       return OpenSpecial(status.st_uid);
     }
@@ -109,6 +118,20 @@ std::optional<Failure> OutputFile::Prepare() {
   }
   ::unlinkat(folder_.Get(), temporary.c_str(), 0);
   return std::nullopt;
+}
+
+bool OutputFile::MayReplace() const {
+  if (only_over_.empty()) {
+    return true;
+  }
+  const FileDescriptor fd(
+      ::openat(folder_.Get(), name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.IsOpen()) {
+    return errno == ENOENT;
+  }
+  std::string start(only_over_.size(), '\0');
+  return ::pread(fd.Get(), start.data(), start.size(), 0) == static_cast<ssize_t>(start.size()) &&
+         start == only_over_;
 }
 
 // Anybody can put a FIFO into a shared folder and wait for data.
@@ -142,6 +165,9 @@ std::optional<Failure> OutputFile::Commit(std::string_view text) const {
     std::fflush(Results());
     const int error = WriteAll(special_.Get(), text);
     return error == 0 ? std::nullopt : std::optional(fail(error));
+  }
+  if (!MayReplace()) {
+    return Refusal(ExitStatus::kFailed, kNotOurs);
   }
   std::string temporary;
   const FileDescriptor fd = CreateTemporary(temporary);

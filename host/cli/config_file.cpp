@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t kMostBytes = 1U << 20;
 constexpr std::string_view kBlanks = " \t\r";
 
-std::string Quoted(std::string_view text) {
+std::string InQuotes(std::string_view text) {
   std::string quoted = "\"";
   for (const char c : text) {
     if (c == '"' || c == '\\') {
@@ -38,7 +38,7 @@ std::string Values(const CLI::Option& option) {
   if (texts.empty()) {
     return {};
   }
-  std::transform(texts.begin(), texts.end(), texts.begin(), Quoted);
+  std::transform(texts.begin(), texts.end(), texts.begin(), InQuotes);
   if (texts.size() == 1) {
     return texts.front();
   }
@@ -183,7 +183,20 @@ std::vector<CLI::ConfigItem> ConfigFile::from_config(std::istream& input) const 
     }
     line.NeedEnd();
   }
+  read_ = read;
   return read;
+}
+
+bool ConfigFile::Gave(const CLI::App& command, const CLI::Option& option) const {
+  return std::ranges::any_of(read_, [&](const CLI::ConfigItem& item) {
+    return item.parents == std::vector{command.get_name()} && option.check_lname(item.name) &&
+           item.inputs == option.results();
+  });
+}
+
+bool IsFromFile(const CLI::App& app, const CLI::App& command, const std::string& option) {
+  const auto* file = dynamic_cast<const ConfigFile*>(app.get_config_formatter().get());
+  return file != nullptr && file->Gave(command, *command.get_option(option));
 }
 
 std::optional<Failure> WriteConfig(const CLI::App& app, const std::string& path) {

@@ -22,7 +22,16 @@ class ConfigFile : public CLI::Config {
                         std::string prefix) const override;
   // Throws CLI::ConfigError, with the number of the line.
   std::vector<CLI::ConfigItem> from_config(std::istream& input) const override;
+
+  // Whether the option has the value that the file gave it last.
+  bool Gave(const CLI::App& command, const CLI::Option& option) const;
+
+ private:
+  mutable std::vector<CLI::ConfigItem> read_;
 };
+
+// Whether the value of `option` ("--report") of the command comes from a configuration file.
+bool IsFromFile(const CLI::App& app, const CLI::App& command, const std::string& option);
 
 // Writes the options of `app` to `path`, if that is not empty.
 std::optional<Failure> WriteConfig(const CLI::App& app, const std::string& path);

@@ -16,11 +16,13 @@
 #include "host/base/stop_signals.h"
 #include "host/base/text.h"
 #include "host/base/units.h"
+#include "host/cli/config_file.h"
 #include "host/cli/option_builder.h"
 #include "host/demo/demo_network.h"
 #include "host/demo/demo_stream.h"
 #include "host/measure/measure_options.h"
 #include "host/measure/measure_run.h"
+#include "host/measure/results/report_html.h"
 #include "host/stream/stream_facts.h"
 
 namespace ipplay::measure {
@@ -36,6 +38,7 @@ struct DemoOptions {
   std::optional<double> bit_rate;
   std::chrono::nanoseconds length{};
   std::string report_file;
+  std::string report_over;  // what an older report must start with to be replaced
 };
 
 struct DemoStream {
@@ -78,7 +81,8 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
     return UsageFailure(
         fmt::format("--bitrate is required: {} has no PCRs to take its rate from", options.file));
   }
-  return DemoStream{FileDescriptor(), options.file, QuotedLine(options.file), *bit_rate, facts->format};
+  return DemoStream{FileDescriptor(), options.file, QuotedLine(options.file), *bit_rate,
+                    facts->format};
 }
 
 // The command line of `ipplay measure` at the far end.
@@ -97,7 +101,7 @@ std::vector<std::string> MeasureWords(const DemoOptions& options, const DemoStre
 
 Result<int> RunDemo(const DemoOptions& options) {
   if (!options.report_file.empty()) {
-    const auto file = OutputFile::Create("--report", options.report_file);
+    const auto file = OutputFile::Create("--report", options.report_file, options.report_over);
     if (!file) {
       return file.Error();
     }
@@ -112,6 +116,7 @@ Result<int> RunDemo(const DemoOptions& options) {
   auto words = MeasureWords(options, *stream);
   std::vector<std::pair<std::string, std::string>> settings{
       {"played", stream->name}, {"at", FormatBitRate(stream->bit_rate)}};
+  measure.report_over = options.report_over;
   command.parse(std::vector<std::string>(words.rbegin(), words.rend()));
 
   const auto network = DemoNetwork::Create();
@@ -172,7 +177,10 @@ void RegisterDemo(CLI::App& app, Result<int>& outcome) {
       "5s");
   add.Value("--report", options->report_file, "FILE", "a file", "Write a page with plots (HTML)",
             ParseText, "ipplay-demo.html");
-  command->callback([options, length_option, &outcome] {
+  command->callback([options, length_option, command, &app, &outcome] {
+    if (IsFromFile(app, *command, "--report")) {
+      options->report_over = measure::kReportStart;
+    }
     if (!options->file.empty() && length_option->count() > 0) {
       outcome = UsageFailure("--length: only the built-in stream takes a length; leave out FILE");
       return;

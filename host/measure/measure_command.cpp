@@ -11,6 +11,7 @@
 #include "host/cli/config_file.h"
 #include "host/measure/measure_options.h"
 #include "host/measure/measure_run.h"
+#include "host/measure/results/report_html.h"
 
 namespace ipplay {
 namespace {
@@ -45,6 +46,9 @@ void RegisterMeasure(CLI::App& app, Result<int>& outcome) {
     if (auto failure = WriteConfig(app, options->write_config)) {
       outcome = *std::move(failure);
       return;
+    }
+    if (IsFromFile(app, *command, "--report")) {
+      options->report_over = measure::kReportStart;
     }
     outcome = measure::RunMeasurement(*options, OptionsInForce(*command));
   });

@@ -33,6 +33,7 @@ struct MeasureOptions {
   bool json = false;
   bool quiet = false;
   std::string report_file;
+  std::string report_over;  // what an older report must start with to be replaced
   std::string events_file;
   std::string seconds_file;
   std::uint64_t rows = 20;

@@ -433,7 +433,7 @@ Result<int> RunMeasurement(const MeasureOptions& options, const Given& settings)
   }
   std::optional<OutputFile> report_file;
   if (!options.report_file.empty()) {
-    auto file = OutputFile::Create("--report", options.report_file);
+    auto file = OutputFile::Create("--report", options.report_file, options.report_over);
     if (!file) {
       return file.Error();
     }

@@ -177,6 +177,27 @@ class Repeated(FileCase):
                 other = self.run_ipplay("play", "--config", config, "--dry-run", "--ttl", 77)
                 self.assertNotEqual(other[1], first[1])
 
+    def test_report_named_in_a_file_replaces_reports_only(self):
+        config, victim, report = self.path("evil.conf"), self.path("victim"), self.path("report.html")
+        os.mkfifo(self.path("fifo"))
+        for path in (victim, self.path("empty")):
+            with open(path, "w", encoding="ascii") as file:
+                file.write("precious" if path == victim else "")
+        for path in (victim, self.path("empty"), self.path("fifo"), config):
+            with open(config, "w", encoding="ascii") as file:
+                file.write(f'[measure]\nsource = "{self.frames}"\nreport = "{path}"\n')
+            before = os.stat(path)[:7]
+            status, output, errors = self.run_ipplay("measure", "--config", config)
+            self.assertEqual((status, output, os.stat(path)[:7]), (USAGE, "", before), path)
+            self.assertIn("name it on the command line to replace it", errors)
+        with open(config, "w", encoding="ascii") as file:
+            file.write(f'[measure]\nsource = "{self.frames}"\nreport = "{report}"\n')
+        for _ in range(2):  # a new one, and over itself
+            self.assertEqual(self.run_ipplay("measure", "--config", config)[0], PLAYED)
+        self.assertEqual(read_file(victim), b"precious")
+        self.assertEqual(self.run_ipplay("measure", "--config", config, "--report", victim)[0], PLAYED)
+        self.assertEqual(read_file(victim)[:15], b"<!doctype html>")
+
     def measured(self, *arguments):
         """Figures alone: when it was and by which options differs."""
         status, output, errors = self.run_ipplay("measure", *arguments)

@@ -223,13 +223,11 @@ void WriteHeader(Out out, const ReportSource& source) {
                                : fmt::format("Captured {} to {}", DateText(measurement.StartNs()),
                                              DateText(measurement.EndNs()));
   fmt::format_to(out,
-                 "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-                 "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
-                 "<title>Measurement of {0}</title><style>{1}</style></head>\n<body><main>\n"
+                 "{6}{0}</title><style>{1}</style></head>\n<body><main>\n"
                  "<header><h1>Measurement of {0}</h1><p>{2}{3}. Report made {4}{5}.</p></header>\n",
                  EscapeHtml(capture.source), kReportStyle, EscapeHtml(when),
                  capture.live ? "" : ", read from a file", EscapeHtml(source.date),
-                 version.empty() ? "" : " by ipplay " + version);
+                 version.empty() ? "" : " by ipplay " + version, kReportStart);
   WriteBanners(out, source);
 }
 

@@ -22,6 +22,11 @@ struct ReportSource {
   std::string date;
 };
 
+// Every report starts with it.
+inline constexpr std::string_view kReportStart =
+    "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+    "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
+    "<title>Measurement of ";
 std::string ReportHtml(const ReportSource& source);
 
 }  // namespace ipplay::measure
