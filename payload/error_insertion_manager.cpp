@@ -8,6 +8,12 @@ namespace {
 
 constexpr std::uint32_t kMostRandomDistance = 100;
 
+// The frame, its place in the map, and what the allocator adds to both.
+std::size_t BytesToHold(const PDU& frame) {
+  constexpr std::size_t kPlace = 128;
+  return frame.Length() + kPlace;
+}
+
 }  // namespace
 
 CErrorInsertionManager::CErrorInsertionManager(const std::uint32_t& protocol_mode,
@@ -39,6 +45,7 @@ void CErrorInsertionManager::Reset() {
   {
     const platform::MutexLock lock(held_frames_mutex_);
     held_frames_.clear();
+    held_bytes_ = 0;
   }
   any_held_ = false;
   ClearDecisions();
@@ -119,7 +126,13 @@ bool CErrorInsertionManager::HoldFrame(PDU& frame, std::uint32_t copy_index) {
     }
   }
   const platform::MutexLock lock(held_frames_mutex_);
-  held_frames_.try_emplace(HeldFrameKey(due_index_, copy_index), frame);
+  const std::size_t bytes = BytesToHold(frame);
+  if (bytes > kMostHeldBytes - held_bytes_) {
+    return false;
+  }
+  if (held_frames_.try_emplace(HeldFrameKey(due_index_, copy_index), frame).second) {
+    held_bytes_ += bytes;
+  }
   any_held_ = true;
   return true;
 }
@@ -139,7 +152,11 @@ PDU* CErrorInsertionManager::GetHeldFrame(std::uint32_t copy_index) {
 
 void CErrorInsertionManager::ReleaseHeldFrame(std::uint32_t copy_index) {
   const platform::MutexLock lock(held_frames_mutex_);
-  held_frames_.erase(HeldFrameKey(current_index_, copy_index));
+  const auto found = held_frames_.find(HeldFrameKey(current_index_, copy_index));
+  if (found != held_frames_.end()) {
+    held_bytes_ -= BytesToHold(found->second);
+    held_frames_.erase(found);
+  }
   any_held_ = !held_frames_.empty();
 }
 

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 
@@ -21,6 +22,9 @@ namespace ipplayout {
 // configure and reset only while no run is in progress.
 class CErrorInsertionManager final : public CErrorManagerBase {
  public:
+  // Room for late frames, with some bytes of ours for each. A frame that finds none is not late.
+  static constexpr std::size_t kMostHeldBytes = std::size_t{256} << 20;
+
   // Sequence errors are scheduled and accepted only while `protocol_mode` is IPPLAYOUT_RTP; it is
   // read at every datagram. Both outlive this object.
   CErrorInsertionManager(const std::uint32_t& protocol_mode, platform::Random& random);
@@ -89,6 +93,7 @@ class CErrorInsertionManager final : public CErrorManagerBase {
 
   platform::Mutex held_frames_mutex_;
   std::map<std::uint64_t, PDU> held_frames_ IPPLAYOUT_GUARDED_BY(held_frames_mutex_);
+  std::size_t held_bytes_ IPPLAYOUT_GUARDED_BY(held_frames_mutex_) = 0;
   // Lets the usual datagram, with nothing held back, pass without the mutex. Pump thread only.
   bool any_held_ = false;
   PDU returned_frame_;

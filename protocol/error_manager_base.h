@@ -40,7 +40,8 @@ class CErrorManagerBase {
   virtual void SetJitter(double jitter) = 0;
   virtual bool CopyStatistics(ErrorStatistics& out) const = 0;
   virtual std::uint32_t IsEnabled() const = 0;
-  // Keeps a copy of `frame`, to be sent before a later datagram.
+  // Keeps a copy of `frame`, to be sent before a later datagram. False where there is no room, so
+  // that it has to leave now.
   virtual bool HoldFrame(PDU& frame, std::uint32_t copy_index) = 0;
   // The frame that is due before the current datagram, valid until the next call; or null.
   virtual PDU* GetHeldFrame(std::uint32_t copy_index) = 0;

@@ -61,13 +61,14 @@ bool EthernetDataFlowOut::IsWithheld(PDU& frame, std::uint32_t copy_index) {
   if (lose_) {
     return true;
   }
-  if (delay_) {
-    errors_->HoldFrame(frame, copy_index);
-    if (copy_index == 0) {
+  const bool is_held = delay_ && errors_->HoldFrame(frame, copy_index);
+  if (copy_index == 0) {
+    delay_ = is_held;
+    if (is_held) {
       errors_->CountSequenceError();
     }
   }
-  return delay_;
+  return is_held;
 }
 
 }  // namespace ipplayout

@@ -210,9 +210,11 @@ typedef struct ErrorInsertion {
   uint32_t SequenceErrorEnabled;  // frames that leave late; RTP only
   uint32_t NumSequenceError;
   uint32_t SequenceErrorRange;
-  uint32_t SequenceErrorDistance;  // how many later datagrams overtake a late one
-  uint32_t ChecksumErrorEnabled;   // checksums one above the right value (modulo 65536)
-  uint32_t ChecksumErrorType;      // IPPLAYOUT_CHECKSUM_...; nothing for other values
+  // How many later datagrams overtake a late one. Up to 256 MiB of late frames wait at a time; a
+  // datagram that finds no room leaves in its turn and is not counted as late.
+  uint32_t SequenceErrorDistance;
+  uint32_t ChecksumErrorEnabled;  // checksums one above the right value (modulo 65536)
+  uint32_t ChecksumErrorType;     // IPPLAYOUT_CHECKSUM_...; nothing for other values
   uint32_t NumChecksumError;
   uint32_t ChecksumErrorRange;
   uint32_t RandomizeErrors;

@@ -51,5 +51,30 @@ TEST(ErrorInsertionManagerTest, HeldFramesAreFoundWhereTheirIndexWraps) {
   EXPECT_EQ(errors.GetHeldFrame(0), nullptr);
 }
 
+TEST(ErrorInsertionManagerTest, HoldsNoMoreThanItsRoom) {
+  constexpr std::uint32_t kFrameBytes = 1U << 20;
+  constexpr std::uint64_t kFrames = CErrorInsertionManager::kMostHeldBytes / kFrameBytes;
+  CErrorInsertionManager errors(kRtp, platform::ProcessRandom());
+  // All of them are late, and none is due while they come.
+  errors.Configure({1, 0, 0, 0, 1, 1, 1, kFrames + 9, 0, 0, 0, 0, 0});
+  PDU frame(kFrameBytes);
+  const auto hold = [&](std::uint64_t index) {
+    errors.PrepareForPacket(index);
+    return errors.HoldFrame(frame, 0);
+  };
+  std::uint64_t held = 0;
+  while (held < kFrames + 5 && hold(held)) {
+    ++held;
+  }
+  EXPECT_EQ(held, kFrames - 1);  // what it takes to hold them is counted, too
+  errors.PrepareForPacket(kFrames + 10);
+  ASSERT_NE(errors.GetHeldFrame(0), nullptr);
+  errors.ReleaseHeldFrame(0);
+  EXPECT_TRUE(hold(kFrames + 10));
+  EXPECT_FALSE(hold(kFrames + 11));
+  errors.Reset();
+  EXPECT_TRUE(hold(0));
+}
+
 }  // namespace
 }  // namespace ipplayout
