@@ -15,7 +15,7 @@ class StepFreeClock {
   // Queues hold a frame back for less.
   static constexpr std::int64_t kShortestStepNs = 100'000'000;
 
-  // The time stamp of the next frame, on the clock before all steps.
+  // The time stamp of the next frame, 0 to 2^62 ns, on the clock before all steps.
   std::int64_t Take(std::int64_t stamp_ns) {
     step_ns_.reset();
     std::int64_t time_ns = stamp_ns + shift_ns_;
@@ -46,8 +46,11 @@ class StepFreeClock {
   std::uint64_t Steps() const { return steps_; }
 
  private:
+  // A clock may step back over and over: with this no sum of times leaves 64 bits.
+  static constexpr std::int64_t kMostShiftNs = std::int64_t{1} << 60;
+
   void Step(std::int64_t by_ns) {
-    shift_ns_ += by_ns;
+    shift_ns_ = std::clamp(shift_ns_ + by_ns, -kMostShiftNs, kMostShiftNs);
     step_ns_ = -by_ns;
     ++steps_;
   }
