@@ -69,7 +69,7 @@ class CErrorInsertionManager final : public CErrorManagerBase {
  private:
   enum Request : std::size_t { kLoss, kSequence, kIpChecksum, kUdpChecksum, kRequests };
 
-  bool SequenceErrorsAllowed() const { return protocol_mode_ == IPPLAYOUT_RTP; }
+  bool SequenceErrorsAllowed() const;
   void Raise(Request request) { requests_[request].store(1, std::memory_order_release); }
   bool Take(Request request, std::int32_t consume);
   void ClearDecisions();
