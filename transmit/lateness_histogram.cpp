@@ -54,9 +54,10 @@ std::optional<nanoseconds> LatenessHistogram::Percentile(double percent) const {
   if (count == 0) {
     return std::nullopt;
   }
-  const double share = std::clamp(percent, 0.0, 100.0) / 100;
-  const auto rank = std::clamp<std::uint64_t>(
-      static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(count))), 1, count);
+  // Multiplied first: 99.9 / 100 is a little more than its share, and 1,000 times that a rank more.
+  const double exact = std::clamp(percent, 0.0, 100.0) * static_cast<double>(count) / 100;
+  const auto rank =
+      std::clamp<std::uint64_t>(static_cast<std::uint64_t>(std::ceil(exact)), 1, count);
   std::uint64_t value = kLongest;
   std::uint64_t passed = 0;
   for (std::size_t i = 0; i < kBuckets; ++i) {
