@@ -127,7 +127,7 @@ void ScheduleTransmitter::Run() {
   while (!StopRequested()) {
     TakeRequests();
     const Time now = waiter_->Now();
-    if (!heap_.empty() && MayGo() && heap_.front()->planned <= now + kTogether) {
+    if (!heap_.empty() && MayGo() && heap_.front()->planned <= LatestDue(now)) {
       SendDue(now);
     } else {
       Wait();
@@ -302,12 +302,16 @@ void ScheduleTransmitter::SendDue(Time now) {
   }
 }
 
+ScheduleTransmitter::Time ScheduleTransmitter::LatestDue(Time now) const {
+  return is_virtual_ ? now : now + kTogether;
+}
+
 // One burst goes to one destination.
 void ScheduleTransmitter::Collect(Time now) {
   taken_count_ = 0;
   burst_count_ = 0;
   const FrameSink* sink = nullptr;
-  const Time latest = is_virtual_ ? now : now + kTogether;
+  const Time latest = LatestDue(now);
   while (!heap_.empty() && taken_count_ < taken_.size() && MayGo()) {
     ScheduledStream& stream = *heap_.front();
     if (stream.planned > latest || (sink != nullptr && sink != &stream.sink)) {

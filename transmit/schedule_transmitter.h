@@ -82,6 +82,8 @@ class ScheduleTransmitter final : public OsaThread {
   void Record(Time begun, Time ended);
   void LetGo();
 
+  // What is due by then leaves now.
+  Time LatestDue(Time now) const;
   bool MayGo() const { return !is_virtual_ || awaiting_ == 0; }
 
   const std::unique_ptr<platform::DeadlineWaiter> waiter_;
