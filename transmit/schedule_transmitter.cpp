@@ -261,6 +261,8 @@ void ScheduleTransmitter::AcknowledgeRemoval(ScheduledStream& stream) {
   if (stream.state != ScheduledStream::State::kGone) {
     End(stream, ECANCELED);
   }
+  // What the builder has added since the end.
+  stream.timing.Discarded(stream.ring.Waiting());
   // No request enters any more.
   stream.requested.store(true);
   const platform::MutexLock lock(changes_mutex_);
@@ -409,11 +411,12 @@ void ScheduleTransmitter::LetGo() {
     const QueuedFrame& frame = *taken.frame;
     const bool was_in_burst = taken.goes && frame.leaves;
     const bool left = was_in_burst && taken.error == 0;
-    if (!taken.goes) {
+    const bool left_out = !taken.goes && frame.leaves;
+    if (left_out) {
       stream.timing.LeftOut();
     }
     if (stream.ledger.IsKept()) {
-      const std::uint32_t did = frame.did | (taken.goes ? 0 : IPPLAYOUT_DID_LEAVE_OUT) |
+      const std::uint32_t did = frame.did | (left_out ? IPPLAYOUT_DID_LEAVE_OUT : 0) |
                                 (taken.error == 0 ? 0 : IPPLAYOUT_DID_REFUSE);
       stream.ledger.Add({frame.datagram, frame.copy, did, frame.due.count(),
                          left ? burst_[sent].due.count() : -1, frame.length, frame.rtp_sequence});

@@ -58,14 +58,19 @@ void StampBook::Read() {
 }
 
 void StampBook::Forget(const ScheduledStream& stream) {
+  bool is_shared = false;
   for (Entry& entry : entries_) {
     if (entry.stream == &stream) {
       entry.stream = nullptr;
       --outstanding_;
+    } else if (entry.stream != nullptr && &entry.stream->sink == &stream.sink) {
+      is_shared = true;
     }
   }
   // Asked for anew by the streams that are left, if there are any.
-  std::erase(sinks_, &stream.sink);
+  if (!is_shared) {
+    std::erase(sinks_, &stream.sink);
+  }
 }
 
 }  // namespace ipplayout

@@ -21,7 +21,8 @@ class TimingRecord {
   void Left(Time departure, Time behind, Time tolerance);
   void LeftOut() { Count(left_out_); }
   void NotSent() { Count(not_sent_); }
-  void Discarded(std::uint64_t frames) { discarded_.fetch_add(frames, kRelaxed); }
+  // Frames that are left in the ring.
+  void Discarded(std::uint64_t total) { discarded_.store(total, kRelaxed); }
   // The next frame was not there for this long when it was due.
   void WasDry(Time length) {
     Count(dry_times_);
