@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <span>
 
 namespace ipplayout::platform {
 
@@ -27,6 +28,25 @@ class RequestStack {
       node.next = top;
     } while (!top_.compare_exchange_weak(top, &node));
     return true;
+  }
+
+  // Several that were not requested yet, in one step: whoever takes one of them takes all.
+  template <typename Node>
+  void PushTogether(std::span<Node* const> nodes) {
+    if (nodes.empty()) {
+      return;
+    }
+    RequestNode* newest = nullptr;
+    for (RequestNode* node : nodes) {
+      node->requested.store(true);
+      node->next = newest;
+      newest = node;
+    }
+    RequestNode* const oldest = nodes.front();
+    RequestNode* top = top_.load(std::memory_order_relaxed);
+    do {
+      oldest->next = top;
+    } while (!top_.compare_exchange_weak(top, newest));
   }
 
   bool IsEmpty() const { return top_.load() == nullptr; }

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
 #include <utility>
 
 namespace ipplayout {
@@ -42,6 +41,7 @@ ScheduleTransmitter::ScheduleTransmitter(std::unique_ptr<platform::DeadlineWaite
     : OsaThread("ScheduleTransmitter", 0, OsaThreadPriority::AboveNormal()),
       waiter_(std::move(waiter)),
       is_virtual_(is_virtual) {
+  heap_.reserve(kMostStreams);
   StartSilently();
 }
 
@@ -59,26 +59,21 @@ void ScheduleTransmitter::Stop() {
 
 bool ScheduleTransmitter::Add(std::span<ScheduledStream* const> streams,
                               std::optional<Time> start) {
-  {
-    const platform::MutexLock lock(changes_mutex_);
-    try {
-      arrivals_.reserve(arrivals_.size() + streams.size());
-    } catch (const std::exception&) {
-      return false;
-    }
-    double frames_per_second = frames_per_second_.load();
-    for (ScheduledStream* stream : streams) {
-      stream->start = start;
-      stream->is_added = true;
-      arrivals_.push_back(stream);
-      ++streams_;
-      precise_streams_ += stream->rules.is_precise ? 1 : 0;
-      frames_per_second += stream->rules.frames_per_second;
-    }
-    frames_per_second_.store(frames_per_second);
-    AdaptToLoad();
-    has_arrivals_.store(true);
+  const platform::MutexLock lock(changes_mutex_);
+  if (streams_ + streams.size() > kMostStreams) {
+    return false;
   }
+  double frames_per_second = frames_per_second_.load();
+  for (ScheduledStream* stream : streams) {
+    stream->start = start;
+    stream->is_added = true;
+    ++streams_;
+    precise_streams_ += stream->rules.is_precise ? 1 : 0;
+    frames_per_second += stream->rules.frames_per_second;
+  }
+  frames_per_second_.store(frames_per_second);
+  AdaptToLoad();
+  requests_.PushTogether(streams);
   waiter_->Interrupt();
   return true;
 }
@@ -92,10 +87,8 @@ void ScheduleTransmitter::Remove(ScheduledStream& stream) {
   }
   stream.wants_removal.store(true);
   Request(stream);
+  stream.removed.Wait();
   const platform::MutexLock lock(changes_mutex_);
-  while (!stream.is_removed) {
-    removed_.Wait(changes_mutex_);
-  }
   --streams_;
   precise_streams_ -= stream.rules.is_precise ? 1 : 0;
   frames_per_second_.store(
@@ -136,50 +129,55 @@ void ScheduleTransmitter::Run() {
 }
 
 void ScheduleTransmitter::TakeRequests() {
-  if (has_arrivals_.load()) {
-    TakeArrivals();
-  }
   if (requests_.IsEmpty()) {
     return;
   }
   platform::RequestNode* node = requests_.TakeAll();
+  TakeArrivals(node);
   while (node != nullptr) {
     auto& stream = static_cast<ScheduledStream&>(*node);
     node = node->next;
     stream.requested.store(false);
-    if (stream.wants_removal.load()) {
-      AcknowledgeRemoval(stream);
-    } else {
+    if (!stream.wants_removal.load()) {
       Refresh(stream);
+    } else if (!stream.requested.exchange(true)) {
+      // It stays requested: the request for the removal, which may yet be on its way, enters no
+      // more. One that has entered meanwhile is taken first.
+      AcknowledgeRemoval(stream);
     }
   }
 }
 
-void ScheduleTransmitter::TakeArrivals() {
-  std::vector<ScheduledStream*> arrivals;
-  {
-    const platform::MutexLock lock(changes_mutex_);
-    arrivals.swap(arrivals_);
-    has_arrivals_.store(false);
-    stamps_.SampleFor(frames_per_second_.load());
+// Streams that arrive together come in one list. All of them are awaited before the first one is
+// looked at.
+void ScheduleTransmitter::TakeArrivals(platform::RequestNode* first) {
+  bool any = false;
+  for (platform::RequestNode* node = first; node != nullptr; node = node->next) {
+    auto& stream = static_cast<ScheduledStream&>(*node);
+    if (stream.state == ScheduledStream::State::kFresh) {
+      stream.number = ++last_number_;
+      stream.state = ScheduledStream::State::kAwaiting;
+      stream.retries_before = stream.sink.Retries();
+      ++awaiting_;
+      any = true;
+    }
   }
+  if (any) {
+    stamps_.SampleFor(frames_per_second_.load());
+    HastenWakeUps();
+  }
+}
+
+void ScheduleTransmitter::HastenWakeUps() {
   if (!is_virtual_ && !short_wake_ups_) {
     short_wake_ups_.emplace();
-  }
-  for (ScheduledStream* stream : arrivals) {
-    stream->number = ++last_number_;
-    stream->state = ScheduledStream::State::kAwaiting;
-    ++awaiting_;
-  }
-  for (ScheduledStream* stream : arrivals) {
-    Refresh(*stream);
   }
 }
 
 void ScheduleTransmitter::Refresh(ScheduledStream& stream) {
   using State = ScheduledStream::State;
-  if (stream.state == State::kGone || stream.state == State::kFresh) {
-    return;  // a fresh one is looked at when it arrives
+  if (stream.state == State::kGone) {
+    return;
   }
   const Time now = waiter_->Now();
   if (stream.wants_pause.load() != (stream.state == State::kPaused)) {
@@ -217,6 +215,7 @@ void ScheduleTransmitter::Pause(ScheduledStream& stream, Time now) {
   }
   stream.state = ScheduledStream::State::kAwaiting;
   ++awaiting_;
+  HastenWakeUps();
 }
 
 // The ring of a stream that waited for a frame has one.
@@ -253,21 +252,14 @@ void ScheduleTransmitter::End(ScheduledStream& stream, int error) {
   stream.listener.OnEnd(error);
 }
 
-// Only for a request that was taken: none for the stream is left behind.
+// Only while the stream is requested and in no list: no request enters any more.
 void ScheduleTransmitter::AcknowledgeRemoval(ScheduledStream& stream) {
-  if (stream.state == ScheduledStream::State::kFresh) {
-    TakeArrivals();  // it is among them
-  }
   if (stream.state != ScheduledStream::State::kGone) {
     End(stream, ECANCELED);
   }
   // What the builder has added since the end.
   stream.timing.Discarded(stream.ring.Waiting());
-  // No request enters any more.
-  stream.requested.store(true);
-  const platform::MutexLock lock(changes_mutex_);
-  stream.is_removed = true;
-  removed_.NotifyAll();
+  stream.removed.Set();
 }
 
 void ScheduleTransmitter::Wait() {
@@ -389,7 +381,7 @@ void ScheduleTransmitter::Record(Time begun, Time ended) {
   for (std::size_t i = 0; i < burst_count_; ++i) {
     Taken& taken = taken_[taken_of_burst_[i]];
     ScheduledStream& stream = *taken.stream;
-    stream.timing.Retried(retries);
+    stream.timing.Retried(retries - stream.retries_before);
     if (taken.error != 0) {
       stream.timing.NotSent();
       continue;

@@ -26,7 +26,8 @@ namespace ipplayout {
 
 // Streams are ordered by the time of their next frame. What is due now is collected over all of
 // them and leaves in one call. Other threads ask for attention by requests, which wake the thread;
-// it alone touches the schedule.
+// it alone touches the schedule. It takes no lock and no memory: it may be ahead of any thread that
+// would hold one.
 //
 // Where time is virtual nothing leaves until each stream has said what its next frame is: the
 // result does not depend on how fast anybody is.
@@ -40,8 +41,11 @@ class ScheduleTransmitter final : public OsaThread {
 
   Time Now() const { return waiter_->Now(); }
 
+  // Room for so many is kept.
+  static constexpr std::size_t kMostStreams = 16384;
+
   // The streams enter the schedule together. `start` is the time 0 of each; without one a stream
-  // begins with its first frame. False when there is no memory.
+  // begins with its first frame. False when there would be more than kMostStreams.
   bool Add(std::span<ScheduledStream* const> streams, std::optional<Time> start);
   // Takes a stream out, if it was added, and returns when the thread has let go of it for good.
   // Nobody else makes requests for it by then.
@@ -63,7 +67,8 @@ class ScheduleTransmitter final : public OsaThread {
 
   void Run() override;
   void TakeRequests();
-  void TakeArrivals();
+  void TakeArrivals(platform::RequestNode* first);
+  void HastenWakeUps();
   void Refresh(ScheduledStream& stream);
   void Pause(ScheduledStream& stream, Time now);
   void Schedule(ScheduledStream& stream, Time now);
@@ -91,14 +96,11 @@ class ScheduleTransmitter final : public OsaThread {
 
   platform::RequestStack requests_;
 
-  // Streams on their way in and out, and what those that are in ask of the thread.
+  // What the streams that are in ask of the thread. Other threads' only.
   platform::Mutex changes_mutex_;
-  std::vector<ScheduledStream*> arrivals_ IPPLAYOUT_GUARDED_BY(changes_mutex_);
   std::size_t streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
   std::size_t precise_streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
-  platform::ConditionVariable removed_;
-  std::atomic<bool> has_arrivals_{false};  // stored under the mutex
-  std::atomic<bool> gathers_{false};
+  std::atomic<bool> gathers_{false};  // these two stored under the mutex
   std::atomic<double> frames_per_second_{0};
 
   // The rest is the thread's own.

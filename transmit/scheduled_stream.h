@@ -9,6 +9,7 @@
 
 #include "driver/frame_sink.h"
 #include "platform/request_stack.h"
+#include "platform/signal.h"
 #include "transmit/departure_ledger.h"
 #include "transmit/departure_policy.h"
 #include "transmit/frame_ring.h"
@@ -64,8 +65,8 @@ struct ScheduledStream : platform::RequestNode {
   std::atomic<bool> all_built{false};  // by the builder: nothing comes behind what is in the ring
   std::atomic<bool> wants_pause{false};
   std::atomic<bool> wants_removal{false};
-  bool is_added = false;  // these two under the transmitter's mutex
-  bool is_removed = false;
+  bool is_added = false;     // under the transmitter's mutex
+  platform::Signal removed;  // by the transmitter: it does not look at the stream again
 
   enum class State {
     kFresh,      // not in the schedule yet
@@ -80,7 +81,7 @@ struct ScheduledStream : platform::RequestNode {
   Time planned{0};
   Time paused_at{0};
   std::uint64_t number = 0;  // in the order of adding: parts streams that are due together
-  std::uint32_t slot = 0;    // in the table of stamps
+  std::uint64_t retries_before = 0;  // of the sink, by streams that came earlier
 };
 
 }  // namespace ipplayout

@@ -1,0 +1,463 @@
+// SPDX-License-Identifier: MIT
+#include "transmit/schedule_transmitter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <future>
+#include <memory>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "platform/virtual_waiter.h"
+#include "tests/support/blocked_call.h"
+#include "tests/support/fake_frame_sink.h"
+
+namespace ipplayout {
+namespace {
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::Pair;
+
+// Nothing holds back what is late.
+StreamRules AtOnce() {
+  StreamRules rules;
+  rules.late.what = WhenLate::kCatchUp;
+  return rules;
+}
+
+// A clock that stands still until a test moves it.
+class SteppedWaiter final : public platform::DeadlineWaiter {
+ public:
+  nanoseconds Now() const override { return now_.load(); }
+  void WaitUntilInterrupted(nanoseconds deadline, nanoseconds /*longest_spin*/) override {
+    if (Now() < deadline) {
+      DeadlineWaiter::WaitUntilInterrupted(kNever, nanoseconds::zero());
+    }
+  }
+  void MoveTo(nanoseconds time) {
+    now_ = time;
+    Interrupt();
+  }
+
+ private:
+  std::atomic<nanoseconds> now_{nanoseconds(0)};
+};
+
+// A playout whose frames say in two bytes whose they are and which.
+class Player final : private StreamListener {
+ public:
+  Player(std::uint8_t name, FrameSink& sink, const StreamRules& rules = {},
+         std::size_t ledger_frames = 0)
+      : stream(16, 2, ledger_frames, rules, sink, *this), name_(name) {}
+
+  void Push(nanoseconds due, bool leaves = true) {
+    const std::uint8_t bytes[] = {name_, next_};
+    QueuedFrame frame;
+    frame.due = due;
+    frame.datagram = next_++;
+    frame.length = sizeof bytes;
+    frame.leaves = leaves;
+    stream.ring.Push(frame, bytes);
+  }
+  Player& Holding(std::initializer_list<nanoseconds> dues) {
+    for (const nanoseconds due : dues) {
+      Push(due);
+    }
+    return *this;
+  }
+  Player& ThatIsAll() {
+    stream.all_built = true;
+    return *this;
+  }
+  // The error it ended with.
+  int Ended() {
+    auto end = ended_.get_future();
+    return Returns(end) ? end.get() : -1;
+  }
+  TimingRecord::Counts Counts() const { return stream.timing.Read(); }
+  int Rooms() const { return rooms_; }
+
+  ScheduledStream stream;
+
+ private:
+  void OnRoom() override { ++rooms_; }
+  void OnEnd(int error) override { ended_.set_value(error); }
+
+  const std::uint8_t name_;
+  std::uint8_t next_ = 0;
+  std::atomic<int> rooms_{0};
+  std::promise<int> ended_;
+};
+
+using Departures = std::vector<std::tuple<char, int, nanoseconds>>;  // name, frame, due
+
+Departures DeparturesAt(const FakeFrameSink& sink) {
+  Departures result;
+  for (const auto& frame : sink.Sent()) {
+    result.emplace_back(static_cast<char>(frame.bytes[0]), frame.bytes[1], frame.due);
+  }
+  return result;
+}
+
+class VirtualTime : public testing::Test {
+ protected:
+  VirtualTime() { transmitter.Start(); }
+
+  void Play(std::initializer_list<Player*> players, std::optional<nanoseconds> start = {}) {
+    std::vector<ScheduledStream*> streams;
+    for (Player* player : players) {
+      streams.push_back(&player->stream);
+    }
+    ASSERT_TRUE(transmitter.Add(streams, start));
+  }
+  void Remove(Player& player) {
+    auto removal = OnAnotherThread([&] { transmitter.Remove(player.stream); });
+    ASSERT_TRUE(Returns(removal));
+  }
+
+  FakeFrameSink sink;
+  ScheduleTransmitter transmitter{std::make_unique<platform::VirtualWaiter>(), true};
+};
+
+TEST_F(VirtualTime, SendsByTimeAndTiesInTheOrderOfAdding) {
+  Player a('a', sink);
+  Player b('b', sink);
+  Player c('c', sink);
+  a.Holding({milliseconds(0), milliseconds(2), milliseconds(4)}).ThatIsAll();
+  b.Holding({milliseconds(0), milliseconds(1), milliseconds(2)}).ThatIsAll();
+  // As close to others as what would leave in one call with them in real time.
+  c.Holding({nanoseconds(1), milliseconds(1) + microseconds(2), milliseconds(2)}).ThatIsAll();
+  Play({&a, &b, &c});
+  for (Player* player : {&a, &b, &c}) {
+    EXPECT_EQ(player->Ended(), 0);
+    Remove(*player);
+    EXPECT_EQ(player->Counts().on_time, 3U);
+    EXPECT_EQ(player->stream.timing.Lateness().Maximum(), nanoseconds(0));
+  }
+  EXPECT_EQ(DeparturesAt(sink),
+            (Departures{{'a', 0, nanoseconds(0)},
+                        {'b', 0, nanoseconds(0)},
+                        {'c', 0, nanoseconds(0)},  // begins with its first frame
+                        {'b', 1, milliseconds(1)},
+                        {'c', 1, milliseconds(1) + microseconds(2) - nanoseconds(1)},
+                        {'c', 2, milliseconds(2) - nanoseconds(1)},
+                        {'a', 1, milliseconds(2)},
+                        {'b', 2, milliseconds(2)},
+                        {'a', 2, milliseconds(4)}}));
+}
+
+TEST_F(VirtualTime, TimeStandsUntilEachStreamHasSaidWhatComesNext) {
+  Player a('a', sink);
+  Player b('b', sink);
+  a.Holding({milliseconds(0), milliseconds(5)}).ThatIsAll();
+  b.Holding({milliseconds(0)});
+  Play({&a, &b}, seconds(7));
+  Player later('l', sink);
+  later.ThatIsAll();
+  Play({&later});  // has nothing to say, but is looked at behind the others
+  EXPECT_EQ(later.Ended(), 0);
+  Remove(later);
+  EXPECT_LE(sink.SentFrames(), 2U);
+  b.Push(milliseconds(3));
+  b.ThatIsAll();
+  transmitter.Request(b.stream);
+  EXPECT_EQ(a.Ended(), 0);
+  EXPECT_EQ(b.Ended(), 0);
+  EXPECT_EQ(DeparturesAt(sink), (Departures{{'a', 0, seconds(7)},
+                                            {'b', 0, seconds(7)},
+                                            {'b', 1, seconds(7) + milliseconds(3)},
+                                            {'a', 1, seconds(7) + milliseconds(5)}}));
+  Remove(a);
+  Remove(b);
+}
+
+TEST_F(VirtualTime, ARefusedFrameEndsOnePlayoutAndNotItsNeighbours) {
+  for (const bool ends : {true, false}) {
+    FakeFrameSink refusing;
+    refusing.refuse = [](const OutgoingFrame& frame) {
+      return FakeFrameSink::Refusal{frame.bytes[0] == 'b' && frame.bytes[1] == 1 ? EMSGSIZE : 0,
+                                    true};
+    };
+    StreamRules rules;
+    rules.ends_when_refused = ends;
+    Player a('a', refusing, rules, 8);
+    Player b('b', refusing, rules, 8);
+    Player c('c', refusing, rules, 8);
+    for (Player* player : {&a, &b, &c}) {
+      player->Holding({milliseconds(0), milliseconds(1), milliseconds(2)}).ThatIsAll();
+    }
+    Play({&a, &b, &c});
+    EXPECT_EQ(a.Ended(), 0);
+    EXPECT_EQ(b.Ended(), ends ? EMSGSIZE : 0);
+    EXPECT_EQ(c.Ended(), 0);
+    for (Player* player : {&a, &b, &c}) {
+      Remove(*player);
+      const bool is_refused = player == &b;
+      EXPECT_EQ(player->Counts().not_sent, is_refused ? 1U : 0U);
+      EXPECT_EQ(player->Counts().on_time, is_refused ? (ends ? 1U : 2U) : 3U);
+      EXPECT_EQ(player->Counts().discarded, is_refused && ends ? 1U : 0U);
+    }
+    std::array<IpPlayoutRecord, 8> records;
+    ASSERT_EQ(b.stream.ledger.Take(records), ends ? 2U : 3U);
+    EXPECT_EQ(records[0].DepartureNs, records[0].DueNs + a.Counts().first_departure.count());
+    EXPECT_EQ(records[1].DepartureNs, -1);
+    EXPECT_EQ(records[1].Did, std::uint32_t{IPPLAYOUT_DID_REFUSE});
+  }
+}
+
+TEST_F(VirtualTime, WhatStopsTheDestinationEndsAllThatSendToIt) {
+  sink.refuse = [](const OutgoingFrame& frame) {
+    return FakeFrameSink::Refusal{frame.bytes[1] == 1 ? ENETDOWN : 0, false};
+  };
+  Player a('a', sink);
+  Player b('b', sink);
+  for (Player* player : {&a, &b}) {
+    player->Holding({milliseconds(0), milliseconds(1), milliseconds(2)}).ThatIsAll();
+  }
+  Play({&a, &b});
+  for (Player* player : {&a, &b}) {
+    EXPECT_EQ(player->Ended(), ENETDOWN);
+    Remove(*player);
+    EXPECT_EQ(player->Counts().on_time, 1U);
+    EXPECT_EQ(player->Counts().not_sent, 1U);
+    EXPECT_EQ(player->Counts().discarded, 1U);
+  }
+}
+
+TEST_F(VirtualTime, APlaceWithoutAFrameIsRecordedAndNotSent) {
+  Player a('a', sink, {}, 8);
+  a.Push(milliseconds(0));
+  a.Push(milliseconds(1), false);
+  a.Push(milliseconds(2));
+  Play({&a.ThatIsAll()});
+  EXPECT_EQ(a.Ended(), 0);
+  Remove(a);
+  EXPECT_EQ(DeparturesAt(sink),
+            (Departures{{'a', 0, milliseconds(0)}, {'a', 2, milliseconds(2)}}));
+  EXPECT_EQ(a.Counts().on_time, 2U);
+  std::array<IpPlayoutRecord, 8> records;
+  ASSERT_EQ(a.stream.ledger.Take(records), 3U);
+  EXPECT_EQ(records[1].DepartureNs, -1);
+  EXPECT_EQ(records[2].DepartureNs, 2'000'000);
+}
+
+// ---- Real time, by hand ----
+
+class SteppedTime : public testing::Test {
+ protected:
+  SteppedTime() { transmitter.Start(); }
+
+  void Play(Player& player, std::optional<nanoseconds> start) {
+    ScheduledStream* const stream = &player.stream;
+    ASSERT_TRUE(transmitter.Add({&stream, 1}, start));
+  }
+  // Returns when what was asked for and what was due before is done: a stream came and went.
+  void Settle() {
+    Player passing('p', sink);
+    Play(passing.ThatIsAll(), {});
+    EXPECT_EQ(passing.Ended(), 0);
+    transmitter.Remove(passing.stream);
+  }
+  void MoveTo(nanoseconds time) {
+    clock->MoveTo(time);
+    Settle();
+  }
+  void Pause(Player& player, bool on) {
+    player.stream.wants_pause = on;
+    transmitter.Request(player.stream);
+    Settle();
+  }
+  std::vector<nanoseconds> Times() const {
+    std::vector<nanoseconds> times;
+    for (const auto& frame : sink.Sent()) {
+      times.push_back(frame.time);
+    }
+    return times;
+  }
+
+  FakeFrameSink sink;
+  SteppedWaiter* clock = new SteppedWaiter;  // the transmitter's
+  ScheduleTransmitter transmitter{std::unique_ptr<platform::DeadlineWaiter>(clock), false};
+};
+
+TEST_F(SteppedTime, APauseMovesTheSchedule) {
+  Player a('a', sink);
+  Play(a.Holding({milliseconds(0), milliseconds(10), milliseconds(20)}).ThatIsAll(), seconds(1));
+  MoveTo(seconds(1));
+  MoveTo(seconds(1) + milliseconds(4));
+  Pause(a, true);
+  MoveTo(seconds(1) + milliseconds(504));
+  EXPECT_EQ(sink.SentFrames(), 1U);
+  Pause(a, false);
+  EXPECT_EQ(sink.SentFrames(), 1U);  // 6 ms are left to the next one
+  MoveTo(seconds(1) + milliseconds(510));
+  MoveTo(seconds(1) + milliseconds(520));
+  EXPECT_EQ(a.Ended(), 0);
+  EXPECT_THAT(Times(), ElementsAre(seconds(1), seconds(1) + milliseconds(510),
+                                   seconds(1) + milliseconds(520)));
+  EXPECT_EQ(a.Counts().shift, milliseconds(500));
+  EXPECT_EQ(a.Counts().on_time, 3U);
+  EXPECT_EQ(a.Counts().longest_gap, milliseconds(510));
+  EXPECT_EQ(a.Counts().dry_times, 0U);
+  transmitter.Remove(a.stream);
+}
+
+TEST_F(SteppedTime, APauseThatIsOverBeforeTheStartMovesNothing) {
+  Player a('a', sink);
+  Play(a.Holding({milliseconds(0)}).ThatIsAll(), seconds(1));
+  Pause(a, true);
+  MoveTo(milliseconds(900));
+  Pause(a, false);
+  MoveTo(seconds(1));
+  EXPECT_EQ(a.Ended(), 0);
+  EXPECT_EQ(a.Counts().shift, nanoseconds(0));
+  EXPECT_THAT(Times(), ElementsAre(seconds(1)));
+  transmitter.Remove(a.stream);
+}
+
+TEST_F(SteppedTime, DataThatComesLateIsDryAndLate) {
+  Player a('a', sink);
+  Play(a.Holding({milliseconds(0)}), seconds(1));
+  MoveTo(seconds(1));
+  MoveTo(seconds(3));
+  EXPECT_EQ(a.Counts().dry_times, 0U);
+  a.Push(milliseconds(10));
+  transmitter.Request(a.ThatIsAll().stream);
+  EXPECT_EQ(a.Ended(), 0);
+  EXPECT_EQ(a.Counts().dry_times, 1U);
+  EXPECT_EQ(a.Counts().dry, milliseconds(1990));
+  EXPECT_EQ(a.Counts().late, 1U);
+  EXPECT_EQ(a.Counts().on_time, 1U);
+  EXPECT_EQ(a.stream.timing.Lateness().Maximum(), milliseconds(1990));
+  transmitter.Remove(a.stream);
+}
+
+TEST_F(SteppedTime, HalfOfARingThatIsFreeIsReported) {
+  Player a('a', sink, AtOnce());
+  for (int i = 0; i < 16; ++i) {
+    a.Push(milliseconds(i));
+  }
+  EXPECT_FALSE(a.stream.ring.HasRoom(1));
+  Play(a, nanoseconds(0));
+  MoveTo(milliseconds(6));
+  EXPECT_EQ(a.Rooms(), 0);
+  MoveTo(milliseconds(7));
+  EXPECT_EQ(a.Rooms(), 1);
+  MoveTo(milliseconds(15));
+  EXPECT_EQ(a.Rooms(), 1);  // nobody has asked again
+  transmitter.Remove(a.stream);
+}
+
+TEST_F(SteppedTime, OnlyWhatIsDueLeavesAndOneCallTakesWhatIsDueTogether) {
+  Player a('a', sink);
+  Player b('b', sink);
+  a.Holding({milliseconds(1), milliseconds(2)}).ThatIsAll();
+  b.Holding({milliseconds(1) + microseconds(2), milliseconds(1) + microseconds(9)}).ThatIsAll();
+  Play(a, nanoseconds(0));
+  Play(b, nanoseconds(0));
+  MoveTo(milliseconds(1));
+  const auto sent = sink.Sent();
+  ASSERT_EQ(sent.size(), 2U);
+  EXPECT_EQ(sent[0].call, sent[1].call);
+  transmitter.Remove(a.stream);
+  transmitter.Remove(b.stream);
+  EXPECT_EQ(a.Counts().discarded, 1U);
+}
+
+TEST_F(SteppedTime, AStreamIsRemovedInAnyState) {
+  enum Case { kNeverAdded, kAwaiting, kScheduled, kPaused, kGone };
+  Player neighbour('n', sink, AtOnce());
+  for (int i = 1; i <= 10; ++i) {
+    neighbour.Push(seconds(i));
+  }
+  Play(neighbour.ThatIsAll(), nanoseconds(0));
+  for (const Case which : {kNeverAdded, kAwaiting, kScheduled, kPaused, kGone}) {
+    Player a('a', sink);
+    if (which != kAwaiting) {
+      a.Push(which == kGone ? nanoseconds(0) : seconds(100));
+    }
+    if (which == kGone) {
+      a.ThatIsAll();
+    }
+    if (which != kNeverAdded) {
+      Play(a, nanoseconds(0));
+    }
+    if (which == kPaused) {
+      Pause(a, true);
+    }
+    auto removal = OnAnotherThread([&] { transmitter.Remove(a.stream); });
+    ASSERT_TRUE(Returns(removal)) << which;
+    EXPECT_EQ(a.Counts().discarded, which == kScheduled || which == kPaused ? 1U : 0U) << which;
+    if (which != kNeverAdded) {
+      EXPECT_EQ(a.Ended(), which == kGone ? 0 : ECANCELED) << which;
+    }
+  }
+  MoveTo(seconds(10));
+  EXPECT_EQ(neighbour.Ended(), 0);
+  EXPECT_EQ(neighbour.Counts().late + neighbour.Counts().on_time, 10U);
+  transmitter.Remove(neighbour.stream);
+}
+
+TEST_F(SteppedTime, ARemovalWaitsForAFrameInHand) {
+  std::promise<void> in_hand;
+  std::promise<void> go_on;
+  auto may_go_on = go_on.get_future();
+  sink.on_send = [&](std::span<const OutgoingFrame>) {
+    in_hand.set_value();
+    may_go_on.wait();
+  };
+  auto player = std::make_unique<Player>('a', sink);
+  player->Holding({nanoseconds(0), seconds(5)});
+  Play(*player, nanoseconds(0));
+  in_hand.get_future().wait();
+  auto removal = OnAnotherThread([&] {
+    transmitter.Remove(player->stream);
+    player.reset();
+  });
+  EXPECT_TRUE(Blocks(removal));
+  go_on.set_value();
+  EXPECT_TRUE(Returns(removal));
+}
+
+// A request that is taken as the removal is asked for must not leave another one behind. Found by a
+// sanitizer, or as a crash.
+TEST(ScheduleTransmitter, RemovalsMeetRequests) {
+  FakeFrameSink sink;
+  sink.keep_sent = false;
+  ScheduleTransmitter transmitter(std::make_unique<platform::DeadlineWaiter>(), false);
+  transmitter.Start();
+  const auto come_and_go = [&](int rounds) {
+    for (int i = 0; i < rounds; ++i) {
+      Player player('a', sink);
+      player.Holding({nanoseconds(0), microseconds(100), seconds(100)});
+      ScheduledStream* const stream = &player.stream;
+      transmitter.Add({&stream, 1}, {});
+      for (int requests = i % 3; requests > 0; --requests) {
+        player.stream.wants_pause = requests == 2;
+        transmitter.Request(player.stream);
+      }
+      transmitter.Remove(player.stream);
+    }
+  };
+  std::thread other([&] { come_and_go(300); });
+  come_and_go(300);
+  other.join();
+}
+
+TEST(ScheduleTransmitter, TakesNoMoreStreamsThanItHasRoomFor) {
+  FakeFrameSink sink;
+  ScheduleTransmitter transmitter(std::make_unique<platform::VirtualWaiter>(), true);
+  Player player('a', sink);
+  const std::vector<ScheduledStream*> many(ScheduleTransmitter::kMostStreams + 1, &player.stream);
+  EXPECT_FALSE(transmitter.Add(many, {}));
+}
+
+}  // namespace
+}  // namespace ipplayout
