@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "payload/time_marks.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -11,6 +12,8 @@ double Slope(const TimeMarks::Mark& from, const TimeMarks::Mark& to) {
   return static_cast<double>((to.time - from.time).count()) /
          static_cast<double>(to.offset - from.offset);
 }
+
+constexpr auto kFarthest = static_cast<double>(TimeMarks::kLatest.count());
 
 // Of bytes, negative before the origin.
 double Distance(std::uint64_t from, std::uint64_t to) {
@@ -34,8 +37,8 @@ TimeMarks::Added TimeMarks::Add(const Mark& mark) {
 }
 
 void TimeMarks::SetRate(double nanoseconds_per_byte) {
-  rate_slope_ = nanoseconds_per_byte;
-  line_ = Line{{}, nanoseconds_per_byte, std::numeric_limits<std::uint64_t>::max()};
+  rate_slope_ = std::min(nanoseconds_per_byte, kFarthest);
+  line_ = Line{{}, rate_slope_, std::numeric_limits<std::uint64_t>::max()};
 }
 
 std::optional<TimeMarks::Mark> TimeMarks::Last() const {
@@ -67,8 +70,9 @@ std::optional<TimeMarks::Time> TimeMarks::OnLine(std::uint64_t offset) const {
   if (!line_) {
     return std::nullopt;
   }
-  const double time = line_->slope * Distance(line_->origin.offset, offset);
-  return line_->origin.time + Time(std::llround(time));
+  const double way = line_->slope * Distance(line_->origin.offset, offset);
+  const Time time(std::llround(std::clamp(way, -kFarthest, kFarthest)));
+  return std::clamp(line_->origin.time + time, -kLatest, kLatest);
 }
 
 void TimeMarks::FindLine(std::uint64_t offset) {

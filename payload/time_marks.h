@@ -20,6 +20,8 @@ class TimeMarks {
   using Time = std::chrono::nanoseconds;
 
   static constexpr std::size_t kMostMarks = 65536;
+  // No time lies beyond it, on either side: what is added to times stays in their range.
+  static constexpr Time kLatest{std::int64_t{1} << 60};
 
   struct Mark {
     std::uint64_t offset = 0;
@@ -30,7 +32,7 @@ class TimeMarks {
 
   // ---- Host ----
 
-  // kNotAhead where the offset does not go up or the time goes down.
+  // kNotAhead where the offset does not go up or the time goes down. Times are 0 to kLatest.
   Added Add(const Mark& mark);
   // A constant rate from 0 on, in place of marks. Before the first question.
   void SetRate(double nanoseconds_per_byte);
