@@ -151,7 +151,8 @@ void DatagramBuilder::SendCopy() {
   queued_ = {};
   queued_.due = NextDue();
   queued_.did = damage_;
-  parts_.clock.Set(rules_.copies_share_time ? *due_ : queued_.due);
+  // A receiver is to see bursts and jitter, so its clock does not follow them.
+  parts_.clock.Set(rules_.copies_share_time ? *due_ : place_);
   parts_.errors.CopyStatistics(before_);
   SendOne(frame_, *top_);
   if (!was_queued_) {
@@ -231,11 +232,10 @@ DatagramBuilder::Time DatagramBuilder::NextFecDue() {
 // The copies of a datagram share out the time up to the next one.
 DatagramBuilder::Time DatagramBuilder::NextDue() {
   const std::chrono::duration<double, std::nano> part = *after_ - *due_;
-  const Time place =
-      *due_ + std::chrono::duration_cast<Time>(
-                  part * (static_cast<double>(copy_) / static_cast<double>(copies_)));
+  place_ = *due_ + std::chrono::duration_cast<Time>(
+                       part * (static_cast<double>(copy_) / static_cast<double>(copies_)));
   if (frame_count_ % burst_frames_ == 0) {
-    burst_due_ = place + (has_jitter_ ? Jitter(frame_count_ / burst_frames_) : Time::zero());
+    burst_due_ = place_ + (has_jitter_ ? Jitter(frame_count_ / burst_frames_) : Time::zero());
   }
   last_due_ = std::max({last_due_, burst_due_, Time::zero()});
   jitter_.Add(last_due_);

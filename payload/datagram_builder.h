@@ -132,6 +132,7 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   std::optional<Time> due_;    // of the datagram in hand
   std::optional<Time> after_;  // of the one behind it
   std::uint64_t frame_count_ = 0;
+  Time place_{0};  // of the copy in hand, before bursts and jitter
   Time burst_due_{0};
   Time last_due_{0};
   Time last_gap_{0};
