@@ -9,6 +9,10 @@ Feeder::Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restampe
 
 Feeder::~Feeder() {
   Stop();
+  Join();
+}
+
+void Feeder::Join() {
   if (thread_.joinable()) {
     thread_.join();
   }

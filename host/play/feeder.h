@@ -29,14 +29,16 @@ class Feeder {
   ~Feeder();
 
   void Start();
-  // Prevents further writes; a blocking one has to be released by other means.
+  // Prevents further writes; a blocking one has to be released by other means, before Join().
   void Stop() { stop_.store(true, std::memory_order_relaxed); }
 
-  // For any thread: zero bytes added at the end, errno of a failed read (0 for none), and
-  // RoundReader::SyncLost().
+  void Join();
+
+  // For any thread: zero bytes added at the end, and errno of a failed read (0 for none).
   unsigned Padding() const { return padding_.load(std::memory_order_relaxed); }
   int ReadError() const { return read_error_.load(std::memory_order_relaxed); }
-  std::optional<std::uint64_t> SyncLost() const { return reader_->SyncLost(); }
+  // Once joined.
+  const Damage& Damaged() const { return reader_->Damaged(); }
 
  private:
   void Run();

@@ -85,6 +85,7 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
              "filled with whole transport packets");
   add.Flag("--cut", o.cut, "Fill --frame-size to the byte, cutting transport packets");
   add.Flag("--raw", o.raw, "Play any bytes, without looking for transport packets");
+  add.Flag("--no-damage", o.no_damage, "Let the exit status be 1 if INPUT is damaged");
   add.Value("--bitrate", o.bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
             "Bit rate of the transport stream; default: the rate of its PCRs", ParseBitRate);
   add.Value("--frame-bitrate", o.frame_bit_rate, "RATE",

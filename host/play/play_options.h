@@ -42,6 +42,7 @@ struct PlayOptions {
   std::optional<std::uint32_t> ts_per_datagram, frame_size;
   bool cut = false;
   bool raw = false;
+  bool no_damage = false;
   std::optional<double> bit_rate, frame_bit_rate;
   std::optional<std::uint32_t> pcr_pid;
   double ppm = 0;

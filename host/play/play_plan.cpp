@@ -92,6 +92,9 @@ void NoteBytesLeftOut(const StreamFacts& facts, Notes& notes) {
     notes.push_back(
         fmt::format("{} bytes before the first transport packet are left out", facts.first_packet));
   }
+  if (facts.damage.places > 0) {
+    notes.push_back(DamageText(facts.damage));
+  }
   if (facts.trailing_bytes > 0) {
     notes.push_back(fmt::format("{} bytes after the last whole transport packet are left out",
                                 facts.trailing_bytes));
@@ -122,6 +125,12 @@ void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& pl
 
 }  // namespace
 
+std::string DamageText(const Damage& damage) {
+  return fmt::format("INPUT is damaged in {} place{}, first at offset {}: {} bytes are left out",
+                     FormatCount(damage.places), damage.places == 1 ? "" : "s", damage.first,
+                     FormatCount(damage.bytes));
+}
+
 Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, const Path& path) {
   if (auto failure = CheckErrors(options)) {
     return *std::move(failure);
@@ -142,7 +151,7 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   if (!rounds) {
     return rounds.Error();
   }
-  PlayPlan plan{*sizes, *rates, *rounds, options.copies, {}, headers->notes};
+  PlayPlan plan{*sizes, *rates, *rounds, options.copies, facts.damage, {}, headers->notes};
   plan.settings = SettingsFor(options, path, {facts.format, *headers, *sizes, *rates, *rounds});
   AddNotes(options, facts, plan);
   return plan;

@@ -23,9 +23,13 @@ struct PlayPlan {
   Rates rates;
   Rounds rounds;
   std::uint32_t copies = 1;
+  Damage damage;  // of the input, as the notes say
   Settings settings;
   std::vector<std::string> notes;  // what the user should know, a line each
 };
+
+// "INPUT is damaged in 2 places: ...".
+std::string DamageText(const Damage& damage);
 
 Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, const Path& path);
 

@@ -291,6 +291,7 @@ void PlaySession::Finish(bool complete) {
   feeder_.Stop();
   stop_reading_.Set();
   IPStop();
+  feeder_.Join();
   unsent_ = CountUnsent();
   meter_.End(Counters(), complete);
 }
@@ -350,13 +351,19 @@ void PlaySession::WarnOfInput() {
     Print(stderr, "ipplay: reading INPUT failed: {}; playing what has been read so far\n",
           ReadFailure(feeder_.ReadError()));
   }
-  const auto lost = feeder_.SyncLost();
-  if (!lost || warned_of_sync_) {
-    return;
+}
+
+// What a pipe left out is known at its end; a file's damage was noted at the start.
+void PlaySession::JudgeInput() {
+  const Damage& damage = feeder_.Damaged();
+  if (damage.places > 0 && damage != plan_.damage) {
+    Print(stderr, "ipplay: note: {}\n", DamageText(damage));
   }
-  warned_of_sync_ = true;
-  ClearProgress();
-  Print(stderr, "ipplay: INPUT lost sync at offset {}; playing it as it is\n", *lost);
+  if (damage.places > 0 && options_.no_damage) {
+    failed_ = true;
+    outcome_ = "Failed";
+    Print(stderr, "ipplay: --no-damage: INPUT is damaged\n");
+  }
 }
 
 std::optional<std::uint64_t> PlaySession::HeldBack(const PlayoutStatistics& counters) const {
@@ -401,8 +408,12 @@ ExitStatus PlaySession::Conclude() {
     Print(stderr, "ipplay: {}{} frames at the end could not be sent; is the adapter still up?\n",
           HeldBack(meter_.Total().counters) ? "" : "at least ", FormatCount(unsent_));
   }
+  JudgeInput();
   Status status = meter_.Total();
   status.held_back = HeldBack(status.counters);
+  if (!options_.raw) {
+    status.damage = feeder_.Damaged();
+  }
   if (options_.WantsJson()) {
     Print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
   } else {

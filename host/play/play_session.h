@@ -59,6 +59,7 @@ class PlaySession {
   void ClearProgress();
   void WarnOfInput();
   std::optional<std::uint64_t> HeldBack(const PlayoutStatistics& counters) const;
+  void JudgeInput();
   std::uint64_t CountUnsent() const;
   void Fail(const std::string& why);
   ExitStatus Conclude();
@@ -77,7 +78,6 @@ class PlaySession {
   bool running_ = false;
   bool failed_ = false;
   bool warned_of_read_ = false;
-  bool warned_of_sync_ = false;
   bool errors_requested_ = false;  // a loss or a delay, by a key or the time line
   ShortSends short_sends_;
   std::uint64_t unsent_ = 0;  // frames at the end of the run that the adapter did not take

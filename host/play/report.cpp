@@ -221,6 +221,10 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   if (status.held_back) {
     json["ordered"]["held_back"] = *status.held_back;
   }
+  if (status.damage) {
+    json["input"] = {{"left_out_bytes", status.damage->bytes},
+                     {"left_out_places", status.damage->places}};
+  }
   json["jitter_ns"] = counters.Jitter * 1e9;
   // Names of files need not be UTF-8.
   return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);

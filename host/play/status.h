@@ -23,6 +23,7 @@ struct Status {
   bool paused = false;
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
   std::optional<std::uint64_t> held_back;
+  std::optional<Damage> damage;  // of the input, at the end of the run; none of raw input
 };
 
 // Fed with readings of the counters, oldest first. All times are of one steady clock.

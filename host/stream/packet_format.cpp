@@ -7,7 +7,6 @@
 namespace ipplay {
 namespace {
 
-constexpr std::uint8_t kSyncByte = 0x47;
 constexpr std::uint64_t kWantedRun = 8;
 constexpr std::array kFormats{PacketFormat{188}, PacketFormat{192}, PacketFormat{204}};
 
@@ -28,10 +27,41 @@ std::uint64_t WantedRun(std::size_t head_bytes, std::uint64_t start, PacketForma
   return std::clamp<std::uint64_t>(whole_packets, 1, kWantedRun);
 }
 
+// Packets with a damaged sync byte among them may come before the run that was found: the first one
+// of them from which on most have theirs.
+std::uint64_t FirstPacket(std::span<const std::uint8_t> head, std::uint64_t run,
+                          PacketFormat format) {
+  std::uint64_t first = run;
+  std::uint64_t with_sync = 0;
+  for (std::uint64_t back = 1; back <= kWantedRun && back * format.packet_bytes <= run; ++back) {
+    const std::uint64_t packet = run - back * format.packet_bytes;
+    with_sync += head[packet + format.SyncOffset()] == kSyncByte ? 1U : 0U;
+    if (head[packet + format.SyncOffset()] == kSyncByte && 2 * with_sync > back) {
+      first = packet;
+    }
+  }
+  return first;
+}
+
+// A stream of a few packets, most of them with a sync byte.
+std::optional<PacketFormat> ShortStream(std::span<const std::uint8_t> stream) {
+  for (const PacketFormat format : kFormats) {
+    const std::uint64_t packets = stream.size() / format.packet_bytes;
+    std::uint64_t with_sync = 0;
+    for (std::uint64_t i = 0; i < packets; ++i) {
+      with_sync += stream[i * format.packet_bytes + format.SyncOffset()] == kSyncByte ? 1U : 0U;
+    }
+    if (packets >= 3 && stream[format.SyncOffset()] == kSyncByte && 2 * with_sync > packets) {
+      return format;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 Detection DetectPacketFormat(std::span<const std::uint8_t> head, bool whole) {
-  for (std::uint64_t start = 0; start < 204 && start < head.size(); ++start) {
+  for (std::uint64_t start = 0; start < head.size(); ++start) {
     for (const PacketFormat format : kFormats) {
       const std::uint64_t wanted = WantedRun(head.size(), start, format);
       // A few sync bytes prove nothing after other bytes, nor at the head of a stream that goes on.
@@ -40,9 +70,12 @@ Detection DetectPacketFormat(std::span<const std::uint8_t> head, bool whole) {
       }
       if (head.size() - start >= format.packet_bytes &&
           RunOfPackets(head, start, format) >= wanted) {
-        return {.format = format, .first_packet = start};
+        return {.format = format, .first_packet = FirstPacket(head, start, format)};
       }
     }
+  }
+  if (const auto format = whole ? ShortStream(head) : std::nullopt) {
+    return {.format = format};
   }
   Detection none;
   for (const PacketFormat format : kFormats) {

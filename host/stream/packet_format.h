@@ -9,6 +9,8 @@
 
 namespace ipplay {
 
+inline constexpr std::uint8_t kSyncByte = 0x47;  // ISO/IEC 13818-1, 2.4.3.2
+
 // 188: ISO/IEC 13818-1 transport packets. 192: the same behind a 4-byte time stamp (TTS).
 // 204: the same before 16 bytes of Reed-Solomon parity. 0: raw bytes without packets.
 struct PacketFormat {
@@ -30,11 +32,13 @@ struct Detection {
 };
 
 // Looks for packets at the head of a stream. `head` should hold 8 packets and a packet's length
-// more, or the whole stream where that is shorter (`whole`). Up to one packet of other bytes may
-// come before the first packet, as in a recording that was cut anywhere.
+// more, or the whole stream where that is shorter (`whole`). Other bytes may come before the first
+// packet, as in a recording that was cut anywhere, and sync bytes may be damaged.
 Detection DetectPacketFormat(std::span<const std::uint8_t> head, bool whole);
 
-// Bytes of a stream that DetectPacketFormat needs.
+// Bytes of an undamaged stream that DetectPacketFormat needs, and how far into a stream packets are
+// looked for.
 inline constexpr std::size_t kDetectionBytes = 10 * std::size_t{204};
+inline constexpr std::size_t kLongestHead = std::size_t{1} << 20;
 
 }  // namespace ipplay

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "host/stream/packet_reader.h"
 #include "host/stream/pes_times.h"
 
 namespace ipplay {
@@ -14,29 +15,29 @@ namespace {
 constexpr double kReadAheadSeconds = 2;
 constexpr std::size_t kReadAheadLimit = 32 * std::size_t{1024} * 1024;
 
+Failure CannotRead(const Input& input) {
+  return UsageFailure(
+      fmt::format("INPUT: cannot read {}: {}", input.Name(), std::strerror(input.ReadError())));
+}
+
 Failure NoTransportStream(const Input& input, std::uint64_t offset) {
   return UsageFailure(fmt::format(
       "INPUT: {} is not a transport stream: sync lost at offset {}; give --raw to play any bytes",
       input.Name(), offset));
 }
 
-// Walks over whole packets, checks their sync bytes and hands them to the meter.
+// Hands packets to the meters.
 class PacketWalker {
  public:
   explicit PacketWalker(PacketFormat format) : format_(format) {}
 
-  // False at a packet without sync byte; packets() is then its index.
-  bool Walk(std::span<const std::uint8_t> packets) {
+  void Walk(std::span<const std::uint8_t> packets) {
     for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
       const std::uint8_t* packet = packets.data() + at + format_.SyncOffset();
-      if (*packet != 0x47) {
-        return false;
-      }
       meter_.Add(packets_, packet);
       times_.Add(packet);
       ++packets_;
     }
-    return true;
   }
 
   std::uint64_t packets() const { return packets_; }
@@ -50,42 +51,35 @@ class PacketWalker {
   std::uint64_t packets_ = 0;
 };
 
-std::uint64_t SyncOffsetOf(const StreamFacts& facts, std::uint64_t packet) {
-  return facts.first_packet + packet * facts.format.packet_bytes + facts.format.SyncOffset();
-}
-
 std::optional<Failure> WalkFile(Input& input, StreamFacts& facts, PacketWalker& walker) {
-  constexpr std::size_t kPacketsAtOnce = 500;
   input.Seek(facts.first_packet);
-  std::vector<std::uint8_t> block(kPacketsAtOnce * facts.format.packet_bytes);
-  std::size_t count = 0;
-  while ((count = input.ReadFully(block)) > 0) {
-    facts.trailing_bytes = count % facts.format.packet_bytes;
-    if (!walker.Walk(std::span(block).first(count - facts.trailing_bytes))) {
-      return NoTransportStream(input, SyncOffsetOf(facts, walker.packets()));
-    }
+  PacketReader reader(input, facts.format, facts.first_packet);
+  for (auto packets = reader.Next(); !packets.empty(); packets = reader.Next()) {
+    walker.Walk(packets);
   }
   if (input.ReadError() != 0) {
-    return UsageFailure(
-        fmt::format("INPUT: cannot read {}: {}", input.Name(), std::strerror(input.ReadError())));
+    return CannotRead(input);
   }
+  facts.end = reader.Offset();
   facts.bytes = walker.packets() * facts.format.packet_bytes;
+  facts.trailing_bytes = reader.TrailingBytes();
+  facts.damage = reader.Damaged();
   input.Seek(facts.first_packet);
   return std::nullopt;
 }
 
 // `head` holds the bytes read to recognise the packets, and takes the bytes read ahead.
-std::optional<Failure> WalkPipe(Input& input, StreamFacts& facts, std::vector<std::uint8_t> head,
-                                bool want_rate, PacketWalker& walker) {
-  const std::size_t packet_bytes = facts.format.packet_bytes;
+void WalkPipe(Input& input, StreamFacts& facts, std::vector<std::uint8_t> head, bool want_rate,
+              PacketWalker& walker) {
   head.erase(head.begin(), head.begin() + static_cast<std::ptrdiff_t>(facts.first_packet));
+  PacketSync sync(facts.format);
   std::size_t walked = 0;
   while (true) {
-    const std::size_t whole = (head.size() - walked) / packet_bytes * packet_bytes;
-    if (!walker.Walk(std::span(head).subspan(walked, whole))) {
-      return NoTransportStream(input, SyncOffsetOf(facts, walker.packets()));
+    for (auto run = sync.Find(std::span(head).subspan(walked), false); run.skipped + run.bytes > 0;
+         run = sync.Find(std::span(head).subspan(walked), false)) {
+      walker.Walk(std::span(head).subspan(walked + run.skipped, run.bytes));
+      walked += run.skipped + run.bytes;
     }
-    walked += whole;
     if (!want_rate || walker.meter().SecondsCovered() >= kReadAheadSeconds ||
         head.size() >= kReadAheadLimit) {
       break;
@@ -100,12 +94,27 @@ std::optional<Failure> WalkPipe(Input& input, StreamFacts& facts, std::vector<st
     }
   }
   input.Unread(std::move(head));
-  return std::nullopt;
+}
+
+// Reads as much as it takes to find packets.
+Detection ReadHead(Input& input, std::vector<std::uint8_t>& head) {
+  Detection detection;
+  for (std::size_t wanted = kDetectionBytes; wanted <= kLongestHead; wanted *= 2) {
+    const std::size_t held = head.size();
+    head.resize(wanted);
+    head.resize(held + input.ReadFully(std::span(head).subspan(held)));
+    const bool whole = head.size() < wanted;
+    detection = DetectPacketFormat(head, whole);
+    if (detection.format || whole) {
+      break;
+    }
+  }
+  return detection;
 }
 
 StreamFacts RawFacts(Input& input, std::vector<std::uint8_t> head) {
   StreamFacts facts;
-  facts.bytes = input.Size();
+  facts.bytes = facts.end = input.Size();
   if (input.Size()) {
     input.Seek(0);
   } else {
@@ -131,22 +140,23 @@ std::optional<double> StreamFacts::BitRate() const {
 }
 
 Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
-  std::vector<std::uint8_t> head(options.raw ? 1 : kDetectionBytes);
-  const std::size_t count = input.ReadFully(head);
-  const bool whole = count < head.size();
-  head.resize(count);
-  if (count == 0) {
-    if (input.ReadError() == 0) {
-      return UsageFailure(fmt::format("INPUT: {} is empty", input.Name()));
-    }
-    return UsageFailure(
-        fmt::format("INPUT: cannot read {}: {}", input.Name(), std::strerror(input.ReadError())));
+  std::vector<std::uint8_t> head;
+  Detection detection;
+  if (options.raw) {
+    head.resize(1);
+    head.resize(input.ReadFully(head));
+  } else {
+    detection = ReadHead(input, head);
+  }
+  if (input.ReadError() != 0) {
+    return CannotRead(input);
+  }
+  if (head.empty()) {
+    return UsageFailure(fmt::format("INPUT: {} is empty", input.Name()));
   }
   if (options.raw) {
     return RawFacts(input, std::move(head));
   }
-
-  const Detection detection = DetectPacketFormat(head, whole);
   if (!detection.format) {
     return NoTransportStream(input, detection.sync_lost);
   }
@@ -154,10 +164,9 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   facts.format = *detection.format;
   facts.first_packet = detection.first_packet;
   PacketWalker walker(facts.format);
-  const auto failure = input.Size()
-                           ? WalkFile(input, facts, walker)
-                           : WalkPipe(input, facts, std::move(head), options.want_rate, walker);
-  if (failure) {
+  if (!input.Size()) {
+    WalkPipe(input, facts, std::move(head), options.want_rate, walker);
+  } else if (const auto failure = WalkFile(input, facts, walker)) {
     return *failure;
   }
   facts.rate = walker.meter().Rate(options.pcr_pid);

@@ -8,6 +8,7 @@
 #include "host/base/result.h"
 #include "host/stream/input.h"
 #include "host/stream/packet_format.h"
+#include "host/stream/packet_sync.h"
 #include "host/stream/pcr_rate.h"
 
 namespace ipplay {
@@ -15,8 +16,10 @@ namespace ipplay {
 struct StreamFacts {
   PacketFormat format;
   std::uint64_t first_packet = 0;      // offset; bytes before it are not played
-  std::optional<std::uint64_t> bytes;  // in whole packets (all bytes of raw input), of a file
+  std::optional<std::uint64_t> end;    // of a file: offset behind the last packet
+  std::optional<std::uint64_t> bytes;  // of a file: of its packets (all bytes of raw input)
   std::uint64_t trailing_bytes = 0;    // after the last whole packet; not played
+  Damage damage;                       // between the packets of a file; not played
   std::optional<PcrRate> rate;         // where there are PCRs
   std::uint64_t content_ticks = 0;     // of a file, as PesTimes::Ticks()
 
@@ -31,8 +34,8 @@ struct ExamineOptions {
   std::optional<std::uint16_t> pcr_pid{};
 };
 
-// Reads a file from end to end, checks every sync byte, and takes the bit rate from the PCRs. From
-// a pipe it reads ahead until the PCRs cover two seconds. `input` is then at the first packet.
+// Reads a file from end to end and takes the bit rate from the PCRs. From a pipe it reads ahead
+// until the PCRs cover two seconds. `input` is then at the first packet.
 Result<StreamFacts> Examine(Input& input, const ExamineOptions& options);
 
 }  // namespace ipplay

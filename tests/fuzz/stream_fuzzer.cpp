@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Hostile inputs on their way into the library: packets are recognised, examined, planned for, read
 // round by round and restamped. As many bytes come out as the plan says, and plain rounds are the
-// input's own bytes.
+// input's own bytes, in order.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -104,14 +104,14 @@ class Source {
 void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const StreamFacts& facts,
           const PlayPlan& plan) {
   std::uint64_t played = 0;
+  auto at = bytes.begin();
   const auto take = [&](std::span<const std::uint8_t> piece) {
-    if (!plan.rounds.restamp && facts.bytes) {
-      const std::uint64_t at = facts.first_packet + played % *facts.bytes;
-      if (at + piece.size() > bytes.size() ||
-          !std::equal(piece.begin(), piece.end(),
-                      bytes.begin() + static_cast<std::ptrdiff_t>(at))) {
+    if (!plan.rounds.restamp) {
+      at = std::search(at, bytes.end(), piece.begin(), piece.end());
+      if (bytes.end() - at < static_cast<std::ptrdiff_t>(piece.size())) {
         std::abort();
       }
+      at += static_cast<std::ptrdiff_t>(piece.size());
     }
     played += piece.size();
     return true;
@@ -121,6 +121,7 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
     restamper.emplace(facts.format, *plan.rounds.restamp);
   }
   for (std::uint64_t round = 1; round <= plan.rounds.count.value_or(1); ++round) {
+    at = bytes.begin();
     if (round > 1) {
       reader.StartNextRound();
       if (restamper) {

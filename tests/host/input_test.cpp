@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <numeric>
 #include <thread>
@@ -56,7 +57,7 @@ struct Fed {
   std::string failure{};
   Bytes bytes{};
   bool terminated = false;
-  std::optional<std::uint64_t> sync_lost{};
+  Damage damage{};
 };
 
 // Plays an input to its end into memory.
@@ -91,7 +92,8 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
   Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), restamper, rounds, sink);
   feeder.Start();
   ended.get_future().wait();
-  fed.sync_lost = feeder.SyncLost();
+  feeder.Join();
+  fed.damage = feeder.Damaged();
   return fed;
 }
 
@@ -123,14 +125,74 @@ TEST(Input, RestampingTouchesLaterRoundsOnly) {
   EXPECT_EQ(fed.bytes, MakeStream(320, kTicks));
 }
 
-TEST(Input, PipeThatLosesSyncIsPlayedAndSaidSo) {
-  Bytes stream = MakeStream(5000, kTicks);
-  stream[4000 * 188] = 0;
-  Fifo fifo;
-  fifo.Fill(stream);
-  const Fed fed = Feed(fifo.path(), {.want_rate = false});
-  EXPECT_EQ(fed.bytes, stream);
-  EXPECT_EQ(fed.sync_lost, 4000U * 188);
+// Where bytes of a stream are changed, missing or added, and what of it is played.
+struct Spoiling {
+  const char* name;
+  std::function<void(Bytes& stream)> spoil;
+  std::vector<int> missing;  // packets that are not played
+  Damage damage{};           // as a file has it
+};
+
+const std::vector<Spoiling>& Spoilings() {
+  static const auto at = [](Bytes& s, std::size_t byte) {
+    return s.begin() + static_cast<std::ptrdiff_t>(byte);
+  };
+  static const std::vector<Spoiling> all{
+      {"one sync byte", [](Bytes& s) { s[40 * 188] = 0; }, {40}, {188, 1, 40 * 188}},
+      {"the last sync byte", [](Bytes& s) { s[4999 * 188] = 0; }, {4999}, {188, 1, 4999 * 188}},
+      {"the third sync byte", [](Bytes& s) { s[2 * 188] = 0; }, {2}, {188, 1, 2 * 188}},
+      {"two apart", [](Bytes& s) { s[40 * 188] = s[90 * 188] = 0; }, {40, 90}, {376, 2, 40 * 188}},
+      {"two next to each other",
+       [](Bytes& s) { s[40 * 188] = s[41 * 188] = 0; },
+       {40, 41},
+       {376, 1, 40 * 188}},
+      {"bytes cut out",
+       [](Bytes& s) { s.erase(at(s, 3000 * 188 + 50), at(s, 3000 * 188 + 150)); },
+       {3000},
+       {88, 1, 3000 * 188}},
+      {"bytes between packets",
+       [](Bytes& s) { s.insert(at(s, 2000 * 188), 1000, 0x22); },
+       {},
+       {1000, 1, 2000 * 188}},
+  };
+  return all;
+}
+
+Bytes Without(const Bytes& stream, const std::vector<int>& packets) {
+  Bytes rest = stream;
+  for (auto packet = packets.rbegin(); packet != packets.rend(); ++packet) {
+    const auto start = rest.begin() + *packet * 188;
+    rest.erase(start, start + 188);
+  }
+  return rest;
+}
+
+TEST(Input, DamageIsLeftOutOfFiles) {
+  const Bytes stream = MakeStream(5000, kTicks);
+  for (const auto& [name, spoil, missing, damage] : Spoilings()) {
+    Bytes spoilt = stream;
+    spoil(spoilt);
+    const Fed fed = Feed(TemporaryFile(spoilt).path(), {}, 2);
+    ASSERT_TRUE(fed.facts) << name << fed.failure;
+    EXPECT_EQ(fed.bytes, Repeated(Without(stream, missing), 2)) << name;
+    EXPECT_EQ(fed.facts->bytes, stream.size() - 188 * missing.size()) << name;
+    EXPECT_EQ(fed.facts->damage, damage) << name;
+    EXPECT_EQ(fed.damage, damage) << name;
+  }
+}
+
+// A pipe gives bytes as they come: a packet that is cut short where they end for now goes through.
+TEST(Input, DamageIsLeftOutOfPipes) {
+  const Bytes stream = MakeStream(5000, kTicks);
+  for (const auto& [name, spoil, missing, damage] : Spoilings()) {
+    Bytes spoilt = stream;
+    spoil(spoilt);
+    Fifo fifo;
+    fifo.Fill(spoilt);
+    const Fed fed = Feed(fifo.path(), {.want_rate = false});
+    EXPECT_EQ(fed.bytes, Without(stream, missing)) << name;
+    EXPECT_EQ(fed.damage, damage) << name;
+  }
 }
 
 TEST(Feeder, RefusedWriteEndsIt) {

@@ -47,16 +47,35 @@ TEST(PacketFormat, StraySyncBytesDoNotMislead) {
   EXPECT_EQ(DetectPacketFormat(bytes, true).first_packet, 50U);
 }
 
+TEST(PacketFormat, DamagedSyncBytesAtTheHeadDoNotMislead) {
+  auto broken = Stream(188, 0, 12);
+  broken[3 * 188] = 0;
+  auto broken_tts = Stream(192, 4, 12);
+  broken_tts[2 * 192 + 4] = 0;
+  auto few = Stream(204, 0, 5);
+  few[4 * 204] = 0;
+  auto first = Stream(188, 0, 12);
+  first[0] = 0;
+  struct Case {
+    const std::vector<std::uint8_t>& bytes;
+    std::uint32_t packet_bytes;
+    std::uint64_t first_packet;
+  };
+  for (const Case& c : {Case{broken, 188, 0},
+                        {broken_tts, 192, 0},
+                        {few, 204, 0},
+                        {first, 188, 188},
+                        {Stream(188, 0, 12, 900'000), 188, 900'000}}) {
+    const Detection found = DetectPacketFormat(c.bytes, true);
+    ASSERT_TRUE(found.format);
+    EXPECT_EQ(found.format->packet_bytes, c.packet_bytes);
+    EXPECT_EQ(found.first_packet, c.first_packet);
+  }
+}
+
 TEST(PacketFormat, WhatIsNoStreamIsToldWithTheOffset) {
   EXPECT_FALSE(DetectPacketFormat(std::vector<std::uint8_t>(3000, 0x11), true).format);
   EXPECT_EQ(DetectPacketFormat(std::vector<std::uint8_t>(3000, 0x11), true).sync_lost, 0U);
-  auto broken = Stream(188, 0, 12);
-  broken[3 * 188] = 0;
-  EXPECT_FALSE(DetectPacketFormat(broken, true).format);
-  EXPECT_EQ(DetectPacketFormat(broken, true).sync_lost, 3U * 188);
-  auto broken_tts = Stream(192, 4, 12);
-  broken_tts[2 * 192 + 4] = 0;
-  EXPECT_EQ(DetectPacketFormat(broken_tts, true).sync_lost, 2U * 192 + 4);
   // Less than a packet, and a single sync byte of a stream that goes on.
   EXPECT_FALSE(DetectPacketFormat(std::vector<std::uint8_t>(100, 0x47), true).format);
   EXPECT_FALSE(DetectPacketFormat(Stream(188, 0, 1), false).format);
