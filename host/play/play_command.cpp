@@ -97,6 +97,7 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
       .raw = options.raw, .want_rate = !options.bit_rate && !options.frame_bit_rate, .pcr_pid = {}};
   if (options.restamp || options.near_wrap) {
     examine.want_rate = true;
+    examine.whole = options.rounds != 1;  // the seams follow from the length
   }
   if (options.pcr_pid) {
     examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);

@@ -414,6 +414,11 @@ ExitStatus PlaySession::Conclude() {
   if (!options_.raw) {
     status.damage = feeder_.Damaged();
   }
+  if (status.share && outcome_ == "Played") {
+    // The bytes of a large file were taken from its size, damage included.
+    status.share = 1;
+    status.remaining = 0ns;
+  }
   if (options_.WantsJson()) {
     Print(Results(), "{}\n", StatusJson(options_, plan_, status, "summary", outcome_));
   } else {

@@ -29,11 +29,18 @@ Result<Input> Input::Open(const std::string& path, int stop_fd) {
   return input;
 }
 
-bool Input::WaitForData() const {
+// A file always has data, and looking for a stop takes no time.
+bool Input::WaitForData() {
+  if (size_) {
+    pollfd stop{stop_fd_, POLLIN, 0};
+    stopped_ = ::poll(&stop, 1, 0) > 0;
+    return !stopped_;
+  }
   std::array<pollfd, 2> waits{{{fd_.Get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}}};
   while (::poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
   }
-  return waits[1].revents == 0;
+  stopped_ = waits[1].revents != 0;
+  return !stopped_;
 }
 
 std::size_t Input::Read(std::span<std::uint8_t> buffer) {
@@ -45,7 +52,7 @@ std::size_t Input::Read(std::span<std::uint8_t> buffer) {
   }
   unread_ = {};
   unread_taken_ = 0;
-  while (size_ || WaitForData()) {
+  while (WaitForData()) {
     const ssize_t count = ::read(fd_.Get(), buffer.data(), buffer.size());
     if (count >= 0) {
       return static_cast<std::size_t>(count);

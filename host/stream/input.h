@@ -15,8 +15,7 @@ namespace ipplay {
 
 class Input {
  public:
-  // "-" is standard input. A read that waits for a pipe ends as soon as `stop_fd` is readable; -1
-  // for none.
+  // "-" is standard input. No read goes on once `stop_fd` is readable; -1 for none.
   static Result<Input> Open(const std::string& path, int stop_fd);
 
   // The name for messages.
@@ -33,12 +32,14 @@ class Input {
   void Unread(std::vector<std::uint8_t> bytes);
   // Goes to an offset in a regular file.
   void Seek(std::uint64_t offset);
+  // Reading ended at a stop.
+  bool IsStopped() const { return stopped_; }
   // errno of a read that failed, or 0.
   int ReadError() const { return error_; }
 
  private:
   Input(FileDescriptor fd, std::string name, int stop_fd);
-  bool WaitForData() const;
+  bool WaitForData();
 
   FileDescriptor fd_;
   std::string name_;
@@ -47,6 +48,7 @@ class Input {
   std::vector<std::uint8_t> unread_;
   std::size_t unread_taken_ = 0;
   int error_ = 0;
+  bool stopped_ = false;
 };
 
 }  // namespace ipplay

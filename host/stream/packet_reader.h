@@ -32,7 +32,7 @@ class PacketReader {
   // Offset in the input of what Next() returns next.
   std::uint64_t Offset() const { return offset_; }
   // The input ended before `end`.
-  bool IsCutShort() const { return end_ && at_end_ && read_to_ < *end_; }
+  bool IsCutShort() const { return end_ && at_end_ && read_to_ < *end_ && !input_.IsStopped(); }
 
  private:
   void Skip(std::size_t count);

@@ -1,13 +1,24 @@
 // SPDX-License-Identifier: MIT
 #include "host/stream/packet_sync.h"
 
-#include <algorithm>
+#include <cstring>
 
 namespace ipplay {
 namespace {
 
 // Sync bytes in a row that are taken for packets, not for chance.
 constexpr std::size_t kTrustedRun = 5;
+
+// Where the next one stands, or the end of the bytes.
+std::size_t NextSyncByte(std::span<const std::uint8_t> bytes, std::size_t from) {
+  if (from >= bytes.size()) {
+    return from;
+  }
+  const void* const found = std::memchr(bytes.data() + from, kSyncByte, bytes.size() - from);
+  return found == nullptr
+             ? bytes.size()
+             : static_cast<std::size_t>(static_cast<const std::uint8_t*>(found) - bytes.data());
+}
 
 }  // namespace
 
@@ -57,6 +68,10 @@ PacketSync::Search PacketSync::SearchFrom(std::span<const std::uint8_t> bytes, s
   const std::size_t length = format_.packet_bytes;
   const std::size_t sync = format_.SyncOffset();
   for (std::size_t start = from; start < until; ++start) {
+    start = NextSyncByte(bytes, start + sync) - sync;
+    if (start >= until) {
+      break;
+    }
     std::size_t run = 0;
     std::size_t packet = start;
     while (run < kTrustedRun && packet + sync < bytes.size() && HasSync(bytes, packet)) {

@@ -45,6 +45,10 @@ void PcrRateMeter::Add(std::uint64_t index, const std::uint8_t* packet) {
 void PcrRateMeter::Advance(Clock& clock, std::uint64_t index, std::uint64_t pcr, bool announced) {
   const std::uint64_t packets = index - clock.rate.last_packet;
   const std::uint64_t ticks = (pcr + kPcrModulus - clock.rate.last_pcr) % kPcrModulus;
+  if (clock.skipped) {
+    AdvanceOverSkipped(clock, packets, ticks);
+    return;
+  }
   if (announced || IsJump(clock, packets, ticks)) {
     ++clock.rate.discontinuities;
     clock.stretch_packets = clock.stretch_ticks = 0;
@@ -56,6 +60,28 @@ void PcrRateMeter::Advance(Clock& clock, std::uint64_t index, std::uint64_t pcr,
   clock.covered_packets += packets;
   clock.covered_ticks += ticks;
   AddToStretch(clock, packets, ticks);
+}
+
+void PcrRateMeter::Skip() {
+  for (auto& [pid, clock] : clocks_) {
+    clock.skipped = true;
+  }
+}
+
+// Jumps, and wraps beyond the first, are not seen. They show as a rate that is far from the known.
+void PcrRateMeter::AdvanceOverSkipped(Clock& clock, std::uint64_t packets, std::uint64_t ticks) {
+  constexpr double kFar = 3;
+  clock.skipped = false;
+  clock.stretch_packets = clock.stretch_ticks = 0;
+  if (ticks == 0 || clock.covered_ticks == 0) {
+    return;
+  }
+  const double ratio = RateOf(packets, ticks) / RateOf(clock.covered_packets, clock.covered_ticks);
+  if (ratio < 1 / kFar || ratio > kFar) {
+    return;
+  }
+  clock.covered_packets += packets;
+  clock.covered_ticks += ticks;
 }
 
 // PCRs come at least every 100 ms, in practice up to a second apart. Between one and ten seconds

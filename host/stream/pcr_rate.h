@@ -38,6 +38,9 @@ class PcrRateMeter {
  public:
   // `packet` is the transport packet with the given index, counted from 0, in any order of PIDs.
   void Add(std::uint64_t index, const std::uint8_t* packet);
+  // The packets up to the next one that is added are not looked at. Their time counts where it fits
+  // the rate before it.
+  void Skip();
 
   // The rate by the PCRs of `pid`, or by default of the PID whose PCRs cover the most packets. None
   // with fewer than two PCRs of unbroken time.
@@ -53,9 +56,11 @@ class PcrRateMeter {
     std::uint64_t covered_ticks = 0;
     std::uint64_t stretch_packets = 0;  // since the last one-second stretch was full
     std::uint64_t stretch_ticks = 0;
+    bool skipped = false;  // since the last PCR, packets were not looked at
   };
 
   static void Advance(Clock& clock, std::uint64_t index, std::uint64_t pcr, bool announced);
+  static void AdvanceOverSkipped(Clock& clock, std::uint64_t packets, std::uint64_t ticks);
   static bool IsJump(const Clock& clock, std::uint64_t packets, std::uint64_t ticks);
   static void AddToStretch(Clock& clock, std::uint64_t packets, std::uint64_t ticks);
   const Clock* Best() const;

@@ -25,7 +25,7 @@ class RoundReader {
   // Goes back to the first packet. For files only.
   void StartNextRound();
 
-  // What the first round left out so far.
+  // What the first round has left out so far.
   const Damage& Damaged() const {
     return first_round_damage_ ? *first_round_damage_ : reader_->Damaged();
   }

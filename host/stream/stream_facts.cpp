@@ -40,6 +40,12 @@ class PacketWalker {
     }
   }
 
+  // The next packet is the one with this index; those before it are not looked at.
+  void SkipTo(std::uint64_t index) {
+    meter_.Skip();
+    packets_ = index;
+  }
+
   std::uint64_t packets() const { return packets_; }
   const PcrRateMeter& meter() const { return meter_; }
   const PesTimes& times() const { return times_; }
@@ -51,19 +57,48 @@ class PacketWalker {
   std::uint64_t packets_ = 0;
 };
 
-std::optional<Failure> WalkFile(Input& input, StreamFacts& facts, PacketWalker& walker) {
-  input.Seek(facts.first_packet);
-  PacketReader reader(input, facts.format, facts.first_packet);
+void WalkAll(PacketReader& reader, PacketWalker& walker) {
   for (auto packets = reader.Next(); !packets.empty(); packets = reader.Next()) {
     walker.Walk(packets);
   }
-  if (input.ReadError() != 0) {
-    return CannotRead(input);
-  }
+}
+
+void WalkWhole(Input& input, StreamFacts& facts, PacketWalker& walker) {
+  PacketReader reader(input, facts.format, facts.first_packet);
+  WalkAll(reader, walker);
   facts.end = reader.Offset();
   facts.bytes = walker.packets() * facts.format.packet_bytes;
   facts.trailing_bytes = reader.TrailingBytes();
   facts.damage = reader.Damaged();
+}
+
+void WalkEnds(Input& input, std::uint64_t size, StreamFacts& facts, PacketWalker& walker) {
+  constexpr std::uint64_t kPackets = 100'000;  // at each end
+  const std::uint64_t unit = facts.format.packet_bytes;
+  PacketReader head(input, facts.format, facts.first_packet, facts.first_packet + kPackets * unit);
+  WalkAll(head, walker);
+  const std::uint64_t packets = (size - facts.first_packet) / unit;
+  const std::uint64_t tail_start = facts.first_packet + (packets - kPackets) * unit;
+  input.Seek(tail_start);
+  walker.SkipTo(packets - kPackets);
+  PacketReader tail(input, facts.format, tail_start);
+  WalkAll(tail, walker);
+  facts.end = tail.Offset();
+  facts.bytes = (tail.Offset() - facts.first_packet) / unit * unit;
+  facts.trailing_bytes = tail.TrailingBytes();
+}
+
+std::optional<Failure> WalkFile(Input& input, const ExamineOptions& options, StreamFacts& facts,
+                                PacketWalker& walker) {
+  input.Seek(facts.first_packet);
+  if (options.whole || *input.Size() <= kLargeFile) {
+    WalkWhole(input, facts, walker);
+  } else {
+    WalkEnds(input, *input.Size(), facts, walker);
+  }
+  if (input.ReadError() != 0) {
+    return CannotRead(input);
+  }
   input.Seek(facts.first_packet);
   return std::nullopt;
 }
@@ -166,7 +201,7 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   PacketWalker walker(facts.format);
   if (!input.Size()) {
     WalkPipe(input, facts, std::move(head), options.want_rate, walker);
-  } else if (const auto failure = WalkFile(input, facts, walker)) {
+  } else if (const auto failure = WalkFile(input, options, facts, walker)) {
     return *failure;
   }
   facts.rate = walker.meter().Rate(options.pcr_pid);

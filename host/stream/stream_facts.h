@@ -19,9 +19,9 @@ struct StreamFacts {
   std::optional<std::uint64_t> end;    // of a file: offset behind the last packet
   std::optional<std::uint64_t> bytes;  // of a file: of its packets (all bytes of raw input)
   std::uint64_t trailing_bytes = 0;    // after the last whole packet; not played
-  Damage damage;                       // between the packets of a file; not played
-  std::optional<PcrRate> rate;         // where there are PCRs
-  std::uint64_t content_ticks = 0;     // of a file, as PesTimes::Ticks()
+  Damage damage;                    // between the packets of a file that was read whole; not played
+  std::optional<PcrRate> rate;      // where there are PCRs
+  std::uint64_t content_ticks = 0;  // of a file, as PesTimes::Ticks()
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.
@@ -31,11 +31,16 @@ struct StreamFacts {
 struct ExamineOptions {
   bool raw = false;
   bool want_rate = true;  // false: a pipe need not be read ahead for its PCRs
+  bool whole = false;     // read a large file whole too, so that its length is exact
   std::optional<std::uint16_t> pcr_pid{};
 };
 
-// Reads a file from end to end and takes the bit rate from the PCRs. From a pipe it reads ahead
-// until the PCRs cover two seconds. `input` is then at the first packet.
+// A file up to this size is read from end to end. Of a larger one beginning and end are read, and
+// its length is taken from its size, as if there were no damage.
+inline constexpr std::uint64_t kLargeFile = std::uint64_t{64} << 20;
+
+// Reads the file, and takes the bit rate from the PCRs. From a pipe it reads ahead until the PCRs
+// cover two seconds. `input` is then at the first packet.
 Result<StreamFacts> Examine(Input& input, const ExamineOptions& options);
 
 }  // namespace ipplay

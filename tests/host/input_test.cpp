@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <numeric>
@@ -192,6 +193,32 @@ TEST(Input, DamageIsLeftOutOfPipes) {
     const Fed fed = Feed(fifo.path(), {.want_rate = false});
     EXPECT_EQ(fed.bytes, Without(stream, missing)) << name;
     EXPECT_EQ(fed.damage, damage) << name;
+  }
+}
+
+// Of 50 GB nothing is read between the ends: the file has no more than these.
+TEST(Input, LargeFileIsKnownByItsEnds) {
+  constexpr std::uint64_t kPackets = 266'000'000;  // 7.4 hours at 10,000 a second
+  constexpr std::uint64_t kAtEnd = 100'000;
+  struct Case {
+    std::uint64_t pcr_of_tail;
+  };
+  const std::uint64_t later = (kPackets - kAtEnd) * 2700 % kPcrModulus;
+  for (const Case& c : {Case{later}, Case{1'000'000}}) {
+    TemporaryFile file(MakeStream(kAtEnd, 2700));
+    const Bytes tail = MakeStream(kAtEnd, 2700, c.pcr_of_tail);
+    {
+      std::ofstream stream(file.path(), std::ios::in | std::ios::binary);
+      stream.seekp(static_cast<std::streamoff>((kPackets - kAtEnd) * 188));
+      stream.write(reinterpret_cast<const char*>(tail.data()),
+                   static_cast<std::streamsize>(tail.size()));
+    }
+    auto input = Input::Open(file.path(), -1);
+    const auto facts = Examine(*input, {});
+    ASSERT_TRUE(facts && facts->rate);
+    EXPECT_EQ(facts->Packets(), kPackets);
+    EXPECT_NEAR(facts->rate->packets_per_second, 10'000, 0.01);
+    EXPECT_EQ(facts->rate->discontinuities, 0U);
   }
 }
 
