@@ -26,6 +26,13 @@ std::optional<std::uint16_t> ParsePort(std::string_view text) {
   return port;
 }
 
+// As in a URL: an IPv6 address in brackets.
+std::optional<IpAddress> ParseHost(std::string_view text) {
+  const bool bracketed = text.starts_with('[') && text.ends_with(']');
+  const auto address = ParseIp(bracketed ? text.substr(1, text.size() - 2) : text);
+  return address && address->is_v6 == bracketed ? address : std::nullopt;
+}
+
 }  // namespace
 
 bool IpAddress::IsMulticast() const {
@@ -76,25 +83,42 @@ std::optional<IpAddress> ParseIp(std::string_view text) {
   return std::nullopt;
 }
 
+std::optional<Endpoint> ParseEndpoint(std::string_view text) {
+  Endpoint endpoint;
+  if (const std::size_t at = text.find('@'); at != std::string_view::npos) {
+    endpoint.source = ParseHost(text.substr(0, at));
+    if (at > 0 && !endpoint.source) {
+      return std::nullopt;
+    }
+    text.remove_prefix(at + 1);
+  }
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string_view::npos) {
+    return std::nullopt;
+  }
+  const auto address = ParseHost(text.substr(0, colon));
+  const auto port = ParsePort(text.substr(colon + 1));
+  if (!address || !port || (endpoint.source && endpoint.source->is_v6 != address->is_v6)) {
+    return std::nullopt;
+  }
+  endpoint.address = *address;
+  endpoint.port = *port;
+  return endpoint;
+}
+
 std::optional<Target> ParseTarget(std::string_view text) {
   Target target;
   target.rtp = TakePrefix(text, "rtp://");
   if (!target.rtp && !TakePrefix(text, "udp://")) {
     return std::nullopt;
   }
-  const bool bracketed = TakePrefix(text, "[");
-  const std::string_view separator = bracketed ? "]:" : ":";
-  const std::size_t end = text.find(separator);
-  if (end == std::string_view::npos) {
+  TakePrefix(text, "@");  // as receivers write it
+  const auto endpoint = ParseEndpoint(text);
+  if (!endpoint || text.find('@') != std::string_view::npos) {
     return std::nullopt;
   }
-  const auto address = ParseIp(text.substr(0, end));
-  const auto port = ParsePort(text.substr(end + separator.size()));
-  if (!address || address->is_v6 != bracketed || !port) {
-    return std::nullopt;
-  }
-  target.address = *address;
-  target.port = *port;
+  target.address = endpoint->address;
+  target.port = endpoint->port;
   return target;
 }
 

@@ -30,8 +30,16 @@ struct Target {
   std::uint16_t port = 0;
 };
 
-std::optional<MacAddress> ParseMac(std::string_view text);  // six hex bytes with ':' or '-'
-std::optional<IpAddress> ParseIp(std::string_view text);    // literal, without brackets or scope
+// Where a stream comes from: "239.1.1.1:5004", "10.0.0.1@232.1.1.1:5004", "[ff3e::8000:1]:5000".
+struct Endpoint {
+  std::optional<IpAddress> source;  // of its datagrams; none for any
+  IpAddress address;
+  std::uint16_t port = 0;
+};
+
+std::optional<MacAddress> ParseMac(std::string_view text);     // six hex bytes with ':' or '-'
+std::optional<IpAddress> ParseIp(std::string_view text);       // literal, without brackets or scope
+std::optional<Endpoint> ParseEndpoint(std::string_view text);  // also with an empty source
 std::optional<Target> ParseTarget(std::string_view text);
 
 std::string FormatMac(const MacAddress& mac);

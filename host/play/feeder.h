@@ -39,6 +39,7 @@ class Feeder {
   int ReadError() const { return read_error_.load(std::memory_order_relaxed); }
   // Once joined.
   const Damage& Damaged() const { return reader_->Damaged(); }
+  std::vector<std::string> InputNotes() const { return reader_->Notes(); }
 
  private:
   void Run();

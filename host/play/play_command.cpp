@@ -19,6 +19,7 @@
 #include "host/play/play_plan.h"
 #include "host/play/play_session.h"
 #include "host/play/report.h"
+#include "host/stream/open_input.h"
 
 namespace ipplay {
 namespace {
@@ -82,17 +83,11 @@ void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayP
   }
 }
 
-Result<int> Play(const CLI::App& app, const PlayOptions& options) {
-  const Library library;
-  auto path = FindPath(options, library.Adapters());
-  if (!path) {
-    return path.Error();
-  }
-  const Event stop_reading;
-  auto input = Input::Open(options.input, stop_reading.Get());
-  if (!input) {
-    return input.Error();
-  }
+InputOptions InputOptionsOf(const PlayOptions& options) {
+  return {.raw = options.raw, .flow = options.flow};
+}
+
+ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
   ExamineOptions examine{
       .raw = options.raw, .want_rate = !options.bit_rate && !options.frame_bit_rate, .pcr_pid = {}};
   if (options.restamp || options.near_wrap) {
@@ -102,7 +97,29 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   if (options.pcr_pid) {
     examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);
   }
-  const auto facts = Examine(*input, examine);
+  return examine;
+}
+
+// What is known at the start of an input that was read to its end.
+void NoteInput(const Input& input, PlayPlan& plan) {
+  if (input.Size()) {
+    const auto notes = input.Notes();
+    plan.notes.insert(plan.notes.end(), notes.begin(), notes.end());
+  }
+}
+
+Result<int> Play(const CLI::App& app, const PlayOptions& options) {
+  const Library library;
+  auto path = FindPath(options, library.Adapters());
+  if (!path) {
+    return path.Error();
+  }
+  const Event stop_reading;
+  auto input = OpenInput(options.input, InputOptionsOf(options), stop_reading.Get());
+  if (!input) {
+    return input.Error();
+  }
+  const auto facts = Examine(*input, ExamineOptionsOf(options));
   if (!facts) {
     return facts.Error();
   }
@@ -110,6 +127,7 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   if (!plan) {
     return plan.Error();
   }
+  NoteInput(*input, *plan);
   if (const auto failure = WriteConfig(app, options.write_config)) {
     return *failure;
   }

@@ -19,6 +19,13 @@ std::optional<bool> ParseOnOff(const std::string& text) {
   return std::nullopt;
 }
 
+void DefineInput(OptionBuilder& add, PlayOptions& o) {
+  add.Group("What of the input");
+  add.Value("--flow", o.flow, "[SOURCE@]ADDRESS:PORT",
+            "as 239.1.1.1:5004, or 10.0.0.1@239.1.1.1:5004",
+            "Flow of a capture to play, by its destination; default: the only one", ParseEndpoint);
+}
+
 void DefineTarget(OptionBuilder& add, PlayOptions& o) {
   add.Group("Where to");
   add.Value("--to", o.to, "TARGET", "rtp://ADDRESS:PORT or udp://ADDRESS:PORT, IPv6 in [ ]",
@@ -238,8 +245,9 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
 void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
   OptionBuilder add(command);
   add.Value("INPUT,--input", options.input, "FILE", "a file or -",
-            "File to play, or - for standard input", ParseText)
+            "File to play, a pcap or pcapng file, or - for standard input", ParseText)
       ->required();
+  DefineInput(add, options);
   DefineTarget(add, options);
   DefineHeaders(add, options);
   DefinePayload(add, options);

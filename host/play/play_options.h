@@ -19,6 +19,7 @@ namespace ipplay {
 // have no value.
 struct PlayOptions {
   std::string input;
+  std::optional<Endpoint> flow;  // of a capture
   Target to;
   std::string device;  // name or position; empty: by the route to the target
 

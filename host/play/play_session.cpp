@@ -359,6 +359,11 @@ void PlaySession::JudgeInput() {
   if (damage.places > 0 && damage != plan_.damage) {
     Print(stderr, "ipplay: note: {}\n", DamageText(damage));
   }
+  for (const std::string& note : feeder_.InputNotes()) {
+    if (std::find(plan_.notes.begin(), plan_.notes.end(), note) == plan_.notes.end()) {
+      Print(stderr, "ipplay: note: {}\n", note);
+    }
+  }
   if (damage.places > 0 && options_.no_damage) {
     failed_ = true;
     outcome_ = "Failed";

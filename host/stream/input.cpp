@@ -2,19 +2,15 @@
 #include "host/stream/input.h"
 
 #include <fmt/format.h>
-#include <poll.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 
 #include "host/base/readable_file.h"
+#include "host/stream/file_source.h"
 
 namespace ipplay {
-
-Input::Input(FileDescriptor fd, std::string name, int stop_fd)
-    : fd_(std::move(fd)), name_(std::move(name)), stop_fd_(stop_fd) {}
 
 Result<Input> Input::Open(const std::string& path, int stop_fd) {
   ReadableFile file = OpenForReading(path);
@@ -24,23 +20,8 @@ Result<Input> Input::Open(const std::string& path, int stop_fd) {
   if (file.is_folder) {
     return UsageFailure(fmt::format("INPUT: {} is a folder; give a file or -", path));
   }
-  Input input(std::move(file.fd), path == "-" ? "standard input" : path, stop_fd);
-  input.size_ = file.size;
-  return input;
-}
-
-// A file always has data, and looking for a stop takes no time.
-bool Input::WaitForData() {
-  if (size_) {
-    pollfd stop{stop_fd_, POLLIN, 0};
-    stopped_ = ::poll(&stop, 1, 0) > 0;
-    return !stopped_;
-  }
-  std::array<pollfd, 2> waits{{{fd_.Get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}}};
-  while (::poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
-  }
-  stopped_ = waits[1].revents != 0;
-  return !stopped_;
+  return Input(std::make_unique<FileSource>(std::move(file), stop_fd),
+               path == "-" ? "standard input" : path);
 }
 
 std::size_t Input::Read(std::span<std::uint8_t> buffer) {
@@ -52,18 +33,13 @@ std::size_t Input::Read(std::span<std::uint8_t> buffer) {
   }
   unread_ = {};
   unread_taken_ = 0;
-  while (WaitForData()) {
-    const ssize_t count = ::read(fd_.Get(), buffer.data(), buffer.size());
-    if (count >= 0) {
-      return static_cast<std::size_t>(count);
+  const std::size_t count = source_->Read(buffer);
+  for (const Arrival& arrival : source_->Arrivals()) {
+    if (arrivals_.empty() || arrival.offset > arrivals_.back().offset) {
+      arrivals_.push_back(arrival);
     }
-    if (errno == EINTR || errno == EAGAIN) {
-      continue;
-    }
-    error_ = errno;
-    return 0;
   }
-  return 0;
+  return count;
 }
 
 std::size_t Input::ReadFully(std::span<std::uint8_t> buffer) {
@@ -88,8 +64,20 @@ void Input::Unread(std::vector<std::uint8_t> bytes) {
 void Input::Seek(std::uint64_t offset) {
   unread_ = {};
   unread_taken_ = 0;
-  if (::lseek(fd_.Get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
-    error_ = errno;
+  arrivals_.clear();
+  source_->Seek(offset);
+}
+
+std::optional<std::int64_t> Input::ArrivalOf(std::uint64_t offset) const {
+  const auto next = std::upper_bound(
+      arrivals_.begin(), arrivals_.end(), offset,
+      [](std::uint64_t wanted, const Arrival& arrival) { return wanted < arrival.offset; });
+  return next == arrivals_.begin() ? std::nullopt : std::optional(std::prev(next)->time_ns);
+}
+
+void Input::ForgetArrivalsBefore(std::uint64_t offset) {
+  while (arrivals_.size() > 1 && arrivals_[1].offset <= offset) {
+    arrivals_.pop_front();
   }
 }
 

@@ -1,27 +1,31 @@
 // SPDX-License-Identifier: MIT
-// The bytes to play: a file, a pipe or standard input.
+// The bytes to play, and when they came.
 #pragma once
 
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "host/base/file_descriptor.h"
 #include "host/base/result.h"
+#include "host/stream/byte_source.h"
 
 namespace ipplay {
 
 class Input {
  public:
-  // "-" is standard input. No read goes on once `stop_fd` is readable; -1 for none.
+  // `name` is that for messages.
+  Input(std::unique_ptr<ByteSource> source, std::string name)
+      : source_(std::move(source)), name_(std::move(name)) {}
+  // A file, or "-" for standard input. No read goes on once `stop_fd` is readable; -1 for none.
   static Result<Input> Open(const std::string& path, int stop_fd);
 
-  // The name for messages.
   const std::string& Name() const { return name_; }
-  // Size of a regular file, which can also be read again; nothing for pipes and devices.
-  std::optional<std::uint64_t> Size() const { return size_; }
+  // Of a file or a capture, which can also be read again; nothing for what comes once.
+  std::optional<std::uint64_t> Size() const { return source_->Size(); }
 
   // Waits for data and returns the number of bytes read; 0 at the end of the data, at a stop and
   // after an error (see ReadError).
@@ -30,25 +34,26 @@ class Input {
   std::size_t ReadFully(std::span<std::uint8_t> buffer);
   // Puts bytes back; the next reads return them first.
   void Unread(std::vector<std::uint8_t> bytes);
-  // Goes to an offset in a regular file.
+  // Goes to an offset, where there is a size.
   void Seek(std::uint64_t offset);
-  // Reading ended at a stop.
-  bool IsStopped() const { return stopped_; }
+
+  // When the byte at this offset came. Nothing where the source does not know, and for bytes that
+  // have not been read yet or are forgotten.
+  std::optional<std::int64_t> ArrivalOf(std::uint64_t offset) const;
+  // Nobody will ask for bytes before this offset again, unless they are read again.
+  void ForgetArrivalsBefore(std::uint64_t offset);
+
+  bool IsStopped() const { return source_->IsStopped(); }
   // errno of a read that failed, or 0.
-  int ReadError() const { return error_; }
+  int ReadError() const { return source_->ReadError(); }
+  std::vector<std::string> Notes() const { return source_->Notes(); }
 
  private:
-  Input(FileDescriptor fd, std::string name, int stop_fd);
-  bool WaitForData();
-
-  FileDescriptor fd_;
+  std::unique_ptr<ByteSource> source_;
   std::string name_;
-  int stop_fd_;
-  std::optional<std::uint64_t> size_;
   std::vector<std::uint8_t> unread_;
   std::size_t unread_taken_ = 0;
-  int error_ = 0;
-  bool stopped_ = false;
+  std::deque<Arrival> arrivals_;  // in the order of offsets
 };
 
 }  // namespace ipplay

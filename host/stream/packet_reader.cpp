@@ -21,7 +21,7 @@ PacketReader::PacketReader(Input& input, PacketFormat format, std::uint64_t offs
                            std::optional<std::uint64_t> end)
     : input_(input),
       format_(format),
-      sync_(format),
+      sync_(format, !input.Size()),
       offset_(offset),
       read_to_(offset),
       end_(end),

@@ -34,7 +34,8 @@ PacketSync::Run PacketSync::Find(std::span<const std::uint8_t> bytes, bool at_en
     run.skipped = search.position;
   }
   std::size_t at = run.skipped;
-  for (; at + length <= bytes.size(); at += length) {
+  const std::size_t ahead = eager_ || at_end ? 0 : length + format_.SyncOffset() + 1;
+  for (; at + length + ahead <= bytes.size(); at += length) {
     const bool first = at == run.skipped;
     if (!HasSync(bytes, at)) {
       in_sync_ = !first;

@@ -21,7 +21,9 @@ struct Damage {
 
 class PacketSync {
  public:
-  explicit PacketSync(PacketFormat format) : format_(format) {}
+  // The bytes after a packet show whether it is whole. `eager` takes it for whole where they have
+  // not come yet; otherwise what is found does not depend on how the stream comes in pieces.
+  PacketSync(PacketFormat format, bool eager) : format_(format), eager_(eager) {}
 
   struct Run {
     std::size_t skipped = 0;  // bytes that belong to no packet
@@ -45,6 +47,7 @@ class PacketSync {
   bool IsCutShort(std::span<const std::uint8_t> bytes, std::size_t packet) const;
 
   PacketFormat format_;
+  bool eager_;
   bool in_sync_ = true;  // a stream starts with a packet
 };
 

@@ -13,6 +13,13 @@ RoundReader::RoundReader(Input input, const StreamFacts& facts)
   StartReading();
 }
 
+std::span<std::uint8_t> RoundReader::Next() {
+  const auto packets = reader_->Next();
+  offset_ = reader_->Offset() - packets.size();
+  input_.ForgetArrivalsBefore(offset_);
+  return packets;
+}
+
 void RoundReader::StartNextRound() {
   if (!first_round_damage_) {
     first_round_damage_ = reader_->Damaged();

@@ -21,7 +21,12 @@ class RoundReader {
 
   // The next packets of the round (bytes of raw input), valid until the next call. Waits for a
   // pipe. Empty at the end of the round.
-  std::span<std::uint8_t> Next() { return reader_->Next(); }
+  std::span<std::uint8_t> Next();
+  // When the byte came that stands here in what Next() returned last; nothing where the input does
+  // not know.
+  std::optional<std::int64_t> ArrivalOf(std::size_t position) const {
+    return input_.ArrivalOf(offset_ + position);
+  }
   // Goes back to the first packet. For files only.
   void StartNextRound();
 
@@ -29,6 +34,8 @@ class RoundReader {
   const Damage& Damaged() const {
     return first_round_damage_ ? *first_round_damage_ : reader_->Damaged();
   }
+  // What the user should know about the input, a line each; of all that was read.
+  std::vector<std::string> Notes() const { return input_.Notes(); }
   PacketFormat Format() const { return format_; }
   // errno of a failed read, ENODATA if the file has become shorter, or 0.
   int ReadError() const;
@@ -41,6 +48,7 @@ class RoundReader {
   std::uint64_t first_packet_;
   std::optional<std::uint64_t> end_;
   std::optional<PacketReader> reader_;
+  std::uint64_t offset_ = 0;  // in the input, of what Next() returned last
   std::optional<Damage> first_round_damage_;
 };
 

@@ -57,16 +57,17 @@ class PacketWalker {
   std::uint64_t packets_ = 0;
 };
 
-void WalkAll(PacketReader& reader, PacketWalker& walker) {
+void WalkAll(Input& input, PacketReader& reader, PacketWalker& walker) {
   for (auto packets = reader.Next(); !packets.empty(); packets = reader.Next()) {
     walker.Walk(packets);
+    input.ForgetArrivalsBefore(reader.Offset());
   }
 }
 
 void WalkWhole(Input& input, StreamFacts& facts, PacketWalker& walker) {
   PacketReader reader(input, facts.format, facts.first_packet);
-  WalkAll(reader, walker);
-  facts.end = reader.Offset();
+  WalkAll(input, reader, walker);
+  facts.end = reader.Offset() + reader.TrailingBytes();
   facts.bytes = walker.packets() * facts.format.packet_bytes;
   facts.trailing_bytes = reader.TrailingBytes();
   facts.damage = reader.Damaged();
@@ -76,14 +77,14 @@ void WalkEnds(Input& input, std::uint64_t size, StreamFacts& facts, PacketWalker
   constexpr std::uint64_t kPackets = 100'000;  // at each end
   const std::uint64_t unit = facts.format.packet_bytes;
   PacketReader head(input, facts.format, facts.first_packet, facts.first_packet + kPackets * unit);
-  WalkAll(head, walker);
+  WalkAll(input, head, walker);
   const std::uint64_t packets = (size - facts.first_packet) / unit;
   const std::uint64_t tail_start = facts.first_packet + (packets - kPackets) * unit;
   input.Seek(tail_start);
   walker.SkipTo(packets - kPackets);
   PacketReader tail(input, facts.format, tail_start);
-  WalkAll(tail, walker);
-  facts.end = tail.Offset();
+  WalkAll(input, tail, walker);
+  facts.end = tail.Offset() + tail.TrailingBytes();
   facts.bytes = (tail.Offset() - facts.first_packet) / unit * unit;
   facts.trailing_bytes = tail.TrailingBytes();
 }
@@ -107,7 +108,7 @@ std::optional<Failure> WalkFile(Input& input, const ExamineOptions& options, Str
 void WalkPipe(Input& input, StreamFacts& facts, std::vector<std::uint8_t> head, bool want_rate,
               PacketWalker& walker) {
   head.erase(head.begin(), head.begin() + static_cast<std::ptrdiff_t>(facts.first_packet));
-  PacketSync sync(facts.format);
+  PacketSync sync(facts.format, true);
   std::size_t walked = 0;
   while (true) {
     for (auto run = sync.Find(std::span(head).subspan(walked), false); run.skipped + run.bytes > 0;

@@ -16,7 +16,7 @@ namespace ipplay {
 struct StreamFacts {
   PacketFormat format;
   std::uint64_t first_packet = 0;      // offset; bytes before it are not played
-  std::optional<std::uint64_t> end;    // of a file: offset behind the last packet
+  std::optional<std::uint64_t> end;    // of a file: its size
   std::optional<std::uint64_t> bytes;  // of a file: of its packets (all bytes of raw input)
   std::uint64_t trailing_bytes = 0;    // after the last whole packet; not played
   Damage damage;                    // between the packets of a file that was read whole; not played

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "host/base/file_descriptor.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/stream/restamper.h"

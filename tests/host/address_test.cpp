@@ -29,6 +29,25 @@ TEST(Address, Targets) {
   }
 }
 
+TEST(Address, Endpoints) {
+  const auto plain = ParseEndpoint("239.1.2.3:5004");
+  ASSERT_TRUE(plain);
+  EXPECT_FALSE(plain->source);
+  EXPECT_EQ(plain->address, *ParseIp("239.1.2.3"));
+  EXPECT_EQ(plain->port, 5004);
+  EXPECT_FALSE(ParseEndpoint("@239.1.2.3:5004")->source);
+  const auto sourced = ParseEndpoint("[fd00::1]@[ff3e::1]:5000");
+  ASSERT_TRUE(sourced);
+  EXPECT_EQ(sourced->source, ParseIp("fd00::1"));
+  EXPECT_EQ(sourced->address, *ParseIp("ff3e::1"));
+  for (const char* refused : {"", "239.1.2.3", "x@239.1.2.3:1", "fd00::1@[ff3e::1]:1",
+                              "10.0.0.1@[ff3e::1]:1", "ff3e::1:5000", "[239.1.2.3]:1"}) {
+    EXPECT_FALSE(ParseEndpoint(refused)) << refused;
+  }
+  EXPECT_EQ(FormatTarget(*ParseTarget("rtp://@239.1.2.3:5004")), "rtp://239.1.2.3:5004");
+  EXPECT_FALSE(ParseTarget("rtp://10.0.0.1@239.1.2.3:5004"));
+}
+
 TEST(Address, Macs) {
   EXPECT_EQ(ParseMac("02:00:5e:1F:00:01"), (MacAddress{2, 0, 0x5E, 0x1F, 0, 1}));
   EXPECT_EQ(ParseMac("02-00-5e-1f-00-01"), (MacAddress{2, 0, 0x5E, 0x1F, 0, 1}));

@@ -43,6 +43,7 @@ class Recipes(PlayCase):
     def setUpClass(cls):
         super().setUpClass()
         shutil.copy(SAMPLE, os.path.join(cls.folder.name, "stream.ts"))
+        write_pcap(os.path.join(cls.folder.name, "capture.pcapng"), Playout(datagrams=100).capture())
         install(cls.folder.name)
 
     def run_recipe(self, commands, *options, user=None):
@@ -58,13 +59,13 @@ class Recipes(PlayCase):
                                  preexec_fn=self.bed.near.enter, text=True, stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE)
         self.assertEqual(process.returncode, 0, process.stderr)
-        self.assertRegex(process.stdout, "^(Played|Stopped by --at): stream.ts")
+        self.assertRegex(process.stdout, "^(Played|Stopped by --at): (stream.ts|capture.pcapng)")
         self.bed.capture.drain()
         return process.stdout
 
     def test_recipes(self):
         found = recipes(text_of("docs", "recipes.md"))
-        self.assertEqual(len(found), 5)
+        self.assertEqual(len(found), 6)
         endless = "Endless loop as an unprivileged user"
         for heading, commands in found.items():
             if heading != endless:

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+// Where the bytes of an input come from: a file, a pipe, a capture, a socket.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace ipplay {
+
+// The bytes from this offset on came at this time, up to the next one's.
+struct Arrival {
+  std::uint64_t offset = 0;
+  std::int64_t time_ns = 0;  // since 1970
+
+  bool operator==(const Arrival&) const = default;
+};
+
+class ByteSource {
+ public:
+  ByteSource() = default;
+  ByteSource(const ByteSource&) = delete;
+  ByteSource& operator=(const ByteSource&) = delete;
+  virtual ~ByteSource() = default;
+
+  // Where the bytes can be read again, how many there are.
+  virtual std::optional<std::uint64_t> Size() const { return std::nullopt; }
+  // Waits for bytes and returns their number; 0 at the end, at a stop and after an error.
+  virtual std::size_t Read(std::span<std::uint8_t> buffer) = 0;
+  // Goes to an offset; for a source with a size.
+  virtual void Seek(std::uint64_t /*offset*/) {}
+  // When the bytes came that the last Read() returned, in the order of their offsets; the first one
+  // may lie before them. Empty where the source knows no times.
+  virtual std::span<const Arrival> Arrivals() const { return {}; }
+
+  // Reading ended at a stop.
+  virtual bool IsStopped() const { return false; }
+  // errno of a read that failed, or 0.
+  virtual int ReadError() const { return 0; }
+  // What the user should know about it, a line each; for the end of the run.
+  virtual std::vector<std::string> Notes() const { return {}; }
+};
+
+}  // namespace ipplay

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: MIT
+#include "host/stream/datagram_stream.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "host/base/units.h"
+#include "host/measure/figures/rtp_header.h"
+
+namespace ipplay {
+namespace {
+
+constexpr std::uint8_t kRtpVersion = 2;
+
+std::optional<measure::RtpHeader> RtpOf(std::span<const std::uint8_t> datagram,
+                                        std::size_t length) {
+  const auto rtp = measure::ParseRtpHeader(datagram, length);
+  return rtp && rtp->version == kRtpVersion ? rtp : std::nullopt;
+}
+
+}  // namespace
+
+void RtpGuess::Add(std::span<const std::uint8_t> datagram, std::size_t length) {
+  constexpr int kNear = 32;
+  const auto rtp = RtpOf(datagram, length);
+  const bool first = datagrams_++ == 0;
+  if (!rtp) {
+    return;
+  }
+  const int step = static_cast<std::int16_t>(rtp->sequence_number - last_);
+  if (first || (rtp->ssrc == ssrc_ && std::abs(step) <= kNear)) {
+    ++in_row_;
+  }
+  ssrc_ = rtp->ssrc;
+  last_ = rtp->sequence_number;
+}
+
+DatagramStream::DatagramStream(bool rtp)
+    : sequence_(rtp ? std::make_unique<measure::RtpSequence>() : nullptr),
+      window_([this](const measure::ReorderWindow::Payload& payload, bool) {
+        AddPayload(payload.bytes, payload.arrival_ns);
+      }) {}
+
+DatagramStream::~DatagramStream() = default;
+
+void DatagramStream::Add(std::span<const std::uint8_t> datagram, std::int64_t arrival_ns) {
+  if (sequence_ == nullptr) {
+    AddPayload(datagram, arrival_ns);
+    return;
+  }
+  const auto rtp = RtpOf(datagram, datagram.size());
+  if (!rtp) {
+    ++without_rtp_;
+    return;
+  }
+  const auto payload =
+      datagram.subspan(rtp->header_length, datagram.size() - rtp->header_length - rtp->padding);
+  const auto result = sequence_->Add(rtp->sequence_number, rtp->timestamp);
+  window_.Add(rtp->sequence_number, result.event, {payload, arrival_ns});
+}
+
+void DatagramStream::Flush() {
+  window_.Flush();
+}
+
+void DatagramStream::AddPayload(std::span<const std::uint8_t> payload, std::int64_t arrival_ns) {
+  if (payload.empty()) {
+    return;
+  }
+  if (!HasBytes()) {
+    start_ += bytes_.size();
+    bytes_.clear();
+    taken_ = 0;
+    arrivals_.clear();
+  }
+  arrivals_.push_back({start_ + bytes_.size(), arrival_ns});
+  bytes_.insert(bytes_.end(), payload.begin(), payload.end());
+}
+
+std::size_t DatagramStream::Take(std::span<std::uint8_t> buffer) {
+  const std::size_t count = std::min(buffer.size(), bytes_.size() - taken_);
+  std::memcpy(buffer.data(), bytes_.data() + taken_, count);
+  const std::uint64_t from = start_ + taken_;
+  const auto before = [](std::uint64_t offset, const Arrival& arrival) {
+    return offset < arrival.offset;
+  };
+  auto first = std::upper_bound(arrivals_.begin(), arrivals_.end(), from, before);
+  const auto last = std::upper_bound(first, arrivals_.end(), from + count - 1, before);
+  if (first != arrivals_.begin()) {
+    --first;
+  }
+  taken_arrivals_.assign(first, count == 0 ? first : last);
+  taken_ += count;
+  return count;
+}
+
+std::vector<std::string> DatagramStream::Notes() const {
+  std::vector<std::string> notes;
+  const auto note = [&notes](std::uint64_t count, std::string_view one, std::string_view more) {
+    if (count > 0) {
+      notes.push_back(fmt::format("INPUT: {} {}", FormatCount(count), count == 1 ? one : more));
+    }
+  };
+  note(without_rtp_, "datagram without an RTP header is left out",
+       "datagrams without an RTP header are left out");
+  if (sequence_ != nullptr) {
+    note(sequence_->Lost(), "RTP packet is missing", "RTP packets are missing");
+    note(window_.Repaired(), "RTP packet came late and was put in order",
+         "RTP packets came late and were put in order");
+    note(sequence_->Duplicates(), "RTP packet came twice and is left out the second time",
+         "RTP packets came twice and are left out the second time");
+  }
+  return notes;
+}
+
+}  // namespace ipplay

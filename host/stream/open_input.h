@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+// Opens what a user names as an input.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "host/base/address.h"
+#include "host/base/result.h"
+#include "host/stream/input.h"
+
+namespace ipplay {
+
+struct InputOptions {
+  bool raw = false;                // without transport packets
+  std::optional<Endpoint> flow{};  // of a capture
+};
+
+// A file, a pcap or pcapng file, "-" for standard input. No read goes on once `stop_fd` is
+// readable; -1 for none.
+Result<Input> OpenInput(const std::string& name, const InputOptions& options, int stop_fd);
+
+}  // namespace ipplay
