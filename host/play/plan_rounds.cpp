@@ -52,7 +52,7 @@ RestampPlan RestampFor(const PlayOptions& options, const StreamFacts& facts,
 
 Result<Rounds> PlanRounds(const PlayOptions& options, const StreamFacts& facts) {
   if (options.rounds != 1 && !facts.bytes) {
-    return UsageFailure("--loop needs a file: a pipe can be read only once");
+    return UsageFailure("--loop needs a file: a pipe or a live input can be read only once");
   }
   if (auto failure = CheckRestamp(options, facts)) {
     return *std::move(failure);
@@ -60,6 +60,7 @@ Result<Rounds> PlanRounds(const PlayOptions& options, const StreamFacts& facts) 
   Rounds rounds;
   rounds.count = options.rounds;
   rounds.round_bytes = facts.bytes;
+  rounds.live = facts.live;
   if (facts.rate && (options.restamp || options.near_wrap)) {
     rounds.restamp = RestampFor(options, facts, rounds.count);
     if (rounds.round_bytes) {

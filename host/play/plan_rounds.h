@@ -18,6 +18,7 @@ struct Rounds {
   std::optional<std::uint64_t> count;  // none: without end
   std::optional<RestampPlan> restamp;
   std::optional<std::uint64_t> round_bytes;  // as played; none for a pipe
+  bool live = false;                         // comes at its own pace
   std::optional<std::uint64_t> total_bytes;  // of all rounds; none without an end
 };
 

@@ -73,9 +73,13 @@ void StartNearWraps(const PlayOptions& options, const Decisions& decided,
 // The library starts once 0.8 of PlayFileSizeForIP has been written.
 std::uint64_t PlayFileSizeFor(const PlayOptions& options, const Decisions& decided) {
   constexpr double kThreshold = 0.8;
-  const bool is_file = decided.rounds.round_bytes.has_value();
-  const std::chrono::nanoseconds prefill =
-      options.prefill.value_or(std::chrono::seconds(is_file ? 1 : 0));
+  std::chrono::nanoseconds prefill{0};
+  if (decided.rounds.round_bytes) {
+    prefill = std::chrono::seconds(1);
+  } else if (decided.rounds.live) {
+    prefill = std::chrono::milliseconds(200);
+  }
+  prefill = options.prefill.value_or(prefill);
   double bytes = decided.rates.PayloadBytesPerSecond(decided.sizes) *
                  static_cast<double>(prefill.count()) / 1e9;
   if (decided.rounds.total_bytes) {

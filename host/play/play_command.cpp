@@ -84,7 +84,7 @@ void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayP
 }
 
 InputOptions InputOptionsOf(const PlayOptions& options) {
-  return {.raw = options.raw, .flow = options.flow};
+  return {.raw = options.raw, .flow = options.flow, .silence = options.silence};
 }
 
 ExamineOptions ExamineOptionsOf(const PlayOptions& options) {

@@ -24,6 +24,9 @@ void DefineInput(OptionBuilder& add, PlayOptions& o) {
   add.Value("--flow", o.flow, "[SOURCE@]ADDRESS:PORT",
             "as 239.1.1.1:5004, or 10.0.0.1@239.1.1.1:5004",
             "Flow of a capture to play, by its destination; default: the only one", ParseEndpoint);
+  add.Value("--end-after-silence", o.silence, "TIME", "a time as 5s",
+            "End when nothing has come from udp:// or rtp:// for this long; default: never",
+            ParseDuration);
 }
 
 void DefineTarget(OptionBuilder& add, PlayOptions& o) {
@@ -213,10 +216,11 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
   add.Flag(
       "--economy", o.economy,
       "Use less processor time, with less exact gaps, as in a process with a nice value above 0");
-  add.Value("--prefill", o.prefill, "TIME", "a time as 500ms",
-            "Stream time to read before the first datagram leaves; default 1s for a file, 0 for a "
-            "pipe",
-            ParseDuration);
+  add.Value(
+      "--prefill", o.prefill, "TIME", "a time as 500ms",
+      "Stream time to read before the first datagram leaves; default 1s for a file, 200ms for a "
+      "live input, 0 for a pipe",
+      ParseDuration);
   add.Value(
       "--stats", o.json_stats, "text|json", "text or json", "json: the same as --json",
       [](const std::string& text) -> std::optional<bool> {
@@ -244,8 +248,11 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
 
 void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
   OptionBuilder add(command);
-  add.Value("INPUT,--input", options.input, "FILE", "a file or -",
-            "File to play, a pcap or pcapng file, or - for standard input", ParseText)
+  add.Value("INPUT,--input", options.input, "INPUT", "a file or -",
+            "File to play, a pcap or pcapng file, udp:// or rtp:// [SOURCE@]ADDRESS:PORT, or - for "
+            "standard "
+            "input",
+            ParseText)
       ->required();
   DefineInput(add, options);
   DefineTarget(add, options);

@@ -35,6 +35,8 @@ class ByteSource {
   // may lie before them. Empty where the source knows no times.
   virtual std::span<const Arrival> Arrivals() const { return {}; }
 
+  // It goes on at its own pace, whoever reads.
+  virtual bool IsLive() const { return false; }
   // Reading ended at a stop.
   virtual bool IsStopped() const { return false; }
   // errno of a read that failed, or 0.

@@ -69,14 +69,26 @@ void DatagramStream::AddPayload(std::span<const std::uint8_t> payload, std::int6
   if (payload.empty()) {
     return;
   }
-  if (!HasBytes()) {
-    start_ += bytes_.size();
-    bytes_.clear();
-    taken_ = 0;
-    arrivals_.clear();
-  }
+  DropTaken();
   arrivals_.push_back({start_ + bytes_.size(), arrival_ns});
   bytes_.insert(bytes_.end(), payload.begin(), payload.end());
+}
+
+// Seldom enough to be cheap where some bytes always wait.
+void DatagramStream::DropTaken() {
+  constexpr std::size_t kEnough = 65536;
+  if (HasBytes() && (taken_ < kEnough || 2 * taken_ < bytes_.size())) {
+    return;
+  }
+  bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(taken_));
+  start_ += taken_;
+  taken_ = 0;
+  const auto next =
+      std::find_if(arrivals_.begin(), arrivals_.end(),
+                   [this](const Arrival& arrival) { return arrival.offset > start_; });
+  if (next != arrivals_.begin()) {
+    arrivals_.erase(arrivals_.begin(), bytes_.empty() ? next : std::prev(next));
+  }
 }
 
 std::size_t DatagramStream::Take(std::span<std::uint8_t> buffer) {

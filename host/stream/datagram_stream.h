@@ -42,16 +42,16 @@ class DatagramStream {
   // No more datagrams will come: those that wait for missing ones go on.
   void Flush();
 
-  bool HasBytes() const { return taken_ < bytes_.size(); }
+  bool HasBytes() const { return BytesWaiting() > 0; }
+  std::size_t BytesWaiting() const { return bytes_.size() - taken_; }
   // Takes bytes of the stream; see ByteSource::Arrivals().
   std::size_t Take(std::span<std::uint8_t> buffer);
   std::span<const Arrival> Arrivals() const { return taken_arrivals_; }
-  // Bytes of stream so far, taken or not.
-  std::uint64_t Bytes() const { return start_ + bytes_.size(); }
 
   std::vector<std::string> Notes() const;
 
  private:
+  void DropTaken();
   void AddPayload(std::span<const std::uint8_t> payload, std::int64_t arrival_ns);
 
   std::unique_ptr<measure::RtpSequence> sequence_;  // null without RTP

@@ -43,6 +43,8 @@ class Input {
   // Nobody will ask for bytes before this offset again, unless they are read again.
   void ForgetArrivalsBefore(std::uint64_t offset);
 
+  // It goes on at its own pace, whoever reads.
+  bool IsLive() const { return source_->IsLive(); }
   bool IsStopped() const { return source_->IsStopped(); }
   // errno of a read that failed, or 0.
   int ReadError() const { return source_->ReadError(); }

@@ -2,6 +2,7 @@
 // Opens what a user names as an input.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -12,12 +13,13 @@
 namespace ipplay {
 
 struct InputOptions {
-  bool raw = false;                // without transport packets
-  std::optional<Endpoint> flow{};  // of a capture
+  bool raw = false;                                   // without transport packets
+  std::optional<Endpoint> flow{};                     // of a capture
+  std::optional<std::chrono::nanoseconds> silence{};  // after which a live input has ended
 };
 
-// A file, a pcap or pcapng file, "-" for standard input. No read goes on once `stop_fd` is
-// readable; -1 for none.
+// A file, a pcap or pcapng file, a LiveAddress, "-" for standard input. No read goes on once
+// `stop_fd` is readable; -1 for none.
 Result<Input> OpenInput(const std::string& name, const InputOptions& options, int stop_fd);
 
 }  // namespace ipplay

@@ -151,6 +151,7 @@ Detection ReadHead(Input& input, std::vector<std::uint8_t>& head) {
 StreamFacts RawFacts(Input& input, std::vector<std::uint8_t> head) {
   StreamFacts facts;
   facts.bytes = facts.end = input.Size();
+  facts.live = input.IsLive();
   if (input.Size()) {
     input.Seek(0);
   } else {
@@ -199,6 +200,7 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   StreamFacts facts;
   facts.format = *detection.format;
   facts.first_packet = detection.first_packet;
+  facts.live = input.IsLive();
   PacketWalker walker(facts.format);
   if (!input.Size()) {
     WalkPipe(input, facts, std::move(head), options.want_rate, walker);

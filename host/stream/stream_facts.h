@@ -22,6 +22,7 @@ struct StreamFacts {
   Damage damage;                    // between the packets of a file that was read whole; not played
   std::optional<PcrRate> rate;      // where there are PCRs
   std::uint64_t content_ticks = 0;  // of a file, as PesTimes::Ticks()
+  bool live = false;                // comes at its own pace
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.

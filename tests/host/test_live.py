@@ -1,0 +1,91 @@
+# SPDX-License-Identifier: MIT
+"""Streams that come in by UDP and RTP while they are played, judged by what was sent."""
+import json
+import os
+import signal
+import sys
+import threading
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "measure"))
+
+from frames import Playout  # noqa: E402
+from playbed import PlayCase  # noqa: E402
+
+PLAYED, USAGE, NO_ACCESS = 0, 2, 3
+TARGET = ("--to", "udp://239.7.7.7:5006", "--bitrate", "20M")
+GROUP4, GROUP6 = "239.1.1.1", "ff3e::8000:1"
+
+
+def from_another_source(frame):
+    """The same IPv4 frame from 10.3.2.1 instead of 10.1.2.3, with which no checksum changes."""
+    return frame.replace(bytes((10, 1, 2, 3)), bytes((10, 3, 2, 1)), 1)
+
+
+class Live(PlayCase):
+    def send_when_joined(self, group, frames):
+        kernel = {GROUP4: "010101EF", GROUP6: "ff3e0000000000000000000080000001"}[group]
+        self.bed.near.run("sh", "-c", f"until grep -qi {kernel} /proc/net/igmp /proc/net/igmp6; do sleep 0.02; done")
+        sender = self.bed.far.packet_socket(self.bed.FAR)
+        for frame in frames:
+            sender.send(frame)
+        sender.close()
+
+    def relay(self, address, group, frames, *options, status=PLAYED):
+        """Plays from the address, and returns the stream that left."""
+        thread = threading.Thread(target=self.send_when_joined, args=(group, frames))
+        thread.start()
+        played = self.play(address, *TARGET, "--end-after-silence", "500ms", *options, status=status)
+        thread.join()
+        left = [frame for frame in played.frames if frame[30:34] == bytes((239, 7, 7, 7))]
+        return b"".join(frame[42:] for frame in left), played.errors
+
+    def test_stream_is_received_in_order(self):
+        spoilt = {"delay": {20: 3, 100: 1}, "double": {50}, "lose": {70}, "first_sequence": 65500}
+        for address, group, fields in (
+                (f"rtp://@{GROUP4}:5004", GROUP4, spoilt),
+                (f"rtp://{GROUP4}:5004?interface={self.bed.NEAR}", GROUP4, spoilt),
+                (f"udp://{GROUP4}:5004", GROUP4, {"rtp": False}),
+                (f"udp://[{GROUP6}]:5004", GROUP6, {"rtp": False, "ipv6": True}),
+                (f"rtp://[fd00::1]@[{GROUP6}]:5004?interface={self.bed.NEAR}", GROUP6, {"ipv6": True})):
+            with self.subTest(address):
+                playout = Playout(datagrams=300, **fields)
+                payloads = playout.payloads()
+                wanted = b"".join(payload for i, payload in enumerate(payloads) if i not in playout.lose)
+                stream, errors = self.relay(address, group, [frame for _, frame in playout.capture()])
+                self.assertEqual((len(stream), stream == wanted), (len(wanted), True), errors)
+                for note in ("1 RTP packet is missing", "2 RTP packets came late and were put in order",
+                             "1 RTP packet came twice"):
+                    self.assertEqual(errors.count(f"note: INPUT: {note}"), len(playout.lose), errors)
+
+    def test_one_source_is_received(self):
+        wanted, other = Playout(datagrams=100, rtp=False), Playout(datagrams=100, rtp=False, seed=2)
+        frames = []
+        for (_, frame), (_, stray) in zip(wanted.capture(), other.capture()):
+            frames += [from_another_source(stray), frame]
+        stream, _ = self.relay(f"udp://10.1.2.3@{GROUP4}:5004", GROUP4, frames)
+        self.assertEqual(stream, b"".join(wanted.payloads()))
+
+    def test_wrong_addresses_are_refused(self):
+        for address, status in ((f"udp://{GROUP4}", USAGE), (f"udp://{GROUP4}:5004?device=x", USAGE),
+                                (f"rtp://fd00::1@{GROUP4}:5004", USAGE), (f"udp://{GROUP4}:0", USAGE),
+                                (f"udp://{GROUP4}:5004?interface=missing", NO_ACCESS), ("udp://10.99.0.1:5004", NO_ACCESS)):
+            with self.subTest(address):
+                errors = self.play(address, *TARGET, status=status).errors
+                self.assertRegex(errors, r"\Aipplay: INPUT: [^\n]*\n\Z")
+
+    def test_stop_ends_a_stream_that_goes_on(self):
+        frames = [frame for _, frame in Playout(datagrams=900, rtp=False).capture()]  # more than is read ahead
+        player = self.bed.start("play", f"udp://{GROUP4}:5004", *TARGET, "--json")
+        self.send_when_joined(GROUP4, frames)
+        while json.loads(player.stdout.readline())["datagrams"] == 0:
+            pass
+        player.send_signal(signal.SIGINT)
+        output, errors = player.communicate(timeout=30)
+        self.bed.capture.drain()
+        self.assertEqual(player.returncode, PLAYED, errors)
+        self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Stopped by Ctrl-C")
+
+
+if __name__ == "__main__":
+    unittest.main()
