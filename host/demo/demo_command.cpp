@@ -23,6 +23,7 @@
 #include "host/measure/measure_options.h"
 #include "host/measure/measure_run.h"
 #include "host/measure/results/report_html.h"
+#include "host/stream/open_input.h"
 #include "host/stream/stream_facts.h"
 
 namespace ipplay::measure {
@@ -68,7 +69,7 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
   if (options.file.empty()) {
     return BuiltInStream(options);
   }
-  auto input = Input::Open(options.file, -1);
+  auto input = OpenFile(options.file, {}, -1);
   if (!input) {
     return input.Error();
   }

@@ -84,7 +84,21 @@ void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayP
 }
 
 InputOptions InputOptionsOf(const PlayOptions& options) {
-  return {.raw = options.raw, .flow = options.flow, .silence = options.silence};
+  return {.raw = options.raw,
+          .flow = options.flow,
+          .follow = options.follow,
+          .silence = options.silence};
+}
+
+TimeSpan WindowOf(const PlayOptions& options) {
+  const auto ticks = [](std::chrono::nanoseconds time) {
+    return static_cast<std::uint64_t>(time.count() / 1000 * 27);
+  };
+  TimeSpan window{.from = ticks(options.from.value_or(std::chrono::nanoseconds(0)))};
+  if (options.duration) {
+    window.until = window.from + ticks(*options.duration);
+  }
+  return window;
 }
 
 ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
@@ -93,6 +107,9 @@ ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
   if (options.restamp || options.near_wrap) {
     examine.want_rate = true;
     examine.whole = options.rounds != 1;  // the seams follow from the length
+  }
+  if (options.from || options.duration) {
+    examine.window = WindowOf(options);
   }
   if (options.pcr_pid) {
     examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);

@@ -24,8 +24,14 @@ void DefineInput(OptionBuilder& add, PlayOptions& o) {
   add.Value("--flow", o.flow, "[SOURCE@]ADDRESS:PORT",
             "as 239.1.1.1:5004, or 10.0.0.1@239.1.1.1:5004",
             "Flow of a capture to play, by its destination; default: the only one", ParseEndpoint);
+  add.Value("--from", o.from, "TIME", "a time as 90s or 1h30m",
+            "Start at this time by the PCRs; default: at the beginning", ParseDuration);
+  add.Value("--duration", o.duration, "TIME", "a time as 90s or 1h30m",
+            "Play this much by the PCRs; default: to the end", ParseDuration);
+  add.Flag("--follow", o.follow, "Go on with a file that grows");
   add.Value("--end-after-silence", o.silence, "TIME", "a time as 5s",
-            "End when nothing has come from udp:// or rtp:// for this long; default: never",
+            "End when nothing has come from udp://, rtp:// or a growing file for this long; "
+            "default: never",
             ParseDuration);
 }
 

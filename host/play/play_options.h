@@ -19,7 +19,9 @@ namespace ipplay {
 // have no value.
 struct PlayOptions {
   std::string input;
-  std::optional<Endpoint> flow;                     // of a capture
+  std::optional<Endpoint> flow;  // of a capture
+  std::optional<std::chrono::nanoseconds> from, duration;
+  bool follow = false;
   std::optional<std::chrono::nanoseconds> silence;  // that ends a live input
   Target to;
   std::string device;  // name or position; empty: by the route to the target

@@ -45,6 +45,10 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
   if (options.pcr_pid && options.raw) {
     return UsageFailure("--pcr-pid and --raw exclude each other: raw input has no PCRs; give one");
   }
+  if ((options.from || options.duration) && options.raw) {
+    return UsageFailure(
+        "--from and --duration exclude --raw: raw input has no PCRs; give one or the other");
+  }
   return CheckTimeLine(options);
 }
 
@@ -88,9 +92,9 @@ void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, Notes& no
 }
 
 void NoteBytesLeftOut(const StreamFacts& facts, Notes& notes) {
-  if (facts.first_packet > 0) {
-    notes.push_back(
-        fmt::format("{} bytes before the first transport packet are left out", facts.first_packet));
+  if (facts.leading_bytes > 0) {
+    notes.push_back(fmt::format("{} bytes before the first transport packet are left out",
+                                facts.leading_bytes));
   }
   if (facts.damage.places > 0) {
     notes.push_back(DamageText(facts.damage));

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <unordered_map>
 
 #include "host/base/readable_file.h"
@@ -146,7 +147,9 @@ bool IsCapture(const std::string& path) {
   constexpr std::array kMagics{Magic{0xA1, 0xB2, 0xC3, 0xD4}, Magic{0xD4, 0xC3, 0xB2, 0xA1},
                                Magic{0xA1, 0xB2, 0x3C, 0x4D}, Magic{0x4D, 0x3C, 0xB2, 0xA1},
                                Magic{0x0A, 0x0D, 0x0D, 0x0A}};
-  if (path == "-") {
+  // A FIFO can be opened only once.
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) {
     return false;
   }
   const ReadableFile file = OpenForReading(path);

@@ -1,28 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "host/stream/input.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
-#include "host/base/readable_file.h"
-#include "host/stream/file_source.h"
-
 namespace ipplay {
-
-Result<Input> Input::Open(const std::string& path, int stop_fd) {
-  ReadableFile file = OpenForReading(path);
-  if (!file.fd.IsOpen()) {
-    return UsageFailure(fmt::format("INPUT: cannot read {}: {}", path, std::strerror(errno)));
-  }
-  if (file.is_folder) {
-    return UsageFailure(fmt::format("INPUT: {} is a folder; give a file or -", path));
-  }
-  return Input(std::make_unique<FileSource>(std::move(file), stop_fd),
-               path == "-" ? "standard input" : path);
-}
 
 std::size_t Input::Read(std::span<std::uint8_t> buffer) {
   if (unread_taken_ < unread_.size()) {

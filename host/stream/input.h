@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "host/base/result.h"
 #include "host/stream/byte_source.h"
 
 namespace ipplay {
@@ -20,8 +19,6 @@ class Input {
   // `name` is that for messages.
   Input(std::unique_ptr<ByteSource> source, std::string name)
       : source_(std::move(source)), name_(std::move(name)) {}
-  // A file, or "-" for standard input. No read goes on once `stop_fd` is readable; -1 for none.
-  static Result<Input> Open(const std::string& path, int stop_fd);
 
   const std::string& Name() const { return name_; }
   // Of a file or a capture, which can also be read again; nothing for what comes once.

@@ -3,9 +3,15 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
+#include <cstring>
+#include <memory>
 #include <utility>
 
+#include "host/base/readable_file.h"
 #include "host/stream/capture_file.h"
+#include "host/stream/file_source.h"
+#include "host/stream/growing_file.h"
 #include "host/stream/live_source.h"
 
 namespace ipplay {
@@ -29,6 +35,26 @@ Result<Input> OpenLive(const std::string& name, const InputOptions& options, int
 
 }  // namespace
 
+Result<Input> OpenFile(const std::string& name, const InputOptions& options, int stop_fd) {
+  ReadableFile file = OpenForReading(name);
+  if (!file.fd.IsOpen()) {
+    return UsageFailure(fmt::format("INPUT: cannot read {}: {}", name, std::strerror(errno)));
+  }
+  if (file.is_folder) {
+    return UsageFailure(fmt::format("INPUT: {} is a folder; give a file or -", name));
+  }
+  if (options.follow && !file.size) {
+    return UsageFailure(fmt::format("--follow needs a file, and {} is none", name));
+  }
+  std::unique_ptr<ByteSource> source;
+  if (options.follow) {
+    source = std::make_unique<GrowingFile>(std::move(file.fd), options.silence, stop_fd);
+  } else {
+    source = std::make_unique<FileSource>(std::move(file), stop_fd);
+  }
+  return Input(std::move(source), name == "-" ? "standard input" : name);
+}
+
 Result<Input> OpenInput(const std::string& name, const InputOptions& options, int stop_fd) {
   const bool capture = IsCapture(name);
   if (options.flow && !capture) {
@@ -38,11 +64,15 @@ Result<Input> OpenInput(const std::string& name, const InputOptions& options, in
   if (IsLiveAddress(name)) {
     return OpenLive(name, options, stop_fd);
   }
-  if (options.silence) {
-    return UsageFailure("--end-after-silence needs an INPUT that goes on: udp:// or rtp://");
+  if (options.silence && !options.follow) {
+    return UsageFailure(
+        "--end-after-silence needs an INPUT that goes on: udp://, rtp:// or a file with --follow");
+  }
+  if (options.follow && capture) {
+    return UsageFailure("--follow needs a file with the stream itself, and INPUT is a capture");
   }
   if (!capture) {
-    return Input::Open(name, stop_fd);
+    return OpenFile(name, options, stop_fd);
   }
   auto source = CaptureFile::Open(name, options.flow, options.raw, stop_fd);
   if (!source) {

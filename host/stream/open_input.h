@@ -15,11 +15,15 @@ namespace ipplay {
 struct InputOptions {
   bool raw = false;                                   // without transport packets
   std::optional<Endpoint> flow{};                     // of a capture
-  std::optional<std::chrono::nanoseconds> silence{};  // after which a live input has ended
+  bool follow = false;                                // a file grows
+  std::optional<std::chrono::nanoseconds> silence{};  // ends a live input or a growing file
 };
 
 // A file, a pcap or pcapng file, a LiveAddress, "-" for standard input. No read goes on once
 // `stop_fd` is readable; -1 for none.
 Result<Input> OpenInput(const std::string& name, const InputOptions& options, int stop_fd);
+
+// A file with the stream itself only, or "-".
+Result<Input> OpenFile(const std::string& name, const InputOptions& options, int stop_fd);
 
 }  // namespace ipplay

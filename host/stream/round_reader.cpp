@@ -10,14 +10,26 @@ RoundReader::RoundReader(Input input, const StreamFacts& facts)
       format_(facts.format),
       first_packet_(facts.first_packet),
       end_(facts.end) {
+  if (facts.window) {
+    window_.emplace(format_, *facts.window, std::nullopt);
+  }
   StartReading();
 }
 
 std::span<std::uint8_t> RoundReader::Next() {
-  const auto packets = reader_->Next();
-  offset_ = reader_->Offset() - packets.size();
+  auto packets = reader_->Next();
+  auto inside = packets;
+  while (window_ && !packets.empty()) {
+    inside = window_->Pass(packets);
+    if (!inside.empty() || window_->IsOver()) {
+      break;
+    }
+    packets = inside = reader_->Next();
+  }
+  offset_ = reader_->Offset() - packets.size() +
+            static_cast<std::uint64_t>(inside.data() - packets.data());
   input_.ForgetArrivalsBefore(offset_);
-  return packets;
+  return inside;
 }
 
 void RoundReader::StartNextRound() {

@@ -48,7 +48,8 @@ class RoundReader {
   std::uint64_t first_packet_;
   std::optional<std::uint64_t> end_;
   std::optional<PacketReader> reader_;
-  std::uint64_t offset_ = 0;  // in the input, of what Next() returned last
+  std::optional<TimeWindow> window_;  // of a pipe
+  std::uint64_t offset_ = 0;          // in the input, of what Next() returned last
   std::optional<Damage> first_round_damage_;
 };
 

@@ -3,9 +3,11 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cstring>
 #include <vector>
 
+#include "host/base/units.h"
 #include "host/stream/packet_reader.h"
 #include "host/stream/pes_times.h"
 
@@ -64,8 +66,38 @@ void WalkAll(Input& input, PacketReader& reader, PacketWalker& walker) {
   }
 }
 
-void WalkWhole(Input& input, StreamFacts& facts, PacketWalker& walker) {
+// Takes beginning and end of what is to be played from the PCRs.
+std::optional<Failure> FindWindow(Input& input, const ExamineOptions& options, StreamFacts& facts) {
+  TimeWindow window(facts.format, *options.window, options.pcr_pid);
+  bool started = false;
+  input.Seek(facts.first_packet);
   PacketReader reader(input, facts.format, facts.first_packet);
+  for (auto packets = reader.Next(); !packets.empty() && !window.IsOver();
+       packets = reader.Next()) {
+    const auto inside = window.Pass(packets);
+    const std::uint64_t start = reader.Offset() - packets.size() +
+                                static_cast<std::uint64_t>(inside.data() - packets.data());
+    if (!started && !inside.empty()) {
+      started = true;
+      facts.first_packet = start;
+    }
+    if (window.IsOver()) {
+      facts.end = start + inside.size();
+    }
+  }
+  if (!window.HasClock()) {
+    return UsageFailure("--from and --duration need PCRs, and INPUT has none; leave them out");
+  }
+  if (!started) {
+    const auto length = std::chrono::nanoseconds(window.Elapsed() * 1000 / 27);
+    return UsageFailure(
+        fmt::format("--from: INPUT lasts {} by its PCRs; give less", FormatDuration(length)));
+  }
+  return std::nullopt;
+}
+
+void WalkWhole(Input& input, StreamFacts& facts, PacketWalker& walker) {
+  PacketReader reader(input, facts.format, facts.first_packet, facts.end);
   WalkAll(input, reader, walker);
   facts.end = reader.Offset() + reader.TrailingBytes();
   facts.bytes = walker.packets() * facts.format.packet_bytes;
@@ -91,8 +123,13 @@ void WalkEnds(Input& input, std::uint64_t size, StreamFacts& facts, PacketWalker
 
 std::optional<Failure> WalkFile(Input& input, const ExamineOptions& options, StreamFacts& facts,
                                 PacketWalker& walker) {
+  if (options.window) {
+    if (auto failure = FindWindow(input, options, facts)) {
+      return failure;
+    }
+  }
   input.Seek(facts.first_packet);
-  if (options.whole || *input.Size() <= kLargeFile) {
+  if (options.window || options.whole || *input.Size() <= kLargeFile) {
     WalkWhole(input, facts, walker);
   } else {
     WalkEnds(input, *input.Size(), facts, walker);
@@ -199,11 +236,12 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   }
   StreamFacts facts;
   facts.format = *detection.format;
-  facts.first_packet = detection.first_packet;
+  facts.first_packet = facts.leading_bytes = detection.first_packet;
   facts.live = input.IsLive();
   PacketWalker walker(facts.format);
   if (!input.Size()) {
     WalkPipe(input, facts, std::move(head), options.want_rate, walker);
+    facts.window = options.window;
   } else if (const auto failure = WalkFile(input, options, facts, walker)) {
     return *failure;
   }

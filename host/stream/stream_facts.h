@@ -10,19 +10,22 @@
 #include "host/stream/packet_format.h"
 #include "host/stream/packet_sync.h"
 #include "host/stream/pcr_rate.h"
+#include "host/stream/time_window.h"
 
 namespace ipplay {
 
 struct StreamFacts {
   PacketFormat format;
-  std::uint64_t first_packet = 0;      // offset; bytes before it are not played
-  std::optional<std::uint64_t> end;    // of a file: its size
+  std::uint64_t leading_bytes = 0;     // before the first packet of all; not played
+  std::uint64_t first_packet = 0;      // offset of the first one that is played
+  std::optional<std::uint64_t> end;    // of a file: offset at which reading ends
   std::optional<std::uint64_t> bytes;  // of a file: of its packets (all bytes of raw input)
   std::uint64_t trailing_bytes = 0;    // after the last whole packet; not played
   Damage damage;                    // between the packets of a file that was read whole; not played
   std::optional<PcrRate> rate;      // where there are PCRs
   std::uint64_t content_ticks = 0;  // of a file, as PesTimes::Ticks()
   bool live = false;                // comes at its own pace
+  std::optional<TimeSpan> window{};  // of a pipe, to be found as it comes
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.
@@ -34,6 +37,7 @@ struct ExamineOptions {
   bool want_rate = true;  // false: a pipe need not be read ahead for its PCRs
   bool whole = false;     // read a large file whole too, so that its length is exact
   std::optional<std::uint16_t> pcr_pid{};
+  std::optional<TimeSpan> window{};  // what to play; none: all
 };
 
 // A file up to this size is read from end to end. Of a larger one beginning and end are read, and

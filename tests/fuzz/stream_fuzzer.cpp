@@ -17,6 +17,7 @@
 #include "host/base/file_descriptor.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
+#include "host/stream/open_input.h"
 #include "host/stream/restamper.h"
 #include "host/stream/round_reader.h"
 #include "host/stream/stream_facts.h"
@@ -95,7 +96,7 @@ class Source {
     }
   }
   Result<Input> Open() const {
-    return Input::Open("/proc/self/fd/" + std::to_string(fd_.Get()), -1);
+    return OpenInput("/proc/self/fd/" + std::to_string(fd_.Get()), {}, -1);
   }
 
  private:

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <thread>
 
 #include "host/play/feeder.h"
+#include "host/stream/open_input.h"
 #include "host/stream/stream_facts.h"
 #include "tests/host/temporary_file.h"
 #include "tests/host/ts_builder.h"
@@ -27,7 +29,10 @@ constexpr std::uint64_t kTicks = 27'000;  // 1,000 packets per second, 1.504 Mbi
 // A pipe with a name, filled by a thread.
 class Fifo {
  public:
-  Fifo() { mkfifo(path_.c_str(), 0600); }
+  Fifo() {
+    mkfifo(path_.c_str(), 0600);
+    signal(SIGPIPE, SIG_IGN);  // a reader may have enough
+  }
   ~Fifo() {
     if (writer_.joinable()) {
       writer_.join();
@@ -65,7 +70,7 @@ struct Fed {
 Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint64_t rounds = 1,
          std::optional<std::uint64_t> restamp_ticks = {}) {
   Fed fed;
-  auto input = Input::Open(path, -1);
+  auto input = OpenInput(path, {}, -1);
   if (!input) {
     return {.failure = input.Error().message};
   }
@@ -196,6 +201,61 @@ TEST(Input, DamageIsLeftOutOfPipes) {
   }
 }
 
+// 1,000 packets per second, with a PCR in every tenth.
+TEST(Input, WindowIsCutByPcrs) {
+  const Bytes stream = MakeStream(5000, kTicks, kPcrModulus - 2000 * kTicks);  // wraps after 2 s
+  constexpr std::uint64_t kSecond = kPcrHz;
+  struct Case {
+    TimeSpan window;
+    std::size_t first;
+    std::size_t end;
+  };
+  const TemporaryFile file(stream);
+  for (const Case& c :
+       {Case{{.from = kSecond}, 1000, 5000}, Case{{.from = 0, .until = 3 * kSecond}, 0, 3000},
+        Case{{.from = kSecond, .until = 3 * kSecond}, 1000, 3000},
+        Case{{.from = kSecond + 1, .until = kSecond + 2 * kTicks}, 1010, 1010},
+        Case{{.from = 4 * kSecond, .until = 9 * kSecond}, 4000, 5000}}) {
+    const Bytes wanted(stream.begin() + static_cast<std::ptrdiff_t>(c.first * 188),
+                       stream.begin() + static_cast<std::ptrdiff_t>(c.end * 188));
+    ExamineOptions options;
+    options.window = c.window;
+    Fifo fifo;
+    fifo.Fill(stream);
+    EXPECT_EQ(Feed(fifo.path(), options).bytes, wanted) << c.first;
+    if (wanted.empty()) {
+      continue;
+    }
+    const Fed fed = Feed(file.path(), options, 2);
+    ASSERT_TRUE(fed.facts) << fed.failure;
+    EXPECT_EQ(fed.bytes, Repeated(wanted, 2)) << c.first;
+    EXPECT_EQ(fed.facts->bytes, wanted.size());
+    EXPECT_EQ(fed.facts->leading_bytes, 0U);
+  }
+  ExamineOptions late;
+  late.window = TimeSpan{.from = 6 * kSecond};
+  EXPECT_EQ(Feed(file.path(), late).failure, "--from: INPUT lasts 4.99 s by its PCRs; give less");
+}
+
+TEST(Input, FollowsAFileThatGrows) {
+  const Bytes stream = MakeStream(3000, kTicks);
+  const auto half = std::span(stream).first(1500 * 188 + 50);
+  const TemporaryFile file(half);
+  const InputOptions options{.follow = true, .silence = std::chrono::milliseconds(300)};
+  auto input = OpenInput(file.path(), options, -1);
+  ASSERT_TRUE(input);
+  Bytes read(half.size());
+  EXPECT_EQ(input->ReadFully(read), half.size());
+  std::ofstream(file.path(), std::ios::app | std::ios::binary)
+      .write(reinterpret_cast<const char*>(stream.data() + half.size()),
+             static_cast<std::streamsize>(stream.size() - half.size()));
+  read.resize(stream.size() + 1);
+  const auto rest = std::span(read).subspan(half.size());
+  EXPECT_EQ(input->ReadFully(rest), stream.size() - half.size());
+  read.pop_back();
+  EXPECT_EQ(read, stream);
+}
+
 // Of 50 GB nothing is read between the ends: the file has no more than these.
 TEST(Input, LargeFileIsKnownByItsEnds) {
   constexpr std::uint64_t kPackets = 266'000'000;  // 7.4 hours at 10,000 a second
@@ -213,7 +273,7 @@ TEST(Input, LargeFileIsKnownByItsEnds) {
       stream.write(reinterpret_cast<const char*>(tail.data()),
                    static_cast<std::streamsize>(tail.size()));
     }
-    auto input = Input::Open(file.path(), -1);
+    auto input = OpenInput(file.path(), {}, -1);
     const auto facts = Examine(*input, {});
     ASSERT_TRUE(facts && facts->rate);
     EXPECT_EQ(facts->Packets(), kPackets);
@@ -224,7 +284,7 @@ TEST(Input, LargeFileIsKnownByItsEnds) {
 
 TEST(Feeder, RefusedWriteEndsIt) {
   const TemporaryFile file(MakeStream(1000, kTicks));
-  auto input = Input::Open(file.path(), -1);
+  auto input = OpenInput(file.path(), {}, -1);
   const auto facts = Examine(*input, {});
   int writes = 0;
   bool terminated = false;

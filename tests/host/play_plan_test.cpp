@@ -190,7 +190,7 @@ TEST(PlayPlan, NotesTellWhatIsUnexpected) {
   StreamFacts facts = Facts();
   facts.rate->highest = 9000;
   facts.rate->discontinuities = 2;
-  facts.first_packet = 10;
+  facts.leading_bytes = 10;
   facts.trailing_bytes = 20;
   EXPECT_EQ(Plan(kRtp, facts)->notes.size(), 4U);
 }

@@ -76,6 +76,23 @@ class Inputs(PlayCase):
                     self.assertEqual(json.loads(played.output.splitlines()[-1])["input"],
                                      {"left_out_bytes": 276, "left_out_places": 2})
 
+    def test_part_by_time_is_what_ffprobe_sees(self):
+        self.bed.capture.drain()
+        played = self.play(SAMPLE, *TARGET, "--bitrate", "20M", "--from", "1s", "--duration", "1s")
+        part = self.path("part.ts")
+        with open(part, "wb") as file:
+            file.write(played.payload(42))
+        self.assertTrue(read_file(part) in read_file(SAMPLE))
+
+        def times(path):
+            command = ("ffprobe", "-v", "quiet", "-select_streams", "v", "-show_entries", "packet=pts_time", "-of", "csv=p=0", path)
+            text = subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE).stdout
+            return [float(line.strip(",")) for line in text.split() if line.strip(",") != "N/A"]
+
+        whole, cut = times(SAMPLE), times(part)
+        self.assertAlmostEqual(min(cut) - min(whole), 1, delta=0.4)
+        self.assertAlmostEqual(max(cut) - min(cut), 1, delta=0.4)
+
     def start_and_wait(self, *arguments, **more):
         player = self.bed.start("play", *arguments, **more)
         while json.loads(player.stdout.readline())["datagrams"] == 0:
