@@ -108,6 +108,9 @@ ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
     examine.want_rate = true;
     examine.whole = options.rounds != 1;  // the seams follow from the length
   }
+  if (options.program) {
+    examine.program = static_cast<std::uint16_t>(*options.program);
+  }
   if (options.from || options.duration) {
     examine.window = WindowOf(options);
   }

@@ -28,6 +28,8 @@ void DefineInput(OptionBuilder& add, PlayOptions& o) {
             "Start at this time by the PCRs; default: at the beginning", ParseDuration);
   add.Value("--duration", o.duration, "TIME", "a time as 90s or 1h30m",
             "Play this much by the PCRs; default: to the end", ParseDuration);
+  add.Number("--program", o.program, 1, 65535,
+             "Play one programme of a multiplex; null packets stand for the others");
   add.Flag("--follow", o.follow, "Go on with a file that grows");
   add.Value("--end-after-silence", o.silence, "TIME", "a time as 5s",
             "End when nothing has come from udp://, rtp:// or a growing file for this long; "

@@ -21,6 +21,7 @@ struct PlayOptions {
   std::string input;
   std::optional<Endpoint> flow;  // of a capture
   std::optional<std::chrono::nanoseconds> from, duration;
+  std::optional<std::uint32_t> program;  // of a multiplex
   bool follow = false;
   std::optional<std::chrono::nanoseconds> silence;  // that ends a live input
   Target to;

@@ -45,6 +45,10 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
   if (options.pcr_pid && options.raw) {
     return UsageFailure("--pcr-pid and --raw exclude each other: raw input has no PCRs; give one");
   }
+  if (options.program && options.raw) {
+    return UsageFailure(
+        "--program and --raw exclude each other: raw input has no programmes; give one");
+  }
   if ((options.from || options.duration) && options.raw) {
     return UsageFailure(
         "--from and --duration exclude --raw: raw input has no PCRs; give one or the other");

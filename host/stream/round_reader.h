@@ -8,6 +8,7 @@
 
 #include "host/stream/input.h"
 #include "host/stream/packet_reader.h"
+#include "host/stream/program_filter.h"
 #include "host/stream/stream_facts.h"
 
 namespace ipplay {
@@ -41,7 +42,7 @@ class RoundReader {
   int ReadError() const;
 
  private:
-  void StartReading() { reader_.emplace(input_, format_, first_packet_, end_); }
+  void StartReading();
 
   Input input_;
   PacketFormat format_;
@@ -49,7 +50,9 @@ class RoundReader {
   std::optional<std::uint64_t> end_;
   std::optional<PacketReader> reader_;
   std::optional<TimeWindow> window_;  // of a pipe
-  std::uint64_t offset_ = 0;          // in the input, of what Next() returned last
+  std::optional<std::uint16_t> program_;
+  std::optional<ProgramFilter> filter_;
+  std::uint64_t offset_ = 0;  // in the input, of what Next() returned last
   std::optional<Damage> first_round_damage_;
 };
 

@@ -5,11 +5,13 @@
 
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "host/base/units.h"
 #include "host/stream/packet_reader.h"
 #include "host/stream/pes_times.h"
+#include "host/stream/program_filter.h"
 
 namespace ipplay {
 namespace {
@@ -31,9 +33,18 @@ Failure NoTransportStream(const Input& input, std::uint64_t offset) {
 // Hands packets to the meters.
 class PacketWalker {
  public:
-  explicit PacketWalker(PacketFormat format) : format_(format) {}
+  PacketWalker(PacketFormat format, std::optional<std::uint16_t> program) : format_(format) {
+    if (program) {
+      filter_.emplace(format, *program);
+    }
+  }
 
   void Walk(std::span<const std::uint8_t> packets) {
+    if (filter_) {
+      filtered_.assign(packets.begin(), packets.end());
+      filter_->Filter(filtered_);
+      packets = filtered_;
+    }
     for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
       const std::uint8_t* packet = packets.data() + at + format_.SyncOffset();
       meter_.Add(packets_, packet);
@@ -51,8 +62,13 @@ class PacketWalker {
   std::uint64_t packets() const { return packets_; }
   const PcrRateMeter& meter() const { return meter_; }
   const PesTimes& times() const { return times_; }
+  std::set<std::uint16_t> Programs() const {
+    return filter_ ? filter_->Programs() : std::set<std::uint16_t>();
+  }
 
  private:
+  std::optional<ProgramFilter> filter_;
+  std::vector<std::uint8_t> filtered_;
   PacketFormat format_;
   PcrRateMeter meter_;
   PesTimes times_;
@@ -238,12 +254,21 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   facts.format = *detection.format;
   facts.first_packet = facts.leading_bytes = detection.first_packet;
   facts.live = input.IsLive();
-  PacketWalker walker(facts.format);
+  PacketWalker walker(facts.format, options.program);
   if (!input.Size()) {
     WalkPipe(input, facts, std::move(head), options.want_rate, walker);
     facts.window = options.window;
   } else if (const auto failure = WalkFile(input, options, facts, walker)) {
     return *failure;
+  }
+  facts.program = options.program;
+  if (const auto programs = walker.Programs(); options.program &&
+                                               !programs.contains(*options.program) &&
+                                               (input.Size() || !programs.empty())) {
+    return UsageFailure(
+        programs.empty() ? fmt::format("--program: {} has no PAT; leave it out", input.Name())
+                         : fmt::format("--program: {} has no programme {}; give one of {}",
+                                       input.Name(), *options.program, fmt::join(programs, ", ")));
   }
   facts.rate = walker.meter().Rate(options.pcr_pid);
   facts.content_ticks = walker.times().Ticks();

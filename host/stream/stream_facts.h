@@ -25,7 +25,8 @@ struct StreamFacts {
   std::optional<PcrRate> rate;      // where there are PCRs
   std::uint64_t content_ticks = 0;  // of a file, as PesTimes::Ticks()
   bool live = false;                // comes at its own pace
-  std::optional<TimeSpan> window{};  // of a pipe, to be found as it comes
+  std::optional<TimeSpan> window{};        // of a pipe, to be found as it comes
+  std::optional<std::uint16_t> program{};  // the only one that is played
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.
@@ -37,7 +38,8 @@ struct ExamineOptions {
   bool want_rate = true;  // false: a pipe need not be read ahead for its PCRs
   bool whole = false;     // read a large file whole too, so that its length is exact
   std::optional<std::uint16_t> pcr_pid{};
-  std::optional<TimeSpan> window{};  // what to play; none: all
+  std::optional<TimeSpan> window{};        // what to play; none: all
+  std::optional<std::uint16_t> program{};  // the only one to play; none: all
 };
 
 // A file up to this size is read from end to end. Of a larger one beginning and end are read, and

@@ -32,7 +32,8 @@ enum Mode : std::uint8_t {
   kPipe = 4,
   kRestamp = 8,
   kNearWrap = 16,
-  kTts = 32
+  kTts = 32,
+  kProgram = 64
 };
 
 // Headers follow each other closely in the fuzzer's bytes; here each gets its packet.
@@ -108,7 +109,7 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
   std::uint64_t played = 0;
   auto at = bytes.begin();
   const auto take = [&](std::span<const std::uint8_t> piece) {
-    if (!plan.rounds.restamp) {
+    if (!plan.rounds.restamp && !facts.program) {
       at = std::search(at, bytes.end(), piece.begin(), piece.end());
       if (bytes.end() - at < static_cast<std::ptrdiff_t>(piece.size())) {
         std::abort();
@@ -159,7 +160,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!input) {
     std::abort();
   }
-  const auto facts = Examine(*input, {.raw = options.raw});
+  ExamineOptions examine;
+  examine.raw = options.raw;
+  if ((mode & kProgram) != 0) {
+    examine.program = 1;
+  }
+  const auto facts = Examine(*input, examine);
   if (!facts) {
     return 0;
   }

@@ -93,6 +93,31 @@ class Inputs(PlayCase):
         self.assertAlmostEqual(min(cut) - min(whole), 1, delta=0.4)
         self.assertAlmostEqual(max(cut) - min(cut), 1, delta=0.4)
 
+    def test_one_programme_of_several(self):
+        self.bed.capture.drain()
+        path, alone = self.path("several.ts"), self.path("alone.ts")
+        sources = [part for size in ("160x120", "320x240", "64x48")
+                   for part in ("-f", "lavfi", "-i", f"testsrc2=size={size}:rate=25")]
+        programs = [part for i in range(3) for part in ("-map", f"{i}:v", "-program", f"program_num={11 * (i + 1)}:st={i}")]
+        subprocess.run(("ffmpeg", "-nostdin", "-loglevel", "error", *sources, "-t", "3", *programs, "-c:v", "mpeg2video",
+                        "-muxrate", "4M", path), check=True)
+        played = self.play(path, *TARGET, "--bitrate", "40M", "--program", "22")
+        with open(alone, "wb") as file:
+            file.write(played.payload(42))
+        self.assertEqual(os.path.getsize(alone), os.path.getsize(path))
+
+        def probe(name):
+            text = subprocess.run(("ffprobe", "-v", "error", "-show_programs", "-count_packets", "-of", "json", name), check=True,
+                                  text=True, stdout=subprocess.PIPE).stdout
+            return {each["program_num"]: [(stream["id"], stream["width"], stream["nb_read_packets"]) for stream in each["streams"]]
+                    for each in json.loads(text)["programs"]}
+
+        before, after = probe(path), probe(alone)
+        self.assertEqual(sorted(before), [11, 22, 33])
+        self.assertEqual(after, {22: before[22]})
+        errors = self.play(path, *TARGET, "--program", "23", status=USAGE).errors
+        self.assertIn(f"--program 23: {path} has no programme 23; give one of 11, 22, 33", errors)
+
     def start_and_wait(self, *arguments, **more):
         player = self.bed.start("play", *arguments, **more)
         while json.loads(player.stdout.readline())["datagrams"] == 0:
