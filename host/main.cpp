@@ -18,8 +18,12 @@
 
 namespace {
 
-int Tell(ipplay::ExitStatus status, const std::string& message) {
+int Tell(ipplay::ExitStatus status, const std::string& message,
+         const std::vector<std::string>& details = {}) {
   ipplay::Print(stderr, "ipplay: {}\n", ipplay::QuotedLine(message));
+  for (const std::string& line : details) {
+    ipplay::Print(stderr, "{}\n", ipplay::QuotedLine(line));
+  }
   return static_cast<int>(status);
 }
 
@@ -56,7 +60,7 @@ int Run(int argc, char** argv) {
     return *outcome;
   }
   const ipplay::Failure& failure = outcome.Error();
-  return Tell(failure.status, ipplay::NameAsTyped(app, words, failure.message));
+  return Tell(failure.status, ipplay::NameAsTyped(app, words, failure.message), failure.details);
 }
 
 }  // namespace

@@ -80,7 +80,7 @@ struct ScheduledStream : platform::RequestNode {
   DeparturePolicy policy;
   Time planned{0};
   Time paused_at{0};
-  std::uint64_t number = 0;  // in the order of adding: parts streams that are due together
+  std::uint64_t number = 0;          // in the order of adding: parts streams that are due together
   std::uint64_t retries_before = 0;  // of the sink, by streams that came earlier
 };
 

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-// How the parts of ipplay report what went wrong: a value, or one line for the user and the exit
+// How the parts of ipplay report what went wrong: a value, or a line for the user and the exit
 // status that goes with it.
 #pragma once
 
 #include <string>
 #include <utility>
 #include <variant>
+#include <vector>
 
 namespace ipplay {
 
@@ -19,6 +20,7 @@ enum class ExitStatus : int {
 struct Failure {
   ExitStatus status = ExitStatus::kFailed;
   std::string message;  // one line, without "ipplay:" in front and without a full stop
+  std::vector<std::string> details{};  // lines below it
 };
 
 template <typename T>

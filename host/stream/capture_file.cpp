@@ -107,15 +107,16 @@ std::string FlowText(const CaptureFlow& flow) {
 
 Failure ManyFlows(const std::string& path, std::string_view what,
                   const std::vector<CaptureFlow>& flows) {
-  std::string text =
-      fmt::format("INPUT: {} {}; give one of them as --flow [SOURCE@]ADDRESS:PORT:", path, what);
+  Failure failure = UsageFailure(
+      fmt::format("INPUT: {} {}; give one of them as --flow [SOURCE@]ADDRESS:PORT:", path, what));
   for (std::size_t i = 0; i < std::min(flows.size(), kMostFlowsNamed); ++i) {
-    text += "\n" + FlowText(flows[i]);
+    failure.details.push_back(FlowText(flows[i]));
   }
   if (flows.size() > kMostFlowsNamed) {
-    text += fmt::format("\n  and {} more", FormatCount(flows.size() - kMostFlowsNamed));
+    failure.details.push_back(
+        fmt::format("  and {} more", FormatCount(flows.size() - kMostFlowsNamed)));
   }
-  return UsageFailure(text);
+  return failure;
 }
 
 Result<CaptureFlow> Choose(const std::string& path, const std::vector<CaptureFlow>& flows,

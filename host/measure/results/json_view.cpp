@@ -364,7 +364,7 @@ std::string Indented(std::string_view text, std::string_view margin) {
 }  // namespace
 
 void WriteJson(const Summary& summary, std::span<const Verdict> verdicts,
-                const std::function<void(std::string_view)>& write) {
+               const std::function<void(std::string_view)>& write) {
   Json json{{"schema", kSchema},
             {"run", ToJson(summary.run)},
             {"capture", ToJson(summary.capture)},

@@ -239,8 +239,7 @@ TEST_F(VirtualTime, APlaceWithoutAFrameIsRecordedAndNotSent) {
   Play({&a.ThatIsAll()});
   EXPECT_EQ(a.Ended(), 0);
   Remove(a);
-  EXPECT_EQ(DeparturesAt(sink),
-            (Departures{{'a', 0, milliseconds(0)}, {'a', 2, milliseconds(2)}}));
+  EXPECT_EQ(DeparturesAt(sink), (Departures{{'a', 0, milliseconds(0)}, {'a', 2, milliseconds(2)}}));
   EXPECT_EQ(a.Counts().on_time, 2U);
   std::array<IpPlayoutRecord, 8> records;
   ASSERT_EQ(a.stream.ledger.Take(records), 3U);
