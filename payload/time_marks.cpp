@@ -38,7 +38,7 @@ TimeMarks::Added TimeMarks::Add(const Mark& mark) {
 
 void TimeMarks::SetRate(double nanoseconds_per_byte) {
   rate_slope_ = std::min(nanoseconds_per_byte, kFarthest);
-  line_ = Line{{}, rate_slope_, std::numeric_limits<std::uint64_t>::max()};
+  line_ = Line{{}, rate_slope_, std::numeric_limits<std::uint64_t>::max(), true};
 }
 
 std::optional<TimeMarks::Mark> TimeMarks::Last() const {
@@ -59,7 +59,8 @@ std::optional<double> TimeMarks::MeanRate() const {
 }
 
 std::optional<TimeMarks::Time> TimeMarks::At(std::uint64_t offset) {
-  const bool is_known = line_ && (offset <= line_->end || added_.load() == seen_);
+  const bool is_known =
+      line_ && (offset <= line_->end || (line_->is_last && added_.load() == seen_));
   if (!is_known) {
     FindLine(offset);
   }
@@ -83,9 +84,10 @@ void TimeMarks::FindLine(std::uint64_t offset) {
     marks_.pop_front();
   }
   if (marks_.size() >= 2) {
-    line_ = Line{marks_[0], Slope(marks_[0], marks_[1]), marks_[1].offset};
+    const bool is_last = marks_.size() == 2;
+    line_ = Line{marks_[0], Slope(marks_[0], marks_[1]), marks_[1].offset, is_last};
   } else if (marks_.size() == 1 && (finished || marks_[0].offset == offset)) {
-    line_ = Line{marks_[0], 0, marks_[0].offset};
+    line_ = Line{marks_[0], 0, marks_[0].offset, true};
     if (!finished) {
       seen_ = ~std::uint64_t{0};  // holds for this one offset
     }

@@ -64,6 +64,7 @@ class TimeMarks {
     Mark origin;
     double slope = 0;  // nanoseconds per byte
     std::uint64_t end = 0;
+    bool is_last = false;  // goes on behind its end as long as no mark is added
   };
   std::optional<Line> line_;
   std::uint64_t seen_ = 0;  // of added_, when the line was found
