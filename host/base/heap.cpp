@@ -2,7 +2,11 @@
 #include "host/base/heap.h"
 
 #ifdef IPPLAY_SANITIZED
-#include <sanitizer/allocator_interface.h>
+#include <cstddef>
+
+// Of the sanitizers' runtime. GCC comes without the header that has it.
+extern "C" std::size_t
+__sanitizer_get_current_allocated_bytes();  // NOLINT(bugprone-reserved-identifier)
 #else
 #include <malloc.h>
 
