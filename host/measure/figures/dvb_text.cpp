@@ -53,7 +53,13 @@ class Converters {
   }
   Converters(const Converters&) = delete;
   Converters& operator=(const Converters&) = delete;
-  ~Converters() = default;  // they last as long as the process
+  ~Converters() {
+    for (const auto& [encoding, converter] : converters_) {
+      if (converter != kNone) {
+        ::iconv_close(converter);
+      }
+    }
+  }
 
   static const Converters& All() {
     static const Converters all;
@@ -62,7 +68,7 @@ class Converters {
   // In its first state; none where the system has no such table.
   std::optional<iconv_t> For(const std::string& encoding) const {
     const auto found = converters_.find(encoding);
-    if (found == converters_.end() || found->second == reinterpret_cast<iconv_t>(-1)) {
+    if (found == converters_.end() || found->second == kNone) {
       return std::nullopt;
     }
     ::iconv(found->second, nullptr, nullptr, nullptr, nullptr);
@@ -70,6 +76,8 @@ class Converters {
   }
 
  private:
+  static inline const iconv_t kNone = reinterpret_cast<iconv_t>(-1);
+
   std::map<std::string, iconv_t> converters_;
 };
 
