@@ -49,9 +49,10 @@ std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, Play
     return destination.Error();
   }
   path.destination = destination->mac;
-  std::memcpy(
-      plan.settings.params.ProtocolHeadersSettings.EthernetHeaderSettings.DestinationMacAddress,
-      destination->mac.data(), destination->mac.size());
+  for (IPPlayParams* params : {&plan.settings.params, &plan.schedule.Params}) {
+    std::memcpy(params->ProtocolHeadersSettings.EthernetHeaderSettings.DestinationMacAddress,
+                destination->mac.data(), destination->mac.size());
+  }
   return std::nullopt;
 }
 

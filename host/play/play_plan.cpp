@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "host/base/units.h"
+#include "host/play/plan_schedule.h"
 #include "host/play/plan_settings.h"
 
 namespace ipplay {
@@ -74,6 +75,13 @@ void NoteRtpClock(const PlayPlan& plan, Notes& notes) {
                               rates.rtp_clock_ratio * 90, reason));
 }
 
+// A stream of varying rate has its own times, unless a rate is given. The one playout that is
+// paced by a rate has bursts and jitter by it.
+bool FollowsPcrs(const PlayOptions& options, const StreamFacts& facts) {
+  return facts.rate && facts.rate->IsVariable() && !options.bit_rate && !options.frame_bit_rate &&
+         !options.burst && !options.jitter;
+}
+
 void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, Notes& notes) {
   const auto own = facts.BitRate();
   constexpr double kSameRate = 1e-3;
@@ -85,8 +93,9 @@ void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, Notes& no
   if (facts.rate && facts.rate->IsVariable()) {
     const double bits = 8.0 * facts.format.CountedBytes();
     notes.push_back(fmt::format(
-        "the stream's bit rate varies from {} to {}; it is played at a constant rate",
-        FormatBitRate(facts.rate->lowest * bits), FormatBitRate(facts.rate->highest * bits)));
+        "the stream's bit rate varies from {} to {}; it is played {}",
+        FormatBitRate(facts.rate->lowest * bits), FormatBitRate(facts.rate->highest * bits),
+        FollowsPcrs(options, facts) ? "at the times of its PCRs" : "at a constant rate"));
   }
   if (facts.rate && facts.rate->discontinuities > 0) {
     notes.push_back(
@@ -159,8 +168,14 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   if (!rounds) {
     return rounds.Error();
   }
-  PlayPlan plan{*sizes, *rates, *rounds, options.copies, facts.damage, {}, headers->notes};
-  plan.settings = SettingsFor(options, path, {facts.format, *headers, *sizes, *rates, *rounds});
+  PlayPlan plan{*sizes, *rates, *rounds, options.copies, facts.damage, {}, {}, {}, headers->notes};
+  const Decisions decided{facts.format, *headers, *sizes, *rates, *rounds};
+  plan.settings = SettingsFor(options, path, decided);
+  plan.schedule = ScheduleFor(options, path, decided, plan.settings);
+  if (FollowsPcrs(options, facts)) {
+    plan.pcr_rate = facts.rate;
+    plan.schedule.BitRate = 0;
+  }
   AddNotes(options, facts, plan);
   return plan;
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "host/play/plan_sizes.h"
 #include "host/play/play_options.h"
 #include "host/stream/stream_facts.h"
+#include "ipplayout/playouts.h"
 
 namespace ipplay {
 
@@ -25,7 +27,9 @@ struct PlayPlan {
   std::uint32_t copies = 1;
   Damage damage;  // of the input, as the notes say
   Settings settings;
-  std::vector<std::string> notes;  // what the user should know, a line each
+  IpPlayoutSettings schedule{};     // the same for a playout by time marks
+  std::optional<PcrRate> pcr_rate;  // of a stream that is played at the times of its PCRs
+  std::vector<std::string> notes;   // what the user should know, a line each
 };
 
 // "INPUT is damaged in 2 places: ...".

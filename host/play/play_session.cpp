@@ -9,14 +9,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/base/capabilities.h"
 #include "host/base/library_output.h"
-#include "host/base/nice_value.h"
 #include "host/base/stop_signals.h"
 #include "host/base/units.h"
 #include "host/play/held_back.h"
 #include "host/play/report.h"
-#include "host/play/start_failure.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -27,11 +24,6 @@ using namespace std::chrono_literals;
 
 constexpr const char* kKeys =
     "keys: space pause, l lose, s delay, i bad IP checksum, u bad UDP checksum, q stop, ? help";
-
-Feeder::Sink LibrarySink() {
-  return {.write = [](const void* data, std::uint16_t units) { return IPWrite(data, units); },
-          .terminate = [] { IPWriteTerminate(); }};
-}
 
 std::optional<Restamper> MakeRestamper(const PlayPlan& plan, PacketFormat format) {
   if (!plan.rounds.restamp) {
@@ -44,28 +36,6 @@ std::string ReadFailure(int error) {
   return error == ENODATA ? "the file has become shorter" : std::strerror(error);
 }
 
-PlayoutStatistics Counters() {
-  PlayoutStatistics counters{};
-  GetPlayoutStatistics(&counters);
-  return counters;
-}
-
-// Without the two lines that the library prints about its threads.
-bool StartLibrary(bool economy) {
-  constexpr int kNice = 10;
-  // The library spins less in a process with a nice value above 0.
-  if (economy) {
-    RaiseNiceValue(kNice);
-  }
-  const LibrarySilence silence(LibrarySilence::Of::kOutput);
-  // The library opens the adapter and sets its threads' scheduling class; nothing needs rights
-  // later.
-  KeepCapabilities({kCapNetRaw, kCapSysNice});
-  const bool started = IPStart() == 0;
-  KeepCapabilities({});
-  return started;
-}
-
 }  // namespace
 
 PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
@@ -75,10 +45,11 @@ PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
       stop_reading_(stop_reading),
       time_line_(options.time_line),
       meter_(plan),
+      playing_(MakePlaying(options, plan, reader->Format())),
       feeder_([&] {
         const PacketFormat format = reader->Format();
         return Feeder(std::move(reader), MakeRestamper(plan, format), plan.rounds.count,
-                      LibrarySink());
+                      playing_->Sink());
       }()) {}
 
 PlaySession::~PlaySession() {
@@ -97,19 +68,14 @@ ExitStatus PlaySession::Run() {
 
 bool PlaySession::Start() {
   StopSignals::Take();
-  const intptr_t event = completed_.Get();
-  RegisterForIPPlayoutCompletion(&event);
-  Apply(plan_.settings);
   if (!options_.WantsJson() && !options_.quiet) {
     terminal_ = Terminal::Open();
   }
   start_ = Clock::now();
   next_report_ = terminal_ ? 0s : ReportInterval();
   const StopSignals::HeldBack held_back;  // the threads that start here take none
-  if (!StartLibrary(options_.economy)) {
-    const std::string reason = WhyNotStarted(plan_.settings.params.DeviceIndex);
-    IPStop();
-    Print(stderr, "ipplay: the playout cannot start: {}\n", reason);
+  if (const auto reason = playing_->Start()) {
+    Print(stderr, "ipplay: the playout cannot start: {}\n", *reason);
     return false;
   }
   running_ = true;
@@ -164,7 +130,7 @@ void PlaySession::WaitForSomething() {
   const nanoseconds wait = std::max(NextWake() - Now(), nanoseconds(0));
   const timespec timeout{.tv_sec = static_cast<time_t>(wait / 1s),
                          .tv_nsec = static_cast<long>((wait % 1s).count())};
-  std::array<pollfd, 4> waits{{{completed_.Get(), POLLIN, 0},
+  std::array<pollfd, 4> waits{{{playing_->EndDescriptor(), POLLIN, 0},
                                {StopSignals::Fd(), POLLIN, 0},
                                {terminal_ ? terminal_->Fd() : -1, POLLIN, 0},
                                {continued_.Get(), POLLIN, 0}}};
@@ -172,9 +138,10 @@ void PlaySession::WaitForSomething() {
     return;
   }
   if (waits[0].revents != 0) {
-    // Writes nothing; the result distinguishes the end of the data from a failure.
-    const std::uint32_t nothing = 0;
-    failed_ = IPWrite(&nothing, 0) == IPPLAYOUT_FAILED;
+    if (const auto reason = playing_->Failed()) {
+      failed_ = true;
+      failure_ = *reason;
+    }
     return Finish(!failed_);
   }
   if (const int signal = StopSignals::Came()) {
@@ -236,23 +203,23 @@ void PlaySession::Do(const Action& action, const std::string& by) {
   switch (action.kind) {
     case ActionKind::kLose:
       errors_requested_ = true;
-      GeneratePacketLoss();
+      playing_->Damage(action.kind);
       return Say(by + ": losing the next datagram");
     case ActionKind::kDelay:
       if (!options_.to.rtp) {
         return Say(by + ": only RTP datagrams can be delayed");
       }
       errors_requested_ = true;
-      GenerateSequenceError();
+      playing_->Damage(action.kind);
       return Say(by + ": delaying the next datagram");
     case ActionKind::kBadIpChecksum:
       if (options_.to.address.is_v6) {
         return Say(by + ": IPv6 has no header checksum");
       }
-      GenerateIPChecksumError();
+      playing_->Damage(action.kind);
       return Say(by + ": damaging the IP checksum of the next datagram");
     case ActionKind::kBadUdpChecksum:
-      GenerateUDPChecksumError();
+      playing_->Damage(action.kind);
       return Say(by + ": damaging the UDP checksum of the next datagram");
     case ActionKind::kPause:
       Pause(true);
@@ -268,7 +235,7 @@ void PlaySession::Do(const Action& action, const std::string& by) {
 }
 
 void PlaySession::Pause(bool on) {
-  IPPause(on ? 1 : 0);
+  playing_->Pause(on);
   meter_.SetPaused(on);
   Say(on ? "paused" : "playing");
 }
@@ -290,14 +257,15 @@ void PlaySession::Finish(bool complete) {
   running_ = false;
   feeder_.Stop();
   stop_reading_.Set();
-  IPStop();
+  playing_->Stop();
   feeder_.Join();
-  unsent_ = CountUnsent();
-  meter_.End(Counters(), complete);
+  timing_ = playing_->Timing();
+  unsent_ = timing_ ? timing_->NotSent : CountUnsent();
+  meter_.End(playing_->Counters(), complete);
 }
 
 void PlaySession::ReadCounters(nanoseconds now) {
-  meter_.Read(Counters(), now);
+  meter_.Read(playing_->Counters(), now);
 }
 
 void PlaySession::ReportWhenDue() {
@@ -377,7 +345,7 @@ std::optional<std::uint64_t> PlaySession::HeldBack(const PlayoutStatistics& coun
 
 std::uint64_t PlaySession::CountUnsent() const {
   SentInBatches run{.batch = plan_.rates.batch, .frame_bytes = plan_.sizes.frame_bytes};
-  const PlayoutStatistics counters = Counters();
+  const PlayoutStatistics counters = playing_->Counters();
   if (failed_) {
     run.frames = 0;  // the batch that failed was a full one; how many are lost with it is not known
   } else if (const auto held_back = HeldBack(counters)) {
@@ -405,8 +373,11 @@ ExitStatus PlaySession::Conclude() {
     failed_ = true;
     Fail("INPUT could not be read to its end");
   } else if (failed_) {
-    Fail(fmt::format("a frame could not be sent, at least {} are lost; is the adapter still up?",
-                     FormatCount(std::max<std::uint64_t>(unsent_, 1))));
+    Fail(failure_.empty()
+             ? fmt::format(
+                   "a frame could not be sent, at least {} are lost; is the adapter still up?",
+                   FormatCount(std::max<std::uint64_t>(unsent_, 1)))
+             : failure_);
   } else if (unsent_ > 0) {
     failed_ = true;
     outcome_ = "Failed";
@@ -416,6 +387,7 @@ ExitStatus PlaySession::Conclude() {
   JudgeInput();
   Status status = meter_.Total();
   status.held_back = HeldBack(status.counters);
+  status.timing = timing_;
   if (!options_.raw) {
     status.damage = feeder_.Damaged();
   }

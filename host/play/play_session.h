@@ -16,6 +16,7 @@
 #include "host/play/feeder.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
+#include "host/play/playing.h"
 #include "host/play/status.h"
 #include "host/play/time_line.h"
 
@@ -67,11 +68,11 @@ class PlaySession {
   const PlayOptions& options_;
   const PlayPlan& plan_;
   const Event& stop_reading_;
-  Event completed_;  // set by the library at the end of the run
   ContinueSignal continued_;
   std::unique_ptr<Terminal> terminal_;
   TimeLine time_line_;
   StatusMeter meter_;
+  std::unique_ptr<Playing> playing_;
   Feeder feeder_;
   Clock::time_point start_;
   std::chrono::nanoseconds next_report_{0};
@@ -80,6 +81,8 @@ class PlaySession {
   bool warned_of_read_ = false;
   bool errors_requested_ = false;  // a loss or a delay, by a key or the time line
   ShortSends short_sends_;
+  std::string failure_;  // why the run failed, where the library says
+  std::optional<IpPlayoutTiming> timing_;
   std::uint64_t unsent_ = 0;  // frames at the end of the run that the adapter did not take
   std::string outcome_ = "Played";
 };

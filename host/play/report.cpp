@@ -99,6 +99,23 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   }
 }
 
+// When frames left against their places, of a playout by time marks.
+std::string TimingText(const IpPlayoutTiming& timing) {
+  if (timing.LatenessMaxNs < 0) {
+    return "";
+  }
+  const auto time = [](std::int64_t ns) { return FormatDuration(nanoseconds(ns)); };
+  std::string text =
+      fmt::format("  lateness   {} at the median, {} at 99 %, {} at most; {} frames late\n",
+                  time(timing.LatenessP50Ns), time(timing.LatenessP99Ns),
+                  time(timing.LatenessMaxNs), FormatCount(timing.Late));
+  if (timing.DryTimes > 0) {
+    text += fmt::format("  ran dry    {} times, for {} in all\n", FormatCount(timing.DryTimes),
+                        time(timing.DryNs));
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string FormatClock(nanoseconds time) {
@@ -184,6 +201,9 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
         fmt::format("  held back  {} of the delayed datagrams: the end came before they were due\n",
                     status.held_back ? FormatCount(*status.held_back) : "an unknown number");
   }
+  if (status.timing) {
+    text += TimingText(*status.timing);
+  }
   return text + fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
 }
 
@@ -224,6 +244,20 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   if (status.damage) {
     json["input"] = {{"left_out_bytes", status.damage->bytes},
                      {"left_out_places", status.damage->places}};
+  }
+  if (status.timing && status.timing->LatenessMaxNs >= 0) {
+    const IpPlayoutTiming& timing = *status.timing;
+    json["departures"] = {{"on_time", timing.OnTime},
+                          {"late", timing.Late},
+                          {"not_sent", timing.NotSent},
+                          {"lateness_ns",
+                           {{"p50", timing.LatenessP50Ns},
+                            {"p99", timing.LatenessP99Ns},
+                            {"p99_9", timing.LatenessP999Ns},
+                            {"max", timing.LatenessMaxNs}}},
+                          {"longest_gap_ns", timing.LongestGapNs},
+                          {"dry_times", timing.DryTimes},
+                          {"dry_ns", timing.DryNs}};
   }
   json["jitter_ns"] = counters.Jitter * 1e9;
   // Names of files need not be UTF-8.

@@ -9,6 +9,7 @@
 
 #include "host/play/play_plan.h"
 #include "ipplayout/ipplayout.h"
+#include "ipplayout/playouts.h"
 
 namespace ipplay {
 
@@ -23,7 +24,8 @@ struct Status {
   bool paused = false;
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
   std::optional<std::uint64_t> held_back;
-  std::optional<Damage> damage;  // of the input, at the end of the run; none of raw input
+  std::optional<IpPlayoutTiming> timing;  // where it is recorded, at the end of the run
+  std::optional<Damage> damage;           // of the input, at the end of the run; none of raw input
 };
 
 // Fed with readings of the counters, oldest first. All times are of one steady clock.

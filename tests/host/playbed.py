@@ -151,6 +151,20 @@ def make_stream(path, *options, seconds=3, rate=None, video=("-c:v", "mpeg2video
                     *(["-muxrate", str(rate)] if rate else []), *options, path], check=True)
 
 
+def make_varying_stream(path):
+    """A PCR in every seventh packet: 600 times 2 ms apart, then 150 times 8 ms; and that twice."""
+    pcr, stream = 1_000_000, []
+    for index in range(5250):
+        clock = b""
+        if index % 7 == 0:
+            clock = bytes((7, 0x10)) + (pcr // 300 << 15 | 0x7E00 | pcr % 300).to_bytes(6, "big")
+            pcr += 27_000 * (2 if index < 4200 else 8)
+        header = bytes((0x47, 0x01, 0x00, (0x30 if clock else 0x10) | index % 16))
+        stream.append((header + clock).ljust(188, bytes((index % 251,))))
+    with open(path, "wb") as file:
+        file.write(b"".join(stream * 2))
+
+
 def packets(stream, size=188):
     return [stream[at:at + size] for at in range(0, len(stream), size)]
 

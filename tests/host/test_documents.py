@@ -16,7 +16,7 @@ import unittest
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "measure"))
 
 from frames import Playout, psi_packet, ts_packet, write_pcap  # noqa: E402
-from playbed import HERE, IPPLAY, SAMPLE, PlayCase, install  # noqa: E402
+from playbed import HERE, IPPLAY, SAMPLE, PlayCase, make_varying_stream, install  # noqa: E402
 
 ROOT = os.path.join(HERE, "..", "..")
 NOBODY = "65534"
@@ -182,12 +182,14 @@ class Measured(unittest.TestCase):
 
 class Json(PlayCase):
     def test_documented_fields_are_those_that_are_written(self):
-        for command, arguments in (("ipplay devices --json", ("devices", "--json")),
-                                   ("ipplay play --json",
-                                    ("play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--json"))):
+        varying = self.path("varying.ts")
+        make_varying_stream(varying)
+        target = ("--to", "rtp://239.1.1.1:5004", "--json")
+        for command, runs in (("ipplay devices --json", [("devices", "--json")]),
+                              ("ipplay play --json", [("play", SAMPLE, *target), ("play", varying, *target)])):
             with self.subTest(command):
-                output = self.bed.start(*arguments).communicate(timeout=60)[0]
-                texts = [output] if arguments[0] == "devices" else output.splitlines()
+                outputs = [self.bed.start(*arguments).communicate(timeout=60)[0] for arguments in runs]
+                texts = outputs if len(runs) == 1 else "".join(outputs).splitlines()
                 objects = [json.loads(text) for text in texts]
                 self.assertEqual(fields_of({"all": objects}),
                                  {f"all[].{name}" for name in documented_fields(command)})

@@ -5,7 +5,7 @@ import subprocess
 import unittest
 from collections import defaultdict
 
-from playbed import SAMPLE, SAMPLE_RATE, PlayCase, make_stream, packets, read_file
+from playbed import SAMPLE, SAMPLE_RATE, PlayCase, make_stream, make_varying_stream, packets, read_file
 
 PCR_HZ, PCR_MODULUS = 27_000_000, 300 << 33
 H264 = ("-c:v", "libx264", "-preset", "ultrafast", "-crf", "25")
@@ -36,6 +36,31 @@ def program_clocks(stream):
             base = int.from_bytes(packet[6:10], "big") << 1 | packet[10] >> 7
             clocks.append((index, base * 300 + ((packet[10] & 1) << 8 | packet[11])))
     return clocks
+
+
+class VaryingRate(PlayCase):
+    def stream(self):
+        path = self.path("varying.ts")
+        make_varying_stream(path)
+        return path
+
+    def test_is_played_at_the_times_of_its_pcrs(self):
+        """RTP time is the time at which a datagram is to leave; from round to round the clock jumps."""
+        played = self.play(self.stream(), "--to", "rtp://239.1.1.1:5004", "--json")
+        self.assertIn("at the times of its PCRs", played.errors)
+        times = [int.from_bytes(frame[46:50], "big") for frame in played.frames]
+        steps = [(b - a) & 0xFFFFFFFF for a, b in zip(times, times[1:])]
+        # Over the jump time goes on at the rate before.
+        self.assertEqual(steps, (([180] * 600 + [720] * 150) * 2)[:-1])
+        summary = json.loads(played.output.splitlines()[-1])
+        departures = summary["departures"]
+        self.assertEqual((departures["on_time"] + departures["late"], departures["not_sent"]), (1500, 0))
+        self.assertGreaterEqual(departures["lateness_ns"]["max"], departures["lateness_ns"]["p50"])
+
+    def test_a_given_rate_makes_it_constant(self):
+        played = self.play(self.stream(), "--to", "rtp://239.1.1.1:5004", "--bitrate", "20M", "--json")
+        self.assertEqual((played.status, len(played.frames)), (0, 1500))
+        self.assertNotIn("departures", json.loads(played.output.splitlines()[-1]))
 
 
 class OwnRate(PlayCase):

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: MIT
+#include "host/library/scheduled_playout.h"
+
+namespace ipplay {
+namespace {
+
+ExitStatus StatusOf(int code) {
+  return code == IPPLAYOUT_BAD_VALUE ? ExitStatus::kUsage : ExitStatus::kFailed;
+}
+
+std::optional<Failure> Refusal(int code) {
+  if (code == IPPLAYOUT_DONE) {
+    return std::nullopt;
+  }
+  return Failure{StatusOf(code), IpPlayoutError()};
+}
+
+constexpr std::int64_t kWithoutLimit = -1;
+
+}  // namespace
+
+IpPlayoutSettings ScheduledPlayout::Defaults() {
+  IpPlayoutSettings settings{};
+  IpPlayoutDefaults(&settings);
+  return settings;
+}
+
+Result<ScheduledPlayout> ScheduledPlayout::Open() {
+  ScheduledPlayout opened(IpPlayoutOpen());
+  if (opened.playout_ == nullptr) {
+    return Failure{ExitStatus::kFailed, "the library cannot open a playout: memory has run out"};
+  }
+  return opened;
+}
+
+std::optional<Failure> ScheduledPlayout::Configure(const IpPlayoutSettings& settings) {
+  return Refusal(IpPlayoutConfigure(playout_.get(), &settings));
+}
+
+std::optional<Failure> ScheduledPlayout::Mark(std::uint64_t offset, Time time) {
+  return Refusal(IpPlayoutMark(playout_.get(), offset, time.count()));
+}
+
+std::optional<Failure> ScheduledPlayout::Start(std::optional<Time> start) {
+  IpPlayout* const playout = playout_.get();
+  return Refusal(IpPlayoutStart(&playout, 1, start.value_or(Time(0)).count()));
+}
+
+bool ScheduledPlayout::Write(std::span<const std::uint8_t> bytes) {
+  return IpPlayoutWrite(playout_.get(), bytes.data(), bytes.size()) == IPPLAYOUT_DONE;
+}
+
+void ScheduledPlayout::End() {
+  IpPlayoutEnd(playout_.get());
+}
+
+Result<ScheduledPlayout::State> ScheduledPlayout::Wait(std::optional<Time> timeout) {
+  switch (const int code =
+              IpPlayoutWait(playout_.get(), timeout ? timeout->count() : kWithoutLimit)) {
+    case IPPLAYOUT_DONE:
+      return State::kPlayed;
+    case IPPLAYOUT_ENDED:
+      return State::kStopped;
+    case IPPLAYOUT_NOT_YET:
+      return State::kGoesOn;
+    default:
+      return *Refusal(code);
+  }
+}
+
+int ScheduledPlayout::EndDescriptor() const {
+  return static_cast<int>(IpPlayoutEndEvent(playout_.get()));
+}
+
+std::optional<Failure> ScheduledPlayout::Pause(bool on) {
+  return Refusal(IpPlayoutPause(playout_.get(), on ? 1 : 0));
+}
+
+std::optional<Failure> ScheduledPlayout::Damage(std::uint32_t what, std::uint32_t datagrams) {
+  return Refusal(IpPlayoutDamage(playout_.get(), what, datagrams));
+}
+
+std::optional<Failure> ScheduledPlayout::Stop() {
+  return Refusal(IpPlayoutStop(playout_.get()));
+}
+
+PlayoutStatistics ScheduledPlayout::Statistics() const {
+  PlayoutStatistics statistics{};
+  IpPlayoutGetStatistics(playout_.get(), &statistics);
+  return statistics;
+}
+
+IpPlayoutTiming ScheduledPlayout::Timing() const {
+  IpPlayoutTiming timing{};
+  if (IpPlayoutGetTiming(playout_.get(), &timing) != IPPLAYOUT_DONE) {
+    timing.LatenessP50Ns = timing.LatenessP99Ns = timing.LatenessP999Ns = timing.LatenessMaxNs = -1;
+    timing.FirstDepartureNs = timing.LastDepartureNs = timing.LongestGapNs = -1;
+    timing.StampP50Ns = timing.StampP99Ns = timing.StampP999Ns = timing.StampMaxNs = -1;
+  }
+  return timing;
+}
+
+}  // namespace ipplay

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+// One playout of the library's that has a handle: any number of them run beside each other.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "host/base/result.h"
+#include "ipplayout/playouts.h"
+
+namespace ipplay {
+
+// Any thread may call any function, as playouts.h says; one at a time writes and marks. What the
+// library refuses comes back as a failure with its own sentence.
+class ScheduledPlayout {
+ public:
+  using Time = std::chrono::nanoseconds;  // points in time are on CLOCK_MONOTONIC
+
+  enum class State {
+    kPlayed,   // all that was written has left
+    kStopped,  // before that
+    kGoesOn,
+  };
+
+  // The library's defaults, to be filled in.
+  static IpPlayoutSettings Defaults();
+
+  static Result<ScheduledPlayout> Open();
+
+  // For the next start. Forgets what was written and marked before.
+  std::optional<Failure> Configure(const IpPlayoutSettings& settings);
+
+  // The byte at `offset` of what is written leaves at `time` after the start.
+  std::optional<Failure> Mark(std::uint64_t offset, Time time);
+
+  // Without a time it starts as soon as StartBytes are there.
+  std::optional<Failure> Start(std::optional<Time> start = std::nullopt);
+
+  // Blocks while the ring is full. False once the playout has ended or is stopped: Wait() has the
+  // reason.
+  bool Write(std::span<const std::uint8_t> bytes);
+  // Nothing follows what was written.
+  void End();
+
+  // Until the playout has ended, at most `timeout` if there is one. A failure says why it ended.
+  Result<State> Wait(std::optional<Time> timeout = std::nullopt);
+  // Readable from the end of the playout until its next start. Belongs to the library.
+  int EndDescriptor() const;
+
+  std::optional<Failure> Pause(bool on);
+  // Each of the next `datagrams` that no other order has taken: one of IPPLAYOUT_DID_LOSE, DELAY,
+  // IP_CHECKSUM, UDP_CHECKSUM.
+  std::optional<Failure> Damage(std::uint32_t what, std::uint32_t datagrams);
+  // Releases who waits or writes. A capture file that could not be written whole is a failure.
+  std::optional<Failure> Stop();
+
+  // Of the current or last run; zeros, and -1 for times, before the first one.
+  PlayoutStatistics Statistics() const;
+  IpPlayoutTiming Timing() const;
+
+ private:
+  struct Close {
+    void operator()(IpPlayout* playout) const { IpPlayoutClose(playout); }
+  };
+
+  explicit ScheduledPlayout(IpPlayout* playout) : playout_(playout) {}
+
+  std::unique_ptr<IpPlayout, Close> playout_;
+};
+
+}  // namespace ipplay

@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: MIT
+#include "host/play/playing.h"
+
+#include "host/base/capabilities.h"
+#include "host/base/event.h"
+#include "host/base/library_output.h"
+#include "host/base/nice_value.h"
+#include "host/library/scheduled_playout.h"
+#include "host/play/marked_writer.h"
+#include "host/play/start_failure.h"
+#include "ipplayout/ipplayout.h"
+
+namespace ipplay {
+namespace {
+
+// The library opens the adapter and sets its threads' scheduling class; nothing needs rights later.
+template <typename Start>
+auto WithRightsToStart(Start start) {
+  KeepCapabilities({kCapNetRaw, kCapSysNice});
+  auto result = start();
+  KeepCapabilities({});
+  return result;
+}
+
+// The one that is process-wide and paced by a bit rate.
+class RatePlaying final : public Playing {
+ public:
+  RatePlaying(const PlayOptions& options, const PlayPlan& plan) : options_(options), plan_(plan) {}
+
+  std::optional<std::string> Start() override {
+    constexpr int kNice = 10;
+    const intptr_t event = ended_.Get();
+    RegisterForIPPlayoutCompletion(&event);
+    Apply(plan_.settings);
+    // The library spins less in a process with a nice value above 0.
+    if (options_.economy) {
+      RaiseNiceValue(kNice);
+    }
+    // Without the two lines that the library prints about its threads.
+    const LibrarySilence silence(LibrarySilence::Of::kOutput);
+    if (WithRightsToStart([] { return IPStart(); }) == 0) {
+      return std::nullopt;
+    }
+    std::string reason = WhyNotStarted(plan_.settings.params.DeviceIndex);
+    IPStop();
+    return reason;
+  }
+
+  Feeder::Sink Sink() override {
+    return {.write = [](const void* data, std::uint16_t units) { return IPWrite(data, units); },
+            .terminate = [] { IPWriteTerminate(); }};
+  }
+  int EndDescriptor() const override { return ended_.Get(); }
+
+  std::optional<std::string> Failed() override {
+    // Writes nothing; the result distinguishes the end of the data from a failure.
+    const std::uint32_t nothing = 0;
+    return IPWrite(&nothing, 0) == IPPLAYOUT_FAILED ? std::optional(std::string()) : std::nullopt;
+  }
+
+  void Pause(bool on) override { IPPause(on ? 1 : 0); }
+
+  void Damage(ActionKind kind) override {
+    switch (kind) {
+      case ActionKind::kLose:
+        GeneratePacketLoss();
+        break;
+      case ActionKind::kDelay:
+        GenerateSequenceError();
+        break;
+      case ActionKind::kBadIpChecksum:
+        GenerateIPChecksumError();
+        break;
+      case ActionKind::kBadUdpChecksum:
+        GenerateUDPChecksumError();
+        break;
+      default:
+        break;
+    }
+  }
+
+  PlayoutStatistics Counters() const override {
+    PlayoutStatistics counters{};
+    GetPlayoutStatistics(&counters);
+    return counters;
+  }
+
+  void Stop() override { IPStop(); }
+
+ private:
+  const PlayOptions& options_;
+  const PlayPlan& plan_;
+  Event ended_;  // set by the library at the end of each run
+};
+
+// One with a handle, whose frames leave when the PCRs say.
+class MarkedPlaying final : public Playing {
+ public:
+  MarkedPlaying(const PlayPlan& plan, ScheduledPlayout playout, const PcrMarks& marks,
+                PacketFormat format)
+      : plan_(plan), playout_(std::move(playout)), writer_(playout_, format, marks) {}
+
+  std::optional<std::string> Start() override {
+    if (auto failure = playout_.Configure(plan_.schedule)) {
+      return failure->message;
+    }
+    playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
+    auto failure = WithRightsToStart([this] { return playout_.Start(); });
+    return failure ? std::optional(failure->message) : std::nullopt;
+  }
+
+  Feeder::Sink Sink() override {
+    return {.write =
+                [this](const void* data, std::uint16_t units) {
+                  const auto* bytes = static_cast<const std::uint8_t*>(data);
+                  return writer_.Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
+                },
+            .terminate = [this] { writer_.Finish(); }};
+  }
+  int EndDescriptor() const override { return playout_.EndDescriptor(); }
+
+  std::optional<std::string> Failed() override {
+    const auto state = playout_.Wait(std::chrono::nanoseconds(0));
+    return state ? std::nullopt : std::optional(state.Error().message);
+  }
+
+  void Pause(bool on) override { playout_.Pause(on); }
+
+  void Damage(ActionKind kind) override {
+    const struct {
+      ActionKind kind;
+      std::uint32_t what;
+    } kKinds[] = {{ActionKind::kLose, IPPLAYOUT_DID_LOSE},
+                  {ActionKind::kDelay, IPPLAYOUT_DID_DELAY},
+                  {ActionKind::kBadIpChecksum, IPPLAYOUT_DID_IP_CHECKSUM},
+                  {ActionKind::kBadUdpChecksum, IPPLAYOUT_DID_UDP_CHECKSUM}};
+    for (const auto& row : kKinds) {
+      if (row.kind == kind) {
+        playout_.Damage(row.what, 1);
+      }
+    }
+  }
+
+  PlayoutStatistics Counters() const override { return playout_.Statistics(); }
+  void Stop() override { playout_.Stop(); }
+  std::optional<IpPlayoutTiming> Timing() const override { return playout_.Timing(); }
+
+ private:
+  const PlayPlan& plan_;
+  ScheduledPlayout playout_;
+  MarkedWriter writer_;
+};
+
+}  // namespace
+
+std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
+                                     PacketFormat format) {
+  if (plan.pcr_rate) {
+    if (auto playout = ScheduledPlayout::Open()) {
+      const PcrMarks marks(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second,
+                           1 + options.ppm / 1e6);
+      return std::make_unique<MarkedPlaying>(plan, std::move(*playout), marks, format);
+    }
+  }
+  return std::make_unique<RatePlaying>(options, plan);
+}
+
+}  // namespace ipplay

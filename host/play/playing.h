@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+// A playout of the library's as a session sees it, whichever of the two interfaces plays it.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/play/feeder.h"
+#include "host/play/play_options.h"
+#include "host/play/play_plan.h"
+#include "host/play/time_line.h"
+#include "ipplayout/playouts.h"
+
+namespace ipplay {
+
+class Playing {
+ public:
+  virtual ~Playing() = default;
+
+  // Why it cannot start; nothing when it has.
+  virtual std::optional<std::string> Start() = 0;
+  // What the feeder writes to.
+  virtual Feeder::Sink Sink() = 0;
+  // Readable once it has ended.
+  virtual int EndDescriptor() const = 0;
+  // Why it has ended before its end; nothing when it has not. Once it has ended.
+  virtual std::optional<std::string> Failed() = 0;
+  virtual void Pause(bool on) = 0;
+  // Damages the next datagram.
+  virtual void Damage(ActionKind kind) = 0;
+  virtual PlayoutStatistics Counters() const = 0;
+  // Releases a feeder that is blocked.
+  virtual void Stop() = 0;
+  // When its frames left, where that is recorded.
+  virtual std::optional<IpPlayoutTiming> Timing() const { return std::nullopt; }
+};
+
+// By time marks where the plan follows the PCRs, else at its rate.
+std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
+                                     PacketFormat format);
+
+}  // namespace ipplay
