@@ -232,7 +232,7 @@ Result<std::unique_ptr<ByteSource>> CaptureFile::Open(const std::string& path,
   return std::unique_ptr<ByteSource>(std::move(file));
 }
 
-CaptureFile::CaptureFile(std::string path, CaptureFlow flow, int stop_fd)
+CaptureFile::CaptureFile(std::string path, const CaptureFlow& flow, int stop_fd)
     : path_(std::move(path)), flow_(flow), stop_fd_(stop_fd) {
   Restart();
 }

@@ -46,7 +46,7 @@ class CaptureFile : public ByteSource {
  private:
   class Frames;
 
-  CaptureFile(std::string path, CaptureFlow flow, int stop_fd);
+  CaptureFile(std::string path, const CaptureFlow& flow, int stop_fd);
   bool Restart();
   bool ReadFrames();
   void Measure();
