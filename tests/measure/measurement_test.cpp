@@ -327,6 +327,28 @@ TEST(Measurement, MemoryHasACeiling) {
             std::string::npos);
 }
 
+// What waits to be put in order is found to be damaged late, and is of the second in which it came.
+TEST(Measurement, AnErrorIsOfTheSecondInWhichItsFrameCame) {
+  struct Case {
+    std::vector<int> lost;  // frames of 2 ms
+    std::uint64_t errored;
+  };
+  // The stream has no PAT, which is an error of its first second.
+  for (const Case& c : {Case{{}, 1}, Case{{990}, 2}, Case{{990, 1240}, 3}, Case{{1500, 1501}, 2},
+                        Case{{499, 999}, 3}}) {
+    Measurement measurement{MeasurementSettings{}};
+    for (int i = 0; i < 2000; ++i) {
+      if (std::ranges::find(c.lost, i) == c.lost.end()) {
+        AddRtp(measurement, static_cast<std::uint16_t>(i), (1000 + 2 * i) * kMs);
+      }
+    }
+    measurement.Finish((1000 + 3999) * kMs);
+    const Summary summary = Summarize(measurement, "test", false, {});
+    EXPECT_EQ(summary.streams.at(0).seconds.errored, c.errored)
+        << c.lost.size() << " from " << (c.lost.empty() ? 0 : c.lost.front());
+  }
+}
+
 // A limit is met by what was looked at only.
 TEST(Measurement, WhatWasNotMeasuredMeetsNoLimit) {
   const auto limit = [](const char* option) {

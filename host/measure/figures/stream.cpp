@@ -144,6 +144,9 @@ void Stream::Take(const Arrival& arrival) {
   const std::int64_t gap_ns =
       rate_.Frames() == 0 ? 0 : std::max<std::int64_t>(0, arrival.time_ns - rate_.LastNs());
 
+  if (rate_.Frames() == 0) {
+    seconds_.Begin(arrival.time_ns);
+  }
   WatchSilence(arrival.time_ns);
   NoteSilence(gap_ns, arrival.time_ns);
   is_silent_ = false;
@@ -269,6 +272,7 @@ void Stream::AddUnread(std::uint32_t media_bytes, const Arrival& arrival,
 
 void Stream::AddTs(std::span<const std::uint8_t> media, std::int64_t time_ns, bool after_gap) {
   ts_->Add(media, time_ns, after_gap);
+  CountErrors(time_ns);
   if (const auto pcr = ts_->TakePcrOffset()) {
     peaks_.pcr.Add(pcr->offset_ns);
     if (history_ != nullptr) {
@@ -331,11 +335,13 @@ void Stream::StateMediaRate() {
   }
 }
 
+void Stream::CountErrors(std::int64_t time_ns) {
+  seconds_.AddErrors(time_ns, ts_->Errors() - std::exchange(errors_counted_, ts_->Errors()));
+}
+
 void Stream::CountSecond(const MediaDeliveryIndex::Interval& ended) {
-  const std::uint64_t errors = ts_ == nullptr ? 0 : ts_->Errors();
-  seconds_.Add({second_packets_, ended.lost_packets, errors > errors_before_second_});
+  seconds_.End(ended.start_ns, second_packets_, ended.lost_packets);
   second_packets_ = 0;
-  errors_before_second_ = errors;
 }
 
 void Stream::WatchRate(const MediaDeliveryIndex::Interval& ended) {
@@ -388,6 +394,7 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
     // What a stream that has ended owes is no fault of the second in which its last frames came.
     if (silent_at_end_ns_ < MediaDeliveryIndex::kIntervalNs) {
       ts_->Finish(end_ns);
+      CountErrors(rate_.LastNs());
     }
   }
   mdi_.Finish(end_ns, [&](const auto& ended) {
@@ -396,6 +403,7 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
       KeepMdi(ended);
     }
   });
+  seconds_.Finish();
   if (ts_ != nullptr) {
     ts_->Finish(end_ns);
   }

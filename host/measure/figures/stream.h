@@ -13,6 +13,7 @@
 #include "host/measure/capture/frame_decoder.h"
 #include "host/measure/figures/arrival_continuity.h"
 #include "host/measure/figures/availability.h"
+#include "host/measure/figures/error_seconds.h"
 #include "host/measure/figures/event.h"
 #include "host/measure/figures/history.h"
 #include "host/measure/figures/interarrival_jitter.h"
@@ -127,7 +128,7 @@ class Stream {
   const ChecksumCounters& Checksums() const { return checksums_; }
   const MediaDeliveryIndex& Mdi() const { return mdi_; }
   // By the seconds of the media delivery index.
-  const Availability& Seconds() const { return seconds_; }
+  const Availability& Seconds() const { return seconds_.Total(); }
   // Null where the stream has none.
   const Rtp* AsRtp() const { return rtp_.get(); }
   const TsAnalysis* Ts() const { return ts_.get(); }
@@ -146,6 +147,7 @@ class Stream {
   void NoteArrivalOrder(std::span<const std::uint8_t> media, const SequenceResult& sequence);
   void AddMdi(std::int64_t time_ns, std::uint32_t media_bytes, std::uint32_t missing_datagrams);
   void KeepMdi(const MediaDeliveryIndex::Interval& ended);
+  void CountErrors(std::int64_t time_ns);
   void CountSecond(const MediaDeliveryIndex::Interval& ended);
   bool IsRepeat(std::span<const std::uint8_t> media);
   void ReportDisorder(const SequenceResult& sequence, std::int64_t time_ns) const;
@@ -174,9 +176,9 @@ class Stream {
   std::uint32_t longest_media_ = 0;  // bytes in one datagram
   Spacing spacing_;
   MediaDeliveryIndex mdi_;
-  Availability seconds_;
-  std::uint64_t second_packets_ = 0;        // media packets since the last second ended
-  std::uint64_t errors_before_second_ = 0;  // of the transport stream
+  ErrorSeconds seconds_;
+  std::uint64_t second_packets_ = 0;  // media packets since the last second ended
+  std::uint64_t errors_counted_ = 0;  // of the transport stream
   ChecksumCounters checksums_;
   std::unique_ptr<Rtp> rtp_;
   std::unique_ptr<TsAnalysis> ts_;
