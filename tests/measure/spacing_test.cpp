@@ -38,6 +38,16 @@ TEST(Spacing, MeasuresAgainstItsOwnMeanWithoutAnExpectedRate) {
   EXPECT_NEAR(spacing.GridDeviation().Spread(), 200'000, 1);
 }
 
+TEST(Spacing, AHoleLeavesTheGapsBehindItAsTheyAre) {
+  Spacing spacing{SpacingSettings{}};
+  for (int i = 0; i < 1000; ++i) {
+    spacing.Add((i + (i < 500 ? 0 : 2000)) * kMs, 1000, i != 500);
+  }
+  EXPECT_EQ(spacing.Gaps().Max(), 2'001'000'000U);
+  EXPECT_EQ(spacing.GapErrors().Count(), 999U);
+  EXPECT_EQ(spacing.GapErrors().Quantile(0.99), 0U);
+}
+
 // Each burst's last frame is four gaps early. What a fit of 400 teeth is off by is below 1/400.
 TEST(Spacing, BurstsAreAsWideAsTheyAreWithoutAnExpectedRate) {
   Spacing spacing{SpacingSettings{}};

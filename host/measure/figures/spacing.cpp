@@ -35,13 +35,19 @@ void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
       ++time_reversals_;
     }
     const std::int64_t gap = std::max<std::int64_t>(0, time_ns - last_ns_);
-    // Not the sum of the gaps: what went back has been counted before.
-    elapsed_ns_ = std::max(elapsed_ns_, time_ns - first_ns_);
-    elapsed_bytes_ += last_bytes_;
+    if (continuous) {
+      // Not the sum of the gaps: what went back has been counted before.
+      elapsed_ns_ = std::max(elapsed_ns_, time_ns - first_ns_);
+      elapsed_bytes_ += last_bytes_;
+    } else {
+      first_ns_ += gap;  // a hole says nothing about the rate
+    }
     const double ideal = NsPerByte() * last_bytes_;
     gaps_.Add(static_cast<std::uint64_t>(gap));
-    gap_errors_.Add(
-        static_cast<std::uint64_t>(std::llround(std::abs(static_cast<double>(gap) - ideal))));
+    if (ideal > 0) {  // else there is no rate yet
+      gap_errors_.Add(
+          static_cast<std::uint64_t>(std::llround(std::abs(static_cast<double>(gap) - ideal))));
+    }
 
     const double clump_gap =
         settings_.clump_gap_ns ? static_cast<double>(*settings_.clump_gap_ns) : ideal * kClumpShare;

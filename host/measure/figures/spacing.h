@@ -59,7 +59,7 @@ class Spacing {
   std::int64_t grid_first_ns_ = 0;
   LineFit fit_;  // of arrivals over bytes within the stretch
   bool started_ = false;
-  std::int64_t first_ns_ = 0;
+  std::int64_t first_ns_ = 0;  // later by all gaps in which frames are missing
   std::int64_t last_ns_ = 0;
   std::uint32_t last_bytes_ = 0;
   std::int64_t elapsed_ns_ = 0;
