@@ -94,7 +94,7 @@ std::shared_ptr<ExpectedContent> MakeContent() {
   if (::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
     std::abort();
   }
-  auto file = SteadyFile::Open("/proc/self/fd/" + std::to_string(fd));
+  auto file = ipplay::SteadyFile::Open("/proc/self/fd/" + std::to_string(fd));
   return std::make_shared<ExpectedContent>(*file);
 }
 
