@@ -147,9 +147,10 @@ class Blocking(WireCase):
                 for attempt in range(3):
                     outcome = self.bed.run(body, settings, data, stop)
                     duration, sent = outcome.value
-                    self.assert_frames(outcome, expected[:sent])
-                    if duration < 1.0:
+                    # A machine that stands still for half a second has a stop give up frames.
+                    if duration < 1.0 and outcome.frames == expected[:sent]:
                         break
+                self.assert_frames(outcome, expected[:sent])
                 self.assertLess(duration, 1.0)
 
 
