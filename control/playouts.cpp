@@ -2,6 +2,7 @@
 #include "control/playouts.h"
 
 #include <algorithm>
+#include <exception>
 #include <string>
 #include <utility>
 
@@ -26,7 +27,7 @@ Playouts::~Playouts() {
     open.swap(open_);
   }
   for (const auto& [handle, playout] : open) {
-    playout->Stop();
+    playout->Close();
   }
 }
 
@@ -54,7 +55,7 @@ Failure Playouts::Close(Handle handle) {
     playout = std::move(found->second);
     open_.erase(found);
   }
-  return playout->Stop();
+  return playout->Close();
 }
 
 Failure Playouts::FindAll(std::span<const Handle> handles, Group& group) {
@@ -78,26 +79,34 @@ Failure Playouts::Start(std::span<const Handle> handles,
     return failure;
   }
   std::size_t prepared = 0;
-  Failure failure;
-  while (prepared < group.size() && !failure) {
-    failure = group[prepared]->Prepare();
-    if (failure) {
-      failure = OfPlayout(prepared, group.size(), std::move(failure));
-    } else {
-      ++prepared;
-    }
-  }
-  if (!failure) {
-    failure = AddStreams(group, start);
-  }
-  for (std::size_t i = 0; i < prepared; ++i) {
-    if (failure) {
+  const auto abandon = [&] {
+    for (std::size_t i = 0; i < prepared; ++i) {
       group[i]->Abandon();
-    } else {
-      group[i]->Launched();
+    }
+  };
+  try {
+    if (Failure failure = Prepare(group, prepared, start)) {
+      abandon();
+      return failure;
+    }
+  } catch (const std::exception&) {
+    abandon();
+    throw;
+  }
+  for (const auto& playout : group) {
+    playout->Launched();
+  }
+  return {};
+}
+
+Failure Playouts::Prepare(const Group& group, std::size_t& prepared,
+                          std::optional<std::chrono::nanoseconds> start) {
+  for (; prepared < group.size(); ++prepared) {
+    if (Failure failure = group[prepared]->Prepare()) {
+      return OfPlayout(prepared, group.size(), std::move(failure));
     }
   }
-  return failure;
+  return AddStreams(group, start);
 }
 
 // Those of one transmitter enter its schedule together.
@@ -109,7 +118,9 @@ Failure Playouts::AddStreams(const Group& group, std::optional<std::chrono::nano
   }
   for (const auto& [transmitter, of_transmitter] : streams) {
     if (!transmitter->Add(of_transmitter, start)) {
-      return {IPPLAYOUT_NO_RESOURCES, "memory has run out"};
+      return {IPPLAYOUT_NO_RESOURCES, "the destination has its most playouts, " +
+                                          std::to_string(ScheduleTransmitter::kMostStreams) +
+                                          "; stop one of them"};
     }
   }
   return {};

@@ -38,6 +38,9 @@ class Playouts {
   using Group = std::vector<std::shared_ptr<ScheduledPlayout>>;
 
   Failure FindAll(std::span<const Handle> handles, Group& group);
+  // Says in `prepared` how many were, also where it fails.
+  static Failure Prepare(const Group& group, std::size_t& prepared,
+                         std::optional<std::chrono::nanoseconds> start);
   static Failure AddStreams(const Group& group, std::optional<std::chrono::nanoseconds> start);
 
   Surroundings surroundings_;  // outlives the playouts

@@ -35,6 +35,14 @@ Failure NoMemory() {
   return {IPPLAYOUT_NO_RESOURCES, "memory has run out"};
 }
 
+Failure Closed() {
+  return {IPPLAYOUT_BAD_PLAYOUT, "the playout is not open"};
+}
+
+Failure EndDeclared() {
+  return {IPPLAYOUT_BAD_STATE, "the end of the data was declared; call IpPlayoutStop before more"};
+}
+
 Failure NeverStarted() {
   return {IPPLAYOUT_BAD_STATE, "the playout was not started yet"};
 }
@@ -42,7 +50,11 @@ Failure NeverStarted() {
 }  // namespace
 
 ScheduledPlayout::~ScheduledPlayout() {
-  Stop();
+  try {
+    Close();
+  } catch (const std::exception&) {
+    // There was no memory for the sentence that says what went wrong.
+  }
 }
 
 Failure ScheduledPlayout::Configure(const IpPlayoutSettings& settings) {
@@ -50,34 +62,44 @@ Failure ScheduledPlayout::Configure(const IpPlayoutSettings& settings) {
     return failure;
   }
   const platform::MutexLock lock(control_mutex_);
+  if (state_ == State::kClosed) {
+    return Closed();
+  }
   if (state_ != State::kIdle) {
     return {IPPLAYOUT_BAD_STATE, "the playout runs; call IpPlayoutStop before IpPlayoutConfigure"};
   }
-  const auto before = std::exchange(settings_, settings);
-  Failure failure = RenewInput();
-  if (failure) {
-    settings_ = before;
-  }
-  return failure;
+  settings_ = settings;
+  return RenewInput();
 }
 
-// Whoever still writes to the input before is released.
+// Without memory for an input the playout has no settings any more.
 Failure ScheduledPlayout::RenewInput() {
-  auto input = std::make_shared<Input>(settings_->RingBytes);
-  if (input->ring.GetCapacity() == 0) {
+  std::shared_ptr<Input> input;
+  try {
+    input = std::make_shared<Input>(*settings_);
+  } catch (const std::exception&) {
+    // As when the ring itself could not be had.
+  }
+  if (input == nullptr || input->ring.GetCapacity() == 0) {
+    settings_.reset();
+    ExchangeInput(nullptr);
     return NoMemory();
   }
   input->ring.SetListener(this);
   input->ring.SetStartThreshold(settings_->StartBytes);
-  std::shared_ptr<Input> before;
+  ExchangeInput(std::move(input));
+  return {};
+}
+
+// Whoever still writes to the input before is released.
+void ScheduledPlayout::ExchangeInput(std::shared_ptr<Input> input) {
   {
     const platform::MutexLock lock(shared_mutex_);
-    before = std::exchange(input_, std::move(input));
+    input_.swap(input);
   }
-  if (before != nullptr) {
-    before->ring.EndRun();
+  if (input != nullptr) {
+    input->ring.EndRun();
   }
-  return {};
 }
 
 std::shared_ptr<ScheduledPlayout::Input> ScheduledPlayout::ShareInput() {
@@ -95,11 +117,12 @@ Failure ScheduledPlayout::Mark(std::uint64_t offset, std::int64_t time_ns) {
   if (input == nullptr) {
     return NotConfigured();
   }
-  {
-    const platform::MutexLock lock(control_mutex_);
-    if (settings_->BitRate > 0) {
-      return {IPPLAYOUT_BAD_STATE, "the playout has a BitRate; marks need a BitRate of 0"};
-    }
+  if (input->has_rate) {
+    return {IPPLAYOUT_BAD_STATE, "the playout has a BitRate; marks need a BitRate of 0"};
+  }
+  if (time_ns < 0 || nanoseconds(time_ns) > TimeMarks::kLatest) {
+    return {IPPLAYOUT_BAD_VALUE, "time_ns is " + std::to_string(time_ns) + "; it can be 0 to " +
+                                     std::to_string(TimeMarks::kLatest.count())};
   }
   if (offset < input->written.load()) {
     return {IPPLAYOUT_BAD_VALUE, "the mark is at offset " + std::to_string(offset) +
@@ -108,10 +131,9 @@ Failure ScheduledPlayout::Mark(std::uint64_t offset, std::int64_t time_ns) {
   }
   switch (input->marks.Add({offset, nanoseconds(time_ns)})) {
     case TimeMarks::Added::kNotAhead:
-      return {IPPLAYOUT_BAD_VALUE,
-              "the mark is at offset " + std::to_string(offset) + " and time " +
-                  std::to_string(time_ns) +
-                  " ns; marks go up in offset, and not down in time or below 0"};
+      return {IPPLAYOUT_BAD_VALUE, "the mark is at offset " + std::to_string(offset) +
+                                       " and time " + std::to_string(time_ns) +
+                                       " ns; marks go up in offset and not down in time"};
     case TimeMarks::Added::kFull:
       return {IPPLAYOUT_NO_RESOURCES, "65536 marks wait already; write what leads to them first"};
     default:
@@ -124,47 +146,55 @@ Failure ScheduledPlayout::Mark(std::uint64_t offset, std::int64_t time_ns) {
 
 Failure ScheduledPlayout::Prepare() {
   const platform::MutexLock lock(control_mutex_);
+  if (state_ == State::kClosed) {
+    return Closed();
+  }
   if (!settings_) {
     return NotConfigured();
   }
   if (state_ != State::kIdle) {
     return {IPPLAYOUT_BAD_STATE, "the playout runs already; call IpPlayoutStop first"};
   }
-  {
-    const platform::MutexLock end_lock(end_mutex_);
-    if (!end_event_) {
-      end_event_ = platform::OwnedHostEvent::Create();
-    }
-    if (!end_event_) {
-      return {IPPLAYOUT_NO_RESOURCES,
-              "descriptors have run out; raise the limit of open files (ulimit -n)"};
-    }
+  if (Failure failure = MakeEndEvent()) {
+    return failure;
   }
-  const std::shared_ptr<Input> input = ShareInput();
+  std::shared_ptr<Input> input = ShareInput();
   ScheduledRun::Owner& owner = *this;
   auto run =
       std::make_shared<ScheduledRun>(*settings_, input->ring, input->marks, surroundings_, owner);
   if (Failure failure = run->Prepare()) {
     return failure;
   }
-  {
-    const platform::MutexLock end_lock(end_mutex_);
-    end_event_->Clear();
-    outcome_ = {};
-    is_over_ = false;
-    was_started_ = true;
-  }
-  const platform::MutexLock shared_lock(shared_mutex_);
-  run_ = std::move(run);
-  run_input_ = input;
+  next_ending_ = std::make_shared<Ending>();
+  next_run_ = std::move(run);
+  next_input_ = std::move(input);
   state_ = State::kPreparing;
   return {};
 }
 
+Failure ScheduledPlayout::MakeEndEvent() {
+  const platform::MutexLock lock(end_mutex_);
+  if (!end_event_) {
+    end_event_ = platform::OwnedHostEvent::Create();
+  }
+  return end_event_
+             ? Failure()
+             : Failure(IPPLAYOUT_NO_RESOURCES,
+                       "descriptors have run out; raise the limit of open files (ulimit -n)");
+}
+
 void ScheduledPlayout::Launched() {
+  std::shared_ptr<ScheduledRun> before;  // goes when nothing is held
   const platform::MutexLock lock(control_mutex_);
   {
+    const platform::MutexLock end_lock(end_mutex_);
+    end_event_->Clear();
+    ending_ = std::move(next_ending_);
+  }
+  {
     const platform::MutexLock shared_lock(shared_mutex_);
+    before = std::exchange(run_, std::move(next_run_));
+    run_input_ = std::move(next_input_);
     takes_requests_ = true;
     run_->Launch();
   }
@@ -172,10 +202,13 @@ void ScheduledPlayout::Launched() {
   prepared_.NotifyAll();
 }
 
+// The playout is as it was: what was written and marked for it is kept.
 void ScheduledPlayout::Abandon() {
   const platform::MutexLock lock(control_mutex_);
-  run_->Withdraw();
-  OnRunEnd(ECANCELED);
+  next_run_->Withdraw();
+  next_run_.reset();
+  next_input_.reset();
+  next_ending_.reset();
   state_ = State::kIdle;
   prepared_.NotifyAll();
 }
@@ -190,10 +223,15 @@ Failure ScheduledPlayout::Write(const std::uint8_t* data, std::size_t bytes) {
   if (input->ring.HasNoReader()) {
     return Over();
   }
-  // In pieces, for which room is found sooner than for the whole.
+  if (input->ring.IsTerminated() != 0) {
+    return EndDeclared();
+  }
+  // What there is room for at once, so that the ring gets full and reading begins whatever is to be
+  // written before; then in pieces, for which room is found sooner than for the whole.
   const std::size_t most = input->ring.GetCapacity() / 4;
   while (bytes > 0) {
-    const std::size_t piece = std::min(bytes, most);
+    const std::size_t room = input->ring.Room();
+    const std::size_t piece = std::min({bytes, most, room == 0 ? most : room});
     if (!input->ring.Write(data, static_cast<std::uint32_t>(piece))) {
       return Over();
     }
@@ -213,6 +251,9 @@ Failure ScheduledPlayout::TryWrite(const std::uint8_t* data, std::size_t bytes,
   }
   if (input->ring.HasNoReader()) {
     return Over();
+  }
+  if (input->ring.IsTerminated() != 0) {
+    return EndDeclared();
   }
   const std::size_t piece = std::min<std::size_t>(bytes, input->ring.Room());
   if (piece > 0 && !input->ring.Write(data, static_cast<std::uint32_t>(piece))) {
@@ -246,29 +287,22 @@ void ScheduledPlayout::RequestFrames() {
 
 // ---- End ----
 
-// By the builder's thread, or by whoever stops the run.
+// By the builder's thread, or by whoever stops the run. Asks for no memory.
 void ScheduledPlayout::OnRunEnd(int error) {
   std::shared_ptr<Input> input;
   std::shared_ptr<ScheduledRun> run;
   {
     const platform::MutexLock lock(shared_mutex_);
+    takes_requests_ = false;
     input = run_input_;
     run = run_;
   }
   input->ring.EndRun();
   const platform::MutexLock lock(end_mutex_);
-  if (is_over_) {
+  if (ending_->is_over) {
     return;
   }
-  is_over_ = true;
-  if (error == ECANCELED) {
-    outcome_ = {IPPLAYOUT_ENDED, "the playout was stopped"};
-  } else if (error != 0) {
-    outcome_ = {IPPLAYOUT_BAD_DESTINATION,
-                std::string("the destination refused a frame: ") + std::strerror(error)};
-  } else if (run->RanOutOfMemory()) {
-    outcome_ = NoMemory();
-  }
+  *ending_ = {true, error, run->RanOutOfMemory()};
   platform::SignalHostEvent(end_event_->Handle());
   ended_.NotifyAll();
 }
@@ -278,17 +312,25 @@ Failure ScheduledPlayout::Wait(std::optional<nanoseconds> timeout) {
       timeout ? platform::MonotonicNow() + std::min(*timeout, nanoseconds(INT64_MAX / 2))
               : nanoseconds::zero();
   const platform::MutexLock lock(end_mutex_);
-  if (!was_started_) {
+  const std::shared_ptr<const Ending> ending = ending_;
+  if (ending == nullptr) {
     return NeverStarted();
   }
-  while (!is_over_) {
+  while (!ending->is_over) {
     if (!timeout) {
       ended_.Wait(end_mutex_);
-    } else if (!ended_.WaitUntil(end_mutex_, deadline) && !is_over_) {
+    } else if (!ended_.WaitUntil(end_mutex_, deadline) && !ending->is_over) {
       return {IPPLAYOUT_NOT_YET, "the playout goes on"};
     }
   }
-  return outcome_;
+  if (ending->error == ECANCELED) {
+    return {IPPLAYOUT_ENDED, "the playout was stopped"};
+  }
+  if (ending->error != 0) {
+    return {IPPLAYOUT_BAD_DESTINATION,
+            std::string("the destination refused a frame: ") + std::strerror(ending->error)};
+  }
+  return ending->ran_out_of_memory ? NoMemory() : Failure();
 }
 
 platform::EventHandle ScheduledPlayout::EndEvent() {
@@ -301,13 +343,7 @@ platform::EventHandle ScheduledPlayout::EndEvent() {
 
 Failure ScheduledPlayout::Stop() {
   const platform::MutexLock lock(control_mutex_);
-  while (state_ == State::kPreparing) {
-    prepared_.Wait(control_mutex_);
-  }
-  Failure failure;
-  if (state_ == State::kRunning) {
-    failure = EndRun();
-  }
+  Failure failure = EndRun();
   if (settings_) {
     const Failure renewed = RenewInput();
     failure = failure ? failure : renewed;
@@ -315,14 +351,30 @@ Failure ScheduledPlayout::Stop() {
   return failure;
 }
 
+Failure ScheduledPlayout::Close() {
+  const platform::MutexLock lock(control_mutex_);
+  Failure failure = EndRun();
+  state_ = State::kClosed;
+  settings_.reset();
+  ExchangeInput(nullptr);
+  return failure;
+}
+
+// Where one is under way or being started.
 Failure ScheduledPlayout::EndRun() {
+  while (state_ == State::kPreparing) {
+    prepared_.Wait(control_mutex_);
+  }
+  if (state_ != State::kRunning) {
+    return {};
+  }
   {
     const platform::MutexLock shared_lock(shared_mutex_);
     takes_requests_ = false;
   }
+  state_ = State::kIdle;
   Failure failure = run_->Withdraw();
   OnRunEnd(ECANCELED);
-  state_ = State::kIdle;
   return failure;
 }
 

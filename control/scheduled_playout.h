@@ -30,6 +30,9 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   ScheduledPlayout& operator=(const ScheduledPlayout&) = delete;
   ~ScheduledPlayout();
 
+  // Ends for good: what blocks in a call is released, and nothing can be started any more.
+  Failure Close();
+
   Failure Configure(const IpPlayoutSettings& settings);
   Failure Mark(std::uint64_t offset, std::int64_t time_ns);
 
@@ -37,7 +40,7 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   Failure Prepare();
   void Abandon();
   // The run that was prepared. By whoever prepared it.
-  ScheduledRun& Prepared() { return *run_; }
+  ScheduledRun& Prepared() { return *next_run_; }
   void Launched();
 
   Failure Write(const std::uint8_t* data, std::size_t bytes);
@@ -55,21 +58,32 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   std::uint64_t Seed();
 
  private:
-  enum class State { kIdle, kPreparing, kRunning };
+  enum class State { kIdle, kPreparing, kRunning, kClosed };
 
   // What a host writes to; exchanged by Configure and Stop.
   struct Input {
-    explicit Input(std::uint32_t ring_bytes) : ring(ring_bytes) {}
+    explicit Input(const IpPlayoutSettings& settings)
+        : has_rate(settings.BitRate > 0), ring(settings.RingBytes) {}
 
+    const bool has_rate;
     CIPDataBuffer ring;
     TimeMarks marks;
     std::atomic<std::uint64_t> written{0};
   };
 
+  // How one run ended; whoever waits for it has a share.
+  struct Ending {
+    bool is_over = false;
+    int error = 0;
+    bool ran_out_of_memory = false;
+  };
+
   void OnRunEnd(int error) override;
   void OnReadable() override;
   Failure RenewInput() IPPLAYOUT_REQUIRES(control_mutex_);
+  void ExchangeInput(std::shared_ptr<Input> input);
   Failure EndRun() IPPLAYOUT_REQUIRES(control_mutex_);
+  Failure MakeEndEvent();
   std::shared_ptr<Input> ShareInput();
   std::shared_ptr<ScheduledRun> ShareRun();
   void RequestFrames();
@@ -81,6 +95,10 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   platform::ConditionVariable prepared_;
   State state_ IPPLAYOUT_GUARDED_BY(control_mutex_) = State::kIdle;
   std::optional<IpPlayoutSettings> settings_ IPPLAYOUT_GUARDED_BY(control_mutex_);
+  // Of the start that is under way: whoever prepares it alone looks at them.
+  std::shared_ptr<ScheduledRun> next_run_;
+  std::shared_ptr<Input> next_input_;
+  std::shared_ptr<Ending> next_ending_;
 
   // What other calls share. Held for moments; beneath the control mutex where both are held.
   platform::Mutex shared_mutex_;
@@ -93,9 +111,7 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   // The end of the run.
   platform::Mutex end_mutex_;
   platform::ConditionVariable ended_;
-  bool is_over_ IPPLAYOUT_GUARDED_BY(end_mutex_) = true;
-  bool was_started_ IPPLAYOUT_GUARDED_BY(end_mutex_) = false;
-  Failure outcome_ IPPLAYOUT_GUARDED_BY(end_mutex_);
+  std::shared_ptr<Ending> ending_ IPPLAYOUT_GUARDED_BY(end_mutex_);  // null before the first run
   std::optional<platform::OwnedHostEvent> end_event_ IPPLAYOUT_GUARDED_BY(end_mutex_);
   platform::Mutex ledger_mutex_;  // one thread takes records at a time
 };

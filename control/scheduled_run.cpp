@@ -21,6 +21,8 @@ constexpr double kLeastBuilt = 16;
 constexpr double kMostBuilt = 2048;
 // Where marks do not say.
 constexpr double kUsualFramesPerSecond = 1000;
+// Marks that are close together may say anything. Sums of these are exact.
+constexpr double kMostFramesPerSecond = 1e9;
 
 constexpr std::uint32_t kSequenceInRtp = 2;
 
@@ -71,7 +73,19 @@ ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& sou
       errors_(settings_.params.ProtocolMode, random_),
       clock_(settings.FirstRtpTimestamp) {}
 
-ScheduledRun::~ScheduledRun() = default;
+// Lets go of what a start had that was refused half-way.
+ScheduledRun::~ScheduledRun() {
+  if (builder_thread_ != nullptr) {
+    surroundings_.builders.Leave(builder_thread_);
+  }
+  if (route_.destination != nullptr) {
+    try {
+      surroundings_.destinations.Leave(route_);
+    } catch (const std::exception&) {
+      // There was no memory for the sentence that says what went wrong.
+    }
+  }
+}
 
 Failure ScheduledRun::Prepare() {
   const std::uint32_t headers = HeaderLength(settings_);
@@ -101,7 +115,6 @@ Failure ScheduledRun::Prepare() {
       rules, route_.Sink(), listener);
   builder_thread_ = stream_->ring.IsAllocated() ? surroundings_.builders.Enter() : nullptr;
   if (builder_thread_ == nullptr) {
-    surroundings_.destinations.Leave(route_);
     return {IPPLAYOUT_NO_RESOURCES,
             "memory or threads have run out; close playouts or raise the "
             "limits (ulimit -u, -v)"};
@@ -172,7 +185,7 @@ void ScheduledRun::SetRate(std::uint32_t payload_bytes, std::uint32_t datagram_b
 
 double ScheduledRun::FramesPerSecond(std::uint32_t payload_bytes) const {
   const double bytes_per_second = marks_.MeanRate().value_or(kUsualFramesPerSecond * payload_bytes);
-  return bytes_per_second / payload_bytes;
+  return std::min(bytes_per_second / payload_bytes, kMostFramesPerSecond);
 }
 
 StreamRules ScheduledRun::RulesFor(std::uint32_t payload_bytes) const {
@@ -196,6 +209,7 @@ Failure ScheduledRun::Withdraw() {
   builder_thread_->Detach(*builder_);
   surroundings_.builders.Leave(builder_thread_);
   Transmitter().Remove(*stream_);
+  builder_thread_ = nullptr;
   return surroundings_.destinations.Leave(route_);
 }
 

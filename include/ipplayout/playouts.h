@@ -99,10 +99,9 @@ typedef struct IpPlayoutSettings {
 
   // Forward error correction (SMPTE ST 2022-1), RTP only: FecColumns (L) 1 to 20 by FecRows (D) 4
   // to 20, at most 100 in all; 0 columns: none. FEC leaves to the destination port + 2 for columns
-  // and
-  // + 4 for rows, with the headers of the stream but for payload type, SSRC and sequence number. It
-  // is made from what was meant to leave: what is lost on purpose can be repaired. With copies it
-  // needs CopiesShareTime.
+  // and + 4 for rows, with the headers of the stream but for payload type, SSRC and sequence
+  // number. It is made from what was meant to leave: what is lost on purpose can be repaired. With
+  // copies it needs CopiesShareTime.
   uint32_t FecColumns;
   uint32_t FecRows;
   uint32_t FecProtectsRows;  // 1: rows too
@@ -206,7 +205,7 @@ int64_t IpPlayoutNow(void);
 
 // Appends all `bytes` of the stream; they are copied. Blocks while the ring is full, before the
 // start too. IPPLAYOUT_ENDED when the playout has ended or is stopped meanwhile: then some of the
-// bytes may have been taken. Asks for settings before it.
+// bytes may have been taken. Asks for settings before it; refused behind IpPlayoutEnd.
 int IpPlayoutWrite(IpPlayout* playout, const void* data, size_t bytes);
 
 // Appends what there is room for, never blocks, and says in `*taken` how much that was.

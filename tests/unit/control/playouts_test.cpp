@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: MIT
+#include "control/playouts.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "control/playout_rules.h"
+#include "tests/support/blocked_call.h"
+#include "tests/support/fake_frame_sink.h"
+
+namespace ipplayout {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+constexpr std::size_t kPayload = 1316;
+
+// "bad" cannot be opened and "none" finds no memory; anything else takes frames in virtual time.
+class FakeSinks final : public SinkMaker {
+ public:
+  std::unique_ptr<FrameSink> Open(const IpPlayoutSettings& settings, std::uint32_t,
+                                  Failure& failure) override {
+    const std::string name = settings.Destination;
+    if (name == "none") {
+      throw std::bad_alloc();
+    }
+    if (name == "bad") {
+      failure = {IPPLAYOUT_BAD_DESTINATION, "bad: cannot be opened"};
+      return nullptr;
+    }
+    auto sink = std::make_unique<FakeFrameSink>();
+    sink->is_virtual = true;
+    sink->on_send = [this](std::span<const OutgoingFrame> frames) { sent += frames.size(); };
+    return sink;
+  }
+
+  std::atomic<std::size_t> sent{0};
+};
+
+class PlayoutsTest : public testing::Test {
+ protected:
+  static IpPlayoutSettings SettingsFor(const char* destination) {
+    IpPlayoutSettings settings = DefaultSettings();
+    settings.To = IPPLAYOUT_TO_FILE;
+    std::strcpy(settings.Destination, destination);
+    settings.BitRate = 10;
+    settings.RingBytes = 1 << 16;
+    settings.StartBytes = 0;
+    return settings;
+  }
+  std::shared_ptr<ScheduledPlayout> Open(const IpPlayoutSettings& settings) {
+    handles_.push_back(playouts.Open());
+    auto playout = playouts.Find(handles_.back());
+    EXPECT_EQ(playout->Configure(settings).sentence, "");
+    return playout;
+  }
+  Playouts::Handle HandleOf(std::size_t number) const { return handles_[number]; }
+  static Failure Write(ScheduledPlayout& playout, std::size_t bytes) {
+    const std::vector<std::uint8_t> data(bytes, 0x47);
+    return playout.Write(data.data(), data.size());
+  }
+  static bool IsReadable(platform::EventHandle event) {
+    pollfd target{static_cast<int>(event), POLLIN, 0};
+    return ::poll(&target, 1, 0) == 1;
+  }
+
+  FakeSinks sinks;
+  Playouts playouts{sinks};
+
+ private:
+  std::vector<Playouts::Handle> handles_;
+};
+
+TEST_F(PlayoutsTest, ARefusedStartLeavesTheOthersAsTheyWere) {
+  auto good = Open(SettingsFor("file"));
+  for (const char* name : {"bad", "none"}) {
+    Open(SettingsFor(name));
+  }
+  ASSERT_EQ(Write(*good, 3 * kPayload).code, IPPLAYOUT_DONE);
+  auto writer = OnAnotherThread([&] { return Write(*good, 100 * kPayload).code; });
+  ASSERT_TRUE(Blocks(writer));
+  const Failure failure = playouts.Start(std::vector{HandleOf(0), HandleOf(1)}, {});
+  EXPECT_EQ(failure.code, IPPLAYOUT_BAD_DESTINATION);
+  EXPECT_EQ(failure.sentence, "playout 1 of 0 to 1: bad: cannot be opened");
+  EXPECT_THROW(playouts.Start(std::vector{HandleOf(0), HandleOf(2)}, {}), std::bad_alloc);
+  EXPECT_EQ(good->Wait(nanoseconds(0)).code, IPPLAYOUT_BAD_STATE);  // not started yet
+  EXPECT_FALSE(IsReadable(good->EndEvent()));
+  EXPECT_TRUE(Blocks(writer));
+  ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+  ASSERT_TRUE(Returns(writer));
+  EXPECT_EQ(writer.get(), IPPLAYOUT_DONE);
+  EXPECT_EQ(good->End().code, IPPLAYOUT_DONE);
+  auto end = OnAnotherThread([&] { return good->Wait({}).code; });
+  ASSERT_TRUE(Returns(end));
+  EXPECT_EQ(end.get(), IPPLAYOUT_DONE);
+  EXPECT_TRUE(IsReadable(good->EndEvent()));
+  EXPECT_EQ(sinks.sent, 103U);
+}
+
+TEST_F(PlayoutsTest, ARingBeginsWhenItIsFullHoweverItIsWritten) {
+  for (const std::size_t piece : {std::size_t{1}, kPayload, std::size_t{50'000}}) {
+    IpPlayoutSettings settings = SettingsFor("file");
+    settings.StartBytes = settings.RingBytes;
+    auto playout = Open(settings);
+    ASSERT_EQ(playout->Prepare().code, IPPLAYOUT_DONE);
+    ScheduledStream* const stream = &playout->Prepared().Stream();
+    ASSERT_TRUE(playout->Prepared().Transmitter().Add({&stream, 1}, {}));
+    playout->Launched();
+    auto writing = OnAnotherThread([&] {
+      for (std::size_t written = 0; written < 100'000; written += piece) {
+        Write(*playout, piece);
+      }
+    });
+    EXPECT_TRUE(Returns(writing)) << piece;
+    playout->Stop();
+  }
+}
+
+TEST_F(PlayoutsTest, ACloseReleasesWhoeverBlocksAndNothingStartsBehindIt) {
+  auto playout = Open(SettingsFor("file"));
+  auto writer = OnAnotherThread([&] { return Write(*playout, 1 << 20).code; });
+  ASSERT_TRUE(Blocks(writer));
+  EXPECT_EQ(playouts.Close(HandleOf(0)).code, IPPLAYOUT_DONE);
+  ASSERT_TRUE(Returns(writer));
+  EXPECT_EQ(writer.get(), IPPLAYOUT_ENDED);
+  // Calls that were under way.
+  auto late = OnAnotherThread([&] { return Write(*playout, 1 << 20).code; });
+  ASSERT_TRUE(Returns(late));
+  EXPECT_NE(late.get(), IPPLAYOUT_DONE);
+  EXPECT_EQ(playout->Prepare().code, IPPLAYOUT_BAD_PLAYOUT);
+  EXPECT_EQ(playout->Configure(SettingsFor("file")).code, IPPLAYOUT_BAD_PLAYOUT);
+  EXPECT_EQ(playouts.Close(HandleOf(0)).code, IPPLAYOUT_BAD_PLAYOUT);
+}
+
+TEST_F(PlayoutsTest, AWaitIsForTheRunThatItBeganIn) {
+  auto playout = Open(SettingsFor("file"));
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+    auto waiter = OnAnotherThread([&] { return playout->Wait({}).code; });
+    if (i == 0) {
+      ASSERT_TRUE(Blocks(waiter));
+    }
+    playout->Stop();
+    ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+    if (i == 0) {
+      ASSERT_TRUE(Returns(waiter));
+      EXPECT_EQ(waiter.get(), IPPLAYOUT_ENDED);
+    }
+    playout->Stop();
+  }
+}
+
+TEST_F(PlayoutsTest, WhatComesBehindTheEndIsRefused) {
+  auto playout = Open(SettingsFor("file"));
+  std::size_t taken = 1;
+  const std::uint8_t byte = 0x47;
+  ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+  EXPECT_EQ(playout->Pause(false).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(Write(*playout, kPayload).code, IPPLAYOUT_DONE);
+  playout->End();
+  EXPECT_NE(playout->TryWrite(&byte, 1, taken).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(taken, 0U);
+  ASSERT_EQ(playout->Wait({}).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(Write(*playout, 1).code, IPPLAYOUT_ENDED);
+  EXPECT_EQ(playout->Pause(true).code, IPPLAYOUT_BAD_STATE);
+  EXPECT_EQ(playout->Order(IPPLAYOUT_DID_LOSE, 1).code, IPPLAYOUT_BAD_STATE);
+  playout->Stop();
+  EXPECT_EQ(playout->Wait({}).code, IPPLAYOUT_DONE);  // it had ended by itself
+  EXPECT_EQ(Write(*playout, 1).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(sinks.sent, 1U);
+}
+
+TEST_F(PlayoutsTest, MarksAreRefusedByNameAndRange) {
+  IpPlayoutSettings settings = SettingsFor("file");
+  EXPECT_EQ(Open(settings)->Mark(0, 0).code, IPPLAYOUT_BAD_STATE);
+  settings.BitRate = 0;
+  auto playout = Open(settings);
+  EXPECT_EQ(playouts.Start(std::vector{HandleOf(1)}, {}).code, IPPLAYOUT_BAD_STATE);
+  EXPECT_EQ(playout->Mark(0, -1).sentence, "time_ns is -1; it can be 0 to 1152921504606846976");
+  EXPECT_EQ(playout->Mark(0, INT64_MAX).code, IPPLAYOUT_BAD_VALUE);
+  EXPECT_EQ(playout->Mark(0, 5).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(playout->Mark(0, 6).code, IPPLAYOUT_BAD_VALUE);
+  EXPECT_EQ(playout->Mark(1, 4).code, IPPLAYOUT_BAD_VALUE);
+  EXPECT_EQ(Write(*playout, 100).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(playout->Mark(99, 6).code, IPPLAYOUT_BAD_VALUE);
+  EXPECT_EQ(playout->Mark(100, 6).code, IPPLAYOUT_DONE);
+}
+
+}  // namespace
+}  // namespace ipplayout
