@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The exported functions of many playouts. What goes wrong inside reaches the host as a result,
 // never as an exception.
+#include <array>
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <string>
 
@@ -17,16 +19,19 @@ using ipplayout::TheLibrary;
 
 namespace {
 
-std::string& LastError() {
-  thread_local std::string error;
+// A sentence with the longest destination in it; longer ones are cut.
+using Sentence = std::array<char, 512>;
+
+Sentence& LastError() {
+  thread_local Sentence error{};
   return error;
 }
 
-int Report(const Failure& failure) {
-  if (failure) {
-    LastError() = failure.sentence;
+int Report(std::int32_t code, const char* sentence) {
+  if (code != IPPLAYOUT_DONE) {
+    std::snprintf(LastError().data(), LastError().size(), "%s", sentence);
   }
-  return failure.code;
+  return code;
 }
 
 Playouts::Handle HandleOf(const IpPlayout* playout) {
@@ -37,9 +42,10 @@ Playouts::Handle HandleOf(const IpPlayout* playout) {
 template <typename Operation>
 int Guarded(Operation operation) {
   try {
-    return Report(operation());
+    const Failure failure = operation();
+    return Report(failure.code, failure.sentence.c_str());
   } catch (const std::exception&) {
-    return Report({IPPLAYOUT_NO_RESOURCES, "memory has run out"});
+    return Report(IPPLAYOUT_NO_RESOURCES, "memory has run out");
   }
 }
 
@@ -94,9 +100,11 @@ int IpPlayoutStart(IpPlayout* const* playouts, size_t count, int64_t start_ns) {
     if (playouts == nullptr || count == 0) {
       return {IPPLAYOUT_BAD_VALUE, "no playout is given"};
     }
-    if (start_ns < 0) {
+    constexpr int64_t kLatest = ipplayout::TimeMarks::kLatest.count();
+    if (start_ns < 0 || start_ns > kLatest) {
       return {IPPLAYOUT_BAD_VALUE, "start_ns is " + std::to_string(start_ns) +
-                                       "; it can be 0 or a time on CLOCK_MONOTONIC"};
+                                       "; it can be 0 or a time on CLOCK_MONOTONIC, up to " +
+                                       std::to_string(kLatest)};
     }
     std::vector<Playouts::Handle> handles(count);
     for (size_t i = 0; i < count; ++i) {
@@ -148,7 +156,12 @@ intptr_t IpPlayoutEndEvent(IpPlayout* playout) {
 }
 
 int IpPlayoutPause(IpPlayout* playout, uint32_t pause) {
-  return OnPlayout(playout, [&](ScheduledPlayout& p) { return p.Pause(pause == IPPLAYOUT_ON); });
+  return OnPlayout(playout, [&](ScheduledPlayout& p) -> Failure {
+    if (pause > IPPLAYOUT_ON) {
+      return {IPPLAYOUT_BAD_VALUE, "pause is " + std::to_string(pause) + "; it can be 0 or 1"};
+    }
+    return p.Pause(pause == IPPLAYOUT_ON);
+  });
 }
 
 int IpPlayoutStop(IpPlayout* playout) {
@@ -190,5 +203,5 @@ uint64_t IpPlayoutSeed(IpPlayout* playout) {
 }
 
 const char* IpPlayoutError() {
-  return LastError().c_str();
+  return LastError().data();
 }
