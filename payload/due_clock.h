@@ -9,7 +9,8 @@
 
 namespace ipplayout {
 
-// 90 kHz (RFC 3551 section 4.5), exact: cut to whole ticks, never added up. Belongs to the builder.
+// 90 kHz (RFC 3551 section 4.5), exact: cut down to whole ticks, never added up. Belongs to the
+// builder.
 class DueClock final : public CSwClock {
  public:
   explicit DueClock(std::uint32_t first_timestamp) : first_(first_timestamp) {}
@@ -21,8 +22,12 @@ class DueClock final : public CSwClock {
     constexpr std::int64_t kTicks = 9;
     constexpr std::int64_t kNanoseconds = 100'000;
     // In two parts, so that centuries do not overflow.
-    const std::int64_t whole = due_.count() / kNanoseconds;
-    const std::int64_t rest = due_.count() % kNanoseconds;
+    std::int64_t whole = due_.count() / kNanoseconds;
+    std::int64_t rest = due_.count() % kNanoseconds;
+    if (rest < 0) {  // before time 0: cut down too
+      --whole;
+      rest += kNanoseconds;
+    }
     *out = first_ + static_cast<std::uint32_t>(whole * kTicks + rest * kTicks / kNanoseconds);
     return true;
   }
