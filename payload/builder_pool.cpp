@@ -60,17 +60,20 @@ void BuilderThread::Run() {
 }
 
 void BuilderThread::TakeTurn(DatagramBuilder& builder) {
+  builder.requested.store(false);
   if (has_leaving_.load()) {
     const platform::MutexLock lock(detach_mutex_);
     if (leaving_ == &builder) {
-      // It stays requested: no request enters it any more.
-      leaving_ = nullptr;
-      has_leaving_.store(false);
-      detached_.NotifyAll();
+      // It stays requested: no request enters it any more. One that has entered meanwhile is taken
+      // first.
+      if (!builder.requested.exchange(true)) {
+        leaving_ = nullptr;
+        has_leaving_.store(false);
+        detached_.NotifyAll();
+      }
       return;
     }
   }
-  builder.requested.store(false);
   if (builder.Build(kFramesPerTurn) == DatagramBuilder::Progress::kMore) {
     Request(builder);
   }

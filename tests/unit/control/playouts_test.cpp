@@ -178,6 +178,27 @@ TEST_F(PlayoutsTest, WhatComesBehindTheEndIsRefused) {
   EXPECT_EQ(sinks.sent, 1U);
 }
 
+// At any point of what the threads of the library do: a lost request hangs.
+TEST_F(PlayoutsTest, StopsAtAnyMoment) {
+  const auto play = [&](std::size_t number, ScheduledPlayout& playout) {
+    for (int i = 0; i < 300; ++i) {
+      EXPECT_EQ(playouts.Start(std::vector{HandleOf(number)}, {}).code, IPPLAYOUT_DONE);
+      Write(playout, kPayload * static_cast<std::size_t>(i % 4));
+      playout.End();
+      if (i % 3 == 0) {
+        playout.Wait({});
+      }
+      playout.Stop();
+    }
+  };
+  auto one = Open(SettingsFor("one"));
+  auto other = Open(SettingsFor("one"));
+  auto beside = OnAnotherThread([&] { play(1, *other); });
+  auto here = OnAnotherThread([&] { play(0, *one); });
+  EXPECT_TRUE(Returns(here));
+  EXPECT_TRUE(Returns(beside));
+}
+
 TEST_F(PlayoutsTest, MarksAreRefusedByNameAndRange) {
   IpPlayoutSettings settings = SettingsFor("file");
   EXPECT_EQ(Open(settings)->Mark(0, 0).code, IPPLAYOUT_BAD_STATE);
