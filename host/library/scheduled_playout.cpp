@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/library/scheduled_playout.h"
 
+#include <vector>
+
 namespace ipplay {
 namespace {
 
@@ -42,12 +44,28 @@ std::optional<Failure> ScheduledPlayout::Mark(std::uint64_t offset, Time time) {
 }
 
 std::optional<Failure> ScheduledPlayout::Start(std::optional<Time> start) {
-  IpPlayout* const playout = playout_.get();
-  return Refusal(IpPlayoutStart(&playout, 1, start.value_or(Time(0)).count()));
+  ScheduledPlayout* const self = this;
+  return Start({&self, 1}, start);
+}
+
+std::optional<Failure> ScheduledPlayout::Start(std::span<ScheduledPlayout* const> playouts,
+                                               std::optional<Time> start) {
+  std::vector<IpPlayout*> handles;
+  handles.reserve(playouts.size());
+  for (const ScheduledPlayout* playout : playouts) {
+    handles.push_back(playout->playout_.get());
+  }
+  return Refusal(IpPlayoutStart(handles.data(), handles.size(), start.value_or(Time(0)).count()));
 }
 
 bool ScheduledPlayout::Write(std::span<const std::uint8_t> bytes) {
   return IpPlayoutWrite(playout_.get(), bytes.data(), bytes.size()) == IPPLAYOUT_DONE;
+}
+
+std::optional<std::size_t> ScheduledPlayout::TryWrite(std::span<const std::uint8_t> bytes) {
+  std::size_t taken = 0;
+  const int code = IpPlayoutTryWrite(playout_.get(), bytes.data(), bytes.size(), &taken);
+  return code == IPPLAYOUT_DONE ? std::optional(taken) : std::nullopt;
 }
 
 void ScheduledPlayout::End() {
@@ -98,6 +116,16 @@ IpPlayoutTiming ScheduledPlayout::Timing() const {
     timing.StampP50Ns = timing.StampP99Ns = timing.StampP999Ns = timing.StampMaxNs = -1;
   }
   return timing;
+}
+
+std::uint64_t ScheduledPlayout::Seed() const {
+  return IpPlayoutSeed(playout_.get());
+}
+
+std::size_t ScheduledPlayout::ReadLedger(std::span<IpPlayoutRecord> out) {
+  std::size_t taken = 0;
+  IpPlayoutReadLedger(playout_.get(), out.data(), out.size(), &taken);
+  return taken;
 }
 
 }  // namespace ipplay

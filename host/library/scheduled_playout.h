@@ -28,6 +28,7 @@ class ScheduledPlayout {
 
   // The library's defaults, to be filled in.
   static IpPlayoutSettings Defaults();
+  static Time Now() { return Time(IpPlayoutNow()); }
 
   static Result<ScheduledPlayout> Open();
 
@@ -39,10 +40,15 @@ class ScheduledPlayout {
 
   // Without a time it starts as soon as StartBytes are there.
   std::optional<Failure> Start(std::optional<Time> start = std::nullopt);
+  // All at the same moment, or none.
+  static std::optional<Failure> Start(std::span<ScheduledPlayout* const> playouts,
+                                      std::optional<Time> start = std::nullopt);
 
   // Blocks while the ring is full. False once the playout has ended or is stopped: Wait() has the
   // reason.
   bool Write(std::span<const std::uint8_t> bytes);
+  // How much of it there was room for; never blocks. None once the playout has ended.
+  std::optional<std::size_t> TryWrite(std::span<const std::uint8_t> bytes);
   // Nothing follows what was written.
   void End();
 
@@ -61,6 +67,9 @@ class ScheduledPlayout {
   // Of the current or last run; zeros, and -1 for times, before the first one.
   PlayoutStatistics Statistics() const;
   IpPlayoutTiming Timing() const;
+  std::uint64_t Seed() const;
+  // Takes the oldest records of frames, where LedgerFrames were ordered, and says how many.
+  std::size_t ReadLedger(std::span<IpPlayoutRecord> out);
 
  private:
   struct Close {
