@@ -82,6 +82,23 @@ bool FollowsPcrs(const PlayOptions& options, const StreamFacts& facts) {
          !options.burst && !options.jitter;
 }
 
+// What only the process-wide playout does: it takes any number of copies, lets its thread's
+// priority be chosen, and hands frames over in batches, which a schedule of single frames cannot
+// keep up with.
+bool IsScheduled(const PlayOptions& options, const PlayPlan& plan) {
+  constexpr std::uint32_t kMostCopies = 65536;
+  constexpr std::chrono::microseconds kShortestGap(5);
+  return plan.copies <= kMostCopies && options.priority == IPPLAYOUT_PRIORITY_ABOVE_NORMAL &&
+         plan.rates.gap >= kShortestGap;
+}
+
+// A lost datagram keeps its place, and RTP time is that of the place.
+void AdaptRates(Rates& rates) {
+  rates.gap = std::chrono::nanoseconds(
+      std::llround(static_cast<double>(rates.gap.count()) * rates.share_sent));
+  rates.rtp_clock_ratio = rates.rtp_clock_ratio == 0 ? 0 : 1;
+}
+
 void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, Notes& notes) {
   const auto own = facts.BitRate();
   constexpr double kSameRate = 1e-3;
@@ -168,13 +185,18 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   if (!rounds) {
     return rounds.Error();
   }
-  PlayPlan plan{*sizes, *rates, *rounds, options.copies, facts.damage, {}, {}, {}, headers->notes};
+  PlayPlan plan{*sizes, *rates, *rounds, options.copies, facts.damage, {},
+                false,  {},     {},      headers->notes};
   const Decisions decided{facts.format, *headers, *sizes, *rates, *rounds};
   plan.settings = SettingsFor(options, path, decided);
   plan.schedule = ScheduleFor(options, path, decided, plan.settings);
   if (FollowsPcrs(options, facts)) {
     plan.pcr_rate = facts.rate;
     plan.schedule.BitRate = 0;
+  }
+  plan.by_schedule = plan.pcr_rate || IsScheduled(options, plan);
+  if (plan.by_schedule) {
+    AdaptRates(plan.rates);
   }
   AddNotes(options, facts, plan);
   return plan;

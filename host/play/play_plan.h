@@ -27,7 +27,8 @@ struct PlayPlan {
   std::uint32_t copies = 1;
   Damage damage;  // of the input, as the notes say
   Settings settings;
-  IpPlayoutSettings schedule{};     // the same for a playout by time marks
+  bool by_schedule = false;         // by a playout with a handle
+  IpPlayoutSettings schedule{};     // its settings
   std::optional<PcrRate> pcr_rate;  // of a stream that is played at the times of its PCRs
   std::vector<std::string> notes;   // what the user should know, a line each
 };

@@ -260,8 +260,8 @@ void PlaySession::Finish(bool complete) {
   playing_->Stop();
   feeder_.Join();
   timing_ = playing_->Timing();
-  unsent_ = timing_ ? timing_->NotSent : CountUnsent();
-  meter_.End(playing_->Counters(), complete);
+  unsent_ = timing_ ? timing_->NotSent + (failed_ ? timing_->Discarded : 0) : CountUnsent();
+  meter_.End(playing_->Counters(), complete, timing_);
 }
 
 void PlaySession::ReadCounters(nanoseconds now) {
@@ -373,11 +373,9 @@ ExitStatus PlaySession::Conclude() {
     failed_ = true;
     Fail("INPUT could not be read to its end");
   } else if (failed_) {
-    Fail(failure_.empty()
-             ? fmt::format(
-                   "a frame could not be sent, at least {} are lost; is the adapter still up?",
-                   FormatCount(std::max<std::uint64_t>(unsent_, 1)))
-             : failure_);
+    Fail(fmt::format("a frame could not be sent, at least {} are lost; {}is the adapter still up?",
+                     FormatCount(std::max<std::uint64_t>(unsent_, 1)),
+                     failure_.empty() ? "" : failure_ + "; "));
   } else if (unsent_ > 0) {
     failed_ = true;
     outcome_ = "Failed";

@@ -93,18 +93,24 @@ class RatePlaying final : public Playing {
   Event ended_;  // set by the library at the end of each run
 };
 
-// One with a handle, whose frames leave when the PCRs say.
-class MarkedPlaying final : public Playing {
+// One with a handle: at its rate, or by marks, whose frames leave when the PCRs say.
+class ScheduledPlaying final : public Playing {
  public:
-  MarkedPlaying(const PlayPlan& plan, ScheduledPlayout playout, const PcrMarks& marks,
-                PacketFormat format)
-      : plan_(plan), playout_(std::move(playout)), writer_(playout_, format, marks) {}
+  ScheduledPlaying(const PlayPlan& plan, ScheduledPlayout playout,
+                   const std::optional<PcrMarks>& marks, PacketFormat format)
+      : plan_(plan), playout_(std::move(playout)) {
+    if (marks) {
+      writer_.emplace(playout_, format, *marks);
+    }
+  }
 
   std::optional<std::string> Start() override {
     if (auto failure = playout_.Configure(plan_.schedule)) {
       return failure->message;
     }
-    playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
+    if (writer_) {
+      playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
+    }
     auto failure = WithRightsToStart([this] { return playout_.Start(); });
     return failure ? std::optional(failure->message) : std::nullopt;
   }
@@ -113,9 +119,9 @@ class MarkedPlaying final : public Playing {
     return {.write =
                 [this](const void* data, std::uint16_t units) {
                   const auto* bytes = static_cast<const std::uint8_t*>(data);
-                  return writer_.Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
+                  return Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
                 },
-            .terminate = [this] { writer_.Finish(); }};
+            .terminate = [this] { writer_ ? writer_->Finish() : playout_.End(); }};
   }
   int EndDescriptor() const override { return playout_.EndDescriptor(); }
 
@@ -146,23 +152,28 @@ class MarkedPlaying final : public Playing {
   std::optional<IpPlayoutTiming> Timing() const override { return playout_.Timing(); }
 
  private:
+  bool Write(std::span<const std::uint8_t> bytes) {
+    return writer_ ? writer_->Write(bytes) : playout_.Write(bytes);
+  }
+
   const PlayPlan& plan_;
   ScheduledPlayout playout_;
-  MarkedWriter writer_;
+  std::optional<MarkedWriter> writer_;  // with marks
 };
 
 }  // namespace
 
 std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
                                      PacketFormat format) {
-  if (plan.pcr_rate) {
-    if (auto playout = ScheduledPlayout::Open()) {
-      const PcrMarks marks(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second,
-                           1 + options.ppm / 1e6);
-      return std::make_unique<MarkedPlaying>(plan, std::move(*playout), marks, format);
-    }
+  auto playout = ScheduledPlayout::Open();
+  if (!plan.by_schedule || !playout) {
+    return std::make_unique<RatePlaying>(options, plan);
   }
-  return std::make_unique<RatePlaying>(options, plan);
+  std::optional<PcrMarks> marks;
+  if (plan.pcr_rate) {
+    marks.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, 1 + options.ppm / 1e6);
+  }
+  return std::make_unique<ScheduledPlaying>(plan, std::move(*playout), marks, format);
 }
 
 }  // namespace ipplay

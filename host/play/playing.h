@@ -36,7 +36,7 @@ class Playing {
   virtual std::optional<IpPlayoutTiming> Timing() const { return std::nullopt; }
 };
 
-// By time marks where the plan follows the PCRs, else at its rate.
+// By a schedule where the plan says so, by time marks where it follows the PCRs.
 std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
                                      PacketFormat format);
 

@@ -22,6 +22,7 @@ StatusMeter::StatusMeter(const PlayPlan& plan)
       round_bytes_(plan.rounds.round_bytes),
       stream_rate_(plan.rates.stream),
       share_sent_(plan.rates.share_sent),
+      copies_(plan.copies),
       datagrams_per_burst_(
           plan.settings.shape.BurstMode == IPPLAYOUT_ON ? plan.rates.batch / plan.copies : 1) {
   const bool is_tts = plan.settings.tts.TTSEnabled == IPPLAYOUT_ON;
@@ -50,34 +51,44 @@ void StatusMeter::Read(const PlayoutStatistics& counters, nanoseconds now) {
   }
 }
 
-void StatusMeter::End(const PlayoutStatistics& counters, bool complete) {
+void StatusMeter::End(const PlayoutStatistics& counters, bool complete,
+                      const std::optional<IpPlayoutTiming>& timing) {
   counters_ = counters;
   complete_ = complete;
+  timing_ = timing;
 }
 
 // The library counts a datagram some time before it leaves. Between two readings of a steady run
 // that does not matter: as many wait at the one as at the other.
 double StatusMeter::MeanRate() const {
+  if (timing_) {
+    return RateOfDepartures();
+  }
   if (readings_.empty() || readings_.back().time <= *first_) {
     return 0;
   }
   if (!complete_ && steady_ && readings_.back().time > steady_->time) {
     return RateSince(*steady_);
   }
-  return RateOfCompleteRun();
+  // In the end all datagrams have left.
+  return RateOf(counters_.DatagramsSent - counters_.LostPackets, readings_.back().time - *first_);
 }
 
-// In the end all datagrams have left. N datagrams span N - 1 gaps, and all but the last are full.
-// With bursts, count whole bursts: a short last burst follows the one before it at once. Lost
-// datagrams take no time; the gaps of the others are longer instead.
-double StatusMeter::RateOfCompleteRun() const {
-  const std::uint64_t sent = counters_.DatagramsSent - counters_.LostPackets;
+double StatusMeter::RateOfDepartures() const {
+  const nanoseconds time(timing_->LastDepartureNs - timing_->FirstDepartureNs);
+  return time.count() <= 0 ? 0 : RateOf((timing_->OnTime + timing_->Late) / copies_, time);
+}
+
+// N datagrams span N - 1 gaps, and all but the last are full. With bursts, count whole bursts: a
+// short last burst follows the one before it at once. Those that were lost are counted by their
+// share.
+double StatusMeter::RateOf(std::uint64_t sent, nanoseconds time) const {
   if (sent < datagrams_per_burst_) {
     return 0;
   }
   const std::uint64_t spanned = (sent / datagrams_per_burst_ - 1) * datagrams_per_burst_;
   const double datagrams = static_cast<double>(spanned) / share_sent_;
-  return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(readings_.back().time - *first_);
+  return datagrams * ts_bytes_per_datagram_ * 8 / Seconds(time);
 }
 
 double StatusMeter::RateSince(const Reading& from) const {

@@ -19,7 +19,7 @@ struct Status {
   std::optional<double> share;          // of all bytes to play, 0 to 1; none without an end
   std::optional<std::chrono::nanoseconds> remaining;
   double recent_rate = 0;   // bit/s of transport stream over the last seconds
-  double mean_rate = 0;     // over the whole run; the library catches up after pauses
+  double mean_rate = 0;     // over the whole run, pauses included
   std::uint64_t round = 1;  // of the last datagram
   bool paused = false;
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
@@ -35,8 +35,10 @@ class StatusMeter {
 
   void SetPaused(bool paused) { paused_ = paused; }
   void Read(const PlayoutStatistics& counters, std::chrono::nanoseconds now);
-  // Final counters. If `complete`, the run ended at the last reading.
-  void End(const PlayoutStatistics& counters, bool complete);
+  // Final counters. If `complete`, the run ended at the last reading. Where departures were
+  // recorded, the bit rate is theirs.
+  void End(const PlayoutStatistics& counters, bool complete,
+           const std::optional<IpPlayoutTiming>& timing = std::nullopt);
 
   bool Started() const { return first_.has_value(); }
   // Whether the mean rate can be taken between readings.
@@ -51,7 +53,8 @@ class StatusMeter {
   };
 
   double MeanRate() const;
-  double RateOfCompleteRun() const;
+  double RateOf(std::uint64_t sent, std::chrono::nanoseconds time) const;
+  double RateOfDepartures() const;
   double RateSince(const Reading& from) const;
 
   std::optional<std::uint64_t> total_bytes_;
@@ -61,6 +64,7 @@ class StatusMeter {
   double input_bytes_per_ts_byte_;  // TSBytesSent leaves out the time stamps of 192-byte packets
   double ts_bytes_per_datagram_;
   bool paused_ = false;
+  std::uint64_t copies_;
   std::uint64_t datagrams_per_burst_;                     // 1 without bursts
   std::optional<std::chrono::nanoseconds> before_first_;  // last reading without a datagram
   std::optional<std::chrono::nanoseconds> first_;         // departure of the first datagram
@@ -68,6 +72,7 @@ class StatusMeter {
   // number of datagrams that are counted but have not left yet stays the same.
   std::optional<Reading> steady_;
   bool complete_ = false;
+  std::optional<IpPlayoutTiming> timing_;  // at the end
   PlayoutStatistics counters_{};
   std::deque<Reading> readings_;  // of the last seconds
 };

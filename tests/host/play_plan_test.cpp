@@ -59,6 +59,7 @@ Result<PlayPlan> Plan(const std::string& line, const StreamFacts& facts = Facts(
 
 const std::string kRtp = "--to rtp://239.1.1.1:5004 ";
 const std::string kUdp = "--to udp://239.1.1.1:5004 ";
+const std::string kByRate = "--priority normal ";  // which no schedule has
 const std::string kUdp6 = "--to udp://[ff3e::1]:5004 ";
 
 TEST(PlayPlan, SizesAndRates) {
@@ -122,7 +123,10 @@ TEST(PlayPlan, LossesLowerTheFrameRateNotTheStreams) {
   EXPECT_DOUBLE_EQ(given->settings.ip_bit_rate, 10);
   EXPECT_NEAR(given->rates.stream, 2 * 10e6 * 1316 / 1370, 1e-3);
   EXPECT_NEAR(Plan(kRtp + "--lose 3/3")->settings.ip_bit_rate, 7.52 * 1370 / 1316, 1e-9);
-  const auto few = Plan(kRtp + "--lose 2/1000");  // 0.998 x 1,370 = 1,367.26
+  // By the schedule a lost datagram keeps its place.
+  EXPECT_NEAR(fifth->schedule.BitRate, 7.52 * 1370 / 1316, 1e-9);
+  EXPECT_EQ(fifth->rates.gap.count(), 1'400'000);           // 7 packets of 5,000 a second
+  const auto few = Plan(kRtp + kByRate + "--lose 2/1000");  // 0.998 x 1,370 = 1,367.26
   EXPECT_NEAR(few->rates.rtp_clock_ratio, 1367 / 1367.26, 1e-6);
   EXPECT_NE(few->notes.at(0).find("every datagram, lost or not, by 1367 bytes"), std::string::npos);
 }
@@ -156,18 +160,18 @@ TEST(PlayPlan, BatchAndGap) {
 // The clock's step for each frame is IPPacketSize x 8 / IPBitRate seconds, and it steps once for
 // every copy.
 TEST(PlayPlan, RtpClock) {
-  const auto one = Plan(kRtp + "--frame-size 1500");
+  const auto one = Plan(kRtp + kByRate + "--frame-size 1500");
   EXPECT_NEAR(one->rates.rtp_clock_ratio, 1, 1e-6);
-  const auto two = Plan(kRtp + "--copies 2");
+  const auto two = Plan(kRtp + kByRate + "--copies 2");
   EXPECT_EQ(two->settings.params.IPPacketSize, 685U);
   EXPECT_NEAR(two->rates.rtp_clock_ratio, 1, 1e-6);
   EXPECT_TRUE(two->notes.empty());
-  const auto many = Plan(kRtp + "--copies 16");
+  const auto many = Plan(kRtp + kByRate + "--copies 16");
   EXPECT_EQ(many->settings.params.IPPacketSize, 86U);
   EXPECT_NEAR(many->rates.rtp_clock_ratio, 16 * 86 / 1370.0, 1e-6);
   ASSERT_EQ(many->notes.size(), 1U);
   EXPECT_NE(many->notes[0].find("RTP time runs at 90.3942 kHz"), std::string::npos);
-  const auto slow = Plan(kRtp + "--frame-bitrate 1999.5");
+  const auto slow = Plan(kRtp + kByRate + "--frame-bitrate 1999.5");
   EXPECT_NEAR(slow->rates.rtp_clock_ratio, 1999.5 / 1999, 1e-9);
   EXPECT_NE(slow->notes.at(0).find("whole bits per second, 1999 of 1999.5"), std::string::npos);
   EXPECT_EQ(Plan(kUdp + "--copies 16")->rates.rtp_clock_ratio, 0);
