@@ -214,6 +214,7 @@ void ScheduleTransmitter::Pause(ScheduledStream& stream, Time now) {
     stream.timing.Shifted(stream.policy.Shifted());
   }
   stream.state = ScheduledStream::State::kAwaiting;
+  stream.awaiting_since = now;
   ++awaiting_;
   HastenWakeUps();
 }
@@ -225,8 +226,10 @@ void ScheduleTransmitter::Schedule(ScheduledStream& stream, Time now) {
     stream.start = now - frame.due;
   }
   stream.planned = stream.policy.Plan(*stream.start + frame.due);
-  if (now - stream.planned > stream.rules.late.tolerance) {
-    stream.timing.WasDry(now - stream.planned);
+  // What follows late data is late, too, and not missing once more.
+  const Time dry = now - std::max(stream.planned, stream.awaiting_since);
+  if (dry > stream.rules.late.tolerance) {
+    stream.timing.WasDry(dry);
   }
   --awaiting_;
   stream.state = ScheduledStream::State::kScheduled;
@@ -313,7 +316,7 @@ void ScheduleTransmitter::Collect(Time now) {
     }
     sink = &stream.sink;
     TakeFrame(stream, now);
-    PlanNext(stream);
+    PlanNext(stream, now);
   }
 }
 
@@ -335,13 +338,14 @@ void ScheduleTransmitter::TakeFrame(ScheduledStream& stream, Time now) {
   stream.ring.Take();
 }
 
-void ScheduleTransmitter::PlanNext(ScheduledStream& stream) {
+void ScheduleTransmitter::PlanNext(ScheduledStream& stream, Time now) {
   std::pop_heap(heap_.begin(), heap_.end(), IsLater);
   const QueuedFrame* const next = stream.ring.Front();
   if (next == nullptr) {
     // Looked at again when the frames before it have left.
     heap_.pop_back();
     stream.state = ScheduledStream::State::kAwaiting;
+    stream.awaiting_since = now;
     ++awaiting_;
     return;
   }

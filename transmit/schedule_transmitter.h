@@ -81,7 +81,7 @@ class ScheduleTransmitter final : public OsaThread {
   void SendDue(Time now);
   void Collect(Time now);
   void TakeFrame(ScheduledStream& stream, Time now);
-  void PlanNext(ScheduledStream& stream);
+  void PlanNext(ScheduledStream& stream, Time now);
   void SendCollected();
   std::size_t SendFrom(std::size_t first);
   void Record(Time begun, Time ended);

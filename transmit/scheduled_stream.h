@@ -80,6 +80,7 @@ struct ScheduledStream : platform::RequestNode {
   DeparturePolicy policy;
   Time planned{0};
   Time paused_at{0};
+  Time awaiting_since{0};            // in kAwaiting: no time before it was spent without a frame
   std::uint64_t number = 0;          // in the order of adding: parts streams that are due together
   std::uint64_t retries_before = 0;  // of the sink, by streams that came earlier
 };

@@ -338,6 +338,22 @@ TEST_F(SteppedTime, DataThatComesLateIsDryAndLate) {
   transmitter.Remove(a.stream);
 }
 
+TEST_F(SteppedTime, WhatFollowsLateDataIsLateButNotDry) {
+  Player a('a', sink, AtOnce());
+  Play(a.Holding({milliseconds(0)}), seconds(1));
+  MoveTo(seconds(1));
+  MoveTo(seconds(3));
+  for (int i = 1; i <= 3; ++i) {  // one at a time, as from a builder that has just been woken
+    a.Push(milliseconds(10 * i));
+    transmitter.Request(a.stream);
+    MoveTo(seconds(3) + microseconds(i));
+  }
+  EXPECT_EQ(a.Counts().late, 3U);
+  EXPECT_EQ(a.Counts().dry_times, 1U);
+  EXPECT_EQ(a.Counts().dry, milliseconds(1990));
+  transmitter.Remove(a.stream);
+}
+
 TEST_F(SteppedTime, HalfOfARingThatIsFreeIsReported) {
   Player a('a', sink, AtOnce());
   for (int i = 0; i < 16; ++i) {
