@@ -2,6 +2,7 @@
 #include "host/play/plan_schedule.h"
 
 #include <algorithm>
+#include <random>
 
 #include "host/library/scheduled_playout.h"
 
@@ -25,6 +26,11 @@ void SetBuffer(const PlayOptions& options, const Decisions& decided, IpPlayoutSe
                                                                    : 0);
 }
 
+std::uint64_t DrawSeed() {
+  std::random_device device;
+  return std::uniform_int_distribution<std::uint64_t>(1, kMostSeed)(device);
+}
+
 }  // namespace
 
 IpPlayoutSettings ScheduleFor(const PlayOptions& options, const Path& path,
@@ -40,6 +46,8 @@ IpPlayoutSettings ScheduleFor(const PlayOptions& options, const Path& path,
   schedule.TSPacketSize = settings.ts_packet_size;
   schedule.BitRate = decided.rates.frame / decided.rates.share_sent / 1e6;
   schedule.Precision = options.economy ? IPPLAYOUT_ECONOMICAL : IPPLAYOUT_PRECISE;
+  schedule.Late = options.late.value_or(IPPLAYOUT_LATE_BOUNDED);
+  schedule.Seed = options.seed ? *options.seed : DrawSeed();
   SetBuffer(options, decided, schedule);
   return schedule;
 }

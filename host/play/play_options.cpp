@@ -230,6 +230,20 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
       "live input, 0 for a pipe",
       ParseDuration);
   add.Value(
+      "--late", o.late, "RULE", "bounded, catch-up, shift or drop",
+      "What becomes of datagrams whose time has passed: sent at up to 1.25 times the rate until "
+      "on time (bounded, the default), at once (catch-up), in their old gaps from then on "
+      "(shift), or not at all (drop)",
+      ParseLate);
+  add.Value("--max-late", o.max_late, "TIME", "a time as 5ms",
+            "Let the exit status be 1 if a datagram leaves later than this", ParseDuration);
+  add.Flag("--no-underrun", o.no_underrun,
+           "Let the exit status be 1 if the input was not there in time");
+  add.Value(
+      "--seed", o.seed, "N", "1 to 9007199254740991",
+      "Start of everything random, so that a run can be repeated; default: drawn and reported",
+      [](const std::string& text) { return ParseNumber(text, 1, kMostSeed); });
+  add.Value(
       "--stats", o.json_stats, "text|json", "text or json", "json: the same as --json",
       [](const std::string& text) -> std::optional<bool> {
         if (text == "json") {

@@ -17,6 +17,9 @@ namespace ipplay {
 
 // DefinePlayOptions() fills in the fixed defaults; MakePlan() decides about optional fields that
 // have no value.
+// JSON readers keep whole numbers up to here.
+inline constexpr std::uint64_t kMostSeed = (std::uint64_t{1} << 53) - 1;
+
 struct PlayOptions {
   std::string input;
   std::optional<Endpoint> flow;  // of a capture
@@ -73,6 +76,10 @@ struct PlayOptions {
   bool economy = false;
   std::uint32_t priority = 0;
   std::optional<std::chrono::nanoseconds> prefill;
+  std::optional<std::uint32_t> late;  // as IPPLAYOUT_LATE_...
+  std::optional<std::uint64_t> seed;  // none: drawn
+  std::optional<std::chrono::nanoseconds> max_late;
+  bool no_underrun = false;
   bool json = false, json_stats = false;  // see WantsJson
   bool quiet = false;
   bool dry_run = false;

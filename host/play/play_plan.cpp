@@ -92,6 +92,25 @@ bool IsScheduled(const PlayOptions& options, const PlayPlan& plan) {
          plan.rates.gap >= kShortestGap;
 }
 
+std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
+  const struct {
+    const char* name;
+    bool is_given;
+  } kOptions[] = {{"--late", options.late.has_value()},
+                  {"--max-late", options.max_late.has_value()},
+                  {"--no-underrun", options.no_underrun},
+                  {"--seed", options.seed.has_value()}};
+  for (const auto& option : kOptions) {
+    if (option.is_given) {
+      return UsageFailure(
+          fmt::format("{} needs frames that are paced one by one: give at most 65,536 --copies, a "
+                      "rate with at least 5 us between frames, and no --priority",
+                      option.name));
+    }
+  }
+  return std::nullopt;
+}
+
 // A lost datagram keeps its place, and RTP time is that of the place.
 void AdaptRates(Rates& rates) {
   rates.gap = std::chrono::nanoseconds(
@@ -197,6 +216,8 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   plan.by_schedule = plan.pcr_rate || IsScheduled(options, plan);
   if (plan.by_schedule) {
     AdaptRates(plan.rates);
+  } else if (auto failure = CheckForSchedule(options)) {
+    return *std::move(failure);
   }
   AddNotes(options, facts, plan);
   return plan;

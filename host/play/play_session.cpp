@@ -273,13 +273,15 @@ void PlaySession::ReportWhenDue() {
   if (Now() < next_report_) {
     return;
   }
+  timing_ = playing_->Timing();
+  WarnOfTiming();
   // Missed reports are skipped.
   next_report_ += ReportInterval() * ((Now() - next_report_) / ReportInterval() + 1);
   if (!meter_.Started() && !options_.WantsJson()) {
     return;
   }
   if (options_.WantsJson()) {
-    Print(Results(), "{}\n", StatusJson(options_, plan_, meter_.Total(), "progress"));
+    Print(Results(), "{}\n", StatusJson(options_, plan_, Progress(), "progress"));
     std::fflush(Results());
     if (std::ferror(Results()) != 0) {
       Stop("Stopped: nobody reads the output");
@@ -287,12 +289,18 @@ void PlaySession::ReportWhenDue() {
   } else if (terminal_) {
     DrawProgress();
   } else if (!options_.quiet) {
-    Print(stderr, "{}\n", ProgressLine(plan_, meter_.Total(), 200));
+    Print(stderr, "{}\n", ProgressLine(plan_, Progress(), 200));
   }
 }
 
+Status PlaySession::Progress() const {
+  Status status = meter_.Total();
+  status.timing = timing_;
+  return status;
+}
+
 void PlaySession::DrawProgress() {
-  Print(stderr, "\r\x1b[K{}", ProgressLine(plan_, meter_.Total(), terminal_->Columns() - 1));
+  Print(stderr, "\r\x1b[K{}", ProgressLine(plan_, Progress(), terminal_->Columns() - 1));
 }
 
 void PlaySession::ClearProgress() {
@@ -318,6 +326,49 @@ void PlaySession::WarnOfInput() {
     ClearProgress();
     Print(stderr, "ipplay: reading INPUT failed: {}; playing what has been read so far\n",
           ReadFailure(feeder_.ReadError()));
+  }
+}
+
+// Where it gets much worse than the last warning said.
+void PlaySession::WarnOfTiming() {
+  constexpr nanoseconds kWorthAWarning = 10ms;
+  if (!timing_ || meter_.Paused()) {
+    return;
+  }
+  const std::int64_t least = kWorthAWarning.count();
+  if (timing_->DryNs >= std::max(least, 2 * warned_of_dry_)) {
+    warned_of_dry_ = timing_->DryNs;
+    ClearProgress();
+    Print(stderr, "ipplay: INPUT was not there in time: {} time{} so far, for {} in all\n",
+          FormatCount(timing_->DryTimes), timing_->DryTimes == 1 ? "" : "s",
+          FormatDuration(nanoseconds(timing_->DryNs)));
+  }
+  if (timing_->LatenessMaxNs >= std::max(least, 2 * warned_of_lateness_)) {
+    warned_of_lateness_ = timing_->LatenessMaxNs;
+    ClearProgress();
+    Print(stderr, "ipplay: frames leave late: {} so far by more than 1 ms, at most by {}\n",
+          FormatCount(timing_->Late), FormatDuration(nanoseconds(timing_->LatenessMaxNs)));
+  }
+}
+
+void PlaySession::JudgeTiming() {
+  const auto fail = [this](const std::string& why) {
+    failed_ = true;
+    outcome_ = "Failed";
+    Print(stderr, "ipplay: {}\n", why);
+  };
+  if (options_.max_late && timing_->LatenessMaxNs > options_.max_late->count()) {
+    fail(fmt::format("--max-late: a datagram left {} late",
+                     FormatDuration(nanoseconds(timing_->LatenessMaxNs))));
+  }
+  if (options_.max_late && timing_->LeftOut > 0) {
+    fail(fmt::format("--max-late: {} datagrams were too late to be sent",
+                     FormatCount(timing_->LeftOut)));
+  }
+  if (options_.no_underrun && timing_->DryTimes > 0) {
+    fail(fmt::format("--no-underrun: INPUT was not there in time, {} time{} for {} in all",
+                     FormatCount(timing_->DryTimes), timing_->DryTimes == 1 ? "" : "s",
+                     FormatDuration(nanoseconds(timing_->DryNs))));
   }
 }
 
@@ -383,6 +434,10 @@ ExitStatus PlaySession::Conclude() {
           HeldBack(meter_.Total().counters) ? "" : "at least ", FormatCount(unsent_));
   }
   JudgeInput();
+  if (timing_) {
+    WarnOfTiming();
+    JudgeTiming();
+  }
   Status status = meter_.Total();
   status.held_back = HeldBack(status.counters);
   status.timing = timing_;

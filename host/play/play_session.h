@@ -56,9 +56,12 @@ class PlaySession {
   void ReadCounters(std::chrono::nanoseconds now);
   void ReportWhenDue();
   void Say(const std::string& line);
+  Status Progress() const;
   void DrawProgress();
   void ClearProgress();
   void WarnOfInput();
+  void WarnOfTiming();
+  void JudgeTiming();
   std::optional<std::uint64_t> HeldBack(const PlayoutStatistics& counters) const;
   void JudgeInput();
   std::uint64_t CountUnsent() const;
@@ -83,6 +86,8 @@ class PlaySession {
   ShortSends short_sends_;
   std::string failure_;  // why the run failed, where the library says
   std::optional<IpPlayoutTiming> timing_;
+  std::int64_t warned_of_lateness_ = 0;  // nanoseconds, and the same of the dry times
+  std::int64_t warned_of_dry_ = 0;
   std::uint64_t unsent_ = 0;  // frames at the end of the run that the adapter did not take
   std::string outcome_ = "Played";
 };

@@ -9,6 +9,7 @@
 #include "host/base/numbers.h"
 #include "host/base/units.h"
 #include "ipplayout/ipplayout.h"
+#include "ipplayout/playouts.h"
 
 namespace ipplay {
 namespace {
@@ -71,6 +72,11 @@ constexpr std::array<Named<std::uint32_t>, 6> kPriorities{
      {"above-normal", IPPLAYOUT_PRIORITY_ABOVE_NORMAL},
      {"highest", IPPLAYOUT_PRIORITY_HIGHEST},
      {"time-critical", IPPLAYOUT_PRIORITY_TIME_CRITICAL}}};
+
+constexpr std::array<Named<std::uint32_t>, 4> kLate{{{"bounded", IPPLAYOUT_LATE_BOUNDED},
+                                                     {"catch-up", IPPLAYOUT_LATE_CATCH_UP},
+                                                     {"shift", IPPLAYOUT_LATE_SHIFT},
+                                                     {"drop", IPPLAYOUT_LATE_DROP}}};
 
 constexpr std::array<Named<std::uint32_t>, 4> kDistributions{
     {{"square", IPPLAYOUT_JITTER_SQUARE},
@@ -175,6 +181,10 @@ std::optional<StartValue> ParseStartValue(std::string_view text, std::uint32_t h
 
 std::optional<std::uint32_t> ParsePriority(std::string_view text) {
   return Find(kPriorities, text);
+}
+
+std::optional<std::uint32_t> ParseLate(std::string_view text) {
+  return Find(kLate, text);
 }
 
 std::optional<std::optional<std::uint64_t>> ParseRounds(std::string_view text) {

@@ -53,6 +53,9 @@ std::optional<StartValue> ParseStartValue(std::string_view text, std::uint32_t h
 // PlayerThreadPriority.
 std::optional<std::uint32_t> ParsePriority(std::string_view text);
 
+// "bounded", "catch-up", "shift", "drop": as IPPLAYOUT_LATE_...
+std::optional<std::uint32_t> ParseLate(std::string_view text);
+
 // "forever", or a number of rounds from 1; an empty inner optional is forever.
 std::optional<std::optional<std::uint64_t>> ParseRounds(std::string_view text);
 

@@ -8,6 +8,7 @@
 
 #include "host/base/text.h"
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/play/frame_fields.h"
 
 namespace ipplay {
@@ -99,7 +100,7 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   }
 }
 
-// When frames left against their places, of a playout by time marks.
+// When frames left against their places.
 std::string TimingText(const IpPlayoutTiming& timing) {
   if (timing.LatenessMaxNs < 0) {
     return "";
@@ -109,11 +110,41 @@ std::string TimingText(const IpPlayoutTiming& timing) {
       fmt::format("  lateness   {} at the median, {} at 99 %, {} at most; {} frames late\n",
                   time(timing.LatenessP50Ns), time(timing.LatenessP99Ns),
                   time(timing.LatenessMaxNs), FormatCount(timing.Late));
+  if (timing.LeftOut > 0) {
+    text += fmt::format("  left out   {} frames that were too late\n", FormatCount(timing.LeftOut));
+  }
   if (timing.DryTimes > 0) {
     text += fmt::format("  ran dry    {} times, for {} in all\n", FormatCount(timing.DryTimes),
                         time(timing.DryNs));
   }
-  return text;
+  if (timing.ShiftNs > 0) {
+    text += fmt::format("  shifted    by {}, with pauses\n", time(timing.ShiftNs));
+  }
+  return text + fmt::format("  gap        {} at most\n", time(timing.LongestGapNs));
+}
+
+std::string LatenessWords(const std::optional<IpPlayoutTiming>& timing) {
+  return timing && timing->LatenessMaxNs >= 0
+             ? fmt::format("  late by up to {}", FormatDuration(nanoseconds(timing->LatenessMaxNs)))
+             : "";
+}
+
+nlohmann::ordered_json DeparturesJson(const IpPlayoutTiming& timing) {
+  return {{"sender", &timing.Sender[0]},
+          {"on_time", timing.OnTime},
+          {"late", timing.Late},
+          {"left_out", timing.LeftOut},
+          {"not_sent", timing.NotSent},
+          {"discarded", timing.Discarded},
+          {"lateness_ns",
+           {{"p50", timing.LatenessP50Ns},
+            {"p99", timing.LatenessP99Ns},
+            {"p99_9", timing.LatenessP999Ns},
+            {"max", timing.LatenessMaxNs}}},
+          {"longest_gap_ns", timing.LongestGapNs},
+          {"shift_ns", timing.ShiftNs},
+          {"dry_times", timing.DryTimes},
+          {"dry_ns", timing.DryNs}};
 }
 
 }  // namespace
@@ -145,6 +176,7 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
   line += fmt::format("  {:.4f}M set, {} real  {} datagrams  ordered: {}  jitter {}",
                       plan.rates.stream / 1e6, real, FormatCount(counters.DatagramsSent),
                       OrderedErrors(counters), FormatDuration(JitterOf(counters)));
+  line += LatenessWords(status.timing);
   if (line.size() <= columns) {
     return line;
   }
@@ -204,7 +236,8 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   if (status.timing) {
     text += TimingText(*status.timing);
   }
-  return text + fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
+  text += fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
+  return text + (plan.by_schedule ? fmt::format("  seed       {}\n", plan.schedule.Seed) : "");
 }
 
 std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const Status& status,
@@ -214,7 +247,11 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   if (!outcome.empty()) {
     json["outcome"] = outcome;
   }
+  json["time"] = UtcText(WallClockNow().count());
   json["target"] = FormatTarget(options.to);
+  if (plan.by_schedule) {
+    json["seed"] = plan.schedule.Seed;
+  }
   json["elapsed_ns"] = status.elapsed.count();
   if (status.share) {
     json["percent"] = *status.share * 100;
@@ -246,18 +283,7 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
                      {"left_out_places", status.damage->places}};
   }
   if (status.timing && status.timing->LatenessMaxNs >= 0) {
-    const IpPlayoutTiming& timing = *status.timing;
-    json["departures"] = {{"on_time", timing.OnTime},
-                          {"late", timing.Late},
-                          {"not_sent", timing.NotSent},
-                          {"lateness_ns",
-                           {{"p50", timing.LatenessP50Ns},
-                            {"p99", timing.LatenessP99Ns},
-                            {"p99_9", timing.LatenessP999Ns},
-                            {"max", timing.LatenessMaxNs}}},
-                          {"longest_gap_ns", timing.LongestGapNs},
-                          {"dry_times", timing.DryTimes},
-                          {"dry_ns", timing.DryNs}};
+    json["departures"] = DeparturesJson(*status.timing);
   }
   json["jitter_ns"] = counters.Jitter * 1e9;
   // Names of files need not be UTF-8.

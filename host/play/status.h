@@ -24,7 +24,7 @@ struct Status {
   bool paused = false;
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
   std::optional<std::uint64_t> held_back;
-  std::optional<IpPlayoutTiming> timing;  // where it is recorded, at the end of the run
+  std::optional<IpPlayoutTiming> timing;  // where it is recorded
   std::optional<Damage> damage;           // of the input, at the end of the run; none of raw input
 };
 

@@ -41,12 +41,6 @@ std::string DateText(std::int64_t time_ns) {
   return fmt::format("{:%Y-%m-%d} {} {:%Z}", local, ClockText(time_ns), local);
 }
 
-std::string UtcText(std::int64_t time_ns) {
-  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:09}Z",
-                     fmt::gmtime(static_cast<std::time_t>(time_ns / kSecondNs)),
-                     time_ns % kSecondNs);
-}
-
 std::int64_t MidnightNs(std::int64_t time_ns) {
   const std::tm local = LocalTime(time_ns);
   const std::int64_t second = (local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec;

@@ -16,9 +16,6 @@ std::string ShortClockText(std::int64_t time_ns);
 // Date, time of day and zone.
 std::string DateText(std::int64_t time_ns);
 
-// Date and time of day in UTC to the nanosecond, by ISO 8601: 2026-11-25T18:11:48.123456789Z.
-std::string UtcText(std::int64_t time_ns);
-
 // The midnight before `time_ns`.
 std::int64_t MidnightNs(std::int64_t time_ns);
 

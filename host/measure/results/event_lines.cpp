@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/results/event_lines.h"
+#include "host/base/wall_clock.h"
 
 #include <nlohmann/json.hpp>
 

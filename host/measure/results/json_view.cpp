@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/results/json_view.h"
+#include "host/base/wall_clock.h"
 
 #include <fmt/format.h>
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/results/second_lines.h"
+#include "host/base/wall_clock.h"
 
 #include <cmath>
 #include <nlohmann/json.hpp>

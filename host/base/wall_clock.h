@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+// The system's clock of the time of day.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace ipplay {
+
+// Since 1970.
+std::chrono::nanoseconds WallClockNow();
+
+// UTC by ISO 8601, "2026-01-31T12:00:00.000000000Z"; of nanoseconds since 1970.
+std::string UtcText(std::int64_t time_ns);
+
+}  // namespace ipplay
