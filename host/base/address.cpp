@@ -39,6 +39,12 @@ bool IpAddress::IsMulticast() const {
   return is_v6 ? bytes[0] == 0xFF : (bytes[0] & 0xF0) == 0xE0;
 }
 
+bool IpAddress::IsLoopback() const {
+  const IpAddress v6_loopback = {.is_v6 = true,
+                                 .bytes = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}};
+  return is_v6 ? *this == v6_loopback : bytes[0] == 127;
+}
+
 bool IpAddress::IsLimitedBroadcast() const {
   return !is_v6 && bytes[0] == 255 && bytes[1] == 255 && bytes[2] == 255 && bytes[3] == 255;
 }

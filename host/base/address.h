@@ -18,6 +18,7 @@ struct IpAddress {
   std::array<std::uint8_t, 16> bytes{};
 
   bool IsMulticast() const;
+  bool IsLoopback() const;          // 127/8, ::1
   bool IsLimitedBroadcast() const;  // 255.255.255.255
   bool IsLinkLocal() const;         // fe80::/10, ff02::/16, 169.254/16
   bool operator==(const IpAddress&) const = default;

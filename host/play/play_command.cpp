@@ -7,11 +7,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
-#include "host/base/capabilities.h"
 #include "host/base/event.h"
 #include "host/base/library_output.h"
+#include "host/base/text.h"
 #include "host/cli/config_file.h"
 #include "host/library/destination.h"
 #include "host/library/library.h"
@@ -19,12 +20,16 @@
 #include "host/play/play_plan.h"
 #include "host/play/play_session.h"
 #include "host/play/report.h"
+#include "host/play/way_out.h"
 #include "host/stream/open_input.h"
 
 namespace ipplay {
 namespace {
 
 Result<Path> FindPath(const PlayOptions& options, const std::vector<Adapter>& adapters) {
+  if (!options.into.empty()) {
+    return PathIntoFile(options, adapters);
+  }
   const auto adapter = options.device.empty() ? AdapterByRoute(adapters, options.to.address)
                                               : FindAdapter(adapters, options.device);
   if (!adapter) {
@@ -129,7 +134,22 @@ void NoteInput(const Input& input, PlayPlan& plan) {
   }
 }
 
+// Only the command line replaces files.
+std::optional<Failure> CheckFile(const CLI::App& app, const PlayOptions& options) {
+  const CLI::App& command = *app.get_subcommand("play");
+  const bool is_from_file = IsFromFile(app, command, "--into") || IsFromFile(app, command, "--to");
+  if (!options.into.empty() && is_from_file && std::filesystem::exists(options.into)) {
+    return UsageFailure(fmt::format(
+        "{} exists, and a configuration file replaces no other file; give it with --into",
+        QuotedLine(options.into)));
+  }
+  return std::nullopt;
+}
+
 Result<int> Play(const CLI::App& app, const PlayOptions& options) {
+  if (auto failure = CheckFile(app, options)) {
+    return *std::move(failure);
+  }
   const Library library;
   auto path = FindPath(options, library.Adapters());
   if (!path) {
@@ -148,6 +168,9 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   if (!plan) {
     return plan.Error();
   }
+  if (const auto failure = ChooseWay(options, *path, library.Adapters(), *plan)) {
+    return *failure;
+  }
   NoteInput(*input, *plan);
   if (const auto failure = WriteConfig(app, options.write_config)) {
     return *failure;
@@ -156,11 +179,10 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
     PrintDryRun(options, *facts, *plan, *path, *input);
     return static_cast<int>(ExitStatus::kPlayed);
   }
-  if (const auto missing = MissingRightToSend()) {
-    return Failure{ExitStatus::kNoAccess, *missing};
-  }
-  if (const auto failure = CompletePath(options, *path, *plan)) {
-    return *failure;
+  if (plan->schedule.To == IPPLAYOUT_TO_ADAPTER) {
+    if (const auto failure = CompletePath(options, *path, *plan)) {
+      return *failure;
+    }
   }
   Introduce(options, *facts, *plan, path->adapter);
   PlaySession session(options, *plan, std::make_unique<RoundReader>(std::move(*input), *facts),

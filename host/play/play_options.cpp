@@ -19,6 +19,14 @@ std::optional<bool> ParseOnOff(const std::string& text) {
   return std::nullopt;
 }
 
+std::optional<Target> ParseTargetOrFile(const std::string& text, std::string& file) {
+  if (text.find("://") == std::string::npos && text.ends_with(".pcapng")) {
+    file = text;
+    return ParseTarget("rtp://239.1.1.1:5004");
+  }
+  return ParseTarget(text);
+}
+
 void DefineInput(OptionBuilder& add, PlayOptions& o) {
   add.Group("What of the input");
   add.Value("--flow", o.flow, "[SOURCE@]ADDRESS:PORT",
@@ -39,9 +47,19 @@ void DefineInput(OptionBuilder& add, PlayOptions& o) {
 
 void DefineTarget(OptionBuilder& add, PlayOptions& o) {
   add.Group("Where to");
-  add.Value("--to", o.to, "TARGET", "rtp://ADDRESS:PORT or udp://ADDRESS:PORT, IPv6 in [ ]",
-            "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; required", ParseTarget)
+  add.Value("--to", o.to, "TARGET",
+            "rtp://ADDRESS:PORT or udp://ADDRESS:PORT, IPv6 in [ ], or FILE.pcapng",
+            "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; or FILE.pcapng, as --into, with "
+            "frames to rtp://239.1.1.1:5004; required",
+            [&o](const std::string& text) { return ParseTargetOrFile(text, o.into); })
       ->required();
+  add.Value("--into", o.into, "FILE", "a file",
+            "Write the frames to a pcapng file, with the times at which they would leave, and send "
+            "nothing",
+            ParseText);
+  add.Flag("--socket", o.socket,
+           "Send through a UDP socket, which receivers on this machine get, too; no rights needed. "
+           "Default for targets on this machine, and without the right to send frames");
   add.Value(
       "--device", o.device, "NAME|N", "a name or a number",
       "Adapter by name or by its number in `ipplay devices`; default: the one on the route to "

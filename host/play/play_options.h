@@ -28,6 +28,8 @@ struct PlayOptions {
   bool follow = false;
   std::optional<std::chrono::nanoseconds> silence;  // that ends a live input
   Target to;
+  std::string into;  // a capture file instead
+  bool socket = false;
   std::string device;  // name or position; empty: by the route to the target
 
   // Headers.

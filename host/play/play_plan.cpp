@@ -213,7 +213,7 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
     plan.pcr_rate = facts.rate;
     plan.schedule.BitRate = 0;
   }
-  plan.by_schedule = plan.pcr_rate || IsScheduled(options, plan);
+  plan.by_schedule = plan.pcr_rate || !options.into.empty() || IsScheduled(options, plan);
   if (plan.by_schedule) {
     AdaptRates(plan.rates);
   } else if (auto failure = CheckForSchedule(options)) {

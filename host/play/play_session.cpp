@@ -257,7 +257,10 @@ void PlaySession::Finish(bool complete) {
   running_ = false;
   feeder_.Stop();
   stop_reading_.Set();
-  playing_->Stop();
+  if (const auto reason = playing_->Stop()) {
+    failed_ = true;
+    failure_ = *reason;
+  }
   feeder_.Join();
   timing_ = playing_->Timing();
   unsent_ = timing_ ? timing_->NotSent + (failed_ ? timing_->Discarded : 0) : CountUnsent();
@@ -423,6 +426,8 @@ ExitStatus PlaySession::Conclude() {
   if (feeder_.ReadError() != 0) {
     failed_ = true;
     Fail("INPUT could not be read to its end");
+  } else if (failed_ && plan_.schedule.To == IPPLAYOUT_TO_FILE) {
+    Fail(failure_);
   } else if (failed_) {
     Fail(fmt::format("a frame could not be sent, at least {} are lost; {}is the adapter still up?",
                      FormatCount(std::max<std::uint64_t>(unsent_, 1)),

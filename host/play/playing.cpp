@@ -85,7 +85,10 @@ class RatePlaying final : public Playing {
     return counters;
   }
 
-  void Stop() override { IPStop(); }
+  std::optional<std::string> Stop() override {
+    IPStop();
+    return std::nullopt;
+  }
 
  private:
   const PlayOptions& options_;
@@ -148,7 +151,10 @@ class ScheduledPlaying final : public Playing {
   }
 
   PlayoutStatistics Counters() const override { return playout_.Statistics(); }
-  void Stop() override { playout_.Stop(); }
+  std::optional<std::string> Stop() override {
+    const auto failure = playout_.Stop();
+    return failure ? std::optional(failure->message) : std::nullopt;
+  }
   std::optional<IpPlayoutTiming> Timing() const override { return playout_.Timing(); }
 
  private:

@@ -30,8 +30,8 @@ class Playing {
   // Damages the next datagram.
   virtual void Damage(ActionKind kind) = 0;
   virtual PlayoutStatistics Counters() const = 0;
-  // Releases a feeder that is blocked.
-  virtual void Stop() = 0;
+  // Releases a feeder that is blocked. What could not be written whole, where that shows now.
+  virtual std::optional<std::string> Stop() = 0;
   // When its frames left, where that is recorded.
   virtual std::optional<IpPlayoutTiming> Timing() const { return std::nullopt; }
 };

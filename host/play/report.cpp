@@ -46,6 +46,18 @@ std::string RoundsText(const PlayPlan& plan) {
   return *plan.rounds.count == 1 ? "once" : fmt::format("{} times", *plan.rounds.count);
 }
 
+// Where the frames go, and which way.
+std::string WayText(const PlayOptions& options, const PlayPlan& plan, const std::string& device) {
+  switch (plan.schedule.To) {
+    case IPPLAYOUT_TO_FILE:
+      return fmt::format("{} into {}", FormatTarget(options.to), QuotedLine(options.into));
+    case IPPLAYOUT_TO_SOCKET:
+      return fmt::format("{} through a UDP socket", FormatTarget(options.to));
+    default:
+      return fmt::format("{} through {}", FormatTarget(options.to), device);
+  }
+}
+
 std::string StreamText(const StreamFacts& facts) {
   const std::string size = facts.bytes ? FormatBytes(*facts.bytes) : "of unknown length";
   if (facts.format.IsRaw()) {
@@ -200,11 +212,10 @@ std::string Introduction(const PlayOptions& options, const StreamFacts& facts, c
                          const std::string& device) {
   std::string text =
       fmt::format("{}: {}; played {}\n", options.input, StreamText(facts), RoundsText(plan));
-  text +=
-      fmt::format("{} through {}: {} {}, frames of {} bytes every {}{}\n", FormatTarget(options.to),
-                  device, FormatBitRate(plan.rates.stream), RateSource(options, facts),
-                  plan.sizes.frame_bytes, FormatDuration(plan.rates.gap),
-                  plan.copies == 1 ? "" : fmt::format(", {} streams", plan.copies));
+  text += fmt::format("{}: {} {}, frames of {} bytes every {}{}\n", WayText(options, plan, device),
+                      FormatBitRate(plan.rates.stream), RateSource(options, facts),
+                      plan.sizes.frame_bytes, FormatDuration(plan.rates.gap),
+                      plan.copies == 1 ? "" : fmt::format(", {} streams", plan.copies));
   return text;
 }
 

@@ -103,6 +103,9 @@ Status StatusMeter::Total() const {
   if (first_ && !readings_.empty()) {
     status.elapsed = readings_.back().time - *first_;
   }
+  if (timing_ && timing_->FirstDepartureNs >= 0) {
+    status.elapsed = nanoseconds(timing_->LastDepartureNs - timing_->FirstDepartureNs);
+  }
   status.recent_rate = readings_.size() < 2 ? 0 : RateSince(readings_.front());
   status.mean_rate = MeanRate();
   const double played = static_cast<double>(counters_.TSBytesSent) * input_bytes_per_ts_byte_;

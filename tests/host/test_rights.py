@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import unittest
 
-from playbed import SAMPLE, PlayCase, install
+from playbed import SAMPLE, PlayCase, install, is_playout
 
 NOBODY = "65534"
 TARGET = ("--to", "rtp://239.1.1.1:5004")
@@ -101,7 +101,7 @@ class Rights(PlayCase):
         self.assertEqual((os.stat(report).st_uid, os.stat(report).st_gid), (0, 0))
 
     def test_without_rights(self):
-        play, measure = ("play", "stream.ts", *TARGET), ("measure", "near")
+        play, measure = ("play", "stream.ts", *TARGET, "--vlan", "5"), ("measure", "near")
         no_right = "CAP_NET_RAW is missing (and CAP_SYS_NICE, for exact timing); run as root, or "
         advice = f"chgrp GROUP {self.program}; chmod 750 {self.program}; setcap cap_net_raw"
         for arguments, run_path, words in (
@@ -116,8 +116,16 @@ class Rights(PlayCase):
             self.assertEqual((process.returncode, output), (NO_ACCESS, ""))
             self.assertIn(words, errors)
         install(self.folder.name)
-        process = self.start("play", "stream.ts", *TARGET, capabilities="cap_sys_nice")
-        self.assertIn("CAP_NET_RAW is missing; run as root", process.communicate(timeout=30)[1])
+        # What a socket can do it does.
+        self.bed.capture.begin()
+        process = self.start("play", "stream.ts", "--to", "udp://239.1.1.1:5999", capabilities="cap_sys_nice")
+        errors = process.communicate(timeout=30)[1]
+        self.assertEqual(process.returncode, PLAYED)
+        self.assertIn("a UDP socket sends the datagrams, in headers of the system's: no permission to send "
+                      "frames: CAP_NET_RAW is missing; run as root", errors)
+        self.bed.capture.drain()
+        self.assertEqual(sum(is_playout(frame) and frame[36:38] == (5999).to_bytes(2, "big")
+                             for _, frame in self.bed.capture.frames), 203)
 
 
 if __name__ == "__main__":

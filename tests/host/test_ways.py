@@ -1,0 +1,116 @@
+# SPDX-License-Identifier: MIT
+"""The ways out other than an adapter: UDP sockets for receivers on this machine, and capture files."""
+import struct
+import subprocess
+import sys
+import unittest
+
+from playbed import FAR4, IPPLAY, NEAR4, NEAR6, SAMPLE, PlayCase, read_file
+
+FAST = ("--bitrate", "20M")
+# Says when it is ready, then writes what comes until there is a second of silence.
+RECEIVER = """
+import socket, sys
+address, port = sys.argv[1], 5000
+v6 = ":" in address
+receiver = socket.socket(socket.AF_INET6 if v6 else socket.AF_INET, socket.SOCK_DGRAM)
+receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+receiver.bind((address, port))
+if address.startswith("239."):
+    receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                        socket.inet_aton(address) + socket.inet_aton(sys.argv[2]))
+print("ready", file=sys.stderr, flush=True)
+try:
+    while True:
+        sys.stdout.buffer.write(receiver.recv(2000))
+        receiver.settimeout(1)
+except socket.timeout:
+    pass
+"""
+
+
+def frames_of(path):
+    """Frames of a pcapng file with their times in nanoseconds, by its enhanced packet blocks."""
+    content, at, frames = read_file(path), 0, []
+    while at < len(content):
+        kind, length = struct.unpack_from("<II", content, at)
+        if kind == 6:
+            high, low, captured = struct.unpack_from("<III", content, at + 12)
+            frames.append((high << 32 | low, content[at + 28:at + 28 + captured]))
+        at += length
+    return frames
+
+
+class Sockets(PlayCase):
+    def receive(self, address, *options):
+        receiver = subprocess.Popen([sys.executable, "-c", RECEIVER, address, NEAR4],
+                                    preexec_fn=self.bed.near.enter, stdout=subprocess.PIPE,
+                                    stderr=subprocess.PIPE)
+        self.assertEqual(receiver.stderr.readline(), b"ready\n")
+        host = f"[{address}]" if ":" in address else address
+        played = self.play(SAMPLE, "--to", f"udp://{host}:5000", *FAST, *options)
+        return receiver.communicate()[0], played
+
+    def test_receivers_on_this_machine_get_every_byte(self):
+        for address in ("127.0.0.1", NEAR4, "::1", NEAR6):
+            with self.subTest(address):
+                received, played = self.receive(address)
+                self.assertEqual(received, read_file(SAMPLE))
+                self.assertIn("the target is this machine: a UDP socket sends the datagrams", played.errors)
+
+    def test_multicast_arrives_here_and_there(self):
+        received, played = self.receive("239.9.9.9", "--socket", "--ttl", "3")
+        self.assertEqual(received, read_file(SAMPLE))
+        self.assertEqual(played.payload(42), read_file(SAMPLE))
+        self.assertEqual({frame[22] for frame in played.frames}, {3})
+
+    def test_what_needs_an_adapter_is_refused(self):
+        for option in (("--vlan", "5"), ("--copies", "2"), ("--identification", "1"),
+                       ("--bad-udp-checksum", "1/9"), ("--at", "1s", "bad-ip-checksum"),
+                       ("--priority", "normal")):
+            played = self.play(SAMPLE, "--to", f"udp://{FAR4}:5000", "--socket", *option, status=2)
+            self.assertRegex(played.errors, f"^ipplay: --socket: {option[0]}.* needs an adapter")
+
+
+class Files(PlayCase):
+    ORDER = (*FAST, "--seed", "5", "--lose", "1/10", "--jitter", "gaussian:20%", "--vlan", "9", "--copies", "2",
+             "--step", "dst-ip=0.0.0.1")
+
+    def test_holds_what_would_leave_and_when(self):
+        for target in (("--to", "rtp://239.1.1.1:5004"), ("--to", f"udp://{FAR4}:5004")):
+            sent = self.play(SAMPLE, *target, *self.ORDER, "--dst-mac", self.bed.far_mac).frames
+            path = self.path("out.pcapng")
+            played = self.play(SAMPLE, *target, *self.ORDER, "--dst-mac", self.bed.far_mac, "--into", path)
+            self.assertEqual(played.frames, [])
+            written = frames_of(path)
+            self.assertEqual([frame for _, frame in written], sent)
+            # 203 datagrams of 1,316 bytes at 20 Mb/s.
+            self.assertAlmostEqual((written[-1][0] - written[0][0]) / 1e9, 202.5 * 1316 * 8 / 20e6, delta=1e-3)
+
+    def test_needs_no_right_no_route_and_no_target(self):
+        path = self.path("alone.pcapng")
+        subprocess.run(["chmod", "777", self.folder.name], check=True)
+        played = subprocess.run(["setpriv", "--reuid", "65534", "--clear-groups", "--inh-caps=-all",
+                                 "unshare", "--user", "--net", IPPLAY, "play", SAMPLE, "--to", path],
+                                text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.assertEqual(played.returncode, 0, played.stderr)
+        self.assertEqual(b"".join(frame[54:] for _, frame in frames_of(path)), read_file(SAMPLE))
+        self.assertEqual(frames_of(path)[0][1][26:34].hex("."), "c0.00.02.01.ef.01.01.01")
+
+    def test_refusals(self):
+        played = self.play(SAMPLE, "--to", self.path("a.pcapng"), "--at", "1s", "stop", status=2)
+        self.assertIn("--at needs a target that frames leave to", played.errors)
+        self.play(SAMPLE, "--to", self.path("a.pcapng"))
+        played = self.play(self.path("a.pcapng"), "--to", self.path("a.pcapng"), status=2)
+        self.assertIn("is INPUT; give another file", played.errors)
+        played = self.play(SAMPLE, "--to", self.path("none/a.pcapng"), status=1)
+        self.assertIn("cannot create the file: No such file or directory", played.errors)
+        config = self.path("play.conf")
+        with open(config, "w", encoding="utf-8") as file:
+            file.write(f'[play]\nto = "{self.path("a.pcapng")}"\n')
+        played = self.play(SAMPLE, "--config", config, status=2)
+        self.assertIn("a configuration file replaces no other file", played.errors)
+
+
+if __name__ == "__main__":
+    unittest.main()
