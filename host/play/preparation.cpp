@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: MIT
+#include "host/play/preparation.h"
+
+#include <cstring>
+
+#include "host/library/destination.h"
+#include "host/play/way_out.h"
+#include "host/stream/open_input.h"
+
+namespace ipplay {
+namespace {
+
+Result<Path> FindPath(const PlayOptions& options, const std::vector<Adapter>& adapters) {
+  if (!options.into.empty()) {
+    return PathIntoFile(options, adapters);
+  }
+  const auto adapter = options.device.empty() ? AdapterByRoute(adapters, options.to.address)
+                                              : FindAdapter(adapters, options.device);
+  if (!adapter) {
+    return adapter.Error();
+  }
+  Path path;
+  path.adapter = *adapter;
+  path.source = SourceAddress(*adapter, options.to.address);
+  if (const auto known = DestinationWithoutAsking(*adapter, options.to.address)) {
+    path.destination = known->mac;
+  }
+  return path;
+}
+
+InputOptions InputOptionsOf(const PlayOptions& options) {
+  return {.raw = options.raw,
+          .flow = options.flow,
+          .follow = options.follow,
+          .silence = options.silence};
+}
+
+TimeSpan WindowOf(const PlayOptions& options) {
+  const auto ticks = [](std::chrono::nanoseconds time) {
+    return static_cast<std::uint64_t>(time.count() / 1000 * 27);
+  };
+  TimeSpan window{.from = ticks(options.from.value_or(std::chrono::nanoseconds(0)))};
+  if (options.duration) {
+    window.until = window.from + ticks(*options.duration);
+  }
+  return window;
+}
+
+ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
+  ExamineOptions examine{
+      .raw = options.raw, .want_rate = !options.bit_rate && !options.frame_bit_rate, .pcr_pid = {}};
+  if (options.restamp || options.near_wrap) {
+    examine.want_rate = true;
+    examine.whole = options.rounds != 1;  // the seams follow from the length
+  }
+  if (options.program) {
+    examine.program = static_cast<std::uint16_t>(*options.program);
+  }
+  if (options.from || options.duration) {
+    examine.window = WindowOf(options);
+  }
+  if (options.pcr_pid) {
+    examine.pcr_pid = static_cast<std::uint16_t>(*options.pcr_pid);
+  }
+  return examine;
+}
+
+// What is known at the start of an input that was read to its end.
+void NoteInput(const Input& input, PlayPlan& plan) {
+  if (input.Size()) {
+    const auto notes = input.Notes();
+    plan.notes.insert(plan.notes.end(), notes.begin(), notes.end());
+  }
+}
+
+}  // namespace
+
+Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
+                         int stop_fd) {
+  auto path = FindPath(options, adapters);
+  if (!path) {
+    return path.Error();
+  }
+  auto input = OpenInput(options.input, InputOptionsOf(options), stop_fd);
+  if (!input) {
+    return input.Error();
+  }
+  auto facts = Examine(*input, ExamineOptionsOf(options));
+  if (!facts) {
+    return facts.Error();
+  }
+  auto plan = MakePlan(options, *facts, *path);
+  if (!plan) {
+    return plan.Error();
+  }
+  if (const auto failure = ChooseWay(options, *path, adapters, *plan)) {
+    return *failure;
+  }
+  NoteInput(*input, *plan);
+  return Prepared{std::move(*path), std::move(*facts), std::move(*plan), std::move(*input)};
+}
+
+std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan) {
+  if (plan.schedule.To != IPPLAYOUT_TO_ADAPTER || options.dst_mac || path.destination) {
+    return std::nullopt;
+  }
+  const auto destination = FindDestination(path.adapter, options.to.address);
+  if (!destination) {
+    return destination.Error();
+  }
+  path.destination = destination->mac;
+  for (IPPlayParams* params : {&plan.settings.params, &plan.schedule.Params}) {
+    std::memcpy(params->ProtocolHeadersSettings.EthernetHeaderSettings.DestinationMacAddress,
+                destination->mac.data(), destination->mac.size());
+  }
+  return std::nullopt;
+}
+
+}  // namespace ipplay

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: MIT
+// What comes before a playout: the way to its target, a look at its input, and the plan.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/library/adapters.h"
+#include "host/library/path.h"
+#include "host/play/play_options.h"
+#include "host/play/play_plan.h"
+#include "host/stream/input.h"
+#include "host/stream/stream_facts.h"
+
+namespace ipplay {
+
+struct Prepared {
+  Path path;
+  StreamFacts facts;
+  PlayPlan plan;
+  Input input;  // at its first packet
+};
+
+// Sends nothing. No read of the input goes on once `stop_fd` is readable.
+Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
+                         int stop_fd);
+
+// Asks for the destination's MAC address unless the user gave it or it follows from the address.
+std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan);
+
+}  // namespace ipplay
