@@ -106,15 +106,20 @@ class Channel : public std::enable_shared_from_this<Channel> {
   friend class Engine;
   friend class Keeper;
 
-  // The two halves of a start, on the keeper's thread.
+  // The steps of a start, on the keeper's thread.
   std::optional<Failure> MakeReady();
-  void Launched(const std::optional<Failure>& failure);
+  bool Launched(const std::optional<Failure>& failure, Time at);
+  // On the feeding thread. False once the run is over.
+  bool Serve(const std::shared_ptr<ChannelRun>& run);
+  void Obey(const Action& action);
   void RunHasEnded(const std::shared_ptr<ChannelRun>& run);
-  void PlanRestart(bool failed);
-  std::optional<Failure> Refused(std::string_view what) const;
-  void Set(ChannelState state, const std::string& text);
+  // Once it has ended by itself, or could not start.
+  void Conclude(ChannelState state, const std::string& text);
+  // Nothing starts it any more.
+  void Retire();
+  Result<std::shared_ptr<ChannelRun>> Playing() const;
+  Failure Named(const Failure& failure) const;
   void Tell(ChannelState state, const std::string& text) const;
-  std::shared_ptr<ChannelRun> Run() const;
 
   const ChannelOrder order_;
   const PlayOptions options_;
@@ -125,7 +130,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
   ChannelState state_ = ChannelState::kReady;
   bool starting_ = false;  // a start is under way on the keeper's thread
   std::uint32_t starts_ = 0;
-  std::uint32_t stops_ = 0;          // a restart that was planned before a stop is void
+  std::uint32_t stops_ = 0;  // a start that was begun or planned before a stop is void
+  std::uint32_t stops_at_start_ = 0;
+  bool retired_ = false;
   std::shared_ptr<ChannelRun> run_;  // this or the last one
   std::uint64_t damage_orders_ = 0;
   std::string last_error_;

@@ -1,0 +1,391 @@
+// SPDX-License-Identifier: MIT
+#include "host/lineup/channel.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "host/base/address.h"
+#include "host/base/units.h"
+#include "host/lineup/channel_run.h"
+#include "host/lineup/keeper.h"
+
+namespace ipplay {
+namespace {
+
+struct FaultRow {
+  ChannelFault fault;
+  ActionKind action;
+  std::uint32_t what;
+  std::string_view name;
+};
+constexpr std::array<FaultRow, 4> kFaults{{
+    {ChannelFault::kLose, ActionKind::kLose, IPPLAYOUT_DID_LOSE, "lose"},
+    {ChannelFault::kDelay, ActionKind::kDelay, IPPLAYOUT_DID_DELAY, "delay"},
+    {ChannelFault::kBadIpChecksum, ActionKind::kBadIpChecksum, IPPLAYOUT_DID_IP_CHECKSUM,
+     "bad-ip-checksum"},
+    {ChannelFault::kBadUdpChecksum, ActionKind::kBadUdpChecksum, IPPLAYOUT_DID_UDP_CHECKSUM,
+     "bad-udp-checksum"},
+}};
+
+constexpr double kMostPpm = 1e5;
+
+std::int64_t SystemNow() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// A fixed place between 0 and 1 for each name, so that channels of one rate do not send together.
+double SpreadOf(std::string_view name) {
+  std::uint64_t hash = 14695981039346656037U;  // FNV-1a
+  for (const char c : name) {
+    hash = (hash ^ static_cast<std::uint8_t>(c)) * 1099511628211U;
+  }
+  hash ^= hash >> 32;
+  return static_cast<double>(hash * 0x9E3779B97F4A7C15U >> 11) / 9007199254740992.0;
+}
+
+bool Plays(ChannelState state) {
+  return state == ChannelState::kPlaying || state == ChannelState::kPaused;
+}
+
+}  // namespace
+
+std::string_view NameOf(ChannelState state) {
+  switch (state) {
+    case ChannelState::kReady:
+      return "ready";
+    case ChannelState::kPlaying:
+      return "playing";
+    case ChannelState::kPaused:
+      return "paused";
+    case ChannelState::kWaiting:
+      return "waiting";
+    case ChannelState::kEnded:
+      return "ended";
+    case ChannelState::kStopped:
+      return "stopped";
+    case ChannelState::kFailed:
+      return "failed";
+  }
+  return "";
+}
+
+std::optional<ChannelFault> ParseChannelFault(std::string_view text) {
+  for (const FaultRow& row : kFaults) {
+    if (row.name == text) {
+      return row.fault;
+    }
+  }
+  return std::nullopt;
+}
+
+Channel::Channel(ChannelOrder order, PlayOptions options, Keeper& keeper, OnChannelEvent on_event)
+    : order_(std::move(order)),
+      options_(std::move(options)),
+      keeper_(keeper),
+      on_event_(std::move(on_event)) {}
+
+Channel::~Channel() = default;
+
+Failure Channel::Named(const Failure& failure) const {
+  return {failure.status, fmt::format("{}: {}", order_.name, failure.message), failure.details};
+}
+
+void Channel::Tell(ChannelState state, const std::string& text) const {
+  if (on_event_) {
+    on_event_({SystemNow(), order_.name, state, text});
+  }
+}
+
+Result<std::shared_ptr<ChannelRun>> Channel::Playing() const {
+  const std::lock_guard lock(mutex_);
+  if (!Plays(state_)) {
+    return Failure{ExitStatus::kFailed,
+                   fmt::format("{}: not playing, but {}", order_.name, NameOf(state_))};
+  }
+  return run_;
+}
+
+std::optional<Failure> Channel::MakeReady() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (Plays(state_) || starting_ || retired_) {
+      return Failure{ExitStatus::kFailed,
+                     fmt::format("{}: {}", order_.name, retired_ ? "removed" : "plays already")};
+    }
+    starting_ = true;
+    stops_at_start_ = stops_;
+  }
+  auto run = ChannelRun::Make(options_, keeper_.Adapters(), SpreadOf(order_.name));
+  if (!run) {
+    {
+      const std::lock_guard lock(mutex_);
+      starting_ = false;
+    }
+    Conclude(ChannelState::kFailed, run.Error().message);
+    return Named(run.Error());
+  }
+  const std::lock_guard lock(mutex_);
+  run_ = *std::move(run);
+  return std::nullopt;
+}
+
+// False where a stop came before.
+bool Channel::Launched(const std::optional<Failure>& failure, Time at) {
+  std::unique_lock lock(mutex_);
+  const auto run = run_;
+  starting_ = false;
+  const bool is_void = stops_ != stops_at_start_;
+  if (!failure && !is_void) {
+    ++starts_;
+    damage_orders_ = 0;
+    run->Started(at);
+    state_ = ChannelState::kPlaying;
+    lock.unlock();
+    Tell(ChannelState::kPlaying, "playing");
+    keeper_.Feed(shared_from_this(), run);
+    return true;
+  }
+  lock.unlock();
+  run->Stop();
+  if (failure) {
+    Conclude(ChannelState::kFailed, failure->message);
+  }
+  return false;
+}
+
+std::optional<Failure> Channel::Start(std::optional<Time> at) {
+  return keeper_.Do([this, at]() -> std::optional<Failure> {
+    if (auto failure = MakeReady()) {
+      return failure;
+    }
+    const Time begin = at.value_or(ScheduledPlayout::Now());
+    auto failure = run_->Playout().Start(run_->IsLive() ? std::nullopt : std::optional(begin));
+    Launched(failure, begin);
+    return failure ? std::optional(Named(*failure)) : std::nullopt;
+  });
+}
+
+bool Channel::Serve(const std::shared_ptr<ChannelRun>& run) {
+  run->Feed();
+  while (const auto action = run->TakeDue(ScheduledPlayout::Now())) {
+    Obey(*action);
+  }
+  const auto state = run->Playout().Wait(Time(0));
+  if (state && *state == ScheduledPlayout::State::kGoesOn) {
+    return true;
+  }
+  run->Ended();
+  RunHasEnded(run);
+  return false;
+}
+
+void Channel::Obey(const Action& action) {
+  if (action.kind == ActionKind::kPause || action.kind == ActionKind::kResume) {
+    Pause(action.kind == ActionKind::kPause);
+  } else if (action.kind == ActionKind::kStop) {
+    // It may take a second, and others are to be fed.
+    keeper_.At(Time(0), [self = shared_from_this()] { self->Stop(); });
+  }
+  for (const FaultRow& row : kFaults) {
+    if (row.action == action.kind) {
+      Damage(row.fault, 1);
+    }
+  }
+}
+
+void Channel::RunHasEnded(const std::shared_ptr<ChannelRun>& run) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (run != run_ || !Plays(state_)) {
+      return;  // stopped
+    }
+  }
+  const auto state = run->Playout().Wait(Time(0));
+  if (!state) {
+    Conclude(ChannelState::kFailed, state.Error().message);
+  } else if (run->ReadError() != 0) {
+    Conclude(ChannelState::kFailed, fmt::format("{} could not be read to its end: {}",
+                                                options_.input, std::strerror(run->ReadError())));
+  } else {
+    Conclude(ChannelState::kEnded, "ended");
+  }
+}
+
+void Channel::Conclude(ChannelState state, const std::string& text) {
+  const bool failed = state == ChannelState::kFailed;
+  const bool again =
+      order_.restart == Restart::kAlways || (failed && order_.restart == Restart::kOnFailure);
+  const std::string what = failed ? fmt::format("failed: {}", text) : text;
+  std::uint32_t stops = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    if (stops_ != stops_at_start_) {
+      return;  // a stop came first
+    }
+    stops = stops_;
+    state_ = state = again && !retired_ ? ChannelState::kWaiting : state;
+    last_error_ = failed ? text : last_error_;
+  }
+  Tell(state, what);
+  if (state != ChannelState::kWaiting) {
+    return;
+  }
+  keeper_.At(ScheduledPlayout::Now() + order_.restart_after, [self = weak_from_this(), stops] {
+    const auto channel = self.lock();
+    if (!channel) {
+      return;
+    }
+    {
+      const std::lock_guard lock(channel->mutex_);
+      if (channel->stops_ != stops || channel->state_ != ChannelState::kWaiting) {
+        return;
+      }
+    }
+    channel->Start();
+  });
+}
+
+std::optional<Failure> Channel::Pause(bool on) {
+  const auto run = Playing();
+  if (!run) {
+    return run.Error();
+  }
+  if (const auto failure = (*run)->Playout().Pause(on)) {
+    return Named(*failure);
+  }
+  const ChannelState state = on ? ChannelState::kPaused : ChannelState::kPlaying;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!Plays(state_)) {
+      return std::nullopt;
+    }
+    state_ = state;
+  }
+  Tell(state, on ? "paused" : "playing");
+  return std::nullopt;
+}
+
+std::optional<Failure> Channel::Stop() {
+  std::shared_ptr<ChannelRun> run;
+  bool changes = false;
+  {
+    const std::lock_guard lock(mutex_);
+    ++stops_;
+    if (Plays(state_)) {
+      run = run_;
+    }
+    changes = run != nullptr || starting_ || state_ == ChannelState::kWaiting;
+    if (changes) {
+      state_ = ChannelState::kStopped;
+    }
+  }
+  if (run) {
+    run->Stop();
+    run->Ended();
+  }
+  if (changes) {
+    Tell(ChannelState::kStopped, "stopped");
+  }
+  return std::nullopt;
+}
+
+void Channel::Retire() {
+  {
+    const std::lock_guard lock(mutex_);
+    retired_ = true;
+  }
+  Stop();
+}
+
+std::optional<Failure> Channel::Change(const ChannelChange& change) {
+  const auto run = Playing();
+  if (!run) {
+    return run.Error();
+  }
+  const auto refuse = [this](const std::string& why) { return Named(UsageFailure(why)); };
+  if (change.bit_rate && (*run)->Plan().pcr_rate) {
+    return refuse("bitrate: it is played at the times of its PCRs; give ppm, or order a bitrate");
+  }
+  if (change.bit_rate && !(std::isfinite(*change.bit_rate) && *change.bit_rate > 0)) {
+    return refuse(fmt::format("bitrate: {} is not valid; give a number above 0", *change.bit_rate));
+  }
+  if (change.ppm && !(std::abs(*change.ppm) <= kMostPpm)) {
+    return refuse(fmt::format("ppm: {} is not valid; give -100000 to 100000", *change.ppm));
+  }
+  (*run)->SetRate(change.bit_rate, change.ppm);
+  Tell(ChannelState::kPlaying, fmt::format("rate {}", FormatBitRate((*run)->SetBitRate())));
+  return std::nullopt;
+}
+
+std::optional<Failure> Channel::Damage(ChannelFault fault, std::uint32_t datagrams) {
+  const auto run = Playing();
+  if (!run) {
+    return run.Error();
+  }
+  for (const FaultRow& row : kFaults) {
+    if (row.fault != fault) {
+      continue;
+    }
+    if (const auto failure = (*run)->Playout().Damage(row.what, datagrams)) {
+      return Named(*failure);
+    }
+    ChannelState state{};
+    {
+      const std::lock_guard lock(mutex_);
+      damage_orders_ += datagrams;
+      state = state_;
+    }
+    Tell(state, fmt::format("{} {}", row.name, datagrams));
+  }
+  return std::nullopt;
+}
+
+ChannelStatus Channel::Status() const {
+  ChannelStatus status;
+  std::shared_ptr<ChannelRun> run;
+  status.name = order_.name;
+  status.input = options_.input;
+  status.target = FormatTarget(options_.to);
+  {
+    const std::lock_guard lock(mutex_);
+    status.state = state_;
+    status.starts = starts_;
+    status.damage_orders = damage_orders_;
+    status.last_error = last_error_;
+    run = starting_ ? nullptr : run_;
+  }
+  status.timing.LatenessP50Ns = status.timing.LatenessP99Ns = status.timing.LatenessP999Ns =
+      status.timing.LatenessMaxNs = status.timing.FirstDepartureNs = status.timing.LastDepartureNs =
+          status.timing.LongestGapNs = status.timing.StampP50Ns = status.timing.StampP99Ns =
+              status.timing.StampP999Ns = status.timing.StampMaxNs = -1;
+  if (!run) {
+    return status;
+  }
+  status.device = run->PathOf().adapter.name;
+  status.follows_pcrs = run->Plan().pcr_rate.has_value();
+  status.notes = run->Plan().notes;
+  status.set_rate_bps = run->SetBitRate();
+  status.ppm = run->Ppm();
+  if (!run->IsStarted()) {
+    return status;
+  }
+  const std::int64_t now = SystemNow();
+  const std::int64_t since = (ScheduledPlayout::Now() - run->StartedAt()).count();
+  status.started_ns = now - since;
+  status.ended_ns = run->EndedNs();
+  status.elapsed =
+      Time(std::max<std::int64_t>(0, status.ended_ns.value_or(now) - *status.started_ns));
+  status.rate_bps = run->BitRate();
+  status.mean_rate_bps = run->MeanBitRate();
+  status.counters = run->Playout().Statistics();
+  status.timing = run->Playout().Timing();
+  return status;
+}
+
+}  // namespace ipplay

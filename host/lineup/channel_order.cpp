@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: MIT
+#include "host/lineup/channel_order.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+
+#include "host/cli/refusal.h"
+
+namespace ipplay {
+namespace {
+
+// They belong to the run of one playout, with its terminal.
+constexpr std::array<std::string_view, 9> kNotOfChannels{
+    "json", "stats", "quiet", "dry-run", "write-config", "priority", "help", "config", "no-damage"};
+
+bool IsFlag(const CLI::Option& option) {
+  return option.get_items_expected_max() == 0;
+}
+
+// What is wrong with the option's form; its value is judged when it is parsed.
+std::optional<std::string> WrongForm(const CLI::App& app, const ChannelOption& option) {
+  if (!IsChannelOption(option.name)) {
+    return fmt::format("{}: no option of a channel; give one of `ipplay play --help`", option.name);
+  }
+  const CLI::Option& known = *app.get_option("--" + option.name);
+  if (IsFlag(known)) {
+    const bool valid = option.values == std::vector<std::string>{"true"} ||
+                       option.values == std::vector<std::string>{"false"};
+    return valid ? std::nullopt
+                 : std::optional(fmt::format("--{}: give true or false", option.name));
+  }
+  const bool repeats = option.name == "step" || option.name == "at";
+  if (option.values.empty() || (!repeats && option.values.size() > 1)) {
+    return fmt::format("--{}: {} values; give one", option.name, option.values.size());
+  }
+  if (option.name == "at" && option.values.size() % 2 != 0) {
+    return "--at: give a time and an action, as [\"10s\", \"lose\"]";
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> WordsFor(const CLI::App& app, const ChannelOption& option) {
+  if (IsFlag(*app.get_option("--" + option.name))) {
+    return option.values.front() == "true" ? std::vector{"--" + option.name}
+                                           : std::vector<std::string>{};
+  }
+  if (option.name == "at") {
+    std::vector<std::string> words;
+    for (std::size_t i = 0; i + 1 < option.values.size(); i += 2) {
+      words.insert(words.end(), {"--at", option.values[i], option.values[i + 1]});
+    }
+    return words;
+  }
+  std::vector<std::string> words;
+  for (const std::string& value : option.values) {
+    words.push_back(fmt::format("--{}={}", option.name, value));
+  }
+  return words;
+}
+
+// What is wrong with the options as the command line would report it; none if they can be parsed.
+std::optional<std::string> Parse(std::span<const ChannelOption> given, bool alone,
+                                 PlayOptions& options) {
+  CLI::App command;
+  DefinePlayOptions(command, options);
+  if (alone) {
+    command.get_option("--input")->required(false);
+    command.get_option("--to")->required(false);
+  }
+  std::vector<std::string> words;
+  for (const ChannelOption& option : given) {
+    const auto added = WordsFor(command, option);
+    words.insert(words.end(), added.begin(), added.end());
+  }
+  try {
+    command.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+  } catch (const CLI::ParseError& error) {
+    return ExplainRefusal(command, {}, error);
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> AllThatIsWrong(const std::vector<ChannelOption>& given) {
+  CLI::App command;
+  PlayOptions scratch;
+  DefinePlayOptions(command, scratch);
+  std::vector<std::string> wrong;
+  for (const ChannelOption& option : given) {
+    auto mistake = WrongForm(command, option);
+    if (!mistake) {
+      PlayOptions alone;
+      mistake = Parse({&option, 1}, true, alone);
+    }
+    if (mistake) {
+      wrong.push_back(*std::move(mistake));
+    }
+  }
+  const auto has = [&given](std::string_view name) {
+    return std::ranges::any_of(given, [&](const auto& option) { return option.name == name; });
+  };
+  for (const std::string_view needed : {"input", "to"}) {
+    if (!has(needed)) {
+      wrong.push_back(fmt::format("--{} is required", needed));
+    }
+  }
+  return wrong;
+}
+
+}  // namespace
+
+std::optional<Restart> ParseRestart(std::string_view text) {
+  if (text == "never") {
+    return Restart::kNever;
+  }
+  if (text == "on-failure") {
+    return Restart::kOnFailure;
+  }
+  if (text == "always") {
+    return Restart::kAlways;
+  }
+  return std::nullopt;
+}
+
+bool ChannelOrder::IsSameAs(const ChannelOrder& other) const {
+  return name == other.name && options == other.options && restart == other.restart &&
+         restart_after == other.restart_after;
+}
+
+bool IsChannelOption(const std::string& name) {
+  if (name.empty() || std::ranges::find(kNotOfChannels, name) != kNotOfChannels.end()) {
+    return false;
+  }
+  CLI::App command;
+  PlayOptions scratch;
+  DefinePlayOptions(command, scratch);
+  return command.get_option_no_throw("--" + name) != nullptr;
+}
+
+ParsedOptions ParseChannelOptions(const std::vector<ChannelOption>& options) {
+  auto wrong = AllThatIsWrong(options);
+  if (!wrong.empty()) {
+    return wrong;
+  }
+  PlayOptions parsed;
+  if (auto mistake = Parse(options, false, parsed)) {
+    return std::vector{*std::move(mistake)};
+  }
+  if (parsed.input == "-") {
+    return std::vector<std::string>{"--input: a channel cannot play standard input; give a file"};
+  }
+  return parsed;
+}
+
+}  // namespace ipplay
