@@ -13,6 +13,7 @@
 #include "host/cli/refusal.h"
 #include "host/demo/demo_command.h"
 #include "host/library/device_commands.h"
+#include "host/lineup/lineup_command.h"
 #include "host/measure/measure_command.h"
 #include "host/play/play_command.h"
 
@@ -42,6 +43,8 @@ int Run(int argc, char** argv) {
   ipplay::RegisterResolve(app, outcome);
   ipplay::RegisterPlay(app, outcome);
   ipplay::RegisterMeasure(app, outcome);
+  ipplay::RegisterLineup(app, outcome);
+  ipplay::RegisterGather(app, outcome);
   ipplay::RegisterDemo(app, outcome);
   try {
     app.parse(argc, argv);

@@ -19,9 +19,13 @@ bool IsFlag(const CLI::Option& option) {
   return option.get_items_expected_max() == 0;
 }
 
+bool IsChannels(std::string_view name) {
+  return !name.empty() && std::ranges::find(kNotOfChannels, name) == kNotOfChannels.end();
+}
+
 // What is wrong with the option's form; its value is judged when it is parsed.
 std::optional<std::string> WrongForm(const CLI::App& app, const ChannelOption& option) {
-  if (!IsChannelOption(option.name)) {
+  if (!IsChannels(option.name) || app.get_option_no_throw("--" + option.name) == nullptr) {
     return fmt::format("{}: no option of a channel; give one of `ipplay play --help`", option.name);
   }
   const CLI::Option& known = *app.get_option("--" + option.name);
@@ -82,14 +86,15 @@ std::optional<std::string> Parse(std::span<const ChannelOption> given, bool alon
   return std::nullopt;
 }
 
-std::vector<std::string> AllThatIsWrong(const std::vector<ChannelOption>& given) {
+// Form, and what is missing; the values too, each for itself, where that is wanted.
+std::vector<std::string> AllThatIsWrong(const std::vector<ChannelOption>& given, bool values) {
   CLI::App command;
   PlayOptions scratch;
   DefinePlayOptions(command, scratch);
   std::vector<std::string> wrong;
   for (const ChannelOption& option : given) {
     auto mistake = WrongForm(command, option);
-    if (!mistake) {
+    if (!mistake && values) {
       PlayOptions alone;
       mistake = Parse({&option, 1}, true, alone);
     }
@@ -129,23 +134,19 @@ bool ChannelOrder::IsSameAs(const ChannelOrder& other) const {
 }
 
 bool IsChannelOption(const std::string& name) {
-  if (name.empty() || std::ranges::find(kNotOfChannels, name) != kNotOfChannels.end()) {
-    return false;
-  }
   CLI::App command;
   PlayOptions scratch;
   DefinePlayOptions(command, scratch);
-  return command.get_option_no_throw("--" + name) != nullptr;
+  return IsChannels(name) && command.get_option_no_throw("--" + name) != nullptr;
 }
 
 ParsedOptions ParseChannelOptions(const std::vector<ChannelOption>& options) {
-  auto wrong = AllThatIsWrong(options);
-  if (!wrong.empty()) {
-    return wrong;
-  }
+  auto wrong = AllThatIsWrong(options, false);
   PlayOptions parsed;
-  if (auto mistake = Parse(options, false, parsed)) {
-    return std::vector{*std::move(mistake)};
+  auto mistake = wrong.empty() ? Parse(options, false, parsed) : std::nullopt;
+  if (mistake || !wrong.empty()) {
+    wrong = AllThatIsWrong(options, true);
+    return wrong.empty() ? std::vector{*std::move(mistake)} : wrong;
   }
   if (parsed.input == "-") {
     return std::vector<std::string>{"--input: a channel cannot play standard input; give a file"};

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+// One result of the parts of a lineup that ran on several machines.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "host/base/result.h"
+
+namespace ipplay {
+
+struct GatherOptions {
+  std::string folder;
+  std::optional<std::chrono::nanoseconds> most_lateness, most_clock_error;
+  bool json = false;
+};
+
+// The exit status is 0 only if every part is there and has ended without a failure, within the
+// limits.
+Result<int> Gather(const GatherOptions& options);
+
+}  // namespace ipplay

@@ -1,0 +1,329 @@
+// SPDX-License-Identifier: MIT
+#include "host/lineup/lineup_run.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <set>
+
+#include "host/base/capabilities.h"
+#include "host/base/library_output.h"
+#include "host/base/machine.h"
+#include "host/base/output_file.h"
+#include "host/base/reload_signal.h"
+#include "host/base/service_manager.h"
+#include "host/base/stop_signals.h"
+#include "host/library/library.h"
+#include "host/lineup/engine.h"
+#include "host/lineup/lineup_file.h"
+#include "host/lineup/lineup_report.h"
+#include "host/measure/results/live_view.h"
+#include "host/play/preparation.h"
+
+namespace ipplay {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Channels = std::vector<std::shared_ptr<Channel>>;
+
+constexpr auto kRedraw = std::chrono::seconds(1);
+constexpr auto kRewriteResult = std::chrono::seconds(10);
+
+std::int64_t SystemNow() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+Result<Lineup> Read(const LineupOptions& options) {
+  auto lineup = ReadLineup(options.file);
+  if (lineup && options.part) {
+    std::erase_if(lineup->channels, [&options](const PlannedChannel& planned) {
+      return !options.part->Has(planned.order.name);
+    });
+  }
+  return lineup;
+}
+
+Failure MistakesIn(const std::string& file, const std::vector<Mistake>& mistakes) {
+  Failure failure = UsageFailure(fmt::format("{}: {} mistake{}; nothing was sent", file,
+                                             mistakes.size(), mistakes.size() == 1 ? "" : "s"));
+  for (const Mistake& mistake : mistakes) {
+    failure.details.push_back(fmt::format("{}:{}: {}", file, mistake.line, mistake.text));
+  }
+  return failure;
+}
+
+bool IsLive(const std::string& input) {
+  return input.starts_with("udp://") || input.starts_with("rtp://");
+}
+
+// Looks at the input and the way to the target.
+void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& adapters,
+                  std::vector<Mistake>& mistakes) {
+  const auto parsed = ParseChannelOptions(planned.order.options);
+  const auto* const options = std::get_if<PlayOptions>(&parsed);
+  if (options == nullptr || IsLive(options->input)) {
+    return;
+  }
+  const auto prepared = Prepare(*options, adapters, -1);
+  if (!prepared) {
+    mistakes.push_back(
+        {planned.line, fmt::format("{}: {}", planned.order.name, prepared.Error().message)});
+  }
+}
+
+// One lineup while it runs. On the main thread; the channels' events come on others.
+class LineupSession {
+ public:
+  LineupSession(const LineupOptions& options, std::vector<Adapter> adapters,
+                std::optional<OutputFile> result, const ReloadSignal& reload)
+      : options_(options),
+        result_(std::move(result)),
+        reload_(reload),
+        view_(!options.quiet && !options.json),
+        engine_(std::move(adapters), [this](const ChannelEvent& event) { Take(event); }) {}
+
+  Result<int> Run(const Lineup& lineup) {
+    facts_ = {options_.file, options_.part, NameOfMachine(), {}, SystemNow(), 0};
+    Channels added;
+    for (const PlannedChannel& planned : lineup.channels) {
+      auto channel = engine_.Add(planned.order);
+      if (!channel) {
+        return channel.Error();
+      }
+      added.push_back(*channel);
+    }
+    if (const auto failure = WriteResult("running")) {
+      return *failure;
+    }
+    StartTogether(added);
+    TellServiceManager("READY=1");
+    Loop();
+    TellServiceManager("STOPPING=1");
+    const auto all = engine_.List();
+    engine_.Stop(all);
+    return Conclude();
+  }
+
+ private:
+  // Those with the same time start at the same moment.
+  void StartTogether(const Channels& channels) {
+    std::map<std::optional<std::chrono::nanoseconds>, Channels> groups;
+    for (const auto& channel : channels) {
+      groups[channel->Order().start_at].push_back(channel);
+    }
+    for (const auto& [start_at, group] : groups) {
+      std::optional<Engine::Time> at;
+      if (start_at) {
+        at = std::max(*start_at - Engine::Time(SystemNow()), Engine::Time(0)) +
+             Engine::Time(IpPlayoutNow());
+      }
+      engine_.Start(group, at);
+    }
+  }
+
+  void Loop() {
+    const auto watchdog = WatchdogInterval();
+    const auto wake = std::min<std::chrono::milliseconds>(
+        kRedraw, watchdog ? std::chrono::duration_cast<std::chrono::milliseconds>(*watchdog)
+                          : std::chrono::milliseconds(kRedraw));
+    auto rewrite = Clock::now() + kRewriteResult;
+    while (StopSignals::Came() == 0 && !AllHaveEnded()) {
+      std::array<pollfd, 2> waits{{{StopSignals::Fd(), POLLIN, 0}, {reload_.Get(), POLLIN, 0}}};
+      ::poll(waits.data(), waits.size(), static_cast<int>(std::max<long>(wake.count(), 1)));
+      TellServiceManager("WATCHDOG=1");
+      if (reload_.Take()) {
+        Reload();
+      }
+      if (Clock::now() >= rewrite) {
+        WriteResult("running");
+        rewrite = Clock::now() + kRewriteResult;
+      }
+      Draw();
+    }
+  }
+
+  bool AllHaveEnded() const {
+    return std::ranges::none_of(engine_.List(), [](const auto& channel) {
+      const ChannelState state = channel->Status().state;
+      return state == ChannelState::kPlaying || state == ChannelState::kPaused ||
+             state == ChannelState::kWaiting;
+    });
+  }
+
+  // What did not change plays on untouched.
+  void Reload() {
+    TellServiceManager("RELOADING=1");
+    const auto lineup = Read(options_);
+    if (!lineup || !lineup->mistakes.empty()) {
+      const Failure failure = lineup ? MistakesIn(options_.file, lineup->mistakes) : lineup.Error();
+      Say(fmt::format("not reloaded: {}", failure.message));
+      for (const std::string& line : failure.details) {
+        Say(line);
+      }
+    } else {
+      Exchange(*lineup);
+    }
+    TellServiceManager("READY=1");
+  }
+
+  void Exchange(const Lineup& lineup) {
+    std::map<std::string, const ChannelOrder*> wanted;
+    for (const PlannedChannel& planned : lineup.channels) {
+      wanted[planned.order.name] = &planned.order;
+    }
+    std::size_t removed = 0;
+    std::size_t kept = 0;
+    for (const auto& channel : engine_.List()) {
+      const auto order = wanted.find(channel->Order().name);
+      if (order != wanted.end() && channel->Order().IsSameAs(*order->second)) {
+        wanted.erase(order);
+        ++kept;
+      } else {
+        engine_.Remove(channel->Order().name);
+        ++removed;
+      }
+    }
+    Channels added;
+    for (const PlannedChannel& planned : lineup.channels) {
+      if (wanted.contains(planned.order.name)) {
+        if (const auto channel = engine_.Add(planned.order)) {
+          added.push_back(*channel);
+        }
+      }
+    }
+    StartTogether(added);
+    Say(fmt::format("reloaded: {} untouched, {} ended, {} begun", kept, removed, added.size()));
+  }
+
+  void Take(const ChannelEvent& event) {
+    if (event.state == ChannelState::kFailed || event.state == ChannelState::kWaiting) {
+      Say(fmt::format("{}: {}", event.channel, event.text));
+    }
+  }
+
+  void Say(const std::string& line) {
+    const std::lock_guard lock(output_);
+    view_.Draw("");
+    Print(stderr, "ipplay: {}\n", line);
+  }
+
+  void Draw() {
+    constexpr std::size_t kOtherLines = 4;
+    if (!view_.IsShown()) {
+      return;
+    }
+    auto statuses = Statuses();
+    SortWorstFirst(statuses);
+    const std::size_t rows = std::max(view_.Rows(), kOtherLines + 1) - kOtherLines;
+    const std::lock_guard lock(output_);
+    view_.Draw(LineupTable(statuses, rows));
+  }
+
+  std::vector<ChannelStatus> Statuses() const {
+    std::vector<ChannelStatus> statuses;
+    for (const auto& channel : engine_.List()) {
+      statuses.push_back(channel->Status());
+    }
+    return statuses;
+  }
+
+  std::string Json(std::string_view outcome, std::span<const ChannelStatus> statuses) {
+    facts_.updated_ns = SystemNow();
+    facts_.clock_error_ns = LargestClockErrorNs();
+    return LineupJson(facts_, outcome, statuses);
+  }
+
+  std::optional<Failure> WriteResult(std::string_view outcome) {
+    return result_ ? result_->Commit(Json(outcome, Statuses()) + "\n") : std::nullopt;
+  }
+
+  Result<int> Conclude() {
+    auto statuses = Statuses();
+    SortWorstFirst(statuses);
+    const bool failed = std::ranges::any_of(statuses, HasFailed);
+    const std::string_view outcome = failed ? "failed" : "ended";
+    const auto unwritten = WriteResult(outcome);
+    view_.Draw("");
+    if (options_.json) {
+      Print(Results(), "{}\n", Json(outcome, statuses));
+    } else {
+      Print(Results(), "{}", LineupTable(statuses, statuses.size()));
+    }
+    if (unwritten) {
+      return *unwritten;
+    }
+    return static_cast<int>(failed ? ExitStatus::kFailed : ExitStatus::kPlayed);
+  }
+
+  const LineupOptions& options_;
+  const std::optional<OutputFile> result_;
+  const ReloadSignal& reload_;
+  LineupFacts facts_;
+  std::mutex output_;  // guards view_ and standard error
+  measure::LiveView view_;
+  Engine engine_;
+};
+
+// What the rest of a run cannot be without.
+Result<std::optional<OutputFile>> ResultFile(const LineupOptions& options) {
+  if (options.results.empty()) {
+    return std::optional<OutputFile>();
+  }
+  const Part part = options.part.value_or(Part{});
+  auto file = OutputFile::Create(
+      "--results", fmt::format("{}/part-{}-of-{}.json", options.results, part.number, part.of));
+  if (!file) {
+    return file.Error();
+  }
+  return std::optional<OutputFile>(std::move(*file));
+}
+
+}  // namespace
+
+Result<int> CheckLineup(const LineupOptions& options) {
+  auto lineup = Read(options);
+  if (!lineup) {
+    return lineup.Error();
+  }
+  const Library library;
+  for (const PlannedChannel& planned : lineup->channels) {
+    CheckChannel(planned, library.Adapters(), lineup->mistakes);
+  }
+  if (!lineup->mistakes.empty()) {
+    std::ranges::sort(lineup->mistakes);
+    return MistakesIn(options.file, lineup->mistakes);
+  }
+  Print(Results(), "{}: {} channels, nothing wrong\n", options.file, lineup->channels.size());
+  return static_cast<int>(ExitStatus::kPlayed);
+}
+
+Result<int> RunLineup(const LineupOptions& options) {
+  const auto lineup = Read(options);
+  if (!lineup) {
+    return lineup.Error();
+  }
+  if (!lineup->mistakes.empty()) {
+    return MistakesIn(options.file, lineup->mistakes);
+  }
+  auto result = ResultFile(options);
+  if (!result) {
+    return result.Error();
+  }
+  if (const auto missing = MissingRightToSend()) {
+    return Failure{ExitStatus::kNoAccess, *missing};
+  }
+  StopSignals::Take();
+  const ReloadSignal reload;  // before the library starts threads
+  const Library library;
+  LineupSession session(options, library.Adapters(), std::move(*result), reload);
+  return session.Run(*lineup);
+}
+
+}  // namespace ipplay

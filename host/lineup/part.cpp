@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+#include "host/lineup/part.h"
+
+#include <fmt/format.h>
+
+#include "host/base/numbers.h"
+
+namespace ipplay {
+namespace {
+
+using Count = std::optional<std::uint64_t>;
+
+Count NumberOf(const Environment& environment, const char* name) {
+  const char* const text = environment(name);
+  return text == nullptr ? std::nullopt : ParseNumber(text, 0, UINT32_MAX);
+}
+
+// Counted from 0.
+struct Place {
+  std::uint64_t index = 0;
+  Count of;
+};
+
+std::optional<Place> PlaceInJob(const Environment& environment) {
+  const auto number = [&environment](const char* name) { return NumberOf(environment, name); };
+  if (const auto task = number("SLURM_ARRAY_TASK_ID")) {
+    const std::uint64_t first = number("SLURM_ARRAY_TASK_MIN").value_or(0);
+    const std::uint64_t step = number("SLURM_ARRAY_TASK_STEP").value_or(1);
+    return Place{*task < first || step == 0 ? UINT64_MAX : (*task - first) / step,
+                 number("SLURM_ARRAY_TASK_COUNT")};
+  }
+  if (const auto index = number("JOB_COMPLETION_INDEX")) {
+    return Place{*index, std::nullopt};
+  }
+  if (const auto rank = number("OMPI_COMM_WORLD_RANK")) {
+    return Place{*rank, number("OMPI_COMM_WORLD_SIZE")};
+  }
+  if (const auto rank = number("SLURM_PROCID")) {
+    return Place{*rank, number("SLURM_NTASKS")};
+  }
+  return std::nullopt;
+}
+
+Result<Part> PartOfJob(Count of, const Environment& environment) {
+  const auto place = PlaceInJob(environment);
+  if (!place) {
+    return UsageFailure(
+        "--part: auto needs SLURM_ARRAY_TASK_ID, JOB_COMPLETION_INDEX, OMPI_COMM_WORLD_RANK or "
+        "SLURM_PROCID in the environment; give K/N");
+  }
+  const Count parts = of ? of : place->of;
+  if (!parts) {
+    return UsageFailure("--part: the environment does not say of how many; give auto/N");
+  }
+  if (*parts == 0 || *parts > kMostParts || place->index >= *parts) {
+    return UsageFailure(
+        fmt::format("--part: the environment says index {} of {}; give K/N", place->index, *parts));
+  }
+  return Part{static_cast<std::uint32_t>(place->index + 1), static_cast<std::uint32_t>(*parts)};
+}
+
+}  // namespace
+
+bool Part::Has(std::string_view channel) const {
+  std::uint64_t hash = 14695981039346656037U;  // FNV-1a, with its bits mixed for the remainder
+  for (const char c : channel) {
+    hash = (hash ^ static_cast<std::uint8_t>(c)) * 1099511628211U;
+  }
+  hash = (hash ^ (hash >> 33)) * 0xFF51AFD7ED558CCDU;
+  return (hash ^ (hash >> 33)) % of == number - 1;
+}
+
+std::string Part::Text() const {
+  return fmt::format("{}/{}", number, of);
+}
+
+Result<Part> ParsePart(std::string_view text, const Environment& environment) {
+  const std::size_t slash = text.find('/');
+  const std::string_view first = text.substr(0, slash);
+  const bool has_count = slash != std::string_view::npos;
+  const Count of = has_count ? ParseNumber(text.substr(slash + 1), 1, kMostParts) : std::nullopt;
+  if (first == "auto" && (!has_count || of)) {
+    return PartOfJob(of, environment);
+  }
+  const Count number = of ? ParseNumber(first, 1, *of) : std::nullopt;
+  if (!number) {
+    return UsageFailure(
+        fmt::format("--part: {} is not valid; give K/N with K from 1 to N, auto, or auto/N", text));
+  }
+  return Part{static_cast<std::uint32_t>(*number), static_cast<std::uint32_t>(*of)};
+}
+
+}  // namespace ipplay
