@@ -145,12 +145,17 @@ std::optional<double> ChannelRun::MeanBitRate() const {
   const PlayoutStatistics counters = playout_.Statistics();
   const IpPlayoutTiming timing = playout_.Timing();
   const auto time = static_cast<double>(timing.LastDepartureNs - timing.FirstDepartureNs);
-  if (timing.FirstDepartureNs < 0 || time <= 0 || counters.DatagramsSent < 2) {
+  // The counters are ahead: they have what was built and has not left, or never will.
+  const std::uint64_t frames = timing.OnTime + timing.Late + timing.NotSent + timing.LeftOut;
+  const auto built = static_cast<double>(counters.DatagramsSent);
+  const double left = std::min(
+      static_cast<double>(frames) / plan_.copies + static_cast<double>(counters.LostPackets),
+      built);
+  if (timing.FirstDepartureNs < 0 || time <= 0 || left < 2) {
     return std::nullopt;
   }
   // What left with the last datagram ends with a gap that is not within the time.
-  const auto datagrams = static_cast<double>(counters.DatagramsSent);
-  return 8e9 * static_cast<double>(counters.TSBytesSent) * (datagrams - 1) / datagrams / time;
+  return 8e9 * static_cast<double>(counters.TSBytesSent) * (left - 1) / built / time;
 }
 
 void ChannelRun::Ended() {

@@ -11,8 +11,10 @@
 namespace ipplay {
 namespace {
 
-// From the moment when all are ready to a common start.
+// From the moment when all are ready to a common start, for the library to build their first
+// frames.
 constexpr auto kToCommonStart = std::chrono::milliseconds(100);
+constexpr auto kMoreForEach = std::chrono::milliseconds(2);
 
 }  // namespace
 
@@ -87,7 +89,8 @@ std::vector<std::pair<std::string, Failure>> Engine::Start(
         files.push_back(&channel->run_->Playout());
       }
     }
-    const Time begin = at.value_or(ScheduledPlayout::Now() + kToCommonStart);
+    const Time begin =
+        at.value_or(ScheduledPlayout::Now() + kToCommonStart + kMoreForEach * ready.size());
     // All or none; where one is refused, each is on its own, at the same time.
     const bool together = !files.empty() && !ScheduledPlayout::Start(files, begin);
     for (const auto& channel : ready) {
