@@ -25,6 +25,7 @@ if(IPPLAYOUT_BUILD_HOST)
   install_compressed("${root}/docs/man/ipplay.1" ipplay.1 "${CMAKE_INSTALL_MANDIR}/man1" tool)
   install(FILES "${root}/host/completion/ipplay"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tool)
+  install(FILES "${root}/packaging/ipplay-lineup@.service" DESTINATION lib/systemd/system COMPONENT tool)
   install(FILES "${root}/docs/json.md" "${root}/docs/measuring.md" "${root}/docs/recipes.md" "${root}/docs/security.md"
     "${root}/packaging/README.Debian" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
 endif()

@@ -4,7 +4,7 @@
 
 # To configure a preset and build all of it.
 build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libseccomp-dev libbitstream-dev libcli11-dev libfmt-dev
-  nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
+  nlohmann-json3-dev libtomlplusplus-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
 # For the far side of the wire: namespaces, capture, dissector, decoder.
 wire_packages=(iproute2 tshark ffmpeg)
 # For the tests of ipplay besides: its documents, its packages, rights for a single program,

@@ -18,7 +18,8 @@ std::string NameOfMachine() {
 std::optional<std::int64_t> LargestClockErrorNs() {
   constexpr std::int64_t kNsPerMicrosecond = 1000;
   timex clock{};
-  if (::adjtimex(&clock) == TIME_ERROR || (clock.status & STA_UNSYNC) != 0) {
+  const int state = ::adjtimex(&clock);
+  if (state < 0 || state == TIME_ERROR || (clock.status & STA_UNSYNC) != 0) {
     return std::nullopt;
   }
   return clock.maxerror * kNsPerMicrosecond;

@@ -148,7 +148,7 @@ bool Channel::Launched(const std::optional<Failure>& failure, Time at) {
     state_ = ChannelState::kPlaying;
     lock.unlock();
     Tell(ChannelState::kPlaying, "playing");
-    keeper_.Feed(shared_from_this(), run);
+    keeper_.Feed([self = shared_from_this(), run] { return self->Serve(run); });
     return true;
   }
   lock.unlock();

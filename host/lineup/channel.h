@@ -104,7 +104,6 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
  private:
   friend class Engine;
-  friend class Keeper;
 
   // The steps of a start, on the keeper's thread.
   std::optional<Failure> MakeReady();

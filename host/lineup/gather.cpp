@@ -17,6 +17,7 @@
 #include "host/base/text.h"
 #include "host/base/units.h"
 #include "host/lineup/lineup_report.h"
+#include "host/measure/measure_run.h"
 
 namespace ipplay {
 namespace {
@@ -157,9 +158,8 @@ std::vector<Json> Channels(const Gathered& gathered) {
   return channels;
 }
 
-// Why the whole is not in order; empty if it is.
-std::vector<std::string> Judge(const GatherOptions& options, const Gathered& gathered,
-                               const std::vector<Json>& channels) {
+// Parts and channels that are missing or have failed.
+std::vector<std::string> FindFailures(const Gathered& gathered, const std::vector<Json>& channels) {
   std::vector<std::string> wrong = gathered.unusable;
   for (const std::uint32_t number : gathered.missing) {
     wrong.push_back(fmt::format("part {}/{} is missing", number, gathered.of));
@@ -174,25 +174,36 @@ std::vector<std::string> Judge(const GatherOptions& options, const Gathered& gat
       wrong.push_back(fmt::format("part {} {}", part.part.Text(),
                                   part.state == "died" ? "died" : "has not ended"));
     }
+  }
+  for (const Json& channel : channels) {
+    if (HasFailed(channel)) {
+      wrong.push_back(fmt::format("{} failed", TextAt(channel, "name")));
+    }
+  }
+  return wrong;
+}
+
+// A limit is not met by what is not known.
+std::vector<std::string> FindUnmet(const GatherOptions& options, const Gathered& gathered,
+                                   const std::vector<Json>& channels) {
+  std::vector<std::string> unmet;
+  for (const PartResult& part : gathered.parts) {
     const auto error = NumberAt(part.document, "/clock_error_ns");
     if (options.most_clock_error && (!error || *error > options.most_clock_error->count())) {
-      wrong.push_back(fmt::format("part {}: the clock {}", part.part.Text(),
+      unmet.push_back(fmt::format("part {}: the clock {}", part.part.Text(),
                                   error ? "may be wrong by " + FormatDuration(nanoseconds(*error))
                                         : std::string("is not kept right")));
     }
   }
   for (const Json& channel : channels) {
-    const std::string name = TextAt(channel, "name");
     const auto lateness = NumberAt(channel, kLateness);
-    if (HasFailed(channel)) {
-      wrong.push_back(fmt::format("{} failed", name));
-    } else if (options.most_lateness && (!lateness || *lateness > options.most_lateness->count())) {
-      wrong.push_back(fmt::format("{}: lateness {}", name,
+    if (options.most_lateness && (!lateness || *lateness > options.most_lateness->count())) {
+      unmet.push_back(fmt::format("{}: lateness {}", TextAt(channel, "name"),
                                   lateness ? FormatDuration(nanoseconds(*lateness)) + " at 99 %"
                                            : std::string("not known: no frame left")));
     }
   }
-  return wrong;
+  return unmet;
 }
 
 std::string AsJson(const Gathered& gathered, const std::vector<Json>& channels,
@@ -258,11 +269,17 @@ Result<int> Gather(const GatherOptions& options) {
     return gathered.Error();
   }
   const auto channels = Channels(*gathered);
-  const auto wrong = Judge(options, *gathered, channels);
+  auto wrong = FindFailures(*gathered, channels);
+  const auto unmet = FindUnmet(options, *gathered, channels);
+  const bool failed = !wrong.empty();
+  wrong.insert(wrong.end(), unmet.begin(), unmet.end());
   Print(Results(), "{}{}",
         options.json ? AsJson(*gathered, channels, wrong) : AsTable(*gathered, channels, wrong),
         options.json ? "\n" : "");
-  return static_cast<int>(wrong.empty() ? ExitStatus::kPlayed : ExitStatus::kFailed);
+  if (failed) {
+    return static_cast<int>(ExitStatus::kFailed);
+  }
+  return unmet.empty() ? static_cast<int>(ExitStatus::kPlayed) : measure::kLimitsNotMet;
 }
 
 }  // namespace ipplay

@@ -17,7 +17,7 @@ struct GatherOptions {
 };
 
 // The exit status is 0 only if every part is there and has ended without a failure, within the
-// limits.
+// limits; 4 where nothing but a limit is not met.
 Result<int> Gather(const GatherOptions& options);
 
 }  // namespace ipplay

@@ -5,7 +5,7 @@
 
 #include "host/base/capabilities.h"
 #include "host/base/stop_signals.h"
-#include "host/lineup/channel.h"
+#include "host/library/scheduled_playout.h"
 
 namespace ipplay {
 namespace {
@@ -67,8 +67,8 @@ void Keeper::At(Time time, std::function<void()> task) {
   tasks_.Add(time, std::move(task));
 }
 
-void Keeper::Feed(std::shared_ptr<Channel> channel, std::shared_ptr<ChannelRun> run) {
-  fed_.Add(ScheduledPlayout::Now(), {std::move(channel), std::move(run)});
+void Keeper::Feed(std::function<bool()> serve) {
+  fed_.Add(ScheduledPlayout::Now(), std::move(serve));
 }
 
 void Keeper::RunStarting() {
@@ -81,9 +81,9 @@ void Keeper::RunStarting() {
 
 void Keeper::RunFeeding() {
   KeepCapabilities({});
-  while (auto fed = fed_.Take()) {
-    if (fed->channel->Serve(fed->run)) {
-      fed_.Add(ScheduledPlayout::Now() + kFeedingInterval, *std::move(fed));
+  while (auto serve = fed_.Take()) {
+    if ((*serve)()) {
+      fed_.Add(ScheduledPlayout::Now() + kFeedingInterval, *std::move(serve));
     }
   }
 }

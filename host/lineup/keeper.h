@@ -8,18 +8,15 @@
 #include <functional>
 #include <future>
 #include <map>
-#include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "host/library/adapters.h"
-#include "host/lineup/channel_run.h"
 
 namespace ipplay {
-
-class Channel;
 
 class Keeper {
  public:
@@ -47,14 +44,10 @@ class Keeper {
   // The same at that time or soon after it, without waiting.
   void At(Time time, std::function<void()> task);
 
-  // Feeds the run until it has ended.
-  void Feed(std::shared_ptr<Channel> channel, std::shared_ptr<ChannelRun> run);
+  // Calls `serve` on the feeding thread, over and over while it returns true; it never blocks.
+  void Feed(std::function<bool()> serve);
 
  private:
-  struct Fed {
-    std::shared_ptr<Channel> channel;
-    std::shared_ptr<ChannelRun> run;
-  };
   // What is to be done at a time; in the order of times, and of equal ones in that of adding.
   template <typename Entry>
   struct Schedule {
@@ -74,7 +67,7 @@ class Keeper {
 
   const std::vector<Adapter>& adapters_;
   Schedule<std::function<void()>> tasks_;
-  Schedule<Fed> fed_;
+  Schedule<std::function<bool()>> fed_;
   std::thread starting_;
   std::thread feeding_;
 };

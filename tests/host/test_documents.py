@@ -46,7 +46,7 @@ class Recipes(PlayCase):
         write_pcap(os.path.join(cls.folder.name, "capture.pcapng"), Playout(datagrams=100).capture())
         install(cls.folder.name)
 
-    def run_recipe(self, commands, *options, user=None):
+    def run_recipe(self, commands, *options, user=None, outcome="^(Played|Stopped by --at): (stream.ts|capture.pcapng)"):
         """Runs the commands as they stand, but for the reader's own names: adapter, sudo, root's shell."""
         script = "\n".join(line + (f" {' '.join(options)}" if line.startswith("ipplay play") else "")
                            for line in commands.replace("eth0", self.bed.NEAR).splitlines())
@@ -59,16 +59,22 @@ class Recipes(PlayCase):
                                  preexec_fn=self.bed.near.enter, text=True, stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE)
         self.assertEqual(process.returncode, 0, process.stderr)
-        self.assertRegex(process.stdout, "^(Played|Stopped by --at): (stream.ts|capture.pcapng)")
+        self.assertRegex(process.stdout, outcome)
         self.bed.capture.drain()
         return process.stdout
 
     def test_recipes(self):
         found = recipes(text_of("docs", "recipes.md"))
-        self.assertEqual(len(found), 6)
+        self.assertEqual(len(found), 7)
         endless = "Endless loop as an unprivileged user"
+        many = "Many channels from one file"
+        with self.subTest(many), open(os.path.join(self.folder.name, "channels.toml"), "w", encoding="utf-8") as lineup:
+            lineup.write(re.search(r"^```toml\n(.*?)^```", text_of("docs", "recipes.md"), re.MULTILINE | re.DOTALL)[1]
+                         .replace("eth0", self.bed.NEAR))
+            lineup.flush()
+            self.run_recipe(found[many], outcome="^channels.toml: 21 channels, nothing wrong\n(?s:.*)\n21 channels: 21 ended\n$")
         for heading, commands in found.items():
-            if heading != endless:
+            if heading not in (endless, many):
                 with self.subTest(heading):
                     self.run_recipe(commands)
         with self.subTest(endless):
@@ -185,7 +191,15 @@ class Json(PlayCase):
         varying = self.path("varying.ts")
         make_varying_stream(varying)
         target = ("--to", "rtp://239.1.1.1:5004", "--json")
-        for command, runs in (("ipplay devices --json", [("devices", "--json")]),
+        lineup = self.path("lineup.toml")
+        results = self.path("results")
+        os.mkdir(results)
+        channel = f'[[channel]]\nname = "one"\ninput = "{SAMPLE}"\nto = "rtp://239.1.1.1:5004"\nduration = "500ms"\n'
+        with open(lineup, "w", encoding="utf-8") as file:
+            file.write(channel)
+        for command, runs in (("ipplay lineup --json", [("lineup", lineup, "--json", "--part", "1/1", "--results", results)]),
+                              ("ipplay gather --json", [("gather", results, "--json")]),
+                              ("ipplay devices --json", [("devices", "--json")]),
                               ("ipplay play --json", [("play", SAMPLE, *target), ("play", varying, *target)])):
             with self.subTest(command):
                 outputs = [self.bed.start(*arguments).communicate(timeout=60)[0] for arguments in runs]
@@ -215,7 +229,7 @@ class Descriptions(unittest.TestCase):
 
     def test_man_page_has_every_option(self):
         page = text_of("docs", "man", "ipplay.1").replace("\\-", "-")
-        commands = [[], ["play"], ["devices"], ["resolve"], ["measure"], ["demo"]]
+        commands = [[], ["play"], ["devices"], ["resolve"], ["measure"], ["lineup"], ["gather"], ["demo"]]
         options = set().union(*(options_of(*command) for command in commands))
         self.assertGreater(len(options), 90)
         self.assertEqual({option for option in options if option not in page}, set())
@@ -237,6 +251,7 @@ class Descriptions(unittest.TestCase):
 
     def test_completion(self):
         self.assertEqual(self.complete("de"), ["devices", "demo"])
+        self.assertEqual(self.complete("li"), ["lineup"])
         self.assertEqual(self.complete("play", "--lo"), ["--loop", "--lose"])
         self.assertEqual(self.complete("devices", "--j"), ["--json"])
         self.assertIn("lo", self.complete("play", "--device", "lo"))

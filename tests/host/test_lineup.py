@@ -279,10 +279,12 @@ class Parts(Files):
                 ("3.json: no result of a lineup", [*good, "{"], ()),
                 ("c3 failed", [*good[:2], self.result(3, channels=[("c3", 1, 5)])], ()),
                 ("c2: lateness 2 us at 99 %", [good[0], good[1], self.result(3)], ("--max-lateness", "1500ns")),
+                ("c3: lateness not known: no frame left", [*good[:2], self.result(3, channels=[("c3", None, 0)])],
+                 ("--max-lateness", "1s")),
                 ("part 1/3: the clock may be wrong by 2 ms", good, ("--max-clock-error", "1ms"))):
             with self.subTest(wrong):
                 status, whole = self.gather(*results, options=options)
-                self.assertEqual(status, 1)
+                self.assertEqual(status, 4 if options else 1)
                 self.assertIn(wrong, whole["wrong"])
 
 

@@ -50,7 +50,7 @@ class Packages(unittest.TestCase):
             f"{multiarch}/libipplayout.so.1", f"{multiarch}/libipplayout.so.1.0.0"})
         self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
             "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz",
-            "usr/share/bash-completion/completions/ipplay",
+            "usr/share/bash-completion/completions/ipplay", "usr/lib/systemd/system/ipplay-lineup@.service",
             *(f"usr/share/doc/ipplay/{name}" for name in (
                 "README.Debian", "json.md", "measuring.md", "recipes.md", "security.md"))})
         development = self.contents("libipplayout-dev")
