@@ -17,8 +17,7 @@
 namespace ipplay {
 
 // Any thread may call any function. Where rights matter: channels are started on a thread that
-// keeps CAP_NET_RAW and CAP_SYS_NICE of the thread which makes the engine; that one needs neither
-// any more.
+// keeps those which that takes of the thread which makes the engine; that one needs none any more.
 class Engine {
  public:
   using Time = Channel::Time;

@@ -72,8 +72,8 @@ void Keeper::Feed(std::function<bool()> serve) {
 }
 
 void Keeper::RunStarting() {
-  // The library opens the adapter and sets its threads' scheduling class.
-  KeepCapabilities({kCapNetRaw, kCapSysNice});
+  // The library opens the adapter and sets its threads' scheduling class; root reads files of all.
+  KeepCapabilities({kCapNetRaw, kCapSysNice, kCapDacOverride});
   while (const auto task = tasks_.Take()) {
     (*task)();
   }

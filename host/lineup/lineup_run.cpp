@@ -87,7 +87,10 @@ class LineupSession {
         result_(std::move(result)),
         reload_(reload),
         view_(!options.quiet && !options.json),
-        engine_(std::move(adapters), [this](const ChannelEvent& event) { Take(event); }) {}
+        engine_(std::move(adapters), [this](const ChannelEvent& event) { Take(event); }) {
+    // What is left for this thread: to read the file again, and to write results as whose they are.
+    KeepCapabilities({kCapChown, kCapDacOverride, kCapFowner});
+  }
 
   Result<int> Run(const Lineup& lineup) {
     facts_ = {options_.file, options_.part, NameOfMachine(), {}, SystemNow(), 0};

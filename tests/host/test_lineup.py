@@ -10,7 +10,7 @@ import subprocess
 import time
 import unittest
 
-from playbed import IPPLAY, SAMPLE, PlayCase, read_file
+from playbed import IPPLAY, SAMPLE, PlayCase, install, read_file
 
 HEADERS = 14 + 20 + 8 + 12
 RATE = 4_000_000
@@ -126,6 +126,39 @@ class OnTheWire(Files):
         self.assertEqual(found, {"good": ("ended", 1), "late": ("ended", 1), "lost": ("failed", 0)})
         arrived = by_target([frame for _, frame in self.bed.capture.frames])
         self.assertEqual({target: len(payloads) for target, payloads in arrived.items()}, {"239.1.0.1": 100, "239.1.0.2": 100})
+
+    def test_as_a_service_it_needs_two_capabilities_and_reports(self):
+        self.write_streams(1)
+        program = install(self.folder.name)
+        for name in ("s1.ts", "ipplay"):
+            os.chmod(self.path(name), 0o755)
+        path = self.write("service.toml", f"""
+            [[channel]]
+            name = "one"
+            input = "s1.ts"
+            to = "rtp://239.1.0.1:5004"
+            device = "{self.bed.NEAR}"
+            bitrate = {RATE}
+            """)
+        rights = "+net_raw,+sys_nice"
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(self.path("notify"))
+            os.chmod(self.path("notify"), 0o777)
+            process = subprocess.run(["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "--no-new-privs",
+                                      "--bounding-set", f"-all,{rights}", "--inh-caps", f"-all,{rights}", "--ambient-caps", rights,
+                                      program, "lineup", path, "--quiet"], preexec_fn=self.bed.near.enter, check=False, text=True,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                     env={"NOTIFY_SOCKET": self.path("notify")})
+            self.assertEqual(process.returncode, 0, process.stderr)
+            manager.setblocking(False)
+            told = []
+            try:
+                while True:
+                    told.append(manager.recv(1000))
+            except BlockingIOError:
+                pass
+        self.assertEqual((told[0], told[-1]), (b"READY=1", b"STOPPING=1"))
+        self.bed.capture.drain()
 
     def await_line(self, process, wanted):
         for line in process.stderr:
