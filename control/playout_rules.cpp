@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "control/playout_rules.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "control/datagram_layout.h"
 #include "control/header_chain.h"
@@ -124,6 +126,39 @@ Failure CheckPlayout(const IpPlayoutSettings& settings) {
   return {};
 }
 
+// Whether copies have the destination address and the tag of the first one.
+bool HasOneAddress(const IPPlayParams& params) {
+  const ProtocolHeadersIncrements& step = params.ProtocolHeadersIncrements;
+  const auto is_zero = [](const auto& bytes) {
+    return std::all_of(std::begin(bytes), std::end(bytes), [](auto byte) { return byte == 0; });
+  };
+  return (params.IPLayerVersion == IPPLAYOUT_IPV4
+              ? is_zero(step.IPHeaderIncrements.DestinationIPIncrement)
+              : is_zero(step.IPv6HeaderIncrements.DestinationIPv6AddressIncrement)) &&
+         step.VLANHeaderIncrements.VLANIdentifierIncrement == 0;
+}
+
+// FEC takes the ports two and four above those of the stream.
+Failure CheckFecPorts(const IPPlayParams& params) {
+  constexpr std::int64_t kHighest = 0xFFFF - 4;
+  const UDPHeaderSettings& udp = params.ProtocolHeadersSettings.UDPHeaderSettings;
+  if (Failure failure =
+          CheckRanges({{"SourcePort with FEC", udp.SourcePort, 0, kHighest},
+                       {"DestinationPort with FEC", udp.DestinationPort, 0, kHighest}})) {
+    return failure;
+  }
+  const std::uint32_t step =
+      params.ProtocolHeadersIncrements.UDPHeaderIncrements.DestinationPortIncrement;
+  const bool meets = (step == 1 && params.ReplicationCount > 1) || step == 2 || step == 4;
+  if (params.ReplicationCount > 0 && meets && HasOneAddress(params)) {
+    return {IPPLAYOUT_BAD_VALUE,
+            "DestinationPortIncrement is " + std::to_string(step) +
+                ", which puts copies on the ports of FEC (+2, +4); it can be 3 or above 4, or the "
+                "addresses of copies can differ"};
+  }
+  return {};
+}
+
 Failure CheckFec(const IpPlayoutSettings& settings) {
   const std::uint32_t columns = settings.FecColumns;
   if (columns == 0) {
@@ -148,7 +183,7 @@ Failure CheckFec(const IpPlayoutSettings& settings) {
     return {IPPLAYOUT_BAD_VALUE,
             "FecColumns is above 0, which a UDP socket cannot do; an adapter can"};
   }
-  return {};
+  return CheckFecPorts(settings.Params);
 }
 
 // What a socket leaves to the kernel cannot be ordered.

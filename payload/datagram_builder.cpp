@@ -192,7 +192,7 @@ bool DatagramBuilder::BeginFec() {
   return true;
 }
 
-// What protects the last datagrams follows them, a gap behind each other.
+// What protects the last datagrams follows them, half a gap behind each other.
 bool DatagramBuilder::BeginFecAtEnd() {
   if (fec_ == nullptr || !fec_->AtEnd()) {
     return false;
@@ -212,7 +212,8 @@ void DatagramBuilder::SendFecCopy() {
   SendOne(fec_->Frame(), *fec_->Port().top);
   if (!was_queued_) {
     queued_.leaves = false;
-    queued_.did |= IPPLAYOUT_DID_LOSE;
+    const bool lost = fec_->Port().errors->WasPacketLost();
+    queued_.did |= static_cast<std::uint32_t>(lost ? IPPLAYOUT_DID_LOSE : IPPLAYOUT_DID_DELAY);
     Push(fec_->Frame());
   }
   if (++copy_ < copies_) {
@@ -266,8 +267,9 @@ bool DatagramBuilder::Send(PDU& frame) {
     queued_.did = damage_;
     Push(frame);
   } else {
+    constexpr std::uint32_t kWhichStream = IPPLAYOUT_DID_FEC_COLUMN | IPPLAYOUT_DID_FEC_ROW;
     const std::uint32_t did = queued_.did;
-    queued_.did = IPPLAYOUT_DID_SEND_HELD;
+    queued_.did = IPPLAYOUT_DID_SEND_HELD | (did & kWhichStream);
     Push(frame);
     queued_.did = did;
   }

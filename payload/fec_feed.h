@@ -12,7 +12,7 @@
 
 namespace ipplayout {
 
-class CErrorManagerBase;
+class CErrorInsertionManager;
 class CReplicationMgrBase;
 class Sender;
 
@@ -20,7 +20,7 @@ class Sender;
 struct FecPort {
   Sender* top = nullptr;
   CReplicationMgrBase* replication = nullptr;
-  CErrorManagerBase* errors = nullptr;
+  CErrorInsertionManager* errors = nullptr;
 };
 
 // Belongs to the builder's thread.
