@@ -5,8 +5,8 @@
 # To configure a preset and build all of it.
 build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libseccomp-dev libbitstream-dev libcli11-dev libfmt-dev
   nlohmann-json3-dev libtomlplusplus-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
-# For the far side of the wire: namespaces, capture, dissector, decoder.
-wire_packages=(iproute2 tshark ffmpeg)
+# For the far side of the wire: namespaces, capture, dissector, decoders.
+wire_packages=(iproute2 tshark ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good)
 # For the tests of ipplay besides: its documents, its packages, rights for a single program,
 # the fuzzer, and the checkers of models and of code.
 test_packages=(groff-base dpkg-dev file libcap2-bin patchelf clang libclang-rt-14-dev spin cppcheck clang-format flake8 shellcheck)

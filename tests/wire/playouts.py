@@ -50,7 +50,13 @@ class Refused(Exception):
 
 
 def set_field(record, name, value):
-    """Sets the field of that name wherever it stands in the record; False when there is none."""
+    """Sets the field of that name wherever it stands in the record; False when there is none.
+
+    Of records in it that are alike the first is meant; "FecErrors.PacketLossEnabled" names another one.
+    """
+    if "." in name:
+        record_name, name = name.split(".")
+        return set_field(getattr(record, record_name), name, value)
     for field, kind in record._fields_:
         if field == name and not issubclass(kind, ctypes.Structure):
             setattr(record, name, kind(*value) if isinstance(value, bytes) and name != "Destination" else value)
