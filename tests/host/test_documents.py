@@ -17,6 +17,8 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 
 from frames import Playout, psi_packet, ts_packet, write_pcap  # noqa: E402
 from playbed import HERE, IPPLAY, SAMPLE, PlayCase, make_varying_stream, install  # noqa: E402
+from fec import play as play_with_fec  # noqa: E402
+from playouts import Playouts  # noqa: E402
 
 ROOT = os.path.join(HERE, "..", "..")
 NOBODY = "65534"
@@ -172,9 +174,12 @@ class Measured(unittest.TestCase):
                 expected.write(b"".join(tagged.payloads())[:-100] + bytes(100))
             plain = Playout(rtp=False, datagrams=200)
             services = [(number * 1_000_000, plain.frame(number, 0, service_packets(number))) for number in range(200) if number != 100]
-            documents = [self.measure(folder, tagged.capture(), "--expect", file, "--expect-rate", "10M"),
+            playouts = Playouts(os.environ["IPPLAYOUT_LIBRARY"])
+            protected = [(d.time, d.frame) for d in play_with_fec(playouts, 5, 4, 60, FecProtectsRows=1)]
+            documents = [self.measure(folder, protected, "--max-unrepaired", "0"),
+                         self.measure(folder, tagged.capture(), "--expect", file, "--expect-rate", "10M"),
                          self.measure(folder, services, "--max-loss", "0", cut=1)]
-        self.assertEqual([document["schema"] for document in documents], [1, 1])
+        self.assertEqual([document["schema"] for document in documents], [1, 1, 1])
         documented = documented_fields("ipplay measure --json")
 
         def named(path):

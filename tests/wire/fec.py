@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """SMPTE ST 2022-1 apart from the code under test: fields, parity, what can be repaired; ffmpeg and GStreamer."""
+import json
 import os
 import struct
 import subprocess
@@ -7,7 +8,7 @@ import tempfile
 from dataclasses import dataclass, field
 
 from playouts import TO_FILE, read_pcapng
-from testbed import Capture, Namespace
+from testbed import Capture, Namespace, write_pcap
 from wire_case import TYPICAL, stream
 
 MEDIA, COLUMN, ROW = 0, 2, 4  # steps of the destination port
@@ -145,6 +146,18 @@ def gstreamer(datagrams):
     return out
 
 
+def measure(datagrams, *options, status=0):
+    """What ipplay measure says of them: the protected stream, and all of it."""
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(folder, "fec.pcap")
+        write_pcap(path, [(d.time * 1e-9 if isinstance(d.time, int) else d.time, d.frame) for d in datagrams])
+        run = subprocess.run([os.environ["IPPLAY"], "measure", path, "--json", *options], stdout=subprocess.PIPE,
+                             check=False)
+    assert run.returncode == status, run.returncode
+    result = json.loads(run.stdout)
+    return next(stream for stream in result["streams"] if "protects_stream" not in stream), result
+
+
 def play_with_ffmpeg(columns, rows, port=5004):
     """ffmpeg's RTP of a stream whose times do not go back, with its FEC, captured on a loopback of its own."""
     namespace = Namespace()
@@ -155,7 +168,8 @@ def play_with_ffmpeg(columns, rows, port=5004):
                       f"prompeg=l={columns}:d={rows}", f"rtp://127.0.0.1:{port}")
         capture.drain()
         assert capture.dropped() == 0
-        return take_apart(capture.frames, port)
+        udp = [arrival for arrival in capture.frames if arrival[1][23] == 17]  # not what says that nobody listens
+        return take_apart(udp, port)
     finally:
         capture.socket.close()
         namespace.close()

@@ -1,13 +1,15 @@
 # SPDX-License-Identifier: MIT
 """Forward error correction as others see it: ffmpeg makes the same, GStreamer repairs what can be repaired."""
+import json
 import os
+import random
 import struct
 import subprocess
 import tempfile
 import unittest
 
-from fec import (COLUMN, FEC_HEADER, MEDIA, PAYLOAD, ROW, gstreamer, of_kind, parity_in, parity_of, play,
-                 play_with_ffmpeg, repair, udp_at)
+from fec import (COLUMN, FEC_HEADER, MEDIA, PAYLOAD, ROW, Datagram, gstreamer, measure, of_kind, parity_in, parity_of,
+                 play, play_with_ffmpeg, repair, udp_at)
 from playouts import DELAY, FEC_COLUMN, FEC_ROW, LOSE, SENT_HELD, Playouts, Refused
 from testbed import write_pcap
 from wire_case import TAGGED, TYPICAL, TYPICAL_IPV6
@@ -114,6 +116,75 @@ class Fec(unittest.TestCase):
                     # GStreamer gives the SSRC of the FEC to what it rebuilds.
                     expected = [] if index in stays else [datagram.rtp[:8] + bytes(4) + datagram.rtp[12:]]
                     self.assertEqual(rebuilt.get(datagram.number, []), expected, index)
+
+    def test_meter_repairs_what_can_be_repaired(self):
+        """As the patterns say; FEC whose parity it could check was right."""
+        for name, matrix, settings, media, columns, rows, stays in PATTERNS:
+            with self.subTest(name):
+                whole = played(self.playouts, matrix, settings)
+                kept, gone = without(whole, media, columns, rows)
+                stream, result = measure(kept)
+                fec = stream["fec"]
+                lost = len(gone)
+                self.assertEqual((fec["lost"], fec["repaired"], fec["unrepaired"]),
+                                 (lost, lost - len(stays), len(stays)))
+                protected = {number for d in kept if d.kind != MEDIA for number in d.protected()}
+                self.assertEqual(fec["unrepaired_too_many"], sum(gone[index].number in protected for index in stays))
+                self.assertEqual((fec["columns"], fec["rows"]), (matrix.columns, matrix.rows))
+                # Numbers alone do not show that the last one is lost; FEC does.
+                self.assertEqual(stream["rtp"]["lost"], lost - (3 * matrix.columns * matrix.rows - 1 in gone))
+                self.assertEqual((fec["column_datagrams"], fec["row_datagrams"]),
+                                 (len(of_kind(kept, COLUMN)), len(of_kind(kept, ROW))))
+                self.assertEqual(fec["parity_wrong"], 0)
+                if not media:
+                    self.assertEqual(fec["parity_right"], len(kept) - len(of_kind(kept, MEDIA)))
+                others = [s for s in result["streams"] if s is not stream]
+                self.assertEqual([s["protects_stream"] for s in others], [0] * len(others))
+                self.assertFalse(any("ts" in s for s in others))
+
+    def test_meter_repairs_what_others_repair(self):
+        """Random losses, delays and copies, of media and FEC: as many as a solver that shares no code rebuilds."""
+        draw = random.Random(18)
+        streams = [play(self.playouts, columns, rows, 1500, **settings, SequenceNumber=64800)
+                   for columns, rows, settings in ((5, 4, BOTH), (10, 10, BOTH), (20, 5, COLUMNS_ONLY),
+                                                   (7, 6, {**STAGGERED, "FecProtectsRows": 1}))]
+        for whole in (*streams, play_with_ffmpeg(5, 4), play_with_ffmpeg(10, 10)):
+            for share in (0.02, 0.05, 0.1):
+                inner = range(len(whole) // 50, len(whole) * 48 // 50)
+                kept = [d for i, d in enumerate(whole) if i not in inner or draw.random() > share]
+                damaged = list(kept)
+                for _ in range(10):
+                    at = draw.choice(inner) * len(kept) // len(whole)
+                    damaged.insert(at - draw.randrange(12), damaged.pop(at))
+                    damaged.insert(at + draw.randrange(12), damaged[at])
+                media = {d.number for d in of_kind(damaged, MEDIA)}
+                lost = [d for d in of_kind(whole, MEDIA) if d.number not in media]
+                stream, _ = measure(damaged)
+                rebuilt = repair(damaged)
+                self.assertGreater(len(rebuilt), 0)
+                found = gstreamer(damaged)
+                self.assertEqual({d.number for d in lost if d.number in found}, set(rebuilt))
+                self.assertEqual([stream["fec"][name] for name in ("lost", "repaired", "parity_wrong")],
+                                 [len(lost), len(rebuilt), 0])
+
+    def test_wrong_parity_is_an_event(self):
+        """Each part of it, of FEC that checks and of FEC that repairs."""
+        for at in (42 + 12 + 2, 42 + 12 + 4, 42 + 12 + 11, 42 + 12 + FEC_HEADER, -1):
+            for kind in (COLUMN, ROW):
+                whole = play(self.playouts, 5, 4, 100, FecProtectsRows=1)
+                victim = of_kind(whole, kind)[7]
+                frame = bytearray(victim.frame)
+                frame[at] ^= 1
+                damaged = [Datagram(d.time, bytes(frame), kind) if d is victim else d for d in whole]
+                stream, lines = measure_events(damaged, "fec_parity")
+                self.assertEqual((stream["fec"]["parity_wrong"], len(lines)), (1, 1))
+                self.assertEqual(lines[0]["time_ns"], victim.time)
+                fec = stream["fec"]
+                self.assertEqual(fec["parity_right"], fec["column_datagrams"] + fec["row_datagrams"] - 1)
+                # Used to rebuild a datagram, it is found out by the other FEC of that one.
+                lost = next(d for d in of_kind(whole, MEDIA) if d.number in victim.protected())
+                stream, _ = measure([d for d in damaged if d is not lost])
+                self.assertEqual((stream["fec"]["parity_wrong"], stream["fec"]["repaired"]), (1, 1))
 
     def test_losses_on_order(self):
         """Media and FEC lost, delayed and at random places: what GStreamer rebuilds is what parity allows."""
@@ -241,6 +312,15 @@ def address_of(frame):
     """The IP destination, behind a tag if there is one."""
     end = udp_at(frame)
     return frame[end - 4:end] if frame[end - 20] == 0x45 else frame[end - 16:end]
+
+
+def measure_events(datagrams, kind):
+    """The protected stream and the events of that kind."""
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(folder, "events")
+        stream, _ = measure(datagrams, "--events", path)
+        with open(path) as file:
+            return stream, [event for event in map(json.loads, file) if event["event"] == kind]
 
 
 def played_clean(playouts, columns, rows):

@@ -34,9 +34,11 @@ enum class EventKind : std::uint8_t {
   kCaptureDrop,       // amount: frames that the capture itself lost
   kLink,              // amount: 0 down, 1 up
   kClockStep,         // of the time stamps; amount: ns, below 0 back
+  kFecParity,         // FEC that is not the parity of what it protects
+  kFecUnrepaired,     // amount: RTP packets in a row that FEC could not repair
 };
 
-inline constexpr std::size_t kEventKinds = static_cast<std::size_t>(EventKind::kClockStep) + 1;
+inline constexpr std::size_t kEventKinds = static_cast<std::size_t>(EventKind::kFecUnrepaired) + 1;
 
 struct Event {
   static constexpr std::uint32_t kNoStream = UINT32_MAX;

@@ -36,6 +36,10 @@ bool HasCountedPacket(std::span<const std::uint8_t> media, std::size_t stride) {
   return false;
 }
 
+// Media datagrams by which the first FEC has come: of a matrix of 100 it follows the matrix.
+constexpr std::uint64_t kAwaitsFec = 256;
+constexpr std::size_t kRtpFixedHeader = 12;
+
 // What EventKind::kChecksum has for the two checksums.
 constexpr std::int64_t kOfIpv4 = 4;
 constexpr std::int64_t kOfUdp = 17;
@@ -91,6 +95,7 @@ Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool kee
       events_(events),
       spacing_(SpacingOf(settings)),
       mdi_(BytesPerNs(settings.media_rate)) {
+  may_be_fec_ = id.ssrc.has_value();
   if (id.ssrc) {
     rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate,
                                  [this](const ReorderWindow::Payload& payload, bool after_gap) {
@@ -126,11 +131,19 @@ void Stream::GiveUpDetail() {
   if (!HasDetail()) {
     return;
   }
-  arrival_errors_ = ContinuityErrorsAsArrived();
+  if (AwaitsFec()) {
+    fec_.reset();
+  }
+  if (fec_ != nullptr) {
+    fec_->GiveUp();
+  }
+  if (ts_ != nullptr) {
+    arrival_errors_ = ContinuityErrorsAsArrived();
+    ts_->GiveUp();
+  }
   detail_given_up_ = true;
   as_arrived_.reset();
   last_media_ = {};
-  ts_->GiveUp();
   if (rtp_ != nullptr) {
     rtp_->window.GiveUp();
   }
@@ -170,6 +183,9 @@ void Stream::Take(const Arrival& arrival) {
     ++repeated_datagrams_;
   }
   ReportDisorder(sequence, arrival.time_ns);
+  if (fec_ != nullptr || media_ != nullptr) {
+    AddToFec(arrival, sequence);
+  }
   if (frame.IsComplete()) {
     AddMedia(media, arrival, sequence);
   } else {
@@ -179,9 +195,64 @@ void Stream::Take(const Arrival& arrival) {
          sequence.event == SequenceEvent::kGap ? sequence.distance : 0);
 }
 
+void Stream::AwaitFec() {
+  fec_ = std::make_unique<FecRepair>(FecRepair::Listener{
+      [this](std::int64_t time_ns) { events_.Report(EventKind::kFecParity, time_ns, 0); },
+      [this](std::int64_t time_ns, std::uint64_t datagrams) {
+        events_.Report(EventKind::kFecUnrepaired, time_ns, static_cast<std::int64_t>(datagrams));
+      }});
+}
+
+void Stream::BecomeFecOf(Stream& media, std::uint32_t place) {
+  may_be_fec_ = false;
+  media_ = &media;
+  protected_stream_ = place;
+  fec_.reset();
+  if (media.fec_ == nullptr && !media.detail_given_up_) {
+    media.AwaitFec();
+  }
+  ts_.reset();
+  as_arrived_.reset();
+  compare_.reset();
+  rtp_->window.GiveUp();
+}
+
+void Stream::AddToFec(const Arrival& arrival, const SequenceResult& sequence) {
+  const std::span payload = arrival.frame->payload;
+  if (media_ != nullptr) {
+    const auto fec = ParseFecDatagram(payload.subspan(arrival.rtp->header_length));
+    if (fec && arrival.frame->IsComplete() && sequence.event != SequenceEvent::kDuplicate) {
+      media_->TakeFec(*fec, arrival.time_ns);
+    }
+    return;
+  }
+  if (AwaitsFec() && rate_.Frames() > kAwaitsFec) {
+    fec_.reset();
+    return;
+  }
+  FecRepair::Media media{arrival.rtp->sequence_number,
+                         arrival.rtp->payload_type,
+                         arrival.rtp->timestamp,
+                         {},
+                         arrival.frame->IsComplete()};
+  if (media.is_whole) {
+    media.bytes = payload.subspan(kRtpFixedHeader);
+  }
+  fec_->AddMedia(media, sequence, arrival.time_ns);
+}
+
+// The memory that this takes is the media stream's.
+void Stream::TakeFec(const FecDatagram& fec, std::int64_t time_ns) {
+  if (fec_ != nullptr) {
+    const std::int64_t before = HeapBytes();
+    fec_->AddFec(fec, time_ns);
+    grown_bytes_ += HeapBytes() - before;
+  }
+}
+
 // Behind itself, a datagram is a copy that the network made, unless nothing in it counts.
 bool Stream::IsRepeat(std::span<const std::uint8_t> media) {
-  if (!HasDetail() || ts_->Framer().HasGivenUp()) {
+  if (!LooksIntoTs() || ts_->Framer().HasGivenUp()) {
     return false;
   }
   const bool repeat = ts_->Framer().IsSynced() && std::ranges::equal(media, last_media_) &&
@@ -233,10 +304,10 @@ void Stream::AddMedia(std::span<const std::uint8_t> media, const Arrival& arriva
                       const SequenceResult& sequence) {
   // A receiver drops what it has and puts in order what it can; the transport stream is judged
   // behind it.
-  if (HasDetail() && arrival.rtp != nullptr) {
+  if (LooksIntoTs() && arrival.rtp != nullptr) {
     NoteArrivalOrder(media, sequence);
     rtp_->window.Add(arrival.rtp->sequence_number, sequence.event, {media, arrival.time_ns});
-  } else if (HasDetail() && sequence.event != SequenceEvent::kDuplicate) {
+  } else if (LooksIntoTs() && sequence.event != SequenceEvent::kDuplicate) {
     AddTs(media, arrival.time_ns, !IsInPlace(sequence));
   }
   // Without RTP the file itself tells whether a datagram that equals the one before is its next
@@ -387,6 +458,9 @@ void Stream::Finish(std::int64_t start_ns, std::int64_t end_ns) {
   WatchSilence(end_ns);
   NoteSilence(silent_at_end_ns_, end_ns);
   spacing_.EndBurst();
+  if (fec_ != nullptr) {
+    fec_->Finish();
+  }
   if (ts_ != nullptr) {
     if (rtp_ != nullptr) {
       rtp_->window.Flush();

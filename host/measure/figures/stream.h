@@ -15,6 +15,7 @@
 #include "host/measure/figures/availability.h"
 #include "host/measure/figures/error_seconds.h"
 #include "host/measure/figures/event.h"
+#include "host/measure/figures/fec_repair.h"
 #include "host/measure/figures/history.h"
 #include "host/measure/figures/interarrival_jitter.h"
 #include "host/measure/figures/media_delivery_index.h"
@@ -98,6 +99,23 @@ class Stream {
   // The measurement went on from `start_ns` to `end_ns`.
   void Finish(std::int64_t start_ns, std::int64_t end_ns);
 
+  // ---- Forward error correction ----
+
+  // RTP of a dynamic payload type, none of which was anything else than FEC so far.
+  bool MayBeFec() const { return may_be_fec_; }
+  void RuleOutFec() { may_be_fec_ = false; }
+  // FEC of `media`, whose place in the order of streams is given. It is no transport stream.
+  void BecomeFecOf(Stream& media, std::uint32_t place);
+  // The place of the stream that this one is FEC of.
+  const std::optional<std::uint32_t>& ProtectedStream() const { return protected_stream_; }
+  // The first datagrams of a stream are kept for FEC that may turn up.
+  void AwaitFec();
+  bool AwaitsFec() const { return fec_ != nullptr && !fec_->HasFec(); }
+  // What FEC makes of its losses; null where there is no FEC.
+  const FecCounters* Fec() const {
+    return fec_ != nullptr && fec_->HasFec() ? &fec_->Counters() : nullptr;
+  }
+
   // Gives the memory of the plots back.
   void GiveUpHistory() { history_.reset(); }
   // Gives the memory of the transport stream's analysis back; what it has counted stays.
@@ -105,7 +123,7 @@ class Stream {
   // No more frames are taken: it ends with its last one.
   void Close() { closed_ = true; }
 
-  bool HasDetail() const { return !detail_given_up_ && ts_ != nullptr; }
+  bool HasDetail() const { return !detail_given_up_ && (ts_ != nullptr || fec_ != nullptr); }
   bool HasGivenUpDetail() const { return detail_given_up_; }
   bool IsClosed() const { return closed_; }
   // Frames since the detail was given up, of which only that was not measured.
@@ -138,7 +156,10 @@ class Stream {
   const StreamHistory* History() const { return history_.get(); }
 
  private:
+  bool LooksIntoTs() const { return !detail_given_up_ && ts_ != nullptr; }
   void Take(const Arrival& arrival);
+  void AddToFec(const Arrival& arrival, const SequenceResult& sequence);
+  void TakeFec(const FecDatagram& fec, std::int64_t time_ns);
   SequenceResult AddRtp(const RtpHeader& rtp, std::int64_t time_ns);
   void AddMedia(std::span<const std::uint8_t> media, const Arrival& arrival,
                 const SequenceResult& sequence);
@@ -185,6 +206,10 @@ class Stream {
   std::unique_ptr<ArrivalContinuity> as_arrived_;  // from the first disorder on
   std::unique_ptr<PayloadCompare> compare_;
   std::unique_ptr<StreamHistory> history_;
+  std::unique_ptr<FecRepair> fec_;  // of what this stream has lost
+  Stream* media_ = nullptr;         // that this stream is FEC of
+  std::optional<std::uint32_t> protected_stream_;
+  bool may_be_fec_ = false;
   std::uint64_t stated_at_pcr_ = 0;       // PCRs that the media rate was last taken from
   std::uint64_t missing_ts_packets_ = 0;  // of those that the analysis knows, put down so far
 };

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "host/base/heap.h"
 
@@ -137,6 +138,10 @@ void StreamTable::Deliver(Flow& flow, std::int64_t time_ns, std::uint32_t frame_
     NoteUntracked();
     return;
   }
+  if (rtp && stream->MayBeFec()) {
+    fec_.Judge(*stream, frame, *rtp, streams_);
+    may_have_details_ = true;
+  }
   stream->Add({time_ns, frame_bytes, &frame, rtp ? &*rtp : nullptr});
   if (IsFull()) {
     MakeRoom(*stream);
@@ -177,7 +182,7 @@ void StreamTable::MakeRoom(Stream& growing) {
 
 // Goes on until there is some room, so that it is not called again at once.
 void StreamTable::GiveUpLargestDetails() {
-  if (detailed_streams_ == 0) {
+  if (!std::exchange(may_have_details_, false)) {
     return;
   }
   std::vector<Stream*> largest;
@@ -190,11 +195,11 @@ void StreamTable::GiveUpLargestDetails() {
   constexpr std::int64_t kShareOfRoom = 8;
   for (Stream* stream : largest) {
     if (KeptBytes() <= MostBytes() - MostBytes() / kShareOfRoom) {
+      may_have_details_ = true;
       break;
     }
     stream->GiveUpDetail();
     ++given_up_.details;
-    --detailed_streams_;
   }
 }
 
@@ -230,7 +235,10 @@ Stream* StreamTable::NewStream(const StreamId& id) {
   const auto number = static_cast<std::uint32_t>(streams_.size());
   streams_.push_back(
       std::make_unique<Stream>(id, settings_, keep_history, StreamEvents{events_, number}));
-  detailed_streams_ += streams_.back()->HasDetail() ? std::size_t{1} : std::size_t{0};
+  if (id.ssrc) {
+    fec_.AddStream(streams_);
+  }
+  may_have_details_ = true;
   return streams_.back().get();
 }
 

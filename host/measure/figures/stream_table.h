@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/measure/figures/fec_pairing.h"
 #include "host/measure/figures/settings.h"
 #include "host/measure/figures/stream.h"
 
@@ -26,7 +27,7 @@ class StreamTable {
  public:
   // Events go to `events`, which outlives this.
   StreamTable(const MeasurementSettings& settings, EventSink* events)
-      : settings_(settings), events_(events) {}
+      : settings_(settings), events_(events), fec_(settings.memory_bytes / kShareForFec) {}
 
   void Add(std::int64_t time_ns, std::uint32_t frame_bytes, const DecodedFrame& frame);
   // Decides what is still undecided; call it once, after the last frame. The measurement went on
@@ -47,6 +48,8 @@ class StreamTable {
   std::uint64_t SsrcChanges() const { return ssrc_changes_; }
 
  private:
+  static constexpr std::uint64_t kShareForFec = 16;
+
   // A first frame that may or may not be RTP waits for the second one to tell.
   struct HeldFrame {
     std::int64_t time_ns;
@@ -82,6 +85,7 @@ class StreamTable {
 
   MeasurementSettings settings_;
   EventSink* events_;
+  FecPairing fec_;
   std::unordered_map<FlowKey, Flow, FlowKeyHash> flows_;
   // By the flow's number and the SSRC.
   std::unordered_map<std::uint64_t, Stream*, KeyedHash> rtp_streams_;
@@ -92,7 +96,7 @@ class StreamTable {
   std::uint64_t malformed_rtp_ = 0;
   std::uint64_t rtcp_packets_ = 0;
   std::optional<std::int64_t> bytes_before_;  // that the thread held before the first frame
-  std::size_t detailed_streams_ = 0;
+  bool may_have_details_ = false;             // of streams, to give up
   GivenUp given_up_;
   std::uint64_t ssrc_changes_ = 0;
 };

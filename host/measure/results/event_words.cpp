@@ -58,6 +58,8 @@ constexpr std::array<Words, kEventKinds> kWords{{
     {"capture_drop", "frames dropped by the capture", Amount::kCount},  // kCaptureDrop
     {"link", "link", Amount::kLink},                                    // kLink
     {"clock_step", "step of the capture's clock", Amount::kJump},       // kClockStep
+    {"fec_parity", "FEC is not the parity of its packets"},             // kFecParity
+    {"fec_unrepaired", "stay lost behind FEC", Amount::kPackets},       // kFecUnrepaired
 }};
 
 const Words& WordsOf(EventKind kind) {

@@ -76,6 +76,27 @@ Json ToJson(const RtpFigures& rtp) {
   return json;
 }
 
+Json ToJson(const FecCounters& fec) {
+  Json json;
+  if (fec.column_datagrams > 0) {
+    json["columns"] = fec.columns;
+    json["rows"] = fec.rows;
+  }
+  if (fec.row_datagrams > 0) {
+    json["row_length"] = fec.row_length;
+  }
+  json["column_datagrams"] = fec.column_datagrams;
+  json["row_datagrams"] = fec.row_datagrams;
+  json["parity_right"] = fec.parity_right;
+  json["parity_wrong"] = fec.parity_wrong;
+  json["lost"] = fec.lost;
+  json["repaired"] = fec.repaired;
+  json["unrepaired"] = fec.Unrepaired();
+  json["unrepaired_too_many"] = fec.too_many;
+  json["unrepaired_unprotected"] = fec.unprotected;
+  return json;
+}
+
 Json ToJson(const MdiFigures& mdi) {
   return {{"intervals", mdi.intervals},
           {"delay_factor_ns", {{"mean", mdi.delay_factor_mean}, {"max", mdi.delay_factor_max}}},
@@ -274,6 +295,12 @@ Json ToJson(const StreamSummary& stream) {
                           {"unavailable_seconds", stream.seconds.unavailable}};
   if (stream.rtp) {
     json["rtp"] = ToJson(*stream.rtp);
+  }
+  if (stream.protects) {
+    json["protects_stream"] = *stream.protects;
+  }
+  if (stream.fec) {
+    json["fec"] = ToJson(*stream.fec);
   }
   if (stream.ts) {
     json["ts"] = ToJson(*stream.ts);

@@ -73,6 +73,21 @@ Value Lost(const Summary& summary) {
   return IfAny(known, std::max(summary.total.lost, summary.total.lost_ts_packets));
 }
 
+// RTP packets that are missing behind all correction.
+Value Unrepaired(const Summary& summary) {
+  std::uint64_t packets = 0;
+  for (const StreamSummary& stream : summary.streams) {
+    if (!stream.rtp || stream.protects) {
+      continue;
+    }
+    if (stream.rtp->restarts + stream.rtp->strays > 0 || stream.frames_without_detail > 0) {
+      return std::nullopt;
+    }
+    packets += stream.fec ? stream.fec->Unrepaired() : stream.rtp->lost;
+  }
+  return IfAny(AnyRtp(summary), packets);
+}
+
 double Percent(std::uint64_t part, std::uint64_t all) {
   return all > 0 ? static_cast<double>(part) / static_cast<double>(all) * 100 : 0;
 }
@@ -141,6 +156,8 @@ constexpr LimitKind kKinds[] = {
      },
      true},
     {"--max-loss", LimitUnit::kCountOrPercent, "packets lost, or their share", Lost, true},
+    {"--max-unrepaired", LimitUnit::kCount, "RTP packets lost that FEC does not repair", Unrepaired,
+     true},
     {"--max-reordered", LimitUnit::kCount, "RTP packets out of order",
      [](const Summary& m) { return IfAny(AnyRtp(m), m.total.reordered); }, false},
     {"--max-duplicates", LimitUnit::kCount, "RTP packets that came twice",
@@ -301,8 +318,8 @@ std::vector<Verdict> Judge(const Summary& summary, const Requirements& requireme
     std::uint64_t equal = 0;
     std::uint64_t skipped = 0;
     for (const StreamSummary& stream : summary.streams) {
-      equal += stream.compare->equal;
-      skipped += stream.compare->bytes_skipped;
+      equal += stream.compare ? stream.compare->equal : 0;
+      skipped += stream.compare ? stream.compare->bytes_skipped : 0;
     }
     const std::uint64_t different = summary.total.different_datagrams;
     verdicts.push_back(

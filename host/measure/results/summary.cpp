@@ -287,6 +287,10 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   if (stream.AsRtp() != nullptr) {
     summary.rtp = FiguresOf(*stream.AsRtp());
   }
+  if (stream.Fec() != nullptr) {
+    summary.fec = *stream.Fec();
+  }
+  summary.protects = stream.ProtectedStream();
   if (stream.Ts() != nullptr && stream.Ts()->IsTransportStream()) {
     summary.ts = FiguresOf(*stream.Ts(), stream.Rate().Seconds());
     summary.ts->continuity_errors_as_arrived = stream.ContinuityErrorsAsArrived();

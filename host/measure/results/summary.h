@@ -172,6 +172,8 @@ struct StreamSummary {
   MdiFigures mdi;
   SecondsFigures seconds;
   std::optional<RtpFigures> rtp;
+  std::optional<FecCounters> fec;         // where other streams are FEC of this one
+  std::optional<std::uint32_t> protects;  // FEC: the place of the stream that it protects
   std::optional<TsFigures> ts;
   std::optional<CompareFigures> compare;
 

@@ -268,6 +268,27 @@ void WriteRtp(Out out, const RtpFigures& rtp) {
                  Time(rtp.jitter_mean), Time(rtp.jitter_max));
 }
 
+void WriteFec(Out out, const FecCounters& fec) {
+  std::string matrix;
+  if (fec.column_datagrams > 0) {
+    matrix = fmt::format("{} x {}, {} of columns", fec.columns, fec.rows,
+                         FormatCount(fec.column_datagrams));
+  }
+  if (fec.row_datagrams > 0) {
+    matrix += fmt::format("{}{} of rows of {}", matrix.empty() ? "" : ", ",
+                          FormatCount(fec.row_datagrams), fec.row_length);
+  }
+  fmt::format_to(out, "  {:<10} {}, parity right {}, wrong {}\n", "FEC", matrix,
+                 FormatCount(fec.parity_right), FormatCount(fec.parity_wrong));
+  fmt::format_to(out, "  {:<10} lost {}, repaired {}, stay lost {}", "", FormatCount(fec.lost),
+                 FormatCount(fec.repaired), FormatCount(fec.Unrepaired()));
+  if (fec.Unrepaired() > 0) {
+    fmt::format_to(out, ": {} with too many lost beside them, {} without FEC that came",
+                   FormatCount(fec.too_many), FormatCount(fec.unprotected));
+  }
+  *out = '\n';
+}
+
 void WritePcr(Out out, const PidSummary& pid) {
   const PcrFigures& pcr = *pid.pcr;
   fmt::format_to(out, "  {:<10} PID {}: {} PCRs", "PCR", pid.pid, FormatCount(pcr.count));
@@ -390,6 +411,9 @@ void WriteFigures(Out out, const StreamSummary& stream) {
   if (stream.rtp) {
     WriteRtp(out, *stream.rtp);
   }
+  if (stream.fec) {
+    WriteFec(out, *stream.fec);
+  }
   fmt::format_to(out,
                  "  {:<10} delay factor mean {}, max {}; media loss rate mean {:.3g}, max {:.0f} "
                  "packets in a second\n",
@@ -404,7 +428,8 @@ void WriteFigures(Out out, const StreamSummary& stream) {
 }
 
 void WriteDetails(Out out, const StreamSummary& stream) {
-  fmt::format_to(out, "\n{} from {}{}\n", Label(stream), stream.source,
+  fmt::format_to(out, "\n{} from {}{}{}\n", Label(stream), stream.source,
+                 stream.protects ? ", FEC" : "",
                  stream.rtp ? "" : ", no RTP (lost counts transport packets)");
   WriteFigures(out, stream);
 }
