@@ -22,6 +22,8 @@ run_format() {
 run_flake8() {
   echo "flake8"
   flake8 .
+  echo "mypy"
+  (cd python && /usr/bin/python3 -m mypy --cache-dir /dev/null src)
 }
 
 run_shellcheck() {
