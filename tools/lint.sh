@@ -23,12 +23,12 @@ run_flake8() {
   echo "flake8"
   flake8 .
   echo "mypy"
-  (cd python && /usr/bin/python3 -m mypy --cache-dir /dev/null src)
+  (cd python && MYPYPATH=src /usr/bin/python3 -m mypy --cache-dir /dev/null src ../examples/python)
 }
 
 run_shellcheck() {
   echo "shellcheck"
-  { find . -path './build*' -prune -o -name '*.sh' -print0; printf '%s\0' .ci/run packaging/postinst; } |
+  { find . -path './build*' -prune -o -name '*.sh' -print0; printf '%s\0' .ci/run packaging/postinst packaging/python/postinst packaging/python/prerm; } |
     xargs -0 shellcheck --external-sources
 }
 

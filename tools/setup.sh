@@ -9,7 +9,10 @@ build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev 
 wire_packages=(iproute2 tshark ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good)
 # For the tests of ipplay besides: its documents, its packages, rights for a single program,
 # the fuzzer, and the checkers of models and of code.
-test_packages=(groff-base dpkg-dev file libcap2-bin patchelf python3-pytest mypy clang libclang-rt-14-dev spin cppcheck clang-format flake8 shellcheck)
+test_packages=(groff-base dpkg-dev file libcap2-bin patchelf clang libclang-rt-14-dev spin cppcheck clang-format flake8 shellcheck)
+# For the tests of the Python package, its examples and its notebook.
+test_packages+=(mypy python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python3-nbconvert python3-ipykernel
+  python3-matplotlib)
 # For tools/lint.sh and tools/coverage.sh besides.
 lint_packages=(cppcheck clang-format clang clang-tidy flake8 mypy python3-pytest shellcheck)
 coverage_packages=(gcovr)
