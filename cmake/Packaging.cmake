@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
-# Debian packages by CPack: the library, its development files, and the tool where it is built.
+# Debian packages by CPack: the library, its development files, the tool where it is built, and the
+# Python package, which needs both.
 # `cpack -G DEB` in the build folder makes them all.
 find_program(GZIP gzip REQUIRED)
 set(maintainer "ipplayout authors <ipplayout@localhost>")
@@ -21,13 +22,21 @@ install_compressed("${root}/docs/man/libipplayout.3" libipplayout.3 "${CMAKE_INS
   development)
 set(packages runtime:libipplayout1 development:libipplayout-dev)
 if(IPPLAYOUT_BUILD_HOST)
-  list(APPEND packages tool:ipplay)
+  list(APPEND packages tool:ipplay python:python3-ipplayout)
   install_compressed("${root}/docs/man/ipplay.1" ipplay.1 "${CMAKE_INSTALL_MANDIR}/man1" tool)
   install(FILES "${root}/host/completion/ipplay"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tool)
   install(FILES "${root}/packaging/ipplay-lineup@.service" DESTINATION lib/systemd/system COMPONENT tool)
   install(FILES "${root}/docs/json.md" "${root}/docs/measuring.md" "${root}/docs/recipes.md" "${root}/docs/security.md"
     "${root}/packaging/README.Debian" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
+  # In Debian's packages alone: elsewhere no Python would look there, and pip installs it.
+  install(DIRECTORY "${root}/python/src/ipplayout" DESTINATION lib/python3/dist-packages COMPONENT python
+    EXCLUDE_FROM_ALL FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
+  install(FILES "${root}/docs/python.md" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/python3-ipplayout"
+    COMPONENT python EXCLUDE_FROM_ALL)
+  install(DIRECTORY "${root}/examples/python/" COMPONENT python EXCLUDE_FROM_ALL
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/python3-ipplayout/examples"
+    FILES_MATCHING PATTERN "*.py" PATTERN "*.ipynb" PATTERN "__pycache__" EXCLUDE PATTERN ".*" EXCLUDE)
 endif()
 foreach(pair ${packages})
   string(REPLACE ":" ";" pair "${pair}")
@@ -47,7 +56,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime development)
 if(IPPLAYOUT_BUILD_HOST)
-  list(APPEND CPACK_COMPONENTS_ALL tool)
+  list(APPEND CPACK_COMPONENTS_ALL tool python)
 endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -87,4 +96,17 @@ set(CPACK_COMPONENT_TOOL_DESCRIPTION
  Plays an MPEG transport stream out of an Ethernet adapter as RTP or UDP over
  IPv4 or IPv6 at an exact bit rate: a file or a pipe, once or for ever, one
  stream or a thousand, clean or with the faults that a test asks for.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-ipplayout)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11), libipplayout1 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "ipplay (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "iproute2, python3-pytest, python3-matplotlib")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA "${root}/packaging/python/postinst;${root}/packaging/python/prerm")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+  "playout and measurement of transport streams from Python
+ Plays MPEG transport streams as exact IP packets, any number at a time, and
+ measures what arrives, with fixtures for tests of receivers by pytest.")
 include(CPack)
