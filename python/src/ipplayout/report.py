@@ -187,6 +187,23 @@ class Rtp:
 
 
 @dataclass(frozen=True, kw_only=True)
+class Fec:
+    """Forward error correction of the stream (SMPTE ST 2022-1), in datagrams."""
+    columns: int | None
+    rows: int | None
+    row_length: int | None
+    column_datagrams: int
+    row_datagrams: int
+    parity_right: int
+    parity_wrong: int
+    lost: int
+    repaired: int
+    unrepaired: int
+    unrepaired_too_many: int
+    unrepaired_unprotected: int
+
+
+@dataclass(frozen=True, kw_only=True)
 class Indicator:
     """An indicator of TR 101 290; ``last_ns`` is since 1970."""
     indicator: str
@@ -312,7 +329,10 @@ class Compare:
 
 @dataclass(frozen=True, kw_only=True)
 class Stream:
-    """One stream. ``first_seen_ns`` and ``last_seen_ns`` are since 1970."""
+    """One stream. ``first_seen_ns`` and ``last_seen_ns`` are since 1970.
+
+    ``protects_stream`` is the place in ``Report.streams`` of the stream that this one, FEC, protects.
+    """
     source: str
     destination: str
     vlan: str | None
@@ -332,6 +352,8 @@ class Stream:
     mdi: Mdi
     availability: Availability
     rtp: Rtp | None
+    protects_stream: int | None
+    fec: Fec | None
     ts: Ts | None
     compare: Compare | None
 
