@@ -99,10 +99,10 @@ typedef struct IpPlayoutSettings {
 
   // Forward error correction (SMPTE ST 2022-1), RTP only: FecColumns (L) 1 to 20 by FecRows (D) 4
   // to 20, at most 100 in all; 0 columns: none. FEC leaves to the destination port + 2 for columns
-  // and + 4 for rows, with the headers of the stream but for payload type, SSRC and sequence number,
-  // in datagrams that are 16 bytes longer. It is made from what was meant to leave: what is lost on
-  // purpose can be repaired. With copies it needs CopiesShareTime, and ports that FEC of other
-  // copies does not take.
+  // and + 4 for rows, with the headers of the stream but for payload type, SSRC and sequence
+  // number, in datagrams that are 16 bytes longer. It is made from what was meant to leave: what is
+  // lost on purpose can be repaired. With copies it needs CopiesShareTime, and ports that FEC of
+  // other copies does not take.
   uint32_t FecColumns;
   uint32_t FecRows;
   uint32_t FecProtectsRows;  // 1: rows too
