@@ -41,19 +41,18 @@ Result<std::shared_ptr<ChannelRun>> ChannelRun::Make(const PlayOptions& options,
   return run;
 }
 
-ChannelRun::ChannelRun(Prepared prepared, const PlayOptions& options, ScheduledPlayout playout,
+ChannelRun::ChannelRun(Prepared&& prepared, const PlayOptions& options, ScheduledPlayout playout,
                        std::unique_ptr<Event> stop_reading)
     : path_(prepared.path),
       plan_(prepared.plan),
       stop_reading_(std::move(stop_reading)),
-      playout_(std::move(playout)),
       is_file_(prepared.input.Size().has_value()),
+      playout_(std::move(playout)),
+      reader_(std::make_unique<RoundReader>(std::move(prepared.input), prepared.facts)),
       time_line_(options.time_line),
       ppm_(options.ppm),
       nominal_rate_(plan_.rates.stream / (1 + options.ppm / 1e6)),
-      rate_(nominal_rate_) {
-  reader_ = std::make_unique<RoundReader>(std::move(prepared.input), prepared.facts);
-}
+      rate_(nominal_rate_) {}
 
 std::optional<Failure> ChannelRun::Configure(double spread) {
   IpPlayoutSettings settings = plan_.schedule;

@@ -72,7 +72,7 @@ class ChannelRun {
     std::uint64_t bytes;
   };
 
-  ChannelRun(Prepared prepared, const PlayOptions& options, ScheduledPlayout playout,
+  ChannelRun(Prepared&& prepared, const PlayOptions& options, ScheduledPlayout playout,
              std::unique_ptr<Event> stop_reading);
   std::optional<Failure> Configure(double spread);
   void TakeReading();
@@ -80,10 +80,10 @@ class ChannelRun {
   const Path path_;
   const PlayPlan plan_;
   const std::unique_ptr<Event> stop_reading_;
+  const bool is_file_;
   ScheduledPlayout playout_;
   std::unique_ptr<RoundReader> reader_;  // until the feed has it
   std::unique_ptr<ChannelFeed> feed_;
-  const bool is_file_;
   std::thread live_feeding_;  // of an input that comes at its own pace
   TimeLine time_line_;        // the feeding thread's
   bool fed_ = false;          // the same
