@@ -100,6 +100,45 @@ std::vector<std::string> MeasureWords(const DemoOptions& options, const DemoStre
   return words;
 }
 
+std::string TargetUrl() {
+  return fmt::format("rtp://{}:{}", DemoNetwork::kFarAddress, kPort);
+}
+
+// Has the measurement start `player` once it listens, and end when that does.
+void StartWhenMeasuring(MeasureOptions& measure, const DemoStream& stream,
+                        const DemoNetwork& network, ChildProcess& player) {
+  measure.start_sender = [&] {
+    return player.Start({"ipplay", "play", stream.path, "--to", TargetUrl(), "--device",
+                         DemoNetwork::kNear, "--bitrate", fmt::format("{:.3f}", stream.bit_rate)},
+                        [&network] { return network.EnterNear(); });
+  };
+  measure.sender_ended = [&player] { return player.HasEnded(); };
+}
+
+Result<int> PlayAndMeasure(const DemoOptions& options, const DemoStream& stream,
+                           MeasureOptions& measure) {
+  const auto network = DemoNetwork::Create();
+  if (!network) {
+    return network.Error();
+  }
+  StopSignals::Take();
+  ChildProcess player;
+  StartWhenMeasuring(measure, stream, *network, player);
+  Print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",
+        stream.name, FormatBitRate(stream.bit_rate), TargetUrl());
+  std::fflush(Results());
+  const auto measured =
+      RunMeasurement(measure, {{"played", stream.name}, {"at", FormatBitRate(stream.bit_rate)}});
+  if (player.HasEnded() && player.Status() != 0) {
+    Print(stderr, "{}", player.Output());
+    return player.Status();
+  }
+  if (measured && !options.report_file.empty()) {
+    Print(Results(), "Report with plots: {}\n", options.report_file);
+  }
+  return measured;
+}
+
 Result<int> RunDemo(const DemoOptions& options) {
   if (!options.report_file.empty()) {
     const auto file = OutputFile::Create("--report", options.report_file, options.report_over);
@@ -115,41 +154,10 @@ Result<int> RunDemo(const DemoOptions& options) {
   MeasureOptions measure;
   DefineMeasureOptions(command, measure);
   auto words = MeasureWords(options, *stream);
-  std::vector<std::pair<std::string, std::string>> settings{
-      {"played", stream->name}, {"at", FormatBitRate(stream->bit_rate)}};
-  measure.report_over = options.report_over;
   command.parse(std::vector<std::string>(words.rbegin(), words.rend()));
-
-  const auto network = DemoNetwork::Create();
-  if (!network) {
-    return network.Error();
-  }
-  const std::string target = fmt::format("rtp://{}:{}", DemoNetwork::kFarAddress, kPort);
-  StopSignals::Take();
-  ChildProcess player;
+  measure.report_over = options.report_over;
   measure.plain_words = true;
-  measure.start_sender = [&] {
-    return player.Start({"ipplay", "play", stream->path, "--to", target, "--device",
-                         DemoNetwork::kNear, "--bitrate", fmt::format("{:.3f}", stream->bit_rate)},
-                        [&network] { return network->EnterNear(); });
-  };
-  measure.sender_ended = [&] { return player.HasEnded(); };
-  Print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",
-        stream->name, FormatBitRate(stream->bit_rate), target);
-  std::fflush(Results());
-  const auto measured = RunMeasurement(measure, settings);
-  if (player.HasEnded() && player.Status() != 0) {
-    Print(stderr, "{}", player.Output());
-    return player.Status();
-  }
-  if (!measured) {
-    return measured.Error();
-  }
-  const int status = *measured;
-  if (!options.report_file.empty()) {
-    Print(Results(), "Report with plots: {}\n", options.report_file);
-  }
-  return status;
+  return PlayAndMeasure(options, *stream, measure);
 }
 
 }  // namespace
