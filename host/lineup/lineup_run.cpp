@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -15,8 +16,8 @@
 #include "host/base/library_output.h"
 #include "host/base/machine.h"
 #include "host/base/output_file.h"
-#include "host/base/reload_signal.h"
 #include "host/base/service_manager.h"
+#include "host/base/signal_event.h"
 #include "host/base/stop_signals.h"
 #include "host/library/library.h"
 #include "host/lineup/engine.h"
@@ -82,7 +83,7 @@ void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& ada
 class LineupSession {
  public:
   LineupSession(const LineupOptions& options, std::vector<Adapter> adapters,
-                std::optional<OutputFile> result, const ReloadSignal& reload)
+                std::optional<OutputFile> result, const SignalEvent& reload)
       : options_(options),
         result_(std::move(result)),
         reload_(reload),
@@ -267,7 +268,7 @@ class LineupSession {
 
   const LineupOptions& options_;
   const std::optional<OutputFile> result_;
-  const ReloadSignal& reload_;
+  const SignalEvent& reload_;
   LineupFacts facts_;
   std::mutex output_;  // guards view_ and standard error
   measure::LiveView view_;
@@ -323,7 +324,7 @@ Result<int> RunLineup(const LineupOptions& options) {
     return Failure{ExitStatus::kNoAccess, *missing};
   }
   StopSignals::Take();
-  const ReloadSignal reload;  // before the library starts threads
+  const SignalEvent reload(SIGHUP);  // before the library starts threads
   const Library library;
   LineupSession session(options, library.Adapters(), std::move(*result), reload);
   return session.Run(*lineup);

@@ -3,14 +3,15 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "host/base/continue_signal.h"
 #include "host/base/event.h"
 #include "host/base/result.h"
+#include "host/base/signal_event.h"
 #include "host/base/terminal.h"
 #include "host/library/short_sends.h"
 #include "host/play/feeder.h"
@@ -71,7 +72,7 @@ class PlaySession {
   const PlayOptions& options_;
   const PlayPlan& plan_;
   const Event& stop_reading_;
-  ContinueSignal continued_;
+  SignalEvent continued_{SIGCONT};
   std::unique_ptr<Terminal> terminal_;
   TimeLine time_line_;
   StatusMeter meter_;
