@@ -9,7 +9,6 @@ namespace {
 
 constexpr double kAheadSeconds = 0.5;
 constexpr std::uint64_t kLeastAheadDatagrams = 16;
-constexpr std::uint64_t kLeastAhead = 64 << 10;
 constexpr std::uint64_t kMostAhead = 64 << 20;
 constexpr double kStepSeconds = 0.02;
 // What is held back at most until a PCR says when it leaves.
