@@ -110,8 +110,8 @@ class Reader {
       Blame(1, "no channel; give one as [[channel]] with name, input and to");
     }
     std::ranges::sort(lineup_.mistakes);
-    const auto repeated = std::ranges::unique(lineup_.mistakes);
-    lineup_.mistakes.erase(repeated.begin(), repeated.end());
+    lineup_.mistakes.erase(std::unique(lineup_.mistakes.begin(), lineup_.mistakes.end()),
+                           lineup_.mistakes.end());
     return std::move(lineup_);
   }
 
