@@ -36,5 +36,28 @@ TEST(Availability, FollowsG826) {
   }
 }
 
+TEST(Availability, TakesAlikeSecondsTogether) {
+  for (const std::uint64_t count : {1U, 9U, 10U, 11U, 100'000U}) {
+    for (const Availability::Second& second :
+         {Availability::Second{100, 0, false}, Availability::Second{100, 1, false},
+          Availability::Second{0, 0, false}}) {
+      Availability together;
+      Availability one_by_one;
+      for (Availability* availability : {&together, &one_by_one}) {
+        availability->Add({0, 0, false}, 15);
+        availability->Add({100, 0, false}, 3);
+      }
+      together.Add(second, count);
+      for (std::uint64_t i = 0; i < count; ++i) {
+        one_by_one.Add(second);
+      }
+      EXPECT_EQ(together.Seconds(), count + 18);
+      EXPECT_EQ(together.ErroredSeconds(), one_by_one.ErroredSeconds());
+      EXPECT_EQ(together.SeverelyErroredSeconds(), one_by_one.SeverelyErroredSeconds());
+      EXPECT_EQ(together.UnavailableSeconds(), one_by_one.UnavailableSeconds());
+    }
+  }
+}
+
 }  // namespace
 }  // namespace ipplay::measure

@@ -69,5 +69,30 @@ TEST(MediaDeliveryIndex, CountsLossesInTheirSecond) {
   EXPECT_EQ(lost, (std::vector<std::uint64_t>{7, 0, 0, 0, 0, 14}));
 }
 
+// Every second of a hole counts, however long it is: here three days.
+TEST(MediaDeliveryIndex, CountsTheSecondsOfLongHoles) {
+  constexpr std::int64_t kSeconds = 3 * 24 * 3600;
+  MediaDeliveryIndex mdi(std::nullopt);
+  std::int64_t seconds = 0;
+  std::int64_t calls = 0;
+  std::int64_t end_ns = 0;
+  const auto count = [&](const MediaDeliveryIndex::Interval& i) {
+    EXPECT_EQ(i.start_ns, end_ns);
+    end_ns = i.start_ns + i.count * MediaDeliveryIndex::kIntervalNs;
+    seconds += i.count;
+    ++calls;
+  };
+  mdi.Add(0, 1000, 0, count);
+  mdi.Add(kSeconds * 1000 * kMs, 1000, 0, count);
+  EXPECT_EQ(seconds, kSeconds);
+  EXPECT_LT(calls, 10'000);
+  EXPECT_EQ(mdi.DelayFactors().Count(), std::uint64_t{kSeconds});
+  EXPECT_EQ(mdi.LossRates().Count(), std::uint64_t{kSeconds});
+  // The first second holds the datagram; n seconds after it, nothing has come for n seconds.
+  EXPECT_EQ(mdi.DelayFactors().Max(), std::uint64_t{kSeconds} * 1000 * kMs);
+  const double sum_s = (double{kSeconds} * (kSeconds + 1) / 2 - 1);
+  EXPECT_NEAR(mdi.DelayFactors().Mean(), sum_s / kSeconds * 1000 * kMs, 2);
+}
+
 }  // namespace
 }  // namespace ipplay::measure

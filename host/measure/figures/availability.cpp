@@ -12,16 +12,28 @@ bool IsSeverelyErrored(const Availability::Second& second) {
 
 }  // namespace
 
-void Availability::Add(const Second& second) {
+void Availability::Add(const Second& second, std::uint64_t count) {
   const bool severely = IsSeverelyErrored(second);
   const bool errored = severely || second.lost_packets > 0 || second.has_other_errors;
-  ++seconds_;
-  if (is_available_) {
-    errored_ += errored ? 1 : 0;
-    severely_errored_ += severely ? 1 : 0;
-  } else {
-    ++unavailable_;
+  for (; count > 0 && (severely == is_available_ || turning_ > 0); --count) {
+    AddOne(errored, severely);
   }
+  // The rest turns nothing.
+  Count(errored, severely, count);
+}
+
+void Availability::Count(bool errored, bool severely, std::uint64_t seconds) {
+  seconds_ += seconds;
+  if (is_available_) {
+    errored_ += errored ? seconds : 0;
+    severely_errored_ += severely ? seconds : 0;
+  } else {
+    unavailable_ += seconds;
+  }
+}
+
+void Availability::AddOne(bool errored, bool severely) {
+  Count(errored, severely, 1);
   if (severely != is_available_) {
     turning_ = turning_errored_ = 0;
     return;

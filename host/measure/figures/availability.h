@@ -18,7 +18,8 @@ class Availability {
     bool has_other_errors = false;
   };
 
-  void Add(const Second& second);
+  // `count` seconds in a row that are all alike.
+  void Add(const Second& second, std::uint64_t count = 1);
 
   std::uint64_t Seconds() const { return seconds_; }
   // Both in available time only; a severely errored second is an errored second, too.
@@ -27,6 +28,8 @@ class Availability {
   std::uint64_t UnavailableSeconds() const { return unavailable_; }
 
  private:
+  void AddOne(bool errored, bool severely);
+  void Count(bool errored, bool severely, std::uint64_t seconds);
   void Turn();
 
   std::uint64_t seconds_ = 0;

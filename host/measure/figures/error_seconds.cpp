@@ -33,6 +33,12 @@ void ErrorSeconds::End(std::int64_t start_ns, std::uint64_t received_packets,
   }
 }
 
+void ErrorSeconds::EndEmpty(std::int64_t start_ns, std::int64_t seconds) {
+  End(start_ns, 0, 0);
+  total_.Add({}, static_cast<std::uint64_t>(seconds - 1));
+  start_ns_ += (seconds - 1) * kSecondNs;
+}
+
 void ErrorSeconds::Finish() {
   if (before_) {
     total_.Add(*before_);

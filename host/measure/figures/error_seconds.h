@@ -21,6 +21,8 @@ class ErrorSeconds {
   // The second that begins at `start_ns` is over. What waits longer than a second for its errors to
   // be found is not waited for.
   void End(std::int64_t start_ns, std::uint64_t received_packets, std::uint64_t lost_packets);
+  // So are `seconds` from `start_ns` on, in which nothing came.
+  void EndEmpty(std::int64_t start_ns, std::int64_t seconds);
   // No error follows.
   void Finish();
 

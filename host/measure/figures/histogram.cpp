@@ -12,9 +12,12 @@ constexpr int kSubBucketBits = std::bit_width(Histogram::kSubBuckets) - 1;
 
 }  // namespace
 
-void Histogram::Add(std::uint64_t value) {
-  ++count_;
-  sum_ += value;
+void Histogram::Add(std::uint64_t value, std::uint64_t times) {
+  if (times == 0) {
+    return;
+  }
+  count_ += times;
+  sum_ += Sum{value} * times;
   min_ = std::min(min_, value);
   max_ = std::max(max_, value);
   value = std::min(value, kLargest);
@@ -24,7 +27,7 @@ void Histogram::Add(std::uint64_t value) {
   if (octaves_[octave] == nullptr) {
     octaves_[octave] = std::make_unique<Octave>();
   }
-  ++(*octaves_[octave])[(value >> shift) % kSubBuckets];
+  (*octaves_[octave])[(value >> shift) % kSubBuckets] += times;
 }
 
 double Histogram::Mean() const {

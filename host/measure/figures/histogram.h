@@ -26,7 +26,7 @@ class Histogram {
     std::uint64_t count;
   };
 
-  void Add(std::uint64_t value);
+  void Add(std::uint64_t value, std::uint64_t times = 1);
 
   std::uint64_t Count() const { return count_; }
   // Exact; 0 while there are no values.

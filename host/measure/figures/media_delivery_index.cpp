@@ -37,7 +37,7 @@ void MediaDeliveryIndex::Take(std::int64_t time_ns, std::uint32_t bytes,
 }
 
 MediaDeliveryIndex::Interval MediaDeliveryIndex::EndInterval(std::int64_t end_ns) {
-  Interval interval{start_ns_, 0, interval_lost_, static_cast<std::uint64_t>(interval_bytes_)};
+  Interval interval{start_ns_, 1, 0, interval_lost_, static_cast<std::uint64_t>(interval_bytes_)};
   if (interval_is_empty_) {
     // So far the buffer has given out what it held for as long as nothing has come.
     interval.delay_factor_ns = static_cast<double>(end_ns - last_ns_);
@@ -52,6 +52,20 @@ MediaDeliveryIndex::Interval MediaDeliveryIndex::EndInterval(std::int64_t end_ns
   interval_lost_ = 0;
   interval_is_empty_ = true;
   start_ns_ = end_ns;
+  last_ = interval;
+  return interval;
+}
+
+// The delay factor grows by a second from one to the next; the mean stands for all but the last.
+MediaDeliveryIndex::Interval MediaDeliveryIndex::EndEmptyIntervals(std::int64_t count) {
+  const std::int64_t first_ns = start_ns_ + kIntervalNs - last_ns_;
+  const std::int64_t last_ns = first_ns + (count - 1) * kIntervalNs;
+  delay_factors_.Add(static_cast<std::uint64_t>((first_ns + last_ns - kIntervalNs) / 2),
+                     static_cast<std::uint64_t>(count - 1));
+  delay_factors_.Add(static_cast<std::uint64_t>(last_ns));
+  loss_rates_.Add(0, static_cast<std::uint64_t>(count));
+  const Interval interval{start_ns_, count, static_cast<double>(last_ns), 0, 0};
+  start_ns_ += count * kIntervalNs;
   last_ = interval;
   return interval;
 }

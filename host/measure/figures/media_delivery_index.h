@@ -15,11 +15,12 @@ namespace ipplay::measure {
 class MediaDeliveryIndex {
  public:
   static constexpr std::int64_t kIntervalNs = 1'000'000'000;
-  // So many empty intervals in a row are counted one by one, more than a day of them.
-  static constexpr std::int64_t kMostEmptyIntervals = 100'000;
+  // So many empty intervals in a row are reported one by one, and those behind them as one.
+  static constexpr std::int64_t kMostOneByOne = 600;
 
   struct Interval {
     std::int64_t start_ns = 0;
+    std::int64_t count = 1;  // of empty ones in a row; the figures are the last one's
     double delay_factor_ns = 0;
     std::uint64_t lost_packets = 0;
     std::uint64_t bytes = 0;
@@ -71,15 +72,18 @@ class MediaDeliveryIndex {
  private:
   template <typename OnInterval>
   void EndIntervalsBefore(std::int64_t time_ns, OnInterval&& on_interval) {
-    for (std::int64_t ended = 0; ended < kMostEmptyIntervals && time_ns - start_ns_ >= kIntervalNs;
+    for (std::int64_t ended = 0; ended < kMostOneByOne && time_ns - start_ns_ >= kIntervalNs;
          ++ended) {
       on_interval(EndInterval(start_ns_ + kIntervalNs));
     }
-    start_ns_ += (time_ns - start_ns_) / kIntervalNs * kIntervalNs;
+    if (const std::int64_t rest = (time_ns - start_ns_) / kIntervalNs; rest > 0) {
+      on_interval(EndEmptyIntervals(rest));
+    }
   }
   void Start(std::int64_t time_ns);
   void Take(std::int64_t time_ns, std::uint32_t bytes, std::uint64_t lost_packets);
   Interval EndInterval(std::int64_t end_ns);
+  Interval EndEmptyIntervals(std::int64_t count);
 
   std::optional<double> given_rate_;
   std::optional<double> stated_rate_;

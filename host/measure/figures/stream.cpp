@@ -411,6 +411,10 @@ void Stream::CountErrors(std::int64_t time_ns) {
 }
 
 void Stream::CountSecond(const MediaDeliveryIndex::Interval& ended) {
+  if (ended.count > 1) {
+    seconds_.EndEmpty(ended.start_ns, ended.count);
+    return;
+  }
   seconds_.End(ended.start_ns, second_packets_, ended.lost_packets);
   second_packets_ = 0;
 }
@@ -426,7 +430,8 @@ void Stream::KeepMdi(const MediaDeliveryIndex::Interval& ended) {
   CountSecond(ended);
   peaks_.delay_factor_ns = std::max(peaks_.delay_factor_ns.value_or(0), ended.delay_factor_ns);
   if (history_ != nullptr) {
-    history_->mdi.At(ended.start_ns).Add(ended.delay_factor_ns, ended.lost_packets);
+    const std::int64_t last_ns = ended.start_ns + (ended.count - 1) * ErrorSeconds::kSecondNs;
+    history_->mdi.At(last_ns).Add(ended.delay_factor_ns, ended.lost_packets);
   }
 }
 
