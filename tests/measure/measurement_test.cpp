@@ -117,7 +117,7 @@ TEST(Measurement, AClockThatIsPutBackIsInNoFigure) {
     EXPECT_EQ(stream.spacing.gap.min, 1.0 * kMs);
     EXPECT_EQ(stream.spacing.gap.max, 1.0 * kMs);
     EXPECT_EQ(stream.spacing.time_reversals, 0U);
-    EXPECT_LT(stream.mdi.delay_factor_max, 1.1 * kMs);
+    EXPECT_LT(stream.mdi.delay_factor->max, 1.1 * kMs);
     EXPECT_DOUBLE_EQ(stream.rate.frames_per_second, 1000);
     std::vector<std::int64_t> steps;
     for (const Event& event : measurement.Events().Kept()) {
@@ -271,7 +271,7 @@ TEST(Measurement, TimeOutsideOfAStreamsFramesCounts) {
       const double longest = std::max({10.0, truth[i].at_start, truth[i].at_end});
       EXPECT_EQ(stream.longest_silence, longest * kMs);
       EXPECT_EQ(stream.spacing.gap.max, longest * kMs);
-      EXPECT_NEAR(stream.mdi.delay_factor_max, std::max(10.0, truth[i].at_end) * kMs, 1e4);
+      EXPECT_NEAR(stream.mdi.delay_factor->max, std::max(10.0, truth[i].at_end) * kMs, 1e4);
     }
     EXPECT_EQ(measurement.Events().CountOf(EventKind::kSilenceBegan), clock ? 3U : 1U);
     EXPECT_EQ(measurement.Events().CountOf(EventKind::kSilence), clock ? 4U : 2U);

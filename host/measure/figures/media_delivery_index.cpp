@@ -37,14 +37,16 @@ void MediaDeliveryIndex::Take(std::int64_t time_ns, std::uint32_t bytes,
 }
 
 MediaDeliveryIndex::Interval MediaDeliveryIndex::EndInterval(std::int64_t end_ns) {
-  Interval interval{start_ns_, 1, 0, interval_lost_, static_cast<std::uint64_t>(interval_bytes_)};
+  Interval interval{start_ns_, 1, {}, interval_lost_, static_cast<std::uint64_t>(interval_bytes_)};
   if (interval_is_empty_) {
     // So far the buffer has given out what it held for as long as nothing has come.
     interval.delay_factor_ns = static_cast<double>(end_ns - last_ns_);
   } else if (const double rate = BytesPerNs(); rate > 0) {
     interval.delay_factor_ns = level_.Deviation(rate).Spread() / rate;
   }
-  delay_factors_.Add(static_cast<std::uint64_t>(std::llround(interval.delay_factor_ns)));
+  if (interval.delay_factor_ns) {
+    delay_factors_.Add(static_cast<std::uint64_t>(std::llround(*interval.delay_factor_ns)));
+  }
   loss_rates_.Add(interval.lost_packets);
   level_.Clear();
   level_.Add(last_ns_, 0);

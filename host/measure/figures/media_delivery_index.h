@@ -21,7 +21,7 @@ class MediaDeliveryIndex {
   struct Interval {
     std::int64_t start_ns = 0;
     std::int64_t count = 1;  // of empty ones in a row; the figures are the last one's
-    double delay_factor_ns = 0;
+    std::optional<double> delay_factor_ns{};  // none while the rate is not known
     std::uint64_t lost_packets = 0;
     std::uint64_t bytes = 0;
   };
@@ -62,8 +62,10 @@ class MediaDeliveryIndex {
   }
 
   // Over the intervals that have ended, empty ones included.
-  const Histogram& DelayFactors() const { return delay_factors_; }  // ns
-  const Histogram& LossRates() const { return loss_rates_; }        // media packets in a second
+  const Histogram& DelayFactors() const { return delay_factors_; }  // ns; of those that have one
+  // All have one.
+  bool HasAllDelayFactors() const { return delay_factors_.Count() == loss_rates_.Count(); }
+  const Histogram& LossRates() const { return loss_rates_; }  // media packets in a second
   // The last interval that ended.
   const std::optional<Interval>& Last() const { return last_; }
   // The rate at which the buffer drains; 0 while it is not known.

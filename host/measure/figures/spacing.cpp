@@ -9,10 +9,6 @@ namespace {
 
 constexpr double kClumpShare = 0.25;
 
-LineExtent::Range Wider(const LineExtent::Range& a, const LineExtent::Range& b) {
-  return b.Spread() > a.Spread() ? b : a;
-}
-
 }  // namespace
 
 double Spacing::NsPerByte() const {
@@ -90,8 +86,14 @@ double Spacing::GridSlope() const {
   return settings_.ns_per_byte || fit_.Xx() <= 0 ? NsPerByte() : fit_.Xy() / fit_.Xx();
 }
 
-LineExtent::Range Spacing::GridDeviation() const {
-  return Wider(widest_, grid_.Deviation(GridSlope()));
+std::optional<LineExtent::Range> Spacing::GridDeviation() const {
+  // Any two arrivals lie on a line, and so does one on that of a rate.
+  const double fewest = settings_.ns_per_byte ? 2 : 3;
+  if (fit_.Count() < fewest) {
+    return widest_;
+  }
+  const LineExtent::Range stretch = grid_.Deviation(GridSlope());
+  return widest_ && widest_->Spread() >= stretch.Spread() ? widest_ : stretch;
 }
 
 }  // namespace ipplay::measure

@@ -34,7 +34,8 @@ class Spacing {
   const Histogram& GapErrors() const { return gap_errors_; }
   // Earliest and latest arrival against the grid of one stretch without missing frames; the widest
   // such stretch. The grid's slope is the ordered rate, or the line that fits the stretch best.
-  LineExtent::Range GridDeviation() const;
+  // None without a stretch that says more than its own line.
+  std::optional<LineExtent::Range> GridDeviation() const;
 
   // Clumps: frames that follow one another closer than the clump gap.
   std::uint64_t ClumpedFrames() const { return clumped_frames_; }
@@ -53,8 +54,8 @@ class Spacing {
   Histogram gaps_;
   Histogram gap_errors_;
   Histogram burst_lengths_;
-  LineExtent grid_;  // x: bytes of the frames before, y: arrival in ns
-  LineExtent::Range widest_;
+  LineExtent grid_;                          // x: bytes of the frames before, y: arrival in ns
+  std::optional<LineExtent::Range> widest_;  // of the stretches that have ended
   std::int64_t grid_bytes_ = 0;
   std::int64_t grid_first_ns_ = 0;
   LineFit fit_;  // of arrivals over bytes within the stretch

@@ -428,10 +428,10 @@ void Stream::WatchRate(const MediaDeliveryIndex::Interval& ended) {
 
 void Stream::KeepMdi(const MediaDeliveryIndex::Interval& ended) {
   CountSecond(ended);
-  peaks_.delay_factor_ns = std::max(peaks_.delay_factor_ns.value_or(0), ended.delay_factor_ns);
+  peaks_.delay_factor_ns = std::max(peaks_.delay_factor_ns, ended.delay_factor_ns);
   if (history_ != nullptr) {
     const std::int64_t last_ns = ended.start_ns + (ended.count - 1) * ErrorSeconds::kSecondNs;
-    history_->mdi.At(last_ns).Add(ended.delay_factor_ns, ended.lost_packets);
+    history_->mdi.At(last_ns).Add(ended.delay_factor_ns.value_or(0), ended.lost_packets);
   }
 }
 

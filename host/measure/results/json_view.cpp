@@ -38,16 +38,19 @@ Json ToJson(const RateFigures& rate) {
 
 Json ToJson(const SpacingFigures& spacing) {
   const double gaps = static_cast<double>(spacing.gap.count);
-  return {{"gap_ns", ToJson(spacing.gap)},
-          {"gap_error_ns", ToJson(spacing.gap_error)},
-          {"relative_error", Histogram::kRelativeError},
-          {"grid_earliest_ns", spacing.grid_early},
-          {"grid_latest_ns", spacing.grid_late},
-          {"grid_peak_to_peak_ns", spacing.grid_late - spacing.grid_early},
-          {"clumped_frames", spacing.clumped_frames},
-          {"clumped_share", gaps > 0 ? static_cast<double>(spacing.clumped_frames) / gaps : 0},
-          {"burst_length_frames", ToJson(spacing.burst_length)},
-          {"time_reversals", spacing.time_reversals}};
+  Json json = {{"gap_ns", ToJson(spacing.gap)},
+               {"gap_error_ns", ToJson(spacing.gap_error)},
+               {"relative_error", Histogram::kRelativeError},
+               {"clumped_frames", spacing.clumped_frames},
+               {"clumped_share", gaps > 0 ? static_cast<double>(spacing.clumped_frames) / gaps : 0},
+               {"burst_length_frames", ToJson(spacing.burst_length)},
+               {"time_reversals", spacing.time_reversals}};
+  if (spacing.grid) {
+    json["grid_earliest_ns"] = spacing.grid->low;
+    json["grid_latest_ns"] = spacing.grid->high;
+    json["grid_peak_to_peak_ns"] = spacing.grid->Spread();
+  }
+  return json;
 }
 
 Json ToJson(const ChecksumCounters& checksums) {
@@ -98,9 +101,14 @@ Json ToJson(const FecCounters& fec) {
 }
 
 Json ToJson(const MdiFigures& mdi) {
-  return {{"intervals", mdi.intervals},
-          {"delay_factor_ns", {{"mean", mdi.delay_factor_mean}, {"max", mdi.delay_factor_max}}},
-          {"loss_rate_packets", {{"mean", mdi.loss_rate_mean}, {"max", mdi.loss_rate_max}}}};
+  Json json = {{"intervals", mdi.intervals}};
+  if (mdi.delay_factor) {
+    json["delay_factor_ns"] = {{"mean", mdi.delay_factor->mean}, {"max", mdi.delay_factor->max}};
+  }
+  if (mdi.loss_rate) {
+    json["loss_rate_packets"] = {{"mean", mdi.loss_rate->mean}, {"max", mdi.loss_rate->max}};
+  }
+  return json;
 }
 
 void Put(Json& json, const char* name, const std::optional<double>& value) {

@@ -27,16 +27,21 @@ Value Worst(const Summary& summary, OfStream of_stream) {
   return worst;
 }
 
-template <typename OfRtp>
-Value WorstRtp(const Summary& summary, OfRtp of_rtp) {
-  return Worst(summary, [&](const StreamSummary& s) { return s.rtp ? of_rtp(*s.rtp) : Value(); });
+// The same; nothing where any of them has none.
+template <typename OfStream>
+Value WorstOfAll(const Summary& summary, OfStream of_stream) {
+  const bool all = std::ranges::all_of(
+      summary.streams, [&](const StreamSummary& s) { return of_stream(s).has_value(); });
+  return all ? Worst(summary, of_stream) : Value();
 }
 
-// Over all clocks of all streams; nothing where any of them could not be measured.
+// Over all clocks of all transport streams; nothing where any of them could not be measured, or has
+// none.
 template <typename OfPcr>
 Value WorstPcr(const Summary& summary, OfPcr of_pcr) {
   Value worst;
   for (const StreamSummary& stream : summary.streams) {
+    bool has_clock = false;
     for (const PidSummary& pid : stream.ts ? stream.ts->pids : std::vector<PidSummary>()) {
       if (!pid.pcr) {
         continue;
@@ -46,6 +51,10 @@ Value WorstPcr(const Summary& summary, OfPcr of_pcr) {
         return value;
       }
       worst = std::max(worst.value_or(*value), *value);
+      has_clock = true;
+    }
+    if (stream.ts && !has_clock) {
+      return std::nullopt;
     }
   }
   return worst;
@@ -60,15 +69,36 @@ Value IfTs(const Summary& summary, std::uint64_t count) {
                count);
 }
 
+// Third priority errors, if there is something that each transport stream can be judged by.
+Value ThirdPriorityErrors(const Summary& summary) {
+  const bool all = std::ranges::all_of(summary.streams, [](const StreamSummary& s) {
+    return !s.ts || std::ranges::any_of(s.ts->indicators, [](const IndicatorSummary& indicator) {
+      return indicator.info->priority == 3 && indicator.state.measured;
+    });
+  });
+  return all ? IfTs(summary, summary.total.ts_third_priority_errors) : Value();
+}
+
+// Of RTP with constant time stamps there is none; only FEC may have those.
+Value Jitter(const Summary& summary) {
+  Value worst;
+  for (const StreamSummary& s : summary.streams) {
+    if (s.rtp && s.rtp->has_jitter) {
+      worst = std::max(worst.value_or(0), s.rtp->jitter_max);
+    } else if (s.rtp && s.ts) {
+      return std::nullopt;
+    }
+  }
+  return worst;
+}
+
 bool AnyRtp(const Summary& summary) {
   return std::ranges::any_of(summary.streams, [](const auto& s) { return s.rtp.has_value(); });
 }
 
-// A restarted numbering, or numbers far from all others, hide how many are missing.
 Value Lost(const Summary& summary) {
-  const bool known = std::ranges::all_of(summary.streams, [](const StreamSummary& s) {
-    return s.Lost() && !(s.rtp && s.rtp->restarts + s.rtp->strays > 0);
-  });
+  const bool known = !summary.streams.empty() &&
+                     std::ranges::all_of(summary.streams, &StreamSummary::KnowsAllLosses);
   // RTP packets and transport packets are no sum.
   return IfAny(known, std::max(summary.total.lost, summary.total.lost_ts_packets));
 }
@@ -110,9 +140,15 @@ std::string NotLookedAt(const Summary& summary, const LimitKind& kind) {
         return fmt::format("{} frames not looked into",
                            FormatCount(summary.total.frames_without_detail));
       }
-      return summary.total.cut_frames == 0
-                 ? ""
-                 : fmt::format("{} frames captured in part", FormatCount(summary.total.cut_frames));
+      if (summary.total.cut_frames > 0) {
+        return fmt::format("{} frames captured in part", FormatCount(summary.total.cut_frames));
+      }
+      if (const auto others = std::ranges::count_if(
+              summary.streams, [](const auto& s) { return !s.ts && !s.protects; });
+          others > 0) {
+        return fmt::format("{} stream{} without transport packets", others, others == 1 ? "" : "s");
+      }
+      break;
     case LooksAt::kFrames:
       break;
   }
@@ -120,7 +156,7 @@ std::string NotLookedAt(const Summary& summary, const LimitKind& kind) {
 }
 
 Value RateError(const Summary& summary) {
-  return Worst(summary, [](const StreamSummary& s) {
+  return WorstOfAll(summary, [](const StreamSummary& s) {
     return s.rate.error_ppm ? Value(std::abs(*s.rate.error_ppm)) : Value();
   });
 }
@@ -128,7 +164,9 @@ Value RateError(const Summary& summary) {
 constexpr LimitKind kKinds[] = {
     {"--max-p99", LimitUnit::kDuration, "99th percentile of |gap - ideal gap|",
      [](const Summary& m) {
-       return Worst(m, [](const auto& s) { return Value(s.spacing.gap_error.p99); });
+       return WorstOfAll(m, [](const auto& s) {
+         return s.spacing.gap_error.count > 0 ? Value(s.spacing.gap_error.p99) : Value();
+       });
      },
      true},
     {"--max-gap", LimitUnit::kDuration,
@@ -145,16 +183,12 @@ constexpr LimitKind kKinds[] = {
      true},
     {"--max-peak-to-peak", LimitUnit::kDuration, "deviation from the ideal grid, peak to peak",
      [](const Summary& m) {
-       return Worst(
-           m, [](const auto& s) { return Value(s.spacing.grid_late - s.spacing.grid_early); });
+       return WorstOfAll(m, [](const auto& s) {
+         return s.spacing.grid ? Value(s.spacing.grid->Spread()) : Value();
+       });
      },
      true},
-    {"--max-jitter", LimitUnit::kDuration, "largest RFC 3550 interarrival jitter",
-     [](const Summary& m) {
-       return WorstRtp(m,
-                       [](const auto& r) { return r.has_jitter ? Value(r.jitter_max) : Value(); });
-     },
-     true},
+    {"--max-jitter", LimitUnit::kDuration, "largest RFC 3550 interarrival jitter", Jitter, true},
     {"--max-loss", LimitUnit::kCountOrPercent, "packets lost, or their share", Lost, true},
     {"--max-unrepaired", LimitUnit::kCount, "RTP packets lost that FEC does not repair", Unrepaired,
      true},
@@ -170,15 +204,16 @@ constexpr LimitKind kKinds[] = {
      false, LooksAt::kChecksums},
     {"--max-df", LimitUnit::kDuration, "delay factor of RFC 4445 in any second",
      [](const Summary& m) {
-       return Worst(m, [](const auto& s) {
-         return s.mdi.intervals > 0 ? Value(s.mdi.delay_factor_max) : Value();
+       return WorstOfAll(m, [](const auto& s) {
+         return s.mdi.delay_factor && s.mdi.all_delay_factors ? Value(s.mdi.delay_factor->max)
+                                                              : Value();
        });
      },
      true},
     {"--max-mlr", LimitUnit::kCount, "media loss rate of RFC 4445 in any second",
      [](const Summary& m) {
-       return Worst(m, [](const auto& s) {
-         return s.mdi.intervals > 0 ? Value(s.mdi.loss_rate_max) : Value();
+       return WorstOfAll(m, [](const auto& s) {
+         return s.mdi.loss_rate && s.KnowsAllLosses() ? Value(s.mdi.loss_rate->max) : Value();
        });
      },
      true},
@@ -189,8 +224,7 @@ constexpr LimitKind kKinds[] = {
      [](const Summary& m) { return IfTs(m, m.total.ts_second_priority_errors); }, true,
      LooksAt::kPayload},
     {"--max-ts-errors-3", LimitUnit::kCount, "TR 101 290 third priority errors",
-     [](const Summary& m) { return IfTs(m, m.total.ts_third_priority_errors); }, true,
-     LooksAt::kPayload},
+     ThirdPriorityErrors, true, LooksAt::kPayload},
     {"--max-pcr-accuracy", LimitUnit::kDuration, "PCRs against a constant bit rate, peak to peak",
      [](const Summary& m) {
        return WorstPcr(m, [](const auto& pcr) { return pcr.accuracy_spread; });

@@ -62,10 +62,10 @@ void WriteSpacing(Out out, const SpacingFigures& spacing) {
 }
 
 void WriteStreamContent(Out out, const StreamSummary& stream) {
-  if (stream.mdi.intervals > 0) {
+  if (stream.mdi.delay_factor) {
     Line(out, "buffer",
          fmt::format("of {} is all that a receiver needs (RFC 4445 delay factor)",
-                     Time(stream.mdi.delay_factor_max)));
+                     Time(stream.mdi.delay_factor->max)));
   }
   if (stream.ts) {
     Line(out, "stream",

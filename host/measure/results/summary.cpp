@@ -27,9 +27,7 @@ SpacingFigures FiguresOf(const Spacing& spacing) {
   SpacingFigures figures;
   figures.gap = DistributionOf(spacing.Gaps());
   figures.gap_error = DistributionOf(spacing.GapErrors());
-  const LineExtent::Range grid = spacing.GridDeviation();
-  figures.grid_early = grid.low;
-  figures.grid_late = grid.high;
+  figures.grid = spacing.GridDeviation();
   figures.clumped_frames = spacing.ClumpedFrames();
   figures.burst_length = DistributionOf(spacing.BurstLengths());
   figures.time_reversals = spacing.TimeReversals();
@@ -57,14 +55,18 @@ RtpFigures FiguresOf(const Stream::Rtp& rtp) {
   return figures;
 }
 
+std::optional<MeanAndMax> MeanAndMaxOf(const Histogram& histogram) {
+  if (histogram.Count() == 0) {
+    return std::nullopt;
+  }
+  return MeanAndMax{histogram.Mean(), static_cast<double>(histogram.Max())};
+}
+
 MdiFigures FiguresOf(const MediaDeliveryIndex& mdi) {
-  MdiFigures figures;
-  figures.intervals = mdi.DelayFactors().Count();
-  figures.delay_factor_mean = mdi.DelayFactors().Mean();
-  figures.delay_factor_max = static_cast<double>(mdi.DelayFactors().Max());
-  figures.loss_rate_mean = mdi.LossRates().Mean();
-  figures.loss_rate_max = static_cast<double>(mdi.LossRates().Max());
-  return figures;
+  return {.intervals = mdi.LossRates().Count(),
+          .all_delay_factors = mdi.HasAllDelayFactors(),
+          .delay_factor = MeanAndMaxOf(mdi.DelayFactors()),
+          .loss_rate = MeanAndMaxOf(mdi.LossRates())};
 }
 
 PcrFigures FiguresOf(const PcrTracker& pcr) {
@@ -240,10 +242,19 @@ std::optional<std::uint64_t> StreamSummary::Lost() const {
   if (rtp) {
     return rtp->lost;
   }
-  if (ts) {
+  // Null packets have no counters.
+  if (ts && ts->counters.packets > ts->counters.null_packets) {
     return ts->Missing();
   }
   return std::nullopt;
+}
+
+bool StreamSummary::KnowsAllLosses() const {
+  if (rtp) {
+    // A restarted numbering, or numbers far from all others, hide how many are missing.
+    return rtp->restarts + rtp->strays == 0;
+  }
+  return Lost() && cut_frames + frames_without_detail == 0;
 }
 
 Distribution DistributionOf(const Histogram& histogram) {
@@ -294,6 +305,9 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   if (stream.Ts() != nullptr && stream.Ts()->IsTransportStream()) {
     summary.ts = FiguresOf(*stream.Ts(), stream.Rate().Seconds());
     summary.ts->continuity_errors_as_arrived = stream.ContinuityErrorsAsArrived();
+  }
+  if (!summary.Lost()) {
+    summary.mdi.loss_rate.reset();
   }
   if (stream.Compare() != nullptr) {
     summary.compare = FiguresOf(*stream.Compare());

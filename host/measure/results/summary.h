@@ -40,8 +40,7 @@ struct RateFigures {
 struct SpacingFigures {
   Distribution gap;
   Distribution gap_error;
-  double grid_early = 0;  // 0 or less
-  double grid_late = 0;   // 0 or more
+  std::optional<LineExtent::Range> grid;  // low is 0 or less, high is 0 or more
   std::uint64_t clumped_frames = 0;
   Distribution burst_length;  // in frames
   std::uint64_t time_reversals = 0;
@@ -73,12 +72,17 @@ struct SecondsFigures {  // as Availability
   std::uint64_t unavailable = 0;
 };
 
+struct MeanAndMax {
+  double mean = 0;
+  double max = 0;
+};
+
+// Without a value what could not be measured.
 struct MdiFigures {
   std::uint64_t intervals = 0;
-  double delay_factor_mean = 0;
-  double delay_factor_max = 0;
-  double loss_rate_mean = 0;
-  double loss_rate_max = 0;
+  bool all_delay_factors = false;          // every interval has one
+  std::optional<MeanAndMax> delay_factor;  // of those that have one
+  std::optional<MeanAndMax> loss_rate;
 };
 
 // Without a value what could not be measured.
@@ -180,6 +184,8 @@ struct StreamSummary {
   // Packets that are known to be missing: by RTP, or else by the transport stream; none where
   // neither can tell.
   std::optional<std::uint64_t> Lost() const;
+  // No others can be missing, but at its ends.
+  bool KnowsAllLosses() const;
 };
 
 struct TotalSummary {

@@ -51,6 +51,10 @@ struct Column {
   std::string (*text)(const StreamSummary& stream);
 };
 
+std::string Percentile99(const Distribution& distribution) {
+  return distribution.count > 0 ? Time(distribution.p99) : std::string("-");
+}
+
 std::string OptionalCount(const std::optional<std::uint64_t>& count) {
   return count ? FormatCount(*count) : "-";
 }
@@ -60,12 +64,13 @@ constexpr Column kColumns[] = {
     {"frame rate", 14, false,
      [](const StreamSummary& s) { return FormatBitRate(s.rate.frame_bit_rate); }},
     {"lost", 9, true, [](const StreamSummary& s) { return OptionalCount(s.Lost()); }},
-    {"gap p99", 9, true, [](const StreamSummary& s) { return Time(s.spacing.gap.p99); }},
+    {"gap p99", 9, true, [](const StreamSummary& s) { return Percentile99(s.spacing.gap); }},
     {"gap max", 9, true, [](const StreamSummary& s) { return Time(s.spacing.gap.max); }},
-    {"error p99", 9, true, [](const StreamSummary& s) { return Time(s.spacing.gap_error.p99); }},
+    {"error p99", 9, true,
+     [](const StreamSummary& s) { return Percentile99(s.spacing.gap_error); }},
     {"DF max", 9, true,
      [](const StreamSummary& s) {
-       return s.mdi.intervals > 0 ? Time(s.mdi.delay_factor_max) : std::string("-");
+       return s.mdi.delay_factor ? Time(s.mdi.delay_factor->max) : std::string("-");
      }},
     {"TS err", 8, true,
      [](const StreamSummary& s) { return s.ts ? FormatCount(s.ts->errors) : std::string("-"); }},
@@ -232,8 +237,25 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
   }
 }
 
+void WriteMdi(Out out, const MdiFigures& mdi) {
+  const std::string delay_factor =
+      mdi.delay_factor ? fmt::format("mean {}, max {}", Time(mdi.delay_factor->mean),
+                                     Time(mdi.delay_factor->max))
+                       : "not measurable";
+  const std::string loss_rate = mdi.loss_rate
+                                    ? fmt::format("mean {:.3g}, max {:.0f} packets in a second",
+                                                  mdi.loss_rate->mean, mdi.loss_rate->max)
+                                    : "not measurable";
+  fmt::format_to(out, "  {:<10} delay factor {}; media loss rate {}\n", "MDI", delay_factor,
+                 loss_rate);
+}
+
 void WriteSpacing(Out out, const StreamSummary& stream) {
   const auto row = [&](const char* name, const Distribution& d) {
+    if (d.count == 0) {
+      fmt::format_to(out, "  {:<10} not measurable\n", name);
+      return;
+    }
     fmt::format_to(out, "  {:<10} min {}, mean {}, p50 {}, p90 {}, p99 {}, p99.9 {}, max {}\n",
                    name, Time(d.min), Time(d.mean), Time(d.p50), Time(d.p90), Time(d.p99),
                    Time(d.p999), Time(d.max));
@@ -242,9 +264,11 @@ void WriteSpacing(Out out, const StreamSummary& stream) {
   row("gap", spacing.gap);
   row("gap error", spacing.gap_error);
   const double gaps = static_cast<double>(std::max<std::uint64_t>(1, spacing.gap.count));
-  fmt::format_to(out, "  {:<10} {} early to {} late, {} peak to peak\n", "grid",
-                 Time(-spacing.grid_early), Time(spacing.grid_late),
-                 Time(spacing.grid_late - spacing.grid_early));
+  if (spacing.grid) {
+    fmt::format_to(out, "  {:<10} {} early to {} late, {} peak to peak\n", "grid",
+                   Time(-spacing.grid->low), Time(spacing.grid->high),
+                   Time(spacing.grid->Spread()));
+  }
   fmt::format_to(out, "  {:<10} {:.3g} % of the frames, {} bursts, longest {} frames\n", "clumped",
                  static_cast<double>(spacing.clumped_frames) / gaps * 100,
                  FormatCount(spacing.burst_length.count),
@@ -414,11 +438,7 @@ void WriteFigures(Out out, const StreamSummary& stream) {
   if (stream.fec) {
     WriteFec(out, *stream.fec);
   }
-  fmt::format_to(out,
-                 "  {:<10} delay factor mean {}, max {}; media loss rate mean {:.3g}, max {:.0f} "
-                 "packets in a second\n",
-                 "MDI", Time(stream.mdi.delay_factor_mean), Time(stream.mdi.delay_factor_max),
-                 stream.mdi.loss_rate_mean, stream.mdi.loss_rate_max);
+  WriteMdi(out, stream.mdi);
   if (stream.ts) {
     WriteTs(out, *stream.ts);
   }

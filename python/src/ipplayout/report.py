@@ -97,9 +97,9 @@ class Spacing:
     gap_ns: Distribution
     gap_error_ns: Distribution
     relative_error: float
-    grid_earliest_ns: float
-    grid_latest_ns: float
-    grid_peak_to_peak_ns: float
+    grid_earliest_ns: float | None
+    grid_latest_ns: float | None
+    grid_peak_to_peak_ns: float | None
     clumped_frames: int
     clumped_share: float
     burst_length_frames: Distribution
@@ -155,8 +155,8 @@ class Total:
 class Mdi:
     """Media delivery index (RFC 4445); ``intervals`` are seconds."""
     intervals: int
-    delay_factor_ns: Spread
-    loss_rate_packets: Spread
+    delay_factor_ns: Spread | None
+    loss_rate_packets: Spread | None
 
 
 @dataclass(frozen=True, kw_only=True)
