@@ -36,7 +36,9 @@ std::optional<Place> PlaceInJob(const Environment& environment) {
     return Place{*rank, number("OMPI_COMM_WORLD_SIZE")};
   }
   if (const auto rank = number("SLURM_PROCID")) {
-    return Place{*rank, number("SLURM_NTASKS")};
+    // Of the step; the job may have more.
+    const Count of_step = number("SLURM_STEP_NUM_TASKS");
+    return Place{*rank, of_step ? of_step : number("SLURM_NTASKS")};
   }
   return std::nullopt;
 }
@@ -59,15 +61,30 @@ Result<Part> PartOfJob(Count of, const Environment& environment) {
   return Part{static_cast<std::uint32_t>(place->index + 1), static_cast<std::uint32_t>(*parts)};
 }
 
-}  // namespace
-
-bool Part::Has(std::string_view channel) const {
-  std::uint64_t hash = 14695981039346656037U;  // FNV-1a, with its bits mixed for the remainder
+// Jump consistent hash (Lamping and Veach, 2014): of one part more, each takes the same share of
+// its channels from all others, and no other channel moves.
+std::uint32_t PlaceOf(std::string_view channel, std::uint32_t of) {
+  constexpr std::uint64_t kLcgFactor = 2862933555777941757U;
+  std::uint64_t hash = 14695981039346656037U;  // FNV-1a, with its bits mixed
   for (const char c : channel) {
     hash = (hash ^ static_cast<std::uint8_t>(c)) * 1099511628211U;
   }
   hash = (hash ^ (hash >> 33)) * 0xFF51AFD7ED558CCDU;
-  return (hash ^ (hash >> 33)) % of == number - 1;
+  hash ^= hash >> 33;
+  std::uint64_t place = 0;
+  for (std::uint64_t next = 0; next < of;) {
+    place = next;
+    hash = hash * kLcgFactor + 1;
+    const double jump = static_cast<double>(1ULL << 31) / static_cast<double>((hash >> 33) + 1);
+    next = static_cast<std::uint64_t>(static_cast<double>(place + 1) * jump);
+  }
+  return static_cast<std::uint32_t>(place);
+}
+
+}  // namespace
+
+bool Part::Has(std::string_view channel) const {
+  return PlaceOf(channel, of) == number - 1;
 }
 
 std::string Part::Text() const {

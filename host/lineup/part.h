@@ -16,7 +16,8 @@ struct Part {
   std::uint32_t number = 1;  // from 1
   std::uint32_t of = 1;
 
-  // By the name alone: a channel stays in its part, whatever other channels come or go.
+  // By the name alone: a channel stays in its part, whatever other channels come or go. With more
+  // parts a channel stays or goes to a new one.
   bool Has(std::string_view channel) const;
   std::string Text() const;  // "3/8"
 
