@@ -2,17 +2,18 @@
 // One result of the parts of a lineup that ran on several machines.
 #pragma once
 
-#include <chrono>
-#include <optional>
 #include <string>
 
 #include "host/base/result.h"
+#include "host/lineup/gathered.h"
 
 namespace ipplay {
 
 struct GatherOptions {
   std::string folder;
-  std::optional<std::chrono::nanoseconds> most_lateness, most_clock_error;
+  std::string lineup;  // the file with all channels; empty: not known
+  std::string report;  // the page; empty: none
+  GatherLimits limits;
   bool json = false;
 };
 

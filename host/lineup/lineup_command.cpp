@@ -8,6 +8,7 @@
 #include "host/base/units.h"
 #include "host/cli/option_builder.h"
 #include "host/lineup/gather.h"
+#include "host/lineup/lineup_file.h"
 #include "host/lineup/lineup_run.h"
 
 namespace ipplay {
@@ -29,6 +30,9 @@ void RegisterLineup(CLI::App& app, Result<int>& outcome) {
   add.Flag("--json", options->json,
            "Print one JSON object at the end on standard output, and nothing else");
   add.Flag("--quiet", options->quiet, "No table while it runs");
+  add.Value("--start-at", options->start_at, "TIME", kStartTimeWords,
+            "Start all channels at this time, whatever the file says; at once if it is over",
+            ParseStartTime);
   command->footer("SIGHUP reads the file again; channels that did not change play on.");
   command->callback([options, part, &outcome] {
     if (!part->empty()) {
@@ -50,11 +54,14 @@ void RegisterGather(CLI::App& app, Result<int>& outcome) {
   add.Value("DIR", options->folder, "DIR", "a folder",
             "Folder with the results that `ipplay lineup --results` wrote; required", ParseText)
       ->required();
-  add.Value("--max-lateness", options->most_lateness, "TIME", "a time as 500us",
+  add.Value("--lineup", options->lineup, "FILE", "a file",
+            "Name the channels of this lineup that no part has", ParseText);
+  add.Value("--max-lateness", options->limits.lateness, "TIME", "a time as 500us",
             "Fail if 1 % of the frames of a channel left later than this", ParseDuration);
-  add.Value("--max-clock-error", options->most_clock_error, "TIME", "a time as 10ms",
+  add.Value("--max-clock-error", options->limits.clock_error, "TIME", "a time as 10ms",
             "Fail if the clock of a machine may be wrong by more than this, or is not kept right",
             ParseDuration);
+  add.Value("--report", options->report, "FILE", "a file", "Write an HTML page to FILE", ParseText);
   add.Flag("--json", options->json, "Print one JSON object on standard output");
   command->callback([options, &outcome] { outcome = Gather(*options); });
 }

@@ -68,29 +68,6 @@ Entries EntriesOf(const toml::table& table) {
   return entries;
 }
 
-// "+5s", or a date and a time with its zone, as TOML has them.
-std::optional<std::chrono::nanoseconds> ParseStart(const std::string& text) {
-  using std::chrono::nanoseconds;
-  if (text.starts_with('+')) {
-    const auto delay = ParseDuration(std::string_view(text).substr(1));
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return delay ? std::optional(std::chrono::duration_cast<nanoseconds>(now) + *delay)
-                 : std::nullopt;
-  }
-  const auto parsed = toml::parse("t = " + text);
-  const auto* const point = parsed ? parsed.table()["t"].as_date_time() : nullptr;
-  if (point == nullptr || !point->get().offset) {
-    return std::nullopt;
-  }
-  const toml::date_time& at = point->get();
-  const std::chrono::sys_days day{std::chrono::year(at.date.year) /
-                                  std::chrono::month(at.date.month) /
-                                  std::chrono::day(at.date.day)};
-  return nanoseconds(day.time_since_epoch()) + std::chrono::hours(at.time.hour) +
-         std::chrono::minutes(at.time.minute - at.offset->minutes) +
-         std::chrono::seconds(at.time.second) + nanoseconds(at.time.nanosecond);
-}
-
 class Reader {
  public:
   explicit Reader(std::string folder) : folder_(std::move(folder)) {}
@@ -263,8 +240,7 @@ class Reader {
   void TakeRestart(Entries& entries, ChannelOrder& order) {
     TakeOwn(entries, "restart", order.restart, ParseRestart, kRestartWords);
     TakeOwn(entries, "restart-after", order.restart_after, ParseDuration, "a time as 5s");
-    TakeOwn(entries, "start-at", order.start_at, ParseStart,
-            "a time from now as \"+5s\", or one with its zone as 2026-01-31T20:00:00Z");
+    TakeOwn(entries, "start-at", order.start_at, ParseStartTime, kStartTimeWords);
   }
 
   std::string PathOf(const std::string& input) const {
@@ -296,6 +272,28 @@ class Reader {
 };
 
 }  // namespace
+
+std::optional<std::chrono::nanoseconds> ParseStartTime(const std::string& text) {
+  using std::chrono::nanoseconds;
+  if (text.starts_with('+')) {
+    const auto delay = ParseDuration(std::string_view(text).substr(1));
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return delay ? std::optional(std::chrono::duration_cast<nanoseconds>(now) + *delay)
+                 : std::nullopt;
+  }
+  const auto parsed = toml::parse("t = " + text);
+  const auto* const point = parsed ? parsed.table()["t"].as_date_time() : nullptr;
+  if (point == nullptr || !point->get().offset) {
+    return std::nullopt;
+  }
+  const toml::date_time& at = point->get();
+  const std::chrono::sys_days day{std::chrono::year(at.date.year) /
+                                  std::chrono::month(at.date.month) /
+                                  std::chrono::day(at.date.day)};
+  return nanoseconds(day.time_since_epoch()) + std::chrono::hours(at.time.hour) +
+         std::chrono::minutes(at.time.minute - at.offset->minutes) +
+         std::chrono::seconds(at.time.second) + nanoseconds(at.time.nanosecond);
+}
 
 Lineup ParseLineup(const std::string& text, const std::string& folder) {
   Reader reader(folder);

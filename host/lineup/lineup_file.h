@@ -2,9 +2,11 @@
 // The file that describes many channels (TOML): [defaults], [[channel]] and [[generate]].
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/base/result.h"
@@ -29,6 +31,11 @@ struct Lineup {
   std::vector<PlannedChannel> channels;  // those without a mistake
   std::vector<Mistake> mistakes;         // in the order of lines
 };
+
+// A time since 1970 from "+5s" or "2026-01-31T20:00:00Z".
+std::optional<std::chrono::nanoseconds> ParseStartTime(const std::string& text);
+inline constexpr const char* kStartTimeWords =
+    "a time from now as \"+5s\", or one with its zone as 2026-01-31T20:00:00Z";
 
 // Reads the file and judges every option; inputs are not opened. Paths of inputs count from the
 // file's folder. A failure where the file cannot be read.

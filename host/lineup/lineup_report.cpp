@@ -97,6 +97,7 @@ std::string LineupJson(const LineupFacts& facts, std::string_view outcome,
             {"started_ns", facts.started_ns},
             {"updated_ns", facts.updated_ns}};
   json["part"] = facts.part ? Json{{"number", facts.part->number}, {"of", facts.part->of}} : Json();
+  json["broken_runs"] = JsonOf(facts.broken_runs);
   json["channels"] = Json::array();
   for (const ChannelStatus& status : channels) {
     json["channels"].push_back(JsonOf(status));

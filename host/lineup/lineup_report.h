@@ -11,11 +11,9 @@
 #include <vector>
 
 #include "host/lineup/channel.h"
-#include "host/lineup/part.h"
+#include "host/lineup/part_result.h"
 
 namespace ipplay {
-
-inline constexpr int kLineupSchema = 1;  // grows when a field is renamed or removed; docs/json.md
 
 nlohmann::ordered_json JsonOf(const ChannelStatus& status);
 
@@ -26,6 +24,7 @@ struct LineupFacts {
   std::optional<std::int64_t> clock_error_ns;
   std::int64_t started_ns = 0;  // since 1970, as all
   std::int64_t updated_ns = 0;
+  std::vector<BrokenRun> broken_runs;  // of this part, before this one
 };
 
 // `outcome` is "running", "ended" or "failed".

@@ -19,10 +19,12 @@
 #include "host/base/service_manager.h"
 #include "host/base/signal_event.h"
 #include "host/base/stop_signals.h"
+#include "host/base/units.h"
 #include "host/library/library.h"
 #include "host/lineup/engine.h"
 #include "host/lineup/lineup_file.h"
 #include "host/lineup/lineup_report.h"
+#include "host/lineup/part_result.h"
 #include "host/measure/results/live_view.h"
 #include "host/play/preparation.h"
 
@@ -33,7 +35,7 @@ using Clock = std::chrono::steady_clock;
 using Channels = std::vector<std::shared_ptr<Channel>>;
 
 constexpr auto kRedraw = std::chrono::seconds(1);
-constexpr auto kRewriteResult = std::chrono::seconds(10);
+constexpr auto kRewriteResult = std::chrono::seconds(5);
 
 std::int64_t SystemNow() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -47,6 +49,11 @@ Result<Lineup> Read(const LineupOptions& options) {
     std::erase_if(lineup->channels, [&options](const PlannedChannel& planned) {
       return !options.part->Has(planned.order.name);
     });
+  }
+  if (lineup && options.start_at) {
+    for (PlannedChannel& planned : lineup->channels) {
+      planned.order.start_at = options.start_at;
+    }
   }
   return lineup;
 }
@@ -83,10 +90,13 @@ void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& ada
 class LineupSession {
  public:
   LineupSession(const LineupOptions& options, std::vector<Adapter> adapters,
-                std::optional<OutputFile> result, const SignalEvent& reload)
+                std::optional<OutputFile> result, std::vector<BrokenRun> broken_runs,
+                const SignalEvent& reload)
       : options_(options),
         result_(std::move(result)),
         reload_(reload),
+        facts_{options.file,          options.part, NameOfMachine(), {}, SystemNow(), 0,
+               std::move(broken_runs)},
         view_(!options.quiet && !options.json),
         engine_(std::move(adapters), [this](const ChannelEvent& event) { Take(event); }) {
     // What is left for this thread: to read the file again, and to write results as whose they are.
@@ -94,7 +104,6 @@ class LineupSession {
   }
 
   Result<int> Run(const Lineup& lineup) {
-    facts_ = {options_.file, options_.part, NameOfMachine(), {}, SystemNow(), 0};
     Channels added;
     for (const PlannedChannel& planned : lineup.channels) {
       auto channel = engine_.Add(planned.order);
@@ -125,8 +134,12 @@ class LineupSession {
     for (const auto& [start_at, group] : groups) {
       std::optional<Engine::Time> at;
       if (start_at) {
-        at = std::max(*start_at - Engine::Time(SystemNow()), Engine::Time(0)) +
-             Engine::Time(IpPlayoutNow());
+        const auto left = *start_at - Engine::Time(SystemNow());
+        if (left < Engine::Time(0)) {
+          Say(fmt::format("the time of the start was {} ago; {} channels start at once",
+                          FormatDuration(-left), group.size()));
+        }
+        at = std::max(left, Engine::Time(0)) + Engine::Time(IpPlayoutNow());
       }
       engine_.Start(group, at);
     }
@@ -281,8 +294,8 @@ Result<std::optional<OutputFile>> ResultFile(const LineupOptions& options) {
     return std::optional<OutputFile>();
   }
   const Part part = options.part.value_or(Part{});
-  auto file = OutputFile::Create(
-      "--results", fmt::format("{}/part-{}-of-{}.json", options.results, part.number, part.of));
+  auto file =
+      OutputFile::Create("--results", fmt::format("{}/{}", options.results, PartFileName(part)));
   if (!file) {
     return file.Error();
   }
@@ -320,13 +333,16 @@ Result<int> RunLineup(const LineupOptions& options) {
   if (!result) {
     return result.Error();
   }
+  auto broken_runs = *result ? BrokenRunsBefore(options.results, options.part.value_or(Part{}))
+                             : std::vector<BrokenRun>();
   if (const auto missing = MissingRightToSend()) {
     return Failure{ExitStatus::kNoAccess, *missing};
   }
   StopSignals::Take();
   const SignalEvent reload(SIGHUP);  // before the library starts threads
   const Library library;
-  LineupSession session(options, library.Adapters(), std::move(*result), reload);
+  LineupSession session(options, library.Adapters(), std::move(*result), std::move(broken_runs),
+                        reload);
   return session.Run(*lineup);
 }
 

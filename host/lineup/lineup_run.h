@@ -2,6 +2,7 @@
 // A lineup from its file to its end: checked, started together, watched, reloaded.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -13,6 +14,7 @@ namespace ipplay {
 struct LineupOptions {
   std::string file;
   std::optional<Part> part;
+  std::optional<std::chrono::nanoseconds> start_at;  // since 1970; of all channels
   std::string results;  // a folder for the result of this part; empty: none
   bool check = false;
   bool json = false;

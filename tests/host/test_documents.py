@@ -202,6 +202,9 @@ class Json(PlayCase):
         channel = f'[[channel]]\nname = "one"\ninput = "{SAMPLE}"\nto = "rtp://239.1.1.1:5004"\nduration = "500ms"\n'
         with open(lineup, "w", encoding="utf-8") as file:
             file.write(channel)
+        with open(os.path.join(results, "part-1-of-1.json"), "w", encoding="utf-8") as file:  # of a run that was killed
+            json.dump({"schema": 1, "outcome": "running", "machine": "m", "started_ns": 1, "updated_ns": 2,
+                       "part": {"number": 1, "of": 1}, "channels": []}, file)
         for command, runs in (("ipplay lineup --json", [("lineup", lineup, "--json", "--part", "1/1", "--results", results)]),
                               ("ipplay gather --json", [("gather", results, "--json")]),
                               ("ipplay devices --json", [("devices", "--json")]),

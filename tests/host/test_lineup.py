@@ -166,6 +166,71 @@ class OnTheWire(Files):
                 return
         self.fail(f"{wanted} was never reported")
 
+    def start_endless(self, path, *options):
+        """A lineup with results that has begun to send."""
+        self.bed.capture.drain()  # what still comes is no other run's
+        self.bed.capture.begin()
+        process = self.bed.start("lineup", path, "--json", "--results", self.folder.name, *options)
+        while not by_target([frame for _, frame in self.bed.capture.frames]):
+            select.select([self.bed.capture.socket], [], [])
+            self.bed.capture.drain()
+        return process
+
+    def test_a_part_that_was_killed_and_runs_again_says_so(self):
+        self.write_streams(1)
+        path = self.write("again.toml", f"""
+            [[channel]]
+            name = "one"
+            input = "s1.ts"
+            to = "rtp://239.1.0.1:5004"
+            device = "{self.bed.NEAR}"
+            bitrate = {RATE}
+            loop = "forever"
+            """)
+        began = time.time_ns()
+        for number in (1, 2):
+            process = self.start_endless(path, "--part", "1/1")
+            process.kill()
+            process.communicate()
+        process = self.start_endless(path, "--part", "1/1")
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(len(json.loads(process.communicate()[0])["broken_runs"]), 2)
+        gathered = json.loads(run("gather", self.folder.name, "--json").stdout)
+        self.assertEqual(gathered["outcome"], "ended")
+        runs = gathered["parts"][0]["broken_runs"]
+        self.assertEqual([each["machine"] for each in runs], [os.uname().nodename] * 2)
+        self.assertTrue(began < runs[0]["started_ns"] < runs[1]["started_ns"] < gathered["parts"][0]["started_ns"])
+        # One that has ended is no part of the next one's story.
+        process = self.start_endless(path, "--part", "1/1")
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(json.loads(process.communicate()[0])["broken_runs"], [])
+        self.bed.capture.drain()
+
+    def test_all_start_at_a_time_of_the_command_line(self):
+        self.write_streams(2)
+        path = self.write("at.toml", f"""
+            start-at = "+1h"
+            [defaults]
+            device = "{self.bed.NEAR}"
+            bitrate = {RATE}
+            [[generate]]
+            name = "c{{n}}"
+            count = 2
+            input = "s{{n}}.ts"
+            to = "rtp://239.1.0.{{n}}:5004"
+            """)
+        second = time.time_ns() // 10**9 + 2
+        at = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(second))
+        status, output, errors, frames = self.lineup(path, "--start-at", at)
+        self.assertEqual(status, 0, errors)
+        self.assertEqual({target: len(payloads) for target, payloads in by_target(frames).items()},
+                         {"239.1.0.1": 100, "239.1.0.2": 100})
+        for channel in json.loads(output)["channels"]:
+            self.assertAlmostEqual(channel["started_ns"], second * 10**9, delta=5_000_000)
+        status, _, errors, _ = self.lineup(path, "--start-at", at)
+        self.assertEqual(status, 0, errors)
+        self.assertIn("2 channels start at once", errors)
+
     def test_a_reload_touches_only_what_changed(self):
         self.write_streams(3)
         text = f"""
@@ -273,6 +338,7 @@ class Parts(Files):
         for environment, part, valid in (
                 ({"SLURM_ARRAY_TASK_ID": "12", "SLURM_ARRAY_TASK_MIN": "10", "SLURM_ARRAY_TASK_COUNT": "3"}, "auto", True),
                 ({"SLURM_PROCID": "1", "SLURM_NTASKS": "2"}, "auto", True),
+                ({"SLURM_PROCID": "1", "SLURM_NTASKS": "2", "SLURM_STEP_NUM_TASKS": "1"}, "auto", False),
                 ({"OMPI_COMM_WORLD_RANK": "2", "OMPI_COMM_WORLD_SIZE": "2"}, "auto", False),
                 ({"JOB_COMPLETION_INDEX": "3"}, "auto", False),
                 ({"JOB_COMPLETION_INDEX": "3"}, "auto/4", True),
@@ -290,6 +356,10 @@ class Parts(Files):
                               "departures": {"late": 0, "not_sent": not_sent, "lateness_ns": {"p99": p99}}}
                              for name, p99, not_sent in channels]}
 
+    def lineup_of(self, *names):
+        return self.write("whole.toml", "".join(
+            f'[[channel]]\nname = "{name}"\ninput = "{SAMPLE}"\nto = "rtp://239.1.1.1:5004"\n' for name in names))
+
     def gather(self, *results, options=()):
         folder = self.path(f"gathered{time.monotonic_ns()}")
         os.mkdir(folder)
@@ -306,10 +376,13 @@ class Parts(Files):
         self.assertEqual([channel["name"] for channel in whole["channels"]], ["c3", "c2", "c1"])
         for wrong, results, options in (
                 ("part 2/3 is missing", [good[0], good[2]], ()),
-                ("part 3/3 died", [*good[:2], self.result(3, "running", 10**12)], ()),
-                ("part 3/3 has not ended", [*good[:2], self.result(3, "running")], ()),
+                ("part 3/3 died on m3: last heard of 16 min 40 s ago", [*good[:2], self.result(3, "running", 10**12)], ()),
+                ("part 3/3 has not ended on m3", [*good[:2], self.result(3, "running")], ()),
                 ("part 1/3 stands in 0.json and 3.json", [*good, good[0]], ()),
                 ("3.json: no result of a lineup", [*good, "{"], ()),
+                ("3.json: no result of a lineup", [*good, {**good[0], "schema": "1"}], ()),
+                ("3.json: no result of a lineup", [*good, {**good[0], "part": {"number": "1", "of": 3}}], ()),
+                ("c4 is missing", good, ("--lineup", self.lineup_of("c1", "c2", "c3", "c4"))),
                 ("c3 failed", [*good[:2], self.result(3, channels=[("c3", 1, 5)])], ()),
                 ("c2: lateness 2 us at 99 %", [good[0], good[1], self.result(3)], ("--max-lateness", "1500ns")),
                 ("c3: lateness not known: no frame left", [*good[:2], self.result(3, channels=[("c3", None, 0)])],
@@ -317,8 +390,19 @@ class Parts(Files):
                 ("part 1/3: the clock may be wrong by 2 ms", good, ("--max-clock-error", "1ms"))):
             with self.subTest(wrong):
                 status, whole = self.gather(*results, options=options)
-                self.assertEqual(status, 4 if options else 1)
+                self.assertEqual(status, 4 if options and options[0].startswith("--max") else 1)
                 self.assertIn(wrong, whole["wrong"])
+
+    def test_the_page_shows_what_is_wrong_and_obeys_nothing(self):
+        page = self.path("page.html")
+        evil = "<b>channel</b>"
+        broken = {**self.result(1), "broken_runs": [{"machine": "m7", "started_ns": 1, "updated_ns": 2}]}
+        status, _ = self.gather(broken, self.result(3, channels=[(evil, 1, 5)]), options=("--report", page))
+        self.assertEqual(status, 1)
+        text = read_file(page).decode()
+        self.assertNotIn(evil, text)
+        for wanted in ("&lt;b&gt;channel&lt;/b&gt; failed", "part 2/3 is missing", "part 1/3 broke off on m7", "its last run was on m1"):
+            self.assertIn(wanted, text)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: MIT
+#include "host/lineup/gathered.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <tuple>
+
+#include "host/base/units.h"
+#include "host/lineup/lineup_file.h"
+
+namespace ipplay {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using std::chrono::nanoseconds;
+
+std::int64_t SystemNow() {
+  return std::chrono::duration_cast<nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+Result<std::set<std::string>> ResultFiles(const std::string& folder) {
+  std::error_code error;
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    if (entry.path().extension() == ".json") {
+      names.insert(entry.path().filename().string());
+    }
+  }
+  if (error) {
+    return UsageFailure(fmt::format("{} cannot be read ({}); give the folder of --results", folder,
+                                    error.message()));
+  }
+  return names;
+}
+
+void TakePart(Result<PartResult> part, Gathered& gathered) {
+  if (!part) {
+    gathered.unusable.push_back(part.Error().message);
+  } else if (gathered.of != 0 && part->part.of != gathered.of) {
+    gathered.unusable.push_back(
+        fmt::format("{}: part {} among parts of {}", part->file, part->part.Text(), gathered.of));
+  } else {
+    gathered.of = part->part.of;
+    gathered.parts.push_back(*std::move(part));
+  }
+}
+
+void FindMissingParts(Gathered& gathered) {
+  for (std::uint32_t number = 1; number <= gathered.of; ++number) {
+    gathered.missing_parts.insert(number);
+  }
+  for (const PartResult& part : gathered.parts) {
+    gathered.missing_parts.erase(part.part.number);
+  }
+}
+
+void TakeChannels(Gathered& gathered) {
+  for (const PartResult& part : gathered.parts) {
+    for (Json channel : part.channels) {
+      channel["part"] = part.part.number;
+      channel["machine"] = part.machine;
+      gathered.channels.push_back(std::move(channel));
+    }
+  }
+  const auto badness = [](const Json& channel) {
+    return std::tuple(HasFailed(channel), NumberAt(channel, kNotSentPath).value_or(0),
+                      NumberAt(channel, kLatePath).value_or(0),
+                      NumberAt(channel, kLatenessPath).value_or(-1));
+  };
+  std::ranges::stable_sort(gathered.channels,
+                           [&](const Json& a, const Json& b) { return badness(a) > badness(b); });
+}
+
+std::optional<Failure> FindMissingChannels(const std::string& file, Gathered& gathered) {
+  const auto lineup = ReadLineup(file);
+  if (!lineup) {
+    return lineup.Error();
+  }
+  if (!lineup->mistakes.empty()) {
+    return UsageFailure(fmt::format("{}:{}: {}", file, lineup->mistakes.front().line,
+                                    lineup->mistakes.front().text));
+  }
+  std::set<std::string> there;
+  for (const Json& channel : gathered.channels) {
+    there.insert(TextAt(channel, "/name"));
+  }
+  for (const PlannedChannel& planned : lineup->channels) {
+    if (!there.contains(planned.order.name)) {
+      gathered.missing_channels.push_back(planned.order.name);
+    }
+  }
+  return std::nullopt;
+}
+
+std::string Unfinished(const PartResult& part) {
+  const std::string where = part.machine.empty() ? "" : " on " + part.machine;
+  if (StateOf(part) != "died" || !part.updated_ns) {
+    return fmt::format("part {} has not ended{}", part.part.Text(), where);
+  }
+  return fmt::format("part {} died{}: last heard of {} ago", part.part.Text(), where,
+                     FormatDuration(std::chrono::floor<std::chrono::seconds>(
+                         nanoseconds(SystemNow() - *part.updated_ns))));
+}
+
+}  // namespace
+
+Result<Gathered> ReadParts(const std::string& folder, const std::string& lineup) {
+  const auto names = ResultFiles(folder);
+  if (!names) {
+    return names.Error();
+  }
+  Gathered gathered;
+  for (const std::string& name : *names) {
+    TakePart(ReadPartResult(folder, name), gathered);
+  }
+  if (gathered.parts.empty()) {
+    return UsageFailure(fmt::format(
+        "{} has no result of a lineup; give the folder of `ipplay lineup --results`", folder));
+  }
+  std::ranges::sort(gathered.parts, {}, [](const PartResult& p) { return p.part.number; });
+  FindMissingParts(gathered);
+  TakeChannels(gathered);
+  if (!lineup.empty()) {
+    if (const auto failure = FindMissingChannels(lineup, gathered)) {
+      return *failure;
+    }
+  }
+  return gathered;
+}
+
+std::string StateOf(const PartResult& part) {
+  const bool is_old = SystemNow() - part.updated_ns.value_or(0) > kDeadAfterNs;
+  return part.outcome == "running" && is_old ? "died" : part.outcome;
+}
+
+bool HasFailed(const Json& channel) {
+  return TextAt(channel, "/state") == "failed" || !TextAt(channel, "/last_error").empty() ||
+         NumberAt(channel, kNotSentPath).value_or(0) > 0;
+}
+
+std::vector<std::string> FindFailures(const Gathered& gathered) {
+  std::vector<std::string> wrong = gathered.unusable;
+  for (const std::uint32_t number : gathered.missing_parts) {
+    wrong.push_back(fmt::format("part {}/{} is missing", number, gathered.of));
+  }
+  for (const std::string& name : gathered.missing_channels) {
+    wrong.push_back(fmt::format("{} is missing", name));
+  }
+  std::map<std::uint32_t, std::string> seen;
+  for (const PartResult& part : gathered.parts) {
+    if (const auto [other, is_new] = seen.emplace(part.part.number, part.file); !is_new) {
+      wrong.push_back(
+          fmt::format("part {} stands in {} and {}", part.part.Text(), other->second, part.file));
+    }
+    if (part.outcome != "ended" && part.outcome != "failed") {
+      wrong.push_back(Unfinished(part));
+    }
+  }
+  for (const Json& channel : gathered.channels) {
+    if (HasFailed(channel)) {
+      wrong.push_back(fmt::format("{} failed", TextAt(channel, "/name")));
+    }
+  }
+  return wrong;
+}
+
+std::vector<std::string> FindUnmet(const Gathered& gathered, const GatherLimits& limits) {
+  std::vector<std::string> unmet;
+  for (const PartResult& part : gathered.parts) {
+    const auto& error = part.clock_error_ns;
+    if (limits.clock_error && (!error || *error > limits.clock_error->count())) {
+      unmet.push_back(fmt::format("part {}: the clock {}", part.part.Text(),
+                                  error ? "may be wrong by " + FormatDuration(nanoseconds(*error))
+                                        : std::string("is not kept right")));
+    }
+  }
+  for (const Json& channel : gathered.channels) {
+    const auto lateness = NumberAt(channel, kLatenessPath);
+    if (limits.lateness && (!lateness || *lateness > limits.lateness->count())) {
+      unmet.push_back(fmt::format("{}: lateness {}", TextAt(channel, "/name"),
+                                  lateness ? FormatDuration(nanoseconds(*lateness)) + " at 99 %"
+                                           : std::string("not known: no frame left")));
+    }
+  }
+  return unmet;
+}
+
+}  // namespace ipplay

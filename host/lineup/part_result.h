@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+// What a part of a lineup has written to its file in the folder of results, read again: by those
+// who gather, and by a part that runs once more.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/lineup/part.h"
+
+namespace ipplay {
+
+inline constexpr int kLineupSchema = 1;  // grows when a field is renamed or removed; docs/json.md
+
+// A run of a part that did not come to its end: its machine failed, or it was killed.
+struct BrokenRun {
+  std::string machine;
+  std::int64_t started_ns = 0;  // since 1970, as all
+  std::int64_t updated_ns = 0;  // when it was last heard of
+};
+
+struct PartResult {
+  Part part;
+  std::string file;     // its name in the folder
+  std::string outcome;  // "running", "ended" or "failed"
+  std::string machine;
+  std::optional<std::int64_t> clock_error_ns;
+  std::optional<std::int64_t> started_ns, updated_ns;
+  std::optional<std::int64_t> first_start_ns;    // of any channel
+  std::vector<BrokenRun> broken_runs;            // before this one, the oldest first
+  std::vector<nlohmann::ordered_json> channels;  // objects, as docs/json.md has them
+};
+
+std::string PartFileName(const Part& part);  // "part-3-of-8.json"
+
+// A failure says what is wrong with the file.
+Result<PartResult> ReadPartResult(const std::string& folder, const std::string& file);
+
+// Those of a part that is about to run again: of the result that its file still has, if that says
+// that it runs.
+std::vector<BrokenRun> BrokenRunsBefore(const std::string& folder, const Part& part);
+
+nlohmann::ordered_json JsonOf(const std::vector<BrokenRun>& runs);
+
+// What stands at a path such as "/departures/late", or none where it is null, missing or of
+// another kind.
+std::optional<std::int64_t> NumberAt(const nlohmann::ordered_json& json, const char* path);
+std::string TextAt(const nlohmann::ordered_json& json, const char* path);  // empty for none
+
+}  // namespace ipplay
