@@ -7,7 +7,7 @@ cd "$(dirname "$0")"
 . tools/setup.sh
 
 need_root
-need_packages "${build_packages[@]}" "${wire_packages[@]}" "${test_packages[@]}"
+need_packages "${build_packages[@]}" "${wire_packages[@]}" "${test_packages[@]}" "${fleet_packages[@]}"
 need_namespaces
 
 run_tests() {

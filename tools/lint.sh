@@ -28,7 +28,7 @@ run_flake8() {
 
 run_shellcheck() {
   echo "shellcheck"
-  { find . -path './build*' -prune -o -name '*.sh' -print0; printf '%s\0' .ci/run packaging/postinst packaging/python/postinst packaging/python/prerm; } |
+  { find . -path './build*' -prune -o -name '*.sh' -print0; printf '%s\0' .ci/run examples/fleet/lineup.sbatch packaging/postinst packaging/python/postinst packaging/python/prerm; } |
     xargs -0 shellcheck --external-sources
 }
 

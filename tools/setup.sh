@@ -13,6 +13,8 @@ test_packages=(groff-base dpkg-dev file libcap2-bin patchelf clang libclang-rt-1
 # For the tests of the Python package, its examples and its notebook.
 test_packages+=(mypy python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python3-nbconvert python3-ipykernel
   python3-matplotlib)
+# For tests/fleet and bench/fleet: the scheduler whose nodes play a lineup.
+fleet_packages=(slurm-wlm munge iproute2)
 # For tools/lint.sh and tools/coverage.sh besides.
 lint_packages=(cppcheck clang-format clang clang-tidy flake8 mypy python3-pytest shellcheck)
 coverage_packages=(gcovr)
