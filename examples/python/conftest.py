@@ -28,3 +28,12 @@ def receiver(wire: Wire) -> Iterator[Receiver]:
         receiver = Receiver("239.1.1.1", 5004, wire.FAR_ADDRESS)
     yield receiver
     receiver.close()
+
+
+@pytest.fixture
+def fec_receiver(wire: Wire) -> Iterator[Receiver]:
+    """One that repairs, with a window of more than two matrices of FEC."""
+    with wire.far:
+        receiver = Receiver("239.1.1.1", 5004, wire.FAR_ADDRESS, window=50, fec=True)
+    yield receiver
+    receiver.close()

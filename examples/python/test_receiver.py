@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What the receiver makes of a clean stream, of loss, of packets that come late, and of jitter.
+"""What the receiver makes of a clean stream, of loss, of packets that come late, of jitter, and of parity.
 
 Run it as root: ``python3 -m pytest examples/python``. Every fault is made to order, and known to the datagram.
 """
@@ -24,6 +24,10 @@ LOSS: dict[str, FieldValue] = {"ErrInsertionEnable": 1, "PacketLossEnabled": 1, 
 DELAY: dict[str, FieldValue] = {"ErrInsertionEnable": 1, "SequenceErrorEnabled": 1, "NumSequenceError": 1,
                                 "SequenceErrorRange": 40}
 JITTER: dict[str, FieldValue] = {"JitterEnabled": 1, "JitterDistributionType": 1, "JitterPeriod": 60.0}  # gaussian, % of the gap
+
+
+COLUMNS, ROWS = 5, 4
+FEC: dict[str, FieldValue] = {"FecColumns": COLUMNS, "FecRows": ROWS}
 
 
 def parts(content: bytes) -> list[bytes]:
@@ -87,3 +91,31 @@ def test_jitter(player: Player, receiver: Receiver, stream: pathlib.Path) -> Non
     # The machine can add to what was ordered, not take from it.
     assert planned > 100e-6
     assert receiver.counts.jitter > planned / 2
+
+
+def can_be_repaired(number: int, lost: set[int]) -> bool:
+    """Whether it is the only one that its column of the matrix has lost."""
+    first = number - number % (COLUMNS * ROWS) + number % COLUMNS
+    return lost.isdisjoint({first + COLUMNS * row for row in range(ROWS)} - {number})
+
+
+@pytest.mark.parametrize("losses, of, randomly", [(1, 20, 0), (5, 100, 0), (6, 100, 0), (4, 50, 1)])
+def test_fec(player: Player, fec_receiver: Receiver, meter: Meter, stream: pathlib.Path, losses: int, of: int, randomly: int) -> None:
+    """A column repairs one datagram, so a matrix of five repairs a burst of five, and of six four."""
+    measured = meter()
+    errors: dict[str, FieldValue] = LOSS | {"NumPacketLoss": losses, "PacketLossRange": of, "RandomizeErrors": randomly}
+    with player(bit_rate=RATE, ledger=2000, seed=5, **errors, **FEC) as p:
+        p.play(stream)
+        fec_receiver.receive()
+        p.wait()
+        lost = {frame.datagram for frame in p.ledger() if Did.LOSE in frame.did and Did.FEC_COLUMN not in frame.did}
+    assert len(lost) == 1000 * losses / of
+    # What was before the first one that came, a receiver does not miss.
+    first = min(set(range(1000)) - lost)
+    repaired = {number for number in lost if number > first and can_be_repaired(number, lost)}
+    there = [part for number, part in enumerate(parts(stream.read_bytes())) if number not in lost or number in repaired]
+    assert fec_receiver.payload == b"".join(there)
+    assert fec_receiver.counts.repaired == len(repaired)
+    # The meter has the same opinion.
+    fec = measured.report().streams[0].fec
+    assert fec is not None and fec.repaired == len(repaired)
