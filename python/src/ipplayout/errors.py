@@ -48,6 +48,14 @@ class NoAdapter(Error):
     """There is no such adapter or file, or no permission to capture."""
 
 
+class NotReachable(Error, ConnectionError):
+    """The server does not answer, or broke off."""
+
+
+class NotAllowed(Error, PermissionError):
+    """The server wants another token, or is not known under this name."""
+
+
 class MeasurementFailed(Error):
     """The measurement failed. ``report`` is what was measured before, or None."""
 

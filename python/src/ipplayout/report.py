@@ -437,7 +437,7 @@ def build(kind: type[Part], values: Mapping[str, Any]) -> Part:
     parts = {}
     for name, hint in hints_of(record).items():
         if (kind, name) not in ADDED:
-            value = values.get(JSON_NAMES.get(name, name))
+            value = values.get(name, values.get(JSON_NAMES.get(name, "")))
             if value is None and not is_optional(hint):
                 raise NotInstalled(f"ipplay has not written {name} of {kind.__name__}: install it and this package "
                                    "of the same version")
