@@ -111,6 +111,11 @@ std::optional<double> ParsePpm(std::string_view text) {
   return negative ? -*number : *number;
 }
 
+std::optional<double> ParseFactor(std::string_view text) {
+  const auto number = TakeNumber(text);
+  return text.empty() || text == "x" ? number : std::nullopt;
+}
+
 std::optional<double> ParsePercent(std::string_view text) {
   const auto number = TakeNumber(text);
   if (text != "%") {

@@ -21,6 +21,9 @@ std::optional<std::chrono::nanoseconds> ParseDuration(std::string_view text);
 // Parts per million with a sign, with or without the unit: "20ppm", "-4.6".
 std::optional<double> ParsePpm(std::string_view text);
 
+// How many times as much: "2", "0.5x".
+std::optional<double> ParseFactor(std::string_view text);
+
 // "20%", "0.5%": percent, 0 or more; the unit is needed.
 std::optional<double> ParsePercent(std::string_view text);
 

@@ -47,6 +47,7 @@ struct DemoStream {
   std::string path;
   std::string name;  // for the user
   double bit_rate = 0;
+  std::optional<double> speed;  // at which its own rate becomes that, where it has one
   PacketFormat format;
 };
 
@@ -73,7 +74,7 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
   if (!input) {
     return input.Error();
   }
-  const auto facts = Examine(*input, {.want_rate = !options.bit_rate});
+  const auto facts = Examine(*input, {});
   if (!facts) {
     return facts.Error();
   }
@@ -82,7 +83,11 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
     return UsageFailure(
         fmt::format("--bitrate is required: {} has no PCRs to take its rate from", options.file));
   }
-  return DemoStream{FileDescriptor(), options.file, QuotedLine(options.file), *bit_rate,
+  std::optional<double> speed;
+  if (const auto own = facts->BitRate()) {
+    speed = *bit_rate / *own;
+  }
+  return DemoStream{FileDescriptor(), options.file, QuotedLine(options.file), *bit_rate, speed,
                     facts->format};
 }
 
@@ -108,8 +113,10 @@ std::string TargetUrl() {
 void StartWhenMeasuring(MeasureOptions& measure, const DemoStream& stream,
                         const DemoNetwork& network, ChildProcess& player) {
   measure.start_sender = [&] {
+    const std::string rate = stream.speed ? fmt::format("--speed={:.9f}", *stream.speed)
+                                          : fmt::format("--bitrate={:.3f}", stream.bit_rate);
     return player.Start({"ipplay", "play", stream.path, "--to", TargetUrl(), "--device",
-                         DemoNetwork::kNear, "--bitrate", fmt::format("{:.3f}", stream.bit_rate)},
+                         DemoNetwork::kNear, rate},
                         [&network] { return network.EnterNear(); });
   };
   measure.sender_ended = [&player] { return player.HasEnded(); };

@@ -33,8 +33,9 @@ std::uint64_t ChannelFeed::AheadBytes(const PlayPlan& plan) {
 ChannelFeed::ChannelFeed(std::unique_ptr<RoundReader> reader, const PlayPlan& plan, double ppm,
                          ScheduledPlayout& playout, std::chrono::nanoseconds phase)
     : reader_(std::move(reader)),
+      editor_(reader_->Format(), plan.edits),
       rounds_(plan.rounds.count),
-      format_(reader_->Format()),
+      format_(StreamEditor::Format(reader_->Format(), plan.edits)),
       payload_bytes_(plan.sizes.payload_bytes),
       bytes_per_ns_(BytesPerSecond(plan) / (1 + ppm / 1e6) / 1e9),
       step_(std::max<std::uint64_t>(
@@ -44,49 +45,39 @@ ChannelFeed::ChannelFeed(std::unique_ptr<RoundReader> reader, const PlayPlan& pl
       playout_(playout),
       speed_(1 + ppm / 1e6),
       leaves_ns_(static_cast<double>(phase.count())) {
-  if (plan.rounds.restamp) {
-    restamper_.emplace(format_, *plan.rounds.restamp);
-  }
   if (plan.pcr_rate) {
-    marks_.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second);
+    marks_.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, plan.speed);
   }
   playout_.Mark(0, phase);
 }
 
 void ChannelFeed::Append(std::span<const std::uint8_t> bytes) {
   buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
-  round_bytes_ += bytes.size();
 }
 
 // False at the end of all rounds.
 bool ChannelFeed::ReadMore() {
-  const auto append = [this](Restamper::Bytes bytes) {
+  const auto append = [this](StreamEditor::Bytes bytes) {
     Append(bytes);
     return true;
   };
   if (const auto packets = reader_->Next(); !packets.empty()) {
-    if (restamper_) {
-      restamper_->Run(packets, append);
-    } else {
-      Append(packets);
-    }
+    round_bytes_ += packets.size();
+    editor_.Run(packets, append);
     return true;
   }
   read_error_.store(reader_->ReadError(), std::memory_order_relaxed);
-  if (restamper_) {
-    restamper_->Run({}, append);
-  }
+  editor_.EndRound(append);
   const bool goes_on =
       reader_->ReadError() == 0 && round_bytes_ > 0 && (!rounds_ || round_ < *rounds_);
   round_bytes_ = 0;
   if (!goes_on) {
+    editor_.Finish(append);
     return false;
   }
   ++round_;
   reader_->StartNextRound();
-  if (restamper_) {
-    restamper_->StartNextRound();
-  }
+  editor_.StartNextRound();
   return true;
 }
 

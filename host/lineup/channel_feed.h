@@ -15,8 +15,8 @@
 #include "host/library/scheduled_playout.h"
 #include "host/play/play_plan.h"
 #include "host/stream/pcr_marks.h"
-#include "host/stream/restamper.h"
 #include "host/stream/round_reader.h"
+#include "host/stream/stream_editor.h"
 
 namespace ipplay {
 
@@ -65,7 +65,7 @@ class ChannelFeed {
   std::uint64_t End() const { return base_ + buffer_.size(); }
 
   std::unique_ptr<RoundReader> reader_;
-  std::optional<Restamper> restamper_;
+  StreamEditor editor_;
   std::optional<PcrMarks> marks_;
   const std::optional<std::uint64_t> rounds_;
   const PacketFormat format_;

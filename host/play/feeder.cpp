@@ -3,9 +3,12 @@
 
 namespace ipplay {
 
-Feeder::Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restamper>& restamper,
+Feeder::Feeder(std::unique_ptr<RoundReader> reader, const EditPlan& edits,
                std::optional<std::uint64_t> rounds, Sink sink)
-    : reader_(std::move(reader)), restamper_(restamper), rounds_(rounds), sink_(std::move(sink)) {}
+    : reader_(std::move(reader)),
+      editor_(reader_->Format(), edits),
+      rounds_(rounds),
+      sink_(std::move(sink)) {}
 
 Feeder::~Feeder() {
   Stop();
@@ -31,7 +34,8 @@ void Feeder::Run() {
   if (!written || stop_.load(std::memory_order_relaxed)) {
     return;
   }
-  if (!writer.Finish()) {
+  const auto write = [&writer](StreamEditor::Bytes bytes) { return writer.Write(bytes); };
+  if (!editor_.Finish(write) || !writer.Finish()) {
     return;
   }
   padding_.store(writer.Padding(), std::memory_order_relaxed);
@@ -39,18 +43,21 @@ void Feeder::Run() {
 }
 
 bool Feeder::PlayRound(WordWriter& writer) {
-  const auto write = [&writer](Restamper::Bytes bytes) { return writer.Write(bytes); };
+  const auto write = [&writer](StreamEditor::Bytes bytes) { return writer.Write(bytes); };
   while (!stop_.load(std::memory_order_relaxed)) {
     const auto packets = reader_->Next();
     if (packets.empty()) {
       break;
     }
-    if (!(restamper_ ? restamper_->Run(packets, write) : writer.Write(packets))) {
+    if (sink_.arrived) {
+      sink_.arrived(reader_->ArrivalOf(packets.size() - 1));
+    }
+    if (!editor_.Run(packets, write)) {
       return false;
     }
   }
   read_error_.store(reader_->ReadError(), std::memory_order_relaxed);
-  return !restamper_ || restamper_->Run({}, write);
+  return editor_.EndRound(write);
 }
 
 bool Feeder::StartNextRound() {
@@ -62,9 +69,7 @@ bool Feeder::StartNextRound() {
   }
   ++round_;
   reader_->StartNextRound();
-  if (restamper_) {
-    restamper_->StartNextRound();
-  }
+  editor_.StartNextRound();
   return true;
 }
 

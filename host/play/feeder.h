@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -10,8 +11,8 @@
 #include <thread>
 
 #include "host/play/word_writer.h"
-#include "host/stream/restamper.h"
 #include "host/stream/round_reader.h"
+#include "host/stream/stream_editor.h"
 
 namespace ipplay {
 
@@ -20,10 +21,12 @@ class Feeder {
   struct Sink {
     WordWriter::WriteWords write;     // see WordWriter; may block
     std::function<void()> terminate;  // declares the end of the data; may block until it has left
+    // What is written next came at this time, since 1970 where the input knows it; may be null.
+    std::function<void(std::optional<std::int64_t>)> arrived{};
   };
 
   // Plays `rounds` rounds, or without end if it is empty.
-  Feeder(std::unique_ptr<RoundReader> reader, const std::optional<Restamper>& restamper,
+  Feeder(std::unique_ptr<RoundReader> reader, const EditPlan& edits,
          std::optional<std::uint64_t> rounds, Sink sink);
   // Stops and joins the thread. Release a blocking call of `sink` first.
   ~Feeder();
@@ -40,6 +43,7 @@ class Feeder {
   // Once joined.
   const Damage& Damaged() const { return reader_->Damaged(); }
   std::vector<std::string> InputNotes() const { return reader_->Notes(); }
+  std::chrono::nanoseconds LongestWait() const { return editor_.LongestWait(); }
 
  private:
   void Run();
@@ -47,7 +51,7 @@ class Feeder {
   bool StartNextRound();
 
   std::unique_ptr<RoundReader> reader_;
-  std::optional<Restamper> restamper_;
+  StreamEditor editor_;
   std::optional<std::uint64_t> rounds_;
   Sink sink_;
   std::uint64_t round_ = 1;

@@ -3,13 +3,36 @@
 
 #include <algorithm>
 
+#include "host/base/wall_clock.h"
+
 namespace ipplay {
 namespace {
 
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
 // At 100 Mb/s this is more than half a second.
 constexpr std::size_t kMostHeld = std::size_t{8} << 20;
+// By which frames are built before they leave.
+constexpr milliseconds kBuiltAhead(60);
+constexpr milliseconds kHeldUp(2);
 
 }  // namespace
+
+void MarkedWriter::Follow(Time start, Time lead) {
+  following_.emplace(Following{.follower = ClockFollower(lead), .start = start});
+}
+
+void MarkedWriter::Arrived(std::optional<std::int64_t> time_ns) {
+  if (!following_) {
+    return;
+  }
+  following_->knows_arrivals = time_ns.has_value();
+  following_->arrival = ScheduledPlayout::Now();
+  if (time_ns) {
+    following_->arrival -= WallClockNow() - Time(*time_ns);
+  }
+}
 
 bool MarkedWriter::Write(std::span<const std::uint8_t> bytes) {
   held_.insert(held_.end(), bytes.begin(), bytes.end());
@@ -17,23 +40,49 @@ bool MarkedWriter::Write(std::span<const std::uint8_t> bytes) {
   std::size_t known = 0;  // before the last mark
   while (looked_at_ + unit <= held_.size()) {
     if (const auto time = marks_.Add(held_.data() + looked_at_ + format_.SyncOffset())) {
-      // A mark that is refused, at a clock that stands still, leaves the line before it.
-      playout_.Mark(written_ + looked_at_, *time);
+      Place(looked_at_, *time);
       known = looked_at_;
     }
     looked_at_ += unit;
   }
-  if (held_.size() > kMostHeld) {
+  if (held_.size() > kMostHeld || HasToGo()) {
     known = looked_at_;
   }
   return WriteUpTo(known);
+}
+
+// A mark that is refused, at a clock that stands still, leaves the line before it.
+void MarkedWriter::Place(std::size_t position, Time time) {
+  if (!following_) {
+    playout_.Mark(written_ + position, time);
+    return;
+  }
+  Following& f = *following_;
+  const Time place = f.follower.Map(time);
+  playout_.Mark(written_ + position, place);
+  if (f.arrival - f.asked >= seconds(1)) {
+    f.asked = f.arrival;
+    f.shift = Time(playout_.Timing().ShiftNs);
+  }
+  f.due = f.start + place + f.shift;
+  f.follower.Arrived(f.due, f.arrival);
+  followed_ppm_.store(f.follower.Ppm(), std::memory_order_relaxed);
+}
+
+// A live stream's next PCR may come too late to wait for.
+bool MarkedWriter::HasToGo() const {
+  return following_ && !held_.empty() && ScheduledPlayout::Now() + kBuiltAhead >= following_->due;
 }
 
 bool MarkedWriter::WriteUpTo(std::size_t end) {
   if (end == 0) {
     return true;
   }
+  const Time before = ScheduledPlayout::Now();
   const bool taken = playout_.Write(std::span(held_).first(end));
+  if (following_ && !following_->knows_arrivals && ScheduledPlayout::Now() - before > kHeldUp) {
+    following_->follower.HeldUp();
+  }
   held_.erase(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(end));
   looked_at_ -= std::min(looked_at_, end);
   written_ += end;

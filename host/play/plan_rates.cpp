@@ -19,20 +19,18 @@ constexpr std::uint64_t kLargestBatchBytes = 256 * std::uint64_t{1024} * 1024;
 // IPBitRate counts whole frames: the stream's rate grows by what headers add to each payload, and
 // by the four bytes in front of each packet of time-stamped input.
 std::optional<Failure> SetBitRates(const PlayOptions& options, const StreamFacts& facts,
-                                   const Sizes& sizes, Rates& rates) {
+                                   PacketFormat format, const Sizes& sizes, Rates& rates) {
   const double packet_share =
-      facts.format.IsRaw()
-          ? 1
-          : static_cast<double>(facts.format.packet_bytes) / facts.format.CountedBytes();
+      format.IsRaw() ? 1 : static_cast<double>(format.packet_bytes) / format.CountedBytes();
   const double frame_share = packet_share * sizes.frame_bytes /
                              static_cast<double>(sizes.payload_bytes) * rates.share_sent;
-  const double speed = 1 + options.ppm / 1e6;
+  const double speed = SpeedOf(options);
   if (options.frame_bit_rate) {
     rates.frame = *options.frame_bit_rate * speed;
     rates.stream = rates.frame / frame_share;
     return std::nullopt;
   }
-  const auto rate = options.bit_rate ? options.bit_rate : facts.BitRate();
+  const auto rate = options.bit_rate ? options.bit_rate : facts.BitRate(format);
   if (!rate && options.pcr_pid) {
     return UsageFailure("--pcr-pid: INPUT has no PCRs there; give a PID with PCRs, or --bitrate");
   }
@@ -97,13 +95,48 @@ std::optional<Failure> SetRtpClock(const PlayOptions& options, const Sizes& size
   return std::nullopt;
 }
 
+// A rate within the tolerance of a stream's clock (ISO/IEC 13818-1, 2.4.2.1) is its own.
+std::optional<Failure> SetFill(const PlayOptions& options, const StreamFacts& facts,
+                               PacketFormat format, Rates& rates) {
+  constexpr double kTolerance = 30e-6;
+  const auto own = facts.BitRate(format);
+  if (!own || (!options.bit_rate && !options.frame_bit_rate)) {
+    return std::nullopt;
+  }
+  const double rate = rates.stream / SpeedOf(options);
+  if (!facts.rate->IsVariable() && std::abs(rate / *own - 1) <= kTolerance) {
+    return std::nullopt;
+  }
+  const double least = *own * (1 - facts.null_share);
+  if (facts.bytes && rate < least) {
+    return UsageFailure(fmt::format(
+        "{}: too little: without its null packets INPUT has {} of stream; give that or more, or "
+        "--speed to play it slower",
+        options.bit_rate ? "--bitrate" : "--frame-bitrate", FormatBitRate(least)));
+  }
+  const double bits = 8.0 * format.CountedBytes();
+  rates.fill = FillPlan{facts.rate->pid, facts.rate->packets_per_second, rate / bits};
+  return std::nullopt;
+}
+
 }  // namespace
+
+double SpeedOf(const PlayOptions& options) {
+  return options.speed * (1 + options.ppm / 1e6);
+}
+
+nanoseconds ReadAhead(const PlayOptions& options, bool live) {
+  constexpr nanoseconds kOfPipe = std::chrono::seconds(2);
+  constexpr nanoseconds kOfLive = std::chrono::milliseconds(200);
+  return live ? options.prefill.value_or(kOfLive) : kOfPipe + options.prefill.value_or(nanoseconds(0));
+}
 
 double Rates::PayloadBytesPerSecond(const Sizes& sizes) const {
   return frame / share_sent / 8 * sizes.payload_bytes / sizes.frame_bytes;
 }
 
-Result<Rates> PlanRates(const PlayOptions& options, const StreamFacts& facts, const Sizes& sizes) {
+Result<Rates> PlanRates(const PlayOptions& options, const StreamFacts& facts, PacketFormat format,
+                        const Sizes& sizes) {
   if (options.bit_rate && options.frame_bit_rate) {
     return UsageFailure("--bitrate and --frame-bitrate exclude each other; give one");
   }
@@ -113,7 +146,10 @@ Result<Rates> PlanRates(const PlayOptions& options, const StreamFacts& facts, co
   if (options.lose && options.lose->count < options.lose->range) {
     rates.share_sent = 1 - static_cast<double>(options.lose->count) / options.lose->range;
   }
-  if (auto failure = SetBitRates(options, facts, sizes, rates)) {
+  if (auto failure = SetBitRates(options, facts, format, sizes, rates)) {
+    return *std::move(failure);
+  }
+  if (auto failure = SetFill(options, facts, format, rates)) {
     return *std::move(failure);
   }
   if (auto failure = SetBatchAndGap(options, sizes, rates)) {

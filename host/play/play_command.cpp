@@ -27,16 +27,20 @@ void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const Pla
                  const Path& path, Input& input) {
   std::vector<std::uint8_t> payload(plan.sizes.payload_bytes);
   payload.resize(input.ReadFully(payload));
-  if (plan.rounds.restamp) {
+  if (!facts.format.IsRaw()) {
     const std::size_t unit = facts.format.packet_bytes;
-    std::vector<std::uint8_t> restamped;
-    Restamper(facts.format, *plan.rounds.restamp)
-        .Run(std::span(payload).first(payload.size() / unit * unit), [&](Restamper::Bytes bytes) {
-          restamped.insert(restamped.end(), bytes.begin(), bytes.end());
-          return true;
-        });
-    restamped.resize(std::min(restamped.size(), payload.size()));
-    std::copy(restamped.begin(), restamped.end(), payload.begin());
+    const std::size_t whole = payload.size() / unit * unit;
+    std::vector<std::uint8_t> edited;
+    const auto append = [&edited](StreamEditor::Bytes bytes) {
+      edited.insert(edited.end(), bytes.begin(), bytes.end());
+      return true;
+    };
+    StreamEditor editor(facts.format, plan.edits);
+    editor.Run(std::span(payload).first(whole), append);
+    editor.Finish(append);
+    edited.insert(edited.end(), payload.begin() + static_cast<std::ptrdiff_t>(whole), payload.end());
+    edited.resize(std::min<std::size_t>(edited.size(), plan.sizes.payload_bytes));
+    payload = std::move(edited);
   }
   Print(Results(), "{}", DryRun(options, facts, plan, path, payload));
 }

@@ -120,10 +120,14 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
              "Size of the frame instead, from the Ethernet header to the end of the payload; "
              "filled with whole transport packets");
   add.Flag("--cut", o.cut, "Fill --frame-size to the byte, cutting transport packets");
+  add.Flag("--as-188", o.as_188,
+           "Play packets of 192 or 204 bytes without their time stamps or parity");
   add.Flag("--raw", o.raw, "Play any bytes, without looking for transport packets");
   add.Flag("--no-damage", o.no_damage, "Let the exit status be 1 if INPUT is damaged");
   add.Value("--bitrate", o.bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
-            "Bit rate of the transport stream; default: the rate of its PCRs", ParseBitRate);
+            "Bit rate of the transport stream, to which null packets fill it up; default: the rate "
+            "of its PCRs",
+            ParseBitRate);
   add.Value("--frame-bitrate", o.frame_bit_rate, "RATE",
             "a number above 0 with k, M or G, as 9.75M",
             "Bit rate of one stream's Ethernet frames instead, headers included", ParseBitRate);
@@ -137,6 +141,14 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
         return ppm && *ppm >= -1e5 && *ppm <= 1e5 ? ppm : std::nullopt;
       },
       "0");
+  add.Value(
+      "--speed", o.speed, "N", "0.001 to 1000, as 2 or 0.5",
+      "Play this many times as fast as the PCRs say",
+      [](const std::string& text) {
+        const auto speed = ParseFactor(text);
+        return speed && *speed >= 1e-3 && *speed <= 1e3 ? speed : std::nullopt;
+      },
+      "1");
   add.Value("--loop", o.rounds, "N|forever", "forever or a number from 1",
             "Play the file this many times without a gap", ParseRounds, "1");
   add.Flag("--restamp", o.restamp,

@@ -51,11 +51,13 @@ struct PlayOptions {
   // Payload and rate.
   std::optional<std::uint32_t> ts_per_datagram, frame_size;
   bool cut = false;
+  bool as_188 = false;
   bool raw = false;
   bool no_damage = false;
   std::optional<double> bit_rate, frame_bit_rate;
   std::optional<std::uint32_t> pcr_pid;
   double ppm = 0;
+  double speed = 1;
 
   // Rounds.
   std::optional<std::uint64_t> rounds;  // none: without end

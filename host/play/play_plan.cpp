@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "host/base/units.h"
@@ -54,7 +55,20 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
     return UsageFailure(
         "--from and --duration exclude --raw: raw input has no PCRs; give one or the other");
   }
+  if (options.as_188 && options.raw) {
+    return UsageFailure(
+        "--as-188 and --raw exclude each other: raw input has no packets; give one");
+  }
   return CheckTimeLine(options);
+}
+
+std::optional<Failure> CheckSpeed(const PlayOptions& options, const StreamFacts& facts) {
+  if (facts.live && facts.rate && SpeedOf(options) != 1) {
+    return UsageFailure(fmt::format(
+        "{}: a live input is played as fast as it comes; leave it out",
+        options.speed != 1 ? "--speed" : "--ppm"));
+  }
+  return std::nullopt;
 }
 
 void NoteRtpClock(const PlayPlan& plan, Notes& notes) {
@@ -75,13 +89,6 @@ void NoteRtpClock(const PlayPlan& plan, Notes& notes) {
                               rates.rtp_clock_ratio * 90, reason));
 }
 
-// A stream of varying rate has its own times, unless a rate is given. The one playout that is
-// paced by a rate has bursts and jitter by it.
-bool FollowsPcrs(const PlayOptions& options, const StreamFacts& facts) {
-  return facts.rate && facts.rate->IsVariable() && !options.bit_rate && !options.frame_bit_rate &&
-         !options.burst && !options.jitter;
-}
-
 // What only the process-wide playout does: it takes any number of copies, lets its thread's
 // priority be chosen, and hands frames over in batches, which a schedule of single frames cannot
 // keep up with.
@@ -90,6 +97,51 @@ bool IsScheduled(const PlayOptions& options, const PlayPlan& plan) {
   constexpr std::chrono::microseconds kShortestGap(5);
   return plan.copies <= kMostCopies && options.priority == IPPLAYOUT_PRIORITY_ABOVE_NORMAL &&
          plan.rates.gap >= kShortestGap;
+}
+
+// A stream of varying rate has its own times, unless a rate is given. The one playout that is
+// paced by a rate has bursts and jitter by it. What comes once is always played by its PCRs, since
+// its rate is known for its beginning only.
+bool FollowsPcrs(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan) {
+  if (!facts.rate) {
+    return false;
+  }
+  if (!facts.bytes) {
+    return IsScheduled(options, plan);
+  }
+  return facts.rate->IsVariable() && !options.bit_rate && !options.frame_bit_rate &&
+         !options.burst && !options.jitter;
+}
+
+// What waits to be played is as much as was read ahead.
+void FollowInput(const PlayOptions& options, const StreamFacts& facts, PlayPlan& plan) {
+  if (facts.bytes || SpeedOf(options) != 1) {
+    return;
+  }
+  plan.lead = ReadAhead(options, facts.live);
+  constexpr double kMoreSeconds = 2;  // than usual may come before it holds the source up
+  constexpr double kMostRing = 64 << 20;
+  const double bytes = plan.rates.PayloadBytesPerSecond(plan.sizes) * facts.rate->highest /
+                       facts.rate->packets_per_second;
+  const double seconds = std::chrono::duration<double>(*plan.lead).count() + kMoreSeconds;
+  plan.schedule.RingBytes = static_cast<std::uint32_t>(
+      std::clamp(bytes * seconds, static_cast<double>(plan.schedule.RingBytes), kMostRing));
+}
+
+// Of rounds as they are played.
+void ScaleRounds(const StreamFacts& facts, PacketFormat format, const Rates& rates,
+                 Rounds& rounds) {
+  double share = facts.format.IsRaw() ? 1
+                                      : static_cast<double>(format.packet_bytes) /
+                                            facts.format.packet_bytes;
+  if (rates.fill) {
+    share *= rates.fill->packets_per_second / rates.fill->own_packets_per_second;
+  }
+  for (auto* bytes : {&rounds.round_bytes, &rounds.total_bytes}) {
+    if (*bytes && share != 1) {
+      *bytes = static_cast<std::uint64_t>(std::llround(static_cast<double>(**bytes) * share));
+    }
+  }
 }
 
 std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
@@ -118,20 +170,21 @@ void AdaptRates(Rates& rates) {
   rates.rtp_clock_ratio = rates.rtp_clock_ratio == 0 ? 0 : 1;
 }
 
-void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, Notes& notes) {
-  const auto own = facts.BitRate();
-  constexpr double kSameRate = 1e-3;
-  if (own && options.bit_rate && std::abs(*options.bit_rate / *own - 1) > kSameRate) {
-    notes.push_back(
-        fmt::format("--bitrate: {} is not the stream's own rate, {} by the PCRs of PID {}",
-                    FormatBitRate(*options.bit_rate), FormatBitRate(*own), facts.rate->pid));
-  }
-  if (facts.rate && facts.rate->IsVariable()) {
-    const double bits = 8.0 * facts.format.CountedBytes();
+void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
+                 Notes& notes) {
+  const double bits = 8.0 * facts.format.CountedBytes();
+  if (const auto& fill = plan.rates.fill) {
+    notes.push_back(fmt::format(
+        "null packets {} the stream, {} by the PCRs of PID {}, {}; --speed plays it faster or "
+        "slower",
+        fill->packets_per_second < fill->own_packets_per_second ? "are taken out of" : "fill up",
+        FormatBitRate(fill->own_packets_per_second * bits), fill->pcr_pid,
+        options.bit_rate ? "to --bitrate" : "to --frame-bitrate"));
+  } else if (facts.bytes && facts.rate && facts.rate->IsVariable()) {
     notes.push_back(fmt::format(
         "the stream's bit rate varies from {} to {}; it is played {}",
         FormatBitRate(facts.rate->lowest * bits), FormatBitRate(facts.rate->highest * bits),
-        FollowsPcrs(options, facts) ? "at the times of its PCRs" : "at a constant rate"));
+        plan.pcr_rate ? "at the times of its PCRs" : "at a constant rate"));
   }
   if (facts.rate && facts.rate->discontinuities > 0) {
     notes.push_back(
@@ -166,7 +219,7 @@ void NoteJitter(const PlayOptions& options, const PlayPlan& plan, Notes& notes) 
 
 void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& plan) {
   NoteRtpClock(plan, plan.notes);
-  NoteBitRate(options, facts, plan.notes);
+  NoteBitRate(options, facts, plan, plan.notes);
   NoteBytesLeftOut(facts, plan.notes);
   if (options.near_wrap && !plan.rounds.restamp) {
     plan.notes.emplace_back(
@@ -188,30 +241,51 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   if (auto failure = CheckErrors(options)) {
     return *std::move(failure);
   }
+  if (auto failure = CheckSpeed(options, facts)) {
+    return *std::move(failure);
+  }
   const auto headers = PlanHeaders(options, path);
   if (!headers) {
     return headers.Error();
   }
-  const auto sizes = PlanSizes(options, facts.format, path.adapter);
+  EditPlan edits{.as_188 = options.as_188};
+  const PacketFormat format = StreamEditor::Format(facts.format, edits);
+  const auto sizes = PlanSizes(options, format, path.adapter);
   if (!sizes) {
     return sizes.Error();
   }
-  const auto rates = PlanRates(options, facts, *sizes);
+  const auto rates = PlanRates(options, facts, format, *sizes);
   if (!rates) {
     return rates.Error();
   }
-  const auto rounds = PlanRounds(options, facts);
+  auto rounds = PlanRounds(options, facts);
   if (!rounds) {
     return rounds.Error();
   }
-  PlayPlan plan{*sizes, *rates, *rounds, options.copies, facts.damage, {},
-                false,  {},     {},      headers->notes};
-  const Decisions decided{facts.format, *headers, *sizes, *rates, *rounds};
+  ScaleRounds(facts, format, *rates, *rounds);
+  edits.restamp = rounds->restamp;
+  edits.fill = rates->fill;
+  PlayPlan plan{.sizes = *sizes,
+                .rates = *rates,
+                .rounds = *rounds,
+                .edits = edits,
+                .copies = options.copies,
+                .speed = options.speed,
+                .damage = facts.damage,
+                .settings = {},
+                .pcr_rate = {},
+                .lead = {},
+                .notes = headers->notes};
+  const Decisions decided{format, *headers, *sizes, *rates, *rounds};
   plan.settings = SettingsFor(options, path, decided);
   plan.schedule = ScheduleFor(options, path, decided, plan.settings);
-  if (FollowsPcrs(options, facts)) {
+  if (FollowsPcrs(options, facts, plan)) {
     plan.pcr_rate = facts.rate;
+    if (plan.rates.fill) {
+      plan.pcr_rate->packets_per_second = plan.rates.fill->packets_per_second;
+    }
     plan.schedule.BitRate = 0;
+    FollowInput(options, facts, plan);
   }
   plan.by_schedule = plan.pcr_rate || !options.into.empty() || IsScheduled(options, plan);
   if (plan.by_schedule) {

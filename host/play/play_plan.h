@@ -3,6 +3,7 @@
 // anything is sent.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -15,6 +16,7 @@
 #include "host/play/plan_rounds.h"
 #include "host/play/plan_sizes.h"
 #include "host/play/play_options.h"
+#include "host/stream/stream_editor.h"
 #include "host/stream/stream_facts.h"
 #include "ipplayout/playouts.h"
 
@@ -24,12 +26,16 @@ struct PlayPlan {
   Sizes sizes;
   Rates rates;
   Rounds rounds;
+  EditPlan edits;
   std::uint32_t copies = 1;
+  double speed = 1;  // --speed, without --ppm
   Damage damage;  // of the input, as the notes say
   Settings settings;
   bool by_schedule = false;         // by a playout with a handle
   IpPlayoutSettings schedule{};     // its settings
   std::optional<PcrRate> pcr_rate;  // of a stream that is played at the times of its PCRs
+  // The clock of an input that comes once is followed, and what it brings waits for so long.
+  std::optional<std::chrono::nanoseconds> lead;
   std::vector<std::string> notes;   // what the user should know, a line each
 };
 

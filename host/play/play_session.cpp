@@ -25,13 +25,6 @@ using namespace std::chrono_literals;
 constexpr const char* kKeys =
     "keys: space pause, l lose, s delay, i bad IP checksum, u bad UDP checksum, q stop, ? help";
 
-std::optional<Restamper> MakeRestamper(const PlayPlan& plan, PacketFormat format) {
-  if (!plan.rounds.restamp) {
-    return std::nullopt;
-  }
-  return Restamper(format, *plan.rounds.restamp);
-}
-
 std::string ReadFailure(int error) {
   return error == ENODATA ? "the file has become shorter" : std::strerror(error);
 }
@@ -45,12 +38,8 @@ PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
       stop_reading_(stop_reading),
       time_line_(options.time_line),
       meter_(plan),
-      playing_(MakePlaying(options, plan, reader->Format())),
-      feeder_([&] {
-        const PacketFormat format = reader->Format();
-        return Feeder(std::move(reader), MakeRestamper(plan, format), plan.rounds.count,
-                      playing_->Sink());
-      }()) {}
+      playing_(MakePlaying(options, plan, StreamEditor::Format(reader->Format(), plan.edits))),
+      feeder_(std::move(reader), plan.edits, plan.rounds.count, playing_->Sink()) {}
 
 PlaySession::~PlaySession() {
   if (running_) {
@@ -264,6 +253,7 @@ void PlaySession::Finish(bool complete) {
   feeder_.Join();
   timing_ = playing_->Timing();
   unsent_ = timing_ ? timing_->NotSent + (failed_ ? timing_->Discarded : 0) : CountUnsent();
+  followed_ppm_ = playing_->FollowedPpm();
   meter_.End(playing_->Counters(), complete, timing_);
 }
 
@@ -299,6 +289,7 @@ void PlaySession::ReportWhenDue() {
 Status PlaySession::Progress() const {
   Status status = meter_.Total();
   status.timing = timing_;
+  status.input_ppm = playing_->FollowedPpm();
   return status;
 }
 
@@ -386,6 +377,13 @@ void PlaySession::JudgeInput() {
       Print(stderr, "ipplay: note: {}\n", note);
     }
   }
+  constexpr nanoseconds kWorthANote = 10ms;
+  if (feeder_.LongestWait() >= kWorthANote) {
+    Print(stderr,
+          "ipplay: note: the stream is faster than the bit rate ordered at times: packets left up "
+          "to {} late\n",
+          FormatDuration(feeder_.LongestWait()));
+  }
   if (damage.places > 0 && options_.no_damage) {
     failed_ = true;
     outcome_ = "Failed";
@@ -446,6 +444,7 @@ ExitStatus PlaySession::Conclude() {
   Status status = meter_.Total();
   status.held_back = HeldBack(status.counters);
   status.timing = timing_;
+  status.input_ppm = followed_ppm_;
   if (!options_.raw) {
     status.damage = feeder_.Damaged();
   }

@@ -48,7 +48,8 @@ class RatePlaying final : public Playing {
 
   Feeder::Sink Sink() override {
     return {.write = [](const void* data, std::uint16_t units) { return IPWrite(data, units); },
-            .terminate = [] { IPWriteTerminate(); }};
+            .terminate = [] { IPWriteTerminate(); },
+            .arrived = nullptr};
   }
   int EndDescriptor() const override { return ended_.Get(); }
 
@@ -114,7 +115,13 @@ class ScheduledPlaying final : public Playing {
     if (writer_) {
       playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
     }
-    auto failure = WithRightsToStart([this] { return playout_.Start(); });
+    std::optional<std::chrono::nanoseconds> start;
+    if (writer_ && plan_.lead) {
+      // What was read ahead is there, and frames take a moment to be built.
+      start = ScheduledPlayout::Now() + std::chrono::milliseconds(50);
+      writer_->Follow(*start, *plan_.lead);
+    }
+    auto failure = WithRightsToStart([this, start] { return playout_.Start(start); });
     return failure ? std::optional(failure->message) : std::nullopt;
   }
 
@@ -124,7 +131,13 @@ class ScheduledPlaying final : public Playing {
                   const auto* bytes = static_cast<const std::uint8_t*>(data);
                   return Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
                 },
-            .terminate = [this] { writer_ ? writer_->Finish() : playout_.End(); }};
+            .terminate = [this] { writer_ ? writer_->Finish() : playout_.End(); },
+            .arrived =
+                [this](std::optional<std::int64_t> time_ns) {
+                  if (writer_) {
+                    writer_->Arrived(time_ns);
+                  }
+                }};
   }
   int EndDescriptor() const override { return playout_.EndDescriptor(); }
 
@@ -156,6 +169,9 @@ class ScheduledPlaying final : public Playing {
     return failure ? std::optional(failure->message) : std::nullopt;
   }
   std::optional<IpPlayoutTiming> Timing() const override { return playout_.Timing(); }
+  std::optional<double> FollowedPpm() const override {
+    return writer_ && plan_.lead ? std::optional(writer_->FollowedPpm()) : std::nullopt;
+  }
 
  private:
   bool Write(std::span<const std::uint8_t> bytes) {
@@ -177,7 +193,7 @@ std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan&
   }
   std::optional<PcrMarks> marks;
   if (plan.pcr_rate) {
-    marks.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, 1 + options.ppm / 1e6);
+    marks.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, SpeedOf(options));
   }
   return std::make_unique<ScheduledPlaying>(plan, std::move(*playout), marks, format);
 }

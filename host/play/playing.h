@@ -34,9 +34,12 @@ class Playing {
   virtual std::optional<std::string> Stop() = 0;
   // When its frames left, where that is recorded.
   virtual std::optional<IpPlayoutTiming> Timing() const { return std::nullopt; }
+  // By how much the clock of the input is faster, where it is followed.
+  virtual std::optional<double> FollowedPpm() const { return std::nullopt; }
 };
 
-// By a schedule where the plan says so, by time marks where it follows the PCRs.
+// By a schedule where the plan says so, by time marks where it follows the PCRs. `format` is that of
+// the packets that are played.
 std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
                                      PacketFormat format);
 

@@ -4,7 +4,9 @@
 #include <cstring>
 
 #include "host/library/destination.h"
+#include "host/play/plan_rates.h"
 #include "host/play/way_out.h"
+#include "host/stream/live_source.h"
 #include "host/stream/open_input.h"
 
 namespace ipplay {
@@ -47,12 +49,16 @@ TimeSpan WindowOf(const PlayOptions& options) {
 }
 
 ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
-  ExamineOptions examine{
-      .raw = options.raw, .want_rate = !options.bit_rate && !options.frame_bit_rate, .pcr_pid = {}};
+  ExamineOptions examine{.raw = options.raw, .pcr_pid = {}};
   if (options.restamp || options.near_wrap) {
-    examine.want_rate = true;
     examine.whole = options.rounds != 1;  // the seams follow from the length
   }
+  // Where a rate is given, PCRs are not waited for as long as they might come.
+  if (options.bit_rate || options.frame_bit_rate) {
+    constexpr std::size_t kEnough = std::size_t{1} << 20;
+    examine.most_read_ahead = kEnough;
+  }
+  examine.read_ahead = ReadAhead(options, IsLiveAddress(options.input));
   if (options.program) {
     examine.program = static_cast<std::uint16_t>(*options.program);
   }

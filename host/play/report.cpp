@@ -238,6 +238,10 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   text += fmt::format(", {}\n", FormatBytes(counters.TSBytesSent));
   text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(plan.rates.stream),
                       FormatBitRate(status.mean_rate));
+  if (status.input_ppm) {
+    text += fmt::format("  input      its clock was followed, {:+.1f} ppm at the end\n",
+                        *status.input_ppm);
+  }
   text += fmt::format("  ordered    {}\n", OrderedErrors(counters));
   if (!status.held_back || *status.held_back > 0) {
     text +=
@@ -292,6 +296,9 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   if (status.damage) {
     json["input"] = {{"left_out_bytes", status.damage->bytes},
                      {"left_out_places", status.damage->places}};
+  }
+  if (status.input_ppm) {
+    json["input"]["clock_ppm"] = *status.input_ppm;
   }
   if (status.timing && status.timing->LatenessMaxNs >= 0) {
     json["departures"] = DeparturesJson(*status.timing);

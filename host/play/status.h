@@ -25,6 +25,7 @@ struct Status {
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
   std::optional<std::uint64_t> held_back;
   std::optional<IpPlayoutTiming> timing;  // where it is recorded
+  std::optional<double> input_ppm;        // of its clock, where that is followed
   std::optional<Damage> damage;           // of the input, at the end of the run; none of raw input
 };
 

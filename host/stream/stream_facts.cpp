@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/stream/stream_facts.h"
 
+#include <bitstream/mpeg/ts.h>
 #include <fmt/format.h>
 
 #include <chrono>
@@ -16,8 +17,7 @@
 namespace ipplay {
 namespace {
 
-constexpr double kReadAheadSeconds = 2;
-constexpr std::size_t kReadAheadLimit = 32 * std::size_t{1024} * 1024;
+constexpr std::uint16_t kNullPid = 0x1FFF;
 
 Failure CannotRead(const Input& input) {
   return UsageFailure(
@@ -50,6 +50,10 @@ class PacketWalker {
       meter_.Add(packets_, packet);
       times_.Add(packet);
       ++packets_;
+      ++looked_at_;
+      if (ts_get_pid(packet) == kNullPid) {
+        ++nulls_;
+      }
     }
   }
 
@@ -60,6 +64,9 @@ class PacketWalker {
   }
 
   std::uint64_t packets() const { return packets_; }
+  double NullShare() const {
+    return looked_at_ == 0 ? 0 : static_cast<double>(nulls_) / static_cast<double>(looked_at_);
+  }
   const PcrRateMeter& meter() const { return meter_; }
   const PesTimes& times() const { return times_; }
   std::set<std::uint16_t> Programs() const {
@@ -73,6 +80,8 @@ class PacketWalker {
   PcrRateMeter meter_;
   PesTimes times_;
   std::uint64_t packets_ = 0;
+  std::uint64_t looked_at_ = 0;
+  std::uint64_t nulls_ = 0;
 };
 
 void WalkAll(Input& input, PacketReader& reader, PacketWalker& walker) {
@@ -158,8 +167,9 @@ std::optional<Failure> WalkFile(Input& input, const ExamineOptions& options, Str
 }
 
 // `head` holds the bytes read to recognise the packets, and takes the bytes read ahead.
-void WalkPipe(Input& input, StreamFacts& facts, std::vector<std::uint8_t> head, bool want_rate,
-              PacketWalker& walker) {
+void WalkPipe(Input& input, const ExamineOptions& options, StreamFacts& facts,
+              std::vector<std::uint8_t> head, PacketWalker& walker) {
+  const double ahead = std::chrono::duration<double>(options.read_ahead).count();
   head.erase(head.begin(), head.begin() + static_cast<std::ptrdiff_t>(facts.first_packet));
   PacketSync sync(facts.format, true);
   std::size_t walked = 0;
@@ -169,8 +179,7 @@ void WalkPipe(Input& input, StreamFacts& facts, std::vector<std::uint8_t> head, 
       walker.Walk(std::span(head).subspan(walked + run.skipped, run.bytes));
       walked += run.skipped + run.bytes;
     }
-    if (!want_rate || walker.meter().SecondsCovered() >= kReadAheadSeconds ||
-        head.size() >= kReadAheadLimit) {
+    if (walker.meter().SecondsCovered() >= ahead || head.size() >= options.most_read_ahead) {
       break;
     }
     constexpr std::size_t kStep = 64 * std::size_t{1024};
@@ -222,11 +231,11 @@ std::optional<std::uint64_t> StreamFacts::Packets() const {
   return *bytes / format.packet_bytes;
 }
 
-std::optional<double> StreamFacts::BitRate() const {
+std::optional<double> StreamFacts::BitRate(PacketFormat of) const {
   if (!rate) {
     return std::nullopt;
   }
-  return rate->packets_per_second * 8 * format.CountedBytes();
+  return rate->packets_per_second * 8 * of.CountedBytes();
 }
 
 Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
@@ -256,7 +265,7 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   facts.live = input.IsLive();
   PacketWalker walker(facts.format, options.program);
   if (!input.Size()) {
-    WalkPipe(input, facts, std::move(head), options.want_rate, walker);
+    WalkPipe(input, options, facts, std::move(head), walker);
     facts.window = options.window;
   } else if (const auto failure = WalkFile(input, options, facts, walker)) {
     return *failure;
@@ -271,6 +280,7 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
                                        input.Name(), *options.program, fmt::join(programs, ", ")));
   }
   facts.rate = walker.meter().Rate(options.pcr_pid);
+  facts.null_share = walker.NullShare();
   facts.content_ticks = walker.times().Ticks();
   return facts;
 }

@@ -2,6 +2,7 @@
 // Properties of a stream, found before it is played.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 
@@ -23,19 +24,24 @@ struct StreamFacts {
   std::uint64_t trailing_bytes = 0;    // after the last whole packet; not played
   Damage damage;                    // between the packets of a file that was read whole; not played
   std::optional<PcrRate> rate;      // where there are PCRs
+  double null_share = 0;            // null packets among all that were looked at
   std::uint64_t content_ticks = 0;  // of a file, as PesTimes::Ticks()
   bool live = false;                // comes at its own pace
   std::optional<TimeSpan> window{};        // of a pipe, to be found as it comes
   std::optional<std::uint16_t> program{};  // the only one that is played
 
   std::optional<std::uint64_t> Packets() const;
-  // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts.
-  std::optional<double> BitRate() const;
+  // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts; of packets of
+  // another format where that is given.
+  std::optional<double> BitRate() const { return BitRate(format); }
+  std::optional<double> BitRate(PacketFormat of) const;
 };
 
 struct ExamineOptions {
   bool raw = false;
-  bool want_rate = true;  // false: a pipe need not be read ahead for its PCRs
+  // How much of what comes once is read ahead, by its PCRs and in bytes.
+  std::chrono::nanoseconds read_ahead = std::chrono::seconds(2);
+  std::size_t most_read_ahead = std::size_t{32} << 20;
   bool whole = false;     // read a large file whole too, so that its length is exact
   std::optional<std::uint16_t> pcr_pid{};
   std::optional<TimeSpan> window{};        // what to play; none: all
@@ -46,8 +52,8 @@ struct ExamineOptions {
 // its length is taken from its size, as if there were no damage.
 inline constexpr std::uint64_t kLargeFile = std::uint64_t{64} << 20;
 
-// Reads the file, and takes the bit rate from the PCRs. From a pipe it reads ahead until the PCRs
-// cover two seconds. `input` is then at the first packet.
+// Reads the file, and takes the bit rate from the PCRs. Of a pipe it reads what comes first.
+// `input` is then at the first packet.
 Result<StreamFacts> Examine(Input& input, const ExamineOptions& options);
 
 }  // namespace ipplay

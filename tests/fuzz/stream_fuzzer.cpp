@@ -18,8 +18,8 @@
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/stream/open_input.h"
-#include "host/stream/restamper.h"
 #include "host/stream/round_reader.h"
+#include "host/stream/stream_editor.h"
 #include "host/stream/stream_facts.h"
 
 using namespace ipplay;
@@ -109,7 +109,7 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
   std::uint64_t played = 0;
   auto at = bytes.begin();
   const auto take = [&](std::span<const std::uint8_t> piece) {
-    if (!plan.rounds.restamp && !facts.program) {
+    if (!plan.edits.restamp && !plan.edits.fill && !facts.program) {
       at = std::search(at, bytes.end(), piece.begin(), piece.end());
       if (bytes.end() - at < static_cast<std::ptrdiff_t>(piece.size())) {
         std::abort();
@@ -119,26 +119,21 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
     played += piece.size();
     return true;
   };
-  std::optional<Restamper> restamper;
-  if (plan.rounds.restamp) {
-    restamper.emplace(facts.format, *plan.rounds.restamp);
-  }
+  StreamEditor editor(facts.format, plan.edits);
   for (std::uint64_t round = 1; round <= plan.rounds.count.value_or(1); ++round) {
     at = bytes.begin();
     if (round > 1) {
       reader.StartNextRound();
-      if (restamper) {
-        restamper->StartNextRound();
-      }
+      editor.StartNextRound();
     }
     for (auto packets = reader.Next(); !packets.empty(); packets = reader.Next()) {
-      restamper ? restamper->Run(packets, take) : take(packets);
+      editor.Run(packets, take);
     }
-    if (restamper) {
-      restamper->Run({}, take);
-    }
+    editor.EndRound(take);
   }
-  if (reader.ReadError() != 0 || (plan.rounds.total_bytes && played != *plan.rounds.total_bytes)) {
+  editor.Finish(take);
+  if (reader.ReadError() != 0 || (plan.rounds.total_bytes && !plan.edits.fill &&
+                                  played != *plan.rounds.total_bytes)) {
     std::abort();
   }
 }

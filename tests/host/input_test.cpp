@@ -90,12 +90,13 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
                               [&] {
                                 fed.terminated = true;
                                 ended.set_value();
-                              }};
-  std::optional<Restamper> restamper;
+                              },
+                          .arrived = nullptr};
+  EditPlan edits;
   if (restamp_ticks) {
-    restamper.emplace(facts->format, RestampPlan{.round_ticks = *restamp_ticks});
+    edits.restamp = RestampPlan{.round_ticks = *restamp_ticks};
   }
-  Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), restamper, rounds, sink);
+  Feeder feeder(std::make_unique<RoundReader>(std::move(*input), *facts), edits, rounds, sink);
   feeder.Start();
   ended.get_future().wait();
   feeder.Join();
@@ -195,7 +196,7 @@ TEST(Input, DamageIsLeftOutOfPipes) {
     spoil(spoilt);
     Fifo fifo;
     fifo.Fill(spoilt);
-    const Fed fed = Feed(fifo.path(), {.want_rate = false});
+    const Fed fed = Feed(fifo.path(), {.read_ahead = std::chrono::nanoseconds(0)});
     EXPECT_EQ(fed.bytes, Without(stream, missing)) << name;
     EXPECT_EQ(fed.damage, damage) << name;
   }
@@ -290,9 +291,10 @@ TEST(Feeder, RefusedWriteEndsIt) {
   bool terminated = false;
   {
     Feeder feeder(
-        std::make_unique<RoundReader>(std::move(*input), *facts), std::nullopt, std::nullopt,
+        std::make_unique<RoundReader>(std::move(*input), *facts), EditPlan(), std::nullopt,
         {.write = [&writes](const void*, std::uint16_t) { return ++writes < 5 ? 0 : -800; },
-         .terminate = [&terminated] { terminated = true; }});
+         .terminate = [&terminated] { terminated = true; },
+         .arrived = nullptr});
     feeder.Start();
   }
   EXPECT_LE(writes, 5);

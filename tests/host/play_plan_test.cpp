@@ -171,7 +171,7 @@ TEST(PlayPlan, RtpClock) {
   EXPECT_NEAR(many->rates.rtp_clock_ratio, 16 * 86 / 1370.0, 1e-6);
   ASSERT_EQ(many->notes.size(), 1U);
   EXPECT_NE(many->notes[0].find("RTP time runs at 90.3942 kHz"), std::string::npos);
-  const auto slow = Plan(kRtp + kByRate + "--frame-bitrate 1999.5");
+  const auto slow = Plan(kRtp + kByRate + "--raw --frame-bitrate 1999.5", Facts(0));
   EXPECT_NEAR(slow->rates.rtp_clock_ratio, 1999.5 / 1999, 1e-9);
   EXPECT_NE(slow->notes.at(0).find("whole bits per second, 1999 of 1999.5"), std::string::npos);
   EXPECT_EQ(Plan(kUdp + "--copies 16")->rates.rtp_clock_ratio, 0);

@@ -11,7 +11,7 @@ from frames import Playout, write_pcap  # noqa: E402
 from playbed import PlayCase  # noqa: E402
 
 USAGE = 2
-TARGET = ("--to", "udp://239.7.7.7:5004", "--bitrate", "40M")
+TARGET = ("--to", "udp://239.7.7.7:5004", "--speed", "5")
 
 
 class Captures(PlayCase):

@@ -17,7 +17,7 @@ class FileCase(PlayCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.frames = os.path.join(cls.folder.name, "frames.pcap")
-        played = cls.bed.play(SAMPLE, *TARGET, "--bitrate", "20M", "--bad-udp-checksum", "1/50")
+        played = cls.bed.play(SAMPLE, *TARGET, "--speed", "28", "--bad-udp-checksum", "1/50")
         write_pcap(cls.frames, played.arrivals)
 
     def run_ipplay(self, *arguments, **more):

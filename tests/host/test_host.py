@@ -58,7 +58,7 @@ class Failing(PlayCase):
         stream = read_file(SAMPLE) * 2
         self.bed.set_link("down")
         self.addCleanup(self.bed.set_link, "up")
-        for datagrams, options in ((150, ("--burst", 200)), (21, ("--bitrate", "200M"))):
+        for datagrams, options in ((150, ("--burst", 200)), (21, ("--speed", "285"))):
             with open(self.path("short.ts"), "wb") as file:
                 file.write(stream[:datagrams * 7 * 188])
             for _ in range(5):
@@ -97,7 +97,7 @@ class Running(PlayCase):
         self.assertEqual(sorted(objects, key=lambda o: o["datagrams"]), objects)
 
     def test_pause_holds_the_stream(self):
-        times = [time for time, _ in self.play(SAMPLE, *TARGET, "--bitrate", "4M", "--at", "100ms",
+        times = [time for time, _ in self.play(SAMPLE, *TARGET, "--speed", "5.7", "--at", "100ms",
                                                "pause:300ms").arrivals]
         self.assertGreater(max(b - a for a, b in zip(times, times[1:])), 0.25)
         self.assertEqual(len(times), 203)
@@ -106,7 +106,7 @@ class Running(PlayCase):
         played = self.play(SAMPLE, *TARGET, "--loop", "forever", "--at", "200ms", "stop")
         self.assertIn("Stopped by --at", played.output)
         self.assertLess(len(played.frames), 203)
-        for arguments in ((SAMPLE, "--bitrate", "10k"), (SAMPLE, "--at", "0", "pause")):
+        for arguments in ((SAMPLE, "--speed", "0.015"), (SAMPLE, "--at", "0", "pause")):
             player = self.bed.start("play", *arguments, *TARGET, "--stats", "json", "--loop", "forever")
             player.stdout.readline()
             interrupt(player)

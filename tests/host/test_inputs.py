@@ -17,7 +17,7 @@ from playbed import SAMPLE, PlayCase, read_file
 PLAYED, FAILED, USAGE = 0, 1, 2
 TARGET = ("--to", "udp://239.1.1.1:5004")
 # What waits in the library at this rate is played within a second or two.
-FAST = (*TARGET, "--bitrate", "400M", "--loop", "forever", "--stats", "json")
+FAST = (*TARGET, "--speed", "570", "--loop", "forever", "--stats", "json")
 
 
 class Inputs(PlayCase):
@@ -67,7 +67,7 @@ class Inputs(PlayCase):
             for name in (path, "-"):
                 with self.subTest(name, options=options), open(path, "rb") as file:
                     source = subprocess.Popen(("cat",), stdin=file, stdout=subprocess.PIPE)
-                    played = self.play(name, *TARGET, "--bitrate", "8M", "--json", *options, status=status,
+                    played = self.play(name, *TARGET, "--speed", "11", "--json", *options, status=status,
                                        stdin=source.stdout)
                     source.stdout.close()
                     source.wait()
@@ -78,7 +78,7 @@ class Inputs(PlayCase):
 
     def test_part_by_time_is_what_ffprobe_sees(self):
         self.bed.capture.drain()
-        played = self.play(SAMPLE, *TARGET, "--bitrate", "20M", "--from", "1s", "--duration", "1s")
+        played = self.play(SAMPLE, *TARGET, "--speed", "28", "--from", "1s", "--duration", "1s")
         part = self.path("part.ts")
         with open(part, "wb") as file:
             file.write(played.payload(42))
@@ -101,7 +101,7 @@ class Inputs(PlayCase):
         programs = [part for i in range(3) for part in ("-map", f"{i}:v", "-program", f"program_num={11 * (i + 1)}:st={i}")]
         subprocess.run(("ffmpeg", "-nostdin", "-loglevel", "error", *sources, "-t", "3", *programs, "-c:v", "mpeg2video",
                         "-muxrate", "4M", path), check=True)
-        played = self.play(path, *TARGET, "--bitrate", "40M", "--program", "22")
+        played = self.play(path, *TARGET, "--speed", "10", "--program", "22")
         with open(alone, "wb") as file:
             file.write(played.payload(42))
         self.assertEqual(os.path.getsize(alone), os.path.getsize(path))
@@ -149,7 +149,7 @@ class Inputs(PlayCase):
 
     def test_file_that_is_removed_is_still_played(self):
         path = shutil.copy(SAMPLE, self.path("removed"))
-        player = self.start_and_wait(path, *TARGET, "--stats", "json", "--bitrate", "2M")
+        player = self.start_and_wait(path, *TARGET, "--stats", "json", "--speed", "3")
         os.remove(path)
         summary = json.loads(player.communicate(timeout=60)[0].splitlines()[-1])
         self.assertEqual((player.returncode, summary["ts_packets"]), (PLAYED, 1418))
@@ -159,7 +159,7 @@ class Pipes(PlayCase):
     def test_pipe_that_closes_is_at_its_end(self):
         for size in (188 * 300, 188 * 300 + 50):
             writer = subprocess.Popen(["head", "-c", str(size), SAMPLE], stdout=subprocess.PIPE)
-            played = self.play("-", *TARGET, "--bitrate", "20M", stdin=writer.stdout)
+            played = self.play("-", *TARGET, "--speed", "28", stdin=writer.stdout)
             writer.stdout.close()
             writer.wait()
             self.assertEqual(played.payload(42), read_file(SAMPLE)[:188 * 300])

@@ -10,10 +10,11 @@ import subprocess
 import time
 import unittest
 
-from playbed import IPPLAY, SAMPLE, PlayCase, install, read_file
+from playbed import IPPLAY, SAMPLE, SAMPLE_RATE, PlayCase, install, read_file
 
 HEADERS = 14 + 20 + 8 + 12
 RATE = 4_000_000
+SPEED = RATE / SAMPLE_RATE
 
 
 def run(*arguments, environment=None):
@@ -62,7 +63,7 @@ class OnTheWire(Files):
         path = self.write("series.toml", f"""
             [defaults]
             device = "{self.bed.NEAR}"
-            bitrate = {RATE}
+            speed = {SPEED}
             [[generate]]
             name = "c{{n:2}}"
             count = 12
@@ -99,7 +100,7 @@ class OnTheWire(Files):
         path = self.write("fails.toml", f"""
             [defaults]
             device = "{self.bed.NEAR}"
-            bitrate = {RATE}
+            speed = {SPEED}
             [[channel]]
             name = "good"
             input = "s1.ts"
@@ -138,7 +139,7 @@ class OnTheWire(Files):
             input = "s1.ts"
             to = "rtp://239.1.0.1:5004"
             device = "{self.bed.NEAR}"
-            bitrate = {RATE}
+            speed = {SPEED}
             """)
         rights = "+net_raw,+sys_nice"
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
@@ -236,7 +237,7 @@ class OnTheWire(Files):
         text = f"""
             [defaults]
             device = "{self.bed.NEAR}"
-            bitrate = {RATE}
+            speed = {SPEED}
             loop = "forever"
             [[channel]]
             name = "stays"

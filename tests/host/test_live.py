@@ -13,7 +13,7 @@ from frames import Playout  # noqa: E402
 from playbed import PlayCase  # noqa: E402
 
 PLAYED, USAGE, NO_ACCESS = 0, 2, 3
-TARGET = ("--to", "udp://239.7.7.7:5006", "--bitrate", "20M")
+TARGET = ("--to", "udp://239.7.7.7:5006")
 GROUP4, GROUP6 = "239.1.1.1", "ff3e::8000:1"
 
 

@@ -97,7 +97,7 @@ class Decoder(PlayCase):
         target = f"{protocol}://{host}:5004"
         receiver = Receiver(namespace or self.bed.far, self.describe(address) if protocol == "rtp"
                             else target, group)
-        player = self.bed.start("play", SAMPLE, "--to", target, "--bitrate", "4M", "--loop", "forever",
+        player = self.bed.start("play", SAMPLE, "--to", target, "--speed", "5.7", "--loop", "forever",
                                 "--restamp", *options)
         try:
             pictures, complaints = receiver.result()
@@ -128,7 +128,7 @@ class Dissector(PlayCase):
     COUNT = 203  # datagrams of the sample
 
     def rows(self, *options, target="rtp://239.1.1.1:5004"):
-        played = self.play(SAMPLE, "--to", target, "--bitrate", "20M", "--sequence", 0, *options)
+        played = self.play(SAMPLE, "--to", target, "--speed", "28", "--sequence", 0, *options)
         fields = ("rtp.seq", "ip.checksum.status", "udp.checksum.status", "_ws.malformed", "udp.length",
                   "ip.len", "ipv6.plen", "frame.len")
         rows = self.dissect(played.arrivals, *fields)

@@ -58,11 +58,29 @@ class VaryingRate(PlayCase):
         self.assertGreaterEqual(departures["lateness_ns"]["max"], departures["lateness_ns"]["p50"])
 
     def test_a_given_rate_makes_it_constant(self):
-        played = self.play(self.stream(), "--to", "rtp://239.1.1.1:5004", "--bitrate", "20M", "--json")
-        self.assertEqual((played.status, len(played.frames)), (0, 1500))
+        """Null packets fill it up, and every PCR is where the rate says. Nothing plays faster."""
+        path = self.stream()
+        played = self.play(path, "--to", "rtp://239.1.1.1:5004", "--bitrate", "20M", "--json")
         times = [int.from_bytes(frame[46:50], "big") for frame in played.frames]
         steps = {b - a for a, b in zip(times, times[1:])}
         self.assertEqual(steps, {47, 48})  # 1,316 bytes at 20 Mb/s: 47.376 ticks of 90 kHz
+        stream = played.payload(54)
+        clocks = program_clocks(stream)
+        clocks = [clocks[:750], clocks[750:]]  # they jump
+        for half in clocks:
+            for (before, a), (after, b) in zip(half, half[1:]):
+                self.assertAlmostEqual(b - a, (after - before) * 188 * 8 / 20e6 * PCR_HZ, delta=1.5)
+        self.assertAlmostEqual(len(stream) * 8 / 20e6, 2 * 2.4, delta=0.02)
+
+        def content(packet):
+            return packet[12:] if packet[3] & 0x20 else packet
+
+        kept = [content(packet) for packet in packets(stream) if packet[1:3] != b"\x1f\xff"]
+        self.assertEqual(kept, [content(packet) for packet in packets(read_file(path))])
+
+    def test_a_rate_that_is_too_little_is_refused(self):
+        played = self.play(SAMPLE, "--to", "udp://239.1.1.1:5004", "--bitrate", "100k", status=2)
+        self.assertRegex(played.errors, r"\Aipplay: --bitrate 100k: too little: [^\n]*--speed[^\n]*\n\Z")
 
 
 class OwnRate(PlayCase):
@@ -102,7 +120,7 @@ class OwnRate(PlayCase):
 
 class Rounds(PlayCase):
     def receive(self, *options, path=SAMPLE):
-        played = self.play(path, "--to", "udp://239.1.1.1:5004", "--bitrate", "20M", *options)
+        played = self.play(path, "--to", "udp://239.1.1.1:5004", "--speed", "20", *options)
         stream = played.payload(42)
         with open(self.path("received.ts"), "wb") as file:
             file.write(stream)

@@ -16,7 +16,7 @@ class LateInput(PlayCase):
         half = len(read_file(SAMPLE)) // 2
         script = f"head -c {half} {SAMPLE}; sleep {PAUSE}; tail -c +{half + 1} {SAMPLE}"
         with subprocess.Popen(["sh", "-c", script], stdout=subprocess.PIPE) as source:
-            return self.play("-", *TARGET, "--bitrate", "4M", "--json", *options, stdin=source.stdout,
+            return self.play("-", *TARGET, "--raw", "--bitrate", "4M", "--json", *options, stdin=source.stdout,
                              status=status)
 
     def test_each_rule_says_what_it_did(self):
@@ -57,7 +57,7 @@ class Seeds(PlayCase):
     def test_a_seed_repeats_a_run(self):
         runs = {}
         for name, seed in (("first", ("--seed", 7)), ("again", ("--seed", 7)), ("other", ("--seed", 8))):
-            played = self.play(SAMPLE, *TARGET, "--bitrate", "40M", "--lose", "9/50", "--random", "--json",
+            played = self.play(SAMPLE, *TARGET, "--speed", "57", "--lose", "9/50", "--random", "--json",
                                *seed)
             summary = json.loads(played.output.splitlines()[-1])
             self.assertEqual(summary["seed"], seed[1])
@@ -67,7 +67,7 @@ class Seeds(PlayCase):
         self.assertNotEqual(rtp_header(runs["first"][0], 42), rtp_header(runs["other"][0], 42))
 
     def test_without_one_each_run_has_its_own(self):
-        seeds = {json.loads(self.play(SAMPLE, *TARGET, "--bitrate", "40M", "--json").output
+        seeds = {json.loads(self.play(SAMPLE, *TARGET, "--speed", "57", "--json").output
                             .splitlines()[-1])["seed"] for _ in range(2)}
         self.assertEqual(len(seeds), 2)
 

@@ -8,7 +8,7 @@ from playbed import (ETHERNET, FAR4, IPV4, IPV6, RTP, SAMPLE, SAMPLE_RATE, UDP, 
                      rtp_header)
 
 TARGET = "rtp://239.1.1.1:5004"
-FAST = ("--bitrate", "40M")
+FAST = ("--speed", "57")
 
 
 class Payload(PlayCase):
@@ -54,7 +54,7 @@ class Payload(PlayCase):
 class Rates(PlayCase):
     def test_transport_stream_rate_on_the_wire(self):
         """Bits of payload over the time in which they arrived. Headers make 4 % of a frame."""
-        for options, rate in (((), SAMPLE_RATE), (("--bitrate", "1.4M"), 1_400_000)):
+        for options, rate in (((), SAMPLE_RATE), (("--speed", "2"), 1_400_000)):
             with self.subTest(options):
                 arrivals = self.play(SAMPLE, "--to", TARGET, *options).arrivals
                 bits = 8 * sum(len(frame) - 54 for _, frame in arrivals[:-1])
@@ -66,7 +66,7 @@ class Rates(PlayCase):
         for options in ((), ("--frame-size", "1500"), ("--frame-size", "1100", "--cut"), ("--vlan", "7"),
                         ("--ts-per-datagram", "1"), ("--copies", "2", "--step", "dst-port=2")):
             with self.subTest(options):
-                frames = self.play(SAMPLE, "--to", TARGET, "--bitrate", "10M", *options).frames
+                frames = self.play(SAMPLE, "--to", TARGET, "--speed", "14", *options).frames
                 copies = 2 if "--copies" in options else 1
                 headers = 58 if "--vlan" in options else 54
                 stream = frames[::copies]

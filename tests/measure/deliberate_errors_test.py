@@ -70,7 +70,7 @@ class DeliberateErrors(unittest.TestCase):
              "--count", str(frames), "--silence", "2s", "--wait", "20s"],
             preexec_fn=bed.far.enter, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.assertEqual(receiver.stderr.readline(), f"Measuring on {bed.FAR}\n")
-        sender = bed.start("play", SAMPLE, "--to", *order, "--ts-per-datagram", "2", "--bitrate", "20M",
+        sender = bed.start("play", SAMPLE, "--to", *order, "--ts-per-datagram", "2", "--speed", "28",
                            "--sequence", "65000", "--ssrc", "7", "--quiet")
         _, complaints = sender.communicate()
         self.assertEqual(sender.returncode, 0, complaints)
