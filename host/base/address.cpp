@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 
 namespace ipplay {
@@ -119,8 +120,22 @@ std::optional<Target> ParseTarget(std::string_view text) {
     return std::nullopt;
   }
   TakePrefix(text, "@");  // as receivers write it
-  const auto endpoint = ParseEndpoint(text);
-  if (!endpoint || text.find('@') != std::string_view::npos) {
+  std::string host(text);
+  // RFC 4007, 11, as far as the brackets go.
+  if (const std::size_t percent = host.find('%'); percent != std::string::npos) {
+    const std::size_t end = host.find(']', percent);
+    if (end == std::string::npos || end == percent + 1) {
+      return std::nullopt;
+    }
+    target.zone = host.substr(percent + 1, end - percent - 1);
+    if (!std::all_of(target.zone.begin(), target.zone.end(), [](char c) { return c > ' ' && c < 0x7F; })) {
+      return std::nullopt;
+    }
+    host.erase(percent, end - percent);
+  }
+  const auto endpoint = ParseEndpoint(host);
+  if (!endpoint || text.find('@') != std::string_view::npos ||
+      (!target.zone.empty() && !(endpoint->address.is_v6 && endpoint->address.IsLinkLocal()))) {
     return std::nullopt;
   }
   target.address = endpoint->address;
@@ -139,7 +154,10 @@ std::string FormatIp(const IpAddress& address) {
 }
 
 std::string FormatTarget(const Target& target) {
-  const std::string host = FormatIp(target.address);
+  std::string host = FormatIp(target.address);
+  if (!target.zone.empty()) {
+    host += '%' + target.zone;
+  }
   return fmt::format("{}://{}:{}", target.rtp ? "rtp" : "udp",
                      target.address.is_v6 ? '[' + host + ']' : host, target.port);
 }

@@ -29,6 +29,7 @@ struct Target {
   bool rtp = false;
   IpAddress address;
   std::uint16_t port = 0;
+  std::string zone{};  // of a link-local address: the adapter, as in "udp://[fe80::1%eth0]:5000"
 };
 
 // Where a stream comes from: "239.1.1.1:5004", "10.0.0.1@232.1.1.1:5004", "[ff3e::8000:1]:5000".

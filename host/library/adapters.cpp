@@ -120,6 +120,19 @@ Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAdd
                   FormatIp(address), route->interface, Names(adapters))};
 }
 
+Result<Adapter> ChooseAdapter(const std::vector<Adapter>& adapters, const std::string& device,
+                              const Target& target) {
+  if (device.empty() && target.zone.empty()) {
+    return AdapterByRoute(adapters, target.address);
+  }
+  auto adapter = FindAdapter(adapters, device.empty() ? target.zone : device);
+  if (adapter && !target.zone.empty() && adapter->name != target.zone) {
+    return UsageFailure(fmt::format("--device and the zone of --to are two adapters, {} and {}; give one",
+                                    adapter->name, target.zone));
+  }
+  return adapter;
+}
+
 std::optional<IpAddress> SourceAddress(const Adapter& adapter, const IpAddress& address) {
   const std::vector<IpAddress>& own = address.is_v6 ? adapter.ipv6 : adapter.ipv4;
   if (own.empty()) {

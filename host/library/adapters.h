@@ -35,6 +35,10 @@ Result<Adapter> FindAdapter(const std::vector<Adapter>& adapters, const std::str
 // The adapter that the route to `address` uses.
 Result<Adapter> AdapterByRoute(const std::vector<Adapter>& adapters, const IpAddress& address);
 
+// The adapter named, that of the target's zone, or else that of the route to it.
+Result<Adapter> ChooseAdapter(const std::vector<Adapter>& adapters, const std::string& device,
+                              const Target& target);
+
 // The address of `adapter` to send from to `address`: the one that the route uses, or else one on
 // the same subnet or of the same scope, or else the first. Nothing when it has none of the version.
 std::optional<IpAddress> SourceAddress(const Adapter& adapter, const IpAddress& address);

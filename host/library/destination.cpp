@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "host/base/library_output.h"
+#include "host/base/next_hop.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -19,8 +20,8 @@ bool IsOwn(const Adapter& adapter, const IpAddress& address) {
 bool Ask(const Adapter& adapter, const IpAddress& address, MacAddress& mac) {
   const LibrarySilence silence(LibrarySilence::Of::kOutputAndErrors);
   std::uint8_t* bytes = mac.data();
-  return GetMacAddressForIP(address.is_v6 ? IPPLAYOUT_IPV6 : IPPLAYOUT_IPV4, address.bytes.data(),
-                            &bytes, static_cast<int>(adapter.index)) == 1;
+  return GetMacAddressForIP(IPPLAYOUT_IPV4, address.bytes.data(), &bytes,
+                            static_cast<int>(adapter.index)) == 1;
 }
 
 }  // namespace
@@ -43,25 +44,27 @@ Result<Destination> FindDestination(const Adapter& adapter, const IpAddress& add
   if (const auto known = DestinationWithoutAsking(adapter, address)) {
     return *known;
   }
-  // The library asks with the adapter's only IPv6 address and does not choose among several.
-  if (address.is_v6 && adapter.ipv6.size() != 1) {
-    return Failure{ExitStatus::kFailed,
-                   fmt::format("{} cannot be asked for its MAC address: {} has {} IPv6 addresses "
-                               "and needs exactly one; give the MAC address with --dst-mac",
-                               FormatIp(address), adapter.name, adapter.ipv6.size())};
-  }
   Destination destination;
+  // The library itself asks for IPv6 neighbours on the link only, from an adapter's only address.
+  if (address.is_v6) {
+    if (const auto hop = FindNextHop(address, adapter.name)) {
+      destination.mac = hop->mac;
+      destination.how =
+          hop->router ? fmt::format("neighbour discovery, of the router {}", FormatIp(*hop->router))
+                      : "neighbour discovery";
+      return destination;
+    }
+    return Failure{ExitStatus::kFailed,
+                   fmt::format("{} does not answer on {}, and no router does; give the MAC address "
+                               "with --dst-mac",
+                               FormatIp(address), adapter.name)};
+  }
   if (!Ask(adapter, address, destination.mac)) {
     return Failure{ExitStatus::kFailed,
                    fmt::format("{} does not answer on {}; give its MAC address with --dst-mac",
                                FormatIp(address), adapter.name)};
   }
-  if (address.is_v6) {
-    destination.how = "neighbour discovery";
-  } else {
-    destination.how =
-        IsOnSubnet(adapter, address) ? "ARP" : "ARP, through the gateway if it has one";
-  }
+  destination.how = IsOnSubnet(adapter, address) ? "ARP" : "ARP, through the gateway if it has one";
   return destination;
 }
 

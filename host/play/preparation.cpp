@@ -16,8 +16,7 @@ Result<Path> FindPath(const PlayOptions& options, const std::vector<Adapter>& ad
   if (!options.into.empty()) {
     return PathIntoFile(options, adapters);
   }
-  const auto adapter = options.device.empty() ? AdapterByRoute(adapters, options.to.address)
-                                              : FindAdapter(adapters, options.device);
+  const auto adapter = ChooseAdapter(adapters, options.device, options.to);
   if (!adapter) {
     return adapter.Error();
   }

@@ -136,8 +136,7 @@ std::optional<Failure> ChooseWay(const PlayOptions& options, const Path& path,
 
 Path PathIntoFile(const PlayOptions& options, const std::vector<Adapter>& adapters) {
   const bool v6 = options.to.address.is_v6;
-  const auto adapter = options.device.empty() ? AdapterByRoute(adapters, options.to.address)
-                                              : FindAdapter(adapters, options.device);
+  const auto adapter = ChooseAdapter(adapters, options.device, options.to);
   Path path;
   if (adapter) {
     path.adapter = *adapter;

@@ -5,7 +5,7 @@ import subprocess
 import sys
 import unittest
 
-from playbed import FAR4, IPPLAY, NEAR4, NEAR6, SAMPLE, PlayCase, read_file
+from playbed import FAR4, IPPLAY, NEAR4, NEAR6, SAMPLE, SAMPLE_RATE, PlayCase, read_file
 
 FAST = ("--speed", "28")
 # Says when it is ready, then writes what comes until there is a second of silence.

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """What leaves the adapter is what was ordered: payload, rates, RTP time, headers."""
 import os
+import socket
 import subprocess
 import unittest
 
@@ -39,9 +40,27 @@ class Payload(PlayCase):
         content = os.urandom(100_001)
         with open(self.path("raw"), "wb") as file:
             file.write(content)
-        played = self.play(self.path("raw"), "--to", "udp://[ff3e::1]:5004", "--raw", "--loop", 3, *FAST)
+        played = self.play(self.path("raw"), "--to", "udp://[ff3e::1]:5004", "--raw", "--loop", 3,
+                           "--bitrate", "40M")
         self.assertEqual(played.payload(ETHERNET + IPV6 + UDP), 3 * content + bytes(1))
         self.assertIn("padded with 1 zero byte:", played.errors)
+
+    def test_ipv6_unicast_of_a_usual_host(self):
+        """Several addresses of its own: a neighbour, one by its link-local address, and what is behind a router."""
+        for namespace, name, own in ((self.bed.near, self.bed.NEAR, "fe80::a"), (self.bed.far, self.bed.FAR, "fe80::b")):
+            namespace.run("ip", "address", "add", f"{own}/64", "dev", name, "nodad")
+        self.bed.near.run("ip", "-6", "route", "add", "fd99::/64", "via", "fe80::b", "dev", self.bed.NEAR)
+        for host, source in (("fd77::2", "fd77::1"), (f"fe80::b%{self.bed.NEAR}", "fe80::a"), ("fd99::5", "fd77::1")):
+            with self.subTest(host):
+                frames = [frame for frame in self.play(SAMPLE, "--to", f"udp://[{host}]:5000", *FAST).frames
+                          if frame[54:58] == bytes((19, 136, 19, 136))]  # not the datagram that finds the neighbour
+                self.assertEqual(len(frames), 203)
+                self.assertEqual({frame[:6].hex(":") for frame in frames}, {self.bed.far_mac})
+                for at, address in ((22, source), (38, host.partition("%")[0])):
+                    self.assertEqual({frame[at:at + 16] for frame in frames},
+                                     {socket.inet_pton(socket.AF_INET6, address)})
+        errors = self.play(SAMPLE, "--to", "udp://[fd77::9]:5000", status=1).errors
+        self.assertIn("fd77::9 does not answer on", errors)
 
     def test_standard_input(self):
         source = subprocess.Popen(["cat", SAMPLE], stdout=subprocess.PIPE)
@@ -66,7 +85,7 @@ class Rates(PlayCase):
         for options in ((), ("--frame-size", "1500"), ("--frame-size", "1100", "--cut"), ("--vlan", "7"),
                         ("--ts-per-datagram", "1"), ("--copies", "2", "--step", "dst-port=2")):
             with self.subTest(options):
-                frames = self.play(SAMPLE, "--to", TARGET, "--speed", "14", *options).frames
+                frames = self.play(SAMPLE, "--to", TARGET, "--speed", "14.2857143", *options).frames
                 copies = 2 if "--copies" in options else 1
                 headers = 58 if "--vlan" in options else 54
                 stream = frames[::copies]
