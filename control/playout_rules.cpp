@@ -3,12 +3,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 
 #include "control/datagram_layout.h"
+#include "control/fault_rules.h"
 #include "control/header_chain.h"
+#include "control/value_checks.h"
 
 namespace ipplayout {
 namespace {
@@ -25,42 +26,6 @@ constexpr std::uint32_t kMostFecColumns = 20;
 constexpr std::uint32_t kLeastFecRows = 4;
 constexpr std::uint32_t kMostFecRows = 20;
 constexpr std::uint32_t kMostFecDatagrams = 100;
-
-// A field of whole numbers and its range.
-struct Range {
-  const char* name;
-  std::int64_t value;
-  std::int64_t least;
-  std::int64_t most;
-};
-
-Failure Refuse(const char* name, const std::string& value, const std::string& allowed) {
-  return {IPPLAYOUT_BAD_VALUE, std::string(name) + " is " + value + "; it can be " + allowed};
-}
-
-Failure CheckRange(const Range& range) {
-  if (range.value >= range.least && range.value <= range.most) {
-    return {};
-  }
-  return Refuse(range.name, std::to_string(range.value),
-                std::to_string(range.least) + " to " + std::to_string(range.most));
-}
-
-template <std::size_t N>
-Failure CheckRanges(const Range (&ranges)[N]) {
-  for (const Range& range : ranges) {
-    if (Failure failure = CheckRange(range)) {
-      return failure;
-    }
-  }
-  return {};
-}
-
-std::string Text(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.6g", value);
-  return text;
-}
 
 Failure CheckHeaders(const ProtocolHeadersSettings& headers) {
   const IPHeaderSettings& ip = headers.IPHeaderSettings;
@@ -248,6 +213,9 @@ Failure CheckSettings(const IpPlayoutSettings& settings) {
   if (Failure failure = CheckFec(settings)) {
     return failure;
   }
+  if (Failure failure = CheckFaults(settings)) {
+    return failure;
+  }
   if (settings.To == IPPLAYOUT_TO_SOCKET) {
     if (Failure failure = CheckSocket(settings)) {
       return failure;
@@ -283,6 +251,8 @@ IpPlayoutSettings DefaultSettings() {
   settings.CatchUp = 1.25;
   settings.LateAfterNs = 1'000'000;
   settings.FecPayloadType = 96;
+  settings.Faults.DelayDistance = 1;
+  settings.Faults.CorruptBits = 1;
   return settings;
 }
 

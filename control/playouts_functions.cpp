@@ -168,8 +168,34 @@ int IpPlayoutStop(IpPlayout* playout) {
   return OnPlayout(playout, [](ScheduledPlayout& p) { return p.Stop(); });
 }
 
+int IpPlayoutOrderFault(IpPlayout* playout, const IpPlayoutOrder* order) {
+  return OnPlayout(playout, [&](ScheduledPlayout& p) {
+    return order == nullptr ? NullPointer("order") : p.Order(*order);
+  });
+}
+
 int IpPlayoutDamage(IpPlayout* playout, uint32_t what, uint32_t count) {
-  return OnPlayout(playout, [&](ScheduledPlayout& p) { return p.Order(what, count); });
+  return OnPlayout(playout, [&](ScheduledPlayout& p) -> Failure {
+    if (count == 0) {
+      return {IPPLAYOUT_BAD_VALUE, "count is 0; it can be 1 to 1000000"};
+    }
+    return p.Order({0, what, count, 0, 0, 0, 0});
+  });
+}
+
+int IpPlayoutReadDone(IpPlayout* playout, IpPlayoutDone* out, size_t room, size_t* taken) {
+  return OnPlayout(playout, [&](ScheduledPlayout& p) {
+    if (taken == nullptr || (out == nullptr && room > 0)) {
+      return NullPointer(taken == nullptr ? "taken" : "out");
+    }
+    return p.ReadDone(out, room, *taken);
+  });
+}
+
+int IpPlayoutGetFaults(IpPlayout* playout, IpPlayoutFaultCounts* out) {
+  return OnPlayout(playout, [&](ScheduledPlayout& p) {
+    return out == nullptr ? NullPointer("out") : p.GetFaults(*out);
+  });
 }
 
 int IpPlayoutGetStatistics(IpPlayout* playout, PlayoutStatistics* out) {

@@ -16,9 +16,6 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-// Damaged by one call at most.
-constexpr std::uint32_t kMostOrdered = 1'000'000;
-
 Failure NotConfigured() {
   return {IPPLAYOUT_BAD_STATE, "the playout has no settings yet; call IpPlayoutConfigure first"};
 }
@@ -160,8 +157,8 @@ Failure ScheduledPlayout::Prepare() {
   }
   std::shared_ptr<Input> input = ShareInput();
   ScheduledRun::Owner& owner = *this;
-  auto run =
-      std::make_shared<ScheduledRun>(*settings_, input->ring, input->marks, surroundings_, owner);
+  auto run = std::make_shared<ScheduledRun>(*settings_, input->ring, input->marks, input->orders,
+                                            surroundings_, owner);
   if (Failure failure = run->Prepare()) {
     return failure;
   }
@@ -389,34 +386,37 @@ Failure ScheduledPlayout::Pause(bool on) {
   return {};
 }
 
-Failure ScheduledPlayout::Order(std::uint32_t what, std::uint32_t datagrams) {
-  using Damage = DatagramBuilder::Damage;
-  const struct {
-    std::uint32_t what;
-    Damage damage;
-  } kKinds[] = {{IPPLAYOUT_DID_LOSE, Damage::kLoss},
-                {IPPLAYOUT_DID_DELAY, Damage::kDelay},
-                {IPPLAYOUT_DID_IP_CHECKSUM, Damage::kIpChecksum},
-                {IPPLAYOUT_DID_UDP_CHECKSUM, Damage::kUdpChecksum}};
-  if (datagrams == 0 || datagrams > kMostOrdered) {
-    return {IPPLAYOUT_BAD_VALUE, "count is " + std::to_string(datagrams) + "; it can be 1 to " +
-                                     std::to_string(kMostOrdered)};
+Failure ScheduledPlayout::Order(const IpPlayoutOrder& order) {
+  const std::shared_ptr<Input> input = ShareInput();
+  if (input == nullptr) {
+    return NotConfigured();
   }
-  const auto* kind = std::find_if(std::begin(kKinds), std::end(kKinds),
-                                  [what](const auto& row) { return row.what == what; });
-  if (kind == std::end(kKinds)) {
-    return {IPPLAYOUT_BAD_VALUE,
-            "what is " + std::to_string(what) +
-                "; it can be IPPLAYOUT_DID_LOSE, ..._DELAY, ..._IP_CHECKSUM or ..._UDP_CHECKSUM"};
+  if (input->ring.HasNoReader()) {
+    return Over();
   }
-  const platform::MutexLock lock(shared_mutex_);
-  if (!takes_requests_) {
-    return NotRunning();
+  if (Failure failure = input->orders_of.Check(order)) {
+    return failure;
   }
-  if (kind->damage == Damage::kDelay && !run_->IsRtp()) {
-    return {IPPLAYOUT_BAD_VALUE, "IPPLAYOUT_DID_DELAY needs RTP (ProtocolMode 1)"};
+  if (!input->orders.Add(order)) {
+    return {IPPLAYOUT_NO_RESOURCES,
+            std::to_string(FaultOrders::kMost) +
+                " orders wait already; IpPlayoutGetFaults says when there are fewer"};
   }
-  run_->Order(kind->damage, datagrams);
+  return {};
+}
+
+// Of the last run, too.
+Failure ScheduledPlayout::ReadDone(IpPlayoutDone* out, std::size_t room, std::size_t& taken) {
+  taken = 0;
+  std::shared_ptr<Input> input;
+  {
+    const platform::MutexLock lock(shared_mutex_);
+    input = run_input_;
+  }
+  if (input == nullptr) {
+    return NeverStarted();
+  }
+  taken = input->orders.TakeDone({out, room});
   return {};
 }
 
@@ -434,6 +434,12 @@ Failure ScheduledPlayout::GetTiming(IpPlayoutTiming& out) {
   }
   run->ReadTiming(out);
   return {};
+}
+
+Failure ScheduledPlayout::GetFaults(IpPlayoutFaultCounts& out) {
+  const std::shared_ptr<ScheduledRun> run = ShareRun();
+  out = run == nullptr ? IpPlayoutFaultCounts{} : run->Faults();
+  return run == nullptr ? NeverStarted() : Failure();
 }
 
 Failure ScheduledPlayout::ReadLedger(IpPlayoutRecord* out, std::size_t room, std::size_t& taken) {

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "control/failure.h"
+#include "control/fault_rules.h"
 #include "control/scheduled_run.h"
 #include "ipplayout/playouts.h"
 #include "payload/data_buffer.h"
@@ -50,10 +51,12 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   platform::EventHandle EndEvent();
   Failure Pause(bool on);
   Failure Stop();
-  Failure Order(std::uint32_t what, std::uint32_t datagrams);
+  Failure Order(const IpPlayoutOrder& order);
+  Failure ReadDone(IpPlayoutDone* out, std::size_t room, std::size_t& taken);
 
   Failure GetStatistics(PlayoutStatistics& out);
   Failure GetTiming(IpPlayoutTiming& out);
+  Failure GetFaults(IpPlayoutFaultCounts& out);
   Failure ReadLedger(IpPlayoutRecord* out, std::size_t room, std::size_t& taken);
   std::uint64_t Seed();
 
@@ -63,11 +66,13 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   // What a host writes to; exchanged by Configure and Stop.
   struct Input {
     explicit Input(const IpPlayoutSettings& settings)
-        : has_rate(settings.BitRate > 0), ring(settings.RingBytes) {}
+        : has_rate(settings.BitRate > 0), ring(settings.RingBytes), orders_of(settings) {}
 
     const bool has_rate;
     CIPDataBuffer ring;
     TimeMarks marks;
+    const OrderRules orders_of;
+    FaultOrders orders;
     std::atomic<std::uint64_t> written{0};
   };
 

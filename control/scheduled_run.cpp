@@ -61,7 +61,8 @@ PlayoutSettings ForFec(const IpPlayoutSettings& ordered, const PlayoutSettings& 
 }  // namespace
 
 ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source,
-                           TimeMarks& marks, Surroundings& surroundings, Owner& owner)
+                           TimeMarks& marks, FaultOrders& orders, Surroundings& surroundings,
+                           Owner& owner)
     : ordered_(settings),
       seed_(settings.Seed != 0 ? settings.Seed : platform::DrawSeed()),
       random_(seed_),
@@ -71,6 +72,7 @@ ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& sou
       surroundings_(surroundings),
       owner_(owner),
       errors_(settings_.params.ProtocolMode, random_),
+      faults_(orders, errors_, random_),
       clock_(settings.FirstRtpTimestamp) {}
 
 // Lets go of what a start had that was refused half-way.
@@ -125,8 +127,8 @@ Failure ScheduledRun::Prepare() {
   builder_rules.copies_share_time = ordered_.CopiesShareTime == IPPLAYOUT_ON;
   builder_rules.rtp_sequence_offset = IsRtp() ? rtp_offset + kSequenceInRtp : 0;
   builder_ = std::make_unique<DatagramBuilder>(
-      BuilderParts{source_, marks_, errors_, replication_, parametric_, clock_, statistics_,
-                   stream_->ring, stream_->all_built, has_left_, *this},
+      BuilderParts{source_, marks_, errors_, faults_, replication_, parametric_, clock_,
+                   statistics_, stream_->ring, stream_->all_built, has_left_, *this},
       builder_rules);
   chain_.Build(settings_, &errors_, &replication_, builder_.get(), &clock_);
   builder_->SetTop(chain_.Top());
@@ -168,6 +170,7 @@ void ScheduledRun::BuildFec(std::uint32_t headers, std::uint32_t payload_bytes) 
 
 void ScheduledRun::LoadManagers() {
   errors_.Configure(settings_.error_insertion);
+  faults_.Configure(ordered_.Faults, settings_.error_insertion.RandomizeErrors != 0);
   replication_.StartDatagram();
   replication_.SetIncrements(settings_.params.ProtocolHeadersIncrements,
                              settings_.params.ReplicationCount);

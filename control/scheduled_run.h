@@ -18,6 +18,8 @@
 #include "payload/datagram_builder.h"
 #include "payload/due_clock.h"
 #include "payload/error_insertion_manager.h"
+#include "payload/fault_insertion.h"
+#include "payload/fault_orders.h"
 #include "payload/run_statistics.h"
 #include "payload/time_marks.h"
 #include "platform/random.h"
@@ -51,9 +53,9 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
     ~Owner() = default;
   };
 
-  // `source` and `marks` outlive the run, which is the only one to read from them.
+  // `source`, `marks` and `orders` outlive the run, which is the only one to read from them.
   ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source, TimeMarks& marks,
-               Surroundings& surroundings, Owner& owner);
+               FaultOrders& orders, Surroundings& surroundings, Owner& owner);
   ScheduledRun(const ScheduledRun&) = delete;
   ScheduledRun& operator=(const ScheduledRun&) = delete;
   ~ScheduledRun();
@@ -72,9 +74,6 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   // There is data or a mark. Any thread, between Launch and the beginning of Withdraw.
   void RequestFrames() { builder_thread_->Request(*builder_); }
   void Pause(bool on);
-  void Order(DatagramBuilder::Damage damage, std::uint32_t datagrams) {
-    builder_->Order(damage, datagrams);
-  }
 
   // Any time after Prepare, any thread.
   bool RanOutOfMemory() const { return builder_->RanOutOfMemory(); }
@@ -82,6 +81,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   void ReadTiming(IpPlayoutTiming& out) const;
   DepartureLedger& Ledger() { return stream_->ledger; }
   std::uint64_t Seed() const { return seed_; }
+  IpPlayoutFaultCounts Faults() const { return faults_.Counts(); }
   bool IsRtp() const { return settings_.params.ProtocolMode == IPPLAYOUT_RTP; }
 
  private:
@@ -117,6 +117,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   };
 
   CErrorInsertionManager errors_;
+  FaultInsertion faults_;
   CZebReplicationMgr replication_;
   CZebParametricManager parametric_;
   DueClock clock_;

@@ -13,8 +13,8 @@
 namespace ipplayout {
 namespace {
 
-// Sending one copy may let go of a frame that was held back, too.
-constexpr std::size_t kMostFramesPerCopy = 2;
+// Sending one copy may let go of a frame that was held back, too, and is done twice on purpose.
+constexpr std::size_t kMostFramesPerCopy = 3;
 // A jitter period may be any number: keeps the arithmetic on times finite.
 constexpr Seconds kMostJitter{3600};
 
@@ -78,6 +78,7 @@ DatagramBuilder::Progress DatagramBuilder::BuildFrames(int budget) {
 
 DatagramBuilder::Progress DatagramBuilder::Finish() {
   is_done_ = true;
+  parts_.faults.Finish();
   parts_.all_built.store(true);
   parts_.taker.OnFrames();
   return Progress::kDone;
@@ -90,11 +91,11 @@ DatagramBuilder::Step DatagramBuilder::BeginDatagram() {
   if (!FindTimes()) {
     return Step::kWaits;
   }
-  TakeOrders();
+  parts_.faults.Begin(index_, *due_, Payload().size());
   parts_.replication.StartDatagram();
   parts_.errors.PrepareForPacket(index_);
   copy_ = 0;
-  damage_ = 0;
+  damage_ = parts_.faults.IsCorrupt() ? std::uint32_t{IPPLAYOUT_DID_CORRUPT} : 0;
   is_begun_ = true;
   return Step::kDone;
 }
@@ -120,31 +121,17 @@ bool DatagramBuilder::FindTimes() {
     due_ = parts_.marks.At(offset_);
   }
   if (due_ && !after_) {
-    const bool is_needed = copies_ > 1 || has_jitter_ || fec_ != nullptr;
+    const bool is_needed =
+        copies_ > 1 || has_jitter_ || fec_ != nullptr || parts_.faults.ClosesHoles();
     after_ =
         is_needed ? parts_.marks.At(offset_ + frame_.Length() - rules_.shape.header_room) : due_;
   }
   return due_ && after_;
 }
 
-// Each order damages a datagram of its own.
-void DatagramBuilder::TakeOrders() {
-  using Raise = void (CErrorInsertionManager::*)();
-  static constexpr std::array<Raise, static_cast<std::size_t>(Damage::kKinds)> kRaise{
-      &CErrorInsertionManager::GeneratePacketLoss, &CErrorInsertionManager::GenerateSequenceError,
-      &CErrorInsertionManager::GenerateIPChecksumError,
-      &CErrorInsertionManager::GenerateUDPChecksumError};
-  for (std::size_t kind = 0; kind < orders_.size(); ++kind) {
-    if (orders_[kind].load(std::memory_order_relaxed) > 0) {
-      orders_[kind].fetch_sub(1, std::memory_order_relaxed);
-      (parts_.errors.*kRaise[kind])();
-      return;
-    }
-  }
-}
-
-void DatagramBuilder::Order(Damage damage, std::uint32_t datagrams) {
-  orders_[static_cast<std::size_t>(damage)].fetch_add(datagrams, std::memory_order_relaxed);
+std::span<std::uint8_t> DatagramBuilder::Payload() {
+  const std::uint32_t room = rules_.shape.header_room;
+  return {frame_.Data() + room, frame_.Length() - room};
 }
 
 void DatagramBuilder::SendCopy() {
@@ -154,19 +141,29 @@ void DatagramBuilder::SendCopy() {
   // A receiver is to see bursts and jitter, so its clock does not follow them.
   parts_.clock.Set(rules_.copies_share_time ? *due_ : place_);
   parts_.errors.CopyStatistics(before_);
+  parts_.faults.Flip(Payload());
   SendOne(frame_, *top_);
+  parts_.faults.Flip(Payload());
   if (!was_queued_) {
     const bool lost = parts_.errors.WasPacketLost();
     queued_.leaves = false;
     queued_.did |= static_cast<std::uint32_t>(lost ? IPPLAYOUT_DID_LOSE : IPPLAYOUT_DID_DELAY);
     Push(frame_);
   }
-  if (fec_ != nullptr && copy_ == 0) {
-    fec_->AddMedia(frame_);
+  if (copy_ == 0) {
+    EndFirstCopy();
   }
   ++frame_count_;
   if (++copy_ < copies_) {
     parts_.replication.NextCopy();
+  }
+}
+
+void DatagramBuilder::EndFirstCopy() {
+  did_ = queued_.did;
+  parts_.faults.End(index_, *due_, did_);
+  if (fec_ != nullptr) {
+    fec_->AddMedia(frame_);
   }
 }
 
@@ -188,6 +185,9 @@ bool DatagramBuilder::BeginFec() {
   is_fec_ = true;
   copy_ = 0;
   fec_->Port().replication->StartDatagram();
+  if (parts_.faults.IsLinkDown()) {
+    fec_->Port().errors->GeneratePacketLoss();
+  }
   fec_->Port().errors->PrepareForPacket(fec_->Index());
   return true;
 }
@@ -226,7 +226,7 @@ DatagramBuilder::Time DatagramBuilder::NextFecDue() {
   const double behind = fec_->Which() == FecFeed::kRow ? 0.75 : 0.5;
   const double share = behind + 0.25 * static_cast<double>(copy_) / static_cast<double>(copies_);
   const std::chrono::duration<double, std::nano> gap = *after_ - *due_;
-  last_due_ = std::max(last_due_, *due_ + std::chrono::duration_cast<Time>(gap * share));
+  last_due_ = std::max(last_due_, *due_ - closed_ + std::chrono::duration_cast<Time>(gap * share));
   return last_due_;
 }
 
@@ -236,7 +236,8 @@ DatagramBuilder::Time DatagramBuilder::NextDue() {
   place_ = *due_ + std::chrono::duration_cast<Time>(
                        part * (static_cast<double>(copy_) / static_cast<double>(copies_)));
   if (frame_count_ % burst_frames_ == 0) {
-    burst_due_ = place_ + (has_jitter_ ? Jitter(frame_count_ / burst_frames_) : Time::zero());
+    burst_due_ =
+        place_ - closed_ + (has_jitter_ ? Jitter(frame_count_ / burst_frames_) : Time::zero());
   }
   last_due_ = std::max({last_due_, burst_due_, Time::zero()});
   jitter_.Add(last_due_);
@@ -266,12 +267,19 @@ bool DatagramBuilder::Send(PDU& frame) {
         (now.udp_checksum_errors != before_.udp_checksum_errors ? IPPLAYOUT_DID_UDP_CHECKSUM : 0);
     queued_.did = damage_;
     Push(frame);
+    if (parts_.faults.IsDuplicated()) {
+      queued_.did |= IPPLAYOUT_DID_DUPLICATE;
+      Push(frame);
+    }
   } else {
     constexpr std::uint32_t kWhichStream = IPPLAYOUT_DID_FEC_COLUMN | IPPLAYOUT_DID_FEC_ROW;
     const std::uint32_t did = queued_.did;
     queued_.did = IPPLAYOUT_DID_SEND_HELD | (did & kWhichStream);
+    queued_.leaves = !parts_.faults.IsLinkDown();
+    queued_.did |= queued_.leaves ? 0 : std::uint32_t{IPPLAYOUT_DID_LOSE};
     Push(frame);
     queued_.did = did;
+    queued_.leaves = true;
   }
   return true;
 }
@@ -294,6 +302,10 @@ void DatagramBuilder::EndDatagram() {
     return;
   }
   last_gap_ = *after_ - *due_;
+  if (parts_.faults.ClosesHoles() && (did_ & IPPLAYOUT_DID_LOSE) != 0 &&
+      !parts_.faults.IsLinkDown()) {
+    closed_ += last_gap_;
+  }
   parts_.errors.SetJitter(jitter_.Value().count());
   parts_.statistics.Count(frame_, parts_.errors);
   offset_ += frame_.Length() - rules_.shape.header_room;

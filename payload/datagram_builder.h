@@ -3,15 +3,16 @@
 // allow, and waits for nothing.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <span>
 
 #include "payload/data_buffer.h"
 #include "payload/due_clock.h"
 #include "payload/error_insertion_manager.h"
+#include "payload/fault_insertion.h"
 #include "payload/fec_feed.h"
 #include "payload/run_statistics.h"
 #include "payload/time_marks.h"
@@ -43,6 +44,7 @@ struct BuilderParts {
   CIPDataBuffer& source;
   TimeMarks& marks;
   CErrorInsertionManager& errors;
+  FaultInsertion& faults;
   CReplicationMgrBase& replication;
   CParametricManagerBase& parameters;
   DueClock& clock;
@@ -63,7 +65,6 @@ struct BuilderRules {
 // belong to one thread at a time.
 class DatagramBuilder final : public Sender, public platform::RequestNode {
  public:
-  enum class Damage : std::size_t { kLoss, kDelay, kIpChecksum, kUdpChecksum, kKinds };
   enum class Progress { kMore, kWaits, kDone };
 
   DatagramBuilder(const BuilderParts& parts, const BuilderRules& rules);
@@ -80,9 +81,6 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   // The frames end before the stream does. Any thread, once all_built is set.
   bool RanOutOfMemory() const { return out_of_memory_; }
 
-  // Damages so many datagrams to come, one after the other. Any thread.
-  void Order(Damage damage, std::uint32_t datagrams);
-
   // ---- Sender ----
   bool Send(PDU& frame) override;
   std::uint32_t GetHeaderLength() const override { return 0; }
@@ -96,7 +94,8 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   Step BeginDatagram();
   Step ReadPayload();
   bool FindTimes();
-  void TakeOrders();
+  std::span<std::uint8_t> Payload();
+  void EndFirstCopy();
   void SendCopy();
   void SendFecCopy();
   void SendOne(PDU& frame, Sender& top);
@@ -139,10 +138,10 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   QueuedFrame queued_;  // of the copy in hand
   bool was_queued_ = false;
   ErrorStatistics before_;    // counts before the copy in hand
-  std::uint32_t damage_ = 0;  // IPPLAYOUT_DID_..._CHECKSUM of the datagram in hand
+  std::uint32_t damage_ = 0;  // IPPLAYOUT_DID_..._CHECKSUM and _CORRUPT of the datagram in hand
+  std::uint32_t did_ = 0;     // to it, by its first copy
+  Time closed_{0};            // holes so far that were closed
   JitterEstimate jitter_;
-
-  std::array<std::atomic<std::uint64_t>, static_cast<std::size_t>(Damage::kKinds)> orders_{};
 };
 
 }  // namespace ipplayout

@@ -126,6 +126,8 @@ bool CErrorInsertionManager::HoldFrame(PDU& frame, std::uint32_t copy_index) {
   if (copy_index == 0) {
     if (sequence_scheduled_) {
       due_index_ = current_index_ + settings_.SequenceErrorDistance + 1;
+    } else if (requested_distance_ != 0) {
+      due_index_ = current_index_ + requested_distance_ + 1;
     } else {
       const std::uint32_t distance = random_.Next() * kMostRandomDistance / platform::kRandomMax;
       due_index_ = current_index_ + (distance <= 1 ? 2 : distance);

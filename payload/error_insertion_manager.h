@@ -63,6 +63,11 @@ class CErrorInsertionManager final : public CErrorManagerBase {
   // One-shot requests: the next datagram that is built is damaged once. Any thread.
   void GeneratePacketLoss() { Raise(kLoss); }
   void GenerateSequenceError();
+  // Behind so many later datagrams. Pump thread only, before it announces the datagram.
+  void DelayNext(std::uint32_t distance) {
+    requested_distance_ = distance;
+    GenerateSequenceError();
+  }
   void GenerateIPChecksumError() { Raise(kIpChecksum); }
   void GenerateUDPChecksumError() { Raise(kUdpChecksum); }
 
@@ -87,6 +92,7 @@ class CErrorInsertionManager final : public CErrorManagerBase {
   bool packet_lost_ = false;
   std::uint64_t current_index_ = 0;
   std::uint64_t due_index_ = 0;
+  std::uint32_t requested_distance_ = 0;  // of requested delays; 0: drawn for each
 
   // Raised by host threads, taken by the pump thread: one atomic each is its own lock.
   std::array<std::atomic<std::uint32_t>, kRequests> requests_{};

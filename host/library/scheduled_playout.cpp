@@ -98,6 +98,22 @@ std::optional<Failure> ScheduledPlayout::Damage(std::uint32_t what, std::uint32_
   return Refusal(IpPlayoutDamage(playout_.get(), what, datagrams));
 }
 
+std::optional<Failure> ScheduledPlayout::Order(const IpPlayoutOrder& order) {
+  return Refusal(IpPlayoutOrderFault(playout_.get(), &order));
+}
+
+std::size_t ScheduledPlayout::ReadDone(std::span<IpPlayoutDone> out) {
+  std::size_t taken = 0;
+  IpPlayoutReadDone(playout_.get(), out.data(), out.size(), &taken);
+  return taken;
+}
+
+IpPlayoutFaultCounts ScheduledPlayout::Faults() const {
+  IpPlayoutFaultCounts counts{};
+  IpPlayoutGetFaults(playout_.get(), &counts);
+  return counts;
+}
+
 std::optional<Failure> ScheduledPlayout::Stop() {
   return Refusal(IpPlayoutStop(playout_.get()));
 }

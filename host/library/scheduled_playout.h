@@ -58,6 +58,11 @@ class ScheduledPlayout {
   int EndDescriptor() const;
 
   std::optional<Failure> Pause(bool on);
+  // From Configure on; carried out when it says.
+  std::optional<Failure> Order(const IpPlayoutOrder& order);
+  // Takes the oldest reports of what was done, and says how many.
+  std::size_t ReadDone(std::span<IpPlayoutDone> out);
+  IpPlayoutFaultCounts Faults() const;
   // Each of the next `datagrams` that no other order has taken: one of IPPLAYOUT_DID_LOSE, DELAY,
   // IP_CHECKSUM, UDP_CHECKSUM.
   std::optional<Failure> Damage(std::uint32_t what, std::uint32_t datagrams);

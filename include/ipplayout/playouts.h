@@ -70,6 +70,31 @@ enum {
 // A playout. Never followed by the host; not used again once it is closed, and then refused.
 typedef struct IpPlayout IpPlayout;
 
+// What is done to datagrams at random, besides ErrorInsertion. A chance is 0 to 1 and holds for
+// each datagram by itself; 0 by default. A datagram that is lost suffers nothing else.
+typedef struct IpPlayoutFaults {
+  double Lose;
+  // Losses that come in bursts (Gilbert and Elliott): before each datagram the stream turns bad
+  // with the chance TurnsBad, or good again with TurnsGood. While it is bad, LoseWhileBad holds for
+  // Lose.
+  double TurnsBad;
+  double TurnsGood;  // above 0 with TurnsBad
+  double LoseWhileBad;
+  double Delay;  // RTP only
+  double Duplicate;
+  double Corrupt;
+  double IpChecksum;  // IPv4 only
+  double UdpChecksum;
+  uint32_t DelayDistance;   // behind so many later datagrams: 1, the default, to 1,000,000
+  uint32_t CorruptBits;     // bits of the payload that are flipped: 1, the default, to 1,000
+  uint32_t DuplicateCount;  // so many of every DuplicateRange datagrams, placed as RandomizeErrors
+  uint32_t DuplicateRange;  // says; 0: none
+  uint32_t CorruptCount;
+  uint32_t CorruptRange;
+  uint32_t ClosesHoles;  // 1: what follows a lost datagram leaves earlier, so that no hole stays
+  uint32_t Reserved;
+} IpPlayoutFaults;
+
 // Filled by IpPlayoutDefaults, then changed by the host.
 typedef struct IpPlayoutSettings {
   uint32_t Size;          // of this record, as the host was compiled with; set by IpPlayoutDefaults
@@ -114,6 +139,7 @@ typedef struct IpPlayoutSettings {
   uint32_t FirstRtpTimestamp;  // at the time 0 of the playout
   uint32_t CopiesShareTime;    // 1: all copies of a datagram carry the RTP time of the first one
   uint64_t Seed;               // of everything random; 0: the system draws it, see IpPlayoutSeed
+  IpPlayoutFaults Faults;
 } IpPlayoutSettings;
 
 // When frames left. Departures are taken when the frame is given to the destination; lateness is
@@ -155,7 +181,39 @@ enum {
   IPPLAYOUT_DID_REFUSE = 64,       // by the destination
   IPPLAYOUT_DID_FEC_COLUMN = 128,  // not of the stream: an FEC datagram that follows this one
   IPPLAYOUT_DID_FEC_ROW = 256,
+  IPPLAYOUT_DID_DUPLICATE = 512,  // a second time, right behind the first
+  IPPLAYOUT_DID_CORRUPT = 1024,   // bits of its payload are flipped, with checksums that fit
 };
+
+// Something to be done to datagrams. Each order is for datagrams of its own: one that an order is
+// being carried out on is not taken by another one, nor by the chances of IpPlayoutFaults.
+typedef struct IpPlayoutOrder {
+  uint64_t Number;  // the host's own, with which it is reported
+  uint32_t What;    // IPPLAYOUT_DID_LOSE, _DELAY, _DUPLICATE, _CORRUPT, _IP_CHECKSUM, _UDP_CHECKSUM
+  uint32_t Count;   // datagrams in a row, 1 to 1,000,000; or 0, then LengthNs says
+  uint32_t Amount;  // of a delay: behind so many later datagrams; of _CORRUPT: bits; 0: as IpPlayoutFaults
+  uint32_t Reserved;
+  int64_t AtNs;      // to the first datagram that is due at this time since the start, or later
+  int64_t LengthNs;  // of _LOSE: all that is due for so long, FEC and what was held back too
+} IpPlayoutOrder;
+
+// What was done.
+typedef struct IpPlayoutDone {
+  uint64_t Number;
+  uint32_t What;
+  uint32_t Count;     // datagrams that it was done to
+  uint64_t Datagram;  // the first of them
+  int64_t FirstDueNs;
+  int64_t LastDueNs;
+} IpPlayoutDone;
+
+// Of the current or last run.
+typedef struct IpPlayoutFaultCounts {
+  uint64_t Duplicated;  // datagrams; the other kinds are in PlayoutStatistics
+  uint64_t Corrupted;
+  uint64_t Waiting;      // orders that were not carried out to their end yet
+  uint64_t NotReported;  // of those that were, without room for them
+} IpPlayoutFaultCounts;
 
 // One frame.
 typedef struct IpPlayoutRecord {
@@ -233,10 +291,17 @@ int IpPlayoutPause(IpPlayout* playout, uint32_t pause);
 // IPPLAYOUT_DONE also when it does not run; a file that could not be written whole is reported.
 int IpPlayoutStop(IpPlayout* playout);
 
-// Damages one of the next datagrams once for each call, each call one of its own: `what` is
-// IPPLAYOUT_DID_LOSE, ..._DELAY (RTP only), ..._IP_CHECKSUM or ..._UDP_CHECKSUM, `count` up to
-// 1,000,000 datagrams in a row. Refused while it does not run.
+// Orders something to be done, from IpPlayoutConfigure on: before the start, too. Up to 4,096 wait
+// at a time; a stop forgets them.
+int IpPlayoutOrderFault(IpPlayout* playout, const IpPlayoutOrder* order);
+
+// The same, from the next datagram on.
 int IpPlayoutDamage(IpPlayout* playout, uint32_t what, uint32_t count);
+
+// Takes up to `room` reports of orders that were carried out, oldest first; the last 4,096 are
+// kept. An order that the end of the stream cut short is reported with what it was done to.
+int IpPlayoutReadDone(IpPlayout* playout, IpPlayoutDone* out, size_t room, size_t* taken);
+int IpPlayoutGetFaults(IpPlayout* playout, IpPlayoutFaultCounts* out);
 
 // As for ipplayout.h, of the current or last run.
 int IpPlayoutGetStatistics(IpPlayout* playout, PlayoutStatistics* out);

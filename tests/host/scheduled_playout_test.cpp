@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/library/scheduled_playout.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 
 const std::vector<std::uint8_t> kPackets(7 * 188 * 20, 0x47);  // 20 datagrams
+constexpr double kDatagramEachMillisecond = 1370 * 8e3 / 1e6;
 
 IpPlayoutSettings ToFile(const std::string& path) {
   IpPlayoutSettings settings = ScheduledPlayout::Defaults();
@@ -39,7 +41,7 @@ TEST(ScheduledPlayout, PlaysByMarksBesideAnother) {
   ASSERT_TRUE(marked && steady);
   IpPlayoutSettings settings = ToFile(file.path());
   ASSERT_FALSE(marked->Configure(settings));
-  settings.BitRate = 1370 * 8e3 / 1e6;  // a datagram each millisecond
+  settings.BitRate = kDatagramEachMillisecond;
   ASSERT_FALSE(steady->Configure(settings));
   ASSERT_FALSE(marked->Mark(0, 0s));
   ASSERT_FALSE(marked->Mark(kPackets.size() / 2, 10ms));
@@ -70,9 +72,8 @@ TEST(ScheduledPlayout, EachOrderHitsDatagramsOfItsOwn) {
   IpPlayoutSettings settings = ToFile(file.path());
   settings.BitRate = 10;
   ASSERT_FALSE(playout->Configure(settings));
-  EXPECT_TRUE(playout->Damage(IPPLAYOUT_DID_LOSE, 1)) << "does not run";
+  ASSERT_FALSE(playout->Damage(IPPLAYOUT_DID_LOSE, 3)) << "before the start, too";
   ASSERT_FALSE(playout->Start());
-  ASSERT_FALSE(playout->Damage(IPPLAYOUT_DID_LOSE, 3));
   ASSERT_FALSE(playout->Damage(IPPLAYOUT_DID_UDP_CHECKSUM, 2));
   EXPECT_TRUE(playout->Write(kPackets));
   playout->End();
@@ -85,6 +86,49 @@ TEST(ScheduledPlayout, EachOrderHitsDatagramsOfItsOwn) {
   EXPECT_EQ(count(IPPLAYOUT_DID_LOSE), 3);
   EXPECT_EQ(count(IPPLAYOUT_DID_UDP_CHECKSUM), 2);
   EXPECT_EQ(playout->Timing().OnTime, 17U);
+}
+
+// 20 datagrams, a millisecond apart.
+TEST(ScheduledPlayout, CarriesOrdersOutAtTheirTime) {
+  const TemporaryFile file({});
+  for (const bool closes_holes : {false, true}) {
+    auto playout = ScheduledPlayout::Open();
+    IpPlayoutSettings settings = ToFile(file.path());
+    settings.BitRate = kDatagramEachMillisecond;
+    settings.Params.ProtocolHeadersSettings.RTPHeaderSettings.RandomSequenceNumber = 0;
+    settings.Faults.ClosesHoles = closes_holes ? 1 : 0;
+    ASSERT_FALSE(playout->Configure(settings));
+    ASSERT_FALSE(playout->Order({1, IPPLAYOUT_DID_DUPLICATE, 1, 0, 0, 4'000'000, 0}));
+    ASSERT_FALSE(playout->Order({2, IPPLAYOUT_DID_LOSE, 2, 0, 0, 6'000'000, 0}));
+    ASSERT_FALSE(playout->Order({3, IPPLAYOUT_DID_DELAY, 1, 3, 0, 10'000'000, 0}));
+    ASSERT_FALSE(playout->Order({4, IPPLAYOUT_DID_LOSE, 0, 0, 0, 16'000'000, 2'000'000}));
+    ASSERT_FALSE(playout->Order({5, IPPLAYOUT_DID_CORRUPT, 1, 9, 0, 60'000'000'000, 0}));
+    ASSERT_FALSE(playout->Start());
+    EXPECT_TRUE(playout->Write(kPackets));
+    playout->End();
+    ASSERT_TRUE(playout->Wait(10s));
+    std::string wire;
+    for (const IpPlayoutRecord& record : Ledger(*playout)) {
+      wire += record.DepartureNs >= 0
+                  ? fmt::format("{}@{} ", record.RtpSequence, record.DueNs / 1000000)
+                  : "";
+    }
+    EXPECT_EQ(
+        wire,
+        closes_holes
+            ? "0@0 1@1 2@2 3@3 4@4 4@4 5@5 8@6 9@7 11@9 12@10 13@11 10@12 14@12 15@13 18@16 19@17 "
+            : "0@0 1@1 2@2 3@3 4@4 4@4 5@5 8@8 9@9 11@11 12@12 13@13 10@14 14@14 15@15 18@18 "
+              "19@19 ");
+    std::array<IpPlayoutDone, 8> done{};
+    ASSERT_EQ(playout->ReadDone(done), 4U);
+    EXPECT_EQ(done[1].Number, 2U);
+    EXPECT_EQ(done[1].Count, 2U);
+    EXPECT_EQ(done[1].FirstDueNs, 6'000'000);
+    EXPECT_EQ(done[3].Count, 2U);
+    EXPECT_EQ(playout->Faults().Duplicated, 1U);
+    EXPECT_EQ(playout->Faults().Corrupted, 0U);
+    EXPECT_EQ(playout->Faults().Waiting, 1U);
+  }
 }
 
 TEST(ScheduledPlayout, SaysWhatWasRefusedAndHowItEnded) {

@@ -137,7 +137,7 @@ def test_states_are_kept(to_file, stream):
     with pytest.raises(ipplayout.BadState):
         p.wait()
     with pytest.raises(ipplayout.BadState):
-        p.lose()
+        p.pause()
     with pytest.raises(FileNotFoundError):
         p.play("nowhere.ts")
     p.play(stream)

@@ -14,7 +14,7 @@ from model import Model
 TO_ADAPTER, TO_FILE, TO_SOCKET = range(3)
 BOUNDED, CATCH_UP, SHIFT, DROP = range(4)
 FAILS, COUNTS = range(2)
-LOSE, DELAY, SENT_HELD, BAD_IP, BAD_UDP, LEFT_OUT, REFUSED, FEC_COLUMN, FEC_ROW = (1 << i for i in range(9))
+LOSE, DELAY, SENT_HELD, BAD_IP, BAD_UDP, LEFT_OUT, REFUSED, FEC_COLUMN, FEC_ROW, DUPLICATE, CORRUPT = (1 << i for i in range(11))
 DONE, BAD_PLAYOUT, BAD_VALUE, BAD_STATE, BAD_DESTINATION, NO_RESOURCES, ENDED, NOT_YET = (-i for i in range(8))
 
 Departure = namedtuple("Departure", "time frame")

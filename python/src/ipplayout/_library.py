@@ -13,7 +13,8 @@ import os
 from ctypes import POINTER, c_char_p, c_int, c_int64, c_size_t, c_ssize_t, c_uint32, c_uint64, c_void_p
 
 from .errors import BY_CODE, Error, NoResources, NotInstalled
-from .records import IpPlayoutRecord, IpPlayoutSettings, IpPlayoutTiming, PlayoutStatistics
+from .records import (IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutRecord, IpPlayoutSettings, IpPlayoutTiming,
+                      PlayoutStatistics)
 
 SONAME = "libipplayout.so.1"
 # Room for the settings of a library that has more of them than this package knows.
@@ -34,6 +35,9 @@ FUNCTIONS: dict[str, tuple[type | None, list[type]]] = {
     "EndEvent": (c_ssize_t, [c_void_p]),
     "Pause": (c_int, [c_void_p, c_uint32]),
     "Stop": (c_int, [c_void_p]),
+    "OrderFault": (c_int, [c_void_p, POINTER(IpPlayoutOrder)]),
+    "ReadDone": (c_int, [c_void_p, POINTER(IpPlayoutDone), c_size_t, POINTER(c_size_t)]),
+    "GetFaults": (c_int, [c_void_p, POINTER(IpPlayoutFaultCounts)]),
     "Damage": (c_int, [c_void_p, c_uint32, c_uint32]),
     "GetStatistics": (c_int, [c_void_p, POINTER(PlayoutStatistics)]),
     "GetTiming": (c_int, [c_void_p, POINTER(IpPlayoutTiming)]),

@@ -22,7 +22,8 @@ from typing import BinaryIO, Literal, NamedTuple, Union
 from . import addresses
 from ._library import library
 from .errors import BadPlayout, BadState, BadValue, Ended, Error, NoResources
-from .records import FieldValue, IpPlayoutRecord, IpPlayoutSettings, IpPlayoutTiming, PlayoutStatistics
+from .records import (FieldValue, IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutRecord, IpPlayoutSettings,
+                      IpPlayoutTiming, PlayoutStatistics)
 
 Data = Union[bytes, bytearray, memoryview]
 Source = Union[str, "os.PathLike[str]", BinaryIO, Iterable[Data]]
@@ -60,6 +61,26 @@ class Did(enum.IntFlag):
     REFUSE = 64
     FEC_COLUMN = 128
     FEC_ROW = 256
+    DUPLICATE = 512
+    CORRUPT = 1024
+
+
+class Done(NamedTuple):
+    """What an order did: to how many datagrams, the first one's index, and when first and last were due since the start."""
+    number: int
+    what: Did
+    count: int
+    datagram: int
+    first_due_ns: int
+    last_due_ns: int
+
+
+class FaultCounts(NamedTuple):
+    """Datagrams duplicated and corrupted on purpose; orders that wait; reports of orders that found no room."""
+    duplicated: int
+    corrupted: int
+    waiting: int
+    not_reported: int
 
 
 class Frame(NamedTuple):
@@ -386,6 +407,29 @@ class Playout:
         """Damages one of the next datagrams, and ``count`` in a row; which leave up to some 50 ms later."""
         self._call("Damage", what, count)
 
+    def order(self, what: Did, *, count: int = 1, amount: int = 0, at_ns: int = 0, length_ns: int = 0, number: int = 0) -> None:
+        """Damages ``count`` datagrams in a row from the first one that is due at ``at_ns`` since the start, or later.
+
+        With a ``count`` of 0 all that is due for ``length_ns`` is lost, as on a link that is down. ``amount`` is the distance
+        of a delay, or the bits to corrupt. Before the start, too; ``done()`` has what became of it.
+        """
+        self._call("OrderFault", ctypes.byref(IpPlayoutOrder(number, what, count, amount, 0, at_ns, length_ns)))
+
+    def done(self) -> Iterator[Done]:
+        """Takes the reports of orders that were carried out, oldest first, as many as there are by now."""
+        records = (IpPlayoutDone * LEDGER_ROOM)()
+        taken = ctypes.c_size_t(LEDGER_ROOM)
+        while taken.value > 0:
+            self._call("ReadDone", records, LEDGER_ROOM, ctypes.byref(taken))
+            for each in records[:taken.value]:
+                yield Done(each.Number, Did(each.What), each.Count, each.Datagram, each.FirstDueNs, each.LastDueNs)
+
+    def faults(self) -> FaultCounts:
+        """Counts of the current or last run that ``statistics()`` does not have."""
+        record = IpPlayoutFaultCounts()
+        self._call("GetFaults", ctypes.byref(record))
+        return FaultCounts(record.Duplicated, record.Corrupted, record.Waiting, record.NotReported)
+
     def lose(self, count: int = 1) -> None:
         """Leaves out ``count`` datagrams in a row.
 
@@ -394,7 +438,7 @@ class Playout:
         self.damage(Did.LOSE, count)
 
     def delay(self, count: int = 1) -> None:
-        """Holds back ``count`` datagrams, until as many later ones have left as ``SequenceErrorDistance`` says (RTP only)."""
+        """Holds back ``count`` datagrams, until as many later ones have left as ``DelayDistance`` says (RTP only)."""
         self.damage(Did.DELAY, count)
 
     def break_ip_checksum(self, count: int = 1) -> None:

@@ -373,6 +373,27 @@ class PlayoutStatistics(Record):
 # ---- ipplayout/playouts.h ----
 
 @record
+class IpPlayoutFaults(Record):
+    Lose: f64
+    TurnsBad: f64
+    TurnsGood: f64
+    LoseWhileBad: f64
+    Delay: f64
+    Duplicate: f64
+    Corrupt: f64
+    IpChecksum: f64
+    UdpChecksum: f64
+    DelayDistance: u32
+    CorruptBits: u32
+    DuplicateCount: u32
+    DuplicateRange: u32
+    CorruptCount: u32
+    CorruptRange: u32
+    ClosesHoles: u32
+    Reserved: u32
+
+
+@record
 class IpPlayoutSettings(Record):
     Size: u32
     To: u32
@@ -402,6 +423,7 @@ class IpPlayoutSettings(Record):
     FirstRtpTimestamp: u32
     CopiesShareTime: u32
     Seed: u64
+    Faults: IpPlayoutFaults
 
 
 @record
@@ -440,3 +462,32 @@ class IpPlayoutRecord(Record):
     DepartureNs: i64
     Bytes: u32
     RtpSequence: u32
+
+
+@record
+class IpPlayoutOrder(Record):
+    Number: u64
+    What: u32
+    Count: u32
+    Amount: u32
+    Reserved: u32
+    AtNs: i64
+    LengthNs: i64
+
+
+@record
+class IpPlayoutDone(Record):
+    Number: u64
+    What: u32
+    Count: u32
+    Datagram: u64
+    FirstDueNs: i64
+    LastDueNs: i64
+
+
+@record
+class IpPlayoutFaultCounts(Record):
+    Duplicated: u64
+    Corrupted: u64
+    Waiting: u64
+    NotReported: u64

@@ -171,7 +171,7 @@ TEST_F(PlayoutsTest, WhatComesBehindTheEndIsRefused) {
   ASSERT_EQ(playout->Wait({}).code, IPPLAYOUT_DONE);
   EXPECT_EQ(Write(*playout, 1).code, IPPLAYOUT_ENDED);
   EXPECT_EQ(playout->Pause(true).code, IPPLAYOUT_BAD_STATE);
-  EXPECT_EQ(playout->Order(IPPLAYOUT_DID_LOSE, 1).code, IPPLAYOUT_BAD_STATE);
+  EXPECT_EQ(playout->Order({0, IPPLAYOUT_DID_LOSE, 1, 0, 0, 0, 0}).code, IPPLAYOUT_ENDED);
   playout->Stop();
   EXPECT_EQ(playout->Wait({}).code, IPPLAYOUT_DONE);  // it had ended by itself
   EXPECT_EQ(Write(*playout, 1).code, IPPLAYOUT_DONE);
