@@ -176,10 +176,13 @@ class Measured(unittest.TestCase):
             services = [(number * 1_000_000, plain.frame(number, 0, service_packets(number))) for number in range(200) if number != 100]
             playouts = Playouts(os.environ["IPPLAYOUT_LIBRARY"])
             protected = [(d.time, d.frame) for d in play_with_fec(playouts, 5, 4, 60, FecProtectsRows=1)]
-            documents = [self.measure(folder, protected, "--max-unrepaired", "0"),
+            twins = [(time, plain.frame(number, path, frame[42:]))
+                     for number, (time, frame) in enumerate(Playout(datagrams=200).capture()) for path in (0, 1)]
+            documents = [self.measure(folder, twins, "--max-loss", "0"),
+                         self.measure(folder, protected, "--max-unrepaired", "0"),
                          self.measure(folder, tagged.capture(), "--expect", file, "--expect-rate", "10M"),
                          self.measure(folder, services, "--max-loss", "0", cut=1)]
-        self.assertEqual([document["schema"] for document in documents], [1, 1, 1])
+        self.assertEqual([document["schema"] for document in documents], [1, 1, 1, 1])
         documented = documented_fields("ipplay measure --json")
 
         def named(path):

@@ -36,9 +36,11 @@ enum class EventKind : std::uint8_t {
   kClockStep,         // of the time stamps; amount: ns, below 0 back
   kFecParity,         // FEC that is not the parity of what it protects
   kFecUnrepaired,     // amount: RTP packets in a row that FEC could not repair
+  kTwinLoss,          // amount: RTP packets in a row that neither path of twins has
+  kTwinDifferent,     // an RTP packet that is not the same on both paths
 };
 
-inline constexpr std::size_t kEventKinds = static_cast<std::size_t>(EventKind::kFecUnrepaired) + 1;
+inline constexpr std::size_t kEventKinds = static_cast<std::size_t>(EventKind::kTwinDifferent) + 1;
 
 struct Event {
   static constexpr std::uint32_t kNoStream = UINT32_MAX;

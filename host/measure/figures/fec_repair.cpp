@@ -122,6 +122,7 @@ void FecRepair::Advance(std::uint64_t steps) {
   for (; steps > 0; --steps) {
     ++highest_;
     Retire(highest_ - kWindow);
+    At(highest_).passed_ns = now_ns_;
   }
   std::erase_if(waiting_, [&](const Waiting& fec) { return fec.base < OldestKept(); });
 }
@@ -131,6 +132,9 @@ void FecRepair::Retire(std::uint64_t number) {
   if (number >= first_) {
     counters_.lost += slot.state != State::kCame ? 1 : 0;
     counters_.repaired += slot.state == State::kRebuilt ? 1 : 0;
+    if (slot.state != State::kCame && listener_.lost) {
+      listener_.lost(slot.passed_ns, slot.state == State::kRebuilt);
+    }
     if (slot.state == State::kMissing) {
       ++(slot.is_protected ? counters_.too_many : counters_.unprotected);
       ++loss_;

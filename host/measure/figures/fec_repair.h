@@ -45,6 +45,8 @@ class FecRepair {
   struct Listener {
     std::function<void(std::int64_t time_ns)> wrong_parity;
     std::function<void(std::int64_t time_ns, std::uint64_t datagrams)> unrepaired;
+    // Of each datagram that is lost, when it was missed and what became of it; may be empty.
+    std::function<void(std::int64_t time_ns, bool is_repaired)> lost{};
   };
   // A media datagram; bytes are those behind the fixed RTP header, none where they were not
   // captured whole.
@@ -85,6 +87,7 @@ class FecRepair {
     State state = State::kMissing;
     bool is_whole = false;
     bool is_protected = false;
+    std::int64_t passed_ns = 0;  // when this number, or a later one, had come
     Content content;
   };
   struct Waiting {

@@ -57,6 +57,17 @@ struct PcrPoint {
   }
 };
 
+// Lost datagrams, in front of forward error correction and behind it.
+struct FecPoint {
+  std::uint64_t lost = 0;
+  std::uint64_t unrepaired = 0;
+
+  void Merge(const FecPoint& later) {
+    lost += later.lost;
+    unrepaired += later.unrepaired;
+  }
+};
+
 inline constexpr std::int64_t kPlotIntervalNs = 100'000'000;
 // Of captures of less than a second.
 inline constexpr std::int64_t kFinestPlotIntervalNs = kPlotIntervalNs / 64;
@@ -64,6 +75,7 @@ inline constexpr std::int64_t kFinestPlotIntervalNs = kPlotIntervalNs / 64;
 struct StreamHistory {
   TimeSeries<ArrivalPoint> arrivals{kPlotIntervalNs, kFinestPlotIntervalNs};
   TimeSeries<MdiPoint> mdi{1'000'000'000};
+  TimeSeries<FecPoint> fec{1'000'000'000};
   TimeSeries<PcrPoint> pcr{kPlotIntervalNs, kFinestPlotIntervalNs};
 };
 

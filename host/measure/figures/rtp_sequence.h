@@ -46,6 +46,11 @@ class RtpSequence {
   std::uint64_t Duplicates() const { return duplicates_; }
   std::uint64_t Strays() const { return strays_; }
   std::uint64_t Restarts() const { return restarts_; }
+  // Extended, of the numbering that holds: the lowest number that has come, and the highest one.
+  std::uint64_t First() const { return first_; }
+  std::uint64_t Highest() const { return highest_; }
+  // For numbers up to the highest one, less than kWindow behind it.
+  bool HasCome(std::uint64_t number) const { return seen_.test(number % kWindow); }
   // Late packets, by how many numbers they were behind the highest one.
   const Histogram& Reordering() const { return reordering_; }
 

@@ -182,6 +182,7 @@ void Stream::Take(const Arrival& arrival) {
     sequence.event = SequenceEvent::kDuplicate;
     ++repeated_datagrams_;
   }
+  last_sequence_ = sequence;
   ReportDisorder(sequence, arrival.time_ns);
   if (fec_ != nullptr || media_ != nullptr) {
     AddToFec(arrival, sequence);
@@ -200,6 +201,11 @@ void Stream::AwaitFec() {
       [this](std::int64_t time_ns) { events_.Report(EventKind::kFecParity, time_ns, 0); },
       [this](std::int64_t time_ns, std::uint64_t datagrams) {
         events_.Report(EventKind::kFecUnrepaired, time_ns, static_cast<std::int64_t>(datagrams));
+      },
+      [this](std::int64_t time_ns, bool is_repaired) {
+        if (history_ != nullptr) {
+          history_->fec.At(time_ns).Merge({1, is_repaired ? 0U : 1U});
+        }
       }});
 }
 

@@ -132,6 +132,10 @@ class Stream {
   std::int64_t GrownBytes() const { return grown_bytes_; }
 
   const StreamId& Id() const { return id_; }
+  // In the order of streams.
+  std::uint32_t Place() const { return events_.stream; }
+  // Of the last datagram.
+  const SequenceResult& LastSequence() const { return last_sequence_; }
   // How long nothing came before the stream's first frame and after its last; known in the end.
   std::int64_t SilentAtStartNs() const { return silent_at_start_ns_; }
   std::int64_t SilentAtEndNs() const { return silent_at_end_ns_; }
@@ -202,6 +206,7 @@ class Stream {
   std::uint64_t errors_counted_ = 0;  // of the transport stream
   ChecksumCounters checksums_;
   std::unique_ptr<Rtp> rtp_;
+  SequenceResult last_sequence_;
   std::unique_ptr<TsAnalysis> ts_;
   std::unique_ptr<ArrivalContinuity> as_arrived_;  // from the first disorder on
   std::unique_ptr<PayloadCompare> compare_;

@@ -142,7 +142,11 @@ void StreamTable::Deliver(Flow& flow, std::int64_t time_ns, std::uint32_t frame_
     fec_.Judge(*stream, frame, *rtp, streams_);
     may_have_details_ = true;
   }
-  stream->Add({time_ns, frame_bytes, &frame, rtp ? &*rtp : nullptr});
+  const Arrival arrival{time_ns, frame_bytes, &frame, rtp ? &*rtp : nullptr};
+  stream->Add(arrival);
+  if (rtp) {
+    twins_.Add(*stream, arrival, streams_);
+  }
   if (IsFull()) {
     MakeRoom(*stream);
   }
@@ -175,7 +179,11 @@ void StreamTable::MakeRoom(Stream& growing) {
     GiveUpLargestDetails();
   }
   if (IsFull()) {
+    twins_.GiveUpDetail();
+  }
+  if (IsFull()) {
     growing.Close();
+    twins_.Close(growing);
     ++given_up_.streams;
   }
 }
@@ -251,6 +259,7 @@ void StreamTable::Finish(std::int64_t start_ns, std::int64_t end_ns) {
   for (const auto& stream : streams_) {
     stream->Finish(start_ns, end_ns);
   }
+  twins_.Finish(end_ns);
 }
 
 }  // namespace ipplay::measure

@@ -12,6 +12,7 @@
 #include "host/measure/figures/fec_pairing.h"
 #include "host/measure/figures/settings.h"
 #include "host/measure/figures/stream.h"
+#include "host/measure/figures/twin_table.h"
 
 namespace ipplay::measure {
 
@@ -27,7 +28,10 @@ class StreamTable {
  public:
   // Events go to `events`, which outlives this.
   StreamTable(const MeasurementSettings& settings, EventSink* events)
-      : settings_(settings), events_(events), fec_(settings.memory_bytes / kShareForFec) {}
+      : settings_(settings),
+        events_(events),
+        fec_(settings.memory_bytes / kShareForFec),
+        twins_(settings, events) {}
 
   void Add(std::int64_t time_ns, std::uint32_t frame_bytes, const DecodedFrame& frame);
   // Decides what is still undecided; call it once, after the last frame. The measurement went on
@@ -36,6 +40,8 @@ class StreamTable {
 
   // In the order of their first frames.
   const std::vector<std::unique_ptr<Stream>>& Streams() const { return streams_; }
+  // Streams that are the same RTP on two paths; known in the end.
+  const std::vector<std::unique_ptr<TwinPair>>& Twins() const { return twins_.Pairs(); }
   // Frames of streams beyond the limits of streams and of memory.
   std::uint64_t UntrackedFrames() const { return untracked_frames_; }
   // Frames of a flow with RTP that have no RTP header of version 2.
@@ -86,6 +92,7 @@ class StreamTable {
   MeasurementSettings settings_;
   EventSink* events_;
   FecPairing fec_;
+  TwinTable twins_;
   std::unordered_map<FlowKey, Flow, FlowKeyHash> flows_;
   // By the flow's number and the SSRC.
   std::unordered_map<std::uint64_t, Stream*, KeyedHash> rtp_streams_;

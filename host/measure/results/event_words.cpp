@@ -60,6 +60,8 @@ constexpr std::array<Words, kEventKinds> kWords{{
     {"clock_step", "step of the capture's clock", Amount::kJump},       // kClockStep
     {"fec_parity", "FEC is not the parity of its packets"},             // kFecParity
     {"fec_unrepaired", "stay lost behind FEC", Amount::kPackets},       // kFecUnrepaired
+    {"twin_loss", "lost on both paths", Amount::kPackets},
+    {"twin_different", "packet differs between the paths"},
 }};
 
 const Words& WordsOf(EventKind kind) {

@@ -319,6 +319,25 @@ Json ToJson(const StreamSummary& stream) {
   return json;
 }
 
+Json ToJson(const TwinSummary& twins) {
+  const TwinFigures& figures = twins.figures;
+  Json json{{"first_stream", twins.streams[0]},   {"second_stream", twins.streams[1]},
+            {"packets", figures.packets},         {"first_lost", figures.lost[0]},
+            {"second_lost", figures.lost[1]},     {"lost_together", figures.lost_together},
+            {"different", figures.different},     {"late", figures.late},
+            {"lost_before", figures.lost_before}, {"restarts", figures.restarts}};
+  json["skew_ns"] = {{"count", figures.skews}};
+  if (figures.skews > 0) {
+    json["skew_ns"]["min"] = figures.skew_min_ns;
+    json["skew_ns"]["mean"] = figures.skew_mean_ns;
+    json["skew_ns"]["max"] = figures.skew_max_ns;
+  }
+  if (twins.combined.rate.frames > 0) {
+    json["combined"] = ToJson(twins.combined);
+  }
+  return json;
+}
+
 Json ToJson(const RunInfo& run) {
   Json json{{"version", run.version}, {"started", UtcText(run.started_ns)}};
   json["options"] = Json::array();
@@ -407,6 +426,10 @@ void WriteJson(const Summary& summary, std::span<const Verdict> verdicts,
             {"total", ToJson(summary.total)}};
   json["total"]["frames_not_measured"] = summary.FramesNotMeasured();
   json["streams"] = Json::array();
+  json["twins"] = Json::array();
+  for (const TwinSummary& twins : summary.twins) {
+    json["twins"].push_back(ToJson(twins));
+  }
   Json& judged = json["verdicts"] = Json::array();
   for (const Verdict& verdict : verdicts) {
     judged.push_back({{"name", verdict.name},

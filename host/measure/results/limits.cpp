@@ -106,8 +106,17 @@ Value Lost(const Summary& summary) {
 // RTP packets that are missing behind all correction.
 Value Unrepaired(const Summary& summary) {
   std::uint64_t packets = 0;
-  for (const StreamSummary& stream : summary.streams) {
-    if (!stream.rtp || stream.protects) {
+  std::vector<bool> has_twin(summary.streams.size());
+  for (const TwinSummary& twins : summary.twins) {
+    has_twin[twins.streams[0]] = has_twin[twins.streams[1]] = true;
+    if (twins.figures.restarts > 0) {
+      return std::nullopt;
+    }
+    packets += twins.figures.lost_together + twins.figures.lost_before;
+  }
+  for (std::size_t place = 0; place < summary.streams.size(); ++place) {
+    const StreamSummary& stream = summary.streams[place];
+    if (!stream.rtp || stream.protects || has_twin[place]) {
       continue;
     }
     if (stream.rtp->restarts + stream.rtp->strays > 0 || stream.frames_without_detail > 0) {
@@ -190,8 +199,8 @@ constexpr LimitKind kKinds[] = {
      true},
     {"--max-jitter", LimitUnit::kDuration, "largest RFC 3550 interarrival jitter", Jitter, true},
     {"--max-loss", LimitUnit::kCountOrPercent, "packets lost, or their share", Lost, true},
-    {"--max-unrepaired", LimitUnit::kCount, "RTP packets lost that FEC does not repair", Unrepaired,
-     true},
+    {"--max-unrepaired", LimitUnit::kCount,
+     "RTP packets lost that neither FEC nor a twin path makes good", Unrepaired, true},
     {"--max-reordered", LimitUnit::kCount, "RTP packets out of order",
      [](const Summary& m) { return IfAny(AnyRtp(m), m.total.reordered); }, false},
     {"--max-duplicates", LimitUnit::kCount, "RTP packets that came twice",

@@ -261,18 +261,79 @@ Chart MdiOverTime(const TimeSeries<MdiPoint>& mdi, const TimeLine& line) {
   return chart;
 }
 
+ChartSeries LossSeries(const char* name, const TimeSeries<MdiPoint>& mdi, const TimeLine& line) {
+  ChartSeries loss{name, SeriesStyle::kLine, {}};
+  const double seconds = static_cast<double>(mdi.IntervalNs()) * 1e-9;
+  ForEachPoint(mdi, line, {}, [&](double at, const MdiPoint& point, bool) {
+    loss.points.push_back({at, static_cast<double>(point.lost_packets) / seconds});
+  });
+  return loss;
+}
+
 Chart LossOverTime(const TimeSeries<MdiPoint>& mdi, const TimeLine& line) {
   Chart chart{"Media loss rate over time",
               "RFC 4445, packets per second",
               line.Axis(),
               {AxisKind::kCounts, CountText, {}},
               {}};
-  ChartSeries loss{"lost", SeriesStyle::kLine, {}};
-  const double seconds = static_cast<double>(mdi.IntervalNs()) * 1e-9;
-  ForEachPoint(mdi, line, {}, [&](double at, const MdiPoint& point, bool) {
-    loss.points.push_back({at, static_cast<double>(point.lost_packets) / seconds});
+  chart.series.push_back(LossSeries("lost", mdi, line));
+  return chart;
+}
+
+// Of what is lost only; between, nothing is.
+Chart CorrectionOverTime(const TimeSeries<FecPoint>& fec, const TimeLine& line) {
+  Chart chart{"Loss in front of forward error correction and behind it",
+              "SMPTE ST 2022-1, datagrams per second",
+              line.Axis(),
+              {AxisKind::kCounts, CountText, {}},
+              {}};
+  ChartSeries lost{"in front", SeriesStyle::kLine, {{line.Axis().range.from, 0}}};
+  ChartSeries unrepaired{"behind", SeriesStyle::kLine, {{line.Axis().range.from, 0}}};
+  const auto add = [&](double at, const FecPoint& point) {
+    const double seconds = static_cast<double>(fec.IntervalNs()) * 1e-9;
+    lost.points.push_back({at, static_cast<double>(point.lost) / seconds});
+    unrepaired.points.push_back({at, static_cast<double>(point.unrepaired) / seconds});
+  };
+  if (!fec.Points().empty()) {
+    add(line.BeginOf(fec, 0), {});
+    ForEachPoint(fec, line, {}, [&](double at, const FecPoint& point, bool) { add(at, point); });
+  }
+  add(line.Axis().range.to, {});
+  chart.series = {std::move(lost), std::move(unrepaired)};
+  return chart;
+}
+
+Chart PathsOverTime(const Measurement& measurement, const TwinPair& pair, const TimeLine& line) {
+  Chart chart{"Loss of each path, and of both together",
+              "RFC 4445, packets per second",
+              line.Axis(),
+              {AxisKind::kCounts, CountText, {}},
+              {}};
+  const auto add = [&](const char* name, const Stream& stream) {
+    if (stream.History() != nullptr) {
+      chart.series.push_back(LossSeries(name, stream.History()->mdi, line));
+    }
+  };
+  add("first path", *measurement.Streams().Streams()[pair.Places()[0]]);
+  add("second path", *measurement.Streams().Streams()[pair.Places()[1]]);
+  add("together", pair.Combined());
+  return chart;
+}
+
+Chart SkewOverTime(const TimeSeries<PcrPoint>& skew, const TimeLine& line) {
+  Chart chart{"Skew of the second path",
+              "behind the first one",
+              line.Axis(),
+              {AxisKind::kRound, TimeText, {}},
+              {}};
+  ChartSeries band{"skew", SeriesStyle::kBand, {}};
+  ForEachPoint(skew, line, {}, [&](double at, const PcrPoint& point, bool) {
+    if (point.any) {
+      band.points.push_back({at, point.low_ns});
+      band.points.push_back({at, point.high_ns});
+    }
   });
-  chart.series.push_back(std::move(loss));
+  chart.series.push_back(std::move(band));
   return chart;
 }
 
@@ -326,6 +387,19 @@ std::vector<Chart> TotalCharts(const Measurement& measurement) {
           GapsOverTime(measurement.Arrivals(), line, outages)};
 }
 
+std::vector<Chart> TwinCharts(const Measurement& measurement, std::size_t number) {
+  const TwinPair& pair = *measurement.Streams().Twins()[number];
+  const TimeLine line(measurement);
+  std::vector<Chart> charts;
+  if (pair.Combined().History() != nullptr) {
+    charts.push_back(PathsOverTime(measurement, pair, line));
+  }
+  if (pair.SkewHistory() != nullptr) {
+    charts.push_back(SkewOverTime(*pair.SkewHistory(), line));
+  }
+  return charts;
+}
+
 std::vector<Chart> StreamCharts(const Measurement& measurement, std::size_t number) {
   const Stream& stream = *measurement.Streams().Streams()[number];
   const StreamHistory& history = *stream.History();
@@ -337,6 +411,9 @@ std::vector<Chart> StreamCharts(const Measurement& measurement, std::size_t numb
                             HistogramChart("Gap errors", stream.Gaps().GapErrors()),
                             MdiOverTime(history.mdi, line),
                             LossOverTime(history.mdi, line)};
+  if (stream.Fec() != nullptr) {
+    charts.push_back(CorrectionOverTime(history.fec, line));
+  }
   const PcrTracker* clock = stream.Ts() != nullptr ? stream.Ts()->ReferenceClock() : nullptr;
   if (clock != nullptr && clock->FrequencyOffsetPpm()) {
     charts.push_back(PcrJitter(history.pcr, line, outages, *clock));

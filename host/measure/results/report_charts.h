@@ -13,6 +13,9 @@ namespace ipplay::measure {
 // Rate and gaps over time, over all streams.
 std::vector<Chart> TotalCharts(const Measurement& measurement);
 
+// Loss of two paths and skew over time of pair `number`; none where there is no history.
+std::vector<Chart> TwinCharts(const Measurement& measurement, std::size_t number);
+
 // Histograms of gaps and their errors, gaps and rate over time, media delivery index and PCR jitter
 // of stream `number`, in order of arrival, that has a history. Its events are marked.
 std::vector<Chart> StreamCharts(const Measurement& measurement, std::size_t number);

@@ -20,6 +20,7 @@
 #include "host/measure/results/report_charts.h"
 #include "host/measure/results/report_stream.h"
 #include "host/measure/results/report_style.h"
+#include "host/measure/results/report_twins.h"
 #include "host/measure/results/table_view.h"
 
 namespace ipplay::measure {
@@ -177,6 +178,10 @@ void WriteStreams(Out out, const ReportSource& source) {
     fmt::format_to(out, "</div>\n");
   }
   WriteStreamTable(out, source.summary, order);
+  const std::size_t twins = std::min(source.summary.twins.size(), kMaxSections);
+  for (std::size_t number = 0; number < twins; ++number) {
+    fmt::format_to(out, "{}", TwinSectionHtml(source.summary, measurement, number));
+  }
   const std::size_t shown = std::min(order.size(), kMaxSections);
   if (shown < order.size()) {
     fmt::format_to(out, "<p>The worst {} of {} streams follow.</p>\n", shown,

@@ -363,6 +363,10 @@ Summary Summarize(const Measurement& measurement, const std::string& source, boo
   for (const auto& stream : measurement.Streams().Streams()) {
     summary.streams.push_back(Summarize(*stream, measurement.Settings()));
   }
+  for (const auto& pair : measurement.Streams().Twins()) {
+    summary.twins.push_back(
+        {pair->Places(), pair->Figures(), Summarize(pair->Combined(), measurement.Settings())});
+  }
   return summary;
 }
 

@@ -4,6 +4,7 @@
 // in bits per second.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -188,6 +189,13 @@ struct StreamSummary {
   bool KnowsAllLosses() const;
 };
 
+// Two streams that are the same RTP on two paths, by their places.
+struct TwinSummary {
+  std::array<std::uint32_t, kTwinPaths> streams{};
+  TwinFigures figures;
+  StreamSummary combined;
+};
+
 struct TotalSummary {
   std::uint64_t streams = 0;
   RateFigures rate;
@@ -237,6 +245,7 @@ struct Summary {
   CaptureSummary capture;
   TotalSummary total;
   std::vector<StreamSummary> streams;
+  std::vector<TwinSummary> twins;
 
   // Frames that may have been of a stream, and that no figure knows.
   std::uint64_t FramesNotMeasured() const;

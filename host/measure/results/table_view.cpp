@@ -13,6 +13,7 @@
 
 #include "host/base/text.h"
 #include "host/base/units.h"
+#include "host/measure/results/twin_lines.h"
 
 namespace ipplay::measure {
 namespace {
@@ -454,6 +455,14 @@ void WriteDetails(Out out, const StreamSummary& stream) {
   WriteFigures(out, stream);
 }
 
+void WriteTwins(Out out, const Summary& summary, const TwinSummary& twins) {
+  fmt::format_to(out, "\ntwins {} and {}\n", Label(summary.streams[twins.streams[0]]),
+                 Label(summary.streams[twins.streams[1]]));
+  for (const auto& [name, text] : TwinLines(twins)) {
+    fmt::format_to(out, "  {:<10} {}\n", name, text);
+  }
+}
+
 void WriteVerdicts(Out out, std::span<const Verdict> verdicts) {
   if (verdicts.empty()) {
     return;
@@ -508,6 +517,10 @@ std::string ResultTable(const Summary& summary, std::span<const Verdict> verdict
   WriteOddities(out, summary.capture, summary.total);
   for (const StreamSummary& stream : streams.first(std::min(streams.size(), settings.detailed))) {
     WriteDetails(out, stream);
+  }
+  for (const TwinSummary& twins :
+       std::span(summary.twins).first(std::min(summary.twins.size(), settings.detailed))) {
+    WriteTwins(out, summary, twins);
   }
   WriteVerdicts(out, verdicts);
   return text;

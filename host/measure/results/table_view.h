@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "host/measure/results/figure_line.h"
 #include "host/measure/results/limits.h"
 #include "host/measure/results/summary.h"
 
@@ -29,11 +30,7 @@ std::string ResultTable(const Summary& summary, std::span<const Verdict> verdict
 // What was captured besides UDP frames, and what else is out of the ordinary: lines, or none.
 std::string OdditiesText(const CaptureSummary& capture, const TotalSummary& total);
 
-// Every figure of a stream, each line a name and its text.
-struct FigureLine {
-  std::string name;
-  std::string text;
-};
+// Every figure of a stream.
 std::vector<FigureLine> FigureLines(const StreamSummary& stream);
 
 }  // namespace ipplay::measure
