@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "platform/signal.h"
 
-#include <chrono>
-
 #include "platform/clock.h"
 #include "platform/futex.h"
 #include "platform/spin.h"
@@ -45,6 +43,22 @@ void Signal::Wait() {
   Sleep();
   const bool was_short = MonotonicNow() - start < kShortWait;
   sleeps_left_ = was_short ? sleeps_left_ / 2 : kSleepsAfterVainSpin;
+}
+
+bool Signal::WaitUntil(std::chrono::nanoseconds deadline) {
+  for (;;) {
+    std::uint32_t state = state_.load();
+    if (state == kSet) {
+      return true;
+    }
+    if (MonotonicNow() >= deadline) {
+      return false;
+    }
+    if (state == kClear && !state_.compare_exchange_strong(state, kClearWithSleeper)) {
+      continue;
+    }
+    FutexWaitUntil(state_, kClearWithSleeper, deadline);
+  }
 }
 
 bool Signal::Spin() const {

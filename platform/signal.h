@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 namespace ipplayout::platform {
@@ -20,6 +21,8 @@ class Signal {
   void Set();
   void Reset();
   void Wait();
+  // Not past `deadline` on the monotonic clock: false when it is not set by then.
+  bool WaitUntil(std::chrono::nanoseconds deadline);
   bool IsSet() const { return state_.load(std::memory_order_acquire) == kSet; }
 
  private:

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/clock.h"
+
 namespace ipplayout {
 namespace {
 
@@ -25,6 +27,8 @@ constexpr double kFrameWork = 2.5e-6;
 constexpr double kMostWork = 0.5;
 // A precise wait for frames that are closer together than this is spun through as a whole.
 constexpr double kShortestRest = 100e-6;
+// A removal waits so long for a frame that is in the sink's hands.
+constexpr nanoseconds kPatienceWithSink = std::chrono::seconds(1);
 // With more stamps than this to be read they are read although the next frame is due.
 constexpr std::size_t kMostStampsUnread = 32;
 constexpr nanoseconds kTimeToReadStamps = microseconds(30);
@@ -87,13 +91,29 @@ void ScheduleTransmitter::Remove(ScheduledStream& stream) {
   }
   stream.wants_removal.store(true);
   Request(stream);
-  stream.removed.Wait();
+  if (!stream.removed.WaitUntil(platform::MonotonicNow() + kPatienceWithSink)) {
+    GiveUpUntilRemoved(stream);
+  }
   const platform::MutexLock lock(changes_mutex_);
   --streams_;
   precise_streams_ -= stream.rules.is_precise ? 1 : 0;
   frames_per_second_.store(
       streams_ == 0 ? 0 : frames_per_second_.load() - stream.rules.frames_per_second);
   AdaptToLoad();
+}
+
+// The sink holds the thread, as a pipe does that nobody reads.
+void ScheduleTransmitter::GiveUpUntilRemoved(ScheduledStream& stream) {
+  {
+    const platform::MutexLock lock(changes_mutex_);
+    ++giving_up_;
+    waiter_->GiveUpAt(Time::min());
+  }
+  stream.removed.Wait();
+  const platform::MutexLock lock(changes_mutex_);
+  if (--giving_up_ == 0) {
+    waiter_->GiveUpAt(Time::max());
+  }
 }
 
 void ScheduleTransmitter::Request(ScheduledStream& stream) {
@@ -372,6 +392,10 @@ std::size_t ScheduleTransmitter::SendFrom(std::size_t first) {
   if (refused >= burst_count_) {
     return burst_count_;
   }
+  if (result.error == ECANCELED) {
+    // For removals, which were requested before it and are taken before the next burst.
+    waiter_->GiveUpAt(Time::max());
+  }
   const std::size_t end = result.of_frame ? refused + 1 : burst_count_;
   for (std::size_t i = refused; i < end; ++i) {
     taken_[taken_of_burst_[i]].error = result.error == 0 ? EIO : result.error;
@@ -430,8 +454,10 @@ void ScheduleTransmitter::LetGo() {
     if (stream.state == ScheduledStream::State::kGone) {
       continue;
     }
-    if (taken_[i].error != 0 && stream.rules.ends_when_refused) {
-      End(stream, taken_[i].error);
+    const int error = taken_[i].error;
+    // A frame that was given up for the removal of another stream does not end this one.
+    if (error != 0 && error != ECANCELED && stream.rules.ends_when_refused) {
+      End(stream, error);
     } else if (stream.state == ScheduledStream::State::kAwaiting) {
       Refresh(stream);
     }

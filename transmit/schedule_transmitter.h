@@ -48,7 +48,8 @@ class ScheduleTransmitter final : public OsaThread {
   // begins with its first frame. False when there would be more than kMostStreams.
   bool Add(std::span<ScheduledStream* const> streams, std::optional<Time> start);
   // Takes a stream out, if it was added, and returns when the thread has let go of it for good.
-  // Nobody else makes requests for it by then.
+  // Nobody else makes requests for it by then. A sink that holds the thread for longer than a
+  // second gives up the frames that it has in hand: those of other streams count as not sent.
   void Remove(ScheduledStream& stream);
   // Has the thread look at what a stream asks for. Any thread; takes no lock.
   void Request(ScheduledStream& stream);
@@ -75,6 +76,7 @@ class ScheduleTransmitter final : public OsaThread {
   void LeaveSchedule(ScheduledStream& stream);
   void End(ScheduledStream& stream, int error);
   void AcknowledgeRemoval(ScheduledStream& stream);
+  void GiveUpUntilRemoved(ScheduledStream& stream);
   void AdaptToLoad() IPPLAYOUT_REQUIRES(changes_mutex_);
   void Wait();
 
@@ -100,6 +102,7 @@ class ScheduleTransmitter final : public OsaThread {
   platform::Mutex changes_mutex_;
   std::size_t streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
   std::size_t precise_streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
+  std::size_t giving_up_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;  // removals that do
   std::atomic<bool> gathers_{false};  // these two stored under the mutex
   std::atomic<double> frames_per_second_{0};
 

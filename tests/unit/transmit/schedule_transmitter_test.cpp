@@ -178,6 +178,34 @@ TEST_F(VirtualTime, TimeStandsUntilEachStreamHasSaidWhatComesNext) {
   Remove(b);
 }
 
+// As a pipe is that nobody reads.
+TEST_F(VirtualTime, AStopDoesNotWaitForASinkThatIsFullForGood) {
+  FakeFrameSink full;
+  full.patience = std::chrono::hours(1);
+  full.SetRoom(0);
+  std::promise<void> sending;
+  full.on_send = [&, first = true](auto) mutable {
+    if (std::exchange(first, false)) {
+      sending.set_value();
+    }
+  };
+  Player a('a', full);
+  Player b('b', full);
+  a.Holding({milliseconds(0), milliseconds(1)});
+  b.Holding({milliseconds(0), milliseconds(1)}).ThatIsAll();
+  Play({&a, &b});
+  auto send = sending.get_future();
+  ASSERT_TRUE(Returns(send));
+  Remove(a);
+  EXPECT_EQ(a.Ended(), ECANCELED);
+  EXPECT_EQ(a.Counts().not_sent, 1U);
+  full.SetRoom(FakeFrameSink::kUnlimited);
+  EXPECT_EQ(b.Ended(), 0);
+  EXPECT_EQ(b.Counts().not_sent, 1U);  // was in one call with that of the other
+  EXPECT_EQ(b.Counts().on_time, 1U);
+  Remove(b);
+}
+
 TEST_F(VirtualTime, ARefusedFrameEndsOnePlayoutAndNotItsNeighbours) {
   for (const bool ends : {true, false}) {
     FakeFrameSink refusing;
