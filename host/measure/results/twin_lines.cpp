@@ -47,8 +47,8 @@ std::string CombinedText(const StreamSummary& combined) {
     text += fmt::format(", TS errors {}, continuity errors {}", FormatCount(combined.ts->errors),
                         FormatCount(combined.ts->counters.continuity_errors));
   }
-  if (combined.mdi.intervals > 0) {
-    text += fmt::format(", delay factor max {}", Time(combined.mdi.delay_factor_max));
+  if (combined.mdi.delay_factor) {
+    text += fmt::format(", delay factor max {}", Time(combined.mdi.delay_factor->max));
   }
   return text + fmt::format(", longest silence {}", Time(combined.longest_silence));
 }
