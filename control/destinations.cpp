@@ -2,6 +2,7 @@
 #include "control/destinations.h"
 
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "platform/virtual_waiter.h"
@@ -28,16 +29,21 @@ Failure Destinations::Enter(const IpPlayoutSettings& settings, std::uint32_t udp
     }
   }
   route.key = KeyOf(settings);
-  std::shared_ptr<Destination>& destination = open_[route.key];
-  if (destination == nullptr) {
+  auto found = open_.find(route.key);
+  while (found != open_.end() && found->second == nullptr) {
+    closed_.Wait(mutex_);
+    found = open_.find(route.key);
+  }
+  if (found == open_.end()) {
+    std::shared_ptr<Destination> destination;
     failure = OpenDestination(settings, udp_payload_offset, destination);
     if (failure) {
-      open_.erase(route.key);
       route = {};
       return failure;
     }
+    found = open_.emplace(route.key, std::move(destination)).first;
   }
-  route.destination = destination;
+  route.destination = found->second;
   return {};
 }
 
@@ -67,20 +73,39 @@ Failure Destinations::OpenDestination(const IpPlayoutSettings& settings,
 }
 
 Failure Destinations::Leave(Route& route) {
-  const platform::MutexLock lock(mutex_);
-  Failure failure;
-  if (route.destination != nullptr && route.destination.use_count() == 2) {
-    Destination& last = *route.destination;
-    last.transmitter.Stop();
-    last.transmitter.Join();
-    if (const int error = last.sink == nullptr ? 0 : last.sink->Finish(); error != 0) {
-      failure = {IPPLAYOUT_BAD_DESTINATION,
-                 route.key.substr(1) + " could not be written whole: " + std::strerror(error)};
+  {
+    const platform::MutexLock lock(mutex_);
+    if (route.destination == nullptr || route.destination.use_count() > 2) {
+      route = {};
+      return {};
     }
-    open_.erase(route.key);
+    open_[route.key].reset();
   }
-  route = {};
-  return failure;
+  const Route last = std::exchange(route, {});
+  const auto forget = [&] {
+    const platform::MutexLock lock(mutex_);
+    open_.erase(last.key);
+    closed_.NotifyAll();
+  };
+  try {
+    Failure failure = Close(*last.destination, last.key);
+    forget();
+    return failure;
+  } catch (const std::exception&) {
+    forget();  // no memory for the sentence
+    throw;
+  }
+}
+
+Failure Destinations::Close(Destination& destination, const std::string& key) {
+  destination.transmitter.Stop();
+  destination.transmitter.Join();
+  const int error = destination.sink == nullptr ? 0 : destination.sink->Finish();
+  destination.sink.reset();  // removes what is left of a file before its name is free again
+  return error == 0 ? Failure()
+                    : Failure(IPPLAYOUT_BAD_DESTINATION,
+                              key.substr(1) +
+                                  " could not be written whole: " + std::strerror(error));
 }
 
 }  // namespace ipplayout

@@ -51,15 +51,19 @@ class Destinations {
 
   // Opens the destination, or joins those that have it open.
   Failure Enter(const IpPlayoutSettings& settings, std::uint32_t udp_payload_offset, Route& route);
-  // The last one out closes it. A file that could not be written whole is the failure.
+  // The last one out closes it, and whoever enters it meanwhile waits: a pipe may take seconds. A
+  // file that could not be written whole is the failure.
   Failure Leave(Route& route);
 
  private:
+  static Failure Close(Destination& destination, const std::string& key);
   Failure OpenDestination(const IpPlayoutSettings& settings, std::uint32_t udp_payload_offset,
                           std::shared_ptr<Destination>& destination);
 
   SinkMaker& sinks_;
   platform::Mutex mutex_;
+  platform::ConditionVariable closed_;
+  // Null: being closed.
   std::map<std::string, std::shared_ptr<Destination>> open_ IPPLAYOUT_GUARDED_BY(mutex_);
 };
 

@@ -68,7 +68,6 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   Failure Withdraw();
 
   ScheduleTransmitter& Transmitter() const { return route_.destination->transmitter; }
-  const std::shared_ptr<Destination>& SharedDestination() const { return route_.destination; }
   ScheduledStream& Stream() { return *stream_; }
 
   // There is data or a mark. Any thread, between Launch and the beginning of Withdraw.

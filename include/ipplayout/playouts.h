@@ -287,7 +287,8 @@ intptr_t IpPlayoutEndEvent(IpPlayout* playout);
 int IpPlayoutPause(IpPlayout* playout, uint32_t pause);
 
 // Ends the playout at once: what was built and has not left is counted as discarded. Blocks until
-// the destination lets go of a frame in hand, at most about a second. What was written is gone.
+// the destination lets go of a frame in hand, at most about a second, and for the last playout of a
+// pipe that nobody reads five more. What was written is gone.
 // IPPLAYOUT_DONE also when it does not run; a file that could not be written whole is reported.
 int IpPlayoutStop(IpPlayout* playout);
 

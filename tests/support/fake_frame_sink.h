@@ -50,6 +50,8 @@ class FakeFrameSink final : public FrameSink {
   std::function<Refusal(const OutgoingFrame&)> refuse;
   // Called as Send begins: a slow adapter advances the clock or blocks here.
   std::function<void(std::span<const OutgoingFrame>)> on_send;
+  // Called as Finish begins.
+  std::function<void()> on_finish;
 
   // From now on the queue takes so many frames, then it is full. Ends the wait of a Send.
   void SetRoom(std::size_t frames) {
@@ -106,6 +108,9 @@ class FakeFrameSink final : public FrameSink {
     return is_virtual || (inner_ != nullptr && inner_->IsVirtual());
   }
   int Finish() override {
+    if (on_finish) {
+      on_finish();
+    }
     Count(finishes_);
     const int error = inner_ == nullptr ? 0 : inner_->Finish();
     return finish_error != 0 ? finish_error : error;

@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <cstring>
+#include <future>
 #include <memory>
 #include <new>
 #include <string>
@@ -24,6 +25,7 @@ using std::chrono::nanoseconds;
 constexpr std::size_t kPayload = 1316;
 
 // "bad" cannot be opened and "none" finds no memory; anything else takes frames in virtual time.
+// "slow" is not finished before the test lets it.
 class FakeSinks final : public SinkMaker {
  public:
   std::unique_ptr<FrameSink> Open(const IpPlayoutSettings& settings, std::uint32_t,
@@ -39,10 +41,18 @@ class FakeSinks final : public SinkMaker {
     auto sink = std::make_unique<FakeFrameSink>();
     sink->is_virtual = true;
     sink->on_send = [this](std::span<const OutgoingFrame> frames) { sent += frames.size(); };
+    if (name == "slow") {
+      sink->on_finish = [this] {
+        finishing.set_value();
+        finish.get_future().wait();
+      };
+    }
     return sink;
   }
 
   std::atomic<std::size_t> sent{0};
+  std::promise<void> finishing;
+  std::promise<void> finish;
 };
 
 class PlayoutsTest : public testing::Test {
@@ -138,6 +148,33 @@ TEST_F(PlayoutsTest, ACloseReleasesWhoeverBlocksAndNothingStartsBehindIt) {
   EXPECT_EQ(playout->Prepare().code, IPPLAYOUT_BAD_PLAYOUT);
   EXPECT_EQ(playout->Configure(SettingsFor("file")).code, IPPLAYOUT_BAD_PLAYOUT);
   EXPECT_EQ(playouts.Close(HandleOf(0)).code, IPPLAYOUT_BAD_PLAYOUT);
+}
+
+TEST_F(PlayoutsTest, AFileThatTakesLongToFinishHoldsUpNoOther) {
+  auto slow = Open(SettingsFor("slow"));
+  auto other = Open(SettingsFor("other"));
+  ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+  auto stop = OnAnotherThread([&] { return slow->Stop().code; });
+  auto finishing = sinks.finishing.get_future();
+  ASSERT_TRUE(Returns(finishing));
+  auto beside = OnAnotherThread([&] {
+    const int code = playouts.Start(std::vector{HandleOf(1)}, {}).code;
+    other->Stop();
+    return code;
+  });
+  EXPECT_TRUE(Returns(beside));
+  EXPECT_TRUE(Blocks(stop));
+  // The same file again, once it is finished.
+  Open(SettingsFor("slow"));
+  auto again = OnAnotherThread([&] { return playouts.Start(std::vector{HandleOf(2)}, {}).code; });
+  EXPECT_TRUE(Blocks(again));
+  sinks.finish.set_value();
+  EXPECT_TRUE(Returns(stop));
+  EXPECT_TRUE(Returns(again));
+  EXPECT_EQ(again.get(), IPPLAYOUT_DONE);
+  sinks.finishing = {};
+  sinks.finish = {};
+  sinks.finish.set_value();
 }
 
 TEST_F(PlayoutsTest, AWaitIsForTheRunThatItBeganIn) {
