@@ -79,8 +79,8 @@ class SystemSinks final : public SinkMaker {
     const std::string name = settings.Destination;
     switch (settings.To) {
       case IPPLAYOUT_TO_ADAPTER:
-        return Take(AdapterSink::Open({name, settings.Stamps == IPPLAYOUT_ON, false}), name,
-                    failure);
+        // With stamps, since playouts that join later may want them.
+        return Take(AdapterSink::Open({name, true, false}), name, failure);
       case IPPLAYOUT_TO_FILE: {
         CaptureFileSettings file;
         file.path = name;

@@ -229,6 +229,17 @@ def stamped(library, bed_path):
     return playout.timing(), playout.ledger()
 
 
+def stamped_beside_others(library, bed_path):
+    """The second of two on one adapter wants stamps; how many each of them gets."""
+    playouts = Playouts(bed_path)
+    plain = playouts.open(to_adapter(TYPICAL), StartBytes=0)
+    playouts.start([plain])
+    plain.write(stream(1316))
+    wanting = playouts.open(to_adapter(TYPICAL), Stamps=1, StartBytes=0)
+    wanting.play(stream(1316 * 300))
+    return plain.timing()["Stamps"], wanting.timing()["Stamps"]
+
+
 class Wire(WireCase):
     def test_an_adapter_sends_what_a_file_has(self):
         jobs = [({**TYPICAL, **ERRORS, "DestinationPort": 5000 + i, "IPBitRate": 5.0 + i}, stream(1316 * 60, i))
@@ -297,6 +308,9 @@ class Wire(WireCase):
         seen = [arrival for arrival, _ in outcome.arrivals]
         self.assertAlmostEqual(seen[-1] - seen[0],
                                (ledger[-1]["DepartureNs"] - ledger[0]["DepartureNs"]) / SECOND, delta=0.5)
+
+    def test_stamps_do_not_depend_on_who_opened_the_adapter(self):
+        self.assertEqual(self.bed.run(stamped_beside_others, self.bed.library_path).value, (0, 300))
 
     def test_refusals_name_the_field(self):
         seen = self.bed.run(refusals, self.bed.library_path).value
