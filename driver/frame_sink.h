@@ -33,6 +33,7 @@ class FrameSink {
     std::size_t sent = 0;   // from the first on
     int error = 0;          // system error number of the frame behind them; 0 when all were sent
     bool of_frame = false;  // the error is that frame's own, such as its length: others may go on
+    bool is_full = false;   // the error is a full queue, which was not waited for: try again soon
   };
 
   virtual ~FrameSink() = default;

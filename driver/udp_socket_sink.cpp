@@ -16,7 +16,6 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr nanoseconds kPatience = std::chrono::seconds(1);
 // What an ICMP message said is reported by one call and forgotten. What is reported as often as
 // this in a row is what keeps the frame itself from leaving.
 constexpr int kMostTries = 3;
@@ -25,8 +24,12 @@ bool IsOfFrame(int error) {
   return error == EMSGSIZE || error == EINVAL || error == EPERM;
 }
 
+bool IsFull(int error) {
+  return error == EAGAIN || error == ENOBUFS;
+}
+
 bool MayBeOfIcmp(int error) {
-  return error != 0 && error != EAGAIN && error != ENOBUFS && error != ECANCELED && error != EPERM;
+  return error != 0 && !IsFull(error) && error != ECANCELED && error != EPERM;
 }
 
 }  // namespace
@@ -39,18 +42,19 @@ Opened<UdpSocketSink> UdpSocketSink::Open(const UdpSinkSettings& settings) {
   }
   int error = 0;
   auto stamps = settings.stamps ? DepartureStamps::Enable(socket.Get(), error) : nullptr;
-  std::unique_ptr<UdpSocketSink> sink(new (std::nothrow) UdpSocketSink(
-      std::move(socket), std::move(stamps), settings.payload_offset));
+  std::unique_ptr<UdpSocketSink> sink(
+      new (std::nothrow) UdpSocketSink(std::move(socket), std::move(stamps), settings));
   return sink == nullptr ? NotOpened<UdpSocketSink>("get memory", ENOMEM)
                          : Opened<UdpSocketSink>{std::move(sink)};
 }
 
 UdpSocketSink::UdpSocketSink(platform::Descriptor socket, std::unique_ptr<DepartureStamps> stamps,
-                             std::size_t payload_offset)
+                             const UdpSinkSettings& settings)
     : socket_(std::move(socket)),
       stamps_(std::move(stamps)),
-      payload_offset_(payload_offset),
-      sender_(socket_.Get(), kPatience, stamps_.get()) {}
+      payload_offset_(settings.payload_offset),
+      waits_(settings.patience > nanoseconds::zero()),
+      sender_(socket_.Get(), settings.patience, stamps_.get()) {}
 
 FrameSink::Result UdpSocketSink::Send(std::span<const OutgoingFrame> frames,
                                       const platform::DeadlineWaiter& waiter) {
@@ -74,6 +78,7 @@ FrameSink::Result UdpSocketSink::Send(std::span<const OutgoingFrame> frames,
     if (outcome.error != 0 && (!MayBeOfIcmp(outcome.error) || tries == kMostTries)) {
       result.error = outcome.error;
       result.of_frame = IsOfFrame(outcome.error);
+      result.is_full = !waits_ && IsFull(outcome.error);
       return result;
     }
   }

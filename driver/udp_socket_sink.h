@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -22,13 +23,15 @@ struct UdpSinkSettings {
   // Where the UDP payload begins in a frame: what stands before it is not sent.
   std::size_t payload_offset = 42;
   bool stamps = false;  // as of AdapterSinkSettings
+  // How long a full queue is waited for in which nothing leaves; 0: not at all (is_full).
+  std::chrono::nanoseconds patience = std::chrono::seconds(1);
 };
 
 // Sends the UDP payload of each frame; the socket puts its own headers before it. Needs no right.
 //
-// A full queue is waited for up to a second in which nothing leaves. The error is the frame's own
-// where it is too long (EMSGSIZE), shorter than its headers (EINVAL) or held back by a firewall
-// (EPERM). That a receiver is not there, as ICMP messages say, is counted and ends nothing.
+// The error is the frame's own where it is too long (EMSGSIZE), shorter than its headers (EINVAL)
+// or held back by a firewall (EPERM). That a receiver is not there, as ICMP messages say, is
+// counted and ends nothing.
 class UdpSocketSink final : public FrameSink {
  public:
   // In the network namespace of the calling thread.
@@ -49,7 +52,7 @@ class UdpSocketSink final : public FrameSink {
 
  private:
   UdpSocketSink(platform::Descriptor socket, std::unique_ptr<DepartureStamps> stamps,
-                std::size_t payload_offset);
+                const UdpSinkSettings& settings);
 
   // Without stamps nobody else reads the queue.
   void TakeErrors();
@@ -57,6 +60,7 @@ class UdpSocketSink final : public FrameSink {
   const platform::Descriptor socket_;
   const std::unique_ptr<DepartureStamps> stamps_;
   const std::size_t payload_offset_;
+  const bool waits_;
   BurstSocket sender_;
   std::atomic<std::uint64_t> icmp_errors_{0};
 };

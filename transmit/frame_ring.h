@@ -55,6 +55,8 @@ class FrameRing {
     return {reinterpret_cast<const std::uint8_t*>(&frame + 1), frame.length};
   }
   void Take() { ++taken_; }
+  // The last of the taken frames are to be taken again.
+  void PutBack(std::size_t frames) { taken_ -= frames; }
   // Gives the slots of all taken frames back. True when the builder waits for them.
   bool ReleaseTaken();
   // Says that the transmitter waits for a frame. False when there is one after all.

@@ -27,15 +27,17 @@ constexpr double kFrameWork = 2.5e-6;
 constexpr double kMostWork = 0.5;
 // A precise wait for frames that are closer together than this is spun through as a whole.
 constexpr double kShortestRest = 100e-6;
-// A removal waits so long for a frame that is in the sink's hands.
+// A removal waits so long for a frame that is in the sink's hands, and a frame for room in a sink
+// that does not wait itself.
 constexpr nanoseconds kPatienceWithSink = std::chrono::seconds(1);
+constexpr nanoseconds kBetweenTries = microseconds(500);
 // With more stamps than this to be read they are read although the next frame is due.
 constexpr std::size_t kMostStampsUnread = 32;
 constexpr nanoseconds kTimeToReadStamps = microseconds(30);
 
 // The order of a heap with the stream that is due first on top.
 bool IsLater(const ScheduledStream* a, const ScheduledStream* b) {
-  return a->planned != b->planned ? a->planned > b->planned : a->number > b->number;
+  return a->next != b->next ? a->next > b->next : a->number > b->number;
 }
 
 }  // namespace
@@ -140,7 +142,7 @@ void ScheduleTransmitter::Run() {
   while (!StopRequested()) {
     TakeRequests();
     const Time now = waiter_->Now();
-    if (!heap_.empty() && MayGo() && heap_.front()->planned <= LatestDue(now)) {
+    if (!heap_.empty() && MayGo() && heap_.front()->next <= LatestDue(now)) {
       SendDue(now);
     } else {
       Wait();
@@ -245,7 +247,7 @@ void ScheduleTransmitter::Schedule(ScheduledStream& stream, Time now) {
   if (!stream.start) {
     stream.start = now - frame.due;
   }
-  stream.planned = stream.policy.Plan(*stream.start + frame.due);
+  stream.planned = stream.next = stream.policy.Plan(*stream.start + frame.due);
   // What follows late data is late, too, and not missing once more.
   const Time dry = now - std::max(stream.planned, stream.awaiting_since);
   if (dry > stream.rules.late.tolerance) {
@@ -291,7 +293,7 @@ void ScheduleTransmitter::Wait() {
   }
   Time target = platform::DeadlineWaiter::kNever;
   if (!heap_.empty() && MayGo()) {
-    target = heap_.front()->planned;
+    target = heap_.front()->next;
   } else if (heap_.empty() && awaiting_ == 0) {
     short_wake_ups_.reset();
   }
@@ -314,7 +316,7 @@ void ScheduleTransmitter::SendDue(Time now) {
   LetGo();
   if (stamps_.Outstanding() >= kMostStampsUnread ||
       (stamps_.Outstanding() > 0 && !heap_.empty() &&
-       heap_.front()->planned > waiter_->Now() + kTimeToReadStamps)) {
+       heap_.front()->next > waiter_->Now() + kTimeToReadStamps)) {
     stamps_.Read();
   }
 }
@@ -331,7 +333,7 @@ void ScheduleTransmitter::Collect(Time now) {
   const Time latest = LatestDue(now);
   while (!heap_.empty() && taken_count_ < taken_.size() && MayGo()) {
     ScheduledStream& stream = *heap_.front();
-    if (stream.planned > latest || (sink != nullptr && sink != &stream.sink)) {
+    if (stream.next > latest || (sink != nullptr && sink != &stream.sink)) {
       return;
     }
     sink = &stream.sink;
@@ -346,7 +348,8 @@ void ScheduleTransmitter::TakeFrame(ScheduledStream& stream, Time now) {
   const Time place = stream.policy.Place(due);
   const Time planned = stream.planned;
   Taken& taken = taken_[taken_count_];
-  taken = {&stream, &frame, place, stream.policy.Settle(due, planned, now), 0};
+  taken = {&stream, &frame, place, false, 0, planned, stream.policy};
+  taken.goes = stream.policy.Settle(due, planned, now);
   stream.timing.Shifted(stream.policy.Shifted());
   if (taken.goes && frame.leaves) {
     burst_[burst_count_] = {FrameRing::BytesOf(frame), is_virtual_ ? planned : now,
@@ -369,7 +372,7 @@ void ScheduleTransmitter::PlanNext(ScheduledStream& stream, Time now) {
     ++awaiting_;
     return;
   }
-  stream.planned = stream.policy.Plan(*stream.start + next->due);
+  stream.planned = stream.next = stream.policy.Plan(*stream.start + next->due);
   std::push_heap(heap_.begin(), heap_.end(), IsLater);
 }
 
@@ -389,6 +392,10 @@ std::size_t ScheduleTransmitter::SendFrom(std::size_t first) {
   const std::span<const OutgoingFrame> rest(&burst_[first], burst_count_ - first);
   const FrameSink::Result result = sink.Send(rest, *waiter_);
   const std::size_t refused = first + result.sent;
+  if (TriesAgain(*taken_[taken_of_burst_[first]].stream, result)) {
+    PutBack(refused);
+    return burst_count_;
+  }
   if (refused >= burst_count_) {
     return burst_count_;
   }
@@ -401,6 +408,45 @@ std::size_t ScheduleTransmitter::SendFrom(std::size_t first) {
     taken_[taken_of_burst_[i]].error = result.error == 0 ? EIO : result.error;
   }
   return end;
+}
+
+// A sink that does not wait is one stream's own. It may be full for a while.
+bool ScheduleTransmitter::TriesAgain(ScheduledStream& stream,
+                                     const FrameSink::Result& result) const {
+  if (result.sent > 0 || !result.is_full) {
+    stream.full_since.reset();
+  }
+  if (!result.is_full) {
+    return false;
+  }
+  const Time now = waiter_->Now();
+  if (now - stream.full_since.value_or(now) < kPatienceWithSink) {
+    stream.full_since = stream.full_since.value_or(now);
+    return true;
+  }
+  stream.full_since.reset();
+  return false;
+}
+
+// What is left of the burst goes back to its ring, and other streams have their turn.
+void ScheduleTransmitter::PutBack(std::size_t first) {
+  for (std::size_t i = first; i < burst_count_; ++i) {
+    stamps_.Withdraw(burst_[i].tag);
+  }
+  const std::size_t place = taken_of_burst_[first];
+  const Taken& taken = taken_[place];
+  ScheduledStream& stream = *taken.stream;
+  stream.ring.PutBack(taken_count_ - place);
+  stream.policy = taken.policy;
+  stream.timing.Retried(stream.sink.Retries() - stream.retries_before);
+  LeaveSchedule(stream);
+  stream.state = ScheduledStream::State::kScheduled;
+  stream.planned = taken.planned;
+  stream.next = waiter_->Now() + kBetweenTries;
+  heap_.push_back(&stream);
+  std::push_heap(heap_.begin(), heap_.end(), IsLater);
+  taken_count_ = place;
+  burst_count_ = first;
 }
 
 // A burst takes a while to be handed over: its frames left between the two.

@@ -64,6 +64,8 @@ class ScheduleTransmitter final : public OsaThread {
     Time place{0};
     bool goes = false;
     int error = 0;
+    Time planned{0};  // the last two: as before it was taken
+    DeparturePolicy policy;
   };
 
   void Run() override;
@@ -86,6 +88,8 @@ class ScheduleTransmitter final : public OsaThread {
   void PlanNext(ScheduledStream& stream, Time now);
   void SendCollected();
   std::size_t SendFrom(std::size_t first);
+  bool TriesAgain(ScheduledStream& stream, const FrameSink::Result& result) const;
+  void PutBack(std::size_t first);
   void Record(Time begun, Time ended);
   void LetGo();
 

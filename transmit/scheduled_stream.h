@@ -71,14 +71,16 @@ struct ScheduledStream : platform::RequestNode {
   enum class State {
     kFresh,      // not in the schedule yet
     kAwaiting,   // its ring is empty
-    kScheduled,  // in the schedule, at `planned`
+    kScheduled,  // in the schedule, at `next`
     kPaused,
     kGone,
   };
   State state = State::kFresh;
   std::optional<Time> start;  // of its schedule; without one it begins with its first frame
   DeparturePolicy policy;
-  Time planned{0};
+  Time planned{0};                 // when its next frame is to leave
+  Time next{0};                    // when it is looked at: then, or later where its sink was full
+  std::optional<Time> full_since;  // its sink takes nothing
   Time paused_at{0};
   Time awaiting_since{0};            // in kAwaiting: no time before it was spent without a frame
   std::uint64_t number = 0;          // in the order of adding: parts streams that are due together

@@ -57,6 +57,14 @@ void StampBook::Read() {
   }
 }
 
+void StampBook::Withdraw(std::uint32_t tag) {
+  Entry& entry = entries_[tag % kMostTags];
+  if (tag != 0 && entry.tag == tag && entry.stream != nullptr) {
+    entry.stream = nullptr;
+    --outstanding_;
+  }
+}
+
 void StampBook::Forget(const ScheduledStream& stream) {
   bool is_shared = false;
   for (Entry& entry : entries_) {

@@ -30,6 +30,8 @@ class StampBook {
   std::size_t Outstanding() const { return outstanding_; }
   // Reads what has come. Never blocks.
   void Read();
+  // The frame with this tag has not left.
+  void Withdraw(std::uint32_t tag);
   // Stamps of this stream that come later are nobody's.
   void Forget(const ScheduledStream& stream);
 

@@ -45,7 +45,8 @@ class FakeFrameSink final : public FrameSink {
   bool is_virtual = false;
   bool keep_sent = true;  // false: frames are only counted
   int finish_error = 0;
-  std::chrono::nanoseconds patience = std::chrono::seconds(1);  // with a full queue
+  // With a full queue; 0: it is not waited for, and the result is_full.
+  std::chrono::nanoseconds patience = std::chrono::seconds(1);
   // Asked before each frame.
   std::function<Refusal(const OutgoingFrame&)> refuse;
   // Called as Send begins: a slow adapter advances the clock or blocks here.
@@ -135,6 +136,7 @@ class FakeFrameSink final : public FrameSink {
       result.of_frame = refusal.of_frame;
     } else if (!TakeRoom(waiter)) {
       result.error = waiter.ShouldGiveUp() ? ECANCELED : ENOBUFS;
+      result.is_full = patience == patience.zero();
     } else if (inner_ != nullptr) {
       const Result inner = inner_->Send({&frame, 1}, waiter);
       result.error = inner.error;

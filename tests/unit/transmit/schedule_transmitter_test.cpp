@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <future>
 #include <memory>
@@ -204,6 +205,72 @@ TEST_F(VirtualTime, AStopDoesNotWaitForASinkThatIsFullForGood) {
   EXPECT_EQ(b.Counts().not_sent, 1U);  // was in one call with that of the other
   EXPECT_EQ(b.Counts().on_time, 1U);
   Remove(b);
+}
+
+// As each socket is, while one leads through a slow queue.
+TEST_F(VirtualTime, ASinkThatIsFullHoldsUpNoOther) {
+  for (const WhenLate late : {WhenLate::kCatchUp, WhenLate::kDrop, WhenLate::kShift}) {
+    FakeFrameSink narrow;
+    narrow.patience = narrow.patience.zero();
+    narrow.SetRoom(2);
+    FakeFrameSink wide;
+    wide.on_send = [&](auto frames) {
+      if (frames[0].bytes[1] == 4) {
+        narrow.SetRoom(FakeFrameSink::kUnlimited);
+      }
+    };
+    StreamRules rules;
+    rules.late.what = late;
+    Player a('a', narrow, rules, 8);
+    Player b('b', wide, rules);
+    for (int ms = 0; ms < 6; ++ms) {
+      a.Push(milliseconds(ms));
+      b.Push(milliseconds(ms));
+    }
+    const nanoseconds start = transmitter.Now() + seconds(1);
+    Play({&a.ThatIsAll(), &b.ThatIsAll()}, start);
+    EXPECT_EQ(a.Ended(), 0);
+    EXPECT_EQ(b.Ended(), 0);
+    int number = 0;
+    for (const auto& frame : wide.Sent()) {
+      EXPECT_EQ(frame.time, start + milliseconds(number++));
+    }
+    EXPECT_EQ(number, 6);
+    std::vector<int> of_a;
+    for (const auto& frame : narrow.Sent()) {
+      of_a.push_back(frame.bytes[1]);
+    }
+    const bool drops = late == WhenLate::kDrop;
+    // The third waits from 2 to 4.5 ms: it and the one behind it are late by more than 1 ms.
+    EXPECT_EQ(of_a, drops ? std::vector({0, 1, 4, 5}) : std::vector({0, 1, 2, 3, 4, 5}));
+    EXPECT_EQ(a.Counts().left_out, drops ? 2U : 0U);
+    EXPECT_EQ(a.Counts().not_sent, 0U);
+    EXPECT_EQ(a.Counts().shift, late == WhenLate::kShift ? microseconds(2500) : nanoseconds(0));
+    EXPECT_GT(a.Counts().retries, 0U);
+    std::array<IpPlayoutRecord, 8> records;
+    EXPECT_EQ(a.stream.ledger.Take(records), 6U);
+    Remove(a);
+    Remove(b);
+  }
+}
+
+// Patience ends after a second.
+TEST_F(VirtualTime, ASinkThatIsFullForGoodRefuses) {
+  for (const bool ends : {true, false}) {
+    FakeFrameSink full;
+    full.patience = full.patience.zero();
+    full.SetRoom(1);
+    StreamRules rules = AtOnce();
+    rules.ends_when_refused = ends;
+    Player a('a', full, rules);
+    a.Holding({milliseconds(0), milliseconds(1), milliseconds(2)}).ThatIsAll();
+    Play({&a});
+    EXPECT_EQ(a.Ended(), ends ? ENOBUFS : 0);
+    EXPECT_EQ(a.Counts().on_time, 1U);
+    Remove(a);
+    EXPECT_EQ(a.Counts().not_sent + a.Counts().discarded, 2U);
+    EXPECT_GE(transmitter.Now(), seconds(1));
+  }
 }
 
 TEST_F(VirtualTime, ARefusedFrameEndsOnePlayoutAndNotItsNeighbours) {
