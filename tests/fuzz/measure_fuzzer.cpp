@@ -231,7 +231,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   CheckSums(measurement);
   seconds.Compare(measurement);
-  if ((choice & 0xC0) == 0xC0) {
+  // The views cost a hundred times as much as the rest.
+  if (choice >= 0xF0) {
     ShowAll(measurement);
   }
   return 0;
