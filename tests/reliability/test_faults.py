@@ -104,6 +104,22 @@ class AdapterFaults(ReliabilityCase):
                 self.report(fault=fault, rate=rate, **outcome.value["times"])
                 self.check_end(outcome, {**TYPICAL, "IPBitRate": rate}, data)
 
+    def test_link_that_stays_away(self):
+        """A link that the other end takes away for longer than a moment ends the run; when it is back, a start plays."""
+        def take(state):
+            self.bed.far.run("ip", "link", "set", Testbed.FAR, state)
+
+        def body(library, rate, data):
+            host = Host(library, settings={"IPBitRate": rate})
+            times = fail(host, lambda: take("down"), lambda: take("up"))
+            return {"times": times, "statistics": host.play(data)}
+        data = datagrams(Model(TYPICAL), 5)
+        for rate in RATES:
+            with self.subTest(rate=rate):
+                outcome = self.bed.run(body, rate, data)
+                self.report(fault="the link stays away", rate=rate, **outcome.value["times"])
+                self.check_end(outcome, {**TYPICAL, "IPBitRate": rate}, data)
+
     def test_socket(self):
         """A full queue is waited for and nothing is lost; what cannot pass ends the run."""
         def survive(library, fault, settings, data):
