@@ -144,5 +144,37 @@ TEST(Limits, AreNotMetByWhatIsNotKnown) {
   }
 }
 
+// Streams that end one after the other, each with a clock on 255 PIDs: memory runs out.
+TEST(Limits, AreNotMetByStreamsThatWereNotLookedIntoToTheEnd) {
+  MeasurementSettings settings;
+  settings.memory_bytes = std::uint64_t{8} << 20;
+  Measurement measurement(settings);
+  std::int64_t time_ns = 0;
+  for (std::uint16_t port = 5000; port < 5100; ++port) {
+    for (unsigned datagram = 0; datagram < 37; ++datagram) {
+      Bytes payload;
+      for (unsigned i = 0; i < 7; ++i) {
+        const Bytes packet =
+            TsPacketBytes({.pid = static_cast<std::uint16_t>(0x20 + (datagram * 7 + i) % 255),
+                           .pcr = std::uint64_t{27} * static_cast<std::uint64_t>(time_ns / 1000)});
+        payload.insert(payload.end(), packet.begin(), packet.end());
+      }
+      const Bytes frame = UdpFrame(payload, port);
+      measurement.Add(LinkType::kEthernet, {time_ns += kMs, {frame, frame.size()}});
+    }
+  }
+  measurement.Finish();
+  const Summary summary = Summarize(measurement, "test", false, {});
+  ASSERT_GT(summary.total.given_up.details, 0U);
+  ASSERT_EQ(summary.FramesNotMeasured(), 0U);
+  for (const LimitKind& kind : LimitKinds()) {
+    const std::string option = kind.option;
+    if (option == "--max-loss" || option == "--max-mlr" || option == "--max-ts-errors") {
+      const auto verdicts = Judge(summary, {.limits = {{&kind, 1e18, false}}, .min_streams = {}});
+      EXPECT_FALSE(AllMet(verdicts)) << option;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace ipplay::measure

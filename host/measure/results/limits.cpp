@@ -149,6 +149,11 @@ std::string NotLookedAt(const Summary& summary, const LimitKind& kind) {
         return fmt::format("{} frames not looked into",
                            FormatCount(summary.total.frames_without_detail));
       }
+      // What was overdue in the end was not looked for.
+      if (const std::uint64_t streams = summary.total.given_up.details; streams > 0) {
+        return fmt::format("{} stream{} not looked into to the end", FormatCount(streams),
+                           streams == 1 ? "" : "s");
+      }
       if (summary.total.cut_frames > 0) {
         return fmt::format("{} frames captured in part", FormatCount(summary.total.cut_frames));
       }

@@ -254,7 +254,7 @@ bool StreamSummary::KnowsAllLosses() const {
     // A restarted numbering, or numbers far from all others, hide how many are missing.
     return rtp->restarts + rtp->strays == 0;
   }
-  return Lost() && cut_frames + frames_without_detail == 0;
+  return Lost() && cut_frames == 0 && !detail_given_up;
 }
 
 Distribution DistributionOf(const Histogram& histogram) {
@@ -286,6 +286,7 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
   summary.cut_frames = stream.CutFrames();
   summary.repeated_datagrams = stream.RepeatedDatagrams();
   summary.ended_early = stream.IsClosed();
+  summary.detail_given_up = stream.HasGivenUpDetail();
   summary.frames_without_detail = stream.FramesWithoutDetail();
   summary.spacing = FiguresOf(stream.Gaps());
   // A gap that nothing closed any more is one as well.

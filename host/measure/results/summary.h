@@ -170,6 +170,7 @@ struct StreamSummary {
   std::uint64_t cut_frames = 0;
   std::uint64_t repeated_datagrams = 0;  // without RTP
   bool ended_early = false;              // no more of it was taken, for lack of memory
+  bool detail_given_up = false;          // the look into its transport packets, likewise
   std::uint64_t frames_without_detail = 0;
   RateFigures rate;
   SpacingFigures spacing;
