@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Frames that are hostile from the first byte on, or only from a deeper layer on, and what must hold
-// of a measurement whatever has come.
+// Frames that are hostile from the first byte on, or only from a deeper layer on, and what must
+// hold of a measurement whatever has come.
 #pragma once
 
 #include <sys/mman.h>
