@@ -27,8 +27,11 @@ if(IPPLAYOUT_BUILD_HOST)
   install(FILES "${root}/host/completion/ipplay"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tool)
   install(FILES "${root}/packaging/ipplay-lineup@.service" DESTINATION lib/systemd/system COMPONENT tool)
-  install(FILES "${root}/docs/json.md" "${root}/docs/measuring.md" "${root}/docs/recipes.md" "${root}/docs/security.md"
-    "${root}/packaging/README.Debian" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
+  install(FILES "${root}/docs/fleet.md" "${root}/docs/json.md" "${root}/docs/measuring.md" "${root}/docs/recipes.md"
+    "${root}/docs/security.md" "${root}/packaging/README.Debian"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
+  install(DIRECTORY "${root}/examples/fleet" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay/examples" COMPONENT tool
+    USE_SOURCE_PERMISSIONS)
   # In Debian's packages alone: elsewhere no Python would look there, and pip installs it.
   install(DIRECTORY "${root}/python/src/ipplayout" DESTINATION lib/python3/dist-packages COMPONENT python
     EXCLUDE_FROM_ALL FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)

@@ -89,7 +89,8 @@ Result<DemoNetwork> DemoNetwork::Create() {
                         kNear, kNear)) &&
       ::setns(far.Get(), CLONE_NEWNET) == 0;
   if (!made) {
-    return Failure{ExitStatus::kFailed, "cannot make a veth pair with ip(8)"};
+    return Failure{ExitStatus::kFailed,
+                   "cannot make a veth pair with ip(8); its package is iproute2"};
   }
   return network;
 }

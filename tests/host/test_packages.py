@@ -53,7 +53,8 @@ class Packages(unittest.TestCase):
             "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz",
             "usr/share/bash-completion/completions/ipplay", "usr/lib/systemd/system/ipplay-lineup@.service",
             *(f"usr/share/doc/ipplay/{name}" for name in (
-                "README.Debian", "json.md", "measuring.md", "recipes.md", "security.md"))})
+                "README.Debian", "fleet.md", "json.md", "measuring.md", "recipes.md", "security.md")),
+            *(f"usr/share/doc/ipplay/examples/fleet/{path.name}" for path in (ROOT / "examples" / "fleet").iterdir())})
         python = self.contents("python3-ipplayout")
         folder = "usr/lib/python3/dist-packages/ipplayout"
         sources = {f"{folder}/{path.name}" for path in (ROOT / "python" / "src" / "ipplayout").iterdir() if path.is_file()}
