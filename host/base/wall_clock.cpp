@@ -1,12 +1,37 @@
 // SPDX-License-Identifier: MIT
 #include "host/base/wall_clock.h"
 
+#define TOML_EXCEPTIONS 0
 #include <fmt/chrono.h>
+#include <toml++/toml.h>
+
+#include "host/base/units.h"
 
 namespace ipplay {
 
 std::chrono::nanoseconds WallClockNow() {
   return std::chrono::system_clock::now().time_since_epoch();
+}
+
+// TOML has such times, and its parser knows how many days a month has.
+std::optional<std::chrono::nanoseconds> ParseWallClock(std::string_view text) {
+  using std::chrono::nanoseconds;
+  if (text.starts_with('+')) {
+    const auto delay = ParseDuration(text.substr(1));
+    return delay ? std::optional(WallClockNow() + *delay) : std::nullopt;
+  }
+  const auto parsed = toml::parse("t = " + std::string(text));
+  const auto* const point = parsed ? parsed.table()["t"].as_date_time() : nullptr;
+  if (point == nullptr || !point->get().offset) {
+    return std::nullopt;
+  }
+  const toml::date_time& at = point->get();
+  const std::chrono::sys_days day{std::chrono::year(at.date.year) /
+                                  std::chrono::month(at.date.month) /
+                                  std::chrono::day(at.date.day)};
+  return nanoseconds(day.time_since_epoch()) + std::chrono::hours(at.time.hour) +
+         std::chrono::minutes(at.time.minute - at.offset->minutes) +
+         std::chrono::seconds(at.time.second) + nanoseconds(at.time.nanosecond);
 }
 
 std::string UtcText(std::int64_t time_ns) {

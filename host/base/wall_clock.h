@@ -4,12 +4,17 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace ipplay {
 
 // Since 1970.
 std::chrono::nanoseconds WallClockNow();
+
+// "+5s" from now on, or a date and a time with its zone (RFC 3339), "2026-01-31T12:00:00Z".
+std::optional<std::chrono::nanoseconds> ParseWallClock(std::string_view text);
 
 // UTC by ISO 8601, "2026-01-31T12:00:00.000000000Z"; of nanoseconds since 1970.
 std::string UtcText(std::int64_t time_ns);

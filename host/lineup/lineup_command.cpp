@@ -6,6 +6,7 @@
 
 #include "host/base/numbers.h"
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/cli/option_builder.h"
 #include "host/lineup/gather.h"
 #include "host/lineup/lineup_file.h"
@@ -32,7 +33,7 @@ void RegisterLineup(CLI::App& app, Result<int>& outcome) {
   add.Flag("--quiet", options->quiet, "No table while it runs");
   add.Value("--start-at", options->start_at, "TIME", kStartTimeWords,
             "Start all channels at this time, whatever the file says; at once if it is over",
-            ParseStartTime);
+            ParseWallClock);
   command->footer("SIGHUP reads the file again; channels that did not change play on.");
   command->callback([options, part, &outcome] {
     if (!part->empty()) {

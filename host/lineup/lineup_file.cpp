@@ -15,6 +15,7 @@
 
 #include "host/base/numbers.h"
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/lineup/number_template.h"
 
 namespace ipplay {
@@ -240,7 +241,7 @@ class Reader {
   void TakeRestart(Entries& entries, ChannelOrder& order) {
     TakeOwn(entries, "restart", order.restart, ParseRestart, kRestartWords);
     TakeOwn(entries, "restart-after", order.restart_after, ParseDuration, "a time as 5s");
-    TakeOwn(entries, "start-at", order.start_at, ParseStartTime, kStartTimeWords);
+    TakeOwn(entries, "start-at", order.start_at, ParseWallClock, kStartTimeWords);
   }
 
   std::string PathOf(const std::string& input) const {
@@ -272,28 +273,6 @@ class Reader {
 };
 
 }  // namespace
-
-std::optional<std::chrono::nanoseconds> ParseStartTime(const std::string& text) {
-  using std::chrono::nanoseconds;
-  if (text.starts_with('+')) {
-    const auto delay = ParseDuration(std::string_view(text).substr(1));
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return delay ? std::optional(std::chrono::duration_cast<nanoseconds>(now) + *delay)
-                 : std::nullopt;
-  }
-  const auto parsed = toml::parse("t = " + text);
-  const auto* const point = parsed ? parsed.table()["t"].as_date_time() : nullptr;
-  if (point == nullptr || !point->get().offset) {
-    return std::nullopt;
-  }
-  const toml::date_time& at = point->get();
-  const std::chrono::sys_days day{std::chrono::year(at.date.year) /
-                                  std::chrono::month(at.date.month) /
-                                  std::chrono::day(at.date.day)};
-  return nanoseconds(day.time_since_epoch()) + std::chrono::hours(at.time.hour) +
-         std::chrono::minutes(at.time.minute - at.offset->minutes) +
-         std::chrono::seconds(at.time.second) + nanoseconds(at.time.nanosecond);
-}
 
 Lineup ParseLineup(const std::string& text, const std::string& folder) {
   Reader reader(folder);

@@ -2,7 +2,6 @@
 // The file that describes many channels (TOML): [defaults], [[channel]] and [[generate]].
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -32,8 +31,7 @@ struct Lineup {
   std::vector<Mistake> mistakes;         // in the order of lines
 };
 
-// A time since 1970 from "+5s" or "2026-01-31T20:00:00Z".
-std::optional<std::chrono::nanoseconds> ParseStartTime(const std::string& text);
+// What ParseWallClock takes.
 inline constexpr const char* kStartTimeWords =
     "a time from now as \"+5s\", or one with its zone as 2026-01-31T20:00:00Z";
 

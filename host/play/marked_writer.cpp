@@ -15,7 +15,6 @@ using std::chrono::seconds;
 constexpr std::size_t kMostHeld = std::size_t{8} << 20;
 // By which frames are built before they leave.
 constexpr milliseconds kBuiltAhead(60);
-constexpr milliseconds kHeldUp(2);
 
 }  // namespace
 
@@ -78,15 +77,19 @@ bool MarkedWriter::WriteUpTo(std::size_t end) {
   if (end == 0) {
     return true;
   }
-  const Time before = ScheduledPlayout::Now();
-  const bool taken = playout_.Write(std::span(held_).first(end));
-  if (following_ && !following_->knows_arrivals && ScheduledPlayout::Now() - before > kHeldUp) {
-    following_->follower.HeldUp();
+  const auto bytes = std::span(held_).first(end);
+  auto taken = playout_.TryWrite(bytes);
+  if (taken && *taken < end) {
+    // What knows its arrivals waits elsewhere, and loses no time.
+    if (following_ && !following_->knows_arrivals) {
+      following_->follower.HeldUp();
+    }
+    taken = playout_.Write(bytes.subspan(*taken)) ? std::optional(end) : std::nullopt;
   }
   held_.erase(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(end));
   looked_at_ -= std::min(looked_at_, end);
   written_ += end;
-  return taken;
+  return taken.has_value();
 }
 
 void MarkedWriter::Finish() {

@@ -47,6 +47,9 @@ IpPlayoutSettings ScheduleFor(const PlayOptions& options, const Path& path,
   schedule.BitRate = decided.rates.frame / decided.rates.share_sent / 1e6;
   schedule.Precision = options.economy ? IPPLAYOUT_ECONOMICAL : IPPLAYOUT_PRECISE;
   schedule.Late = options.late.value_or(IPPLAYOUT_LATE_BOUNDED);
+  if (options.wait_link) {
+    schedule.Refused = IPPLAYOUT_REFUSED_COUNTS;
+  }
   schedule.Seed = options.seed ? *options.seed : DrawSeed();
   SetBuffer(options, decided, schedule);
   return schedule;

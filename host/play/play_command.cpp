@@ -19,6 +19,7 @@
 #include "host/play/play_session.h"
 #include "host/play/preparation.h"
 #include "host/play/report.h"
+#include "host/play/sdp.h"
 
 namespace ipplay {
 namespace {
@@ -86,6 +87,9 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
     return static_cast<int>(ExitStatus::kPlayed);
   }
   if (const auto failure = CompletePath(options, path, plan)) {
+    return *failure;
+  }
+  if (const auto failure = WriteSdp(options, path)) {
     return *failure;
   }
   Introduce(options, facts, plan, path.adapter);

@@ -2,6 +2,7 @@
 #include "host/play/play_options.h"
 
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/cli/option_builder.h"
 
 namespace ipplay {
@@ -60,6 +61,8 @@ void DefineTarget(OptionBuilder& add, PlayOptions& o) {
   add.Flag("--socket", o.socket,
            "Send through a UDP socket, which receivers on this machine get, too; no rights needed. "
            "Default for targets on this machine, and without the right to send frames");
+  add.Value("--sdp", o.sdp, "FILE", "a file",
+            "Write a session description (SDP) of the RTP stream, which players open", ParseText);
   add.Value(
       "--device", o.device, "NAME|N", "a name or a number",
       "Adapter by name or by its number in `ipplay devices`; default: the one on the route to "
@@ -254,6 +257,11 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
   add.Flag(
       "--economy", o.economy,
       "Use less processor time, with less exact gaps, as in a process with a nice value above 0");
+  add.Value("--start-at", o.start_at, "TIME",
+            "a time with its zone as 2026-01-31T12:00:00Z, or +5s from now",
+            "Let the first datagram leave at this time of the system's clock", ParseWallClock);
+  add.Flag("--wait-link", o.wait_link,
+           "Go on when the link is down; what should have left meanwhile is lost and counted");
   add.Value(
       "--prefill", o.prefill, "TIME", "a time as 500ms",
       "Stream time to read before the first datagram leaves; default 1s for a file, 200ms for a "

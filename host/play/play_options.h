@@ -29,6 +29,7 @@ struct PlayOptions {
   std::optional<std::chrono::nanoseconds> silence;  // that ends a live input
   Target to;
   std::string into;  // a capture file instead
+  std::string sdp;   // a file that describes the RTP stream
   bool socket = false;
   std::string device;  // name or position; empty: by the route to the target
 
@@ -79,6 +80,8 @@ struct PlayOptions {
   // The run itself.
   bool economy = false;
   std::uint32_t priority = 0;
+  std::optional<std::chrono::nanoseconds> start_at;  // since 1970
+  bool wait_link = false;
   std::optional<std::chrono::nanoseconds> prefill;
   std::optional<std::uint32_t> late;  // as IPPLAYOUT_LATE_...
   std::optional<std::uint64_t> seed;  // none: drawn

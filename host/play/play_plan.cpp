@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "host/base/machine.h"
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/play/plan_schedule.h"
 #include "host/play/plan_settings.h"
 
@@ -55,6 +57,12 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
     return UsageFailure(
         "--from and --duration exclude --raw: raw input has no PCRs; give one or the other");
   }
+  if (!options.sdp.empty() && !options.to.rtp) {
+    return UsageFailure("--sdp needs an rtp:// target");
+  }
+  if (options.start_at && !options.into.empty()) {
+    return UsageFailure("--start-at and --into exclude each other: a file has no time; give one");
+  }
   if (options.as_188 && options.raw) {
     return UsageFailure(
         "--as-188 and --raw exclude each other: raw input has no packets; give one");
@@ -67,6 +75,9 @@ std::optional<Failure> CheckSpeed(const PlayOptions& options, const StreamFacts&
     return UsageFailure(fmt::format(
         "{}: a live input is played as fast as it comes; leave it out",
         options.speed != 1 ? "--speed" : "--ppm"));
+  }
+  if (facts.live && options.start_at) {
+    return UsageFailure("--start-at: a live input is played when it comes; leave it out");
   }
   return std::nullopt;
 }
@@ -151,6 +162,8 @@ std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
   } kOptions[] = {{"--late", options.late.has_value()},
                   {"--max-late", options.max_late.has_value()},
                   {"--no-underrun", options.no_underrun},
+                  {"--start-at", options.start_at.has_value()},
+                  {"--wait-link", options.wait_link},
                   {"--seed", options.seed.has_value()}};
   for (const auto& option : kOptions) {
     if (option.is_given) {
@@ -217,7 +230,19 @@ void NoteJitter(const PlayOptions& options, const PlayPlan& plan, Notes& notes) 
   }
 }
 
+void NoteStart(const PlayOptions& options, Notes& notes) {
+  if (!options.start_at) {
+    return;
+  }
+  const auto error = LargestClockErrorNs();
+  notes.push_back(fmt::format(
+      "--start-at: starts at {}; this machine's clock {}", UtcText(options.start_at->count()),
+      error ? fmt::format("is right to within {}", FormatDuration(std::chrono::nanoseconds(*error)))
+            : "is not kept right by anything"));
+}
+
 void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& plan) {
+  NoteStart(options, plan.notes);
   NoteRtpClock(plan, plan.notes);
   NoteBitRate(options, facts, plan, plan.notes);
   NoteBytesLeftOut(facts, plan.notes);

@@ -68,6 +68,9 @@ bool PlaySession::Start() {
     return false;
   }
   running_ = true;
+  if (const auto at = playing_->StartsAt()) {
+    start_ = Clock::time_point(*at);
+  }
   feeder_.Start();
   if (terminal_) {
     Print(stderr, "{}\n", kKeys);
@@ -106,7 +109,9 @@ nanoseconds PlaySession::NextWake() const {
   if (const auto time = time_line_.NextTime()) {
     wake = std::min(wake, *time);
   }
-  if (!meter_.Started()) {
+  if (!meter_.Started() && Now() < -10ms) {
+    wake = std::min(wake, nanoseconds(-10ms));  // of a start that is to come
+  } else if (!meter_.Started()) {
     wake =
         std::min(wake, Now() + (plan_.rounds.round_bytes ? nanoseconds(200us) : nanoseconds(2ms)));
   } else if (!meter_.IsSteady()) {
@@ -337,6 +342,12 @@ void PlaySession::WarnOfTiming() {
           FormatCount(timing_->DryTimes), timing_->DryTimes == 1 ? "" : "s",
           FormatDuration(nanoseconds(timing_->DryNs)));
   }
+  if (options_.wait_link && timing_->NotSent > 2 * warned_of_refused_) {
+    warned_of_refused_ = timing_->NotSent;
+    ClearProgress();
+    Print(stderr, "ipplay: the adapter takes no frames: {} lost so far; is its link down?\n",
+          FormatCount(timing_->NotSent));
+  }
   if (timing_->LatenessMaxNs >= std::max(least, 2 * warned_of_lateness_)) {
     warned_of_lateness_ = timing_->LatenessMaxNs;
     ClearProgress();
@@ -430,6 +441,9 @@ ExitStatus PlaySession::Conclude() {
     Fail(fmt::format("a frame could not be sent, at least {} are lost; {}is the adapter still up?",
                      FormatCount(std::max<std::uint64_t>(unsent_, 1)),
                      failure_.empty() ? "" : failure_ + "; "));
+  } else if (unsent_ > 0 && options_.wait_link) {
+    Print(stderr, "ipplay: note: the adapter did not take {} frames, which are lost\n",
+          FormatCount(unsent_));
   } else if (unsent_ > 0) {
     failed_ = true;
     outcome_ = "Failed";

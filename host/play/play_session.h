@@ -90,6 +90,7 @@ class PlaySession {
   std::optional<double> followed_ppm_;
   std::int64_t warned_of_lateness_ = 0;  // nanoseconds, and the same of the dry times
   std::int64_t warned_of_dry_ = 0;
+  std::uint64_t warned_of_refused_ = 0;  // frames
   std::uint64_t unsent_ = 0;  // frames at the end of the run that the adapter did not take
   std::string outcome_ = "Played";
 };

@@ -5,6 +5,7 @@
 #include "host/base/event.h"
 #include "host/base/library_output.h"
 #include "host/base/nice_value.h"
+#include "host/base/wall_clock.h"
 #include "host/library/scheduled_playout.h"
 #include "host/play/marked_writer.h"
 #include "host/play/start_failure.h"
@@ -100,9 +101,9 @@ class RatePlaying final : public Playing {
 // One with a handle: at its rate, or by marks, whose frames leave when the PCRs say.
 class ScheduledPlaying final : public Playing {
  public:
-  ScheduledPlaying(const PlayPlan& plan, ScheduledPlayout playout,
+  ScheduledPlaying(const PlayOptions& options, const PlayPlan& plan, ScheduledPlayout playout,
                    const std::optional<PcrMarks>& marks, PacketFormat format)
-      : plan_(plan), playout_(std::move(playout)) {
+      : options_(options), plan_(plan), playout_(std::move(playout)) {
     if (marks) {
       writer_.emplace(playout_, format, *marks);
     }
@@ -116,7 +117,16 @@ class ScheduledPlaying final : public Playing {
       playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
     }
     std::optional<std::chrono::nanoseconds> start;
-    if (writer_ && plan_.lead) {
+    if (options_.start_at) {
+      start = ScheduledPlayout::Now() + (*options_.start_at - WallClockNow());
+      if (*start < ScheduledPlayout::Now()) {
+        return "the time of --start-at has passed";
+      }
+      starts_at_ = start;
+    }
+    if (writer_ && plan_.lead && start) {
+      writer_->Follow(*start, *plan_.lead);
+    } else if (writer_ && plan_.lead) {
       // What was read ahead is there, and frames take a moment to be built.
       start = ScheduledPlayout::Now() + std::chrono::milliseconds(50);
       writer_->Follow(*start, *plan_.lead);
@@ -169,6 +179,7 @@ class ScheduledPlaying final : public Playing {
     return failure ? std::optional(failure->message) : std::nullopt;
   }
   std::optional<IpPlayoutTiming> Timing() const override { return playout_.Timing(); }
+  std::optional<std::chrono::nanoseconds> StartsAt() const override { return starts_at_; }
   std::optional<double> FollowedPpm() const override {
     return writer_ && plan_.lead ? std::optional(writer_->FollowedPpm()) : std::nullopt;
   }
@@ -178,7 +189,9 @@ class ScheduledPlaying final : public Playing {
     return writer_ ? writer_->Write(bytes) : playout_.Write(bytes);
   }
 
+  const PlayOptions& options_;
   const PlayPlan& plan_;
+  std::optional<std::chrono::nanoseconds> starts_at_;
   ScheduledPlayout playout_;
   std::optional<MarkedWriter> writer_;  // with marks
 };
@@ -195,7 +208,7 @@ std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan&
   if (plan.pcr_rate) {
     marks.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, SpeedOf(options));
   }
-  return std::make_unique<ScheduledPlaying>(plan, std::move(*playout), marks, format);
+  return std::make_unique<ScheduledPlaying>(options, plan, std::move(*playout), marks, format);
 }
 
 }  // namespace ipplay

@@ -2,6 +2,7 @@
 // A playout of the library's as a session sees it, whichever of the two interfaces plays it.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,8 @@ class Playing {
   virtual std::optional<std::string> Stop() = 0;
   // When its frames left, where that is recorded.
   virtual std::optional<IpPlayoutTiming> Timing() const { return std::nullopt; }
+  // When it starts, on CLOCK_MONOTONIC, where a time was ordered. Once Start() has returned.
+  virtual std::optional<std::chrono::nanoseconds> StartsAt() const { return std::nullopt; }
   // By how much the clock of the input is faster, where it is followed.
   virtual std::optional<double> FollowedPpm() const { return std::nullopt; }
 };

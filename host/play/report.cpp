@@ -125,6 +125,9 @@ std::string TimingText(const IpPlayoutTiming& timing) {
   if (timing.LeftOut > 0) {
     text += fmt::format("  left out   {} frames that were too late\n", FormatCount(timing.LeftOut));
   }
+  if (timing.NotSent > 0) {
+    text += fmt::format("  not taken  {} frames, by the adapter\n", FormatCount(timing.NotSent));
+  }
   if (timing.DryTimes > 0) {
     text += fmt::format("  ran dry    {} times, for {} in all\n", FormatCount(timing.DryTimes),
                         time(timing.DryNs));

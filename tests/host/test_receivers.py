@@ -92,11 +92,11 @@ class Decoder(PlayCase):
                        "m=video 5004 RTP/AVP 33\n")
         return self.path("session.sdp")
 
-    def decode(self, protocol, address, *options, namespace=None, group=None):
+    def decode(self, protocol, address, *options, namespace=None, group=None, session=None):
         host = f"[{address}]" if ":" in address else address
         target = f"{protocol}://{host}:5004"
-        receiver = Receiver(namespace or self.bed.far, self.describe(address) if protocol == "rtp"
-                            else target, group)
+        receiver = Receiver(namespace or self.bed.far,
+                            session or (self.describe(address) if protocol == "rtp" else target), group)
         player = self.bed.start("play", SAMPLE, "--to", target, "--speed", "5.7", "--loop", "forever",
                                 "--restamp", *options)
         try:
@@ -114,6 +114,14 @@ class Decoder(PlayCase):
                 group = None if address in (FAR4, FAR6) else address
                 with self.subTest(protocol=protocol, address=address):
                     self.decode(protocol, address, group=group)
+
+    def test_described_by_the_player(self):
+        for address in ("239.1.1.1", "ff3e::8000:1", FAR4):
+            with self.subTest(address):
+                session = self.path("written.sdp")
+                host = f"[{address}]" if ":" in address else address
+                self.play(SAMPLE, "--to", f"rtp://{host}:5004", "--speed", "57", "--sdp", session)
+                self.decode("rtp", address, group=None if address == FAR4 else address, session=session)
 
     def test_vlan(self):
         port = AccessPort(self.bed, 100)

@@ -3,8 +3,9 @@
 import json
 import subprocess
 import unittest
+from datetime import datetime, timedelta, timezone
 
-from playbed import SAMPLE, PlayCase, read_file, rtp_header
+from playbed import SAMPLE, PlayCase, interrupt, read_file, rtp_header
 
 TARGET = ("--to", "rtp://239.1.1.1:5004")
 PAUSE = 0.4
@@ -51,6 +52,46 @@ class LateInput(PlayCase):
         for option in (("--late", "drop"), ("--max-late", "1s"), ("--no-underrun",), ("--seed", "1")):
             played = self.play(SAMPLE, *TARGET, "--priority", "normal", *option, status=2)
             self.assertIn(f"{option[0]} needs frames that are paced one by one", played.errors)
+
+
+class Starts(PlayCase):
+    def test_time_of_day(self):
+        for name, options in (("rate", ("--speed", "20")), ("PCRs", ("--speed", "20", "--bitrate", "1M"))):
+            with self.subTest(name):
+                at = datetime.now(timezone.utc) + timedelta(seconds=1.5)
+                played = self.play(SAMPLE, *TARGET, *options, "--start-at", at.isoformat())
+                self.assertIn("note: --start-at: starts at ", played.errors)
+                self.assertGreaterEqual(played.arrivals[0][0], at.timestamp())
+                self.assertLess(played.arrivals[0][0], at.timestamp() + 1)
+
+    def test_time_that_is_over(self):
+        played = self.play(SAMPLE, *TARGET, "--start-at", "2026-01-31T12:00:00+01:00", status=1)
+        self.assertIn("the time of --start-at has passed", played.errors)
+        self.assertEqual(played.frames, [])
+
+
+class Links(PlayCase):
+    def test_what_a_link_loses_is_counted(self):
+        player = self.bed.start("play", SAMPLE, *TARGET, "--wait-link", "--loop", "forever", "--json")
+        self.addCleanup(self.bed.set_link, "up")
+
+        def departures(until):
+            found = {}
+            while not (found and until(found)):
+                found = json.loads(player.stdout.readline()).get("departures", {})
+            return found
+
+        departures(lambda found: found["on_time"] > 0)
+        self.bed.set_link("down")
+        departures(lambda found: found["not_sent"] > 0)
+        self.bed.set_link("up")
+        sent = departures(lambda found: True)
+        departures(lambda found: found["on_time"] > sent["on_time"])
+        interrupt(player)
+        output, errors = player.communicate()
+        self.assertEqual(player.returncode, 0, errors)
+        self.assertIn("the adapter takes no frames", errors)
+        self.assertGreater(json.loads(output.splitlines()[-1])["departures"]["not_sent"], 0)
 
 
 class Seeds(PlayCase):

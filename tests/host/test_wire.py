@@ -45,6 +45,15 @@ class Payload(PlayCase):
         self.assertEqual(played.payload(ETHERNET + IPV6 + UDP), 3 * content + bytes(1))
         self.assertIn("padded with 1 zero byte:", played.errors)
 
+    def test_packets_without_what_surrounds_them(self):
+        stream = packets(read_file(SAMPLE))
+        for name, before, behind in (("stamped", bytes(4), b""), ("protected", b"", bytes(16))):
+            with self.subTest(name):
+                with open(self.path(name), "wb") as file:
+                    file.write(b"".join(before + packet + behind for packet in stream))
+                played = self.play(self.path(name), "--to", TARGET, *FAST, "--as-188")
+                self.assertEqual(played.payload(54), b"".join(stream))
+
     def test_ipv6_unicast_of_a_usual_host(self):
         """Several addresses of its own: a neighbour, one by its link-local address, and what is behind a router."""
         for namespace, name, own in ((self.bed.near, self.bed.NEAR, "fe80::a"), (self.bed.far, self.bed.FAR, "fe80::b")):
