@@ -21,6 +21,9 @@ std::int64_t SystemNow() {
 Result<std::shared_ptr<ChannelRun>> ChannelRun::Make(const PlayOptions& options,
                                                      const std::vector<Adapter>& adapters,
                                                      double spread) {
+  if (!options.also_to.empty()) {
+    return UsageFailure("to: a channel has one target; give each of several a channel");
+  }
   auto stop_reading = std::make_unique<Event>();
   auto prepared = Prepare(options, adapters, stop_reading->Get());
   if (!prepared) {

@@ -56,6 +56,18 @@ void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayP
   }
 }
 
+// With the notes that the first target has not.
+void IntroduceFurther(const Output& output, const PlayPlan& first) {
+  if (!output.options.quiet) {
+    Print(stderr, "and {}\n", WayText(output.options, output.plan, output.path.adapter.name));
+  }
+  for (const std::string& note : output.plan.notes) {
+    if (std::find(first.notes.begin(), first.notes.end(), note) == first.notes.end()) {
+      Print(stderr, "ipplay: note: {}\n", note);
+    }
+  }
+}
+
 // Only the command line replaces files.
 std::optional<Failure> CheckFile(const CLI::App& app, const PlayOptions& options) {
   const CLI::App& command = *app.get_subcommand("play");
@@ -78,7 +90,7 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
   if (!prepared) {
     return prepared.Error();
   }
-  auto& [path, facts, plan, input] = *prepared;
+  auto& [path, facts, plan, input, further] = *prepared;
   if (const auto failure = WriteConfig(app, options.write_config)) {
     return *failure;
   }
@@ -93,8 +105,14 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
     return *failure;
   }
   Introduce(options, facts, plan, path.adapter);
+  for (Output& output : further) {
+    if (const auto failure = CompletePath(output.options, output.path, output.plan)) {
+      return *failure;
+    }
+    IntroduceFurther(output, plan);
+  }
   PlaySession session(options, plan, std::make_unique<RoundReader>(std::move(input), facts),
-                      stop_reading);
+                      std::move(further), stop_reading);
   return static_cast<int>(session.Run());
 }
 

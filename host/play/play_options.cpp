@@ -20,12 +20,29 @@ std::optional<bool> ParseOnOff(const std::string& text) {
   return std::nullopt;
 }
 
-std::optional<Target> ParseTargetOrFile(const std::string& text, std::string& file) {
-  if (text.find("://") == std::string::npos && text.ends_with(".pcapng")) {
-    file = text;
-    return ParseTarget("rtp://239.1.1.1:5004");
+std::optional<PlayOptions::Place> ParsePlace(const std::string& text) {
+  const bool is_file = text.find("://") == std::string::npos && text.ends_with(".pcapng");
+  const auto target = ParseTarget(is_file ? "rtp://239.1.1.1:5004" : text);
+  return target ? std::optional(PlayOptions::Place{*target, is_file ? text : ""}) : std::nullopt;
+}
+
+void TakePlaces(const std::vector<std::string>& texts, PlayOptions& o) {
+  o.also_to.clear();
+  for (const std::string& text : texts) {
+    const auto place = ParsePlace(text);
+    if (!place) {
+      throw OptionBuilder::Invalid(
+          "--to", text, "rtp://ADDRESS:PORT or udp://ADDRESS:PORT, IPv6 in [ ], or FILE.pcapng");
+    }
+    if (&text != &texts.front()) {
+      o.also_to.push_back(*place);
+      continue;
+    }
+    o.to = place->to;
+    if (!place->into.empty()) {
+      o.into = place->into;
+    }
   }
-  return ParseTarget(text);
 }
 
 void DefineInput(OptionBuilder& add, PlayOptions& o) {
@@ -46,14 +63,17 @@ void DefineInput(OptionBuilder& add, PlayOptions& o) {
             ParseDuration);
 }
 
-void DefineTarget(OptionBuilder& add, PlayOptions& o) {
+void DefineTarget(CLI::App& command, OptionBuilder& add, PlayOptions& o) {
   add.Group("Where to");
-  add.Value("--to", o.to, "TARGET",
-            "rtp://ADDRESS:PORT or udp://ADDRESS:PORT, IPv6 in [ ], or FILE.pcapng",
-            "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; or FILE.pcapng, as --into, with "
-            "frames to rtp://239.1.1.1:5004; required",
-            [&o](const std::string& text) { return ParseTargetOrFile(text, o.into); })
-      ->required();
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--to", [&o](const std::vector<std::string>& texts) { TakePlaces(texts, o); },
+          "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; or FILE.pcapng, as --into, with "
+          "frames to rtp://239.1.1.1:5004; required, and may be repeated")
+      ->type_name("TARGET")
+      ->allow_extra_args(false)
+      ->required()
+      ->group("Where to");
   add.Value("--into", o.into, "FILE", "a file",
             "Write the frames to a pcapng file, with the times at which they would leave, and send "
             "nothing",
@@ -315,7 +335,7 @@ void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
             ParseText)
       ->required();
   DefineInput(add, options);
-  DefineTarget(add, options);
+  DefineTarget(command, add, options);
   DefineHeaders(add, options);
   DefinePayload(add, options);
   DefineShape(add, options);

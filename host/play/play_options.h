@@ -21,6 +21,12 @@ namespace ipplay {
 inline constexpr std::uint64_t kMostSeed = (std::uint64_t{1} << 53) - 1;
 
 struct PlayOptions {
+  // A target, or a capture file with frames to a target.
+  struct Place {
+    Target to;
+    std::string into;
+  };
+
   std::string input;
   std::optional<Endpoint> flow;  // of a capture
   std::optional<std::chrono::nanoseconds> from, duration;
@@ -28,7 +34,8 @@ struct PlayOptions {
   bool follow = false;
   std::optional<std::chrono::nanoseconds> silence;  // that ends a live input
   Target to;
-  std::string into;  // a capture file instead
+  std::string into;            // a capture file instead
+  std::vector<Place> also_to;  // further ones
   std::string sdp;   // a file that describes the RTP stream
   bool socket = false;
   std::string device;  // name or position; empty: by the route to the target

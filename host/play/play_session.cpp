@@ -32,14 +32,16 @@ std::string ReadFailure(int error) {
 }  // namespace
 
 PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
-                         std::unique_ptr<RoundReader> reader, const Event& stop_reading)
+                         std::unique_ptr<RoundReader> reader, std::vector<Output> further,
+                         const Event& stop_reading)
     : options_(options),
       plan_(plan),
       stop_reading_(stop_reading),
       time_line_(options.time_line),
       meter_(plan),
       playing_(MakePlaying(options, plan, StreamEditor::Format(reader->Format(), plan.edits))),
-      feeder_(std::move(reader), plan.edits, plan.rounds.count, playing_->Sink()) {}
+      further_(std::move(further), StreamEditor::Format(reader->Format(), plan.edits)),
+      feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink())) {}
 
 PlaySession::~PlaySession() {
   if (running_) {
@@ -64,6 +66,11 @@ bool PlaySession::Start() {
   next_report_ = terminal_ ? 0s : ReportInterval();
   const StopSignals::HeldBack held_back;  // the threads that start here take none
   if (const auto reason = playing_->Start()) {
+    Print(stderr, "ipplay: the playout cannot start: {}\n", *reason);
+    return false;
+  }
+  if (const auto reason = further_.Start()) {
+    playing_->Stop();
     Print(stderr, "ipplay: the playout cannot start: {}\n", *reason);
     return false;
   }
@@ -230,6 +237,7 @@ void PlaySession::Do(const Action& action, const std::string& by) {
 
 void PlaySession::Pause(bool on) {
   playing_->Pause(on);
+  further_.Pause(on);
   meter_.SetPaused(on);
   Say(on ? "paused" : "playing");
 }
@@ -251,6 +259,7 @@ void PlaySession::Finish(bool complete) {
   running_ = false;
   feeder_.Stop();
   stop_reading_.Set();
+  further_.Stop(complete);
   if (const auto reason = playing_->Stop()) {
     failed_ = true;
     failure_ = *reason;
@@ -295,6 +304,7 @@ Status PlaySession::Progress() const {
   Status status = meter_.Total();
   status.timing = timing_;
   status.input_ppm = playing_->FollowedPpm();
+  status.outputs = further_.Status();
   return status;
 }
 
@@ -459,6 +469,14 @@ ExitStatus PlaySession::Conclude() {
   status.held_back = HeldBack(status.counters);
   status.timing = timing_;
   status.input_ppm = followed_ppm_;
+  status.outputs = further_.Status();
+  for (const OutputStatus& output : status.outputs) {
+    if (output.failure) {
+      failed_ = true;
+      outcome_ = "Failed";
+      Print(stderr, "ipplay: {}: {}\n", output.target, *output.failure);
+    }
+  }
   if (!options_.raw) {
     status.damage = feeder_.Damaged();
   }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/base/event.h"
 #include "host/base/result.h"
@@ -15,6 +16,7 @@
 #include "host/base/terminal.h"
 #include "host/library/short_sends.h"
 #include "host/play/feeder.h"
+#include "host/play/further_outputs.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/play/playing.h"
@@ -29,7 +31,7 @@ class PlaySession {
  public:
   // `stop_reading` ends a read of the input.
   PlaySession(const PlayOptions& options, const PlayPlan& plan, std::unique_ptr<RoundReader> reader,
-              const Event& stop_reading);
+              std::vector<Output> further, const Event& stop_reading);
   ~PlaySession();
   PlaySession(const PlaySession&) = delete;
   PlaySession& operator=(const PlaySession&) = delete;
@@ -77,6 +79,7 @@ class PlaySession {
   TimeLine time_line_;
   StatusMeter meter_;
   std::unique_ptr<Playing> playing_;
+  FurtherOutputs further_;
   Feeder feeder_;
   Clock::time_point start_;
   std::chrono::nanoseconds next_report_{0};

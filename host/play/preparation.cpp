@@ -78,6 +78,35 @@ void NoteInput(const Input& input, PlayPlan& plan) {
   }
 }
 
+// What is random is the same as at the first target.
+Result<Output> PrepareFurther(const PlayOptions& options, const PlayOptions::Place& place,
+                              const std::vector<Adapter>& adapters, const Prepared& first) {
+  Output output{.options = options, .path = {}, .plan = first.plan};
+  output.options.to = place.to;
+  output.options.into = place.into;
+  output.options.also_to.clear();
+  output.options.seed = first.plan.schedule.Seed;
+  auto path = FindPath(output.options, adapters);
+  if (!path) {
+    return path.Error();
+  }
+  output.path = *path;
+  auto plan = MakePlan(output.options, first.facts, output.path);
+  if (!plan) {
+    return plan.Error();
+  }
+  if (const auto failure = ChooseWay(output.options, output.path, adapters, *plan)) {
+    return *failure;
+  }
+  if (!plan->by_schedule || !first.plan.by_schedule) {
+    return UsageFailure(
+        "--to: several targets need frames that are paced one by one: give at most 65,536 "
+        "--copies, a rate with at least 5 us between frames, and no --priority");
+  }
+  output.plan = *std::move(plan);
+  return output;
+}
+
 }  // namespace
 
 Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
@@ -102,7 +131,15 @@ Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>&
     return *failure;
   }
   NoteInput(*input, *plan);
-  return Prepared{std::move(*path), std::move(*facts), std::move(*plan), std::move(*input)};
+  Prepared prepared{std::move(*path), std::move(*facts), std::move(*plan), std::move(*input)};
+  for (const PlayOptions::Place& place : options.also_to) {
+    auto output = PrepareFurther(options, place, adapters, prepared);
+    if (!output) {
+      return output.Error();
+    }
+    prepared.further.push_back(*std::move(output));
+  }
+  return prepared;
 }
 
 std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan) {

@@ -15,11 +15,19 @@
 
 namespace ipplay {
 
+// A target beyond the first.
+struct Output {
+  PlayOptions options;  // as if it were the only one
+  Path path;
+  PlayPlan plan;
+};
+
 struct Prepared {
   Path path;
   StreamFacts facts;
   PlayPlan plan;
   Input input;  // at its first packet
+  std::vector<Output> further{};
 };
 
 // Sends nothing. No read of the input goes on once `stop_fd` is readable.

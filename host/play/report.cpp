@@ -46,18 +46,6 @@ std::string RoundsText(const PlayPlan& plan) {
   return *plan.rounds.count == 1 ? "once" : fmt::format("{} times", *plan.rounds.count);
 }
 
-// Where the frames go, and which way.
-std::string WayText(const PlayOptions& options, const PlayPlan& plan, const std::string& device) {
-  switch (plan.schedule.To) {
-    case IPPLAYOUT_TO_FILE:
-      return fmt::format("{} into {}", FormatTarget(options.to), QuotedLine(options.into));
-    case IPPLAYOUT_TO_SOCKET:
-      return fmt::format("{} through a UDP socket", FormatTarget(options.to));
-    default:
-      return fmt::format("{} through {}", FormatTarget(options.to), device);
-  }
-}
-
 std::string StreamText(const StreamFacts& facts) {
   const std::string size = facts.bytes ? FormatBytes(*facts.bytes) : "of unknown length";
   if (facts.format.IsRaw()) {
@@ -164,6 +152,17 @@ nlohmann::ordered_json DeparturesJson(const IpPlayoutTiming& timing) {
 
 }  // namespace
 
+std::string WayText(const PlayOptions& options, const PlayPlan& plan, const std::string& device) {
+  switch (plan.schedule.To) {
+    case IPPLAYOUT_TO_FILE:
+      return fmt::format("{} into {}", FormatTarget(options.to), QuotedLine(options.into));
+    case IPPLAYOUT_TO_SOCKET:
+      return fmt::format("{} through a UDP socket", FormatTarget(options.to));
+    default:
+      return fmt::format("{} through {}", FormatTarget(options.to), device);
+  }
+}
+
 std::string FormatClock(nanoseconds time) {
   const auto seconds = time.count() / 1'000'000'000;
   if (seconds < 3600) {
@@ -254,6 +253,10 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   if (status.timing) {
     text += TimingText(*status.timing);
   }
+  for (const OutputStatus& output : status.outputs) {
+    text += fmt::format("  also to    {}: {} datagrams{}\n", output.target,
+                        FormatCount(output.datagrams), LatenessWords(output.timing));
+  }
   text += fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
   return text + (plan.by_schedule ? fmt::format("  seed       {}\n", plan.schedule.Seed) : "");
 }
@@ -305,6 +308,13 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   }
   if (status.timing && status.timing->LatenessMaxNs >= 0) {
     json["departures"] = DeparturesJson(*status.timing);
+  }
+  for (const OutputStatus& output : status.outputs) {
+    nlohmann::ordered_json further{{"target", output.target}, {"datagrams", output.datagrams}};
+    if (output.timing && output.timing->LatenessMaxNs >= 0) {
+      further["departures"] = DeparturesJson(*output.timing);
+    }
+    json["outputs"].push_back(std::move(further));
   }
   json["jitter_ns"] = counters.Jitter * 1e9;
   // Names of files need not be UTF-8.

@@ -22,6 +22,9 @@ std::string FormatClock(std::chrono::nanoseconds time);
 // errors inserted by kind, jitter. In shorter words where `columns` are too few, and then cut.
 std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns);
 
+// Where the frames go, and which way.
+std::string WayText(const PlayOptions& options, const PlayPlan& plan, const std::string& device);
+
 // What will be played and how: lines with ends, printed before the start.
 std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
                          const std::string& device);

@@ -6,12 +6,22 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "host/play/play_plan.h"
 #include "ipplayout/ipplayout.h"
 #include "ipplayout/playouts.h"
 
 namespace ipplay {
+
+// One of the targets beyond the first.
+struct OutputStatus {
+  std::string target;
+  std::uint64_t datagrams = 0;
+  std::optional<IpPlayoutTiming> timing;
+  std::optional<std::string> failure;
+};
 
 struct Status {
   PlayoutStatistics counters{};
@@ -26,6 +36,7 @@ struct Status {
   std::optional<std::uint64_t> held_back;
   std::optional<IpPlayoutTiming> timing;  // where it is recorded
   std::optional<double> input_ppm;        // of its clock, where that is followed
+  std::vector<OutputStatus> outputs{};    // beyond the first
   std::optional<Damage> damage;           // of the input, at the end of the run; none of raw input
 };
 

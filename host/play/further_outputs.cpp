@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+#include "host/play/further_outputs.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+
+#include <utility>
+
+namespace ipplay {
+namespace {
+
+// Until the last frames have left, after those of the first output.
+constexpr int kLongestEndMs = 2000;
+
+bool HasEnded(const Playing& playing, int timeout_ms) {
+  pollfd wait{playing.EndDescriptor(), POLLIN, 0};
+  return ::poll(&wait, 1, timeout_ms) > 0;
+}
+
+}  // namespace
+
+FurtherOutputs::FurtherOutputs(std::vector<Output> outputs, PacketFormat format)
+    : outputs_(std::move(outputs)), failures_(outputs_.size()) {
+  for (const Output& output : outputs_) {
+    playings_.push_back(MakePlaying(output.options, output.plan, format));
+  }
+}
+
+std::optional<std::string> FurtherOutputs::Start() {
+  for (std::size_t i = 0; i < playings_.size(); ++i) {
+    if (const auto reason = playings_[i]->Start()) {
+      Stop(false);
+      return fmt::format("{}: {}", FormatTarget(outputs_[i].options.to), *reason);
+    }
+  }
+  return std::nullopt;
+}
+
+Feeder::Sink FurtherOutputs::With(Feeder::Sink first) {
+  std::vector<Feeder::Sink> sinks;
+  for (const auto& playing : playings_) {
+    sinks.push_back(playing->Sink());
+  }
+  return {.write =
+              [first, sinks](const void* data, std::uint16_t units) {
+                // One that has ended takes no more, which its own state says.
+                for (const Feeder::Sink& sink : sinks) {
+                  sink.write(data, units);
+                }
+                return first.write(data, units);
+              },
+          .terminate =
+              [first, sinks] {
+                for (const Feeder::Sink& sink : sinks) {
+                  sink.terminate();
+                }
+                first.terminate();
+              },
+          .arrived =
+              [first, sinks](std::optional<std::int64_t> time_ns) {
+                for (const Feeder::Sink& sink : sinks) {
+                  if (sink.arrived) {
+                    sink.arrived(time_ns);
+                  }
+                }
+                if (first.arrived) {
+                  first.arrived(time_ns);
+                }
+              }};
+}
+
+void FurtherOutputs::Pause(bool on) {
+  for (const auto& playing : playings_) {
+    playing->Pause(on);
+  }
+}
+
+void FurtherOutputs::Stop(bool complete) {
+  for (std::size_t i = 0; i < playings_.size(); ++i) {
+    if (HasEnded(*playings_[i], complete ? kLongestEndMs : 0)) {
+      failures_[i] = playings_[i]->Failed();
+    }
+    if (const auto reason = playings_[i]->Stop()) {
+      failures_[i] = reason;
+    }
+  }
+}
+
+std::vector<OutputStatus> FurtherOutputs::Status() const {
+  std::vector<OutputStatus> all;
+  for (std::size_t i = 0; i < playings_.size(); ++i) {
+    all.push_back({FormatTarget(outputs_[i].options.to), playings_[i]->Counters().DatagramsSent,
+                   playings_[i]->Timing(), failures_[i]});
+  }
+  return all;
+}
+
+}  // namespace ipplay
