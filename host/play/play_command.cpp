@@ -39,7 +39,8 @@ void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const Pla
     StreamEditor editor(facts.format, plan.edits);
     editor.Run(std::span(payload).first(whole), append);
     editor.Finish(append);
-    edited.insert(edited.end(), payload.begin() + static_cast<std::ptrdiff_t>(whole), payload.end());
+    edited.insert(edited.end(), payload.begin() + static_cast<std::ptrdiff_t>(whole),
+                  payload.end());
     edited.resize(std::min<std::size_t>(edited.size(), plan.sizes.payload_bytes));
     payload = std::move(edited);
   }

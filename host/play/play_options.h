@@ -36,7 +36,7 @@ struct PlayOptions {
   Target to;
   std::string into;            // a capture file instead
   std::vector<Place> also_to;  // further ones
-  std::string sdp;   // a file that describes the RTP stream
+  std::string sdp;             // a file that describes the RTP stream
   bool socket = false;
   std::string device;  // name or position; empty: by the route to the target
 

@@ -72,9 +72,8 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
 
 std::optional<Failure> CheckSpeed(const PlayOptions& options, const StreamFacts& facts) {
   if (facts.live && facts.rate && SpeedOf(options) != 1) {
-    return UsageFailure(fmt::format(
-        "{}: a live input is played as fast as it comes; leave it out",
-        options.speed != 1 ? "--speed" : "--ppm"));
+    return UsageFailure(fmt::format("{}: a live input is played as fast as it comes; leave it out",
+                                    options.speed != 1 ? "--speed" : "--ppm"));
   }
   if (facts.live && options.start_at) {
     return UsageFailure("--start-at: a live input is played when it comes; leave it out");
@@ -142,9 +141,9 @@ void FollowInput(const PlayOptions& options, const StreamFacts& facts, PlayPlan&
 // Of rounds as they are played.
 void ScaleRounds(const StreamFacts& facts, PacketFormat format, const Rates& rates,
                  Rounds& rounds) {
-  double share = facts.format.IsRaw() ? 1
-                                      : static_cast<double>(format.packet_bytes) /
-                                            facts.format.packet_bytes;
+  double share = facts.format.IsRaw()
+                     ? 1
+                     : static_cast<double>(format.packet_bytes) / facts.format.packet_bytes;
   if (rates.fill) {
     share *= rates.fill->packets_per_second / rates.fill->own_packets_per_second;
   }
@@ -159,12 +158,10 @@ std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
   const struct {
     const char* name;
     bool is_given;
-  } kOptions[] = {{"--late", options.late.has_value()},
-                  {"--max-late", options.max_late.has_value()},
-                  {"--no-underrun", options.no_underrun},
-                  {"--start-at", options.start_at.has_value()},
-                  {"--wait-link", options.wait_link},
-                  {"--seed", options.seed.has_value()}};
+  } kOptions[] = {
+      {"--late", options.late.has_value()},   {"--max-late", options.max_late.has_value()},
+      {"--no-underrun", options.no_underrun}, {"--start-at", options.start_at.has_value()},
+      {"--wait-link", options.wait_link},     {"--seed", options.seed.has_value()}};
   for (const auto& option : kOptions) {
     if (option.is_given) {
       return UsageFailure(
@@ -194,10 +191,10 @@ void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, const Pla
         FormatBitRate(fill->own_packets_per_second * bits), fill->pcr_pid,
         options.bit_rate ? "to --bitrate" : "to --frame-bitrate"));
   } else if (facts.bytes && facts.rate && facts.rate->IsVariable()) {
-    notes.push_back(fmt::format(
-        "the stream's bit rate varies from {} to {}; it is played {}",
-        FormatBitRate(facts.rate->lowest * bits), FormatBitRate(facts.rate->highest * bits),
-        plan.pcr_rate ? "at the times of its PCRs" : "at a constant rate"));
+    notes.push_back(fmt::format("the stream's bit rate varies from {} to {}; it is played {}",
+                                FormatBitRate(facts.rate->lowest * bits),
+                                FormatBitRate(facts.rate->highest * bits),
+                                plan.pcr_rate ? "at the times of its PCRs" : "at a constant rate"));
   }
   if (facts.rate && facts.rate->discontinuities > 0) {
     notes.push_back(

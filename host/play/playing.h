@@ -41,8 +41,8 @@ class Playing {
   virtual std::optional<double> FollowedPpm() const { return std::nullopt; }
 };
 
-// By a schedule where the plan says so, by time marks where it follows the PCRs. `format` is that of
-// the packets that are played.
+// By a schedule where the plan says so, by time marks where it follows the PCRs. `format` is that
+// of the packets that are played.
 std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
                                      PacketFormat format);
 

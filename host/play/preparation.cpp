@@ -81,21 +81,20 @@ void NoteInput(const Input& input, PlayPlan& plan) {
 // What is random is the same as at the first target.
 Result<Output> PrepareFurther(const PlayOptions& options, const PlayOptions::Place& place,
                               const std::vector<Adapter>& adapters, const Prepared& first) {
-  Output output{.options = options, .path = {}, .plan = first.plan};
-  output.options.to = place.to;
-  output.options.into = place.into;
-  output.options.also_to.clear();
-  output.options.seed = first.plan.schedule.Seed;
-  auto path = FindPath(output.options, adapters);
+  PlayOptions own = options;
+  own.to = place.to;
+  own.into = place.into;
+  own.also_to.clear();
+  own.seed = first.plan.schedule.Seed;
+  auto path = FindPath(own, adapters);
   if (!path) {
     return path.Error();
   }
-  output.path = *path;
-  auto plan = MakePlan(output.options, first.facts, output.path);
+  auto plan = MakePlan(own, first.facts, *path);
   if (!plan) {
     return plan.Error();
   }
-  if (const auto failure = ChooseWay(output.options, output.path, adapters, *plan)) {
+  if (const auto failure = ChooseWay(own, *path, adapters, *plan)) {
     return *failure;
   }
   if (!plan->by_schedule || !first.plan.by_schedule) {
@@ -103,8 +102,7 @@ Result<Output> PrepareFurther(const PlayOptions& options, const PlayOptions::Pla
         "--to: several targets need frames that are paced one by one: give at most 65,536 "
         "--copies, a rate with at least 5 us between frames, and no --priority");
   }
-  output.plan = *std::move(plan);
-  return output;
+  return Output{std::move(own), *std::move(path), *std::move(plan)};
 }
 
 }  // namespace

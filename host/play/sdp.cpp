@@ -35,9 +35,9 @@ std::string SdpText(const PlayOptions& options, const Path& path) {
   const std::uint32_t payload_type = options.payload_type & kPayloadTypes;
   const std::string name = QuotedLine(std::filesystem::path(options.input).filename().string());
   std::string text = "v=0\r\n";
-  text += fmt::format("o=- {0} {0} IN {1} {2}\r\n",
-                      WallClockNow().count() / 1'000'000'000 + kNtpEpoch, Version(origin),
-                      FormatIp(origin));
+  text +=
+      fmt::format("o=- {0} {0} IN {1} {2}\r\n", WallClockNow().count() / 1'000'000'000 + kNtpEpoch,
+                  Version(origin), FormatIp(origin));
   text += fmt::format("s={}\r\n", name.empty() ? "ipplay" : name);
   text += Connection(options, destination);
   text += "t=0 0\r\n";
