@@ -128,7 +128,8 @@ std::optional<Target> ParseTarget(std::string_view text) {
       return std::nullopt;
     }
     target.zone = host.substr(percent + 1, end - percent - 1);
-    if (!std::all_of(target.zone.begin(), target.zone.end(), [](char c) { return c > ' ' && c < 0x7F; })) {
+    if (!std::all_of(target.zone.begin(), target.zone.end(),
+                     [](char c) { return c > ' ' && c < 0x7F; })) {
       return std::nullopt;
     }
     host.erase(percent, end - percent);

@@ -105,8 +105,8 @@ std::span<const std::uint8_t> Attribute(const nlmsghdr& message, std::size_t hea
   const auto* attribute =
       static_cast<const nlattr*>(::mnl_nlmsg_get_payload_offset(&message, header));
   const auto* const end = static_cast<const char*>(::mnl_nlmsg_get_payload_tail(&message));
-  while (::mnl_attr_ok(attribute,
-                       static_cast<int>(end - reinterpret_cast<const char*>(attribute)))) {
+  while (
+      ::mnl_attr_ok(attribute, static_cast<int>(end - reinterpret_cast<const char*>(attribute)))) {
     if (::mnl_attr_get_type(attribute) == type) {
       return {static_cast<const std::uint8_t*>(::mnl_attr_get_payload(attribute)),
               ::mnl_attr_get_payload_len(attribute)};
@@ -124,8 +124,7 @@ std::optional<Route> FindRoute(Kernel& kernel, const IpAddress& address, unsigne
   alignas(nlmsghdr) std::array<char, kRequestBytes> buffer{};
   nlmsghdr* const request = ::mnl_nlmsg_put_header(buffer.data());
   request->nlmsg_type = RTM_GETROUTE;
-  auto* const header =
-      static_cast<rtmsg*>(::mnl_nlmsg_put_extra_header(request, sizeof(rtmsg)));
+  auto* const header = static_cast<rtmsg*>(::mnl_nlmsg_put_extra_header(request, sizeof(rtmsg)));
   header->rtm_family = AF_INET6;
   header->rtm_dst_len = 8 * kAddressBytes;
   ::mnl_attr_put(request, RTA_DST, kAddressBytes, address.bytes.data());
@@ -160,8 +159,7 @@ std::optional<Verdict> VerdictOf(const nlmsghdr& message, const IpAddress& neigh
   const auto& header = *static_cast<const ndmsg*>(::mnl_nlmsg_get_payload(&message));
   const auto address = Attribute(message, sizeof(ndmsg), NDA_DST);
   if (header.ndm_family != AF_INET6 || header.ndm_ifindex != static_cast<int>(interface) ||
-      !std::equal(address.begin(), address.end(), neighbour.bytes.begin(),
-                  neighbour.bytes.end())) {
+      !std::equal(address.begin(), address.end(), neighbour.bytes.begin(), neighbour.bytes.end())) {
     return std::nullopt;
   }
   if (message.nlmsg_type == RTM_DELNEIGH || (header.ndm_state & NUD_FAILED) != 0) {
@@ -180,8 +178,7 @@ std::optional<Verdict> LookUp(Kernel& kernel, const IpAddress& neighbour, unsign
   alignas(nlmsghdr) std::array<char, kRequestBytes> buffer{};
   nlmsghdr* const request = ::mnl_nlmsg_put_header(buffer.data());
   request->nlmsg_type = RTM_GETNEIGH;
-  auto* const header =
-      static_cast<ndmsg*>(::mnl_nlmsg_put_extra_header(request, sizeof(ndmsg)));
+  auto* const header = static_cast<ndmsg*>(::mnl_nlmsg_put_extra_header(request, sizeof(ndmsg)));
   header->ndm_family = AF_INET6;
   header->ndm_ifindex = static_cast<int>(interface);
   ::mnl_attr_put(request, NDA_DST, kAddressBytes, neighbour.bytes.data());

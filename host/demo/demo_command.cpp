@@ -87,8 +87,8 @@ Result<DemoStream> StreamOf(const DemoOptions& options) {
   if (const auto own = facts->BitRate()) {
     speed = *bit_rate / *own;
   }
-  return DemoStream{FileDescriptor(), options.file, QuotedLine(options.file), *bit_rate, speed,
-                    facts->format};
+  return DemoStream{FileDescriptor(), options.file, QuotedLine(options.file),
+                    *bit_rate,        speed,        facts->format};
 }
 
 // The command line of `ipplay measure` at the far end.
@@ -115,9 +115,9 @@ void StartWhenMeasuring(MeasureOptions& measure, const DemoStream& stream,
   measure.start_sender = [&] {
     const std::string rate = stream.speed ? fmt::format("--speed={:.9f}", *stream.speed)
                                           : fmt::format("--bitrate={:.3f}", stream.bit_rate);
-    return player.Start({"ipplay", "play", stream.path, "--to", TargetUrl(), "--device",
-                         DemoNetwork::kNear, rate},
-                        [&network] { return network.EnterNear(); });
+    return player.Start(
+        {"ipplay", "play", stream.path, "--to", TargetUrl(), "--device", DemoNetwork::kNear, rate},
+        [&network] { return network.EnterNear(); });
   };
   measure.sender_ended = [&player] { return player.HasEnded(); };
 }

@@ -127,8 +127,9 @@ Result<Adapter> ChooseAdapter(const std::vector<Adapter>& adapters, const std::s
   }
   auto adapter = FindAdapter(adapters, device.empty() ? target.zone : device);
   if (adapter && !target.zone.empty() && adapter->name != target.zone) {
-    return UsageFailure(fmt::format("--device and the zone of --to are two adapters, {} and {}; give one",
-                                    adapter->name, target.zone));
+    return UsageFailure(
+        fmt::format("--device and the zone of --to are two adapters, {} and {}; give one",
+                    adapter->name, target.zone));
   }
   return adapter;
 }

@@ -128,7 +128,8 @@ double SpeedOf(const PlayOptions& options) {
 nanoseconds ReadAhead(const PlayOptions& options, bool live) {
   constexpr nanoseconds kOfPipe = std::chrono::seconds(2);
   constexpr nanoseconds kOfLive = std::chrono::milliseconds(200);
-  return live ? options.prefill.value_or(kOfLive) : kOfPipe + options.prefill.value_or(nanoseconds(0));
+  return live ? options.prefill.value_or(kOfLive)
+              : kOfPipe + options.prefill.value_or(nanoseconds(0));
 }
 
 double Rates::PayloadBytesPerSecond(const Sizes& sizes) const {

@@ -24,8 +24,7 @@ bool StreamEditor::Run(std::span<std::uint8_t> packets, const Emit& emit) {
 }
 
 bool StreamEditor::EndRound(const Emit& emit) {
-  return !restamper_ ||
-         restamper_->Run({}, [&](Bytes bytes) { return Fill(bytes, emit); });
+  return !restamper_ || restamper_->Run({}, [&](Bytes bytes) { return Fill(bytes, emit); });
 }
 
 void StreamEditor::StartNextRound() {

@@ -132,8 +132,8 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
     editor.EndRound(take);
   }
   editor.Finish(take);
-  if (reader.ReadError() != 0 || (plan.rounds.total_bytes && !plan.edits.fill &&
-                                  played != *plan.rounds.total_bytes)) {
+  if (reader.ReadError() != 0 ||
+      (plan.rounds.total_bytes && !plan.edits.fill && played != *plan.rounds.total_bytes)) {
     std::abort();
   }
 }

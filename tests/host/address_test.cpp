@@ -35,8 +35,9 @@ TEST(Address, ZonesOfLinkLocalTargets) {
   EXPECT_EQ(target->address, *ParseIp("fe80::1"));
   EXPECT_EQ(target->zone, "eth0.5");
   EXPECT_EQ(FormatTarget(*target), "udp://[fe80::1%eth0.5]:5000");
-  for (const char* refused : {"udp://[fe80::1%]:5000", "udp://[fd00::1%eth0]:5000", "udp://[fe80::1%a b]:5000",
-                              "udp://10.0.0.1%eth0:5000", "udp://[fe80::1%eth0:5000"}) {
+  for (const char* refused :
+       {"udp://[fe80::1%]:5000", "udp://[fd00::1%eth0]:5000", "udp://[fe80::1%a b]:5000",
+        "udp://10.0.0.1%eth0:5000", "udp://[fe80::1%eth0:5000"}) {
     EXPECT_FALSE(ParseTarget(refused)) << refused;
   }
 }

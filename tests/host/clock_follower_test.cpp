@@ -74,7 +74,8 @@ TEST(ClockFollower, KeepsTheDelayThroughAnHour) {
       hour.Run();
       const std::string of = std::to_string(ppm) + " " + std::to_string(jitter.count());
       EXPECT_LT(std::chrono::abs(hour.last_wait - kLead), 4ms) << of;
-      // Until the clock is known, it is off by ppm / (e * 0.005 rad/s), with much jitter twice that.
+      // Until the clock is known, it is off by ppm / (e * 0.005 rad/s), with much jitter twice
+      // that.
       EXPECT_GT(hour.least, kLead - 45ms) << of;
       EXPECT_LT(hour.most, kLead + 45ms) << of;
       EXPECT_NEAR(hour.follower.Ppm(), ppm, 15) << of;

@@ -32,8 +32,8 @@ Made MakeVariable(const std::vector<int>& stretches, int nulls) {
   std::uint8_t counter = 0;
   for (std::size_t s = 0; s < stretches.size(); ++s) {
     for (int i = 0; i < stretches[s]; ++i) {
-      const std::uint64_t ticks =
-          s * kStretch + kStretch * static_cast<std::uint64_t>(i) / static_cast<std::uint64_t>(stretches[s]);
+      const std::uint64_t ticks = s * kStretch + kStretch * static_cast<std::uint64_t>(i) /
+                                                     static_cast<std::uint64_t>(stretches[s]);
       PacketSpec spec{.pid = 0x111, .counter = counter++};
       if (i == 0) {
         spec = {.pid = kClock, .pcr = (kFirst + ticks) % kPcrModulus};
