@@ -26,7 +26,9 @@ def capture(tmp_path):
 
 def documented(command):
     section = re.search(rf"^## {re.escape(command)}\n(.*?)(?=^## |\Z)", (ROOT / "docs" / "json.md").read_text(), re.M | re.S)[1]
-    return {name for row in re.findall(r"^\| (`[^|]*)\|", section, re.M) for name in re.findall(r"`([^`]+)`", row)}
+    names = {name for row in re.findall(r"^\| (`[^|]*)\|", section, re.M) for name in re.findall(r"`([^`]+)`", row)}
+    # A list that can be empty has a row of its own beside those of its fields.
+    return {name for name in names if not any(other.startswith(name + "[].") for other in names)}
 
 
 def fields_of(kind, path=""):

@@ -359,6 +359,35 @@ class Stream:
 
 
 @dataclass(frozen=True, kw_only=True)
+class Skew:
+    """By how much later the second path is, nanoseconds; None where no packet came on both."""
+    count: int
+    min: float | None
+    mean: float | None
+    max: float | None
+
+
+@dataclass(frozen=True, kw_only=True)
+class Twins:
+    """Two streams that are the same RTP on two paths (SMPTE ST 2022-7), by their places in ``Report.streams``.
+
+    ``combined`` is the one stream that a receiver makes of both.
+    """
+    first_stream: int
+    second_stream: int
+    packets: int
+    first_lost: int
+    second_lost: int
+    lost_together: int
+    different: int
+    late: int
+    lost_before: int
+    restarts: int
+    skew_ns: Skew
+    combined: Stream | None
+
+
+@dataclass(frozen=True, kw_only=True)
 class Verdict:
     """A limit and its figure, as texts with their units."""
     name: str
@@ -406,6 +435,7 @@ class Report:
     capture: Capture
     total: Total
     streams: tuple[Stream, ...]
+    twins: tuple[Twins, ...]
     verdicts: tuple[Verdict, ...]
     met: bool
     events: tuple[Event, ...] = field(default=(), repr=False)
