@@ -69,8 +69,8 @@ class Done(NamedTuple):
     """What an order did: to how many datagrams, the first one's index, and when first and last were due since the start."""
     number: int
     what: Did
-    count: int
-    datagram: int
+    datagrams: int
+    first_datagram: int
     first_due_ns: int
     last_due_ns: int
 
