@@ -85,6 +85,9 @@ Result<Output> PrepareFurther(const PlayOptions& options, const PlayOptions::Pla
   own.to = place.to;
   own.into = place.into;
   own.also_to.clear();
+  if (!own.into.empty()) {
+    own.start_at.reset();  // the times in a file count from the start
+  }
   own.seed = first.plan.schedule.Seed;
   auto path = FindPath(own, adapters);
   if (!path) {

@@ -312,7 +312,9 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   for (const OutputStatus& output : status.outputs) {
     nlohmann::ordered_json further{{"target", output.target}, {"datagrams", output.datagrams}};
     if (output.timing && output.timing->LatenessMaxNs >= 0) {
-      further["departures"] = DeparturesJson(*output.timing);
+      further["late"] = output.timing->Late;
+      further["not_sent"] = output.timing->NotSent;
+      further["lateness_max_ns"] = output.timing->LatenessMaxNs;
     }
     json["outputs"].push_back(std::move(further));
   }

@@ -211,9 +211,11 @@ class Json(PlayCase):
         for command, runs in (("ipplay lineup --json", [("lineup", lineup, "--json", "--part", "1/1", "--results", results)]),
                               ("ipplay gather --json", [("gather", results, "--json")]),
                               ("ipplay devices --json", [("devices", "--json")]),
-                              ("ipplay play --json", [("play", SAMPLE, *target), ("play", varying, *target)])):
+                              ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng")),
+                                                      ("play", varying, *target), ("play", "-", *target)])):
             with self.subTest(command):
-                outputs = [self.bed.start(*arguments).communicate(timeout=60)[0] for arguments in runs]
+                with_pipe = ("sh", "-c", f'cat {SAMPLE} | "$@"', "sh")
+                outputs = [self.bed.start(*arguments, prefix=with_pipe).communicate(timeout=60)[0] for arguments in runs]
                 texts = outputs if len(runs) == 1 else "".join(outputs).splitlines()
                 objects = [json.loads(text) for text in texts]
                 self.assertEqual(fields_of({"all": objects}),

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """The ways out other than an adapter: UDP sockets for receivers on this machine, and capture files."""
+import json
 import struct
 import subprocess
 import sys
@@ -70,6 +71,30 @@ class Sockets(PlayCase):
                        ("--priority", "normal")):
             played = self.play(SAMPLE, "--to", f"udp://{FAR4}:5000", "--socket", *option, status=2)
             self.assertRegex(played.errors, f"^ipplay: --socket: {option[0]}.* needs an adapter")
+
+
+class Several(PlayCase):
+    def test_one_stream_leaves_to_each_target(self):
+        """Through the adapter, through a socket and into a file: the same payloads and RTP headers at the same times."""
+        path = self.path("also.pcapng")
+        receiver = subprocess.Popen([sys.executable, "-c", RECEIVER, "127.0.0.1", NEAR4],
+                                    preexec_fn=self.bed.near.enter, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.assertEqual(receiver.stderr.readline(), b"ready\n")
+        played = self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--to", "rtp://127.0.0.1:5000", "--to", path, "--json",
+                           *FAST)
+        sent = [frame[42:] for frame in played.frames]
+        self.assertEqual(len(sent), 203)
+        self.assertEqual(receiver.communicate()[0], b"".join(sent))
+        self.assertEqual([frame[42:] for _, frame in frames_of(path)], sent)
+        outputs = json.loads(played.output.splitlines()[-1])["outputs"]
+        self.assertEqual([(output["target"], output["datagrams"]) for output in outputs],
+                         [("rtp://127.0.0.1:5000", 203), ("rtp://239.1.1.1:5004", 203)])
+
+    def test_one_that_cannot_be_is_refused(self):
+        for option, message in ((("--to", "udp://10.99.0.1:5"), "--device is required"),
+                                (("--to", "udp://[fe80::1]"), '--to: "udp://[fe80::1]" is not valid')):
+            errors = self.play(SAMPLE, "--to", "udp://239.1.1.1:5000", *option, status=3 if "10.99" in option[1] else 2).errors
+            self.assertIn(message, errors)
 
 
 class Files(PlayCase):
