@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "host/base/library_output.h"
@@ -53,26 +52,6 @@ nlohmann::ordered_json AddressList(const std::vector<IpAddress>& addresses) {
   return list;
 }
 
-void PrintJson(const std::vector<Adapter>& adapters) {
-  auto list = nlohmann::ordered_json::array();
-  for (const Adapter& adapter : adapters) {
-    nlohmann::ordered_json item{{"index", adapter.index},
-                                {"name", adapter.name},
-                                {"description", adapter.description},
-                                {"mac", FormatMac(adapter.mac)},
-                                {"ipv4", AddressList(adapter.ipv4)},
-                                {"ipv4_netmasks", AddressList(adapter.ipv4_masks)},
-                                {"ipv6", AddressList(adapter.ipv6)},
-                                {"link", LinkText(adapter)}};
-    item["mtu_bytes"] = adapter.mtu ? nlohmann::ordered_json(*adapter.mtu) : nullptr;
-    item["speed_bps"] = adapter.speed ? nlohmann::ordered_json(*adapter.speed) : nullptr;
-    list.push_back(std::move(item));
-  }
-  const nlohmann::ordered_json json{{"schema", kJsonSchema}, {"devices", std::move(list)}};
-  Print(Results(), "{}\n",
-        json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
-}
-
 struct ResolveOptions {
   IpAddress address;
   std::string device;
@@ -94,13 +73,37 @@ Result<int> Resolve(const ResolveOptions& options) {
 
 }  // namespace
 
+nlohmann::ordered_json DevicesJson(const std::vector<Adapter>& adapters) {
+  auto list = nlohmann::ordered_json::array();
+  for (const Adapter& adapter : adapters) {
+    nlohmann::ordered_json item{{"index", adapter.index},
+                                {"name", adapter.name},
+                                {"description", adapter.description},
+                                {"mac", FormatMac(adapter.mac)},
+                                {"ipv4", AddressList(adapter.ipv4)},
+                                {"ipv4_netmasks", AddressList(adapter.ipv4_masks)},
+                                {"ipv6", AddressList(adapter.ipv6)},
+                                {"link", LinkText(adapter)}};
+    item["mtu_bytes"] = adapter.mtu ? nlohmann::ordered_json(*adapter.mtu) : nullptr;
+    item["speed_bps"] = adapter.speed ? nlohmann::ordered_json(*adapter.speed) : nullptr;
+    list.push_back(std::move(item));
+  }
+  return {{"schema", kJsonSchema}, {"devices", std::move(list)}};
+}
+
 void RegisterDevices(CLI::App& app, Result<int>& outcome) {
   CLI::App* command = app.add_subcommand("devices", "List the adapters that can be played through");
   const auto json = std::make_shared<bool>(false);
   OptionBuilder(*command).Flag("--json", *json, "Print the list as JSON")->configurable(false);
   command->callback([json, &outcome] {
     const Library library;
-    *json ? PrintJson(library.Adapters()) : PrintTable(library.Adapters());
+    if (*json) {
+      Print(Results(), "{}\n",
+            DevicesJson(library.Adapters())
+                .dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    } else {
+      PrintTable(library.Adapters());
+    }
     outcome = static_cast<int>(ExitStatus::kPlayed);
   });
 }

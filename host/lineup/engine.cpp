@@ -4,7 +4,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 
+#include "host/base/wall_clock.h"
 #include "host/lineup/channel_run.h"
 #include "host/lineup/keeper.h"
 
@@ -106,6 +108,26 @@ std::vector<std::pair<std::string, Failure>> Engine::Start(
     }
     return failed;
   });
+}
+
+std::vector<std::pair<std::string, Failure>> Engine::StartAsOrdered(
+    std::span<const std::shared_ptr<Channel>> channels) {
+  std::map<std::optional<Time>, std::vector<std::shared_ptr<Channel>>> groups;
+  for (const auto& channel : channels) {
+    groups[channel->Order().start_at].push_back(channel);
+  }
+  std::vector<std::pair<std::string, Failure>> failed;
+  for (const auto& [start_at, group] : groups) {
+    const auto failed_here =
+        Start(group, start_at ? std::optional(FromWallClock(*start_at)) : std::nullopt);
+    failed.insert(failed.end(), failed_here.begin(), failed_here.end());
+  }
+  return failed;
+}
+
+Channel::Time FromWallClock(Channel::Time since_1970) {
+  const auto ahead = std::max(since_1970 - WallClockNow(), Channel::Time(0));
+  return ScheduledPlayout::Now() + ahead;
 }
 
 void Engine::Stop(std::span<const std::shared_ptr<Channel>> channels) {

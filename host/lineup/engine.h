@@ -16,6 +16,9 @@
 
 namespace ipplay {
 
+// A time of day as one on CLOCK_MONOTONIC; the present, if it has passed.
+Channel::Time FromWallClock(Channel::Time since_1970);
+
 // Any thread may call any function. Where rights matter: channels are started on a thread that
 // keeps those which that takes of the thread which makes the engine; that one needs none any more.
 class Engine {
@@ -42,6 +45,10 @@ class Engine {
   // does not hold up the others: each has its state, and those that failed come back.
   std::vector<std::pair<std::string, Failure>> Start(
       std::span<const std::shared_ptr<Channel>> channels, std::optional<Time> at = std::nullopt);
+  // Each at the time of its order: those with the same time, or with none, start at the same
+  // moment.
+  std::vector<std::pair<std::string, Failure>> StartAsOrdered(
+      std::span<const std::shared_ptr<Channel>> channels);
   // All of them; takes as long as the slowest.
   void Stop(std::span<const std::shared_ptr<Channel>> channels);
 

@@ -24,29 +24,6 @@
 namespace ipplay {
 namespace {
 
-void PrintDryRun(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
-                 const Path& path, Input& input) {
-  std::vector<std::uint8_t> payload(plan.sizes.payload_bytes);
-  payload.resize(input.ReadFully(payload));
-  if (!facts.format.IsRaw()) {
-    const std::size_t unit = facts.format.packet_bytes;
-    const std::size_t whole = payload.size() / unit * unit;
-    std::vector<std::uint8_t> edited;
-    const auto append = [&edited](StreamEditor::Bytes bytes) {
-      edited.insert(edited.end(), bytes.begin(), bytes.end());
-      return true;
-    };
-    StreamEditor editor(facts.format, plan.edits);
-    editor.Run(std::span(payload).first(whole), append);
-    editor.Finish(append);
-    edited.insert(edited.end(), payload.begin() + static_cast<std::ptrdiff_t>(whole),
-                  payload.end());
-    edited.resize(std::min<std::size_t>(edited.size(), plan.sizes.payload_bytes));
-    payload = std::move(edited);
-  }
-  Print(Results(), "{}", DryRun(options, facts, plan, path, payload));
-}
-
 void Introduce(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
                const Adapter& adapter) {
   if (!options.quiet) {
@@ -96,7 +73,7 @@ Result<int> Play(const CLI::App& app, const PlayOptions& options) {
     return *failure;
   }
   if (options.dry_run) {
-    PrintDryRun(options, facts, plan, path, input);
+    Print(Results(), "{}", DryRun(options, facts, plan, path, FirstPayload(plan, facts, input)));
     return static_cast<int>(ExitStatus::kPlayed);
   }
   if (const auto failure = CompletePath(options, path, plan)) {

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/preparation.h"
 
+#include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "host/library/destination.h"
 #include "host/play/plan_rates.h"
 #include "host/play/way_out.h"
 #include "host/stream/live_source.h"
 #include "host/stream/open_input.h"
+#include "host/stream/stream_editor.h"
 
 namespace ipplay {
 namespace {
@@ -157,6 +160,28 @@ std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, Play
                 destination->mac.data(), destination->mac.size());
   }
   return std::nullopt;
+}
+
+std::vector<std::uint8_t> FirstPayload(const PlayPlan& plan, const StreamFacts& facts,
+                                       Input& input) {
+  std::vector<std::uint8_t> payload(plan.sizes.payload_bytes);
+  payload.resize(input.ReadFully(payload));
+  if (facts.format.IsRaw()) {
+    return payload;
+  }
+  const std::size_t unit = facts.format.packet_bytes;
+  const std::size_t whole = payload.size() / unit * unit;
+  std::vector<std::uint8_t> edited;
+  const auto append = [&edited](StreamEditor::Bytes bytes) {
+    edited.insert(edited.end(), bytes.begin(), bytes.end());
+    return true;
+  };
+  StreamEditor editor(facts.format, plan.edits);
+  editor.Run(std::span(payload).first(whole), append);
+  editor.Finish(append);
+  edited.insert(edited.end(), payload.begin() + static_cast<std::ptrdiff_t>(whole), payload.end());
+  edited.resize(std::min<std::size_t>(edited.size(), plan.sizes.payload_bytes));
+  return edited;
 }
 
 }  // namespace ipplay

@@ -2,6 +2,7 @@
 // What comes before a playout: the way to its target, a look at its input, and the plan.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <vector>
 
@@ -36,5 +37,9 @@ Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>&
 
 // Asks for the destination's MAC address unless the user gave it or it follows from the address.
 std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan);
+
+// The payload of the first datagram, which is read from the input.
+std::vector<std::uint8_t> FirstPayload(const PlayPlan& plan, const StreamFacts& facts,
+                                       Input& input);
 
 }  // namespace ipplay
