@@ -16,6 +16,7 @@
 #include "host/lineup/lineup_command.h"
 #include "host/measure/measure_command.h"
 #include "host/play/play_command.h"
+#include "host/serve/serve_command.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ int Run(int argc, char** argv) {
   ipplay::RegisterMeasure(app, outcome);
   ipplay::RegisterLineup(app, outcome);
   ipplay::RegisterGather(app, outcome);
+  ipplay::RegisterServe(app, outcome);
   ipplay::RegisterDemo(app, outcome);
   try {
     app.parse(argc, argv);

@@ -4,7 +4,7 @@
 
 # To configure a preset and build all of it.
 build_packages=(g++ cmake ninja-build pkgconf libpcap-dev libmnl-dev libcap-dev libseccomp-dev libbitstream-dev libcli11-dev libfmt-dev
-  nlohmann-json3-dev libtomlplusplus-dev libgtest-dev libgmock-dev libbenchmark-dev python3)
+  nlohmann-json3-dev libtomlplusplus-dev libboost-dev prometheus-cpp-dev libjs-dygraphs libgtest-dev libgmock-dev libbenchmark-dev python3)
 # For the far side of the wire: namespaces, capture, dissector, decoders.
 wire_packages=(iproute2 tshark ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good)
 # For the tests of ipplay besides: its documents, its packages, rights for a single program,
@@ -15,6 +15,8 @@ test_packages+=(mypy python3-pytest python3-pip python3-venv python3-setuptools 
   python3-matplotlib)
 # For tests/fleet and bench/fleet: the scheduler whose nodes play a lineup.
 fleet_packages=(slurm-wlm munge iproute2)
+# For those of `ipplay serve`.
+test_packages+=(prometheus)
 # For tools/lint.sh and tools/coverage.sh besides.
 lint_packages=(cppcheck clang-format clang clang-tidy flake8 mypy python3-pytest shellcheck)
 coverage_packages=(gcovr)

@@ -4,7 +4,6 @@
 // `ipplay play`.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>

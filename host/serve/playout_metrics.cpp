@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: MIT
+#include <array>
+
+#include "host/serve/metric_family.h"
+#include "host/serve/metrics.h"
+
+namespace ipplay::serve {
+namespace {
+
+using prometheus::MetricType;
+
+constexpr double kBitsPerByte = 8;
+constexpr double kSecond = 1e9;  // in nanoseconds
+constexpr std::array<std::string_view, 7> kStates{"ready", "playing", "paused", "waiting",
+                                                  "ended", "stopped", "failed"};
+
+std::optional<double> Bytes(const std::optional<double>& bits) {
+  return bits ? std::optional(*bits / kBitsPerByte) : std::nullopt;
+}
+
+Labels LabelsOf(const ChannelStatus& status) {
+  return {{"playout", status.name}, {"target", status.target}};
+}
+
+// One value of each playout.
+template <typename Value>
+void AddEach(const std::vector<ChannelStatus>& playouts, Families& families, const char* name,
+             const char* help, MetricType type, const Value& value) {
+  MetricFamily family(name, help, type);
+  for (const ChannelStatus& status : playouts) {
+    family.Add(LabelsOf(status), value(status));
+  }
+  families.push_back(family.Take());
+}
+
+void AddStates(const std::vector<ChannelStatus>& playouts, Families& families) {
+  MetricFamily states("ipplay_playout_state", "1 for the state that the playout is in.",
+                      MetricType::Gauge);
+  for (const ChannelStatus& status : playouts) {
+    states.AddStates(LabelsOf(status), kStates, NameOf(status.state));
+  }
+  families.push_back(states.Take());
+}
+
+void AddRates(const std::vector<ChannelStatus>& playouts, Families& families) {
+  AddEach(playouts, families, "ipplay_playout_starts_total", "Starts of the playout.",
+          MetricType::Counter, [](const auto& status) { return std::uint64_t{status.starts}; });
+  AddEach(playouts, families, "ipplay_playout_set_bytes_per_second",
+          "Rate of the transport stream, as ordered or changed.", MetricType::Gauge,
+          [](const auto& status) { return Bytes(status.set_rate_bps); });
+  AddEach(playouts, families, "ipplay_playout_bytes_per_second",
+          "Rate of the transport stream in the last seconds.", MetricType::Gauge,
+          [](const auto& status) { return Bytes(status.rate_bps); });
+  AddEach(playouts, families, "ipplay_playout_datagrams_total",
+          "Datagrams of one copy, those lost on purpose included.", MetricType::Counter,
+          [](const auto& status) { return std::uint64_t{status.counters.DatagramsSent}; });
+  AddEach(playouts, families, "ipplay_playout_frame_bytes_total",
+          "Bytes of the frames of one copy.", MetricType::Counter,
+          [](const auto& status) { return std::uint64_t{status.counters.BytesSent}; });
+}
+
+void AddFaults(const std::vector<ChannelStatus>& playouts, Families& families) {
+  MetricFamily faults("ipplay_playout_faults_total", "Datagrams damaged on purpose.",
+                      MetricType::Counter);
+  for (const ChannelStatus& status : playouts) {
+    const PlayoutStatistics& counters = status.counters;
+    const std::pair<const char*, std::uint64_t> kinds[] = {
+        {"lost", counters.LostPackets},
+        {"delayed", counters.SequenceErrors},
+        {"ipv4_header_bad", counters.IPChecksumErrors},
+        {"udp_bad", counters.UDPChecksumErrors}};
+    for (const auto& [kind, count] : kinds) {
+      faults.Add(With(LabelsOf(status), "kind", kind), count);
+    }
+  }
+  families.push_back(faults.Take());
+}
+
+void AddDepartures(const std::vector<ChannelStatus>& playouts, Families& families) {
+  MetricFamily frames("ipplay_playout_frames_total",
+                      "Frames by what became of them: on_time at most 1 ms behind their place.",
+                      MetricType::Counter);
+  for (const ChannelStatus& status : playouts) {
+    const IpPlayoutTiming& timing = status.timing;
+    const std::pair<const char*, std::uint64_t> outcomes[] = {{"on_time", timing.OnTime},
+                                                              {"late", timing.Late},
+                                                              {"not_sent", timing.NotSent},
+                                                              {"discarded", timing.Discarded}};
+    for (const auto& [outcome, count] : outcomes) {
+      frames.Add(With(LabelsOf(status), "outcome", outcome), count);
+    }
+  }
+  families.push_back(frames.Take());
+  AddEach(playouts, families, "ipplay_playout_input_dry_total",
+          "How often the input was not there in time.", MetricType::Counter,
+          [](const auto& status) { return std::uint64_t{status.timing.DryTimes}; });
+  AddEach(playouts, families, "ipplay_playout_input_dry_seconds_total",
+          "For how long in all the input was not there in time.", MetricType::Counter,
+          [](const auto& status) {
+            return std::optional(static_cast<double>(status.timing.DryNs) / kSecond);
+          });
+}
+
+}  // namespace
+
+void AddPlayoutMetrics(const std::vector<ChannelStatus>& playouts, Families& families) {
+  AddStates(playouts, families);
+  AddRates(playouts, families);
+  AddFaults(playouts, families);
+  AddDepartures(playouts, families);
+}
+
+}  // namespace ipplay::serve

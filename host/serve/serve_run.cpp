@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+#include "host/serve/serve_run.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include <set>
+
+#include "host/base/capabilities.h"
+#include "host/base/confinement.h"
+#include "host/base/library_output.h"
+#include "host/base/service_manager.h"
+#include "host/base/stop_signals.h"
+#include "host/base/wall_clock.h"
+#include "host/library/library.h"
+#include "host/lineup/lineup_report.h"
+#include "host/serve/access.h"
+#include "host/serve/api_routes.h"
+#include "host/serve/http_server.h"
+
+namespace ipplay::serve {
+namespace {
+
+// One for each connection, and for each file that may be played.
+void AllowDescriptors() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+Result<AccessRules> RulesOf(const ServeOptions& options) {
+  AccessRules rules;
+  for (std::string host : options.hosts) {
+    for (char& c : host) {
+      c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+    }
+    rules.hosts.insert(host);
+  }
+  if (!options.token_file.empty()) {
+    auto token = ReadToken(options.token_file);
+    if (!token) {
+      return token.Error();
+    }
+    rules.token = *std::move(token);
+  }
+  const auto listen = ParseListenAddress(options.listen);
+  if (listen && !listen->is_loopback && rules.token.empty()) {
+    return UsageFailure(fmt::format(
+        "--listen: {} can be reached by others; give --token-file, or listen on 127.0.0.1",
+        options.listen));
+  }
+  return rules;
+}
+
+// What a second of all playouts looks like from outside.
+Json FiguresOf(const ChannelStatus& status) {
+  constexpr const char* kFields[] = {"name",     "state",     "elapsed_ns", "set_rate_bps",
+                                     "rate_bps", "ppm",       "datagrams",  "frame_bytes",
+                                     "ordered",  "departures"};
+  const Json whole = ipplay::JsonOf(status);
+  Json json;
+  for (const char* const field : kFields) {
+    json[field] = whole[field];
+  }
+  return json;
+}
+
+// Its parts in the order in which they need one another; the last goes first.
+class ServeSession {
+ public:
+  ServeSession(std::vector<Adapter> adapters, const MediaStore& media, const AccessRules& rules)
+      : rules_(rules),
+        adapters_(std::move(adapters)),
+        feed_(WallClockNow().count() / 1'000'000),
+        playouts_(adapters_, media, feed_),
+        lineups_(playouts_),
+        meters_(feed_),
+        parts_{adapters_, media, feed_, playouts_, lineups_, meters_, WallClockNow().count()} {
+    // What opens adapters has its threads by now.
+    KeepCapabilities({});
+  }
+
+  void Run(HttpServer& server) {
+    Router router(ApiRoutes(parts_));
+    HttpHooks hooks;
+    hooks.check = [this](const HttpRequest& request) { return Refuse(rules_, request); };
+    hooks.handle = [&router](HttpRequest request, HttpHooks::Reply reply) {
+      router.Handle(std::move(request), std::move(reply));
+    };
+    hooks.each_second = [this] { EndSecond(); };
+    TellServiceManager("READY=1");
+    server.Run(std::move(hooks), feed_, StopSignals::Fd());
+    TellServiceManager("STOPPING=1");
+  }
+
+ private:
+  void EndSecond() {
+    Json playouts = Json::array();
+    for (const ChannelStatus& status : playouts_.Statuses()) {
+      playouts.push_back(FiguresOf(status));
+    }
+    Json meters = Json::array();
+    for (const auto& meter : meters_.All()) {
+      meters.push_back(FiguresJson(*meter));
+    }
+    feed_.Append("figures", {{"playouts", std::move(playouts)}, {"meters", std::move(meters)}});
+    TellServiceManager("WATCHDOG=1");
+  }
+
+  const AccessRules& rules_;
+  const std::vector<Adapter> adapters_;
+  EventFeed feed_;
+  PlayoutStore playouts_;
+  LineupStore lineups_;
+  MeterStore meters_;
+  const Parts parts_;
+};
+
+}  // namespace
+
+Result<int> RunServer(const ServeOptions& options) {
+  const auto rules = RulesOf(options);
+  if (!rules) {
+    return rules.Error();
+  }
+  const auto media = MediaStore::Open(options.media);
+  if (!media) {
+    return media.Error();
+  }
+  const auto server = HttpServer::Listen(options.listen, {});
+  if (!server) {
+    return server.Error();
+  }
+  StopSignals::Take();
+  AllowDescriptors();
+  if (auto failure = BecomeUnprivileged({kCapNetRaw, kCapSysNice})) {
+    return *std::move(failure);
+  }
+  const Library library;
+  ServeSession session(library.Adapters(), *media, *rules);
+  Print(Results(), "http://{}/\n", (*server)->Address());
+  std::fflush(Results());
+  session.Run(**server);
+  return static_cast<int>(ExitStatus::kPlayed);
+}
+
+}  // namespace ipplay::serve
