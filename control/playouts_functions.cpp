@@ -210,6 +210,15 @@ int IpPlayoutGetTiming(IpPlayout* playout, IpPlayoutTiming* out) {
   });
 }
 
+int IpPlayoutGetLateness(IpPlayout* playout, int64_t up_to_ns, uint64_t* frames, int64_t* sum_ns) {
+  return OnPlayout(playout, [&](ScheduledPlayout& p) {
+    if (frames == nullptr || sum_ns == nullptr) {
+      return NullPointer(frames == nullptr ? "frames" : "sum_ns");
+    }
+    return p.GetLateness(up_to_ns, *frames, *sum_ns);
+  });
+}
+
 int IpPlayoutReadLedger(IpPlayout* playout, IpPlayoutRecord* out, size_t room, size_t* taken) {
   return OnPlayout(playout, [&](ScheduledPlayout& p) {
     if (taken == nullptr || (out == nullptr && room > 0)) {

@@ -442,6 +442,20 @@ Failure ScheduledPlayout::GetFaults(IpPlayoutFaultCounts& out) {
   return run == nullptr ? NeverStarted() : Failure();
 }
 
+Failure ScheduledPlayout::GetLateness(std::int64_t up_to_ns, std::uint64_t& frames,
+                                      std::int64_t& sum_ns) {
+  const std::shared_ptr<ScheduledRun> run = ShareRun();
+  frames = 0;
+  sum_ns = 0;
+  if (run == nullptr) {
+    return NeverStarted();
+  }
+  const auto part = run->LatenessUpTo(std::chrono::nanoseconds(up_to_ns));
+  frames = part.count;
+  sum_ns = part.sum.count();
+  return {};
+}
+
 Failure ScheduledPlayout::ReadLedger(IpPlayoutRecord* out, std::size_t room, std::size_t& taken) {
   taken = 0;
   const std::shared_ptr<ScheduledRun> run = ShareRun();

@@ -57,6 +57,7 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   Failure GetStatistics(PlayoutStatistics& out);
   Failure GetTiming(IpPlayoutTiming& out);
   Failure GetFaults(IpPlayoutFaultCounts& out);
+  Failure GetLateness(std::int64_t up_to_ns, std::uint64_t& frames, std::int64_t& sum_ns);
   Failure ReadLedger(IpPlayoutRecord* out, std::size_t room, std::size_t& taken);
   std::uint64_t Seed();
 

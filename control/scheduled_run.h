@@ -78,6 +78,9 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   bool RanOutOfMemory() const { return builder_->RanOutOfMemory(); }
   PlayoutStatistics Statistics() const { return statistics_.Read(); }
   void ReadTiming(IpPlayoutTiming& out) const;
+  LatenessHistogram::Part LatenessUpTo(std::chrono::nanoseconds bound) const {
+    return stream_->timing.Lateness().UpTo(bound);
+  }
   DepartureLedger& Ledger() { return stream_->ledger; }
   std::uint64_t Seed() const { return seed_; }
   IpPlayoutFaultCounts Faults() const { return faults_.Counts(); }

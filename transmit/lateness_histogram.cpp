@@ -45,6 +45,20 @@ std::uint64_t LatenessHistogram::Count() const {
   return count;
 }
 
+LatenessHistogram::Part LatenessHistogram::UpTo(nanoseconds bound) const {
+  Part part;
+  for (std::size_t i = 0; i < kBuckets; ++i) {
+    const nanoseconds middle(MiddleOf(i));
+    if (middle > bound) {
+      break;
+    }
+    const std::uint64_t count = buckets_[i].load(std::memory_order_acquire);
+    part.count += count;
+    part.sum += middle * static_cast<std::int64_t>(count);
+  }
+  return part;
+}
+
 std::optional<nanoseconds> LatenessHistogram::Maximum() const {
   return Percentile(100);
 }

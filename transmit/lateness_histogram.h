@@ -33,6 +33,12 @@ class LatenessHistogram {
   // The least lateness that `percent`, 0 to 100, of all records do not exceed, at least one of
   // them. Nothing where nothing was recorded.
   std::optional<std::chrono::nanoseconds> Percentile(double percent) const;
+  // Records of at most `bound`, as far as the buckets tell, and their sum.
+  struct Part {
+    std::uint64_t count = 0;
+    std::chrono::nanoseconds sum{0};
+  };
+  Part UpTo(std::chrono::nanoseconds bound) const;
 
  private:
   static constexpr int kSubBits = 4;

@@ -134,6 +134,12 @@ IpPlayoutTiming ScheduledPlayout::Timing() const {
   return timing;
 }
 
+ScheduledPlayout::Lateness ScheduledPlayout::LatenessUpTo(Time bound) const {
+  Lateness lateness;
+  IpPlayoutGetLateness(playout_.get(), bound.count(), &lateness.frames, &lateness.sum_ns);
+  return lateness;
+}
+
 std::uint64_t ScheduledPlayout::Seed() const {
   return IpPlayoutSeed(playout_.get());
 }

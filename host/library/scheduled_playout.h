@@ -72,6 +72,12 @@ class ScheduledPlayout {
   // Of the current or last run; zeros, and -1 for times, before the first one.
   PlayoutStatistics Statistics() const;
   IpPlayoutTiming Timing() const;
+  // Frames that left at most so late, and the sum of their lateness.
+  struct Lateness {
+    std::uint64_t frames = 0;
+    std::int64_t sum_ns = 0;
+  };
+  Lateness LatenessUpTo(Time bound) const;
   std::uint64_t Seed() const;
   // Takes the oldest records of frames, where LedgerFrames were ordered, and says how many.
   std::size_t ReadLedger(std::span<IpPlayoutRecord> out);

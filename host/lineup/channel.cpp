@@ -388,4 +388,18 @@ ChannelStatus Channel::Status() const {
   return status;
 }
 
+std::vector<ScheduledPlayout::Lateness> Channel::LatenessUpTo(std::span<const Time> bounds) const {
+  std::shared_ptr<ChannelRun> run;
+  {
+    const std::lock_guard lock(mutex_);
+    run = starting_ ? nullptr : run_;
+  }
+  std::vector<ScheduledPlayout::Lateness> parts;
+  for (const Time bound : bounds) {
+    parts.push_back(run && run->IsStarted() ? run->Playout().LatenessUpTo(bound)
+                                            : ScheduledPlayout::Lateness());
+  }
+  return parts;
+}
+
 }  // namespace ipplay

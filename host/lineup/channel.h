@@ -9,11 +9,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/library/scheduled_playout.h"
 #include "host/lineup/channel_order.h"
 #include "host/play/play_plan.h"
 #include "ipplayout/playouts.h"
@@ -101,6 +103,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   std::optional<Failure> Damage(ChannelFault fault, std::uint32_t datagrams);
 
   ChannelStatus Status() const;
+  // Of this or the last run: for each bound how many frames left at most so late; zeros before.
+  std::vector<ScheduledPlayout::Lateness> LatenessUpTo(std::span<const Time> bounds) const;
 
  private:
   friend class Engine;

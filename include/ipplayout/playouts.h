@@ -308,6 +308,11 @@ int IpPlayoutGetFaults(IpPlayout* playout, IpPlayoutFaultCounts* out);
 int IpPlayoutGetStatistics(IpPlayout* playout, PlayoutStatistics* out);
 int IpPlayoutGetTiming(IpPlayout* playout, IpPlayoutTiming* out);
 
+// How many frames of the current or last run left at most `up_to_ns` late, and how late all of
+// these were together; INT64_MAX for all that left. Off by 1/32 of the lateness at most. Asked for
+// a few bounds it makes a histogram.
+int IpPlayoutGetLateness(IpPlayout* playout, int64_t up_to_ns, uint64_t* frames, int64_t* sum_ns);
+
 // Takes up to `room` records of frames from the ledger, oldest first; `*taken` says how many.
 int IpPlayoutReadLedger(IpPlayout* playout, IpPlayoutRecord* out, size_t room, size_t* taken);
 

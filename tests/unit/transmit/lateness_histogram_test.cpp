@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <random>
 #include <thread>
 #include <vector>
@@ -23,6 +24,11 @@ std::int64_t ExactPercentile(const std::vector<std::int64_t>& sorted, double per
   return sorted[at];
 }
 
+std::uint64_t CountUpTo(const std::vector<std::int64_t>& samples, double bound) {
+  return static_cast<std::uint64_t>(std::count_if(
+      samples.begin(), samples.end(), [bound](auto s) { return static_cast<double>(s) <= bound; }));
+}
+
 TEST(LatenessHistogram, PercentilesAreOffByAThirtySecondAtMost) {
   std::mt19937_64 random(7);
   std::uniform_real_distribution<double> exponent(-1, 11);  // 0 ns to 100 s
@@ -39,10 +45,19 @@ TEST(LatenessHistogram, PercentilesAreOffByAThirtySecondAtMost) {
       std::sort(samples.begin(), samples.end());
       EXPECT_EQ(histogram.Count(), count);
       EXPECT_EQ(histogram.Maximum()->count(), samples.back());
+      const auto all = histogram.UpTo(nanoseconds::max());
+      const auto sum =
+          static_cast<double>(std::accumulate(samples.begin(), samples.end(), std::int64_t{0}));
+      EXPECT_EQ(all.count, count);
+      EXPECT_LE(std::abs(static_cast<double>(all.sum.count()) - sum), sum / 32);
       for (const double percent : {0.0, 0.1, 1.0, 25.0, 50.0, 75.0, 90.0, 99.0, 99.9, 100.0}) {
         const auto exact = static_cast<double>(ExactPercentile(samples, percent));
         const auto told = static_cast<double>(histogram.Percentile(percent)->count());
         EXPECT_LE(std::abs(told - exact), exact / 32) << percent << " % of " << count;
+        // Samples near the bound may be counted on either side of it.
+        const auto part = histogram.UpTo(nanoseconds(static_cast<std::int64_t>(exact)));
+        EXPECT_GE(part.count, CountUpTo(samples, exact * 30 / 32)) << percent;
+        EXPECT_LE(part.count, CountUpTo(samples, exact * 34 / 32)) << percent;
       }
     }
   }
