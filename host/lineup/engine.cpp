@@ -130,6 +130,10 @@ Channel::Time FromWallClock(Channel::Time since_1970) {
   return ScheduledPlayout::Now() + ahead;
 }
 
+void Engine::OnStartingThread(const std::function<void()>& task) {
+  keeper_->Do([&task] { task(); });
+}
+
 void Engine::Stop(std::span<const std::shared_ptr<Channel>> channels) {
   std::vector<std::thread> stops;
   constexpr std::size_t kAtATime = 16;

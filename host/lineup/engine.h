@@ -2,6 +2,7 @@
 // All channels of a process: one thread feeds them, another one starts them.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -49,6 +50,8 @@ class Engine {
   // moment.
   std::vector<std::pair<std::string, Failure>> StartAsOrdered(
       std::span<const std::shared_ptr<Channel>> channels);
+  // Runs `task` on the thread that starts channels, which has their rights, and waits for it.
+  void OnStartingThread(const std::function<void()>& task);
   // All of them; takes as long as the slowest.
   void Stop(std::span<const std::shared_ptr<Channel>> channels);
 

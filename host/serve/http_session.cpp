@@ -8,6 +8,8 @@
 #include <boost/beast/http/write.hpp>
 #include <utility>
 
+#include "host/serve/http_header.h"
+
 namespace ipplay::serve {
 namespace {
 
@@ -44,27 +46,6 @@ void SetHeaders(const HttpResponse& response, Message& message) {
   for (const auto& [name, value] : response.headers) {
     message.set(name, value);
   }
-}
-
-std::string Text(boost::beast::string_view text) {
-  return {text.data(), text.size()};
-}
-
-// False where the target is no path.
-template <typename Header>
-bool TakeHeader(const Header& header, HttpRequest& request) {
-  request = {};
-  request.method = Text(header.method_string());
-  for (const auto& field : header) {
-    std::string name = Text(field.name_string());
-    for (char& c : name) {
-      c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
-    }
-    request.repeats_host |= name == "host" && request.headers.contains(name);
-    request.headers.emplace(std::move(name), Text(field.value()));
-  }
-  const std::string target = Text(header.target());
-  return ParseTarget(target, request);
 }
 
 }  // namespace

@@ -65,7 +65,7 @@ class Walk {
     }
     const std::string whole = path + "/" + name;
     if (S_ISDIR(info.st_mode) && depth < kDeepest) {
-      const FileDescriptor below = OpenBeneath(folder, name, O_PATH | O_DIRECTORY);
+      const FileDescriptor below = OpenBeneath(folder, name, O_RDONLY | O_DIRECTORY);
       if (below.IsOpen()) {
         Run(below.Get(), whole, depth + 1);
       }

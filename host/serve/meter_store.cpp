@@ -6,6 +6,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <future>
+#include <type_traits>
 #include <utility>
 
 #include "host/base/capabilities.h"
@@ -76,17 +77,23 @@ Json FiguresJson(const Meter& meter) {
 class MeterStore::Opener {
  public:
   Opener() {
-    boost::asio::post(pool_, [] { KeepCapabilities({kCapNetRaw}); });
+    Do([] { KeepCapabilities({kCapNetRaw}); });
   }
 
   Result<MeterSource> Open(const MeterOrder& order) {
-    std::packaged_task<Result<MeterSource>()> task([&order] { return OpenMeterSource(order); });
-    auto source = task.get_future();
-    boost::asio::post(pool_, [&task] { task(); });
-    return source.get();
+    return Do([&order] { return OpenMeterSource(order); });
   }
 
  private:
+  // Waits for it.
+  template <typename Work>
+  std::invoke_result_t<Work> Do(Work work) {
+    std::packaged_task<std::invoke_result_t<Work>()> task(std::move(work));
+    auto result = task.get_future();
+    boost::asio::post(pool_, [&task] { task(); });
+    return result.get();
+  }
+
   boost::asio::thread_pool pool_{1};
 };
 

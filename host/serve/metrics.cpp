@@ -14,6 +14,7 @@ std::string MetricsText(const PlayoutStore& playouts, const MeterStore& meters) 
   info.Add({{"version", IPPLAYOUT_VERSION}}, std::uint64_t{1});
   families.push_back(info.Take());
   AddPlayoutMetrics(playouts.Statuses(), families);
+  AddLateness(playouts.All(), families);
   AddStreamMetrics(meters.All(), families);
   std::erase_if(families, [](const auto& family) { return family.metric.empty(); });
   return prometheus::TextSerializer().Serialize(families);

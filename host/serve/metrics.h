@@ -21,6 +21,7 @@ std::string MetricsText(const PlayoutStore& playouts, const MeterStore& meters);
 
 // Its parts: counters of playouts and meters begin at 0 with each run, as those of a program do.
 void AddPlayoutMetrics(const std::vector<ChannelStatus>& playouts, Families& families);
+void AddLateness(const PlayoutStore::Channels& channels, Families& families);
 void AddStreamMetrics(const std::vector<std::shared_ptr<const Meter>>& meters, Families& families);
 
 }  // namespace ipplay::serve

@@ -17,7 +17,7 @@
 namespace ipplay::serve {
 namespace {
 
-constexpr int kLongestWaitSeconds = 5;
+constexpr int kLongestWaitSeconds = 2;
 
 template <typename T>
 Json OrNull(const std::optional<T>& value) {

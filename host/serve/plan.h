@@ -10,7 +10,8 @@
 
 namespace ipplay::serve {
 
-// The plan, or what is wrong with the order. A live input is waited for at most some seconds.
+// The plan, or what is wrong with the order. A live input is waited for at most two seconds. Rights
+// are those of the calling thread.
 HttpResponse PlanOf(const Order& order, const std::vector<Adapter>& adapters);
 
 }  // namespace ipplay::serve

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <array>
+#include <chrono>
+#include <limits>
 
+#include "host/base/address.h"
 #include "host/serve/metric_family.h"
 #include "host/serve/metrics.h"
 
@@ -8,6 +11,7 @@ namespace ipplay::serve {
 namespace {
 
 using prometheus::MetricType;
+using namespace std::chrono_literals;
 
 constexpr double kBitsPerByte = 8;
 constexpr double kSecond = 1e9;  // in nanoseconds
@@ -17,6 +21,11 @@ constexpr std::array<std::string_view, 7> kStates{"ready", "playing", "paused", 
 std::optional<double> Bytes(const std::optional<double>& bits) {
   return bits ? std::optional(*bits / kBitsPerByte) : std::nullopt;
 }
+
+// The last one is for all frames.
+constexpr std::array<Channel::Time, 15> kBounds{1us,   5us,   10us,  20us, 50us,
+                                                100us, 200us, 500us, 1ms,  2ms,
+                                                5ms,   10ms,  100ms, 1s,   Channel::Time::max()};
 
 Labels LabelsOf(const ChannelStatus& status) {
   return {{"playout", status.name}, {"target", status.target}};
@@ -108,6 +117,26 @@ void AddPlayoutMetrics(const std::vector<ChannelStatus>& playouts, Families& fam
   AddRates(playouts, families);
   AddFaults(playouts, families);
   AddDepartures(playouts, families);
+}
+
+void AddLateness(const PlayoutStore::Channels& channels, Families& families) {
+  MetricFamily lateness("ipplay_playout_lateness_seconds",
+                        "How far behind their places in the schedule frames left.",
+                        MetricType::Histogram);
+  for (const auto& channel : channels) {
+    const auto parts = channel->LatenessUpTo(kBounds);
+    std::vector<MetricFamily::Bucket> buckets;
+    for (std::size_t i = 0; i < kBounds.size(); ++i) {
+      const bool is_last = i + 1 == kBounds.size();
+      const double bound = static_cast<double>(kBounds.at(i).count()) / kSecond;
+      buckets.push_back(
+          {is_last ? std::numeric_limits<double>::infinity() : bound, parts.at(i).frames});
+    }
+    lateness.AddHistogram(
+        {{"playout", channel->Order().name}, {"target", FormatTarget(channel->Options().to)}},
+        buckets, parts.back().frames, static_cast<double>(parts.back().sum_ns) / kSecond);
+  }
+  families.push_back(lateness.Take());
 }
 
 }  // namespace ipplay::serve

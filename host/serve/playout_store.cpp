@@ -117,15 +117,20 @@ HttpResponse PlayoutStore::Answer(const Channel& channel,
   return JsonResponse(json);
 }
 
-HttpResponse PlayoutStore::Plan(const HttpRequest& request) const {
+HttpResponse PlayoutStore::Plan(const HttpRequest& request) {
   RequestFields fields(request.body, {"options"});
   auto options = fields.Options("options");
   if (!fields.Require("options", options) || fields.Error()) {
     return *fields.Error();
   }
   const auto order = MakeOrder(*std::move(options), media_);
-  return order ? PlanOf(*order, adapters_)
-               : FailureResponse(order.Error(), FieldOf(order.Error().message));
+  if (!order) {
+    return FailureResponse(order.Error(), FieldOf(order.Error().message));
+  }
+  // Where there is no right to send, the plan is another one.
+  HttpResponse plan;
+  engine_.OnStartingThread([&] { plan = PlanOf(*order, adapters_); });
+  return plan;
 }
 
 HttpResponse PlayoutStore::List() const {

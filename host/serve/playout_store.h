@@ -27,7 +27,7 @@ class PlayoutStore {
   // All outlive this. Rights are as Engine says.
   PlayoutStore(std::vector<Adapter> adapters, const MediaStore& media, EventFeed& feed);
 
-  HttpResponse Plan(const HttpRequest& request) const;
+  HttpResponse Plan(const HttpRequest& request);
   HttpResponse List() const;
   HttpResponse Create(const HttpRequest& request);
   // Of the playout with this name.
@@ -51,6 +51,7 @@ class PlayoutStore {
 
   // As it stands, with names that clients know.
   std::vector<ChannelStatus> Statuses() const;
+  Channels All() const { return engine_.List(); }
 
  private:
   struct Entry {

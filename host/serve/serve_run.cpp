@@ -93,6 +93,7 @@ class ServeSession {
     TellServiceManager("READY=1");
     server.Run(std::move(hooks), feed_, StopSignals::Fd());
     TellServiceManager("STOPPING=1");
+    playouts_.GetEngine().Stop(playouts_.All());
   }
 
  private:
@@ -132,6 +133,10 @@ Result<int> RunServer(const ServeOptions& options) {
   const auto server = HttpServer::Listen(options.listen, {});
   if (!server) {
     return server.Error();
+  }
+  if (const auto missing = MissingRightToSend()) {
+    Print(stderr, "ipplay: note: {}; playouts go through UDP sockets, and no meter starts\n",
+          *missing);
   }
   StopSignals::Take();
   AllowDescriptors();
