@@ -31,5 +31,5 @@ for sanitizer in asan tsan; do
 done
 # Any calls in any order; hostile frames for the measuring end, command lines and streams for the
 # player: a few seconds of each.
-build fuzz {capture,decoder,frames,interface,measure,options,playouts,stream}_fuzzer
+build fuzz {capture,decoder,frames,interface,measure,options,playouts,request,stream}_fuzzer
 run_tests fuzz -L fuzz

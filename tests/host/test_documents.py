@@ -242,7 +242,7 @@ class Descriptions(unittest.TestCase):
 
     def test_man_page_has_every_option(self):
         page = text_of("docs", "man", "ipplay.1").replace("\\-", "-")
-        commands = [[], ["play"], ["devices"], ["resolve"], ["measure"], ["lineup"], ["gather"], ["demo"]]
+        commands = [[], ["play"], ["devices"], ["resolve"], ["measure"], ["lineup"], ["gather"], ["serve"], ["demo"]]
         options = set().union(*(options_of(*command) for command in commands))
         self.assertGreater(len(options), 90)
         self.assertEqual({option for option in options if option not in page}, set())
