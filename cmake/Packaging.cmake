@@ -26,10 +26,13 @@ if(IPPLAYOUT_BUILD_HOST)
   install_compressed("${root}/docs/man/ipplay.1" ipplay.1 "${CMAKE_INSTALL_MANDIR}/man1" tool)
   install(FILES "${root}/host/completion/ipplay"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tool)
-  install(FILES "${root}/packaging/ipplay-lineup@.service" DESTINATION lib/systemd/system COMPONENT tool)
-  install(FILES "${root}/docs/fleet.md" "${root}/docs/json.md" "${root}/docs/measuring.md" "${root}/docs/recipes.md"
-    "${root}/docs/security.md" "${root}/packaging/README.Debian"
+  install(FILES "${root}/packaging/ipplay-lineup@.service" "${root}/packaging/ipplay-serve.service"
+    DESTINATION lib/systemd/system COMPONENT tool)
+  install(FILES "${root}/docs/fleet.md" "${root}/docs/json.md" "${root}/docs/measuring.md" "${root}/docs/openapi.json"
+    "${root}/docs/recipes.md" "${root}/docs/security.md" "${root}/docs/serve.md" "${root}/packaging/README.Debian"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay" COMPONENT tool)
+  install(FILES "${root}/examples/monitoring/alerts.yml" "${root}/examples/monitoring/dashboard.json"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay/examples/monitoring" COMPONENT tool)
   install(DIRECTORY "${root}/examples/fleet" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ipplay/examples" COMPONENT tool
     USE_SOURCE_PERMISSIONS)
   # In Debian's packages alone: elsewhere no Python would look there, and pip installs it.
