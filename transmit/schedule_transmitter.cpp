@@ -247,6 +247,7 @@ void ScheduleTransmitter::Schedule(ScheduledStream& stream, Time now) {
   if (!stream.start) {
     stream.start = now - frame.due;
   }
+  stream.full_since.reset();  // a pause is no time in which the sink was full
   stream.planned = stream.next = stream.policy.Plan(*stream.start + frame.due);
   // What follows late data is late, too, and not missing once more.
   const Time dry = now - std::max(stream.planned, stream.awaiting_since);
