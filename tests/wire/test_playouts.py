@@ -9,8 +9,8 @@ import threading
 import time
 import unittest
 
-from playouts import (BAD_DESTINATION, BAD_PLAYOUT, BAD_VALUE, BOUNDED, CATCH_UP, DROP, ENDED, SHIFT, TO_FILE,
-                      TO_SOCKET, Playouts, Refused, ScheduledModel, read_pcapng)
+from playouts import (BAD_DESTINATION, BAD_PLAYOUT, BAD_VALUE, BOUNDED, CATCH_UP, COUNTS, DROP, ENDED, SHIFT,
+                      TO_FILE, TO_SOCKET, Playouts, Refused, ScheduledModel, read_pcapng)
 from wire_case import TAGGED, TYPICAL, TYPICAL_IPV6, UDP, Model, WireCase, datagrams, stream
 
 ERRORS = {"ErrInsertionEnable": 1, "PacketLossEnabled": 1, "NumPacketLoss": 1, "PacketLossRange": 7,
@@ -223,6 +223,40 @@ def to_socket(library, bed_path):
         return [receiver.recv(2000) for _ in range(50)]
 
 
+def beside_a_slow_queue(library, bed_path):
+    """One socket leads to loopback, the other into a queue of a megabit per second: how many frames of each
+    had left when all of the first had."""
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    subprocess.run("tc qdisc add dev near root tbf rate 1mbit burst 3000 limit 6000".split(), check=True)
+    try:
+        playouts, shape = Playouts(bed_path), {**TYPICAL, "Identification": 0, "SourceIP": bytes(4), "SourcePort": 0}
+        good = playouts.open({**shape, "DestinationIP": bytes((127, 0, 0, 1)), "IPBitRate": 50.0}, To=TO_SOCKET,
+                             Destination=b"", StartBytes=0)
+        slow = playouts.open({**shape, "DestinationIP": bytes((239, 1, 2, 3)), "IPBitRate": 50.0}, To=TO_SOCKET,
+                             Destination=b"near", StartBytes=0, Refused=COUNTS)
+        playouts.start([good, slow])
+        feed = threading.Thread(target=feed_until_stopped, args=(slow,))
+        feed.start()
+        good.write(stream(1316 * 3000))
+        good.call("End")
+        good.call("Wait", -1)
+        left = [p.timing()["OnTime"] + p.timing()["Late"] for p in (good, slow)]
+        slow.call("Stop")
+        feed.join()
+        return left, good.timing()["NotSent"]
+    finally:
+        subprocess.run("tc qdisc del dev near root".split(), check=True)
+
+
+def feed_until_stopped(playout):
+    data = stream(1316 * 100)
+    try:
+        while True:
+            playout.write(data)
+    except Refused:
+        pass
+
+
 def stamped(library, bed_path):
     playout = Playouts(bed_path).open(to_adapter(TYPICAL), Stamps=1, LedgerFrames=400, StartBytes=0)
     playout.play(stream(1316 * 300))
@@ -291,6 +325,11 @@ class Wire(WireCase):
         good = [f for f in outcome.frames if struct.unpack(">H", f[36:38])[0] == 6001]
         self.assertEqual(len(good), 3000)
         self.assertEqual(outcome.value[1]["NotSent"], 0)
+
+    def test_a_socket_behind_a_slow_queue_holds_up_no_other(self):
+        (good, slow), not_sent = self.bed.run(beside_a_slow_queue, self.bed.library_path).value
+        self.assertEqual((good, not_sent), (3000, 0))
+        self.assertLess(slow, 1500)  # as many as the other had they taken turns
 
     def test_a_socket_reaches_this_machine(self):
         received = self.bed.run(to_socket, self.bed.library_path).value
