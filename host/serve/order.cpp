@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/serve/order.h"
 
+#include <CLI/App.hpp>
 #include <algorithm>
 #include <utility>
 
@@ -14,13 +15,22 @@ bool IsLive(const std::string& input) {
   return input.starts_with("udp://") || input.starts_with("rtp://");
 }
 
+// Whether `ipplay play` takes the name of a file for it.
+bool TakesFile(const std::string& name) {
+  CLI::App command;
+  PlayOptions scratch;
+  DefinePlayOptions(command, scratch);
+  const CLI::Option* const option = command.get_option_no_throw("--" + name);
+  return option != nullptr && option->get_type_name().find("FILE") != std::string::npos;
+}
+
 // A target without "://" may be the name of a file.
 std::optional<Failure> RefuseFiles(const ChannelOption& option) {
   const bool is_file =
       option.name == "to" && std::ranges::any_of(option.values, [](const auto& to) {
         return to.find("://") == std::string::npos;
       });
-  if (option.name == "into" || is_file) {
+  if (is_file || (option.name != "input" && option.name != "to" && TakesFile(option.name))) {
     return UsageFailure("--" + option.name +
                         ": the server writes no files; give a target as rtp://239.1.1.1:5004");
   }

@@ -99,7 +99,9 @@ HttpResponse Refused(const Order& order, const Failure& failure) {
 }
 
 Json PlanJson(const Order& order, const PlayOptions& options, Prepared& prepared) {
-  const auto& [path, facts, plan, input] = prepared;
+  const Path& path = prepared.path;
+  const StreamFacts& facts = prepared.facts;
+  const PlayPlan& plan = prepared.plan;
   const auto payload = FirstPayload(plan, facts, prepared.input);
   const bool known = path.destination.has_value() || options.dst_mac.has_value();
   Json json{{"schema", 1},
