@@ -10,11 +10,10 @@ import subprocess
 import time
 import unittest
 
-from playbed import IPPLAY, SAMPLE, SAMPLE_RATE, PlayCase, install, read_file
+from playbed import IPPLAY, SAMPLE, PlayCase, install, read_file
 
 HEADERS = 14 + 20 + 8 + 12
 RATE = 4_000_000
-SPEED = RATE / SAMPLE_RATE
 
 
 def run(*arguments, environment=None):
@@ -63,7 +62,7 @@ class OnTheWire(Files):
         path = self.write("series.toml", f"""
             [defaults]
             device = "{self.bed.NEAR}"
-            speed = {SPEED}
+            bitrate = {RATE}
             [[generate]]
             name = "c{{n:2}}"
             count = 12
@@ -100,7 +99,7 @@ class OnTheWire(Files):
         path = self.write("fails.toml", f"""
             [defaults]
             device = "{self.bed.NEAR}"
-            speed = {SPEED}
+            bitrate = {RATE}
             [[channel]]
             name = "good"
             input = "s1.ts"
@@ -139,7 +138,7 @@ class OnTheWire(Files):
             input = "s1.ts"
             to = "rtp://239.1.0.1:5004"
             device = "{self.bed.NEAR}"
-            speed = {SPEED}
+            bitrate = {RATE}
             """)
         rights = "+net_raw,+sys_nice"
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
@@ -237,7 +236,7 @@ class OnTheWire(Files):
         text = f"""
             [defaults]
             device = "{self.bed.NEAR}"
-            speed = {SPEED}
+            bitrate = {RATE}
             loop = "forever"
             [[channel]]
             name = "stays"
