@@ -86,6 +86,10 @@ void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& ada
   }
 }
 
+LineupFacts FactsAtStart(const LineupOptions& options, std::vector<BrokenRun> broken_runs) {
+  return {options.file, options.part, NameOfMachine(), {}, SystemNow(), 0, std::move(broken_runs)};
+}
+
 // One lineup while it runs. On the main thread; the channels' events come on others.
 class LineupSession {
  public:
@@ -95,8 +99,7 @@ class LineupSession {
       : options_(options),
         result_(std::move(result)),
         reload_(reload),
-        facts_{options.file,          options.part, NameOfMachine(), {}, SystemNow(), 0,
-               std::move(broken_runs)},
+        facts_(FactsAtStart(options, std::move(broken_runs))),
         view_(!options.quiet && !options.json),
         engine_(std::move(adapters), [this](const ChannelEvent& event) { Take(event); }) {
     // What is left for this thread: to read the file again, and to write results as whose they are.
