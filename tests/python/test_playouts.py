@@ -98,6 +98,7 @@ def test_ledger_statistics_and_timing_agree(to_file, frames, stream):
         records = list(p.ledger())
         assert list(p.ledger()) == []
         statistics, timing = p.statistics(), p.timing()
+        assert p.lateness() == p.lateness(0) == (timing.on_time, 0)  # virtual time is never late
         assert p.seed == 7
     lost = [each for each in records if each.did == Did.LOSE]
     assert [each.datagram for each in records] == list(range(2000))

@@ -41,6 +41,7 @@ FUNCTIONS: dict[str, tuple[type | None, list[type]]] = {
     "Damage": (c_int, [c_void_p, c_uint32, c_uint32]),
     "GetStatistics": (c_int, [c_void_p, POINTER(PlayoutStatistics)]),
     "GetTiming": (c_int, [c_void_p, POINTER(IpPlayoutTiming)]),
+    "GetLateness": (c_int, [c_void_p, c_int64, POINTER(c_uint64), POINTER(c_int64)]),
     "ReadLedger": (c_int, [c_void_p, POINTER(IpPlayoutRecord), c_size_t, POINTER(c_size_t)]),
     "Seed": (c_uint64, [c_void_p]),
     "Error": (c_char_p, []),

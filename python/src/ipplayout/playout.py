@@ -469,6 +469,16 @@ class Playout:
             values[name] = values[name] if record.Stamps else None
         return Timing(*values.values())
 
+    def lateness(self, up_to_ns: int | None = None) -> tuple[int, int]:
+        """How many frames left at most so late (without a bound: all that left), and how late these were together, in ns.
+
+        Off by 1/32 of the lateness at most; for a few bounds it makes a histogram.
+        """
+        frames, together = ctypes.c_uint64(), ctypes.c_int64()
+        bound = 2**63 - 1 if up_to_ns is None else up_to_ns
+        self._call("GetLateness", bound, ctypes.byref(frames), ctypes.byref(together))
+        return frames.value, together.value
+
     def ledger(self) -> Iterator[Frame]:
         """Takes the records of frames, oldest first, as many as there are by now (``ledger=`` says how many are kept)."""
         records = (IpPlayoutRecord * LEDGER_ROOM)()
