@@ -217,6 +217,15 @@ void NoteBytesLeftOut(const StreamFacts& facts, Notes& notes) {
   }
 }
 
+void NoteFormat(const PlayOptions& options, const StreamFacts& facts, Notes& notes) {
+  if (facts.format.packet_bytes > 188 && !options.as_188) {
+    notes.push_back(fmt::format(
+        "packets of {} bytes leave as they are, and few receivers take them; --as-188 plays 188 "
+        "bytes of each",
+        facts.format.packet_bytes));
+  }
+}
+
 void NoteJitter(const PlayOptions& options, const PlayPlan& plan, Notes& notes) {
   if (options.jitter && options.jitter->distribution == 0 &&
       options.jitter->amount * 500 > static_cast<double>(plan.rates.gap.count())) {
@@ -242,6 +251,7 @@ void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& pl
   NoteStart(options, plan.notes);
   NoteRtpClock(plan, plan.notes);
   NoteBitRate(options, facts, plan, plan.notes);
+  NoteFormat(options, facts, plan.notes);
   NoteBytesLeftOut(facts, plan.notes);
   if (options.near_wrap && !plan.rounds.restamp) {
     plan.notes.emplace_back(

@@ -29,14 +29,14 @@ struct PlayPlan {
   EditPlan edits;
   std::uint32_t copies = 1;
   double speed = 1;  // --speed, without --ppm
-  Damage damage;  // of the input, as the notes say
+  Damage damage;     // of the input, as the notes say
   Settings settings;
   bool by_schedule = false;         // by a playout with a handle
   IpPlayoutSettings schedule{};     // its settings
   std::optional<PcrRate> pcr_rate;  // of a stream that is played at the times of its PCRs
   // The clock of an input that comes once is followed, and what it brings waits for so long.
   std::optional<std::chrono::nanoseconds> lead;
-  std::vector<std::string> notes;   // what the user should know, a line each
+  std::vector<std::string> notes;  // what the user should know, a line each
 };
 
 // "INPUT is damaged in 2 places: ...".

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/stream/round_reader.h"
 
+#include <fmt/format.h>
+
 #include <cerrno>
 
 namespace ipplay {
@@ -35,6 +37,9 @@ std::span<std::uint8_t> RoundReader::Next() {
     }
     packets = inside = reader_->Next();
   }
+  if (packets.empty() && !input_.Size() && !input_.IsStopped()) {
+    trailing_bytes_ = reader_->TrailingBytes();
+  }
   offset_ = reader_->Offset() - packets.size() +
             static_cast<std::uint64_t>(inside.data() - packets.data());
   input_.ForgetArrivalsBefore(offset_);
@@ -42,6 +47,15 @@ std::span<std::uint8_t> RoundReader::Next() {
     filter_->Filter(inside);
   }
   return inside;
+}
+
+std::vector<std::string> RoundReader::Notes() const {
+  auto notes = input_.Notes();
+  if (trailing_bytes_ > 0) {
+    notes.push_back(fmt::format("{} bytes after the last whole transport packet are left out",
+                                trailing_bytes_));
+  }
+  return notes;
 }
 
 void RoundReader::StartNextRound() {

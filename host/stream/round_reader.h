@@ -36,7 +36,7 @@ class RoundReader {
     return first_round_damage_ ? *first_round_damage_ : reader_->Damaged();
   }
   // What the user should know about the input, a line each; of all that was read.
-  std::vector<std::string> Notes() const { return input_.Notes(); }
+  std::vector<std::string> Notes() const;
   PacketFormat Format() const { return format_; }
   // errno of a failed read, ENODATA if the file has become shorter, or 0.
   int ReadError() const;
@@ -54,6 +54,7 @@ class RoundReader {
   std::optional<ProgramFilter> filter_;
   std::uint64_t offset_ = 0;  // in the input, of what Next() returned last
   std::optional<Damage> first_round_damage_;
+  std::size_t trailing_bytes_ = 0;  // of what comes once
 };
 
 }  // namespace ipplay

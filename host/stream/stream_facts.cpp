@@ -256,6 +256,13 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   if (options.raw) {
     return RawFacts(input, std::move(head));
   }
+  constexpr std::size_t kLeast = 188;
+  if (!detection.format && head.size() < kLeast) {
+    return UsageFailure(fmt::format(
+        "INPUT: {} has {} byte{}, fewer than a transport packet; give --raw to play any "
+        "bytes",
+        input.Name(), head.size(), head.size() == 1 ? "" : "s"));
+  }
   if (!detection.format) {
     return NoTransportStream(input, detection.sync_lost);
   }

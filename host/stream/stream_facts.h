@@ -42,7 +42,7 @@ struct ExamineOptions {
   // How much of what comes once is read ahead, by its PCRs and in bytes.
   std::chrono::nanoseconds read_ahead = std::chrono::seconds(2);
   std::size_t most_read_ahead = std::size_t{32} << 20;
-  bool whole = false;     // read a large file whole too, so that its length is exact
+  bool whole = false;  // read a large file whole too, so that its length is exact
   std::optional<std::uint16_t> pcr_pid{};
   std::optional<TimeSpan> window{};        // what to play; none: all
   std::optional<std::uint16_t> program{};  // the only one to play; none: all

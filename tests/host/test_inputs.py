@@ -31,6 +31,8 @@ class Inputs(PlayCase):
                 listener.bind(path)
         elif name != "missing":
             with open(path, "wb") as file:
+                if name == "short":
+                    file.write(b"G")
                 if name == "sparse":
                     file.truncate(10 << 30)
                 if name == "unreadable":
@@ -39,7 +41,7 @@ class Inputs(PlayCase):
 
     def test_what_cannot_be_played(self):
         for name, message in (("folder", "is a folder; give a file or -"), ("empty", "is empty"),
-                              ("missing", "No such file"),
+                              ("missing", "No such file"), ("short", "has 1 byte, fewer than a transport packet"),
                               ("unreadable", "Permission denied"), ("socket", "No such device or address"),
                               ("sparse", "sync lost at offset 0;")):
             with self.subTest(name):
@@ -163,6 +165,8 @@ class Pipes(PlayCase):
             writer.stdout.close()
             writer.wait()
             self.assertEqual(played.payload(42), read_file(SAMPLE)[:188 * 300])
+            self.assertEqual("note: 50 bytes after the last whole transport packet are left out\n" in played.errors,
+                             size > 188 * 300)
 
 
 class Terminals(PlayCase):
