@@ -15,8 +15,8 @@ test_packages+=(mypy python3-pytest python3-pip python3-venv python3-setuptools 
   python3-matplotlib)
 # For tests/fleet and bench/fleet: the scheduler whose nodes play a lineup.
 fleet_packages=(slurm-wlm munge iproute2)
-# For those of `ipplay serve`.
-test_packages+=(prometheus)
+# For those of `ipplay serve`: what asks for its metrics, a browser, and what drives that.
+test_packages+=(prometheus chromium chromium-driver python3-selenium)
 # For tools/lint.sh and tools/coverage.sh besides.
 lint_packages=(cppcheck clang-format clang clang-tidy flake8 mypy python3-pytest shellcheck)
 coverage_packages=(gcovr)
