@@ -17,6 +17,7 @@
 #include "host/measure/measure_command.h"
 #include "host/play/play_command.h"
 #include "host/serve/serve_command.h"
+#include "host/serve/serve_demo.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ int Run(int argc, char** argv) {
   ipplay::RegisterLineup(app, outcome);
   ipplay::RegisterGather(app, outcome);
   ipplay::RegisterServe(app, outcome);
-  ipplay::RegisterDemo(app, outcome);
+  ipplay::RegisterDemo(app, outcome, ipplay::serve::ServeDemo);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {

@@ -40,6 +40,8 @@ struct DemoOptions {
   std::chrono::nanoseconds length{};
   std::string report_file;
   std::string report_over;  // what an older report must start with to be replaced
+  bool serve = false;
+  std::string listen;
 };
 
 struct DemoStream {
@@ -172,7 +174,26 @@ Result<int> RunDemo(const DemoOptions& options) {
 
 namespace ipplay {
 
-void RegisterDemo(CLI::App& app, Result<int>& outcome) {
+namespace {
+
+// What does not go together with --serve, or not without it.
+std::optional<Failure> Misplaced(const CLI::App& command, bool serve) {
+  const auto given = [&](const char* name) { return command.get_option(name)->count() > 0; };
+  if (!serve && given("--listen")) {
+    return UsageFailure("--listen: only --serve listens; add --serve");
+  }
+  for (const char* const name : {"FILE", "--bitrate", "--length", "--report"}) {
+    if (serve && given(name)) {
+      return UsageFailure(
+          fmt::format("{}: --serve plays streams of its own; leave out one of the two", name));
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+void RegisterDemo(CLI::App& app, Result<int>& outcome, const DemoServer& serve) {
   CLI::App* command = app.add_subcommand(
       "demo", "Play and measure side by side, between two network namespaces of its own");
   const auto options = std::make_shared<measure::DemoOptions>();
@@ -193,7 +214,19 @@ void RegisterDemo(CLI::App& app, Result<int>& outcome) {
       "5s");
   add.Value("--report", options->report_file, "FILE", "a file", "Write a page with plots (HTML)",
             ParseText, "ipplay-demo.html");
-  command->callback([options, length_option, command, &app, &outcome] {
+  add.Flag("--serve", options->serve,
+           "Serve the control room's page instead, with playouts and a meter, until Ctrl-C");
+  add.Value("--listen", options->listen, "ADDRESS:PORT", "an address and a port",
+            "Where --serve listens", ParseText, "127.0.0.1:8080");
+  command->callback([options, length_option, command, serve, &app, &outcome] {
+    if (auto failure = Misplaced(*command, options->serve)) {
+      outcome = *std::move(failure);
+      return;
+    }
+    if (options->serve) {
+      outcome = serve(options->listen);
+      return;
+    }
     if (IsFromFile(app, *command, "--report")) {
       options->report_over = measure::kReportStart;
     }

@@ -4,11 +4,17 @@
 #pragma once
 
 #include <CLI/App.hpp>
+#include <functional>
+#include <string>
 
 #include "host/base/result.h"
 
 namespace ipplay {
 
-void RegisterDemo(CLI::App& app, Result<int>& outcome);
+// Serves the page of a demonstration at an address and port. It comes from serve/, which stands
+// behind this folder in the order of includes.
+using DemoServer = std::function<Result<int>(const std::string& listen)>;
+
+void RegisterDemo(CLI::App& app, Result<int>& outcome, const DemoServer& serve);
 
 }  // namespace ipplay

@@ -59,24 +59,29 @@ bool RunIp(const std::string& commands) {
   return ::pclose(ip) == 0 && written;
 }
 
+Failure Refused() {
+  return {ExitStatus::kNoAccess, fmt::format("cannot make network namespaces: {}; run as "
+                                             "root (in a container: a privileged one)",
+                                             std::strerror(errno))};
+}
+
+Failure NoPair() {
+  return {ExitStatus::kFailed, "cannot make a veth pair with ip(8); its package is iproute2"};
+}
+
 }  // namespace
 
 Result<DemoNetwork> DemoNetwork::Create() {
-  const auto refused = [] {
-    return Failure{ExitStatus::kNoAccess, fmt::format("cannot make network namespaces: {}; run as "
-                                                      "root (in a container: a privileged one)",
-                                                      std::strerror(errno))};
-  };
   if (!BecomeRoot()) {
-    return refused();
+    return Refused();
   }
   DemoNetwork network(NewNamespace());
   if (!network.near_.IsOpen()) {
-    return refused();
+    return Refused();
   }
   const FileDescriptor far = NewNamespace();
   if (!far.IsOpen()) {
-    return refused();
+    return Refused();
   }
   const bool made =
       RunIp(fmt::format("link add {} type veth peer name {} netns /proc/{}/fd/{}\n"
@@ -89,10 +94,24 @@ Result<DemoNetwork> DemoNetwork::Create() {
                         kNear, kNear)) &&
       ::setns(far.Get(), CLONE_NEWNET) == 0;
   if (!made) {
-    return Failure{ExitStatus::kFailed,
-                   "cannot make a veth pair with ip(8); its package is iproute2"};
+    return NoPair();
   }
   return network;
+}
+
+std::optional<Failure> DemoNetwork::EnterWhole() {
+  if (!BecomeRoot() || !NewNamespace().IsOpen()) {
+    return Refused();
+  }
+  const bool made =
+      RunIp(fmt::format("link set lo up\n"
+                        "link add {0} type veth peer name {1}\n"
+                        "address add 10.77.0.1/24 dev {1}\n"
+                        "link set {0} up\n"
+                        "link set {1} up\n"
+                        "route add 224.0.0.0/4 dev {1}\n",
+                        kFar, kNear));
+  return made ? std::nullopt : std::optional(NoPair());
 }
 
 bool DemoNetwork::EnterNear() const {

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Two network namespaces without names, joined by a veth pair. No process but this one and its
-// children holds them, so the kernel removes all of it with them, however they end.
+// Network namespaces without names, with a veth pair. No process but this one and its children
+// holds them, so the kernel removes all of it with them, however they end.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "host/base/file_descriptor.h"
@@ -19,6 +20,11 @@ class DemoNetwork {
   // Moves the calling process, which must have a single thread, into the far namespace for good.
   // Without root's rights it first becomes root of a user namespace.
   static Result<DemoNetwork> Create();
+
+  // The same with both adapters in one namespace, for a process that plays and measures: multicast
+  // leaves at the near one. What the process has open before stays where it is, as a socket to
+  // which a browser connects.
+  static std::optional<Failure> EnterWhole();
 
   // Moves the calling thread into the near namespace.
   bool EnterNear() const;

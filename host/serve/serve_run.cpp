@@ -67,6 +67,19 @@ Json FiguresOf(const ChannelStatus& status) {
   return json;
 }
 
+std::optional<Failure> FailureOf(const HttpResponse& response) {
+  if (response.status == HttpStatus::kCreated) {
+    return std::nullopt;
+  }
+  return Failure{ExitStatus::kFailed, Json::parse(response.body)["error"].get<std::string>()};
+}
+
+HttpRequest OrderOf(const Json& order) {
+  HttpRequest request;
+  request.body = order.dump();
+  return request;
+}
+
 // Its parts in the order in which they need one another; the last goes first.
 class ServeSession {
  public:
@@ -80,6 +93,20 @@ class ServeSession {
         parts_{adapters_, media, feed_, playouts_, lineups_, meters_, WallClockNow().count()} {
     // What opens adapters has its threads by now.
     KeepCapabilities({});
+  }
+
+  // What is there from the beginning.
+  std::optional<Failure> Begin(const ServeOptions& options) {
+    std::optional<Failure> failure;
+    if (!options.first_meter.empty()) {
+      failure = FailureOf(meters_.Create(OrderOf(
+          {{"name", options.first_meter}, {"options", {{"source", options.first_meter}}}})));
+    }
+    if (!failure && !options.first_lineup.empty()) {
+      failure =
+          FailureOf(lineups_.Load(OrderOf({{"name", "first"}, {"text", options.first_lineup}})));
+    }
+    return failure;
   }
 
   void Run(HttpServer& server) {
@@ -119,21 +146,9 @@ class ServeSession {
   const Parts parts_;
 };
 
-}  // namespace
-
-Result<int> RunServer(const ServeOptions& options) {
-  const auto rules = RulesOf(options);
-  if (!rules) {
-    return rules.Error();
-  }
-  const auto media = MediaStore::Open(options.media);
-  if (!media) {
-    return media.Error();
-  }
-  const auto server = HttpServer::Listen(options.listen, {});
-  if (!server) {
-    return server.Error();
-  }
+// To the end, once everything is open.
+std::optional<Failure> ServeUntilStopped(HttpServer& server, const MediaStore& media,
+                                         const AccessRules& rules, const ServeOptions& options) {
   if (const auto missing = MissingRightToSend()) {
     Print(stderr, "ipplay: note: {}; playouts go through UDP sockets, and no meter starts\n",
           *missing);
@@ -141,13 +156,40 @@ Result<int> RunServer(const ServeOptions& options) {
   StopSignals::Take();
   AllowDescriptors();
   if (auto failure = BecomeUnprivileged({kCapNetRaw, kCapSysNice})) {
-    return *std::move(failure);
+    return failure;
   }
   const Library library;
-  ServeSession session(library.Adapters(), *media, *rules);
-  Print(Results(), "http://{}/\n", (*server)->Address());
+  ServeSession session(library.Adapters(), media, rules);
+  if (auto failure = session.Begin(options)) {
+    return failure;
+  }
+  Print(Results(), "http://{}/\n", server.Address());
   std::fflush(Results());
-  session.Run(**server);
+  session.Run(server);
+  return std::nullopt;
+}
+
+}  // namespace
+
+Result<int> RunServer(const ServeOptions& options) {
+  const auto rules = RulesOf(options);
+  if (!rules) {
+    return rules.Error();
+  }
+  const auto server = HttpServer::Listen(options.listen, {});
+  if (!server) {
+    return server.Error();
+  }
+  if (auto failure = options.enter ? options.enter() : std::nullopt) {
+    return *std::move(failure);
+  }
+  const auto media = MediaStore::Open(options.media);
+  if (!media) {
+    return media.Error();
+  }
+  if (auto failure = ServeUntilStopped(**server, *media, *rules, options)) {
+    return *std::move(failure);
+  }
   return static_cast<int>(ExitStatus::kPlayed);
 }
 

@@ -134,7 +134,9 @@ class Refusals(PlayCase):
                 (["devices", "x"], "x: ", "ipplay devices --help"),
                 (["resolve", "--device", "near"], "ADDRESS is required"),
                 (["resolve", "10.77.0.2"], "--device is required"), (["measure"], "SOURCE is required"),
-                (["demo", SAMPLE, "--length", "1s"], "--length 1s: ", "built-in stream")):
+                (["demo", SAMPLE, "--length", "1s"], "--length 1s: ", "built-in stream"),
+                (["demo", "--listen", "[::1]:80"], "--listen [::1]:80: ", "add --serve"),
+                (["demo", "--serve", "--bitrate", "5M"], "--bitrate 5M: ", "--serve")):
             self.refuse(arguments, *needed)
 
     def test_what_does_not_go_together_or_with_the_input(self):

@@ -1,12 +1,14 @@
 # SPDX-License-Identifier: MIT
 """ipplay demo: what it says is so, and whatever ends it, nothing of it is left."""
 
+import json
 import os
 import select
 import signal
 import subprocess
 import tempfile
 import unittest
+import urllib.request
 
 IPPLAY = os.environ["IPPLAY"]
 SAMPLE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "sample.ts")
@@ -35,6 +37,26 @@ class Demo(unittest.TestCase):
                 with open(self.report, encoding="utf-8") as page:
                     self.assertTrue(page.read().rstrip().endswith("</html>"))
                 os.unlink(self.report)
+
+    def test_serves_what_it_plays_and_measures(self):
+        demo = subprocess.Popen([IPPLAY, "demo", "--serve", "--listen", "127.0.0.1:0"], stdout=subprocess.PIPE, text=True)
+        address = demo.stdout.readline().strip()
+        with urllib.request.urlopen(f"{address}api/v1/playouts") as answer:
+            playouts = json.load(answer)["playouts"]
+        self.assertEqual([playout["state"] for playout in playouts], ["playing"] * 3)
+        seen = set()
+        with urllib.request.urlopen(f"{address}api/v1/events?after=0") as events:
+            for line in events:
+                if line.startswith(b"data:"):
+                    event = json.loads(line[5:])
+                    seen |= {stream["destination"] for stream in event.get("streams", ())}
+                if len(seen) == 3:
+                    break
+        self.assertEqual(seen, {playout["target"].removeprefix("rtp://") for playout in playouts})
+        demo.send_signal(signal.SIGINT)
+        demo.communicate()
+        self.assertEqual(demo.returncode, 0)
+        self.assertFalse(os.path.exists("/mnt/demo"))
 
     def test_refuses_in_one_line(self):
         with open(self.report, "wb") as file:
