@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Hostile requests, from their bytes to what the server's parts make of them: the path, who may
 // ask, the fields of the body, and the options in them.
+#include <CLI/CLI.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>

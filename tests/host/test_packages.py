@@ -51,10 +51,12 @@ class Packages(unittest.TestCase):
             f"{multiarch}/libipplayout.so.1", f"{multiarch}/libipplayout.so.1.0.0"})
         self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
             "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz",
-            "usr/share/bash-completion/completions/ipplay", "usr/lib/systemd/system/ipplay-lineup@.service",
+            "usr/share/bash-completion/completions/ipplay",
+            *(f"usr/lib/systemd/system/ipplay-{name}.service" for name in ("lineup@", "serve")),
             *(f"usr/share/doc/ipplay/{name}" for name in (
-                "README.Debian", "fleet.md", "json.md", "measuring.md", "recipes.md", "security.md")),
-            *(f"usr/share/doc/ipplay/examples/fleet/{path.name}" for path in (ROOT / "examples" / "fleet").iterdir())})
+                "README.Debian", "fleet.md", "json.md", "measuring.md", "openapi.json", "recipes.md", "security.md", "serve.md")),
+            *(f"usr/share/doc/ipplay/examples/{folder}/{path.name}" for folder in ("fleet", "monitoring")
+              for path in (ROOT / "examples" / folder).iterdir())})
         python = self.contents("python3-ipplayout")
         folder = "usr/lib/python3/dist-packages/ipplayout"
         sources = {f"{folder}/{path.name}" for path in (ROOT / "python" / "src" / "ipplayout").iterdir() if path.is_file()}
@@ -76,6 +78,7 @@ class Packages(unittest.TestCase):
         for package in ("ipplay", "libipplayout-dev", "python3-ipplayout"):
             self.assertIn(f"libipplayout1 (= {version})", self.field(package, "Depends"))
         self.assertIn("libfmt9", self.field("ipplay", "Depends"))
+        self.assertIn("libprometheus-cpp-core1.0", self.field("ipplay", "Depends"))
         self.assertEqual(self.field("python3-ipplayout", "Architecture"), "all")
         self.assertIn("python3 (>= 3.11)", self.field("python3-ipplayout", "Depends"))
 
