@@ -102,10 +102,10 @@ Failure Destinations::Close(Destination& destination, const std::string& key) {
   destination.transmitter.Join();
   const int error = destination.sink == nullptr ? 0 : destination.sink->Finish();
   destination.sink.reset();  // removes what is left of a file before its name is free again
-  return error == 0 ? Failure()
-                    : Failure(IPPLAYOUT_BAD_DESTINATION,
-                              key.substr(1) +
-                                  " could not be written whole: " + std::strerror(error));
+  return error == 0
+             ? Failure()
+             : Failure(IPPLAYOUT_BAD_DESTINATION,
+                       key.substr(1) + " could not be written whole: " + std::strerror(error));
 }
 
 }  // namespace ipplayout

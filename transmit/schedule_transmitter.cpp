@@ -37,7 +37,7 @@ constexpr nanoseconds kTimeToReadStamps = microseconds(30);
 
 // The order of a heap with the stream that is due first on top.
 bool IsLater(const ScheduledStream* a, const ScheduledStream* b) {
-  return a->next != b->next ? a->next > b->next : a->number > b->number;
+  return a->turn != b->turn ? a->turn > b->turn : a->number > b->number;
 }
 
 }  // namespace
@@ -142,7 +142,7 @@ void ScheduleTransmitter::Run() {
   while (!StopRequested()) {
     TakeRequests();
     const Time now = waiter_->Now();
-    if (!heap_.empty() && MayGo() && heap_.front()->next <= LatestDue(now)) {
+    if (!heap_.empty() && MayGo() && heap_.front()->turn <= LatestDue(now)) {
       SendDue(now);
     } else {
       Wait();
@@ -248,7 +248,7 @@ void ScheduleTransmitter::Schedule(ScheduledStream& stream, Time now) {
     stream.start = now - frame.due;
   }
   stream.full_since.reset();  // a pause is no time in which the sink was full
-  stream.planned = stream.next = stream.policy.Plan(*stream.start + frame.due);
+  stream.planned = stream.turn = stream.policy.Plan(*stream.start + frame.due);
   // What follows late data is late, too, and not missing once more.
   const Time dry = now - std::max(stream.planned, stream.awaiting_since);
   if (dry > stream.rules.late.tolerance) {
@@ -294,7 +294,7 @@ void ScheduleTransmitter::Wait() {
   }
   Time target = platform::DeadlineWaiter::kNever;
   if (!heap_.empty() && MayGo()) {
-    target = heap_.front()->next;
+    target = heap_.front()->turn;
   } else if (heap_.empty() && awaiting_ == 0) {
     short_wake_ups_.reset();
   }
@@ -317,7 +317,7 @@ void ScheduleTransmitter::SendDue(Time now) {
   LetGo();
   if (stamps_.Outstanding() >= kMostStampsUnread ||
       (stamps_.Outstanding() > 0 && !heap_.empty() &&
-       heap_.front()->next > waiter_->Now() + kTimeToReadStamps)) {
+       heap_.front()->turn > waiter_->Now() + kTimeToReadStamps)) {
     stamps_.Read();
   }
 }
@@ -334,7 +334,7 @@ void ScheduleTransmitter::Collect(Time now) {
   const Time latest = LatestDue(now);
   while (!heap_.empty() && taken_count_ < taken_.size() && MayGo()) {
     ScheduledStream& stream = *heap_.front();
-    if (stream.next > latest || (sink != nullptr && sink != &stream.sink)) {
+    if (stream.turn > latest || (sink != nullptr && sink != &stream.sink)) {
       return;
     }
     sink = &stream.sink;
@@ -373,7 +373,7 @@ void ScheduleTransmitter::PlanNext(ScheduledStream& stream, Time now) {
     ++awaiting_;
     return;
   }
-  stream.planned = stream.next = stream.policy.Plan(*stream.start + next->due);
+  stream.planned = stream.turn = stream.policy.Plan(*stream.start + next->due);
   std::push_heap(heap_.begin(), heap_.end(), IsLater);
 }
 
@@ -443,7 +443,7 @@ void ScheduleTransmitter::PutBack(std::size_t first) {
   LeaveSchedule(stream);
   stream.state = ScheduledStream::State::kScheduled;
   stream.planned = taken.planned;
-  stream.next = waiter_->Now() + kBetweenTries;
+  stream.turn = waiter_->Now() + kBetweenTries;
   heap_.push_back(&stream);
   std::push_heap(heap_.begin(), heap_.end(), IsLater);
   taken_count_ = place;

@@ -71,7 +71,7 @@ struct ScheduledStream : platform::RequestNode {
   enum class State {
     kFresh,      // not in the schedule yet
     kAwaiting,   // its ring is empty
-    kScheduled,  // in the schedule, at `next`
+    kScheduled,  // in the schedule, at `turn`
     kPaused,
     kGone,
   };
@@ -79,7 +79,7 @@ struct ScheduledStream : platform::RequestNode {
   std::optional<Time> start;  // of its schedule; without one it begins with its first frame
   DeparturePolicy policy;
   Time planned{0};                 // when its next frame is to leave
-  Time next{0};                    // when it is looked at: then, or later where its sink was full
+  Time turn{0};                    // when it is looked at: then, or later where its sink was full
   std::optional<Time> full_since;  // its sink takes nothing
   Time paused_at{0};
   Time awaiting_since{0};            // in kAwaiting: no time before it was spent without a frame
