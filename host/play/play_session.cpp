@@ -112,12 +112,13 @@ nanoseconds PlaySession::ReportInterval() const {
 // datagram, so the counters are read often until it has left; for a file, which starts within
 // moments and may be short, more often still.
 nanoseconds PlaySession::NextWake() const {
+  constexpr nanoseconds kShortlyBefore = 10ms;
   nanoseconds wake = next_report_;
   if (const auto time = time_line_.NextTime()) {
     wake = std::min(wake, *time);
   }
-  if (!meter_.Started() && Now() < -10ms) {
-    wake = std::min(wake, nanoseconds(-10ms));  // of a start that is to come
+  if (!meter_.Started() && Now() < -kShortlyBefore) {
+    wake = std::min(wake, -kShortlyBefore);  // of a start that is to come
   } else if (!meter_.Started()) {
     wake =
         std::min(wake, Now() + (plan_.rounds.round_bytes ? nanoseconds(200us) : nanoseconds(2ms)));
@@ -340,7 +341,7 @@ void PlaySession::WarnOfInput() {
 
 // Where it gets much worse than the last warning said.
 void PlaySession::WarnOfTiming() {
-  constexpr nanoseconds kWorthAWarning = 10ms;
+  constexpr nanoseconds kWorthAWarning = std::chrono::milliseconds(10);
   if (!timing_ || meter_.Paused()) {
     return;
   }
@@ -398,7 +399,7 @@ void PlaySession::JudgeInput() {
       Print(stderr, "ipplay: note: {}\n", note);
     }
   }
-  constexpr nanoseconds kWorthANote = 10ms;
+  constexpr nanoseconds kWorthANote = std::chrono::milliseconds(10);
   if (feeder_.LongestWait() >= kWorthANote) {
     Print(stderr,
           "ipplay: note: the stream is faster than the bit rate ordered at times: packets left up "

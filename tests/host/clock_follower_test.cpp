@@ -26,7 +26,7 @@ struct Hour {
 
   void Run() {
     Time second_ago{0};
-    Time last_second = 1s;
+    Time last_second = std::chrono::seconds(1);
     for (int piece = 0; piece < 90'000; ++piece) {
       const Time stream = piece * kPiece;
       const Time sent(std::llround(static_cast<double>(stream.count()) / (1 + ppm * 1e-6)));
