@@ -102,7 +102,8 @@ class Media(ServeCase):
     def test_nothing_writes_a_file(self):
         target = os.path.join(self.folder.name, "made.pcapng")
         base = {"input": "streams/sample.ts", "to": "rtp://239.1.1.1:5004", "device": self.bed.NEAR}
-        for options in ({"into": target}, {"to": target}, {"write-config": target}, {"config": target}):
+        for options in ({"into": target}, {"to": target}, {"to": [base["to"], target]}, {"sdp": target},
+                        {"write-config": target}, {"config": target}):
             answer = self.server.ask("POST", f"{API}/playouts", {"options": {**base, **options}, "start": True})
             self.assertEqual(answer.status, 400, options)
         for options in ({"report": target}, {"events": target}, {"per-second": target}, {"expect": target}, {"write-config": target}):
