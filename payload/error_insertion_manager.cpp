@@ -168,6 +168,11 @@ void CErrorInsertionManager::ReleaseHeldFrame(std::uint32_t copy_index) {
   any_held_ = !held_frames_.empty();
 }
 
+std::size_t CErrorInsertionManager::HeldFrames() const {
+  const platform::MutexLock lock(held_frames_mutex_);
+  return held_frames_.size();
+}
+
 bool CErrorInsertionManager::CopyStatistics(ErrorStatistics& out) const {
   constexpr auto kOrder = std::memory_order_relaxed;
   out = {lost_packets_.load(kOrder),

@@ -58,6 +58,9 @@ class CErrorInsertionManager final : public CErrorManagerBase {
   // pump counts by this and not by a look beforehand, since a request may be raised in between.
   bool WasPacketLost() const { return packet_lost_; }
 
+  // Frames of delayed datagrams that have not left yet. Any thread.
+  std::size_t HeldFrames() const;
+
   void ClearStatistics();
 
   // One-shot requests: the next datagram that is built is damaged once. Any thread.
@@ -97,7 +100,7 @@ class CErrorInsertionManager final : public CErrorManagerBase {
   // Raised by host threads, taken by the pump thread: one atomic each is its own lock.
   std::array<std::atomic<std::uint32_t>, kRequests> requests_{};
 
-  platform::Mutex held_frames_mutex_;
+  mutable platform::Mutex held_frames_mutex_;
   std::map<std::uint64_t, PDU> held_frames_ IPPLAYOUT_GUARDED_BY(held_frames_mutex_);
   std::size_t held_bytes_ IPPLAYOUT_GUARDED_BY(held_frames_mutex_) = 0;
   // Lets the usual datagram, with nothing held back, pass without the mutex. Pump thread only.

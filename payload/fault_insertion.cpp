@@ -109,7 +109,7 @@ void FaultInsertion::End(std::uint64_t index, Time due, std::uint32_t did) {
 
 IpPlayoutFaultCounts FaultInsertion::Counts() const {
   return {duplicated_.load(std::memory_order_relaxed), corrupted_.load(std::memory_order_relaxed),
-          orders_.Waiting(), orders_.NotReported()};
+          orders_.Waiting(), orders_.NotReported(), errors_.HeldFrames()};
 }
 
 }  // namespace ipplayout

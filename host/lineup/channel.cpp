@@ -12,23 +12,21 @@
 #include "host/base/units.h"
 #include "host/lineup/channel_run.h"
 #include "host/lineup/keeper.h"
+#include "host/play/orders.h"
 
 namespace ipplay {
 namespace {
 
 struct FaultRow {
   ChannelFault fault;
-  ActionKind action;
   std::uint32_t what;
   std::string_view name;
 };
 constexpr std::array<FaultRow, 4> kFaults{{
-    {ChannelFault::kLose, ActionKind::kLose, IPPLAYOUT_DID_LOSE, "lose"},
-    {ChannelFault::kDelay, ActionKind::kDelay, IPPLAYOUT_DID_DELAY, "delay"},
-    {ChannelFault::kBadIpChecksum, ActionKind::kBadIpChecksum, IPPLAYOUT_DID_IP_CHECKSUM,
-     "bad-ip-checksum"},
-    {ChannelFault::kBadUdpChecksum, ActionKind::kBadUdpChecksum, IPPLAYOUT_DID_UDP_CHECKSUM,
-     "bad-udp-checksum"},
+    {ChannelFault::kLose, IPPLAYOUT_DID_LOSE, "lose"},
+    {ChannelFault::kDelay, IPPLAYOUT_DID_DELAY, "delay"},
+    {ChannelFault::kBadIpChecksum, IPPLAYOUT_DID_IP_CHECKSUM, "bad-ip-checksum"},
+    {ChannelFault::kBadUdpChecksum, IPPLAYOUT_DID_UDP_CHECKSUM, "bad-udp-checksum"},
 }};
 
 constexpr double kMostPpm = 1e5;
@@ -174,7 +172,7 @@ std::optional<Failure> Channel::Start(std::optional<Time> at) {
 bool Channel::Serve(const std::shared_ptr<ChannelRun>& run) {
   run->Feed();
   while (const auto action = run->TakeDue(ScheduledPlayout::Now())) {
-    Obey(*action);
+    Obey(*run, *action);
   }
   const auto state = run->Playout().Wait(Time(0));
   if (state && *state == ScheduledPlayout::State::kGoesOn) {
@@ -185,17 +183,15 @@ bool Channel::Serve(const std::shared_ptr<ChannelRun>& run) {
   return false;
 }
 
-void Channel::Obey(const Action& action) {
+void Channel::Obey(ChannelRun& run, const Action& action) {
   if (action.kind == ActionKind::kPause || action.kind == ActionKind::kResume) {
     Pause(action.kind == ActionKind::kPause);
   } else if (action.kind == ActionKind::kStop) {
     // It may take a second, and others are to be fed.
     keeper_.At(Time(0), [self = shared_from_this()] { self->Stop(); });
   }
-  for (const FaultRow& row : kFaults) {
-    if (row.action == action.kind) {
-      Damage(row.fault, 1);
-    }
+  if (IsFault(action.kind) && !run.Playout().Order(OrderOf(action, Time(0), 0))) {
+    TellOrdered(NameOf(action.kind), action.count);
   }
 }
 
@@ -335,15 +331,19 @@ std::optional<Failure> Channel::Damage(ChannelFault fault, std::uint32_t datagra
     if (const auto failure = (*run)->Playout().Damage(row.what, datagrams)) {
       return Named(*failure);
     }
-    ChannelState state{};
-    {
-      const std::lock_guard lock(mutex_);
-      damage_orders_ += datagrams;
-      state = state_;
-    }
-    Tell(state, fmt::format("{} {}", row.name, datagrams));
+    TellOrdered(row.name, datagrams);
   }
   return std::nullopt;
+}
+
+void Channel::TellOrdered(std::string_view what, std::uint32_t datagrams) {
+  ChannelState state{};
+  {
+    const std::lock_guard lock(mutex_);
+    damage_orders_ += datagrams;
+    state = state_;
+  }
+  Tell(state, fmt::format("{} {}", what, datagrams));
 }
 
 ChannelStatus Channel::Status() const {

@@ -114,7 +114,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   bool Launched(const std::optional<Failure>& failure, Time at);
   // On the feeding thread. False once the run is over.
   bool Serve(const std::shared_ptr<ChannelRun>& run);
-  void Obey(const Action& action);
+  void Obey(ChannelRun& run, const Action& action);
+  void TellOrdered(std::string_view what, std::uint32_t datagrams);
   void RunHasEnded(const std::shared_ptr<ChannelRun>& run);
   // Once it has ended by itself, or could not start.
   void Conclude(ChannelState state, const std::string& text);

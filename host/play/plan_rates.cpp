@@ -144,7 +144,7 @@ Result<Rates> PlanRates(const PlayOptions& options, const StreamFacts& facts, Pa
   Rates rates;
   // A lost datagram takes no time in the library: the next one leaves in its place. The frames that
   // remain are slowed down by the same share, so that the stream keeps its own time.
-  if (options.lose && options.lose->count < options.lose->range) {
+  if (options.lose && options.lose->chance == 0 && options.lose->count < options.lose->range) {
     rates.share_sent = 1 - static_cast<double>(options.lose->count) / options.lose->range;
   }
   if (auto failure = SetBitRates(options, facts, format, sizes, rates)) {

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "host/library/scheduled_playout.h"
+#include "host/play/plan_faults.h"
 
 namespace ipplay {
 namespace {
@@ -41,6 +42,7 @@ IpPlayoutSettings ScheduleFor(const PlayOptions& options, const Path& path,
   schedule.Params = settings.params;
   schedule.Params.IPPacketSize = decided.sizes.frame_bytes;
   schedule.Errors = settings.errors;
+  schedule.Faults = FaultsFor(options, schedule.Faults);
   schedule.Parametric = settings.shape;
   schedule.Tts = settings.tts;
   schedule.TSPacketSize = settings.ts_packet_size;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "host/play/plan_faults.h"
+
 namespace ipplay {
 namespace {
 
@@ -25,34 +27,6 @@ IPPlayParams ParamsFor(const PlayOptions& options, const Path& path, const Decis
   params.IPPacketSize = decided.rates.rtp_step_bytes;
   params.IPFragmentation = sizes.dont_fragment ? IPPLAYOUT_DONT_FRAGMENT : IPPLAYOUT_MAY_FRAGMENT;
   return params;
-}
-
-ErrorInsertion ErrorsFor(const PlayOptions& options) {
-  ErrorInsertion errors{};
-  if (options.lose) {
-    errors.PacketLossEnabled = IPPLAYOUT_ON;
-    errors.NumPacketLoss = options.lose->count;
-    errors.PacketLossRange = options.lose->range;
-  }
-  if (options.delay) {
-    errors.SequenceErrorEnabled = IPPLAYOUT_ON;
-    errors.NumSequenceError = options.delay->errors.count;
-    errors.SequenceErrorRange = options.delay->errors.range;
-    errors.SequenceErrorDistance = options.delay->distance;
-  }
-  const auto& checksum =
-      options.bad_ip_checksum ? options.bad_ip_checksum : options.bad_udp_checksum;
-  if (checksum) {
-    errors.ChecksumErrorEnabled = IPPLAYOUT_ON;
-    errors.ChecksumErrorType =
-        options.bad_ip_checksum ? IPPLAYOUT_CHECKSUM_IP : IPPLAYOUT_CHECKSUM_UDP;
-    errors.NumChecksumError = checksum->count;
-    errors.ChecksumErrorRange = checksum->range;
-  }
-  errors.RandomizeErrors = options.random ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
-  errors.ErrInsertionEnable =
-      options.lose || options.delay || checksum ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
-  return errors;
 }
 
 // Sequence number and identification, unless they are given.

@@ -208,13 +208,28 @@ void DefineShape(OptionBuilder& add, PlayOptions& o) {
 void DefineErrors(OptionBuilder& add, PlayOptions& o) {
   add.Group("Deliberate errors");
   const auto schedule = [&](const char* name, auto& field, const char* help) {
-    add.Value(name, field, "N/RANGE", "N/RANGE with N from 1 to RANGE and to 1000000", help,
-              ParseErrorSchedule);
+    add.Value(name, field, "N/RANGE|P%", "N/RANGE with N from 1 to RANGE and to 1000000, or a P%",
+              help, ParseErrorSchedule);
   };
-  schedule("--lose", o.lose, "Lose N of every RANGE datagrams, as in 2/1000");
-  add.Value("--delay", o.delay, "N/RANGE[:D]", "N/RANGE:D with N from 1 to RANGE and D from 1",
+  schedule("--lose", o.lose, "Lose N of every RANGE datagrams, as in 2/1000, or each with P%");
+  add.Value("--loss-model", o.loss_model, "P%,R%[,B%[,G%]]",
+            "chances to turn bad and good, as 1%,25%, and of a loss while bad and while good",
+            "Lose in bursts (Gilbert, Elliott): before each datagram the stream turns bad with P% "
+            "and good with R%; while it is bad B% are lost (100%), else G% (0%)",
+            ParseLossModel);
+  add.Value("--holes", o.closes_holes, "kept|closed", "kept or closed",
+            "Whether a lost datagram leaves a hole, or what follows leaves earlier", ParseHoles,
+            "kept");
+  add.Value("--delay", o.delay, "N/RANGE|P%[:D]",
+            "N/RANGE:D or P%:D with N from 1 to RANGE and D from 1",
             "Delay N of every RANGE datagrams, each behind the next D; D is 1 by default; RTP only",
             ParseDelaySchedule);
+  schedule("--duplicate", o.duplicate,
+           "Send N of every RANGE a second time, right behind the first");
+  add.Value("--corrupt", o.corrupt, "N/RANGE|P%[:BITS]",
+            "N/RANGE:BITS or P%:BITS with N from 1 to RANGE and BITS from 1 to 1000",
+            "Flip bits in the payload of N of every RANGE, with checksums that fit; 1 by default",
+            ParseCorruption);
   schedule("--bad-ip-checksum", o.bad_ip_checksum,
            "Send N of every RANGE with a wrong IPv4 header checksum");
   schedule("--bad-udp-checksum", o.bad_udp_checksum,
@@ -258,13 +273,16 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
               if (!action) {
                 throw OptionBuilder::Invalid(
                     "--at", what,
-                    "lose, delay, bad-ip-checksum, bad-udp-checksum, pause[:TIME], resume or stop");
+                    "lose[:N], delay[:D], duplicate[:N], corrupt[:BITS], bad-ip-checksum[:N], "
+                    "bad-udp-checksum[:N], break:TIME, pause[:TIME], resume or stop");
               }
               o.time_line.emplace_back(*time, *action);
             }
           },
-          "At this time after the start: lose, delay, bad-ip-checksum, bad-udp-checksum (one "
-          "datagram each), pause[:TIME], resume or stop; may be repeated")
+          "At this time after the start: lose, duplicate, bad-ip-checksum, bad-udp-checksum, each "
+          "[:N] in a row, delay[:D], corrupt[:BITS], break:TIME (all is lost), pause[:TIME], "
+          "resume "
+          "or stop; may be repeated")
       ->type_name("TIME ACTION")
       ->group("Deliberate errors");
 }

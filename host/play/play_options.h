@@ -81,6 +81,10 @@ struct PlayOptions {
   // Deliberate errors.
   std::optional<ErrorSchedule> lose, bad_ip_checksum, bad_udp_checksum;
   std::optional<DelaySchedule> delay;
+  std::optional<ErrorSchedule> duplicate;
+  std::optional<Corruption> corrupt;
+  std::optional<LossModel> loss_model;
+  bool closes_holes = false;
   bool random = false;
   std::vector<std::pair<std::chrono::nanoseconds, Action>> time_line;  // in the order given
 

@@ -9,6 +9,7 @@
 #include "host/base/machine.h"
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
+#include "host/play/plan_faults.h"
 #include "host/play/plan_schedule.h"
 #include "host/play/plan_settings.h"
 
@@ -17,35 +18,7 @@ namespace {
 
 using Notes = std::vector<std::string>;
 
-std::optional<Failure> CheckTimeLine(const PlayOptions& options) {
-  for (const auto& [time, action] : options.time_line) {
-    if (action.kind == ActionKind::kDelay && !options.to.rtp) {
-      return UsageFailure("--at: delay needs an rtp:// target");
-    }
-    if (action.kind == ActionKind::kBadIpChecksum && options.to.address.is_v6) {
-      return UsageFailure(
-          "--at: bad-ip-checksum needs an IPv4 target; IPv6 has no header checksum");
-    }
-  }
-  return std::nullopt;
-}
-
 std::optional<Failure> CheckErrors(const PlayOptions& options) {
-  if (options.delay && !options.to.rtp) {
-    return UsageFailure("--delay needs an rtp:// target");
-  }
-  if (options.bad_ip_checksum && options.to.address.is_v6) {
-    return UsageFailure("--bad-ip-checksum needs an IPv4 target; IPv6 has no header checksum");
-  }
-  if (options.bad_ip_checksum && options.bad_udp_checksum) {
-    return UsageFailure(
-        "--bad-ip-checksum and --bad-udp-checksum exclude each other; give one, and order the "
-        "other with --at or keys");
-  }
-  if (options.random && !options.lose && !options.delay && !options.bad_ip_checksum &&
-      !options.bad_udp_checksum) {
-    return UsageFailure("--random needs --lose, --delay or a --bad-...-checksum");
-  }
   if (options.pcr_pid && options.raw) {
     return UsageFailure("--pcr-pid and --raw exclude each other: raw input has no PCRs; give one");
   }
@@ -67,7 +40,7 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
     return UsageFailure(
         "--as-188 and --raw exclude each other: raw input has no packets; give one");
   }
-  return CheckTimeLine(options);
+  return CheckFaults(options);
 }
 
 std::optional<Failure> CheckSpeed(const PlayOptions& options, const StreamFacts& facts) {
@@ -155,13 +128,17 @@ void ScaleRounds(const StreamFacts& facts, PacketFormat format, const Rates& rat
 }
 
 std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
+  const auto needs_schedule = NeedsSchedule(options);
   const struct {
     const char* name;
     bool is_given;
-  } kOptions[] = {
-      {"--late", options.late.has_value()},   {"--max-late", options.max_late.has_value()},
-      {"--no-underrun", options.no_underrun}, {"--start-at", options.start_at.has_value()},
-      {"--wait-link", options.wait_link},     {"--seed", options.seed.has_value()}};
+  } kOptions[] = {{"--late", options.late.has_value()},
+                  {"--max-late", options.max_late.has_value()},
+                  {"--no-underrun", options.no_underrun},
+                  {"--start-at", options.start_at.has_value()},
+                  {"--wait-link", options.wait_link},
+                  {"--seed", options.seed.has_value()},
+                  {needs_schedule.value_or(""), needs_schedule.has_value()}};
   for (const auto& option : kOptions) {
     if (option.is_given) {
       return UsageFailure(

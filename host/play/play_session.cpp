@@ -13,6 +13,7 @@
 #include "host/base/stop_signals.h"
 #include "host/base/units.h"
 #include "host/play/held_back.h"
+#include "host/play/orders.h"
 #include "host/play/report.h"
 #include "ipplayout/ipplayout.h"
 
@@ -23,7 +24,8 @@ using std::chrono::nanoseconds;
 using namespace std::chrono_literals;
 
 constexpr const char* kKeys =
-    "keys: space pause, l lose, s delay, i bad IP checksum, u bad UDP checksum, q stop, ? help";
+    "keys: space pause, l lose, s delay, d duplicate, c corrupt, i bad IP checksum, u bad UDP "
+    "checksum, q stop, ? help";
 
 std::string ReadFailure(int error) {
   return error == ENODATA ? "the file has become shorter" : std::strerror(error);
@@ -37,11 +39,13 @@ PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
     : options_(options),
       plan_(plan),
       stop_reading_(stop_reading),
-      time_line_(options.time_line),
+      time_line_({}),
       meter_(plan),
       playing_(MakePlaying(options, plan, StreamEditor::Format(reader->Format(), plan.edits))),
       further_(std::move(further), StreamEditor::Format(reader->Format(), plan.edits)),
-      feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink())) {}
+      feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink())) {
+  OrderAhead();
+}
 
 PlaySession::~PlaySession() {
   if (running_) {
@@ -92,6 +96,7 @@ void PlaySession::Loop() {
       return;
     }
     ReadCounters(Now());
+    TellDone();
     while (const auto action = time_line_.TakeDue(Now())) {
       Do(*action, "--at");
     }
@@ -124,6 +129,9 @@ nanoseconds PlaySession::NextWake() const {
         std::min(wake, Now() + (plan_.rounds.round_bytes ? nanoseconds(200us) : nanoseconds(2ms)));
   } else if (!meter_.IsSteady()) {
     wake = std::min(wake, Now() + 20ms);
+  }
+  if (playing_->Faults().Waiting > 0) {
+    wake = std::min(wake, Now() + (playing_->TakesTimes() ? nanoseconds(100ms) : nanoseconds(2ms)));
   }
   return wake;
 }
@@ -187,6 +195,10 @@ void PlaySession::PressKey(char key) {
       return Do({ActionKind::kLose, 0s}, "key");
     case 's':
       return Do({ActionKind::kDelay, 0s}, "key");
+    case 'd':
+      return Do({ActionKind::kDuplicate, 0s}, "key");
+    case 'c':
+      return Do({ActionKind::kCorrupt, 0s}, "key");
     case 'i':
       return Do({ActionKind::kBadIpChecksum, 0s}, "key");
     case 'u':
@@ -203,26 +215,8 @@ void PlaySession::PressKey(char key) {
 
 void PlaySession::Do(const Action& action, const std::string& by) {
   switch (action.kind) {
-    case ActionKind::kLose:
-      errors_requested_ = true;
-      playing_->Damage(action.kind);
-      return Say(by + ": losing the next datagram");
-    case ActionKind::kDelay:
-      if (!options_.to.rtp) {
-        return Say(by + ": only RTP datagrams can be delayed");
-      }
-      errors_requested_ = true;
-      playing_->Damage(action.kind);
-      return Say(by + ": delaying the next datagram");
-    case ActionKind::kBadIpChecksum:
-      if (options_.to.address.is_v6) {
-        return Say(by + ": IPv6 has no header checksum");
-      }
-      playing_->Damage(action.kind);
-      return Say(by + ": damaging the IP checksum of the next datagram");
-    case ActionKind::kBadUdpChecksum:
-      playing_->Damage(action.kind);
-      return Say(by + ": damaging the UDP checksum of the next datagram");
+    default:
+      return Order(action, 0s, by);
     case ActionKind::kPause:
       Pause(true);
       if (action.length > 0s) {
@@ -236,11 +230,55 @@ void PlaySession::Do(const Action& action, const std::string& by) {
   }
 }
 
+// What is damaged at a given time is so wherever the clock of the schedule runs, as it does in a
+// file that is written at once. The time line keeps the rest.
+void PlaySession::OrderAhead() {
+  for (const auto& [time, action] : options_.time_line) {
+    if (IsFault(action.kind) && playing_->TakesTimes()) {
+      Order(action, time, "--at");
+    } else {
+      time_line_.Add({time, action});
+    }
+  }
+}
+
+void PlaySession::Order(const Action& action, nanoseconds at, const std::string& by) {
+  ordered_.push_back({action, by});
+  if (const auto refused = playing_->Order(action, at, ordered_.size() - 1)) {
+    ordered_.pop_back();
+    Say(fmt::format("{}: {}: {}", by, NameOf(action.kind), *refused));
+  }
+}
+
+void PlaySession::TellDone() {
+  const std::vector<IpPlayoutDone> all_done = playing_->ReadDone();
+  const nanoseconds shift(timing_ ? timing_->ShiftNs : 0);
+  for (const IpPlayoutDone& done : all_done) {
+    const auto& [action, by] = ordered_.at(done.Number);
+    const nanoseconds due = done.FirstDueNs < 0 ? Now() : nanoseconds(done.FirstDueNs) + shift;
+    if (options_.WantsJson()) {
+      Emit(FaultJson(done, action.kind, by, due));
+    }
+    SayAt(fmt::format("{}: {}", by, DoneText(done, action.kind)), due);
+  }
+}
+
+void PlaySession::TellNotDone() {
+  if (const std::uint64_t waiting = playing_->Faults().Waiting) {
+    Warn(fmt::format("{} of the ordered errors {} not made: the playout ended before",
+                     FormatCount(waiting), waiting == 1 ? "was" : "were"));
+  }
+}
+
 void PlaySession::Pause(bool on) {
   playing_->Pause(on);
   further_.Pause(on);
   meter_.SetPaused(on);
-  Say(on ? "paused" : "playing");
+  const char* const state = on ? "paused" : "playing";
+  if (options_.WantsJson()) {
+    Emit(EventJson(state, Now()));
+  }
+  Say(state);
 }
 
 // Restores the terminal first: stopping may take a second.
@@ -267,6 +305,7 @@ void PlaySession::Finish(bool complete) {
   }
   feeder_.Join();
   timing_ = playing_->Timing();
+  TellDone();
   unsent_ = timing_ ? timing_->NotSent + (failed_ ? timing_->Discarded : 0) : CountUnsent();
   followed_ppm_ = playing_->FollowedPpm();
   meter_.End(playing_->Counters(), complete, timing_);
@@ -289,8 +328,7 @@ void PlaySession::ReportWhenDue() {
     return;
   }
   if (options_.WantsJson()) {
-    Print(Results(), "{}\n", StatusJson(options_, plan_, Progress(), "progress"));
-    std::fflush(Results());
+    Emit(StatusJson(options_, plan_, Progress(), "progress"));
     if (std::ferror(Results()) != 0) {
       Stop("Stopped: nobody reads the output");
     }
@@ -306,6 +344,7 @@ Status PlaySession::Progress() const {
   status.timing = timing_;
   status.input_ppm = playing_->FollowedPpm();
   status.outputs = further_.Status();
+  status.faults = playing_->Faults();
   return status;
 }
 
@@ -319,23 +358,36 @@ void PlaySession::ClearProgress() {
   }
 }
 
-void PlaySession::Say(const std::string& line) {
+void PlaySession::SayAt(const std::string& line, nanoseconds time) {
   if (options_.WantsJson() || options_.quiet) {
     return;
   }
   ClearProgress();
-  Print(stderr, "{}  {}\n", FormatClock(meter_.Total().elapsed), line);
+  Print(stderr, "{}  {}\n", FormatMoment(time), line);
   if (terminal_) {
     DrawProgress();
+  }
+}
+
+void PlaySession::Emit(const std::string& json) {
+  Print(Results(), "{}\n", json);
+  std::fflush(Results());
+}
+
+// For people, and as an event.
+void PlaySession::Warn(const std::string& text) {
+  ClearProgress();
+  Print(stderr, "ipplay: {}\n", text);
+  if (options_.WantsJson()) {
+    Emit(EventJson("warning", Now(), text));
   }
 }
 
 void PlaySession::WarnOfInput() {
   if (feeder_.ReadError() != 0 && !warned_of_read_) {
     warned_of_read_ = true;
-    ClearProgress();
-    Print(stderr, "ipplay: reading INPUT failed: {}; playing what has been read so far\n",
-          ReadFailure(feeder_.ReadError()));
+    Warn(fmt::format("reading INPUT failed: {}; playing what has been read so far",
+                     ReadFailure(feeder_.ReadError())));
   }
 }
 
@@ -348,10 +400,9 @@ void PlaySession::WarnOfTiming() {
   const std::int64_t least = kWorthAWarning.count();
   if (timing_->DryNs >= std::max(least, 2 * warned_of_dry_)) {
     warned_of_dry_ = timing_->DryNs;
-    ClearProgress();
-    Print(stderr, "ipplay: INPUT was not there in time: {} time{} so far, for {} in all\n",
-          FormatCount(timing_->DryTimes), timing_->DryTimes == 1 ? "" : "s",
-          FormatDuration(nanoseconds(timing_->DryNs)));
+    Warn(fmt::format("INPUT was not there in time: {} time{} so far, for {} in all",
+                     FormatCount(timing_->DryTimes), timing_->DryTimes == 1 ? "" : "s",
+                     FormatDuration(nanoseconds(timing_->DryNs))));
   }
   if (options_.wait_link && timing_->NotSent > 2 * warned_of_refused_) {
     warned_of_refused_ = timing_->NotSent;
@@ -361,9 +412,9 @@ void PlaySession::WarnOfTiming() {
   }
   if (timing_->LatenessMaxNs >= std::max(least, 2 * warned_of_lateness_)) {
     warned_of_lateness_ = timing_->LatenessMaxNs;
-    ClearProgress();
-    Print(stderr, "ipplay: frames leave late: {} so far by more than 1 ms, at most by {}\n",
-          FormatCount(timing_->Late), FormatDuration(nanoseconds(timing_->LatenessMaxNs)));
+    Warn(fmt::format("frames leave late: {} so far by more than 1 ms, at most by {}",
+                     FormatCount(timing_->Late),
+                     FormatDuration(nanoseconds(timing_->LatenessMaxNs))));
   }
 }
 
@@ -414,7 +465,10 @@ void PlaySession::JudgeInput() {
 }
 
 std::optional<std::uint64_t> PlaySession::HeldBack(const PlayoutStatistics& counters) const {
-  return HeldBackAtEnd(plan_.settings.errors, counters, errors_requested_);
+  if (plan_.by_schedule) {
+    return playing_->Faults().HeldFrames / plan_.copies;
+  }
+  return HeldBackAtEnd(plan_.settings.errors, counters, !ordered_.empty());
 }
 
 std::uint64_t PlaySession::CountUnsent() const {
@@ -462,13 +516,13 @@ ExitStatus PlaySession::Conclude() {
           HeldBack(meter_.Total().counters) ? "" : "at least ", FormatCount(unsent_));
   }
   JudgeInput();
+  TellNotDone();
   if (timing_) {
     WarnOfTiming();
     JudgeTiming();
   }
-  Status status = meter_.Total();
+  Status status = Progress();
   status.held_back = HeldBack(status.counters);
-  status.timing = timing_;
   status.input_ppm = followed_ppm_;
   status.outputs = further_.Status();
   for (const OutputStatus& output : status.outputs) {

@@ -52,13 +52,20 @@ class PlaySession {
   void TakeKeys();
   void PressKey(char key);
   void Do(const Action& action, const std::string& by);
+  void Order(const Action& action, std::chrono::nanoseconds at, const std::string& by);
+  void OrderAhead();
+  void TellDone();
+  void TellNotDone();
   void Pause(bool on);
   void Stop(const std::string& outcome);
   void Finish(bool complete);
 
   void ReadCounters(std::chrono::nanoseconds now);
   void ReportWhenDue();
-  void Say(const std::string& line);
+  void Say(const std::string& line) { SayAt(line, Now()); }
+  void SayAt(const std::string& line, std::chrono::nanoseconds time);
+  void Emit(const std::string& json);
+  void Warn(const std::string& text);
   Status Progress() const;
   void DrawProgress();
   void ClearProgress();
@@ -86,7 +93,11 @@ class PlaySession {
   bool running_ = false;
   bool failed_ = false;
   bool warned_of_read_ = false;
-  bool errors_requested_ = false;  // a loss or a delay, by a key or the time line
+  struct Ordered {
+    Action action;
+    std::string by;
+  };
+  std::vector<Ordered> ordered_;  // faults, by the numbers of their orders
   ShortSends short_sends_;
   std::string failure_;  // why the run failed, where the library says
   std::optional<IpPlayoutTiming> timing_;

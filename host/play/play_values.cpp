@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -84,18 +85,73 @@ constexpr std::array<Named<std::uint32_t>, 4> kDistributions{
      {"squared-difference", IPPLAYOUT_JITTER_SQUARED_DIFFERENCE},
      {"sine", IPPLAYOUT_JITTER_SINE}}};
 
-constexpr std::array<Named<ActionKind>, 7> kActions{
-    {{"lose", ActionKind::kLose},
-     {"delay", ActionKind::kDelay},
-     {"bad-ip-checksum", ActionKind::kBadIpChecksum},
-     {"bad-udp-checksum", ActionKind::kBadUdpChecksum},
-     {"pause", ActionKind::kPause},
-     {"resume", ActionKind::kResume},
-     {"stop", ActionKind::kStop}}};
+// What may follow the action's name behind a colon.
+enum class With { kNothing, kCount, kDistance, kBits, kTime };
+struct ActionForm {
+  ActionKind kind;
+  With with;
+  bool needs_it = false;
+};
+constexpr std::array<Named<ActionForm>, 10> kActions{
+    {{"lose", {ActionKind::kLose, With::kCount}},
+     {"delay", {ActionKind::kDelay, With::kDistance}},
+     {"duplicate", {ActionKind::kDuplicate, With::kCount}},
+     {"corrupt", {ActionKind::kCorrupt, With::kBits}},
+     {"bad-ip-checksum", {ActionKind::kBadIpChecksum, With::kCount}},
+     {"bad-udp-checksum", {ActionKind::kBadUdpChecksum, With::kCount}},
+     {"break", {ActionKind::kBreak, With::kTime, true}},
+     {"pause", {ActionKind::kPause, With::kTime}},
+     {"resume", {ActionKind::kResume, With::kNothing}},
+     {"stop", {ActionKind::kStop, With::kNothing}}}};
+
+constexpr std::uint64_t kMostDatagrams = 1'000'000;
+constexpr std::uint64_t kMostBits = 1000;
+
+bool ReadDetail(std::string_view text, With with, Action& action) {
+  if (with == With::kTime) {
+    const auto length = ParseDuration(text);
+    action.length = length.value_or(std::chrono::nanoseconds(0));
+    return action.length.count() > 0;
+  }
+  const auto number = ParseNumber(text, 1, with == With::kBits ? kMostBits : kMostDatagrams);
+  if (!number || with == With::kNothing) {
+    return false;
+  }
+  (with == With::kCount ? action.count : action.amount) = static_cast<std::uint32_t>(*number);
+  return true;
+}
+
+// "5%" to 0.05.
+std::optional<double> ParseChance(std::string_view text, bool may_be_zero) {
+  const auto percent = ParsePercent(text);
+  if (!percent || *percent > 100 || (*percent <= 0 && !may_be_zero)) {
+    return std::nullopt;
+  }
+  return *percent / 100;
+}
+
+// "SCHEDULE:NUMBER" or "SCHEDULE".
+std::optional<std::pair<ErrorSchedule, std::uint32_t>> ParseWithNumber(std::string_view text,
+                                                                       std::uint64_t most) {
+  std::uint32_t number = 1;
+  if (const auto parts = Split(text, ':')) {
+    const auto given = ParseNumber(parts->second, 1, most);
+    if (!given) {
+      return std::nullopt;
+    }
+    number = static_cast<std::uint32_t>(*given);
+    text = parts->first;
+  }
+  const auto errors = ParseErrorSchedule(text);
+  return errors ? std::optional(std::pair(*errors, number)) : std::nullopt;
+}
 
 }  // namespace
 
 std::optional<ErrorSchedule> ParseErrorSchedule(std::string_view text) {
+  if (const auto chance = ParseChance(text, false)) {
+    return ErrorSchedule{.chance = *chance};
+  }
   const auto parts = Split(text, '/');
   if (!parts) {
     return std::nullopt;
@@ -113,21 +169,38 @@ std::optional<ErrorSchedule> ParseErrorSchedule(std::string_view text) {
 }
 
 std::optional<DelaySchedule> ParseDelaySchedule(std::string_view text) {
-  DelaySchedule schedule;
-  if (const auto parts = Split(text, ':')) {
-    const auto distance = ParseNumber(parts->second, 1, kMaxU32 - 1);
-    if (!distance) {
+  const auto parsed = ParseWithNumber(text, kMaxU32 - 1);
+  return parsed ? std::optional(DelaySchedule{parsed->first, parsed->second}) : std::nullopt;
+}
+
+std::optional<Corruption> ParseCorruption(std::string_view text) {
+  const auto parsed = ParseWithNumber(text, kMostBits);
+  return parsed ? std::optional(Corruption{parsed->first, parsed->second}) : std::nullopt;
+}
+
+std::optional<LossModel> ParseLossModel(std::string_view text) {
+  LossModel model;
+  double* const kFields[] = {&model.turns_bad, &model.turns_good, &model.lose_while_bad,
+                             &model.lose_while_good};
+  std::size_t given = 0;
+  for (std::optional<std::string_view> rest = text; rest && given < std::size(kFields); ++given) {
+    const auto parts = Split(*rest, ',');
+    const auto chance = ParseChance(parts ? parts->first : *rest, given >= 2);
+    if (!chance) {
       return std::nullopt;
     }
-    schedule.distance = static_cast<std::uint32_t>(*distance);
-    text = parts->first;
+    *kFields[given] = *chance;
+    rest = parts ? std::optional(parts->second) : std::nullopt;
+    if (rest && given + 1 == std::size(kFields)) {
+      return std::nullopt;
+    }
   }
-  const auto errors = ParseErrorSchedule(text);
-  if (!errors) {
-    return std::nullopt;
-  }
-  schedule.errors = *errors;
-  return schedule;
+  return given >= 2 ? std::optional(model) : std::nullopt;
+}
+
+std::optional<bool> ParseHoles(std::string_view text) {
+  constexpr std::array<Named<bool>, 2> kHoles{{{"kept", false}, {"closed", true}}};
+  return Find(kHoles, text);
 }
 
 std::optional<Burst> ParseBurst(std::string_view text) {
@@ -199,20 +272,15 @@ std::optional<std::optional<std::uint64_t>> ParseRounds(std::string_view text) {
 }
 
 std::optional<Action> ParseAction(std::string_view text) {
-  Action action;
-  if (const auto parts = Split(text, ':')) {
-    const auto length = ParseDuration(parts->second);
-    if (!length || length->count() <= 0 || parts->first != "pause") {
-      return std::nullopt;
-    }
-    action.length = *length;
-    text = parts->first;
-  }
-  const auto kind = Find(kActions, text);
-  if (!kind) {
+  const auto parts = Split(text, ':');
+  const auto form = Find(kActions, parts ? parts->first : text);
+  if (!form) {
     return std::nullopt;
   }
-  action.kind = *kind;
+  Action action{.kind = form->kind};
+  if (parts ? !ReadDetail(parts->second, form->with, action) : form->needs_it) {
+    return std::nullopt;
+  }
   return action;
 }
 

@@ -12,10 +12,11 @@
 
 namespace ipplay {
 
-// "2/1000": `count` out of every `range` datagrams.
+// "2/1000": `count` out of every `range` datagrams. "0.2%": each with this `chance`, 0 to 1.
 struct ErrorSchedule {
   std::uint32_t count = 0;
   std::uint32_t range = 0;
+  double chance = 0;
 };
 inline constexpr std::uint32_t kMostErrorsInRange = 1'000'000;
 std::optional<ErrorSchedule> ParseErrorSchedule(std::string_view text);
@@ -26,6 +27,26 @@ struct DelaySchedule {
   std::uint32_t distance = 1;
 };
 std::optional<DelaySchedule> ParseDelaySchedule(std::string_view text);
+
+// "1/1000:3" or "0.1%:3": the same, with `bits` wrong in each; ":1" can be left out.
+struct Corruption {
+  ErrorSchedule errors;
+  std::uint32_t bits = 1;
+};
+std::optional<Corruption> ParseCorruption(std::string_view text);
+
+// "1%,25%" or up to four parts, as in Gilbert and Elliott: chances to turn bad, to turn good, of a
+// loss while it is bad (100%) and while it is good (0%). All are 0 to 1.
+struct LossModel {
+  double turns_bad = 0;
+  double turns_good = 0;
+  double lose_while_bad = 1;
+  double lose_while_good = 0;
+};
+std::optional<LossModel> ParseLossModel(std::string_view text);
+
+// "kept", "closed": whether what follows a lost datagram leaves earlier.
+std::optional<bool> ParseHoles(std::string_view text);
 
 // "10ms": a length of stream time in whole milliseconds. "50": a number of datagrams.
 struct Burst {
@@ -60,12 +81,26 @@ std::optional<std::uint32_t> ParseLate(std::string_view text);
 std::optional<std::optional<std::uint64_t>> ParseRounds(std::string_view text);
 
 // An order to a running playout, from the time line or a key.
-enum class ActionKind { kLose, kDelay, kBadIpChecksum, kBadUdpChecksum, kPause, kResume, kStop };
+enum class ActionKind {
+  kLose,
+  kDelay,
+  kDuplicate,
+  kCorrupt,
+  kBadIpChecksum,
+  kBadUdpChecksum,
+  kBreak,
+  kPause,
+  kResume,
+  kStop,
+};
 struct Action {
   ActionKind kind = ActionKind::kStop;
-  std::chrono::nanoseconds length{0};  // of a pause; 0: until it is resumed
+  std::chrono::nanoseconds length{0};  // of a pause, 0: until it is resumed; of a break
+  std::uint32_t count = 1;             // datagrams in a row
+  std::uint32_t amount = 1;            // of a delay: datagrams that overtake; bits to corrupt
 };
-// "lose", "delay", "bad-ip-checksum", "bad-udp-checksum", "pause", "pause:2s", "resume", "stop".
+// "lose[:N]", "delay[:D]", "duplicate[:N]", "corrupt[:BITS]", "bad-ip-checksum[:N]",
+// "bad-udp-checksum[:N]", "break:TIME", "pause[:TIME]", "resume", "stop".
 std::optional<Action> ParseAction(std::string_view text);
 
 // What is added to a header field from each copy to the next: "dst-ip=0.0.0.1".

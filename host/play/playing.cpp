@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/playing.h"
 
+#include <algorithm>
+#include <deque>
+#include <iterator>
+
 #include "host/base/capabilities.h"
 #include "host/base/event.h"
 #include "host/base/library_output.h"
@@ -8,6 +12,7 @@
 #include "host/base/wall_clock.h"
 #include "host/library/scheduled_playout.h"
 #include "host/play/marked_writer.h"
+#include "host/play/orders.h"
 #include "host/play/start_failure.h"
 #include "ipplayout/ipplayout.h"
 
@@ -62,24 +67,44 @@ class RatePlaying final : public Playing {
 
   void Pause(bool on) override { IPPause(on ? 1 : 0); }
 
-  void Damage(ActionKind kind) override {
-    switch (kind) {
-      case ActionKind::kLose:
-        GeneratePacketLoss();
-        break;
-      case ActionKind::kDelay:
-        GenerateSequenceError();
-        break;
-      case ActionKind::kBadIpChecksum:
-        GenerateIPChecksumError();
-        break;
-      case ActionKind::kBadUdpChecksum:
-        GenerateUDPChecksumError();
-        break;
-      default:
-        break;
+  bool TakesTimes() const override { return false; }
+
+  // The library takes one request of a kind at a time, so those to come wait here.
+  std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds,
+                                   std::uint64_t number) override {
+    const RequestForm* form = FormOf(action.kind);
+    if (form == nullptr || (action.kind == ActionKind::kDelay && action.amount > 1)) {
+      return "needs frames that are paced one by one";
     }
+    waiting_.push_back({form, action.count, {number, OrderOf(action, {}, 0).What, 0, 0, -1, -1}});
+    return std::nullopt;
   }
+
+  std::vector<IpPlayoutDone> ReadDone() override {
+    std::vector<IpPlayoutDone> done;
+    while (!waiting_.empty()) {
+      Request& request = waiting_.front();
+      const PlayoutStatistics counters = Counters();
+      const std::uint64_t count = counters.*request.form->counter;
+      if (is_raised_ && count == before_) {
+        break;
+      }
+      if (is_raised_ && request.done.Count++ == 0) {
+        request.done.Datagram = counters.DatagramsSent - 1;
+      }
+      is_raised_ = request.done.Count < request.count;
+      if (!is_raised_) {
+        done.push_back(request.done);
+        waiting_.pop_front();
+        continue;
+      }
+      before_ = count;
+      request.form->raise();
+    }
+    return done;
+  }
+
+  IpPlayoutFaultCounts Faults() const override { return {0, 0, waiting_.size(), 0, 0}; }
 
   PlayoutStatistics Counters() const override {
     PlayoutStatistics counters{};
@@ -93,9 +118,35 @@ class RatePlaying final : public Playing {
   }
 
  private:
+  struct RequestForm {
+    ActionKind kind;
+    int (*raise)();
+    std::uint64_t PlayoutStatistics::*counter;
+  };
+  struct Request {
+    const RequestForm* form;
+    std::uint32_t count;
+    IpPlayoutDone done;
+  };
+
+  static const RequestForm* FormOf(ActionKind kind) {
+    static constexpr RequestForm kForms[] = {
+        {ActionKind::kLose, GeneratePacketLoss, &PlayoutStatistics::LostPackets},
+        {ActionKind::kDelay, GenerateSequenceError, &PlayoutStatistics::SequenceErrors},
+        {ActionKind::kBadIpChecksum, GenerateIPChecksumError, &PlayoutStatistics::IPChecksumErrors},
+        {ActionKind::kBadUdpChecksum, GenerateUDPChecksumError,
+         &PlayoutStatistics::UDPChecksumErrors}};
+    const auto* form = std::find_if(std::begin(kForms), std::end(kForms),
+                                    [kind](const RequestForm& row) { return row.kind == kind; });
+    return form == std::end(kForms) ? nullptr : form;
+  }
+
   const PlayOptions& options_;
   const PlayPlan& plan_;
   Event ended_;  // set by the library at the end of each run
+  std::deque<Request> waiting_;
+  bool is_raised_ = false;    // the request of the first one, for the next datagram
+  std::uint64_t before_ = 0;  // its counter then
 };
 
 // One with a handle: at its rate, or by marks, whose frames leave when the PCRs say.
@@ -112,6 +163,12 @@ class ScheduledPlaying final : public Playing {
   std::optional<std::string> Start() override {
     if (auto failure = playout_.Configure(plan_.schedule)) {
       return failure->message;
+    }
+    is_configured_ = true;
+    for (const IpPlayoutOrder& order : before_start_) {
+      if (auto failure = playout_.Order(order)) {
+        return failure->message;
+      }
     }
     if (writer_) {
       playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
@@ -158,20 +215,26 @@ class ScheduledPlaying final : public Playing {
 
   void Pause(bool on) override { playout_.Pause(on); }
 
-  void Damage(ActionKind kind) override {
-    const struct {
-      ActionKind kind;
-      std::uint32_t what;
-    } kKinds[] = {{ActionKind::kLose, IPPLAYOUT_DID_LOSE},
-                  {ActionKind::kDelay, IPPLAYOUT_DID_DELAY},
-                  {ActionKind::kBadIpChecksum, IPPLAYOUT_DID_IP_CHECKSUM},
-                  {ActionKind::kBadUdpChecksum, IPPLAYOUT_DID_UDP_CHECKSUM}};
-    for (const auto& row : kKinds) {
-      if (row.kind == kind) {
-        playout_.Damage(row.what, 1);
-      }
+  bool TakesTimes() const override { return true; }
+
+  std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
+                                   std::uint64_t number) override {
+    const IpPlayoutOrder order = OrderOf(action, at, number);
+    if (!is_configured_) {
+      before_start_.push_back(order);
+      return std::nullopt;
     }
+    auto failure = playout_.Order(order);
+    return failure ? std::optional(failure->message) : std::nullopt;
   }
+
+  std::vector<IpPlayoutDone> ReadDone() override {
+    std::vector<IpPlayoutDone> done(64);
+    done.resize(playout_.ReadDone(done));
+    return done;
+  }
+
+  IpPlayoutFaultCounts Faults() const override { return playout_.Faults(); }
 
   PlayoutStatistics Counters() const override { return playout_.Statistics(); }
   std::optional<std::string> Stop() override {
@@ -194,6 +257,8 @@ class ScheduledPlaying final : public Playing {
   std::optional<std::chrono::nanoseconds> starts_at_;
   ScheduledPlayout playout_;
   std::optional<MarkedWriter> writer_;  // with marks
+  std::vector<IpPlayoutOrder> before_start_;
+  bool is_configured_ = false;
 };
 
 }  // namespace

@@ -3,9 +3,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/play/feeder.h"
 #include "host/play/play_options.h"
@@ -28,8 +30,15 @@ class Playing {
   // Why it has ended before its end; nothing when it has not. Once it has ended.
   virtual std::optional<std::string> Failed() = 0;
   virtual void Pause(bool on) = 0;
-  // Damages the next datagram.
-  virtual void Damage(ActionKind kind) = 0;
+  // Whether orders are carried out at their time, so that they can be given before the start.
+  virtual bool TakesTimes() const = 0;
+  // Has datagrams damaged, from `at` or from the next one on. Why it cannot be; else ReadDone says
+  // with `number` what was done.
+  virtual std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
+                                           std::uint64_t number) = 0;
+  // What was done since the last call. Times are below 0 where they are not known.
+  virtual std::vector<IpPlayoutDone> ReadDone() = 0;
+  virtual IpPlayoutFaultCounts Faults() const = 0;
   virtual PlayoutStatistics Counters() const = 0;
   // Releases a feeder that is blocked. What could not be written whole, where that shows now.
   virtual std::optional<std::string> Stop() = 0;

@@ -10,6 +10,7 @@
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
 #include "host/play/frame_fields.h"
+#include "host/play/orders.h"
 
 namespace ipplay {
 namespace {
@@ -23,10 +24,17 @@ nanoseconds JitterOf(const PlayoutStatistics& counters) {
 }
 
 // The errors that were ordered, not what a receiver sees.
-std::string OrderedErrors(const PlayoutStatistics& counters) {
-  return fmt::format("lost {}, delayed {}, IP checksum {}, UDP checksum {}", counters.LostPackets,
-                     counters.SequenceErrors, counters.IPChecksumErrors,
-                     counters.UDPChecksumErrors);
+std::string OrderedErrors(const PlayoutStatistics& counters, const IpPlayoutFaultCounts& faults) {
+  std::string text =
+      fmt::format("lost {}, delayed {}, IP checksum {}, UDP checksum {}", counters.LostPackets,
+                  counters.SequenceErrors, counters.IPChecksumErrors, counters.UDPChecksumErrors);
+  if (faults.Duplicated > 0) {
+    text += fmt::format(", sent twice {}", faults.Duplicated);
+  }
+  if (faults.Corrupted > 0) {
+    text += fmt::format(", corrupted {}", faults.Corrupted);
+  }
+  return text;
 }
 
 std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
@@ -171,6 +179,10 @@ std::string FormatClock(nanoseconds time) {
   return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
 }
 
+std::string FormatMoment(nanoseconds time) {
+  return fmt::format("{}.{:03}", FormatClock(time), time.count() / 1'000'000 % 1000);
+}
+
 std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns) {
   const bool rounds = !plan.rounds.count || *plan.rounds.count > 1;
   const std::string real =
@@ -189,7 +201,7 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
   }
   line += fmt::format("  {:.4f}M set, {} real  {} datagrams  ordered: {}  jitter {}",
                       plan.rates.stream / 1e6, real, FormatCount(counters.DatagramsSent),
-                      OrderedErrors(counters), FormatDuration(JitterOf(counters)));
+                      OrderedErrors(counters, status.faults), FormatDuration(JitterOf(counters)));
   line += LatenessWords(status.timing);
   if (line.size() <= columns) {
     return line;
@@ -244,7 +256,7 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
     text += fmt::format("  input      its clock was followed, {:+.1f} ppm at the end\n",
                         *status.input_ppm);
   }
-  text += fmt::format("  ordered    {}\n", OrderedErrors(counters));
+  text += fmt::format("  ordered    {}\n", OrderedErrors(counters, status.faults));
   if (!status.held_back || *status.held_back > 0) {
     text +=
         fmt::format("  held back  {} of the delayed datagrams: the end came before they were due\n",
@@ -259,6 +271,31 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   }
   text += fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
   return text + (plan.by_schedule ? fmt::format("  seed       {}\n", plan.schedule.Seed) : "");
+}
+
+std::string EventJson(std::string_view event, nanoseconds at, std::string_view text) {
+  nlohmann::ordered_json json{{"schema", kJsonSchema},
+                              {"event", event},
+                              {"time", UtcText(WallClockNow().count())},
+                              {"at_ns", at.count()}};
+  if (!text.empty()) {
+    json["text"] = text;
+  }
+  return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::string FaultJson(const IpPlayoutDone& done, ActionKind kind, std::string_view by,
+                      nanoseconds at) {
+  return nlohmann::ordered_json{{"schema", kJsonSchema},
+                                {"event", "fault"},
+                                {"time", UtcText(WallClockNow().count())},
+                                {"at_ns", at.count()},
+                                {"action", NameOf(kind)},
+                                {"by", by},
+                                {"count", done.Count},
+                                {"first_datagram", done.Datagram + 1},
+                                {"length_ns", done.LastDueNs - done.FirstDueNs}}
+      .dump();
 }
 
 std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const Status& status,
@@ -291,11 +328,11 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   json["frame_bytes"] = counters.BytesSent;
   json["ts_packets"] = counters.TSPacketsSent;
   json["ts_bytes"] = counters.TSBytesSent;
-  json["ordered"] = {{"lost", counters.LostPackets},
-                     {"lost_bytes", counters.LostBytes},
-                     {"delayed", counters.SequenceErrors},
-                     {"ipv4_header_bad", counters.IPChecksumErrors},
-                     {"udp_bad", counters.UDPChecksumErrors}};
+  json["ordered"] = {
+      {"lost", counters.LostPackets},          {"lost_bytes", counters.LostBytes},
+      {"delayed", counters.SequenceErrors},    {"ipv4_header_bad", counters.IPChecksumErrors},
+      {"udp_bad", counters.UDPChecksumErrors}, {"duplicates", status.faults.Duplicated},
+      {"corrupted", status.faults.Corrupted},  {"waiting", status.faults.Waiting}};
   if (status.held_back) {
     json["ordered"]["held_back"] = *status.held_back;
   }

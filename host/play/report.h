@@ -17,6 +17,8 @@ namespace ipplay {
 
 // "2 h 13 min" is for sentences; this is for columns: "0:12", "2:13:05".
 std::string FormatClock(std::chrono::nanoseconds time);
+// The same with milliseconds.
+std::string FormatMoment(std::chrono::nanoseconds time);
 
 // One line without end: percent, elapsed and remaining time, set and real bit rate, datagrams,
 // errors inserted by kind, jitter. In shorter words where `columns` are too few, and then cut.
@@ -33,6 +35,12 @@ std::string Introduction(const PlayOptions& options, const StreamFacts& facts, c
 std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Status& status,
                     std::string_view outcome);
 
+// One object in one line, without end: something that happened `at` a time after the start.
+std::string EventJson(std::string_view event, std::chrono::nanoseconds at,
+                      std::string_view text = {});
+// What was done by an order of `by`; `at` is when the first of its datagrams was due.
+std::string FaultJson(const IpPlayoutDone& done, ActionKind kind, std::string_view by,
+                      std::chrono::nanoseconds at);
 // One object in one line, without end. Its "event" is "progress" or "summary"; a summary has an
 // "outcome" too.
 std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const Status& status,

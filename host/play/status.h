@@ -34,6 +34,7 @@ struct Status {
   bool paused = false;
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
   std::optional<std::uint64_t> held_back;
+  IpPlayoutFaultCounts faults{};
   std::optional<IpPlayoutTiming> timing;  // where it is recorded
   std::optional<double> input_ppm;        // of its clock, where that is followed
   std::vector<OutputStatus> outputs{};    // beyond the first

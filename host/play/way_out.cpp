@@ -81,10 +81,6 @@ std::optional<Failure> UseFile(const PlayOptions& options, PlayPlan& plan) {
   if (std::filesystem::equivalent(options.input, options.into, error)) {
     return UsageFailure(fmt::format("{} is INPUT; give another file to write", options.into));
   }
-  if (!options.time_line.empty()) {
-    return UsageFailure(
-        "--at needs a target that frames leave to: a file is written in no time; leave it out");
-  }
   IpPlayoutSettings& schedule = plan.schedule;
   if (options.into.size() >= sizeof schedule.Destination) {
     return UsageFailure(fmt::format("{}: the path is too long; give one of up to {} bytes",

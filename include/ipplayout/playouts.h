@@ -192,7 +192,8 @@ typedef struct IpPlayoutOrder {
   uint64_t Number;  // the host's own, with which it is reported
   uint32_t What;    // IPPLAYOUT_DID_LOSE, _DELAY, _DUPLICATE, _CORRUPT, _IP_CHECKSUM, _UDP_CHECKSUM
   uint32_t Count;   // datagrams in a row, 1 to 1,000,000; or 0, then LengthNs says
-  uint32_t Amount;  // of _DELAY: datagrams it lets pass; of _CORRUPT: bits
+  uint32_t Amount;  // of a delay: behind so many later datagrams; of _CORRUPT: bits; 0: as
+                    // IpPlayoutFaults
   uint32_t Reserved;
   int64_t AtNs;      // to the first datagram that is due at this time since the start, or later
   int64_t LengthNs;  // of _LOSE: all that is due for so long, FEC and what was held back too
@@ -214,6 +215,7 @@ typedef struct IpPlayoutFaultCounts {
   uint64_t Corrupted;
   uint64_t Waiting;      // orders that were not carried out to their end yet
   uint64_t NotReported;  // of those that were, without room for them
+  uint64_t HeldFrames;   // of delayed datagrams, of all copies, that have not left yet
 } IpPlayoutFaultCounts;
 
 // One frame.

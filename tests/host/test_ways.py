@@ -124,7 +124,7 @@ class Files(PlayCase):
 
     def test_refusals(self):
         played = self.play(SAMPLE, "--to", self.path("a.pcapng"), "--at", "1s", "stop", status=2)
-        self.assertIn("--at needs a target that frames leave to", played.errors)
+        self.assertIn("stop needs a target on the network", played.errors)
         self.play(SAMPLE, "--to", self.path("a.pcapng"))
         played = self.play(self.path("a.pcapng"), "--to", self.path("a.pcapng"), status=2)
         self.assertIn("is INPUT; give another file", played.errors)

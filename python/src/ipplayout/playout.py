@@ -76,11 +76,12 @@ class Done(NamedTuple):
 
 
 class FaultCounts(NamedTuple):
-    """Datagrams duplicated and corrupted on purpose; orders that wait; reports of orders that found no room."""
+    """Datagrams duplicated and corrupted on purpose; orders that wait; reports that found no room; delayed frames."""
     duplicated: int
     corrupted: int
     waiting: int
     not_reported: int
+    held_frames: int
 
 
 class Frame(NamedTuple):
@@ -428,7 +429,7 @@ class Playout:
         """Counts of the current or last run that ``statistics()`` does not have."""
         record = IpPlayoutFaultCounts()
         self._call("GetFaults", ctypes.byref(record))
-        return FaultCounts(record.Duplicated, record.Corrupted, record.Waiting, record.NotReported)
+        return FaultCounts(record.Duplicated, record.Corrupted, record.Waiting, record.NotReported, record.HeldFrames)
 
     def lose(self, count: int = 1) -> None:
         """Leaves out ``count`` datagrams in a row.

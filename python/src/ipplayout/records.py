@@ -491,3 +491,4 @@ class IpPlayoutFaultCounts(Record):
     Corrupted: u64
     Waiting: u64
     NotReported: u64
+    HeldFrames: u64
