@@ -2,15 +2,19 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "host/base/confinement.h"
 #include "host/base/library_output.h"
 #include "host/cli/config_file.h"
 #include "host/cli/refusal.h"
+#include "host/cli/words.h"
 #include "host/demo/demo_command.h"
 #include "host/library/device_commands.h"
 #include "host/lineup/lineup_command.h"
@@ -32,11 +36,12 @@ int Tell(ipplay::ExitStatus status, const std::string& message,
 
 int Run(int argc, char** argv) {
   using ipplay::ExitStatus;
-  const ipplay::Words words(argv, static_cast<std::size_t>(argc));
+  const std::vector<std::string> given = ipplay::AsOptions({argv + 1, argv + std::max(argc, 1)});
+  const ipplay::Words words(given);
   CLI::App app("Plays MPEG transport streams out of an Ethernet adapter at an exact bit rate",
                "ipplay");
   app.require_subcommand(1);
-  app.set_version_flag("--version", std::string("ipplay ") + IPPLAYOUT_VERSION);
+  app.set_version_flag("-V,--version", std::string("ipplay ") + IPPLAYOUT_VERSION);
   app.set_config("--config", "", "Read options from FILE")->type_name("FILE");
   app.allow_config_extras(CLI::config_extras_mode::error);
   app.config_formatter(std::make_shared<ipplay::ConfigFile>());
@@ -50,7 +55,7 @@ int Run(int argc, char** argv) {
   ipplay::RegisterServe(app, outcome);
   ipplay::RegisterDemo(app, outcome, ipplay::serve::ServeDemo);
   try {
-    app.parse(argc, argv);
+    app.parse(std::vector<std::string>(given.rbegin(), given.rend()));
   } catch (const CLI::Success& success) {
     std::ostringstream text;
     app.exit(success, text, text);

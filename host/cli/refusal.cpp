@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "host/cli/near_miss.h"
+
 namespace ipplay {
 namespace {
 
@@ -55,12 +57,33 @@ std::string WrongCount(const CLI::App& app, const std::string& name) {
                      fmt::join(option->results(), " "), type);
 }
 
+// Of the options where the word is one, else of the commands.
+std::string NearestTo(const CLI::App& app, const std::string& word) {
+  std::vector<std::string> candidates;
+  if (word.starts_with("--")) {
+    for (const CLI::App* level : {&CommandOf(app), &app}) {
+      for (const CLI::Option* option : level->get_options()) {
+        for (const std::string& name : option->get_lnames()) {
+          candidates.push_back("--" + name);
+        }
+      }
+    }
+  } else if (&CommandOf(app) == &app) {
+    for (const CLI::App* command : app.get_subcommands({})) {
+      candidates.push_back(command->get_name());
+    }
+  }
+  return NearMiss(word.substr(0, word.find('=')), candidates);
+}
+
 std::string Unknown(const CLI::App& app) {
   const CLI::App& command = CommandOf(app);
   const auto words = app.remaining(true);
-  return fmt::format("{}: unknown here; \"ipplay{}{} --help\" lists what can be given",
-                     words.empty() ? "" : words.front(), &command == &app ? "" : " ",
-                     &command == &app ? "" : command.get_name());
+  const std::string word = words.empty() ? "" : words.front();
+  const std::string meant = NearestTo(app, word);
+  return fmt::format("{}: unknown here; {}\"ipplay{}{} --help\" lists what can be given", word,
+                     meant.empty() ? "" : fmt::format("did you mean {}? ", meant),
+                     &command == &app ? "" : " ", &command == &app ? "" : command.get_name());
 }
 
 std::string Missing(const CLI::App& app, const std::string& name) {

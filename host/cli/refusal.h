@@ -10,7 +10,7 @@
 
 namespace ipplay {
 
-using Words = std::span<const char* const>;  // of the command line
+using Words = std::span<const std::string>;  // of the command line, without the program
 
 // The line for what CLI11 refused.
 std::string ExplainRefusal(const CLI::App& app, Words words, const CLI::ParseError& error);

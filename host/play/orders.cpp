@@ -11,13 +11,13 @@
 namespace ipplay {
 namespace {
 
-struct Words {
+struct ActionWords {
   ActionKind kind;
   std::uint32_t what;  // 0: not done to datagrams
   std::string_view name;
   std::string_view done;
 };
-constexpr std::array<Words, 10> kWords{
+constexpr std::array<ActionWords, 10> kWords{
     {{ActionKind::kLose, IPPLAYOUT_DID_LOSE, "lose", "lost"},
      {ActionKind::kDelay, IPPLAYOUT_DID_DELAY, "delay", "delayed"},
      {ActionKind::kDuplicate, IPPLAYOUT_DID_DUPLICATE, "duplicate", "sent twice:"},
@@ -31,9 +31,9 @@ constexpr std::array<Words, 10> kWords{
      {ActionKind::kResume, 0, "resume", ""},
      {ActionKind::kStop, 0, "stop", ""}}};
 
-const Words& WordsOf(ActionKind kind) {
+const ActionWords& WordsOf(ActionKind kind) {
   return *std::find_if(kWords.begin(), kWords.end(),
-                       [kind](const Words& row) { return row.kind == kind; });
+                       [kind](const ActionWords& row) { return row.kind == kind; });
 }
 
 }  // namespace

@@ -235,6 +235,9 @@ std::optional<Failure> PlanSteps(const PlayOptions& options, ProtocolHeadersIncr
 // Fields of headers that the datagrams do not have.
 std::optional<Failure> CheckFields(const PlayOptions& options) {
   constexpr std::uint32_t kUsualTpid = 0x8100;
+  constexpr std::uint32_t kUsualType = 33;
+  constexpr std::uint32_t kUsualVersion = 2;
+  constexpr const char* kRtpTarget = "an rtp:// target";
   const bool v6 = options.to.address.is_v6;
   const struct {
     const char* option;
@@ -246,6 +249,11 @@ std::optional<Failure> CheckFields(const PlayOptions& options) {
       {"--vlan-cfi", options.vlan_cfi, options.vlan.has_value(), "--vlan"},
       {"--vlan-tpid", options.vlan_tpid != kUsualTpid, options.vlan.has_value(), "--vlan"},
       {"--flow-label", options.flow_label != 0, v6, "an IPv6 target"},
+      {"--sequence", options.sequence.has_value(), options.to.rtp, kRtpTarget},
+      {"--ssrc", !options.ssrc.random, options.to.rtp, kRtpTarget},
+      {"--payload-type", options.payload_type != kUsualType, options.to.rtp, kRtpTarget},
+      {"--rtp-version", options.rtp_version != kUsualVersion, options.to.rtp, kRtpTarget},
+      {"--rtp-extension", options.rtp_extension, options.to.rtp, kRtpTarget},
       {"--identification", options.identification.has_value(), !v6, "an IPv4 target"},
   };
   for (const auto& [option, is_given, has_field, needed] : kFields) {

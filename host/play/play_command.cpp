@@ -7,9 +7,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "host/base/event.h"
 #include "host/base/library_output.h"
+#include "host/base/patience.h"
 #include "host/base/text.h"
 #include "host/cli/config_file.h"
 #include "host/library/library.h"
@@ -57,17 +60,28 @@ std::optional<Failure> CheckFile(const CLI::App& app, const PlayOptions& options
   return std::nullopt;
 }
 
-Result<int> Play(const CLI::App& app, const PlayOptions& options) {
+Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (auto failure = CheckFile(app, options)) {
     return *std::move(failure);
   }
   const Library library;
   const Event stop_reading;
-  auto prepared = Prepare(options, library.Adapters(), stop_reading.Get());
+  auto prepared = [&] {
+    std::optional<Patience> patience;
+    if (!options.quiet) {
+      patience.emplace(fmt::format("reading {} ...", QuotedLine(options.input)));
+    }
+    return Prepare(options, library.Adapters(), stop_reading.Get());
+  }();
   if (!prepared) {
     return prepared.Error();
   }
   auto& [path, facts, plan, input, further] = *prepared;
+  // So that the file repeats this run.
+  if (!options.seed && plan.by_schedule) {
+    app.get_subcommand("play")->get_option("--seed")->add_result(
+        std::to_string(plan.schedule.Seed));
+  }
   if (const auto failure = WriteConfig(app, options.write_config)) {
     return *failure;
   }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/play_options.h"
 
+#include "host/base/host_name.h"
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
 #include "host/cli/option_builder.h"
@@ -20,9 +21,57 @@ std::optional<bool> ParseOnOff(const std::string& text) {
   return std::nullopt;
 }
 
+// Below it is a rate in other units, such as megabits.
+std::optional<double> ParsePlayedRate(const std::string& text) {
+  constexpr double kLeast = 1000;
+  const auto rate = ParseBitRate(text);
+  return rate && *rate >= kLeast ? rate : std::nullopt;
+}
+
+// The names of RFC 4594 for code points: EF, CS0 to CS7, AF11 to AF43; or a number.
+std::optional<std::uint32_t> ParseDscp(const std::string& text) {
+  constexpr std::uint32_t kExpedited = 46;
+  const auto digit = [&text](std::size_t at, int least, int most) {
+    const int value = text[at] - '0';
+    return value >= least && value <= most ? std::optional(static_cast<std::uint32_t>(value))
+                                           : std::nullopt;
+  };
+  if (text == "EF") {
+    return kExpedited;
+  }
+  if (text.size() == 3 && text.starts_with("CS")) {
+    const auto selector = digit(2, 0, 7);
+    return selector ? std::optional(*selector * 8) : std::nullopt;
+  }
+  if (text.size() == 4 && text.starts_with("AF")) {
+    const auto assured = digit(2, 1, 4);
+    const auto drops = digit(3, 1, 3);
+    return assured && drops ? std::optional(*assured * 8 + *drops * 2) : std::nullopt;
+  }
+  const auto number = ParseNumber(text, 0, 63);
+  return number ? std::optional(static_cast<std::uint32_t>(*number)) : std::nullopt;
+}
+
+std::optional<Target> ParseNamedTarget(const std::string& text) {
+  if (const auto target = ParseTarget(text)) {
+    return target;
+  }
+  const auto named = SplitNamedTarget(text);
+  if (!named) {
+    return std::nullopt;
+  }
+  const auto address = AddressOfHost(named->host);
+  if (!address) {
+    throw CLI::ValidationError(
+        "--to",
+        fmt::format("\"{}\" is no host that this machine knows; give an address", named->host));
+  }
+  return Target{named->rtp, *address, named->port};
+}
+
 std::optional<PlayOptions::Place> ParsePlace(const std::string& text) {
   const bool is_file = text.find("://") == std::string::npos && text.ends_with(".pcapng");
-  const auto target = ParseTarget(is_file ? "rtp://239.1.1.1:5004" : text);
+  const auto target = ParseNamedTarget(is_file ? "rtp://239.1.1.1:5004" : text);
   return target ? std::optional(PlayOptions::Place{*target, is_file ? text : ""}) : std::nullopt;
 }
 
@@ -67,14 +116,14 @@ void DefineTarget(CLI::App& command, OptionBuilder& add, PlayOptions& o) {
   add.Group("Where to");
   command
       .add_option_function<std::vector<std::string>>(
-          "--to", [&o](const std::vector<std::string>& texts) { TakePlaces(texts, o); },
+          "--to,-t", [&o](const std::vector<std::string>& texts) { TakePlaces(texts, o); },
           "rtp://239.1.1.1:5004 or udp://[ff3e::8000:1]:5000; or FILE.pcapng, as --into, with "
           "frames to rtp://239.1.1.1:5004; required, and may be repeated")
       ->type_name("TARGET")
       ->allow_extra_args(false)
       ->required()
       ->group("Where to");
-  add.Value("--into", o.into, "FILE", "a file",
+  add.Value("--into,-o", o.into, "FILE", "a file",
             "Write the frames to a pcapng file, with the times at which they would leave, and send "
             "nothing",
             ParseText);
@@ -84,7 +133,7 @@ void DefineTarget(CLI::App& command, OptionBuilder& add, PlayOptions& o) {
   add.Value("--sdp", o.sdp, "FILE", "a file",
             "Write a session description (SDP) of the RTP stream, which players open", ParseText);
   add.Value(
-      "--device", o.device, "NAME|N", "a name or a number",
+      "--device,-d", o.device, "NAME|N", "a name or a number",
       "Adapter by name or by its number in `ipplay devices`; default: the one on the route to "
       "the target",
       ParseText);
@@ -114,7 +163,8 @@ void DefineHeaders(OptionBuilder& add, PlayOptions& o) {
   add.Number("--ip-version", o.ip_version, 0, 15, "Version field; default 4 or 6");
   add.Number("--ttl,--hop-limit", o.ttl, 0, 255, "TTL or hop limit", "64");
   add.Number("--tos,--traffic-class", o.tos, 0, 255, "TOS byte or traffic class; default 0");
-  add.Number("--dscp", o.dscp, 0, 63, "The same given by its upper six bits");
+  add.Value("--dscp", o.dscp, "N", "0 to 63, EF, CS0 to CS7, or AF11 to AF43",
+            "The same given by its upper six bits, or by name", ParseDscp);
   add.Number("--flow-label", o.flow_label, 0, 0xFFFFF, "IPv6 flow label", "0");
   add.Number("--identification", o.identification, 0, 65535,
              "IPv4 identification of the first datagram; default 0");
@@ -147,13 +197,12 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
            "Play packets of 192 or 204 bytes without their time stamps or parity");
   add.Flag("--raw", o.raw, "Play any bytes, without looking for transport packets");
   add.Flag("--no-damage", o.no_damage, "Let the exit status be 1 if INPUT is damaged");
-  add.Value("--bitrate", o.bit_rate, "RATE", "a number above 0 with k, M or G, as 9.75M",
+  add.Value("--bitrate,-b", o.bit_rate, "RATE", "1k or above, with k, M or G, as 9.75M",
             "Bit rate of the transport stream, to which null packets fill it up; default: the rate "
             "of its PCRs",
-            ParseBitRate);
-  add.Value("--frame-bitrate", o.frame_bit_rate, "RATE",
-            "a number above 0 with k, M or G, as 9.75M",
-            "Bit rate of one stream's Ethernet frames instead, headers included", ParseBitRate);
+            ParsePlayedRate);
+  add.Value("--frame-bitrate", o.frame_bit_rate, "RATE", "1k or above, with k, M or G, as 9.75M",
+            "Bit rate of one stream's Ethernet frames instead, headers included", ParsePlayedRate);
   add.Number("--pcr-pid", o.pcr_pid, 0, 8191,
              "PID whose PCRs give the rate; default: the one whose PCRs cover most of the stream");
   add.Value(
@@ -172,7 +221,7 @@ void DefinePayload(OptionBuilder& add, PlayOptions& o) {
         return speed && *speed >= 1e-3 && *speed <= 1e3 ? speed : std::nullopt;
       },
       "1");
-  add.Value("--loop", o.rounds, "N|forever", "forever or a number from 1",
+  add.Value("--loop,-l", o.rounds, "N|forever", "forever or a number from 1",
             "Play the file this many times without a gap", ParseRounds, "1");
   add.Flag("--restamp", o.restamp,
            "Let PCR, PTS, DTS and continuity counters run through the rounds, so that a receiver "
@@ -194,7 +243,7 @@ void DefineShape(OptionBuilder& add, PlayOptions& o) {
             "squared-difference:20%, sine:20% of the gap",
             ParseJitter);
   add.Value(
-      "--copies", o.copies, "N", "1 to 1000000", "Number of parallel streams",
+      "--copies,-c", o.copies, "N", "1 to 1000000", "Number of parallel streams",
       [](const std::string& text) -> std::optional<std::uint32_t> {
         const auto number = ParseNumber(text, 1, 1'000'000);
         if (!number) {
@@ -316,7 +365,7 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
   add.Flag("--no-underrun", o.no_underrun,
            "Let the exit status be 1 if the input was not there in time");
   add.Value(
-      "--seed", o.seed, "N", "1 to 9007199254740991",
+      "--seed,-s", o.seed, "N", "1 to 9007199254740991",
       "Start of everything random, so that a run can be repeated; default: drawn and reported",
       [](const std::string& text) { return ParseNumber(text, 1, kMostSeed); });
   add.Value(
@@ -332,10 +381,10 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
       },
       "text");
   add.Flag(
-      "--json", o.json,
+      "--json,-j", o.json,
       "Print one JSON object a second and one at the end on standard output, and nothing else");
-  add.Flag("--quiet", o.quiet, "No progress; only errors, notes and the summary");
-  add.Flag("--dry-run", o.dry_run, "Print the plan and the first headers, and send nothing")
+  add.Flag("--quiet,-q", o.quiet, "No progress; only errors, notes and the summary");
+  add.Flag("--dry-run,-n", o.dry_run, "Print the plan and the first headers, and send nothing")
       ->configurable(false);
   add.Value("--write-config", o.write_config, "FILE", "a file",
             "Write all options to FILE, which --config reads", ParseText)

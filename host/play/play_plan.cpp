@@ -224,6 +224,14 @@ void NoteStart(const PlayOptions& options, Notes& notes) {
             : "is not kept right by anything"));
 }
 
+void NoteShape(const PlayOptions& options, const StreamFacts& facts, Notes& notes) {
+  if (options.rounds.value_or(2) > 1 && !options.restamp && !options.near_wrap && facts.rate) {
+    notes.emplace_back(
+        "each round starts anew for a receiver, with PCR, PTS and counters set back; --restamp "
+        "joins the rounds");
+  }
+}
+
 void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& plan) {
   NoteStart(options, plan.notes);
   NoteRtpClock(plan, plan.notes);
@@ -236,6 +244,7 @@ void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& pl
         "start near their wraps");
   }
   NoteJitter(options, plan, plan.notes);
+  NoteShape(options, facts, plan.notes);
 }
 
 }  // namespace

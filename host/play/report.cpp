@@ -3,8 +3,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "host/base/text.h"
 #include "host/base/units.h"
@@ -124,6 +126,10 @@ std::string TimingText(const IpPlayoutTiming& timing) {
   if (timing.NotSent > 0) {
     text += fmt::format("  not taken  {} frames, by the adapter\n", FormatCount(timing.NotSent));
   }
+  if (timing.Discarded > 0) {
+    text += fmt::format("  discarded  {} frames that were built when it was stopped\n",
+                        FormatCount(timing.Discarded));
+  }
   if (timing.DryTimes > 0) {
     text += fmt::format("  ran dry    {} times, for {} in all\n", FormatCount(timing.DryTimes),
                         time(timing.DryNs));
@@ -136,7 +142,7 @@ std::string TimingText(const IpPlayoutTiming& timing) {
 
 std::string LatenessWords(const std::optional<IpPlayoutTiming>& timing) {
   return timing && timing->LatenessMaxNs >= 0
-             ? fmt::format("  late by up to {}", FormatDuration(nanoseconds(timing->LatenessMaxNs)))
+             ? fmt::format("late by up to {}", FormatDuration(nanoseconds(timing->LatenessMaxNs)))
              : "";
 }
 
@@ -184,42 +190,43 @@ std::string FormatMoment(nanoseconds time) {
 }
 
 std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns) {
-  const bool rounds = !plan.rounds.count || *plan.rounds.count > 1;
-  const std::string real =
-      status.paused ? "paused" : fmt::format("{:.4f}M", status.recent_rate / 1e6);
   const PlayoutStatistics& counters = status.counters;
-  std::string line;
+  // Each with its rank: where there is no room for all, the highest goes first.
+  struct Part {
+    int rank;
+    std::string text;
+  };
+  std::vector<Part> parts;
   if (status.share) {
-    line += fmt::format("{:.1f} %  ", *status.share * 100);
+    parts.push_back({1, fmt::format("{:.1f} %", *status.share * 100)});
   }
-  line += FormatClock(status.elapsed);
+  parts.push_back({0, FormatClock(status.elapsed)});
   if (status.remaining) {
-    line += fmt::format(", {} left", FormatClock(*status.remaining));
+    parts.push_back({5, fmt::format("{} left", FormatClock(*status.remaining))});
   }
-  if (rounds) {
-    line += fmt::format("  round {}", status.round);
+  if (!plan.rounds.count || *plan.rounds.count > 1) {
+    parts.push_back({4, fmt::format("round {}", status.round)});
   }
-  line += fmt::format("  {:.4f}M set, {} real  {} datagrams  ordered: {}  jitter {}",
-                      plan.rates.stream / 1e6, real, FormatCount(counters.DatagramsSent),
-                      OrderedErrors(counters, status.faults), FormatDuration(JitterOf(counters)));
-  line += LatenessWords(status.timing);
-  if (line.size() <= columns) {
-    return line;
+  parts.push_back({8, fmt::format("{:.4f}M set", plan.rates.stream / 1e6)});
+  parts.push_back(
+      {2, status.paused ? "paused" : fmt::format("{:.4f}M real", status.recent_rate / 1e6)});
+  parts.push_back({6, fmt::format("{} datagrams", FormatCount(counters.DatagramsSent))});
+  parts.push_back({7, fmt::format("ordered: {}", OrderedErrors(counters, status.faults))});
+  parts.push_back({9, fmt::format("jitter {}", FormatDuration(JitterOf(counters)))});
+  if (const std::string late = LatenessWords(status.timing); !late.empty()) {
+    parts.push_back({3, late});
   }
-
-  line = status.share ? fmt::format("{:.0f}% ", *status.share * 100) : "";
-  line += FormatClock(status.elapsed);
-  if (status.remaining) {
-    line += fmt::format("-{}", FormatClock(*status.remaining));
+  for (;;) {
+    std::string line;
+    for (const Part& part : parts) {
+      line += line.empty() ? part.text : "  " + part.text;
+    }
+    if (line.size() <= columns || parts.size() == 1) {
+      return line.substr(0, columns);
+    }
+    parts.erase(std::max_element(parts.begin(), parts.end(),
+                                 [](const Part& a, const Part& b) { return a.rank < b.rank; }));
   }
-  if (rounds) {
-    line += fmt::format(" round {}", status.round);
-  }
-  line += fmt::format(" {:.4g}/{} {} sent lost {} delayed {} ip {} udp {} jitter {}",
-                      plan.rates.stream / 1e6, real, counters.DatagramsSent, counters.LostPackets,
-                      counters.SequenceErrors, counters.IPChecksumErrors,
-                      counters.UDPChecksumErrors, FormatDuration(JitterOf(counters)));
-  return line.substr(0, columns);
 }
 
 std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
@@ -365,9 +372,15 @@ std::string DryRun(const PlayOptions& options, const StreamFacts& facts, const P
   std::string text = "Playout\n";
   AddDerived(text, options, facts, plan, path);
   text += "\nSettings\n";
+  std::size_t unset = 0;
   for (const NamedSetting& setting : Describe(plan.settings)) {
-    text += fmt::format("  {:<34}{}\n", setting.name, setting.value);
+    if (setting.value.find_first_not_of("0.:\" ") == std::string::npos) {
+      ++unset;
+    } else {
+      text += fmt::format("  {:<34}{}\n", setting.name, setting.value);
+    }
   }
+  text += fmt::format("  and {} that are 0 or empty\n", unset);
   text += "\nHeaders of the first datagram\n";
   text += fmt::format("  {:>6}  {:<48}{:<42}{}\n", "offset", "bytes", "field", "value");
   const bool known = path.destination.has_value() || options.dst_mac.has_value();

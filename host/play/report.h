@@ -21,7 +21,7 @@ std::string FormatClock(std::chrono::nanoseconds time);
 std::string FormatMoment(std::chrono::nanoseconds time);
 
 // One line without end: percent, elapsed and remaining time, set and real bit rate, datagrams,
-// errors inserted by kind, jitter. In shorter words where `columns` are too few, and then cut.
+// errors ordered by kind, jitter. What matters least is left out where `columns` are too few.
 std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t columns);
 
 // Where the frames go, and which way.

@@ -76,7 +76,13 @@ double StatusMeter::MeanRate() const {
 
 double StatusMeter::RateOfDepartures() const {
   const nanoseconds time(timing_->LastDepartureNs - timing_->FirstDepartureNs);
-  return time.count() <= 0 ? 0 : RateOf((timing_->OnTime + timing_->Late) / copies_, time);
+  const std::uint64_t sent = (timing_->OnTime + timing_->Late) / copies_;
+  if (time.count() <= 0 || sent <= datagrams_per_burst_) {
+    return 0;
+  }
+  // By schedule a short last burst has a place of its own, too.
+  const std::uint64_t spanned = (sent - 1) / datagrams_per_burst_ * datagrams_per_burst_;
+  return static_cast<double>(spanned) / share_sent_ * ts_bytes_per_datagram_ * 8 / Seconds(time);
 }
 
 // N datagrams span N - 1 gaps, and all but the last are full. With bursts, count whole bursts: a

@@ -119,7 +119,7 @@ class Running(PlayCase):
         player = self.bed.start("play", "-", *TARGET, "--stats", "json", stdin=read_end)
         os.close(read_end)
         os.write(write_end, read_file(SAMPLE)[:188 * 1100])  # more than is read ahead
-        while json.loads(player.stdout.readline())["ts_packets"] < 98:
+        while json.loads(player.stdout.readline()).get("ts_packets", 0) < 98:
             pass
         interrupt(player)
         output, _ = player.communicate()
