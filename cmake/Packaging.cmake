@@ -26,6 +26,10 @@ if(IPPLAYOUT_BUILD_HOST)
   install_compressed("${root}/docs/man/ipplay.1" ipplay.1 "${CMAKE_INSTALL_MANDIR}/man1" tool)
   install(FILES "${root}/host/completion/ipplay"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tool)
+  install(FILES "${root}/host/completion/ipplay.fish"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d" COMPONENT tool)
+  install(FILES "${root}/host/completion/_ipplay"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions" COMPONENT tool)
   install(FILES "${root}/packaging/ipplay-lineup@.service" "${root}/packaging/ipplay-serve.service"
     DESTINATION lib/systemd/system COMPONENT tool)
   install(FILES "${root}/docs/fleet.md" "${root}/docs/json.md" "${root}/docs/measuring.md" "${root}/docs/openapi.json"

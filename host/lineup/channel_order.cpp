@@ -12,8 +12,9 @@ namespace ipplay {
 namespace {
 
 // They belong to the run of one playout, with its terminal.
-constexpr std::array<std::string_view, 9> kNotOfChannels{
-    "json", "stats", "quiet", "dry-run", "write-config", "priority", "help", "config", "no-damage"};
+constexpr std::array<std::string_view, 11> kNotOfChannels{
+    "json", "stats",  "quiet",     "dry-run",  "write-config", "priority",
+    "help", "config", "no-damage", "ts-fault", "control"};
 
 bool IsFlag(const CLI::Option& option) {
   return option.get_items_expected_max() == 0;

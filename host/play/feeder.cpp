@@ -4,11 +4,12 @@
 namespace ipplay {
 
 Feeder::Feeder(std::unique_ptr<RoundReader> reader, const EditPlan& edits,
-               std::optional<std::uint64_t> rounds, Sink sink)
+               std::optional<std::uint64_t> rounds, Sink sink, StreamFaults* faults)
     : reader_(std::move(reader)),
       editor_(reader_->Format(), edits),
       rounds_(rounds),
-      sink_(std::move(sink)) {}
+      sink_(std::move(sink)),
+      faults_(faults) {}
 
 Feeder::~Feeder() {
   Stop();
@@ -34,7 +35,7 @@ void Feeder::Run() {
   if (!written || stop_.load(std::memory_order_relaxed)) {
     return;
   }
-  const auto write = [&writer](StreamEditor::Bytes bytes) { return writer.Write(bytes); };
+  const auto write = [&](StreamEditor::Bytes bytes) { return Write(writer, bytes); };
   if (!editor_.Finish(write) || !writer.Finish()) {
     return;
   }
@@ -42,8 +43,12 @@ void Feeder::Run() {
   sink_.terminate();
 }
 
+bool Feeder::Write(WordWriter& writer, StreamEditor::Bytes bytes) const {
+  return writer.Write(faults_ != nullptr ? faults_->Run(bytes) : bytes);
+}
+
 bool Feeder::PlayRound(WordWriter& writer) {
-  const auto write = [&writer](StreamEditor::Bytes bytes) { return writer.Write(bytes); };
+  const auto write = [&](StreamEditor::Bytes bytes) { return Write(writer, bytes); };
   while (!stop_.load(std::memory_order_relaxed)) {
     const auto packets = reader_->Next();
     if (packets.empty()) {

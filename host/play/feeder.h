@@ -13,6 +13,7 @@
 #include "host/play/word_writer.h"
 #include "host/stream/round_reader.h"
 #include "host/stream/stream_editor.h"
+#include "host/stream/stream_faults.h"
 
 namespace ipplay {
 
@@ -25,9 +26,10 @@ class Feeder {
     std::function<void(std::optional<std::int64_t>)> arrived{};
   };
 
-  // Plays `rounds` rounds, or without end if it is empty.
+  // Makes `faults`, if not null, in what it writes; they outlive it. Plays `rounds` rounds, or
+  // without end if it is empty.
   Feeder(std::unique_ptr<RoundReader> reader, const EditPlan& edits,
-         std::optional<std::uint64_t> rounds, Sink sink);
+         std::optional<std::uint64_t> rounds, Sink sink, StreamFaults* faults = nullptr);
   // Stops and joins the thread. Release a blocking call of `sink` first.
   ~Feeder();
 
@@ -47,6 +49,7 @@ class Feeder {
 
  private:
   void Run();
+  bool Write(WordWriter& writer, StreamEditor::Bytes bytes) const;
   bool PlayRound(WordWriter& writer);
   bool StartNextRound();
 
@@ -54,6 +57,7 @@ class Feeder {
   StreamEditor editor_;
   std::optional<std::uint64_t> rounds_;
   Sink sink_;
+  StreamFaults* const faults_;
   std::uint64_t round_ = 1;
   std::atomic<bool> stop_{false};
   std::atomic<unsigned> padding_{0};

@@ -77,7 +77,8 @@ bool MarkedWriter::WriteUpTo(std::size_t end) {
   if (end == 0) {
     return true;
   }
-  const auto bytes = std::span(held_).first(end);
+  const std::span<const std::uint8_t> clean = std::span(held_).first(end);
+  const auto bytes = faults_ != nullptr ? faults_->Run(clean) : clean;
   auto taken = playout_.TryWrite(bytes);
   if (taken && *taken < end) {
     // What knows its arrivals waits elsewhere, and loses no time.

@@ -14,6 +14,7 @@
 #include "host/stream/clock_follower.h"
 #include "host/stream/packet_format.h"
 #include "host/stream/pcr_marks.h"
+#include "host/stream/stream_faults.h"
 
 namespace ipplay {
 
@@ -23,8 +24,10 @@ class MarkedWriter {
  public:
   using Time = std::chrono::nanoseconds;
 
-  MarkedWriter(ScheduledPlayout& playout, PacketFormat format, const PcrMarks& marks)
-      : playout_(playout), format_(format), marks_(marks) {}
+  // `faults` are made behind the marks, which the stream's own PCRs give; null for none.
+  MarkedWriter(ScheduledPlayout& playout, PacketFormat format, const PcrMarks& marks,
+               StreamFaults* faults)
+      : playout_(playout), format_(format), marks_(marks), faults_(faults) {}
 
   // From now on the clock of the input is followed. The playout starts at `start`, on
   // CLOCK_MONOTONIC, and what comes then is meant to wait for `lead`.
@@ -58,6 +61,7 @@ class MarkedWriter {
   ScheduledPlayout& playout_;
   const PacketFormat format_;
   PcrMarks marks_;
+  StreamFaults* const faults_;
   std::optional<Following> following_;
   std::vector<std::uint8_t> held_;  // that was not written yet
   std::size_t looked_at_ = 0;       // of it, in whole packets

@@ -70,6 +70,13 @@ std::optional<Failure> CheckFaults(const PlayOptions& options) {
   if (options.closes_holes && !options.lose && !options.loss_model && options.time_line.empty()) {
     return UsageFailure("--holes closed needs --lose, --loss-model or --at");
   }
+  if (!options.stream_faults.empty() && options.raw) {
+    return UsageFailure(
+        "--ts-fault and --raw exclude each other: raw input has no packets; give one");
+  }
+  if (!options.stream_faults.empty() && !options.also_to.empty()) {
+    return UsageFailure("--ts-fault is for one target; give one --to");
+  }
   return CheckTimeLine(options);
 }
 

@@ -12,6 +12,7 @@
 
 #include "host/base/event.h"
 #include "host/base/library_output.h"
+#include "host/base/line_server.h"
 #include "host/base/patience.h"
 #include "host/base/text.h"
 #include "host/cli/config_file.h"
@@ -95,6 +96,14 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (const auto failure = WriteSdp(options, path)) {
     return *failure;
   }
+  std::unique_ptr<LineServer> control;
+  if (!options.control.empty()) {
+    auto server = LineServer::Listen("--control", options.control);
+    if (!server) {
+      return server.Error();
+    }
+    control = std::move(*server);
+  }
   Introduce(options, facts, plan, path.adapter);
   for (Output& output : further) {
     if (const auto failure = CompletePath(output.options, output.path, output.plan)) {
@@ -103,7 +112,7 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
     IntroduceFurther(output, plan);
   }
   PlaySession session(options, plan, std::make_unique<RoundReader>(std::move(input), facts),
-                      std::move(further), stop_reading);
+                      std::move(further), stop_reading, control.get());
   return static_cast<int>(session.Run());
 }
 

@@ -310,6 +310,28 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
       ->allow_extra_args(false)
       ->group("Timing and copies");
   command
+      .add_option_function<std::vector<std::string>>(
+          "--ts-fault",
+          [&o](const std::vector<std::string>& texts) {
+            for (const std::string& text : texts) {
+              const auto fault = ParseStreamFault(text);
+              if (!fault) {
+                throw OptionBuilder::Invalid(
+                    "--ts-fault", text,
+                    "continuity, sync, transport-error, drop, psi, pcr-offset:TIME, pcr-jump:TIME "
+                    "or pcr-jitter:TIME, @PID if need be, and =N/RANGE or =P%, as "
+                    "pcr-jump@256:150ms=1/50");
+              }
+              o.stream_faults.push_back(*fault);
+            }
+          },
+          "Damage packets of the transport stream: continuity, sync, transport-error, drop, psi, "
+          "pcr-offset:TIME, pcr-jump:TIME, pcr-jitter:TIME, in N of every RANGE that can have it, "
+          "or each with P%, as continuity=1/1000 or drop@256=2%; may be repeated")
+      ->type_name("FAULT[@PID][:TIME]=RATE")
+      ->allow_extra_args(false)
+      ->group("Deliberate errors");
+  command
       .add_option_function<std::vector<std::pair<std::string, std::string>>>(
           "--at",
           [&o](const std::vector<std::pair<std::string, std::string>>& entries) {
@@ -386,6 +408,9 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
   add.Flag("--quiet,-q", o.quiet, "No progress; only errors, notes and the summary");
   add.Flag("--dry-run,-n", o.dry_run, "Print the plan and the first headers, and send nothing")
       ->configurable(false);
+  add.Value("--control", o.control, "FILE", "a path",
+            "Take orders as JSON lines from programs of this user on a socket at this path",
+            ParseText);
   add.Value("--write-config", o.write_config, "FILE", "a file",
             "Write all options to FILE, which --config reads", ParseText)
       ->configurable(false);

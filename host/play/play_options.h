@@ -86,6 +86,7 @@ struct PlayOptions {
   std::optional<LossModel> loss_model;
   bool closes_holes = false;
   bool random = false;
+  std::vector<StreamFault> stream_faults;
   std::vector<std::pair<std::chrono::nanoseconds, Action>> time_line;  // in the order given
 
   // The run itself.
@@ -102,6 +103,7 @@ struct PlayOptions {
   bool quiet = false;
   bool dry_run = false;
   std::string write_config;
+  std::string control;  // path of a socket
 
   bool WantsJson() const { return json || json_stats; }
 };

@@ -12,6 +12,7 @@
 #include "host/base/library_output.h"
 #include "host/base/stop_signals.h"
 #include "host/base/units.h"
+#include "host/play/control.h"
 #include "host/play/held_back.h"
 #include "host/play/orders.h"
 #include "host/play/report.h"
@@ -27,6 +28,16 @@ constexpr const char* kKeys =
     "keys: space pause, l lose, s delay, d duplicate, c corrupt, i bad IP checksum, u bad UDP "
     "checksum, q stop, ? help";
 
+std::unique_ptr<StreamFaults> MakeStreamFaults(const PlayOptions& options, const PlayPlan& plan,
+                                               PacketFormat input) {
+  constexpr std::uint64_t kApart = 0x5354;  // from the library's draws
+  if (options.stream_faults.empty()) {
+    return nullptr;
+  }
+  return std::make_unique<StreamFaults>(StreamEditor::Format(input, plan.edits),
+                                        options.stream_faults, plan.schedule.Seed ^ kApart);
+}
+
 std::string ReadFailure(int error) {
   return error == ENODATA ? "the file has become shorter" : std::strerror(error);
 }
@@ -35,15 +46,19 @@ std::string ReadFailure(int error) {
 
 PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
                          std::unique_ptr<RoundReader> reader, std::vector<Output> further,
-                         const Event& stop_reading)
+                         const Event& stop_reading, LineServer* control)
     : options_(options),
       plan_(plan),
       stop_reading_(stop_reading),
+      control_(control),
       time_line_({}),
       meter_(plan),
-      playing_(MakePlaying(options, plan, StreamEditor::Format(reader->Format(), plan.edits))),
+      stream_faults_(MakeStreamFaults(options, plan, reader->Format())),
+      playing_(MakePlaying(options, plan, StreamEditor::Format(reader->Format(), plan.edits),
+                           stream_faults_.get())),
       further_(std::move(further), StreamEditor::Format(reader->Format(), plan.edits)),
-      feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink())) {
+      feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink()),
+              plan.pcr_rate ? nullptr : stream_faults_.get()) {
   OrderAhead();
 }
 
@@ -140,10 +155,11 @@ void PlaySession::WaitForSomething() {
   const nanoseconds wait = std::max(NextWake() - Now(), nanoseconds(0));
   const timespec timeout{.tv_sec = static_cast<time_t>(wait / 1s),
                          .tv_nsec = static_cast<long>((wait % 1s).count())};
-  std::array<pollfd, 4> waits{{{playing_->EndDescriptor(), POLLIN, 0},
+  std::array<pollfd, 5> waits{{{playing_->EndDescriptor(), POLLIN, 0},
                                {StopSignals::Fd(), POLLIN, 0},
                                {terminal_ ? terminal_->Fd() : -1, POLLIN, 0},
-                               {continued_.Get(), POLLIN, 0}}};
+                               {continued_.Get(), POLLIN, 0},
+                               {control_ != nullptr ? control_->Fd() : -1, POLLIN, 0}}};
   if (::ppoll(waits.data(), waits.size(), &timeout, nullptr) <= 0) {
     return;
   }
@@ -165,6 +181,9 @@ void PlaySession::WaitForSomething() {
   }
   if (waits[2].revents != 0) {
     TakeKeys();
+  }
+  if (waits[4].revents != 0) {
+    TakeControl();
   }
 }
 
@@ -213,20 +232,49 @@ void PlaySession::PressKey(char key) {
   }
 }
 
+void PlaySession::TakeControl() {
+  control_->Serve([this](std::string_view line) { return Control(line); });
+}
+
+std::string PlaySession::Control(std::string_view line) {
+  const ControlOrder order = ParseControl(line);
+  if (const auto* why = std::get_if<std::string>(&order.what)) {
+    return Refused(order, *why);
+  }
+  if (!running_) {
+    return Refused(order, "the playout has been stopped");
+  }
+  if (const auto* action = std::get_if<Action>(&order.what)) {
+    const auto refused = Obey(*action, "control");
+    return refused ? Refused(order, *refused) : Accepted(order);
+  }
+  timing_ = playing_->Timing();
+  return Told(order, StatusJson(options_, plan_, Progress(), "progress"));
+}
+
 void PlaySession::Do(const Action& action, const std::string& by) {
+  if (const auto refused = Obey(action, by)) {
+    Say(fmt::format("{}: {}: {}", by, NameOf(action.kind), *refused));
+  }
+}
+
+// Why it is refused; nothing when it is not.
+std::optional<std::string> PlaySession::Obey(const Action& action, const std::string& by) {
   switch (action.kind) {
-    default:
-      return Order(action, 0s, by);
     case ActionKind::kPause:
       Pause(true);
       if (action.length > 0s) {
         time_line_.Add({Now() + action.length, {ActionKind::kResume, 0s}});
       }
-      return;
+      return std::nullopt;
     case ActionKind::kResume:
-      return Pause(false);
+      Pause(false);
+      return std::nullopt;
     case ActionKind::kStop:
-      return Stop(fmt::format("Stopped by {}", by));
+      Stop(fmt::format("Stopped by {}", by));
+      return std::nullopt;
+    default:
+      return Order(action, 0s, by);
   }
 }
 
@@ -235,26 +283,28 @@ void PlaySession::Do(const Action& action, const std::string& by) {
 void PlaySession::OrderAhead() {
   for (const auto& [time, action] : options_.time_line) {
     if (IsFault(action.kind) && playing_->TakesTimes()) {
-      Order(action, time, "--at");
+      Order(action, time, "--at");  // refused at the start, if at all
     } else {
       time_line_.Add({time, action});
     }
   }
 }
 
-void PlaySession::Order(const Action& action, nanoseconds at, const std::string& by) {
-  ordered_.push_back({action, by});
-  if (const auto refused = playing_->Order(action, at, ordered_.size() - 1)) {
-    ordered_.pop_back();
-    Say(fmt::format("{}: {}: {}", by, NameOf(action.kind), *refused));
+std::optional<std::string> PlaySession::Order(const Action& action, nanoseconds at,
+                                              const std::string& by) {
+  auto refused = playing_->Order(action, at, orders_);
+  if (!refused) {
+    ordered_.insert({orders_++, {action, by}});
   }
+  return refused;
 }
 
 void PlaySession::TellDone() {
   const std::vector<IpPlayoutDone> all_done = playing_->ReadDone();
   const nanoseconds shift(timing_ ? timing_->ShiftNs : 0);
   for (const IpPlayoutDone& done : all_done) {
-    const auto& [action, by] = ordered_.at(done.Number);
+    const auto [action, by] = ordered_.at(done.Number);
+    ordered_.erase(done.Number);
     const nanoseconds due = done.FirstDueNs < 0 ? Now() : nanoseconds(done.FirstDueNs) + shift;
     if (options_.WantsJson()) {
       Emit(FaultJson(done, action.kind, by, due));
@@ -345,6 +395,9 @@ Status PlaySession::Progress() const {
   status.input_ppm = playing_->FollowedPpm();
   status.outputs = further_.Status();
   status.faults = playing_->Faults();
+  if (stream_faults_) {
+    status.stream_faults = stream_faults_->Counts();
+  }
   return status;
 }
 
@@ -468,7 +521,7 @@ std::optional<std::uint64_t> PlaySession::HeldBack(const PlayoutStatistics& coun
   if (plan_.by_schedule) {
     return playing_->Faults().HeldFrames / plan_.copies;
   }
-  return HeldBackAtEnd(plan_.settings.errors, counters, !ordered_.empty());
+  return HeldBackAtEnd(plan_.settings.errors, counters, orders_ > 0);
 }
 
 std::uint64_t PlaySession::CountUnsent() const {

@@ -5,12 +5,14 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "host/base/event.h"
+#include "host/base/line_server.h"
 #include "host/base/result.h"
 #include "host/base/signal_event.h"
 #include "host/base/terminal.h"
@@ -29,9 +31,9 @@ namespace ipplay {
 // time line, and shows progress.
 class PlaySession {
  public:
-  // `stop_reading` ends a read of the input.
+  // `stop_reading` ends a read of the input. Programs give orders on `control`, if not null.
   PlaySession(const PlayOptions& options, const PlayPlan& plan, std::unique_ptr<RoundReader> reader,
-              std::vector<Output> further, const Event& stop_reading);
+              std::vector<Output> further, const Event& stop_reading, LineServer* control);
   ~PlaySession();
   PlaySession(const PlaySession&) = delete;
   PlaySession& operator=(const PlaySession&) = delete;
@@ -51,8 +53,12 @@ class PlaySession {
   void TakeContinue();
   void TakeKeys();
   void PressKey(char key);
+  void TakeControl();
+  std::string Control(std::string_view line);
+  std::optional<std::string> Obey(const Action& action, const std::string& by);
   void Do(const Action& action, const std::string& by);
-  void Order(const Action& action, std::chrono::nanoseconds at, const std::string& by);
+  std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
+                                   const std::string& by);
   void OrderAhead();
   void TellDone();
   void TellNotDone();
@@ -81,10 +87,12 @@ class PlaySession {
   const PlayOptions& options_;
   const PlayPlan& plan_;
   const Event& stop_reading_;
+  LineServer* const control_;
   SignalEvent continued_{SIGCONT};
   std::unique_ptr<Terminal> terminal_;
   TimeLine time_line_;
   StatusMeter meter_;
+  std::unique_ptr<StreamFaults> stream_faults_;  // null for none
   std::unique_ptr<Playing> playing_;
   FurtherOutputs further_;
   Feeder feeder_;
@@ -97,7 +105,8 @@ class PlaySession {
     Action action;
     std::string by;
   };
-  std::vector<Ordered> ordered_;  // faults, by the numbers of their orders
+  std::map<std::uint64_t, Ordered> ordered_;  // faults that were not reported yet
+  std::uint64_t orders_ = 0;
   ShortSends short_sends_;
   std::string failure_;  // why the run failed, where the library says
   std::optional<IpPlayoutTiming> timing_;

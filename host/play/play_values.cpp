@@ -198,6 +198,45 @@ std::optional<LossModel> ParseLossModel(std::string_view text) {
   return given >= 2 ? std::optional(model) : std::nullopt;
 }
 
+std::optional<StreamFault> ParseStreamFault(std::string_view text) {
+  constexpr std::uint64_t kHighestPid = 8191;
+  const auto parts = Split(text, '=');
+  const auto errors = parts ? ParseErrorSchedule(parts->second) : std::nullopt;
+  if (!errors) {
+    return std::nullopt;
+  }
+  StreamFault fault;
+  fault.count = errors->count;
+  fault.range = errors->range;
+  fault.chance = errors->chance;
+  std::string_view name = parts->first;
+  const auto sized = Split(name, ':');
+  if (sized) {
+    const bool is_back = sized->second.starts_with('-');
+    const auto amount = ParseDuration(sized->second.substr(is_back ? 1 : 0));
+    if (!amount || amount->count() == 0 || *amount > std::chrono::hours(24)) {
+      return std::nullopt;
+    }
+    fault.amount = is_back ? -*amount : *amount;
+    name = sized->first;
+  }
+  if (const auto of_pid = Split(name, '@')) {
+    const auto pid = ParseNumber(of_pid->second, 0, kHighestPid);
+    if (!pid) {
+      return std::nullopt;
+    }
+    fault.pid = static_cast<std::uint16_t>(*pid);
+    name = of_pid->first;
+  }
+  const auto kind = StreamFaultNamed(name);
+  const bool is_jitter_back = kind == StreamFaultKind::kPcrJitter && fault.amount.count() < 0;
+  if (!kind || HasAmount(*kind) != sized.has_value() || is_jitter_back) {
+    return std::nullopt;
+  }
+  fault.kind = *kind;
+  return fault;
+}
+
 std::optional<bool> ParseHoles(std::string_view text) {
   constexpr std::array<Named<bool>, 2> kHoles{{{"kept", false}, {"closed", true}}};
   return Find(kHoles, text);

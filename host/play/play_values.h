@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "host/base/address.h"
+#include "host/stream/stream_faults.h"
 
 namespace ipplay {
 
@@ -44,6 +45,10 @@ struct LossModel {
   double lose_while_good = 0;
 };
 std::optional<LossModel> ParseLossModel(std::string_view text);
+
+// "continuity=1/1000", "drop@256=100%", "pcr-jump:150ms=1/50": a fault, of a PID, of a size, and
+// how often.
+std::optional<StreamFault> ParseStreamFault(std::string_view text);
 
 // "kept", "closed": whether what follows a lost datagram leaves earlier.
 std::optional<bool> ParseHoles(std::string_view text);

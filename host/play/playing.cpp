@@ -153,10 +153,10 @@ class RatePlaying final : public Playing {
 class ScheduledPlaying final : public Playing {
  public:
   ScheduledPlaying(const PlayOptions& options, const PlayPlan& plan, ScheduledPlayout playout,
-                   const std::optional<PcrMarks>& marks, PacketFormat format)
+                   const std::optional<PcrMarks>& marks, PacketFormat format, StreamFaults* faults)
       : options_(options), plan_(plan), playout_(std::move(playout)) {
     if (marks) {
-      writer_.emplace(playout_, format, *marks);
+      writer_.emplace(playout_, format, *marks, faults);
     }
   }
 
@@ -264,7 +264,7 @@ class ScheduledPlaying final : public Playing {
 }  // namespace
 
 std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
-                                     PacketFormat format) {
+                                     PacketFormat format, StreamFaults* faults) {
   auto playout = ScheduledPlayout::Open();
   if (!plan.by_schedule || !playout) {
     return std::make_unique<RatePlaying>(options, plan);
@@ -273,7 +273,8 @@ std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan&
   if (plan.pcr_rate) {
     marks.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, SpeedOf(options));
   }
-  return std::make_unique<ScheduledPlaying>(options, plan, std::move(*playout), marks, format);
+  return std::make_unique<ScheduledPlaying>(options, plan, std::move(*playout), marks, format,
+                                            faults);
 }
 
 }  // namespace ipplay

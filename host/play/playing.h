@@ -50,9 +50,10 @@ class Playing {
   virtual std::optional<double> FollowedPpm() const { return std::nullopt; }
 };
 
-// By a schedule where the plan says so, by time marks where it follows the PCRs. `format` is that
-// of the packets that are played.
+// `faults` are made in a stream that is written by marks; else by its feeder. Null for none. By a
+// schedule where the plan says so, by time marks where it follows the PCRs. `format` is that of the
+// packets that are played.
 std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
-                                     PacketFormat format);
+                                     PacketFormat format, StreamFaults* faults = nullptr);
 
 }  // namespace ipplay

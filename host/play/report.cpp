@@ -39,6 +39,16 @@ std::string OrderedErrors(const PlayoutStatistics& counters, const IpPlayoutFaul
   return text;
 }
 
+// "continuity in 3, drop in 57".
+std::string StreamFaultsText(const PlayOptions& options, const Status& status) {
+  std::vector<std::string> parts;
+  for (std::size_t i = 0; i < status.stream_faults.size(); ++i) {
+    parts.push_back(fmt::format("{} in {}", NameOf(options.stream_faults.at(i).kind),
+                                FormatCount(status.stream_faults[i])));
+  }
+  return fmt::format("{}", fmt::join(parts, ", "));
+}
+
 std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
   if (options.frame_bit_rate) {
     return "from --frame-bitrate";
@@ -264,6 +274,9 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
                         *status.input_ppm);
   }
   text += fmt::format("  ordered    {}\n", OrderedErrors(counters, status.faults));
+  if (!status.stream_faults.empty()) {
+    text += fmt::format("  packets    {}, on purpose\n", StreamFaultsText(options, status));
+  }
   if (!status.held_back || *status.held_back > 0) {
     text +=
         fmt::format("  held back  {} of the delayed datagrams: the end came before they were due\n",
@@ -340,6 +353,10 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
       {"delayed", counters.SequenceErrors},    {"ipv4_header_bad", counters.IPChecksumErrors},
       {"udp_bad", counters.UDPChecksumErrors}, {"duplicates", status.faults.Duplicated},
       {"corrupted", status.faults.Corrupted},  {"waiting", status.faults.Waiting}};
+  for (std::size_t i = 0; i < status.stream_faults.size(); ++i) {
+    json["ordered"]["packets"].push_back(
+        {{"fault", NameOf(options.stream_faults.at(i).kind)}, {"count", status.stream_faults[i]}});
+  }
   if (status.held_back) {
     json["ordered"]["held_back"] = *status.held_back;
   }

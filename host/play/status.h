@@ -35,10 +35,11 @@ struct Status {
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
   std::optional<std::uint64_t> held_back;
   IpPlayoutFaultCounts faults{};
-  std::optional<IpPlayoutTiming> timing;  // where it is recorded
-  std::optional<double> input_ppm;        // of its clock, where that is followed
-  std::vector<OutputStatus> outputs{};    // beyond the first
-  std::optional<Damage> damage;           // of the input, at the end of the run; none of raw input
+  std::vector<std::uint64_t> stream_faults{};  // packets, in the order of the options
+  std::optional<IpPlayoutTiming> timing;       // where it is recorded
+  std::optional<double> input_ppm;             // of its clock, where that is followed
+  std::vector<OutputStatus> outputs{};         // beyond the first
+  std::optional<Damage> damage;  // of the input, at the end of the run; none of raw input
 };
 
 // Fed with readings of the counters, oldest first. All times are of one steady clock.

@@ -208,10 +208,12 @@ class Json(PlayCase):
         with open(os.path.join(results, "part-1-of-1.json"), "w", encoding="utf-8") as file:  # of a run that was killed
             json.dump({"schema": 1, "outcome": "running", "machine": "m", "started_ns": 1, "updated_ns": 2,
                        "part": {"number": 1, "of": 1}, "channels": []}, file)
+        faults = ("--at", "10ms", "lose", "--at", "20ms", "pause:10ms", "--at", "9h", "lose", "--ts-fault", "sync=1/100")
         for command, runs in (("ipplay lineup --json", [("lineup", lineup, "--json", "--part", "1/1", "--results", results)]),
                               ("ipplay gather --json", [("gather", results, "--json")]),
                               ("ipplay devices --json", [("devices", "--json")]),
                               ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng")),
+                                                      ("play", SAMPLE, *target, *faults),
                                                       ("play", varying, *target), ("play", "-", *target)])):
             with self.subTest(command):
                 with_pipe = ("sh", "-c", f'cat {SAMPLE} | "$@"', "sh")
@@ -265,7 +267,7 @@ class Descriptions(unittest.TestCase):
     def test_completion(self):
         self.assertEqual(self.complete("de"), ["devices", "demo"])
         self.assertEqual(self.complete("li"), ["lineup"])
-        self.assertEqual(self.complete("play", "--lo"), ["--loop", "--lose"])
+        self.assertEqual(self.complete("play", "--lo"), ["--loop", "--lose", "--loss-model"])
         self.assertEqual(self.complete("devices", "--j"), ["--json"])
         self.assertIn("lo", self.complete("play", "--device", "lo"))
         self.assertIn("lo", self.complete("measure", "l"))

@@ -1,11 +1,15 @@
 # SPDX-License-Identifier: MIT
 """Faults on order: what is asked for is what is on the wire, and what is reported is what was done."""
 import json
+import os
+import socket
 import struct
+import subprocess
 import unittest
 
-from playbed import RTP, SAMPLE, PlayCase, read_file
+from playbed import RTP, SAMPLE, PlayCase, make_varying_stream, read_file
 from playouts import read_pcapng
+from testbed import write_pcap
 
 TO = ("--to", "rtp://239.1.1.1:5004", "--sequence", "0")
 HEADERS = 54
@@ -110,6 +114,205 @@ class InFiles(PlayCase):
         _, played = self.written("--at", "1h", "lose", "--at", "3s", "delay:50")
         self.assertIn("1 of the ordered errors was not made: the playout ended before", played.errors)
         self.assertIn("held back  1 of the delayed", played.output)
+
+
+def packets_of(path):
+    payload = b"".join(frame[HEADERS:] for _, frame in read_pcapng(path))
+    return [payload[at:at + 188] for at in range(0, len(payload), 188)]
+
+
+def pid_of(packet):
+    return (packet[1] & 0x1F) << 8 | packet[2]
+
+
+def pcr_of(packet):
+    """In ticks of 27 MHz (ISO/IEC 13818-1, 2.4.3.5), or None."""
+    if not packet[3] & 0x20 or packet[4] < 7 or not packet[5] & 0x10:
+        return None
+    bits = int.from_bytes(packet[6:12], "big")
+    return (bits >> 15) * 300 + (bits & 0x1FF)
+
+
+class InPackets(PlayCase):
+    """Each fault against the packets of the sample, and as `ipplay measure` sees it."""
+    PCR_PID = 256
+
+    def broken(self, *faults):
+        """(the sample's packet, the one that was played) and the result of measure."""
+        path = self.path("packets.pcapng")
+        played = self.play(SAMPLE, *TO, "--into", path, "--json", "--seed", "2",
+                           *(part for fault in faults for part in ("--ts-fault", fault)))
+        ordered = json.loads(played.output.splitlines()[-1])["ordered"]["packets"]
+        whole = read_file(SAMPLE)
+        pairs = list(zip((whole[at:at + 188] for at in range(0, len(whole), 188)), packets_of(path)))
+        self.assertEqual(len(pairs), 1418)
+        result = json.loads(self.bed.start("measure", path, "--json").communicate()[0])
+        return pairs, result["streams"][0]["ts"], [row["count"] for row in ordered]
+
+    def test_clean(self):
+        pairs, ts, _ = self.broken("sync@8000=1/1")
+        self.assertTrue(all(before == after for before, after in pairs))
+        self.assertEqual([ts[name] for name in ("sync_byte_errors", "continuity_errors", "transport_errors", "crc_errors")],
+                         [0, 0, 0, 0])
+
+    def test_faults_of_the_header(self):
+        for fault, byte, field in (("sync", 0, "sync_byte_errors"), ("transport-error", 1, "transport_errors")):
+            with self.subTest(fault):
+                pairs, ts, made = self.broken(f"{fault}=1/300")
+                hit = [n for n, (before, after) in enumerate(pairs) if before != after]
+                self.assertEqual(hit, [0, 300, 600, 900, 1200])
+                for before, after in (pairs[n] for n in hit):
+                    self.assertEqual(before[:byte] + before[byte + 1:], after[:byte] + after[byte + 1:])
+                self.assertTrue(all(after[1] & 0x80 for _, after in (pairs[n] for n in hit)) or fault == "sync")
+                self.assertEqual(made, [5])
+                # A stream is looked into from its first sync byte on.
+                self.assertEqual(ts[field], 4 if fault == "sync" else 5)
+
+    def test_continuity_jumps(self):
+        """One error each: the counter goes on from where it jumped to."""
+        pairs, ts, made = self.broken(f"continuity@{self.PCR_PID}=1/400")
+        shift, seen = 0, 0
+        for before, after in pairs:
+            if pid_of(before) == self.PCR_PID and before[3] & 0x10:
+                shift, seen = shift + 5 * (seen % 400 == 0), seen + 1
+            expected = (before[3] + shift) % 16 if pid_of(before) == self.PCR_PID else before[3] % 16
+            self.assertEqual(after[3] % 16, expected)
+            self.assertEqual(after[:3] + after[4:], before[:3] + before[4:])
+        self.assertEqual(made, [(seen + 399) // 400])
+        self.assertEqual(ts["continuity_errors"], made[0] - 1)  # nothing comes before the first one
+
+    def test_a_pid_that_is_dropped(self):
+        pairs, ts, made = self.broken("drop@257=100%")
+        gone = [after for before, after in pairs if pid_of(before) == 257]
+        self.assertGreater(len(gone), 10)
+        self.assertEqual({packet[:4] + packet[4:5] for packet in gone}, {b"\x47\x1f\xff\x10\xff"})
+        self.assertEqual(made, [len(gone)])
+        self.assertEqual([row["packets"] for row in ts["pids"] if row["pid"] == 257], [0])  # the PMT names it
+        self.assertEqual(ts["continuity_errors"], 0)
+        _, ts, made = self.broken("drop@257=1/20")
+        self.assertEqual(ts["continuity_errors"], made[0] - 1)
+
+    def test_tables_with_wrong_crc(self):
+        _, ts, made = self.broken("psi=1/4")
+        self.assertGreater(made[0], 5)
+        self.assertEqual(ts["crc_errors"], made[0])
+
+    def test_clocks(self):
+        def moved(fault):
+            pairs, ts, made = self.broken(fault)
+            pcrs = [(pcr_of(before), pcr_of(after)) for before, after in pairs if pcr_of(before) is not None]
+            pcr = next(row["pcr"] for row in ts["pids"] if row["pid"] == self.PCR_PID)
+            return [after - before for before, after in pcrs], pcr, made[0]
+
+        offsets, pcr, made = moved("pcr-jump:200ms=1/20")
+        self.assertEqual(offsets, [5_400_000 * (n // 20 + 1) for n in range(len(offsets))])
+        self.assertEqual(pcr["discontinuity_errors"], made - 1)
+        offsets, pcr, made = moved("pcr-offset:-30us=1/10")
+        self.assertEqual(offsets, [-810 * (n % 10 == 0) for n in range(len(offsets))])
+        self.assertAlmostEqual(pcr["accuracy_peak_to_peak_ns"], 30_000, delta=3000)
+        offsets, pcr, made = moved("pcr-jitter:2ms=100%")
+        self.assertEqual(made, len(offsets))
+        self.assertTrue(all(abs(offset) <= 27_000 for offset in offsets))
+        self.assertGreater(max(offsets) - min(offsets), 35_000)
+        self.assertAlmostEqual(pcr["accuracy_peak_to_peak_ns"], (max(offsets) - min(offsets)) / 0.027, delta=4e5)
+
+    def test_departures_follow_the_clock_before_its_faults(self):
+        varying = self.path("varying.ts")
+        make_varying_stream(varying)
+        times = []
+        for fault in ((), ("--ts-fault", "pcr-jump:200ms=1/20")):
+            self.play(varying, *TO, "--into", self.path("varying.pcapng"), "--seed", "2", *fault)
+            times.append([time for time, _ in read_pcapng(self.path("varying.pcapng"))])
+        self.assertEqual(*times)
+
+    def test_on_the_wire(self):
+        played = self.play(SAMPLE, *TO, "--ts-fault", "transport-error=1/100", "--ts-fault", "sync@0=100%")
+        self.assertIn("packets    transport-error in 15, sync in ", played.output)
+        write_pcap(self.path("wire.pcap"), played.arrivals)
+        flags = subprocess.run(["tshark", "-n", "-r", self.path("wire.pcap"), "-d", "udp.port==5004,rtp", "-T", "fields",
+                                "-e", "mp2t.tei"], check=True, text=True, stdout=subprocess.PIPE,
+                               stderr=subprocess.DEVNULL).stdout
+        self.assertEqual(sum(flags.count(word) for word in ("1", "True")), 15)
+
+
+class Control(PlayCase):
+    def start(self, *options):
+        path = self.path("control")
+        player = self.bed.start("play", SAMPLE, *TO, "--control", path, "--loop", "forever", "--json", *options)
+        player.stdout.readline()  # a second later it plays
+        return player, path
+
+    def connect(self, path):
+        client = socket.socket(socket.AF_UNIX)
+        client.settimeout(20)
+        client.connect(path)
+        self.addCleanup(client.close)
+        return client, client.makefile("r", encoding="utf-8")
+
+    def ask(self, client, line):
+        client[0].sendall(line.encode() if isinstance(line, str) else line)
+        return json.loads(client[1].readline())
+
+    def test_orders_are_answered_and_carried_out(self):
+        player, path = self.start()
+        self.assertEqual(os.stat(path).st_mode & 0o777, 0o600)
+        client = self.connect(path)
+        self.assertEqual(self.ask(client, '{"do": "lose:3", "id": 7}\n'), {"id": 7, "ok": True})
+        self.assertEqual(self.ask(client, '{"do": "pause", "id": "a"}\n'), {"id": "a", "ok": True})
+        status = self.ask(client, '{"do": "status"}\n')["status"]
+        self.assertTrue(status["paused"])
+        self.assertGreater(status["datagrams"], 10)
+        self.assertEqual(self.ask(client, '{"do": "resume"}\n'), {"ok": True})
+        while self.ask(client, '{"do": "status"}\n')["status"]["ordered"]["lost"] < 3:
+            pass
+        self.assertEqual(self.ask(client, '{"do": "stop"}\n'), {"ok": True})
+        output, errors = player.communicate()
+        self.assertEqual(player.returncode, 0, errors)
+        events = [json.loads(line) for line in output.splitlines()]
+        self.assertEqual(events[-1]["outcome"], "Stopped by control")
+        self.assertIn(("lose", "control", 3), [(e["action"], e["by"], e["count"]) for e in events if e["event"] == "fault"])
+        self.assertFalse(os.path.exists(path))
+
+    def test_what_is_no_order_is_refused_and_hurts_nobody(self):
+        player, path = self.start()
+        client = self.connect(path)
+        for line, why in (("x\n", "no JSON object"), ("[]\n", "no JSON object"), ("\n", "no JSON object"),
+                          ("[" * 4000 + "\n", "no JSON object"), ('{"do": 3}\n', "missing or no text"),
+                          ('{"do": "lose:0"}\n', "no action"), ('{"do": "lose", "at": 3}\n', "more than"),
+                          (b'{"do": "\xff\x00"}\n', "no JSON object"), ('{"id": {"a": 1}, "do": "explode"}\n', "no action")):
+            answer = self.ask(client, line)
+            self.assertFalse(answer["ok"])
+            self.assertIn(why, answer["error"])
+        long = self.connect(path)
+        answer = self.ask(long, "x" * 9000)
+        self.assertIn("too long", answer["error"])
+        with self.assertRaises(ConnectionResetError):  # of what it sent some was never read
+            long[1].read()
+        others = [self.connect(path) for _ in range(7)]
+        for other in others:
+            self.assertTrue(self.ask(other, '{"do": "status"}\n')["ok"])
+        self.assertIn("too many clients", self.connect(path)[1].readline())
+        deaf = others.pop()[0]  # reads no answer: it is cut off, and the others go on
+        try:
+            for _ in range(2000):
+                deaf.sendall(b'{"do": "status"}\n' * 50)
+        except (BrokenPipeError, ConnectionResetError):
+            pass
+        self.assertTrue(self.ask(client, '{"do": "stop"}\n')["ok"])
+        player.communicate()
+        self.assertEqual(player.returncode, 0)
+
+    def test_another_file_is_left_alone(self):
+        path = self.path("file")
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("mine")
+        played = self.play(SAMPLE, *TO, "--control", path, status=2)
+        self.assertIn("--control", played.errors)
+        self.assertEqual(read_file(path), b"mine")
+        left_over = self.path("left-over")
+        with socket.socket(socket.AF_UNIX) as gone:
+            gone.bind(left_over)
+        self.play(SAMPLE, *TO, "--bitrate", "20M", "--control", left_over)
 
 
 class OnTheWire(PlayCase):

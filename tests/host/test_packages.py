@@ -52,6 +52,7 @@ class Packages(unittest.TestCase):
         self.assertEqual(self.contents("ipplay"), documents("ipplay") | {
             "usr/bin/ipplay", "usr/share/man/man1/ipplay.1.gz",
             "usr/share/bash-completion/completions/ipplay",
+            "usr/share/fish/vendor_completions.d/ipplay.fish", "usr/share/zsh/vendor-completions/_ipplay",
             *(f"usr/lib/systemd/system/ipplay-{name}.service" for name in ("lineup@", "serve")),
             *(f"usr/share/doc/ipplay/{name}" for name in (
                 "README.Debian", "fleet.md", "json.md", "measuring.md", "openapi.json", "recipes.md", "security.md", "serve.md")),

@@ -28,7 +28,7 @@ PLAY = (
     ("on or off", "maybe", "--dont-fragment"), ("0 to 3", "4", "--rtp-version"),
     ("random or 0 to 65535", "65536", "--sequence"), ("0 to 4294967295", "4294967296", "--ssrc"),
     ("1 to 85", "0", "--ts-per-datagram"), ("1 to 16128", "16129", "--frame-size"),
-    ("above 0", "0", "--bitrate --frame-bitrate"), ("above 0", "1e6", "--frame-bitrate"),
+    ("1k or above", "999", "--bitrate --frame-bitrate"), ("1k or above", "1e6", "--frame-bitrate"),
     ("as 9.75M", "fast", "--bitrate"), ("0 to 8191", "8192", "--pcr-pid"),
     ("-100000 to 100000", "200000", "--ppm"), ("forever or a number from 1", "0", "--loop"),
     ("whole milliseconds", "1.5ms", "--burst"), ("a number of datagrams", "0", "--burst"),
@@ -43,6 +43,8 @@ PLAY = (
     ("to turn bad and good", "1%", "--loss-model"), ("to turn bad and good", "1%,0%", "--loss-model"),
     ("to turn bad and good", "1%,2%,3%,4%,5%", "--loss-model"), ("kept or closed", "open", "--holes"),
     ("break:TIME", "1s break", "--at"), ("lose[:N]", "1s lose:0", "--at"), ("corrupt[:BITS]", "1s corrupt:1001", "--at"),
+    ("pcr-jump:TIME", "pcr-jump=1/2", "--ts-fault"), ("pcr-jump:TIME", "sync:1s=1/2", "--ts-fault"),
+    ("=N/RANGE or =P%", "continuity", "--ts-fault"), ("@PID", "sync@8192=1/2", "--ts-fault"),
     ("D from 1", "1/2:0", "--delay"), ("time-critical", "extreme", "--priority"),
     ("500ms", "-1s", "--prefill"),
     ("text or json", "xml", "--stats"), ("a file", "/nonexistent", "--config"),
@@ -129,7 +131,10 @@ class Refusals(PlayCase):
 
     def test_what_is_missing_unknown_or_given_twice(self):
         for arguments, *needed in (
-                ([], "devices, resolve, play, measure or demo"), (["plai"], "plai: ", "--help"),
+                ([], "devices, resolve, play, measure or demo"), (["plai"], "plai: ", "did you mean play?", "--help"),
+                (["play", SAMPLE, "--to", RTP, "--copis", "3"], "--copis: ", "did you mean --copies?"),
+                (["play", SAMPLE, "--to", RTP, "--bitraet=1M"], "did you mean --bitrate?"),
+                (["play", SAMPLE, "--to", "rtp://no-such-host.invalid:5004"], "no host that this machine knows"),
                 (["play", "--to", RTP], "INPUT is required"), (["play", SAMPLE], "--to is required"),
                 (["play", SAMPLE, "--to", RTP, "--bogus", "1"], "--bogus", "ipplay play --help"),
                 (["play", SAMPLE, "--to", RTP, "more.ts"], "more.ts: ", "ipplay play --help"),
@@ -146,6 +151,9 @@ class Refusals(PlayCase):
 
     def test_what_does_not_go_together_or_with_the_input(self):
         for options, *needed in (
+                ((UDP, "--ssrc", "4"), "--ssrc needs an rtp:// target"),
+                ((UDP, "--payload-type", "96"), "needs an rtp:// target"),
+                ((RTP, "--raw", "--bitrate", "1M", "--ts-fault", "sync=1/2"), "--ts-fault", "raw input has no packets"),
                 ((UDP, "--delay", "1/10"), "--delay needs an rtp:// target"),
                 ((UDP6, "--bad-ip-checksum", "1/10"), "--bad-ip-checksum needs an IPv4 target"),
                 ((RTP, "--bad-ip-checksum", "1/9", "--bad-udp-checksum", "1/8"),
