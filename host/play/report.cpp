@@ -49,6 +49,23 @@ std::string StreamFaultsText(const PlayOptions& options, const Status& status) {
   return fmt::format("{}", fmt::join(parts, ", "));
 }
 
+// Those that there are, for a line that is short of room.
+std::string BriefErrors(const PlayoutStatistics& counters, const IpPlayoutFaultCounts& faults) {
+  const struct {
+    const char* name;
+    std::uint64_t count;
+  } kErrors[] = {{"lost", counters.LostPackets},        {"delayed", counters.SequenceErrors},
+                 {"twice", faults.Duplicated},          {"corrupted", faults.Corrupted},
+                 {"bad IP", counters.IPChecksumErrors}, {"bad UDP", counters.UDPChecksumErrors}};
+  std::string text;
+  for (const auto& error : kErrors) {
+    if (error.count > 0) {
+      text += fmt::format("{}{} {}", text.empty() ? "ordered: " : ", ", error.name, error.count);
+    }
+  }
+  return text;
+}
+
 std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
   if (options.frame_bit_rate) {
     return "from --frame-bitrate";
@@ -212,19 +229,21 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
   }
   parts.push_back({0, FormatClock(status.elapsed)});
   if (status.remaining) {
-    parts.push_back({5, fmt::format("{} left", FormatClock(*status.remaining))});
+    parts.push_back({6, fmt::format("{} left", FormatClock(*status.remaining))});
   }
   if (!plan.rounds.count || *plan.rounds.count > 1) {
-    parts.push_back({4, fmt::format("round {}", status.round)});
+    parts.push_back({5, fmt::format("round {}", status.round)});
   }
   parts.push_back({8, fmt::format("{:.4f}M set", plan.rates.stream / 1e6)});
   parts.push_back(
       {2, status.paused ? "paused" : fmt::format("{:.4f}M real", status.recent_rate / 1e6)});
-  parts.push_back({6, fmt::format("{} datagrams", FormatCount(counters.DatagramsSent))});
-  parts.push_back({7, fmt::format("ordered: {}", OrderedErrors(counters, status.faults))});
+  parts.push_back({7, fmt::format("{} datagrams", FormatCount(counters.DatagramsSent))});
+  if (const std::string errors = BriefErrors(counters, status.faults); !errors.empty()) {
+    parts.push_back({3, errors});
+  }
   parts.push_back({9, fmt::format("jitter {}", FormatDuration(JitterOf(counters)))});
   if (const std::string late = LatenessWords(status.timing); !late.empty()) {
-    parts.push_back({3, late});
+    parts.push_back({4, late});
   }
   for (;;) {
     std::string line;

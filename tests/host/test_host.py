@@ -183,12 +183,12 @@ class Keys(PlayCase):
 
     def test_keys(self):
         self.wait_for("keys: space pause")
-        self.wait_for(r"round 1 0.7/0.\d+M \d+ sent lost 0 delayed 0 ip 0 udp 0 jitter")
-        for key, effect in (("l", "lost 1"), ("i", "ip 1"), ("u", "udp 1"), ("s", "delayed 1")):
+        self.wait_for(r"0:0\d  round 1  0.\d+M real  \d+ datagrams")
+        for key, effect in (("l", "lost 1"), ("i", "bad IP 1"), ("u", "bad UDP 1"), ("s", "delayed 1")):
             self.press(key)
             self.wait_for(effect)
         self.press(" ")
-        self.wait_for("0.7/paused")
+        self.wait_for(r"0:0\d  (round 1  )?paused")
         self.press(" ")
         self.wait_for("playing")
         self.press("?")
@@ -199,7 +199,7 @@ class Keys(PlayCase):
         self.assertEqual(termios.tcgetattr(self.terminal), self.before)
 
     def test_control_c(self):
-        self.wait_for(" sent ")
+        self.wait_for(" datagrams")
         self.press("\x03")
         self.wait_for("Stopped by Ctrl-C: ")
         self.assertEqual(self.player.wait(), PLAYED)
