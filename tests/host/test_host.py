@@ -183,12 +183,12 @@ class Keys(PlayCase):
 
     def test_keys(self):
         self.wait_for("keys: space pause")
-        self.wait_for(r"0:0\d  round 1  0.\d+M real  \d+ datagrams")
+        self.wait_for(r"0:0\d  round 1  (0.7000M set  )?0.\d+M real  \d+ datagrams")
         for key, effect in (("l", "lost 1"), ("i", "bad IP 1"), ("u", "bad UDP 1"), ("s", "delayed 1")):
             self.press(key)
             self.wait_for(effect)
         self.press(" ")
-        self.wait_for(r"0:0\d  (round 1  )?paused")
+        self.wait_for(r"(0:0\d|round 1|set)  paused")
         self.press(" ")
         self.wait_for("playing")
         self.press("?")
