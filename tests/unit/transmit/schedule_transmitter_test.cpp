@@ -441,6 +441,7 @@ TEST_F(SteppedTime, WhatFollowsLateDataIsLateButNotDry) {
   for (int i = 1; i <= 3; ++i) {  // one at a time, as from a builder that has just been woken
     a.Push(milliseconds(10 * i));
     transmitter.Request(a.stream);
+    Settle();
     MoveTo(seconds(3) + microseconds(i));
   }
   EXPECT_EQ(a.Counts().late, 3U);
