@@ -40,8 +40,11 @@ bool CIPDataBuffer::Write(const std::uint8_t* data, std::uint32_t length) {
     }
   }
   WakeReader();
-  // Lets a pump on the same processor get at the data at once.
-  platform::YieldProcessor();
+  if (listener_ == nullptr) {
+    // Lets a pump on the same processor get at the data at once. What reads for a listener builds
+    // well ahead, and hundreds of playouts that are filled before a start would yield in turn.
+    platform::YieldProcessor();
+  }
   return true;
 }
 
