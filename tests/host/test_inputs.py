@@ -188,7 +188,7 @@ class Terminals(PlayCase):
                                           stdout=output, stderr=terminal, preexec_fn=sit_down)
                 os.close(terminal)
                 seen = b""
-                while b" sent " not in seen:
+                while b"M real" not in seen:
                     seen += os.read(user, 4096)
                 os.close(user)
                 self.assertEqual(player.wait(timeout=30), PLAYED)
