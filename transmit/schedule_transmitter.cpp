@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "ipplayout/playouts.h"
 #include "platform/clock.h"
 
 namespace ipplayout {
@@ -464,7 +465,10 @@ void ScheduleTransmitter::Record(Time begun, Time ended) {
     const Time departure = is_virtual_ ? burst_[i].due
                                        : begun + (ended - begun) * static_cast<int>(i) /
                                                      static_cast<int>(burst_count_);
-    stream.timing.Left(departure, departure - taken.place, stream.rules.late.tolerance);
+    stream.timing.Left(departure - taken.place, stream.rules.late.tolerance);
+    if ((taken.frame->did & (IPPLAYOUT_DID_FEC_COLUMN | IPPLAYOUT_DID_FEC_ROW)) == 0) {
+      stream.timing.Departed(departure);
+    }
     burst_[i].due = departure;
   }
 }

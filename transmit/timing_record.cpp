@@ -3,9 +3,12 @@
 
 namespace ipplayout {
 
-void TimingRecord::Left(Time departure, Time behind, Time tolerance) {
+void TimingRecord::Left(Time behind, Time tolerance) {
   Count(behind > tolerance ? late_ : on_time_);
   lateness_.Record(behind);
+}
+
+void TimingRecord::Departed(Time departure) {
   const std::int64_t last = last_departure_ns_.load(kRelaxed);
   if (last < 0) {
     first_departure_ns_.store(departure.count(), kRelaxed);

@@ -17,8 +17,10 @@ class TimingRecord {
 
   // ---- Transmitter ----
 
-  // A frame left at `departure`, so much behind its place; late when that is above `tolerance`.
-  void Left(Time departure, Time behind, Time tolerance);
+  // A frame left so much behind its place; late when that is above `tolerance`.
+  void Left(Time behind, Time tolerance);
+  // It left at this time, and is one of the stream itself.
+  void Departed(Time departure);
   void LeftOut() { Count(left_out_); }
   void NotSent() { Count(not_sent_); }
   // Frames that are left in the ring.

@@ -60,11 +60,12 @@ std::optional<Failure> CheckFaults(const PlayOptions& options) {
   const bool has_places =
       HasPlaces(options.lose) || (options.delay && HasPlaces(options.delay->errors)) ||
       HasPlaces(options.duplicate) || (options.corrupt && HasPlaces(options.corrupt->errors)) ||
-      HasPlaces(options.bad_ip_checksum) || HasPlaces(options.bad_udp_checksum);
+      HasPlaces(options.bad_ip_checksum) || HasPlaces(options.bad_udp_checksum) ||
+      options.fec_lose || options.fec_delay;
   if (options.random && !has_places) {
     return UsageFailure(
-        "--random needs --lose, --delay, --duplicate, --corrupt or a --bad-...-checksum of "
-        "N/RANGE; "
+        "--random needs --lose, --delay, --duplicate, --corrupt, a --bad-...-checksum, --fec-lose "
+        "or --fec-delay of N/RANGE; "
         "a share in per cent is at random anyway");
   }
   if (options.closes_holes && !options.lose && !options.loss_model && options.time_line.empty()) {

@@ -6,6 +6,7 @@
 
 #include "host/library/scheduled_playout.h"
 #include "host/play/plan_faults.h"
+#include "host/play/plan_fec.h"
 
 namespace ipplay {
 namespace {
@@ -53,6 +54,7 @@ IpPlayoutSettings ScheduleFor(const PlayOptions& options, const Path& path,
     schedule.Refused = IPPLAYOUT_REFUSED_COUNTS;
   }
   schedule.Seed = options.seed ? *options.seed : DrawSeed();
+  ApplyFec(options, schedule);
   SetBuffer(options, decided, schedule);
   return schedule;
 }

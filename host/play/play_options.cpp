@@ -254,6 +254,26 @@ void DefineShape(OptionBuilder& add, PlayOptions& o) {
       "1");
 }
 
+void DefineFec(OptionBuilder& add, PlayOptions& o) {
+  add.Group("Forward error correction (SMPTE ST 2022-1), RTP only");
+  add.Value("--fec", o.fec, "LxD[:columns]",
+            "LxD or LxD:columns, with L from 1 to 20, D from 4 to 20 and L times D up to 100",
+            "Send FEC of L columns and D rows, as 10x5, to the port + 2 (columns) and + 4 (rows); "
+            "10x5:columns: of columns only. It repairs datagrams that are lost or delayed on order",
+            ParseFecMatrix);
+  add.Flag("--fec-staggered", o.fec_staggered,
+           "Begin the columns one after the other, not all with a matrix");
+  add.Number("--fec-payload-type", o.fec_payload_type, 0, 127, "RTP payload type; default 96");
+  add.Number("--fec-ssrc", o.fec_ssrc, 0, kMaxU32, "RTP SSRC; default 0");
+  add.Value("--fec-lose", o.fec_lose, "N/RANGE", "N/RANGE with N from 1 to RANGE and to 1000000",
+            "Lose N of every RANGE FEC datagrams, columns and rows each for themselves",
+            ParseErrorSchedule);
+  add.Value("--fec-delay", o.fec_delay, "N/RANGE[:D]",
+            "N/RANGE:D with N from 1 to RANGE and D from 1",
+            "Delay N of every RANGE FEC datagrams, each behind the next D; D is 1 by default",
+            ParseDelaySchedule);
+}
+
 void DefineErrors(OptionBuilder& add, PlayOptions& o) {
   add.Group("Deliberate errors");
   const auto schedule = [&](const char* name, auto& field, const char* help) {
@@ -432,6 +452,7 @@ void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
   DefinePayload(add, options);
   DefineShape(add, options);
   DefineErrors(add, options);
+  DefineFec(add, options);
   DefineLists(command, options);
   DefineRun(add, options);
 }

@@ -78,6 +78,13 @@ struct PlayOptions {
   std::uint32_t copies = 0;
   std::vector<Step> steps;
 
+  // Forward error correction.
+  std::optional<FecMatrixOrder> fec;
+  bool fec_staggered = false;
+  std::optional<std::uint32_t> fec_payload_type, fec_ssrc;
+  std::optional<ErrorSchedule> fec_lose;
+  std::optional<DelaySchedule> fec_delay;
+
   // Deliberate errors.
   std::optional<ErrorSchedule> lose, bad_ip_checksum, bad_udp_checksum;
   std::optional<DelaySchedule> delay;

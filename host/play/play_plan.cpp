@@ -10,6 +10,7 @@
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
 #include "host/play/plan_faults.h"
+#include "host/play/plan_fec.h"
 #include "host/play/plan_schedule.h"
 #include "host/play/plan_settings.h"
 
@@ -132,7 +133,8 @@ std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
   const struct {
     const char* name;
     bool is_given;
-  } kOptions[] = {{"--late", options.late.has_value()},
+  } kOptions[] = {{"--fec", options.fec.has_value()},
+                  {"--late", options.late.has_value()},
                   {"--max-late", options.max_late.has_value()},
                   {"--no-underrun", options.no_underrun},
                   {"--start-at", options.start_at.has_value()},
@@ -271,6 +273,9 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   const auto sizes = PlanSizes(options, format, path.adapter);
   if (!sizes) {
     return sizes.Error();
+  }
+  if (auto failure = CheckFec(options, *sizes, path.adapter)) {
+    return *std::move(failure);
   }
   const auto rates = PlanRates(options, facts, format, *sizes);
   if (!rates) {

@@ -242,6 +242,31 @@ std::optional<bool> ParseHoles(std::string_view text) {
   return Find(kHoles, text);
 }
 
+// SMPTE ST 2022-1, 6.
+std::optional<FecMatrixOrder> ParseFecMatrix(std::string_view text) {
+  constexpr std::uint64_t kMostColumns = 20;
+  constexpr std::uint64_t kLeastRows = 4;
+  constexpr std::uint64_t kMostRows = 20;
+  constexpr std::uint64_t kMostDatagrams = 100;
+  FecMatrixOrder matrix;
+  if (const auto parts = Split(text, ':')) {
+    if (parts->second != "columns") {
+      return std::nullopt;
+    }
+    matrix.protects_rows = false;
+    text = parts->first;
+  }
+  const auto sides = Split(text, 'x');
+  const auto columns = sides ? ParseNumber(sides->first, 1, kMostColumns) : std::nullopt;
+  const auto rows = sides ? ParseNumber(sides->second, kLeastRows, kMostRows) : std::nullopt;
+  if (!columns || !rows || *columns * *rows > kMostDatagrams) {
+    return std::nullopt;
+  }
+  matrix.columns = static_cast<std::uint32_t>(*columns);
+  matrix.rows = static_cast<std::uint32_t>(*rows);
+  return matrix;
+}
+
 std::optional<Burst> ParseBurst(std::string_view text) {
   if (const auto datagrams = ParseNumber(text, 1, kMaxU32)) {
     return Burst{.datagrams = static_cast<std::uint32_t>(*datagrams)};

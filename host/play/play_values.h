@@ -53,6 +53,14 @@ std::optional<StreamFault> ParseStreamFault(std::string_view text);
 // "kept", "closed": whether what follows a lost datagram leaves earlier.
 std::optional<bool> ParseHoles(std::string_view text);
 
+// "10x5": L columns by D rows, protected by FEC of columns and of rows. "10x5:columns": of columns.
+struct FecMatrixOrder {
+  std::uint32_t columns = 0;
+  std::uint32_t rows = 0;
+  bool protects_rows = true;
+};
+std::optional<FecMatrixOrder> ParseFecMatrix(std::string_view text);
+
 // "10ms": a length of stream time in whole milliseconds. "50": a number of datagrams.
 struct Burst {
   bool by_time = false;

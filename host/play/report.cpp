@@ -13,6 +13,7 @@
 #include "host/base/wall_clock.h"
 #include "host/play/frame_fields.h"
 #include "host/play/orders.h"
+#include "host/play/plan_fec.h"
 
 namespace ipplay {
 namespace {
@@ -123,6 +124,9 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   line("packets per batch", fmt::format("{}", plan.rates.batch));
   line("gap", fmt::format("{:.3f} us between frames", static_cast<double>(plan.sizes.frame_bytes) *
                                                           8e6 / (plan.rates.frame * plan.copies)));
+  if (options.fec) {
+    line("FEC", FecText(options));
+  }
   line("rounds", RoundsText(plan));
   if (plan.rounds.restamp) {
     line("restamping",
@@ -266,6 +270,9 @@ std::string Introduction(const PlayOptions& options, const StreamFacts& facts, c
                       FormatBitRate(plan.rates.stream), RateSource(options, facts),
                       plan.sizes.frame_bytes, FormatDuration(plan.rates.gap),
                       plan.copies == 1 ? "" : fmt::format(", {} streams", plan.copies));
+  if (options.fec) {
+    text += fmt::format("FEC: {}\n", FecText(options));
+  }
   return text;
 }
 

@@ -23,6 +23,7 @@ StatusMeter::StatusMeter(const PlayPlan& plan)
       stream_rate_(plan.rates.stream),
       share_sent_(plan.rates.share_sent),
       copies_(plan.copies),
+      has_fec_(plan.schedule.FecColumns > 0),
       datagrams_per_burst_(
           plan.settings.shape.BurstMode == IPPLAYOUT_ON ? plan.rates.batch / plan.copies : 1) {
   const bool is_tts = plan.settings.tts.TTSEnabled == IPPLAYOUT_ON;
@@ -76,7 +77,15 @@ double StatusMeter::MeanRate() const {
 
 double StatusMeter::RateOfDepartures() const {
   const nanoseconds time(timing_->LastDepartureNs - timing_->FirstDepartureNs);
-  const std::uint64_t sent = (timing_->OnTime + timing_->Late) / copies_;
+  const std::uint64_t left = timing_->OnTime + timing_->Late;
+  std::uint64_t sent = left / copies_;
+  if (has_fec_ && left > 0) {
+    // FEC has left as well: of what was built, the stream's share.
+    const std::uint64_t built = left + timing_->LeftOut + timing_->NotSent + timing_->Discarded;
+    const auto own = static_cast<double>(counters_.DatagramsSent - counters_.LostPackets);
+    const double share_left = static_cast<double>(left) / static_cast<double>(built);
+    sent = static_cast<std::uint64_t>(std::llround(own * share_left));
+  }
   if (time.count() <= 0 || sent <= datagrams_per_burst_) {
     return 0;
   }

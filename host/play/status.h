@@ -79,6 +79,7 @@ class StatusMeter {
   double ts_bytes_per_datagram_;
   bool paused_ = false;
   std::uint64_t copies_;
+  bool has_fec_;
   std::uint64_t datagrams_per_burst_;                     // 1 without bursts
   std::optional<std::chrono::nanoseconds> before_first_;  // last reading without a datagram
   std::optional<std::chrono::nanoseconds> first_;         // departure of the first datagram

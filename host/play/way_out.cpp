@@ -38,6 +38,7 @@ const char* WhatNeedsAdapter(const PlayOptions& options, const PlayPlan& plan) {
     const char* option;
     bool is_given;
   } kOptions[] = {
+      {"--fec", options.fec.has_value()},
       {"--vlan", options.vlan.has_value()},
       {"--copies", options.copies > 1},
       {"--identification", options.identification.has_value()},

@@ -154,7 +154,8 @@ typedef struct IpPlayoutTiming {
   int64_t LatenessP99Ns;
   int64_t LatenessP999Ns;
   int64_t LatenessMaxNs;
-  int64_t FirstDepartureNs;  // CLOCK_MONOTONIC; of a file its virtual clock
+  // CLOCK_MONOTONIC; of a file its virtual clock. FEC does not count for these three.
+  int64_t FirstDepartureNs;
   int64_t LastDepartureNs;
   int64_t LongestGapNs;  // between two departures
   int64_t ShiftNs;       // by which the schedule has moved: pauses, and IPPLAYOUT_LATE_SHIFT

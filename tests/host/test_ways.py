@@ -42,6 +42,40 @@ def frames_of(path):
     return frames
 
 
+class ForwardErrorCorrection(PlayCase):
+    def measure(self, *options):
+        path = self.path("fec.pcapng")
+        self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--into", path, *options)
+        result = subprocess.run([IPPLAY, "measure", path, "--json"], stdout=subprocess.PIPE, check=True)
+        return json.loads(result.stdout)["streams"]
+
+    def test_orders_are_followed(self):
+        """203 datagrams; a matrix of 50 is full four times, and the FEC of the last one follows at once."""
+        # Options; streams; of each: FEC of columns and rows, datagrams lost, and those that stay lost.
+        for options, copies, columns, rows, lost, stay in (
+                (("--fec", "10x5"), 1, 40, 20, 0, 0),
+                (("--fec", "10x5:columns", "--lose", "10/60"), 1, 40, 0, 30, 0),
+                (("--fec", "5x4", "--vlan", "9", "--random", "--seed", "3", "--lose", "2/20"), 1, 50, 40, None, None),
+                (("--fec", "5x4", "--copies", "3", "--step", "dst-ip=0.0.0.1", "--fec-lose", "1/10"), 3, 45, 36, 0, 0),
+                (("--fec", "5x4", "--fec-delay", "1/10:3", "--fec-staggered"), 1, None, 40, 0, 0)):
+            with self.subTest(options):
+                streams = self.measure(*options)
+                media = [stream for stream in streams if "protects_stream" not in stream]
+                self.assertEqual(len(media), copies)
+                for stream in media:
+                    fec = stream["fec"]
+                    self.assertEqual(fec["parity_wrong"], 0)
+                    for figure, expected in (("column_datagrams", columns), ("row_datagrams", rows), ("lost", lost),
+                                             ("unrepaired", stay)):
+                        if expected is not None:
+                            self.assertEqual(fec[figure], expected, figure)
+
+    def test_bit_rate_is_that_of_the_stream(self):
+        played = self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--into", self.path("fec.pcapng"), "--fec", "5x4", "--json")
+        summary = json.loads(played.output.splitlines()[-1])
+        self.assertAlmostEqual(summary["rate_bps"], summary["set_rate_bps"], delta=summary["set_rate_bps"] / 1000)
+
+
 class Sockets(PlayCase):
     def receive(self, address, *options):
         receiver = subprocess.Popen([sys.executable, "-c", RECEIVER, address, NEAR4],
