@@ -12,9 +12,10 @@ namespace ipplay {
 namespace {
 
 // They belong to the run of one playout, with its terminal.
-constexpr std::array<std::string_view, 11> kNotOfChannels{
-    "json", "stats",  "quiet",     "dry-run",  "write-config", "priority",
-    "help", "config", "no-damage", "ts-fault", "control"};
+constexpr std::array<std::string_view, 17> kNotOfChannels{
+    "json",      "stats",       "quiet",     "dry-run",    "write-config", "priority",
+    "help",      "config",      "no-damage", "ts-fault",   "control",      "twin",
+    "twin-skew", "twin-device", "twin-lose", "twin-delay", "twin-jitter"};
 
 bool IsFlag(const CLI::Option& option) {
   return option.get_items_expected_max() == 0;
@@ -151,6 +152,13 @@ ParsedOptions ParseChannelOptions(const std::vector<ChannelOption>& options) {
   }
   if (parsed.input == "-") {
     return std::vector<std::string>{"--input: a channel cannot play standard input; give a file"};
+  }
+  const bool orders_other =
+      std::ranges::any_of(parsed.time_line, [](const auto& entry) { return entry.second.of_twin; });
+  if (orders_other) {
+    return std::vector<std::string>{
+        "--at: a channel has no second path; leave twin- out"
+        "stop"};
   }
   return parsed;
 }

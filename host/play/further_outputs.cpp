@@ -6,6 +6,8 @@
 
 #include <utility>
 
+#include "host/play/make_playing.h"
+
 namespace ipplay {
 namespace {
 

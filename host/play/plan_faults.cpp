@@ -61,11 +61,12 @@ std::optional<Failure> CheckFaults(const PlayOptions& options) {
       HasPlaces(options.lose) || (options.delay && HasPlaces(options.delay->errors)) ||
       HasPlaces(options.duplicate) || (options.corrupt && HasPlaces(options.corrupt->errors)) ||
       HasPlaces(options.bad_ip_checksum) || HasPlaces(options.bad_udp_checksum) ||
-      options.fec_lose || options.fec_delay;
+      options.fec_lose || options.fec_delay || HasPlaces(options.twin_lose) ||
+      (options.twin_delay && HasPlaces(options.twin_delay->errors));
   if (options.random && !has_places) {
     return UsageFailure(
-        "--random needs --lose, --delay, --duplicate, --corrupt, a --bad-...-checksum, --fec-lose "
-        "or --fec-delay of N/RANGE; "
+        "--random needs --lose, --delay, --duplicate, --corrupt, a --bad-...-checksum, or one of "
+        "these with --fec- or --twin-, of N/RANGE; "
         "a share in per cent is at random anyway");
   }
   if (options.closes_holes && !options.lose && !options.loss_model && options.time_line.empty()) {

@@ -15,6 +15,7 @@
 #include "host/base/line_server.h"
 #include "host/base/patience.h"
 #include "host/base/text.h"
+#include "host/base/units.h"
 #include "host/cli/config_file.h"
 #include "host/library/library.h"
 #include "host/play/play_options.h"
@@ -49,6 +50,17 @@ void IntroduceFurther(const Output& output, const PlayPlan& first) {
   }
 }
 
+void IntroduceTwin(const PlayOptions& options, const TwinPath& twin) {
+  if (!options.quiet) {
+    Print(stderr, "second path: {} through {}, {} later\n", FormatTarget(twin.options.to),
+          twin.path.adapter.name,
+          FormatDuration(options.twin_skew.value_or(std::chrono::nanoseconds(0))));
+  }
+  for (const std::string& note : twin.plan.notes) {
+    Print(stderr, "ipplay: note: second path: {}\n", note);
+  }
+}
+
 // Only the command line replaces files.
 std::optional<Failure> CheckFile(const CLI::App& app, const PlayOptions& options) {
   const CLI::App& command = *app.get_subcommand("play");
@@ -77,7 +89,7 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (!prepared) {
     return prepared.Error();
   }
-  auto& [path, facts, plan, input, further] = *prepared;
+  auto& [path, facts, plan, input, further, twin] = *prepared;
   // So that the file repeats this run.
   if (!options.seed && plan.by_schedule) {
     app.get_subcommand("play")->get_option("--seed")->add_result(
@@ -87,7 +99,12 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
     return *failure;
   }
   if (options.dry_run) {
-    Print(Results(), "{}", DryRun(options, facts, plan, path, FirstPayload(plan, facts, input)));
+    const auto payload = FirstPayload(plan, facts, input);
+    Print(Results(), "{}", DryRun(options, facts, plan, path, payload));
+    if (twin) {
+      Print(Results(), "\nSecond path: {}",
+            DryRun(twin->options, facts, twin->plan, twin->path, payload));
+    }
     return static_cast<int>(ExitStatus::kPlayed);
   }
   if (const auto failure = CompletePath(options, path, plan)) {
@@ -111,7 +128,13 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
     }
     IntroduceFurther(output, plan);
   }
-  PlaySession session(options, plan, std::make_unique<RoundReader>(std::move(input), facts),
+  if (twin) {
+    if (const auto failure = CompletePath(twin->options, twin->path, twin->plan)) {
+      return *failure;
+    }
+    IntroduceTwin(options, *twin);
+  }
+  PlaySession session(options, plan, twin, std::make_unique<RoundReader>(std::move(input), facts),
                       std::move(further), stop_reading, control.get());
   return static_cast<int>(session.Run());
 }

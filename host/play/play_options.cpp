@@ -274,6 +274,28 @@ void DefineFec(OptionBuilder& add, PlayOptions& o) {
             ParseDelaySchedule);
 }
 
+void DefineTwin(OptionBuilder& add, PlayOptions& o) {
+  add.Group("The same RTP on a second path (SMPTE ST 2022-7)");
+  add.Value("--twin", o.twin, "TARGET", "rtp://ADDRESS:PORT, IPv6 in [ ]",
+            "Send the same datagrams, RTP header included, to this target, too", ParseTarget);
+  add.Value("--twin-device", o.twin_device, "NAME|N", "a name or a number",
+            "Its adapter; default: the one on the route to the target", ParseText);
+  add.Value("--twin-skew", o.twin_skew, "TIME", "a time of up to 450ms",
+            "How much later it leaves; default 0", [](const std::string& text) {
+              const auto skew = ParseDuration(text);
+              return skew && *skew <= std::chrono::milliseconds(450) ? skew : std::nullopt;
+            });
+  add.Value("--twin-lose", o.twin_lose, "N/RANGE", "N/RANGE with N from 1 to RANGE and to 1000000",
+            "Lose N of every RANGE datagrams on it", ParseErrorSchedule);
+  add.Value("--twin-delay", o.twin_delay, "N/RANGE[:D]",
+            "N/RANGE:D with N from 1 to RANGE and D from 1",
+            "Delay N of every RANGE datagrams on it, each behind the next D", ParseDelaySchedule);
+  add.Value("--twin-jitter", o.twin_jitter, "PATTERN:AMOUNT",
+            "square:TIME (up to 10 s) or gaussian:, squared-difference: or sine:PERCENT% (up to "
+            "100%)",
+            "Move its datagrams in time, as --jitter does", ParseJitter);
+}
+
 void DefineErrors(OptionBuilder& add, PlayOptions& o) {
   add.Group("Deliberate errors");
   const auto schedule = [&](const char* name, auto& field, const char* help) {
@@ -365,15 +387,17 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
                 throw OptionBuilder::Invalid(
                     "--at", what,
                     "lose[:N], delay[:D], duplicate[:N], corrupt[:BITS], bad-ip-checksum[:N], "
-                    "bad-udp-checksum[:N], break:TIME, pause[:TIME], resume or stop");
+                    "bad-udp-checksum[:N], break:TIME, twin-lose[:N] and so on, pause[:TIME], "
+                    "resume "
+                    "or stop");
               }
               o.time_line.emplace_back(*time, *action);
             }
           },
           "At this time after the start: lose, duplicate, bad-ip-checksum, bad-udp-checksum, each "
-          "[:N] in a row, delay[:D], corrupt[:BITS], break:TIME (all is lost), pause[:TIME], "
-          "resume "
-          "or stop; may be repeated")
+          "[:N] in a row, delay[:D], corrupt[:BITS], break:TIME (all is lost), "
+          "twin-lose[:N] and so on (on the second path), pause[:TIME], resume or stop; may be "
+          "repeated")
       ->type_name("TIME ACTION")
       ->group("Deliberate errors");
 }
@@ -453,6 +477,7 @@ void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
   DefineShape(add, options);
   DefineErrors(add, options);
   DefineFec(add, options);
+  DefineTwin(add, options);
   DefineLists(command, options);
   DefineRun(add, options);
 }

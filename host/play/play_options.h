@@ -85,6 +85,14 @@ struct PlayOptions {
   std::optional<ErrorSchedule> fec_lose;
   std::optional<DelaySchedule> fec_delay;
 
+  // A second path, and its own faults.
+  std::optional<Target> twin;
+  std::string twin_device;  // as device
+  std::optional<std::chrono::nanoseconds> twin_skew;
+  std::optional<ErrorSchedule> twin_lose;
+  std::optional<DelaySchedule> twin_delay;
+  std::optional<Jitter> twin_jitter;
+
   // Deliberate errors.
   std::optional<ErrorSchedule> lose, bad_ip_checksum, bad_udp_checksum;
   std::optional<DelaySchedule> delay;

@@ -134,6 +134,7 @@ std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
     const char* name;
     bool is_given;
   } kOptions[] = {{"--fec", options.fec.has_value()},
+                  {"--twin", options.twin.has_value()},
                   {"--late", options.late.has_value()},
                   {"--max-late", options.max_late.has_value()},
                   {"--no-underrun", options.no_underrun},

@@ -14,6 +14,7 @@
 #include "host/base/units.h"
 #include "host/play/control.h"
 #include "host/play/held_back.h"
+#include "host/play/make_playing.h"
 #include "host/play/orders.h"
 #include "host/play/report.h"
 #include "ipplayout/ipplayout.h"
@@ -45,17 +46,19 @@ std::string ReadFailure(int error) {
 }  // namespace
 
 PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
-                         std::unique_ptr<RoundReader> reader, std::vector<Output> further,
-                         const Event& stop_reading, LineServer* control)
+                         const std::optional<TwinPath>& twin, std::unique_ptr<RoundReader> reader,
+                         std::vector<Output> further, const Event& stop_reading,
+                         LineServer* control)
     : options_(options),
       plan_(plan),
+      twin_(twin),
       stop_reading_(stop_reading),
       control_(control),
       time_line_({}),
       meter_(plan),
       stream_faults_(MakeStreamFaults(options, plan, reader->Format())),
       playing_(MakePlaying(options, plan, StreamEditor::Format(reader->Format(), plan.edits),
-                           stream_faults_.get())),
+                           stream_faults_.get(), twin)),
       further_(std::move(further), StreamEditor::Format(reader->Format(), plan.edits)),
       feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink()),
               plan.pcr_rate ? nullptr : stream_faults_.get()) {
@@ -292,6 +295,9 @@ void PlaySession::OrderAhead() {
 
 std::optional<std::string> PlaySession::Order(const Action& action, nanoseconds at,
                                               const std::string& by) {
+  if (action.of_twin && !twin_) {
+    return "needs --twin";
+  }
   auto refused = playing_->Order(action, at, orders_);
   if (!refused) {
     ordered_.insert({orders_++, {action, by}});
@@ -358,6 +364,9 @@ void PlaySession::Finish(bool complete) {
   TellDone();
   unsent_ = timing_ ? timing_->NotSent + (failed_ ? timing_->Discarded : 0) : CountUnsent();
   followed_ppm_ = playing_->FollowedPpm();
+  if (const auto twin = TwinProgress()) {
+    unsent_ += twin->timing->NotSent + (failed_ ? twin->timing->Discarded : 0);
+  }
   meter_.End(playing_->Counters(), complete, timing_);
 }
 
@@ -398,7 +407,17 @@ Status PlaySession::Progress() const {
   if (stream_faults_) {
     status.stream_faults = stream_faults_->Counts();
   }
+  status.twin = TwinProgress();
   return status;
+}
+
+std::optional<TwinStatus> PlaySession::TwinProgress() const {
+  const auto state = playing_->Twin();
+  if (!state || !twin_) {
+    return std::nullopt;
+  }
+  return TwinStatus{FormatTarget(twin_->options.to), options_.twin_skew.value_or(0ns),
+                    twin_->plan.schedule.Seed, state->counters, state->timing};
 }
 
 void PlaySession::DrawProgress() {
@@ -471,24 +490,24 @@ void PlaySession::WarnOfTiming() {
   }
 }
 
-void PlaySession::JudgeTiming() {
+void PlaySession::JudgeTiming(const IpPlayoutTiming& timing) {
   const auto fail = [this](const std::string& why) {
     failed_ = true;
     outcome_ = "Failed";
     Print(stderr, "ipplay: {}\n", why);
   };
-  if (options_.max_late && timing_->LatenessMaxNs > options_.max_late->count()) {
+  if (options_.max_late && timing.LatenessMaxNs > options_.max_late->count()) {
     fail(fmt::format("--max-late: a datagram left {} late",
-                     FormatDuration(nanoseconds(timing_->LatenessMaxNs))));
+                     FormatDuration(nanoseconds(timing.LatenessMaxNs))));
   }
-  if (options_.max_late && timing_->LeftOut > 0) {
+  if (options_.max_late && timing.LeftOut > 0) {
     fail(fmt::format("--max-late: {} datagrams were too late to be sent",
-                     FormatCount(timing_->LeftOut)));
+                     FormatCount(timing.LeftOut)));
   }
-  if (options_.no_underrun && timing_->DryTimes > 0) {
+  if (options_.no_underrun && timing.DryTimes > 0) {
     fail(fmt::format("--no-underrun: INPUT was not there in time, {} time{} for {} in all",
-                     FormatCount(timing_->DryTimes), timing_->DryTimes == 1 ? "" : "s",
-                     FormatDuration(nanoseconds(timing_->DryNs))));
+                     FormatCount(timing.DryTimes), timing.DryTimes == 1 ? "" : "s",
+                     FormatDuration(nanoseconds(timing.DryNs))));
   }
 }
 
@@ -572,9 +591,12 @@ ExitStatus PlaySession::Conclude() {
   TellNotDone();
   if (timing_) {
     WarnOfTiming();
-    JudgeTiming();
+    JudgeTiming(*timing_);
   }
   Status status = Progress();
+  if (status.twin) {
+    JudgeTiming(*status.twin->timing);
+  }
   status.held_back = HeldBack(status.counters);
   status.input_ppm = followed_ppm_;
   status.outputs = further_.Status();

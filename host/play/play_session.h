@@ -19,6 +19,7 @@
 #include "host/library/short_sends.h"
 #include "host/play/feeder.h"
 #include "host/play/further_outputs.h"
+#include "host/play/plan_twin.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/play/playing.h"
@@ -32,8 +33,9 @@ namespace ipplay {
 class PlaySession {
  public:
   // `stop_reading` ends a read of the input. Programs give orders on `control`, if not null.
-  PlaySession(const PlayOptions& options, const PlayPlan& plan, std::unique_ptr<RoundReader> reader,
-              std::vector<Output> further, const Event& stop_reading, LineServer* control);
+  PlaySession(const PlayOptions& options, const PlayPlan& plan, const std::optional<TwinPath>& twin,
+              std::unique_ptr<RoundReader> reader, std::vector<Output> further,
+              const Event& stop_reading, LineServer* control);
   ~PlaySession();
   PlaySession(const PlaySession&) = delete;
   PlaySession& operator=(const PlaySession&) = delete;
@@ -73,11 +75,12 @@ class PlaySession {
   void Emit(const std::string& json);
   void Warn(const std::string& text);
   Status Progress() const;
+  std::optional<TwinStatus> TwinProgress() const;
   void DrawProgress();
   void ClearProgress();
   void WarnOfInput();
   void WarnOfTiming();
-  void JudgeTiming();
+  void JudgeTiming(const IpPlayoutTiming& timing);
   std::optional<std::uint64_t> HeldBack(const PlayoutStatistics& counters) const;
   void JudgeInput();
   std::uint64_t CountUnsent() const;
@@ -86,6 +89,7 @@ class PlaySession {
 
   const PlayOptions& options_;
   const PlayPlan& plan_;
+  const std::optional<TwinPath>& twin_;
   const Event& stop_reading_;
   LineServer* const control_;
   SignalEvent continued_{SIGCONT};

@@ -336,12 +336,15 @@ std::optional<std::optional<std::uint64_t>> ParseRounds(std::string_view text) {
 }
 
 std::optional<Action> ParseAction(std::string_view text) {
+  constexpr std::string_view kTwin = "twin-";
+  const bool of_twin = text.starts_with(kTwin);
+  text.remove_prefix(of_twin ? kTwin.size() : 0);
   const auto parts = Split(text, ':');
   const auto form = Find(kActions, parts ? parts->first : text);
-  if (!form) {
+  if (!form || (of_twin && form->kind >= ActionKind::kPause)) {
     return std::nullopt;
   }
-  Action action{.kind = form->kind};
+  Action action{.kind = form->kind, .of_twin = of_twin};
   if (parts ? !ReadDetail(parts->second, form->with, action) : form->needs_it) {
     return std::nullopt;
   }

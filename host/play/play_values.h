@@ -111,9 +111,11 @@ struct Action {
   std::chrono::nanoseconds length{0};  // of a pause, 0: until it is resumed; of a break
   std::uint32_t count = 1;             // datagrams in a row
   std::uint32_t amount = 1;            // of a delay: datagrams that overtake; bits to corrupt
+  bool of_twin = false;                // on the second path
 };
 // "lose[:N]", "delay[:D]", "duplicate[:N]", "corrupt[:BITS]", "bad-ip-checksum[:N]",
-// "bad-udp-checksum[:N]", "break:TIME", "pause[:TIME]", "resume", "stop".
+// "bad-udp-checksum[:N]", "break:TIME", "pause[:TIME]", "resume", "stop"; all but the last three
+// also of the second path, as "twin-lose".
 std::optional<Action> ParseAction(std::string_view text);
 
 // What is added to a header field from each copy to the next: "dst-ip=0.0.0.1".

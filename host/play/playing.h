@@ -10,12 +10,16 @@
 #include <vector>
 
 #include "host/play/feeder.h"
-#include "host/play/play_options.h"
-#include "host/play/play_plan.h"
 #include "host/play/time_line.h"
 #include "ipplayout/playouts.h"
 
 namespace ipplay {
+
+// What has become of one path.
+struct PathState {
+  PlayoutStatistics counters{};
+  std::optional<IpPlayoutTiming> timing;
+};
 
 class Playing {
  public:
@@ -32,8 +36,8 @@ class Playing {
   virtual void Pause(bool on) = 0;
   // Whether orders are carried out at their time, so that they can be given before the start.
   virtual bool TakesTimes() const = 0;
-  // Has datagrams damaged, from `at` or from the next one on. Why it cannot be; else ReadDone says
-  // with `number` what was done.
+  // Has datagrams damaged, on the second path where the action says so, from `at` or from the next
+  // one on. Why it cannot be; else ReadDone says with `number` what was done.
   virtual std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
                                            std::uint64_t number) = 0;
   // What was done since the last call. Times are below 0 where they are not known.
@@ -48,12 +52,8 @@ class Playing {
   virtual std::optional<std::chrono::nanoseconds> StartsAt() const { return std::nullopt; }
   // By how much the clock of the input is faster, where it is followed.
   virtual std::optional<double> FollowedPpm() const { return std::nullopt; }
+  // Of the second path, where there is one.
+  virtual std::optional<PathState> Twin() const { return std::nullopt; }
 };
-
-// `faults` are made in a stream that is written by marks; else by its feeder. Null for none. By a
-// schedule where the plan says so, by time marks where it follows the PCRs. `format` is that of the
-// packets that are played.
-std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
-                                     PacketFormat format, StreamFaults* faults = nullptr);
 
 }  // namespace ipplay

@@ -111,10 +111,36 @@ Result<Output> PrepareFurther(const PlayOptions& options, const PlayOptions::Pla
   return Output{std::move(own), *std::move(path), *std::move(plan)};
 }
 
+std::optional<Failure> PrepareTwin(const PlayOptions& options, const std::vector<Adapter>& adapters,
+                                   Prepared& prepared) {
+  TwinPath twin{TwinOptions(options, prepared.plan.schedule.Seed), {}, {}};
+  auto path = FindPath(twin.options, adapters);
+  if (!path) {
+    return path.Error();
+  }
+  twin.path = std::move(*path);
+  auto plan = MakePlan(twin.options, prepared.facts, twin.path);
+  if (!plan) {
+    return plan.Error();
+  }
+  twin.plan = std::move(*plan);
+  if (auto failure = ChooseWay(twin.options, twin.path, adapters, twin.plan)) {
+    return failure;
+  }
+  if (auto failure = MakeTwins(prepared.plan, twin)) {
+    return failure;
+  }
+  prepared.twin = std::move(twin);
+  return std::nullopt;
+}
+
 }  // namespace
 
 Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
                          int stop_fd) {
+  if (auto failure = CheckTwin(options)) {
+    return *std::move(failure);
+  }
   auto path = FindPath(options, adapters);
   if (!path) {
     return path.Error();
@@ -142,6 +168,11 @@ Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>&
       return output.Error();
     }
     prepared.further.push_back(*std::move(output));
+  }
+  if (options.twin) {
+    if (auto failure = PrepareTwin(options, adapters, prepared)) {
+      return *std::move(failure);
+    }
   }
   return prepared;
 }

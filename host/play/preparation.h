@@ -9,6 +9,7 @@
 #include "host/base/result.h"
 #include "host/library/adapters.h"
 #include "host/library/path.h"
+#include "host/play/plan_twin.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/stream/input.h"
@@ -29,6 +30,7 @@ struct Prepared {
   PlayPlan plan;
   Input input;  // at its first packet
   std::vector<Output> further{};
+  std::optional<TwinPath> twin{};  // with --twin
 };
 
 // Sends nothing. No read of the input goes on once `stop_fd` is readable.

@@ -177,6 +177,23 @@ std::string LatenessWords(const std::optional<IpPlayoutTiming>& timing) {
              : "";
 }
 
+std::string TwinText(const TwinStatus& twin) {
+  std::string text =
+      fmt::format("second path: {}, {} later\n  sent       {} datagrams\n", twin.target,
+                  FormatDuration(twin.skew), FormatCount(twin.counters.DatagramsSent));
+  text += fmt::format("  ordered    {}\n", OrderedErrors(twin.counters, {}));
+  return text + (twin.timing ? TimingText(*twin.timing) : "") +
+         fmt::format("  seed       {}\n", twin.seed);
+}
+
+nlohmann::ordered_json OrderedJson(const PlayoutStatistics& counters) {
+  return {{"lost", counters.LostPackets},
+          {"lost_bytes", counters.LostBytes},
+          {"delayed", counters.SequenceErrors},
+          {"ipv4_header_bad", counters.IPChecksumErrors},
+          {"udp_bad", counters.UDPChecksumErrors}};
+}
+
 nlohmann::ordered_json DeparturesJson(const IpPlayoutTiming& timing) {
   return {{"sender", &timing.Sender[0]},
           {"on_time", timing.OnTime},
@@ -193,6 +210,18 @@ nlohmann::ordered_json DeparturesJson(const IpPlayoutTiming& timing) {
           {"shift_ns", timing.ShiftNs},
           {"dry_times", timing.DryTimes},
           {"dry_ns", timing.DryNs}};
+}
+
+nlohmann::ordered_json TwinJson(const TwinStatus& twin) {
+  nlohmann::ordered_json json{{"target", twin.target},
+                              {"skew_ns", twin.skew.count()},
+                              {"seed", twin.seed},
+                              {"datagrams", twin.counters.DatagramsSent},
+                              {"ordered", OrderedJson(twin.counters)}};
+  if (twin.timing && twin.timing->LatenessMaxNs >= 0) {
+    json["departures"] = DeparturesJson(*twin.timing);
+  }
+  return json;
 }
 
 }  // namespace
@@ -316,7 +345,8 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
                         FormatCount(output.datagrams), LatenessWords(output.timing));
   }
   text += fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
-  return text + (plan.by_schedule ? fmt::format("  seed       {}\n", plan.schedule.Seed) : "");
+  text += plan.by_schedule ? fmt::format("  seed       {}\n", plan.schedule.Seed) : "";
+  return text + (status.twin ? TwinText(*status.twin) : "");
 }
 
 std::string EventJson(std::string_view event, nanoseconds at, std::string_view text) {
@@ -374,11 +404,10 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   json["frame_bytes"] = counters.BytesSent;
   json["ts_packets"] = counters.TSPacketsSent;
   json["ts_bytes"] = counters.TSBytesSent;
-  json["ordered"] = {
-      {"lost", counters.LostPackets},          {"lost_bytes", counters.LostBytes},
-      {"delayed", counters.SequenceErrors},    {"ipv4_header_bad", counters.IPChecksumErrors},
-      {"udp_bad", counters.UDPChecksumErrors}, {"duplicates", status.faults.Duplicated},
-      {"corrupted", status.faults.Corrupted},  {"waiting", status.faults.Waiting}};
+  json["ordered"] = OrderedJson(counters);
+  json["ordered"]["duplicates"] = status.faults.Duplicated;
+  json["ordered"]["corrupted"] = status.faults.Corrupted;
+  json["ordered"]["waiting"] = status.faults.Waiting;
   for (std::size_t i = 0; i < status.stream_faults.size(); ++i) {
     json["ordered"]["packets"].push_back(
         {{"fault", NameOf(options.stream_faults.at(i).kind)}, {"count", status.stream_faults[i]}});
@@ -406,6 +435,9 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
     json["outputs"].push_back(std::move(further));
   }
   json["jitter_ns"] = counters.Jitter * 1e9;
+  if (status.twin) {
+    json["twin"] = TwinJson(*status.twin);
+  }
   // Names of files need not be UTF-8.
   return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }

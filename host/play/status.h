@@ -23,6 +23,15 @@ struct OutputStatus {
   std::optional<std::string> failure;
 };
 
+// Of the second path.
+struct TwinStatus {
+  std::string target;
+  std::chrono::nanoseconds skew{0};
+  std::uint64_t seed = 0;
+  PlayoutStatistics counters{};
+  std::optional<IpPlayoutTiming> timing;
+};
+
 struct Status {
   PlayoutStatistics counters{};
   std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses included
@@ -39,6 +48,7 @@ struct Status {
   std::optional<IpPlayoutTiming> timing;       // where it is recorded
   std::optional<double> input_ppm;             // of its clock, where that is followed
   std::vector<OutputStatus> outputs{};         // beyond the first
+  std::optional<TwinStatus> twin{};
   std::optional<Damage> damage;  // of the input, at the end of the run; none of raw input
 };
 

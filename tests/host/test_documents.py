@@ -67,7 +67,7 @@ class Recipes(PlayCase):
 
     def test_recipes(self):
         found = recipes(text_of("docs", "recipes.md"))
-        self.assertEqual(len(found), 7)
+        self.assertEqual(len(found), 9)
         endless = "Endless loop as an unprivileged user"
         many = "Many channels from one file"
         with self.subTest(many), open(os.path.join(self.folder.name, "channels.toml"), "w", encoding="utf-8") as lineup:
@@ -214,7 +214,8 @@ class Json(PlayCase):
                               ("ipplay devices --json", [("devices", "--json")]),
                               ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng")),
                                                       ("play", SAMPLE, *target, *faults),
-                                                      ("play", varying, *target), ("play", "-", *target)])):
+                                                      ("play", varying, *target), ("play", "-", *target),
+                                                      ("play", SAMPLE, *target, "--twin", "rtp://239.1.1.2:5004")])):
             with self.subTest(command):
                 with_pipe = ("sh", "-c", f'cat {SAMPLE} | "$@"', "sh")
                 outputs = [self.bed.start(*arguments, prefix=with_pipe).communicate(timeout=60)[0] for arguments in runs]

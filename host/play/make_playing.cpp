@@ -1,32 +1,24 @@
 // SPDX-License-Identifier: MIT
-#include "host/play/playing.h"
+#include "host/play/make_playing.h"
 
 #include <algorithm>
 #include <deque>
 #include <iterator>
+#include <utility>
 
-#include "host/base/capabilities.h"
 #include "host/base/event.h"
 #include "host/base/library_output.h"
 #include "host/base/nice_value.h"
-#include "host/base/wall_clock.h"
 #include "host/library/scheduled_playout.h"
-#include "host/play/marked_writer.h"
 #include "host/play/orders.h"
+#include "host/play/scheduled_playing.h"
 #include "host/play/start_failure.h"
+#include "host/play/start_rights.h"
+#include "host/play/twin_playing.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
 namespace {
-
-// The library opens the adapter and sets its threads' scheduling class; nothing needs rights later.
-template <typename Start>
-auto WithRightsToStart(Start start) {
-  KeepCapabilities({kCapNetRaw, kCapSysNice});
-  auto result = start();
-  KeepCapabilities({});
-  return result;
-}
 
 // The one that is process-wide and paced by a bit rate.
 class RatePlaying final : public Playing {
@@ -149,125 +141,12 @@ class RatePlaying final : public Playing {
   std::uint64_t before_ = 0;  // its counter then
 };
 
-// One with a handle: at its rate, or by marks, whose frames leave when the PCRs say.
-class ScheduledPlaying final : public Playing {
- public:
-  ScheduledPlaying(const PlayOptions& options, const PlayPlan& plan, ScheduledPlayout playout,
-                   const std::optional<PcrMarks>& marks, PacketFormat format, StreamFaults* faults)
-      : options_(options), plan_(plan), playout_(std::move(playout)) {
-    if (marks) {
-      writer_.emplace(playout_, format, *marks, faults);
-    }
-  }
-
-  std::optional<std::string> Start() override {
-    if (auto failure = playout_.Configure(plan_.schedule)) {
-      return failure->message;
-    }
-    is_configured_ = true;
-    for (const IpPlayoutOrder& order : before_start_) {
-      if (auto failure = playout_.Order(order)) {
-        return failure->message;
-      }
-    }
-    if (writer_) {
-      playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
-    }
-    std::optional<std::chrono::nanoseconds> start;
-    if (options_.start_at) {
-      start = ScheduledPlayout::Now() + (*options_.start_at - WallClockNow());
-      if (*start < ScheduledPlayout::Now()) {
-        return "the time of --start-at has passed";
-      }
-      starts_at_ = start;
-    }
-    if (writer_ && plan_.lead && start) {
-      writer_->Follow(*start, *plan_.lead);
-    } else if (writer_ && plan_.lead) {
-      // What was read ahead is there, and frames take a moment to be built.
-      start = ScheduledPlayout::Now() + std::chrono::milliseconds(50);
-      writer_->Follow(*start, *plan_.lead);
-    }
-    auto failure = WithRightsToStart([this, start] { return playout_.Start(start); });
-    return failure ? std::optional(failure->message) : std::nullopt;
-  }
-
-  Feeder::Sink Sink() override {
-    return {.write =
-                [this](const void* data, std::uint16_t units) {
-                  const auto* bytes = static_cast<const std::uint8_t*>(data);
-                  return Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
-                },
-            .terminate = [this] { writer_ ? writer_->Finish() : playout_.End(); },
-            .arrived =
-                [this](std::optional<std::int64_t> time_ns) {
-                  if (writer_) {
-                    writer_->Arrived(time_ns);
-                  }
-                }};
-  }
-  int EndDescriptor() const override { return playout_.EndDescriptor(); }
-
-  std::optional<std::string> Failed() override {
-    const auto state = playout_.Wait(std::chrono::nanoseconds(0));
-    return state ? std::nullopt : std::optional(state.Error().message);
-  }
-
-  void Pause(bool on) override { playout_.Pause(on); }
-
-  bool TakesTimes() const override { return true; }
-
-  std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
-                                   std::uint64_t number) override {
-    const IpPlayoutOrder order = OrderOf(action, at, number);
-    if (!is_configured_) {
-      before_start_.push_back(order);
-      return std::nullopt;
-    }
-    auto failure = playout_.Order(order);
-    return failure ? std::optional(failure->message) : std::nullopt;
-  }
-
-  std::vector<IpPlayoutDone> ReadDone() override {
-    std::vector<IpPlayoutDone> done(64);
-    done.resize(playout_.ReadDone(done));
-    return done;
-  }
-
-  IpPlayoutFaultCounts Faults() const override { return playout_.Faults(); }
-
-  PlayoutStatistics Counters() const override { return playout_.Statistics(); }
-  std::optional<std::string> Stop() override {
-    const auto failure = playout_.Stop();
-    return failure ? std::optional(failure->message) : std::nullopt;
-  }
-  std::optional<IpPlayoutTiming> Timing() const override { return playout_.Timing(); }
-  std::optional<std::chrono::nanoseconds> StartsAt() const override { return starts_at_; }
-  std::optional<double> FollowedPpm() const override {
-    return writer_ && plan_.lead ? std::optional(writer_->FollowedPpm()) : std::nullopt;
-  }
-
- private:
-  bool Write(std::span<const std::uint8_t> bytes) {
-    return writer_ ? writer_->Write(bytes) : playout_.Write(bytes);
-  }
-
-  const PlayOptions& options_;
-  const PlayPlan& plan_;
-  std::optional<std::chrono::nanoseconds> starts_at_;
-  ScheduledPlayout playout_;
-  std::optional<MarkedWriter> writer_;  // with marks
-  std::vector<IpPlayoutOrder> before_start_;
-  bool is_configured_ = false;
-};
-
-}  // namespace
-
-std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
-                                     PacketFormat format, StreamFaults* faults) {
+// Null where the plan is for the other one, or memory has run out.
+std::unique_ptr<ScheduledPlaying> MakeScheduled(const PlayOptions& options, const PlayPlan& plan,
+                                                PacketFormat format, StreamFaults* faults) {
   auto playout = ScheduledPlayout::Open();
   if (!plan.by_schedule || !playout) {
-    return std::make_unique<RatePlaying>(options, plan);
+    return nullptr;
   }
   std::optional<PcrMarks> marks;
   if (plan.pcr_rate) {
@@ -275,6 +154,25 @@ std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan&
   }
   return std::make_unique<ScheduledPlaying>(options, plan, std::move(*playout), marks, format,
                                             faults);
+}
+
+}  // namespace
+
+std::unique_ptr<Playing> MakePlaying(const PlayOptions& options, const PlayPlan& plan,
+                                     PacketFormat format, StreamFaults* faults,
+                                     const std::optional<TwinPath>& twin) {
+  auto playing = MakeScheduled(options, plan, format, faults);
+  if (!playing) {
+    return std::make_unique<RatePlaying>(options, plan);
+  }
+  if (!twin) {
+    return playing;
+  }
+  auto second = MakeScheduled(twin->options, twin->plan, format, nullptr);
+  constexpr std::chrono::milliseconds kLead(300);  // in which a file's beginning is read
+  const auto lead = options.prefill.value_or(kLead);
+  return std::make_unique<TwinPlaying>(std::move(playing), std::move(second), lead,
+                                       options.twin_skew.value_or(std::chrono::nanoseconds(0)));
 }
 
 }  // namespace ipplay

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: MIT
+#include "host/play/scheduled_playing.h"
+
+#include <utility>
+
+#include "host/base/wall_clock.h"
+#include "host/play/orders.h"
+#include "host/play/start_rights.h"
+#include "ipplayout/ipplayout.h"
+
+namespace ipplay {
+
+ScheduledPlaying::ScheduledPlaying(const PlayOptions& options, const PlayPlan& plan,
+                                   ScheduledPlayout playout, const std::optional<PcrMarks>& marks,
+                                   PacketFormat format, StreamFaults* faults)
+    : options_(options), plan_(plan), playout_(std::move(playout)) {
+  if (marks) {
+    writer_.emplace(playout_, format, *marks, faults);
+  }
+}
+
+std::optional<std::string> ScheduledPlaying::Configure() {
+  if (auto failure = playout_.Configure(plan_.schedule)) {
+    return failure->message;
+  }
+  is_configured_ = true;
+  for (const IpPlayoutOrder& order : before_start_) {
+    if (auto failure = playout_.Order(order)) {
+      return failure->message;
+    }
+  }
+  if (writer_) {
+    playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> ScheduledPlaying::Start() {
+  if (auto reason = Configure()) {
+    return reason;
+  }
+  std::optional<std::chrono::nanoseconds> start;
+  if (options_.start_at) {
+    start = ScheduledPlayout::Now() + (*options_.start_at - WallClockNow());
+    if (*start < ScheduledPlayout::Now()) {
+      return "the time of --start-at has passed";
+    }
+    starts_at_ = start;
+  }
+  if (writer_ && plan_.lead && start) {
+    writer_->Follow(*start, *plan_.lead);
+  } else if (writer_ && plan_.lead) {
+    // What was read ahead is there, and frames take a moment to be built.
+    start = ScheduledPlayout::Now() + std::chrono::milliseconds(50);
+    writer_->Follow(*start, *plan_.lead);
+  }
+  auto failure = WithRightsToStart([this, start] { return playout_.Start(start); });
+  return failure ? std::optional(failure->message) : std::nullopt;
+}
+
+std::optional<std::string> ScheduledPlaying::StartAt(ScheduledPlayout::Time time) {
+  if (auto reason = Configure()) {
+    return reason;
+  }
+  auto failure = playout_.Start(time);
+  return failure ? std::optional(failure->message) : std::nullopt;
+}
+
+std::optional<double> ScheduledPlaying::FollowedPpm() const {
+  return writer_ && plan_.lead ? std::optional(writer_->FollowedPpm()) : std::nullopt;
+}
+
+Feeder::Sink ScheduledPlaying::Sink() {
+  return {.write =
+              [this](const void* data, std::uint16_t units) {
+                const auto* bytes = static_cast<const std::uint8_t*>(data);
+                return Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
+              },
+          .terminate = [this] { End(); },
+          .arrived =
+              [this](std::optional<std::int64_t> time_ns) {
+                if (writer_) {
+                  writer_->Arrived(time_ns);
+                }
+              }};
+}
+
+std::optional<std::string> ScheduledPlaying::FailedWithin(std::chrono::nanoseconds time) {
+  const auto state = playout_.Wait(time);
+  return state ? std::nullopt : std::optional(state.Error().message);
+}
+
+std::optional<std::string> ScheduledPlaying::Order(const Action& action,
+                                                   std::chrono::nanoseconds at,
+                                                   std::uint64_t number) {
+  const IpPlayoutOrder order = OrderOf(action, at, number);
+  if (!is_configured_) {
+    before_start_.push_back(order);
+    return std::nullopt;
+  }
+  auto failure = playout_.Order(order);
+  return failure ? std::optional(failure->message) : std::nullopt;
+}
+
+std::vector<IpPlayoutDone> ScheduledPlaying::ReadDone() {
+  std::vector<IpPlayoutDone> done(64);
+  done.resize(playout_.ReadDone(done));
+  return done;
+}
+
+std::optional<std::string> ScheduledPlaying::Stop() {
+  const auto failure = playout_.Stop();
+  return failure ? std::optional(failure->message) : std::nullopt;
+}
+
+bool ScheduledPlaying::Write(std::span<const std::uint8_t> bytes) {
+  return writer_ ? writer_->Write(bytes) : playout_.Write(bytes);
+}
+
+void ScheduledPlaying::End() {
+  writer_ ? writer_->Finish() : playout_.End();
+}
+
+}  // namespace ipplay

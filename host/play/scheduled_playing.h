@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+// A playout with a handle: at its rate, or by marks, whose frames leave when the PCRs say.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "host/library/scheduled_playout.h"
+#include "host/play/marked_writer.h"
+#include "host/play/play_options.h"
+#include "host/play/play_plan.h"
+#include "host/play/playing.h"
+#include "host/stream/packet_format.h"
+#include "host/stream/pcr_marks.h"
+#include "host/stream/stream_faults.h"
+
+namespace ipplay {
+
+class ScheduledPlaying final : public Playing {
+ public:
+  // `options` and `plan` outlive this. With `marks` the PCRs of what is written say when it leaves.
+  ScheduledPlaying(const PlayOptions& options, const PlayPlan& plan, ScheduledPlayout playout,
+                   const std::optional<PcrMarks>& marks, PacketFormat format, StreamFaults* faults);
+
+  std::optional<std::string> Start() override;
+  Feeder::Sink Sink() override;
+  int EndDescriptor() const override { return playout_.EndDescriptor(); }
+  std::optional<std::string> Failed() override { return FailedWithin(std::chrono::nanoseconds(0)); }
+  void Pause(bool on) override { playout_.Pause(on); }
+  bool TakesTimes() const override { return true; }
+  std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
+                                   std::uint64_t number) override;
+  std::vector<IpPlayoutDone> ReadDone() override;
+  IpPlayoutFaultCounts Faults() const override { return playout_.Faults(); }
+  PlayoutStatistics Counters() const override { return playout_.Statistics(); }
+  std::optional<std::string> Stop() override;
+  std::optional<IpPlayoutTiming> Timing() const override { return playout_.Timing(); }
+  std::optional<std::chrono::nanoseconds> StartsAt() const override { return starts_at_; }
+  std::optional<double> FollowedPpm() const override;
+
+  // Instead of Start(), with the rights that it needs: its schedule begins at `time`.
+  std::optional<std::string> StartAt(ScheduledPlayout::Time time);
+  // Waits for its end for so long.
+  std::optional<std::string> FailedWithin(std::chrono::nanoseconds time);
+  // For the feeder: false once it has ended.
+  bool Write(std::span<const std::uint8_t> bytes);
+  void End();
+
+ private:
+  std::optional<std::string> Configure();
+
+  const PlayOptions& options_;
+  const PlayPlan& plan_;
+  std::optional<std::chrono::nanoseconds> starts_at_;
+  ScheduledPlayout playout_;
+  std::optional<MarkedWriter> writer_;  // with marks
+  std::vector<IpPlayoutOrder> before_start_;
+  bool is_configured_ = false;
+};
+
+}  // namespace ipplay
