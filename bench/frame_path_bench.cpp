@@ -11,6 +11,7 @@
 #include "control/header_chain.h"
 #include "payload/data_buffer.h"
 #include "payload/error_insertion_manager.h"
+#include "payload/fec_feed.h"
 #include "protocol/internet_checksum.h"
 #include "protocol/replication_manager.h"
 #include "transmit/parametric_manager.h"
@@ -58,26 +59,36 @@ PlayoutSettings TypicalSettings(std::int32_t copies, bool ipv6) {
   return settings;
 }
 
+// Layers, what they ask, and an adapter without cost.
+struct Path {
+  explicit Path(const PlayoutSettings& settings)
+      : errors(rtp, platform::ProcessRandom()), capture("rpcap://none", 1, driver) {
+    errors.Configure({});
+    replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
+                              settings.params.ReplicationCount);
+    replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
+    capture.Open();
+    capture.SetQueuedMode(1);
+    capture.SetPacketsPerQueue(10);
+    capture.SetBitRate(AggregateBitRate(settings));
+    capture.SetFrameSize(kFrame + 20);
+    capture.SetErrorInsertionManager(&errors);
+    capture.FilterInclude();
+    chain.Build(settings, &errors, &replication, &capture);
+  }
+
+  const std::uint32_t rtp = IPPLAYOUT_RTP;
+  NullDriver driver;
+  CErrorInsertionManager errors;
+  CZebReplicationMgr replication;
+  PcapRtInterface capture;
+  HeaderChain chain;
+};
+
 void FramePath(benchmark::State& state, bool ipv6) {
   const auto copies = static_cast<std::int32_t>(state.range(0));
-  const PlayoutSettings settings = TypicalSettings(copies, ipv6);
-  NullDriver driver;
-  const std::uint32_t rtp = IPPLAYOUT_RTP;
-  CErrorInsertionManager errors(rtp, platform::ProcessRandom());
-  errors.Configure({});
-  CZebReplicationMgr replication;
-  replication.SetIncrements(settings.params.ProtocolHeadersIncrements, copies - 1);
-  replication.SetHeaderSettings(settings.params.ProtocolHeadersSettings);
-  PcapRtInterface capture("rpcap://none", 1, driver);
-  HeaderChain chain;
-  capture.Open();
-  capture.SetQueuedMode(1);
-  capture.SetPacketsPerQueue(10);
-  capture.SetBitRate(AggregateBitRate(settings));
-  capture.SetFrameSize(kFrame + 20);
-  capture.SetErrorInsertionManager(&errors);
-  capture.FilterInclude();
-  chain.Build(settings, &errors, &replication, &capture);
+  Path path(TypicalSettings(copies, ipv6));
+  auto& [rtp, driver, errors, replication, capture, chain] = path;
   Sender& top = *chain.Top();
   const std::uint32_t room = top.GetHeaderLength();
 
@@ -120,6 +131,63 @@ void FramePath(benchmark::State& state, bool ipv6) {
 
 BENCHMARK_CAPTURE(FramePath, ipv4, false)->Arg(1)->Arg(2)->Arg(10)->Arg(100)->Arg(1000);
 BENCHMARK_CAPTURE(FramePath, ipv6, true)->Arg(1)->Arg(1000);
+
+// FEC of state.range(0) columns by state.range(1) rows, with parity, headers and checksums of the
+// FEC datagrams; the time is that of a frame of the stream. 0 columns: none.
+void FecPath(benchmark::State& state, bool protects_rows) {
+  const auto columns = static_cast<std::uint32_t>(state.range(0));
+  const FecMatrix matrix{columns == 0 ? 1 : columns, static_cast<std::uint32_t>(state.range(1)),
+                         protects_rows, true};
+  Path media(TypicalSettings(1, false));
+  Path fec(TypicalSettings(1, false));
+  Sender& top = *media.chain.Top();
+  const std::uint32_t room = top.GetHeaderLength();
+  const FecPort port{fec.chain.Top(), &fec.replication, &fec.errors};
+  FecFeed feed(matrix, room, kPayload, {port, port});
+
+  CIPDataBuffer ring(1 << 20);
+  const std::vector<std::uint8_t> payload(kPayload, 0x47);
+  PDU frame(room + kPayload);
+  std::uint64_t index = 0;
+  constexpr std::uint32_t kDatagrams = 500;
+  const auto send = [](Path& path, Sender& to, PDU& what, std::uint64_t number) {
+    path.replication.StartDatagram();
+    path.errors.PrepareForPacket(number);
+    to.Send(what);
+    if (number % 10 == 9) {
+      path.capture.WaitForQueue();
+      path.capture.TransmitQueue();
+    }
+  };
+  for (auto _ : state) {
+    state.PauseTiming();
+    for (std::uint32_t i = 0; i < kDatagrams; ++i) {
+      ring.Write(payload.data(), kPayload);
+    }
+    state.ResumeTiming();
+    for (std::uint32_t i = 0; i < kDatagrams; ++i) {
+      ring.ReadPayload(frame, room, 0);
+      send(media, top, frame, index++);
+      if (columns == 0) {
+        continue;
+      }
+      feed.AddMedia(frame);
+      while (feed.Next()) {
+        send(fec, *port.top, feed.Frame(), feed.Index());
+      }
+    }
+    state.counters["ns_per_frame"] = benchmark::Counter(
+        kDatagrams, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  }
+}
+
+BENCHMARK_CAPTURE(FecPath, columns, false)
+    ->Args({0, 4})
+    ->Args({1, 4})
+    ->Args({10, 5})
+    ->Args({20, 5})
+    ->Args({5, 20});
+BENCHMARK_CAPTURE(FecPath, rows_too, true)->Args({5, 4})->Args({10, 5})->Args({5, 20});
 
 void UdpChecksum(benchmark::State& state) {
   const std::vector<std::uint8_t> datagram(kFrame - 34 + 12, 0xA5);
