@@ -16,7 +16,7 @@ from testbed import Capture  # noqa: E402
 
 FIRST, SECOND = "rtp://239.1.1.1:5004", "rtp://239.1.2.1:5004"
 RTP_AT = 42
-LONG = ("--loop", "15", "--restamp", "--bitrate", "10M")  # three thousand datagrams
+LONG = ("--loop", "15", "--restamp", "--speed", "10")  # three thousand datagrams
 
 
 class Twins(PlayCase):
@@ -82,7 +82,7 @@ class Twins(PlayCase):
                 (("--twin-skew", "450ms", "--at", "700ms", "twin-break:500ms"), lambda a, b: len(a) == 203 and 95 <= 203 - len(b) <= 105),
                 (("--at", "500ms", "break:100ms", "--at", "1s", "pause:200ms", "--fec", "5x4"), lambda a, b: 15 <= 203 - len(a) <= 25 and len(b) == 203)):
             with self.subTest(options):
-                paths, summary, _ = self.play_twins("--bitrate", "2100k", *options)
+                paths, summary, _ = self.play_twins("--speed", "3", *options)
                 paths = [{n: rtp for n, (_, rtp) in path.items() if rtp[1] == 33} for path in paths]
                 both = paths[0].keys() & paths[1].keys()
                 self.assertEqual({n: paths[0][n] for n in both}, {n: paths[1][n] for n in both})
@@ -91,7 +91,7 @@ class Twins(PlayCase):
 
     def test_numbers_of_a_seed(self):
         """The same seed makes the same twins."""
-        paths = [self.play_twins("--bitrate", "20M", "--seed", "7", "--random", "--twin-lose", "1/10")[0] for _ in range(2)]
+        paths = [self.play_twins("--speed", "10", "--seed", "7", "--random", "--twin-lose", "1/10")[0] for _ in range(2)]
         self.assertEqual([set(path) for path in paths[0]], [set(path) for path in paths[1]])
 
 
