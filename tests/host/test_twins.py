@@ -79,8 +79,10 @@ class Twins(PlayCase):
         for options, check in (
                 (("--twin-jitter", "gaussian:50%"), lambda a, b: len(a) == len(b) == 203),
                 (("--jitter", "square:2ms", "--twin-delay", "1/20:3"), lambda a, b: len(a) == 203 and len(b) >= 202),
-                (("--twin-skew", "450ms", "--at", "700ms", "twin-break:500ms"), lambda a, b: len(a) == 203 and 95 <= 203 - len(b) <= 105),
-                (("--at", "500ms", "break:100ms", "--at", "1s", "pause:200ms", "--fec", "5x4"), lambda a, b: 15 <= 203 - len(a) <= 25 and len(b) == 203)):
+                (("--twin-skew", "450ms", "--at", "700ms", "twin-break:500ms"),
+                 lambda a, b: len(a) == 203 and 95 <= 203 - len(b) <= 105),
+                (("--at", "500ms", "break:100ms", "--at", "1s", "pause:200ms", "--fec", "5x4"),
+                 lambda a, b: 15 <= 203 - len(a) <= 25 and len(b) == 203)):
             with self.subTest(options):
                 paths, summary, _ = self.play_twins("--speed", "3", *options)
                 paths = [{n: rtp for n, (_, rtp) in path.items() if rtp[1] == 33} for path in paths]
