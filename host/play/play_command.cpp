@@ -73,6 +73,40 @@ std::optional<Failure> CheckFile(const CLI::App& app, const PlayOptions& options
   return std::nullopt;
 }
 
+void PrintDryRun(const PlayOptions& options, Prepared& prepared) {
+  const auto payload = FirstPayload(prepared.plan, prepared.facts, prepared.input);
+  Print(Results(), "{}", DryRun(options, prepared.facts, prepared.plan, prepared.path, payload));
+  if (const auto& twin = prepared.twin) {
+    Print(Results(), "\nSecond path: {}",
+          DryRun(twin->options, prepared.facts, twin->plan, twin->path, payload));
+  }
+}
+
+// Null where no program is to give orders.
+Result<std::unique_ptr<LineServer>> ListenForOrders(const PlayOptions& options) {
+  if (options.control.empty()) {
+    return std::unique_ptr<LineServer>();
+  }
+  return LineServer::Listen("--control", options.control);
+}
+
+// The ways of all targets but the first, and of the second path.
+std::optional<Failure> CompleteFurther(const PlayOptions& options, Prepared& prepared) {
+  for (Output& output : prepared.further) {
+    if (auto failure = CompletePath(output.options, output.path, output.plan)) {
+      return failure;
+    }
+    IntroduceFurther(output, prepared.plan);
+  }
+  if (auto& twin = prepared.twin) {
+    if (auto failure = CompletePath(twin->options, twin->path, twin->plan)) {
+      return failure;
+    }
+    IntroduceTwin(options, *twin);
+  }
+  return std::nullopt;
+}
+
 Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (auto failure = CheckFile(app, options)) {
     return *std::move(failure);
@@ -99,12 +133,7 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
     return *failure;
   }
   if (options.dry_run) {
-    const auto payload = FirstPayload(plan, facts, input);
-    Print(Results(), "{}", DryRun(options, facts, plan, path, payload));
-    if (twin) {
-      Print(Results(), "\nSecond path: {}",
-            DryRun(twin->options, facts, twin->plan, twin->path, payload));
-    }
+    PrintDryRun(options, *prepared);
     return static_cast<int>(ExitStatus::kPlayed);
   }
   if (const auto failure = CompletePath(options, path, plan)) {
@@ -113,29 +142,16 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (const auto failure = WriteSdp(options, path)) {
     return *failure;
   }
-  std::unique_ptr<LineServer> control;
-  if (!options.control.empty()) {
-    auto server = LineServer::Listen("--control", options.control);
-    if (!server) {
-      return server.Error();
-    }
-    control = std::move(*server);
+  const auto control = ListenForOrders(options);
+  if (!control) {
+    return control.Error();
   }
   Introduce(options, facts, plan, path.adapter);
-  for (Output& output : further) {
-    if (const auto failure = CompletePath(output.options, output.path, output.plan)) {
-      return *failure;
-    }
-    IntroduceFurther(output, plan);
-  }
-  if (twin) {
-    if (const auto failure = CompletePath(twin->options, twin->path, twin->plan)) {
-      return *failure;
-    }
-    IntroduceTwin(options, *twin);
+  if (const auto failure = CompleteFurther(options, *prepared)) {
+    return *failure;
   }
   PlaySession session(options, plan, twin, std::make_unique<RoundReader>(std::move(input), facts),
-                      std::move(further), stop_reading, control.get());
+                      std::move(further), stop_reading, control->get());
   return static_cast<int>(session.Run());
 }
 

@@ -329,7 +329,7 @@ void DefineErrors(OptionBuilder& add, PlayOptions& o) {
 }
 
 // The two options that may be repeated.
-void DefineLists(CLI::App& command, PlayOptions& o) {
+void DefineSteps(CLI::App& command, PlayOptions& o) {
   command
       .add_option_function<std::vector<std::string>>(
           "--step",
@@ -346,11 +346,13 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
             }
           },
           "Add VALUE to the field in each copy, compared with the copy before, as dst-ip=0.0.0.1 "
-          "or "
-          "dst-port=2; may be repeated")
+          "or dst-port=2; may be repeated")
       ->type_name("FIELD=VALUE")
       ->allow_extra_args(false)
       ->group("Timing and copies");
+}
+
+void DefineStreamFaults(CLI::App& command, PlayOptions& o) {
   command
       .add_option_function<std::vector<std::string>>(
           "--ts-fault",
@@ -373,6 +375,9 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
       ->type_name("FAULT[@PID][:TIME]=RATE")
       ->allow_extra_args(false)
       ->group("Deliberate errors");
+}
+
+void DefineTimeLine(CLI::App& command, PlayOptions& o) {
   command
       .add_option_function<std::vector<std::pair<std::string, std::string>>>(
           "--at",
@@ -388,8 +393,7 @@ void DefineLists(CLI::App& command, PlayOptions& o) {
                     "--at", what,
                     "lose[:N], delay[:D], duplicate[:N], corrupt[:BITS], bad-ip-checksum[:N], "
                     "bad-udp-checksum[:N], break:TIME, twin-lose[:N] and so on, pause[:TIME], "
-                    "resume "
-                    "or stop");
+                    "resume or stop");
               }
               o.time_line.emplace_back(*time, *action);
             }
@@ -434,6 +438,9 @@ void DefineRun(OptionBuilder& add, PlayOptions& o) {
       "--seed,-s", o.seed, "N", "1 to 9007199254740991",
       "Start of everything random, so that a run can be repeated; default: drawn and reported",
       [](const std::string& text) { return ParseNumber(text, 1, kMostSeed); });
+}
+
+void DefineWords(OptionBuilder& add, PlayOptions& o) {
   add.Value(
       "--stats", o.json_stats, "text|json", "text or json", "json: the same as --json",
       [](const std::string& text) -> std::optional<bool> {
@@ -466,8 +473,7 @@ void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
   OptionBuilder add(command);
   add.Value("INPUT,--input", options.input, "INPUT", "a file or -",
             "File to play, a pcap or pcapng file, udp:// or rtp:// [SOURCE@]ADDRESS:PORT, or - for "
-            "standard "
-            "input",
+            "standard input",
             ParseText)
       ->required();
   DefineInput(add, options);
@@ -478,8 +484,11 @@ void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
   DefineErrors(add, options);
   DefineFec(add, options);
   DefineTwin(add, options);
-  DefineLists(command, options);
+  DefineSteps(command, options);
+  DefineStreamFaults(command, options);
+  DefineTimeLine(command, options);
   DefineRun(add, options);
+  DefineWords(add, options);
 }
 
 }  // namespace ipplay

@@ -250,6 +250,25 @@ void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& pl
   NoteShape(options, facts, plan.notes);
 }
 
+// By the marks of a schedule, or at one rate for all.
+std::optional<Failure> PlanSchedule(const PlayOptions& options, const StreamFacts& facts,
+                                    PlayPlan& plan) {
+  if (FollowsPcrs(options, facts, plan)) {
+    plan.pcr_rate = facts.rate;
+    if (plan.rates.fill) {
+      plan.pcr_rate->packets_per_second = plan.rates.fill->packets_per_second;
+    }
+    plan.schedule.BitRate = 0;
+    FollowInput(options, facts, plan);
+  }
+  plan.by_schedule = plan.pcr_rate || !options.into.empty() || IsScheduled(options, plan);
+  if (!plan.by_schedule) {
+    return CheckForSchedule(options);
+  }
+  AdaptRates(plan.rates);
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::string DamageText(const Damage& damage) {
@@ -303,18 +322,7 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   const Decisions decided{format, *headers, *sizes, *rates, *rounds};
   plan.settings = SettingsFor(options, path, decided);
   plan.schedule = ScheduleFor(options, path, decided, plan.settings);
-  if (FollowsPcrs(options, facts, plan)) {
-    plan.pcr_rate = facts.rate;
-    if (plan.rates.fill) {
-      plan.pcr_rate->packets_per_second = plan.rates.fill->packets_per_second;
-    }
-    plan.schedule.BitRate = 0;
-    FollowInput(options, facts, plan);
-  }
-  plan.by_schedule = plan.pcr_rate || !options.into.empty() || IsScheduled(options, plan);
-  if (plan.by_schedule) {
-    AdaptRates(plan.rates);
-  } else if (auto failure = CheckForSchedule(options)) {
+  if (auto failure = PlanSchedule(options, facts, plan)) {
     return *std::move(failure);
   }
   AddNotes(options, facts, plan);

@@ -561,14 +561,7 @@ void PlaySession::Fail(const std::string& why) {
         FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent));
 }
 
-ExitStatus PlaySession::Conclude() {
-  ClearProgress();
-  terminal_.reset();
-  WarnOfInput();
-  if (feeder_.Padding() > 0) {
-    Print(stderr, "ipplay: padded with {} zero byte{}: data is sent in units of 4 bytes\n",
-          feeder_.Padding(), feeder_.Padding() == 1 ? "" : "s");
-  }
+void PlaySession::TellFailure() {
   if (feeder_.ReadError() != 0) {
     failed_ = true;
     Fail("INPUT could not be read to its end");
@@ -587,6 +580,27 @@ ExitStatus PlaySession::Conclude() {
     Print(stderr, "ipplay: {}{} frames at the end could not be sent; is the adapter still up?\n",
           HeldBack(meter_.Total().counters) ? "" : "at least ", FormatCount(unsent_));
   }
+}
+
+void PlaySession::TellFailures(const std::vector<OutputStatus>& outputs) {
+  for (const OutputStatus& output : outputs) {
+    if (output.failure) {
+      failed_ = true;
+      outcome_ = "Failed";
+      Print(stderr, "ipplay: {}: {}\n", output.target, *output.failure);
+    }
+  }
+}
+
+ExitStatus PlaySession::Conclude() {
+  ClearProgress();
+  terminal_.reset();
+  WarnOfInput();
+  if (feeder_.Padding() > 0) {
+    Print(stderr, "ipplay: padded with {} zero byte{}: data is sent in units of 4 bytes\n",
+          feeder_.Padding(), feeder_.Padding() == 1 ? "" : "s");
+  }
+  TellFailure();
   JudgeInput();
   TellNotDone();
   if (timing_) {
@@ -600,13 +614,7 @@ ExitStatus PlaySession::Conclude() {
   status.held_back = HeldBack(status.counters);
   status.input_ppm = followed_ppm_;
   status.outputs = further_.Status();
-  for (const OutputStatus& output : status.outputs) {
-    if (output.failure) {
-      failed_ = true;
-      outcome_ = "Failed";
-      Print(stderr, "ipplay: {}: {}\n", output.target, *output.failure);
-    }
-  }
+  TellFailures(status.outputs);
   if (!options_.raw) {
     status.damage = feeder_.Damaged();
   }

@@ -85,6 +85,8 @@ class PlaySession {
   void JudgeInput();
   std::uint64_t CountUnsent() const;
   void Fail(const std::string& why);
+  void TellFailure();
+  void TellFailures(const std::vector<OutputStatus>& outputs);
   ExitStatus Conclude();
 
   const PlayOptions& options_;

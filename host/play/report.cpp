@@ -194,6 +194,31 @@ nlohmann::ordered_json OrderedJson(const PlayoutStatistics& counters) {
           {"udp_bad", counters.UDPChecksumErrors}};
 }
 
+nlohmann::ordered_json OrderedJson(const PlayOptions& options, const Status& status) {
+  nlohmann::ordered_json json = OrderedJson(status.counters);
+  json["duplicates"] = status.faults.Duplicated;
+  json["corrupted"] = status.faults.Corrupted;
+  json["waiting"] = status.faults.Waiting;
+  for (std::size_t i = 0; i < status.stream_faults.size(); ++i) {
+    json["packets"].push_back(
+        {{"fault", NameOf(options.stream_faults.at(i).kind)}, {"count", status.stream_faults[i]}});
+  }
+  if (status.held_back) {
+    json["held_back"] = *status.held_back;
+  }
+  return json;
+}
+
+nlohmann::ordered_json OutputJson(const OutputStatus& output) {
+  nlohmann::ordered_json json{{"target", output.target}, {"datagrams", output.datagrams}};
+  if (output.timing && output.timing->LatenessMaxNs >= 0) {
+    json["late"] = output.timing->Late;
+    json["not_sent"] = output.timing->NotSent;
+    json["lateness_max_ns"] = output.timing->LatenessMaxNs;
+  }
+  return json;
+}
+
 nlohmann::ordered_json DeparturesJson(const IpPlayoutTiming& timing) {
   return {{"sender", &timing.Sender[0]},
           {"on_time", timing.OnTime},
@@ -404,17 +429,7 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   json["frame_bytes"] = counters.BytesSent;
   json["ts_packets"] = counters.TSPacketsSent;
   json["ts_bytes"] = counters.TSBytesSent;
-  json["ordered"] = OrderedJson(counters);
-  json["ordered"]["duplicates"] = status.faults.Duplicated;
-  json["ordered"]["corrupted"] = status.faults.Corrupted;
-  json["ordered"]["waiting"] = status.faults.Waiting;
-  for (std::size_t i = 0; i < status.stream_faults.size(); ++i) {
-    json["ordered"]["packets"].push_back(
-        {{"fault", NameOf(options.stream_faults.at(i).kind)}, {"count", status.stream_faults[i]}});
-  }
-  if (status.held_back) {
-    json["ordered"]["held_back"] = *status.held_back;
-  }
+  json["ordered"] = OrderedJson(options, status);
   if (status.damage) {
     json["input"] = {{"left_out_bytes", status.damage->bytes},
                      {"left_out_places", status.damage->places}};
@@ -426,13 +441,7 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
     json["departures"] = DeparturesJson(*status.timing);
   }
   for (const OutputStatus& output : status.outputs) {
-    nlohmann::ordered_json further{{"target", output.target}, {"datagrams", output.datagrams}};
-    if (output.timing && output.timing->LatenessMaxNs >= 0) {
-      further["late"] = output.timing->Late;
-      further["not_sent"] = output.timing->NotSent;
-      further["lateness_max_ns"] = output.timing->LatenessMaxNs;
-    }
-    json["outputs"].push_back(std::move(further));
+    json["outputs"].push_back(OutputJson(output));
   }
   json["jitter_ns"] = counters.Jitter * 1e9;
   if (status.twin) {
