@@ -307,7 +307,9 @@ std::optional<std::string> PlaySession::Order(const Action& action, nanoseconds 
 
 void PlaySession::TellDone() {
   const std::vector<IpPlayoutDone> all_done = playing_->ReadDone();
-  const nanoseconds shift(timing_ ? timing_->ShiftNs : 0);
+  // Not that of the last report: there may have been a pause since.
+  const auto timing = all_done.empty() ? std::nullopt : playing_->Timing();
+  const nanoseconds shift(timing ? timing->ShiftNs : 0);
   for (const IpPlayoutDone& done : all_done) {
     const auto [action, by] = ordered_.at(done.Number);
     ordered_.erase(done.Number);
