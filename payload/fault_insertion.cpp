@@ -41,7 +41,7 @@ bool FaultInsertion::IsLostByChance() {
   return Happens(is_bad_ ? faults_.LoseWhileBad : faults_.Lose);
 }
 
-// Whether something is ordered or not, so that orders do not change what follows them.
+// Draws for every datagram, so that an ordered fault does not shift later random ones.
 std::uint32_t FaultInsertion::ByChance(std::uint64_t index) {
   const struct {
     std::uint32_t what;

@@ -33,9 +33,9 @@ class FaultOrders {
 
   // ---- Builder ----
 
-  // The order for the datagram that is due then; null for none. Valid until the next call.
+  // The order that applies to the datagram due at `due`; null for none. Valid until the next call.
   const IpPlayoutOrder* For(Time due);
-  // It was done to the datagram that the last answer was for.
+  // Reports that the last returned order was carried out on this datagram.
   void Confirm(std::uint64_t datagram, Time due);
   // No datagram follows.
   void Finish();

@@ -95,7 +95,7 @@ std::string Missing(const CLI::App& app, const std::string& name) {
   if (!app.remaining(true).empty()) {
     return Unknown(app);
   }
-  return "a command is required: devices, resolve, play, measure or demo";
+  return "a command is required: devices, resolve, play, measure, lineup, gather, serve or demo";
 }
 
 std::string ExplainConfig(const std::string& what) {

@@ -28,7 +28,7 @@ bool IsChannels(std::string_view name) {
 // What is wrong with the option's form; its value is judged when it is parsed.
 std::optional<std::string> WrongForm(const CLI::App& app, const ChannelOption& option) {
   if (!IsChannels(option.name) || app.get_option_no_throw("--" + option.name) == nullptr) {
-    return fmt::format("{}: no option of a channel; give one of `ipplay play --help`", option.name);
+    return fmt::format("{}: not an option of a channel; see `ipplay play --help`", option.name);
   }
   const CLI::Option& known = *app.get_option("--" + option.name);
   if (IsFlag(known)) {

@@ -20,8 +20,8 @@ namespace ipplay {
 // A time of day as one on CLOCK_MONOTONIC; the present, if it has passed.
 Channel::Time FromWallClock(Channel::Time since_1970);
 
-// Any thread may call any function. Where rights matter: channels are started on a thread that
-// keeps those which that takes of the thread which makes the engine; that one needs none any more.
+// Any thread may call any function. Channels are started on a thread that inherits, from the thread
+// that makes the engine, the rights it needs to open adapters. The maker can drop its own.
 class Engine {
  public:
   using Time = Channel::Time;

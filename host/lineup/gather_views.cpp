@@ -115,7 +115,7 @@ void WriteParts(Out out, const Gathered& gathered) {
                           {part.machine},
                           {StateOf(part), !IsGood(part)},
                           {FormatCount(part.channels.size())},
-                          {part.clock_error_ns ? Time(part.clock_error_ns) : "not kept right"},
+                          {part.clock_error_ns ? Time(part.clock_error_ns) : "not synchronised"},
                           {BeganAfter(gathered, part)}});
   }
   for (const std::uint32_t number : gathered.missing_parts) {

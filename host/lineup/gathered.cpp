@@ -155,7 +155,7 @@ std::vector<std::string> FindFailures(const Gathered& gathered) {
   for (const PartResult& part : gathered.parts) {
     if (const auto [other, is_new] = seen.emplace(part.part.number, part.file); !is_new) {
       wrong.push_back(
-          fmt::format("part {} stands in {} and {}", part.part.Text(), other->second, part.file));
+          fmt::format("part {} is in both {} and {}", part.part.Text(), other->second, part.file));
     }
     if (part.outcome != "ended" && part.outcome != "failed") {
       wrong.push_back(Unfinished(part));
@@ -176,7 +176,7 @@ std::vector<std::string> FindUnmet(const Gathered& gathered, const GatherLimits&
     if (limits.clock_error && (!error || *error > limits.clock_error->count())) {
       unmet.push_back(fmt::format("part {}: the clock {}", part.part.Text(),
                                   error ? "may be wrong by " + FormatDuration(nanoseconds(*error))
-                                        : std::string("is not kept right")));
+                                        : std::string("is not synchronised")));
     }
   }
   for (const Json& channel : gathered.channels) {

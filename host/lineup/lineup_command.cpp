@@ -60,7 +60,7 @@ void RegisterGather(CLI::App& app, Result<int>& outcome) {
   add.Value("--max-lateness", options->limits.lateness, "TIME", "a time as 500us",
             "Fail if 1 % of the frames of a channel left later than this", ParseDuration);
   add.Value("--max-clock-error", options->limits.clock_error, "TIME", "a time as 10ms",
-            "Fail if the clock of a machine may be wrong by more than this, or is not kept right",
+            "Fail if the clock of a machine may be wrong by more than this, or is not synchronised",
             ParseDuration);
   add.Value("--report", options->report, "FILE", "a file", "Write an HTML page to FILE", ParseText);
   add.Flag("--json", options->json, "Print one JSON object on standard output");

@@ -213,7 +213,7 @@ class Reader {
     order.name = name->second.values.front();
     const auto [other, is_new] = names_.emplace(order.name, name->second.line);
     if (!is_new) {
-      Blame(name->second.line, fmt::format("name: {} stands in line {} already; give each channel "
+      Blame(name->second.line, fmt::format("name: {} is used in line {} already; give each channel "
                                            "a name of its own, in a series with {{n}}",
                                            order.name, other->second));
     }

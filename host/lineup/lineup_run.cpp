@@ -102,7 +102,7 @@ class LineupSession {
         facts_(FactsAtStart(options, std::move(broken_runs))),
         view_(!options.quiet && !options.json),
         engine_(std::move(adapters), [this](const ChannelEvent& event) { Take(event); }) {
-    // What is left for this thread: to read the file again, and to write results as whose they are.
+    // This thread keeps what rereading the file and writing results for their owner takes.
     KeepCapabilities({kCapChown, kCapDacOverride, kCapFowner});
   }
 

@@ -78,7 +78,7 @@ std::optional<Failure> CheckFec(const PlayOptions& options, const Sizes& sizes,
   for (const auto& [name, port] : kPorts) {
     if (port > last) {
       return UsageFailure(
-          fmt::format("--fec: the {} port is {}, and FEC leaves to ports above it; "
+          fmt::format("--fec: the {} port is {}, and FEC goes to the ports above it; "
                       "give one of up to {}",
                       name, port, last));
     }

@@ -110,9 +110,8 @@ PlayOptions TwinOptions(const PlayOptions& options, std::uint64_t seed) {
 std::optional<Failure> MakeTwins(PlayPlan& plan, TwinPath& twin) {
   if (plan.lead || twin.plan.lead) {
     return UsageFailure(
-        "--twin needs a file: the clock of what comes once is followed, and the two paths would "
-        "not "
-        "follow it alike");
+        "--twin needs a file: a pipe or a live input has a clock of its own, which the two paths "
+        "would follow differently");
   }
   if (plan.pcr_rate.has_value() != twin.plan.pcr_rate.has_value()) {
     return UsageFailure(

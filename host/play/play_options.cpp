@@ -95,7 +95,7 @@ void TakePlaces(const std::vector<std::string>& texts, PlayOptions& o) {
 }
 
 void DefineInput(OptionBuilder& add, PlayOptions& o) {
-  add.Group("What of the input");
+  add.Group("Which part of the input");
   add.Value("--flow", o.flow, "[SOURCE@]ADDRESS:PORT",
             "as 239.1.1.1:5004, or 10.0.0.1@239.1.1.1:5004",
             "Flow of a capture to play, by its destination; default: the only one", ParseEndpoint);

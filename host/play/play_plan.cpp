@@ -224,7 +224,7 @@ void NoteStart(const PlayOptions& options, Notes& notes) {
   notes.push_back(fmt::format(
       "--start-at: starts at {}; this machine's clock {}", UtcText(options.start_at->count()),
       error ? fmt::format("is right to within {}", FormatDuration(std::chrono::nanoseconds(*error)))
-            : "is not kept right by anything"));
+            : "is not synchronised"));
 }
 
 void NoteShape(const PlayOptions& options, const StreamFacts& facts, Notes& notes) {

@@ -247,7 +247,7 @@ std::optional<FecMatrixOrder> ParseFecMatrix(std::string_view text) {
   constexpr std::uint64_t kMostColumns = 20;
   constexpr std::uint64_t kLeastRows = 4;
   constexpr std::uint64_t kMostRows = 20;
-  constexpr std::uint64_t kMostDatagrams = 100;
+  constexpr std::uint64_t kLargestMatrix = 100;
   FecMatrixOrder matrix;
   if (const auto parts = Split(text, ':')) {
     if (parts->second != "columns") {
@@ -259,7 +259,7 @@ std::optional<FecMatrixOrder> ParseFecMatrix(std::string_view text) {
   const auto sides = Split(text, 'x');
   const auto columns = sides ? ParseNumber(sides->first, 1, kMostColumns) : std::nullopt;
   const auto rows = sides ? ParseNumber(sides->second, kLeastRows, kMostRows) : std::nullopt;
-  if (!columns || !rows || *columns * *rows > kMostDatagrams) {
+  if (!columns || !rows || *columns * *rows > kLargestMatrix) {
     return std::nullopt;
   }
   matrix.columns = static_cast<std::uint32_t>(*columns);

@@ -90,7 +90,7 @@ std::optional<HttpResponse> Refuse(const AccessRules& rules, const HttpRequest& 
   if (request.repeats_host || !IsOurHost(rules, host)) {
     return ErrorResponse(
         HttpStatus::kForbidden,
-        fmt::format("Host: \"{}\" is none of this server's names; use an address, localhost or a "
+        fmt::format("Host: \"{}\" is not a name of this server; use an address, localhost or a "
                     "name given with --host",
                     host));
   }

@@ -13,7 +13,7 @@
 namespace ipplay::serve {
 
 struct AccessRules {
-  // Besides localhost and addresses in numbers, which no page can make its own name stand for.
+  // Allowed besides localhost and numeric addresses, to which no page can rebind its own name.
   std::set<std::string> hosts;
   std::string token;  // empty: none is needed
 };

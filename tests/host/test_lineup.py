@@ -378,7 +378,7 @@ class Parts(Files):
                 ("part 2/3 is missing", [good[0], good[2]], ()),
                 ("part 3/3 died on m3: last heard of 16 min 40 s ago", [*good[:2], self.result(3, "running", 10**12)], ()),
                 ("part 3/3 has not ended on m3", [*good[:2], self.result(3, "running")], ()),
-                ("part 1/3 stands in 0.json and 3.json", [*good, good[0]], ()),
+                ("part 1/3 is in both 0.json and 3.json", [*good, good[0]], ()),
                 ("3.json: no result of a lineup", [*good, "{"], ()),
                 ("3.json: no result of a lineup", [*good, {**good[0], "schema": "1"}], ()),
                 ("3.json: no result of a lineup", [*good, {**good[0], "part": {"number": "1", "of": 3}}], ()),

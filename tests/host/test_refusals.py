@@ -131,7 +131,7 @@ class Refusals(PlayCase):
 
     def test_what_is_missing_unknown_or_given_twice(self):
         for arguments, *needed in (
-                ([], "devices, resolve, play, measure or demo"), (["plai"], "plai: ", "did you mean play?", "--help"),
+                ([], "measure, lineup, gather, serve or demo"), (["plai"], "plai: ", "did you mean play?", "--help"),
                 (["play", SAMPLE, "--to", RTP, "--copis", "3"], "--copis: ", "did you mean --copies?"),
                 (["play", SAMPLE, "--to", RTP, "--bitraet=1M"], "did you mean --bitrate?"),
                 (["play", SAMPLE, "--to", "rtp://no-such-host.invalid:5004"], "no host that this machine knows"),

@@ -35,9 +35,8 @@ struct FecCounters {
 
 class FecRepair {
  public:
-  // Media datagrams that are kept: three of the largest matrices that are taken for FEC, since that
-  // of one matrix may be spread over the next. So many behind the highest number, what is missing
-  // stays lost.
+  // Media datagrams that are kept: three of the largest matrices, since the FEC of one may be sent
+  // during the next. A datagram still missing this far behind the highest number stays lost.
   static constexpr std::uint32_t kWindow = 3 * FecDatagram::kLongestSpan;
   // FEC datagrams that wait because more than one of their media datagrams is missing.
   static constexpr std::size_t kMostWaiting = 256;

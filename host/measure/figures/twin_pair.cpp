@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kFewestEntries = 512;
 constexpr std::size_t kMostEntries = 32768;
-// Nothing is the same in so many datagrams and in so much time: they are not twins.
+// After this many datagrams and this much time without a match, the streams are not twins.
 constexpr std::uint64_t kMostUnmatched = 1'000;
 constexpr std::int64_t kLongestUnmatchedNs = 4 * TwinPair::kLongestSkewNs;
 constexpr std::int64_t kRetireEveryNs = 50'000'000;
@@ -55,7 +55,7 @@ TwinPair::TwinPair(const Stream& first, const Stream& second, const MeasurementS
   LookBack(first, second);
 }
 
-// From the first number on that both may have had since they are there: what has come of it so far.
+// Enters what each path has already received, from the first number that both could have seen.
 void TwinPair::LookBack(const Stream& first, const Stream& second) {
   const RtpSequence& one = first.AsRtp()->sequence;
   const RtpSequence& other = second.AsRtp()->sequence;

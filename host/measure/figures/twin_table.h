@@ -59,7 +59,7 @@ class TwinTable {
   };
 
   void Join(const Stream& stream, std::int64_t now_ns, const Streams& streams);
-  // With one of its SSRC that has no twin and is about as far.
+  // Pairs it with a stream of the same SSRC that has no twin and whose numbers are close.
   void PairUp(const Stream& stream, std::int64_t now_ns, const Streams& streams);
   bool MayBeTwins(const Stream& stream, const Stream& other, std::int64_t now_ns) const;
   void PartWith(const TwinPair& pair, std::int64_t now_ns, const Streams& streams);

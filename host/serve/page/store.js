@@ -162,7 +162,7 @@ class Store {
     }
   }
 
-  // Figures do not hold everything: what they name and is not known, or the other way round, is read.
+  // Figures are not complete: fetches playouts that they name and we do not know, or that we know and they omit.
   #merge(kind, all) {
     let known = 0;
     for (const figures of all) {
