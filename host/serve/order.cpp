@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/serve/order.h"
 
-#include <CLI/App.hpp>
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <utility>
 
