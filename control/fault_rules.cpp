@@ -7,12 +7,13 @@
 #include <string>
 
 #include "control/value_checks.h"
+#include "payload/fault_insertion.h"
 
 namespace ipplayout {
 namespace {
 
 constexpr std::uint32_t kMostDatagrams = 1'000'000;
-constexpr std::uint32_t kMostBits = 1000;
+constexpr std::uint32_t kMostBits = FaultInsertion::kMostFlips;
 
 constexpr std::uint32_t kKinds[] = {IPPLAYOUT_DID_LOSE,        IPPLAYOUT_DID_DELAY,
                                     IPPLAYOUT_DID_DUPLICATE,   IPPLAYOUT_DID_CORRUPT,

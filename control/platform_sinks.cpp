@@ -69,7 +69,7 @@ std::unique_ptr<FrameSink> OpenSocket(const IpPlayoutSettings& settings,
   socket.interface = settings.Destination;
   sink.payload_offset = udp_payload_offset;
   sink.stamps = settings.Stamps == IPPLAYOUT_ON;
-  sink.patience = sink.patience.zero();  // other sockets share the thread
+  sink.patience = std::chrono::nanoseconds::zero();  // other sockets share the thread
   return Take(UdpSocketSink::Open(sink), "UDP socket", failure);
 }
 

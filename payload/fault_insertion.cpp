@@ -7,6 +7,7 @@ namespace ipplayout {
 
 void FaultInsertion::Configure(const IpPlayoutFaults& faults, bool randomize) {
   faults_ = faults;
+  flips_.reserve(kMostFlips);
   for (ErrorSchedule* schedule : {&duplicates_, &corruptions_}) {
     schedule->UseRandom(random_);
   }

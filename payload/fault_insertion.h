@@ -22,6 +22,8 @@ class FaultInsertion {
  public:
   using Time = std::chrono::nanoseconds;
 
+  static constexpr std::uint32_t kMostFlips = 1000;  // bits of a datagram
+
   // `errors` has the layers lose, delay and send wrong checksums. All outlive this object.
   FaultInsertion(FaultOrders& orders, CErrorInsertionManager& errors, platform::Random& random)
       : orders_(orders), errors_(errors), random_(random) {}

@@ -14,6 +14,7 @@ bool FaultOrders::Add(const IpPlayoutOrder& order) {
       orders_.begin(), orders_.end(), order,
       [](const IpPlayoutOrder& a, const IpPlayoutOrder& b) { return a.AtNs < b.AtNs; });
   orders_.insert(place, order);
+  next_ns_.store(orders_.front().AtNs, std::memory_order_relaxed);
   waiting_.fetch_add(1, std::memory_order_relaxed);
   return true;
 }
@@ -35,15 +36,13 @@ const IpPlayoutOrder* FaultOrders::For(Time due) {
   if (in_hand_) {
     return &*in_hand_;
   }
-  if (waiting_.load(std::memory_order_relaxed) == 0) {
+  if (next_ns_.load(std::memory_order_relaxed) > due.count()) {
     return nullptr;
   }
   const platform::MutexLock lock(mutex_);
-  if (orders_.empty() || orders_.front().AtNs > due.count()) {
-    return nullptr;
-  }
   in_hand_ = orders_.front();
   orders_.pop_front();
+  next_ns_.store(orders_.empty() ? kNone : orders_.front().AtNs, std::memory_order_relaxed);
   report_ = {in_hand_->Number, in_hand_->What, 0, 0, 0, 0};
   return &*in_hand_;
 }

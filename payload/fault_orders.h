@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <optional>
 #include <span>
 
@@ -16,7 +17,7 @@
 namespace ipplayout {
 
 // Orders are carried out one after the other, the earliest first. The builder asks once for each
-// datagram, and takes the mutex only where an order waits or has been carried out.
+// datagram, and takes the mutex only where the time of an order has come or it was carried out.
 class FaultOrders {
  public:
   using Time = std::chrono::nanoseconds;
@@ -41,12 +42,15 @@ class FaultOrders {
   void Finish();
 
  private:
+  static constexpr std::int64_t kNone = std::numeric_limits<std::int64_t>::max();
+
   void Report();
 
   platform::Mutex mutex_;
   std::deque<IpPlayoutOrder> orders_ IPPLAYOUT_GUARDED_BY(mutex_);  // by time; equals as they came
   std::deque<IpPlayoutDone> done_ IPPLAYOUT_GUARDED_BY(mutex_);
-  std::atomic<std::uint64_t> waiting_{0};  // the one in hand included
+  std::atomic<std::int64_t> next_ns_{kNone};  // of the first one; stored under the mutex
+  std::atomic<std::uint64_t> waiting_{0};     // the one in hand included
   std::atomic<std::uint64_t> not_reported_{0};
 
   // The builder's own.
