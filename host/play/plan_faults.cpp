@@ -111,19 +111,27 @@ std::optional<const char*> NeedsSchedule(const PlayOptions& options) {
   return std::nullopt;
 }
 
-ErrorInsertion ErrorsFor(const PlayOptions& options) {
+ErrorInsertion ErrorsAt(const std::optional<ErrorSchedule>& lose,
+                        const std::optional<DelaySchedule>& delay, bool random) {
   ErrorInsertion errors{};
-  if (HasPlaces(options.lose)) {
+  if (HasPlaces(lose)) {
     errors.PacketLossEnabled = IPPLAYOUT_ON;
-    errors.NumPacketLoss = options.lose->count;
-    errors.PacketLossRange = options.lose->range;
+    errors.NumPacketLoss = lose->count;
+    errors.PacketLossRange = lose->range;
   }
-  if (options.delay && HasPlaces(options.delay->errors)) {
+  if (delay && HasPlaces(delay->errors)) {
     errors.SequenceErrorEnabled = IPPLAYOUT_ON;
-    errors.NumSequenceError = options.delay->errors.count;
-    errors.SequenceErrorRange = options.delay->errors.range;
-    errors.SequenceErrorDistance = options.delay->distance;
+    errors.NumSequenceError = delay->errors.count;
+    errors.SequenceErrorRange = delay->errors.range;
+    errors.SequenceErrorDistance = delay->distance;
   }
+  errors.RandomizeErrors = random ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
+  errors.ErrInsertionEnable = errors.PacketLossEnabled | errors.SequenceErrorEnabled;
+  return errors;
+}
+
+ErrorInsertion ErrorsFor(const PlayOptions& options) {
+  ErrorInsertion errors = ErrorsAt(options.lose, options.delay, options.random);
   const auto& checksum =
       HasPlaces(options.bad_ip_checksum) ? options.bad_ip_checksum : options.bad_udp_checksum;
   if (HasPlaces(checksum)) {
@@ -132,10 +140,8 @@ ErrorInsertion ErrorsFor(const PlayOptions& options) {
         HasPlaces(options.bad_ip_checksum) ? IPPLAYOUT_CHECKSUM_IP : IPPLAYOUT_CHECKSUM_UDP;
     errors.NumChecksumError = checksum->count;
     errors.ChecksumErrorRange = checksum->range;
+    errors.ErrInsertionEnable = IPPLAYOUT_ON;
   }
-  errors.RandomizeErrors = options.random ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
-  errors.ErrInsertionEnable =
-      errors.PacketLossEnabled | errors.SequenceErrorEnabled | errors.ChecksumErrorEnabled;
   return errors;
 }
 

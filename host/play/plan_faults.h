@@ -17,6 +17,9 @@ std::optional<const char*> NeedsSchedule(const PlayOptions& options);
 
 // So many of every range; chances are in FaultsFor.
 ErrorInsertion ErrorsFor(const PlayOptions& options);
+// The same of any stream.
+ErrorInsertion ErrorsAt(const std::optional<ErrorSchedule>& lose,
+                        const std::optional<DelaySchedule>& delay, bool random);
 IpPlayoutFaults FaultsFor(const PlayOptions& options, IpPlayoutFaults defaults);
 
 }  // namespace ipplay

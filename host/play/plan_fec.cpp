@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "host/base/header_lengths.h"
+#include "host/play/plan_faults.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -98,20 +99,7 @@ void ApplyFec(const PlayOptions& options, IpPlayoutSettings& schedule) {
   schedule.FecPayloadType = options.fec_payload_type.value_or(kUsualType);
   schedule.FecSSRC = options.fec_ssrc.value_or(0);
   schedule.CopiesShareTime = IPPLAYOUT_ON;  // one parity is that of every copy
-  ErrorInsertion& errors = schedule.FecErrors;
-  if (options.fec_lose) {
-    errors.PacketLossEnabled = IPPLAYOUT_ON;
-    errors.NumPacketLoss = options.fec_lose->count;
-    errors.PacketLossRange = options.fec_lose->range;
-  }
-  if (options.fec_delay) {
-    errors.SequenceErrorEnabled = IPPLAYOUT_ON;
-    errors.NumSequenceError = options.fec_delay->errors.count;
-    errors.SequenceErrorRange = options.fec_delay->errors.range;
-    errors.SequenceErrorDistance = options.fec_delay->distance;
-  }
-  errors.RandomizeErrors = options.random ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
-  errors.ErrInsertionEnable = options.fec_lose || options.fec_delay ? IPPLAYOUT_ON : IPPLAYOUT_OFF;
+  schedule.FecErrors = ErrorsAt(options.fec_lose, options.fec_delay, options.random);
 }
 
 std::string FecText(const PlayOptions& options) {
