@@ -128,6 +128,10 @@ std::string FormatBitRate(double bits_per_second) {
   return FormatScaled(bits_per_second, {"bit/s", "kbit/s", "Mbit/s", "Gbit/s"});
 }
 
+std::string FormatNanoseconds(double ns) {
+  return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
+}
+
 std::string FormatDuration(std::chrono::nanoseconds duration) {
   const auto ns = static_cast<double>(duration.count());
   if (std::abs(ns) < 1e3) {

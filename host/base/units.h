@@ -32,6 +32,8 @@ std::string FormatBitRate(double bits_per_second);
 
 // "850 ns", "12.5 us", "250 ms", "9.83 s", "3 min 05 s", "1 h 02 min 03 s".
 std::string FormatDuration(std::chrono::nanoseconds duration);
+// The same of a mean and the like, which need not be whole.
+std::string FormatNanoseconds(double ns);
 
 // "1,234,567"
 std::string FormatCount(std::uint64_t count);

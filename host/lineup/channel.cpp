@@ -9,7 +9,9 @@
 #include <utility>
 
 #include "host/base/address.h"
+#include "host/base/name_hash.h"
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/lineup/channel_run.h"
 #include "host/lineup/keeper.h"
 #include "host/play/orders.h"
@@ -31,18 +33,9 @@ constexpr std::array<FaultRow, 4> kFaults{{
 
 constexpr double kMostPpm = 1e5;
 
-std::int64_t SystemNow() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
 // A fixed place between 0 and 1 for each name, so that channels of one rate do not send together.
 double SpreadOf(std::string_view name) {
-  std::uint64_t hash = 14695981039346656037U;  // FNV-1a
-  for (const char c : name) {
-    hash = (hash ^ static_cast<std::uint8_t>(c)) * 1099511628211U;
-  }
+  std::uint64_t hash = HashOfName(name);
   hash ^= hash >> 32;
   return static_cast<double>(hash * 0x9E3779B97F4A7C15U >> 11) / 9007199254740992.0;
 }
@@ -96,7 +89,7 @@ Failure Channel::Named(const Failure& failure) const {
 
 void Channel::Tell(ChannelState state, const std::string& text) const {
   if (on_event_) {
-    on_event_({SystemNow(), order_.name, state, text});
+    on_event_({WallClockNow().count(), order_.name, state, text});
   }
 }
 
@@ -375,7 +368,7 @@ ChannelStatus Channel::Status() const {
   if (!run->IsStarted()) {
     return status;
   }
-  const std::int64_t now = SystemNow();
+  const std::int64_t now = WallClockNow().count();
   const std::int64_t since = (ScheduledPlayout::Now() - run->StartedAt()).count();
   status.started_ns = now - since;
   status.ended_ns = run->EndedNs();

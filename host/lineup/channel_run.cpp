@@ -3,18 +3,14 @@
 
 #include <algorithm>
 
+#include "host/base/wall_clock.h"
+
 namespace ipplay {
 namespace {
 
 constexpr auto kRateWindow = std::chrono::seconds(3);
 constexpr auto kLeastRateWindow = std::chrono::milliseconds(500);
 constexpr std::uint64_t kLeastRing = 64 << 10;  // that the library takes
-
-std::int64_t SystemNow() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 
@@ -163,7 +159,7 @@ std::optional<double> ChannelRun::MeanBitRate() const {
 void ChannelRun::Ended() {
   const std::lock_guard lock(mutex_);
   if (!ended_ns_) {
-    ended_ns_ = SystemNow();
+    ended_ns_ = WallClockNow().count();
   }
 }
 

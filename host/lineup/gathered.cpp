@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/lineup/lineup_file.h"
 
 namespace ipplay {
@@ -16,12 +17,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using std::chrono::nanoseconds;
-
-std::int64_t SystemNow() {
-  return std::chrono::duration_cast<nanoseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 Result<std::set<std::string>> ResultFiles(const std::string& folder) {
   std::error_code error;
@@ -104,7 +99,7 @@ std::string Unfinished(const PartResult& part) {
   }
   return fmt::format("part {} died{}: last heard of {} ago", part.part.Text(), where,
                      FormatDuration(std::chrono::floor<std::chrono::seconds>(
-                         nanoseconds(SystemNow() - *part.updated_ns))));
+                         WallClockNow() - nanoseconds(*part.updated_ns))));
 }
 
 }  // namespace
@@ -134,7 +129,7 @@ Result<Gathered> ReadParts(const std::string& folder, const std::string& lineup)
 }
 
 std::string StateOf(const PartResult& part) {
-  const bool is_old = SystemNow() - part.updated_ns.value_or(0) > kDeadAfterNs;
+  const bool is_old = WallClockNow().count() - part.updated_ns.value_or(0) > kDeadAfterNs;
   return part.outcome == "running" && is_old ? "died" : part.outcome;
 }
 

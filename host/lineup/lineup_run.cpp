@@ -20,6 +20,7 @@
 #include "host/base/signal_event.h"
 #include "host/base/stop_signals.h"
 #include "host/base/units.h"
+#include "host/base/wall_clock.h"
 #include "host/library/library.h"
 #include "host/lineup/engine.h"
 #include "host/lineup/lineup_file.h"
@@ -36,12 +37,6 @@ using Channels = std::vector<std::shared_ptr<Channel>>;
 
 constexpr auto kRedraw = std::chrono::seconds(1);
 constexpr auto kRewriteResult = std::chrono::seconds(5);
-
-std::int64_t SystemNow() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 Result<Lineup> Read(const LineupOptions& options) {
   auto lineup = ReadLineup(options.file);
@@ -87,7 +82,8 @@ void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& ada
 }
 
 LineupFacts FactsAtStart(const LineupOptions& options, std::vector<BrokenRun> broken_runs) {
-  return {options.file, options.part, NameOfMachine(), {}, SystemNow(), 0, std::move(broken_runs)};
+  return {options.file,          options.part, NameOfMachine(), {}, WallClockNow().count(), 0,
+          std::move(broken_runs)};
 }
 
 // One lineup while it runs. On the main thread; the channels' events come on others.
@@ -137,7 +133,7 @@ class LineupSession {
     for (const auto& [start_at, group] : groups) {
       std::optional<Engine::Time> at;
       if (start_at) {
-        const auto left = *start_at - Engine::Time(SystemNow());
+        const auto left = *start_at - WallClockNow();
         if (left < Engine::Time(0)) {
           Say(fmt::format("the time of the start was {} ago; {} channels start at once",
                           FormatDuration(-left), group.size()));
@@ -255,7 +251,7 @@ class LineupSession {
   }
 
   std::string Json(std::string_view outcome, std::span<const ChannelStatus> statuses) {
-    facts_.updated_ns = SystemNow();
+    facts_.updated_ns = WallClockNow().count();
     facts_.clock_error_ns = LargestClockErrorNs();
     return LineupJson(facts_, outcome, statuses);
   }

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "host/base/name_hash.h"
 #include "host/base/numbers.h"
 
 namespace ipplay {
@@ -65,10 +66,7 @@ Result<Part> PartOfJob(Count of, const Environment& environment) {
 // its channels from all others, and no other channel moves.
 std::uint32_t PlaceOf(std::string_view channel, std::uint32_t of) {
   constexpr std::uint64_t kLcgFactor = 2862933555777941757U;
-  std::uint64_t hash = 14695981039346656037U;  // FNV-1a, with its bits mixed
-  for (const char c : channel) {
-    hash = (hash ^ static_cast<std::uint8_t>(c)) * 1099511628211U;
-  }
+  std::uint64_t hash = HashOfName(channel);
   hash = (hash ^ (hash >> 33)) * 0xFF51AFD7ED558CCDU;
   hash ^= hash >> 33;
   std::uint64_t place = 0;

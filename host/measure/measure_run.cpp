@@ -19,6 +19,7 @@
 #include "host/base/link.h"
 #include "host/base/output_file.h"
 #include "host/base/stop_signals.h"
+#include "host/base/wall_clock.h"
 #include "host/measure/capture/link_watch.h"
 #include "host/measure/figures/dvb_text.h"
 #include "host/measure/live_files.h"
@@ -51,12 +52,6 @@ bool IsFile(const std::string& source) {
     return true;
   }
   return source != "any" && !QueryLink(source).up && ::access(source.c_str(), F_OK) == 0;
-}
-
-std::int64_t WallClockNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
 }
 
 // When a measurement that has no end of its own is over, by the clock of this machine.
@@ -153,7 +148,7 @@ class MeasureRun {
           Failure{ExitStatus::kFailed, fmt::format("the link of {} is down", options_.source)};
     }
     const bool by_clock = UsesThisClock() && !ended_by_silence_;
-    measurement_.Finish(by_clock ? std::optional(WallClockNs()) : std::nullopt);
+    measurement_.Finish(by_clock ? std::optional(WallClockNow().count()) : std::nullopt);
     files_.Finish(measurement_);
     return failure;
   }
@@ -203,7 +198,7 @@ class MeasureRun {
       const auto status = source_.Read(measurement_, kReadTimeoutMs);
       TakeLinkChanges();
       if (status == CaptureSource::ReadStatus::kNothingYet && UsesThisClock()) {
-        measurement_.AdvanceTo(WallClockNs() - kLastFramesNs);
+        measurement_.AdvanceTo(WallClockNow().count() - kLastFramesNs);
       }
       if (now >= next_drops_) {
         TakeDrops();
@@ -246,7 +241,7 @@ class MeasureRun {
   void TakeLinkChanges() {
     while (const auto up = link_.TakeChange()) {
       measurement_.Events().Report(
-          {.time_ns = WallClockNs(), .kind = EventKind::kLink, .amount = *up ? 1 : 0});
+          {.time_ns = WallClockNow().count(), .kind = EventKind::kLink, .amount = *up ? 1 : 0});
       if (!options_.quiet) {
         view_.Draw("");
         Print(stderr, "ipplay: the link of {} is {}\n", options_.source, *up ? "up again" : "down");
@@ -259,7 +254,7 @@ class MeasureRun {
     const std::uint64_t more =
         drops_.by_kernel + drops_.by_adapter - before.by_kernel - before.by_adapter;
     if (more > 0) {
-      measurement_.Events().Report({.time_ns = WallClockNs(),
+      measurement_.Events().Report({.time_ns = WallClockNow().count(),
                                     .kind = EventKind::kCaptureDrop,
                                     .amount = static_cast<std::int64_t>(more)});
     }
@@ -451,7 +446,7 @@ Result<int> RunMeasurement(const MeasureOptions& options, const Given& settings)
   if (!files) {
     return files.Error();
   }
-  const RunInfo info{IPPLAYOUT_VERSION, WallClockNs(), settings};
+  const RunInfo info{IPPLAYOUT_VERSION, WallClockNow().count(), settings};
   MeasureRun run(options, std::move(*source), *measurement_settings, std::move(*files), info);
   const auto failure = run.Run();
   if (run.HasRoomForStreams()) {

@@ -263,7 +263,7 @@ std::optional<double> ParseCount(const std::string& text) {
 std::string Text(LimitUnit unit, double value) {
   switch (unit) {
     case LimitUnit::kDuration:
-      return FormatDuration(std::chrono::nanoseconds(std::llround(value)));
+      return FormatNanoseconds(value);
     case LimitUnit::kPpm:
       return fmt::format("{:.2f} ppm", value);
     case LimitUnit::kCount:

@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <cmath>
 #include <iterator>
 
@@ -14,10 +13,6 @@ namespace {
 
 using Out = std::back_insert_iterator<std::string>;
 
-std::string Time(double ns) {
-  return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
-}
-
 std::string Some(std::uint64_t count, const char* what) {
   return fmt::format("{} {}", count == 0 ? "none" : FormatCount(count), what);
 }
@@ -27,8 +22,8 @@ void Line(Out out, const char* name, const std::string& text) {
 }
 
 void WriteDatagrams(Out out, const StreamSummary& stream) {
-  std::string text =
-      fmt::format("{} in {}", FormatCount(stream.rate.frames), Time(stream.rate.seconds * 1e9));
+  std::string text = fmt::format("{} in {}", FormatCount(stream.rate.frames),
+                                 FormatNanoseconds(stream.rate.seconds * 1e9));
   if (stream.rtp) {
     text += fmt::format(": {}, {}, {}", Some(stream.rtp->lost, "lost"),
                         Some(stream.rtp->reordered, "out of order"),
@@ -55,17 +50,18 @@ void WriteSpacing(Out out, const SpacingFigures& spacing) {
   if (spacing.gap.count == 0) {
     return;
   }
-  Line(out, "spacing",
-       fmt::format(
-           "one every {} on average; 99 of 100 within {} of the ideal gap, the worst {} off",
-           Time(spacing.gap.mean), Time(spacing.gap_error.p99), Time(spacing.gap_error.max)));
+  Line(
+      out, "spacing",
+      fmt::format("one every {} on average; 99 of 100 within {} of the ideal gap, the worst {} off",
+                  FormatNanoseconds(spacing.gap.mean), FormatNanoseconds(spacing.gap_error.p99),
+                  FormatNanoseconds(spacing.gap_error.max)));
 }
 
 void WriteStreamContent(Out out, const StreamSummary& stream) {
   if (stream.mdi.delay_factor) {
     Line(out, "buffer",
          fmt::format("of {} is all that a receiver needs (RFC 4445 delay factor)",
-                     Time(stream.mdi.delay_factor->max)));
+                     FormatNanoseconds(stream.mdi.delay_factor->max)));
   }
   if (stream.ts) {
     Line(out, "stream",
@@ -76,8 +72,9 @@ void WriteStreamContent(Out out, const StreamSummary& stream) {
     if (const PcrFigures* pcr = stream.ts->Reference(); pcr != nullptr && pcr->arrival_spread) {
       Line(out, "clock",
            fmt::format("{} PCRs, at most {} apart, came within {} of their time",
-                       FormatCount(pcr->count), Time(static_cast<double>(pcr->interval.max_ns)),
-                       Time(*pcr->arrival_spread)));
+                       FormatCount(pcr->count),
+                       FormatNanoseconds(static_cast<double>(pcr->interval.max_ns)),
+                       FormatNanoseconds(*pcr->arrival_spread)));
     }
   }
   if (const auto& compare = stream.compare) {

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <limits>
 #include <span>
@@ -24,7 +23,7 @@ std::string TimeText(double ns) {
   if (std::abs(ns) < 0.5) {
     return "0";
   }
-  return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
+  return FormatNanoseconds(ns);
 }
 std::string RateText(double bits_per_second) {
   return bits_per_second > 0 ? FormatBitRate(bits_per_second) : "0";

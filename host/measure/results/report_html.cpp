@@ -4,8 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cmath>
 #include <functional>
 #include <iterator>
 #include <numeric>
@@ -35,10 +33,6 @@ constexpr std::size_t kMaxEvents = 500;
 constexpr std::size_t kMaxSections = 8;
 
 constexpr const char* kNoValue = "–";
-
-std::string Time(double ns) {
-  return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
-}
 
 void WriteTile(Out out, const std::string& value, const char* name, bool bad = false) {
   fmt::format_to(out, "<div class=\"tile{}\"><b>{}</b><span>{}</span></div>\n", bad ? " bad" : "",
@@ -112,14 +106,14 @@ std::vector<HtmlCell> StreamRow(const StreamSummary& s) {
           Fault(s.Lost()),
           Fault(s.ts ? Count(s.ts->errors) : Count()),
           Fault(s.ts ? Count(s.ts->second_priority_errors) : Count()),
-          {Time(s.longest_silence), s.longest_silence >= silence},
-          {Time(s.silent_at_end), s.silent_at_end >= silence},
+          {FormatNanoseconds(s.longest_silence), s.longest_silence >= silence},
+          {FormatNanoseconds(s.silent_at_end), s.silent_at_end >= silence},
           Fault(s.seconds.unavailable + s.seconds.errored),
           {FormatBitRate(s.rate.frame_bit_rate)},
           {s.rate.error_ppm ? fmt::format("{:+.1f}", *s.rate.error_ppm) : kNoValue},
-          {s.spacing.gap_error.count > 0 ? Time(s.spacing.gap_error.p99) : kNoValue},
-          {s.rtp && s.rtp->has_jitter ? Time(s.rtp->jitter_max) : kNoValue},
-          {s.mdi.delay_factor ? Time(s.mdi.delay_factor->max) : kNoValue},
+          {s.spacing.gap_error.count > 0 ? FormatNanoseconds(s.spacing.gap_error.p99) : kNoValue},
+          {s.rtp && s.rtp->has_jitter ? FormatNanoseconds(s.rtp->jitter_max) : kNoValue},
+          {s.mdi.delay_factor ? FormatNanoseconds(s.mdi.delay_factor->max) : kNoValue},
           Fault(s.rtp ? Count(s.rtp->duplicates) : s.repeated_datagrams),
           Fault(s.rtp ? Count(s.rtp->reordered) : Count()),
           Fault(s.checksums.bad_ip + s.checksums.bad_udp),

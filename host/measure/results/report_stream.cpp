@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <chrono>
-#include <cmath>
 
 #include "host/base/units.h"
 #include "host/measure/results/chart.h"
@@ -22,7 +20,7 @@ constexpr const char* kNoValue = "–";
 constexpr const char* kIndicatorLines = "TR 101 290";
 
 std::string Time(const std::optional<double>& ns) {
-  return ns ? FormatDuration(std::chrono::nanoseconds(std::llround(*ns))) : kNoValue;
+  return ns ? FormatNanoseconds(*ns) : kNoValue;
 }
 
 HtmlTable FigureTable(const StreamSummary& stream) {

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <iterator>
 #include <sstream>
@@ -23,10 +22,6 @@ using Out = std::back_insert_iterator<std::string>;
 // The lines of a stream's figures: an indent, a name, a blank, and the text.
 constexpr std::size_t kIndent = 2;
 constexpr std::size_t kNameWidth = 10;
-
-std::string Time(double ns) {
-  return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
-}
 
 // Figures that lost frames make worse than they were carry this mark.
 const char* Mark(bool spoiled) {
@@ -53,7 +48,7 @@ struct Column {
 };
 
 std::string Percentile99(const Distribution& distribution) {
-  return distribution.count > 0 ? Time(distribution.p99) : std::string("-");
+  return distribution.count > 0 ? FormatNanoseconds(distribution.p99) : std::string("-");
 }
 
 std::string OptionalCount(const std::optional<std::uint64_t>& count) {
@@ -66,12 +61,13 @@ constexpr Column kColumns[] = {
      [](const StreamSummary& s) { return FormatBitRate(s.rate.frame_bit_rate); }},
     {"lost", 9, true, [](const StreamSummary& s) { return OptionalCount(s.Lost()); }},
     {"gap p99", 9, true, [](const StreamSummary& s) { return Percentile99(s.spacing.gap); }},
-    {"gap max", 9, true, [](const StreamSummary& s) { return Time(s.spacing.gap.max); }},
+    {"gap max", 9, true,
+     [](const StreamSummary& s) { return FormatNanoseconds(s.spacing.gap.max); }},
     {"error p99", 9, true,
      [](const StreamSummary& s) { return Percentile99(s.spacing.gap_error); }},
     {"DF max", 9, true,
      [](const StreamSummary& s) {
-       return s.mdi.delay_factor ? Time(s.mdi.delay_factor->max) : std::string("-");
+       return s.mdi.delay_factor ? FormatNanoseconds(s.mdi.delay_factor->max) : std::string("-");
      }},
     {"TS err", 8, true,
      [](const StreamSummary& s) { return s.ts ? FormatCount(s.ts->errors) : std::string("-"); }},
@@ -146,7 +142,7 @@ void WriteTotals(Out out, const CaptureSummary& capture, const TotalSummary& tot
                  std::size_t columns) {
   const std::string about[] = {
       QuotedLine(capture.source),
-      total.rate.seconds < 1 ? Time(total.rate.seconds * 1e9)
+      total.rate.seconds < 1 ? FormatNanoseconds(total.rate.seconds * 1e9)
                              : fmt::format("{:.1f} s", total.rate.seconds),
       fmt::format("{} {}", total.streams, total.streams == 1 ? "stream" : "streams"),
       FormatCount(total.rate.frames) + " frames",
@@ -240,8 +236,8 @@ void WriteOddities(Out out, const CaptureSummary& capture, const TotalSummary& t
 
 void WriteMdi(Out out, const MdiFigures& mdi) {
   const std::string delay_factor =
-      mdi.delay_factor ? fmt::format("mean {}, max {}", Time(mdi.delay_factor->mean),
-                                     Time(mdi.delay_factor->max))
+      mdi.delay_factor ? fmt::format("mean {}, max {}", FormatNanoseconds(mdi.delay_factor->mean),
+                                     FormatNanoseconds(mdi.delay_factor->max))
                        : "not measurable";
   const std::string loss_rate = mdi.loss_rate
                                     ? fmt::format("mean {:.3g}, max {:.0f} packets in a second",
@@ -258,8 +254,9 @@ void WriteSpacing(Out out, const StreamSummary& stream) {
       return;
     }
     fmt::format_to(out, "  {:<10} min {}, mean {}, p50 {}, p90 {}, p99 {}, p99.9 {}, max {}\n",
-                   name, Time(d.min), Time(d.mean), Time(d.p50), Time(d.p90), Time(d.p99),
-                   Time(d.p999), Time(d.max));
+                   name, FormatNanoseconds(d.min), FormatNanoseconds(d.mean),
+                   FormatNanoseconds(d.p50), FormatNanoseconds(d.p90), FormatNanoseconds(d.p99),
+                   FormatNanoseconds(d.p999), FormatNanoseconds(d.max));
   };
   const SpacingFigures& spacing = stream.spacing;
   row("gap", spacing.gap);
@@ -267,8 +264,8 @@ void WriteSpacing(Out out, const StreamSummary& stream) {
   const double gaps = static_cast<double>(std::max<std::uint64_t>(1, spacing.gap.count));
   if (spacing.grid) {
     fmt::format_to(out, "  {:<10} {} early to {} late, {} peak to peak\n", "grid",
-                   Time(-spacing.grid->low), Time(spacing.grid->high),
-                   Time(spacing.grid->Spread()));
+                   FormatNanoseconds(-spacing.grid->low), FormatNanoseconds(spacing.grid->high),
+                   FormatNanoseconds(spacing.grid->Spread()));
   }
   fmt::format_to(out, "  {:<10} {:.3g} % of the frames, {} bursts, longest {} frames\n", "clumped",
                  static_cast<double>(spacing.clumped_frames) / gaps * 100,
@@ -289,8 +286,9 @@ void WriteRtp(Out out, const RtpFigures& rtp) {
     fmt::format_to(out, "  {:<10} not defined: the time stamps stand still\n", "jitter");
     return;
   }
-  fmt::format_to(out, "  {:<10} last {}, mean {}, max {}\n", "jitter", Time(rtp.jitter),
-                 Time(rtp.jitter_mean), Time(rtp.jitter_max));
+  fmt::format_to(out, "  {:<10} last {}, mean {}, max {}\n", "jitter",
+                 FormatNanoseconds(rtp.jitter), FormatNanoseconds(rtp.jitter_mean),
+                 FormatNanoseconds(rtp.jitter_max));
 }
 
 void WriteFec(Out out, const FecCounters& fec) {
@@ -321,11 +319,11 @@ void WritePcr(Out out, const PidSummary& pid) {
     fmt::format_to(out, ", {}", FormatBitRate(*pcr.bit_rate));
   }
   if (pcr.interval.count > 0) {
-    fmt::format_to(out, ", interval mean {}, max {}", Time(pcr.interval.MeanNs()),
-                   Time(static_cast<double>(pcr.interval.max_ns)));
+    fmt::format_to(out, ", interval mean {}, max {}", FormatNanoseconds(pcr.interval.MeanNs()),
+                   FormatNanoseconds(static_cast<double>(pcr.interval.max_ns)));
   }
   const auto time = [](const std::optional<double>& ns) {
-    return ns ? Time(*ns) + " peak to peak" : std::string("not measured");
+    return ns ? FormatNanoseconds(*ns) + " peak to peak" : std::string("not measured");
   };
   fmt::format_to(out, ", accuracy {}, arrival {}", time(pcr.accuracy_spread),
                  time(pcr.arrival_spread));
@@ -430,8 +428,9 @@ void WriteFigures(Out out, const StreamSummary& stream) {
   }
   *out = '\n';
   fmt::format_to(out, "  {:<10} {} before the first frame, {} behind the last, longest {}\n",
-                 "silence", Time(stream.silent_at_start), Time(stream.silent_at_end),
-                 Time(stream.longest_silence));
+                 "silence", FormatNanoseconds(stream.silent_at_start),
+                 FormatNanoseconds(stream.silent_at_end),
+                 FormatNanoseconds(stream.longest_silence));
   WriteSpacing(out, stream);
   if (stream.rtp) {
     WriteRtp(out, *stream.rtp);

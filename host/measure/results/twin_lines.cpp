@@ -3,25 +3,19 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
-#include <cmath>
-
 #include "host/base/units.h"
 
 namespace ipplay::measure {
 namespace {
-
-std::string Time(double ns) {
-  return FormatDuration(std::chrono::nanoseconds(std::llround(ns)));
-}
 
 std::string SkewText(const TwinFigures& figures) {
   if (figures.skews == 0) {
     return "not measured";
   }
   return fmt::format("of the second path: min {}, mean {}, max {}",
-                     Time(static_cast<double>(figures.skew_min_ns)), Time(figures.skew_mean_ns),
-                     Time(static_cast<double>(figures.skew_max_ns)));
+                     FormatNanoseconds(static_cast<double>(figures.skew_min_ns)),
+                     FormatNanoseconds(figures.skew_mean_ns),
+                     FormatNanoseconds(static_cast<double>(figures.skew_max_ns)));
 }
 
 // Words for faults, where there are any.
@@ -48,9 +42,9 @@ std::string CombinedText(const StreamSummary& combined) {
                         FormatCount(combined.ts->counters.continuity_errors));
   }
   if (combined.mdi.delay_factor) {
-    text += fmt::format(", delay factor max {}", Time(combined.mdi.delay_factor->max));
+    text += fmt::format(", delay factor max {}", FormatNanoseconds(combined.mdi.delay_factor->max));
   }
-  return text + fmt::format(", longest silence {}", Time(combined.longest_silence));
+  return text + fmt::format(", longest silence {}", FormatNanoseconds(combined.longest_silence));
 }
 
 }  // namespace
