@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "host/base/json.h"
 #include "host/base/library_output.h"
 #include "host/base/units.h"
 #include "host/cli/option_builder.h"
@@ -44,8 +45,8 @@ void PrintTable(const std::vector<Adapter>& adapters) {
   }
 }
 
-nlohmann::ordered_json AddressList(const std::vector<IpAddress>& addresses) {
-  auto list = nlohmann::ordered_json::array();
+Json AddressList(const std::vector<IpAddress>& addresses) {
+  auto list = Json::array();
   for (const IpAddress& address : addresses) {
     list.push_back(FormatIp(address));
   }
@@ -73,19 +74,19 @@ Result<int> Resolve(const ResolveOptions& options) {
 
 }  // namespace
 
-nlohmann::ordered_json DevicesJson(const std::vector<Adapter>& adapters) {
-  auto list = nlohmann::ordered_json::array();
+Json DevicesJson(const std::vector<Adapter>& adapters) {
+  auto list = Json::array();
   for (const Adapter& adapter : adapters) {
-    nlohmann::ordered_json item{{"index", adapter.index},
-                                {"name", adapter.name},
-                                {"description", adapter.description},
-                                {"mac", FormatMac(adapter.mac)},
-                                {"ipv4", AddressList(adapter.ipv4)},
-                                {"ipv4_netmasks", AddressList(adapter.ipv4_masks)},
-                                {"ipv6", AddressList(adapter.ipv6)},
-                                {"link", LinkText(adapter)}};
-    item["mtu_bytes"] = adapter.mtu ? nlohmann::ordered_json(*adapter.mtu) : nullptr;
-    item["speed_bps"] = adapter.speed ? nlohmann::ordered_json(*adapter.speed) : nullptr;
+    Json item{{"index", adapter.index},
+              {"name", adapter.name},
+              {"description", adapter.description},
+              {"mac", FormatMac(adapter.mac)},
+              {"ipv4", AddressList(adapter.ipv4)},
+              {"ipv4_netmasks", AddressList(adapter.ipv4_masks)},
+              {"ipv6", AddressList(adapter.ipv6)},
+              {"link", LinkText(adapter)}};
+    item["mtu_bytes"] = adapter.mtu ? Json(*adapter.mtu) : nullptr;
+    item["speed_bps"] = adapter.speed ? Json(*adapter.speed) : nullptr;
     list.push_back(std::move(item));
   }
   return {{"schema", kJsonSchema}, {"devices", std::move(list)}};
@@ -98,9 +99,7 @@ void RegisterDevices(CLI::App& app, Result<int>& outcome) {
   command->callback([json, &outcome] {
     const Library library;
     if (*json) {
-      Print(Results(), "{}\n",
-            DevicesJson(library.Adapters())
-                .dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+      Print(Results(), "{}\n", TextOf(DevicesJson(library.Adapters()), 2));
     } else {
       PrintTable(library.Adapters());
     }

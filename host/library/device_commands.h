@@ -4,9 +4,9 @@
 #pragma once
 
 #include <CLI/App.hpp>
-#include <nlohmann/json.hpp>
 #include <vector>
 
+#include "host/base/json.h"
 #include "host/base/result.h"
 #include "host/library/adapters.h"
 
@@ -16,6 +16,6 @@ void RegisterDevices(CLI::App& app, Result<int>& outcome);
 void RegisterResolve(CLI::App& app, Result<int>& outcome);
 
 // As `ipplay devices --json` prints it.
-nlohmann::ordered_json DevicesJson(const std::vector<Adapter>& adapters);
+Json DevicesJson(const std::vector<Adapter>& adapters);
 
 }  // namespace ipplay

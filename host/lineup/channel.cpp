@@ -40,10 +40,6 @@ double SpreadOf(std::string_view name) {
   return static_cast<double>(hash * 0x9E3779B97F4A7C15U >> 11) / 9007199254740992.0;
 }
 
-bool Plays(ChannelState state) {
-  return state == ChannelState::kPlaying || state == ChannelState::kPaused;
-}
-
 }  // namespace
 
 std::string_view NameOf(ChannelState state) {

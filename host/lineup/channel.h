@@ -31,6 +31,10 @@ enum class ChannelState {
   kStopped,  // by request
   kFailed,
 };
+
+inline bool Plays(ChannelState state) {
+  return state == ChannelState::kPlaying || state == ChannelState::kPaused;
+}
 std::string_view NameOf(ChannelState state);
 
 // How the stream is to go on; what is empty stays.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "host/base/json.h"
 #include "host/base/text.h"
 #include "host/base/units.h"
 #include "host/measure/results/chart.h"
@@ -16,7 +17,6 @@
 namespace ipplay {
 namespace {
 
-using Json = nlohmann::ordered_json;
 using measure::HtmlCell;
 using measure::HtmlTable;
 using Number = std::optional<std::int64_t>;
@@ -24,10 +24,6 @@ using Out = std::back_insert_iterator<std::string>;
 
 // A page with ten thousand rows helps nobody; the JSON text has them all.
 constexpr std::size_t kMostRows = 1000;
-
-Json OrNull(const Number& number) {
-  return number ? Json(*number) : Json();
-}
 
 std::string Time(const Number& ns) {
   return ns ? FormatDuration(std::chrono::nanoseconds(*ns)) : "-";
@@ -185,7 +181,7 @@ std::string GatheredJson(const Gathered& gathered, std::span<const std::string> 
                              {"broken_runs", JsonOf(part.broken_runs)}});
   }
   json["channels"] = gathered.channels;
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return TextOf(json);
 }
 
 std::string GatheredTable(const Gathered& gathered, std::span<const std::string> wrong) {

@@ -15,7 +15,6 @@
 namespace ipplay {
 namespace {
 
-using Json = nlohmann::ordered_json;
 using std::chrono::nanoseconds;
 
 Result<std::set<std::string>> ResultFiles(const std::string& folder) {

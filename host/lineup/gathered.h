@@ -4,12 +4,12 @@
 
 #include <chrono>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "host/base/json.h"
 #include "host/base/result.h"
 #include "host/lineup/part_result.h"
 
@@ -23,8 +23,8 @@ struct Gathered {
   std::uint32_t of = 0;
   std::vector<std::string> unusable;  // files, with what is wrong
   std::set<std::uint32_t> missing_parts;
-  std::vector<std::string> missing_channels;     // of the lineup, where it is known
-  std::vector<nlohmann::ordered_json> channels;  // with their part and machine, worst first
+  std::vector<std::string> missing_channels;  // of the lineup, where it is known
+  std::vector<Json> channels;                 // with their part and machine, worst first
 };
 
 struct GatherLimits {
@@ -37,7 +37,7 @@ Result<Gathered> ReadParts(const std::string& folder, const std::string& lineup)
 // "ended", "failed", "running", or "died": it runs by its result, which is old.
 std::string StateOf(const PartResult& part);
 
-bool HasFailed(const nlohmann::ordered_json& channel);
+bool HasFailed(const Json& channel);
 
 // Parts and channels that are missing or have failed, a sentence for each.
 std::vector<std::string> FindFailures(const Gathered& gathered);

@@ -17,6 +17,7 @@
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
 #include "host/lineup/number_template.h"
+#include "host/stream/live_source.h"
 
 namespace ipplay {
 namespace {
@@ -245,8 +246,8 @@ class Reader {
   }
 
   std::string PathOf(const std::string& input) const {
-    const bool stays = folder_.empty() || input.starts_with('/') || input == "-" ||
-                       input.starts_with("udp://") || input.starts_with("rtp://");
+    const bool stays =
+        folder_.empty() || input.starts_with('/') || input == "-" || IsLiveAddress(input);
     return stays ? input : fmt::format("{}/{}", folder_, input);
   }
 

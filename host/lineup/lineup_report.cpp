@@ -8,18 +8,12 @@
 #include <iterator>
 #include <tuple>
 
+#include "host/base/json.h"
 #include "host/base/text.h"
 #include "host/base/units.h"
 
 namespace ipplay {
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-  return value ? Json(*value) : Json();
-}
 
 // Times that the library does not know are -1.
 Json TimeOrNull(std::int64_t ns) {
@@ -56,7 +50,7 @@ std::uint64_t DamageDone(const PlayoutStatistics& counters) {
 
 }  // namespace
 
-nlohmann::ordered_json JsonOf(const ChannelStatus& status) {
+Json JsonOf(const ChannelStatus& status) {
   const PlayoutStatistics& counters = status.counters;
   return {{"name", status.name},
           {"state", NameOf(status.state)},
@@ -102,8 +96,7 @@ std::string LineupJson(const LineupFacts& facts, std::string_view outcome,
   for (const ChannelStatus& status : channels) {
     json["channels"].push_back(JsonOf(status));
   }
-  // Names of files need not be UTF-8.
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return TextOf(json);
 }
 
 bool HasFailed(const ChannelStatus& status) {

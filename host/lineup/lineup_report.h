@@ -3,19 +3,19 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "host/base/json.h"
 #include "host/lineup/channel.h"
 #include "host/lineup/part_result.h"
 
 namespace ipplay {
 
-nlohmann::ordered_json JsonOf(const ChannelStatus& status);
+Json JsonOf(const ChannelStatus& status);
 
 struct LineupFacts {
   std::string file;

@@ -28,6 +28,7 @@
 #include "host/lineup/part_result.h"
 #include "host/measure/results/live_view.h"
 #include "host/play/preparation.h"
+#include "host/stream/live_source.h"
 
 namespace ipplay {
 namespace {
@@ -62,16 +63,12 @@ Failure MistakesIn(const std::string& file, const std::vector<Mistake>& mistakes
   return failure;
 }
 
-bool IsLive(const std::string& input) {
-  return input.starts_with("udp://") || input.starts_with("rtp://");
-}
-
 // Looks at the input and the way to the target.
 void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& adapters,
                   std::vector<Mistake>& mistakes) {
   const auto parsed = ParseChannelOptions(planned.order.options);
   const auto* const options = std::get_if<PlayOptions>(&parsed);
-  if (options == nullptr || IsLive(options->input)) {
+  if (options == nullptr || IsLiveAddress(options->input)) {
     return;
   }
   const auto prepared = Prepare(*options, adapters, -1);

@@ -10,8 +10,6 @@
 namespace ipplay {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 // A part that is started over and over need not remember all of it.
 constexpr std::size_t kMostBrokenRuns = 16;
 

@@ -4,11 +4,11 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "host/base/json.h"
 #include "host/base/result.h"
 #include "host/lineup/part.h"
 
@@ -30,9 +30,9 @@ struct PartResult {
   std::string machine;
   std::optional<std::int64_t> clock_error_ns;
   std::optional<std::int64_t> started_ns, updated_ns;
-  std::optional<std::int64_t> first_start_ns;    // of any channel
-  std::vector<BrokenRun> broken_runs;            // before this one, the oldest first
-  std::vector<nlohmann::ordered_json> channels;  // objects, as docs/json.md has them
+  std::optional<std::int64_t> first_start_ns;  // of any channel
+  std::vector<BrokenRun> broken_runs;          // before this one, the oldest first
+  std::vector<Json> channels;                  // objects, as docs/json.md has them
 };
 
 std::string PartFileName(const Part& part);  // "part-3-of-8.json"
@@ -44,11 +44,11 @@ Result<PartResult> ReadPartResult(const std::string& folder, const std::string& 
 // that it runs.
 std::vector<BrokenRun> BrokenRunsBefore(const std::string& folder, const Part& part);
 
-nlohmann::ordered_json JsonOf(const std::vector<BrokenRun>& runs);
+Json JsonOf(const std::vector<BrokenRun>& runs);
 
 // What stands at a path such as "/departures/late", or none where it is null, missing or of
 // another kind.
-std::optional<std::int64_t> NumberAt(const nlohmann::ordered_json& json, const char* path);
-std::string TextAt(const nlohmann::ordered_json& json, const char* path);  // empty for none
+std::optional<std::int64_t> NumberAt(const Json& json, const char* path);
+std::string TextAt(const Json& json, const char* path);  // empty for none
 
 }  // namespace ipplay

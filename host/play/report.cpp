@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <vector>
 
+#include "host/base/json.h"
 #include "host/base/text.h"
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
@@ -186,7 +186,7 @@ std::string TwinText(const TwinStatus& twin) {
          fmt::format("  seed       {}\n", twin.seed);
 }
 
-nlohmann::ordered_json OrderedJson(const PlayoutStatistics& counters) {
+Json OrderedJson(const PlayoutStatistics& counters) {
   return {{"lost", counters.LostPackets},
           {"lost_bytes", counters.LostBytes},
           {"delayed", counters.SequenceErrors},
@@ -194,8 +194,8 @@ nlohmann::ordered_json OrderedJson(const PlayoutStatistics& counters) {
           {"udp_bad", counters.UDPChecksumErrors}};
 }
 
-nlohmann::ordered_json OrderedJson(const PlayOptions& options, const Status& status) {
-  nlohmann::ordered_json json = OrderedJson(status.counters);
+Json OrderedJson(const PlayOptions& options, const Status& status) {
+  Json json = OrderedJson(status.counters);
   json["duplicates"] = status.faults.Duplicated;
   json["corrupted"] = status.faults.Corrupted;
   json["waiting"] = status.faults.Waiting;
@@ -209,8 +209,8 @@ nlohmann::ordered_json OrderedJson(const PlayOptions& options, const Status& sta
   return json;
 }
 
-nlohmann::ordered_json OutputJson(const OutputStatus& output) {
-  nlohmann::ordered_json json{{"target", output.target}, {"datagrams", output.datagrams}};
+Json OutputJson(const OutputStatus& output) {
+  Json json{{"target", output.target}, {"datagrams", output.datagrams}};
   if (output.timing && output.timing->LatenessMaxNs >= 0) {
     json["late"] = output.timing->Late;
     json["not_sent"] = output.timing->NotSent;
@@ -219,7 +219,7 @@ nlohmann::ordered_json OutputJson(const OutputStatus& output) {
   return json;
 }
 
-nlohmann::ordered_json DeparturesJson(const IpPlayoutTiming& timing) {
+Json DeparturesJson(const IpPlayoutTiming& timing) {
   return {{"sender", &timing.Sender[0]},
           {"on_time", timing.OnTime},
           {"late", timing.Late},
@@ -237,12 +237,12 @@ nlohmann::ordered_json DeparturesJson(const IpPlayoutTiming& timing) {
           {"dry_ns", timing.DryNs}};
 }
 
-nlohmann::ordered_json TwinJson(const TwinStatus& twin) {
-  nlohmann::ordered_json json{{"target", twin.target},
-                              {"skew_ns", twin.skew.count()},
-                              {"seed", twin.seed},
-                              {"datagrams", twin.counters.DatagramsSent},
-                              {"ordered", OrderedJson(twin.counters)}};
+Json TwinJson(const TwinStatus& twin) {
+  Json json{{"target", twin.target},
+            {"skew_ns", twin.skew.count()},
+            {"seed", twin.seed},
+            {"datagrams", twin.counters.DatagramsSent},
+            {"ordered", OrderedJson(twin.counters)}};
   if (twin.timing && twin.timing->LatenessMaxNs >= 0) {
     json["departures"] = DeparturesJson(*twin.timing);
   }
@@ -375,34 +375,34 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
 }
 
 std::string EventJson(std::string_view event, nanoseconds at, std::string_view text) {
-  nlohmann::ordered_json json{{"schema", kJsonSchema},
-                              {"event", event},
-                              {"time", UtcText(WallClockNow().count())},
-                              {"at_ns", at.count()}};
+  Json json{{"schema", kJsonSchema},
+            {"event", event},
+            {"time", UtcText(WallClockNow().count())},
+            {"at_ns", at.count()}};
   if (!text.empty()) {
     json["text"] = text;
   }
-  return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  return TextOf(json);
 }
 
 std::string FaultJson(const IpPlayoutDone& done, ActionKind kind, std::string_view by,
                       nanoseconds at) {
-  return nlohmann::ordered_json{{"schema", kJsonSchema},
-                                {"event", "fault"},
-                                {"time", UtcText(WallClockNow().count())},
-                                {"at_ns", at.count()},
-                                {"action", NameOf(kind)},
-                                {"by", by},
-                                {"count", done.Count},
-                                {"first_datagram", done.Datagram + 1},
-                                {"length_ns", done.LastDueNs - done.FirstDueNs}}
+  return Json{{"schema", kJsonSchema},
+              {"event", "fault"},
+              {"time", UtcText(WallClockNow().count())},
+              {"at_ns", at.count()},
+              {"action", NameOf(kind)},
+              {"by", by},
+              {"count", done.Count},
+              {"first_datagram", done.Datagram + 1},
+              {"length_ns", done.LastDueNs - done.FirstDueNs}}
       .dump();
 }
 
 std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const Status& status,
                        std::string_view event, std::string_view outcome) {
   const PlayoutStatistics& counters = status.counters;
-  nlohmann::ordered_json json{{"schema", kJsonSchema}, {"event", event}};
+  Json json{{"schema", kJsonSchema}, {"event", event}};
   if (!outcome.empty()) {
     json["outcome"] = outcome;
   }
@@ -447,8 +447,7 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   if (status.twin) {
     json["twin"] = TwinJson(*status.twin);
   }
-  // Names of files need not be UTF-8.
-  return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  return TextOf(json);
 }
 
 std::string DryRun(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,

@@ -5,13 +5,14 @@
 
 #include <utility>
 
+#include "host/base/json.h"
 #include "host/base/numbers.h"
 #include "host/base/wall_clock.h"
 
 namespace ipplay::serve {
 
 std::string EventFeed::Text(std::uint64_t number, std::string_view name, const Json& event) const {
-  return fmt::format("id: {}-{}\nevent: {}\ndata: {}\n\n", epoch_, number, name, Dump(event));
+  return fmt::format("id: {}-{}\nevent: {}\ndata: {}\n\n", epoch_, number, name, TextOf(event));
 }
 
 void EventFeed::OnAppend(std::function<void()> on_append) {

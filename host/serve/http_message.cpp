@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include "host/base/json.h"
+
 namespace ipplay::serve {
 namespace {
 
@@ -93,14 +95,10 @@ bool ParseTarget(std::string_view target, HttpRequest& request) {
          });
 }
 
-std::string Dump(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 HttpResponse JsonResponse(const Json& json, HttpStatus status) {
   HttpResponse response;
   response.status = status;
-  response.body = Dump(json) + "\n";
+  response.body = TextOf(json) + "\n";
   return response;
 }
 

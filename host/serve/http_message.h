@@ -5,18 +5,16 @@
 
 #include <cstdint>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "host/base/json.h"
 #include "host/base/result.h"
 
 namespace ipplay::serve {
-
-using Json = nlohmann::ordered_json;
 
 struct HttpRequest {
   std::string method;                 // "GET"
@@ -73,8 +71,5 @@ HttpResponse NoSuch(const std::string& kind, const std::string& name);
 HttpResponse NoContent();
 // Of one thing: "/api/v1/COLLECTION/NAME", encoded.
 std::string AddressOf(const std::string& collection, const std::string& name);
-
-// Names of files need not be UTF-8.
-std::string Dump(const Json& json);
 
 }  // namespace ipplay::serve

@@ -10,10 +10,6 @@
 namespace ipplay::serve {
 namespace {
 
-bool Plays(ChannelState state) {
-  return state == ChannelState::kPlaying || state == ChannelState::kPaused;
-}
-
 // What is wrong with the text, line by line.
 HttpResponse Mistaken(const std::vector<Mistake>& mistakes) {
   std::vector<std::string> details;

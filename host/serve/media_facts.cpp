@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "host/base/json.h"
 #include "host/measure/figures/ts_analysis.h"
 #include "host/stream/capture_file.h"
 #include "host/stream/open_input.h"
@@ -12,11 +13,6 @@ namespace ipplay::serve {
 namespace {
 
 constexpr std::size_t kLookedThrough = std::size_t{8} << 20;  // for services
-
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-  return value ? Json(*value) : Json();
-}
 
 std::string_view KindName(measure::ComponentKind kind) {
   switch (kind) {

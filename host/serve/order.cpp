@@ -5,15 +5,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/stream/live_source.h"
+
 namespace ipplay::serve {
 namespace {
 
 constexpr std::string_view kPlainCharacters =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_./:@%+=,";
-
-bool IsLive(const std::string& input) {
-  return input.starts_with("udp://") || input.starts_with("rtp://");
-}
 
 // Whether `ipplay play` takes the name of a file for it.
 bool TakesFile(const std::string& name) {
@@ -83,7 +81,7 @@ Result<Order> MakeOrder(std::vector<ChannelOption> options, const MediaStore& me
       continue;
     }
     order.input = real_path = option.values.front();
-    if (!IsLive(order.input)) {
+    if (!IsLiveAddress(order.input)) {
       auto file = media.OpenFile(order.input);
       if (!file) {
         return file.Error();

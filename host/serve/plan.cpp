@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <span>
 
+#include "host/base/json.h"
 #include "host/play/frame_fields.h"
 #include "host/play/preparation.h"
 #include "host/play/report.h"
@@ -18,11 +19,6 @@ namespace ipplay::serve {
 namespace {
 
 constexpr int kLongestWaitSeconds = 2;
-
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-  return value ? Json(*value) : Json();
-}
 
 // Readable when reading has taken long enough.
 FileDescriptor TimeLimit() {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "host/base/json.h"
 #include "host/base/text.h"
 #include "host/base/units.h"
 
@@ -103,7 +104,7 @@ std::optional<double> RequestFields::BitRate(const std::string& name) {
   const auto rate = ParseBitRate(value->get<std::string>());
   if (!rate) {
     Blame(name, fmt::format("{}: {} is not valid; give a bit rate above 0, as in 9.75M or 38810k",
-                            name, Dump(*value)));
+                            name, TextOf(*value)));
   }
   return rate;
 }
@@ -121,7 +122,7 @@ std::optional<std::int64_t> RequestFields::Whole(const std::string& name, std::i
     return number;
   }
   Blame(name,
-        fmt::format("{}: {} is not valid; give {} to {}", name, Dump(*value), lowest, highest));
+        fmt::format("{}: {} is not valid; give {} to {}", name, TextOf(*value), lowest, highest));
   return std::nullopt;
 }
 

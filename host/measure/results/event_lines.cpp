@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/results/event_lines.h"
+#include "host/base/json.h"
 #include "host/base/wall_clock.h"
-
-#include <nlohmann/json.hpp>
 
 #include "host/measure/results/clock_text.h"
 #include "host/measure/results/event_words.h"
@@ -10,12 +9,10 @@
 namespace ipplay::measure {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr std::int64_t kSecondNs = 1'000'000'000;
 
 std::string Line(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  return TextOf(json) + "\n";
 }
 
 Json At(std::int64_t time_ns, const char* event) {

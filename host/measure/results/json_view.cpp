@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/results/json_view.h"
+#include "host/base/json.h"
 #include "host/base/wall_clock.h"
 
 #include <fmt/format.h>
-
-#include <nlohmann/json.hpp>
 
 #include "host/measure/results/clock_text.h"
 
@@ -12,8 +11,6 @@ namespace ipplay::measure {
 namespace {
 
 // Keeps the order in which names are written here.
-using Json = nlohmann::ordered_json;
-
 // Grows when a field is renamed or removed.
 constexpr int kSchema = 1;
 
@@ -400,10 +397,6 @@ Json ToJson(const TotalSummary& total) {
 }
 
 // A device or file name need not be UTF-8.
-std::string Dump(const Json& json) {
-  return json.dump(2, ' ', false, Json::error_handler_t::replace);
-}
-
 // All lines but the first behind `margin`.
 std::string Indented(std::string_view text, std::string_view margin) {
   std::string indented;
@@ -440,13 +433,13 @@ void WriteJson(const Summary& summary, std::span<const Verdict> verdicts,
   json["met"] = AllMet(verdicts);
   // Strings have no line ends, so this one is the member of the whole.
   constexpr std::string_view kStreams = "\n  \"streams\": [";
-  const std::string text = Dump(json);
+  const std::string text = TextOf(json, 2);
   const std::size_t streams_at = text.find(kStreams) + kStreams.size();
   write(std::string_view(text).substr(0, streams_at));
   // One by one, since all of them together may take more memory than there is.
   const char* separator = "\n    ";
   for (const StreamSummary& stream : summary.streams) {
-    write(separator + Indented(Dump(ToJson(stream)), "    "));
+    write(separator + Indented(TextOf(ToJson(stream), 2), "    "));
     separator = ",\n    ";
   }
   write(summary.streams.empty() ? "" : "\n  ");

@@ -1,22 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/results/second_lines.h"
+#include "host/base/json.h"
 #include "host/base/wall_clock.h"
 
 #include <cmath>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "host/measure/results/clock_text.h"
 
 namespace ipplay::measure {
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-template <typename Number>
-Json OrNull(const std::optional<Number>& value) {
-  return value ? Json(*value) : Json();
-}
 
 // Thousandths are more than a clock knows.
 Json Rounded(const std::optional<double>& value) {

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+// JSON whose fields stay in the order in which they are written.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+namespace ipplay {
+
+using Json = nlohmann::ordered_json;
+
+template <typename T>
+Json OrNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json();
+}
+
+// On one line, or on many with this indent. Names of files need not be UTF-8: what is not is
+// replaced.
+inline std::string TextOf(const Json& json, int indent = -1) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace ipplay
