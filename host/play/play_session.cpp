@@ -59,6 +59,7 @@ PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
       stream_faults_(MakeStreamFaults(options, plan, reader->Format())),
       playing_(MakePlaying(options, plan, StreamEditor::Format(reader->Format(), plan.edits),
                            stream_faults_.get(), twin)),
+      faults_(*playing_),
       further_(std::move(further), StreamEditor::Format(reader->Format(), plan.edits)),
       feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink()),
               plan.pcr_rate ? nullptr : stream_faults_.get()) {
@@ -210,28 +211,19 @@ void PlaySession::TakeKeys() {
 }
 
 void PlaySession::PressKey(char key) {
-  switch (key) {
-    case ' ':
-      return Do({meter_.Paused() ? ActionKind::kResume : ActionKind::kPause, 0s}, "key");
-    case 'l':
-      return Do({ActionKind::kLose, 0s}, "key");
-    case 's':
-      return Do({ActionKind::kDelay, 0s}, "key");
-    case 'd':
-      return Do({ActionKind::kDuplicate, 0s}, "key");
-    case 'c':
-      return Do({ActionKind::kCorrupt, 0s}, "key");
-    case 'i':
-      return Do({ActionKind::kBadIpChecksum, 0s}, "key");
-    case 'u':
-      return Do({ActionKind::kBadUdpChecksum, 0s}, "key");
-    case 'q':
-      return Do({ActionKind::kStop, 0s}, "key");
-    case '?':
-    case 'h':
-      return Say(kKeys);
-    default:
-      return;
+  constexpr std::pair<char, ActionKind> kActions[] = {
+      {'l', ActionKind::kLose},          {'s', ActionKind::kDelay},
+      {'d', ActionKind::kDuplicate},     {'c', ActionKind::kCorrupt},
+      {'i', ActionKind::kBadIpChecksum}, {'u', ActionKind::kBadUdpChecksum},
+      {'q', ActionKind::kStop}};
+  if (key == ' ') {
+    Do({meter_.Paused() ? ActionKind::kResume : ActionKind::kPause, 0s}, "key");
+  } else if (key == '?' || key == 'h') {
+    Say(kKeys);
+  } else if (const auto* found =
+                 std::ranges::find(kActions, key, &std::pair<char, ActionKind>::first);
+             found != std::end(kActions)) {
+    Do({found->second, 0s}, "key");
   }
 }
 
@@ -298,26 +290,20 @@ std::optional<std::string> PlaySession::Order(const Action& action, nanoseconds 
   if (action.of_twin && !twin_) {
     return "needs --twin";
   }
-  auto refused = playing_->Order(action, at, orders_);
-  if (!refused) {
-    ordered_.insert({orders_++, {action, by}});
-  }
-  return refused;
+  return faults_.Order(action, at, by);
 }
 
 void PlaySession::TellDone() {
-  const std::vector<IpPlayoutDone> all_done = playing_->ReadDone();
+  const std::vector<OrderedFaults::Done> all_done = faults_.TakeDone();
   // Not that of the last report: there may have been a pause since.
   const auto timing = all_done.empty() ? std::nullopt : playing_->Timing();
   const nanoseconds shift(timing ? timing->ShiftNs : 0);
-  for (const IpPlayoutDone& done : all_done) {
-    const auto [action, by] = ordered_.at(done.Number);
-    ordered_.erase(done.Number);
+  for (const auto& [done, kind, by] : all_done) {
     const nanoseconds due = done.FirstDueNs < 0 ? Now() : nanoseconds(done.FirstDueNs) + shift;
     if (options_.WantsJson()) {
-      Emit(FaultJson(done, action.kind, by, due));
+      Emit(FaultJson(done, kind, by, due));
     }
-    SayAt(fmt::format("{}: {}", by, DoneText(done, action.kind)), due);
+    SayAt(fmt::format("{}: {}", by, DoneText(done, kind)), due);
   }
 }
 
@@ -365,7 +351,6 @@ void PlaySession::Finish(bool complete) {
   timing_ = playing_->Timing();
   TellDone();
   unsent_ = timing_ ? timing_->NotSent + (failed_ ? timing_->Discarded : 0) : CountUnsent();
-  followed_ppm_ = playing_->FollowedPpm();
   if (const auto twin = TwinProgress()) {
     unsent_ += twin->timing->NotSent + (failed_ ? twin->timing->Discarded : 0);
   }
@@ -465,51 +450,18 @@ void PlaySession::WarnOfInput() {
   }
 }
 
-// Where it gets much worse than the last warning said.
 void PlaySession::WarnOfTiming() {
-  constexpr nanoseconds kWorthAWarning = std::chrono::milliseconds(10);
   if (!timing_ || meter_.Paused()) {
     return;
   }
-  const std::int64_t least = kWorthAWarning.count();
-  if (timing_->DryNs >= std::max(least, 2 * warned_of_dry_)) {
-    warned_of_dry_ = timing_->DryNs;
-    Warn(fmt::format("INPUT was not there in time: {} time{} so far, for {} in all",
-                     FormatCount(timing_->DryTimes), timing_->DryTimes == 1 ? "" : "s",
-                     FormatDuration(nanoseconds(timing_->DryNs))));
-  }
-  if (options_.wait_link && timing_->NotSent > 2 * warned_of_refused_) {
-    warned_of_refused_ = timing_->NotSent;
-    ClearProgress();
-    Print(stderr, "ipplay: the adapter takes no frames: {} lost so far; is its link down?\n",
-          FormatCount(timing_->NotSent));
-  }
-  if (timing_->LatenessMaxNs >= std::max(least, 2 * warned_of_lateness_)) {
-    warned_of_lateness_ = timing_->LatenessMaxNs;
-    Warn(fmt::format("frames leave late: {} so far by more than 1 ms, at most by {}",
-                     FormatCount(timing_->Late),
-                     FormatDuration(nanoseconds(timing_->LatenessMaxNs))));
+  for (const std::string& warning : timing_watch_.Warnings(*timing_)) {
+    Warn(warning);
   }
 }
 
 void PlaySession::JudgeTiming(const IpPlayoutTiming& timing) {
-  const auto fail = [this](const std::string& why) {
-    failed_ = true;
-    outcome_ = "Failed";
-    Print(stderr, "ipplay: {}\n", why);
-  };
-  if (options_.max_late && timing.LatenessMaxNs > options_.max_late->count()) {
-    fail(fmt::format("--max-late: a datagram left {} late",
-                     FormatDuration(nanoseconds(timing.LatenessMaxNs))));
-  }
-  if (options_.max_late && timing.LeftOut > 0) {
-    fail(fmt::format("--max-late: {} datagrams were too late to be sent",
-                     FormatCount(timing.LeftOut)));
-  }
-  if (options_.no_underrun && timing.DryTimes > 0) {
-    fail(fmt::format("--no-underrun: INPUT was not there in time, {} time{} for {} in all",
-                     FormatCount(timing.DryTimes), timing.DryTimes == 1 ? "" : "s",
-                     FormatDuration(nanoseconds(timing.DryNs))));
+  for (const std::string& breach : timing_watch_.Breaches(timing)) {
+    Condemn(breach);
   }
 }
 
@@ -532,9 +484,7 @@ void PlaySession::JudgeInput() {
           FormatDuration(feeder_.LongestWait()));
   }
   if (damage.places > 0 && options_.no_damage) {
-    failed_ = true;
-    outcome_ = "Failed";
-    Print(stderr, "ipplay: --no-damage: INPUT is damaged\n");
+    Condemn("--no-damage: INPUT is damaged");
   }
 }
 
@@ -542,7 +492,7 @@ std::optional<std::uint64_t> PlaySession::HeldBack(const PlayoutStatistics& coun
   if (plan_.by_schedule) {
     return playing_->Faults().HeldFrames / plan_.copies;
   }
-  return HeldBackAtEnd(plan_.settings.errors, counters, orders_ > 0);
+  return HeldBackAtEnd(plan_.settings.errors, counters, faults_.Any());
 }
 
 std::uint64_t PlaySession::CountUnsent() const {
@@ -556,16 +506,21 @@ std::uint64_t PlaySession::CountUnsent() const {
   return UnsentFrames(short_sends_.Read(), run);
 }
 
-void PlaySession::Fail(const std::string& why) {
+// The run itself did what it could, and still is no success.
+void PlaySession::Condemn(const std::string& why) {
+  failed_ = true;
   outcome_ = "Failed";
+  Print(stderr, "ipplay: {}\n", why);
+}
+
+void PlaySession::Fail(const std::string& why) {
   const PlayoutStatistics& counters = meter_.Total().counters;
-  Print(stderr, "ipplay: {}; sent until then: {} datagrams with {}\n", why,
-        FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent));
+  Condemn(fmt::format("{}; sent until then: {} datagrams with {}", why,
+                      FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent)));
 }
 
 void PlaySession::TellFailure() {
   if (feeder_.ReadError() != 0) {
-    failed_ = true;
     Fail("INPUT could not be read to its end");
   } else if (failed_ && plan_.schedule.To == IPPLAYOUT_TO_FILE) {
     Fail(failure_);
@@ -577,19 +532,16 @@ void PlaySession::TellFailure() {
     Print(stderr, "ipplay: note: the adapter did not take {} frames, which are lost\n",
           FormatCount(unsent_));
   } else if (unsent_ > 0) {
-    failed_ = true;
-    outcome_ = "Failed";
-    Print(stderr, "ipplay: {}{} frames at the end could not be sent; is the adapter still up?\n",
-          HeldBack(meter_.Total().counters) ? "" : "at least ", FormatCount(unsent_));
+    Condemn(fmt::format("{}{} frames at the end could not be sent; is the adapter still up?",
+                        HeldBack(meter_.Total().counters) ? "" : "at least ",
+                        FormatCount(unsent_)));
   }
 }
 
 void PlaySession::TellFailures(const std::vector<OutputStatus>& outputs) {
   for (const OutputStatus& output : outputs) {
     if (output.failure) {
-      failed_ = true;
-      outcome_ = "Failed";
-      Print(stderr, "ipplay: {}: {}\n", output.target, *output.failure);
+      Condemn(fmt::format("{}: {}", output.target, *output.failure));
     }
   }
 }
@@ -614,8 +566,6 @@ ExitStatus PlaySession::Conclude() {
     JudgeTiming(*status.twin->timing);
   }
   status.held_back = HeldBack(status.counters);
-  status.input_ppm = followed_ppm_;
-  status.outputs = further_.Status();
   TellFailures(status.outputs);
   if (!options_.raw) {
     status.damage = feeder_.Damaged();

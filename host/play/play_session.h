@@ -5,7 +5,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,12 +18,14 @@
 #include "host/library/short_sends.h"
 #include "host/play/feeder.h"
 #include "host/play/further_outputs.h"
+#include "host/play/ordered_faults.h"
 #include "host/play/plan_twin.h"
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/play/playing.h"
 #include "host/play/status.h"
 #include "host/play/time_line.h"
+#include "host/play/timing_watch.h"
 
 namespace ipplay {
 
@@ -84,6 +85,7 @@ class PlaySession {
   std::optional<std::uint64_t> HeldBack(const PlayoutStatistics& counters) const;
   void JudgeInput();
   std::uint64_t CountUnsent() const;
+  void Condemn(const std::string& why);
   void Fail(const std::string& why);
   void TellFailure();
   void TellFailures(const std::vector<OutputStatus>& outputs);
@@ -100,6 +102,7 @@ class PlaySession {
   StatusMeter meter_;
   std::unique_ptr<StreamFaults> stream_faults_;  // null for none
   std::unique_ptr<Playing> playing_;
+  OrderedFaults faults_;
   FurtherOutputs further_;
   Feeder feeder_;
   Clock::time_point start_;
@@ -107,19 +110,10 @@ class PlaySession {
   bool running_ = false;
   bool failed_ = false;
   bool warned_of_read_ = false;
-  struct Ordered {
-    Action action;
-    std::string by;
-  };
-  std::map<std::uint64_t, Ordered> ordered_;  // faults that were not reported yet
-  std::uint64_t orders_ = 0;
   ShortSends short_sends_;
   std::string failure_;  // why the run failed, where the library says
   std::optional<IpPlayoutTiming> timing_;
-  std::optional<double> followed_ppm_;
-  std::int64_t warned_of_lateness_ = 0;  // nanoseconds, and the same of the dry times
-  std::int64_t warned_of_dry_ = 0;
-  std::uint64_t warned_of_refused_ = 0;  // frames
+  TimingWatch timing_watch_{options_};
   std::uint64_t unsent_ = 0;  // frames at the end of the run that the adapter did not take
   std::string outcome_ = "Played";
 };
