@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Two network namespaces joined by a veth pair: ipplay plays in one, programs of others receive in the
 other. Builds on the test bed of the wire tests."""
+import json
 import os
 import select
 import shutil
@@ -42,6 +43,7 @@ class Played:
 class PlayBed(Testbed):
     def __init__(self):
         super().__init__()
+        self.players = []
         for namespace, name, four, six in ((self.near, self.NEAR, NEAR4, NEAR6),
                                            (self.far, self.FAR, FAR4, FAR6)):
             # One IPv6 address, so that neighbours can be asked; ready at once. No router or listener
@@ -58,9 +60,19 @@ class PlayBed(Testbed):
 
     def start(self, *arguments, stdin=subprocess.DEVNULL, prefix=(), **more):
         """ipplay in the near namespace."""
-        return subprocess.Popen([*prefix, IPPLAY, *map(str, arguments)], preexec_fn=self.near.enter,
-                                stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                **more)
+        player = subprocess.Popen([*prefix, IPPLAY, *map(str, arguments)], preexec_fn=self.near.enter,
+                                  stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                  **more)
+        self.players.append(player)
+        return player
+
+    def end_players(self):
+        """Those that a test which failed has left behind: one that plays for ever would starve the others."""
+        for player in self.players:
+            if player.poll() is None:
+                player.kill()
+                player.communicate()
+        self.players.clear()
 
     def play(self, *arguments, **more):
         """Plays to the end. Captured are the frames that ipplay sent, not the kernel's own."""
@@ -107,6 +119,9 @@ class PlayCase(unittest.TestCase):
         cls.folder = tempfile.TemporaryDirectory()
         cls.addClassCleanup(cls.folder.cleanup)
 
+    def setUp(self):
+        self.addCleanup(self.bed.end_players)
+
     def path(self, name):
         return os.path.join(self.folder.name, name)
 
@@ -137,6 +152,18 @@ def install(folder):
     # A program with capabilities finds nothing by $ORIGIN.
     subprocess.run(["patchelf", "--set-rpath", folder, program], check=True)
     return program
+
+
+def events_of(output):
+    """By the lines of JSON, but for what a busy machine adds: that frames leave late."""
+    events = [json.loads(line) for line in output.splitlines()]
+    return [each for each in events if each["event"] != "warning" or not each["text"].startswith("frames leave late")]
+
+
+def wait_until_sending(player):
+    """By its JSON, in which warnings of a busy machine may come first."""
+    while json.loads(player.stdout.readline()).get("datagrams", 0) == 0:
+        pass
 
 
 def read_file(path):

@@ -7,7 +7,7 @@ import struct
 import subprocess
 import unittest
 
-from playbed import RTP, SAMPLE, PlayCase, make_varying_stream, read_file
+from playbed import RTP, SAMPLE, PlayCase, events_of, make_varying_stream, read_file
 from playouts import read_pcapng
 from testbed import write_pcap
 
@@ -268,7 +268,7 @@ class Control(PlayCase):
         self.assertEqual(self.ask(client, '{"do": "stop"}\n'), {"ok": True})
         output, errors = player.communicate()
         self.assertEqual(player.returncode, 0, errors)
-        events = [json.loads(line) for line in output.splitlines()]
+        events = events_of(output)
         self.assertEqual(events[-1]["outcome"], "Stopped by control")
         self.assertIn(("lose", "control", 3), [(e["action"], e["by"], e["count"]) for e in events if e["event"] == "fault"])
         self.assertFalse(os.path.exists(path))
@@ -342,7 +342,7 @@ class OnTheWire(PlayCase):
     def test_events(self):
         played = self.play(SAMPLE, *TO, "--json", "--at", "1s", "lose:2", "--at", "1500ms", "pause:200ms", "--at", "9s", "stop",
                            "--at", "2s", "corrupt")
-        events = [json.loads(line) for line in played.output.splitlines()]
+        events = events_of(played.output)
         told = [(event["event"], event.get("action"), event.get("count")) for event in events if event["event"] != "progress"]
         self.assertEqual(told, [("fault", "lose", 2), ("paused", None, None), ("playing", None, None), ("fault", "corrupt", 1),
                                 ("summary", None, None)])

@@ -10,7 +10,7 @@ import subprocess
 import termios
 import unittest
 
-from playbed import FAR4, NEAR4, NEAR6, SAMPLE, PlayCase, interrupt, read_file
+from playbed import FAR4, NEAR4, NEAR6, SAMPLE, PlayCase, events_of, interrupt, read_file
 
 TARGET = ("--to", "rtp://239.1.1.1:5004")
 PLAYED, FAILED = 0, 1
@@ -85,7 +85,7 @@ class Failing(PlayCase):
 class Running(PlayCase):
     def test_json_and_nothing_else(self):
         played = self.play(SAMPLE, *TARGET, "--json", "--lose", "1/100")
-        objects = [json.loads(line) for line in played.output.splitlines()]
+        objects = events_of(played.output)
         self.assertEqual([o["event"] for o in objects], ["progress"] * (len(objects) - 1) + ["summary"])
         self.assertGreater(len(objects), 2)
         summary = objects[-1]
@@ -158,6 +158,7 @@ class Keys(PlayCase):
     """A user at a terminal."""
 
     def setUp(self):
+        super().setUp()
         self.user, terminal = pty.openpty()
         self.before = termios.tcgetattr(terminal)
 

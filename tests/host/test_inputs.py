@@ -12,7 +12,7 @@ import subprocess
 import termios
 import unittest
 
-from playbed import SAMPLE, PlayCase, read_file
+from playbed import SAMPLE, PlayCase, read_file, wait_until_sending
 
 PLAYED, FAILED, USAGE = 0, 1, 2
 TARGET = ("--to", "udp://239.1.1.1:5004")
@@ -122,8 +122,7 @@ class Inputs(PlayCase):
 
     def start_and_wait(self, *arguments, **more):
         player = self.bed.start("play", *arguments, **more)
-        while json.loads(player.stdout.readline())["datagrams"] == 0:
-            pass
+        wait_until_sending(player)
         return player
 
     def test_file_that_ends_in_the_middle(self):

@@ -10,7 +10,7 @@ import unittest
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "measure"))
 
 from frames import Playout  # noqa: E402
-from playbed import PlayCase  # noqa: E402
+from playbed import PlayCase, wait_until_sending  # noqa: E402
 
 PLAYED, USAGE, NO_ACCESS = 0, 2, 3
 TARGET = ("--to", "udp://239.7.7.7:5006")
@@ -78,8 +78,7 @@ class Live(PlayCase):
         frames = [frame for _, frame in Playout(datagrams=900, rtp=False).capture()]  # more than is read ahead
         player = self.bed.start("play", f"udp://{GROUP4}:5004", *TARGET, "--json")
         self.send_when_joined(GROUP4, frames)
-        while json.loads(player.stdout.readline())["datagrams"] == 0:
-            pass
+        wait_until_sending(player)
         player.send_signal(signal.SIGINT)
         output, errors = player.communicate(timeout=30)
         self.bed.capture.drain()

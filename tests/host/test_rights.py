@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import unittest
 
-from playbed import SAMPLE, PlayCase, install, is_playout
+from playbed import SAMPLE, PlayCase, install, is_playout, wait_until_sending
 
 NOBODY = "65534"
 TARGET = ("--to", "rtp://239.1.1.1:5004")
@@ -58,8 +58,7 @@ class Rights(PlayCase):
                                     "--priority", "highest", "--economy",
                                     user=user, capabilities=capabilities)
                 self.addCleanup(player.kill)
-                while json.loads(player.stdout.readline())["datagrams"] == 0:
-                    pass
+                wait_until_sending(player)
                 threads = self.threads(player)
                 # Itself, the reader of the input, and the library's two.
                 self.assertEqual(len(threads), 4, threads)

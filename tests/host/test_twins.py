@@ -22,6 +22,7 @@ LONG = ("--loop", "15", "--restamp", "--speed", "10")  # three thousand datagram
 class Twins(PlayCase):
     def setUp(self):
         """A second veth pair beside that of the bed."""
+        super().setUp()
         near, far = self.bed.near, self.bed.far
         if not hasattr(Twins, "second"):
             near.run("ip", "link", "add", "near2", "type", "veth", "peer", "name", "far2", "netns", far.path)
