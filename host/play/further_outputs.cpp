@@ -91,8 +91,10 @@ void FurtherOutputs::Stop(bool complete) {
 std::vector<OutputStatus> FurtherOutputs::Status() const {
   std::vector<OutputStatus> all;
   for (std::size_t i = 0; i < playings_.size(); ++i) {
-    all.push_back({FormatTarget(outputs_[i].options.to), playings_[i]->Counters().DatagramsSent,
-                   playings_[i]->Timing(), failures_[i]});
+    const PlayOptions& options = outputs_[i].options;
+    const bool is_timed = options.into.empty();  // nothing is late in a file
+    all.push_back({FormatTarget(options.to), options.into, playings_[i]->Counters().DatagramsSent,
+                   is_timed ? playings_[i]->Timing() : std::nullopt, failures_[i]});
   }
   return all;
 }

@@ -211,6 +211,9 @@ Json OrderedJson(const PlayOptions& options, const Status& status) {
 
 Json OutputJson(const OutputStatus& output) {
   Json json{{"target", output.target}, {"datagrams", output.datagrams}};
+  if (!output.into.empty()) {
+    json["into"] = output.into;
+  }
   if (output.timing && output.timing->LatenessMaxNs >= 0) {
     json["late"] = output.timing->Late;
     json["not_sent"] = output.timing->NotSent;
@@ -366,8 +369,10 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
     text += TimingText(*status.timing);
   }
   for (const OutputStatus& output : status.outputs) {
-    text += fmt::format("  also to    {}: {} datagrams{}\n", output.target,
-                        FormatCount(output.datagrams), LatenessWords(output.timing));
+    const std::string late = LatenessWords(output.timing);
+    text += fmt::format("  also to    {}: {} datagrams{}{}\n",
+                        output.into.empty() ? output.target : QuotedLine(output.into),
+                        FormatCount(output.datagrams), late.empty() ? "" : ", ", late);
   }
   text += fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
   text += plan.by_schedule ? fmt::format("  seed       {}\n", plan.schedule.Seed) : "";

@@ -18,6 +18,7 @@ namespace ipplay {
 // One of the targets beyond the first.
 struct OutputStatus {
   std::string target;
+  std::string into;  // the file that takes its frames, else empty
   std::uint64_t datagrams = 0;
   std::optional<IpPlayoutTiming> timing;
   std::optional<std::string> failure;

@@ -17,8 +17,6 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 
 from frames import Playout, psi_packet, ts_packet, write_pcap  # noqa: E402
 from playbed import HERE, IPPLAY, SAMPLE, PlayCase, make_varying_stream, install  # noqa: E402
-from fec import play as play_with_fec  # noqa: E402
-from playouts import Playouts  # noqa: E402
 
 ROOT = os.path.join(HERE, "..", "..")
 NOBODY = "65534"
@@ -126,6 +124,9 @@ class Measured(unittest.TestCase):
         path = os.path.join(folder, "frames.pcap")
         write_pcap(path, frames)
         os.truncate(path, os.path.getsize(path) - cut)
+        return self.measure_file(path, *options)
+
+    def measure_file(self, path, *options):
         output = subprocess.run([IPPLAY, "measure", path, "--json", *options], stdout=subprocess.PIPE, check=False).stdout
         return json.loads(output)
 
@@ -174,12 +175,13 @@ class Measured(unittest.TestCase):
                 expected.write(b"".join(tagged.payloads())[:-100] + bytes(100))
             plain = Playout(rtp=False, datagrams=200)
             services = [(number * 1_000_000, plain.frame(number, 0, service_packets(number))) for number in range(200) if number != 100]
-            playouts = Playouts(os.environ["IPPLAYOUT_LIBRARY"])
-            protected = [(d.time, d.frame) for d in play_with_fec(playouts, 5, 4, 60, FecProtectsRows=1)]
+            protected = os.path.join(folder, "protected.pcapng")
+            subprocess.run([IPPLAY, "play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--into", protected, "--fec", "5x4"],
+                           check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             twins = [(time, plain.frame(number, path, frame[42:]))
                      for number, (time, frame) in enumerate(Playout(datagrams=200).capture()) for path in (0, 1)]
             documents = [self.measure(folder, twins, "--max-loss", "0"),
-                         self.measure(folder, protected, "--max-unrepaired", "0"),
+                         self.measure_file(protected, "--max-unrepaired", "0"),
                          self.measure(folder, tagged.capture(), "--expect", file, "--expect-rate", "10M"),
                          self.measure(folder, services, "--max-loss", "0", cut=1)]
         self.assertEqual([document["schema"] for document in documents], [1, 1, 1, 1])
@@ -212,7 +214,7 @@ class Json(PlayCase):
         for command, runs in (("ipplay lineup --json", [("lineup", lineup, "--json", "--part", "1/1", "--results", results)]),
                               ("ipplay gather --json", [("gather", results, "--json")]),
                               ("ipplay devices --json", [("devices", "--json")]),
-                              ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng")),
+                              ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng"), "--to", "rtp://127.0.0.1:5000"),
                                                       ("play", SAMPLE, *target, *faults),
                                                       ("play", varying, *target), ("play", "-", *target),
                                                       ("play", SAMPLE, *target, "--twin", "rtp://239.1.1.2:5004")])):

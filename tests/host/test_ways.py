@@ -121,8 +121,11 @@ class Several(PlayCase):
         self.assertEqual(receiver.communicate()[0], b"".join(sent))
         self.assertEqual([frame[42:] for _, frame in frames_of(path)], sent)
         outputs = json.loads(played.output.splitlines()[-1])["outputs"]
-        self.assertEqual([(output["target"], output["datagrams"]) for output in outputs],
-                         [("rtp://127.0.0.1:5000", 203), ("rtp://239.1.1.1:5004", 203)])
+        self.assertEqual([(output["target"], output["datagrams"], output.get("into"), "late" in output) for output in outputs],
+                         [("rtp://127.0.0.1:5000", 203, None, True), ("rtp://239.1.1.1:5004", 203, path, False)])
+        text = self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--to", "rtp://127.0.0.1:5000", "--to", path, *FAST).output
+        self.assertRegex(text, r"also to    rtp://127\.0\.0\.1:5000: 203 datagrams, late by up to \d")
+        self.assertIn(f"also to    {path}: 203 datagrams\n", text)
 
     def test_one_that_cannot_be_is_refused(self):
         for option, message in ((("--to", "udp://10.99.0.1:5"), "--device is required"),
