@@ -6,8 +6,10 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "host/base/confinement.h"
@@ -85,8 +87,14 @@ int main(int argc, char** argv) {
   std::signal(SIGXFSZ, SIG_IGN);
   try {
     return Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return Tell(ipplay::ExitStatus::kFailed, "memory has run out");
+  } catch (const std::system_error& error) {  // of a thread, which alone throws it
+    return Tell(ipplay::ExitStatus::kFailed,
+                fmt::format("a thread cannot be started: {}; raise the limit of processes (ulimit "
+                            "-u) or of memory (-v)",
+                            error.what()));
   } catch (const std::exception& error) {
-    Tell(ipplay::ExitStatus::kFailed, error.what());
-    return static_cast<int>(ipplay::ExitStatus::kFailed);
+    return Tell(ipplay::ExitStatus::kFailed, error.what());
   }
 }

@@ -65,7 +65,8 @@ void IntroduceTwin(const PlayOptions& options, const TwinPath& twin) {
 std::optional<Failure> CheckFile(const CLI::App& app, const PlayOptions& options) {
   const CLI::App& command = *app.get_subcommand("play");
   const bool is_from_file = IsFromFile(app, command, "--into") || IsFromFile(app, command, "--to");
-  if (!options.into.empty() && is_from_file && std::filesystem::exists(options.into)) {
+  std::error_code ignored;
+  if (!options.into.empty() && is_from_file && std::filesystem::exists(options.into, ignored)) {
     return UsageFailure(fmt::format(
         "{} exists, and a configuration file replaces no other file; give it with --into",
         QuotedLine(options.into)));

@@ -21,14 +21,14 @@ class Rights(PlayCase):
         shutil.copy(SAMPLE, cls.path(cls, "stream.ts"))
         cls.program = install(cls.folder.name)
 
-    def start(self, *arguments, user=NOBODY, capabilities=None, environment=None):
+    def start(self, *arguments, user=NOBODY, capabilities=None, environment=None, limit=()):
         if capabilities:
             subprocess.run(["/usr/sbin/setcap", capabilities + "+ep", self.program], check=True)
         else:
             subprocess.run(["/usr/sbin/setcap", "-r", self.program], check=False, stderr=subprocess.DEVNULL)
         prefix = ["setpriv", "--reuid", user, "--regid", user, "--clear-groups",
                   "--inh-caps=-all"] if user else []
-        return subprocess.Popen([*prefix, self.program, *arguments], preexec_fn=self.bed.near.enter,
+        return subprocess.Popen([*prefix, *limit, self.program, *arguments], preexec_fn=self.bed.near.enter,
                                 text=True,
                                 env={**{name: value for name, value in os.environ.items()
                                         if not name.startswith("SUDO_")}, **(environment or {})}, cwd=self.folder.name,
@@ -49,6 +49,12 @@ class Rights(PlayCase):
             found.append((status["Name"], *(int(status[kind], 16) for kind in ("CapPrm", "CapEff", "CapAmb")),
                           os.sched_getscheduler(int(thread))))
         return found
+
+    def test_start_without_threads(self):
+        player = self.start("play", "stream.ts", *TARGET, capabilities="cap_net_raw", limit=("prlimit", "--nproc=1"))
+        self.assertEqual(player.communicate()[1], "ipplay: a thread cannot be started: Resource temporarily unavailable; "
+                                                  "raise the limit of processes (ulimit -u) or of memory (-v)\n")
+        self.assertEqual(player.returncode, FAILED)
 
     def test_nothing_is_left_while_it_plays(self):
         for user, capabilities, real_time in ((NOBODY, "cap_net_raw", False),
