@@ -40,6 +40,20 @@ double SpreadOf(std::string_view name) {
   return static_cast<double>(hash * 0x9E3779B97F4A7C15U >> 11) / 9007199254740992.0;
 }
 
+// As the library has it while no frame has left.
+IpPlayoutTiming NothingTimed() {
+  IpPlayoutTiming timing{};
+  for (std::int64_t IpPlayoutTiming::*time :
+       {&IpPlayoutTiming::LatenessP50Ns, &IpPlayoutTiming::LatenessP99Ns,
+        &IpPlayoutTiming::LatenessP999Ns, &IpPlayoutTiming::LatenessMaxNs,
+        &IpPlayoutTiming::FirstDepartureNs, &IpPlayoutTiming::LastDepartureNs,
+        &IpPlayoutTiming::LongestGapNs, &IpPlayoutTiming::StampP50Ns, &IpPlayoutTiming::StampP99Ns,
+        &IpPlayoutTiming::StampP999Ns, &IpPlayoutTiming::StampMaxNs}) {
+    timing.*time = -1;
+  }
+  return timing;
+}
+
 }  // namespace
 
 std::string_view NameOf(ChannelState state) {
@@ -349,10 +363,7 @@ ChannelStatus Channel::Status() const {
     status.last_error = last_error_;
     run = starting_ ? nullptr : run_;
   }
-  status.timing.LatenessP50Ns = status.timing.LatenessP99Ns = status.timing.LatenessP999Ns =
-      status.timing.LatenessMaxNs = status.timing.FirstDepartureNs = status.timing.LastDepartureNs =
-          status.timing.LongestGapNs = status.timing.StampP50Ns = status.timing.StampP99Ns =
-              status.timing.StampP999Ns = status.timing.StampMaxNs = -1;
+  status.timing = NothingTimed();
   if (!run) {
     return status;
   }

@@ -32,14 +32,11 @@ std::optional<std::string> WrongForm(const CLI::App& app, const ChannelOption& o
   }
   const CLI::Option& known = *app.get_option("--" + option.name);
   if (IsFlag(known)) {
-    const bool valid = option.values == std::vector<std::string>{"true"} ||
-                       option.values == std::vector<std::string>{"false"};
-    return valid ? std::nullopt
-                 : std::optional(fmt::format("--{}: give true or false", option.name));
+    return WrongFlag(option);
   }
   const bool repeats = option.name == "step" || option.name == "at";
-  if (option.values.empty() || (!repeats && option.values.size() > 1)) {
-    return fmt::format("--{}: {} values; give one", option.name, option.values.size());
+  if (auto wrong = WrongCount(option, repeats)) {
+    return wrong;
   }
   if (option.name == "at" && option.values.size() % 2 != 0) {
     return "--at: give a time and an action, as [\"10s\", \"lose\"]";
@@ -49,8 +46,7 @@ std::optional<std::string> WrongForm(const CLI::App& app, const ChannelOption& o
 
 std::vector<std::string> WordsFor(const CLI::App& app, const ChannelOption& option) {
   if (IsFlag(*app.get_option("--" + option.name))) {
-    return option.values.front() == "true" ? std::vector{"--" + option.name}
-                                           : std::vector<std::string>{};
+    return FlagWords(option);
   }
   if (option.name == "at") {
     std::vector<std::string> words;
@@ -59,11 +55,7 @@ std::vector<std::string> WordsFor(const CLI::App& app, const ChannelOption& opti
     }
     return words;
   }
-  std::vector<std::string> words;
-  for (const std::string& value : option.values) {
-    words.push_back(fmt::format("--{}={}", option.name, value));
-  }
-  return words;
+  return ValueWords(option);
 }
 
 // What is wrong with the options as the command line would report it; none if they can be parsed.
@@ -156,9 +148,7 @@ ParsedOptions ParseChannelOptions(const std::vector<ChannelOption>& options) {
   const bool orders_other =
       std::ranges::any_of(parsed.time_line, [](const auto& entry) { return entry.second.of_twin; });
   if (orders_other) {
-    return std::vector<std::string>{
-        "--at: a channel has no second path; leave twin- out"
-        "stop"};
+    return std::vector<std::string>{"--at: a channel has no second path; leave twin- out"};
   }
   return parsed;
 }

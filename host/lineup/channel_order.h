@@ -12,18 +12,10 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/lineup/channel_option.h"
 #include "host/play/play_options.h"
 
 namespace ipplay {
-
-// An option without its dashes: "to", "lose", "at". A flag has the value "true" or "false"; one
-// that may be repeated has a value for each time, one with two words ("at") has them side by side.
-struct ChannelOption {
-  std::string name;
-  std::vector<std::string> values;
-
-  bool operator==(const ChannelOption&) const = default;
-};
 
 enum class Restart {
   kNever,

@@ -19,7 +19,18 @@ namespace {
 
 using Notes = std::vector<std::string>;
 
-std::optional<Failure> CheckErrors(const PlayOptions& options) {
+std::optional<Failure> CheckLive(const PlayOptions& options, const StreamFacts& facts) {
+  if (facts.live && facts.rate && SpeedOf(options) != 1) {
+    return UsageFailure(fmt::format("{}: a live input is played as fast as it comes; leave it out",
+                                    options.speed != 1 ? "--speed" : "--ppm"));
+  }
+  if (facts.live && options.start_at) {
+    return UsageFailure("--start-at: a live input is played when it comes; leave it out");
+  }
+  return std::nullopt;
+}
+
+std::optional<Failure> CheckOptions(const PlayOptions& options, const StreamFacts& facts) {
   if (options.pcr_pid && options.raw) {
     return UsageFailure("--pcr-pid and --raw exclude each other: raw input has no PCRs; give one");
   }
@@ -41,18 +52,10 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
     return UsageFailure(
         "--as-188 and --raw exclude each other: raw input has no packets; give one");
   }
-  return CheckFaults(options);
-}
-
-std::optional<Failure> CheckSpeed(const PlayOptions& options, const StreamFacts& facts) {
-  if (facts.live && facts.rate && SpeedOf(options) != 1) {
-    return UsageFailure(fmt::format("{}: a live input is played as fast as it comes; leave it out",
-                                    options.speed != 1 ? "--speed" : "--ppm"));
+  if (auto failure = CheckFaults(options)) {
+    return failure;
   }
-  if (facts.live && options.start_at) {
-    return UsageFailure("--start-at: a live input is played when it comes; leave it out");
-  }
-  return std::nullopt;
+  return CheckLive(options, facts);
 }
 
 void NoteRtpClock(const PlayPlan& plan, Notes& notes) {
@@ -278,10 +281,7 @@ std::string DamageText(const Damage& damage) {
 }
 
 Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, const Path& path) {
-  if (auto failure = CheckErrors(options)) {
-    return *std::move(failure);
-  }
-  if (auto failure = CheckSpeed(options, facts)) {
+  if (auto failure = CheckOptions(options, facts)) {
     return *std::move(failure);
   }
   const auto headers = PlanHeaders(options, path);

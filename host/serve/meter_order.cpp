@@ -50,23 +50,11 @@ std::variant<std::vector<std::string>, std::string> WordsOf(const ChannelOption&
         "one of `ipplay measure --help` that needs no file",
         option.name);
   }
-  const bool is_flag = option.values == std::vector<std::string>{"true"} ||
-                       option.values == std::vector<std::string>{"false"};
-  if (known->form == Form::kFlag) {
-    if (!is_flag) {
-      return fmt::format("--{}: give true or false", option.name);
-    }
-    return option.values.front() == "true" ? std::vector{"--" + option.name}
-                                           : std::vector<std::string>{};
+  const bool is_flag = known->form == Form::kFlag;
+  if (auto wrong = is_flag ? WrongFlag(option) : WrongCount(option, known->form == Form::kList)) {
+    return *std::move(wrong);
   }
-  if (option.values.empty() || (known->form == Form::kValue && option.values.size() > 1)) {
-    return fmt::format("--{}: {} values; give one", option.name, option.values.size());
-  }
-  std::vector<std::string> words;
-  for (const std::string& value : option.values) {
-    words.push_back(fmt::format("--{}={}", option.name, value));
-  }
-  return words;
+  return is_flag ? FlagWords(option) : ValueWords(option);
 }
 
 bool IsAdapter(const std::string& source) {

@@ -210,6 +210,19 @@ Detection ReadHead(Input& input, std::vector<std::uint8_t>& head) {
   return detection;
 }
 
+std::optional<Failure> CheckProgram(const Input& input, const ExamineOptions& options,
+                                    const PacketWalker& walker) {
+  const auto programs = walker.Programs();
+  const bool may_come = !input.Size() && programs.empty();  // a pipe whose PAT was not seen yet
+  if (!options.program || programs.contains(*options.program) || may_come) {
+    return std::nullopt;
+  }
+  return UsageFailure(programs.empty()
+                          ? fmt::format("--program: {} has no PAT; leave it out", input.Name())
+                          : fmt::format("--program: {} has no programme {}; give one of {}",
+                                        input.Name(), *options.program, fmt::join(programs, ", ")));
+}
+
 StreamFacts RawFacts(Input& input, std::vector<std::uint8_t> head) {
   StreamFacts facts;
   facts.bytes = facts.end = input.Size();
@@ -278,13 +291,8 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
     return *failure;
   }
   facts.program = options.program;
-  if (const auto programs = walker.Programs(); options.program &&
-                                               !programs.contains(*options.program) &&
-                                               (input.Size() || !programs.empty())) {
-    return UsageFailure(
-        programs.empty() ? fmt::format("--program: {} has no PAT; leave it out", input.Name())
-                         : fmt::format("--program: {} has no programme {}; give one of {}",
-                                       input.Name(), *options.program, fmt::join(programs, ", ")));
+  if (auto failure = CheckProgram(input, options, walker)) {
+    return *std::move(failure);
   }
   facts.rate = walker.meter().Rate(options.pcr_pid);
   facts.null_share = walker.NullShare();
