@@ -120,6 +120,7 @@ class PlayCase(unittest.TestCase):
         cls.addClassCleanup(cls.folder.cleanup)
 
     def setUp(self):
+        self.bed.players.clear()  # what all tests of a class share goes on
         self.addCleanup(self.bed.end_players)
 
     def path(self, name):
