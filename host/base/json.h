@@ -10,6 +10,9 @@ namespace ipplay {
 
 using Json = nlohmann::ordered_json;
 
+// Of every document: grows when a field of any is renamed or removed; see docs/json.md.
+inline constexpr int kJsonSchema = 1;
+
 template <typename T>
 Json OrNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json();

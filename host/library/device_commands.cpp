@@ -17,8 +17,6 @@
 namespace ipplay {
 namespace {
 
-constexpr int kJsonSchema = 1;  // grows when a field is renamed or removed; see docs/json.md
-
 std::string JoinAddresses(const Adapter& adapter) {
   std::vector<std::string> texts;
   for (const auto* list : {&adapter.ipv4, &adapter.ipv6}) {

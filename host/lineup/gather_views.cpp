@@ -162,7 +162,7 @@ void WriteChannels(Out out, const Gathered& gathered) {
 }  // namespace
 
 std::string GatheredJson(const Gathered& gathered, std::span<const std::string> wrong) {
-  Json json{{"schema", kLineupSchema},
+  Json json{{"schema", kJsonSchema},
             {"outcome", wrong.empty() ? "ended" : "failed"},
             {"wrong", wrong},
             {"missing_parts", gathered.missing_parts},

@@ -83,7 +83,7 @@ Json JsonOf(const ChannelStatus& status) {
 
 std::string LineupJson(const LineupFacts& facts, std::string_view outcome,
                        std::span<const ChannelStatus> channels) {
-  Json json{{"schema", kLineupSchema},
+  Json json{{"schema", kJsonSchema},
             {"lineup", facts.file},
             {"outcome", outcome},
             {"machine", facts.machine},

@@ -73,7 +73,7 @@ Result<PartResult> ReadPartResult(const std::string& folder, const std::string& 
   std::ifstream input(folder + "/" + file);
   const Json document = Json::parse(input, nullptr, false);
   const Failure unusable{ExitStatus::kFailed, fmt::format("{}: no result of a lineup", file)};
-  if (!document.is_object() || NumberAt(document, "/schema") != kLineupSchema ||
+  if (!document.is_object() || NumberAt(document, "/schema") != kJsonSchema ||
       !document.contains("channels") || !document["channels"].is_array() ||
       !document.contains("part")) {
     return unusable;

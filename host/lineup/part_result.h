@@ -14,8 +14,6 @@
 
 namespace ipplay {
 
-inline constexpr int kLineupSchema = 1;  // grows when a field is renamed or removed; docs/json.md
-
 // A run of a part that did not come to its end: its machine failed, or it was killed.
 struct BrokenRun {
   std::string machine;

@@ -20,7 +20,6 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr int kJsonSchema = 1;  // grows when a field is renamed or removed; see docs/json.md
 
 nanoseconds JitterOf(const PlayoutStatistics& counters) {
   return nanoseconds(static_cast<std::int64_t>(counters.Jitter * 1e9));

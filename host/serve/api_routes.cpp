@@ -29,7 +29,7 @@ HttpResponse FileResponse(const HttpRequest& request, const PageFile* file) {
 }
 
 HttpResponse ServerJson(const Parts& parts) {
-  return JsonResponse({{"schema", 1},
+  return JsonResponse({{"schema", kJsonSchema},
                        {"version", IPPLAYOUT_VERSION},
                        {"machine", NameOfMachine()},
                        {"started_ns", parts.started_ns},
@@ -43,7 +43,7 @@ Json EntryJson(const MediaEntry& entry) {
 
 HttpResponse MediaJson(const MediaStore& media) {
   const auto listing = media.List();
-  Json json{{"schema", 1}, {"media", Json::array()}, {"left_out", listing.left_out}};
+  Json json{{"schema", kJsonSchema}, {"media", Json::array()}, {"left_out", listing.left_out}};
   for (const MediaEntry& entry : listing.entries) {
     json["media"].push_back(EntryJson(entry));
   }

@@ -48,7 +48,7 @@ Json LineupStore::Brief(const std::string& name, const Channels& channels) {
 }
 
 Json LineupStore::Whole(const std::string& name, const Channels& channels) const {
-  Json json{{"schema", 1}};
+  Json json{{"schema", kJsonSchema}};
   json.update(Brief(name, channels));
   json["playouts"] = Json::array();
   for (const auto& channel : channels) {
@@ -65,7 +65,7 @@ HttpResponse LineupStore::List() const {
       names.push_back(name);
     }
   }
-  Json json{{"schema", 1}, {"lineups", Json::array()}};
+  Json json{{"schema", kJsonSchema}, {"lineups", Json::array()}};
   for (const std::string& name : names) {
     if (const auto channels = ChannelsOf(name)) {
       json["lineups"].push_back(Brief(name, *channels));

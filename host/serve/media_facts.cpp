@@ -124,7 +124,7 @@ Result<Json> MediaFacts(const MediaFile& file) {
     const Failure& failure = facts.Error();
     return UsageFailure(WithName(failure.message, opened, file.entry.path));
   }
-  Json json{{"schema", 1},
+  Json json{{"schema", kJsonSchema},
             {"path", file.entry.path},
             {"size_bytes", file.entry.bytes},
             {"modified_ns", file.entry.modified_ns},

@@ -52,7 +52,7 @@ Json JsonOf(const Meter& meter) {
 }
 
 HttpResponse WholeResponse(const Meter& meter, HttpStatus status = HttpStatus::kOk) {
-  Json json{{"schema", 1}};
+  Json json{{"schema", kJsonSchema}};
   json.update(JsonOf(meter));
   const auto summary = meter.Read().summary;
   json["result"] = summary ? Json::parse(measure::JsonText(*summary, {})) : Json();
@@ -117,7 +117,7 @@ std::vector<std::shared_ptr<const Meter>> MeterStore::All() const {
 }
 
 HttpResponse MeterStore::List() const {
-  Json json{{"schema", 1}, {"meters", Json::array()}};
+  Json json{{"schema", kJsonSchema}, {"meters", Json::array()}};
   for (const auto& meter : All()) {
     json["meters"].push_back(JsonOf(*meter));
   }

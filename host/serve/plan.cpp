@@ -38,7 +38,7 @@ Json StreamJson(const StreamFacts& facts) {
   return json;
 }
 
-std::string BytesText(const FrameField& field) {
+std::string HexText(const FrameField& field) {
   return field.open
              ? fmt::format("{}", fmt::join(std::vector<std::string>(field.bytes.size(), "--"), " "))
              : fmt::format("{:02x}", fmt::join(field.bytes, " "));
@@ -57,7 +57,7 @@ Json LayersJson(const std::vector<FrameField>& fields) {
       layers.push_back({{"name", layer}, {"fields", Json::array()}});
     }
     layers.back()["fields"].push_back({{"offset", field.offset},
-                                       {"bytes", BytesText(field)},
+                                       {"hex", HexText(field)},
                                        {"field", field.name},
                                        {"value", field.value},
                                        {"open", field.open}});
@@ -100,7 +100,7 @@ Json PlanJson(const Order& order, const PlayOptions& options, Prepared& prepared
   const PlayPlan& plan = prepared.plan;
   const auto payload = FirstPayload(plan, facts, prepared.input);
   const bool known = path.destination.has_value() || options.dst_mac.has_value();
-  Json json{{"schema", 1},
+  Json json{{"schema", kJsonSchema},
             {"command", order.command},
             {"input", order.input},
             {"target", FormatTarget(options.to)},

@@ -112,7 +112,7 @@ HttpResponse PlayoutStore::Answer(const Channel& channel,
   if (failure) {
     return Refused(EntryOf(channel.Order().name).get(), *failure);
   }
-  Json json{{"schema", 1}};
+  Json json{{"schema", kJsonSchema}};
   json.update(JsonOf(channel));
   return JsonResponse(json);
 }
@@ -134,7 +134,7 @@ HttpResponse PlayoutStore::Plan(const HttpRequest& request) {
 }
 
 HttpResponse PlayoutStore::List() const {
-  Json json{{"schema", 1}, {"playouts", Json::array()}};
+  Json json{{"schema", kJsonSchema}, {"playouts", Json::array()}};
   for (const auto& channel : engine_.List()) {
     json["playouts"].push_back(JsonOf(*channel));
   }
@@ -212,7 +212,7 @@ HttpResponse PlayoutStore::Create(const HttpRequest& request) {
   if (start) {
     added.channel->Start();  // its state says how that went
   }
-  Json json{{"schema", 1}};
+  Json json{{"schema", kJsonSchema}};
   json.update(JsonOf(*added.channel));
   auto response = JsonResponse(json, HttpStatus::kCreated);
   response.headers.emplace_back("Location", AddressOf("playouts", order.name));

@@ -214,7 +214,8 @@ class Json(PlayCase):
         for command, runs in (("ipplay lineup --json", [("lineup", lineup, "--json", "--part", "1/1", "--results", results)]),
                               ("ipplay gather --json", [("gather", results, "--json")]),
                               ("ipplay devices --json", [("devices", "--json")]),
-                              ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng"), "--to", "rtp://127.0.0.1:5000"),
+                              ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng"),
+                                                       "--to", "rtp://127.0.0.1:5000"),
                                                       ("play", SAMPLE, *target, *faults),
                                                       ("play", varying, *target), ("play", "-", *target),
                                                       ("play", SAMPLE, *target, "--twin", "rtp://239.1.1.2:5004")])):

@@ -44,6 +44,7 @@ class Quoted(PlayCase):
 
 class Written(FileCase):
     def setUp(self):
+        super().setUp()
         self.shared = self.path("shared")
         os.mkdir(self.shared)
         os.chmod(self.shared, 0o1777)

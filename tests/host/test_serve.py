@@ -223,7 +223,7 @@ class OverTheWire(ServeCase):
                               stdout=subprocess.PIPE, preexec_fn=self.bed.near.enter).stdout
         self.assertEqual(plan["text"].split("\n")[2:], text.split("\n")[2:])
         self.assertEqual([layer["name"] for layer in plan["layers"]], ["Ethernet", "IPv4", "UDP", "RTP"])
-        fields = {field["field"]: field["bytes"] for layer in plan["layers"] for field in layer["fields"]}
+        fields = {field["field"]: field["hex"] for layer in plan["layers"] for field in layer["fields"]}
         self.assertEqual((fields["Ethernet destination"], fields["IPv4 TTL"], fields["RTP SSRC"]),
                          ("01 00 5e 01 01 01", "07", "00 00 00 09"))
 

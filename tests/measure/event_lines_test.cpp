@@ -47,6 +47,7 @@ TEST(EventLines, BoundsEachKindInASecondAndCountsWhatItLeavesOut) {
   EXPECT_EQ(out.lines[0], (json{{"time", "2026-01-01T00:00:00.000000005Z"},
                                 {"time_ns", k2026 + 5},
                                 {"event", "start"},
+                                {"schema", 1},
                                 {"version", "1.2"},
                                 {"options", {{{"name", "--json"}, {"value", "true"}}}}}));
   EXPECT_EQ(out.lines[20]["event"], "checksum");

@@ -35,6 +35,7 @@ void PutStream(Json& json, std::uint32_t number, const StreamId& id) {
 
 void EventLines::Start(const RunInfo& run) {
   Json json = At(run.started_ns, "start");
+  json["schema"] = kJsonSchema;
   json["version"] = run.version;
   json["options"] = Json::array();
   for (const auto& [name, value] : run.options) {

@@ -10,10 +10,6 @@
 namespace ipplay::measure {
 namespace {
 
-// Keeps the order in which names are written here.
-// Grows when a field is renamed or removed.
-constexpr int kSchema = 1;
-
 Json ToJson(const Distribution& d) {
   return {{"count", d.count}, {"min", d.min}, {"mean", d.mean},  {"p50", d.p50},
           {"p90", d.p90},     {"p99", d.p99}, {"p99.9", d.p999}, {"max", d.max}};
@@ -413,7 +409,7 @@ std::string Indented(std::string_view text, std::string_view margin) {
 
 void WriteJson(const Summary& summary, std::span<const Verdict> verdicts,
                const std::function<void(std::string_view)>& write) {
-  Json json{{"schema", kSchema},
+  Json json{{"schema", kJsonSchema},
             {"run", ToJson(summary.run)},
             {"capture", ToJson(summary.capture)},
             {"total", ToJson(summary.total)}};

@@ -12,7 +12,7 @@ function bytesOf(layers) {
   const bytes = [];
   layers.forEach((layer, number) => {
     layer.fields.forEach((field) => {
-      field.bytes.split(" ").forEach((text, i) => {
+      field.hex.split(" ").forEach((text, i) => {
         const at = field.offset + i;
         bytes[at] ??= {text, layer: number, fields: []};
         bytes[at].fields.push(field);
@@ -49,7 +49,7 @@ export class Frame {
     const body = layers.flatMap((layer, number) => layer.fields.map((field) => {
       const row = make("tr", {onmouseenter: () => light([field], true), onmouseleave: () => light([field], false)},
         make("th", {scope: "row", class: layerClass(number)}, make("i"), field.field), make("td", {}, String(field.offset)),
-        make("td", {class: "bytes"}, field.bytes), make("td", {}, field.value));
+        make("td", {class: "bytes"}, field.hex), make("td", {}, field.value));
       rows.set(field, row);
       return row;
     }));

@@ -190,7 +190,7 @@ class PlannedSetting:
 class HeaderField:
     """Bytes of the first frame, as hex; ``open``: the start decides them."""
     offset: int
-    bytes: str
+    hex: str
     field: str
     value: str
     open: bool
