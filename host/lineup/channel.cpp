@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <array>
 #include <cmath>
 #include <cstring>
 #include <utility>
@@ -18,18 +17,6 @@
 
 namespace ipplay {
 namespace {
-
-struct FaultRow {
-  ChannelFault fault;
-  std::uint32_t what;
-  std::string_view name;
-};
-constexpr std::array<FaultRow, 4> kFaults{{
-    {ChannelFault::kLose, IPPLAYOUT_DID_LOSE, "lose"},
-    {ChannelFault::kDelay, IPPLAYOUT_DID_DELAY, "delay"},
-    {ChannelFault::kBadIpChecksum, IPPLAYOUT_DID_IP_CHECKSUM, "bad-ip-checksum"},
-    {ChannelFault::kBadUdpChecksum, IPPLAYOUT_DID_UDP_CHECKSUM, "bad-udp-checksum"},
-}};
 
 constexpr double kMostPpm = 1e5;
 
@@ -74,15 +61,6 @@ std::string_view NameOf(ChannelState state) {
       return "failed";
   }
   return "";
-}
-
-std::optional<ChannelFault> ParseChannelFault(std::string_view text) {
-  for (const FaultRow& row : kFaults) {
-    if (row.name == text) {
-      return row.fault;
-    }
-  }
-  return std::nullopt;
 }
 
 Channel::Channel(ChannelOrder order, PlayOptions options, Keeper& keeper, OnChannelEvent on_event)
@@ -194,7 +172,7 @@ void Channel::Obey(ChannelRun& run, const Action& action) {
     keeper_.At(Time(0), [self = shared_from_this()] { self->Stop(); });
   }
   if (IsFault(action.kind) && !run.Playout().Order(OrderOf(action, Time(0), 0))) {
-    TellOrdered(NameOf(action.kind), action.count);
+    TellOrdered(action);
   }
 }
 
@@ -322,31 +300,28 @@ std::optional<Failure> Channel::Change(const ChannelChange& change) {
   return std::nullopt;
 }
 
-std::optional<Failure> Channel::Damage(ChannelFault fault, std::uint32_t datagrams) {
+std::optional<Failure> Channel::Damage(const Action& fault) {
   const auto run = Playing();
   if (!run) {
     return run.Error();
   }
-  for (const FaultRow& row : kFaults) {
-    if (row.fault != fault) {
-      continue;
-    }
-    if (const auto failure = (*run)->Playout().Damage(row.what, datagrams)) {
-      return Named(*failure);
-    }
-    TellOrdered(row.name, datagrams);
+  if (const auto failure = (*run)->Playout().Order(OrderOf(fault, Time(0), 0))) {
+    return Named(*failure);
   }
+  TellOrdered(fault);
   return std::nullopt;
 }
 
-void Channel::TellOrdered(std::string_view what, std::uint32_t datagrams) {
+void Channel::TellOrdered(const Action& fault) {
+  const bool has_length = fault.kind == ActionKind::kBreak;
   ChannelState state{};
   {
     const std::lock_guard lock(mutex_);
-    damage_orders_ += datagrams;
+    damage_orders_ += has_length ? 0 : fault.count;
     state = state_;
   }
-  Tell(state, fmt::format("{} {}", what, datagrams));
+  Tell(state, has_length ? fmt::format("{} {}", NameOf(fault.kind), FormatDuration(fault.length))
+                         : fmt::format("{} {}", NameOf(fault.kind), fault.count));
 }
 
 ChannelStatus Channel::Status() const {
@@ -384,6 +359,7 @@ ChannelStatus Channel::Status() const {
   status.rate_bps = run->BitRate();
   status.mean_rate_bps = run->MeanBitRate();
   status.counters = run->Playout().Statistics();
+  status.faults = run->Playout().Faults();
   status.timing = run->Playout().Timing();
   return status;
 }

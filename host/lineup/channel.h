@@ -43,11 +43,6 @@ struct ChannelChange {
   std::optional<double> ppm;       // in place of that of the order
 };
 
-// A deliberate error that can be ordered while a channel plays.
-enum class ChannelFault { kLose, kDelay, kBadIpChecksum, kBadUdpChecksum };
-// "lose", "delay", "bad-ip-checksum", "bad-udp-checksum".
-std::optional<ChannelFault> ParseChannelFault(std::string_view text);
-
 struct ChannelStatus {
   std::string name, input, target;
   std::string device;  // empty until it was looked for
@@ -63,6 +58,7 @@ struct ChannelStatus {
   bool follows_pcrs = false;
   std::uint64_t damage_orders = 0;  // datagrams ordered to be damaged while it played
   PlayoutStatistics counters{};     // LostPackets and the like are what was done
+  IpPlayoutFaultCounts faults{};    // the other kinds
   IpPlayoutTiming timing{};         // times are -1 until a frame has left
   std::string last_error;           // of any run; empty for none
   std::vector<std::string> notes;   // of the plan
@@ -103,8 +99,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   std::optional<Failure> Stop();
   // Shows after what was written ahead, within about half a second.
   std::optional<Failure> Change(const ChannelChange& change);
-  // Each of the next `datagrams`, besides those of other orders.
-  std::optional<Failure> Damage(ChannelFault fault, std::uint32_t datagrams);
+  // From the next datagram on that no other order has taken.
+  std::optional<Failure> Damage(const Action& fault);
 
   ChannelStatus Status() const;
   // Of this or the last run: for each bound how many frames left at most so late; zeros before.
@@ -119,7 +115,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   // On the feeding thread. False once the run is over.
   bool Serve(const std::shared_ptr<ChannelRun>& run);
   void Obey(ChannelRun& run, const Action& action);
-  void TellOrdered(std::string_view what, std::uint32_t datagrams);
+  void TellOrdered(const Action& fault);
   void RunHasEnded(const std::shared_ptr<ChannelRun>& run);
   // Once it has ended by itself, or could not start.
   void Conclude(ChannelState state, const std::string& text);

@@ -23,6 +23,7 @@ Json TimeOrNull(std::int64_t ns) {
 Json DeparturesOf(const IpPlayoutTiming& timing) {
   return {{"on_time", timing.OnTime},
           {"late", timing.Late},
+          {"left_out", timing.LeftOut},
           {"not_sent", timing.NotSent},
           {"discarded", timing.Discarded},
           {"lateness_ns",
@@ -31,6 +32,7 @@ Json DeparturesOf(const IpPlayoutTiming& timing) {
             {"p99_9", TimeOrNull(timing.LatenessP999Ns)},
             {"max", TimeOrNull(timing.LatenessMaxNs)}}},
           {"longest_gap_ns", TimeOrNull(timing.LongestGapNs)},
+          {"shift_ns", timing.ShiftNs},
           {"dry_times", timing.DryTimes},
           {"dry_ns", timing.DryNs}};
 }
@@ -43,9 +45,10 @@ std::string Lateness(std::int64_t ns) {
   return ns < 0 ? "-" : FormatDuration(std::chrono::nanoseconds(ns));
 }
 
-std::uint64_t DamageDone(const PlayoutStatistics& counters) {
-  return counters.LostPackets + counters.SequenceErrors + counters.IPChecksumErrors +
-         counters.UDPChecksumErrors;
+std::uint64_t DamageDone(const ChannelStatus& status) {
+  const PlayoutStatistics& counters = status.counters;
+  return status.faults.Duplicated + status.faults.Corrupted + counters.LostPackets +
+         counters.SequenceErrors + counters.IPChecksumErrors + counters.UDPChecksumErrors;
 }
 
 }  // namespace
@@ -73,6 +76,8 @@ Json JsonOf(const ChannelStatus& status) {
           {"ordered",
            {{"lost", counters.LostPackets},
             {"delayed", counters.SequenceErrors},
+            {"duplicates", status.faults.Duplicated},
+            {"corrupted", status.faults.Corrupted},
             {"ipv4_header_bad", counters.IPChecksumErrors},
             {"udp_bad", counters.UDPChecksumErrors},
             {"on_request", status.damage_orders}}},
@@ -129,7 +134,7 @@ std::string LineupTable(std::span<const ChannelStatus> channels, std::size_t row
                    QuotedLine(status.name), NameOf(status.state), Rate(status.set_rate_bps),
                    Rate(status.rate_bps ? status.rate_bps : status.mean_rate_bps),
                    Lateness(status.timing.LatenessP99Ns), Lateness(status.timing.LatenessMaxNs),
-                   status.timing.Late, status.timing.NotSent, DamageDone(status.counters),
+                   status.timing.Late, status.timing.NotSent, DamageDone(status),
                    status.last_error.empty() ? status.target : QuotedLine(status.last_error));
   }
   text += fmt::format("{} channels:", FormatCount(channels.size()));

@@ -64,4 +64,9 @@ std::string_view NameOf(ActionKind kind) {
   return WordsOf(kind).name;
 }
 
+std::optional<ActionKind> ParseFault(std::string_view name) {
+  const auto row = std::ranges::find(kWords, name, &ActionWords::name);
+  return row != kWords.end() && row->what != 0 ? std::optional(row->kind) : std::nullopt;
+}
+
 }  // namespace ipplay

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,5 +24,8 @@ std::string DoneText(const IpPlayoutDone& done, ActionKind kind);
 
 // As in --at: "lose".
 std::string_view NameOf(ActionKind kind);
+std::optional<ActionKind> ParseFault(std::string_view name);
+inline constexpr std::string_view kFaultNames =
+    "lose, delay, duplicate, corrupt, bad-ip-checksum, bad-udp-checksum or break";
 
 }  // namespace ipplay

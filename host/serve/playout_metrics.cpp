@@ -76,6 +76,8 @@ void AddFaults(const std::vector<ChannelStatus>& playouts, Families& families) {
     const std::pair<const char*, std::uint64_t> kinds[] = {
         {"lost", counters.LostPackets},
         {"delayed", counters.SequenceErrors},
+        {"duplicates", status.faults.Duplicated},
+        {"corrupted", status.faults.Corrupted},
         {"ipv4_header_bad", counters.IPChecksumErrors},
         {"udp_bad", counters.UDPChecksumErrors}};
     for (const auto& [kind, count] : kinds) {

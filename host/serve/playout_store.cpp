@@ -8,6 +8,7 @@
 
 #include "host/base/wall_clock.h"
 #include "host/lineup/lineup_report.h"
+#include "host/play/orders.h"
 #include "host/serve/media_facts.h"
 #include "host/serve/plan.h"
 #include "host/serve/request_fields.h"
@@ -16,6 +17,7 @@ namespace ipplay::serve {
 namespace {
 
 constexpr std::int64_t kMostDamaged = 1'000'000;
+constexpr std::int64_t kLongestBreakNs = 3'600'000'000'000;
 
 std::string_view NameOf(Restart restart) {
   switch (restart) {
@@ -289,22 +291,41 @@ HttpResponse PlayoutStore::Change(const std::string& name, const HttpRequest& re
 }
 
 HttpResponse PlayoutStore::Damage(const std::string& name, const HttpRequest& request) {
-  RequestFields fields(request.body, {"kind", "count"});
-  const auto kind = fields.Text("kind");
+  RequestFields fields(request.body, {"kind", "count", "amount", "length_ns"});
+  const auto name_of_kind = fields.Text("kind");
+  if (!fields.Require("kind", name_of_kind)) {
+    return *fields.Error();
+  }
+  const auto kind = ParseFault(*name_of_kind);
+  if (!kind) {
+    fields.Blame("kind",
+                 fmt::format("kind: \"{}\" is not valid; give {}", *name_of_kind, kFaultNames));
+    return *fields.Error();
+  }
   const auto count = fields.Whole("count", 1, kMostDamaged);
-  const auto fault = kind ? ParseChannelFault(*kind) : std::nullopt;
-  if (fields.Require("kind", kind) && !fault) {
-    fields.Blame("kind", fmt::format("kind: \"{}\" is not valid; give lose, delay, bad-ip-checksum "
-                                     "or bad-udp-checksum",
-                                     *kind));
+  const auto amount = fields.Whole("amount", 1, kMostDamaged);
+  const auto length = fields.Whole("length_ns", 1, kLongestBreakNs);
+  const bool is_break = *kind == ActionKind::kBreak;
+  const bool has_amount = *kind == ActionKind::kDelay || *kind == ActionKind::kCorrupt;
+  if (is_break) {
+    fields.Require("length_ns", length);
+  }
+  for (const auto& [field, is_wrong] : {std::pair{"count", count && is_break},
+                                        {"amount", amount && !has_amount},
+                                        {"length_ns", length && !is_break}}) {
+    if (is_wrong) {
+      fields.Blame(field, fmt::format("{}: {} has none; leave it out", field, *name_of_kind));
+    }
   }
   if (fields.Error()) {
     return *fields.Error();
   }
+  const Action fault{.kind = *kind,
+                     .length = std::chrono::nanoseconds(length.value_or(0)),
+                     .count = static_cast<std::uint32_t>(count.value_or(1)),
+                     .amount = static_cast<std::uint32_t>(amount.value_or(1))};
   const auto channel = engine_.Find(name);
-  return channel ? Answer(*channel,
-                          channel->Damage(*fault, static_cast<std::uint32_t>(count.value_or(1))))
-                 : NoSuch("playout", name);
+  return channel ? Answer(*channel, channel->Damage(fault)) : NoSuch("playout", name);
 }
 
 }  // namespace ipplay::serve

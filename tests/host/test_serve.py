@@ -125,6 +125,8 @@ class Contract(ServeCase):
                 ("post", one + "/change", 400, {"bitrate": "x"}, {"name": "a/b c"}),
                 ("post", one + "/faults", 200, {"kind": "delay", "count": 1}, {"name": "a/b c"}),
                 ("post", one + "/faults", 400, {"kind": "drop"}, {"name": "a/b c"}),
+                ("post", one + "/faults", 400, {"kind": "break"}, {"name": "a/b c"}),
+                ("post", one + "/faults", 400, {"kind": "break", "length_ns": 5, "count": 2}, {"name": "a/b c"}),
                 ("post", one + "/stop", 200, None, {"name": "a/b c"}), ("delete", one, 204, None, {"name": "a/b c"}),
                 ("post", f"{API}/meters", 201, {"name": "m", "options": {"source": self.bed.NEAR, "no-ts": True}}, {}),
                 ("post", f"{API}/meters", 409, {"name": "m", "options": {"source": self.bed.NEAR}}, {}),
@@ -188,22 +190,28 @@ class OverTheWire(ServeCase):
             path = f"{API}/playouts/{one['name']}"
             for _ in range(3):
                 self.server.post(path + "/faults", {"kind": "lose"})
-            self.server.post(path + "/faults", {"kind": "bad-udp-checksum", "count": 2})
+            for order in ({"kind": "duplicate", "count": 2}, {"kind": "corrupt", "count": 4, "amount": 3},
+                          {"kind": "break", "length_ns": 100_000_000}, {"kind": "bad-udp-checksum", "count": 2}):
+                self.server.post(path + "/faults", order)
             seen = read_events(stream, lambda event: event["event"] == "figures" and event["playouts"]
                                and event["playouts"][0]["ordered"]["udp_bad"] == 2)
         # What waits in the playout leaves before a stop reaches the meter.
         with self.server.stream(f"{API}/events") as stream:
             read_events(stream, lambda event: event["event"] == "seconds")
         done = self.server.post(path + "/stop")
-        self.assertEqual((done["state"], done["ordered"]["lost"], done["ordered"]["udp_bad"]), ("stopped", 3, 2))
+        lost = done["ordered"].pop("lost")
+        self.assertEqual((done["state"], done["ordered"]),
+                         ("stopped", {"delayed": 0, "duplicates": 2, "corrupted": 4, "ipv4_header_bad": 0, "udp_bad": 2, "on_request": 11}))
+        self.assertIn(lost, (3 + 6, 3 + 7))  # a datagram each 15.04 ms, of which 100 ms break six or seven
         metrics = self.server.ask("GET", "/metrics").body.decode()
         measured = self.server.post(f"{API}/meters/{meter}/stop")
         (stream,) = measured["result"]["streams"]
-        self.assertEqual((stream["rtp"]["lost"], stream["checksums"]["udp_bad"]), (3, 2))
+        self.assertEqual((stream["rtp"]["lost"], stream["rtp"]["duplicates"], stream["checksums"]["udp_bad"]), (lost, 2, 2))
         self.assertEqual(stream["rtp"]["received"], sum(done["departures"][outcome] for outcome in ("on_time", "late")))
         self.assertEqual([event["text"] for event in seen if event["event"] == "playout"],
-                         ["created", "playing", "lose 1", "lose 1", "lose 1", "bad-udp-checksum 2"])
-        self.assertRegex(metrics, r'ipplay_playout_faults_total\{[^}]*kind="lost"\} 3\n')
+                         ["created", "playing", "lose 1", "lose 1", "lose 1", "duplicate 2", "corrupt 4", "break 100 ms",
+                          "bad-udp-checksum 2"])
+        self.assertRegex(metrics, r'ipplay_playout_faults_total\{[^}]*kind="corrupted"\} 4\n')
         self.judge_metrics(metrics)
         described = set(re.findall(r"`(ipplay_\w+)`", read_text("docs", "serve.md")))
         self.assertLessEqual(set(re.findall(r"^# TYPE (\w+)", metrics, re.MULTILINE)), described)

@@ -12,7 +12,7 @@ import {Lamp, stateWord} from "./lamp.js";
 import {Log} from "./log.js";
 import {MeterWatch} from "./meter_watch.js";
 import {Comparison, RunReport} from "./report.js";
-import {store} from "./store.js";
+import {orderedFaults, store} from "./store.js";
 import {Tiles} from "./tiles.js";
 import {formatBitRate, formatClock, formatCount, formatDuration, formatPpm} from "./units.js";
 
@@ -30,7 +30,6 @@ const kDefinitions = [
 
 function tilesOf(playout) {
   const {departures, ordered} = playout;
-  const faults = ordered.lost + ordered.delayed + ordered.ipv4_header_bad + ordered.udp_bad;
   return [
     ["set", formatBitRate(playout.set_rate_bps)],
     playout.rate_bps === null ? ["sent, mean", formatBitRate(playout.mean_rate_bps, 4)] : ["sent", formatBitRate(playout.rate_bps, 4)],
@@ -40,7 +39,7 @@ function tilesOf(playout) {
     ["frames not sent", formatCount(departures.not_sent), departures.not_sent > 0 && "bad"],
     ["times without input", formatCount(departures.dry_times), departures.dry_times > 0 && "warn"],
     ["longest gap", formatDuration(departures.longest_gap_ns)],
-    ["faults ordered", formatCount(faults)],
+    ["faults ordered", formatCount(orderedFaults(ordered))],
     ["datagrams", formatCount(playout.datagrams)],
   ];
 }

@@ -9,6 +9,8 @@ import {store} from "./store.js";
 const kFaults = [
   ["lose", "Lose", "Leave the next datagrams out"],
   ["delay", "Delay", "Send the next datagrams late, behind those that follow"],
+  ["duplicate", "Duplicate", "Send the next datagrams twice"],
+  ["corrupt", "Corrupt", "Flip a bit in the payload of the next datagrams"],
   ["bad-ip-checksum", "Bad IP sum", "Send the next datagrams with a wrong IPv4 header checksum"],
   ["bad-udp-checksum", "Bad UDP sum", "Send the next datagrams with a wrong UDP checksum"],
 ];

@@ -11,6 +11,7 @@ function comparisonRows(playout, figures) {
   return [
     ["lost", "lost datagrams", ordered.lost, lost],
     ["delayed", "delayed, seen out of order", ordered.delayed, figures?.rtp?.reordered],
+    ["duplicates", "sent twice", ordered.duplicates, figures?.rtp?.duplicates],
     ["ipv4", "wrong IPv4 checksums", ordered.ipv4_header_bad, figures?.checksums?.ipv4_header_bad],
     ["udp", "wrong UDP checksums", ordered.udp_bad, figures?.checksums?.udp_bad],
   ];

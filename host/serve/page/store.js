@@ -18,12 +18,13 @@ export const kStreamColumns = ["frame_rate_bps", "payload_rate_bps", "gap_max_ns
 
 const milliseconds = (ns) => ns / 1e6;
 
-function orderedFaults(ordered) {
-  return ordered.lost + ordered.delayed + ordered.ipv4_header_bad + ordered.udp_bad;
+export function orderedFaults(ordered) {
+  return ordered.lost + ordered.delayed + ordered.duplicates + ordered.corrupted + ordered.ipv4_header_bad +
+    ordered.udp_bad;
 }
 
 // Faults that were ordered, as texts of a playout's events begin.
-const kFaultTexts = /^(lose|delay|bad-ip-checksum|bad-udp-checksum)\b/;
+const kFaultTexts = /^(lose|delay|duplicate|corrupt|bad-ip-checksum|bad-udp-checksum|break)\b/;
 
 class Store {
   server = null;

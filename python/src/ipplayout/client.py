@@ -32,7 +32,7 @@ RESTING = ("ready", "ended", "stopped", "failed")
 BY_STATUS: dict[int, type[Error]] = {400: BadValue, 401: NotAllowed, 403: NotAllowed, 404: BadPlayout, 409: BadState,
                                      413: BadValue, 429: NoResources, 503: NoResources}
 
-Fault = Literal["lose", "delay", "bad-ip-checksum", "bad-udp-checksum"]
+Fault = Literal["lose", "delay", "duplicate", "corrupt", "bad-ip-checksum", "bad-udp-checksum"]
 Restart = Literal["never", "on-failure", "always"]
 Part = TypeVar("Part")
 
@@ -132,9 +132,15 @@ class Client:
         wanted = {"bitrate": bit_rate, "ppm": ppm}
         return self._playout(name, "change", {key: value for key, value in wanted.items() if value is not None})
 
-    def damage(self, name: str, kind: Fault, count: int = 1) -> ServedPlayout:
-        """Deliberate errors in its next ``count`` datagrams."""
-        return self._playout(name, "faults", {"kind": kind, "count": count})
+    def damage(self, name: str, kind: Fault, count: int = 1, amount: int | None = None) -> ServedPlayout:
+        """Deliberate errors in its next ``count`` datagrams; ``amount``: datagrams that overtake one that is delayed,
+        bits of one that is corrupted."""
+        more = {} if amount is None else {"amount": amount}
+        return self._playout(name, "faults", {"kind": kind, "count": count, **more})
+
+    def break_link(self, name: str, seconds: float) -> ServedPlayout:
+        """Nothing leaves for so long, and is lost."""
+        return self._playout(name, "faults", {"kind": "break", "length_ns": round(seconds * 1e9)})
 
     def delete_playout(self, name: str) -> None:
         """Stops and forgets it."""

@@ -73,6 +73,8 @@ class Ordered:
     """Datagrams that were damaged on purpose."""
     lost: int
     delayed: int
+    duplicates: int
+    corrupted: int
     ipv4_header_bad: int
     udp_bad: int
     on_request: int
@@ -92,10 +94,12 @@ class Departures:
     """Frames, by how they left; late is more than a millisecond behind."""
     on_time: int
     late: int
+    left_out: int
     not_sent: int
     discarded: int
     lateness_ns: Lateness
     longest_gap_ns: int | None
+    shift_ns: int
     dry_times: int
     dry_ns: int
 
