@@ -27,8 +27,8 @@
 
 namespace {
 
-int Tell(ipplay::ExitStatus status, const std::string& message,
-         const std::vector<std::string>& details = {}) {
+int PrintError(ipplay::ExitStatus status, const std::string& message,
+               const std::vector<std::string>& details = {}) {
   ipplay::Print(stderr, "ipplay: {}\n", ipplay::QuotedLine(message));
   for (const std::string& line : details) {
     ipplay::Print(stderr, "{}\n", ipplay::QuotedLine(line));
@@ -64,16 +64,17 @@ int Run(int argc, char** argv) {
     ipplay::Print(ipplay::Results(), "{}", text.str());
     outcome = static_cast<int>(ExitStatus::kPlayed);
   } catch (const CLI::ParseError& error) {
-    return Tell(ExitStatus::kUsage, ipplay::ExplainRefusal(app, words, error));
+    return PrintError(ExitStatus::kUsage, ipplay::ExplainRefusal(app, words, error));
   }
   if (outcome && *outcome == 0 && !ipplay::ResultsAreWritten()) {
-    return Tell(ExitStatus::kFailed, "standard output cannot be written");
+    return PrintError(ExitStatus::kFailed, "standard output cannot be written");
   }
   if (outcome) {
     return *outcome;
   }
   const ipplay::Failure& failure = outcome.Error();
-  return Tell(failure.status, ipplay::NameAsTyped(app, words, failure.message), failure.details);
+  return PrintError(failure.status, ipplay::NameAsTyped(app, words, failure.message),
+                    failure.details);
 }
 
 }  // namespace
@@ -88,13 +89,14 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const std::bad_alloc&) {
-    return Tell(ipplay::ExitStatus::kFailed, "memory has run out");
+    return PrintError(ipplay::ExitStatus::kFailed, "memory has run out");
   } catch (const std::system_error& error) {  // of a thread, which alone throws it
-    return Tell(ipplay::ExitStatus::kFailed,
-                fmt::format("a thread cannot be started: {}; raise the limit of processes (ulimit "
-                            "-u) or of memory (-v)",
-                            error.what()));
+    return PrintError(
+        ipplay::ExitStatus::kFailed,
+        fmt::format("a thread cannot be started: {}; raise the limit of processes (ulimit "
+                    "-u) or of memory (-v)",
+                    error.what()));
   } catch (const std::exception& error) {
-    return Tell(ipplay::ExitStatus::kFailed, error.what());
+    return PrintError(ipplay::ExitStatus::kFailed, error.what());
   }
 }

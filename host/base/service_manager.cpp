@@ -15,7 +15,7 @@
 
 namespace ipplay {
 
-void TellServiceManager(std::string_view state) {
+void NotifyServiceManager(std::string_view state) {
   const char* const path = std::getenv("NOTIFY_SOCKET");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

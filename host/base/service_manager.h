@@ -10,7 +10,7 @@
 namespace ipplay {
 
 // "READY=1", "STOPPING=1", "WATCHDOG=1", "STATUS=..."; nothing outside a service.
-void TellServiceManager(std::string_view state);
+void NotifyServiceManager(std::string_view state);
 
 // How often "WATCHDOG=1" is to be sent: half the time after which systemd takes the service for
 // hung. None without a watchdog.

@@ -75,7 +75,7 @@ Failure Channel::Named(const Failure& failure) const {
   return {failure.status, fmt::format("{}: {}", order_.name, failure.message), failure.details};
 }
 
-void Channel::Tell(ChannelState state, const std::string& text) const {
+void Channel::Report(ChannelState state, const std::string& text) const {
   if (on_event_) {
     on_event_({WallClockNow().count(), order_.name, state, text});
   }
@@ -126,7 +126,7 @@ bool Channel::Launched(const std::optional<Failure>& failure, Time at) {
     run->Started(at);
     state_ = ChannelState::kPlaying;
     lock.unlock();
-    Tell(ChannelState::kPlaying, "playing");
+    Report(ChannelState::kPlaying, "playing");
     keeper_.Feed([self = shared_from_this(), run] { return self->Serve(run); });
     return true;
   }
@@ -172,7 +172,7 @@ void Channel::Obey(ChannelRun& run, const Action& action) {
     keeper_.At(Time(0), [self = shared_from_this()] { self->Stop(); });
   }
   if (IsFault(action.kind) && !run.Playout().Order(OrderOf(action, Time(0), 0))) {
-    TellOrdered(action);
+    ReportOrdered(action);
   }
 }
 
@@ -209,7 +209,7 @@ void Channel::Conclude(ChannelState state, const std::string& text) {
     state_ = state = again && !retired_ ? ChannelState::kWaiting : state;
     last_error_ = failed ? text : last_error_;
   }
-  Tell(state, what);
+  Report(state, what);
   if (state != ChannelState::kWaiting) {
     return;
   }
@@ -244,7 +244,7 @@ std::optional<Failure> Channel::Pause(bool on) {
     }
     state_ = state;
   }
-  Tell(state, on ? "paused" : "playing");
+  Report(state, on ? "paused" : "playing");
   return std::nullopt;
 }
 
@@ -267,7 +267,7 @@ std::optional<Failure> Channel::Stop() {
     run->Ended();
   }
   if (changes) {
-    Tell(ChannelState::kStopped, "stopped");
+    Report(ChannelState::kStopped, "stopped");
   }
   return std::nullopt;
 }
@@ -296,7 +296,7 @@ std::optional<Failure> Channel::Change(const ChannelChange& change) {
     return refuse(fmt::format("ppm: {} is not valid; give -100000 to 100000", *change.ppm));
   }
   (*run)->SetRate(change.bit_rate, change.ppm);
-  Tell(ChannelState::kPlaying, fmt::format("rate {}", FormatBitRate((*run)->SetBitRate())));
+  Report(ChannelState::kPlaying, fmt::format("rate {}", FormatBitRate((*run)->SetBitRate())));
   return std::nullopt;
 }
 
@@ -308,11 +308,11 @@ std::optional<Failure> Channel::Damage(const Action& fault) {
   if (const auto failure = (*run)->Playout().Order(OrderOf(fault, Time(0), 0))) {
     return Named(*failure);
   }
-  TellOrdered(fault);
+  ReportOrdered(fault);
   return std::nullopt;
 }
 
-void Channel::TellOrdered(const Action& fault) {
+void Channel::ReportOrdered(const Action& fault) {
   const bool has_length = fault.kind == ActionKind::kBreak;
   ChannelState state{};
   {
@@ -320,8 +320,8 @@ void Channel::TellOrdered(const Action& fault) {
     damage_orders_ += has_length ? 0 : fault.count;
     state = state_;
   }
-  Tell(state, has_length ? fmt::format("{} {}", NameOf(fault.kind), FormatDuration(fault.length))
-                         : fmt::format("{} {}", NameOf(fault.kind), fault.count));
+  Report(state, has_length ? fmt::format("{} {}", NameOf(fault.kind), FormatDuration(fault.length))
+                           : fmt::format("{} {}", NameOf(fault.kind), fault.count));
 }
 
 ChannelStatus Channel::Status() const {

@@ -115,7 +115,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   // On the feeding thread. False once the run is over.
   bool Serve(const std::shared_ptr<ChannelRun>& run);
   void Obey(ChannelRun& run, const Action& action);
-  void TellOrdered(const Action& fault);
+  void ReportOrdered(const Action& fault);
   void RunHasEnded(const std::shared_ptr<ChannelRun>& run);
   // Once it has ended by itself, or could not start.
   void Conclude(ChannelState state, const std::string& text);
@@ -123,7 +123,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void Retire();
   Result<std::shared_ptr<ChannelRun>> Playing() const;
   Failure Named(const Failure& failure) const;
-  void Tell(ChannelState state, const std::string& text) const;
+  void Report(ChannelState state, const std::string& text) const;
 
   const ChannelOrder order_;
   const PlayOptions options_;

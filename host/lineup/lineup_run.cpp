@@ -112,9 +112,9 @@ class LineupSession {
       return *failure;
     }
     StartTogether(added);
-    TellServiceManager("READY=1");
+    NotifyServiceManager("READY=1");
     Loop();
-    TellServiceManager("STOPPING=1");
+    NotifyServiceManager("STOPPING=1");
     const auto all = engine_.List();
     engine_.Stop(all);
     return Conclude();
@@ -150,7 +150,7 @@ class LineupSession {
     while (StopSignals::Came() == 0 && !AllHaveEnded()) {
       std::array<pollfd, 2> waits{{{StopSignals::Fd(), POLLIN, 0}, {reload_.Get(), POLLIN, 0}}};
       ::poll(waits.data(), waits.size(), static_cast<int>(std::max<long>(wake.count(), 1)));
-      TellServiceManager("WATCHDOG=1");
+      NotifyServiceManager("WATCHDOG=1");
       if (reload_.Take()) {
         Reload();
       }
@@ -172,7 +172,7 @@ class LineupSession {
 
   // What did not change plays on untouched.
   void Reload() {
-    TellServiceManager("RELOADING=1");
+    NotifyServiceManager("RELOADING=1");
     const auto lineup = Read(options_);
     if (!lineup || !lineup->mistakes.empty()) {
       const Failure failure = lineup ? MistakesIn(options_.file, lineup->mistakes) : lineup.Error();
@@ -183,7 +183,7 @@ class LineupSession {
     } else {
       Exchange(*lineup);
     }
-    TellServiceManager("READY=1");
+    NotifyServiceManager("READY=1");
   }
 
   void Exchange(const Lineup& lineup) {

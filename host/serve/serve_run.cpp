@@ -117,9 +117,9 @@ class ServeSession {
       router.Handle(std::move(request), std::move(reply));
     };
     hooks.each_second = [this] { EndSecond(); };
-    TellServiceManager("READY=1");
+    NotifyServiceManager("READY=1");
     server.Run(std::move(hooks), feed_, StopSignals::Fd());
-    TellServiceManager("STOPPING=1");
+    NotifyServiceManager("STOPPING=1");
     playouts_.GetEngine().Stop(playouts_.All());
   }
 
@@ -134,7 +134,7 @@ class ServeSession {
       meters.push_back(FiguresJson(*meter));
     }
     feed_.Append("figures", {{"playouts", std::move(playouts)}, {"meters", std::move(meters)}});
-    TellServiceManager("WATCHDOG=1");
+    NotifyServiceManager("WATCHDOG=1");
   }
 
   const AccessRules& rules_;
