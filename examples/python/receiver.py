@@ -60,7 +60,7 @@ class Receiver:
         joined.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(group) + socket.inet_aton(interface))
         return joined
 
-    def receive(self, packets: int | None = None, wait: float = 10.0, silence: float = 0.5) -> None:
+    def receive(self, packets: int | None = None, wait: float = 10.0, silence: float = 1.0) -> None:
         """Receives so many packets, or until nothing has come for ``silence`` seconds, at first for ``wait`` seconds."""
         sockets = [self._socket] if self._fec_socket is None else [self._socket, self._fec_socket]
         while packets is None or self.counts.received < packets:
