@@ -144,6 +144,13 @@ Failure CheckFec(const IpPlayoutSettings& settings) {
     return {IPPLAYOUT_BAD_VALUE,
             "FecColumns is above 0 with ReplicationCount above 0, which needs CopiesShareTime 1"};
   }
+  const std::uint32_t step =
+      settings.Params.ProtocolHeadersIncrements.RTPHeaderIncrements.PayloadTypeIncrement;
+  if (settings.Params.ReplicationCount > 0 && step != 0) {
+    return {IPPLAYOUT_BAD_VALUE,
+            "PayloadTypeIncrement is " + std::to_string(step) +
+                ", but with FEC one parity is that of every copy; it can be 0"};
+  }
   if (settings.To == IPPLAYOUT_TO_SOCKET) {
     return {IPPLAYOUT_BAD_VALUE,
             "FecColumns is above 0, which a UDP socket cannot do; an adapter can"};

@@ -44,15 +44,22 @@ std::int64_t Count(std::optional<nanoseconds> time) {
   return time ? time->count() : -1;
 }
 
-// The headers of the stream but for what is an FEC stream's own.
+// The headers of the stream but for what is an FEC stream's own. Its marker is the parity of those
+// of the datagrams that one of it protects (RFC 2733, 7.1), and they all have the same one.
 PlayoutSettings ForFec(const IpPlayoutSettings& ordered, const PlayoutSettings& media,
-                       std::uint32_t port_step, platform::Random& random) {
+                       FecFeed::Kind kind, platform::Random& random) {
+  constexpr std::uint32_t kColumnStep = 2;
+  constexpr std::uint32_t kRowStep = 4;
+  constexpr std::uint32_t kMarker = 0x80;
+  const std::uint32_t port_step = kind == FecFeed::kRow ? kRowStep : kColumnStep;
+  const bool is_odd = (kind == FecFeed::kRow ? ordered.FecColumns : ordered.FecRows) % 2 == 1;
   PlayoutSettings fec = media;
   fec.error_insertion = ordered.FecErrors;
   ProtocolHeadersSettings& headers = fec.params.ProtocolHeadersSettings;
   headers.UDPHeaderSettings.DestinationPort += port_step;
   headers.UDPHeaderSettings.SourcePort += port_step;
-  headers.RTPHeaderSettings.PayloadType = ordered.FecPayloadType;
+  headers.RTPHeaderSettings.PayloadType =
+      ordered.FecPayloadType | (is_odd ? headers.RTPHeaderSettings.PayloadType & kMarker : 0);
   headers.RTPHeaderSettings.SSRC = ordered.FecSSRC;
   headers.RTPHeaderSettings.SequenceNumber = static_cast<std::uint16_t>(random.Next64() >> 48);
   return fec;
@@ -140,10 +147,9 @@ Failure ScheduledRun::Prepare() {
 }
 
 ScheduledRun::FecStream::FecStream(const IpPlayoutSettings& ordered, const PlayoutSettings& media,
-                                   std::uint32_t port_step, platform::Random& random,
-                                   CSwClock& clock, Sender* bottom)
-    : settings(ForFec(ordered, media, port_step, random)),
-      errors(settings.params.ProtocolMode, random) {
+                                   FecFeed::Kind kind, platform::Random& random, CSwClock& clock,
+                                   Sender* bottom)
+    : settings(ForFec(ordered, media, kind, random)), errors(settings.params.ProtocolMode, random) {
   errors.Configure(settings.error_insertion);
   replication.StartDatagram();
   replication.SetIncrements(settings.params.ProtocolHeadersIncrements,
@@ -153,12 +159,11 @@ ScheduledRun::FecStream::FecStream(const IpPlayoutSettings& ordered, const Playo
 }
 
 void ScheduledRun::BuildFec(std::uint32_t headers, std::uint32_t payload_bytes) {
-  constexpr std::uint32_t kPortStep = 2;
   std::array<FecPort, FecFeed::kKinds> ports;
   for (const FecFeed::Kind kind : {FecFeed::kColumn, FecFeed::kRow}) {
     auto& stream = fec_streams_[kind];
-    stream = std::make_unique<FecStream>(ordered_, settings_, kPortStep * (kind + 1), random_,
-                                         clock_, builder_.get());
+    stream =
+        std::make_unique<FecStream>(ordered_, settings_, kind, random_, clock_, builder_.get());
     ports[kind] = {stream->chain.Top(), &stream->replication, &stream->errors};
   }
   const FecMatrix matrix{ordered_.FecColumns, ordered_.FecRows,

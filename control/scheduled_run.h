@@ -109,8 +109,8 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
 
   // One of the two kinds of FEC datagrams.
   struct FecStream {
-    FecStream(const IpPlayoutSettings& ordered, const PlayoutSettings& media,
-              std::uint32_t port_step, platform::Random& random, CSwClock& clock, Sender* bottom);
+    FecStream(const IpPlayoutSettings& ordered, const PlayoutSettings& media, FecFeed::Kind kind,
+              platform::Random& random, CSwClock& clock, Sender* bottom);
 
     const PlayoutSettings settings;
     CErrorInsertionManager errors;

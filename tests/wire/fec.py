@@ -130,7 +130,7 @@ def gstreamer(datagrams):
         first = of_kind(datagrams, MEDIA)[0]
         # The first datagram that it gets is one that it takes for missing (1.22): one that no FEC protects.
         packets = [struct.pack(">BBH", 0x80, 33, (first.number - 1) & 0xFFFF) + first.rtp[4:]]
-        packets += [d.rtp[:1] + bytes([types[d.kind]]) + d.rtp[2:] for d in datagrams]
+        packets += [d.rtp[:1] + bytes([d.rtp[1] & 0x80 | types[d.kind]]) + d.rtp[2:] for d in datagrams]
         with open(f"{folder}/in", "wb") as file:  # framed as RFC 4571 has it
             file.write(b"".join(struct.pack(">H", len(rtp)) + rtp for rtp in packets))
         command = ["gst-launch-1.0", "-q", *GSTREAMER.format(folder, caps=GSTREAMER_CAPS).split()]

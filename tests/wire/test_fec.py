@@ -262,11 +262,22 @@ class Fec(unittest.TestCase):
                                 self.assertEqual(parity_in(fec), parity_of(media[n] for n in fec.protected()))
                                 self.assertEqual(struct.unpack(">I", fec.rtp[8:12])[0], 100 + 7 * index)
 
-    def test_refused_ports(self):
+    def test_marker(self):
+        """RFC 2733, 7.1: that of FEC is the parity of those that it protects; GStreamer rebuilds by it."""
+        for columns, rows in ((5, 4), (4, 5)):
+            whole = play(self.playouts, columns, rows, 60, FecProtectsRows=1, PayloadType=0x80 | 33)
+            markers = {d.kind: {d.rtp[1] >> 7 for d in of_kind(whole, d.kind)} for d in whole}
+            self.assertEqual(markers, {MEDIA: {1}, COLUMN: {rows % 2}, ROW: {columns % 2}})
+            kept, gone = without(whole, [7], [], [])
+            rebuilt, = gstreamer(kept)[gone[7].number]
+            self.assertEqual(rebuilt[1], 0x80 | 33)
+
+    def test_refused(self):
         for more, words in (({"DestinationPort": 65532}, "DestinationPort with FEC is 65532; it can be 0 to 65531"),
                             ({"SourcePort": 65535}, "SourcePort with FEC is 65535"),
                             ({"DestinationPortIncrement": 2, "ReplicationCount": 1}, "DestinationPortIncrement is 2, "),
-                            ({"DestinationPortIncrement": 1, "ReplicationCount": 2}, "DestinationPortIncrement is 1, ")):
+                            ({"DestinationPortIncrement": 1, "ReplicationCount": 2}, "DestinationPortIncrement is 1, "),
+                            ({"PayloadTypeIncrement": 1, "ReplicationCount": 1}, "PayloadTypeIncrement is 1, ")):
             with self.assertRaisesRegex(Refused, words):
                 play(self.playouts, 5, 4, 1, **more, CopiesShareTime=1)
         play(self.playouts, 5, 4, 1, DestinationPortIncrement=1, ReplicationCount=1, CopiesShareTime=1)
