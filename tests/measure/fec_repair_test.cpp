@@ -38,6 +38,15 @@ class Receiver {
     }
   }
 
+  // In front of the measurement of FEC.
+  void MediaOnly(std::uint32_t first, std::uint32_t end, const std::vector<std::uint32_t>& lost) {
+    for (std::uint32_t number = first; number < end; ++number) {
+      if (std::ranges::find(lost, number) == lost.end()) {
+        sequence_.Add(static_cast<std::uint16_t>(number));
+      }
+    }
+  }
+
   void Fec(std::uint32_t base, std::uint8_t offset, std::uint8_t count, std::uint8_t damage = 0) {
     std::uint32_t length = damage;
     std::uint32_t time = 0;
@@ -101,7 +110,7 @@ TEST(FecRepair, WaitsForFecAndForMediaThatComeInAnyOrder) {
   after.MediaBetween(0, 10, {2});
   after.Fec(0, 1, 5);
   after.Media(2);
-  EXPECT_EQ(after.Figures(), (Counts{0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(after.Figures(), (Counts{0, 0, 0, 0, 1, 0}));
 
   Receiver gap;  // before its media, one of which never comes
   gap.MediaBetween(0, 3);
@@ -150,6 +159,60 @@ TEST(FecRepair, FollowsNumberingsAndHoles) {
   end.MediaBetween(0, 8);
   end.Fec(5, 1, 5);
   EXPECT_EQ(end.Figures(), (Counts{2, 0, 2, 0, 0, 0}));
+}
+
+TEST(FecRepair, UsesFecOfWhatCameBeforeTheFirst) {
+  Receiver one;  // with 0 that is rebuilt 5 is, and 6 with that
+  one.MediaBetween(0, 20, {0, 5, 6});
+  one.Fec(0, 1, 5);
+  one.Fec(0, 5, 4);
+  one.Fec(5, 1, 5);
+  EXPECT_EQ(one.Figures(), (Counts{2, 2, 0, 0, 0, 0}));
+}
+
+// What FEC protects while no media comes is lost, and goes on being so.
+TEST(FecRepair, FollowsFecWhereMediaHasDied) {
+  const auto feed = [](Receiver& receiver, std::uint32_t first, std::uint32_t end) {
+    for (std::uint32_t base = first; base < end; base += 10) {
+      receiver.Fec(base, 1, 10);
+    }
+  };
+  Receiver dead;
+  dead.MediaBetween(0, 100);
+  feed(dead, 100, 70'000);
+  EXPECT_EQ(dead.Figures(), (Counts{69'900, 0, 69'900, 0, 0, 0}));
+
+  Receiver back;
+  back.MediaBetween(0, 100);
+  feed(back, 100, 1000);
+  back.MediaBetween(1000, 1010);
+  feed(back, 1000, 1010);
+  EXPECT_EQ(back.Figures(), (Counts{900, 0, 900, 0, 1, 0}));
+
+  Receiver behind;  // only later than its FEC
+  behind.MediaBetween(0, 100);
+  feed(behind, 100, 600);
+  behind.MediaBetween(100, 600, {250});
+  EXPECT_EQ(behind.Figures(), (Counts{1, 1, 0, 0, 49, 0}));
+
+  Receiver other;  // FEC of something else
+  other.MediaBetween(0, 100);
+  feed(other, 1000, 2000);
+  EXPECT_EQ(other.Figures(), (Counts{0, 0, 0, 0, 0, 0}));
+}
+
+// Beside a stream that had lost packets by then.
+TEST(FecRepair, CountsWhatWasLostBeforeItBegan) {
+  Receiver receiver;
+  receiver.MediaOnly(0, 100, {20, 21, 97});
+  receiver.repair.BeginLate(3);
+  receiver.Media(102);
+  receiver.Media(97);
+  receiver.Media(101);
+  receiver.MediaBetween(103, 110, {105});
+  receiver.Fec(100, 1, 5);
+  receiver.Fec(105, 1, 5);
+  EXPECT_EQ(receiver.Figures(), (Counts{4, 1, 0, 3, 0, 0}));
 }
 
 TEST(FecRepair, TellsWrongParityFromWhatItCannotCheck) {

@@ -57,37 +57,62 @@ bool FecRepair::Follow(const Media& media, const SequenceResult& sequence, std::
     case SequenceEvent::kStray:
       return false;
     case SequenceEvent::kLate:
-      if (!is_begun_) {
-        return false;
-      }
-      number = highest_ - sequence.distance;
-      if (number + kWindow <= highest_) {
-        return false;
-      }
-      first_ = std::min(first_, number);
-      return true;
+      return FollowLate(sequence.distance, number);
     case SequenceEvent::kInOrder:
-    case SequenceEvent::kGap:
-      if (is_begun_) {
-        Advance(sequence.event == SequenceEvent::kGap ? sequence.distance + std::uint64_t{1} : 1);
+    case SequenceEvent::kGap: {
+      const std::uint64_t missing = sequence.event == SequenceEvent::kGap ? sequence.distance : 0;
+      if (!is_begun_) {
+        counters_.lost += missing;
+        counters_.unprotected += missing;
+        Start(media.number);
         break;
       }
+      highest_of_media_ += missing + 1;
+      if (highest_of_media_ > highest_) {
+        Advance(highest_of_media_ - highest_);
+      }
+      break;
+    }
+    case SequenceEvent::kRestart:
+      begins_late_ = false;
       [[fallthrough]];
     case SequenceEvent::kFirst:
-    case SequenceEvent::kRestart:
       Start(media.number);
       break;
   }
-  number = highest_;
+  number = highest_of_media_;
+  return number + kWindow > highest_;
+}
+
+bool FecRepair::FollowLate(std::uint32_t behind, std::uint64_t& number) {
+  number = highest_of_media_ - behind;
+  if (begins_late_ && (!is_begun_ || number < first_)) {
+    counters_.lost -= counters_.lost > 0 ? 1 : 0;
+    counters_.unprotected -= counters_.unprotected > 0 ? 1 : 0;
+    return false;
+  }
+  if (!is_begun_ || number + kWindow <= highest_) {
+    return false;
+  }
+  first_ = std::min(first_, number);
   return true;
+}
+
+void FecRepair::BeginLate(std::uint64_t lost_before) {
+  begins_late_ = true;
+  counters_.lost = lost_before;
+  counters_.unprotected = lost_before;
 }
 
 void FecRepair::Put(std::uint64_t number, const Media& media) {
   Slot& slot = At(number);
   // What was rebuilt has come after all.
-  if (slot.state == State::kRebuilt && slot.is_whole && media.is_whole &&
-      !std::ranges::equal(slot.content.bytes, media.bytes)) {
-    NoteWrongParity();
+  if (slot.state == State::kRebuilt && slot.is_whole && media.is_whole) {
+    if (std::ranges::equal(slot.content.bytes, media.bytes)) {
+      ++counters_.parity_right;
+    } else {
+      NoteWrongParity();
+    }
   }
   slot.state = State::kCame;
   slot.is_whole = media.is_whole;
@@ -99,7 +124,7 @@ void FecRepair::Put(std::uint64_t number, const Media& media) {
 
 void FecRepair::Start(std::uint16_t number) {
   if (is_begun_) {
-    for (std::uint64_t n = OldestKept(); n <= highest_; ++n) {
+    for (std::uint64_t n = OldestOfStream(); n <= highest_; ++n) {
       Retire(n);
     }
     EndLoss();
@@ -111,10 +136,10 @@ void FecRepair::Start(std::uint16_t number) {
     slot.state = State::kMissing;
     slot.is_protected = false;
   }
-  highest_ = first_ = kFirstNumber + number;
+  highest_ = highest_of_media_ = furthest_of_fec_ = first_ = kFirstNumber + number;
 }
 
-std::uint64_t FecRepair::OldestKept() const {
+std::uint64_t FecRepair::OldestOfStream() const {
   return std::max(first_, highest_ - (kWindow - 1));
 }
 
@@ -124,7 +149,7 @@ void FecRepair::Advance(std::uint64_t steps) {
     Retire(highest_ - kWindow);
     At(highest_).passed_ns = now_ns_;
   }
-  std::erase_if(waiting_, [&](const Waiting& fec) { return fec.base < OldestKept(); });
+  std::erase_if(waiting_, [&](const Waiting& fec) { return fec.base < Oldest(); });
 }
 
 void FecRepair::Retire(std::uint64_t number) {
@@ -161,7 +186,11 @@ void FecRepair::AddFec(const FecDatagram& fec, std::int64_t time_ns) {
     counters_.columns = fec.offset;
     counters_.rows = fec.count;
   }
-  if (given_up_ || !is_begun_ || !Place(fec, in_hand_)) {
+  if (given_up_ || !is_begun_) {
+    return;
+  }
+  FollowFec(fec);
+  if (!Place(fec, in_hand_)) {
     return;
   }
   for (std::uint32_t i = 0; i < in_hand_.count; ++i) {
@@ -171,6 +200,21 @@ void FecRepair::AddFec(const FecDatagram& fec, std::int64_t time_ns) {
     ResolveWaiting();
   } else {
     Wait(std::move(in_hand_));
+  }
+}
+
+// Where media has died, FEC shows that the numbers go on.
+void FecRepair::FollowFec(const FecDatagram& fec) {
+  const std::uint64_t known = std::max(furthest_of_fec_, highest_of_media_);
+  const auto step = static_cast<std::int16_t>(fec.base - static_cast<std::uint16_t>(known));
+  const std::uint64_t base = known + static_cast<std::uint64_t>(std::int64_t{step});
+  if (step > static_cast<std::int64_t>(kFurthestAhead)) {
+    return;  // of something else
+  }
+  furthest_of_fec_ = std::max(known, base + std::uint64_t{fec.offset} * (fec.count - 1));
+  if (furthest_of_fec_ > highest_ + kFurthestAhead) {
+    Advance(furthest_of_fec_ - kFurthestAhead - highest_);
+    ResolveWaiting();
   }
 }
 
@@ -184,7 +228,7 @@ bool FecRepair::Place(const FecDatagram& fec, Waiting& placed) const {
   placed.content.type = fec.type_parity;
   placed.content.timestamp = fec.time_parity;
   placed.content.bytes.assign(fec.parity.begin(), fec.parity.end());
-  return placed.base >= OldestKept() && placed.Last() <= highest_ + kFurthestAhead;
+  return placed.base >= Oldest() && placed.Last() <= highest_ + kFurthestAhead;
 }
 
 // False while it may still repair something.
@@ -271,13 +315,9 @@ void FecRepair::Finish() {
   if (given_up_ || !is_begun_) {
     return;
   }
-  std::uint64_t last = highest_;
-  for (const Waiting& fec : waiting_) {
-    last = std::max(last, fec.Last());
-  }
-  Advance(last - highest_);
+  Advance(std::max(highest_, furthest_of_fec_) - highest_);
   ResolveWaiting();
-  for (std::uint64_t n = OldestKept(); n <= highest_; ++n) {
+  for (std::uint64_t n = OldestOfStream(); n <= highest_; ++n) {
     Retire(n);
   }
   EndLoss();

@@ -59,6 +59,9 @@ class FecRepair {
 
   explicit FecRepair(Listener listener) : listener_(std::move(listener)) {}
 
+  // Before the first datagram, where others of the stream have come: of these so many are lost.
+  // They were not kept.
+  void BeginLate(std::uint64_t lost_before);
   // Memory is taken as datagrams come, and then used again.
   void AddMedia(const Media& media, const SequenceResult& sequence, std::int64_t time_ns);
   void AddFec(const FecDatagram& fec, std::int64_t time_ns);
@@ -106,12 +109,18 @@ class FecRepair {
   Slot& At(std::uint64_t number) { return slots_[number % kSlots]; }
   // Where the datagram belongs; false where it is of no use.
   bool Follow(const Media& media, const SequenceResult& sequence, std::uint64_t& number);
+  bool FollowLate(std::uint32_t behind, std::uint64_t& number);
+  void FollowFec(const FecDatagram& fec);
   void Start(std::uint16_t number);
   void Advance(std::uint64_t steps);
   void Retire(std::uint64_t number);
   void EndLoss();
   void Put(std::uint64_t number, const Media& media);
-  std::uint64_t OldestKept() const;
+  // The lowest number that is kept, and the lowest that came or may be lost.
+  std::uint64_t Oldest() const {
+    return begins_late_ ? OldestOfStream() : highest_ - (kWindow - 1);
+  }
+  std::uint64_t OldestOfStream() const;
   bool Place(const FecDatagram& fec, Waiting& placed) const;
   bool Resolve(const Waiting& fec);
   void Check(const Waiting& fec);
@@ -126,12 +135,16 @@ class FecRepair {
   std::vector<Waiting> waiting_;
   Waiting in_hand_;
   Content sum_;
-  std::uint64_t highest_ = 0;  // extended, as first_
+  // Extended, as those below: reached by media, or far enough behind what FEC protects.
+  std::uint64_t highest_ = 0;
+  std::uint64_t highest_of_media_ = 0;
+  std::uint64_t furthest_of_fec_ = 0;
   std::uint64_t first_ = 0;
   std::uint8_t payload_type_ = 0;
   std::int64_t now_ns_ = 0;
   std::uint64_t loss_ = 0;  // datagrams in a row up to the last retired one that stay lost
   bool is_begun_ = false;
+  bool begins_late_ = false;
   bool given_up_ = false;
 };
 

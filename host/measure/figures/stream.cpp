@@ -216,6 +216,7 @@ void Stream::BecomeFecOf(Stream& media, std::uint32_t place) {
   fec_.reset();
   if (media.fec_ == nullptr && !media.detail_given_up_) {
     media.AwaitFec();
+    media.fec_->BeginLate(media.rtp_->sequence.Lost());
   }
   ts_.reset();
   as_arrived_.reset();
