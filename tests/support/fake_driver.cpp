@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "tests/support/fake_driver.h"
 
+#include <new>
+
 #include "driver/send_queue.h"
 
 namespace ipplayout {
@@ -81,6 +83,9 @@ std::unique_ptr<CaptureHandle> FakeDriver::Open(const std::string& name,
 
 CaptureDriver::MacResult FakeDriver::QueryMac(const std::string& adapter, MacAddress& mac,
                                               unsigned long& error) {
+  if (adapter == no_memory_for) {
+    throw std::bad_alloc();
+  }
   const std::lock_guard lock(mutex_);
   const auto known = macs.find(adapter);
   const auto scripted = mac_results.find(adapter);

@@ -39,6 +39,7 @@ class FakeDriver final : public CaptureDriver {
   std::optional<std::vector<Adapter>> adapters{std::vector<Adapter>()};  // none: the list fails
   std::map<std::string, MacAddress> macs;  // by name without prefix; a missing one: not opened
   std::map<std::string, MacResult> mac_results;  // overrides the result for a name
+  std::string no_memory_for;                     // the name whose query runs out of memory
   unsigned long system_error = 19;
   bool refuse_open = false;
   int data_link = CaptureHandle::kEthernetDataLink;
