@@ -50,5 +50,17 @@ TEST(TimeMarks, OneMarkWaitsForTheNextOrForTheEnd) {
   EXPECT_EQ(marks.At(100), 7ns);
 }
 
+TEST(TimeMarks, TheMeanRateIsThatOfAllMarksOrTheOneThatIsSet) {
+  TimeMarks marks;
+  EXPECT_EQ(marks.MeanRate(), std::nullopt);
+  for (const TimeMarks::Mark& mark : kMarks) {
+    marks.Add(mark);
+  }
+  EXPECT_DOUBLE_EQ(marks.MeanRate().value_or(0), 3e8);  // 300 bytes in 1,000 ns
+  TimeMarks rate;
+  rate.SetRate(8);
+  EXPECT_DOUBLE_EQ(rate.MeanRate().value_or(0), 1.25e8);
+}
+
 }  // namespace
 }  // namespace ipplayout

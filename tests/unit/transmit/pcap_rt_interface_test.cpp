@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "protocol/pdu.h"
+#include "tests/support/blocked_call.h"
 #include "tests/support/fake_driver.h"
 #include "tests/support/fake_waiter.h"
 
@@ -111,6 +112,25 @@ TEST_F(PcapRtInterfaceTest, ACorrectionChangesTheGapOfTheBatchAfterNext) {
       Transmit();
       EXPECT_EQ(LastGap(), gap);
     }
+    interface_.Close();
+  }
+}
+
+// Batches of 10 frames of 1 ms: 4 ms of lag are made up for by 3.6 of them.
+TEST_F(PcapRtInterfaceTest, ThePumpGoesNoFurtherAheadThanTheLagPaysFor) {
+  const std::pair<double, std::uint32_t> cases[] = {{0, 1}, {0.0005, 1}, {0.004, 3}, {1, 48}};
+  for (const auto& [correction, batches] : cases) {
+    SCOPED_TRACE(correction);
+    Prepare(10);
+    interface_.SetGapCorrection(Seconds(correction));
+    auto ahead = OnAnotherThread([this, frames = 10 * batches] { SendBatch(frames); });
+    ASSERT_TRUE(Returns(ahead));
+    auto next = OnAnotherThread([this] { SendBatch(10); });
+    EXPECT_TRUE(Blocks(next));
+    for (std::uint32_t i = 0; i < batches; ++i) {
+      Transmit();
+    }
+    EXPECT_TRUE(Returns(next));
     interface_.Close();
   }
 }
