@@ -3,7 +3,9 @@
 #include "transmit/pcap_rt_interface.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
+#include <semaphore>
 #include <string>
 #include <vector>
 
@@ -114,6 +116,41 @@ TEST_F(PcapRtInterfaceTest, ACorrectionChangesTheGapOfTheBatchAfterNext) {
     }
     interface_.Close();
   }
+}
+
+// The pump is of the idle class here: on the same processor a transmitter that it wakes goes before
+// it, and corrects the next batch before the pump goes on from this one.
+TEST_F(PcapRtInterfaceTest, ACorrectionIsTakenBeforeTheHandOver) {
+  constexpr int kBatches = 300;
+  const auto stay_on_one_processor = [] {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<std::size_t>(::sched_getcpu()), &one);
+    ::sched_setaffinity(0, sizeof one, &one);
+  };
+  Prepare(2);
+  std::binary_semaphore handed(0);
+  auto pump = OnAnotherThread([&] {
+    stay_on_one_processor();
+    auto transmitter = OnAnotherThread([&] {  // on the same one
+      for (int batch = 0; batch < kBatches; ++batch) {
+        interface_.WaitForQueue();
+        interface_.SetGapCorrection(Seconds(0.0005));
+        handed.acquire();
+        interface_.SetGapCorrection(Seconds(0));
+        interface_.TransmitQueue();
+      }
+    });
+    const sched_param none{};
+    ::sched_setscheduler(0, SCHED_IDLE, &none);
+    for (int batch = 0; batch < kBatches; ++batch) {
+      SendBatch(2);
+      handed.release();
+    }
+    transmitter.get();
+  });
+  ASSERT_TRUE(Returns(pump));
+  EXPECT_EQ(driver_.Stamps(), std::vector(kBatches, std::vector{0, 1000}));
 }
 
 // Batches of 10 frames of 1 ms: 4 ms of lag are made up for by 3.6 of them.
