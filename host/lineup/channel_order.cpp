@@ -17,6 +17,18 @@ constexpr std::array<std::string_view, 17> kNotOfChannels{
     "help",      "config",      "no-damage", "ts-fault",   "control",      "twin",
     "twin-skew", "twin-device", "twin-lose", "twin-delay", "twin-jitter"};
 
+// What there is, to be looked up: to define it takes longer than all else that is done to an order.
+const CLI::App& KnownOptions() {
+  struct Known {
+    Known() { DefinePlayOptions(command, scratch); }
+
+    CLI::App command;
+    PlayOptions scratch;
+  };
+  static const Known known;
+  return known.command;
+}
+
 bool IsFlag(const CLI::Option& option) {
   return option.get_items_expected_max() == 0;
 }
@@ -26,11 +38,11 @@ bool IsChannels(std::string_view name) {
 }
 
 // What is wrong with the option's form; its value is judged when it is parsed.
-std::optional<std::string> WrongForm(const CLI::App& app, const ChannelOption& option) {
-  if (!IsChannels(option.name) || app.get_option_no_throw("--" + option.name) == nullptr) {
+std::optional<std::string> WrongForm(const ChannelOption& option) {
+  if (!IsChannelOption(option.name)) {
     return fmt::format("{}: not an option of a channel; see `ipplay play --help`", option.name);
   }
-  const CLI::Option& known = *app.get_option("--" + option.name);
+  const CLI::Option& known = *KnownOptions().get_option("--" + option.name);
   if (IsFlag(known)) {
     return WrongFlag(option);
   }
@@ -44,8 +56,8 @@ std::optional<std::string> WrongForm(const CLI::App& app, const ChannelOption& o
   return std::nullopt;
 }
 
-std::vector<std::string> WordsFor(const CLI::App& app, const ChannelOption& option) {
-  if (IsFlag(*app.get_option("--" + option.name))) {
+std::vector<std::string> WordsFor(const ChannelOption& option) {
+  if (IsFlag(*KnownOptions().get_option("--" + option.name))) {
     return FlagWords(option);
   }
   if (option.name == "at") {
@@ -69,7 +81,7 @@ std::optional<std::string> Parse(std::span<const ChannelOption> given, bool alon
   }
   std::vector<std::string> words;
   for (const ChannelOption& option : given) {
-    const auto added = WordsFor(command, option);
+    const auto added = WordsFor(option);
     words.insert(words.end(), added.begin(), added.end());
   }
   try {
@@ -82,12 +94,9 @@ std::optional<std::string> Parse(std::span<const ChannelOption> given, bool alon
 
 // Form, and what is missing; the values too, each for itself, where that is wanted.
 std::vector<std::string> AllThatIsWrong(const std::vector<ChannelOption>& given, bool values) {
-  CLI::App command;
-  PlayOptions scratch;
-  DefinePlayOptions(command, scratch);
   std::vector<std::string> wrong;
   for (const ChannelOption& option : given) {
-    auto mistake = WrongForm(command, option);
+    auto mistake = WrongForm(option);
     if (!mistake && values) {
       PlayOptions alone;
       mistake = Parse({&option, 1}, true, alone);
@@ -128,10 +137,7 @@ bool ChannelOrder::IsSameAs(const ChannelOrder& other) const {
 }
 
 bool IsChannelOption(const std::string& name) {
-  CLI::App command;
-  PlayOptions scratch;
-  DefinePlayOptions(command, scratch);
-  return IsChannels(name) && command.get_option_no_throw("--" + name) != nullptr;
+  return IsChannels(name) && KnownOptions().get_option_no_throw("--" + name) != nullptr;
 }
 
 ParsedOptions ParseChannelOptions(const std::vector<ChannelOption>& options) {
