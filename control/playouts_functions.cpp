@@ -228,6 +228,20 @@ int IpPlayoutReadLedger(IpPlayout* playout, IpPlayoutRecord* out, size_t room, s
   });
 }
 
+int IpPlayoutReadDepartures(IpPlayout* playout, IpPlayoutDeparture* out, size_t room,
+                            size_t* taken) {
+  return OnPlayout(playout, [&](ScheduledPlayout& p) {
+    if (taken == nullptr || (out == nullptr && room > 0)) {
+      return NullPointer(taken == nullptr ? "taken" : "out");
+    }
+    return p.ReadDepartures(out, room, *taken);
+  });
+}
+
+int IpPlayoutWriteLedger(IpPlayout* playout, const char* path) {
+  return OnPlayout(playout, [&](ScheduledPlayout& p) { return p.WriteLedger(path); });
+}
+
 uint64_t IpPlayoutSeed(IpPlayout* playout) {
   uint64_t seed = 0;
   OnPlayout(playout, [&](ScheduledPlayout& p) -> Failure {

@@ -40,6 +40,10 @@ Failure EndDeclared() {
   return {IPPLAYOUT_BAD_STATE, "the end of the data was declared; call IpPlayoutStop before more"};
 }
 
+Failure NoLedger() {
+  return {IPPLAYOUT_BAD_STATE, "no ledger is kept; set LedgerFrames before the start"};
+}
+
 Failure NeverStarted() {
   return {IPPLAYOUT_BAD_STATE, "the playout was not started yet"};
 }
@@ -66,7 +70,28 @@ Failure ScheduledPlayout::Configure(const IpPlayoutSettings& settings) {
     return {IPPLAYOUT_BAD_STATE, "the playout runs; call IpPlayoutStop before IpPlayoutConfigure"};
   }
   settings_ = settings;
+  ledger_path_.clear();
   return RenewInput();
+}
+
+Failure ScheduledPlayout::WriteLedger(const char* path) {
+  const std::string file = path == nullptr ? "" : path;
+  const platform::MutexLock lock(control_mutex_);
+  if (state_ == State::kClosed) {
+    return Closed();
+  }
+  if (!settings_) {
+    return NotConfigured();
+  }
+  if (state_ != State::kIdle) {
+    return {IPPLAYOUT_BAD_STATE,
+            "the playout runs; call IpPlayoutStop before IpPlayoutWriteLedger"};
+  }
+  if (settings_->LedgerFrames == 0 && !file.empty()) {
+    return NoLedger();
+  }
+  ledger_path_ = file;
+  return {};
 }
 
 // Without memory for an input the playout has no settings any more.
@@ -158,7 +183,7 @@ Failure ScheduledPlayout::Prepare() {
   std::shared_ptr<Input> input = ShareInput();
   ScheduledRun::Owner& owner = *this;
   auto run = std::make_shared<ScheduledRun>(*settings_, input->ring, input->marks, input->orders,
-                                            surroundings_, owner);
+                                            surroundings_, owner, ledger_path_);
   if (Failure failure = run->Prepare()) {
     return failure;
   }
@@ -456,18 +481,34 @@ Failure ScheduledPlayout::GetLateness(std::int64_t up_to_ns, std::uint64_t& fram
   return {};
 }
 
-Failure ScheduledPlayout::ReadLedger(IpPlayoutRecord* out, std::size_t room, std::size_t& taken) {
+template <typename Record, typename Convert>
+Failure ScheduledPlayout::TakeFromLedger(std::span<Record> out, std::size_t& taken,
+                                         Convert convert) {
   taken = 0;
   const std::shared_ptr<ScheduledRun> run = ShareRun();
   if (run == nullptr) {
     return NeverStarted();
   }
   if (!run->Ledger().IsKept()) {
-    return {IPPLAYOUT_BAD_STATE, "no ledger is kept; set LedgerFrames before the start"};
+    return NoLedger();
+  }
+  if (run->WritesLedger()) {
+    return {IPPLAYOUT_BAD_STATE, "the ledger goes to its file; read it there"};
   }
   const platform::MutexLock lock(ledger_mutex_);
-  taken = run->Ledger().Take({out, room});
+  taken = TakeRecords(run->Ledger(), out, convert);
   return {};
+}
+
+Failure ScheduledPlayout::ReadLedger(IpPlayoutRecord* out, std::size_t room, std::size_t& taken) {
+  return TakeFromLedger(std::span(out, room), taken,
+                        [](const IpPlayoutDeparture& departure) { return departure.Frame; });
+}
+
+Failure ScheduledPlayout::ReadDepartures(IpPlayoutDeparture* out, std::size_t room,
+                                         std::size_t& taken) {
+  return TakeFromLedger(std::span(out, room), taken,
+                        [](const IpPlayoutDeparture& departure) { return departure; });
 }
 
 std::uint64_t ScheduledPlayout::Seed() {

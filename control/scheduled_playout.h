@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
+#include <string>
 
 #include "control/failure.h"
 #include "control/fault_rules.h"
@@ -35,6 +37,7 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   Failure Close();
 
   Failure Configure(const IpPlayoutSettings& settings);
+  Failure WriteLedger(const char* path);
   Failure Mark(std::uint64_t offset, std::int64_t time_ns);
 
   // A start of several is prepared for each and then launched for all, or abandoned.
@@ -59,6 +62,7 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   Failure GetFaults(IpPlayoutFaultCounts& out);
   Failure GetLateness(std::int64_t up_to_ns, std::uint64_t& frames, std::int64_t& sum_ns);
   Failure ReadLedger(IpPlayoutRecord* out, std::size_t room, std::size_t& taken);
+  Failure ReadDepartures(IpPlayoutDeparture* out, std::size_t room, std::size_t& taken);
   std::uint64_t Seed();
 
  private:
@@ -90,6 +94,8 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   void ExchangeInput(std::shared_ptr<Input> input);
   Failure EndRun() IPPLAYOUT_REQUIRES(control_mutex_);
   Failure MakeEndEvent();
+  template <typename Record, typename Convert>
+  Failure TakeFromLedger(std::span<Record> out, std::size_t& taken, Convert convert);
   std::shared_ptr<Input> ShareInput();
   std::shared_ptr<ScheduledRun> ShareRun();
   void RequestFrames();
@@ -101,6 +107,7 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   platform::ConditionVariable prepared_;
   State state_ IPPLAYOUT_GUARDED_BY(control_mutex_) = State::kIdle;
   std::optional<IpPlayoutSettings> settings_ IPPLAYOUT_GUARDED_BY(control_mutex_);
+  std::string ledger_path_ IPPLAYOUT_GUARDED_BY(control_mutex_);  // empty: no file
   // Of the start that is under way: whoever prepares it alone looks at them.
   std::shared_ptr<ScheduledRun> next_run_;
   std::shared_ptr<Input> next_input_;

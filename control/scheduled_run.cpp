@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "control/datagram_layout.h"
 #include "control/parametric_settings.h"
 #include "control/playout_rules.h"
+#include "platform/wall_clock.h"
 
 namespace ipplayout {
 namespace {
@@ -25,6 +27,8 @@ constexpr double kUsualFramesPerSecond = 1000;
 constexpr double kMostFramesPerSecond = 1e9;
 
 constexpr std::uint32_t kSequenceInRtp = 2;
+
+constexpr std::size_t kMostLedgerBytes = 1 << 30;
 
 WhenLate RuleOf(std::uint32_t late) {
   switch (late) {
@@ -69,7 +73,7 @@ PlayoutSettings ForFec(const IpPlayoutSettings& ordered, const PlayoutSettings& 
 
 ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source,
                            TimeMarks& marks, FaultOrders& orders, Surroundings& surroundings,
-                           Owner& owner)
+                           Owner& owner, const std::string& ledger_path)
     : ordered_(settings),
       seed_(settings.Seed != 0 ? settings.Seed : platform::DrawSeed()),
       random_(seed_),
@@ -78,6 +82,7 @@ ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& sou
       marks_(marks),
       surroundings_(surroundings),
       owner_(owner),
+      ledger_path_(ledger_path),
       errors_(settings_.params.ProtocolMode, random_),
       faults_(orders, errors_, random_),
       clock_(settings.FirstRtpTimestamp) {}
@@ -116,17 +121,9 @@ Failure ScheduledRun::Prepare() {
   }
   sender_ = route_.Sink().Name();
   const StreamRules rules = RulesFor(payload);
-  const double ahead = std::clamp(rules.frames_per_second * kBuiltAhead, kLeastBuilt, kMostBuilt);
   const std::size_t fec_room = ordered_.FecColumns > 0 ? FecEncoder::kHeaderLength : 0;
-  StreamListener& listener = *this;
-  stream_ = std::make_unique<ScheduledStream>(
-      static_cast<std::size_t>(ahead), layout->datagram_size + fec_room, ordered_.LedgerFrames,
-      rules, route_.Sink(), listener);
-  builder_thread_ = stream_->ring.IsAllocated() ? surroundings_.builders.Enter() : nullptr;
-  if (builder_thread_ == nullptr) {
-    return {IPPLAYOUT_NO_RESOURCES,
-            "memory or threads have run out; close playouts or raise the "
-            "limits (ulimit -u, -v)"};
+  if (Failure failure = MakeStream(rules, layout->datagram_size + fec_room)) {
+    return failure;
   }
   BuilderRules builder_rules;
   builder_rules.shape = {headers, layout->datagram_size, layout->packet_size,
@@ -143,6 +140,51 @@ Failure ScheduledRun::Prepare() {
     BuildFec(headers, payload);
   }
   source_.SetPacketSize(layout->packet_size);
+  return {};
+}
+
+Failure ScheduledRun::MakeStream(const StreamRules& rules, std::size_t longest_frame) {
+  const bool with_bytes = !ledger_path_.empty();
+  const std::size_t ledger_bytes =
+      DepartureLedger::BytesFor(ordered_.LedgerFrames, with_bytes ? longest_frame : 0);
+  if (ledger_bytes > kMostLedgerBytes) {
+    return {IPPLAYOUT_BAD_VALUE,
+            "LedgerFrames is " + std::to_string(ordered_.LedgerFrames) + ", which takes " +
+                std::to_string(ledger_bytes) + " bytes with whole frames; it can be up to " +
+                std::to_string(kMostLedgerBytes / (ledger_bytes / ordered_.LedgerFrames))};
+  }
+  const double ahead = std::clamp(rules.frames_per_second * kBuiltAhead, kLeastBuilt, kMostBuilt);
+  StreamListener& listener = *this;
+  stream_ = std::make_unique<ScheduledStream>(
+      static_cast<std::size_t>(ahead), longest_frame,
+      ScheduledStream::LedgerSize{ordered_.LedgerFrames, with_bytes}, rules, route_.Sink(),
+      listener);
+  const bool is_allocated = stream_->ring.IsAllocated() && stream_->ledger.IsAllocated();
+  builder_thread_ = is_allocated ? surroundings_.builders.Enter() : nullptr;
+  if (builder_thread_ == nullptr) {
+    return {IPPLAYOUT_NO_RESOURCES,
+            "memory or threads have run out; close playouts or raise the "
+            "limits (ulimit -u, -v)"};
+  }
+  return with_bytes ? OpenLedgerFile() : Failure();
+}
+
+Failure ScheduledRun::OpenLedgerFile() {
+  const bool is_virtual = route_.Sink().IsVirtual();
+  // The times of a capture file count from 0.
+  platform::WallClock clock;
+  clock.Compare();
+  const nanoseconds epoch = is_virtual ? nanoseconds(0) : -clock.ToMonotonic(nanoseconds(0));
+  auto file = LedgerFile::Open(ledger_path_, ordered_.Destination, epoch, stream_->ledger);
+  if (file.value == nullptr) {
+    return {IPPLAYOUT_BAD_DESTINATION,
+            "ledger " + ledger_path_ + ": cannot " + file.step + ": " + std::strerror(file.error)};
+  }
+  if (!is_virtual && !file.value->Start()) {
+    return {IPPLAYOUT_NO_RESOURCES,
+            "a thread cannot be started; raise the limit of processes (ulimit -u) or of memory"};
+  }
+  ledger_file_ = std::move(file.value);
   return {};
 }
 
@@ -208,6 +250,7 @@ StreamRules ScheduledRun::RulesFor(std::uint32_t payload_bytes) const {
 }
 
 void ScheduledRun::Launch() {
+  is_launched_ = true;
   source_.BeginRun();
   RequestFrames();
 }
@@ -218,7 +261,22 @@ Failure ScheduledRun::Withdraw() {
   surroundings_.builders.Leave(builder_thread_);
   Transmitter().Remove(*stream_);
   builder_thread_ = nullptr;
-  return surroundings_.destinations.Leave(route_);
+  Failure failure = surroundings_.destinations.Leave(route_);
+  if (ledger_file_ == nullptr || !is_launched_) {
+    return failure;
+  }
+  const int error = ledger_file_->Finish();
+  return failure || error == 0
+             ? failure
+             : Failure(IPPLAYOUT_BAD_DESTINATION,
+                       "ledger " + ledger_path_ +
+                           " could not be written whole: " + std::strerror(error));
+}
+
+void ScheduledRun::OnFullLedger() {
+  if (ledger_file_ != nullptr) {
+    ledger_file_->Drain();
+  }
 }
 
 void ScheduledRun::Pause(bool on) {
@@ -259,7 +317,8 @@ void ScheduledRun::ReadTiming(IpPlayoutTiming& out) const {
   out.StampP99Ns = Count(stamps.Percentile(99));
   out.StampP999Ns = Count(stamps.Percentile(99.9));
   out.StampMaxNs = Count(stamps.Maximum());
-  out.LedgerLeftOut = stream_->ledger.LeftOut();
+  out.LedgerLeftOut =
+      stream_->ledger.LeftOut() + (ledger_file_ == nullptr ? 0 : ledger_file_->LeftOut());
   std::snprintf(out.Sender, sizeof out.Sender, "%s", sender_.c_str());
 }
 

@@ -24,6 +24,7 @@
 #include "payload/time_marks.h"
 #include "platform/random.h"
 #include "protocol/replication_manager.h"
+#include "transmit/ledger_file.h"
 #include "transmit/parametric_manager.h"
 #include "transmit/schedule_transmitter.h"
 #include "transmit/scheduled_stream.h"
@@ -53,9 +54,11 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
     ~Owner() = default;
   };
 
-  // `source`, `marks` and `orders` outlive the run, which is the only one to read from them.
+  // `source`, `marks` and `orders` outlive the run, which is the only one to read from them. An
+  // empty `ledger_path` leaves the ledger to others.
   ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source, TimeMarks& marks,
-               FaultOrders& orders, Surroundings& surroundings, Owner& owner);
+               FaultOrders& orders, Surroundings& surroundings, Owner& owner,
+               const std::string& ledger_path);
   ScheduledRun(const ScheduledRun&) = delete;
   ScheduledRun& operator=(const ScheduledRun&) = delete;
   ~ScheduledRun();
@@ -65,6 +68,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   // Has the frames built. After the stream has been added to its transmitter.
   void Launch();
   // Takes the run from all other threads. A file that could not be written whole is the failure.
+  // A ledger's file appears only where Launch was called.
   Failure Withdraw();
 
   ScheduleTransmitter& Transmitter() const { return route_.destination->transmitter; }
@@ -82,6 +86,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
     return stream_->timing.Lateness().UpTo(bound);
   }
   DepartureLedger& Ledger() { return stream_->ledger; }
+  bool WritesLedger() const { return !ledger_path_.empty(); }
   std::uint64_t Seed() const { return seed_; }
   IpPlayoutFaultCounts Faults() const { return faults_.Counts(); }
   bool IsRtp() const { return settings_.params.ProtocolMode == IPPLAYOUT_RTP; }
@@ -89,10 +94,13 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
  private:
   void OnFrames() override { Transmitter().Request(*stream_); }
   void OnRoom() override { RequestFrames(); }
+  void OnFullLedger() override;
   void OnEnd(int error) override;
   void OnOver() override { owner_.OnRunEnd(end_error_.load()); }
 
   void LoadManagers();
+  Failure MakeStream(const StreamRules& rules, std::size_t longest_frame);
+  Failure OpenLedgerFile();
   void BuildFec(std::uint32_t headers, std::uint32_t payload_bytes);
   void SetRate(std::uint32_t payload_bytes, std::uint32_t datagram_bytes);
   StreamRules RulesFor(std::uint32_t payload_bytes) const;
@@ -106,6 +114,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   TimeMarks& marks_;
   Surroundings& surroundings_;
   Owner& owner_;
+  const std::string ledger_path_;
 
   // One of the two kinds of FEC datagrams.
   struct FecStream {
@@ -128,6 +137,8 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   Route route_;
   std::string sender_;  // of the destination, which may have been left
   std::unique_ptr<ScheduledStream> stream_;
+  std::unique_ptr<LedgerFile> ledger_file_;
+  bool is_launched_ = false;  // of who launches and withdraws
   std::unique_ptr<DatagramBuilder> builder_;
   std::array<std::unique_ptr<FecStream>, FecFeed::kKinds> fec_streams_;
   std::unique_ptr<FecFeed> fec_;

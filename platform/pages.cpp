@@ -5,11 +5,12 @@
 
 namespace ipplayout::platform {
 
-Pages::Pages(std::size_t size) : data_(nullptr), size_(size) {
+Pages::Pages(std::size_t size, When when) : data_(nullptr), size_(size) {
   if (size == 0) {
     return;
   }
-  void* block = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (when == When::kAtOnce ? MAP_POPULATE : 0);
+  void* block = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, flags, -1, 0);
   if (block != MAP_FAILED) {
     data_ = static_cast<std::uint8_t*>(block);
   }

@@ -10,7 +10,11 @@ namespace ipplayout::platform {
 // A block of zeroed, readable and writable pages, returned by the destructor.
 class Pages {
  public:
-  explicit Pages(std::size_t size);
+  // When the system finds the memory. The first touch of a page that comes later takes
+  // microseconds.
+  enum class When { kAsUsed, kAtOnce };
+
+  explicit Pages(std::size_t size, When when = When::kAsUsed);
   Pages(const Pages&) = delete;
   Pages& operator=(const Pages&) = delete;
   ~Pages();

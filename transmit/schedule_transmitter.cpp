@@ -276,6 +276,7 @@ void ScheduleTransmitter::End(ScheduledStream& stream, int error) {
   stream.timing.Discarded(stream.ring.Waiting());
   stamps_.Read();
   stamps_.Forget(stream);
+  stream.ledger.Settle();
   stream.listener.OnEnd(error);
 }
 
@@ -473,8 +474,7 @@ void ScheduleTransmitter::Record(Time begun, Time ended) {
   }
 }
 
-// Gives the frames back to their rings.
-void ScheduleTransmitter::LetGo() {
+void ScheduleTransmitter::AddToLedgers() {
   std::size_t sent = 0;
   for (std::size_t i = 0; i < taken_count_; ++i) {
     const Taken& taken = taken_[i];
@@ -489,11 +489,25 @@ void ScheduleTransmitter::LetGo() {
     if (stream.ledger.IsKept()) {
       const std::uint32_t did = frame.did | (left_out ? IPPLAYOUT_DID_LEAVE_OUT : 0) |
                                 (taken.error == 0 ? 0 : IPPLAYOUT_DID_REFUSE);
-      stream.ledger.Add({frame.datagram, frame.copy, did, frame.due.count(),
-                         left ? burst_[sent].due.count() : -1, frame.length, frame.rtp_sequence});
+      if (is_virtual_ && stream.ledger.IsFull()) {
+        stream.listener.OnFullLedger();
+      }
+      const std::uint32_t tag = left ? burst_[sent].tag : 0;
+      const std::uint64_t record = stream.ledger.Add(
+          {{frame.datagram, frame.copy, did, frame.due.count(),
+            left ? burst_[sent].due.count() : -1, frame.length, frame.rtp_sequence},
+           taken.place.count(),
+           -1},
+          FrameRing::BytesOf(frame), tag != 0);
+      stamps_.EnterRecord(tag, record);
     }
     sent += was_in_burst ? 1 : 0;
   }
+}
+
+// Gives the frames back to their rings.
+void ScheduleTransmitter::LetGo() {
+  AddToLedgers();
   for (std::size_t i = 0; i < taken_count_; ++i) {
     ScheduledStream& stream = *taken_[i].stream;
     if (stream.ring.ReleaseTaken()) {

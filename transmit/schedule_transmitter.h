@@ -91,6 +91,7 @@ class ScheduleTransmitter final : public OsaThread {
   bool TriesAgain(ScheduledStream& stream, const FrameSink::Result& result) const;
   void PutBack(std::size_t first);
   void Record(Time begun, Time ended);
+  void AddToLedgers();
   void LetGo();
 
   // What is due by then leaves now.

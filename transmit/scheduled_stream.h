@@ -17,11 +17,13 @@
 
 namespace ipplayout {
 
-// What a stream calls back. On the transmitter's thread: neither may block.
+// What a stream calls back. On the transmitter's thread: none may block, but for OnFullLedger.
 class StreamListener {
  public:
   // Half of the ring is free again.
   virtual void OnRoom() = 0;
+  // The ledger is full. Where time is virtual, so that nobody waits: this may take records.
+  virtual void OnFullLedger() {}
   // No further frame leaves: all have left, or with a system error number the destination refused
   // one. Once for each stream; the stream has left the schedule.
   virtual void OnEnd(int error) = 0;
@@ -43,10 +45,16 @@ struct StreamRules {
 struct ScheduledStream : platform::RequestNode {
   using Time = std::chrono::nanoseconds;
 
-  ScheduledStream(std::size_t ring_frames, std::size_t longest_frame, std::size_t ledger_frames,
+  // What the ledger keeps.
+  struct LedgerSize {
+    std::size_t frames = 0;
+    bool with_bytes = false;
+  };
+
+  ScheduledStream(std::size_t ring_frames, std::size_t longest_frame, LedgerSize ledger_size,
                   const StreamRules& stream_rules, FrameSink& to, StreamListener& told)
       : ring(ring_frames, longest_frame),
-        ledger(ledger_frames),
+        ledger(ledger_size.frames, ledger_size.with_bytes ? longest_frame : 0),
         rules(stream_rules),
         sink(to),
         listener(told),

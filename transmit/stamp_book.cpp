@@ -35,8 +35,15 @@ std::uint32_t StampBook::TagFor(ScheduledStream& stream, Time place) {
   if (entry.stream == nullptr) {
     ++outstanding_;
   }
-  entry = {last_tag_, &stream, place};
+  entry = {last_tag_, &stream, place, DepartureLedger::kNowhere};
   return last_tag_;
+}
+
+void StampBook::EnterRecord(std::uint32_t tag, std::uint64_t record) {
+  Entry& entry = entries_[tag % kMostTags];
+  if (tag != 0 && entry.tag == tag) {
+    entry.record = record;
+  }
 }
 
 void StampBook::Read() {
@@ -49,6 +56,7 @@ void StampBook::Read() {
         Entry& entry = entries_[departures[i].tag % kMostTags];
         if (entry.tag == departures[i].tag && entry.stream != nullptr) {
           entry.stream->timing.Stamped(departures[i].time - entry.place);
+          entry.stream->ledger.Stamp(entry.record, departures[i].time);
           entry.stream = nullptr;
           --outstanding_;
         }

@@ -9,13 +9,15 @@
 #include <vector>
 
 #include "driver/frame_sink.h"
+#include "transmit/departure_ledger.h"
 
 namespace ipplayout {
 
 struct ScheduledStream;
 
 // The transmitter's own. Asks for the stamps of some frames of each stream that wants them, not
-// more in a second than can be read beside the sending, and puts them into the streams' records.
+// more in a second than can be read beside the sending, and puts them into the streams' records and
+// ledgers.
 class StampBook {
  public:
   using Time = std::chrono::nanoseconds;
@@ -25,6 +27,9 @@ class StampBook {
 
   // A tag for a frame of a stream with its place in the schedule, or 0: not this one.
   std::uint32_t TagFor(ScheduledStream& stream, Time place);
+
+  // Where the ledger of its stream has the frame with this tag, if it is one.
+  void EnterRecord(std::uint32_t tag, std::uint64_t record);
 
   // Stamps may be there to be read.
   std::size_t Outstanding() const { return outstanding_; }
@@ -43,6 +48,7 @@ class StampBook {
     std::uint32_t tag = 0;
     ScheduledStream* stream = nullptr;
     Time place{0};
+    std::uint64_t record = DepartureLedger::kNowhere;
   };
 
   std::array<Entry, kMostTags> entries_{};

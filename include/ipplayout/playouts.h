@@ -120,7 +120,7 @@ typedef struct IpPlayoutSettings {
   int64_t LateAfterNs;    // 0 to 10^9; a millisecond by default
   uint32_t Precision;     // IPPLAYOUT_PRECISE or ..._ECONOMICAL, of what shares its destination
   uint32_t Stamps;        // 1: the kernel's time of departure, of up to 20,000 frames a second
-  uint32_t LedgerFrames;  // records that are kept for IpPlayoutReadLedger; 0 by default: none
+  uint32_t LedgerFrames;  // records that are kept until they are read; 0 by default: no ledger
 
   // Forward error correction (SMPTE ST 2022-1), RTP only: FecColumns (L) 1 to 20 by FecRows (D) 4
   // to 20, at most 100 in all; 0 columns: none. FEC leaves to the destination port + 2 for columns
@@ -167,7 +167,7 @@ typedef struct IpPlayoutTiming {
   int64_t StampP99Ns;
   int64_t StampP999Ns;
   int64_t StampMaxNs;
-  uint64_t LedgerLeftOut;  // records that a full ledger had no room for
+  uint64_t LedgerLeftOut;  // records that a full ledger, or its file, had no room for
   char Sender[32];         // "packet socket", "AF_XDP", "UDP socket" or "capture file"
 } IpPlayoutTiming;
 
@@ -229,6 +229,13 @@ typedef struct IpPlayoutRecord {
   uint32_t Bytes;        // Ethernet header to end of payload
   uint32_t RtpSequence;  // 0 to 65535; 0 for UDP
 } IpPlayoutRecord;
+
+// One frame with the times that it left by.
+typedef struct IpPlayoutDeparture {
+  IpPlayoutRecord Frame;  // DepartureNs is when the frame was given to the destination
+  int64_t PlaceNs;        // CLOCK_MONOTONIC: DueNs after the start, and later by ShiftNs
+  int64_t StampNs;        // CLOCK_MONOTONIC: the kernel's time of departure; -1 without one
+} IpPlayoutDeparture;
 
 #pragma GCC visibility push(default)
 #ifdef __cplusplus
@@ -317,8 +324,24 @@ int IpPlayoutGetTiming(IpPlayout* playout, IpPlayoutTiming* out);
 // a few bounds it makes a histogram.
 int IpPlayoutGetLateness(IpPlayout* playout, int64_t up_to_ns, uint64_t* frames, int64_t* sum_ns);
 
-// Takes up to `room` records of frames from the ledger, oldest first; `*taken` says how many.
+// Takes up to `room` records of frames from the ledger, oldest first; `*taken` says how many. Never
+// blocks, and never holds up the frames: a full ledger counts what it has no room for. With Stamps
+// a record shows when its stamp has come, or once it is clear that none comes, within a second of
+// the next frame.
 int IpPlayoutReadLedger(IpPlayout* playout, IpPlayoutRecord* out, size_t room, size_t* taken);
+
+// The same with more of each. A record is taken by one of the two.
+int IpPlayoutReadDepartures(IpPlayout* playout, IpPlayoutDeparture* out, size_t room,
+                            size_t* taken);
+
+// Has a thread of the library write the ledger of the next runs to a pcapng file, from which it is
+// then to be read: each frame with its time of departure in nanoseconds since 1970 (of a capture
+// file, since its start), the kernel's where there is one, and a comment that says how late it was,
+// by which of the two times, and what was done to it. Frames that did not leave are there at their
+// places. Room for LedgerFrames whole frames is kept, at most 2^30 bytes. An empty `path` or null:
+// no file. Between IpPlayoutConfigure, which forgets the path, and IpPlayoutStart. The file gets
+// its name with IpPlayoutStop or IpPlayoutClose, which report when it could not be written whole.
+int IpPlayoutWriteLedger(IpPlayout* playout, const char* path);
 
 // The seed of the current or last run; 0 before the first one.
 uint64_t IpPlayoutSeed(IpPlayout* playout);

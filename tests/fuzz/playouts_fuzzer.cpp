@@ -231,6 +231,10 @@ void Script::Configure(Slot& slot) {
   const bool null = input_.Number(1) % 64 == 9;
   Check(IpPlayoutConfigure(slot.playout, null ? nullptr : &settings),
         {IPPLAYOUT_BAD_VALUE, IPPLAYOUT_BAD_STATE}, "Configure");
+  static constexpr const char* kLedgers[] = {nullptr,     "",          "/dev/null",
+                                             "/dev/null", "/dev/full", "/nowhere/ledger.pcapng"};
+  Check(IpPlayoutWriteLedger(slot.playout, OneOf(input_, kLedgers)), {IPPLAYOUT_BAD_STATE},
+        "WriteLedger");
   if (settings.BitRate == 0) {
     Mark(slot.playout);
   }
@@ -296,6 +300,7 @@ void Script::Read(IpPlayout* playout) {
   PlayoutStatistics statistics;
   IpPlayoutTiming timing;
   std::array<IpPlayoutRecord, 32> records;
+  std::array<IpPlayoutDeparture, 32> departures;
   std::size_t taken = 0;
   switch (input_.Number(1) % 8) {
     case 0:
@@ -314,6 +319,11 @@ void Script::Read(IpPlayout* playout) {
     case 4:
       IpPlayoutEndEvent(playout);
       CountCall();
+      break;
+    case 5:
+      Check(IpPlayoutReadDepartures(playout, departures.data(), input_.Number(1) % 33, &taken),
+            {IPPLAYOUT_BAD_STATE}, "ReadDepartures");
+      Require(taken <= departures.size(), "no more departures than there is room for");
       break;
     default:
       Check(IpPlayoutReadLedger(playout, records.data(), input_.Number(1) % 33, &taken),

@@ -51,11 +51,13 @@ sound queues -DFAULT=0
 sound queues "-DFAULT=0 -DMOST=2"
 sound schedule "-DFAULT=0 -DDATA=1"
 safe schedule -DFAULT=0
+sound ledger -DFAULT=0
 if [ "${1:-}" = thorough ]; then
   sound ring "-DFAULT=0 -DRUNS=2"
   sound ring "-DFAULT=0 -DWRITES=2"
   sound queues "-DFAULT=0 -DMOST=3"
   sound schedule -DFAULT=0
+  sound ledger "-DFAULT=0 -DFRAMES=7 -DROOM=3"
 fi
 for fault in 1 2 3 4 5 6 7; do
   faulty ring $fault
@@ -63,4 +65,7 @@ for fault in 1 2 3 4 5 6 7; do
 done
 for fault in 1 2 3 4 5 6 7 8 9 10 11; do
   faulty schedule $fault
+done
+for fault in 1 2 3 4 5 6 7 8; do
+  faulty ledger $fault
 done

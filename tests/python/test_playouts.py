@@ -11,7 +11,7 @@ import time
 import ipplayout
 import pytest
 from conftest import packets
-from ipplayout import Did, Playout
+from ipplayout import BadDestination, BadState, BadValue, Did, Playout
 from playouts import read_pcapng
 
 GROUP = "239.1.1.1:5004"
@@ -108,6 +108,38 @@ def test_ledger_statistics_and_timing_agree(to_file, frames, stream):
     assert timing.on_time == len(frames()) == 1800
     assert (timing.sender, timing.stamps, timing.stamp_max_ns) == ("capture file", 0, None)
     assert timing.last_departure_ns == records[-1].departure_ns
+    assert [each.place_ns for each in records] == [each.due_ns for each in records]  # its start is the time 0
+    assert {each.stamp_ns for each in records} == {None}
+
+
+def test_ledger_goes_to_a_file_instead(to_file, frames, stream, tmp_path):
+    errors = {"ErrInsertionEnable": 1, "PacketLossEnabled": 1, "NumPacketLoss": 1, "PacketLossRange": 10}
+    path = tmp_path / "ledger.pcapng"
+    with to_file(ledger=50, **errors) as p:
+        p.write_ledger(path)
+        p.play(stream)
+        p.wait()
+        with pytest.raises(BadState, match="the ledger goes to its file"):
+            list(p.ledger())
+        assert not path.exists()
+        assert p.timing().ledger_left_out == 0
+    written = read_pcapng(path)
+    assert [each.frame for number, each in enumerate(written) if number % 10 > 0] == frames()
+    assert len(written) == 2000
+
+
+@pytest.mark.parametrize("frames_kept, path, kind, sentence", [
+    (0, "ledger.pcapng", BadState, "no ledger is kept; set LedgerFrames"),
+    (1 << 24, "ledger.pcapng", BadValue, r"LedgerFrames is 16777216, which takes \d+ bytes with whole frames; it can be up to 7"),
+    (9, "nowhere/ledger.pcapng", BadDestination, "nowhere/ledger.pcapng: cannot create the file: No such file"),
+])
+def test_ledger_files_that_are_refused(to_file, tmp_path, frames_kept, path, kind, sentence):
+    with to_file(ledger=frames_kept) as p:
+        with pytest.raises(kind, match=sentence):
+            p.write_ledger(tmp_path / path)
+            p.start()
+        p.stop()
+    assert not (tmp_path / "ledger.pcapng").exists()
 
 
 def test_times_are_none_before_a_departure(to_file):

@@ -13,8 +13,8 @@ import os
 from ctypes import POINTER, c_char_p, c_int, c_int64, c_size_t, c_ssize_t, c_uint32, c_uint64, c_void_p
 
 from .errors import BY_CODE, Error, NoResources, NotInstalled
-from .records import (IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutRecord, IpPlayoutSettings, IpPlayoutTiming,
-                      PlayoutStatistics)
+from .records import (IpPlayoutDeparture, IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutRecord,
+                      IpPlayoutSettings, IpPlayoutTiming, PlayoutStatistics)
 
 SONAME = "libipplayout.so.1"
 # Room for the settings of a library that has more of them than this package knows.
@@ -43,6 +43,8 @@ FUNCTIONS: dict[str, tuple[type | None, list[type]]] = {
     "GetTiming": (c_int, [c_void_p, POINTER(IpPlayoutTiming)]),
     "GetLateness": (c_int, [c_void_p, c_int64, POINTER(c_uint64), POINTER(c_int64)]),
     "ReadLedger": (c_int, [c_void_p, POINTER(IpPlayoutRecord), c_size_t, POINTER(c_size_t)]),
+    "ReadDepartures": (c_int, [c_void_p, POINTER(IpPlayoutDeparture), c_size_t, POINTER(c_size_t)]),
+    "WriteLedger": (c_int, [c_void_p, c_char_p]),
     "Seed": (c_uint64, [c_void_p]),
     "Error": (c_char_p, []),
 }

@@ -22,7 +22,7 @@ from typing import BinaryIO, Literal, NamedTuple, Union
 from . import addresses
 from ._library import library
 from .errors import BadPlayout, BadState, BadValue, Ended, Error, NoResources
-from .records import (FieldValue, IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutRecord, IpPlayoutSettings,
+from .records import (FieldValue, IpPlayoutDeparture, IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutSettings,
                       IpPlayoutTiming, PlayoutStatistics)
 
 Data = Union[bytes, bytearray, memoryview]
@@ -88,7 +88,8 @@ class Frame(NamedTuple):
     """A record of the ledger: one frame.
 
     ``due_ns`` is since the start, ``departure_ns`` is a point in time (of a file, of its virtual clock), or None
-    when the frame did not leave. ``bytes`` are from the Ethernet header to the end of the payload.
+    when the frame did not leave. ``bytes`` are from the Ethernet header to the end of the payload. ``place_ns`` is the
+    point in time at which it was to leave, ``stamp_ns`` the kernel's time of departure (``stamps=True``) or None.
     """
     datagram: int
     copy: int
@@ -97,6 +98,8 @@ class Frame(NamedTuple):
     departure_ns: int | None
     bytes: int
     rtp_sequence: int
+    place_ns: int
+    stamp_ns: int | None
 
 
 @dataclass(frozen=True)
@@ -482,13 +485,22 @@ class Playout:
 
     def ledger(self) -> Iterator[Frame]:
         """Takes the records of frames, oldest first, as many as there are by now (``ledger=`` says how many are kept)."""
-        records = (IpPlayoutRecord * LEDGER_ROOM)()
+        records = (IpPlayoutDeparture * LEDGER_ROOM)()
         taken = ctypes.c_size_t(LEDGER_ROOM)
         while taken.value > 0:
-            self._call("ReadLedger", records, LEDGER_ROOM, ctypes.byref(taken))
-            for each in records[:taken.value]:
+            self._call("ReadDepartures", records, LEDGER_ROOM, ctypes.byref(taken))
+            for record in records[:taken.value]:
+                each = record.Frame
                 departure = None if each.DepartureNs == -1 else each.DepartureNs
-                yield Frame(each.Datagram, each.Copy, Did(each.Did), each.DueNs, departure, each.Bytes, each.RtpSequence)
+                stamp = None if record.StampNs == -1 else record.StampNs
+                yield Frame(each.Datagram, each.Copy, Did(each.Did), each.DueNs, departure, each.Bytes, each.RtpSequence,
+                            record.PlaceNs, stamp)
+
+    def write_ledger(self, path: str | os.PathLike[str]) -> None:
+        """Has the ledger of the next runs written to a pcapng file instead of read: each frame with its time of
+        departure and a comment on what became of it. Before ``start()``; "" for no file. The file gets its name at the
+        end of the ``with`` block, or with ``stop()``."""
+        self._call("WriteLedger", os.fsencode(path))
 
     @property
     def seed(self) -> int:

@@ -465,6 +465,13 @@ class IpPlayoutRecord(Record):
 
 
 @record
+class IpPlayoutDeparture(Record):
+    Frame: IpPlayoutRecord
+    PlaceNs: i64
+    StampNs: i64
+
+
+@record
 class IpPlayoutOrder(Record):
     Number: u64
     What: u32

@@ -56,7 +56,7 @@ class Player final : private StreamListener {
  public:
   Player(std::uint8_t name, FrameSink& sink, const StreamRules& rules = {},
          std::size_t ledger_frames = 0)
-      : stream(16, 2, ledger_frames, rules, sink, *this), name_(name) {}
+      : stream(16, 2, {ledger_frames, true}, rules, sink, *this), name_(name) {}
 
   void Push(nanoseconds due, bool leaves = true) {
     const std::uint8_t bytes[] = {name_, next_};
@@ -96,6 +96,11 @@ class Player final : private StreamListener {
   std::atomic<int> rooms_{0};
   std::promise<int> ended_;
 };
+
+std::size_t Records(Player& player, std::span<IpPlayoutRecord> out) {
+  return TakeRecords(player.stream.ledger, out,
+                     [](const IpPlayoutDeparture& departure) { return departure.Frame; });
+}
 
 using Departures = std::vector<std::tuple<char, int, nanoseconds>>;  // name, frame, due
 
@@ -248,7 +253,7 @@ TEST_F(VirtualTime, ASinkThatIsFullHoldsUpNoOther) {
     EXPECT_EQ(a.Counts().shift, late == WhenLate::kShift ? microseconds(2500) : nanoseconds(0));
     EXPECT_GT(a.Counts().retries, 0U);
     std::array<IpPlayoutRecord, 8> records;
-    EXPECT_EQ(a.stream.ledger.Take(records), 6U);
+    EXPECT_EQ(Records(a, records), 6U);
     Remove(a);
     Remove(b);
   }
@@ -300,7 +305,7 @@ TEST_F(VirtualTime, ARefusedFrameEndsOnePlayoutAndNotItsNeighbours) {
       EXPECT_EQ(player->Counts().discarded, is_refused && ends ? 1U : 0U);
     }
     std::array<IpPlayoutRecord, 8> records;
-    ASSERT_EQ(b.stream.ledger.Take(records), ends ? 2U : 3U);
+    ASSERT_EQ(Records(b, records), ends ? 2U : 3U);
     EXPECT_EQ(records[0].DepartureNs, records[0].DueNs + a.Counts().first_departure.count());
     EXPECT_EQ(records[1].DepartureNs, -1);
     EXPECT_EQ(records[1].Did, std::uint32_t{IPPLAYOUT_DID_REFUSE});
@@ -337,7 +342,7 @@ TEST_F(VirtualTime, APlaceWithoutAFrameIsRecordedAndNotSent) {
   EXPECT_EQ(DeparturesAt(sink), (Departures{{'a', 0, milliseconds(0)}, {'a', 2, milliseconds(2)}}));
   EXPECT_EQ(a.Counts().on_time, 2U);
   std::array<IpPlayoutRecord, 8> records;
-  ASSERT_EQ(a.stream.ledger.Take(records), 3U);
+  ASSERT_EQ(Records(a, records), 3U);
   EXPECT_EQ(records[1].DepartureNs, -1);
   EXPECT_EQ(records[2].DepartureNs, 2'000'000);
 }

@@ -50,7 +50,8 @@ class StampBookTest : public testing::Test {
   ScheduledStream& NewStream(FrameSink& to, bool wants_stamps = true) {
     StreamRules rules;
     rules.wants_stamps = wants_stamps;
-    return *streams_.emplace_back(std::make_unique<ScheduledStream>(2, 2, 0, rules, to, listener_));
+    return *streams_.emplace_back(std::make_unique<ScheduledStream>(
+        2, 2, ScheduledStream::LedgerSize{16, false}, rules, to, listener_));
   }
 
   StampingSink sink;
@@ -61,11 +62,13 @@ class StampBookTest : public testing::Test {
   std::vector<std::unique_ptr<ScheduledStream>> streams_;
 };
 
-TEST_F(StampBookTest, PutsEachStampIntoTheRecordOfItsStream) {
+TEST_F(StampBookTest, PutsEachStampIntoTheRecordAndTheLedgerOfItsStream) {
   ScheduledStream& a = NewStream(sink);
   ScheduledStream& b = NewStream(sink);
   const auto of_a = book.TagFor(a, seconds(1));
   const auto of_b = book.TagFor(b, seconds(2));
+  book.EnterRecord(of_a, a.ledger.Add({}, {}, true));
+  book.EnterRecord(of_b, b.ledger.Add({}, {}, true));
   EXPECT_NE(of_a, 0U);
   EXPECT_NE(of_a, of_b);
   EXPECT_EQ(book.Outstanding(), 2U);
@@ -79,6 +82,9 @@ TEST_F(StampBookTest, PutsEachStampIntoTheRecordOfItsStream) {
   EXPECT_EQ(a.timing.Stamps().Maximum(), nanoseconds(10));
   EXPECT_EQ(b.timing.Stamps().Count(), 1U);
   EXPECT_EQ(b.timing.Stamps().Maximum(), microseconds(20));
+  ASSERT_TRUE(a.ledger.Front() != nullptr && b.ledger.Front() != nullptr);
+  EXPECT_EQ(a.ledger.Front()->StampNs, 1'000'000'010);
+  EXPECT_EQ(b.ledger.Front()->StampNs, 2'000'020'000);
 }
 
 TEST_F(StampBookTest, AsksForNoneWhereNoneIsWantedOrGiven) {
