@@ -39,6 +39,10 @@ std::optional<Failure> ScheduledPlayout::Configure(const IpPlayoutSettings& sett
   return Refusal(IpPlayoutConfigure(playout_.get(), &settings));
 }
 
+std::optional<Failure> ScheduledPlayout::WriteLedger(const std::string& path) {
+  return Refusal(IpPlayoutWriteLedger(playout_.get(), path.c_str()));
+}
+
 std::optional<Failure> ScheduledPlayout::Mark(std::uint64_t offset, Time time) {
   return Refusal(IpPlayoutMark(playout_.get(), offset, time.count()));
 }

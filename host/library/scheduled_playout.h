@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 
 #include "host/base/result.h"
 #include "ipplayout/playouts.h"
@@ -34,6 +35,9 @@ class ScheduledPlayout {
 
   // For the next start. Forgets what was written and marked before.
   std::optional<Failure> Configure(const IpPlayoutSettings& settings);
+
+  // Has the ledger of the next run, for which LedgerFrames are ordered, written to a pcapng file.
+  std::optional<Failure> WriteLedger(const std::string& path);
 
   // The byte at `offset` of what is written leaves at `time` after the start.
   std::optional<Failure> Mark(std::uint64_t offset, Time time);

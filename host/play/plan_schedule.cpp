@@ -28,6 +28,19 @@ void SetBuffer(const PlayOptions& options, const Decisions& decided, IpPlayoutSe
                                                                    : 0);
 }
 
+// Its file may be held up for as long, where that does not take too much memory.
+void SetLedger(const PlayOptions& options, const Decisions& decided, IpPlayoutSettings& schedule) {
+  constexpr double kLongestHold = 2;  // seconds
+  constexpr double kLeastFrames = 1024;
+  constexpr double kMostBytes = 64 << 20;
+  const double frames_per_second =
+      decided.rates.PayloadBytesPerSecond(decided.sizes) / decided.sizes.payload_bytes;
+  schedule.LedgerFrames =
+      static_cast<std::uint32_t>(std::clamp(frames_per_second * options.copies * kLongestHold,
+                                            kLeastFrames, kMostBytes / decided.sizes.frame_bytes));
+  schedule.Stamps = IPPLAYOUT_ON;
+}
+
 std::uint64_t DrawSeed() {
   std::random_device device;
   return std::uniform_int_distribution<std::uint64_t>(1, kMostSeed)(device);
@@ -55,6 +68,9 @@ IpPlayoutSettings ScheduleFor(const PlayOptions& options, const Path& path,
   }
   schedule.Seed = options.seed ? *options.seed : DrawSeed();
   ApplyFec(options, schedule);
+  if (!options.ledger.empty()) {
+    SetLedger(options, decided, schedule);
+  }
   SetBuffer(options, decided, schedule);
   return schedule;
 }

@@ -103,6 +103,7 @@ PlayOptions TwinOptions(const PlayOptions& options, std::uint64_t seed) {
       (twin.lose && twin.lose->range > 0) || (twin.delay && twin.delay->errors.range > 0);
   twin.random = options.random && has_places;
   twin.time_line.clear();
+  twin.ledger.clear();
   twin.seed = OtherSeed(seed);
   return twin;
 }

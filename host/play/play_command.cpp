@@ -61,15 +61,33 @@ void IntroduceTwin(const PlayOptions& options, const TwinPath& twin) {
   }
 }
 
-// Only the command line replaces files.
-std::optional<Failure> CheckFile(const CLI::App& app, const PlayOptions& options) {
+// Only the command line replaces files, and none replaces the input or another one that is written.
+std::optional<Failure> CheckFiles(const CLI::App& app, const PlayOptions& options) {
   const CLI::App& command = *app.get_subcommand("play");
-  const bool is_from_file = IsFromFile(app, command, "--into") || IsFromFile(app, command, "--to");
+  const struct {
+    const char* option;
+    const std::string& path;
+    bool is_from_file;
+  } kFiles[] = {
+      {"--into", options.into,
+       IsFromFile(app, command, "--into") || IsFromFile(app, command, "--to")},
+      {"--ledger", options.ledger, IsFromFile(app, command, "--ledger")},
+  };
   std::error_code ignored;
-  if (!options.into.empty() && is_from_file && std::filesystem::exists(options.into, ignored)) {
-    return UsageFailure(fmt::format(
-        "{} exists, and a configuration file replaces no other file; give it with --into",
-        QuotedLine(options.into)));
+  for (const auto& file : kFiles) {
+    if (!file.path.empty() && file.is_from_file && std::filesystem::exists(file.path, ignored)) {
+      return UsageFailure(
+          fmt::format("{} exists, and a configuration file replaces no other file; give it with {}",
+                      QuotedLine(file.path), file.option));
+    }
+  }
+  if (!options.ledger.empty() && options.ledger == options.into) {
+    return UsageFailure(fmt::format("--ledger {} is the file of --into; give another one",
+                                    QuotedLine(options.ledger)));
+  }
+  if (std::filesystem::equivalent(options.input, options.ledger, ignored)) {
+    return UsageFailure(
+        fmt::format("--ledger {} is INPUT; give another file", QuotedLine(options.ledger)));
   }
   return std::nullopt;
 }
@@ -109,7 +127,7 @@ std::optional<Failure> CompleteFurther(const PlayOptions& options, Prepared& pre
 }
 
 Result<int> Play(CLI::App& app, const PlayOptions& options) {
-  if (auto failure = CheckFile(app, options)) {
+  if (auto failure = CheckFiles(app, options)) {
     return *std::move(failure);
   }
   const Library library;

@@ -462,6 +462,12 @@ void DefineWords(OptionBuilder& add, PlayOptions& o) {
   add.Value("--control", o.control, "FILE", "a path",
             "Take orders as JSON lines from programs of this user on a socket at this path",
             ParseText);
+  add.Value("--ledger", o.ledger, "FILE", "a file whose name ends in .pcapng",
+            "Write each frame with the time at which it left, how late that was and what was done "
+            "to it to a pcapng file",
+            [](const std::string& text) {
+              return text.ends_with(".pcapng") ? std::optional(text) : std::nullopt;
+            });
   add.Value("--write-config", o.write_config, "FILE", "a file",
             "Write all options to FILE, which --config reads", ParseText)
       ->configurable(false);

@@ -119,6 +119,7 @@ struct PlayOptions {
   bool dry_run = false;
   std::string write_config;
   std::string control;  // path of a socket
+  std::string ledger;   // a capture file of what became of each frame
 
   bool WantsJson() const { return json || json_stats; }
 };

@@ -144,6 +144,7 @@ std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
                   {"--start-at", options.start_at.has_value()},
                   {"--wait-link", options.wait_link},
                   {"--seed", options.seed.has_value()},
+                  {"--ledger", !options.ledger.empty()},
                   {needs_schedule.value_or(""), needs_schedule.has_value()}};
   for (const auto& option : kOptions) {
     if (option.is_given) {

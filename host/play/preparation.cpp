@@ -88,6 +88,7 @@ Result<Output> PrepareFurther(const PlayOptions& options, const PlayOptions::Pla
   own.to = place.to;
   own.into = place.into;
   own.also_to.clear();
+  own.ledger.clear();
   if (!own.into.empty()) {
     own.start_at.reset();  // the times in a file count from the start
   }

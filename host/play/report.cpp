@@ -170,6 +170,14 @@ std::string TimingText(const IpPlayoutTiming& timing) {
   return text + fmt::format("  gap        {} at most\n", time(timing.LongestGapNs));
 }
 
+std::string LedgerText(const PlayOptions& options, const IpPlayoutTiming& timing) {
+  const std::string left_out = timing.LedgerLeftOut == 0
+                                   ? ""
+                                   : fmt::format(", without {} frames that it had no room for",
+                                                 FormatCount(timing.LedgerLeftOut));
+  return fmt::format("  ledger     {}{}\n", QuotedLine(options.ledger), left_out);
+}
+
 std::string LatenessWords(const std::optional<IpPlayoutTiming>& timing) {
   return timing && timing->LatenessMaxNs >= 0
              ? fmt::format("late by up to {}", FormatDuration(nanoseconds(timing->LatenessMaxNs)))
@@ -367,6 +375,9 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   if (status.timing) {
     text += TimingText(*status.timing);
   }
+  if (status.timing && !options.ledger.empty()) {
+    text += LedgerText(options, *status.timing);
+  }
   for (const OutputStatus& output : status.outputs) {
     const std::string late = LatenessWords(output.timing);
     text += fmt::format("  also to    {}: {} datagrams{}{}\n",
@@ -443,6 +454,9 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   }
   if (status.timing && status.timing->LatenessMaxNs >= 0) {
     json["departures"] = DeparturesJson(*status.timing);
+  }
+  if (status.timing && !options.ledger.empty()) {
+    json["ledger"] = {{"file", options.ledger}, {"left_out", status.timing->LedgerLeftOut}};
   }
   for (const OutputStatus& output : status.outputs) {
     json["outputs"].push_back(OutputJson(output));

@@ -23,6 +23,11 @@ std::optional<std::string> ScheduledPlaying::Configure() {
   if (auto failure = playout_.Configure(plan_.schedule)) {
     return failure->message;
   }
+  if (!options_.ledger.empty()) {
+    if (auto failure = playout_.WriteLedger(options_.ledger)) {
+      return failure->message;
+    }
+  }
   is_configured_ = true;
   for (const IpPlayoutOrder& order : before_start_) {
     if (auto failure = playout_.Order(order)) {
