@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
 // What the data pump does to one frame of 1,370 bytes: payload out of the ring, headers and
 // checksums of all layers, time stamp and queueing. The adapter below takes everything at no cost.
+// And what a playout of the many does.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <vector>
 
 #include "control/datagram_layout.h"
 #include "control/header_chain.h"
+#include "ipplayout/playouts.h"
 #include "payload/data_buffer.h"
 #include "payload/error_insertion_manager.h"
 #include "payload/fec_feed.h"
@@ -188,6 +191,45 @@ BENCHMARK_CAPTURE(FecPath, columns, false)
     ->Args({20, 5})
     ->Args({5, 20});
 BENCHMARK_CAPTURE(FecPath, rows_too, true)->Args({5, 4})->Args({10, 5})->Args({5, 20});
+
+enum class Ledger { kNone, kRecords, kFile };
+
+// All that a playout of the many takes for a frame: builder and transmitter in virtual time,
+// written to nowhere, with or without a ledger. The time is that of all threads.
+void SchedulePath(benchmark::State& state, Ledger ledger) {
+  constexpr std::uint32_t kDatagrams = 20'000;
+  const std::vector<std::uint8_t> data(std::size_t{kPayload} * 100, 0x47);
+  IpPlayoutSettings settings;
+  IpPlayoutDefaults(&settings);
+  settings.To = IPPLAYOUT_TO_FILE;
+  std::snprintf(settings.Destination, sizeof settings.Destination, "/dev/null");
+  settings.BitRate = 100;
+  settings.LedgerFrames = ledger == Ledger::kNone ? 0 : kDatagrams;
+  IpPlayout* const playout = IpPlayoutOpen();
+  for (auto _ : state) {
+    state.PauseTiming();
+    IpPlayoutConfigure(playout, &settings);
+    IpPlayoutWriteLedger(playout, ledger == Ledger::kFile ? "/dev/null" : nullptr);
+    IpPlayoutStart(&playout, 1, 0);
+    state.ResumeTiming();
+    for (std::uint32_t i = 0; i < kDatagrams; i += 100) {
+      IpPlayoutWrite(playout, data.data(), data.size());
+    }
+    IpPlayoutEnd(playout);
+    if (IpPlayoutWait(playout, -1) != IPPLAYOUT_DONE) {
+      state.SkipWithError(IpPlayoutError());
+      break;
+    }
+    IpPlayoutStop(playout);
+  }
+  IpPlayoutClose(playout);
+  state.counters["ns_per_frame"] = benchmark::Counter(
+      kDatagrams, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+BENCHMARK_CAPTURE(SchedulePath, no_ledger, Ledger::kNone)->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(SchedulePath, records, Ledger::kRecords)->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(SchedulePath, file, Ledger::kFile)->MeasureProcessCPUTime();
 
 void UdpChecksum(benchmark::State& state) {
   const std::vector<std::uint8_t> datagram(kFrame - 34 + 12, 0xA5);
