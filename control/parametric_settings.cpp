@@ -26,10 +26,14 @@ void LoadParametricSettings(CZebParametricManager& manager, const ParametricSett
   manager.SetBurstMode(settings.BurstMode == IPPLAYOUT_ON ? 1 : 0);
   manager.SetBurstPeriod(settings.BurstPeriod);
   manager.SetBurstSize(settings.BurstSize);
-  manager.SetJitterEnabled(settings.JitterEnabled == IPPLAYOUT_ON ? 1 : 0);
   if (settings.BurstValueType <= IPPLAYOUT_BURST_BY_SIZE) {
     manager.SetBurstValueType(settings.BurstValueType);
   }
+  LoadJitter(manager, settings);
+}
+
+void LoadJitter(CZebParametricManager& manager, const ParametricSettings& settings) {
+  manager.SetJitterEnabled(settings.JitterEnabled == IPPLAYOUT_ON ? 1 : 0);
   manager.SetDistributionType(DistributionType(settings.JitterDistributionType));
   manager.SetJitterPeriod(settings.JitterPeriod);
   manager.SetSquareCycleLength(2);

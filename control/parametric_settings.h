@@ -8,5 +8,7 @@
 namespace ipplayout {
 
 void LoadParametricSettings(CZebParametricManager& manager, const ParametricSettings& settings);
+// Jitter alone, in mid-run too.
+void LoadJitter(CZebParametricManager& manager, const ParametricSettings& settings);
 
 }  // namespace ipplayout

@@ -174,6 +174,13 @@ int IpPlayoutOrderFault(IpPlayout* playout, const IpPlayoutOrder* order) {
   });
 }
 
+int IpPlayoutChange(IpPlayout* playout, const IpPlayoutSettings* settings, double speed,
+                    int64_t at_ns) {
+  return OnPlayout(playout, [&](ScheduledPlayout& p) {
+    return settings == nullptr ? NullPointer("settings") : p.Change(*settings, speed, at_ns);
+  });
+}
+
 int IpPlayoutDamage(IpPlayout* playout, uint32_t what, uint32_t count) {
   return OnPlayout(playout, [&](ScheduledPlayout& p) -> Failure {
     if (count == 0) {

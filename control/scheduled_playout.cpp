@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "control/playout_rules.h"
+#include "control/value_checks.h"
 #include "platform/clock.h"
 
 namespace ipplayout {
@@ -139,7 +140,7 @@ Failure ScheduledPlayout::Mark(std::uint64_t offset, std::int64_t time_ns) {
   if (input == nullptr) {
     return NotConfigured();
   }
-  if (input->has_rate) {
+  if (input->ordered.BitRate > 0) {
     return {IPPLAYOUT_BAD_STATE, "the playout has a BitRate; marks need a BitRate of 0"};
   }
   if (time_ns < 0 || nanoseconds(time_ns) > TimeMarks::kLatest) {
@@ -182,8 +183,9 @@ Failure ScheduledPlayout::Prepare() {
   }
   std::shared_ptr<Input> input = ShareInput();
   ScheduledRun::Owner& owner = *this;
-  auto run = std::make_shared<ScheduledRun>(*settings_, input->ring, input->marks, input->orders,
-                                            surroundings_, owner, ledger_path_);
+  auto run = std::make_shared<ScheduledRun>(
+      *settings_, ScheduledRun::Sources{input->ring, input->marks, input->orders, input->changes},
+      surroundings_, owner, ledger_path_);
   if (Failure failure = run->Prepare()) {
     return failure;
   }
@@ -426,6 +428,34 @@ Failure ScheduledPlayout::Order(const IpPlayoutOrder& order) {
     return {IPPLAYOUT_NO_RESOURCES,
             std::to_string(FaultOrders::kMost) +
                 " orders wait already; IpPlayoutGetFaults says when there are fewer"};
+  }
+  return {};
+}
+
+Failure ScheduledPlayout::Change(const IpPlayoutSettings& settings, double speed,
+                                 std::int64_t at_ns) {
+  constexpr double kMostSpeed = 1000;
+  const std::shared_ptr<Input> input = ShareInput();
+  if (input == nullptr) {
+    return NotConfigured();
+  }
+  if (input->ring.HasNoReader()) {
+    return Over();
+  }
+  IpPlayoutSettings changed = input->ordered;
+  changed.Size = settings.Size;
+  changed.Errors = settings.Errors;
+  changed.Faults = settings.Faults;
+  changed.Parametric = settings.Parametric;
+  if (Failure failure = CheckSettings(changed)) {
+    return failure;
+  }
+  if (!(speed >= 1 / kMostSpeed && speed <= kMostSpeed)) {
+    return Refuse("speed", Text(speed), "0.001 to 1000");
+  }
+  if (!input->changes.Add({at_ns, speed, changed.Faults, changed.Errors, changed.Parametric})) {
+    return {IPPLAYOUT_NO_RESOURCES, std::to_string(RunChanges::kMost) +
+                                        " changes wait already; give more once some of them hold"};
   }
   return {};
 }

@@ -16,6 +16,7 @@
 #include "control/scheduled_run.h"
 #include "ipplayout/playouts.h"
 #include "payload/data_buffer.h"
+#include "payload/run_changes.h"
 #include "payload/time_marks.h"
 #include "platform/host_event.h"
 #include "platform/mutex.h"
@@ -55,6 +56,8 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   Failure Pause(bool on);
   Failure Stop();
   Failure Order(const IpPlayoutOrder& order);
+  // Of `settings` errors, faults and jitter are taken.
+  Failure Change(const IpPlayoutSettings& settings, double speed, std::int64_t at_ns);
   Failure ReadDone(IpPlayoutDone* out, std::size_t room, std::size_t& taken);
 
   Failure GetStatistics(PlayoutStatistics& out);
@@ -71,13 +74,14 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   // What a host writes to; exchanged by Configure and Stop.
   struct Input {
     explicit Input(const IpPlayoutSettings& settings)
-        : has_rate(settings.BitRate > 0), ring(settings.RingBytes), orders_of(settings) {}
+        : ordered(settings), ring(settings.RingBytes), orders_of(settings) {}
 
-    const bool has_rate;
+    const IpPlayoutSettings ordered;
     CIPDataBuffer ring;
     TimeMarks marks;
     const OrderRules orders_of;
     FaultOrders orders;
+    RunChanges changes;
     std::atomic<std::uint64_t> written{0};
   };
 

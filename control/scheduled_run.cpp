@@ -71,20 +71,21 @@ PlayoutSettings ForFec(const IpPlayoutSettings& ordered, const PlayoutSettings& 
 
 }  // namespace
 
-ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source,
-                           TimeMarks& marks, FaultOrders& orders, Surroundings& surroundings,
-                           Owner& owner, const std::string& ledger_path)
+ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, const Sources& sources,
+                           Surroundings& surroundings, Owner& owner,
+                           const std::string& ledger_path)
     : ordered_(settings),
       seed_(settings.Seed != 0 ? settings.Seed : platform::DrawSeed()),
       random_(seed_),
       settings_(ToPlayoutSettings(settings, random_)),
-      source_(source),
-      marks_(marks),
+      source_(sources.data),
+      marks_(sources.marks),
+      changes_(sources.changes),
       surroundings_(surroundings),
       owner_(owner),
       ledger_path_(ledger_path),
       errors_(settings_.params.ProtocolMode, random_),
-      faults_(orders, errors_, random_),
+      faults_(sources.orders, errors_, random_),
       clock_(settings.FirstRtpTimestamp) {}
 
 // Lets go of what a start had that was refused half-way.
@@ -131,7 +132,7 @@ Failure ScheduledRun::Prepare() {
   builder_rules.copies_share_time = ordered_.CopiesShareTime == IPPLAYOUT_ON;
   builder_rules.rtp_sequence_offset = IsRtp() ? rtp_offset + kSequenceInRtp : 0;
   builder_ = std::make_unique<DatagramBuilder>(
-      BuilderParts{source_, marks_, errors_, faults_, replication_, parametric_, clock_,
+      BuilderParts{source_, marks_, changes_, errors_, faults_, replication_, parametric_, clock_,
                    statistics_, stream_->ring, stream_->all_built, has_left_, *this},
       builder_rules);
   chain_.Build(settings_, &errors_, &replication_, builder_.get(), &clock_);
@@ -153,7 +154,10 @@ Failure ScheduledRun::MakeStream(const StreamRules& rules, std::size_t longest_f
                 std::to_string(ledger_bytes) + " bytes with whole frames; it can be up to " +
                 std::to_string(kMostLedgerBytes / (ledger_bytes / ordered_.LedgerFrames))};
   }
-  const double ahead = std::clamp(rules.frames_per_second * kBuiltAhead, kLeastBuilt, kMostBuilt);
+  // A burst that is not built when it begins does not leave back to back.
+  const double bursts = parametric_.IsBurstMode() != 0 ? 2.0 * parametric_.GetBurstCount() : 0;
+  const double ahead =
+      std::clamp(std::max(rules.frames_per_second * kBuiltAhead, bursts), kLeastBuilt, kMostBuilt);
   StreamListener& listener = *this;
   stream_ = std::make_unique<ScheduledStream>(
       static_cast<std::size_t>(ahead), longest_frame,
@@ -282,6 +286,12 @@ void ScheduledRun::OnFullLedger() {
 void ScheduledRun::Pause(bool on) {
   stream_->wants_pause.store(on);
   Transmitter().Request(*stream_);
+}
+
+void ScheduledRun::OnChange(const RunChange& change) {
+  errors_.Reschedule(change.errors);
+  faults_.Configure(change.faults, change.errors.RandomizeErrors != 0);
+  LoadJitter(parametric_, change.parametric);
 }
 
 void ScheduledRun::OnEnd(int error) {

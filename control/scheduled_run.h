@@ -20,6 +20,7 @@
 #include "payload/error_insertion_manager.h"
 #include "payload/fault_insertion.h"
 #include "payload/fault_orders.h"
+#include "payload/run_changes.h"
 #include "payload/run_statistics.h"
 #include "payload/time_marks.h"
 #include "platform/random.h"
@@ -54,11 +55,17 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
     ~Owner() = default;
   };
 
-  // `source`, `marks` and `orders` outlive the run, which is the only one to read from them. An
-  // empty `ledger_path` leaves the ledger to others.
-  ScheduledRun(const IpPlayoutSettings& settings, CIPDataBuffer& source, TimeMarks& marks,
-               FaultOrders& orders, Surroundings& surroundings, Owner& owner,
-               const std::string& ledger_path);
+  // What it reads from outlives the run, which is the only one to do so.
+  struct Sources {
+    CIPDataBuffer& data;
+    TimeMarks& marks;
+    FaultOrders& orders;
+    RunChanges& changes;
+  };
+
+  // An empty `ledger_path` leaves the ledger to others.
+  ScheduledRun(const IpPlayoutSettings& settings, const Sources& sources,
+               Surroundings& surroundings, Owner& owner, const std::string& ledger_path);
   ScheduledRun(const ScheduledRun&) = delete;
   ScheduledRun& operator=(const ScheduledRun&) = delete;
   ~ScheduledRun();
@@ -96,6 +103,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   void OnRoom() override { RequestFrames(); }
   void OnFullLedger() override;
   void OnEnd(int error) override;
+  void OnChange(const RunChange& change) override;
   void OnOver() override { owner_.OnRunEnd(end_error_.load()); }
 
   void LoadManagers();
@@ -112,6 +120,7 @@ class ScheduledRun final : public FrameTaker, private StreamListener {
   const PlayoutSettings settings_;
   CIPDataBuffer& source_;
   TimeMarks& marks_;
+  RunChanges& changes_;
   Surroundings& surroundings_;
   Owner& owner_;
   const std::string ledger_path_;

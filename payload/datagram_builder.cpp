@@ -117,16 +117,33 @@ DatagramBuilder::Step DatagramBuilder::ReadPayload() {
 
 // Where nothing lies between this datagram and the next the time of the next one is not needed.
 bool DatagramBuilder::FindTimes() {
-  if (!due_) {
-    due_ = parts_.marks.At(offset_);
+  if (!due_ && !FindDue()) {
+    return false;
   }
-  if (due_ && !after_) {
-    const bool is_needed =
-        copies_ > 1 || has_jitter_ || fec_ != nullptr || parts_.faults.ClosesHoles();
-    after_ =
-        is_needed ? parts_.marks.At(offset_ + frame_.Length() - rules_.shape.header_room) : due_;
+  const bool is_needed =
+      copies_ > 1 || has_jitter_ || fec_ != nullptr || parts_.faults.ClosesHoles();
+  if (!after_ && !is_needed) {
+    after_ = due_;
+  } else if (!after_) {
+    const auto scheduled = parts_.marks.At(offset_ + frame_.Length() - rules_.shape.header_room);
+    after_ = scheduled ? std::optional(speed_.Map(*scheduled)) : std::nullopt;
   }
-  return due_ && after_;
+  return after_.has_value();
+}
+
+// And takes what was changed from then on.
+bool DatagramBuilder::FindDue() {
+  const auto scheduled = parts_.marks.At(offset_);
+  if (!scheduled) {
+    return false;
+  }
+  due_ = speed_.Map(*scheduled);
+  if (const auto change = parts_.changes.TakeDue(*due_)) {
+    speed_.Bend(*scheduled, change->speed);
+    parts_.taker.OnChange(*change);
+    has_jitter_ = parts_.parameters.IsJitterEnabled() != 0;
+  }
+  return true;
 }
 
 std::span<std::uint8_t> DatagramBuilder::Payload() {

@@ -14,6 +14,7 @@
 #include "payload/error_insertion_manager.h"
 #include "payload/fault_insertion.h"
 #include "payload/fec_feed.h"
+#include "payload/run_changes.h"
 #include "payload/run_statistics.h"
 #include "payload/time_marks.h"
 #include "platform/request_stack.h"
@@ -34,6 +35,9 @@ class FrameTaker {
   // The run is over, as has_left says: by the builder's thread, so that the taker's waits for
   // nobody. Once.
   virtual void OnOver() = 0;
+  // From the next datagram on the run is to be as changed, but for the speed. By the builder's
+  // thread.
+  virtual void OnChange(const RunChange& change) = 0;
 
  protected:
   ~FrameTaker() = default;
@@ -43,6 +47,7 @@ class FrameTaker {
 struct BuilderParts {
   CIPDataBuffer& source;
   TimeMarks& marks;
+  RunChanges& changes;
   CErrorInsertionManager& errors;
   FaultInsertion& faults;
   CReplicationMgrBase& replication;
@@ -94,6 +99,7 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   Step BeginDatagram();
   Step ReadPayload();
   bool FindTimes();
+  bool FindDue();
   std::span<std::uint8_t> Payload();
   void EndFirstCopy();
   void SendCopy();
@@ -126,8 +132,9 @@ class DatagramBuilder final : public Sender, public platform::RequestNode {
   bool out_of_memory_ = false;
   const std::int64_t copies_;
   const std::uint32_t burst_frames_;  // 1: no bursts
-  const bool has_jitter_;
+  bool has_jitter_;
   std::int64_t copy_ = 0;
+  SpeedLine speed_;            // of the schedule
   std::optional<Time> due_;    // of the datagram in hand
   std::optional<Time> after_;  // of the one behind it
   std::uint64_t frame_count_ = 0;

@@ -33,8 +33,12 @@ __attribute__((no_sanitize("thread"))) bool CErrorInsertionManager::SequenceErro
 void CErrorInsertionManager::Configure(ErrorInsertion settings) {
   ClearDecisions();
   ClearStatistics();
-  settings_ = settings;
   current_index_ = 0;
+  Reschedule(settings);
+}
+
+void CErrorInsertionManager::Reschedule(const ErrorInsertion& settings) {
+  settings_ = settings;
   const bool randomize = settings.RandomizeErrors != 0;
   const auto count_if = [&settings](std::uint32_t kind_enabled, std::uint32_t count) {
     return settings.ErrInsertionEnable != 0 && kind_enabled != 0 ? count : 0;

@@ -30,6 +30,9 @@ class CErrorInsertionManager final : public CErrorManagerBase {
   CErrorInsertionManager(const std::uint32_t& protocol_mode, platform::Random& random);
 
   void Configure(ErrorInsertion settings) override;
+  // The same in mid-run, by the pump thread between two datagrams: what was counted, requested and
+  // held back stays.
+  void Reschedule(const ErrorInsertion& settings);
   void Reset() override;
   void PrepareForPacket(std::uint64_t index) override;
   std::uint32_t IsPacketLoss(std::int32_t consume) override;

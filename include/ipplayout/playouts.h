@@ -310,6 +310,16 @@ int IpPlayoutOrderFault(IpPlayout* playout, const IpPlayoutOrder* order);
 // The same, from the next datagram on.
 int IpPlayoutDamage(IpPlayout* playout, uint32_t what, uint32_t count);
 
+// Changes a playout from IpPlayoutConfigure on, also while it runs: with the first datagram that is
+// due `at_ns` since the start or later, and that is not built yet. Of `settings` Errors, Faults and
+// the jitter of Parametric hold from then on, all of them; the rest is not read. N of every RANGE
+// datagrams are counted from the first datagram of the stream; at random places they begin with the
+// next range. The schedule goes on from that datagram at `speed`, 0.001 to 1,000, where 1 is as
+// BitRate or the marks say; what is due at a time, as orders are, is so by the schedule as played.
+// Up to 256 wait at a time; a stop forgets them.
+int IpPlayoutChange(IpPlayout* playout, const IpPlayoutSettings* settings, double speed,
+                    int64_t at_ns);
+
 // Takes up to `room` reports of orders that were carried out, oldest first; the last 4,096 are
 // kept. An order that the end of the stream cut short is reported with what it was done to.
 int IpPlayoutReadDone(IpPlayout* playout, IpPlayoutDone* out, size_t room, size_t* taken);

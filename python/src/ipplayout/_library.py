@@ -10,7 +10,7 @@ from __future__ import annotations
 import ctypes
 import functools
 import os
-from ctypes import POINTER, c_char_p, c_int, c_int64, c_size_t, c_ssize_t, c_uint32, c_uint64, c_void_p
+from ctypes import POINTER, c_char_p, c_double, c_int, c_int64, c_size_t, c_ssize_t, c_uint32, c_uint64, c_void_p
 
 from .errors import BY_CODE, Error, NoResources, NotInstalled
 from .records import (IpPlayoutDeparture, IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutRecord,
@@ -36,6 +36,7 @@ FUNCTIONS: dict[str, tuple[type | None, list[type]]] = {
     "Pause": (c_int, [c_void_p, c_uint32]),
     "Stop": (c_int, [c_void_p]),
     "OrderFault": (c_int, [c_void_p, POINTER(IpPlayoutOrder)]),
+    "Change": (c_int, [c_void_p, POINTER(IpPlayoutSettings), c_double, c_int64]),
     "ReadDone": (c_int, [c_void_p, POINTER(IpPlayoutDone), c_size_t, POINTER(c_size_t)]),
     "GetFaults": (c_int, [c_void_p, POINTER(IpPlayoutFaultCounts)]),
     "Damage": (c_int, [c_void_p, c_uint32, c_uint32]),

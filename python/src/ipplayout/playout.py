@@ -419,6 +419,14 @@ class Playout:
         """
         self._call("OrderFault", ctypes.byref(IpPlayoutOrder(number, what, count, amount, 0, at_ns, length_ns)))
 
+    def change(self, *, speed: float = 1.0, at_ns: int = 0) -> None:
+        """Lets what ``settings`` now has in Errors, Faults and the jitter of Parametric hold, from the first datagram on
+        that is due at ``at_ns`` since the start, or later, and not built yet.
+
+        What follows is played at ``speed``, where 1 is as the bit rate or the marks say.
+        """
+        self._call("Change", ctypes.byref(self.settings), speed, at_ns)
+
     def done(self) -> Iterator[Done]:
         """Takes the reports of orders that were carried out, oldest first, as many as there are by now."""
         records = (IpPlayoutDone * LEDGER_ROOM)()
