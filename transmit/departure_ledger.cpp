@@ -2,7 +2,6 @@
 #include "transmit/departure_ledger.h"
 
 #include <cstring>
-#include <new>
 
 namespace ipplayout {
 namespace {
@@ -34,10 +33,11 @@ std::uint64_t DepartureLedger::Add(const IpPlayoutDeparture& departure,
     left_out_.store(left_out_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return kNowhere;
   }
-  auto* const slot = ::new (&At(added_)) IpPlayoutDeparture(departure);
-  slot->StampNs = awaits_stamp ? kAwaited : -1;
+  IpPlayoutDeparture& slot = At(added_);
+  slot = departure;
+  slot.StampNs = awaits_stamp ? kAwaited : -1;
   if (frame_bytes_ != 0) {
-    std::memcpy(slot + 1, frame.data(), frame.size());
+    std::memcpy(&slot + 1, frame.data(), frame.size());
   }
   const bool is_next = settled_.load(std::memory_order_relaxed) == added_;
   ++added_;
