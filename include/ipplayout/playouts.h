@@ -337,7 +337,7 @@ int IpPlayoutGetLateness(IpPlayout* playout, int64_t up_to_ns, uint64_t* frames,
 // Takes up to `room` records of frames from the ledger, oldest first; `*taken` says how many. Never
 // blocks, and never holds up the frames: a full ledger counts what it has no room for. With Stamps
 // a record shows when its stamp has come, or once it is clear that none comes, within a second of
-// the next frame.
+// the next frame. Frames that a stop discards have none.
 int IpPlayoutReadLedger(IpPlayout* playout, IpPlayoutRecord* out, size_t room, size_t* taken);
 
 // The same with more of each. A record is taken by one of the two.

@@ -65,7 +65,7 @@ class Recipes(PlayCase):
 
     def test_recipes(self):
         found = recipes(text_of("docs", "recipes.md"))
-        self.assertEqual(len(found), 9)
+        self.assertEqual(len(found), 10)
         endless = "Endless loop as an unprivileged user"
         many = "Many channels from one file"
         with self.subTest(many), open(os.path.join(self.folder.name, "channels.toml"), "w", encoding="utf-8") as lineup:
@@ -216,7 +216,7 @@ class Json(PlayCase):
                               ("ipplay devices --json", [("devices", "--json")]),
                               ("ipplay play --json", [("play", SAMPLE, *target, "--to", self.path("also.pcapng"),
                                                        "--to", "rtp://127.0.0.1:5000"),
-                                                      ("play", SAMPLE, *target, *faults),
+                                                      ("play", SAMPLE, *target, *faults, "--ledger", self.path("ledger.pcapng")),
                                                       ("play", varying, *target), ("play", "-", *target),
                                                       ("play", SAMPLE, *target, "--twin", "rtp://239.1.1.2:5004")])):
             with self.subTest(command):
