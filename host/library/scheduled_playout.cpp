@@ -106,6 +106,11 @@ std::optional<Failure> ScheduledPlayout::Order(const IpPlayoutOrder& order) {
   return Refusal(IpPlayoutOrderFault(playout_.get(), &order));
 }
 
+std::optional<Failure> ScheduledPlayout::Change(const IpPlayoutSettings& settings, double speed,
+                                                Time at) {
+  return Refusal(IpPlayoutChange(playout_.get(), &settings, speed, at.count()));
+}
+
 std::size_t ScheduledPlayout::ReadDone(std::span<IpPlayoutDone> out) {
   std::size_t taken = 0;
   IpPlayoutReadDone(playout_.get(), out.data(), out.size(), &taken);

@@ -64,6 +64,9 @@ class ScheduledPlayout {
   std::optional<Failure> Pause(bool on);
   // From Configure on; carried out when it says.
   std::optional<Failure> Order(const IpPlayoutOrder& order);
+  // Errors, faults and jitter of `settings` hold from `at` on, and what follows is played at this
+  // speed.
+  std::optional<Failure> Change(const IpPlayoutSettings& settings, double speed, Time at);
   // Takes the oldest reports of what was done, and says how many.
   std::size_t ReadDone(std::span<IpPlayoutDone> out);
   IpPlayoutFaultCounts Faults() const;

@@ -12,13 +12,31 @@ using nlohmann::json;
 
 constexpr const char* kAllowed =
     "give {\"do\": ACTION} with status, lose[:N], delay[:D], duplicate[:N], corrupt[:BITS], "
-    "bad-ip-checksum[:N], bad-udp-checksum[:N], break:TIME, pause[:TIME], resume or stop";
+    "bad-ip-checksum[:N], bad-udp-checksum[:N], break:TIME, pause[:TIME], resume or stop; or "
+    "{\"do\": \"rate\", \"bitrate\": \"5M\"}, or jitter or errors with values of the options";
 
 // A client's own number or text comes back as it is; anything else does not.
 std::string IdOf(const json& object) {
   const auto id = object.find("id");
   const bool is_plain = id != object.end() && (id->is_number_integer() || id->is_string());
   return is_plain ? id->dump(-1, ' ', true, json::error_handler_t::replace) : "";
+}
+
+// Values as on the command line: a text, or a number.
+std::variant<Action, ChangeRequest, AskStatus, std::string> ParseChange(const std::string& what,
+                                                                        const json& object) {
+  ChangeRequest request{what, {}};
+  for (const auto& [name, value] : object.items()) {
+    if (name == "do" || name == "id") {
+      continue;
+    }
+    if (!value.is_string() && !value.is_number()) {
+      return fmt::format("\"{}\" is no text and no number; give its value as on the command line",
+                         name);
+    }
+    request.fields.emplace_back(name, value.is_string() ? value.get<std::string>() : value.dump());
+  }
+  return request;
 }
 
 std::string Head(const ControlOrder& order, bool ok) {
@@ -41,13 +59,17 @@ ControlOrder ParseControl(std::string_view line) {
     order.what = std::string("\"do\" is missing or no text; ") + kAllowed;
     return order;
   }
+  const auto text = what->get<std::string>();
+  if (IsChange(text)) {
+    order.what = ParseChange(text, object);
+    return order;
+  }
   for (const auto& [name, value] : object.items()) {
     if (name != "do" && name != "id") {
       order.what = std::string("there is more than \"do\" and \"id\"; ") + kAllowed;
       return order;
     }
   }
-  const auto text = what->get<std::string>();
   if (text == "status") {
     return order;
   }
@@ -57,6 +79,17 @@ ControlOrder ParseControl(std::string_view line) {
     order.what = std::string("\"do\" has no action; ") + kAllowed;
   }
   return order;
+}
+
+std::string Changed(const ControlOrder& order, const ChangeRequest& request,
+                    std::chrono::nanoseconds at, double rate) {
+  json changed = json::object();
+  for (const auto& [name, value] : request.fields) {
+    changed[name] = value;
+  }
+  return fmt::format("{},\"at_ns\":{},\"set_rate_bps\":{},\"changed\":{}}}", Head(order, true),
+                     at.count(), json(rate).dump(),
+                     changed.dump(-1, ' ', true, json::error_handler_t::replace));
 }
 
 std::string Accepted(const ControlOrder& order) {

@@ -77,6 +77,25 @@ void FurtherOutputs::Pause(bool on) {
   }
 }
 
+std::optional<std::string> FurtherOutputs::Order(const Action& action,
+                                                 std::chrono::nanoseconds at) {
+  return OfEach([&](Playing& playing) { return playing.Order(action, at, 0); });
+}
+
+std::optional<std::string> FurtherOutputs::Alter(const Change& change) {
+  return OfEach([&](Playing& playing) { return playing.Alter(change); });
+}
+
+std::optional<std::string> FurtherOutputs::OfEach(
+    const std::function<std::optional<std::string>(Playing&)>& order) {
+  for (std::size_t i = 0; i < playings_.size(); ++i) {
+    if (const auto reason = order(*playings_[i])) {
+      return fmt::format("{}: {}", FormatTarget(outputs_[i].options.to), *reason);
+    }
+  }
+  return std::nullopt;
+}
+
 void FurtherOutputs::Stop(bool complete) {
   for (std::size_t i = 0; i < playings_.size(); ++i) {
     if (HasEnded(*playings_[i], complete ? kLongestEndMs : 0)) {

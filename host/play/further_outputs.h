@@ -2,7 +2,9 @@
 // The targets of a playout beyond the first: each gets the same stream in headers of its own.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,12 +28,19 @@ class FurtherOutputs {
   // Writes to all of them what goes to `first`, which alone decides on the end.
   Feeder::Sink With(Feeder::Sink first);
   void Pause(bool on);
+  // As for the first output, which alone reports. Which one refuses it, and why.
+  std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at);
+  std::optional<std::string> Alter(const Change& change);
+  bool Any() const { return !playings_.empty(); }
   // Lets them play out first if the stream has ended; that takes moments.
   void Stop(bool complete);
 
   std::vector<OutputStatus> Status() const;
 
  private:
+  std::optional<std::string> OfEach(
+      const std::function<std::optional<std::string>(Playing&)>& order);
+
   std::vector<Output> outputs_;  // stays as it is: playings refer to it
   std::vector<std::unique_ptr<Playing>> playings_;
   std::vector<std::optional<std::string>> failures_;

@@ -12,7 +12,6 @@
 #include "host/base/library_output.h"
 #include "host/base/stop_signals.h"
 #include "host/base/units.h"
-#include "host/play/control.h"
 #include "host/play/held_back.h"
 #include "host/play/make_playing.h"
 #include "host/play/orders.h"
@@ -61,6 +60,7 @@ PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
                            stream_faults_.get(), twin)),
       faults_(*playing_),
       further_(std::move(further), StreamEditor::Format(reader->Format(), plan.edits)),
+      changes_(options, plan),
       feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink()),
               plan.pcr_rate ? nullptr : stream_faults_.get()) {
   OrderAhead();
@@ -243,8 +243,41 @@ std::string PlaySession::Control(std::string_view line) {
     const auto refused = Obey(*action, "control");
     return refused ? Refused(order, *refused) : Accepted(order);
   }
+  if (const auto* request = std::get_if<ChangeRequest>(&order.what)) {
+    return ChangeRun(order, *request);
+  }
   timing_ = playing_->Timing();
   return Told(order, StatusJson(options_, plan_, Progress(), "progress"));
+}
+
+std::string PlaySession::ChangeRun(const ControlOrder& order, const ChangeRequest& request) {
+  const auto changed = changes_.With(request);
+  if (!changed) {
+    return Refused(order, changed.Error().message);
+  }
+  Change change = changes_.Of(*changed);
+  change.at = CommonTime();
+  auto refused = playing_->Alter(change);
+  refused = refused ? refused : further_.Alter(change);
+  if (refused) {
+    return Refused(order, *refused);
+  }
+  changes_.Take(*changed);
+  const double rate = changes_.RateOf(*changed);
+  meter_.SetRate(rate);
+  const auto timing = playing_->Timing();
+  const nanoseconds at = change.at + nanoseconds(timing ? timing->ShiftNs : 0);
+  const std::string text = Describe(request);
+  if (options_.WantsJson()) {
+    Emit(EventJson("changed", at, text));
+  }
+  SayAt("control: " + text, at);
+  return Changed(order, request, at, rate);
+}
+
+// Of the schedule: none of the targets has built what is due then.
+nanoseconds PlaySession::CommonTime() const {
+  return playing_->Position() + changes_.Lead();
 }
 
 void PlaySession::Do(const Action& action, const std::string& by) {
@@ -290,7 +323,12 @@ std::optional<std::string> PlaySession::Order(const Action& action, nanoseconds 
   if (action.of_twin && !twin_) {
     return "needs --twin";
   }
-  return faults_.Order(action, at, by);
+  if (!further_.Any()) {
+    return faults_.Order(action, at, by);
+  }
+  const nanoseconds common = running_ ? CommonTime() : at;
+  auto refused = further_.Order(action, common);
+  return refused ? refused : faults_.Order(action, common, by);
 }
 
 void PlaySession::TellDone() {

@@ -16,6 +16,8 @@
 #include "host/base/signal_event.h"
 #include "host/base/terminal.h"
 #include "host/library/short_sends.h"
+#include "host/play/changes.h"
+#include "host/play/control.h"
 #include "host/play/feeder.h"
 #include "host/play/further_outputs.h"
 #include "host/play/ordered_faults.h"
@@ -58,6 +60,8 @@ class PlaySession {
   void PressKey(char key);
   void TakeControl();
   std::string Control(std::string_view line);
+  std::string ChangeRun(const ControlOrder& order, const ChangeRequest& request);
+  std::chrono::nanoseconds CommonTime() const;
   std::optional<std::string> Obey(const Action& action, const std::string& by);
   void Do(const Action& action, const std::string& by);
   std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
@@ -104,6 +108,7 @@ class PlaySession {
   std::unique_ptr<Playing> playing_;
   OrderedFaults faults_;
   FurtherOutputs further_;
+  Changes changes_;
   Feeder feeder_;
   Clock::time_point start_;
   std::chrono::nanoseconds next_report_{0};

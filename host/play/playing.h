@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/play/changes.h"
 #include "host/play/feeder.h"
 #include "host/play/time_line.h"
 #include "ipplayout/playouts.h"
@@ -40,6 +41,14 @@ class Playing {
   // one on. Why it cannot be; else ReadDone says with `number` what was done.
   virtual std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
                                            std::uint64_t number) = 0;
+  // Why the run cannot be changed; else it is so from the change's time on.
+  virtual std::optional<std::string> Alter(const Change&) {
+    return "needs frames that are paced one by one: none of --priority, more than 65,536 copies, "
+           "or "
+           "less than 5 us between frames";
+  }
+  // How far it is in its schedule.
+  virtual std::chrono::nanoseconds Position() const { return std::chrono::nanoseconds(0); }
   // What was done since the last call. Times are below 0 where they are not known.
   virtual std::vector<IpPlayoutDone> ReadDone() = 0;
   virtual IpPlayoutFaultCounts Faults() const = 0;

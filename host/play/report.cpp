@@ -302,7 +302,7 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
   if (!plan.rounds.count || *plan.rounds.count > 1) {
     parts.push_back({5, fmt::format("round {}", status.round)});
   }
-  parts.push_back({8, fmt::format("{:.4f}M set", plan.rates.stream / 1e6)});
+  parts.push_back({8, fmt::format("{:.4f}M set", status.set_rate / 1e6)});
   parts.push_back(
       {2, status.paused ? "paused" : fmt::format("{:.4f}M real", status.recent_rate / 1e6)});
   parts.push_back({7, fmt::format("{} datagrams", FormatCount(counters.DatagramsSent))});
@@ -357,7 +357,7 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
     text += fmt::format(", {} transport packets", FormatCount(counters.TSPacketsSent));
   }
   text += fmt::format(", {}\n", FormatBytes(counters.TSBytesSent));
-  text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(plan.rates.stream),
+  text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(status.set_rate),
                       FormatBitRate(status.mean_rate));
   if (status.input_ppm) {
     text += fmt::format("  input      its clock was followed, {:+.1f} ppm at the end\n",
@@ -435,7 +435,7 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   }
   json["round"] = status.round;
   json["paused"] = status.paused;
-  json["set_rate_bps"] = plan.rates.stream;
+  json["set_rate_bps"] = status.set_rate;
   json["rate_bps"] = event == "summary" ? status.mean_rate : status.recent_rate;
   json["mean_rate_bps"] = status.mean_rate;
   json["datagrams"] = counters.DatagramsSent;

@@ -107,6 +107,34 @@ std::optional<std::string> ScheduledPlaying::Order(const Action& action,
   return failure ? std::optional(failure->message) : std::nullopt;
 }
 
+void ScheduledPlaying::Pause(bool on) {
+  if (on && !held_at_) {
+    held_at_ = Position();
+  } else if (!on) {
+    held_at_.reset();
+  }
+  playout_.Pause(on);
+}
+
+// In a pause the schedule stands still, and has not been moved yet.
+std::chrono::nanoseconds ScheduledPlaying::Position() const {
+  const IpPlayoutTiming timing = playout_.Timing();
+  if (held_at_ || timing.FirstDepartureNs < 0) {
+    return held_at_.value_or(std::chrono::nanoseconds(0));
+  }
+  return ScheduledPlayout::Now() -
+         std::chrono::nanoseconds(timing.FirstDepartureNs + timing.ShiftNs);
+}
+
+std::optional<std::string> ScheduledPlaying::Alter(const Change& change) {
+  IpPlayoutSettings settings = plan_.schedule;
+  settings.Errors = change.errors;
+  settings.Faults = change.faults;
+  settings.Parametric = change.shape;
+  const auto failure = playout_.Change(settings, change.speed, change.at);
+  return failure ? std::optional(failure->message) : std::nullopt;
+}
+
 std::vector<IpPlayoutDone> ScheduledPlaying::ReadDone() {
   std::vector<IpPlayoutDone> done(64);
   done.resize(playout_.ReadDone(done));

@@ -30,10 +30,12 @@ class ScheduledPlaying final : public Playing {
   Feeder::Sink Sink() override;
   int EndDescriptor() const override { return playout_.EndDescriptor(); }
   std::optional<std::string> Failed() override { return FailedWithin(std::chrono::nanoseconds(0)); }
-  void Pause(bool on) override { playout_.Pause(on); }
+  void Pause(bool on) override;
   bool TakesTimes() const override { return true; }
   std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
                                    std::uint64_t number) override;
+  std::optional<std::string> Alter(const Change& change) override;
+  std::chrono::nanoseconds Position() const override;
   std::vector<IpPlayoutDone> ReadDone() override;
   IpPlayoutFaultCounts Faults() const override { return playout_.Faults(); }
   PlayoutStatistics Counters() const override { return playout_.Statistics(); }
@@ -44,6 +46,11 @@ class ScheduledPlaying final : public Playing {
 
   // Instead of Start(), with the rights that it needs: its schedule begins at `time`.
   std::optional<std::string> StartAt(ScheduledPlayout::Time time);
+  // Only the speed; what was ordered otherwise stays.
+  std::optional<std::string> Retime(std::chrono::nanoseconds at, double speed) {
+    return Alter(
+        {at, speed, plan_.schedule.Errors, plan_.schedule.Faults, plan_.schedule.Parametric});
+  }
   // Waits for its end for so long.
   std::optional<std::string> FailedWithin(std::chrono::nanoseconds time);
   // For the feeder: false once it has ended.
@@ -60,6 +67,7 @@ class ScheduledPlaying final : public Playing {
   std::optional<MarkedWriter> writer_;  // with marks
   std::vector<IpPlayoutOrder> before_start_;
   bool is_configured_ = false;
+  std::optional<std::chrono::nanoseconds> held_at_;  // its position, while it is paused
 };
 
 }  // namespace ipplay

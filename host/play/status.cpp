@@ -115,6 +115,7 @@ Status StatusMeter::Total() const {
   Status status;
   status.counters = counters_;
   status.paused = Paused();
+  status.set_rate = stream_rate_;
   if (first_ && !readings_.empty()) {
     status.elapsed = readings_.back().time - *first_;
   }

@@ -38,6 +38,7 @@ struct Status {
   std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses included
   std::optional<double> share;          // of all bytes to play, 0 to 1; none without an end
   std::optional<std::chrono::nanoseconds> remaining;
+  double set_rate = 0;      // bit/s of transport stream, as ordered
   double recent_rate = 0;   // bit/s of transport stream over the last seconds
   double mean_rate = 0;     // over the whole run, pauses included
   std::uint64_t round = 1;  // of the last datagram
@@ -59,6 +60,8 @@ class StatusMeter {
   explicit StatusMeter(const PlayPlan& plan);
 
   void SetPaused(bool paused) { paused_ = paused; }
+  // Bit/s of the transport stream, as ordered from now on.
+  void SetRate(double rate) { stream_rate_ = rate; }
   void Read(const PlayoutStatistics& counters, std::chrono::nanoseconds now);
   // Final counters. If `complete`, the run ended at the last reading. Where departures were
   // recorded, the bit rate is theirs.

@@ -68,6 +68,11 @@ std::optional<std::string> TwinPlaying::Order(const Action& action, std::chrono:
   return (action.of_twin ? second_ : first_)->Order(action, at, number);
 }
 
+std::optional<std::string> TwinPlaying::Alter(const Change& change) {
+  auto reason = first_->Alter(change);
+  return reason ? reason : second_->Retime(change.at, change.speed);
+}
+
 std::vector<IpPlayoutDone> TwinPlaying::ReadDone() {
   std::vector<IpPlayoutDone> done = first_->ReadDone();
   const std::vector<IpPlayoutDone> of_second = second_->ReadDone();

@@ -29,6 +29,9 @@ class TwinPlaying final : public Playing {
   bool TakesTimes() const override { return true; }
   std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
                                    std::uint64_t number) override;
+  // The speed is that of both paths, the rest is the first one's.
+  std::optional<std::string> Alter(const Change& change) override;
+  std::chrono::nanoseconds Position() const override { return first_->Position(); }
   std::vector<IpPlayoutDone> ReadDone() override;
   // Of the first path; what waits is of both.
   IpPlayoutFaultCounts Faults() const override;

@@ -7,7 +7,7 @@ import struct
 import subprocess
 import unittest
 
-from playbed import RTP, SAMPLE, PlayCase, events_of, make_varying_stream, read_file
+from playbed import RTP, SAMPLE, PlayCase, events_of, is_playout, make_varying_stream, read_file, rtp_header
 from playouts import read_pcapng
 from testbed import write_pcap
 
@@ -272,6 +272,33 @@ class Control(PlayCase):
         self.assertEqual(events[-1]["outcome"], "Stopped by control")
         self.assertIn(("lose", "control", 3), [(e["action"], e["by"], e["count"]) for e in events if e["event"] == "fault"])
         self.assertFalse(os.path.exists(path))
+
+    def test_changes_hold_from_the_time_that_is_answered(self):
+        """By RTP time, which is that of the schedule: 90 kHz, cut down to whole ticks."""
+        self.bed.capture.begin()
+        player, path = self.start()
+        client = self.connect(path)
+        at = self.ask(client, '{"do": "rate", "bitrate": "1400k"}\n')["at_ns"]
+        self.assertTrue(self.ask(client, '{"do": "errors", "lose": "1/10"}\n')["ok"])
+        for line, why in (('{"do": "rate"}\n', "give bitrate, speed, ppm"), ('{"do": "rate", "speed": 0}\n', "0.001 to 1000"),
+                          ('{"do": "jitter", "jitter": "x:1"}\n', "or off"), ('{"do": "rate", "lose": "1%"}\n', "is none of"),
+                          ('{"do": "errors", "lose": ["1%"]}\n', "no text and no number")):
+            self.assertIn(why, self.ask(client, line)["error"])
+        while self.ask(client, '{"do": "status"}\n')["status"]["ordered"]["lost"] < 5:
+            self.bed.capture.drain()
+        self.ask(client, '{"do": "stop"}\n')
+        player.communicate()
+        self.bed._catch_up()
+        place, lost = 0.0, []
+        sent = {rtp_header(f, HEADERS - RTP)[0]: rtp_header(f, HEADERS - RTP)[1] for _, f in self.bed.capture.frames if is_playout(f)}
+        for n in range(max(sent) + 1):
+            if n in sent:
+                self.assertAlmostEqual(sent[n], place * 90_000, delta=1.5)
+            else:
+                lost.append(n)
+            place += GAP if place * 1e9 < at else GAP / 2
+        self.assertGreater(len(lost), 2)
+        self.assertTrue(all(n % 10 == 0 for n in lost), lost)
 
     def test_what_is_no_order_is_refused_and_hurts_nobody(self):
         player, path = self.start()
