@@ -127,6 +127,12 @@ class Several(PlayCase):
         self.assertRegex(text, r"also to    rtp://127\.0\.0\.1:5000: 203 datagrams, late by up to \d")
         self.assertIn(f"also to    {path}: 203 datagrams\n", text)
 
+    def test_ordered_faults_are_those_of_each_target(self):
+        path = self.path("damaged.pcapng")
+        sent = self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--to", path, "--at", "50ms", "lose:3", *FAST).frames
+        self.assertEqual(len(sent), 200)
+        self.assertEqual([frame[42:] for _, frame in frames_of(path)], [frame[42:] for frame in sent])
+
     def test_one_that_cannot_be_is_refused(self):
         for option, message in ((("--to", "udp://10.99.0.1:5"), "--device is required"),
                                 (("--to", "udp://[fe80::1]"), '--to: "udp://[fe80::1]" is not valid')):
