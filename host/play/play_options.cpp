@@ -105,6 +105,10 @@ void DefineInput(OptionBuilder& add, PlayOptions& o) {
             "Play this much by the PCRs; default: to the end", ParseDuration);
   add.Number("--program", o.program, 1, 65535,
              "Play one programme of a multiplex; null packets stand for the others");
+  add.Value("--pid", o.pids, "PID[,PID...]", "PIDs from 0 to 8190, as 256,257",
+            "Play some PIDs of a multiplex, with PCRs, PAT and PMT; null packets stand for the "
+            "others",
+            ParsePids);
   add.Flag("--follow", o.follow, "Go on with a file that grows");
   add.Value("--end-after-silence", o.silence, "TIME", "a time as 5s",
             "End when nothing has come from udp://, rtp:// or a growing file for this long; "

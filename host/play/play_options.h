@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,6 +32,7 @@ struct PlayOptions {
   std::optional<Endpoint> flow;  // of a capture
   std::optional<std::chrono::nanoseconds> from, duration;
   std::optional<std::uint32_t> program;  // of a multiplex
+  std::set<std::uint16_t> pids;          // of it; none: all
   bool follow = false;
   std::optional<std::chrono::nanoseconds> silence;  // that ends a live input
   Target to;

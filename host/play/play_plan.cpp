@@ -38,6 +38,9 @@ std::optional<Failure> CheckOptions(const PlayOptions& options, const StreamFact
     return UsageFailure(
         "--program and --raw exclude each other: raw input has no programmes; give one");
   }
+  if (!options.pids.empty() && options.raw) {
+    return UsageFailure("--pid and --raw exclude each other: raw input has no PIDs; give one");
+  }
   if ((options.from || options.duration) && options.raw) {
     return UsageFailure(
         "--from and --duration exclude --raw: raw input has no PCRs; give one or the other");

@@ -351,6 +351,22 @@ std::optional<Action> ParseAction(std::string_view text) {
   return action;
 }
 
+std::optional<std::set<std::uint16_t>> ParsePids(std::string_view text) {
+  constexpr std::uint16_t kHighest = 0x1FFE;  // the next one is that of null packets
+  std::set<std::uint16_t> pids;
+  std::size_t at = 0;
+  while (at <= text.size()) {
+    const std::size_t end = std::min(text.find(',', at), text.size());
+    const auto pid = ParseNumber(text.substr(at, end - at), 0, kHighest);
+    if (!pid) {
+      return std::nullopt;
+    }
+    pids.insert(static_cast<std::uint16_t>(*pid));
+    at = end + 1;
+  }
+  return pids;
+}
+
 std::optional<Step> ParseStep(std::string_view text) {
   const auto parts = Split(text, '=');
   if (!parts) {

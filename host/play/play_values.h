@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -142,6 +143,9 @@ struct Step {
   std::uint32_t number = 0;  // of the others
 };
 std::optional<Step> ParseStep(std::string_view text);
+
+// "256,257", or "0x100,0x101".
+std::optional<std::set<std::uint16_t>> ParsePids(std::string_view text);
 // The field's name as in --step.
 std::string_view NameOf(StepField field);
 

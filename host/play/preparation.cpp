@@ -62,8 +62,9 @@ ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
   }
   examine.read_ahead = ReadAhead(options, IsLiveAddress(options.input));
   if (options.program) {
-    examine.program = static_cast<std::uint16_t>(*options.program);
+    examine.filter.program = static_cast<std::uint16_t>(*options.program);
   }
+  examine.filter.pids = options.pids;
   if (options.from || options.duration) {
     examine.window = WindowOf(options);
   }

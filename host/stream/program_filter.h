@@ -11,6 +11,7 @@
 
 #include "host/measure/figures/psi_section.h"
 #include "host/stream/packet_format.h"
+#include "host/stream/psi_tables.h"
 
 namespace ipplay {
 
@@ -32,7 +33,6 @@ class ProgramFilter {
   bool ReplacePat(std::uint8_t* packet);
   void TakePat(measure::Section section);
   void TakePmt(measure::Section section);
-  void KeepKeys(measure::Section descriptors);
 
   PacketFormat format_;
   std::uint16_t program_;
@@ -42,7 +42,7 @@ class ProgramFilter {
   std::optional<std::uint16_t> pmt_pid_;
   std::uint16_t stream_id_ = 0;   // of the PAT
   std::uint8_t pat_version_ = 0;  // the byte with reserved bits, version and current_next_indicator
-  std::uint8_t pat_counter_ = 0;
+  SectionPackets pat_packets_;
   std::bitset<kPids> kept_;
 };
 

@@ -12,19 +12,17 @@ RoundReader::RoundReader(Input input, const StreamFacts& facts)
       format_(facts.format),
       first_packet_(facts.first_packet),
       end_(facts.end),
-      program_(facts.program) {
+      order_(facts.filter) {
   if (facts.window) {
     window_.emplace(format_, *facts.window, std::nullopt);
   }
   StartReading();
 }
 
-// Every round knows as little of the programme as the first one at its start.
+// Every round knows as little of the tables as the first one at its start.
 void RoundReader::StartReading() {
   reader_.emplace(input_, format_, first_packet_, end_);
-  if (program_) {
-    filter_.emplace(format_, *program_);
-  }
+  filter_.emplace(format_, order_);
 }
 
 std::span<std::uint8_t> RoundReader::Next() {
@@ -43,9 +41,7 @@ std::span<std::uint8_t> RoundReader::Next() {
   offset_ = reader_->Offset() - packets.size() +
             static_cast<std::uint64_t>(inside.data() - packets.data());
   input_.ForgetArrivalsBefore(offset_);
-  if (filter_) {
-    filter_->Filter(inside);
-  }
+  filter_->Filter(inside);
   return inside;
 }
 

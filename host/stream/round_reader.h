@@ -8,8 +8,8 @@
 
 #include "host/stream/input.h"
 #include "host/stream/packet_reader.h"
-#include "host/stream/program_filter.h"
 #include "host/stream/stream_facts.h"
+#include "host/stream/stream_filter.h"
 
 namespace ipplay {
 
@@ -50,8 +50,8 @@ class RoundReader {
   std::optional<std::uint64_t> end_;
   std::optional<PacketReader> reader_;
   std::optional<TimeWindow> window_;  // of a pipe
-  std::optional<std::uint16_t> program_;
-  std::optional<ProgramFilter> filter_;
+  FilterOrder order_;
+  std::optional<StreamFilter> filter_;
   std::uint64_t offset_ = 0;  // in the input, of what Next() returned last
   std::optional<Damage> first_round_damage_;
   std::size_t trailing_bytes_ = 0;  // of what comes once

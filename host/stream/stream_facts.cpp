@@ -4,6 +4,7 @@
 #include <bitstream/mpeg/ts.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <set>
@@ -12,7 +13,7 @@
 #include "host/base/units.h"
 #include "host/stream/packet_reader.h"
 #include "host/stream/pes_times.h"
-#include "host/stream/program_filter.h"
+#include "host/stream/stream_filter.h"
 
 namespace ipplay {
 namespace {
@@ -33,16 +34,13 @@ Failure NoTransportStream(const Input& input, std::uint64_t offset) {
 // Hands packets to the meters.
 class PacketWalker {
  public:
-  PacketWalker(PacketFormat format, std::optional<std::uint16_t> program) : format_(format) {
-    if (program) {
-      filter_.emplace(format, *program);
-    }
-  }
+  PacketWalker(PacketFormat format, const FilterOrder& filter)
+      : filter_(format, filter), format_(format) {}
 
   void Walk(std::span<const std::uint8_t> packets) {
-    if (filter_) {
+    if (!filter_.LeavesAll()) {
       filtered_.assign(packets.begin(), packets.end());
-      filter_->Filter(filtered_);
+      filter_.Filter(filtered_);
       packets = filtered_;
     }
     for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
@@ -69,12 +67,10 @@ class PacketWalker {
   }
   const PcrRateMeter& meter() const { return meter_; }
   const PesTimes& times() const { return times_; }
-  std::set<std::uint16_t> Programs() const {
-    return filter_ ? filter_->Programs() : std::set<std::uint16_t>();
-  }
+  const StreamFilter& filter() const { return filter_; }
 
  private:
-  std::optional<ProgramFilter> filter_;
+  StreamFilter filter_;
   std::vector<std::uint8_t> filtered_;
   PacketFormat format_;
   PcrRateMeter meter_;
@@ -210,17 +206,27 @@ Detection ReadHead(Input& input, std::vector<std::uint8_t>& head) {
   return detection;
 }
 
-std::optional<Failure> CheckProgram(const Input& input, const ExamineOptions& options,
-                                    const PacketWalker& walker) {
-  const auto programs = walker.Programs();
-  const bool may_come = !input.Size() && programs.empty();  // a pipe whose PAT was not seen yet
-  if (!options.program || programs.contains(*options.program) || may_come) {
-    return std::nullopt;
+// Of a pipe only the beginning was looked at.
+std::optional<Failure> CheckFilter(const Input& input, const FilterOrder& order,
+                                   const StreamFilter& found) {
+  const auto programs = found.Programs();
+  if (order.program && !programs.contains(*order.program) && (input.Size() || !programs.empty())) {
+    return UsageFailure(programs.empty()
+                            ? fmt::format("--program: {} has no PAT; leave it out", input.Name())
+                            : fmt::format("--program: {} has no programme {}; give one of {}",
+                                          input.Name(), *order.program, fmt::join(programs, ", ")));
   }
-  return UsageFailure(programs.empty()
-                          ? fmt::format("--program: {} has no PAT; leave it out", input.Name())
-                          : fmt::format("--program: {} has no programme {}; give one of {}",
-                                        input.Name(), *options.program, fmt::join(programs, ", ")));
+  auto pids = found.Pids();
+  pids.erase(kPatPid);
+  pids.erase(kNullPid);
+  const auto missing = std::find_if(order.pids.begin(), order.pids.end(),
+                                    [&](std::uint16_t pid) { return !pids.contains(pid); });
+  if (input.Size() && missing != order.pids.end()) {
+    return UsageFailure(pids.empty() ? fmt::format("--pid: {} has null packets only", input.Name())
+                                     : fmt::format("--pid: {} has no PID {}; give some of {}",
+                                                   input.Name(), *missing, fmt::join(pids, ", ")));
+  }
+  return std::nullopt;
 }
 
 StreamFacts RawFacts(Input& input, std::vector<std::uint8_t> head) {
@@ -283,15 +289,15 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   facts.format = *detection.format;
   facts.first_packet = facts.leading_bytes = detection.first_packet;
   facts.live = input.IsLive();
-  PacketWalker walker(facts.format, options.program);
+  PacketWalker walker(facts.format, options.filter);
   if (!input.Size()) {
     WalkPipe(input, options, facts, std::move(head), walker);
     facts.window = options.window;
   } else if (const auto failure = WalkFile(input, options, facts, walker)) {
     return *failure;
   }
-  facts.program = options.program;
-  if (auto failure = CheckProgram(input, options, walker)) {
+  facts.filter = options.filter;
+  if (auto failure = CheckFilter(input, options.filter, walker.filter())) {
     return *std::move(failure);
   }
   facts.rate = walker.meter().Rate(options.pcr_pid);

@@ -11,6 +11,7 @@
 #include "host/stream/packet_format.h"
 #include "host/stream/packet_sync.h"
 #include "host/stream/pcr_rate.h"
+#include "host/stream/stream_filter.h"
 #include "host/stream/time_window.h"
 
 namespace ipplay {
@@ -27,8 +28,8 @@ struct StreamFacts {
   double null_share = 0;            // null packets among all that were looked at
   std::uint64_t content_ticks = 0;  // of a file, as PesTimes::Ticks()
   bool live = false;                // comes at its own pace
-  std::optional<TimeSpan> window{};        // of a pipe, to be found as it comes
-  std::optional<std::uint16_t> program{};  // the only one that is played
+  std::optional<TimeSpan> window{};  // of a pipe, to be found as it comes
+  FilterOrder filter{};              // what of it is played
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts; of packets of
@@ -44,8 +45,8 @@ struct ExamineOptions {
   std::size_t most_read_ahead = std::size_t{32} << 20;
   bool whole = false;  // read a large file whole too, so that its length is exact
   std::optional<std::uint16_t> pcr_pid{};
-  std::optional<TimeSpan> window{};        // what to play; none: all
-  std::optional<std::uint16_t> program{};  // the only one to play; none: all
+  std::optional<TimeSpan> window{};  // what to play; none: all
+  FilterOrder filter{};
 };
 
 // A file up to this size is read from end to end. Of a larger one beginning and end are read, and

@@ -109,7 +109,8 @@ void Play(const std::vector<std::uint8_t>& bytes, RoundReader& reader, const Str
   std::uint64_t played = 0;
   auto at = bytes.begin();
   const auto take = [&](std::span<const std::uint8_t> piece) {
-    if (!plan.edits.restamp && !plan.edits.fill && !facts.program) {
+    if (!plan.edits.restamp && !plan.edits.fill && !facts.filter.program &&
+        facts.filter.pids.empty()) {
       at = std::search(at, bytes.end(), piece.begin(), piece.end());
       if (bytes.end() - at < static_cast<std::ptrdiff_t>(piece.size())) {
         std::abort();
@@ -158,7 +159,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   ExamineOptions examine;
   examine.raw = options.raw;
   if ((mode & kProgram) != 0) {
-    examine.program = 1;
+    if ((mode & kTts) != 0) {
+      examine.filter.pids = {0x100};
+    } else {
+      examine.filter.program = 1;
+    }
   }
   const auto facts = Examine(*input, examine);
   if (!facts) {

@@ -12,7 +12,7 @@ import subprocess
 import termios
 import unittest
 
-from playbed import SAMPLE, PlayCase, read_file, wait_until_sending
+from playbed import SAMPLE, PlayCase, packets, read_file, wait_until_sending
 
 PLAYED, FAILED, USAGE = 0, 1, 2
 TARGET = ("--to", "udp://239.1.1.1:5004")
@@ -119,6 +119,49 @@ class Inputs(PlayCase):
         self.assertEqual(after, {22: before[22]})
         errors = self.play(path, *TARGET, "--program", "23", status=USAGE).errors
         self.assertIn(f"--program 23: {path} has no programme 23; give one of 11, 22, 33", errors)
+
+    def test_some_pids_of_several_programmes(self):
+        path, alone = self.path("two.ts"), self.path("pids.ts")
+        sources = [part for source in ("testsrc2=size=160x120:rate=25", "sine=frequency=440", "testsrc2=size=64x48:rate=25", "sine",
+                                       "sine=frequency=220") for part in ("-f", "lavfi", "-i", source)]
+        subprocess.run(("ffmpeg", "-nostdin", "-loglevel", "error", *sources, "-t", "3",
+                        *(part for i in range(5) for part in ("-map", str(i))),
+                        "-program", "program_num=11:st=0:st=1", "-program", "program_num=22:st=2:st=3:st=4", "-metadata:s:a:0",
+                        "language=deu", "-c:v", "mpeg2video", "-c:a", "mp2", "-muxrate", "4M", path), check=True)
+        whole = packets(read_file(path))
+
+        def pid_of(packet):
+            return (packet[1] & 31) << 8 | packet[2]
+
+        def clocks(stream, pid):
+            return [(i, p[6:12]) for i, p in enumerate(stream) if pid_of(p) == pid and p[3] & 0x20 and p[4] >= 7 and p[5] & 0x10]
+
+        # ffmpeg counts from 256 on, and each programme's PCRs are with its video.
+        for pids, programs in (("257", {11: ["0x101"]}), ("258,260", {22: ["0x102", "0x104"]}),
+                               ("0x101,259", {11: ["0x101"], 22: ["0x103"]})):
+            with self.subTest(pids):
+                frames = self.path("pids.pcapng")
+                self.play(path, *TARGET, "--into", frames, "--pid", pids)
+                fields = subprocess.run(("tshark", "-n", "-r", frames, "-d", "udp.port==5004,mp2t", "-o", "mpeg_sect.verify_crc:TRUE",
+                                         "-T", "fields", "-e", "udp.payload", "-e", "mpeg_sect.crc.status", "-e", "mp2t.cc.drop"),
+                                        check=True, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+                rows = [line.split("\t") for line in fields.split("\n")[:-1]]
+                statuses = [each for row in rows for each in row[1].split(",") if each]
+                self.assertEqual(({*statuses}, {row[2] for row in rows}), ({"1"}, {""}))  # 1: good
+                self.assertGreater(len(statuses), 50)
+                played = packets(bytes.fromhex("".join(row[0] for row in rows)))
+                self.assertEqual(len(played), len(whole))
+                with open(alone, "wb") as file:
+                    file.write(b"".join(played))
+                probed = json.loads(subprocess.run(("ffprobe", "-v", "error", "-show_programs", "-of", "json", alone), check=True,
+                                                   text=True, stdout=subprocess.PIPE).stdout)["programs"]
+                self.assertEqual({each["program_num"]: [stream["id"] for stream in each["streams"]] for each in probed}, programs)
+                kept = {int(each, 0) for each in pids.split(",")}
+                for before, after in zip(whole, played):
+                    if pid_of(before) in kept:
+                        self.assertEqual(before, after)
+                for program, clock in ((11, 256), (22, 258)):
+                    self.assertEqual(clocks(played, clock), clocks(whole, clock) if program in programs else [])
 
     def start_and_wait(self, *arguments, **more):
         player = self.bed.start("play", *arguments, **more)

@@ -49,6 +49,7 @@ PLAY = (
     ("500ms", "-1s", "--prefill"),
     ("text or json", "xml", "--stats"), ("a file", "/nonexistent", "--config"),
     ("No such file", "/nonexistent", "--input"),
+    ("PIDs from 0 to 8190", "256,", "--pid"), ("PIDs from 0 to 8190", "8191", "--pid"),
     ("a time", "soon lose", "--at"), ("pause[:TIME]", "1s explode", "--at"),
     ("pause[:TIME]", "1s lose:2s", "--at"),
     ("pause[:TIME]", "1s pause:0s", "--at"), ("TIME ACTION", "1s", "--at"))
@@ -215,6 +216,8 @@ class Refusals(PlayCase):
                 ((RTP, "--raw"), "--bitrate is required"),
                 ((RTP, "--pcr-pid", "9"), "--pcr-pid 9: INPUT has no PCRs there"),
                 ((RTP, "--restamp", "--raw", "--bitrate", "1M"), "--restamp and --raw exclude each other"),
+                ((RTP, "--pid", "4000"), "has no PID 4000; give some of "),
+                ((RTP, "--pid", "256", "--raw", "--bitrate", "1M"), "--pid and --raw exclude each other"),
                 ((RTP, "--pcr-pid", "9", "--raw", "--bitrate", "1M"),
                  "--pcr-pid and --raw exclude each other")):
             self.refuse(["play", SAMPLE, "--to", *options], *needed)

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: MIT
+// Tables that change while a stream is filtered.
+#include "host/stream/pid_filter.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "host/measure/figures/psi_section.h"
+#include "tests/host/ts_builder.h"
+
+namespace ipplay {
+namespace {
+
+// A section without its check bytes, in a packet.
+TsPacket TablePacket(std::uint16_t pid, std::vector<std::uint8_t> section) {
+  const std::uint32_t crc = measure::MpegCrc32(section);
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    section.push_back(static_cast<std::uint8_t>(crc >> shift));
+  }
+  TsPacket packet = MakePacket({.pid = pid});
+  packet[1] |= 0x40;
+  packet[4] = 0;
+  std::copy(section.begin(), section.end(), packet.begin() + 5);
+  return packet;
+}
+
+TsPacket Pmt(std::uint16_t pid, std::uint8_t program, std::uint8_t stream) {
+  return TablePacket(
+      pid, {2, 0xB0, 18, 0, program, 0xC1, 0, 0, 0xE1, stream, 0xF0, 0, 2, 0xE1, stream, 0xF0, 0});
+}
+
+// ISO/IEC 13818-1, 2.4.4.5: the version goes up whenever what the table says changes.
+TEST(PidFilter, VersionOfThePatGoesUpWithEveryProgramme) {
+  PidFilter filter(PacketFormat{188}, {0x100, 0x101});
+  const TsPacket pat = TablePacket(
+      0, {0, 0xB0, 17, 0, 7, 0xFF, 0, 0, 0, 1, 0xE0, 0x20, 0, 2, 0xE0, 0x21});  // version 31
+  const auto filtered = [&filter](TsPacket packet) {
+    filter.Filter(packet);
+    return packet;
+  };
+  const auto is_null = [](const TsPacket& packet) { return packet[1] == 0x1F; };
+  EXPECT_TRUE(is_null(filtered(pat)));  // nothing is known yet
+  EXPECT_FALSE(is_null(filtered(Pmt(0x20, 1, 0))));
+  const TsPacket one = filtered(pat);
+  EXPECT_EQ(one[7], 13);  // length of the section: one programme
+  EXPECT_EQ(one[10], 0xFF);
+  EXPECT_EQ(filtered(pat)[10], 0xFF);
+  filtered(Pmt(0x21, 2, 1));
+  const TsPacket two = filtered(pat);
+  EXPECT_EQ(two[7], 17);
+  EXPECT_EQ(two[10], 0xC1);  // version 0 follows 31
+  EXPECT_EQ(filtered(pat)[10], 0xC1);
+}
+
+}  // namespace
+}  // namespace ipplay
