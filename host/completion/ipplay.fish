@@ -22,6 +22,7 @@ complete -c ipplay -n 'string match -q -- "-*" (commandline -ct)' -f -a '(__ippl
 complete -c ipplay -l device -x -a '(ls /sys/class/net 2>/dev/null)'
 complete -c ipplay -l late -x -a 'bounded catch-up shift drop'
 complete -c ipplay -l holes -x -a 'kept closed'
+complete -c ipplay -l timing -x -a 'pcr capture'
 complete -c ipplay -l priority -x -a 'idle below-normal normal above-normal highest time-critical'
 complete -c ipplay -l dont-fragment -x -a 'on off'
 complete -c ipplay -l loop -x -a forever

@@ -47,7 +47,7 @@ ChannelRun::ChannelRun(Prepared&& prepared, const PlayOptions& options, Schedule
       stop_reading_(std::move(stop_reading)),
       is_file_(prepared.input.Size().has_value()),
       playout_(std::move(playout)),
-      reader_(std::make_unique<RoundReader>(std::move(prepared.input), prepared.facts)),
+      reader_(MakeReader(std::move(prepared))),
       time_line_(options.time_line),
       ppm_(options.ppm),
       nominal_rate_(plan_.rates.stream / (1 + options.ppm / 1e6)),

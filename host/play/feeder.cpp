@@ -54,6 +54,12 @@ bool Feeder::PlayRound(WordWriter& writer) {
     if (packets.empty()) {
       break;
     }
+    if (sink_.wants_datagrams) {
+      if (!PlayDatagrams(packets, write)) {
+        return false;
+      }
+      continue;
+    }
     if (sink_.arrived) {
       sink_.arrived(reader_->ArrivalOf(packets.size() - 1));
     }
@@ -65,6 +71,25 @@ bool Feeder::PlayRound(WordWriter& writer) {
   return editor_.EndRound(write);
 }
 
+// A packet belongs to the datagram that its first byte came in.
+bool Feeder::PlayDatagrams(std::span<std::uint8_t> packets, const StreamEditor::Emit& write) {
+  const std::size_t unit = reader_->Format().packet_bytes;
+  for (std::size_t at = 0; at < packets.size();) {
+    const auto arrival = reader_->ArrivalOf(at);
+    if (arrival && arrival->offset != datagram_) {
+      datagram_ = arrival->offset;
+      sink_.arrived(arrival);
+    }
+    const std::size_t together = reader_->SameArrival(at, packets.size());
+    const std::size_t count = (together + unit - 1) / unit * unit;
+    if (!editor_.Run(packets.subspan(at, count), write)) {
+      return false;
+    }
+    at += count;
+  }
+  return true;
+}
+
 bool Feeder::StartNextRound() {
   if (stop_.load(std::memory_order_relaxed) || reader_->ReadError() != 0) {
     return false;
@@ -73,8 +98,12 @@ bool Feeder::StartNextRound() {
     return false;
   }
   ++round_;
+  datagram_.reset();
   reader_->StartNextRound();
   editor_.StartNextRound();
+  if (const auto pid = editor_.PartPcrPid(); pid && sink_.follow) {
+    sink_.follow(*pid);
+  }
   return true;
 }
 

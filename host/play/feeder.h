@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <thread>
 
 #include "host/play/word_writer.h"
@@ -22,12 +23,16 @@ class Feeder {
   struct Sink {
     WordWriter::WriteWords write;     // see WordWriter; may block
     std::function<void()> terminate;  // declares the end of the data; may block until it has left
-    // What is written next came at this time, since 1970 where the input knows it; may be null.
-    std::function<void(std::optional<std::int64_t>)> arrived{};
+    // When what is written next came, where the input knows it; may be null.
+    std::function<void(const std::optional<Arrival>&)> arrived{};
+    // The PCRs of what is written next are those of this PID; may be null.
+    std::function<void(std::uint16_t)> follow{};
+    // `arrived` is called for each datagram of the input, before the first byte of it.
+    bool wants_datagrams = false;
   };
 
-  // Makes `faults`, if not null, in what it writes; they outlive it. Plays `rounds` rounds, or
-  // without end if it is empty.
+  // Makes `faults`, if not null, in what it writes; they outlive it. Plays `rounds` streams: those
+  // in a row one after the other and again, the only one as often; without end if it is empty.
   Feeder(std::unique_ptr<RoundReader> reader, const EditPlan& edits,
          std::optional<std::uint64_t> rounds, Sink sink, StreamFaults* faults = nullptr);
   // Stops and joins the thread. Release a blocking call of `sink` first.
@@ -43,7 +48,7 @@ class Feeder {
   unsigned Padding() const { return padding_.load(std::memory_order_relaxed); }
   int ReadError() const { return read_error_.load(std::memory_order_relaxed); }
   // Once joined.
-  const Damage& Damaged() const { return reader_->Damaged(); }
+  Damage Damaged() const { return reader_->Damaged(); }
   std::vector<std::string> InputNotes() const { return reader_->Notes(); }
   std::chrono::nanoseconds LongestWait() const { return editor_.LongestWait(); }
 
@@ -51,6 +56,7 @@ class Feeder {
   void Run();
   bool Write(WordWriter& writer, StreamEditor::Bytes bytes) const;
   bool PlayRound(WordWriter& writer);
+  bool PlayDatagrams(std::span<std::uint8_t> packets, const StreamEditor::Emit& write);
   bool StartNextRound();
 
   std::unique_ptr<RoundReader> reader_;
@@ -59,6 +65,7 @@ class Feeder {
   Sink sink_;
   StreamFaults* const faults_;
   std::uint64_t round_ = 1;
+  std::optional<std::uint64_t> datagram_;  // offset of the one in hand
   std::atomic<bool> stop_{false};
   std::atomic<unsigned> padding_{0};
   std::atomic<int> read_error_{0};

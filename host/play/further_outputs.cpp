@@ -14,6 +14,20 @@ namespace {
 // Until the last frames have left, after those of the first output.
 constexpr int kLongestEndMs = 2000;
 
+// Where a sink has the member at all.
+template <typename Member, typename Argument>
+void Call(Member member, const Feeder::Sink& first, const std::vector<Feeder::Sink>& sinks,
+          const Argument& argument) {
+  for (const Feeder::Sink& sink : sinks) {
+    if (sink.*member) {
+      (sink.*member)(argument);
+    }
+  }
+  if (first.*member) {
+    (first.*member)(argument);
+  }
+}
+
 bool HasEnded(const Playing& playing, int timeout_ms) {
   pollfd wait{playing.EndDescriptor(), POLLIN, 0};
   return ::poll(&wait, 1, timeout_ms) > 0;
@@ -59,16 +73,12 @@ Feeder::Sink FurtherOutputs::With(Feeder::Sink first) {
                 first.terminate();
               },
           .arrived =
-              [first, sinks](std::optional<std::int64_t> time_ns) {
-                for (const Feeder::Sink& sink : sinks) {
-                  if (sink.arrived) {
-                    sink.arrived(time_ns);
-                  }
-                }
-                if (first.arrived) {
-                  first.arrived(time_ns);
-                }
-              }};
+              [first, sinks](const std::optional<Arrival>& arrival) {
+                Call(&Feeder::Sink::arrived, first, sinks, arrival);
+              },
+          .follow = [first,
+                     sinks](std::uint16_t pid) { Call(&Feeder::Sink::follow, first, sinks, pid); },
+          .wants_datagrams = first.wants_datagrams};
 }
 
 void FurtherOutputs::Pause(bool on) {

@@ -46,8 +46,7 @@ class RatePlaying final : public Playing {
 
   Feeder::Sink Sink() override {
     return {.write = [](const void* data, std::uint16_t units) { return IPWrite(data, units); },
-            .terminate = [] { IPWriteTerminate(); },
-            .arrived = nullptr};
+            .terminate = [] { IPWriteTerminate(); }};
   }
   int EndDescriptor() const override { return ended_.Get(); }
 
@@ -148,11 +147,15 @@ std::unique_ptr<ScheduledPlaying> MakeScheduled(const PlayOptions& options, cons
   if (!plan.by_schedule || !playout) {
     return nullptr;
   }
-  std::optional<PcrMarks> marks;
-  if (plan.pcr_rate) {
-    marks.emplace(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, SpeedOf(options));
+  std::optional<MarkedWriter::Clock> clock;
+  if (plan.by_arrival) {
+    clock.emplace(CaptureClock{ArrivalMarks(SpeedOf(options)),
+                               options.keep_losses ? plan.sizes.payload_bytes : 0});
+  } else if (plan.pcr_rate) {
+    clock.emplace(
+        PcrMarks(plan.pcr_rate->pid, plan.pcr_rate->packets_per_second, SpeedOf(options)));
   }
-  return std::make_unique<ScheduledPlaying>(options, plan, std::move(*playout), marks, format,
+  return std::make_unique<ScheduledPlaying>(options, plan, std::move(*playout), clock, format,
                                             faults);
 }
 

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/marked_writer.h"
 
+#include <bitstream/mpeg/ts.h>
+
 #include <algorithm>
 
 #include "host/base/wall_clock.h"
+#include "ipplayout/playouts.h"
 
 namespace ipplay {
 namespace {
@@ -22,23 +25,66 @@ void MarkedWriter::Follow(Time start, Time lead) {
   following_.emplace(Following{.follower = ClockFollower(lead), .start = start});
 }
 
-void MarkedWriter::Arrived(std::optional<std::int64_t> time_ns) {
+void MarkedWriter::Arrived(const std::optional<Arrival>& arrival) {
+  if (auto* capture = std::get_if<CaptureClock>(&clock_); capture != nullptr && arrival) {
+    PlaceDatagram(*capture, *arrival);
+  }
   if (!following_) {
     return;
   }
-  following_->knows_arrivals = time_ns.has_value();
+  following_->knows_arrivals = arrival.has_value();
   following_->arrival = ScheduledPlayout::Now();
-  if (time_ns) {
-    following_->arrival -= WallClockNow() - Time(*time_ns);
+  if (arrival) {
+    following_->arrival -= WallClockNow() - Time(arrival->time_ns);
   }
+}
+
+void MarkedWriter::FollowPid(std::uint16_t pid) {
+  if (auto* marks = std::get_if<PcrMarks>(&clock_)) {
+    marks->Follow(pid);
+  }
+}
+
+void MarkedWriter::PlaceDatagram(CaptureClock& capture, const Arrival& arrival) {
+  const Time time = capture.marks.Add(arrival);
+  if (arrival.missing > 0 && capture.datagram_bytes > 0) {
+    AddMissing(arrival.missing, capture.datagram_bytes, time);
+  }
+  playout_.Mark(written_ + held_.size(), time);
+  placed_ = held_.size();
+  last_datagram_ = time;
+}
+
+// They are written, at even distances, and lost on the way.
+void MarkedWriter::AddMissing(std::size_t count, std::size_t bytes, Time until) {
+  const auto places = static_cast<std::int64_t>(count) + 1;
+  const Time since = last_datagram_;
+  for (std::int64_t place = 1; place < places; ++place) {
+    const Time time = since + (until - since) / places * place;
+    if (place == 1) {
+      playout_.Order(
+          {kMissing, IPPLAYOUT_DID_LOSE, static_cast<std::uint32_t>(count), 0, 0, time.count(), 0});
+    }
+    playout_.Mark(written_ + held_.size(), time);
+    for (std::size_t at = 0; at < bytes; at += format_.packet_bytes) {
+      held_.resize(held_.size() + format_.packet_bytes, 0xFF);
+      ts_pad(held_.data() + held_.size() - format_.packet_bytes + format_.SyncOffset());
+    }
+  }
+  looked_at_ = held_.size();
 }
 
 bool MarkedWriter::Write(std::span<const std::uint8_t> bytes) {
   held_.insert(held_.end(), bytes.begin(), bytes.end());
+  if (WantsDatagrams()) {
+    looked_at_ = held_.size();
+    return WriteUpTo(placed_);
+  }
+  auto& marks = std::get<PcrMarks>(clock_);
   const std::size_t unit = format_.packet_bytes;
   std::size_t known = 0;  // before the last mark
   while (looked_at_ + unit <= held_.size()) {
-    if (const auto time = marks_.Add(held_.data() + looked_at_ + format_.SyncOffset())) {
+    if (const auto time = marks.Add(held_.data() + looked_at_ + format_.SyncOffset())) {
       Place(looked_at_, *time);
       known = looked_at_;
     }
@@ -89,6 +135,7 @@ bool MarkedWriter::WriteUpTo(std::size_t end) {
   }
   held_.erase(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(end));
   looked_at_ -= std::min(looked_at_, end);
+  placed_ -= std::min(placed_, end);
   written_ += end;
   return taken.has_value();
 }

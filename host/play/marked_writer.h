@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Writes a stream into a playout by time marks, with a mark for each PCR.
+// Writes a stream into a playout by time marks: one for each PCR, or for each datagram of a
+// capture.
 #pragma once
 
 #include <atomic>
@@ -8,9 +9,11 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <variant>
 #include <vector>
 
 #include "host/library/scheduled_playout.h"
+#include "host/stream/arrival_marks.h"
 #include "host/stream/clock_follower.h"
 #include "host/stream/packet_format.h"
 #include "host/stream/pcr_marks.h"
@@ -18,22 +21,36 @@
 
 namespace ipplay {
 
-// Holds back what follows a PCR until the next one says when that leaves, or until it is as much as
-// no PCR interval should be. The feeder's.
+// Datagrams of a capture leave when they came; `datagram_bytes` above 0 leaves a hole for each that
+// is missing, with a sequence number of its own, in a stream whose datagrams are all of that size.
+struct CaptureClock {
+  ArrivalMarks marks;
+  std::size_t datagram_bytes = 0;
+};
+
+// Holds back what follows a mark until the next one says when that leaves, or until it is as much
+// as no PCR interval should be. The feeder's.
 class MarkedWriter {
  public:
   using Time = std::chrono::nanoseconds;
 
-  // `faults` are made behind the marks, which the stream's own PCRs give; null for none.
-  MarkedWriter(ScheduledPlayout& playout, PacketFormat format, const PcrMarks& marks,
+  using Clock = std::variant<PcrMarks, CaptureClock>;
+  // Number of the orders that lose what is missing.
+  static constexpr std::uint64_t kMissing = UINT64_MAX;
+
+  // `faults` are made behind the marks, which the stream's own PCRs may give; null for none.
+  MarkedWriter(ScheduledPlayout& playout, PacketFormat format, const Clock& clock,
                StreamFaults* faults)
-      : playout_(playout), format_(format), marks_(marks), faults_(faults) {}
+      : playout_(playout), format_(format), clock_(clock), faults_(faults) {}
 
   // From now on the clock of the input is followed. The playout starts at `start`, on
   // CLOCK_MONOTONIC, and what comes then is meant to wait for `lead`.
   void Follow(Time start, Time lead);
-  // What is written next came at this time, since 1970; nothing: it has been read just now.
-  void Arrived(std::optional<std::int64_t> time_ns);
+  // What is written next came then; nothing: it has been read just now.
+  void Arrived(const std::optional<Arrival>& arrival);
+  bool WantsDatagrams() const { return std::holds_alternative<CaptureClock>(clock_); }
+  // The PCRs of what is written next are those of this PID.
+  void FollowPid(std::uint16_t pid);
 
   // False once the playout has ended.
   bool Write(std::span<const std::uint8_t> bytes);
@@ -55,16 +72,20 @@ class MarkedWriter {
   };
 
   void Place(std::size_t position, Time time);
+  void PlaceDatagram(CaptureClock& capture, const Arrival& arrival);
+  void AddMissing(std::size_t count, std::size_t bytes, Time until);
   bool HasToGo() const;
   bool WriteUpTo(std::size_t end);
 
   ScheduledPlayout& playout_;
   const PacketFormat format_;
-  PcrMarks marks_;
+  Clock clock_;
   StreamFaults* const faults_;
   std::optional<Following> following_;
   std::vector<std::uint8_t> held_;  // that was not written yet
   std::size_t looked_at_ = 0;       // of it, in whole packets
+  std::size_t placed_ = 0;          // of it, before the mark of the last datagram
+  Time last_datagram_{0};           // that mark
   std::uint64_t written_ = 0;
   std::atomic<double> followed_ppm_{0};
 };

@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "host/base/units.h"
+#include "host/play/plan_capture.h"
 #include "ipplayout/limits.h"
 
 namespace ipplay {
@@ -30,7 +31,10 @@ std::optional<Failure> SetBitRates(const PlayOptions& options, const StreamFacts
     rates.stream = rates.frame / frame_share;
     return std::nullopt;
   }
-  const auto rate = options.bit_rate ? options.bit_rate : facts.BitRate(format);
+  auto rate = options.bit_rate ? options.bit_rate : facts.BitRate(format);
+  if (options.by_arrival) {
+    rate = *CapturedPacketRate(facts) * 8 * format.CountedBytes();
+  }
   if (!rate && options.pcr_pid) {
     return UsageFailure("--pcr-pid: INPUT has no PCRs there; give a PID with PCRs, or --bitrate");
   }
@@ -104,7 +108,7 @@ std::optional<Failure> SetFill(const PlayOptions& options, const StreamFacts& fa
     return std::nullopt;
   }
   const double rate = rates.stream / SpeedOf(options);
-  if (!facts.rate->IsVariable() && std::abs(rate / *own - 1) <= kTolerance) {
+  if (facts.list.empty() && !facts.rate->IsVariable() && std::abs(rate / *own - 1) <= kTolerance) {
     return std::nullopt;
   }
   const double least = *own * (1 - facts.null_share);

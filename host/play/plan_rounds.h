@@ -20,6 +20,12 @@ struct Rounds {
   std::optional<std::uint64_t> round_bytes;  // as played; none for a pipe
   bool live = false;                         // comes at its own pace
   std::optional<std::uint64_t> total_bytes;  // of all rounds; none without an end
+  std::size_t streams = 1;                   // in a round
+
+  // That are played in all.
+  std::optional<std::uint64_t> Streams() const {
+    return count ? std::optional(*count * streams) : std::nullopt;
+  }
 };
 
 Result<Rounds> PlanRounds(const PlayOptions& options, const StreamFacts& facts);

@@ -37,22 +37,21 @@ std::uint32_t HeaderBytes(const PlayOptions& options) {
 }
 
 // The option that decides on the size, and its value.
-std::string SizeOption(const PlayOptions& options) {
+std::string SizeOption(const PlayOptions& options, std::uint32_t packets) {
   if (options.frame_size) {
     return fmt::format("--frame-size {}", *options.frame_size);
   }
-  return fmt::format("--ts-per-datagram {}",
-                     options.ts_per_datagram.value_or(kDefaultPacketsPerDatagram));
+  return fmt::format("--ts-per-datagram {}", packets);
 }
 
 // The library cuts larger datagrams silently, and the adapter refuses them.
 std::optional<Failure> CheckFrame(const PlayOptions& options, const Sizes& sizes,
-                                  const Adapter& adapter) {
+                                  std::uint32_t packets, const Adapter& adapter) {
   const bool v6 = options.to.address.is_v6;
   const std::uint32_t largest = GetMaxIPMTU(v6 ? 1 : 0, sizes.dont_fragment ? 0 : 1);
   if (sizes.frame_bytes > largest) {
     return UsageFailure(fmt::format("{} makes frames of {} bytes; give at most {}{}",
-                                    SizeOption(options), sizes.frame_bytes, largest,
+                                    SizeOption(options, packets), sizes.frame_bytes, largest,
                                     v6 || !sizes.dont_fragment ? "" : ", or --dont-fragment off"));
   }
   const std::uint32_t packet =
@@ -60,36 +59,37 @@ std::optional<Failure> CheckFrame(const PlayOptions& options, const Sizes& sizes
   if (adapter.mtu && packet > *adapter.mtu) {
     return UsageFailure(
         fmt::format("{} makes IP packets of {} bytes; {} takes at most {} (its MTU)",
-                    SizeOption(options), packet, adapter.name, *adapter.mtu));
+                    SizeOption(options, packets), packet, adapter.name, *adapter.mtu));
   }
   return std::nullopt;
 }
 
 }  // namespace
 
-Result<Sizes> PlanSizes(const PlayOptions& options, PacketFormat format, const Adapter& adapter) {
+Result<Sizes> PlanSizes(const PlayOptions& options, PacketFormat format, const Adapter& adapter,
+                        std::optional<std::uint32_t> captured) {
   constexpr std::uint32_t kLargestUnfragmented = 1500;
   if (auto failure = CheckOptions(options)) {
     return *std::move(failure);
   }
+  const std::uint32_t packets =
+      options.ts_per_datagram.value_or(captured.value_or(kDefaultPacketsPerDatagram));
   Sizes sizes;
   sizes.to_the_byte = options.raw || options.cut;
   sizes.header_bytes = HeaderBytes(options);
-  sizes.payload_bytes = options.raw ? kDefaultRawPayload
-                                    : options.ts_per_datagram.value_or(kDefaultPacketsPerDatagram) *
-                                          format.packet_bytes;
+  sizes.payload_bytes = options.raw ? kDefaultRawPayload : packets * format.packet_bytes;
   if (options.frame_size) {
     const std::uint32_t unit = sizes.to_the_byte ? 1 : format.packet_bytes;
     const std::uint32_t smallest = sizes.header_bytes + unit;
     if (*options.frame_size < smallest) {
       return UsageFailure(fmt::format("{} is too small: the headers take {} bytes; give {} or more",
-                                      SizeOption(options), sizes.header_bytes, smallest));
+                                      SizeOption(options, packets), sizes.header_bytes, smallest));
     }
     sizes.payload_bytes = (*options.frame_size - sizes.header_bytes) / unit * unit;
   }
   sizes.frame_bytes = sizes.header_bytes + sizes.payload_bytes;
   sizes.dont_fragment = options.dont_fragment.value_or(sizes.frame_bytes <= kLargestUnfragmented);
-  if (auto failure = CheckFrame(options, sizes, adapter)) {
+  if (auto failure = CheckFrame(options, sizes, packets, adapter)) {
     return *std::move(failure);
   }
   return sizes;

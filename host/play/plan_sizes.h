@@ -19,6 +19,8 @@ struct Sizes {
   bool dont_fragment = true;        // the IPv4 bit
 };
 
-Result<Sizes> PlanSizes(const PlayOptions& options, PacketFormat format, const Adapter& adapter);
+// `captured` packets to a datagram unless the user orders a size.
+Result<Sizes> PlanSizes(const PlayOptions& options, PacketFormat format, const Adapter& adapter,
+                        std::optional<std::uint32_t> captured = std::nullopt);
 
 }  // namespace ipplay

@@ -114,7 +114,7 @@ std::optional<Failure> MakeTwins(PlayPlan& plan, TwinPath& twin) {
         "--twin needs a file: a pipe or a live input has a clock of its own, which the two paths "
         "would follow differently");
   }
-  if (plan.pcr_rate.has_value() != twin.plan.pcr_rate.has_value()) {
+  if (plan.IsMarked() != twin.plan.IsMarked()) {
     return UsageFailure(
         "--jitter and --twin-jitter: the stream's rate varies, and with jitter on one path the two "
         "would differ; give --bitrate");

@@ -142,7 +142,7 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (!prepared) {
     return prepared.Error();
   }
-  auto& [path, facts, plan, input, further, twin] = *prepared;
+  auto& [path, facts, plan, input, further, twin, then] = *prepared;
   // So that the file repeats this run.
   if (!options.seed && plan.by_schedule) {
     app.get_subcommand("play")->get_option("--seed")->add_result(
@@ -169,8 +169,8 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (const auto failure = CompleteFurther(options, *prepared)) {
     return *failure;
   }
-  PlaySession session(options, plan, twin, std::make_unique<RoundReader>(std::move(input), facts),
-                      std::move(further), stop_reading, control->get());
+  PlaySession session(options, plan, twin, MakeReader(std::move(*prepared)), std::move(further),
+                      stop_reading, control->get());
   return static_cast<int>(session.Run());
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/play_options.h"
 
+#include <algorithm>
+
 #include "host/base/host_name.h"
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
@@ -94,11 +96,41 @@ void TakePlaces(const std::vector<std::string>& texts, PlayOptions& o) {
   }
 }
 
+void DefineInputs(CLI::App& command, PlayOptions& o) {
+  command
+      .add_option_function<std::vector<std::string>>(
+          "INPUT,--input",
+          [&o](const std::vector<std::string>& names) {
+            if (std::find(names.begin(), names.end(), "") != names.end()) {
+              throw OptionBuilder::Invalid("INPUT", "", "a file or -");
+            }
+            o.input = names.front();
+            o.then.assign(names.begin() + 1, names.end());
+          },
+          "File to play, a pcap or pcapng file, udp:// or rtp:// [SOURCE@]ADDRESS:PORT, or - for "
+          "standard input; several files are played in a row, as one stream")
+      ->type_name("INPUT")
+      ->required();
+}
+
 void DefineInput(OptionBuilder& add, PlayOptions& o) {
   add.Group("Which part of the input");
   add.Value("--flow", o.flow, "[SOURCE@]ADDRESS:PORT",
             "as 239.1.1.1:5004, or 10.0.0.1@239.1.1.1:5004",
             "Flow of a capture to play, by its destination; default: the only one", ParseEndpoint);
+  add.Value(
+      "--timing", o.by_arrival, "pcr|capture", "pcr or capture",
+      "capture: let the datagrams of a capture leave as far apart as they came",
+      [](const std::string& text) -> std::optional<bool> {
+        if (text == "pcr") {
+          return false;
+        }
+        return text == "capture" ? std::optional(true) : std::nullopt;
+      },
+      "pcr");
+  add.Flag("--keep-losses", o.keep_losses,
+           "With --timing capture: leave a hole and skip the RTP sequence number for each packet "
+           "that is missing in the capture");
   add.Value("--from", o.from, "TIME", "a time as 90s or 1h30m",
             "Start at this time by the PCRs; default: at the beginning", ParseDuration);
   add.Value("--duration", o.duration, "TIME", "a time as 90s or 1h30m",
@@ -479,13 +511,13 @@ void DefineWords(OptionBuilder& add, PlayOptions& o) {
 
 }  // namespace
 
+std::string PlayOptions::InputText() const {
+  return then.empty() ? input : fmt::format("{} and {} more", input, then.size());
+}
+
 void DefinePlayOptions(CLI::App& command, PlayOptions& options) {
   OptionBuilder add(command);
-  add.Value("INPUT,--input", options.input, "INPUT", "a file or -",
-            "File to play, a pcap or pcapng file, udp:// or rtp:// [SOURCE@]ADDRESS:PORT, or - for "
-            "standard input",
-            ParseText)
-      ->required();
+  DefineInputs(command, options);
   DefineInput(add, options);
   DefineTarget(command, add, options);
   DefineHeaders(add, options);

@@ -29,7 +29,10 @@ struct PlayOptions {
   };
 
   std::string input;
-  std::optional<Endpoint> flow;  // of a capture
+  std::vector<std::string> then;  // inputs that follow it
+  std::optional<Endpoint> flow;   // of a capture
+  bool by_arrival = false;        // a capture at its own times
+  bool keep_losses = false;
   std::optional<std::chrono::nanoseconds> from, duration;
   std::optional<std::uint32_t> program;  // of a multiplex
   std::set<std::uint16_t> pids;          // of it; none: all
@@ -124,6 +127,8 @@ struct PlayOptions {
   std::string ledger;   // a capture file of what became of each frame
 
   bool WantsJson() const { return json || json_stats; }
+  // All of them, in words.
+  std::string InputText() const;
 };
 
 // Adds the options to `command`. Parsing fills `options`, which must live as long as `command`, and

@@ -9,6 +9,7 @@
 #include "host/base/machine.h"
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
+#include "host/play/plan_capture.h"
 #include "host/play/plan_faults.h"
 #include "host/play/plan_fec.h"
 #include "host/play/plan_schedule.h"
@@ -19,18 +20,7 @@ namespace {
 
 using Notes = std::vector<std::string>;
 
-std::optional<Failure> CheckLive(const PlayOptions& options, const StreamFacts& facts) {
-  if (facts.live && facts.rate && SpeedOf(options) != 1) {
-    return UsageFailure(fmt::format("{}: a live input is played as fast as it comes; leave it out",
-                                    options.speed != 1 ? "--speed" : "--ppm"));
-  }
-  if (facts.live && options.start_at) {
-    return UsageFailure("--start-at: a live input is played when it comes; leave it out");
-  }
-  return std::nullopt;
-}
-
-std::optional<Failure> CheckOptions(const PlayOptions& options, const StreamFacts& facts) {
+std::optional<Failure> CheckErrors(const PlayOptions& options) {
   if (options.pcr_pid && options.raw) {
     return UsageFailure("--pcr-pid and --raw exclude each other: raw input has no PCRs; give one");
   }
@@ -55,10 +45,37 @@ std::optional<Failure> CheckOptions(const PlayOptions& options, const StreamFact
     return UsageFailure(
         "--as-188 and --raw exclude each other: raw input has no packets; give one");
   }
-  if (auto failure = CheckFaults(options)) {
+  return CheckFaults(options);
+}
+
+std::optional<Failure> CheckSpeed(const PlayOptions& options, const StreamFacts& facts) {
+  if (facts.live && facts.rate && SpeedOf(options) != 1) {
+    return UsageFailure(fmt::format("{}: a live input is played as fast as it comes; leave it out",
+                                    options.speed != 1 ? "--speed" : "--ppm"));
+  }
+  if (facts.live && options.start_at) {
+    return UsageFailure("--start-at: a live input is played when it comes; leave it out");
+  }
+  return std::nullopt;
+}
+
+std::optional<Failure> CheckOptions(const PlayOptions& options, const StreamFacts& facts) {
+  if (auto failure = CheckErrors(options)) {
     return failure;
   }
-  return CheckLive(options, facts);
+  if (auto failure = CheckSpeed(options, facts)) {
+    return failure;
+  }
+  return CheckCapture(options, facts);
+}
+
+std::optional<Failure> CheckDatagrams(const PlayOptions& options, const StreamFacts& facts,
+                                      PacketFormat format, const Sizes& sizes,
+                                      const Adapter& adapter) {
+  if (auto failure = CheckFec(options, sizes, adapter)) {
+    return failure;
+  }
+  return CheckHoles(options, facts, format, sizes);
 }
 
 void NoteRtpClock(const PlayPlan& plan, Notes& notes) {
@@ -91,13 +108,17 @@ bool IsScheduled(const PlayOptions& options, const PlayPlan& plan) {
 
 // A stream of varying rate has its own times, unless a rate is given. The one playout that is
 // paced by a rate has bursts and jitter by it. What comes once is always played by its PCRs, since
-// its rate is known for its beginning only.
+// its rate is known for its beginning only; and streams in a row are, since each has a rate of its
+// own.
 bool FollowsPcrs(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan) {
   if (!facts.rate) {
     return false;
   }
   if (!facts.bytes) {
     return IsScheduled(options, plan);
+  }
+  if (!facts.list.empty()) {
+    return !options.bit_rate && !options.frame_bit_rate;
   }
   return facts.rate->IsVariable() && !options.bit_rate && !options.frame_bit_rate &&
          !options.burst && !options.jitter;
@@ -235,7 +256,8 @@ void NoteStart(const PlayOptions& options, Notes& notes) {
 }
 
 void NoteShape(const PlayOptions& options, const StreamFacts& facts, Notes& notes) {
-  if (options.rounds.value_or(2) > 1 && !options.restamp && !options.near_wrap && facts.rate) {
+  if (options.rounds.value_or(2) > 1 && !options.restamp && !options.near_wrap && facts.rate &&
+      facts.list.empty()) {
     notes.emplace_back(
         "each round starts anew for a receiver, with PCR, PTS and counters set back; --restamp "
         "joins the rounds");
@@ -248,11 +270,19 @@ void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& pl
   NoteBitRate(options, facts, plan, plan.notes);
   NoteFormat(options, facts, plan.notes);
   NoteBytesLeftOut(facts, plan.notes);
+  for (const ListedStream& listed : facts.list) {
+    Notes of_one;
+    NoteBytesLeftOut(listed.facts, of_one);
+    for (const std::string& note : of_one) {
+      plan.notes.push_back(listed.name + ": " + note);
+    }
+  }
   if (options.near_wrap && !plan.rounds.restamp) {
     plan.notes.emplace_back(
         "--near-wrap: INPUT has no PCRs; only the RTP sequence number and the IPv4 identification "
         "start near their wraps");
   }
+  NoteCapture(options, facts, plan.notes);
   NoteJitter(options, plan, plan.notes);
   NoteShape(options, facts, plan.notes);
 }
@@ -260,7 +290,11 @@ void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& pl
 // By the marks of a schedule, or at one rate for all.
 std::optional<Failure> PlanSchedule(const PlayOptions& options, const StreamFacts& facts,
                                     PlayPlan& plan) {
-  if (FollowsPcrs(options, facts, plan)) {
+  if (options.by_arrival) {
+    plan.by_arrival = true;
+    plan.schedule.BitRate = 0;
+    LimitAhead(options, facts, plan.schedule);
+  } else if (FollowsPcrs(options, facts, plan)) {
     plan.pcr_rate = facts.rate;
     if (plan.rates.fill) {
       plan.pcr_rate->packets_per_second = plan.rates.fill->packets_per_second;
@@ -268,7 +302,7 @@ std::optional<Failure> PlanSchedule(const PlayOptions& options, const StreamFact
     plan.schedule.BitRate = 0;
     FollowInput(options, facts, plan);
   }
-  plan.by_schedule = plan.pcr_rate || !options.into.empty() || IsScheduled(options, plan);
+  plan.by_schedule = plan.IsMarked() || !options.into.empty() || IsScheduled(options, plan);
   if (!plan.by_schedule) {
     return CheckForSchedule(options);
   }
@@ -294,11 +328,11 @@ Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, 
   }
   EditPlan edits{.as_188 = options.as_188};
   const PacketFormat format = StreamEditor::Format(facts.format, edits);
-  const auto sizes = PlanSizes(options, format, path.adapter);
+  const auto sizes = PlanSizes(options, format, path.adapter, CapturedPackets(options, facts));
   if (!sizes) {
     return sizes.Error();
   }
-  if (auto failure = CheckFec(options, *sizes, path.adapter)) {
+  if (auto failure = CheckDatagrams(options, facts, format, *sizes, path.adapter)) {
     return *std::move(failure);
   }
   const auto rates = PlanRates(options, facts, format, *sizes);

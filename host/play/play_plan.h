@@ -34,9 +34,13 @@ struct PlayPlan {
   bool by_schedule = false;         // by a playout with a handle
   IpPlayoutSettings schedule{};     // its settings
   std::optional<PcrRate> pcr_rate;  // of a stream that is played at the times of its PCRs
+  bool by_arrival = false;          // a capture is played at the times of its datagrams
   // The clock of an input that comes once is followed, and what it brings waits for so long.
   std::optional<std::chrono::nanoseconds> lead;
   std::vector<std::string> notes;  // what the user should know, a line each
+
+  // The stream's own times say when it leaves, not a rate.
+  bool IsMarked() const { return pcr_rate || by_arrival; }
 };
 
 // "INPUT is damaged in 2 places: ...".

@@ -61,8 +61,8 @@ PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
       faults_(*playing_),
       further_(std::move(further), StreamEditor::Format(reader->Format(), plan.edits)),
       changes_(options, plan),
-      feeder_(std::move(reader), plan.edits, plan.rounds.count, further_.With(playing_->Sink()),
-              plan.pcr_rate ? nullptr : stream_faults_.get()) {
+      feeder_(std::move(reader), plan.edits, plan.rounds.Streams(), further_.With(playing_->Sink()),
+              plan.IsMarked() ? nullptr : stream_faults_.get()) {
   OrderAhead();
 }
 
@@ -505,7 +505,7 @@ void PlaySession::JudgeTiming(const IpPlayoutTiming& timing) {
 
 // What a pipe left out is known at its end; a file's damage was noted at the start.
 void PlaySession::JudgeInput() {
-  const Damage& damage = feeder_.Damaged();
+  const Damage damage = feeder_.Damaged();
   if (damage.places > 0 && damage != plan_.damage) {
     Print(stderr, "ipplay: note: {}\n", DamageText(damage));
   }

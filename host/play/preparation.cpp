@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/preparation.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <span>
 
 #include "host/library/destination.h"
@@ -11,6 +14,7 @@
 #include "host/stream/live_source.h"
 #include "host/stream/open_input.h"
 #include "host/stream/stream_editor.h"
+#include "host/stream/stream_list.h"
 
 namespace ipplay {
 namespace {
@@ -55,6 +59,7 @@ ExamineOptions ExamineOptionsOf(const PlayOptions& options) {
   if (options.restamp || options.near_wrap) {
     examine.whole = options.rounds != 1;  // the seams follow from the length
   }
+  examine.whole = examine.whole || options.keep_losses;
   // Where a rate is given, PCRs are not waited for as long as they might come.
   if (options.bit_rate || options.frame_bit_rate) {
     constexpr std::size_t kEnough = std::size_t{1} << 20;
@@ -80,6 +85,78 @@ void NoteInput(const Input& input, PlayPlan& plan) {
     const auto notes = input.Notes();
     plan.notes.insert(plan.notes.end(), notes.begin(), notes.end());
   }
+}
+
+struct Opened {
+  Input input;
+  StreamFacts facts;
+  std::vector<RoundReader::Stream> then{};
+};
+
+Result<Opened> Open(const PlayOptions& options, const std::string& name, int stop_fd) {
+  auto input = OpenInput(name, InputOptionsOf(options), stop_fd);
+  if (!input) {
+    return input.Error();
+  }
+  auto facts = Examine(*input, ExamineOptionsOf(options));
+  if (!facts) {
+    return facts.Error();
+  }
+  return Opened{std::move(*input), *std::move(facts)};
+}
+
+std::optional<Failure> CheckList(const PlayOptions& options) {
+  const struct {
+    const char* name;
+    bool is_given;
+  } kOptions[] = {{"--raw", options.raw},
+                  {"--from", options.from.has_value()},
+                  {"--duration", options.duration.has_value()},
+                  {"--follow", options.follow},
+                  {"--timing capture", options.by_arrival}};
+  const auto* found = std::find_if(std::begin(kOptions), std::end(kOptions),
+                                   [](const auto& option) { return option.is_given; });
+  if (found != std::end(kOptions)) {
+    return UsageFailure(fmt::format("{} needs a single INPUT, and {} are given", found->name,
+                                    options.then.size() + 1));
+  }
+  const auto once = [](const std::string& name) { return name == "-" || IsLiveAddress(name); };
+  const auto not_file = std::find_if(options.then.begin(), options.then.end(), once);
+  if (once(options.input) || not_file != options.then.end()) {
+    return UsageFailure(
+        fmt::format("INPUT: {} can be read only once, and inputs in a row are files; give it alone",
+                    once(options.input) ? options.input : *not_file));
+  }
+  return std::nullopt;
+}
+
+// All of a list, before anything is sent.
+Result<Opened> OpenAll(const PlayOptions& options, int stop_fd) {
+  if (options.then.empty()) {
+    return Open(options, options.input, stop_fd);
+  }
+  if (auto failure = CheckList(options)) {
+    return *std::move(failure);
+  }
+  auto first = Open(options, options.input, stop_fd);
+  if (!first) {
+    return first.Error();
+  }
+  std::vector<ListedStream> list{{options.input, first->facts}};
+  for (const std::string& name : options.then) {
+    auto next = Open(options, name, stop_fd);
+    if (!next) {
+      return next.Error();
+    }
+    list.push_back({name, next->facts});
+    first->then.push_back({std::move(next->input), std::move(next->facts)});
+  }
+  auto together = FactsOfList(std::move(list), options.as_188);
+  if (!together) {
+    return together.Error();
+  }
+  first->facts = *std::move(together);
+  return first;
 }
 
 // What is random is the same as at the first target.
@@ -147,23 +224,24 @@ Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>&
   if (!path) {
     return path.Error();
   }
-  auto input = OpenInput(options.input, InputOptionsOf(options), stop_fd);
-  if (!input) {
-    return input.Error();
+  auto opened = OpenAll(options, stop_fd);
+  if (!opened) {
+    return opened.Error();
   }
-  auto facts = Examine(*input, ExamineOptionsOf(options));
-  if (!facts) {
-    return facts.Error();
-  }
-  auto plan = MakePlan(options, *facts, *path);
+  auto plan = MakePlan(options, opened->facts, *path);
   if (!plan) {
     return plan.Error();
   }
   if (const auto failure = ChooseWay(options, *path, adapters, *plan)) {
     return *failure;
   }
-  NoteInput(*input, *plan);
-  Prepared prepared{std::move(*path), std::move(*facts), std::move(*plan), std::move(*input)};
+  NoteInput(opened->input, *plan);
+  for (const RoundReader::Stream& next : opened->then) {
+    NoteInput(next.input, *plan);
+  }
+  Prepared prepared{std::move(*path), std::move(opened->facts), *std::move(plan),
+                    std::move(opened->input)};
+  prepared.then = std::move(opened->then);
   for (const PlayOptions::Place& place : options.also_to) {
     auto output = PrepareFurther(options, place, adapters, prepared);
     if (!output) {
@@ -177,6 +255,17 @@ Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>&
     }
   }
   return prepared;
+}
+
+std::unique_ptr<RoundReader> MakeReader(Prepared&& prepared) {
+  const auto& list = prepared.facts.list;
+  if (list.empty()) {
+    return std::make_unique<RoundReader>(std::move(prepared.input), prepared.facts);
+  }
+  std::vector<RoundReader::Stream> streams;
+  streams.push_back({std::move(prepared.input), list.front().facts});
+  std::move(prepared.then.begin(), prepared.then.end(), std::back_inserter(streams));
+  return std::make_unique<RoundReader>(std::move(streams));
 }
 
 std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan) {

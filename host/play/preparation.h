@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/stream/input.h"
+#include "host/stream/round_reader.h"
 #include "host/stream/stream_facts.h"
 
 namespace ipplay {
@@ -28,10 +30,14 @@ struct Prepared {
   Path path;
   StreamFacts facts;
   PlayPlan plan;
-  Input input;  // at its first packet
+  Input input;  // at its first packet; the first of a list
   std::vector<Output> further{};
-  std::optional<TwinPath> twin{};  // with --twin
+  std::optional<TwinPath> twin{};           // with --twin
+  std::vector<RoundReader::Stream> then{};  // the rest of a list
 };
+
+// Takes the inputs.
+std::unique_ptr<RoundReader> MakeReader(Prepared&& prepared);
 
 // Sends nothing. No read of the input goes on once `stop_fd` is readable.
 Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,

@@ -73,6 +73,9 @@ std::string RateSource(const PlayOptions& options, const StreamFacts& facts) {
   if (options.bit_rate) {
     return "as given";
   }
+  if (options.by_arrival) {
+    return "on average in the capture";
+  }
   return fmt::format("by the PCRs of PID {}", facts.rate ? facts.rate->pid : 0);
 }
 
@@ -110,7 +113,7 @@ void AddDerived(std::string& text, const PlayOptions& options, const StreamFacts
   const auto line = [&text](std::string_view name, const std::string& value) {
     fmt::format_to(std::back_inserter(text), "  {:<22}{}\n", name, value);
   };
-  line("input", fmt::format("{}: {}", QuotedLine(options.input), StreamText(facts)));
+  line("input", fmt::format("{}: {}", QuotedLine(options.InputText()), StreamText(facts)));
   line("target", fmt::format("{} through {} (device {})", FormatTarget(options.to),
                              path.adapter.name, path.adapter.index));
   line("stream bit rate",
@@ -329,7 +332,7 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
 std::string Introduction(const PlayOptions& options, const StreamFacts& facts, const PlayPlan& plan,
                          const std::string& device) {
   std::string text =
-      fmt::format("{}: {}; played {}\n", options.input, StreamText(facts), RoundsText(plan));
+      fmt::format("{}: {}; played {}\n", options.InputText(), StreamText(facts), RoundsText(plan));
   text += fmt::format("{}: {} {}, frames of {} bytes every {}{}\n", WayText(options, plan, device),
                       FormatBitRate(plan.rates.stream), RateSource(options, facts),
                       plan.sizes.frame_bytes, FormatDuration(plan.rates.gap),
@@ -343,7 +346,7 @@ std::string Introduction(const PlayOptions& options, const StreamFacts& facts, c
 std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Status& status,
                     std::string_view outcome) {
   const PlayoutStatistics& counters = status.counters;
-  std::string text = fmt::format("{}: {} to {} in {}", outcome, options.input,
+  std::string text = fmt::format("{}: {} to {} in {}", outcome, options.InputText(),
                                  FormatTarget(options.to), FormatDuration(status.elapsed));
   if (status.share && *status.share < 1) {
     text += fmt::format(", {:.1f} %", *status.share * 100);

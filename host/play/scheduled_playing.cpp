@@ -11,11 +11,12 @@
 namespace ipplay {
 
 ScheduledPlaying::ScheduledPlaying(const PlayOptions& options, const PlayPlan& plan,
-                                   ScheduledPlayout playout, const std::optional<PcrMarks>& marks,
+                                   ScheduledPlayout playout,
+                                   const std::optional<MarkedWriter::Clock>& clock,
                                    PacketFormat format, StreamFaults* faults)
     : options_(options), plan_(plan), playout_(std::move(playout)) {
-  if (marks) {
-    writer_.emplace(playout_, format, *marks, faults);
+  if (clock) {
+    writer_.emplace(playout_, format, *clock, faults);
   }
 }
 
@@ -35,7 +36,7 @@ std::optional<std::string> ScheduledPlaying::Configure() {
     }
   }
   if (writer_) {
-    playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the PCRs follow it
+    playout_.Mark(0, std::chrono::nanoseconds(0));  // those of the clock follow it
   }
   return std::nullopt;
 }
@@ -82,12 +83,21 @@ Feeder::Sink ScheduledPlaying::Sink() {
                 return Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
               },
           .terminate = [this] { End(); },
-          .arrived =
-              [this](std::optional<std::int64_t> time_ns) {
-                if (writer_) {
-                  writer_->Arrived(time_ns);
-                }
-              }};
+          .arrived = [this](const std::optional<Arrival>& arrival) { Arrived(arrival); },
+          .follow = [this](std::uint16_t pid) { FollowPid(pid); },
+          .wants_datagrams = WantsDatagrams()};
+}
+
+void ScheduledPlaying::Arrived(const std::optional<Arrival>& arrival) {
+  if (writer_) {
+    writer_->Arrived(arrival);
+  }
+}
+
+void ScheduledPlaying::FollowPid(std::uint16_t pid) {
+  if (writer_) {
+    writer_->FollowPid(pid);
+  }
 }
 
 std::optional<std::string> ScheduledPlaying::FailedWithin(std::chrono::nanoseconds time) {
@@ -138,6 +148,9 @@ std::optional<std::string> ScheduledPlaying::Alter(const Change& change) {
 std::vector<IpPlayoutDone> ScheduledPlaying::ReadDone() {
   std::vector<IpPlayoutDone> done(64);
   done.resize(playout_.ReadDone(done));
+  // What is missing in a capture was nobody's order.
+  std::erase_if(done,
+                [](const IpPlayoutDone& each) { return each.Number == MarkedWriter::kMissing; });
   return done;
 }
 

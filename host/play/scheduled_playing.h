@@ -15,16 +15,16 @@
 #include "host/play/play_plan.h"
 #include "host/play/playing.h"
 #include "host/stream/packet_format.h"
-#include "host/stream/pcr_marks.h"
 #include "host/stream/stream_faults.h"
 
 namespace ipplay {
 
 class ScheduledPlaying final : public Playing {
  public:
-  // `options` and `plan` outlive this. With `marks` the PCRs of what is written say when it leaves.
+  // `options` and `plan` outlive this. With `clock` it says when what is written leaves.
   ScheduledPlaying(const PlayOptions& options, const PlayPlan& plan, ScheduledPlayout playout,
-                   const std::optional<PcrMarks>& marks, PacketFormat format, StreamFaults* faults);
+                   const std::optional<MarkedWriter::Clock>& clock, PacketFormat format,
+                   StreamFaults* faults);
 
   std::optional<std::string> Start() override;
   Feeder::Sink Sink() override;
@@ -56,6 +56,10 @@ class ScheduledPlaying final : public Playing {
   // For the feeder: false once it has ended.
   bool Write(std::span<const std::uint8_t> bytes);
   void End();
+  // See Feeder::Sink.
+  void Arrived(const std::optional<Arrival>& arrival);
+  void FollowPid(std::uint16_t pid);
+  bool WantsDatagrams() const { return writer_ && writer_->WantsDatagrams(); }
 
  private:
   std::optional<std::string> Configure();

@@ -38,7 +38,18 @@ Feeder::Sink TwinPlaying::Sink() {
           [this] {
             first_->End();
             second_->End();
-          }};
+          },
+      .arrived =
+          [this](const std::optional<Arrival>& arrival) {
+            first_->Arrived(arrival);
+            second_->Arrived(arrival);
+          },
+      .follow =
+          [this](std::uint16_t pid) {
+            first_->FollowPid(pid);
+            second_->FollowPid(pid);
+          },
+      .wants_datagrams = first_->WantsDatagrams()};
 }
 
 // Where one has ended too early, the other one is to end as well.

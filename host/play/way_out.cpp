@@ -77,9 +77,16 @@ void UseSocket(const PlayOptions& options, const Path& path, PlayPlan& plan) {
   }
 }
 
+bool IsInput(const PlayOptions& options, const std::string& path) {
+  const auto is_same = [&path](const std::string& input) {
+    std::error_code error;
+    return std::filesystem::equivalent(input, path, error);
+  };
+  return is_same(options.input) || std::any_of(options.then.begin(), options.then.end(), is_same);
+}
+
 std::optional<Failure> UseFile(const PlayOptions& options, PlayPlan& plan) {
-  std::error_code error;
-  if (std::filesystem::equivalent(options.input, options.into, error)) {
+  if (IsInput(options, options.into)) {
     return UsageFailure(fmt::format("{} is INPUT; give another file to write", options.into));
   }
   IpPlayoutSettings& schedule = plan.schedule;

@@ -13,9 +13,24 @@ namespace ipplay {
 // The bytes from this offset on came at this time, up to the next one's.
 struct Arrival {
   std::uint64_t offset = 0;
-  std::int64_t time_ns = 0;  // since 1970
+  std::int64_t time_ns = 0;   // since 1970
+  std::uint32_t missing = 0;  // datagrams that did not come between these bytes and those before
 
   bool operator==(const Arrival&) const = default;
+};
+
+// The datagrams of a source that was read to its end.
+struct DatagramFacts {
+  std::uint64_t count = 0;
+  std::uint64_t bytes = 0;        // of the stream, in all of them
+  std::uint64_t missing = 0;      // by their RTP sequence numbers
+  bool is_numbered = false;       // it is RTP
+  std::uint32_t first_bytes = 0;  // of the stream in the first one
+  bool are_alike = false;         // all hold as much, but for the last one
+  std::int64_t first_ns = 0;      // arrival of the first, and of the last one
+  std::int64_t last_ns = 0;
+
+  bool operator==(const DatagramFacts&) const = default;
 };
 
 class ByteSource {
@@ -34,6 +49,9 @@ class ByteSource {
   // When the bytes came that the last Read() returned, in the order of their offsets; the first one
   // may lie before them. Empty where the source knows no times.
   virtual std::span<const Arrival> Arrivals() const { return {}; }
+
+  // Where they are known from the start.
+  virtual std::optional<DatagramFacts> Datagrams() const { return std::nullopt; }
 
   // It goes on at its own pace, whoever reads.
   virtual bool IsLive() const { return false; }

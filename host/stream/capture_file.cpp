@@ -257,6 +257,7 @@ void CaptureFile::Measure() {
   while (Read(bytes) > 0) {
   }
   size_ = offset_;
+  datagrams_ = stream_->Facts();
   if (frames_ != nullptr) {
     notes_ = frames_->Notes();
   }

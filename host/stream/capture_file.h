@@ -39,6 +39,7 @@ class CaptureFile : public ByteSource {
   std::size_t Read(std::span<std::uint8_t> buffer) override;
   void Seek(std::uint64_t offset) override;
   std::span<const Arrival> Arrivals() const override { return stream_->Arrivals(); }
+  std::optional<DatagramFacts> Datagrams() const override { return datagrams_; }
   bool IsStopped() const override { return stopped_; }
   int ReadError() const override { return error_; }
   std::vector<std::string> Notes() const override { return notes_; }
@@ -58,6 +59,7 @@ class CaptureFile : public ByteSource {
   std::unique_ptr<DatagramStream> stream_;
   std::uint64_t offset_ = 0;
   std::uint64_t size_ = 0;
+  DatagramFacts datagrams_;
   std::vector<std::string> notes_;
   bool stopped_ = false;
   int error_ = 0;

@@ -40,14 +40,17 @@ void RtpGuess::Add(std::span<const std::uint8_t> datagram, std::size_t length) {
 DatagramStream::DatagramStream(bool rtp)
     : sequence_(rtp ? std::make_unique<measure::RtpSequence>() : nullptr),
       window_([this](const measure::ReorderWindow::Payload& payload, bool) {
-        AddPayload(payload.bytes, payload.arrival_ns);
-      }) {}
+        AddPayload(payload.bytes, payload.arrival_ns, MissingBefore(payload.number));
+      }) {
+  facts_.is_numbered = rtp;
+}
 
 DatagramStream::~DatagramStream() = default;
 
 void DatagramStream::Add(std::span<const std::uint8_t> datagram, std::int64_t arrival_ns) {
+  new_from_ = start_ + bytes_.size();
   if (sequence_ == nullptr) {
-    AddPayload(datagram, arrival_ns);
+    AddPayload(datagram, arrival_ns, 0);
     return;
   }
   const auto rtp = RtpOf(datagram, datagram.size());
@@ -58,20 +61,55 @@ void DatagramStream::Add(std::span<const std::uint8_t> datagram, std::int64_t ar
   const auto payload =
       datagram.subspan(rtp->header_length, datagram.size() - rtp->header_length - rtp->padding);
   const auto result = sequence_->Add(rtp->sequence_number, rtp->timestamp);
+  if (result.event == measure::SequenceEvent::kStray) {
+    stray_ = rtp->sequence_number;
+  }
   window_.Add(rtp->sequence_number, result.event, {payload, arrival_ns});
+  stray_.reset();
+}
+
+// Between two numberings nothing is known to be missing.
+std::uint32_t DatagramStream::MissingBefore(std::uint16_t number) {
+  if (number == stray_) {
+    last_number_.reset();
+    return 0;
+  }
+  const auto missing = last_number_ ? static_cast<std::uint16_t>(number - *last_number_ - 1) : 0;
+  last_number_ = number;
+  return static_cast<std::uint32_t>(missing);
 }
 
 void DatagramStream::Flush() {
   window_.Flush();
 }
 
-void DatagramStream::AddPayload(std::span<const std::uint8_t> payload, std::int64_t arrival_ns) {
+void DatagramStream::AddPayload(std::span<const std::uint8_t> payload, std::int64_t arrival_ns,
+                                std::uint32_t missing) {
   if (payload.empty()) {
     return;
   }
   DropTaken();
-  arrivals_.push_back({start_ + bytes_.size(), arrival_ns});
+  for (auto late = arrivals_.rbegin();
+       late != arrivals_.rend() && late->offset >= new_from_ && late->time_ns > arrival_ns;
+       ++late) {
+    late->time_ns = arrival_ns;
+  }
+  arrivals_.push_back({start_ + bytes_.size(), arrival_ns, missing});
   bytes_.insert(bytes_.end(), payload.begin(), payload.end());
+  Count(payload.size(), arrival_ns, missing);
+}
+
+void DatagramStream::Count(std::size_t bytes, std::int64_t arrival_ns, std::uint32_t missing) {
+  if (facts_.count++ == 0) {
+    facts_.first_bytes = static_cast<std::uint32_t>(bytes);
+    facts_.first_ns = arrival_ns;
+    facts_.are_alike = true;
+  }
+  facts_.bytes += bytes;
+  facts_.are_alike = facts_.are_alike && !last_differs_;
+  last_differs_ = bytes != facts_.first_bytes;
+  facts_.last_ns = std::max(facts_.last_ns, arrival_ns);
+  facts_.missing += missing;
 }
 
 // Seldom enough to be cheap where some bytes always wait.

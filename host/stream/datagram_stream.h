@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -44,24 +45,35 @@ class DatagramStream {
 
   bool HasBytes() const { return BytesWaiting() > 0; }
   std::size_t BytesWaiting() const { return bytes_.size() - taken_; }
-  // Takes bytes of the stream; see ByteSource::Arrivals().
+  // Takes bytes of the stream; see ByteSource::Arrivals(). What came late and was put in order has
+  // the time of what follows it.
   std::size_t Take(std::span<std::uint8_t> buffer);
   std::span<const Arrival> Arrivals() const { return taken_arrivals_; }
 
+  // Of all that was added.
+  const DatagramFacts& Facts() const { return facts_; }
   std::vector<std::string> Notes() const;
 
  private:
   void DropTaken();
-  void AddPayload(std::span<const std::uint8_t> payload, std::int64_t arrival_ns);
+  void AddPayload(std::span<const std::uint8_t> payload, std::int64_t arrival_ns,
+                  std::uint32_t missing);
+  std::uint32_t MissingBefore(std::uint16_t number);
+  void Count(std::size_t bytes, std::int64_t arrival_ns, std::uint32_t missing);
 
   std::unique_ptr<measure::RtpSequence> sequence_;  // null without RTP
   measure::ReorderWindow window_;
-  std::vector<std::uint8_t> bytes_;  // of the stream, from offset start_ on
-  std::size_t taken_ = 0;            // of these
+  std::optional<std::uint16_t> last_number_;  // of what the window has delivered
+  std::optional<std::uint16_t> stray_;        // number in hand that is far from all others
+  std::vector<std::uint8_t> bytes_;           // of the stream, from offset start_ on
+  std::size_t taken_ = 0;                     // of these
   std::uint64_t start_ = 0;
   std::vector<Arrival> arrivals_;        // of what is in bytes_
   std::vector<Arrival> taken_arrivals_;  // of what was taken last
   std::uint64_t without_rtp_ = 0;        // datagrams that should have a header and have none
+  std::uint64_t new_from_ = 0;           // offset in the stream of what the last Add() has brought
+  DatagramFacts facts_;
+  bool last_differs_ = false;  // the last one holds more or less than the first
 };
 
 }  // namespace ipplay

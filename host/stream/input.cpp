@@ -50,11 +50,20 @@ void Input::Seek(std::uint64_t offset) {
   source_->Seek(offset);
 }
 
-std::optional<std::int64_t> Input::ArrivalOf(std::uint64_t offset) const {
-  const auto next = std::upper_bound(
+std::deque<Arrival>::const_iterator Input::Behind(std::uint64_t offset) const {
+  return std::upper_bound(
       arrivals_.begin(), arrivals_.end(), offset,
       [](std::uint64_t wanted, const Arrival& arrival) { return wanted < arrival.offset; });
-  return next == arrivals_.begin() ? std::nullopt : std::optional(std::prev(next)->time_ns);
+}
+
+std::optional<Arrival> Input::ArrivalOf(std::uint64_t offset) const {
+  const auto next = Behind(offset);
+  return next == arrivals_.begin() ? std::nullopt : std::optional(*std::prev(next));
+}
+
+std::optional<std::uint64_t> Input::NextArrival(std::uint64_t offset) const {
+  const auto next = Behind(offset);
+  return next == arrivals_.end() ? std::nullopt : std::optional(next->offset);
 }
 
 void Input::ForgetArrivalsBefore(std::uint64_t offset) {

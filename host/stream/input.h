@@ -36,10 +36,13 @@ class Input {
 
   // When the byte at this offset came. Nothing where the source does not know, and for bytes that
   // have not been read yet or are forgotten.
-  std::optional<std::int64_t> ArrivalOf(std::uint64_t offset) const;
+  std::optional<Arrival> ArrivalOf(std::uint64_t offset) const;
+  // Where bytes begin that came behind that one; nothing where that is not known.
+  std::optional<std::uint64_t> NextArrival(std::uint64_t offset) const;
   // Nobody will ask for bytes before this offset again, unless they are read again.
   void ForgetArrivalsBefore(std::uint64_t offset);
 
+  std::optional<DatagramFacts> Datagrams() const { return source_->Datagrams(); }
   // It goes on at its own pace, whoever reads.
   bool IsLive() const { return source_->IsLive(); }
   bool IsStopped() const { return source_->IsStopped(); }
@@ -48,6 +51,8 @@ class Input {
   std::vector<std::string> Notes() const { return source_->Notes(); }
 
  private:
+  std::deque<Arrival>::const_iterator Behind(std::uint64_t offset) const;
+
   std::unique_ptr<ByteSource> source_;
   std::string name_;
   std::vector<std::uint8_t> unread_;

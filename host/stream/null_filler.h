@@ -34,6 +34,8 @@ class NullFiller {
 
   // Takes whole packets and emits what is known of their slots: all that lies before a PCR.
   bool Run(Bytes packets, const Emit& emit);
+  // The PCRs that follow are those of another PID, on the same clock.
+  void Follow(std::uint16_t pid) { marks_.Follow(pid); }
   // The rest, at the end of the stream.
   bool Finish(const Emit& emit);
 

@@ -19,13 +19,16 @@ class PcrMarks {
   PcrMarks(std::uint16_t pid, double packets_per_second, double speed = 1)
       : pid_(pid), usual_ns_(1e9 / packets_per_second), speed_(speed) {}
 
+  // The PCRs are now those of another PID, on the same clock.
+  void Follow(std::uint16_t pid) { pid_ = pid; }
+
   // When the packet leaves, if it has a PCR; time 0 is about that of the first packet.
   std::optional<Time> Add(const std::uint8_t* packet);
 
  private:
   bool IsJump(std::uint64_t ticks) const;
 
-  const std::uint16_t pid_;
+  std::uint16_t pid_;
   double usual_ns_;  // from packet to packet
   const double speed_;
   std::uint64_t index_ = 0;  // of the packet to come

@@ -65,7 +65,9 @@ void PesTimes::Add(const std::uint8_t* packet) {
   const std::uint64_t time = stamps->has_dts ? pes_get_dts(stamps->pes) : pes_get_pts(stamps->pes);
   Times& times = times_[ts_get_pid(packet)];
   const std::uint64_t step = (time + kPesTimeModulus - times.last) % kPesTimeModulus;
-  if (times.packets > 0) {
+  if (times.skips) {
+    times.skipped += step;
+  } else if (times.packets > 0) {
     times.is_steady = times.is_steady && step <= kLongestStep;
     times.span += step;
     times.bytes += times.last_bytes;
@@ -73,7 +75,14 @@ void PesTimes::Add(const std::uint8_t* packet) {
   times.last = time;
   times.is_video = (pes_get_streamid(stamps->pes) & 0xF0) == kFirstVideo;
   times.last_bytes = pes_get_length(stamps->pes);
-  ++times.packets;
+  times.packets += times.skips ? 0 : 1;
+  times.skips = false;
+}
+
+void PesTimes::Skip() {
+  for (auto& [pid, times] : times_) {
+    times.skips = true;
+  }
 }
 
 // All pictures last equally long. The last audio packet is often shorter than the others and lasts
@@ -91,7 +100,7 @@ std::uint64_t PesTimes::Ticks() const {
   std::uint64_t longest = 0;
   for (const auto& [pid, times] : times_) {
     if (times.is_steady && times.packets > 1) {
-      longest = std::max(longest, times.span + LastOne(times));
+      longest = std::max(longest, times.skipped + times.span + LastOne(times));
     }
   }
   return longest;

@@ -23,6 +23,8 @@ std::optional<PesStamps> FindPesStamps(std::uint8_t* packet);
 class PesTimes {
  public:
   void Add(const std::uint8_t* packet);
+  // The packets up to the next one that is added are not looked at; their time counts.
+  void Skip();
 
   // The time from the first PES packet to the end of the last one, in 90 kHz ticks, of the longest
   // stream. Streams whose decoding times jump do not count.
@@ -32,10 +34,12 @@ class PesTimes {
   struct Times {
     std::uint64_t last = 0;
     std::uint64_t span = 0;
-    std::uint64_t packets = 0;
+    std::uint64_t skipped = 0;     // time that passed unseen
+    std::uint64_t packets = 0;     // but for the first one behind what was skipped
     std::uint64_t bytes = 0;       // of the PES packets before the last one, if they give it
     std::uint64_t last_bytes = 0;  // of the last one
     bool is_steady = true;
+    bool skips = false;
     bool is_video = false;
   };
 

@@ -14,6 +14,7 @@ namespace ipplay {
 namespace {
 
 constexpr std::uint16_t kNullPid = 0x1FFF;
+constexpr double kPcrSpacing = 0.04;  // seconds; ETSI TR 101 290, 5.2.2
 constexpr std::uint32_t kArrivalMask = 0x3FFFFFFF;
 
 bool HasFlags(const std::uint8_t* packet) {
@@ -27,8 +28,7 @@ bool HasFlags(const std::uint8_t* packet) {
 // the stream's mean rate, so that the time of a round is that of its bytes.
 std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
                                     std::uint64_t null_packets) {
-  constexpr double kSpacing = 0.04;  // seconds; ETSI TR 101 290, 5.2.2
-  const double most = std::floor(kSpacing * rate.packets_per_second);
+  const double most = std::floor(kPcrSpacing * rate.packets_per_second);
   const std::uint64_t between = rate.first_packet + packets - rate.last_packet + null_packets;
   const double more = static_cast<double>(between) - most;
   const auto clocks =
@@ -57,6 +57,23 @@ std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
   }
   head.insert(head.end(), tail.begin(), tail.end());
   return head;
+}
+
+std::vector<SeamPacket> JoinPackets(const PcrRate& rate, std::uint64_t packets,
+                                    std::uint64_t null_packets) {
+  std::vector<SeamPacket> join;
+  const auto spacing =
+      std::max<std::uint64_t>(1, static_cast<std::uint64_t>(kPcrSpacing * rate.packets_per_second));
+  for (std::uint64_t before = 0; before < rate.first_packet; before += spacing) {
+    const std::uint64_t earlier = rate.TicksOfStretch(rate.first_packet - before);
+    join.push_back({before, (rate.first_pcr + kPcrModulus - earlier % kPcrModulus) % kPcrModulus});
+  }
+  // The end is as that of a stream which begins with a PCR.
+  PcrRate tail = rate;
+  tail.first_packet = 0;
+  const auto end = SeamPackets(tail, packets, null_packets);
+  join.insert(join.end(), end.begin(), end.end());
+  return join;
 }
 
 Restamper::Restamper(PacketFormat format, RestampPlan plan)
@@ -91,8 +108,7 @@ bool Restamper::Run(std::span<std::uint8_t> packets, const Emit& emit) {
 }
 
 bool Restamper::IsPacketDue() const {
-  return next_seam_packet_ < plan_.seam.size() &&
-         plan_.seam[next_seam_packet_].before_packet <= packet_;
+  return next_seam_packet_ < Seam().size() && Seam()[next_seam_packet_].before_packet <= packet_;
 }
 
 // ISO/IEC 13818-1, 2.4.3.3: the counter stands still in a packet without payload. The arrival time
@@ -109,15 +125,17 @@ Restamper::Bytes Restamper::MakePacket(const std::uint8_t* next) {
   made_.resize(sync);
   made_.resize(format_.packet_bytes, 0xFF);
   std::uint8_t* const packet = made_.data() + sync;
-  const auto pcr = plan_.seam[next_seam_packet_++].pcr;
+  const auto pcr = Seam()[next_seam_packet_++].pcr;
   if (!pcr) {
     ts_pad(packet);
     return made_;
   }
   std::fill_n(packet, TS_HEADER_SIZE, std::uint8_t{0});
   ts_init(packet);
-  ts_set_pid(packet, plan_.pcr_pid);
-  ts_set_cc(packet, counters_[plan_.pcr_pid].last);
+  const std::uint16_t pid = PartPcrPid().value_or(plan_.pcr_pid);
+  ts_set_pid(packet, pid);
+  ts_set_cc(packet, counters_[pid].last);
+  counters_[pid].started = true;
   ts_set_adaptation(packet, kAdaptationOnly);
   WritePcr(packet, *pcr + offset_);
   return made_;
@@ -127,7 +145,14 @@ void Restamper::StartNextRound() {
   first_round_ = false;
   packet_ = 0;
   next_seam_packet_ = 0;
-  offset_ = (offset_ + plan_.round_ticks) % kPcrModulus;
+  if (plan_.parts.empty()) {
+    offset_ += plan_.round_ticks;
+  } else {
+    const RestampPart& last = plan_.parts[part_];
+    part_ = (part_ + 1) % plan_.parts.size();
+    offset_ += (last.start + last.ticks) % kPcrModulus + kPcrModulus - plan_.parts[part_].start;
+  }
+  offset_ %= kPcrModulus;
   for (Counter& counter : counters_) {
     counter.started_round = false;
   }

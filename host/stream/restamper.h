@@ -21,16 +21,31 @@ struct SeamPacket {
   std::optional<std::uint64_t> pcr;  // in the clock of the file, 27 MHz
 };
 
+// One of the streams that are played in a row as one.
+struct RestampPart {
+  std::uint64_t start = 0;  // its own clock at its first packet, 27 MHz ticks
+  std::uint64_t ticks = 0;  // that it lasts
+  std::uint16_t pcr_pid = 0;
+  std::vector<SeamPacket> seam{};  // in order
+};
+
 struct RestampPlan {
   std::uint64_t start_offset = 0;  // added to all clocks from the first round on, 27 MHz ticks
   std::uint64_t round_ticks = 0;   // added again for every further round
   std::uint16_t pcr_pid = 0;
-  std::vector<SeamPacket> seam{};  // in order
+  std::vector<SeamPacket> seam{};    // in order
+  std::vector<RestampPart> parts{};  // a round is one of them after the other; none: of one stream
 };
 
 // The packets to insert at the seam of a round of `packets` packets: `null_packets` null packets at
 // its end, and extra PCRs where the gap across the seam would exceed 40 ms.
 std::vector<SeamPacket> SeamPackets(const PcrRate& rate, std::uint64_t packets,
+                                    std::uint64_t null_packets);
+
+// The packets to insert into a stream of `packets` packets that others stand before and behind:
+// `null_packets` null packets at its end, a PCR at its start, and PCRs so that none are more than
+// 40 ms apart.
+std::vector<SeamPacket> JoinPackets(const PcrRate& rate, std::uint64_t packets,
                                     std::uint64_t null_packets);
 
 // Left as they are: discontinuities inside the file, elementary stream clock references, splice
@@ -47,8 +62,13 @@ class Restamper {
   // Rewrites whole packets in place and emits them, with the inserted ones. The next call continues
   // the round; a call without packets ends it.
   bool Run(std::span<std::uint8_t> packets, const Emit& emit);
-  // Call it between two rounds.
+  // Call it between two rounds, or two parts of them.
   void StartNextRound();
+
+  // Of the part in hand; nothing where there are no parts.
+  std::optional<std::uint16_t> PartPcrPid() const {
+    return plan_.parts.empty() ? std::nullopt : std::optional(plan_.parts[part_].pcr_pid);
+  }
 
   // Rewrites one packet of the format in place.
   void Restamp(std::uint8_t* packet);
@@ -61,6 +81,9 @@ class Restamper {
     bool started_round = false;  // the same in this round
   };
 
+  const std::vector<SeamPacket>& Seam() const {
+    return plan_.parts.empty() ? plan_.seam : plan_.parts[part_].seam;
+  }
   bool IsPacketDue() const;
   Bytes MakePacket(const std::uint8_t* next);
   void RestampCounter(std::uint8_t* packet);
@@ -72,8 +95,9 @@ class Restamper {
   PacketFormat format_;
   RestampPlan plan_;
   std::uint64_t offset_;
+  std::size_t part_ = 0;              // in plan_.parts
   std::uint64_t packet_ = 0;          // index in the round of the next packet
-  std::size_t next_seam_packet_ = 0;  // in plan_.seam
+  std::size_t next_seam_packet_ = 0;  // in Seam()
   std::vector<std::uint8_t> made_;    // the last inserted packet
   bool first_round_ = true;
   std::array<Counter, 8192> counters_{};

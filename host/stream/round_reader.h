@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "host/stream/input.h"
 #include "host/stream/packet_reader.h"
@@ -15,45 +17,52 @@ namespace ipplay {
 
 class RoundReader {
  public:
-  // `input` is at the first packet, as Examine() leaves it.
+  struct Stream {
+    Input input;  // at the first packet, as Examine() leaves it
+    StreamFacts facts;
+  };
+
   RoundReader(Input input, const StreamFacts& facts);
+  // A round is one stream after the other, all of one format.
+  explicit RoundReader(std::vector<Stream> streams);
   RoundReader(const RoundReader&) = delete;
   RoundReader& operator=(const RoundReader&) = delete;
 
-  // The next packets of the round (bytes of raw input), valid until the next call. Waits for a
-  // pipe. Empty at the end of the round.
+  // The next packets of the stream in hand (bytes of raw input), valid until the next call. Waits
+  // for a pipe. Empty at its end.
   std::span<std::uint8_t> Next();
   // When the byte came that stands here in what Next() returned last; nothing where the input does
   // not know.
-  std::optional<std::int64_t> ArrivalOf(std::size_t position) const {
-    return input_.ArrivalOf(offset_ + position);
+  std::optional<Arrival> ArrivalOf(std::size_t position) const {
+    return Now().input.ArrivalOf(offset_ + position);
   }
-  // Goes back to the first packet. For files only.
+  // How many of the bytes from there on came together; the rest of them where that is not known.
+  std::size_t SameArrival(std::size_t position, std::size_t end) const;
+  // Goes to the first packet of the next stream, or back to that of the only one. For files only.
   void StartNextRound();
 
   // What the first round has left out so far.
-  const Damage& Damaged() const {
-    return first_round_damage_ ? *first_round_damage_ : reader_->Damaged();
-  }
+  Damage Damaged() const;
   // What the user should know about the input, a line each; of all that was read.
   std::vector<std::string> Notes() const;
-  PacketFormat Format() const { return format_; }
+  PacketFormat Format() const { return Now().facts.format; }
+  // That ReadError() is about.
+  const std::string& Name() const { return Now().input.Name(); }
   // errno of a failed read, ENODATA if the file has become shorter, or 0.
   int ReadError() const;
 
  private:
   void StartReading();
+  const Stream& Now() const { return streams_[stream_]; }
 
-  Input input_;
-  PacketFormat format_;
-  std::uint64_t first_packet_;
-  std::optional<std::uint64_t> end_;
+  std::vector<Stream> streams_;
+  std::size_t stream_ = 0;  // in hand
   std::optional<PacketReader> reader_;
   std::optional<TimeWindow> window_;  // of a pipe
-  FilterOrder order_;
   std::optional<StreamFilter> filter_;
   std::uint64_t offset_ = 0;  // in the input, of what Next() returned last
-  std::optional<Damage> first_round_damage_;
+  Damage damage_;             // in the streams that were read to their end in the first round
+  bool first_round_ = true;
   std::size_t trailing_bytes_ = 0;  // of what comes once
 };
 

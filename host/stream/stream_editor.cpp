@@ -31,6 +31,9 @@ void StreamEditor::StartNextRound() {
   if (restamper_) {
     restamper_->StartNextRound();
   }
+  if (const auto pid = PartPcrPid(); pid && filler_) {
+    filler_->Follow(*pid);
+  }
 }
 
 bool StreamEditor::Finish(const Emit& emit) {

@@ -40,6 +40,10 @@ class StreamEditor {
   // The round has ended, and another one may follow.
   bool EndRound(const Emit& emit);
   void StartNextRound();
+  // Of the stream in hand, where several are played in a row.
+  std::optional<std::uint16_t> PartPcrPid() const {
+    return restamper_ ? restamper_->PartPcrPid() : std::nullopt;
+  }
   // The last round has ended.
   bool Finish(const Emit& emit);
 

@@ -58,6 +58,7 @@ class PacketWalker {
   // The next packet is the one with this index; those before it are not looked at.
   void SkipTo(std::uint64_t index) {
     meter_.Skip();
+    times_.Skip();
     packets_ = index;
   }
 
@@ -289,6 +290,7 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   facts.format = *detection.format;
   facts.first_packet = facts.leading_bytes = detection.first_packet;
   facts.live = input.IsLive();
+  facts.datagrams = input.Datagrams();
   PacketWalker walker(facts.format, options.filter);
   if (!input.Size()) {
     WalkPipe(input, options, facts, std::move(head), walker);

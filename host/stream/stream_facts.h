@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "host/base/result.h"
 #include "host/stream/input.h"
@@ -15,6 +17,8 @@
 #include "host/stream/time_window.h"
 
 namespace ipplay {
+
+struct ListedStream;
 
 struct StreamFacts {
   PacketFormat format;
@@ -28,14 +32,21 @@ struct StreamFacts {
   double null_share = 0;            // null packets among all that were looked at
   std::uint64_t content_ticks = 0;  // of a file, as PesTimes::Ticks()
   bool live = false;                // comes at its own pace
-  std::optional<TimeSpan> window{};  // of a pipe, to be found as it comes
-  FilterOrder filter{};              // what of it is played
+  std::optional<TimeSpan> window{};          // of a pipe, to be found as it comes
+  FilterOrder filter{};                      // what of it is played
+  std::optional<DatagramFacts> datagrams{};  // of a capture
+  std::vector<ListedStream> list{};          // streams that are played in a row, as one; or none
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts; of packets of
   // another format where that is given.
   std::optional<double> BitRate() const { return BitRate(format); }
   std::optional<double> BitRate(PacketFormat of) const;
+};
+
+struct ListedStream {
+  std::string name;  // of the input
+  StreamFacts facts;
 };
 
 struct ExamineOptions {

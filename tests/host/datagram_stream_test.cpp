@@ -97,6 +97,30 @@ TEST(DatagramStream, EachByteKnowsWhenItCame) {
   EXPECT_EQ(arrivals(), (std::vector<Arrival>{{20, 300}}));
 }
 
+TEST(DatagramStream, WhatIsMissingAndWhatCameLateIsKnown) {
+  DatagramStream stream(true);
+  for (const auto& [number, time] : std::vector<std::pair<std::uint16_t, std::int64_t>>{
+           {65534, 10}, {65535, 20}, {2, 30}, {1, 40}, {3, 50}, {30000, 60}, {4, 70}}) {
+    stream.Add(RtpDatagram(number), time);
+  }
+  stream.Flush();
+  std::array<std::uint8_t, 100> all{};
+  EXPECT_EQ(stream.Take(all), 28U);
+  const auto arrivals = stream.Arrivals();
+  // The number 0 is missing; 1 came behind 2, and nothing is known of what lies around a stray one.
+  EXPECT_EQ(
+      std::vector<Arrival>(arrivals.begin(), arrivals.end()),
+      (std::vector<Arrival>{{0, 10}, {4, 20}, {8, 30, 1}, {12, 30}, {16, 50}, {20, 60}, {24, 70}}));
+  EXPECT_EQ(stream.Facts(), (DatagramFacts{.count = 7,
+                                           .bytes = 28,
+                                           .missing = 1,
+                                           .is_numbered = true,
+                                           .first_bytes = 4,
+                                           .are_alike = true,
+                                           .first_ns = 10,
+                                           .last_ns = 70}));
+}
+
 TEST(RtpGuess, TakesWhatContinues) {
   RtpGuess rtp;
   RtpGuess other;

@@ -16,6 +16,7 @@
 
 #include "host/play/feeder.h"
 #include "host/stream/open_input.h"
+#include "host/stream/pes_times.h"
 #include "host/stream/stream_facts.h"
 #include "tests/host/temporary_file.h"
 #include "tests/host/ts_builder.h"
@@ -90,8 +91,7 @@ Fed Feed(const std::string& path, const ExamineOptions& options = {}, std::uint6
                               [&] {
                                 fed.terminated = true;
                                 ended.set_value();
-                              },
-                          .arrived = nullptr};
+                              }};
   EditPlan edits;
   if (restamp_ticks) {
     edits.restamp = RestampPlan{.round_ticks = *restamp_ticks};
@@ -110,6 +110,19 @@ Bytes Repeated(const Bytes& bytes, int times) {
     all.insert(all.end(), bytes.begin(), bytes.end());
   }
   return all;
+}
+
+TEST(PesTimes, WhatIsSkippedCountsAsTime) {
+  for (const bool skips : {true, false}) {
+    PesTimes times;
+    for (const std::uint64_t pts : {0U, 3600U, 7200U, 9'000'000U, 9'003'600U}) {
+      if (skips && pts == 9'000'000) {
+        times.Skip();
+      }
+      times.Add(MakePacket({.pts = pts}).data());
+    }
+    EXPECT_EQ(times.Ticks(), skips ? 9'007'200U : 0U);  // or one that jumps
+  }
 }
 
 TEST(Input, CutEndsAreLeftOut) {
@@ -293,8 +306,7 @@ TEST(Feeder, RefusedWriteEndsIt) {
     Feeder feeder(
         std::make_unique<RoundReader>(std::move(*input), *facts), EditPlan(), std::nullopt,
         {.write = [&writes](const void*, std::uint16_t) { return ++writes < 5 ? 0 : -800; },
-         .terminate = [&terminated] { terminated = true; },
-         .arrived = nullptr});
+         .terminate = [&terminated] { terminated = true; }});
     feeder.Start();
   }
   EXPECT_LE(writes, 5);

@@ -4,6 +4,7 @@ import os
 import subprocess
 import sys
 import unittest
+from decimal import Decimal
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "measure"))
 
@@ -65,6 +66,44 @@ class Captures(PlayCase):
                 self.assertEqual(self.play(path, *TARGET, "--flow", flow).payload(42), b"".join(stream.payloads()))
         for flow in ("239.1.1.3:5004", "10.1.2.4@239.1.1.1:5004"):
             self.assertIn("does not hold the flow", self.play(path, *TARGET, "--flow", flow, status=USAGE).errors)
+
+    @staticmethod
+    def arrivals(path):
+        """Of each RTP packet, by tshark, since the first one: time in ns, number, and the payload."""
+        text = subprocess.run(("tshark", "-n", "-r", path, "-d", "udp.port==5004,rtp", "-T", "fields", "-e", "frame.time_epoch",
+                               "-e", "rtp.seq", "-e", "rtp.payload"), check=True, text=True, stdout=subprocess.PIPE,
+                              stderr=subprocess.DEVNULL).stdout
+        rows = [(int(Decimal(time) * 10**9), int(number), payload) for time, number, payload in map(str.split, text.splitlines())]
+        return [(time - rows[0][0], (number - rows[0][1]) % 65536, payload) for time, number, payload in rows]
+
+    def test_datagrams_leave_when_they_came(self):
+        capture = self.make("uneven.pcap", Playout(datagrams=400, jitter_ns=990_000, lose={70, 71, 72, 200}, delay={300: 1},
+                                                   first_sequence=65500, ts_per_datagram=5))
+        came = sorted(self.arrivals(capture), key=lambda each: each[1])
+        played = self.path("played.pcapng")
+        for options, speed, is_numbered in (((), 1, False), (("--keep-losses",), 1, True),
+                                            (("--keep-losses", "--speed", "0.5"), 0.5, True)):
+            with self.subTest(options=options):
+                self.play(capture, "--to", "rtp://239.7.7.7:5004", "--into", played, "--timing", "capture", *options)
+                left = self.arrivals(played)
+                self.assertEqual([each[2] for each in left], [each[2] for each in came])
+                numbers = [each[1] for each in came] if is_numbered else list(range(396))
+                self.assertEqual([each[1] for each in left], numbers)
+                # What came late leaves with what follows it.
+                for one, other in zip(left, came):
+                    if other[1] != 300:
+                        self.assertLessEqual(abs(one[0] - other[0] / speed), 1, other[1])
+                at = {each[1]: each[0] for each in came}
+                self.assertEqual(round(left[numbers.index(300) if is_numbered else 296][0] * speed), at[301])
+
+    def test_captures_that_holes_do_not_fit(self):
+        for name, playout, options, words in (
+                ("plain.pcap", Playout(datagrams=50, rtp=False), (), "needs RTP"),
+                ("seven.pcap", Playout(datagrams=50), ("--ts-per-datagram", "6"), "of 7 packets"),
+                ("seven.pcap", Playout(datagrams=50), ("--loop", "2"), "excludes --from, --duration and --loop")):
+            path = self.make(name, playout)
+            refused = self.play(path, "--to", "rtp://239.7.7.7:5004", "--timing", "capture", "--keep-losses", *options, status=USAGE)
+            self.assertIn(words, refused.errors)
 
 
 if __name__ == "__main__":

@@ -42,7 +42,8 @@ class Recipes(PlayCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        shutil.copy(SAMPLE, os.path.join(cls.folder.name, "stream.ts"))
+        for name in ("stream.ts", "film.ts"):
+            shutil.copy(SAMPLE, os.path.join(cls.folder.name, name))
         write_pcap(os.path.join(cls.folder.name, "capture.pcapng"), Playout(datagrams=100).capture())
         install(cls.folder.name)
 
@@ -65,7 +66,7 @@ class Recipes(PlayCase):
 
     def test_recipes(self):
         found = recipes(text_of("docs", "recipes.md"))
-        self.assertEqual(len(found), 10)
+        self.assertEqual(len(found), 13)
         endless = "Endless loop as an unprivileged user"
         many = "Many channels from one file"
         with self.subTest(many), open(os.path.join(self.folder.name, "channels.toml"), "w", encoding="utf-8") as lineup:

@@ -12,7 +12,7 @@ import subprocess
 import termios
 import unittest
 
-from playbed import SAMPLE, PlayCase, packets, read_file, wait_until_sending
+from playbed import SAMPLE, PlayCase, make_stream, packets, read_file, wait_until_sending
 
 PLAYED, FAILED, USAGE = 0, 1, 2
 TARGET = ("--to", "udp://239.1.1.1:5004")
@@ -197,6 +197,63 @@ class Inputs(PlayCase):
         os.remove(path)
         summary = json.loads(player.communicate(timeout=60)[0].splitlines()[-1])
         self.assertEqual((player.returncode, summary["ts_packets"]), (PLAYED, 1418))
+
+
+class Lists(PlayCase):
+    """Inputs in a row, judged by their packets: ISO/IEC 13818-1, 2.4.3.3 and 2.4.3.5; ETSI TR 101 290, 5.2.2."""
+
+    def play_list(self, *arguments):
+        """Packets of what is played, and the time of each."""
+        path = self.path("list.pcapng")
+        self.play(*arguments, "--to", "udp://239.1.1.1:5004", "--into", path)
+        text = subprocess.run(("tshark", "-n", "-r", path, "-T", "fields", "-e", "frame.time_epoch", "-e", "udp.payload"), check=True,
+                              text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+        rows = [line.split("\t") for line in text.splitlines()]
+        return [(float(time), packet) for time, payload in rows for packet in packets(bytes.fromhex(payload))]
+
+    def look_at(self, played):
+        """PCRs with the times at which they left, in seconds, and packets with a payload of each PID."""
+        counters, counts, clocks = {}, {}, []
+        for time, packet in played:
+            pid = (packet[1] & 31) << 8 | packet[2]
+            if pid == 0x1FFF:
+                continue
+            has_payload = packet[3] >> 4 & 1
+            self.assertEqual(packet[3] & 15, (counters.get(pid, packet[3] - has_payload) + has_payload) & 15, pid)
+            counters[pid] = packet[3] & 15
+            counts[pid] = counts.get(pid, 0) + has_payload
+            if packet[3] & 0x20 and packet[4] >= 7 and packet[5] & 0x10:
+                clocks.append((int.from_bytes(packet[6:11], "big") >> 7, time))
+        return [(clock / 90_000, time) for clock, time in clocks], counts
+
+    def test_seams_cannot_be_seen(self):
+        first, second, third = (self.path(name) for name in ("first.ts", "second.ts", "third.ts"))
+        make_stream(first, rate=3_000_000)
+        make_stream(second, "-mpegts_start_pid", "0x200", seconds=2, rate=5_000_000)
+        make_stream(third, rate=3_000_000)
+        with open(third, "rb+") as file:
+            cut = file.read()[188 * 100 + 50:188 * 4000 + 100]
+            file.seek(0)
+            file.truncate()
+            file.write(cut)
+        for names, options, rounds in (((first, second, third), (), 1), ((first, second), ("--loop", "2"), 2),
+                                       ((first, third), ("--bitrate", "6M"), 1)):
+            with self.subTest(options=options):
+                clocks, counts = self.look_at(self.play_list(*names, *options))
+                steps = [after[0] - before[0] for before, after in zip(clocks, clocks[1:])]
+                self.assertTrue(0 < min(steps) and max(steps) <= 0.0401, (min(steps), max(steps)))
+                # Every PCR leaves when it says, but for its place in the datagram.
+                ahead = [clock - time for clock, time in clocks]
+                self.assertLess(max(ahead) - min(ahead), 7 * 188 * 8 / 3e6)
+                wanted = {}
+                for name in names:
+                    data = read_file(name)
+                    data = data[next(i for i in range(188) if data[i::188][:8] == b"G" * 8):]
+                    for packet in packets(data[:len(data) // 188 * 188]):
+                        pid = (packet[1] & 31) << 8 | packet[2]
+                        if pid != 0x1FFF:
+                            wanted[pid] = wanted.get(pid, 0) + rounds * (packet[3] >> 4 & 1)
+                self.assertEqual(counts, wanted)
 
 
 class Pipes(PlayCase):

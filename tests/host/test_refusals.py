@@ -49,7 +49,7 @@ PLAY = (
     ("500ms", "-1s", "--prefill"),
     ("text or json", "xml", "--stats"), ("a file", "/nonexistent", "--config"),
     ("No such file", "/nonexistent", "--input"),
-    ("PIDs from 0 to 8190", "256,", "--pid"), ("PIDs from 0 to 8190", "8191", "--pid"),
+    ("PIDs from 0 to 8190", "256,", "--pid"), ("PIDs from 0 to 8190", "8191", "--pid"), ("pcr or capture", "rtp", "--timing"),
     ("a time", "soon lose", "--at"), ("pause[:TIME]", "1s explode", "--at"),
     ("pause[:TIME]", "1s lose:2s", "--at"),
     ("pause[:TIME]", "1s pause:0s", "--at"), ("TIME ACTION", "1s", "--at"))
@@ -138,7 +138,11 @@ class Refusals(PlayCase):
                 (["play", SAMPLE, "--to", "rtp://no-such-host.invalid:5004"], "no host that this machine knows"),
                 (["play", "--to", RTP], "INPUT is required"), (["play", SAMPLE], "--to is required"),
                 (["play", SAMPLE, "--to", RTP, "--bogus", "1"], "--bogus", "ipplay play --help"),
-                (["play", SAMPLE, "--to", RTP, "more.ts"], "more.ts: ", "ipplay play --help"),
+                (["play", SAMPLE, "--to", RTP, "more.ts"], "INPUT: cannot read more.ts: No such file"),
+                (["play", SAMPLE, "-", "--to", RTP], "INPUT: - can be read only once"),
+                (["play", SAMPLE, "udp://@:5000", "--to", RTP], "INPUT: udp://@:5000 can be read only once"),
+                (["play", SAMPLE, "no_pcr.ts", "--to", RTP], "INPUT: no_pcr.ts has no PCRs"),
+                (["play", SAMPLE, SAMPLE, "--to", RTP, "--from", "1s"], "--from needs a single INPUT, and 2 are given"),
                 (["play", SAMPLE, "--to", RTP, "--lose"], "--lose: the value is missing", "N/RANGE"),
                 (["play", SAMPLE, "--to", RTP, "--lose", "1/2", "--lose", "1/3"], '--lose: "1/2 1/3"',
                  "one N/RANGE"),
@@ -218,6 +222,9 @@ class Refusals(PlayCase):
                 ((RTP, "--restamp", "--raw", "--bitrate", "1M"), "--restamp and --raw exclude each other"),
                 ((RTP, "--pid", "4000"), "has no PID 4000; give some of "),
                 ((RTP, "--pid", "256", "--raw", "--bitrate", "1M"), "--pid and --raw exclude each other"),
+                ((RTP, "--timing", "capture"), "--timing capture needs one pcap or pcapng file"),
+                ((RTP, "--keep-losses"), "--keep-losses needs --timing capture"),
+                ((RTP, "--timing", "capture", "--bitrate", "5M"), "--timing capture and --bitrate exclude each other"),
                 ((RTP, "--pcr-pid", "9", "--raw", "--bitrate", "1M"),
                  "--pcr-pid and --raw exclude each other")):
             self.refuse(["play", SAMPLE, "--to", *options], *needed)

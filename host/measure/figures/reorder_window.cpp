@@ -62,8 +62,8 @@ void ReorderWindow::Keep(std::uint16_t number, const Payload& payload) {
   slot.bytes.assign(payload.bytes.begin(), payload.bytes.end());
 }
 
-void ReorderWindow::Pass(const Payload& payload, bool after_gap) {
-  ++next_;
+void ReorderWindow::Pass(Payload payload, bool after_gap) {
+  payload.number = next_++;
   deliver_(payload, after_gap);
 }
 

@@ -24,6 +24,7 @@ class ReorderWindow {
     std::span<const std::uint8_t> bytes;
     std::int64_t arrival_ns = 0;
     std::uint32_t unread_bytes = 0;  // instead of bytes, of a payload that was not captured whole
+    std::uint16_t number = 0;        // of what is delivered
   };
   // `after_gap`: what stands before the payload is missing.
   using Deliver = std::function<void(const Payload& payload, bool after_gap)>;
@@ -52,7 +53,7 @@ class ReorderWindow {
 
   Slot& At(std::uint16_t number) { return slots_[number % kPackets]; }
   void Keep(std::uint16_t number, const Payload& payload);
-  void Pass(const Payload& payload, bool after_gap);
+  void Pass(Payload payload, bool after_gap);
   void PassKept(bool after_gap);
   void SkipMissing();
   bool HasWaitedEnough(std::int64_t now_ns) const;
