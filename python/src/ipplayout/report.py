@@ -402,6 +402,7 @@ class Event:
     time: str
     time_ns: int
     event: str
+    schema: int | None
     version: str | None
     options: tuple[Option, ...] | None
     text: str | None
