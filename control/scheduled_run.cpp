@@ -72,8 +72,7 @@ PlayoutSettings ForFec(const IpPlayoutSettings& ordered, const PlayoutSettings& 
 }  // namespace
 
 ScheduledRun::ScheduledRun(const IpPlayoutSettings& settings, const Sources& sources,
-                           Surroundings& surroundings, Owner& owner,
-                           const std::string& ledger_path)
+                           Surroundings& surroundings, Owner& owner, const std::string& ledger_path)
     : ordered_(settings),
       seed_(settings.Seed != 0 ? settings.Seed : platform::DrawSeed()),
       random_(seed_),

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 #include <vector>
 
 #include "host/base/json.h"
@@ -19,7 +20,6 @@ namespace ipplay {
 namespace {
 
 using std::chrono::nanoseconds;
-
 
 nanoseconds JitterOf(const PlayoutStatistics& counters) {
   return nanoseconds(static_cast<std::int64_t>(counters.Jitter * 1e9));
@@ -250,6 +250,17 @@ Json DeparturesJson(const IpPlayoutTiming& timing) {
           {"dry_ns", timing.DryNs}};
 }
 
+Json InputJson(const Status& status) {
+  Json json;
+  if (status.damage) {
+    json = {{"left_out_bytes", status.damage->bytes}, {"left_out_places", status.damage->places}};
+  }
+  if (status.input_ppm) {
+    json["clock_ppm"] = *status.input_ppm;
+  }
+  return json;
+}
+
 Json TwinJson(const TwinStatus& twin) {
   Json json{{"target", twin.target},
             {"skew_ns", twin.skew.count()},
@@ -448,12 +459,8 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   json["ts_packets"] = counters.TSPacketsSent;
   json["ts_bytes"] = counters.TSBytesSent;
   json["ordered"] = OrderedJson(options, status);
-  if (status.damage) {
-    json["input"] = {{"left_out_bytes", status.damage->bytes},
-                     {"left_out_places", status.damage->places}};
-  }
-  if (status.input_ppm) {
-    json["input"]["clock_ppm"] = *status.input_ppm;
+  if (Json input = InputJson(status); !input.empty()) {
+    json["input"] = std::move(input);
   }
   if (status.timing && status.timing->LatenessMaxNs >= 0) {
     json["departures"] = DeparturesJson(*status.timing);

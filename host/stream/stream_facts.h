@@ -35,7 +35,7 @@ struct StreamFacts {
   std::optional<TimeSpan> window{};          // of a pipe, to be found as it comes
   FilterOrder filter{};                      // what of it is played
   std::optional<DatagramFacts> datagrams{};  // of a capture
-  std::vector<ListedStream> list{};          // streams that are played in a row, as one; or none
+  std::vector<ListedStream> list;            // streams that are played in a row, as one; or none
 
   std::optional<std::uint64_t> Packets() const;
   // The stream's own rate in bits per second, as PacketFormat::CountedBytes counts; of packets of
