@@ -26,6 +26,9 @@ CUTS = {
     "batches of ten": {"IPBitRate": 200.0},
 }
 
+BEYOND_1 = {"VLANEnabled": 2, "RandomSSRC": 2, "RandomSequenceNumber": 2, "TTSEnabled": 3, "TSFragmentation": 2,
+            "PacketSizeMode": 0, "IPPacketSize": 1371}
+
 FIELDS = {  # name: (settings, changes)
     "router alert": (TYPICAL, {"IPProtocol": 2}),
     "router alert, UDP, tagged": (TYPICAL, {"IPProtocol": 2, "ProtocolMode": UDP, **TAGGED}),
@@ -35,7 +38,7 @@ FIELDS = {  # name: (settings, changes)
     "payload type of nine bits": (TYPICAL, {"PayloadType": 300}),
     "RTP version of three bits": (TYPICAL, {"RTPVersion": 5}),
     "RTP version 0": (TYPICAL, {"RTPVersion": 0}),
-    "extension flag": (TYPICAL, {"RTPVersion": 0, "Extension": 1}),
+    "extension flag": (TYPICAL, {"RTPVersion": 0, "Extension": 2}),
     "extension below 0": (TYPICAL, {"RTPVersion": 1, "Extension": -1}),
     "settings that never reach the wire": (TYPICAL, {
         "Marker": 1, "Padding": 1, "CSRCCount": 3, "TimeStamp": 99, "Flags": 7, "HeaderLength": 15,
@@ -45,6 +48,8 @@ FIELDS = {  # name: (settings, changes)
     "fields wider than the wire": (TYPICAL, {
         "TTL": 0x1234, "SourcePort": 0x12345, "DestinationPort": 0x2FFFF, "Identification": 0xABCDEF,
         "SequenceNumber": 0x71234, "EProtocol": 0xA0800}),
+    "flags beyond 1, which are off": (TYPICAL, BEYOND_1),
+    "flags beyond 1 in every copy": (TYPICAL, {**BEYOND_1, "ReplicationCount": 1}),
     "numbers that wrap": (TYPICAL, {"SequenceNumber": 65534, "Identification": 65533}),
     "IPv6 version of five bits": (TYPICAL_IPV6, {"IPv6Version": 0x16}),
     "flow label beyond 20 bits": (TYPICAL_IPV6, {"FlowLabel": 0xFFABCDE}),
@@ -98,6 +103,8 @@ REPLICATION = {
                                                      "ProtocolMode": UDP}),
     "wide values in the first copy": (TYPICAL, {"ReplicationCount": 2, "PayloadType": 0xFF, "VID": 0x1FFF,
                                                 "VLANEnabled": 1, "TPID": 0x18100, "TTL": 0x1FF}),
+    "flags beyond 1, which are off": (TYPICAL, BEYOND_1),
+    "flags beyond 1 in every copy": (TYPICAL, {**BEYOND_1, "ReplicationCount": 1}),
     "numbers that wrap": (TYPICAL, {"ReplicationCount": 1, "SequenceNumber": 65534,
                                     "Identification": 65535}),
     "numbers from 0": (TYPICAL, {"ReplicationCount": 1, "SequenceNumber": 0, "Identification": 0}),

@@ -143,6 +143,8 @@ class Settings(WireCase):
                     (TYPICAL, {"TSPacketSize": 204, "TTSEnabled": 1}, (1384, 1364, 1364)),  # 192 of each
                     (TYPICAL, {"TSPacketSize": 200, "TTSEnabled": 1}, (40, 20, 20)),  # no such packet
                     (TYPICAL, {"TSPacketSize": 0, "TTSEnabled": 1}, (40, 20, 20)),
+                    (TYPICAL, {"TSPacketSize": 204, "TTSEnabled": 2, "VLANEnabled": 2}, (1468, 1448, 1448)),
+                    (TYPICAL, {"PacketSizeMode": 0, "VLANEnabled": 2}, (1356, 1316, 1336)),
                     (TYPICAL, {"PacketSizeMode": 0, "VLANEnabled": 1}, (1352, 1312, 1332)),
                     (TYPICAL_IPV6, {"PacketSizeMode": 0, "ProtocolMode": 0}, (1356, 1316, 1316))):
                 library.configure({"VLANEnabled": 0, "TTSEnabled": 0, **base, **more})

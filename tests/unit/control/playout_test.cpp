@@ -11,6 +11,7 @@
 #include <future>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -242,8 +243,8 @@ TEST_F(PlayoutTest, AStopDoesNotWaitForCopiesWithoutEnd) {
 }
 
 // The places of random errors are the first numbers of a sequence that the pump begins, whatever
-// the headers have drawn before.
-TEST_F(PlayoutTest, ThePumpSeedsTheGenerator) {
+// the headers have drawn before. Those are the first ones of a sequence that the start begins.
+TEST_F(PlayoutTest, StartAndPumpSeedTheGenerator) {
   constexpr std::uint32_t kDatagrams = 190;
   ErrorInsertion& errors = Settings().error_insertion;
   errors.ErrInsertionEnable = errors.PacketLossEnabled = errors.RandomizeErrors = 1;
@@ -261,7 +262,10 @@ TEST_F(PlayoutTest, ThePumpSeedsTheGenerator) {
   }
   ASSERT_EQ(numbers.size(), kDatagrams - errors.NumPacketLoss);
   bool found = false;
+  std::set<std::uint32_t> first_draws;
   for (std::uint64_t seed = before; seed <= after && !found; ++seed) {
+    platform::ProcessRandom().Seed(seed);
+    first_draws.insert(platform::ProcessRandom().Next());
     platform::ProcessRandom().Seed(seed);
     ErrorSchedule schedule;
     schedule.Configure(errors.NumPacketLoss, kDatagrams, true);
@@ -279,6 +283,8 @@ TEST_F(PlayoutTest, ThePumpSeedsTheGenerator) {
     found = numbers == expected;
   }
   EXPECT_TRUE(found);
+  const Bytes frame = driver_.Sent().front().bytes;
+  EXPECT_TRUE(first_draws.contains(frame[52] * 256U + frame[53]));  // of 15 bits: the SSRC
 }
 
 // Of a worker by the beginning of its name.

@@ -7,6 +7,7 @@
 
 #include <semaphore>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "protocol/pdu.h"
@@ -213,6 +214,26 @@ TEST_F(PcapRtInterfaceTest, AShortTransmissionEndsTheRun) {
   interface_.FlushLastQueue();  // is only reported
   EXPECT_EQ(GetCapturedStdout(),
             "An error occurred sending the packets:  Only 0 bytes were sent\n");
+}
+
+// The frame that completes a batch while the one before it fails counts as sent; the next is
+// refused.
+TEST_F(PcapRtInterfaceTest, AFailureDuringAHandOverIsTheNextFramesResult) {
+  Prepare(2);
+  SendBatch(3);
+  auto completing = OnAnotherThread([this] { return Send(); });
+  while (interface_.FramesNotSent() < 4) {  // taken: what fails from here on is not its own failure
+    std::this_thread::yield();
+  }
+  driver_.RefuseAfter(0);
+  CaptureStdout();
+  EXPECT_EQ(Transmit(), 0);
+  EXPECT_TRUE(completing.get());
+  EXPECT_FALSE(Send());
+  interface_.FlushLastQueue();
+  const std::string lost = "An error occurred sending the packets:  Only 0 bytes were sent\n";
+  EXPECT_EQ(GetCapturedStdout(), lost + lost);  // one for each batch
+  EXPECT_EQ(interface_.FramesNotSent(), 4U);
 }
 
 TEST_F(PcapRtInterfaceTest, DirectModeSendsEachFrameAtOnce) {
