@@ -24,6 +24,7 @@
 #include "host/play/preparation.h"
 #include "host/play/report.h"
 #include "host/play/sdp.h"
+#include "host/play/written_files.h"
 
 namespace ipplay {
 namespace {
@@ -61,7 +62,7 @@ void IntroduceTwin(const PlayOptions& options, const TwinPath& twin) {
   }
 }
 
-// Only the command line replaces files, and none replaces the input or another one that is written.
+// Only the command line replaces files, and none replaces an input or another one that is written.
 std::optional<Failure> CheckFiles(const CLI::App& app, const PlayOptions& options) {
   const CLI::App& command = *app.get_subcommand("play");
   const struct {
@@ -81,15 +82,7 @@ std::optional<Failure> CheckFiles(const CLI::App& app, const PlayOptions& option
                       QuotedLine(file.path), file.option));
     }
   }
-  if (!options.ledger.empty() && options.ledger == options.into) {
-    return UsageFailure(fmt::format("--ledger {} is the file of --into; give another one",
-                                    QuotedLine(options.ledger)));
-  }
-  if (std::filesystem::equivalent(options.input, options.ledger, ignored)) {
-    return UsageFailure(
-        fmt::format("--ledger {} is INPUT; give another file", QuotedLine(options.ledger)));
-  }
-  return std::nullopt;
+  return CheckWrittenFiles(options);
 }
 
 void PrintDryRun(const PlayOptions& options, Prepared& prepared) {

@@ -80,12 +80,19 @@ class Ledger(PlayCase):
         self.assertIn(f"  ledger     {path}\n", played.output)
 
     def test_what_cannot_be_written(self):
-        """A second of the name, a folder that is not there, the file that is played, and one of a configuration file."""
+        """Not under that name, not in that folder, and over no file that is read, written, or named in a configuration file only."""
         taken, config = self.path("taken.pcapng"), self.path("config")
         played = self.play(SAMPLE, *TO, "--into", taken)
         with open(config, "w", encoding="ascii") as file:
             file.write(f"[play]\nledger={taken}\n")
+        with open(SAMPLE, "rb") as sample, open(self.path("copy.ts"), "wb") as copy:
+            copy.write(sample.read())
+        os.link(self.path("copy.ts"), self.path("other.pcapng"))
         rows = [
+            ((SAMPLE, self.path("copy.ts"), "--ledger", self.path("other.pcapng")), 2, "other.pcapng is INPUT; give another file"),
+            ((self.path("copy.ts"), "--sdp", self.path("copy.ts")), 2, "copy.ts is INPUT; give another file"),
+            ((SAMPLE, "--to", "rtp://239.1.1.2:5004", "--to", self.path("c.pcapng"), "--ledger", self.path("c.pcapng")), 2,
+             "is the file of --to; give another one"),
             ((SAMPLE, "--ledger", "ledger.csv"), 2, "a file whose name ends in .pcapng"),
             ((taken, "--ledger", taken), 2, f"--ledger {taken} is INPUT; give another file"),
             ((SAMPLE, "--config", config), 2, "a configuration file replaces no other file; give it with --ledger"),
