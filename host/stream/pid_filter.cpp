@@ -38,21 +38,11 @@ void KeepOnlyPcr(std::uint8_t* packet, std::uint64_t pcr) {
 
 }  // namespace
 
-PidFilter::PidFilter(PacketFormat format, std::set<std::uint16_t> pids)
-    : format_(format), pids_(std::move(pids)) {
+PidFilter::PidFilter(std::set<std::uint16_t> pids) : pids_(std::move(pids)) {
   Decide();
 }
 
-void PidFilter::Filter(std::span<std::uint8_t> packets) {
-  for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
-    std::uint8_t* const packet = packets.data() + at + format_.SyncOffset();
-    if (!IsKept(packet)) {
-      ts_pad(packet);
-    }
-  }
-}
-
-bool PidFilter::IsKept(std::uint8_t* packet) {
+bool PidFilter::Keeps(std::uint8_t* packet) {
   const std::uint16_t pid = ts_get_pid(packet);
   if (ts_get_transporterror(packet)) {
     return kept_[pid];
@@ -117,13 +107,12 @@ void PidFilter::TakePat(measure::Section section) {
   programs_ = std::move(programs);
   stream_id_ = measure::LoadBe16(&section[3]);
   pat_version_ = section[kVersionByte];
+  std::bitset<kPids> used;
   for (const auto& [number, program] : programs_) {
+    used.set(program.pmt_pid);
     pmt_pids_[program.pmt_pid];
   }
-  std::erase_if(pmt_pids_, [this](const auto& entry) {
-    return std::ranges::none_of(
-        programs_, [&](const auto& each) { return each.second.pmt_pid == entry.first; });
-  });
+  std::erase_if(pmt_pids_, [&used](const auto& entry) { return !used[entry.first]; });
   Decide();
 }
 
@@ -183,9 +172,10 @@ void PidFilter::Decide() {
 
 // A receiver looks at a table again only where its version is new.
 void PidFilter::AddPat() {
+  constexpr std::size_t kMostEntries = 253;  // of a section: ISO/IEC 13818-1, 2.4.4.5
   std::vector<PatEntry> entries;
   for (const auto& [number, program] : programs_) {
-    if (program.is_kept) {
+    if (program.is_kept && entries.size() < kMostEntries) {
       entries.push_back({number, program.pmt_pid});
     }
   }

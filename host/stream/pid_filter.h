@@ -10,19 +10,18 @@
 #include <span>
 #include <vector>
 
-#include "host/stream/packet_format.h"
 #include "host/stream/psi_tables.h"
 
 namespace ipplay {
 
 class PidFilter {
  public:
-  PidFilter(PacketFormat format, std::set<std::uint16_t> pids);
+  explicit PidFilter(std::set<std::uint16_t> pids);
 
-  // Rewrites whole packets in place. Kept are the PIDs, what their PMTs name as keys of access
-  // systems, and PCRs: those on another PID in packets with nothing else. A programme is kept if
-  // one of its streams, its PMT or its PCRs are among the PIDs.
-  void Filter(std::span<std::uint8_t> packets);
+  // Whether the packet stays, which may be rewritten in place. Kept are the PIDs, what their PMTs
+  // name as keys of access systems, and PCRs: those on another PID in packets with nothing else. A
+  // programme is kept if one of its streams, its PMT or its PCRs are among the PIDs.
+  bool Keeps(std::uint8_t* packet);
 
   // PIDs of packets, and those that PMTs name, so far.
   const std::set<std::uint16_t>& Known() const { return known_; }
@@ -42,13 +41,11 @@ class PidFilter {
     SectionPackets packets;
   };
 
-  bool IsKept(std::uint8_t* packet);
   void TakePat(measure::Section section);
   void TakePmt(std::uint16_t pid, measure::Section section);
   void Decide();
   void AddPat();
 
-  PacketFormat format_;
   std::set<std::uint16_t> pids_;
   std::set<std::uint16_t> known_;
   std::bitset<kPids> seen_;

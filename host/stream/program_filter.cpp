@@ -9,16 +9,7 @@
 
 namespace ipplay {
 
-void ProgramFilter::Filter(std::span<std::uint8_t> packets) {
-  for (std::size_t at = 0; at < packets.size(); at += format_.packet_bytes) {
-    std::uint8_t* const packet = packets.data() + at + format_.SyncOffset();
-    if (!IsKept(packet)) {
-      ts_pad(packet);
-    }
-  }
-}
-
-bool ProgramFilter::IsKept(std::uint8_t* packet) {
+bool ProgramFilter::Keeps(std::uint8_t* packet) {
   const std::uint16_t pid = ts_get_pid(packet);
   if (ts_get_transporterror(packet)) {
     return kept_[pid];

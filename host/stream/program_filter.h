@@ -10,18 +10,18 @@
 #include <span>
 
 #include "host/measure/figures/psi_section.h"
-#include "host/stream/packet_format.h"
 #include "host/stream/psi_tables.h"
 
 namespace ipplay {
 
 class ProgramFilter {
  public:
-  ProgramFilter(PacketFormat format, std::uint16_t program) : format_(format), program_(program) {}
+  explicit ProgramFilter(std::uint16_t program) : program_(program) {}
 
-  // Rewrites whole packets in place. Kept are the programme's PMT and what it names: elementary
-  // streams, PCRs and keys of access systems. Before the first PMT nothing is known of them.
-  void Filter(std::span<std::uint8_t> packets);
+  // Whether the packet stays, which may be rewritten in place. Kept are the programme's PMT and
+  // what it names: elementary streams, PCRs and keys of access systems. Before the first PMT
+  // nothing is known of them.
+  bool Keeps(std::uint8_t* packet);
 
   // In the PATs so far.
   const std::set<std::uint16_t>& Programs() const { return programs_; }
@@ -29,12 +29,10 @@ class ProgramFilter {
  private:
   static constexpr std::size_t kPids = 8192;
 
-  bool IsKept(std::uint8_t* packet);
   bool ReplacePat(std::uint8_t* packet);
   void TakePat(measure::Section section);
   void TakePmt(measure::Section section);
 
-  PacketFormat format_;
   std::uint16_t program_;
   std::set<std::uint16_t> programs_;
   measure::SectionAssembler pat_;

@@ -20,26 +20,19 @@ struct FilterOrder {
 
 class StreamFilter {
  public:
-  StreamFilter(PacketFormat format, const FilterOrder& order) {
+  StreamFilter(PacketFormat format, const FilterOrder& order) : format_(format) {
     if (order.program) {
-      program_.emplace(format, *order.program);
+      program_.emplace(*order.program);
     }
     if (!order.pids.empty()) {
-      pids_.emplace(format, order.pids);
+      pids_.emplace(order.pids);
     }
   }
 
   bool LeavesAll() const { return !program_ && !pids_; }
 
-  // Rewrites whole packets in place.
-  void Filter(std::span<std::uint8_t> packets) {
-    if (program_) {
-      program_->Filter(packets);
-    }
-    if (pids_) {
-      pids_->Filter(packets);
-    }
-  }
+  // Rewrites whole packets in place: what is not played becomes null packets.
+  void Filter(std::span<std::uint8_t> packets);
 
   // In the PATs so far, where one programme is wanted.
   std::set<std::uint16_t> Programs() const {
@@ -51,6 +44,7 @@ class StreamFilter {
   }
 
  private:
+  PacketFormat format_;
   std::optional<ProgramFilter> program_;
   std::optional<PidFilter> pids_;
 };

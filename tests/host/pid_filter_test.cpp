@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Tables that change while a stream is filtered.
-#include "host/stream/pid_filter.h"
-
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "host/measure/figures/psi_section.h"
+#include "host/stream/stream_filter.h"
 #include "tests/host/ts_builder.h"
 
 namespace ipplay {
@@ -32,7 +31,7 @@ TsPacket Pmt(std::uint16_t pid, std::uint8_t program, std::uint8_t stream) {
 
 // ISO/IEC 13818-1, 2.4.4.5: the version goes up whenever what the table says changes.
 TEST(PidFilter, VersionOfThePatGoesUpWithEveryProgramme) {
-  PidFilter filter(PacketFormat{188}, {0x100, 0x101});
+  StreamFilter filter(PacketFormat{188}, {.pids = {0x100, 0x101}});
   const TsPacket pat = TablePacket(
       0, {0, 0xB0, 17, 0, 7, 0xFF, 0, 0, 0, 1, 0xE0, 0x20, 0, 2, 0xE0, 0x21});  // version 31
   const auto filtered = [&filter](TsPacket packet) {
