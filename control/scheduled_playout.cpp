@@ -75,18 +75,22 @@ Failure ScheduledPlayout::Configure(const IpPlayoutSettings& settings) {
   return RenewInput();
 }
 
-Failure ScheduledPlayout::WriteLedger(const char* path) {
-  const std::string file = path == nullptr ? "" : path;
-  const platform::MutexLock lock(control_mutex_);
+Failure ScheduledPlayout::CheckReady(const char* when_it_runs) const {
   if (state_ == State::kClosed) {
     return Closed();
   }
   if (!settings_) {
     return NotConfigured();
   }
-  if (state_ != State::kIdle) {
-    return {IPPLAYOUT_BAD_STATE,
-            "the playout runs; call IpPlayoutStop before IpPlayoutWriteLedger"};
+  return state_ == State::kIdle ? Failure() : Failure(IPPLAYOUT_BAD_STATE, when_it_runs);
+}
+
+Failure ScheduledPlayout::WriteLedger(const char* path) {
+  const std::string file = path == nullptr ? "" : path;
+  const platform::MutexLock lock(control_mutex_);
+  if (Failure failure =
+          CheckReady("the playout runs; call IpPlayoutStop before IpPlayoutWriteLedger")) {
+    return failure;
   }
   if (settings_->LedgerFrames == 0 && !file.empty()) {
     return NoLedger();
@@ -169,14 +173,8 @@ Failure ScheduledPlayout::Mark(std::uint64_t offset, std::int64_t time_ns) {
 
 Failure ScheduledPlayout::Prepare() {
   const platform::MutexLock lock(control_mutex_);
-  if (state_ == State::kClosed) {
-    return Closed();
-  }
-  if (!settings_) {
-    return NotConfigured();
-  }
-  if (state_ != State::kIdle) {
-    return {IPPLAYOUT_BAD_STATE, "the playout runs already; call IpPlayoutStop first"};
+  if (Failure failure = CheckReady("the playout runs already; call IpPlayoutStop first")) {
+    return failure;
   }
   if (Failure failure = MakeEndEvent()) {
     return failure;

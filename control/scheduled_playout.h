@@ -96,6 +96,8 @@ class ScheduledPlayout final : private ScheduledRun::Owner, private ReadableList
   void OnReadable() override;
   Failure RenewInput() IPPLAYOUT_REQUIRES(control_mutex_);
   void ExchangeInput(std::shared_ptr<Input> input);
+  // It has settings and does not run.
+  Failure CheckReady(const char* when_it_runs) const IPPLAYOUT_REQUIRES(control_mutex_);
   Failure EndRun() IPPLAYOUT_REQUIRES(control_mutex_);
   Failure MakeEndEvent();
   template <typename Record, typename Convert>
