@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/scheduled_playing.h"
 
+#include <algorithm>
+#include <array>
+#include <iterator>
 #include <utility>
 
 #include "host/base/wall_clock.h"
@@ -146,12 +149,15 @@ std::optional<std::string> ScheduledPlaying::Alter(const Change& change) {
 }
 
 std::vector<IpPlayoutDone> ScheduledPlaying::ReadDone() {
-  std::vector<IpPlayoutDone> done(64);
-  done.resize(playout_.ReadDone(done));
-  // What is missing in a capture was nobody's order.
-  std::erase_if(done,
-                [](const IpPlayoutDone& each) { return each.Number == MarkedWriter::kMissing; });
-  return done;
+  std::vector<IpPlayoutDone> all_done;
+  std::array<IpPlayoutDone, 64> some;
+  while (const std::size_t count = playout_.ReadDone(some)) {
+    // What is missing in a capture was nobody's order.
+    std::copy_if(some.begin(), some.begin() + static_cast<std::ptrdiff_t>(count),
+                 std::back_inserter(all_done),
+                 [](const IpPlayoutDone& done) { return done.Number != MarkedWriter::kMissing; });
+  }
+  return all_done;
 }
 
 std::optional<std::string> ScheduledPlaying::Stop() {
