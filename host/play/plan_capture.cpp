@@ -6,25 +6,22 @@
 #include <algorithm>
 
 #include "host/base/units.h"
+#include "host/play/given_option.h"
 
 namespace ipplay {
 namespace {
 
 std::optional<Failure> CheckExcluded(const PlayOptions& options) {
-  const struct {
-    const char* name;
-    bool is_given;
-  } kOptions[] = {{"--raw", options.raw},
-                  {"--bitrate", options.bit_rate.has_value()},
-                  {"--frame-bitrate", options.frame_bit_rate.has_value()},
-                  {"--burst", options.burst.has_value()},
-                  {"--restamp with --loop", options.restamp && options.rounds != 1},
-                  {"--near-wrap with --loop", options.near_wrap && options.rounds != 1}};
-  const auto* found = std::find_if(std::begin(kOptions), std::end(kOptions),
-                                   [](const auto& option) { return option.is_given; });
-  if (found != std::end(kOptions)) {
+  const GivenOption kOptions[] = {
+      {"--raw", options.raw},
+      {"--bitrate", options.bit_rate.has_value()},
+      {"--frame-bitrate", options.frame_bit_rate.has_value()},
+      {"--burst", options.burst.has_value()},
+      {"--restamp with --loop", options.restamp && options.rounds != 1},
+      {"--near-wrap with --loop", options.near_wrap && options.rounds != 1}};
+  if (const auto option = FirstGiven(kOptions)) {
     return UsageFailure(
-        fmt::format("--timing capture and {} exclude each other; give one", found->name));
+        fmt::format("--timing capture and {} exclude each other; give one", *option));
   }
   return std::nullopt;
 }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "host/play/given_option.h"
+
 namespace ipplay {
 namespace {
 
@@ -83,10 +85,7 @@ std::optional<Failure> CheckFaults(const PlayOptions& options) {
 }
 
 std::optional<const char*> NeedsSchedule(const PlayOptions& options) {
-  const struct {
-    const char* name;
-    bool is_given;
-  } kOptions[] = {
+  const GivenOption kOptions[] = {
       {"--lose in per cent", HasChance(options.lose)},
       {"--loss-model", options.loss_model.has_value()},
       {"--holes closed", options.closes_holes},
@@ -96,10 +95,8 @@ std::optional<const char*> NeedsSchedule(const PlayOptions& options) {
       {"--bad-ip-checksum in per cent", HasChance(options.bad_ip_checksum)},
       {"--bad-udp-checksum in per cent", HasChance(options.bad_udp_checksum)},
   };
-  for (const auto& option : kOptions) {
-    if (option.is_given) {
-      return option.name;
-    }
+  if (const auto option = FirstGiven(kOptions)) {
+    return option;
   }
   for (const auto& [time, action] : options.time_line) {
     const ActionKind kind = action.kind;

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "host/base/header_lengths.h"
+#include "host/play/given_option.h"
 #include "host/play/plan_faults.h"
 #include "ipplayout/ipplayout.h"
 
@@ -23,18 +24,13 @@ std::uint32_t HighestStep(const FecMatrixOrder& fec) {
 }
 
 std::optional<Failure> CheckDependents(const PlayOptions& options) {
-  const struct {
-    const char* name;
-    bool is_given;
-  } kOptions[] = {{"--fec-staggered", options.fec_staggered},
-                  {"--fec-payload-type", options.fec_payload_type.has_value()},
-                  {"--fec-ssrc", options.fec_ssrc.has_value()},
-                  {"--fec-lose", options.fec_lose.has_value()},
-                  {"--fec-delay", options.fec_delay.has_value()}};
-  const auto* found = std::find_if(std::begin(kOptions), std::end(kOptions),
-                                   [](const auto& option) { return option.is_given; });
-  if (found != std::end(kOptions)) {
-    return UsageFailure(fmt::format("{} needs --fec", found->name));
+  const GivenOption kOptions[] = {{"--fec-staggered", options.fec_staggered},
+                                  {"--fec-payload-type", options.fec_payload_type.has_value()},
+                                  {"--fec-ssrc", options.fec_ssrc.has_value()},
+                                  {"--fec-lose", options.fec_lose.has_value()},
+                                  {"--fec-delay", options.fec_delay.has_value()}};
+  if (const auto option = FirstGiven(kOptions)) {
+    return UsageFailure(fmt::format("{} needs --fec", *option));
   }
   return std::nullopt;
 }

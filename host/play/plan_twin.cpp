@@ -7,6 +7,7 @@
 #include <iterator>
 #include <random>
 
+#include "host/play/given_option.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -15,19 +16,14 @@ namespace {
 std::optional<Failure> CheckDependents(const PlayOptions& options) {
   const bool orders_twin = std::any_of(options.time_line.begin(), options.time_line.end(),
                                        [](const auto& entry) { return entry.second.of_twin; });
-  const struct {
-    const char* name;
-    bool is_given;
-  } kOptions[] = {{"--twin-device", !options.twin_device.empty()},
-                  {"--twin-skew", options.twin_skew.has_value()},
-                  {"--twin-lose", options.twin_lose.has_value()},
-                  {"--twin-delay", options.twin_delay.has_value()},
-                  {"--twin-jitter", options.twin_jitter.has_value()},
-                  {"--at with twin-...", orders_twin}};
-  const auto* found = std::find_if(std::begin(kOptions), std::end(kOptions),
-                                   [](const auto& option) { return option.is_given; });
-  if (found != std::end(kOptions)) {
-    return UsageFailure(fmt::format("{} needs --twin", found->name));
+  const GivenOption kOptions[] = {{"--twin-device", !options.twin_device.empty()},
+                                  {"--twin-skew", options.twin_skew.has_value()},
+                                  {"--twin-lose", options.twin_lose.has_value()},
+                                  {"--twin-delay", options.twin_delay.has_value()},
+                                  {"--twin-jitter", options.twin_jitter.has_value()},
+                                  {"--at with twin-...", orders_twin}};
+  if (const auto option = FirstGiven(kOptions)) {
+    return UsageFailure(fmt::format("{} needs --twin", *option));
   }
   return std::nullopt;
 }

@@ -9,6 +9,7 @@
 #include "host/base/machine.h"
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
+#include "host/play/given_option.h"
 #include "host/play/plan_capture.h"
 #include "host/play/plan_faults.h"
 #include "host/play/plan_fec.h"
@@ -157,26 +158,21 @@ void ScaleRounds(const StreamFacts& facts, PacketFormat format, const Rates& rat
 
 std::optional<Failure> CheckForSchedule(const PlayOptions& options) {
   const auto needs_schedule = NeedsSchedule(options);
-  const struct {
-    const char* name;
-    bool is_given;
-  } kOptions[] = {{"--fec", options.fec.has_value()},
-                  {"--twin", options.twin.has_value()},
-                  {"--late", options.late.has_value()},
-                  {"--max-late", options.max_late.has_value()},
-                  {"--no-underrun", options.no_underrun},
-                  {"--start-at", options.start_at.has_value()},
-                  {"--wait-link", options.wait_link},
-                  {"--seed", options.seed.has_value()},
-                  {"--ledger", !options.ledger.empty()},
-                  {needs_schedule.value_or(""), needs_schedule.has_value()}};
-  for (const auto& option : kOptions) {
-    if (option.is_given) {
-      return UsageFailure(
-          fmt::format("{} needs frames that are paced one by one: give at most 65,536 --copies, a "
-                      "rate with at least 5 us between frames, and no --priority",
-                      option.name));
-    }
+  const GivenOption kOptions[] = {{"--fec", options.fec.has_value()},
+                                  {"--twin", options.twin.has_value()},
+                                  {"--late", options.late.has_value()},
+                                  {"--max-late", options.max_late.has_value()},
+                                  {"--no-underrun", options.no_underrun},
+                                  {"--start-at", options.start_at.has_value()},
+                                  {"--wait-link", options.wait_link},
+                                  {"--seed", options.seed.has_value()},
+                                  {"--ledger", !options.ledger.empty()},
+                                  {needs_schedule.value_or(""), needs_schedule.has_value()}};
+  if (const auto option = FirstGiven(kOptions)) {
+    return UsageFailure(
+        fmt::format("{} needs frames that are paced one by one: give at most 65,536 --copies, a "
+                    "rate with at least 5 us between frames, and no --priority",
+                    *option));
   }
   return std::nullopt;
 }

@@ -43,9 +43,8 @@ class Playing {
                                            std::uint64_t number) = 0;
   // Why the run cannot be changed; else it is so from the change's time on.
   virtual std::optional<std::string> Alter(const Change&) {
-    return "needs frames that are paced one by one: none of --priority, more than 65,536 copies, "
-           "or "
-           "less than 5 us between frames";
+    return "needs frames that are paced one by one: no --priority, at most 65,536 --copies, and at "
+           "least 5 us between frames";
   }
   // How far it is in its schedule.
   virtual std::chrono::nanoseconds Position() const { return std::chrono::nanoseconds(0); }

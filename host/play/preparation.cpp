@@ -9,6 +9,7 @@
 #include <span>
 
 #include "host/library/destination.h"
+#include "host/play/given_option.h"
 #include "host/play/plan_rates.h"
 #include "host/play/way_out.h"
 #include "host/stream/live_source.h"
@@ -106,19 +107,14 @@ Result<Opened> Open(const PlayOptions& options, const std::string& name, int sto
 }
 
 std::optional<Failure> CheckList(const PlayOptions& options) {
-  const struct {
-    const char* name;
-    bool is_given;
-  } kOptions[] = {{"--raw", options.raw},
-                  {"--from", options.from.has_value()},
-                  {"--duration", options.duration.has_value()},
-                  {"--follow", options.follow},
-                  {"--timing capture", options.by_arrival}};
-  const auto* found = std::find_if(std::begin(kOptions), std::end(kOptions),
-                                   [](const auto& option) { return option.is_given; });
-  if (found != std::end(kOptions)) {
-    return UsageFailure(fmt::format("{} needs a single INPUT, and {} are given", found->name,
-                                    options.then.size() + 1));
+  const GivenOption kOptions[] = {{"--raw", options.raw},
+                                  {"--from", options.from.has_value()},
+                                  {"--duration", options.duration.has_value()},
+                                  {"--follow", options.follow},
+                                  {"--timing capture", options.by_arrival}};
+  if (const auto option = FirstGiven(kOptions)) {
+    return UsageFailure(
+        fmt::format("{} needs a single INPUT, and {} are given", *option, options.then.size() + 1));
   }
   const auto once = [](const std::string& name) { return name == "-" || IsLiveAddress(name); };
   const auto not_file = std::find_if(options.then.begin(), options.then.end(), once);

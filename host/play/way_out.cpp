@@ -8,6 +8,8 @@
 
 #include "host/base/capabilities.h"
 #include "host/library/destination.h"
+#include "host/play/given_option.h"
+#include "host/play/written_files.h"
 #include "ipplayout/playouts.h"
 
 namespace ipplay {
@@ -32,12 +34,9 @@ bool OrdersBadChecksums(const PlayOptions& options) {
   });
 }
 
-// The option that a socket cannot follow, or null.
-const char* WhatNeedsAdapter(const PlayOptions& options, const PlayPlan& plan) {
-  const struct {
-    const char* option;
-    bool is_given;
-  } kOptions[] = {
+// The option that a socket cannot follow.
+std::optional<const char*> WhatNeedsAdapter(const PlayOptions& options, const PlayPlan& plan) {
+  const GivenOption kOptions[] = {
       {"--fec", options.fec.has_value()},
       {"--vlan", options.vlan.has_value()},
       {"--copies", options.copies > 1},
@@ -53,9 +52,7 @@ const char* WhatNeedsAdapter(const PlayOptions& options, const PlayPlan& plan) {
       {"--at with a bad checksum", OrdersBadChecksums(options)},
       {"--priority, or a rate with less than 5 us between frames,", !plan.by_schedule},
   };
-  const auto* found = std::find_if(std::begin(kOptions), std::end(kOptions),
-                                   [](const auto& option) { return option.is_given; });
-  return found == std::end(kOptions) ? nullptr : found->option;
+  return FirstGiven(kOptions);
 }
 
 void UseSocket(const PlayOptions& options, const Path& path, PlayPlan& plan) {
@@ -75,14 +72,6 @@ void UseSocket(const PlayOptions& options, const Path& path, PlayPlan& plan) {
         path.adapter.name.copy(schedule.Destination, sizeof schedule.Destination - 1);
     schedule.Destination[length] = '\0';
   }
-}
-
-bool IsInput(const PlayOptions& options, const std::string& path) {
-  const auto is_same = [&path](const std::string& input) {
-    std::error_code error;
-    return std::filesystem::equivalent(input, path, error);
-  };
-  return is_same(options.input) || std::any_of(options.then.begin(), options.then.end(), is_same);
 }
 
 std::optional<Failure> UseFile(const PlayOptions& options, PlayPlan& plan) {
@@ -106,14 +95,14 @@ std::optional<Failure> ChooseWay(const PlayOptions& options, const Path& path,
   if (!options.into.empty()) {
     return UseFile(options, plan);
   }
-  const char* const needs_adapter = WhatNeedsAdapter(options, plan);
+  const auto needs_adapter = WhatNeedsAdapter(options, plan);
   const bool is_own = options.device.empty() && IsOwnAddress(adapters, options.to.address);
   const auto missing_right = MissingRightToSend();
-  if (options.socket && needs_adapter != nullptr) {
+  if (options.socket && needs_adapter) {
     return UsageFailure(
-        fmt::format("--socket: {} needs an adapter; leave one of the two out", needs_adapter));
+        fmt::format("--socket: {} needs an adapter; leave one of the two out", *needs_adapter));
   }
-  if (needs_adapter != nullptr) {
+  if (needs_adapter) {
     if (missing_right) {
       return Failure{ExitStatus::kNoAccess, *missing_right};
     }
@@ -121,7 +110,7 @@ std::optional<Failure> ChooseWay(const PlayOptions& options, const Path& path,
       plan.notes.push_back(fmt::format(
           "the target is this machine, whose programs do not get what its adapters send; {} needs "
           "an adapter",
-          needs_adapter));
+          *needs_adapter));
     }
     return std::nullopt;
   }
