@@ -24,9 +24,10 @@ TsPacket TablePacket(std::uint16_t pid, std::vector<std::uint8_t> section) {
   return packet;
 }
 
-TsPacket Pmt(std::uint16_t pid, std::uint8_t program, std::uint8_t stream) {
-  return TablePacket(
-      pid, {2, 0xB0, 18, 0, program, 0xC1, 0, 0, 0xE1, stream, 0xF0, 0, 2, 0xE1, stream, 0xF0, 0});
+TsPacket Pmt(std::uint16_t pid, std::uint16_t program, std::uint8_t stream) {
+  return TablePacket(pid, {2, 0xB0, 18, static_cast<std::uint8_t>(program >> 8),
+                           static_cast<std::uint8_t>(program), 0xC1, 0, 0, 0xE1, stream, 0xF0, 0, 2,
+                           0xE1, stream, 0xF0, 0});
 }
 
 // ISO/IEC 13818-1, 2.4.4.5: the version goes up whenever what the table says changes.
@@ -50,6 +51,32 @@ TEST(PidFilter, VersionOfThePatGoesUpWithEveryProgramme) {
   EXPECT_EQ(two[7], 17);
   EXPECT_EQ(two[10], 0xC1);  // version 0 follows 31
   EXPECT_EQ(filtered(pat)[10], 0xC1);
+}
+
+// ISO/IEC 13818-1, 2.4.4.5: section_length is at most 1021, which is 253 programmes.
+TEST(PidFilter, APatHoldsWhatASectionHasRoomFor) {
+  StreamFilter filter(PacketFormat{188}, {.pids = {0x100}});
+  constexpr std::uint8_t kSections = 7;
+  constexpr std::uint16_t kInSection = 40;
+  TsPacket pat{};
+  for (std::uint8_t number = 0; number < kSections; ++number) {
+    std::vector<std::uint8_t> section{0,    0xB0,   9 + 4 * kInSection, 0, 7,
+                                      0xC1, number, kSections - 1};
+    for (std::uint16_t entry = 0; entry < kInSection; ++entry) {
+      const int program = 1 + number * kInSection + entry;
+      section.insert(section.end(), {static_cast<std::uint8_t>(program >> 8),
+                                     static_cast<std::uint8_t>(program), 0xE0, 0x20});
+    }
+    pat = TablePacket(0, section);
+    TsPacket packet = pat;
+    filter.Filter(packet);
+  }
+  for (std::uint16_t program = 1; program <= kSections * kInSection; ++program) {
+    TsPacket pmt = Pmt(0x20, program, 0);
+    filter.Filter(pmt);
+  }
+  filter.Filter(pat);
+  EXPECT_EQ((pat[6] & 0x0F) << 8 | pat[7], 1021);
 }
 
 }  // namespace
