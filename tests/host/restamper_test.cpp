@@ -108,16 +108,16 @@ TEST(Restamper, PartsFollowEachOther) {
                       {.start_offset = 0,
                        .parts = {{.start = 1000, .ticks = 5000, .pcr_pid = 1},
                                  {.start = kPcrModulus - 100, .ticks = 700, .pcr_pid = 2}}});
-  const auto pcr = [&restamper](std::uint16_t pid, std::uint64_t value) {
+  const auto after = [&restamper](std::uint16_t pid, std::uint64_t value) {
     return PcrAt(Restamped(restamper, {.pid = pid, .pcr = value}).data());
   };
-  EXPECT_EQ(pcr(1, 1200), 1200U);
+  EXPECT_EQ(after(1, 1200), 1200U);
   EXPECT_EQ(restamper.PartPcrPid(), 1);
   restamper.StartNextRound();
-  EXPECT_EQ(pcr(2, 50), 6150U);  // 150 behind the start of a part that begins at 6000
+  EXPECT_EQ(after(2, 50), 6150U);  // 150 behind the start of a part that begins at 6000
   EXPECT_EQ(restamper.PartPcrPid(), 2);
   restamper.StartNextRound();
-  EXPECT_EQ(pcr(1, 1200), 6900U);
+  EXPECT_EQ(after(1, 1200), 6900U);
 }
 
 TEST(Restamper, ArrivalTimesOfTimeStampedPackets) {

@@ -87,8 +87,12 @@ class OnTheWire(Files):
             channel, payloads = channels[f"c{number:02}"], arrived[f"239.1.{number // 10}.{number % 10}"]
             self.assertEqual(b"".join(payloads), read_file(self.path(f"s{number}.ts")), number)
             self.assertEqual((channel["state"], channel["datagrams"]), ("ended", 100))
-            times = [time for time, frame in self.bed.capture.frames if by_target([frame])[f"239.1.{number // 10}.{number % 10}"]]
+            sent = [(time, frame) for time, frame in self.bed.capture.frames
+                    if by_target([frame])[f"239.1.{number // 10}.{number % 10}"]]
+            times = [time for time, _ in sent]
+            stamps = [int.from_bytes(frame[HEADERS - 8:HEADERS - 4], "big") for _, frame in sent]  # the schedule's, 90 kHz
             self.assertAlmostEqual(channel["mean_rate_bps"] / (99 * 1316 * 8 / (times[-1] - times[0])), 1, delta=0.02)
+            self.assertAlmostEqual((stamps[-1] - stamps[0]) % 2**32, 99 * 1316 * 8 / RATE * 90_000, delta=1)
         self.assertEqual(len(arrived["239.2.0.1"]), 90)
         self.assertEqual(channels["faulty"]["ordered"]["lost"], 10)
         self.assertEqual(len(arrived["239.2.0.2"]), 98)
