@@ -80,13 +80,18 @@ class Payload(PlayCase):
 
 class Rates(PlayCase):
     def test_transport_stream_rate_on_the_wire(self):
-        """Bits of payload over the time in which they arrived. Headers make 4 % of a frame."""
+        """Payload against the time of its arrival. Headers make 4 % of a frame."""
         for options, rate in (((), SAMPLE_RATE), (("--speed", "2"), 1_400_000)):
             with self.subTest(options):
                 arrivals = self.play(SAMPLE, "--to", TARGET, *options).arrivals
-                bits = 8 * sum(len(frame) - 54 for _, frame in arrivals[:-1])
-                seconds = arrivals[-1][0] - arrivals[0][0]
-                self.assertAlmostEqual(bits / seconds / rate, 1, delta=0.02)
+                lateness, due = [], 0.0
+                for at, frame in arrivals:
+                    lateness.append(at - due)
+                    due += 8 * (len(frame) - 54) / rate
+                # A busy machine makes frames late, never early: the least late ones are on the grid.
+                third = len(lateness) // 3
+                drift = min(lateness[-third:]) - min(lateness[:third])
+                self.assertAlmostEqual(drift / (due * 2 / 3), 0, delta=0.02)
 
     def test_rtp_time_is_90_khz_of_the_stream(self):
         """A stream of a known rate is a clock: each bit lasts equally many ticks, whatever the packet size."""
