@@ -3,6 +3,7 @@
 
 // `ipplay demo`: plays and measures side by side.
 #include <fmt/format.h>
+#include <CLI/App.hpp>
 
 #include <memory>
 #include <string>

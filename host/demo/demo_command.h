@@ -3,11 +3,14 @@
 // holds its exit status, or the failure, not yet printed.
 #pragma once
 
-#include <CLI/App.hpp>
 #include <functional>
 #include <string>
 
 #include "host/base/result.h"
+
+namespace CLI {
+class App;
+}
 
 namespace ipplay {
 

@@ -3,6 +3,7 @@
 
 // `ipplay devices` and `ipplay resolve`.
 #include <fmt/format.h>
+#include <CLI/App.hpp>
 
 #include <memory>
 #include <string>

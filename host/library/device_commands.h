@@ -3,12 +3,15 @@
 // holds its exit status, or the failure, not yet printed.
 #pragma once
 
-#include <CLI/App.hpp>
 #include <vector>
 
 #include "host/base/json.h"
 #include "host/base/result.h"
 #include "host/library/adapters.h"
+
+namespace CLI {
+class App;
+}
 
 namespace ipplay {
 

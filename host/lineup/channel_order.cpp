@@ -2,6 +2,7 @@
 #include "host/lineup/channel_order.h"
 
 #include <fmt/format.h>
+#include <CLI/App.hpp>
 
 #include <algorithm>
 #include <array>

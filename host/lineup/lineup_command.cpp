@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/lineup/lineup_command.h"
 
+#include <CLI/App.hpp>
+
 #include <cstdlib>
 #include <memory>
 

@@ -2,6 +2,7 @@
 #include "host/measure/measure_command.h"
 
 #include <fmt/format.h>
+#include <CLI/App.hpp>
 
 #include <memory>
 #include <string>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/measure_options.h"
 
+#include <CLI/App.hpp>
+
 #include <algorithm>
 
 #include "host/base/units.h"

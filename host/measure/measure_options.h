@@ -2,8 +2,6 @@
 // The options of `ipplay measure`.
 #pragma once
 
-#include <CLI/App.hpp>
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -15,6 +13,10 @@
 #include "host/measure/capture/group_membership.h"
 #include "host/measure/figures/settings.h"
 #include "host/measure/results/limits.h"
+
+namespace CLI {
+class App;
+}
 
 namespace ipplay::measure {
 

@@ -3,6 +3,7 @@
 
 // `ipplay play`.
 #include <fmt/format.h>
+#include <CLI/App.hpp>
 
 #include <cstdio>
 #include <filesystem>

@@ -3,9 +3,11 @@
 // holds its exit status, or the failure, not yet printed.
 #pragma once
 
-#include <CLI/App.hpp>
-
 #include "host/base/result.h"
+
+namespace CLI {
+class App;
+}
 
 namespace ipplay {
 

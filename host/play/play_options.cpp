@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/play_options.h"
 
+#include <CLI/App.hpp>
+
 #include <algorithm>
 
 #include "host/base/host_name.h"

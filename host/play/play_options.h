@@ -2,7 +2,6 @@
 // The options of `ipplay play`.
 #pragma once
 
-#include <CLI/App.hpp>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -14,13 +13,17 @@
 #include "host/base/address.h"
 #include "host/play/play_values.h"
 
+namespace CLI {
+class App;
+}
+
 namespace ipplay {
 
-// DefinePlayOptions() fills in the fixed defaults; MakePlan() decides about optional fields that
-// have no value.
 // JSON readers keep whole numbers up to here.
 inline constexpr std::uint64_t kMostSeed = (std::uint64_t{1} << 53) - 1;
 
+// DefinePlayOptions() fills in the fixed defaults; MakePlan() decides about optional fields that
+// have no value.
 struct PlayOptions {
   // A target, or a capture file with frames to a target.
   struct Place {

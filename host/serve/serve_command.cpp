@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/serve/serve_command.h"
 
+#include <CLI/App.hpp>
+
 #include <memory>
 
 #include "host/cli/option_builder.h"
