@@ -223,6 +223,23 @@ TEST_F(PlayoutTest, AFailureIsKnownUntilTheNextStart) {
   EXPECT_NEAR(Statistics().Jitter, 109e-6 / 16 * 15 / 16, 1e-12);
 }
 
+// So the thread that feeds a run is to end before the next one starts.
+TEST_F(PlayoutTest, AnEndThatComesBehindTheStopIsThatOfTheNextRun) {
+  Start(1e5);
+  GetPlayout().Stop();
+  GetPlayout().WriteTerminate();
+  ASSERT_EQ(Write(2 * kPayload), 0);
+  Start(1e5);
+  auto over = OnAnotherThread([this] {
+    while (!library_->parts.pump.IsComplete()) {
+      std::this_thread::yield();
+    }
+  });
+  ASSERT_TRUE(Returns(over));
+  GetPlayout().Stop();
+  EXPECT_EQ(DatagramsSent(), 2U);
+}
+
 // The list would otherwise have some of them, in places that the host cannot rely on.
 TEST_F(PlayoutTest, AnInitialisationWithoutMemoryHasNoAdapter) {
   driver_.adapters->push_back({"rpcap://second", "another one", {}});

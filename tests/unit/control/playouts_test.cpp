@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <new>
@@ -41,7 +43,15 @@ class FakeSinks final : public SinkMaker {
     }
     auto sink = std::make_unique<FakeFrameSink>();
     sink->is_virtual = true;
-    sink->on_send = [this](std::span<const OutgoingFrame> frames) { sent += frames.size(); };
+    sink->on_send = [this](std::span<const OutgoingFrame> frames) {
+      if (keeps) {
+        for (const OutgoingFrame& frame : frames) {
+          kept.emplace_back(frame.bytes.begin(), frame.bytes.end());
+        }
+      }
+      sent += frames.size();
+      sent.notify_all();
+    };
     if (name == "slow") {
       sink->on_finish = [this] {
         finishing.set_value();
@@ -52,6 +62,9 @@ class FakeSinks final : public SinkMaker {
   }
 
   std::atomic<std::size_t> sent{0};
+  // Of a single playout, once it has ended.
+  bool keeps = false;
+  std::vector<std::vector<std::uint8_t>> kept;
   std::promise<void> finishing;
   std::promise<void> finish;
 };
@@ -77,6 +90,22 @@ class PlayoutsTest : public testing::Test {
   static Failure Write(ScheduledPlayout& playout, std::size_t bytes) {
     const std::vector<std::uint8_t> data(bytes, 0x47);
     return playout.Write(data.data(), data.size());
+  }
+  // What became of each frame of so many datagrams that are played to their end.
+  std::vector<IpPlayoutRecord> Play(IpPlayoutSettings settings, std::size_t datagrams) {
+    settings.RingBytes = 1 << 20;
+    settings.LedgerFrames = 4096;
+    auto playout = Open(settings);
+    EXPECT_EQ(Write(*playout, datagrams * kPayload).code, IPPLAYOUT_DONE);
+    playout->End();
+    EXPECT_EQ(playouts.Start(std::vector{handles_.back()}, {}).sentence, "");
+    auto end = OnAnotherThread([&] { return playout->Wait({}).code; });
+    EXPECT_TRUE(Returns(end));
+    std::vector<IpPlayoutRecord> records(settings.LedgerFrames);
+    std::size_t taken = 0;
+    playout->ReadLedger(records.data(), records.size(), taken);
+    records.resize(taken);
+    return records;
   }
   static bool IsReadable(platform::EventHandle event) {
     pollfd target{static_cast<int>(event), POLLIN, 0};
@@ -192,8 +221,10 @@ TEST_F(PlayoutsTest, AWaitIsForTheRunThatItBeganIn) {
     if (i == 0) {
       ASSERT_TRUE(Returns(waiter));
       EXPECT_EQ(waiter.get(), IPPLAYOUT_ENDED);
+      EXPECT_FALSE(IsReadable(playout->EndEvent()));
     }
     playout->Stop();
+    EXPECT_TRUE(IsReadable(playout->EndEvent()));
   }
 }
 
@@ -215,6 +246,119 @@ TEST_F(PlayoutsTest, WhatComesBehindTheEndIsRefused) {
   EXPECT_EQ(playout->Wait({}).code, IPPLAYOUT_DONE);  // it had ended by itself
   EXPECT_EQ(Write(*playout, 1).code, IPPLAYOUT_DONE);
   EXPECT_EQ(sinks.sent, 1U);
+}
+
+TEST_F(PlayoutsTest, NothingIsBuiltBeforeThereIsEnough) {
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.StartBytes = 4 * kPayload;
+  auto playout = Open(settings);
+  ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+  auto first = OnAnotherThread([&] { sinks.sent.wait(0); });
+  ASSERT_EQ(Write(*playout, 4 * kPayload - 1).code, IPPLAYOUT_DONE);
+  EXPECT_TRUE(Blocks(first));
+  ASSERT_EQ(Write(*playout, 1).code, IPPLAYOUT_DONE);
+  EXPECT_TRUE(Returns(first));
+}
+
+// Frames of 10,960 bits.
+TEST_F(PlayoutsTest, AStreamHasTheRoomAndTheRulesOfItsOrder) {
+  struct Row {
+    std::function<void(IpPlayoutSettings&)> change;
+    double frames_per_second;
+    std::size_t room;  // at least, and less than twice that
+  };
+  const Row kRows[] = {
+      {[](auto&) {}, 912.4, 46},
+      {[](auto& s) { s.Params.ReplicationCount = 9; }, 9124, 456},
+      // Two bursts of 500: one is built while the other one leaves.
+      {[](auto& s) {
+         s.Parametric = {};
+         s.Parametric.BurstMode = IPPLAYOUT_ON;
+         s.Parametric.BurstValueType = IPPLAYOUT_BURST_BY_SIZE;
+         s.Parametric.BurstSize = 500;
+       },
+       912.4, 1000},
+  };
+  for (const Row& row : kRows) {
+    for (const std::uint32_t precision : {IPPLAYOUT_PRECISE, IPPLAYOUT_ECONOMICAL}) {
+      IpPlayoutSettings settings = SettingsFor("file");
+      settings.Precision = precision;
+      row.change(settings);
+      auto playout = Open(settings);
+      ASSERT_EQ(playout->Prepare().sentence, "");
+      const ScheduledStream& stream = playout->Prepared().Stream();
+      EXPECT_EQ(stream.rules.is_precise, precision == IPPLAYOUT_PRECISE);
+      EXPECT_NEAR(stream.rules.frames_per_second, row.frames_per_second, 1);
+      EXPECT_GE(stream.ring.Capacity(), row.room);
+      EXPECT_LT(stream.ring.Capacity(), 2 * row.room);
+      playout->Abandon();
+    }
+  }
+}
+
+// Bursts of 10 frames, 10,960 us apart: 12 ms hold 10.9. Every second one is late by 30 ms, and
+// what follows it waits for it. The receiver's clock goes on evenly.
+TEST_F(PlayoutsTest, JitterMovesBurstsAndNotTheClock) {
+  constexpr std::size_t kRtpTime = 42 + 4;
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.FirstRtpTimestamp = 0xFFFFFF00;
+  settings.Parametric.BurstMode = IPPLAYOUT_ON;
+  settings.Parametric.BurstValueType = IPPLAYOUT_BURST_BY_PERIOD;
+  settings.Parametric.BurstPeriod = 12;
+  settings.Parametric.JitterEnabled = IPPLAYOUT_ON;
+  settings.Parametric.JitterDistributionType = IPPLAYOUT_JITTER_SQUARE;
+  settings.Parametric.JitterPeriod = 30'000;
+  sinks.keeps = true;
+  const auto records = Play(settings, 60);
+  ASSERT_EQ(records.size(), 60U);
+  ASSERT_EQ(sinks.kept.size(), 60U);
+  const double kBurstsDue[] = {30'000, 30'000, 51'920, 51'920, 73'840, 73'840};
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    EXPECT_NEAR(static_cast<double>(records[i].DueNs) / 1e3, kBurstsDue[i / 10], 0.01) << i;
+    std::uint32_t time = 0;
+    for (std::size_t at = kRtpTime; at < kRtpTime + 4; ++at) {
+      time = time << 8 | sinks.kept[i][at];
+    }
+    EXPECT_NEAR(time - 0xFFFFFF00, static_cast<double>(i) * 98.64, 1) << i;
+  }
+}
+
+TEST_F(PlayoutsTest, ADuplicateIsAsDamagedAsTheFirst) {
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.Faults.UdpChecksum = 1;
+  settings.Faults.Duplicate = 1;
+  const auto records = Play(settings, 3);
+  ASSERT_EQ(records.size(), 6U);
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(records[i].Datagram, i / 2);
+    EXPECT_EQ(records[i].Did,
+              IPPLAYOUT_DID_UDP_CHECKSUM | (i % 2 == 1 ? IPPLAYOUT_DID_DUPLICATE : 0));
+  }
+}
+
+// One in each ten; the first of them where they are not random.
+TEST_F(PlayoutsTest, DuplicatesAreWhereTheyAreOrdered) {
+  for (const std::uint32_t randomized : {0U, 1U, 2U}) {
+    IpPlayoutSettings settings = SettingsFor("file");
+    settings.Seed = 7;
+    settings.Errors.RandomizeErrors = randomized;
+    settings.Faults.DuplicateCount = 1;
+    settings.Faults.DuplicateRange = 10;
+    settings.Faults.CorruptRange = 3;
+    std::vector<std::uint64_t> ranges;
+    bool all_first = true;
+    for (const IpPlayoutRecord& record : Play(settings, 200)) {
+      if ((record.Did & IPPLAYOUT_DID_DUPLICATE) != 0) {
+        ranges.push_back(record.Datagram / 10);
+        all_first = all_first && record.Datagram % 10 == 0;
+      }
+    }
+    ASSERT_EQ(ranges.size(), 20U);
+    for (std::size_t i = 0; i < ranges.size(); ++i) {
+      EXPECT_EQ(ranges[i], i);
+    }
+    EXPECT_EQ(all_first, randomized == 0);
+  }
 }
 
 // At any point of what the threads of the library do: a lost request hangs.
@@ -288,6 +432,22 @@ TEST_F(PlayoutsTest, ChangesAreRefusedByNameAndRange) {
   settings.Size = 1;
   EXPECT_EQ(playout->Change(settings, 1, 0).code, IPPLAYOUT_BAD_VALUE);
   EXPECT_EQ(playouts.Find(playouts.Open())->Change(settings, 1, 0).code, IPPLAYOUT_BAD_STATE);
+}
+
+// The slope of the last marks goes on once it is known that no more come.
+TEST_F(PlayoutsTest, TheEndOfTheDataIsThatOfTheMarks) {
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.BitRate = 0;
+  auto playout = Open(settings);
+  EXPECT_EQ(playout->Mark(0, 0).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(playout->Mark(kPayload, 1'000'000).code, IPPLAYOUT_DONE);
+  ASSERT_EQ(Write(*playout, 3 * kPayload).code, IPPLAYOUT_DONE);
+  ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+  auto end = OnAnotherThread([&] { return playout->Wait({}).code; });
+  EXPECT_TRUE(Blocks(end));
+  playout->End();
+  ASSERT_TRUE(Returns(end));
+  EXPECT_EQ(sinks.sent, 3U);
 }
 
 TEST_F(PlayoutsTest, MarksAreRefusedByNameAndRange) {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "platform/random.h"
 #include "protocol/pdu.h"
 
@@ -34,6 +36,15 @@ TEST(ErrorInsertionManagerTest, ARequestedSequenceErrorDrawsItsDistance) {
       errors.PrepareForPacket(++index);
     }
     EXPECT_EQ(index, due) << draw;
+  }
+}
+
+TEST(ErrorInsertionManagerTest, ALookTakesNoRequest) {
+  CErrorInsertionManager errors(kRtp, platform::ProcessRandom());
+  errors.PrepareForPacket(0);
+  errors.GeneratePacketLoss();
+  for (const auto& [consume, lost] : {std::pair(0, 1U), std::pair(1, 1U), std::pair(1, 0U)}) {
+    EXPECT_EQ(errors.IsPacketLoss(consume), lost);
   }
 }
 

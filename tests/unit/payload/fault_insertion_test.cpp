@@ -31,9 +31,7 @@ class FaultInsertionTest : public testing::Test {
     did |= insertion.IsCorrupt() ? std::uint32_t{IPPLAYOUT_DID_CORRUPT} : 0;
     did |= errors.IsSequenceError(1) != 0 ? std::uint32_t{IPPLAYOUT_DID_DELAY} : 0;
     did |= errors.IsUdpChecksumError(1) != 0 ? std::uint32_t{IPPLAYOUT_DID_UDP_CHECKSUM} : 0;
-    if (errors.IsPacketLoss(1) != 0) {
-      did = IPPLAYOUT_DID_LOSE;
-    }
+    did |= errors.IsPacketLoss(1) != 0 ? std::uint32_t{IPPLAYOUT_DID_LOSE} : 0;
     insertion.End(index++, due, did);
     return did;
   }
@@ -73,6 +71,7 @@ TEST_F(FaultInsertionTest, OrdersOfOneMomentHitDatagramsOfTheirOwn) {
   EXPECT_EQ(done[4].Number, 4U);
   EXPECT_EQ(done[4].Datagram, 7U);
   EXPECT_EQ(done[5].Count, 2U);
+  EXPECT_EQ(done[5].Datagram, 8U);
   EXPECT_EQ(done[5].FirstDueNs, 8'000'000);
   EXPECT_EQ(done[5].LastDueNs, 9'000'000);
   EXPECT_EQ(insertion.Counts().Waiting, 0U);
@@ -80,7 +79,7 @@ TEST_F(FaultInsertionTest, OrdersOfOneMomentHitDatagramsOfTheirOwn) {
 
 TEST_F(FaultInsertionTest, ABreakLosesWhatIsDueInItsTime) {
   Configure({});
-  ASSERT_TRUE(orders.Add({1, IPPLAYOUT_DID_LOSE, 0, 0, 0, 1'500'000, 4'000'000}));
+  ASSERT_TRUE(orders.Add({1, IPPLAYOUT_DID_LOSE, 0, 0, 0, 1'500'000, 3'200'000}));
   ASSERT_TRUE(orders.Add({2, IPPLAYOUT_DID_CORRUPT, 1, 1, 0, 3'000'000, 0}));
   std::vector<std::uint32_t> did;
   for (int i = 0; i < 8; ++i) {
@@ -122,6 +121,42 @@ TEST_F(FaultInsertionTest, ThereIsAnEndToOrdersAndReports) {
   EXPECT_EQ(Done().front().Number, 1U) << "the oldest one went";
 }
 
+TEST_F(FaultInsertionTest, AnOrderHasItsDatagramToItself) {
+  IpPlayoutFaults faults{};
+  faults.Corrupt = 1;
+  faults.CorruptBits = 1;
+  faults.DuplicateCount = 1;
+  faults.DuplicateRange = 2;
+  Configure(faults);
+  ASSERT_TRUE(orders.Add({1, IPPLAYOUT_DID_UDP_CHECKSUM, 1, 0, 0, 2'000'000, 0}));
+  constexpr std::uint32_t kCorrupt = IPPLAYOUT_DID_CORRUPT;
+  for (const std::uint32_t expected :
+       {kCorrupt | IPPLAYOUT_DID_DUPLICATE, kCorrupt, std::uint32_t{IPPLAYOUT_DID_UDP_CHECKSUM},
+        kCorrupt, kCorrupt | IPPLAYOUT_DID_DUPLICATE}) {
+    EXPECT_EQ(Next(), expected);
+  }
+}
+
+// That of the order, or else that of all delays.
+TEST_F(FaultInsertionTest, ADelayIsBehindSoManyDatagrams) {
+  IpPlayoutFaults faults{};
+  faults.DelayDistance = 2;
+  Configure(faults);
+  PDU frame(16);
+  for (const std::uint32_t amount : {0U, 5U}) {
+    ASSERT_TRUE(orders.Add({1, IPPLAYOUT_DID_DELAY, 1, amount, 0, 0, 0}));
+    const std::uint64_t delayed = index;
+    ASSERT_EQ(Next(), std::uint32_t{IPPLAYOUT_DID_DELAY});
+    ASSERT_TRUE(errors.HoldFrame(frame, 0));
+    std::uint64_t later = 0;
+    do {
+      errors.PrepareForPacket(delayed + ++later);
+    } while (errors.GetHeldFrame(0) == nullptr && later < 100);
+    EXPECT_EQ(later, (amount == 0 ? 2 : amount) + 1);
+    errors.ReleaseHeldFrame(0);
+  }
+}
+
 // Standard deviations are those of a binomial distribution; four of them.
 TEST_F(FaultInsertionTest, ChancesAreKept) {
   constexpr int kDatagrams = 100'000;
@@ -131,12 +166,14 @@ TEST_F(FaultInsertionTest, ChancesAreKept) {
   faults.DelayDistance = 1;
   faults.Corrupt = 0.2;
   faults.CorruptBits = 3;
+  faults.Duplicate = 1;
   Configure(faults);
   int lost = 0;
   int delayed = 0;
   int corrupt = 0;
   for (int i = 0; i < kDatagrams; ++i) {
     const std::uint32_t did = Next();
+    EXPECT_NE((did & IPPLAYOUT_DID_DUPLICATE) != 0, did == IPPLAYOUT_DID_LOSE);
     lost += (did & IPPLAYOUT_DID_LOSE) != 0;
     delayed += (did & IPPLAYOUT_DID_DELAY) != 0;
     corrupt += (did & IPPLAYOUT_DID_CORRUPT) != 0;

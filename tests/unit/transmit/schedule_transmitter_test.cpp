@@ -324,6 +324,7 @@ TEST_F(VirtualTime, WhatStopsTheDestinationEndsAllThatSendToIt) {
   Play({&a, &b});
   for (Player* player : {&a, &b}) {
     EXPECT_EQ(player->Ended(), ENETDOWN);
+    EXPECT_EQ(player->Counts().discarded, 1U);
     Remove(*player);
     EXPECT_EQ(player->Counts().on_time, 1U);
     EXPECT_EQ(player->Counts().not_sent, 1U);
@@ -427,12 +428,14 @@ TEST_F(SteppedTime, DataThatComesLateIsDryAndLate) {
   MoveTo(seconds(1));
   MoveTo(seconds(3));
   EXPECT_EQ(a.Counts().dry_times, 0U);
-  a.Push(milliseconds(10));
+  a.Holding({milliseconds(10), milliseconds(20)});
   transmitter.Request(a.ThatIsAll().stream);
+  Settle();
+  MoveTo(seconds(3) + milliseconds(8));  // sooner than planned at first, and yet late
   EXPECT_EQ(a.Ended(), 0);
   EXPECT_EQ(a.Counts().dry_times, 1U);
   EXPECT_EQ(a.Counts().dry, milliseconds(1990));
-  EXPECT_EQ(a.Counts().late, 1U);
+  EXPECT_EQ(a.Counts().late, 2U);
   EXPECT_EQ(a.Counts().on_time, 1U);
   EXPECT_EQ(a.stream.timing.Lateness().Maximum(), milliseconds(1990));
   transmitter.Remove(a.stream);
@@ -452,6 +455,43 @@ TEST_F(SteppedTime, WhatFollowsLateDataIsLateButNotDry) {
   EXPECT_EQ(a.Counts().late, 3U);
   EXPECT_EQ(a.Counts().dry_times, 1U);
   EXPECT_EQ(a.Counts().dry, milliseconds(1990));
+  transmitter.Remove(a.stream);
+}
+
+// Both begin behind the tolerance, here of a millisecond.
+TEST_F(SteppedTime, WhatIsAsLateAsIsToleratedIsOnTimeAndNotDry) {
+  Player a('a', sink, AtOnce());
+  Play(a.Holding({milliseconds(0)}), seconds(1));
+  MoveTo(seconds(1));
+  int number = 0;
+  for (const nanoseconds late : {nanoseconds(1'000'000), nanoseconds(1'000'001)}) {
+    const nanoseconds due = milliseconds(10 * ++number);
+    MoveTo(seconds(1) + due + late);
+    a.Push(due);
+    transmitter.Request(a.stream);
+    Settle();
+  }
+  EXPECT_EQ(a.Counts().on_time, 2U);
+  EXPECT_EQ(a.Counts().late, 1U);
+  EXPECT_EQ(a.Counts().dry_times, 1U);
+  EXPECT_EQ(a.Counts().dry, nanoseconds(1'000'001));
+  transmitter.Remove(a.stream);
+}
+
+TEST_F(SteppedTime, FramesOfABurstLeaveWhileItIsHandedOver) {
+  sink.on_send = [this](auto) { clock->MoveTo(clock->Now() + microseconds(40)); };
+  Player a('a', sink, AtOnce(), 8);
+  for (const bool leaves : {true, false, true}) {
+    a.Push(nanoseconds(0), leaves);
+  }
+  Play(a.ThatIsAll(), seconds(1));
+  MoveTo(seconds(1));
+  EXPECT_EQ(a.Ended(), 0);
+  std::array<IpPlayoutRecord, 8> records;
+  ASSERT_EQ(Records(a, records), 3U);
+  EXPECT_EQ(records[0].DepartureNs, 1'000'000'000);
+  EXPECT_EQ(records[1].DepartureNs, -1);
+  EXPECT_EQ(records[2].DepartureNs, 1'000'020'000);
   transmitter.Remove(a.stream);
 }
 
