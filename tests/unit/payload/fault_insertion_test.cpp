@@ -173,8 +173,10 @@ TEST_F(FaultInsertionTest, ChancesAreKept) {
   int corrupt = 0;
   for (int i = 0; i < kDatagrams; ++i) {
     const std::uint32_t did = Next();
-    EXPECT_NE((did & IPPLAYOUT_DID_DUPLICATE) != 0, did == IPPLAYOUT_DID_LOSE);
-    lost += (did & IPPLAYOUT_DID_LOSE) != 0;
+    const bool is_lost = (did & IPPLAYOUT_DID_LOSE) != 0;
+    EXPECT_EQ(did == IPPLAYOUT_DID_LOSE, is_lost);
+    EXPECT_EQ((did & IPPLAYOUT_DID_DUPLICATE) != 0, !is_lost);
+    lost += is_lost;
     delayed += (did & IPPLAYOUT_DID_DELAY) != 0;
     corrupt += (did & IPPLAYOUT_DID_CORRUPT) != 0;
   }
