@@ -76,7 +76,8 @@ class Files(WireCase):
 
     def test_a_seed_repeats_everything(self):
         shape = {**TYPICAL, **ERRORS, "RandomizeErrors": 1, "JitterEnabled": 1, "JitterPeriod": 50.0,
-                 "JitterDistributionType": 1, "RandomSSRC": 1, "RandomSequenceNumber": 1}
+                 "JitterDistributionType": 1, "RandomSSRC": 1, "RandomSequenceNumber": 1,
+                 "FecColumns": 5, "FecRows": 4}
         data = stream(1316 * 200)
         _, files = self.files([({**shape, "Seed": seed}, data, []) for seed in (5, 5, 6)])
         self.assertEqual(files[0], files[1])

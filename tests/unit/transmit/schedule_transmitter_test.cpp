@@ -58,13 +58,14 @@ class Player final : private StreamListener {
          std::size_t ledger_frames = 0)
       : stream(16, 2, {ledger_frames, true}, rules, sink, *this), name_(name) {}
 
-  void Push(nanoseconds due, bool leaves = true) {
+  void Push(nanoseconds due, bool leaves = true, std::uint32_t did = 0) {
     const std::uint8_t bytes[] = {name_, next_};
     QueuedFrame frame;
     frame.due = due;
     frame.datagram = next_++;
     frame.length = sizeof bytes;
     frame.leaves = leaves;
+    frame.did = did;
     stream.ring.Push(frame, bytes);
   }
   Player& Holding(std::initializer_list<nanoseconds> dues) {
@@ -330,6 +331,19 @@ TEST_F(VirtualTime, WhatStopsTheDestinationEndsAllThatSendToIt) {
     EXPECT_EQ(player->Counts().not_sent, 1U);
     EXPECT_EQ(player->Counts().discarded, 1U);
   }
+}
+
+TEST_F(VirtualTime, FecIsOnTimeButNoDepartureOfTheStream) {
+  Player a('a', sink);
+  for (const int ms : {0, 1, 2, 5}) {
+    a.Push(milliseconds(ms), true, ms % 2 == 1 ? IPPLAYOUT_DID_FEC_ROW : 0);
+  }
+  Play({&a.ThatIsAll()});
+  EXPECT_EQ(a.Ended(), 0);
+  Remove(a);
+  EXPECT_EQ(a.Counts().on_time, 4U);
+  EXPECT_EQ(a.Counts().longest_gap, milliseconds(2));
+  EXPECT_EQ(a.Counts().last_departure - a.Counts().first_departure, milliseconds(2));
 }
 
 TEST_F(VirtualTime, APlaceWithoutAFrameIsRecordedAndNotSent) {
