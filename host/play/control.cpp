@@ -101,7 +101,7 @@ std::string Refused(const ControlOrder& order, std::string_view why) {
                      json(why).dump(-1, ' ', true, json::error_handler_t::replace));
 }
 
-std::string Told(const ControlOrder& order, std::string_view status) {
+std::string WithStatus(const ControlOrder& order, std::string_view status) {
   return fmt::format("{},\"status\":{}}}", Head(order, true), status);
 }
 

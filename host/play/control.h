@@ -31,6 +31,6 @@ std::string Refused(const ControlOrder& order, std::string_view why);
 std::string Changed(const ControlOrder& order, const ChangeRequest& request,
                     std::chrono::nanoseconds at, double rate);
 // `status` is an object as --json prints it.
-std::string Told(const ControlOrder& order, std::string_view status);
+std::string WithStatus(const ControlOrder& order, std::string_view status);
 
 }  // namespace ipplay

@@ -115,7 +115,7 @@ void PlaySession::Loop() {
       return;
     }
     ReadCounters(Now());
-    TellDone();
+    ReportDoneFaults();
     while (const auto action = time_line_.TakeDue(Now())) {
       Do(*action, "--at");
     }
@@ -247,7 +247,7 @@ std::string PlaySession::Control(std::string_view line) {
     return ChangeRun(order, *request);
   }
   timing_ = playing_->Timing();
-  return Told(order, StatusJson(options_, plan_, Progress(), "progress"));
+  return WithStatus(order, StatusJson(options_, plan_, Progress(), "progress"));
 }
 
 std::string PlaySession::ChangeRun(const ControlOrder& order, const ChangeRequest& request) {
@@ -331,7 +331,7 @@ std::optional<std::string> PlaySession::Order(const Action& action, nanoseconds 
   return refused ? refused : faults_.Order(action, common, by);
 }
 
-void PlaySession::TellDone() {
+void PlaySession::ReportDoneFaults() {
   const std::vector<OrderedFaults::Done> all_done = faults_.TakeDone();
   // Not that of the last report: there may have been a pause since.
   const auto timing = all_done.empty() ? std::nullopt : playing_->Timing();
@@ -345,7 +345,7 @@ void PlaySession::TellDone() {
   }
 }
 
-void PlaySession::TellNotDone() {
+void PlaySession::WarnOfFaultsNotDone() {
   if (const std::uint64_t waiting = playing_->Faults().Waiting) {
     Warn(fmt::format("{} of the ordered errors {} not made: the playout ended before",
                      FormatCount(waiting), waiting == 1 ? "was" : "were"));
@@ -387,7 +387,7 @@ void PlaySession::Finish(bool complete) {
   }
   feeder_.Join();
   timing_ = playing_->Timing();
-  TellDone();
+  ReportDoneFaults();
   unsent_ = timing_ ? timing_->NotSent + (failed_ ? timing_->Discarded : 0) : CountUnsent();
   if (const auto twin = TwinProgress()) {
     unsent_ += twin->timing->NotSent + (failed_ ? twin->timing->Discarded : 0);
@@ -557,7 +557,7 @@ void PlaySession::Fail(const std::string& why) {
                       FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent)));
 }
 
-void PlaySession::TellFailure() {
+void PlaySession::ReportFailure() {
   if (feeder_.ReadError() != 0) {
     Fail("INPUT could not be read to its end");
   } else if (failed_ && plan_.schedule.To == IPPLAYOUT_TO_FILE) {
@@ -576,7 +576,7 @@ void PlaySession::TellFailure() {
   }
 }
 
-void PlaySession::TellFailures(const std::vector<OutputStatus>& outputs) {
+void PlaySession::ReportOutputFailures(const std::vector<OutputStatus>& outputs) {
   for (const OutputStatus& output : outputs) {
     if (output.failure) {
       Condemn(fmt::format("{}: {}", output.target, *output.failure));
@@ -592,9 +592,9 @@ ExitStatus PlaySession::Conclude() {
     Print(stderr, "ipplay: padded with {} zero byte{}: data is sent in units of 4 bytes\n",
           feeder_.Padding(), feeder_.Padding() == 1 ? "" : "s");
   }
-  TellFailure();
+  ReportFailure();
   JudgeInput();
-  TellNotDone();
+  WarnOfFaultsNotDone();
   if (timing_) {
     WarnOfTiming();
     JudgeTiming(*timing_);
@@ -604,7 +604,7 @@ ExitStatus PlaySession::Conclude() {
     JudgeTiming(*status.twin->timing);
   }
   status.held_back = HeldBack(status.counters);
-  TellFailures(status.outputs);
+  ReportOutputFailures(status.outputs);
   if (!options_.raw) {
     status.damage = feeder_.Damaged();
   }

@@ -67,8 +67,8 @@ class PlaySession {
   std::optional<std::string> Order(const Action& action, std::chrono::nanoseconds at,
                                    const std::string& by);
   void OrderAhead();
-  void TellDone();
-  void TellNotDone();
+  void ReportDoneFaults();
+  void WarnOfFaultsNotDone();
   void Pause(bool on);
   void Stop(const std::string& outcome);
   void Finish(bool complete);
@@ -91,8 +91,8 @@ class PlaySession {
   std::uint64_t CountUnsent() const;
   void Condemn(const std::string& why);
   void Fail(const std::string& why);
-  void TellFailure();
-  void TellFailures(const std::vector<OutputStatus>& outputs);
+  void ReportFailure();
+  void ReportOutputFailures(const std::vector<OutputStatus>& outputs);
   ExitStatus Conclude();
 
   const PlayOptions& options_;
