@@ -15,6 +15,7 @@
 #include "host/base/confinement.h"
 #include "host/base/library_output.h"
 #include "host/cli/config_file.h"
+#include "host/cli/help_formatter.h"
 #include "host/cli/refusal.h"
 #include "host/cli/words.h"
 #include "host/demo/demo_command.h"
@@ -47,6 +48,7 @@ int Run(int argc, char** argv) {
   app.set_config("--config", "", "Read options from FILE")->type_name("FILE");
   app.allow_config_extras(CLI::config_extras_mode::error);
   app.config_formatter(std::make_shared<ipplay::ConfigFile>());
+  app.formatter(std::make_shared<ipplay::HelpFormatter>());
   ipplay::Result<int> outcome = static_cast<int>(ExitStatus::kUsage);
   ipplay::RegisterDevices(app, outcome);
   ipplay::RegisterResolve(app, outcome);
