@@ -68,8 +68,13 @@ int Run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return PrintError(ExitStatus::kUsage, ipplay::ExplainRefusal(app, words, error));
   }
-  if (outcome && *outcome == 0 && !ipplay::ResultsAreWritten()) {
-    return PrintError(ExitStatus::kFailed, "standard output cannot be written");
+  if (outcome && *outcome == 0) {
+    const ipplay::ResultsFate fate = ipplay::FateOfResults();
+    if (fate == ipplay::ResultsFate::kLost) {
+      return PrintError(ExitStatus::kFailed, "standard output cannot be written");
+    }
+    return static_cast<int>(fate == ipplay::ResultsFate::kWritten ? ExitStatus::kPlayed
+                                                                  : ExitStatus::kFailed);
   }
   if (outcome) {
     return *outcome;

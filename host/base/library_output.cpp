@@ -2,6 +2,7 @@
 #include "host/base/library_output.h"
 
 #include <fcntl.h>
+#include <poll.h>
 
 #include <cerrno>
 
@@ -22,12 +23,18 @@ std::FILE* Results() {
   return results;
 }
 
-bool ResultsAreWritten() {
+ResultsFate FateOfResults() {
   std::FILE* const results = Results();
   if (std::fflush(results) == 0 && std::ferror(results) == 0) {
-    return true;
+    return ResultsFate::kWritten;
   }
-  return ::isatty(fileno(results)) == 1 || errno == EIO;
+  const int fd = fileno(results);
+  if (errno == EIO || ::isatty(fd) == 1) {
+    return ResultsFate::kWritten;
+  }
+  pollfd pipe{fd, POLLOUT, 0};
+  const bool has_no_reader = ::poll(&pipe, 1, 0) == 1 && (pipe.revents & POLLERR) != 0;
+  return has_no_reader ? ResultsFate::kUnread : ResultsFate::kLost;
 }
 
 LibrarySilence::LibrarySilence(Of what) {

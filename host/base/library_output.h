@@ -31,7 +31,7 @@ decltype(auto) Printable(Argument&& argument) {
 }
 
 // Prints as fmt::print does; only the format itself controls a terminal. Write errors are ignored
-// (see ResultsAreWritten).
+// (see FateOfResults).
 template <typename... Arguments>
 void Print(std::FILE* file, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
   const std::string text =
@@ -39,8 +39,10 @@ void Print(std::FILE* file, fmt::format_string<Arguments...> format, Arguments&&
   std::fwrite(text.data(), 1, text.size(), file);
 }
 
-// Whether all results so far were written. A terminal that is gone counts as written to.
-bool ResultsAreWritten();
+// What became of all results so far. A terminal that is gone counts as written to; a reader that
+// has closed its pipe, as `head` does, knows what it did.
+enum class ResultsFate { kWritten, kUnread, kLost };
+ResultsFate FateOfResults();
 
 // Discards the library's messages during its lifetime.
 class LibrarySilence {

@@ -147,6 +147,14 @@ class Written(FileCase):
                                          stderr=subprocess.PIPE, text=True, preexec_fn=self.bed.near.enter)
                 self.assertEqual((process.returncode, process.stderr),
                                  (FAILED, "ipplay: standard output cannot be written\n"))
+            # A reader that has seen enough is no fault to speak of.
+            with self.subTest(command, reader="none"):
+                reader, writer = os.pipe()
+                os.close(reader)
+                with open(writer, "w", encoding="ascii") as pipe:
+                    process = subprocess.run([os.environ["IPPLAY"], *command], stdout=pipe,
+                                             stderr=subprocess.PIPE, text=True, preexec_fn=self.bed.near.enter)
+                self.assertEqual((process.returncode, process.stderr), (FAILED, ""))
 
 
 class Repeated(FileCase):
