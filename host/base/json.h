@@ -2,6 +2,7 @@
 // JSON whose fields stay in the order in which they are written.
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -16,6 +17,11 @@ inline constexpr int kJsonSchema = 1;
 template <typename T>
 Json OrNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json();
+}
+
+// The library's -1 stands for what was not measured.
+inline Json TimeOrNull(std::int64_t ns) {
+  return ns < 0 ? Json() : Json(ns);
 }
 
 // On one line, or on many with this indent. Names of files need not be UTF-8: what is not is

@@ -11,31 +11,10 @@
 #include "host/base/json.h"
 #include "host/base/text.h"
 #include "host/base/units.h"
+#include "host/library/departures_json.h"
 
 namespace ipplay {
 namespace {
-
-// Times that the library does not know are -1.
-Json TimeOrNull(std::int64_t ns) {
-  return ns < 0 ? Json() : Json(ns);
-}
-
-Json DeparturesOf(const IpPlayoutTiming& timing) {
-  return {{"on_time", timing.OnTime},
-          {"late", timing.Late},
-          {"left_out", timing.LeftOut},
-          {"not_sent", timing.NotSent},
-          {"discarded", timing.Discarded},
-          {"lateness_ns",
-           {{"p50", TimeOrNull(timing.LatenessP50Ns)},
-            {"p99", TimeOrNull(timing.LatenessP99Ns)},
-            {"p99_9", TimeOrNull(timing.LatenessP999Ns)},
-            {"max", TimeOrNull(timing.LatenessMaxNs)}}},
-          {"longest_gap_ns", TimeOrNull(timing.LongestGapNs)},
-          {"shift_ns", timing.ShiftNs},
-          {"dry_times", timing.DryTimes},
-          {"dry_ns", timing.DryNs}};
-}
 
 std::string Rate(const std::optional<double>& rate) {
   return rate ? fmt::format("{:.4f}", *rate / 1e6) : "-";
@@ -81,7 +60,7 @@ Json JsonOf(const ChannelStatus& status) {
             {"ipv4_header_bad", counters.IPChecksumErrors},
             {"udp_bad", counters.UDPChecksumErrors},
             {"on_request", status.damage_orders}}},
-          {"departures", DeparturesOf(status.timing)},
+          {"departures", DeparturesJson(status.timing)},
           {"last_error", status.last_error.empty() ? Json() : Json(status.last_error)},
           {"notes", status.notes}};
 }

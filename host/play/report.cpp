@@ -12,6 +12,7 @@
 #include "host/base/text.h"
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
+#include "host/library/departures_json.h"
 #include "host/play/frame_fields.h"
 #include "host/play/orders.h"
 #include "host/play/plan_fec.h"
@@ -21,7 +22,11 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-nanoseconds JitterOf(const PlayoutStatistics& counters) {
+// Between two datagrams.
+std::optional<nanoseconds> JitterOf(const PlayoutStatistics& counters) {
+  if (counters.DatagramsSent < 2) {
+    return std::nullopt;
+  }
   return nanoseconds(static_cast<std::int64_t>(counters.Jitter * 1e9));
 }
 
@@ -170,7 +175,10 @@ std::string TimingText(const IpPlayoutTiming& timing) {
   if (timing.ShiftNs > 0) {
     text += fmt::format("  shifted    by {}, with pauses\n", time(timing.ShiftNs));
   }
-  return text + fmt::format("  gap        {} at most\n", time(timing.LongestGapNs));
+  if (timing.LongestGapNs >= 0) {
+    text += fmt::format("  gap        {} at most\n", time(timing.LongestGapNs));
+  }
+  return text;
 }
 
 std::string LedgerText(const PlayOptions& options, const IpPlayoutTiming& timing) {
@@ -232,22 +240,10 @@ Json OutputJson(const OutputStatus& output) {
   return json;
 }
 
-Json DeparturesJson(const IpPlayoutTiming& timing) {
-  return {{"sender", &timing.Sender[0]},
-          {"on_time", timing.OnTime},
-          {"late", timing.Late},
-          {"left_out", timing.LeftOut},
-          {"not_sent", timing.NotSent},
-          {"discarded", timing.Discarded},
-          {"lateness_ns",
-           {{"p50", timing.LatenessP50Ns},
-            {"p99", timing.LatenessP99Ns},
-            {"p99_9", timing.LatenessP999Ns},
-            {"max", timing.LatenessMaxNs}}},
-          {"longest_gap_ns", timing.LongestGapNs},
-          {"shift_ns", timing.ShiftNs},
-          {"dry_times", timing.DryTimes},
-          {"dry_ns", timing.DryNs}};
+Json DeparturesOfSender(const IpPlayoutTiming& timing) {
+  Json json{{"sender", &timing.Sender[0]}};
+  json.update(DeparturesJson(timing));
+  return json;
 }
 
 Json InputJson(const Status& status) {
@@ -268,7 +264,7 @@ Json TwinJson(const TwinStatus& twin) {
             {"datagrams", twin.counters.DatagramsSent},
             {"ordered", OrderedJson(twin.counters)}};
   if (twin.timing && twin.timing->LatenessMaxNs >= 0) {
-    json["departures"] = DeparturesJson(*twin.timing);
+    json["departures"] = DeparturesOfSender(*twin.timing);
   }
   return json;
 }
@@ -317,13 +313,17 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
     parts.push_back({5, fmt::format("round {}", status.round)});
   }
   parts.push_back({8, fmt::format("{:.4f}M set", status.set_rate / 1e6)});
-  parts.push_back(
-      {2, status.paused ? "paused" : fmt::format("{:.4f}M real", status.recent_rate / 1e6)});
+  if (status.paused || status.recent_rate) {
+    parts.push_back(
+        {2, status.paused ? "paused" : fmt::format("{:.4f}M real", *status.recent_rate / 1e6)});
+  }
   parts.push_back({7, fmt::format("{} datagrams", FormatCount(counters.DatagramsSent))});
   if (const std::string errors = BriefErrors(counters, status.faults); !errors.empty()) {
     parts.push_back({3, errors});
   }
-  parts.push_back({9, fmt::format("jitter {}", FormatDuration(JitterOf(counters)))});
+  if (const auto jitter = JitterOf(counters)) {
+    parts.push_back({9, fmt::format("jitter {}", FormatDuration(*jitter))});
+  }
   if (const std::string late = LatenessWords(status.timing); !late.empty()) {
     parts.push_back({4, late});
   }
@@ -371,8 +371,9 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
     text += fmt::format(", {} transport packets", FormatCount(counters.TSPacketsSent));
   }
   text += fmt::format(", {}\n", FormatBytes(counters.TSBytesSent));
-  text += fmt::format("  bit rate   {} set, {} real\n", FormatBitRate(status.set_rate),
-                      FormatBitRate(status.mean_rate));
+  text += fmt::format("  bit rate   {} set, {}\n", FormatBitRate(status.set_rate),
+                      status.mean_rate ? FormatBitRate(*status.mean_rate) + " real"
+                                       : "too few datagrams to measure it");
   if (status.input_ppm) {
     text += fmt::format("  input      its clock was followed, {:+.1f} ppm at the end\n",
                         *status.input_ppm);
@@ -398,7 +399,9 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
                         output.into.empty() ? output.target : QuotedLine(output.into),
                         FormatCount(output.datagrams), late.empty() ? "" : ", ", late);
   }
-  text += fmt::format("  jitter     {}\n", FormatDuration(JitterOf(counters)));
+  if (const auto jitter = JitterOf(counters)) {
+    text += fmt::format("  jitter     {}\n", FormatDuration(*jitter));
+  }
   text += plan.by_schedule ? fmt::format("  seed       {}\n", plan.schedule.Seed) : "";
   return text + (status.twin ? TwinText(*status.twin) : "");
 }
@@ -450,8 +453,8 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   json["round"] = status.round;
   json["paused"] = status.paused;
   json["set_rate_bps"] = status.set_rate;
-  json["rate_bps"] = event == "summary" ? status.mean_rate : status.recent_rate;
-  json["mean_rate_bps"] = status.mean_rate;
+  json["rate_bps"] = OrNull(event == "summary" ? status.mean_rate : status.recent_rate);
+  json["mean_rate_bps"] = OrNull(status.mean_rate);
   json["datagrams"] = counters.DatagramsSent;
   json["frames"] = counters.DatagramsSent * plan.copies;
   json["frame_size_bytes"] = plan.sizes.frame_bytes;
@@ -463,7 +466,7 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
     json["input"] = std::move(input);
   }
   if (status.timing && status.timing->LatenessMaxNs >= 0) {
-    json["departures"] = DeparturesJson(*status.timing);
+    json["departures"] = DeparturesOfSender(*status.timing);
   }
   if (status.timing && !options.ledger.empty()) {
     json["ledger"] = {{"file", options.ledger}, {"left_out", status.timing->LedgerLeftOut}};
@@ -471,7 +474,7 @@ std::string StatusJson(const PlayOptions& options, const PlayPlan& plan, const S
   for (const OutputStatus& output : status.outputs) {
     json["outputs"].push_back(OutputJson(output));
   }
-  json["jitter_ns"] = counters.Jitter * 1e9;
+  json["jitter_ns"] = JitterOf(counters) ? Json(counters.Jitter * 1e9) : Json();
   if (status.twin) {
     json["twin"] = TwinJson(*status.twin);
   }

@@ -61,12 +61,12 @@ void StatusMeter::End(const PlayoutStatistics& counters, bool complete,
 
 // The library counts a datagram some time before it leaves. Between two readings of a steady run
 // that does not matter: as many wait at the one as at the other.
-double StatusMeter::MeanRate() const {
+std::optional<double> StatusMeter::MeanRate() const {
   if (timing_) {
     return RateOfDepartures();
   }
   if (readings_.empty() || readings_.back().time <= *first_) {
-    return 0;
+    return std::nullopt;
   }
   if (!complete_ && steady_ && readings_.back().time > steady_->time) {
     return RateSince(*steady_);
@@ -75,7 +75,7 @@ double StatusMeter::MeanRate() const {
   return RateOf(counters_.DatagramsSent - counters_.LostPackets, readings_.back().time - *first_);
 }
 
-double StatusMeter::RateOfDepartures() const {
+std::optional<double> StatusMeter::RateOfDepartures() const {
   const nanoseconds time(timing_->LastDepartureNs - timing_->FirstDepartureNs);
   const std::uint64_t left = timing_->OnTime + timing_->Late;
   std::uint64_t sent = left / copies_;
@@ -87,7 +87,7 @@ double StatusMeter::RateOfDepartures() const {
     sent = static_cast<std::uint64_t>(std::llround(own * share_left));
   }
   if (time.count() <= 0 || sent <= datagrams_per_burst_) {
-    return 0;
+    return std::nullopt;
   }
   // By schedule a short last burst has a place of its own, too.
   const std::uint64_t spanned = (sent - 1) / datagrams_per_burst_ * datagrams_per_burst_;
@@ -97,9 +97,9 @@ double StatusMeter::RateOfDepartures() const {
 // N datagrams span N - 1 gaps, and all but the last are full. With bursts, count whole bursts: a
 // short last burst follows the one before it at once. Those that were lost are counted by their
 // share.
-double StatusMeter::RateOf(std::uint64_t sent, nanoseconds time) const {
-  if (sent < datagrams_per_burst_) {
-    return 0;
+std::optional<double> StatusMeter::RateOf(std::uint64_t sent, nanoseconds time) const {
+  if (sent < 2 * std::uint64_t{datagrams_per_burst_}) {
+    return std::nullopt;
   }
   const std::uint64_t spanned = (sent / datagrams_per_burst_ - 1) * datagrams_per_burst_;
   const double datagrams = static_cast<double>(spanned) / share_sent_;
@@ -122,7 +122,9 @@ Status StatusMeter::Total() const {
   if (timing_ && timing_->FirstDepartureNs >= 0) {
     status.elapsed = nanoseconds(timing_->LastDepartureNs - timing_->FirstDepartureNs);
   }
-  status.recent_rate = readings_.size() < 2 ? 0 : RateSince(readings_.front());
+  if (readings_.size() >= 2) {
+    status.recent_rate = RateSince(readings_.front());
+  }
   status.mean_rate = MeanRate();
   const double played = static_cast<double>(counters_.TSBytesSent) * input_bytes_per_ts_byte_;
   if (round_bytes_ && played > 0) {

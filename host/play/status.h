@@ -38,9 +38,10 @@ struct Status {
   std::chrono::nanoseconds elapsed{0};  // since the first datagram, pauses included
   std::optional<double> share;          // of all bytes to play, 0 to 1; none without an end
   std::optional<std::chrono::nanoseconds> remaining;
-  double set_rate = 0;      // bit/s of transport stream, as ordered
-  double recent_rate = 0;   // bit/s of transport stream over the last seconds
-  double mean_rate = 0;     // over the whole run, pauses included
+  double set_rate = 0;  // bit/s of transport stream, as ordered
+  // Over the last seconds, and over the whole run, pauses included; none where too few have left.
+  std::optional<double> recent_rate;
+  std::optional<double> mean_rate;
   std::uint64_t round = 1;  // of the last datagram
   bool paused = false;
   // Of the delayed datagrams, those that the end came before; nothing where it is not known.
@@ -80,9 +81,9 @@ class StatusMeter {
     std::uint64_t ts_bytes;
   };
 
-  double MeanRate() const;
-  double RateOf(std::uint64_t sent, std::chrono::nanoseconds time) const;
-  double RateOfDepartures() const;
+  std::optional<double> MeanRate() const;
+  std::optional<double> RateOf(std::uint64_t sent, std::chrono::nanoseconds time) const;
+  std::optional<double> RateOfDepartures() const;
   double RateSince(const Reading& from) const;
 
   std::optional<std::uint64_t> total_bytes_;
