@@ -157,6 +157,10 @@ std::string FormatCount(std::uint64_t count) {
   return fmt::format("{}", fmt::group_digits(count));
 }
 
+std::string FormatCount(std::uint64_t count, std::string_view thing) {
+  return fmt::format("{} {}{}", FormatCount(count), thing, count == 1 ? "" : "s");
+}
+
 std::string FormatBytes(std::uint64_t bytes) {
   return FormatScaled(static_cast<double>(bytes), {"bytes", "kB", "MB", "GB"});
 }

@@ -37,6 +37,8 @@ std::string FormatNanoseconds(double ns);
 
 // "1,234,567"
 std::string FormatCount(std::uint64_t count);
+// "1 frame", "1,000 frames".
+std::string FormatCount(std::uint64_t count, std::string_view thing);
 
 // "512 bytes", "1.5 MB"; factors of 1000.
 std::string FormatBytes(std::uint64_t bytes);

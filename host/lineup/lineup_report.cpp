@@ -116,7 +116,7 @@ std::string LineupTable(std::span<const ChannelStatus> channels, std::size_t row
                    status.timing.Late, status.timing.NotSent, DamageDone(status),
                    status.last_error.empty() ? status.target : QuotedLine(status.last_error));
   }
-  text += fmt::format("{} channels:", FormatCount(channels.size()));
+  text += FormatCount(channels.size(), "channel") + ":";
   for (std::size_t state = 0; state < states.size(); ++state) {
     if (states.at(state) > 0) {
       text += fmt::format(" {} {}", states.at(state), NameOf(static_cast<ChannelState>(state)));

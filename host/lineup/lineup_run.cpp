@@ -55,8 +55,8 @@ Result<Lineup> Read(const LineupOptions& options) {
 }
 
 Failure MistakesIn(const std::string& file, const std::vector<Mistake>& mistakes) {
-  Failure failure = UsageFailure(fmt::format("{}: {} mistake{}; nothing was sent", file,
-                                             mistakes.size(), mistakes.size() == 1 ? "" : "s"));
+  Failure failure = UsageFailure(
+      fmt::format("{}: {}; nothing was sent", file, FormatCount(mistakes.size(), "mistake")));
   for (const Mistake& mistake : mistakes) {
     failure.details.push_back(fmt::format("{}:{}: {}", file, mistake.line, mistake.text));
   }
@@ -132,8 +132,8 @@ class LineupSession {
       if (start_at) {
         const auto left = *start_at - WallClockNow();
         if (left < Engine::Time(0)) {
-          Say(fmt::format("the time of the start was {} ago; {} channels start at once",
-                          FormatDuration(-left), group.size()));
+          Say(fmt::format("the time of the start was {} ago; starting {} at once",
+                          FormatDuration(-left), FormatCount(group.size(), "channel")));
         }
         at = std::max(left, Engine::Time(0)) + Engine::Time(IpPlayoutNow());
       }
@@ -313,7 +313,8 @@ Result<int> CheckLineup(const LineupOptions& options) {
     std::ranges::sort(lineup->mistakes);
     return MistakesIn(options.file, lineup->mistakes);
   }
-  Print(Results(), "{}: {} channels, nothing wrong\n", options.file, lineup->channels.size());
+  Print(Results(), "{}: {}, nothing wrong\n", options.file,
+        FormatCount(lineup->channels.size(), "channel"));
   return static_cast<int>(ExitStatus::kPlayed);
 }
 

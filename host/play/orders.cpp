@@ -55,9 +55,8 @@ IpPlayoutOrder OrderOf(const Action& action, std::chrono::nanoseconds at, std::u
 }
 
 std::string DoneText(const IpPlayoutDone& done, ActionKind kind) {
-  return fmt::format("{} {} datagram{}, {} {}", WordsOf(kind).done, FormatCount(done.Count),
-                     done.Count == 1 ? "" : "s", done.Count == 1 ? "number" : "from number",
-                     FormatCount(done.Datagram + 1));
+  return fmt::format("{} {}, {} {}", WordsOf(kind).done, FormatCount(done.Count, "datagram"),
+                     done.Count == 1 ? "number" : "from number", FormatCount(done.Datagram + 1));
 }
 
 std::string_view NameOf(ActionKind kind) {

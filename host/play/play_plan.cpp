@@ -202,8 +202,8 @@ void NoteBitRate(const PlayOptions& options, const StreamFacts& facts, const Pla
   }
   if (facts.rate && facts.rate->discontinuities > 0) {
     notes.push_back(
-        fmt::format("the PCRs of PID {} jump {} times; the rate is that of the parts in between",
-                    facts.rate->pid, facts.rate->discontinuities));
+        fmt::format("the PCRs of PID {} jump {}; the rate is that of the parts in between",
+                    facts.rate->pid, FormatCount(facts.rate->discontinuities, "time")));
   }
 }
 
@@ -309,9 +309,9 @@ std::optional<Failure> PlanSchedule(const PlayOptions& options, const StreamFact
 }  // namespace
 
 std::string DamageText(const Damage& damage) {
-  return fmt::format("INPUT is damaged in {} place{}, first at offset {}: {} bytes are left out",
-                     FormatCount(damage.places), damage.places == 1 ? "" : "s", damage.first,
-                     FormatCount(damage.bytes));
+  return fmt::format("INPUT is damaged in {}, first at offset {}: {} left out",
+                     FormatCount(damage.places, "place"), damage.first,
+                     FormatCount(damage.bytes, "byte"));
 }
 
 Result<PlayPlan> MakePlan(const PlayOptions& options, const StreamFacts& facts, const Path& path) {

@@ -553,8 +553,9 @@ void PlaySession::Condemn(const std::string& why) {
 
 void PlaySession::Fail(const std::string& why) {
   const PlayoutStatistics& counters = meter_.Total().counters;
-  Condemn(fmt::format("{}; sent until then: {} datagrams with {}", why,
-                      FormatCount(counters.DatagramsSent), FormatBytes(counters.TSBytesSent)));
+  Condemn(fmt::format("{}; sent until then: {} with {}", why,
+                      FormatCount(counters.DatagramsSent, "datagram"),
+                      FormatBytes(counters.TSBytesSent)));
 }
 
 void PlaySession::ReportFailure() {
@@ -567,12 +568,12 @@ void PlaySession::ReportFailure() {
                      FormatCount(std::max<std::uint64_t>(unsent_, 1)),
                      failure_.empty() ? "" : failure_ + "; "));
   } else if (unsent_ > 0 && options_.wait_link) {
-    Print(stderr, "ipplay: note: the adapter did not take {} frames, which are lost\n",
-          FormatCount(unsent_));
+    Print(stderr, "ipplay: note: the adapter did not take {}; they are lost\n",
+          FormatCount(unsent_, "frame"));
   } else if (unsent_ > 0) {
-    Condemn(fmt::format("{}{} frames at the end could not be sent; is the adapter still up?",
+    Condemn(fmt::format("{}{} at the end could not be sent; is the adapter still up?",
                         HeldBack(meter_.Total().counters) ? "" : "at least ",
-                        FormatCount(unsent_)));
+                        FormatCount(unsent_, "frame")));
   }
 }
 
@@ -589,8 +590,8 @@ ExitStatus PlaySession::Conclude() {
   terminal_.reset();
   WarnOfInput();
   if (feeder_.Padding() > 0) {
-    Print(stderr, "ipplay: padded with {} zero byte{}: data is sent in units of 4 bytes\n",
-          feeder_.Padding(), feeder_.Padding() == 1 ? "" : "s");
+    Print(stderr, "ipplay: padded with {}: data is sent in units of 4 bytes\n",
+          FormatCount(feeder_.Padding(), "zero byte"));
   }
   ReportFailure();
   JudgeInput();

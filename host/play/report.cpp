@@ -154,22 +154,21 @@ std::string TimingText(const IpPlayoutTiming& timing) {
     return "";
   }
   const auto time = [](std::int64_t ns) { return FormatDuration(nanoseconds(ns)); };
-  std::string text =
-      fmt::format("  lateness   {} at the median, {} at 99 %, {} at most; {} frames late\n",
-                  time(timing.LatenessP50Ns), time(timing.LatenessP99Ns),
-                  time(timing.LatenessMaxNs), FormatCount(timing.Late));
+  std::string text = fmt::format("  lateness   {} at the median, {} at 99 %, {} at most; {} late\n",
+                                 time(timing.LatenessP50Ns), time(timing.LatenessP99Ns),
+                                 time(timing.LatenessMaxNs), FormatCount(timing.Late, "frame"));
   if (timing.LeftOut > 0) {
-    text += fmt::format("  left out   {} frames that were too late\n", FormatCount(timing.LeftOut));
+    text += fmt::format("  left out   {}, too late\n", FormatCount(timing.LeftOut, "frame"));
   }
   if (timing.NotSent > 0) {
-    text += fmt::format("  not taken  {} frames, by the adapter\n", FormatCount(timing.NotSent));
+    text += fmt::format("  not taken  {}, by the adapter\n", FormatCount(timing.NotSent, "frame"));
   }
   if (timing.Discarded > 0) {
-    text += fmt::format("  discarded  {} frames that were built when it was stopped\n",
-                        FormatCount(timing.Discarded));
+    text += fmt::format("  discarded  {}, built when it was stopped\n",
+                        FormatCount(timing.Discarded, "frame"));
   }
   if (timing.DryTimes > 0) {
-    text += fmt::format("  ran dry    {} times, for {} in all\n", FormatCount(timing.DryTimes),
+    text += fmt::format("  ran dry    {}, for {} in all\n", FormatCount(timing.DryTimes, "time"),
                         time(timing.DryNs));
   }
   if (timing.ShiftNs > 0) {
@@ -184,8 +183,8 @@ std::string TimingText(const IpPlayoutTiming& timing) {
 std::string LedgerText(const PlayOptions& options, const IpPlayoutTiming& timing) {
   const std::string left_out = timing.LedgerLeftOut == 0
                                    ? ""
-                                   : fmt::format(", without {} frames that it had no room for",
-                                                 FormatCount(timing.LedgerLeftOut));
+                                   : fmt::format(", without {} that it had no room for",
+                                                 FormatCount(timing.LedgerLeftOut, "frame"));
   return fmt::format("  ledger     {}{}\n", QuotedLine(options.ledger), left_out);
 }
 
@@ -197,8 +196,8 @@ std::string LatenessWords(const std::optional<IpPlayoutTiming>& timing) {
 
 std::string TwinText(const TwinStatus& twin) {
   std::string text =
-      fmt::format("second path: {}, {} later\n  sent       {} datagrams\n", twin.target,
-                  FormatDuration(twin.skew), FormatCount(twin.counters.DatagramsSent));
+      fmt::format("second path: {}, {} later\n  sent       {}\n", twin.target,
+                  FormatDuration(twin.skew), FormatCount(twin.counters.DatagramsSent, "datagram"));
   text += fmt::format("  ordered    {}\n", OrderedErrors(twin.counters, {}));
   return text + (twin.timing ? TimingText(*twin.timing) : "") +
          fmt::format("  seed       {}\n", twin.seed);
@@ -317,7 +316,7 @@ std::string ProgressLine(const PlayPlan& plan, const Status& status, std::size_t
     parts.push_back(
         {2, status.paused ? "paused" : fmt::format("{:.4f}M real", *status.recent_rate / 1e6)});
   }
-  parts.push_back({7, fmt::format("{} datagrams", FormatCount(counters.DatagramsSent))});
+  parts.push_back({7, FormatCount(counters.DatagramsSent, "datagram")});
   if (const std::string errors = BriefErrors(counters, status.faults); !errors.empty()) {
     parts.push_back({3, errors});
   }
@@ -362,13 +361,13 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   if (status.share && *status.share < 1) {
     text += fmt::format(", {:.1f} %", *status.share * 100);
   }
-  text += fmt::format("\n  sent       {} datagrams", FormatCount(counters.DatagramsSent));
+  text += fmt::format("\n  sent       {}", FormatCount(counters.DatagramsSent, "datagram"));
   if (plan.copies > 1) {
     text += fmt::format(" in {} copies ({} frames)", FormatCount(plan.copies),
                         FormatCount(counters.DatagramsSent * plan.copies));
   }
   if (counters.TSPacketSize > 0) {
-    text += fmt::format(", {} transport packets", FormatCount(counters.TSPacketsSent));
+    text += fmt::format(", {}", FormatCount(counters.TSPacketsSent, "transport packet"));
   }
   text += fmt::format(", {}\n", FormatBytes(counters.TSBytesSent));
   text += fmt::format("  bit rate   {} set, {}\n", FormatBitRate(status.set_rate),
@@ -395,9 +394,9 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
   }
   for (const OutputStatus& output : status.outputs) {
     const std::string late = LatenessWords(output.timing);
-    text += fmt::format("  also to    {}: {} datagrams{}{}\n",
+    text += fmt::format("  also to    {}: {}{}{}\n",
                         output.into.empty() ? output.target : QuotedLine(output.into),
-                        FormatCount(output.datagrams), late.empty() ? "" : ", ", late);
+                        FormatCount(output.datagrams, "datagram"), late.empty() ? "" : ", ", late);
   }
   if (const auto jitter = JitterOf(counters)) {
     text += fmt::format("  jitter     {}\n", FormatDuration(*jitter));

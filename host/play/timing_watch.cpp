@@ -15,10 +15,6 @@ using std::chrono::nanoseconds;
 
 constexpr std::int64_t kWorthAWarningNs = 10'000'000;
 
-std::string DryText(const IpPlayoutTiming& timing) {
-  return fmt::format("{} time{}", FormatCount(timing.DryTimes), timing.DryTimes == 1 ? "" : "s");
-}
-
 }  // namespace
 
 std::vector<std::string> TimingWatch::Warnings(const IpPlayoutTiming& timing) {
@@ -26,7 +22,8 @@ std::vector<std::string> TimingWatch::Warnings(const IpPlayoutTiming& timing) {
   if (timing.DryNs >= std::max(kWorthAWarningNs, 2 * dry_ns_)) {
     dry_ns_ = timing.DryNs;
     warnings.push_back(fmt::format("INPUT was not there in time: {} so far, for {} in all",
-                                   DryText(timing), FormatDuration(nanoseconds(timing.DryNs))));
+                                   FormatCount(timing.DryTimes, "time"),
+                                   FormatDuration(nanoseconds(timing.DryNs))));
   }
   if (options_.wait_link && timing.NotSent > 2 * refused_frames_) {
     refused_frames_ = timing.NotSent;
@@ -49,12 +46,13 @@ std::vector<std::string> TimingWatch::Breaches(const IpPlayoutTiming& timing) co
                                    FormatDuration(nanoseconds(timing.LatenessMaxNs))));
   }
   if (options_.max_late && timing.LeftOut > 0) {
-    breaches.push_back(fmt::format("--max-late: {} datagrams were too late to be sent",
-                                   FormatCount(timing.LeftOut)));
+    breaches.push_back(fmt::format("--max-late: too late to be sent: {}",
+                                   FormatCount(timing.LeftOut, "datagram")));
   }
   if (options_.no_underrun && timing.DryTimes > 0) {
     breaches.push_back(fmt::format("--no-underrun: INPUT was not there in time, {} for {} in all",
-                                   DryText(timing), FormatDuration(nanoseconds(timing.DryNs))));
+                                   FormatCount(timing.DryTimes, "time"),
+                                   FormatDuration(nanoseconds(timing.DryNs))));
   }
   return breaches;
 }

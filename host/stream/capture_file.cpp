@@ -99,9 +99,9 @@ bool IsChosen(const Endpoint& choice, const FlowKey& key) {
 
 std::string FlowText(const CaptureFlow& flow) {
   const std::string vlan = VlanText(flow.key);
-  return fmt::format("  {}  {}  {} packets from {}{}{}", DestinationText(flow.key),
-                     flow.is_rtp ? "RTP" : "UDP", FormatCount(flow.datagrams), SourceText(flow.key),
-                     vlan.empty() ? "" : ", VLAN " + vlan,
+  return fmt::format("  {}  {}  {} from {}{}{}", DestinationText(flow.key),
+                     flow.is_rtp ? "RTP" : "UDP", FormatCount(flow.datagrams, "packet"),
+                     SourceText(flow.key), vlan.empty() ? "" : ", VLAN " + vlan,
                      flow.has_packets ? "" : ", without transport packets");
 }
 

@@ -278,10 +278,10 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   }
   constexpr std::size_t kLeast = 188;
   if (!detection.format && head.size() < kLeast) {
-    return UsageFailure(fmt::format(
-        "INPUT: {} has {} byte{}, fewer than a transport packet; give --raw to play any "
-        "bytes",
-        input.Name(), head.size(), head.size() == 1 ? "" : "s"));
+    return UsageFailure(
+        fmt::format("INPUT: {} has {}, fewer than a transport packet; give --raw to play any "
+                    "bytes",
+                    input.Name(), FormatCount(head.size(), "byte")));
   }
   if (!detection.format) {
     return NoTransportStream(input, detection.sync_lost);

@@ -64,7 +64,7 @@ class Inputs(PlayCase):
         path = self.path("spoilt.ts")
         with open(path, "wb") as file:
             file.write(spoilt)
-        note = "INPUT is damaged in 2 places, first at offset 9400: 276 bytes are left out"
+        note = "INPUT is damaged in 2 places, first at offset 9400: 276 bytes left out"
         for options, status in (((), PLAYED), (("--no-damage",), FAILED)):
             for name in (path, "-"):
                 with self.subTest(name, options=options), open(path, "rb") as file:

@@ -234,7 +234,7 @@ class OnTheWire(Files):
             self.assertAlmostEqual(channel["started_ns"], second * 10**9, delta=5_000_000)
         status, _, errors, _ = self.lineup(path, "--start-at", at)
         self.assertEqual(status, 0, errors)
-        self.assertIn("2 channels start at once", errors)
+        self.assertIn("starting 2 channels at once", errors)
 
     def test_a_reload_touches_only_what_changed(self):
         self.write_streams(3)

@@ -115,7 +115,7 @@ class OwnRate(PlayCase):
             file.write(read_file(self.path("a.ts")) + read_file(self.path("b.ts")))
         rate, output = self.rate(self.path("joined.ts"))
         self.assertAlmostEqual(rate, 1_000_000, delta=10)
-        self.assertIn("jump 1 times", output)
+        self.assertIn("jump 1 time;", output)
 
 
 class Rounds(PlayCase):

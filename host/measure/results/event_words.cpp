@@ -110,8 +110,8 @@ std::string EventText(const Event& event) {
     case Amount::kCount:
       return fmt::format("{} {}", FormatCount(static_cast<std::uint64_t>(event.amount)), text);
     case Amount::kPackets:
-      return fmt::format("{} {} {}", FormatCount(static_cast<std::uint64_t>(event.amount)),
-                         event.amount == 1 ? "packet" : "packets", text);
+      return fmt::format("{} {}", FormatCount(static_cast<std::uint64_t>(event.amount), "packet"),
+                         text);
     case Amount::kMissing:
       return event.amount == 0 ? text
                                : fmt::format("{}, {} missing", text,

@@ -146,21 +146,20 @@ std::string NotLookedAt(const Summary& summary, const LimitKind& kind) {
                                FormatCount(summary.total.checksums.unchecked_udp));
     case LooksAt::kPayload:
       if (summary.total.frames_without_detail > 0) {
-        return fmt::format("{} frames not looked into",
-                           FormatCount(summary.total.frames_without_detail));
+        return FormatCount(summary.total.frames_without_detail, "frame") + " not looked into";
       }
       // What was overdue in the end was not looked for.
       if (const std::uint64_t streams = summary.total.given_up.details; streams > 0) {
-        return fmt::format("{} stream{} not looked into to the end", FormatCount(streams),
-                           streams == 1 ? "" : "s");
+        return FormatCount(streams, "stream") + " not looked into to the end";
       }
       if (summary.total.cut_frames > 0) {
-        return fmt::format("{} frames captured in part", FormatCount(summary.total.cut_frames));
+        return FormatCount(summary.total.cut_frames, "frame") + " captured in part";
       }
       if (const auto others = std::ranges::count_if(
               summary.streams, [](const auto& s) { return !s.ts && !s.protects; });
           others > 0) {
-        return fmt::format("{} stream{} without transport packets", others, others == 1 ? "" : "s");
+        return FormatCount(static_cast<std::uint64_t>(others), "stream") +
+               " without transport packets";
       }
       break;
     case LooksAt::kFrames:

@@ -65,10 +65,10 @@ void WriteStreamContent(Out out, const StreamSummary& stream) {
   }
   if (stream.ts) {
     Line(out, "stream",
-         fmt::format("{} transport packets, {} (ETSI TR 101 290)",
-                     FormatCount(stream.ts->counters.packets),
+         fmt::format("{}, {} (ETSI TR 101 290)",
+                     FormatCount(stream.ts->counters.packets, "transport packet"),
                      stream.ts->errors == 0 ? std::string("no error")
-                                            : FormatCount(stream.ts->errors) + " errors"));
+                                            : FormatCount(stream.ts->errors, "error")));
     if (const PcrFigures* pcr = stream.ts->Reference(); pcr != nullptr && pcr->arrival_spread) {
       Line(out, "clock",
            fmt::format("{} PCRs, at most {} apart, came within {} of their time",
@@ -81,7 +81,7 @@ void WriteStreamContent(Out out, const StreamSummary& stream) {
     Line(out, "content",
          compare->different == 0 && compare->bytes_skipped == 0
              ? std::string("identical with the file, byte for byte")
-             : fmt::format("{} datagrams differ from the file", FormatCount(compare->different)));
+             : "differing from the file: " + FormatCount(compare->different, "datagram"));
   }
 }
 

@@ -146,10 +146,11 @@ void WriteEvents(Out out, const ReportSource& source) {
     return;
   }
   const std::size_t shown = std::min(kept.size(), kMaxEvents);
-  HtmlTable table{fmt::format("{} events, {} listed", FormatCount(log.Count()), FormatCount(shown)),
-                  true,
-                  {"time", "event", "PID", "stream"},
-                  {}};
+  HtmlTable table{
+      fmt::format("{}, {} listed", FormatCount(log.Count(), "event"), FormatCount(shown)),
+      true,
+      {"time", "event", "PID", "stream"},
+      {}};
   for (const Event& event : std::span(kept).first(shown)) {
     const bool of_stream = event.stream < source.summary.streams.size();
     table.rows.push_back(

@@ -132,7 +132,8 @@ std::string LostText(const CaptureSummary& capture, const TotalSummary& total) {
     return fmt::format("lost {}{}", FormatCount(total.lost), mark);
   }
   const std::string packets =
-      fmt::format("{}{} transport packets", FormatCount(total.lost_ts_packets), mark);
+      fmt::format("{}{} transport packet{}", FormatCount(total.lost_ts_packets), mark,
+                  total.lost_ts_packets == 1 ? "" : "s");
   return total.rtp_expected == 0
              ? "lost " + packets
              : fmt::format("lost {}{} RTP and {}", FormatCount(total.lost), mark, packets);
@@ -170,13 +171,12 @@ void WriteGivenUp(Out out, const TotalSummary& total) {
     std::uint64_t count;
     std::string text;
   } parts[] = {
-      {total.given_up.plots, fmt::format("plots of {} streams", FormatCount(total.given_up.plots))},
-      {total.given_up.details,
-       fmt::format("the transport packets of {} streams ({} frames)",
-                   FormatCount(total.given_up.details), FormatCount(total.frames_without_detail))},
-      {total.given_up.streams,
-       fmt::format("the rest of {} streams", FormatCount(total.given_up.streams))},
-      {total.given_up.frames, fmt::format("{} whole frames", FormatCount(total.given_up.frames))}};
+      {total.given_up.plots, "plots of " + FormatCount(total.given_up.plots, "stream")},
+      {total.given_up.details, fmt::format("the transport packets of {} ({})",
+                                           FormatCount(total.given_up.details, "stream"),
+                                           FormatCount(total.frames_without_detail, "frame"))},
+      {total.given_up.streams, "the rest of " + FormatCount(total.given_up.streams, "stream")},
+      {total.given_up.frames, FormatCount(total.given_up.frames, "whole frame")}};
   std::string what;
   for (const auto& [count, text] : parts) {
     if (count > 0) {
@@ -267,10 +267,10 @@ void WriteSpacing(Out out, const StreamSummary& stream) {
                    FormatNanoseconds(-spacing.grid->low), FormatNanoseconds(spacing.grid->high),
                    FormatNanoseconds(spacing.grid->Spread()));
   }
-  fmt::format_to(out, "  {:<10} {:.3g} % of the frames, {} bursts, longest {} frames\n", "clumped",
+  fmt::format_to(out, "  {:<10} {:.3g} % of the frames, {}, longest {}\n", "clumped",
                  static_cast<double>(spacing.clumped_frames) / gaps * 100,
-                 FormatCount(spacing.burst_length.count),
-                 FormatCount(static_cast<std::uint64_t>(spacing.burst_length.max)));
+                 FormatCount(spacing.burst_length.count, "burst"),
+                 FormatCount(static_cast<std::uint64_t>(spacing.burst_length.max), "frame"));
 }
 
 void WriteRtp(Out out, const RtpFigures& rtp) {
@@ -379,10 +379,10 @@ void WriteService(Out out, const ServiceSummary& service) {
 void WriteTs(Out out, const TsFigures& ts) {
   const TsCounters& counters = ts.counters;
   const double packets = static_cast<double>(std::max<std::uint64_t>(1, counters.packets));
-  fmt::format_to(out, "  {:<10} {} packets of {} bytes, {:.3g} % null, {} PIDs, missing {}\n", "TS",
-                 FormatCount(counters.packets), ts.packet_length,
-                 static_cast<double>(counters.null_packets) / packets * 100, ts.pids.size(),
-                 FormatCount(ts.Missing()));
+  fmt::format_to(out, "  {:<10} {} of {} bytes, {:.3g} % null, {}, missing {}\n", "TS",
+                 FormatCount(counters.packets, "packet"), ts.packet_length,
+                 static_cast<double>(counters.null_packets) / packets * 100,
+                 FormatCount(ts.pids.size(), "PID"), FormatCount(ts.Missing()));
   for (int priority = 1; priority <= 3; ++priority) {
     WriteIndicators(out, ts, priority);
   }
@@ -405,8 +405,8 @@ std::string Hex(std::span<const std::uint8_t> bytes) {
 }
 
 void WriteCompare(Out out, const CompareFigures& compare) {
-  fmt::format_to(out, "  {:<10} {} datagrams equal, {} different, {} not placed, {} skipped\n",
-                 "content", FormatCount(compare.equal), FormatCount(compare.different),
+  fmt::format_to(out, "  {:<10} {} equal, {} different, {} not placed, {} skipped\n", "content",
+                 FormatCount(compare.equal, "datagram"), FormatCount(compare.different),
                  FormatCount(compare.unplaced), FormatBytes(compare.bytes_skipped));
   if (const auto& difference = compare.first_difference) {
     fmt::format_to(out,
