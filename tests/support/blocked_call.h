@@ -25,4 +25,18 @@ bool Returns(std::future<Result>& call) {
   return call.wait_for(std::chrono::minutes(2)) == std::future_status::ready;
 }
 
+// Of a race whose sides wait for each other: so many, or as many as a busy machine, on which each
+// takes milliseconds, gets through in a while.
+class Rounds {
+ public:
+  explicit Rounds(int most) : left_(most) {}
+
+  bool GoOn() { return left_-- > 0 && std::chrono::steady_clock::now() < end_; }
+
+ private:
+  int left_;
+  const std::chrono::steady_clock::time_point end_ =
+      std::chrono::steady_clock::now() + std::chrono::seconds(20);
+};
+
 }  // namespace ipplayout

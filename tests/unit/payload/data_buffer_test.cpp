@@ -143,21 +143,26 @@ TEST(DataBufferTest, EachBlockedWriterIsWokenForItsOwnNeed) {
 
 // The writer waits for the reader and the reader for the writer: a lost wake-up stops both.
 TEST(DataBufferTest, EveryWriteIsSeenAndEverySpaceIsUsed) {
-  constexpr int kRounds = 100000;
   CIPDataBuffer buffer(1);
   auto written = OnAnotherThread([&] {
-    for (int round = 0; round < kRounds; ++round) {
-      EXPECT_TRUE(Write(buffer, "x"));
+    std::uint64_t bytes = 0;
+    for (Rounds rounds(100'000); rounds.GoOn() && Write(buffer, "x");) {
+      ++bytes;
     }
+    buffer.Terminate();
+    return bytes;
   });
   auto read = OnAnotherThread([&] {
-    for (int round = 0; round < kRounds; ++round) {
-      EXPECT_EQ(Read(buffer, 1), "x");
+    std::uint64_t bytes = 0;
+    while (Read(buffer, 1) == "x") {
+      ++bytes;
     }
+    return bytes;
   });
-  EXPECT_TRUE(Returns(read) && Returns(written));
-  buffer.Terminate();  // so that a failure does not hang
-  buffer.EndRun();
+  const bool is_done = Returns(read) && Returns(written);
+  buffer.EndRun();  // so that a failure does not hang
+  ASSERT_TRUE(is_done);
+  EXPECT_EQ(read.get(), written.get());
 }
 
 // Each writer's records must arrive whole and in order, whichever of them the reader makes room
