@@ -62,6 +62,27 @@ auto NumberBetween(std::uint64_t lowest, std::uint64_t highest) {
   return [=](const std::string& text) { return ParseNumber(text, lowest, highest); };
 }
 
+// N, or N:TIME.
+std::optional<ReorderLimits> ParseReorderLimits(const std::string& text) {
+  constexpr std::uint64_t kMostPackets = 10'000;
+  constexpr std::chrono::seconds kLongestWait{10};
+  const std::size_t colon = text.find(':');
+  const auto packets = ParseNumber(text.substr(0, colon), 1, kMostPackets);
+  if (!packets) {
+    return std::nullopt;
+  }
+  ReorderLimits limits;
+  limits.packets = static_cast<std::uint16_t>(*packets);
+  if (colon != std::string::npos) {
+    const auto wait = ParseDuration(text.substr(colon + 1));
+    if (!wait || wait->count() <= 0 || *wait > kLongestWait) {
+      return std::nullopt;
+    }
+    limits.longest_wait_ns = wait->count();
+  }
+  return limits;
+}
+
 void DefineEnd(OptionBuilder& add, MeasureOptions& o) {
   add.Group("When to end (a capture file ends by itself, Ctrl-C ends at once)");
   add.Value("--duration", o.duration, "TIME", kDurationAllowed,
@@ -98,6 +119,11 @@ void DefineStream(OptionBuilder& add, MeasureOptions& o) {
             "Whether the UDP payload starts with an RTP header", OneOf(kRtpWords), "auto");
   add.Value("--rtp-clock", m.rtp_clock_rate, "HZ", "1 to 1000000000",
             "Ticks per second of the RTP time stamps", NumberBetween(1, 1'000'000'000), "90000");
+  add.Value("--reorder-window", m.reorder, "N[:TIME]",
+            "1 to 10000 packets, alone or with up to 10s, as in 64 or 64:200ms",
+            "RTP packets by which, and time within which, a late one is put in its place before "
+            "the transport stream is judged; 1 puts none",
+            ParseReorderLimits, "32:100ms");
   add.Value("--max-streams", m.max_streams, "N", "1 to 1000000",
             "Streams that are measured one by one", NumberBetween(1, 1'000'000), "20000");
   add.Value("--memory", m.memory_bytes, "SIZE", "16M to 1T, as in 512M or 2G",

@@ -35,6 +35,7 @@ constexpr std::array<MeterOption, 17> kOptions{{{"source"},
                                                 {"clump-gap"},
                                                 {"rtp"},
                                                 {"rtp-clock"},
+                                                {"reorder-window"},
                                                 {"max-streams"},
                                                 {"memory"}}};
 

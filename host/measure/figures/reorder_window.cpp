@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/figures/reorder_window.h"
 
+#include <bit>
+
 namespace ipplay::measure {
 
 void ReorderWindow::Add(std::uint16_t number, SequenceEvent event, const Payload& payload) {
@@ -33,11 +35,11 @@ void ReorderWindow::Add(std::uint16_t number, SequenceEvent event, const Payload
     case SequenceEvent::kGap:
       break;
   }
-  while (kept_ > 0 && (static_cast<std::uint16_t>(number - next_) >= kPackets ||
+  while (kept_ > 0 && (static_cast<std::uint16_t>(number - next_) >= limits_.packets ||
                        HasWaitedEnough(payload.arrival_ns))) {
     SkipMissing();
   }
-  if (static_cast<std::uint16_t>(number - next_) >= kPackets) {
+  if (static_cast<std::uint16_t>(number - next_) >= limits_.packets) {
     next_ = number;
     Pass(payload, true);
   } else if (number == next_) {
@@ -50,7 +52,7 @@ void ReorderWindow::Add(std::uint16_t number, SequenceEvent event, const Payload
 
 void ReorderWindow::Keep(std::uint16_t number, const Payload& payload) {
   if (slots_.empty()) {
-    slots_.resize(kPackets);
+    slots_.resize(std::bit_ceil(limits_.packets));
   }
   Slot& slot = At(number);
   if (kept_++ == 0) {
@@ -90,7 +92,7 @@ void ReorderWindow::SkipMissing() {
 }
 
 bool ReorderWindow::HasWaitedEnough(std::int64_t now_ns) const {
-  return now_ns - waiting_since_ns_ > kLongestWaitNs;
+  return now_ns - waiting_since_ns_ > limits_.longest_wait_ns;
 }
 
 void ReorderWindow::GiveUp() {

@@ -14,12 +14,15 @@
 
 namespace ipplay::measure {
 
+// How long a missing packet is waited for: until one comes whose number is so many ahead, or for
+// this time from the first packet behind it.
+struct ReorderLimits {
+  std::uint16_t packets = 32;  // 1: no wait
+  std::int64_t longest_wait_ns = 100'000'000;
+};
+
 class ReorderWindow {
  public:
-  // The longest wait: packets behind a missing one, and the time since the first of them.
-  static constexpr std::uint16_t kPackets = 32;
-  static constexpr std::int64_t kLongestWaitNs = 100'000'000;
-
   struct Payload {
     std::span<const std::uint8_t> bytes;
     std::int64_t arrival_ns = 0;
@@ -29,7 +32,8 @@ class ReorderWindow {
   // `after_gap`: what stands before the payload is missing.
   using Deliver = std::function<void(const Payload& payload, bool after_gap)>;
 
-  explicit ReorderWindow(Deliver deliver) : deliver_(std::move(deliver)) {}
+  explicit ReorderWindow(Deliver deliver, const ReorderLimits& limits = {})
+      : deliver_(std::move(deliver)), limits_(limits) {}
 
   // Delivers what is next, and keeps a copy of what is ahead. Memory is taken once packets are
   // missing, and then used again. Repeats, and what comes too late to be waited for, go no further.
@@ -51,7 +55,7 @@ class ReorderWindow {
     std::vector<std::uint8_t> bytes;
   };
 
-  Slot& At(std::uint16_t number) { return slots_[number % kPackets]; }
+  Slot& At(std::uint16_t number) { return slots_[number % slots_.size()]; }
   void Keep(std::uint16_t number, const Payload& payload);
   void Pass(Payload payload, bool after_gap);
   void PassKept(bool after_gap);
@@ -59,7 +63,9 @@ class ReorderWindow {
   bool HasWaitedEnough(std::int64_t now_ns) const;
 
   Deliver deliver_;
-  std::vector<Slot> slots_;  // empty until packets are missing; by number modulo kPackets
+  const ReorderLimits limits_;
+  // Empty until packets are missing; by number modulo their count, which divides 65536.
+  std::vector<Slot> slots_;
   std::size_t kept_ = 0;
   std::uint16_t next_ = 0;  // number that is to be delivered next
   std::int64_t waiting_since_ns_ = 0;

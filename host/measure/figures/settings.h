@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "host/measure/figures/payload_compare.h"
+#include "host/measure/figures/reorder_window.h"
 
 namespace ipplay::measure {
 
@@ -16,6 +17,7 @@ enum class RtpMode { kGuess, kAlways, kNever };
 struct MeasurementSettings {
   RtpMode rtp = RtpMode::kGuess;
   std::uint64_t rtp_clock_rate = 90'000;
+  ReorderLimits reorder{};
   std::optional<double> expected_rate{};  // bits per second of one stream, whole frames
   std::optional<double> media_rate{};     // bits per second of one stream's payload, for RFC 4445
   std::optional<std::int64_t> clump_gap_ns{};

@@ -97,14 +97,14 @@ Stream::Stream(const StreamId& id, const MeasurementSettings& settings, bool kee
       mdi_(BytesPerNs(settings.media_rate)) {
   may_be_fec_ = id.ssrc.has_value();
   if (id.ssrc) {
-    rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate,
-                                 [this](const ReorderWindow::Payload& payload, bool after_gap) {
-                                   if (payload.unread_bytes > 0) {
-                                     ts_->SkipUnread(payload.unread_bytes, payload.arrival_ns);
-                                   } else {
-                                     AddTs(payload.bytes, payload.arrival_ns, after_gap);
-                                   }
-                                 });
+    const auto deliver = [this](const ReorderWindow::Payload& payload, bool after_gap) {
+      if (payload.unread_bytes > 0) {
+        ts_->SkipUnread(payload.unread_bytes, payload.arrival_ns);
+      } else {
+        AddTs(payload.bytes, payload.arrival_ns, after_gap);
+      }
+    };
+    rtp_ = std::make_unique<Rtp>(settings.rtp_clock_rate, deliver, settings.reorder);
   }
   if (settings.analyse_ts) {
     ts_ = std::make_unique<TsAnalysis>();

@@ -72,8 +72,8 @@ class Stream {
 
   // Figures of streams with RTP only.
   struct Rtp {
-    Rtp(std::uint64_t clock_rate, ReorderWindow::Deliver deliver)
-        : jitter(static_cast<double>(clock_rate)), window(std::move(deliver)) {}
+    Rtp(std::uint64_t clock_rate, ReorderWindow::Deliver deliver, const ReorderLimits& limits)
+        : jitter(static_cast<double>(clock_rate)), window(std::move(deliver), limits) {}
 
     RtpSequence sequence;
     InterarrivalJitter jitter;

@@ -413,6 +413,8 @@ void WriteJson(const Summary& summary, std::span<const Verdict> verdicts,
             {"run", ToJson(summary.run)},
             {"capture", ToJson(summary.capture)},
             {"total", ToJson(summary.total)}};
+  json["reorder_window"] = {{"packets", summary.reorder.packets},
+                            {"longest_wait_ns", summary.reorder.longest_wait_ns}};
   json["total"]["frames_not_measured"] = summary.FramesNotMeasured();
   json["streams"] = Json::array();
   json["twins"] = Json::array();

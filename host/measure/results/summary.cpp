@@ -358,6 +358,7 @@ Summary Summarize(const Measurement& measurement, const std::string& source, boo
     summary.capture.classes[i] = measurement.FramesOf(static_cast<FrameClass>(i));
   }
   summary.total = SummarizeTotal(measurement);
+  summary.reorder = measurement.Settings().reorder;
   if (detail == StreamDetail::kNone) {
     return summary;
   }

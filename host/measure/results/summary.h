@@ -247,6 +247,7 @@ struct Summary {
   TotalSummary total;
   std::vector<StreamSummary> streams;
   std::vector<TwinSummary> twins;
+  ReorderLimits reorder;  // of the RTP of all streams
 
   // Frames that may have been of a stream, and that no figure knows.
   std::uint64_t FramesNotMeasured() const;

@@ -276,12 +276,12 @@ void WriteSpacing(Out out, const StreamSummary& stream) {
 void WriteRtp(Out out, const RtpFigures& rtp) {
   fmt::format_to(out,
                  "  {:<10} payload type {}, lost {} in {} periods (longest {}), duplicates {}, "
-                 "reordered {} (at most {} behind), restarts {}, strays {}\n",
+                 "reordered {} (at most {} behind, {} put in place), restarts {}, strays {}\n",
                  "RTP", rtp.payload_type, FormatCount(rtp.lost), FormatCount(rtp.loss_periods),
                  FormatCount(rtp.longest_loss), FormatCount(rtp.duplicates),
                  FormatCount(rtp.reordered),
                  FormatCount(static_cast<std::uint64_t>(rtp.reorder_distance.max)),
-                 FormatCount(rtp.restarts), FormatCount(rtp.strays));
+                 FormatCount(rtp.repaired), FormatCount(rtp.restarts), FormatCount(rtp.strays));
   if (!rtp.has_jitter) {
     fmt::format_to(out, "  {:<10} not defined: the time stamps stand still\n", "jitter");
     return;
