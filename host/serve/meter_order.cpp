@@ -20,7 +20,7 @@ struct MeterOption {
   std::string_view name;
   Form form = Form::kValue;
 };
-constexpr std::array<MeterOption, 17> kOptions{{{"source"},
+constexpr std::array<MeterOption, 18> kOptions{{{"source"},
                                                 {"join", Form::kList},
                                                 {"filter"},
                                                 {"direction"},

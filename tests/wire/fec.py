@@ -157,7 +157,7 @@ def measure(datagrams, *options, status=0):
                              check=False)
     assert run.returncode == status, run.returncode
     result = json.loads(run.stdout)
-    return next(stream for stream in result["streams"] if "protects_stream" not in stream), result
+    return next((stream for stream in result["streams"] if "protects_stream" not in stream), None), result
 
 
 def play_with_ffmpeg(columns, rows, port=5004):

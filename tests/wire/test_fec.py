@@ -186,6 +186,50 @@ class Fec(unittest.TestCase):
                 stream, _ = measure([d for d in damaged if d is not lost])
                 self.assertEqual((stream["fec"]["parity_wrong"], stream["fec"]["repaired"]), (1, 1))
 
+    def test_what_stays_unknown_meets_no_limit(self):
+        """FEC that begins late, without media, or at odds with itself; FEC that goes on with its media's next SSRC."""
+        whole = play(self.playouts, 5, 4, 600, FecProtectsRows=1)
+        media, fec = of_kind(whole, MEDIA), [d for d in whole if d.kind != MEDIA]
+        lost = media[333]
+        wrong = [damaged(d) if lost.number in d.protected() and d.kind == ROW else d for d in fec]
+        again = [later(d, whole[-1].time + 10**6) for d in
+                 play(self.playouts, 5, 4, 600, FecProtectsRows=1, SSRC=9, SequenceNumber=30000)]
+        cases = (("late", [d for d in without(whole, [50], [], [])[0] if d.kind == MEDIA or d.time > media[300].time], "1"),
+                 ("no media", fec, "not measurable"),
+                 ("at odds", sorted([d for d in media if d is not lost] + wrong, key=lambda d: d.time), "not measurable"),
+                 ("another SSRC", whole + [d for d in again if (d.kind, d.number) != (MEDIA, 30333)], "0"),
+                 ("a square of another SSRC", whole + without(again, M.cross((0, 2), (1, 3)), [], [])[0], "4"))
+        for name, datagrams, measured in cases:
+            with self.subTest(name):
+                _, result = measure(datagrams, "--max-unrepaired", "0", status=0 if measured == "0" else 4)
+                self.assertEqual([v["measured"] for v in result["verdicts"] if v["name"] == "--max-unrepaired"], [measured])
+                self.assertEqual([s.get("fec_without_media", False) for s in result["streams"]],
+                                 [name == "no media"] * len(result["streams"]))
+
+    def test_twins(self):
+        """What neither path has is repaired by the FEC of both."""
+        draw = random.Random(7)
+        for skew, (columns, rows, settings) in ((0, (5, 4, BOTH)), (30_000_000, (10, 5, COLUMNS_ONLY)),
+                                                (90_000_000, (7, 6, BOTH))):
+            with self.subTest(skew):
+                paths = [play(self.playouts, columns, rows, 1500, **settings, SequenceNumber=64800,
+                              DestinationIP=bytes((239, 1, 2, 3 + place))) for place in range(2)]
+                sent = {d.number for d in of_kind(paths[0], MEDIA)}
+                came = []
+                for place, path in enumerate(paths):
+                    inner = range(len(path) // 3, len(path) * 48 // 50)  # the combined stream begins before
+                    came += [later(d, skew * place) for i, d in enumerate(path) if i not in inner or draw.random() > .3]
+                came.sort(key=lambda d: d.time)
+                lost = sent - {d.number for d in of_kind(came, MEDIA)}
+                repaired = len(repair(came))
+                self.assertTrue(0 < repaired < len(lost))
+                _, result = measure(came, "--max-unrepaired", str(len(lost) - repaired))
+                twins, = result["twins"]
+                fec = twins["combined"]["fec"]
+                self.assertEqual((twins["lost_together"], fec["lost"], fec["repaired"], fec["parity_wrong"], twins["unrepaired"]),
+                                 (len(lost), len(lost), repaired, 0, len(lost) - repaired))
+                measure(came, "--max-unrepaired", str(len(lost) - repaired - 1), status=4)
+
     def test_losses_on_order(self):
         """Media and FEC lost, delayed and at random places: what GStreamer rebuilds is what parity allows."""
         orders = {"ErrInsertionEnable": 1, "PacketLossEnabled": 1, "NumPacketLoss": 1, "PacketLossRange": 7,
@@ -323,6 +367,15 @@ def address_of(frame):
     """The IP destination, behind a tag if there is one."""
     end = udp_at(frame)
     return frame[end - 4:end] if frame[end - 20] == 0x45 else frame[end - 16:end]
+
+
+def later(datagram, by):
+    return Datagram(datagram.time + by, datagram.frame, datagram.kind)
+
+
+def damaged(datagram):
+    """In its parity's last byte."""
+    return Datagram(datagram.time, datagram.frame[:-1] + bytes([datagram.frame[-1] ^ 1]), datagram.kind)
 
 
 def measure_events(datagrams, kind):

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/measure/figures/fec_pairing.h"
 
-#include "host/measure/figures/fec_datagram.h"
+#include <cstdlib>
 
 namespace ipplay::measure {
 namespace {
@@ -52,13 +52,34 @@ void FecPairing::Judge(Stream& stream, const DecodedFrame& frame, const RtpHeade
       }
     }
   }
-  auto media = Below(frame.flow, fec->is_row ? kRowStep : kColumnStep, streams);
-  if (!media) {
-    media = Below(frame.flow, fec->is_row ? kColumnStep : kRowStep, streams);
-  }
-  if (media) {
+  if (const auto media = MediaOf(*fec, frame.flow, streams)) {
     stream.BecomeFecOf(*streams[*media], *media);
   }
+}
+
+void FecPairing::FollowMedia(Stream& stream, const DecodedFrame& frame, const RtpHeader& rtp,
+                             const Streams& streams) const {
+  const auto fec = ParseFecDatagram(frame.payload.subspan(rtp.header_length));
+  const auto media = fec ? MediaOf(*fec, frame.flow, streams) : std::nullopt;
+  if (!media || *media == *stream.ProtectedStream()) {
+    return;
+  }
+  Stream& next = *streams[*media];
+  const auto ahead = static_cast<std::int16_t>(
+      fec->base - static_cast<std::uint16_t>(next.AsRtp()->sequence.Highest()));
+  const bool is_near = std::abs(ahead) < static_cast<int>(FecRepair::kWindow);
+  // Of two that take turns the first one keeps it.
+  const bool has_taken_over =
+      streams[*stream.ProtectedStream()]->Rate().LastNs() < next.Rate().FirstNs();
+  if (is_near && has_taken_over) {
+    stream.BecomeFecOf(next, *media);
+  }
+}
+
+std::optional<std::uint32_t> FecPairing::MediaOf(const FecDatagram& fec, const FlowKey& key,
+                                                 const Streams& streams) const {
+  const auto media = Below(key, fec.is_row ? kRowStep : kColumnStep, streams);
+  return media ? media : Below(key, fec.is_row ? kColumnStep : kRowStep, streams);
 }
 
 std::optional<std::uint32_t> FecPairing::Below(const FlowKey& fec, std::uint16_t ports,

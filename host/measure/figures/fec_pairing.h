@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/measure/capture/frame_decoder.h"
+#include "host/measure/figures/fec_datagram.h"
 #include "host/measure/figures/rtp_header.h"
 #include "host/measure/figures/stream.h"
 
@@ -27,11 +28,17 @@ class FecPairing {
   // Before a frame of a stream that may be FEC is added to it.
   void Judge(Stream& stream, const DecodedFrame& frame, const RtpHeader& rtp,
              const Streams& streams);
+  // Before a frame of a stream that is FEC is added to it: its media may go on with another SSRC.
+  void FollowMedia(Stream& stream, const DecodedFrame& frame, const RtpHeader& rtp,
+                   const Streams& streams) const;
 
  private:
   static constexpr std::uint64_t kAwaitingBytes = 400'000;
 
   void Remember(const Streams& streams, std::size_t place);
+  // The place of the stream that it protects; none where it did not come.
+  std::optional<std::uint32_t> MediaOf(const FecDatagram& fec, const FlowKey& key,
+                                       const Streams& streams) const;
   // The place of the stream so many ports below; none where there is none that may be protected.
   std::optional<std::uint32_t> Below(const FlowKey& fec, std::uint16_t ports,
                                      const Streams& streams) const;

@@ -214,14 +214,26 @@ void Stream::BecomeFecOf(Stream& media, std::uint32_t place) {
   media_ = &media;
   protected_stream_ = place;
   fec_.reset();
-  if (media.fec_ == nullptr && !media.detail_given_up_) {
-    media.AwaitFec();
-    media.fec_->BeginLate(media.rtp_->sequence.Lost());
-  }
+  media.MeasureFec();
   ts_.reset();
   as_arrived_.reset();
   compare_.reset();
   rtp_->window.GiveUp();
+}
+
+void Stream::MeasureFec() {
+  if (fec_ != nullptr || detail_given_up_) {
+    return;
+  }
+  AwaitFec();
+  if (rate_.Frames() > 0) {
+    fec_->BeginLate(rtp_->sequence.Lost());
+  }
+}
+
+void Stream::AddFec(const FecDatagram& fec, std::int64_t time_ns) {
+  MeasureFec();
+  TakeFec(fec, time_ns);
 }
 
 void Stream::AddToFec(const Arrival& arrival, const SequenceResult& sequence) {

@@ -111,6 +111,8 @@ class Stream {
   // The first datagrams of a stream are kept for FEC that may turn up.
   void AwaitFec();
   bool AwaitsFec() const { return fec_ != nullptr && !fec_->HasFec(); }
+  // FEC of this stream that is no stream of its own.
+  void AddFec(const FecDatagram& fec, std::int64_t time_ns);
   // What FEC makes of its losses; null where there is no FEC.
   const FecCounters* Fec() const {
     return fec_ != nullptr && fec_->HasFec() ? &fec_->Counters() : nullptr;
@@ -163,6 +165,7 @@ class Stream {
   bool LooksIntoTs() const { return !detail_given_up_ && ts_ != nullptr; }
   void Take(const Arrival& arrival);
   void AddToFec(const Arrival& arrival, const SequenceResult& sequence);
+  void MeasureFec();
   void TakeFec(const FecDatagram& fec, std::int64_t time_ns);
   SequenceResult AddRtp(const RtpHeader& rtp, std::int64_t time_ns);
   void AddMedia(std::span<const std::uint8_t> media, const Arrival& arrival,

@@ -141,10 +141,15 @@ void StreamTable::Deliver(Flow& flow, std::int64_t time_ns, std::uint32_t frame_
   if (rtp && stream->MayBeFec()) {
     fec_.Judge(*stream, frame, *rtp, streams_);
     may_have_details_ = true;
+  } else if (rtp && stream->ProtectedStream()) {
+    fec_.FollowMedia(*stream, frame, *rtp, streams_);
+    may_have_details_ = true;
   }
   const Arrival arrival{time_ns, frame_bytes, &frame, rtp ? &*rtp : nullptr};
   stream->Add(arrival);
-  if (rtp) {
+  if (rtp && stream->ProtectedStream()) {
+    twins_.AddFec(*stream, arrival);
+  } else if (rtp) {
     twins_.Add(*stream, arrival, streams_);
   }
   if (IsFull()) {

@@ -52,6 +52,10 @@ TwinPair::TwinPair(const Stream& first, const Stream& second, const MeasurementS
   if (first.History() != nullptr) {
     skew_history_ = std::make_unique<TimeSeries<PcrPoint>>(kPlotIntervalNs, kFinestPlotIntervalNs);
   }
+  combined_.RuleOutFec();
+  if (first.AwaitsFec() || second.AwaitsFec()) {
+    combined_.AwaitFec();
+  }
   LookBack(first, second);
 }
 
@@ -153,6 +157,12 @@ void TwinPair::Add(std::size_t path, const Arrival& arrival, const SequenceResul
   if (now_ns_ - retired_ns_ >= kRetireEveryNs) {
     retired_ns_ = now_ns_;
     RetireBefore(now_ns_ - kLongestSkewNs);
+  }
+}
+
+void TwinPair::AddFec(const FecDatagram& fec, std::int64_t time_ns) {
+  if (!is_closed_) {
+    merge_.AddFec(Extend(fec.base), fec, time_ns);
   }
 }
 
@@ -267,7 +277,6 @@ void TwinPair::RetireTo(std::uint64_t end) {
   while (next_ < end) {
     JudgeNext();
   }
-  merge_.SkipTo(next_);
 }
 
 void TwinPair::JudgeNext() {
@@ -280,10 +289,11 @@ void TwinPair::JudgeNext() {
     ReportLoss(entry.FirstNs());
   } else {
     ++figures_.lost_together;
+    figures_.lost_in_front += !merge_.First() || next_ < *merge_.First() ? 1U : 0U;
     ++loss_;
   }
   entry = Entry();
-  ++next_;
+  merge_.SkipTo(++next_);
 }
 
 void TwinPair::ReportLoss(std::int64_t time_ns) {

@@ -22,8 +22,9 @@ struct TwinFigures {
   std::uint64_t packets = 0;  // numbers that were judged, of which:
   std::array<std::uint64_t, kTwinPaths> lost{};
   std::uint64_t lost_together = 0;
-  std::uint64_t different = 0;  // came on both paths, and are not the same
-  std::uint64_t late = 0;       // came later than the longest skew, and count as lost
+  std::uint64_t lost_in_front = 0;  // of these, in front of the combined stream
+  std::uint64_t different = 0;      // came on both paths, and are not the same
+  std::uint64_t late = 0;           // came later than the longest skew, and count as lost
   // Lost by the path that was there first, from before the other one was. Not judged, and not made
   // good.
   std::uint64_t lost_before = 0;
@@ -53,6 +54,8 @@ class TwinPair {
 
   // A datagram of the first (0) or the second path (1), and what its stream made of its number.
   void Add(std::size_t path, const Arrival& arrival, const SequenceResult& sequence);
+  // An FEC datagram of either path.
+  void AddFec(const FecDatagram& fec, std::int64_t time_ns);
   // Whether a datagram of a third stream is one of these as well.
   Likeness Compare(const Arrival& arrival) const;
   // One of the streams takes no more frames.

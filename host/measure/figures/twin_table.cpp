@@ -36,6 +36,18 @@ void TwinTable::Add(const Stream& stream, const Arrival& arrival, const Streams&
   }
 }
 
+void TwinTable::AddFec(const Stream& stream, const Arrival& arrival) {
+  const std::size_t media = *stream.ProtectedStream();
+  if (media >= links_.size() || links_[media].pair == nullptr || !arrival.frame->IsComplete() ||
+      stream.LastSequence().event == SequenceEvent::kDuplicate) {
+    return;
+  }
+  if (const auto fec =
+          ParseFecDatagram(arrival.frame->payload.subspan(arrival.rtp->header_length))) {
+    links_[media].pair->AddFec(*fec, arrival.time_ns);
+  }
+}
+
 void TwinTable::Join(const Stream& stream, std::int64_t now_ns, const Streams& streams) {
   Group& group = by_ssrc_[*stream.Id().ssrc];
   links_[stream.Place()].group = &group;

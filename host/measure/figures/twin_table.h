@@ -27,6 +27,8 @@ class TwinTable {
 
   // A datagram of a stream with RTP, behind its stream.
   void Add(const Stream& stream, const Arrival& arrival, const Streams& streams);
+  // A datagram of a stream that is FEC of another one, behind its stream.
+  void AddFec(const Stream& stream, const Arrival& arrival);
   // The stream takes no more frames.
   void Close(const Stream& stream);
   // After the last datagram. Only pairs that are twins remain.

@@ -300,6 +300,9 @@ Json ToJson(const StreamSummary& stream) {
   if (stream.protects) {
     json["protects_stream"] = *stream.protects;
   }
+  if (stream.is_fec_without_media) {
+    json["fec_without_media"] = true;
+  }
   if (stream.fec) {
     json["fec"] = ToJson(*stream.fec);
   }
@@ -319,6 +322,9 @@ Json ToJson(const TwinSummary& twins) {
             {"second_lost", figures.lost[1]},     {"lost_together", figures.lost_together},
             {"different", figures.different},     {"late", figures.late},
             {"lost_before", figures.lost_before}, {"restarts", figures.restarts}};
+  if (const auto unrepaired = twins.Unrepaired()) {
+    json["unrepaired"] = *unrepaired;
+  }
   json["skew_ns"] = {{"count", figures.skews}};
   if (figures.skews > 0) {
     json["skew_ns"]["min"] = figures.skew_min_ns;

@@ -106,23 +106,22 @@ Value Lost(const Summary& summary) {
 // RTP packets that are missing behind all correction.
 Value Unrepaired(const Summary& summary) {
   std::uint64_t packets = 0;
+  const auto add = [&](const std::optional<std::uint64_t>& unrepaired) {
+    packets += unrepaired.value_or(0);
+    return unrepaired.has_value();
+  };
   std::vector<bool> has_twin(summary.streams.size());
   for (const TwinSummary& twins : summary.twins) {
     has_twin[twins.streams[0]] = has_twin[twins.streams[1]] = true;
-    if (twins.figures.restarts > 0) {
+    if (!add(twins.Unrepaired())) {
       return std::nullopt;
     }
-    packets += twins.figures.lost_together + twins.figures.lost_before;
   }
   for (std::size_t place = 0; place < summary.streams.size(); ++place) {
     const StreamSummary& stream = summary.streams[place];
-    if (!stream.rtp || stream.protects || has_twin[place]) {
-      continue;
-    }
-    if (stream.rtp->restarts + stream.rtp->strays > 0 || stream.frames_without_detail > 0) {
+    if (stream.rtp && !stream.protects && !has_twin[place] && !add(stream.Unrepaired())) {
       return std::nullopt;
     }
-    packets += stream.fec ? stream.fec->Unrepaired() : stream.rtp->lost;
   }
   return IfAny(AnyRtp(summary), packets);
 }

@@ -249,6 +249,28 @@ std::optional<std::uint64_t> StreamSummary::Lost() const {
   return std::nullopt;
 }
 
+std::optional<std::uint64_t> StreamSummary::Unrepaired() const {
+  // Where parity is wrong, so may be what it has repaired.
+  const bool is_doubtful = fec && fec->repaired > 0 && fec->parity_wrong > 0;
+  if (!rtp || is_fec_without_media || is_doubtful || rtp->restarts + rtp->strays > 0 ||
+      frames_without_detail > 0) {
+    return std::nullopt;
+  }
+  return fec ? fec->Unrepaired() : rtp->lost;
+}
+
+std::optional<std::uint64_t> TwinSummary::Unrepaired() const {
+  if (figures.restarts > 0) {
+    return std::nullopt;
+  }
+  if (!combined.fec) {
+    return figures.lost_together + figures.lost_before;
+  }
+  const std::optional<std::uint64_t> behind = combined.Unrepaired();
+  return behind ? std::optional(*behind + figures.lost_in_front + figures.lost_before)
+                : std::nullopt;
+}
+
 bool StreamSummary::KnowsAllLosses() const {
   if (rtp) {
     // A restarted numbering, or numbers far from all others, hide how many are missing.
@@ -303,6 +325,7 @@ StreamSummary Summarize(const Stream& stream, const MeasurementSettings& setting
     summary.fec = *stream.Fec();
   }
   summary.protects = stream.ProtectedStream();
+  summary.is_fec_without_media = stream.MayBeFec();
   if (stream.Ts() != nullptr && stream.Ts()->IsTransportStream()) {
     summary.ts = FiguresOf(*stream.Ts(), stream.Rate().Seconds());
     summary.ts->continuity_errors_as_arrived = stream.ContinuityErrorsAsArrived();

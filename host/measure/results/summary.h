@@ -180,12 +180,15 @@ struct StreamSummary {
   std::optional<RtpFigures> rtp;
   std::optional<FecCounters> fec;         // where other streams are FEC of this one
   std::optional<std::uint32_t> protects;  // FEC: the place of the stream that it protects
+  bool is_fec_without_media = false;      // FEC: that stream did not come
   std::optional<TsFigures> ts;
   std::optional<CompareFigures> compare;
 
   // Packets that are known to be missing: by RTP, or else by the transport stream; none where
   // neither can tell.
   std::optional<std::uint64_t> Lost() const;
+  // Packets that stay lost behind FEC; none where that is not known.
+  std::optional<std::uint64_t> Unrepaired() const;
   // No others can be missing, but at its ends.
   bool KnowsAllLosses() const;
 };
@@ -195,6 +198,9 @@ struct TwinSummary {
   std::array<std::uint32_t, kTwinPaths> streams{};
   TwinFigures figures;
   StreamSummary combined;
+
+  // Packets that neither path has and FEC has not repaired; none where that is not known.
+  std::optional<std::uint64_t> Unrepaired() const;
 };
 
 struct TotalSummary {

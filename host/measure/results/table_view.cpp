@@ -449,7 +449,9 @@ void WriteFigures(Out out, const StreamSummary& stream) {
 
 void WriteDetails(Out out, const StreamSummary& stream) {
   fmt::format_to(out, "\n{} from {}{}{}\n", Label(stream), stream.source,
-                 stream.protects ? ", FEC" : "",
+                 stream.protects               ? ", FEC"
+                 : stream.is_fec_without_media ? ", FEC of a stream that did not come"
+                                               : "",
                  stream.rtp ? "" : ", no RTP (lost counts transport packets)");
   WriteFigures(out, stream);
 }

@@ -33,6 +33,14 @@ std::string FaultsText(const TwinFigures& figures) {
   return text;
 }
 
+std::string FecText(const TwinSummary& twins) {
+  const FecCounters& fec = *twins.combined.fec;
+  const auto unrepaired = twins.Unrepaired();
+  return fmt::format("of both paths: repaired {}, parity wrong {}; stay lost {}",
+                     FormatCount(fec.repaired), FormatCount(fec.parity_wrong),
+                     unrepaired ? FormatCount(*unrepaired) : "not measured");
+}
+
 std::string CombinedText(const StreamSummary& combined) {
   std::string text =
       fmt::format("lost {} in {} periods (longest {})", FormatCount(combined.rtp->lost),
@@ -61,6 +69,9 @@ std::vector<FigureLine> TwinLines(const TwinSummary& twins) {
   }
   if (twins.combined.rtp && twins.combined.rate.frames > 0) {
     lines.push_back({"as one", CombinedText(twins.combined)});
+  }
+  if (twins.combined.fec) {
+    lines.push_back({"FEC", FecText(twins)});
   }
   return lines;
 }
