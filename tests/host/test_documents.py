@@ -183,9 +183,10 @@ class Measured(unittest.TestCase):
                      for number, (time, frame) in enumerate(Playout(datagrams=200).capture()) for path in (0, 1)]
             documents = [self.measure(folder, twins, "--max-loss", "0"),
                          self.measure_file(protected, "--max-unrepaired", "0"),
+                         self.measure_file(protected, "--filter", "udp port 5006", "--max-unrepaired", "0"),
                          self.measure(folder, tagged.capture(), "--expect", file, "--expect-rate", "10M"),
                          self.measure(folder, services, "--max-loss", "0", cut=1)]
-        self.assertEqual([document["schema"] for document in documents], [1, 1, 1, 1])
+        self.assertEqual([document["schema"] for document in documents], [1] * 5)
         documented = documented_fields("ipplay measure --json")
 
         def named(path):

@@ -331,7 +331,8 @@ class Compare:
 class Stream:
     """One stream. ``first_seen_ns`` and ``last_seen_ns`` are since 1970.
 
-    ``protects_stream`` is the place in ``Report.streams`` of the stream that this one, FEC, protects.
+    ``protects_stream`` is the place in ``Report.streams`` of the stream that this one, FEC, protects;
+    ``fec_without_media`` is True of FEC whose media did not come.
     """
     source: str
     destination: str
@@ -353,6 +354,7 @@ class Stream:
     availability: Availability
     rtp: Rtp | None
     protects_stream: int | None
+    fec_without_media: bool | None
     fec: Fec | None
     ts: Ts | None
     compare: Compare | None
@@ -371,7 +373,8 @@ class Skew:
 class Twins:
     """Two streams that are the same RTP on two paths (SMPTE ST 2022-7), by their places in ``Report.streams``.
 
-    ``combined`` is the one stream that a receiver makes of both.
+    ``combined`` is the one stream that a receiver makes of both. ``unrepaired`` packets were lost on both, and not
+    repaired by the FEC of either; None where that is not known.
     """
     first_stream: int
     second_stream: int
@@ -383,8 +386,16 @@ class Twins:
     late: int
     lost_before: int
     restarts: int
+    unrepaired: int | None
     skew_ns: Skew
     combined: Stream | None
+
+
+@dataclass(frozen=True, kw_only=True)
+class ReorderWindow:
+    """How long a missing RTP packet was waited for: packets whose numbers are higher, and nanoseconds."""
+    packets: int
+    longest_wait_ns: int
 
 
 @dataclass(frozen=True, kw_only=True)
@@ -437,6 +448,7 @@ class Report:
     total: Total
     streams: tuple[Stream, ...]
     twins: tuple[Twins, ...]
+    reorder_window: ReorderWindow
     verdicts: tuple[Verdict, ...]
     met: bool
     events: tuple[Event, ...] = field(default=(), repr=False)
