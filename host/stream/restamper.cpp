@@ -5,6 +5,7 @@
 #include <bitstream/mpeg/ts.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <utility>
 
@@ -19,6 +20,19 @@ constexpr std::uint32_t kArrivalMask = 0x3FFFFFFF;
 
 bool HasFlags(const std::uint8_t* packet) {
   return ts_has_adaptation(packet) && ts_get_adaptation(packet) > 0;
+}
+
+// The bits beside the time itself stay as they are, damaged marker bits too (ISO/IEC 13818-1,
+// 2.4.3.7).
+template <typename Set>
+void ChangeTime(std::uint8_t* field, const Set& set) {
+  constexpr std::array<std::uint8_t, 5> kTimeBits{0x0E, 0xFF, 0xFE, 0xFF, 0xFE};
+  std::array<std::uint8_t, kTimeBits.size()> before{};
+  std::copy_n(field, before.size(), before.begin());
+  set();
+  for (std::size_t i = 0; i < before.size(); ++i) {
+    field[i] = static_cast<std::uint8_t>((field[i] & kTimeBits[i]) | (before[i] & ~kTimeBits[i]));
+  }
 }
 
 }  // namespace
@@ -206,9 +220,11 @@ void Restamper::RestampPes(std::uint8_t* packet) const {
   if (!stamps) {
     return;
   }
-  pes_set_pts(stamps->pes, Shifted(pes_get_pts(stamps->pes)));
+  const std::uint64_t pts = Shifted(pes_get_pts(stamps->pes));
+  ChangeTime(stamps->pes + PES_HEADER_SIZE_NOPTS, [&] { pes_set_pts(stamps->pes, pts); });
   if (stamps->has_dts) {
-    pes_set_dts(stamps->pes, Shifted(pes_get_dts(stamps->pes)));
+    const std::uint64_t dts = Shifted(pes_get_dts(stamps->pes));
+    ChangeTime(stamps->pes + PES_HEADER_SIZE_PTS, [&] { pes_set_dts(stamps->pes, dts); });
   }
 }
 

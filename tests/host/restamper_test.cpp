@@ -40,6 +40,22 @@ TEST(Restamper, ClocksRunThroughTheRounds) {
   }
 }
 
+TEST(Restamper, DamagedMarkerBitsStayDamaged) {
+  Restamper restamper(kPlain, {.start_offset = 0, .round_ticks = 300 * 7});
+  restamper.StartNextRound();
+  TsPacket packet = MakePacket({.pts = 90'500, .dts = 90'100});
+  TsPacket expected = MakePacket({.pts = 90'507, .dts = 90'107});
+  constexpr std::size_t kPes = 12;
+  constexpr std::size_t kMarkers[] = {kPes + 9,  kPes + 11, kPes + 13,
+                                      kPes + 14, kPes + 16, kPes + 18};
+  for (const std::size_t byte : kMarkers) {
+    packet[byte] ^= 1;
+    expected[byte] ^= 1;
+  }
+  restamper.Restamp(packet.data());
+  EXPECT_EQ(packet, expected);
+}
+
 TEST(Restamper, ClocksWrap) {
   Restamper restamper(kPlain, {.start_offset = kPcrModulus - kPcrHz, .round_ticks = kRound});
   TsPacket packet = Restamped(restamper, {.pcr = 2 * kPcrHz, .pts = 3 * 90'000});
