@@ -51,6 +51,7 @@ class Failing(PlayCase):
         output, errors = player.communicate()
         self.assertEqual(player.returncode, FAILED, errors)
         self.assertIn("a frame could not be sent", errors)
+        self.assertIn("--wait-link", errors)
         self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Failed")
 
     def test_last_frames_that_cannot_be_sent(self):
