@@ -79,6 +79,24 @@ std::optional<Failure> CheckDatagrams(const PlayOptions& options, const StreamFa
   return CheckHoles(options, facts, format, sizes);
 }
 
+// Where the process-wide playout's RTP clock is exact: its step is a whole number of bytes.
+std::string ExactCopies(const PlayPlan& plan) {
+  const std::uint64_t bytes = plan.sizes.frame_bytes;
+  if (plan.copies == 1 || plan.rates.share_sent < 1 || plan.sizes.to_the_byte) {
+    return "";
+  }
+  std::uint64_t fewer = std::min<std::uint64_t>(plan.copies, bytes);
+  while (bytes % fewer != 0) {
+    --fewer;
+  }
+  std::uint64_t more = plan.copies;
+  while (more < bytes && bytes % more != 0) {
+    ++more;
+  }
+  return fmt::format("; with {}{} --copies it is exact", fewer,
+                     more > fewer && more <= bytes ? fmt::format(" or {}", more) : "");
+}
+
 void NoteRtpClock(const PlayPlan& plan, Notes& notes) {
   constexpr double kTolerance = 30e-6;
   const Rates& rates = plan.rates;
@@ -93,8 +111,8 @@ void NoteRtpClock(const PlayPlan& plan, Notes& notes) {
           : fmt::format("its clock advances with every {}, by {} bytes for a frame of {}",
                         plan.copies > 1 ? "copy, lost ones included" : "datagram, lost or not",
                         rates.rtp_step_bytes, plan.sizes.frame_bytes);
-  notes.push_back(fmt::format("RTP time runs at {:.6g} kHz instead of 90: {}",
-                              rates.rtp_clock_ratio * 90, reason));
+  notes.push_back(fmt::format("RTP time runs at {:.6g} kHz instead of 90: {}{}",
+                              rates.rtp_clock_ratio * 90, reason, ExactCopies(plan)));
 }
 
 // What only the process-wide playout does: it takes any number of copies, lets its thread's
@@ -230,13 +248,60 @@ void NoteFormat(const PlayOptions& options, const StreamFacts& facts, Notes& not
   }
 }
 
+bool IsJitterBeyondGap(const PlayOptions& options, const PlayPlan& plan) {
+  return options.jitter && options.jitter->distribution == IPPLAYOUT_JITTER_SQUARE &&
+         options.jitter->amount * 500 > static_cast<double>(plan.rates.gap.count());
+}
+
+// Without places in a schedule the mean rate falls by what gaps cannot give, and with bursts by
+// each that is late.
+std::optional<Failure> CheckJitterByRate(const PlayOptions& options, const PlayPlan& plan) {
+  constexpr const char* kWhy = "lower the mean rate with --priority or frames less than 5 us apart";
+  if (!options.jitter || options.jitter->distribution != IPPLAYOUT_JITTER_SQUARE) {
+    return std::nullopt;
+  }
+  if (options.burst) {
+    return UsageFailure(fmt::format(
+        "--jitter: square and --burst {}; give gaussian:PERCENT%, or neither of these", kWhy));
+  }
+  if (IsJitterBeyondGap(options, plan)) {
+    return UsageFailure(
+        fmt::format("--jitter: half of it is more than the gap of {}, which would {}; give at most "
+                    "square:{}us, or neither of these",
+                    FormatDuration(plan.rates.gap), kWhy, plan.rates.gap.count() / 500));
+  }
+  return std::nullopt;
+}
+
 void NoteJitter(const PlayOptions& options, const PlayPlan& plan, Notes& notes) {
-  if (options.jitter && options.jitter->distribution == 0 &&
-      options.jitter->amount * 500 > static_cast<double>(plan.rates.gap.count())) {
+  if (IsJitterBeyondGap(options, plan)) {
     notes.push_back(
         fmt::format("--jitter: half of it is more than the gap of {}; a datagram never leaves "
                     "before the one in front of it",
                     FormatDuration(plan.rates.gap)));
+  }
+}
+
+// What a burst does to the rate of a stream that ends.
+void NoteBurst(const PlayOptions& options, const PlayPlan& plan, Notes& notes) {
+  if (!options.burst || !plan.rounds.total_bytes) {
+    return;
+  }
+  const std::uint64_t burst = plan.rates.batch / plan.copies;
+  const std::uint64_t payload = plan.sizes.payload_bytes;
+  const std::uint64_t datagrams = (*plan.rounds.total_bytes + payload - 1) / payload;
+  const std::uint64_t last = datagrams % burst;
+  if (datagrams <= burst) {
+    notes.push_back(fmt::format(
+        "--burst: the whole stream fits into a burst of {} datagrams and leaves at once, not at {}",
+        FormatCount(burst), FormatBitRate(plan.rates.stream)));
+  } else if (last > 0 && !plan.by_schedule) {
+    notes.push_back(fmt::format(
+        "--burst: the last one, of {} instead of {} datagrams, follows the one before at once, so "
+        "that the stream takes {} instead of {}; without --priority it leaves at its own time",
+        FormatCount(last), FormatCount(burst),
+        FormatDuration(plan.rates.gap * ((datagrams / burst - 1) * burst * plan.copies)),
+        FormatDuration(plan.rates.gap * (datagrams / burst * burst * plan.copies))));
   }
 }
 
@@ -280,6 +345,7 @@ void AddNotes(const PlayOptions& options, const StreamFacts& facts, PlayPlan& pl
   }
   NoteCapture(options, facts, plan.notes);
   NoteJitter(options, plan, plan.notes);
+  NoteBurst(options, plan, plan.notes);
   NoteShape(options, facts, plan.notes);
 }
 
@@ -300,7 +366,8 @@ std::optional<Failure> PlanSchedule(const PlayOptions& options, const StreamFact
   }
   plan.by_schedule = plan.IsMarked() || !options.into.empty() || IsScheduled(options, plan);
   if (!plan.by_schedule) {
-    return CheckForSchedule(options);
+    auto failure = CheckForSchedule(options);
+    return failure ? failure : CheckJitterByRate(options, plan);
   }
   AdaptRates(plan.rates);
   return std::nullopt;

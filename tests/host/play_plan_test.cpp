@@ -171,10 +171,49 @@ TEST(PlayPlan, RtpClock) {
   EXPECT_NEAR(many->rates.rtp_clock_ratio, 16 * 86 / 1370.0, 1e-6);
   ASSERT_EQ(many->notes.size(), 1U);
   EXPECT_NE(many->notes[0].find("RTP time runs at 90.3942 kHz"), std::string::npos);
+  EXPECT_NE(many->notes[0].find("with 10 or 137 --copies"), std::string::npos);  // 2 x 5 x 137
+  EXPECT_NE(Plan(kRtp + kByRate + "--copies 2000")->notes.at(0).find("with 1370 --copies"),
+            std::string::npos);
   const auto slow = Plan(kRtp + kByRate + "--raw --frame-bitrate 1999.5", Facts(0));
   EXPECT_NEAR(slow->rates.rtp_clock_ratio, 1999.5 / 1999, 1e-9);
   EXPECT_NE(slow->notes.at(0).find("whole bits per second, 1999 of 1999.5"), std::string::npos);
   EXPECT_EQ(Plan(kUdp + "--copies 16")->rates.rtp_clock_ratio, 0);
+}
+
+// 10,000 packets are 1,429 datagrams, 1.4 ms apart.
+TEST(PlayPlan, WhatAnOrderDoesToTheMeanRateIsSaid) {
+  const struct {
+    std::string line;
+    const char* said;  // in a note, or nothing
+  } cases[] = {
+      {kRtp + "--burst 1429", "a burst of 1,429 datagrams and leaves at once, not at 7.52 Mbit/s"},
+      {kRtp + "--burst 10s", "leaves at once"},
+      {kRtp + "--burst 10s " + kByRate, "leaves at once"},
+      {kRtp + "--burst 1428", nullptr},
+      {kRtp + "--burst 1429 --loop 2 --restamp", nullptr},
+      {kRtp + "--burst 1000 " + kByRate, "of 429 instead of 1,000 datagrams"},
+      {kRtp + "--burst 1000 " + kByRate, "takes 0 ns instead of 1.4 s"},
+      {kRtp + "--burst 1000 --copies 2 " + kByRate, "takes 0 ns instead of 1.4 s"},
+      {kRtp + "--burst 400 " + kByRate, "takes 1.12 s instead of 1.68 s"},
+      {kRtp + "--jitter square:2800us " + kByRate, nullptr},
+      {kRtp + "--jitter square:2900us", "never leaves before the one in front"},
+  };
+  for (const auto& c : cases) {
+    const auto plan = Plan(c.line);
+    ASSERT_TRUE(plan) << c.line << plan.Error().message;
+    ASSERT_EQ(plan->notes.size(), c.said != nullptr ? 1U : 0U) << c.line;
+    if (c.said != nullptr) {
+      EXPECT_NE(plan->notes[0].find(c.said), std::string::npos) << c.line << plan->notes[0];
+    }
+  }
+  const std::pair<const char*, const char*> refused[] = {
+      {"--jitter square:2900us ", "at most square:2800us"},
+      {"--jitter square:1us --burst 10 ", "lower the mean rate"}};
+  for (const auto& [options, why] : refused) {
+    const auto plan = Plan(kRtp + options + kByRate);
+    ASSERT_FALSE(plan) << options;
+    EXPECT_NE(plan.Error().message.find(why), std::string::npos) << plan.Error().message;
+  }
 }
 
 TEST(PlayPlan, LargeFramesNeedTheBitCleared) {
