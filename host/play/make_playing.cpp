@@ -36,7 +36,8 @@ class RatePlaying final : public Playing {
     }
     // Without the two lines that the library prints about its threads.
     const LibrarySilence silence(LibrarySilence::Of::kOutput);
-    if (WithRightsToStart([] { return IPStart(); }) == 0) {
+    KeepRightsToStart();
+    if (IPStart() == 0) {
       return std::nullopt;
     }
     std::string reason = WhyNotStarted(plan_.settings.params.DeviceIndex);

@@ -16,6 +16,7 @@
 #include "host/play/make_playing.h"
 #include "host/play/orders.h"
 #include "host/play/report.h"
+#include "host/play/start_rights.h"
 #include "ipplayout/ipplayout.h"
 
 namespace ipplay {
@@ -88,12 +89,9 @@ bool PlaySession::Start() {
   start_ = Clock::now();
   next_report_ = terminal_ ? 0s : ReportInterval();
   const StopSignals::HeldBack held_back;  // the threads that start here take none
-  if (const auto reason = playing_->Start()) {
-    Print(stderr, "ipplay: the playout cannot start: {}\n", *reason);
-    return false;
-  }
-  if (const auto reason = further_.Start()) {
-    playing_->Stop();
+  const auto reason = StartOutputs();
+  DropRightsToStart();
+  if (reason) {
     Print(stderr, "ipplay: the playout cannot start: {}\n", *reason);
     return false;
   }
@@ -106,6 +104,17 @@ bool PlaySession::Start() {
     Print(stderr, "{}\n", kKeys);
   }
   return true;
+}
+
+std::optional<std::string> PlaySession::StartOutputs() {
+  if (auto reason = playing_->Start()) {
+    return reason;
+  }
+  auto reason = further_.Start();
+  if (reason) {
+    playing_->Stop();
+  }
+  return reason;
 }
 
 void PlaySession::Loop() {

@@ -49,6 +49,7 @@ class PlaySession {
   using Clock = std::chrono::steady_clock;
 
   bool Start();
+  std::optional<std::string> StartOutputs();
   void Loop();
   void WaitForSomething();
   std::chrono::nanoseconds NextWake() const;

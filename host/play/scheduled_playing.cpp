@@ -63,7 +63,8 @@ std::optional<std::string> ScheduledPlaying::Start() {
     start = ScheduledPlayout::Now() + std::chrono::milliseconds(50);
     writer_->Follow(*start, *plan_.lead);
   }
-  auto failure = WithRightsToStart([this, start] { return playout_.Start(start); });
+  KeepRightsToStart();
+  auto failure = playout_.Start(start);
   return failure ? std::optional(failure->message) : std::nullopt;
 }
 

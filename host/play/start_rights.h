@@ -6,13 +6,14 @@
 
 namespace ipplay {
 
-// The library opens the adapter and sets its threads' scheduling class; nothing needs rights later.
-template <typename Start>
-auto WithRightsToStart(Start start) {
+// The library opens adapters and sets its threads' scheduling class. More outputs may follow.
+inline void KeepRightsToStart() {
   KeepCapabilities({kCapNetRaw, kCapSysNice});
-  auto result = start();
+}
+
+// Once all outputs have started: nothing needs rights later.
+inline void DropRightsToStart() {
   KeepCapabilities({});
-  return result;
 }
 
 }  // namespace ipplay

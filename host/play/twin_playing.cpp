@@ -17,17 +17,16 @@ std::optional<std::string> TwinPlaying::Start() {
   if (second_ == nullptr) {
     return "--twin: memory has run out";
   }
-  return WithRightsToStart([this]() -> std::optional<std::string> {
-    const ScheduledPlayout::Time start = ScheduledPlayout::Now() + lead_;
-    if (auto reason = first_->StartAt(start)) {
-      return reason;
-    }
-    if (auto reason = second_->StartAt(start + skew_)) {
-      first_->Stop();
-      return "--twin: " + *reason;
-    }
-    return std::nullopt;
-  });
+  KeepRightsToStart();
+  const ScheduledPlayout::Time start = ScheduledPlayout::Now() + lead_;
+  if (auto reason = first_->StartAt(start)) {
+    return reason;
+  }
+  if (auto reason = second_->StartAt(start + skew_)) {
+    first_->Stop();
+    return "--twin: " + *reason;
+  }
+  return std::nullopt;
 }
 
 Feeder::Sink TwinPlaying::Sink() {

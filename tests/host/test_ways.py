@@ -127,6 +127,14 @@ class Several(PlayCase):
         self.assertRegex(text, r"also to    rtp://127\.0\.0\.1:5000: 203 datagrams, late by up to \d")
         self.assertIn(f"also to    {path}: 203 datagrams\n", text)
 
+    def test_two_targets_through_the_adapter(self):
+        """The rights that the second one needs at its start are there still."""
+        played = self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--to", "rtp://239.1.2.1:5004", *FAST)
+        first, second = ([frame[42:] for frame in played.frames if frame[30:34] == group]
+                         for group in (b"\xef\x01\x01\x01", b"\xef\x01\x02\x01"))
+        self.assertEqual(len(first), 203)
+        self.assertEqual(second, first)
+
     def test_ordered_faults_are_those_of_each_target(self):
         path = self.path("damaged.pcapng")
         sent = self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--to", path, "--at", "50ms", "lose:3", *FAST).frames
