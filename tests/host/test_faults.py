@@ -274,31 +274,57 @@ class Control(PlayCase):
         self.assertFalse(os.path.exists(path))
 
     def test_changes_hold_from_the_time_that_is_answered(self):
-        """By RTP time, which is that of the schedule: 90 kHz, cut down to whole ticks."""
-        self.bed.capture.begin()
-        player, path = self.start()
-        client = self.connect(path)
-        at = self.ask(client, '{"do": "rate", "bitrate": "1400k"}\n')["at_ns"]
-        self.assertTrue(self.ask(client, '{"do": "errors", "lose": "1/10"}\n')["ok"])
-        for line, why in (('{"do": "rate"}\n', "give bitrate, speed, ppm"), ('{"do": "rate", "speed": 0}\n', "0.001 to 1000"),
-                          ('{"do": "jitter", "jitter": "x:1"}\n', "or off"), ('{"do": "rate", "lose": "1%"}\n', "is none of"),
-                          ('{"do": "errors", "lose": ["1%"]}\n', "no text and no number")):
-            self.assertIn(why, self.ask(client, line)["error"])
-        while self.ask(client, '{"do": "status"}\n')["status"]["ordered"]["lost"] < 5:
-            self.bed.capture.drain()
-        self.ask(client, '{"do": "stop"}\n')
-        player.communicate()
-        self.bed._catch_up()
+        """By RTP time, which is that of the schedule: 90 kHz, cut down to whole ticks. At all targets, and as well while
+        nothing leaves."""
+        second = "rtp://239.1.2.1:5004"
+        for options, paused in (((), False), (("--to", second), False), (("--to", second), True), (("--twin", second), True)):
+            with self.subTest(options=options, paused=paused):
+                self.bed.capture.begin()
+                player, path = self.start(*options)
+                client = self.connect(path)
+                if paused:
+                    self.ask(client, '{"do": "pause"}\n')
+                at = self.ask(client, '{"do": "rate", "bitrate": "1400k"}\n')["at_ns"]
+                self.assertTrue(self.ask(client, '{"do": "errors", "lose": "1/10"}\n')["ok"])
+                if paused:
+                    self.assertTrue(self.ask(client, '{"do": "status"}\n')["status"]["paused"])
+                    self.ask(client, '{"do": "resume"}\n')
+                while self.ask(client, '{"do": "status"}\n')["status"]["ordered"]["lost"] < 5:
+                    self.bed.capture.drain()
+                self.ask(client, '{"do": "stop"}\n')
+                player.communicate()
+                self.bed._catch_up()
+                paths = {}
+                for _, frame in self.bed.capture.frames:
+                    if is_playout(frame):
+                        paths.setdefault(frame[30:34], []).append(frame)
+                self.assertEqual(len(paths), 2 if options else 1)
+                self.check_changed(paths.pop(bytes((239, 1, 1, 1))), at, True)
+                for frames in paths.values():
+                    self.check_changed(frames, at, "--twin" not in options)
+
+    def check_changed(self, frames, at, loses):
+        """Twice as fast from `at` on; then every tenth is lost, if any."""
         place, lost = 0.0, []
-        sent = {rtp_header(f, HEADERS - RTP)[0]: rtp_header(f, HEADERS - RTP)[1] for _, f in self.bed.capture.frames if is_playout(f)}
+        sent = dict(rtp_header(frame, HEADERS - RTP)[:2] for frame in frames)
         for n in range(max(sent) + 1):
             if n in sent:
                 self.assertAlmostEqual(sent[n], place * 90_000, delta=1.5)
             else:
                 lost.append(n)
             place += GAP if place * 1e9 < at else GAP / 2
-        self.assertGreater(len(lost), 2)
         self.assertTrue(all(n % 10 == 0 for n in lost), lost)
+        self.assertEqual(len(lost) > 2, loses)
+
+    def test_changes_that_are_refused(self):
+        player, path = self.start()
+        client = self.connect(path)
+        for line, why in (('{"do": "rate"}\n', "give bitrate, speed, ppm"), ('{"do": "rate", "speed": 0}\n', "0.001 to 1000"),
+                          ('{"do": "jitter", "jitter": "x:1"}\n', "or off"), ('{"do": "rate", "lose": "1%"}\n', "is none of"),
+                          ('{"do": "errors", "lose": ["1%"]}\n', "no text and no number")):
+            self.assertIn(why, self.ask(client, line)["error"])
+        self.ask(client, '{"do": "stop"}\n')
+        player.communicate()
 
     def test_what_is_no_order_is_refused_and_hurts_nobody(self):
         player, path = self.start()
