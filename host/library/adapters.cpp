@@ -33,7 +33,11 @@ Adapter FromEntry(const DeviceListEntry& entry, std::uint32_t index) {
   Adapter adapter;
   adapter.index = index;
   adapter.name = name;
+  // The library's words for an adapter that has none end with the name that only it uses.
   adapter.description = entry.Description;
+  if (const auto end = fmt::format(" ({})", entry.Name); adapter.description.ends_with(end)) {
+    adapter.description.resize(adapter.description.size() - end.size());
+  }
   std::copy(std::begin(entry.MacAddress), std::end(entry.MacAddress), adapter.mac.begin());
   adapter.ipv4 = ParseAll(entry.IPv4Addresses, entry.IPv4AddressCount);
   adapter.ipv4_masks = ParseAll(entry.IPv4Netmasks, entry.IPv4NetmaskCount);

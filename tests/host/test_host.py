@@ -32,6 +32,7 @@ class Statuses(PlayCase):
         near = next(device for device in json.loads(output)["devices"] if device["name"] == "near")
         self.assertEqual((status, errors), (PLAYED, ""))
         self.assertEqual((near["ipv4"], near["ipv6"], near["link"]), ([NEAR4], [NEAR6], "up"))
+        self.assertEqual(near["description"], "Network device")
         self.assertIn(near["mac"], run("devices")[1])
         for address, answer in ((FAR4, f"{self.bed.far_mac}  ARP"),
                                 ("fd77::2", f"{self.bed.far_mac}  neighbour discovery"),
