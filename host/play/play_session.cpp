@@ -573,12 +573,12 @@ void PlaySession::ReportFailure() {
   } else if (failed_ && plan_.schedule.To == IPPLAYOUT_TO_FILE) {
     Fail(failure_);
   } else if (failed_) {
-    Fail(fmt::format(
-        "a frame could not be sent, at least {} are lost; {}is the adapter still up?{}",
-        FormatCount(std::max<std::uint64_t>(unsent_, 1)), failure_.empty() ? "" : failure_ + "; ",
-        plan_.by_schedule && !options_.wait_link && !options_.twin
-            ? " --wait-link goes on when its link is back"
-            : ""));
+    Fail(fmt::format("a frame could not be sent, at least {} lost; {}is the adapter still up?{}",
+                     FormatCount(std::max<std::uint64_t>(unsent_, 1)),
+                     failure_.empty() ? "" : failure_ + "; ",
+                     plan_.by_schedule && !options_.wait_link && !options_.twin
+                         ? " --wait-link goes on when its link is back"
+                         : ""));
   } else if (unsent_ > 0 && options_.wait_link) {
     Print(stderr, "ipplay: note: the adapter did not take {}; they are lost\n",
           FormatCount(unsent_, "frame"));

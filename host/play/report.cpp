@@ -194,6 +194,13 @@ std::string LatenessWords(const std::optional<IpPlayoutTiming>& timing) {
              : "";
 }
 
+std::string OutputText(const OutputStatus& output) {
+  const std::string late = LatenessWords(output.timing);
+  return fmt::format("  also to    {}: {}{}{}\n",
+                     output.into.empty() ? output.target : QuotedLine(output.into),
+                     FormatCount(output.datagrams, "datagram"), late.empty() ? "" : ", ", late);
+}
+
 std::string TwinText(const TwinStatus& twin) {
   std::string text =
       fmt::format("second path: {}, {} later\n  sent       {}\n", twin.target,
@@ -393,10 +400,7 @@ std::string Summary(const PlayOptions& options, const PlayPlan& plan, const Stat
     text += LedgerText(options, *status.timing);
   }
   for (const OutputStatus& output : status.outputs) {
-    const std::string late = LatenessWords(output.timing);
-    text += fmt::format("  also to    {}: {}{}{}\n",
-                        output.into.empty() ? output.target : QuotedLine(output.into),
-                        FormatCount(output.datagrams, "datagram"), late.empty() ? "" : ", ", late);
+    text += OutputText(output);
   }
   if (const auto jitter = JitterOf(counters)) {
     text += fmt::format("  jitter     {}\n", FormatDuration(*jitter));
