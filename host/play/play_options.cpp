@@ -337,7 +337,8 @@ void DefineTwin(OptionBuilder& add, PlayOptions& o) {
 void DefineErrors(OptionBuilder& add, PlayOptions& o) {
   add.Group("Deliberate errors");
   const auto schedule = [&](const char* name, auto& field, const char* help) {
-    add.Value(name, field, "N/RANGE|P%", "N/RANGE with N from 1 to RANGE and to 1000000, or a P%",
+    add.Value(name, field, "N/RANGE|P%",
+              "N/RANGE, such as 2/1000, with N from 1 to RANGE and at most 1000000; or 0% to 100%",
               help, ParseErrorSchedule);
   };
   schedule("--lose", o.lose, "Lose N of every RANGE datagrams, as in 2/1000, or each with P%");

@@ -38,7 +38,7 @@ PLAY = (
     ("dst-ip, src-ip", "color=1", "--step"), ("FIELD=VALUE", "payload-type=128", "--step"),
     ("FIELD=VALUE", "dst-ip=1", "--step"), ("N from 1 to RANGE", "3/2", "--lose --bad-ip-checksum"),
     ("N from 1 to RANGE", "0/2", "--bad-ip-checksum"), ("N from 1 to RANGE", "1/0", "--bad-udp-checksum"),
-    ("a P%", "101%", "--lose --duplicate --bad-ip-checksum --bad-udp-checksum"),
+    ("0% to 100%", "101%", "--lose --duplicate --bad-ip-checksum --bad-udp-checksum"),
     ("BITS from 1", "1%:0", "--corrupt"), ("BITS from 1", "1%:1001", "--corrupt"),
     ("to turn bad and good", "1%", "--loss-model"), ("to turn bad and good", "1%,0%", "--loss-model"),
     ("to turn bad and good", "1%,2%,3%,4%,5%", "--loss-model"), ("kept or closed", "open", "--holes"),
