@@ -106,8 +106,9 @@ class Bed:
         result = []
         with tempfile.TemporaryDirectory() as directory:
             path = os.path.join(directory, "arrivals")
+            # Hundreds of senders that are behind would leave a judge of ordinary rank no time to keep up.
             receiver = subprocess.Popen(
-                self.far + [self.programs / "wire_receiver", self.FAR, path],
+                self.far + ["nice", "-n", "-20", self.programs / "wire_receiver", self.FAR, path],
                 stdout=subprocess.PIPE,
                 text=True,
             )
