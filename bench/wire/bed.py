@@ -55,8 +55,7 @@ class Sender:
 
     def memory_kib(self):
         """Of the sender and what it has forked; pages that several share count in shares."""
-        rollups = (Path(f"/proc/{process}/smaps_rollup").read_text() for process in self.processes())
-        return sum(int(line.split()[1]) for text in rollups for line in text.splitlines() if line.startswith("Pss:"))
+        return sum(memory_kib_of(process) for process in self.processes())
 
     def wait(self):
         """Returns what the sender wrote to standard error."""
@@ -74,6 +73,14 @@ def cpu_ns_of(process):
         except OSError:
             pass  # the thread has ended since
     return spent
+
+
+def memory_kib_of(process):
+    try:
+        rollup = Path(f"/proc/{process}/smaps_rollup").read_text()
+    except OSError:
+        return 0  # the process has ended since
+    return sum(int(line.split()[1]) for line in rollup.splitlines() if line.startswith("Pss:"))
 
 
 class Bed:
