@@ -108,7 +108,8 @@ class ScheduleTransmitter final : public OsaThread {
   std::size_t streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
   std::size_t precise_streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
   std::size_t giving_up_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;  // removals that do
-  std::atomic<bool> gathers_{false};  // these two stored under the mutex
+  std::atomic<bool> gathers_{false};  // these three stored under the mutex
+  std::atomic<bool> any_precise_{false};
   std::atomic<double> frames_per_second_{0};
 
   // The rest is the thread's own.

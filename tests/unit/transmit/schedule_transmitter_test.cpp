@@ -37,8 +37,13 @@ StreamRules AtOnce() {
 class SteppedWaiter final : public platform::DeadlineWaiter {
  public:
   nanoseconds Now() const override { return now_.load(); }
-  void WaitUntilInterrupted(nanoseconds deadline, nanoseconds /*longest_spin*/) override {
-    if (Now() < deadline) {
+  void WaitUntilInterrupted(nanoseconds deadline, nanoseconds longest_spin) override {
+    if (passes_ > 0) {
+      // The first wait may have been thought of before it was asked for.
+      if (--passes_ == 0) {
+        spin_.set_value(longest_spin);
+      }
+    } else if (Now() < deadline) {
       DeadlineWaiter::WaitUntilInterrupted(kNever, nanoseconds::zero());
     }
   }
@@ -46,9 +51,18 @@ class SteppedWaiter final : public platform::DeadlineWaiter {
     now_ = time;
     Interrupt();
   }
+  // How much of the wait for its next frame the thread spins through. Once.
+  nanoseconds Spin() {
+    passes_ = 2;
+    Interrupt();
+    auto spin = spin_.get_future();
+    return Returns(spin) ? spin.get() : nanoseconds(-1);
+  }
 
  private:
   std::atomic<nanoseconds> now_{nanoseconds(0)};
+  std::atomic<int> passes_{0};
+  std::promise<nanoseconds> spin_;
 };
 
 // A playout whose frames say in two bytes whose they are and which.
@@ -539,6 +553,40 @@ TEST_F(SteppedTime, OnlyWhatIsDueLeavesAndOneCallTakesWhatIsDueTogether) {
   transmitter.Remove(a.stream);
   transmitter.Remove(b.stream);
   EXPECT_EQ(a.Counts().discarded, 1U);
+}
+
+// Gathered are more than eight, or economical ones.
+TEST(ScheduleTransmitter, SpinsAtTheEndOfLongRestsOfGatheredStreamsThatArePrecise) {
+  struct Row {
+    std::size_t streams;
+    bool is_precise;
+    nanoseconds rest;
+    nanoseconds spin;
+  };
+  const Row kRows[] = {{8, true, microseconds(300), microseconds(300)},
+                       {9, true, microseconds(1000), microseconds(250)},
+                       {9, true, microseconds(300), nanoseconds(0)},
+                       {9, false, microseconds(1000), nanoseconds(0)},
+                       {1, false, microseconds(1000), nanoseconds(0)}};
+  for (const Row& row : kRows) {
+    FakeFrameSink sink;
+    auto* const clock = new SteppedWaiter;
+    ScheduleTransmitter transmitter{std::unique_ptr<platform::DeadlineWaiter>(clock), false};
+    transmitter.Start();
+    StreamRules rules;
+    rules.is_precise = row.is_precise;
+    std::vector<std::unique_ptr<Player>> players;
+    std::vector<ScheduledStream*> streams;
+    for (std::size_t i = 0; i < row.streams; ++i) {
+      players.push_back(std::make_unique<Player>('a', sink, rules));
+      streams.push_back(&players.back()->Holding({row.rest}).stream);
+    }
+    ASSERT_TRUE(transmitter.Add(streams, nanoseconds(0)));
+    EXPECT_EQ(clock->Spin(), row.spin) << row.streams << " streams";
+    for (ScheduledStream* stream : streams) {
+      transmitter.Remove(*stream);
+    }
+  }
 }
 
 TEST_F(SteppedTime, AStreamIsRemovedInAnyState) {
