@@ -2,6 +2,7 @@
 #include "control/scheduled_run.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -159,7 +160,7 @@ Failure ScheduledRun::MakeStream(const StreamRules& rules, std::size_t longest_f
       std::clamp(std::max(rules.frames_per_second * kBuiltAhead, bursts), kLeastBuilt, kMostBuilt);
   StreamListener& listener = *this;
   stream_ = std::make_unique<ScheduledStream>(
-      static_cast<std::size_t>(ahead), longest_frame,
+      static_cast<std::size_t>(std::ceil(ahead)), longest_frame,
       ScheduledStream::LedgerSize{ordered_.LedgerFrames, with_bytes}, rules, route_.Sink(),
       listener);
   const bool is_allocated = stream_->ring.IsAllocated() && stream_->ledger.IsAllocated();

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "transmit/frame_ring.h"
 
-#include <bit>
 #include <new>
 
 namespace ipplayout {
@@ -13,9 +12,9 @@ constexpr std::size_t kLine = 64;
 }  // namespace
 
 FrameRing::FrameRing(std::size_t frames, std::size_t longest_frame)
-    : mask_(std::bit_ceil(frames) - 1),
+    : frames_(frames),
       stride_((sizeof(QueuedFrame) + longest_frame + kLine - 1) / kLine * kLine),
-      slots_((mask_ + 1) * stride_) {}
+      slots_(frames_ * stride_) {}
 
 bool FrameRing::HasRoom(std::size_t frames) {
   if (Free() >= frames) {

@@ -31,11 +31,11 @@ struct QueuedFrame {
 // one of the two always sees the other.
 class FrameRing {
  public:
-  // Of at least `frames`; none where there is no memory.
+  // None where there is no memory.
   FrameRing(std::size_t frames, std::size_t longest_frame);
 
   bool IsAllocated() const { return slots_.Data() != nullptr; }
-  std::size_t Capacity() const { return mask_ + 1; }
+  std::size_t Capacity() const { return frames_; }
 
   // ---- Builder ----
 
@@ -66,14 +66,14 @@ class FrameRing {
 
  private:
   std::uint8_t* SlotAt(std::uint64_t count) const {
-    return slots_.Data() + (count & mask_) * stride_;
+    return slots_.Data() + count % frames_ * stride_;
   }
   const QueuedFrame& HeaderOf(std::uint64_t count) const {
     return *reinterpret_cast<const QueuedFrame*>(SlotAt(count));
   }
   std::size_t Free() const { return Capacity() - (filled_.load() - released_.load()); }
 
-  const std::size_t mask_;
+  const std::size_t frames_;  // no power of two: hundreds of rings are nearly all of the memory
   const std::size_t stride_;
   const platform::Pages slots_;
 
