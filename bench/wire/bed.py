@@ -85,6 +85,8 @@ def memory_kib_of(process):
 
 class Bed:
     NEAR, FAR = "near", "far"
+    NEAR_TWO, FAR_TWO = "near2", "far2"  # a second path
+    BOTH = "both"  # at the far end: what comes on either
 
     def __init__(self, near_namespace, far_namespace, programs):
         self.near = ["nsenter", f"--net=/run/netns/{near_namespace}"]
@@ -92,7 +94,7 @@ class Bed:
         self.programs = Path(programs)
 
     @contextmanager
-    def sender(self, command):
+    def sender(self, command, environment=None):
         """Runs a command until the block ends; ended by force if it has not ended itself."""
         process = subprocess.Popen(
             self.near + [str(part) for part in command],
@@ -101,6 +103,7 @@ class Bed:
             stderr=subprocess.PIPE,
             text=True,
             start_new_session=True,
+            env=environment,
         )
         try:
             yield Sender(process)
@@ -108,14 +111,14 @@ class Bed:
             end_group(process)
 
     @contextmanager
-    def recording(self):
+    def recording(self, device=FAR):
         """Yields a list that holds the Recording once the block has ended."""
         result = []
         with tempfile.TemporaryDirectory() as directory:
             path = os.path.join(directory, "arrivals")
             # Hundreds of senders that are behind would leave a judge of ordinary rank no time to keep up.
             receiver = subprocess.Popen(
-                self.far + ["nice", "-n", "-20", self.programs / "wire_receiver", self.FAR, path],
+                self.far + ["nice", "-n", "-20", self.programs / "wire_receiver", device, path],
                 stdout=subprocess.PIPE,
                 text=True,
             )
@@ -129,6 +132,18 @@ class Bed:
             if report["dropped"] > 0:
                 raise RuntimeError(f"the receiver missed {report['dropped']} frames")
             result.append(read_recording(path, report["realtime_lead_ns"]))
+
+    @contextmanager
+    def both_paths(self):
+        """While it lasts what comes on either path is seen on a bridge, too, which passes nothing on from one to the other."""
+        port = "ip link set dev {0} master {1} && bridge link set dev {0} isolated on && ip link set dev {0} up"
+        ports = " && ".join(port.format(device, self.BOTH) for device in (self.FAR, self.FAR_TWO))
+        bridge = f"ip link add {self.BOTH} type bridge mcast_snooping 0 && ip link set {self.BOTH} up && {ports}"
+        subprocess.run([*self.far, "sh", "-c", bridge], check=True)
+        try:
+            yield
+        finally:
+            subprocess.run([*self.far, "ip", "link", "delete", self.BOTH], check=True)
 
     def arrived(self):
         """Frames that have arrived at the far adapter so far, whether anybody listens or not."""

@@ -5,35 +5,20 @@ import math
 import subprocess
 import time
 from contextlib import nullcontext
-from dataclasses import dataclass, field
 
 import numpy
 
 import analysis
 import jitter_model
 from bed import busy_processors
+from schedule_rows import ScheduleRows
 from senders import gap_ns
+from table import Table
 
 WARM_UP = 0.5  # seconds from the start of a sender to the part that counts
 
 
-@dataclass
-class Table:
-    title: str
-    measures: dict  # name: unit
-    rounds: dict = field(default_factory=dict)  # sender: [{measure: value}, one per round]
-    curves: dict = field(default_factory=dict)  # for the plots: name: (x, y)
-
-    def add(self, sender, measured):
-        self.rounds.setdefault(sender, []).append(measured)
-
-    def draw(self, name, x, y):
-        """Keeps a curve, thinned where it has more points than a plot can show."""
-        step = max(1, len(x) // 2000)
-        self.curves[name] = [[float(f"{value:.6g}") for value in values[::step]] for values in (x, y)]
-
-
-class Yardstick:
+class Yardstick(ScheduleRows):
     def __init__(self, bed, senders, rounds, seconds, wanted=""):
         self.bed, self.senders, self.rounds, self.seconds, self.wanted = bed, senders, rounds, seconds, wanted
 
@@ -435,6 +420,10 @@ ROWS = [
     "busy",
     "copies",
     "many",
+    "vbr",
+    "slope",
+    "replay",
+    "twins",
     "start",
     "patterns",
     "catch_up",

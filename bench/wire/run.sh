@@ -37,5 +37,10 @@ ip -n "$far" link set far up
 ip -n "$near" address add 10.77.0.1/24 dev near
 ip -n "$near" link set near up
 ip -n "$near" route add 239.0.0.0/8 dev near
+# A second path.
+ip -n "$near" link add near2 type veth peer name far2 netns "$far"
+ip -n "$far" link set far2 up
+ip -n "$near" address add 10.78.0.1/24 dev near2
+ip -n "$near" link set near2 up
 
 /usr/bin/python3 bench/wire/yardstick.py "$@" "$near" "$far" build/release/bench

@@ -4,6 +4,7 @@
 A rate is of Ethernet frames of 1,370 bytes that carry seven transport packets over RTP. Senders that
 cannot do RTP send the same datagrams at the same pace without its 12 bytes.
 """
+import itertools
 import struct
 import subprocess
 from pathlib import Path
@@ -26,6 +27,17 @@ def stream_rate(megabits):
     return round(megabits * 1e6 * PAYLOAD / FRAME)
 
 
+def write_capture(path, times):
+    """RTP frames at these times, in nanoseconds."""
+    packet = b"\x47\x1f\xff\x10" + b"\xff" * 184
+    with open(path, "wb") as file:
+        file.write(struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 1 << 16, 1))
+        for number, at in enumerate(times):
+            rtp = struct.pack(">BBHII", 0x80, 33, number & 0xFFFF, at * 9 // 100_000 & 0xFFFFFFFF, 1)
+            file.write(struct.pack("<IIII", *divmod(at, 10**9), FRAME, FRAME))
+            file.write(HEADER + rtp + packet * 7)
+
+
 class Material:
     """Makes the files that senders read, once per rate and length."""
 
@@ -38,36 +50,7 @@ class Material:
         if not path.exists():
             rate = stream_rate(megabits)
             video = min(rate // 2, 4_000_000)
-            subprocess.run(
-                [
-                    "ffmpeg",
-                    "-nostdin",
-                    "-loglevel",
-                    "error",
-                    "-f",
-                    "lavfi",
-                    "-i",
-                    "testsrc=size=352x288:rate=25",
-                    "-t",
-                    str(seconds),
-                    "-c:v",
-                    "mpeg2video",
-                    "-b:v",
-                    str(video),
-                    "-maxrate",
-                    str(video),
-                    "-bufsize",
-                    "1M",
-                    "-f",
-                    "mpegts",
-                    "-muxrate",
-                    str(rate),
-                    "-pcr_period",
-                    "20",
-                    path,
-                ],
-                check=True,
-            )
+            self.encode(path, seconds, video, ["-bufsize", "1M", "-muxrate", str(rate)])
             subprocess.run(
                 ["ingests", "-p", "256", path],
                 check=True,
@@ -76,16 +59,33 @@ class Material:
             )
         return path
 
+    def variable_stream(self, seconds):
+        """A transport stream of the pictures' own rate: some hundred kbit/s in one second, some Mb/s in the next."""
+        path = self.directory / f"variable-{seconds}.ts"
+        if not path.exists():
+            self.encode(path, seconds, 6_000_000, ["-bufsize", "6M", "-vf", "noise=alls=40:allf=t:enable='lt(mod(t,2),1)'"])
+            subprocess.run(["ingests", "-p", "256", path], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        return path
+
+    @staticmethod
+    def encode(path, seconds, video, options):
+        source = ["-f", "lavfi", "-i", "testsrc=size=352x288:rate=25", "-t", str(seconds)]
+        codec = ["-c:v", "mpeg2video", "-b:v", str(video), "-maxrate", str(video)]
+        mux = ["-f", "mpegts", "-pcr_period", "20"]
+        subprocess.run(["ffmpeg", "-nostdin", "-loglevel", "error", *source, *codec, *options, *mux, path], check=True)
+
     def capture(self):
         """A capture file of 1,000 RTP frames."""
         path = self.directory / "frames.pcap"
         if not path.exists():
-            with open(path, "wb") as file:
-                file.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 1 << 16, 1))
-                for number in range(1000):
-                    rtp = struct.pack(">BBHII", 0x80, 33, number, number * 95, 1)
-                    file.write(struct.pack("<IIII", 0, number, FRAME, FRAME))
-                    file.write(HEADER + rtp + b"\x47" * PAYLOAD)
+            write_capture(path, range(0, 1_000_000, 1000))
+        return path
+
+    def irregular_capture(self, gaps):
+        """One whose frames are so many nanoseconds apart."""
+        path = self.directory / "irregular.pcap"
+        if not path.exists():
+            write_capture(path, itertools.accumulate(map(int, gaps), initial=0))
         return path
 
     def trafgen_frame(self):

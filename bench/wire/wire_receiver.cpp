@@ -66,7 +66,8 @@ std::uint16_t Read16(const std::uint8_t* at) {
 
 class FrameRing {
  public:
-  explicit FrameRing(const char* device) : descriptor_(OpenPacketSocket(device, ETH_P_IP)) {
+  explicit FrameRing(const char* device)
+      : descriptor_(OpenPacketSocket(device, ETH_P_ALL)) {  // ahead of a bridge
     const int version = TPACKET_V3;
     const int on = 1;
     tpacket_req3 request{};
