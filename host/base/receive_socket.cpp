@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/base/socket_address.h"
+
 namespace ipplay {
 namespace {
 
@@ -19,30 +21,6 @@ constexpr std::size_t kLargestDatagram = 65536;
 constexpr int kKernelBuffer = 8 << 20;
 // Linux has it since 4.20; its headers here may be older.
 constexpr int kIpv6MulticastAll = 29;
-
-struct SocketAddress {
-  sockaddr_storage storage{};
-  socklen_t length = 0;
-};
-
-SocketAddress ToSockaddr(const IpAddress& address, std::uint16_t port, unsigned interface) {
-  SocketAddress result;
-  if (address.is_v6) {
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_port = htons(port);
-    v6.sin6_scope_id = address.IsLinkLocal() ? interface : 0;
-    std::memcpy(&v6.sin6_addr, address.bytes.data(), sizeof v6.sin6_addr);
-    std::memcpy(&result.storage, &v6, result.length = sizeof v6);
-  } else {
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_port = htons(port);
-    std::memcpy(&v4.sin_addr, address.bytes.data(), sizeof v4.sin_addr);
-    std::memcpy(&result.storage, &v4, result.length = sizeof v4);
-  }
-  return result;
-}
 
 bool IsFrom(const IpAddress& source, const sockaddr_storage& sender) {
   if (source.is_v6) {

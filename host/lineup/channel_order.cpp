@@ -13,11 +13,11 @@ namespace ipplay {
 namespace {
 
 // They belong to the run of one playout, with its terminal.
-constexpr std::array<std::string_view, 20> kNotOfChannels{
-    "json",       "stats",       "quiet",     "dry-run",     "write-config",
-    "priority",   "help",        "config",    "no-damage",   "ts-fault",
-    "control",    "twin",        "twin-skew", "twin-device", "twin-lose",
-    "twin-delay", "twin-jitter", "ledger",    "timing",      "keep-losses"};
+constexpr std::array<std::string_view, 22> kNotOfChannels{
+    "json",      "stats",       "quiet",     "dry-run",     "write-config", "priority",
+    "help",      "config",      "no-damage", "ts-fault",    "control",      "twin",
+    "twin-skew", "twin-device", "twin-lose", "twin-delay",  "twin-jitter",  "ledger",
+    "timing",    "keep-losses", "sap",       "sap-interval"};
 
 // What there is, to be looked up: to define it takes longer than all else that is done to an order.
 const CLI::App& KnownOptions() {

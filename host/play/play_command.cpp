@@ -24,6 +24,7 @@
 #include "host/play/play_session.h"
 #include "host/play/preparation.h"
 #include "host/play/report.h"
+#include "host/play/sap.h"
 #include "host/play/sdp.h"
 #include "host/play/written_files.h"
 
@@ -120,6 +121,35 @@ std::optional<Failure> CompleteFurther(const PlayOptions& options, Prepared& pre
   return std::nullopt;
 }
 
+// Of all targets that can be announced.
+Result<std::vector<SapAnnouncer>> OpenAnnouncers(const PlayOptions& options, const Path& path,
+                                                 const std::string& sdp,
+                                                 const std::vector<Output>& further) {
+  std::vector<SapAnnouncer> announcers;
+  std::optional<Failure> failure;
+  const auto open = [&](const PlayOptions& of, const Path& way, const std::string& text) {
+    if (!SapAnnouncer::IsFor(of) || failure) {
+      return;
+    }
+    if (auto announcer = SapAnnouncer::Open(of, way, text)) {
+      announcers.push_back(std::move(*announcer));
+    } else {
+      failure = announcer.Error();
+    }
+  };
+  open(options, path, sdp);
+  for (const Output& output : further) {
+    open(output.options, output.path, SdpText(output.options, output.path));
+  }
+  if (failure) {
+    return *std::move(failure);
+  }
+  if (options.sap && announcers.empty()) {
+    return UsageFailure("--sap needs a multicast target that is sent, as in rtp://239.1.1.1:5004");
+  }
+  return {std::move(announcers)};
+}
+
 Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (auto failure = CheckFiles(app, options)) {
     return *std::move(failure);
@@ -152,7 +182,8 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (const auto failure = CompletePath(options, path, plan)) {
     return *failure;
   }
-  if (const auto failure = WriteSdp(options, path)) {
+  const std::string sdp = SdpText(options, path);
+  if (const auto failure = WriteSdp(options, sdp)) {
     return *failure;
   }
   const auto control = ListenForOrders(options);
@@ -163,8 +194,18 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (const auto failure = CompleteFurther(options, *prepared)) {
     return *failure;
   }
+  auto announcers = OpenAnnouncers(options, path, sdp, further);
+  if (!announcers) {
+    return announcers.Error();
+  }
+  if (!options.quiet) {
+    for (const SapAnnouncer& announcer : *announcers) {
+      Print(stderr, "announced to {} about every {}\n", FormatIp(announcer.Group()),
+            FormatDuration(options.sap_interval));
+    }
+  }
   PlaySession session(options, plan, twin, MakeReader(std::move(*prepared)), std::move(further),
-                      stop_reading, control->get());
+                      std::move(*announcers), stop_reading, control->get());
   return static_cast<int>(session.Run());
 }
 

@@ -32,6 +32,11 @@ std::optional<double> ParsePlayedRate(const std::string& text) {
   return rate && *rate >= kLeast ? rate : std::nullopt;
 }
 
+std::optional<std::chrono::nanoseconds> ParseSapInterval(const std::string& text) {
+  const auto interval = ParseDuration(text);
+  return interval && *interval >= std::chrono::seconds(1) ? interval : std::nullopt;
+}
+
 // The names of RFC 4594 for code points: EF, CS0 to CS7, AF11 to AF43; or a number.
 std::optional<std::uint32_t> ParseDscp(const std::string& text) {
   constexpr std::uint32_t kExpedited = 46;
@@ -170,6 +175,10 @@ void DefineTarget(CLI::App& command, OptionBuilder& add, PlayOptions& o) {
            "Default for targets on this machine, and without the right to send frames");
   add.Value("--sdp", o.sdp, "FILE", "a file",
             "Write a session description (SDP) of the RTP stream, which players open", ParseText);
+  add.Flag("--sap", o.sap,
+           "Announce the RTP stream to its group's listeners (SAP) until the playout ends");
+  add.Value("--sap-interval", o.sap_interval, "TIME", "at least 1s", "How often it is announced",
+            ParseSapInterval, "300s");
   add.Value(
       "--device,-d", o.device, "NAME|N", "a name or a number",
       "Adapter by name or by its number in `ipplay devices`; default: the one on the route to "

@@ -45,6 +45,8 @@ struct PlayOptions {
   std::string into;            // a capture file instead
   std::vector<Place> also_to;  // further ones
   std::string sdp;             // a file that describes the RTP stream
+  bool sap = false;            // announce it
+  std::chrono::nanoseconds sap_interval{0};
   bool socket = false;
   std::string device;  // name or position; empty: by the route to the target
 

@@ -39,6 +39,10 @@ std::optional<Failure> CheckErrors(const PlayOptions& options) {
   if (!options.sdp.empty() && !options.to.rtp) {
     return UsageFailure("--sdp needs an rtp:// target");
   }
+  if (options.sap && options.vlan) {
+    return UsageFailure(
+        "--sap and --vlan exclude each other: announcements leave without a tag; give one");
+  }
   if (options.start_at && !options.into.empty()) {
     return UsageFailure("--start-at and --into exclude each other: a file has no time; give one");
   }

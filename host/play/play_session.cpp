@@ -47,11 +47,12 @@ std::string ReadFailure(int error) {
 
 PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
                          const std::optional<TwinPath>& twin, std::unique_ptr<RoundReader> reader,
-                         std::vector<Output> further, const Event& stop_reading,
-                         LineServer* control)
+                         std::vector<Output> further, std::vector<SapAnnouncer> announcers,
+                         const Event& stop_reading, LineServer* control)
     : options_(options),
       plan_(plan),
       twin_(twin),
+      announcers_(std::move(announcers)),
       stop_reading_(stop_reading),
       control_(control),
       time_line_({}),
@@ -119,6 +120,7 @@ std::optional<std::string> PlaySession::StartOutputs() {
 
 void PlaySession::Loop() {
   while (running_) {
+    Announce();
     WaitForSomething();
     if (!running_) {
       return;
@@ -130,6 +132,14 @@ void PlaySession::Loop() {
     }
     if (running_) {
       ReportWhenDue();
+    }
+  }
+}
+
+void PlaySession::Announce() {
+  for (SapAnnouncer& announcer : announcers_) {
+    if (const auto why = announcer.SendWhenDue(Clock::now())) {
+      Warn(*why);
     }
   }
 }
@@ -149,6 +159,9 @@ nanoseconds PlaySession::NextWake() const {
   nanoseconds wake = next_report_;
   if (const auto time = time_line_.NextTime()) {
     wake = std::min(wake, *time);
+  }
+  for (const SapAnnouncer& announcer : announcers_) {
+    wake = std::min<nanoseconds>(wake, announcer.Next() - start_);
   }
   if (!meter_.Started() && Now() < -kShortlyBefore) {
     wake = std::min(wake, -kShortlyBefore);  // of a start that is to come
@@ -402,6 +415,7 @@ void PlaySession::Finish(bool complete) {
     unsent_ += twin->timing->NotSent + (failed_ ? twin->timing->Discarded : 0);
   }
   meter_.End(playing_->Counters(), complete, timing_);
+  announcers_.clear();
 }
 
 void PlaySession::ReadCounters(nanoseconds now) {

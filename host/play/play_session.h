@@ -25,6 +25,7 @@
 #include "host/play/play_options.h"
 #include "host/play/play_plan.h"
 #include "host/play/playing.h"
+#include "host/play/sap.h"
 #include "host/play/status.h"
 #include "host/play/time_line.h"
 #include "host/play/timing_watch.h"
@@ -38,7 +39,7 @@ class PlaySession {
   // `stop_reading` ends a read of the input. Programs give orders on `control`, if not null.
   PlaySession(const PlayOptions& options, const PlayPlan& plan, const std::optional<TwinPath>& twin,
               std::unique_ptr<RoundReader> reader, std::vector<Output> further,
-              const Event& stop_reading, LineServer* control);
+              std::vector<SapAnnouncer> announcers, const Event& stop_reading, LineServer* control);
   ~PlaySession();
   PlaySession(const PlaySession&) = delete;
   PlaySession& operator=(const PlaySession&) = delete;
@@ -51,6 +52,7 @@ class PlaySession {
   bool Start();
   std::optional<std::string> StartOutputs();
   void Loop();
+  void Announce();
   void WaitForSomething();
   std::chrono::nanoseconds NextWake() const;
   std::chrono::nanoseconds ReportInterval() const;
@@ -99,6 +101,7 @@ class PlaySession {
   const PlayOptions& options_;
   const PlayPlan& plan_;
   const std::optional<TwinPath>& twin_;
+  std::vector<SapAnnouncer> announcers_;  // until the end of the run
   const Event& stop_reading_;
   LineServer* const control_;
   SignalEvent continued_{SIGCONT};

@@ -52,7 +52,7 @@ std::string SdpText(const PlayOptions& options, const Path& path) {
   return text + fmt::format("a=rtpmap:{} MP2T/90000\r\n", payload_type);
 }
 
-std::optional<Failure> WriteSdp(const PlayOptions& options, const Path& path) {
+std::optional<Failure> WriteSdp(const PlayOptions& options, const std::string& text) {
   if (options.sdp.empty()) {
     return std::nullopt;
   }
@@ -60,7 +60,7 @@ std::optional<Failure> WriteSdp(const PlayOptions& options, const Path& path) {
   if (!file) {
     return file.Error();
   }
-  return file->Commit(SdpText(options, path));
+  return file->Commit(text);
 }
 
 }  // namespace ipplay

@@ -16,6 +16,6 @@ namespace ipplay {
 std::string SdpText(const PlayOptions& options, const Path& path);
 
 // Writes it where --sdp says.
-std::optional<Failure> WriteSdp(const PlayOptions& options, const Path& path);
+std::optional<Failure> WriteSdp(const PlayOptions& options, const std::string& text);
 
 }  // namespace ipplay

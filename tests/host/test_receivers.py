@@ -3,12 +3,15 @@
 import os
 import select
 import socket
+import struct
 import subprocess
 import threading
 import unittest
 from collections import Counter
+from ipaddress import ip_address
 
-from playbed import FAR4, FAR6, NEAR4, SAMPLE, PlayBed, PlayCase, interrupt
+from playbed import (ETHERNET, FAR4, FAR6, IPV4, IPV6, NEAR4, NEAR6, SAMPLE, UDP, PlayBed, PlayCase, Played, interrupt,
+                     is_playout)
 from testbed import Capture, Namespace
 
 PICTURES = 60  # of the 75 of a round
@@ -18,9 +21,10 @@ BAD, GOOD = "0", "1"
 class Receiver:
     """ffmpeg in a namespace; ready, and in its group, when the object is there."""
 
-    def __init__(self, namespace, source, group=None):
+    def __init__(self, namespace, source, group=None, port=5004):
+        self.port = port
         command = ["ffmpeg", "-nostdin", "-loglevel", "error", "-progress", "pipe:1", "-protocol_whitelist",
-                   "file,udp,rtp", "-i", source, "-frames:v", str(PICTURES), "-f", "null", "-"]
+                   "file,udp,rtp,sap", "-i", source, "-frames:v", str(PICTURES), "-f", "null", "-"]
         self.process = subprocess.Popen(command, preexec_fn=namespace.enter, text=True,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         # Nothing tells when another program listens, but the kernel's tables show it.
@@ -33,7 +37,7 @@ class Receiver:
             return file.read().upper()
 
     def listens(self):
-        return any(f":{5004:04X} " in self.table(name) for name in ("udp", "udp6"))
+        return any(f":{self.port:04X} " in self.table(name) for name in ("udp", "udp6"))
 
     def joined(self, group):
         if ":" in group:
@@ -128,6 +132,84 @@ class Decoder(PlayCase):
         self.addCleanup(port.close)
         self.decode("rtp", port.ADDRESS, "--vlan", 100, "--device", "near", "--src-ip", NEAR4,
                     "--dst-mac", port.mac, namespace=port.namespace)
+
+
+class Announced(PlayCase):
+    """Session announcements (RFC 2974), and the streams that are opened by them."""
+
+    PORT, HOPS = 9875, 255
+
+    def announcements(self, played, version):
+        """Group, hops and SAP packet of each."""
+        headers = ETHERNET + (IPV4 if version == 4 else IPV6)
+        frames = [frame for frame in played.frames if struct.unpack_from(">H", frame, headers + 2)[0] == self.PORT]
+        hops, group = (22, slice(30, 34)) if version == 4 else (21, slice(38, 54))
+        return [(str(ip_address(frame[group])), frame[hops], frame[headers + UDP:]) for frame in frames]
+
+    def test_announced_to_those_whom_the_stream_reaches_and_withdrawn(self):
+        # The highest address of the scope of RFC 2365, or that of RFC 2974 for the world and for each scope of IPv6.
+        groups = {"239.1.1.1": "224.2.127.254", "232.1.1.1": "224.2.127.254", "239.255.7.1": "239.255.255.255",
+                  "239.191.0.1": "224.2.127.254", "239.192.0.1": "239.195.255.255", "239.195.1.1": "239.195.255.255",
+                  "239.196.0.1": "224.2.127.254", "224.0.0.200": "224.0.0.255", "ff3e::8000:1": "ff0e::2:7ffe",
+                  "ff15::1": "ff05::2:7ffe"}
+        identifiers = set()
+        for target, group in groups.items():
+            with self.subTest(target):
+                version = ip_address(target).version
+                host = target if version == 4 else f"[{target}]"
+                played = self.play(SAMPLE, "--to", f"rtp://{host}:5004", "--speed", "57", "--sap", "--sdp", self.path("sdp"))
+                with open(self.path("sdp"), "rb") as file:
+                    sdp = file.read()
+                (*to, first), (*to_again, last) = self.announcements(played, version)
+                self.assertEqual([to, to_again], [[group, self.HOPS]] * 2)
+                source = ip_address(NEAR4 if version == 4 else NEAR6).packed
+                identifier = first[2:4]
+                self.assertNotEqual(identifier, b"\0\0")
+                identifiers.add(identifier)
+                begin = b"\x20\x00" if version == 4 else b"\x30\x00"  # version 1, A for IPv6; no authentication
+                self.assertEqual(first, begin + identifier + source + b"application/sdp\0" + sdp)
+                origin = next(line for line in sdp.splitlines(keepends=True) if line.startswith(b"o="))
+                withdrawn = bytes([begin[0] | 0x04]) + b"\0"
+                self.assertEqual(last, withdrawn + identifier + source + b"application/sdp\0" + origin)
+        self.assertEqual(len(identifiers), len(groups))
+
+    def test_again_and_again_to_any_end_for_each_target(self):
+        self.bed.capture.begin()
+        player = self.bed.start("play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--to", "rtp://239.255.1.1:5004", "--to",
+                                f"rtp://{FAR4}:5004", "--sap", "--sap-interval", "1s", "--loop", "10", "--restamp", "--json")
+        counts = Counter()
+        while min(counts[group, 0x20] for group in ("224.2.127.254", "239.255.255.255")) < 3:
+            self.assertIsNone(player.poll(), counts)
+            self.bed.capture.drain()
+            played = Played(0, "", "", [arrival for arrival in self.bed.capture.frames if is_playout(arrival[1])])
+            counts = Counter((group, packet[0]) for group, _, packet in self.announcements(played, 4))
+        player.terminate()
+        player.communicate()
+        self.bed.capture.drain()
+        played = Played(0, "", "", [arrival for arrival in self.bed.capture.frames if is_playout(arrival[1])])
+        counts = Counter((group, packet[0]) for group, _, packet in self.announcements(played, 4))
+        self.assertEqual({key for key in counts}, {(group, kind) for group in ("224.2.127.254", "239.255.255.255")
+                                                   for kind in (0x20, 0x24)})
+        self.assertEqual([counts[group, 0x24] for group in ("224.2.127.254", "239.255.255.255")], [1, 1])
+
+    def test_opened_by_its_announcement(self):
+        receiver = Receiver(self.bed.far, "sap://", "224.2.127.254", port=self.PORT)
+        player = self.bed.start("play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--speed", "5.7", "--loop", "forever",
+                                "--restamp", "--sap", "--sap-interval", "1s")
+        pictures, complaints = receiver.result()
+        interrupt(player)
+        player.communicate()
+        self.assertEqual(pictures, PICTURES, complaints)
+
+    def test_refused_where_it_cannot_be(self):
+        for options, status, why in ((("--to", f"rtp://{FAR4}:5004"), 2, "--sap needs a multicast target"),
+                                     (("--to", "udp://239.1.1.1:5004"), 2, "--sap needs a multicast target"),
+                                     (("--to", "rtp://239.1.1.1:5004", "--into", self.path("x.pcapng")), 2,
+                                      "--sap needs a multicast target"),
+                                     (("--to", "rtp://239.1.1.1:5004", "--vlan", "5"), 2, "--sap and --vlan exclude each other")):
+            with self.subTest(options):
+                played = self.play(SAMPLE, *options, "--sap", status=status)
+                self.assertIn(why, played.errors)
 
 
 class Dissector(PlayCase):

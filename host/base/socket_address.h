@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+// An address and a port as system calls take them.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+
+#include "host/base/address.h"
+
+namespace ipplay {
+
+struct SocketAddress {
+  sockaddr_storage storage{};
+  socklen_t length = 0;
+};
+
+// `interface` is the index of the adapter, which a link-local address needs.
+SocketAddress ToSockaddr(const IpAddress& address, std::uint16_t port, unsigned interface);
+
+}  // namespace ipplay
