@@ -48,7 +48,8 @@ RestampPlan JoinList(const StreamFacts& facts) {
     const std::uint64_t before = rate.TicksOfStretch(rate.first_packet) % kPcrModulus;
     RestampPart part{.start = (rate.first_pcr + kPcrModulus - before) % kPcrModulus,
                      .pcr_pid = rate.pid,
-                     .seam = JoinPackets(rate, packets, nulls)};
+                     .seam = JoinPackets(rate, packets, nulls),
+                     .tables = listed.facts.tables};
     // Those at the start take no time.
     const auto at_end = std::count_if(
         part.seam.begin(), part.seam.end(),

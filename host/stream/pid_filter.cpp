@@ -12,14 +12,6 @@
 namespace ipplay {
 namespace {
 
-constexpr std::size_t kVersionByte = 5;
-
-// Version and current_next_indicator: ISO/IEC 13818-1, 2.4.4.5.
-std::uint8_t WithVersion(std::uint8_t byte, unsigned added) {
-  const unsigned version = ((byte >> 1) + added) & 0x1F;
-  return static_cast<std::uint8_t>((byte & 0xC1) | version << 1);
-}
-
 // The counter stands still in packets without payload, and here it never goes on.
 void KeepOnlyPcr(std::uint8_t* packet, std::uint64_t pcr) {
   constexpr std::uint8_t kAdaptationOnly = 183;

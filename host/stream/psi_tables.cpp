@@ -14,10 +14,7 @@ using measure::LoadBe16;
 using measure::Section;
 
 constexpr std::uint16_t kLengthMask = 0x0FFF;
-constexpr std::uint8_t kPatTable = 0;
-constexpr std::uint8_t kPmtTable = 2;
 constexpr std::uint8_t kCaDescriptor = 9;  // ISO/IEC 13818-1, 2.6.16
-constexpr std::size_t kCrcBytes = 4;
 constexpr std::size_t kLongHeader = 8;
 constexpr std::size_t kPmtHeader = 12;
 constexpr std::size_t kStreamHeader = 5;
@@ -32,7 +29,7 @@ std::uint8_t Low(std::uint16_t value) {
 // In force, and with what each table has.
 bool IsTable(Section section, std::uint8_t table, std::size_t header) {
   return section.size() >= header + kCrcBytes && section[0] == table &&
-         measure::IsIntact(section) && (section[5] & 1) != 0;
+         measure::IsIntact(section) && (section[kVersionByte] & 1) != 0;
 }
 
 void ForEachKeyPidIn(Section descriptors, const std::function<void(std::uint16_t)>& key) {
@@ -45,6 +42,15 @@ void ForEachKeyPidIn(Section descriptors, const std::function<void(std::uint16_t
 }
 
 }  // namespace
+
+std::uint8_t VersionOf(std::uint8_t byte) {
+  return (byte >> 1) & 0x1F;
+}
+
+std::uint8_t WithVersion(std::uint8_t byte, unsigned added) {
+  const unsigned version = (VersionOf(byte) + added) % kVersions;
+  return static_cast<std::uint8_t>((byte & 0xC1) | version << 1);
+}
 
 std::span<const std::uint8_t> PayloadOf(std::uint8_t* packet) {
   if (!ts_has_payload(packet)) {

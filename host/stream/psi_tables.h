@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -16,6 +17,16 @@ namespace ipplay {
 
 inline constexpr std::uint16_t kPatPid = 0;
 inline constexpr std::uint16_t kPidMask = 0x1FFF;
+inline constexpr std::uint8_t kPatTable = 0;
+inline constexpr std::uint8_t kPmtTable = 2;
+inline constexpr std::size_t kCrcBytes = 4;
+
+// Of a section: version_number with current_next_indicator.
+inline constexpr std::size_t kVersionByte = 5;
+inline constexpr unsigned kVersions = 32;
+std::uint8_t VersionOf(std::uint8_t byte);
+// The version counted on, modulo 32.
+std::uint8_t WithVersion(std::uint8_t byte, unsigned added);
 
 std::span<const std::uint8_t> PayloadOf(std::uint8_t* packet);
 

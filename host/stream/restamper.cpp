@@ -91,7 +91,11 @@ std::vector<SeamPacket> JoinPackets(const PcrRate& rate, std::uint64_t packets,
 }
 
 Restamper::Restamper(PacketFormat format, RestampPlan plan)
-    : format_(format), plan_(std::move(plan)), offset_(plan_.start_offset % kPcrModulus) {}
+    : format_(format), plan_(std::move(plan)), offset_(plan_.start_offset % kPcrModulus) {
+  if (!plan_.parts.empty()) {
+    versions_.Join(plan_.parts.front().tables);
+  }
+}
 
 bool Restamper::Run(std::span<std::uint8_t> packets, const Emit& emit) {
   std::size_t handed_on = 0;
@@ -164,6 +168,7 @@ void Restamper::StartNextRound() {
   } else {
     const RestampPart& last = plan_.parts[part_];
     part_ = (part_ + 1) % plan_.parts.size();
+    versions_.Join(plan_.parts[part_].tables);
     offset_ += (last.start + last.ticks) % kPcrModulus + kPcrModulus - plan_.parts[part_].start;
   }
   offset_ %= kPcrModulus;
@@ -177,6 +182,7 @@ void Restamper::Restamp(std::uint8_t* packet) {
   if (!ts_validate(ts) || ts_get_transporterror(ts)) {
     return;
   }
+  versions_.Rewrite(ts);  // by the counters of the stream itself
   RestampCounter(ts);
   RestampClock(ts);
   RestampPes(ts);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Makes the rounds of a looped stream one stream: the clocks (PCR, PTS, DTS and the arrival time
-// of 192-byte packets) and the continuity counters run on where a round starts again.
+// of 192-byte packets) and the continuity counters run on where a round starts again, and the
+// versions of PAT and PMTs where other streams follow.
 #pragma once
 
 #include <array>
@@ -12,6 +13,8 @@
 
 #include "host/stream/packet_format.h"
 #include "host/stream/pcr_rate.h"
+#include "host/stream/stream_tables.h"
+#include "host/stream/table_versions.h"
 
 namespace ipplay {
 
@@ -27,6 +30,7 @@ struct RestampPart {
   std::uint64_t ticks = 0;  // that it lasts
   std::uint16_t pcr_pid = 0;
   std::vector<SeamPacket> seam{};  // in order
+  StreamTables tables{};           // its own
 };
 
 struct RestampPlan {
@@ -99,6 +103,7 @@ class Restamper {
   std::uint64_t packet_ = 0;          // index in the round of the next packet
   std::size_t next_seam_packet_ = 0;  // in Seam()
   std::vector<std::uint8_t> made_;    // the last inserted packet
+  TableVersions versions_;
   bool first_round_ = true;
   std::array<Counter, 8192> counters_{};
 };

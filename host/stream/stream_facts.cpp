@@ -47,6 +47,7 @@ class PacketWalker {
       const std::uint8_t* packet = packets.data() + at + format_.SyncOffset();
       meter_.Add(packets_, packet);
       times_.Add(packet);
+      tables_.Add(packet);
       ++packets_;
       ++looked_at_;
       if (ts_get_pid(packet) == kNullPid) {
@@ -59,6 +60,7 @@ class PacketWalker {
   void SkipTo(std::uint64_t index) {
     meter_.Skip();
     times_.Skip();
+    tables_.Skip();
     packets_ = index;
   }
 
@@ -68,6 +70,7 @@ class PacketWalker {
   }
   const PcrRateMeter& meter() const { return meter_; }
   const PesTimes& times() const { return times_; }
+  const StreamTables& tables() const { return tables_.Found(); }
   const StreamFilter& filter() const { return filter_; }
 
  private:
@@ -76,6 +79,7 @@ class PacketWalker {
   PacketFormat format_;
   PcrRateMeter meter_;
   PesTimes times_;
+  TableCollector tables_;
   std::uint64_t packets_ = 0;
   std::uint64_t looked_at_ = 0;
   std::uint64_t nulls_ = 0;
@@ -305,6 +309,7 @@ Result<StreamFacts> Examine(Input& input, const ExamineOptions& options) {
   facts.rate = walker.meter().Rate(options.pcr_pid);
   facts.null_share = walker.NullShare();
   facts.content_ticks = walker.times().Ticks();
+  facts.tables = walker.tables();
   return facts;
 }
 

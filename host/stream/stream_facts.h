@@ -14,6 +14,7 @@
 #include "host/stream/packet_sync.h"
 #include "host/stream/pcr_rate.h"
 #include "host/stream/stream_filter.h"
+#include "host/stream/stream_tables.h"
 #include "host/stream/time_window.h"
 
 namespace ipplay {
@@ -34,6 +35,7 @@ struct StreamFacts {
   bool live = false;                // comes at its own pace
   std::optional<TimeSpan> window{};          // of a pipe, to be found as it comes
   FilterOrder filter{};                      // what of it is played
+  StreamTables tables{};                     // of what is played
   std::optional<DatagramFacts> datagrams{};  // of a capture
   std::vector<ListedStream> list;            // streams that are played in a row, as one; or none
 

@@ -9,10 +9,15 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import termios
 import unittest
+from itertools import groupby
 
-from playbed import SAMPLE, PlayCase, make_stream, packets, read_file, wait_until_sending
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "measure"))
+
+from frames import crc32_mpeg  # noqa: E402
+from playbed import SAMPLE, PlayCase, make_stream, packets, read_file, wait_until_sending  # noqa: E402
 
 PLAYED, FAILED, USAGE = 0, 1, 2
 TARGET = ("--to", "udp://239.1.1.1:5004")
@@ -254,6 +259,42 @@ class Lists(PlayCase):
                         if pid != 0x1FFF:
                             wanted[pid] = wanted.get(pid, 0) + rounds * (packet[3] >> 4 & 1)
                 self.assertEqual(counts, wanted)
+
+    def tables(self, stream):
+        """Version and content of the PATs and PMTs (ISO/IEC 13818-1, 2.4.4), those of one kind in a row once."""
+        found, sections, pmt_pid = {0: [], 2: []}, {}, None
+        for packet in stream:
+            pid = (packet[1] & 31) << 8 | packet[2]
+            if pid not in (0, pmt_pid):
+                continue
+            begun = b"" if packet[1] & 0x40 else sections[pid]
+            section = sections[pid] = begun + packet[4 if begun else 5:]
+            length = 3 + (int.from_bytes(section[1:3], "big") & 0xFFF)
+            if len(section) < length:
+                continue
+            self.assertEqual(crc32_mpeg(section[:length]), 0)
+            if pid == 0:
+                pmt_pid = int.from_bytes(section[10:12], "big") & 0x1FFF
+            found[section[0]].append((section[5] >> 1 & 31, section[:5] + section[6:length - 4]))
+        return [[table for table, _ in groupby(tables)] for tables in found.values()]
+
+    def test_tables_that_change_have_new_versions(self):
+        """Only those: of a table whose version stays a receiver keeps what it has read."""
+        own = {}
+        for name, more in (("first", {"video": ("-c:v", "libx264", "-preset", "ultrafast")}), ("codec", {}),
+                           ("long", {"options": ("-mpegts_pmt_start_pid", "0x1100", "-map", "0:v", *("-map", "1:a") * 45)}),
+                           ("version", {"options": ("-tables_version", "5")})):
+            make_stream(self.path(name), *more.pop("options", ()), seconds=0.4, rate=5_000_000, **more)
+            own[name] = [tables[0][1] for tables in self.tables(packets(read_file(self.path(name))))]
+        self.assertGreater(len(own["long"][1]), 184)  # more than a packet's payload
+        wrapping = [n % 32 for n in range(34)]
+        for names, rounds, pats, pmts in (("first first", 2, [0] * 4, [0] * 4), ("first codec", 2, [0] * 4, [0, 1, 2, 3]),
+                                          ("first version", 2, [0, 5] * 2, [0, 5] * 2), ("first long", 17, wrapping, wrapping)):
+            with self.subTest(names):
+                names = names.split()
+                played = self.play_list(*map(self.path, names), "--loop", rounds)
+                wanted = [zip(versions, [own[name][kind] for name in names * rounds]) for kind, versions in enumerate((pats, pmts))]
+                self.assertEqual(self.tables(packet for _, packet in played), [[table for table, _ in groupby(each)] for each in wanted])
 
 
 class Pipes(PlayCase):
