@@ -205,7 +205,7 @@ class Senders:
         ]
 
     def multicats(self, count, megabits, seconds):
-        stream = self.material.stream(megabits, seconds + 2)
+        stream = self.material.stream(megabits, seconds + 10)  # hundreds take seconds to start
         return [
             "sh",
             "-c",
