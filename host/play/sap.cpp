@@ -2,7 +2,6 @@
 #include "host/play/sap.h"
 
 #include <fmt/format.h>
-#include <net/if.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -33,22 +32,6 @@ std::uint16_t MessageId(std::string_view sdp) {
 std::string_view OriginLine(std::string_view sdp) {
   const std::size_t begin = sdp.find("o=");
   return sdp.substr(begin, sdp.find('\n', begin) + 1 - begin);
-}
-
-template <typename Value>
-bool SetOption(int fd, int level, int name, const Value& value) {
-  return ::setsockopt(fd, level, name, &value, sizeof value) == 0;
-}
-
-bool SendsThrough(int fd, unsigned interface, bool is_v6) {
-  if (is_v6) {
-    return SetOption(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, interface) &&
-           SetOption(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, kHops);
-  }
-  ip_mreqn by_index{};
-  by_index.imr_ifindex = static_cast<int>(interface);
-  return SetOption(fd, IPPROTO_IP, IP_MULTICAST_IF, by_index) &&
-         SetOption(fd, IPPROTO_IP, IP_MULTICAST_TTL, kHops);
 }
 
 const IpAddress& GroupOf(const PlayOptions& options) {
@@ -102,38 +85,26 @@ Result<SapAnnouncer> SapAnnouncer::Open(const PlayOptions& options, const Path& 
                    fmt::format("--sap: {} has no IPv{} address to announce from; give it one",
                                path.adapter.name, group.is_v6 ? 6 : 4)};
   }
-  const unsigned interface = ::if_nametoindex(path.adapter.name.c_str());
-  FileDescriptor socket(
-      ::socket(group.is_v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  const SocketAddress from = ToSockaddr(*path.source, 0, interface);
-  if (!socket.IsOpen() || !SendsThrough(socket.Get(), interface, group.is_v6) ||
-      ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&from.storage), from.length) != 0) {
+  auto socket = GroupSocket::Open(path.adapter.name, *path.source, group, kPort, kHops);
+  if (!socket) {
     return Failure{ExitStatus::kFailed,
                    fmt::format("--sap: cannot announce through {} from {}: {}", path.adapter.name,
                                FormatIp(*path.source), std::strerror(errno))};
   }
-  SapAnnouncer announcer(std::move(socket), group, interface, options.sap_interval);
+  SapAnnouncer announcer(*std::move(socket), group, options.sap_interval);
   announcer.announcement_ = SapPacket(*path.source, sdp, false);
   announcer.deletion_ = SapPacket(*path.source, sdp, true);
   return announcer;
 }
 
-SapAnnouncer::SapAnnouncer(FileDescriptor socket, const IpAddress& group, unsigned interface,
+SapAnnouncer::SapAnnouncer(GroupSocket socket, const IpAddress& group,
                            std::chrono::nanoseconds interval)
-    : socket_(std::move(socket)),
-      group_(group),
-      to_(ToSockaddr(group, kPort, interface)),
-      interval_(interval) {}
+    : socket_(std::move(socket)), group_(group), interval_(interval) {}
 
 SapAnnouncer::~SapAnnouncer() {
   if (socket_.IsOpen() && announced_) {
-    Send(deletion_);
+    socket_.Send(deletion_);
   }
-}
-
-bool SapAnnouncer::Send(const std::vector<std::uint8_t>& packet) const {
-  return ::sendto(socket_.Get(), packet.data(), packet.size(), 0,
-                  reinterpret_cast<const sockaddr*>(&to_.storage), to_.length) >= 0;
 }
 
 std::optional<std::string> SapAnnouncer::SendWhenDue(Clock::time_point now) {
@@ -143,7 +114,7 @@ std::optional<std::string> SapAnnouncer::SendWhenDue(Clock::time_point now) {
   // A third of the interval to either side (section 3.1), so that announcers do not keep step.
   std::uniform_real_distribution<double> share(2.0 / 3, 4.0 / 3);
   next_ = now + std::chrono::duration_cast<Clock::duration>(interval_ * share(random_));
-  if (Send(announcement_)) {
+  if (socket_.Send(announcement_)) {
     announced_ = true;
     return std::nullopt;
   }

@@ -11,9 +11,8 @@
 #include <vector>
 
 #include "host/base/address.h"
-#include "host/base/file_descriptor.h"
+#include "host/base/group_socket.h"
 #include "host/base/result.h"
-#include "host/base/socket_address.h"
 #include "host/library/path.h"
 #include "host/play/play_options.h"
 
@@ -48,14 +47,10 @@ class SapAnnouncer {
   std::optional<std::string> SendWhenDue(Clock::time_point now);
 
  private:
-  SapAnnouncer(FileDescriptor socket, const IpAddress& group, unsigned interface,
-               std::chrono::nanoseconds interval);
+  SapAnnouncer(GroupSocket socket, const IpAddress& group, std::chrono::nanoseconds interval);
 
-  bool Send(const std::vector<std::uint8_t>& packet) const;
-
-  FileDescriptor socket_;
+  GroupSocket socket_;
   IpAddress group_;
-  SocketAddress to_;
   std::chrono::nanoseconds interval_;
   std::vector<std::uint8_t> announcement_, deletion_;
   std::minstd_rand random_{std::random_device()()};
