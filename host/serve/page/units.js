@@ -95,9 +95,11 @@ export function formatBytes(bytes) {
   return `${significant(bytes, 3)} ${names[step]}`;
 }
 
-const kTime = new Intl.DateTimeFormat(undefined,
+// Whatever the browser's language: times and dates as everywhere else in ipplay, of which Sweden has the form.
+const kForm = "sv-SE";
+const kTime = new Intl.DateTimeFormat(kForm,
   {hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23"});
-const kDate = new Intl.DateTimeFormat(undefined,
+const kDate = new Intl.DateTimeFormat(kForm,
   {year: "numeric", month: "2-digit", day: "2-digit", hour: "2-digit", minute: "2-digit",
     second: "2-digit", hourCycle: "h23"});
 
