@@ -150,6 +150,43 @@ Result<std::vector<SapAnnouncer>> OpenAnnouncers(const PlayOptions& options, con
   return {std::move(announcers)};
 }
 
+void IntroduceAnnouncers(const PlayOptions& options, const std::vector<SapAnnouncer>& announcers) {
+  for (const SapAnnouncer& announcer : announcers) {
+    if (!options.quiet) {
+      Print(stderr, "announced to {} about every {}\n", FormatIp(announcer.Group()),
+            FormatDuration(options.sap_interval));
+    }
+  }
+}
+
+// What has been prepared leaves.
+Result<int> Perform(const PlayOptions& options, Prepared& prepared, const Event& stop_reading) {
+  auto& [path, facts, plan, input, further, twin, then] = prepared;
+  if (const auto failure = CompletePath(options, path, plan)) {
+    return *failure;
+  }
+  const std::string sdp = SdpText(options, path);
+  if (const auto failure = WriteSdp(options, sdp)) {
+    return *failure;
+  }
+  const auto control = ListenForOrders(options);
+  if (!control) {
+    return control.Error();
+  }
+  Introduce(options, facts, plan, path.adapter);
+  if (const auto failure = CompleteFurther(options, prepared)) {
+    return *failure;
+  }
+  auto announcers = OpenAnnouncers(options, path, sdp, further);
+  if (!announcers) {
+    return announcers.Error();
+  }
+  IntroduceAnnouncers(options, *announcers);
+  PlaySession session(options, plan, twin, MakeReader(std::move(prepared)), std::move(further),
+                      std::move(*announcers), stop_reading, control->get());
+  return static_cast<int>(session.Run());
+}
+
 Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (auto failure = CheckFiles(app, options)) {
     return *std::move(failure);
@@ -166,7 +203,7 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   if (!prepared) {
     return prepared.Error();
   }
-  auto& [path, facts, plan, input, further, twin, then] = *prepared;
+  const PlayPlan& plan = prepared->plan;
   // So that the file repeats this run.
   if (!options.seed && plan.by_schedule) {
     app.get_subcommand("play")->get_option("--seed")->add_result(
@@ -179,34 +216,7 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
     PrintDryRun(options, *prepared);
     return static_cast<int>(ExitStatus::kPlayed);
   }
-  if (const auto failure = CompletePath(options, path, plan)) {
-    return *failure;
-  }
-  const std::string sdp = SdpText(options, path);
-  if (const auto failure = WriteSdp(options, sdp)) {
-    return *failure;
-  }
-  const auto control = ListenForOrders(options);
-  if (!control) {
-    return control.Error();
-  }
-  Introduce(options, facts, plan, path.adapter);
-  if (const auto failure = CompleteFurther(options, *prepared)) {
-    return *failure;
-  }
-  auto announcers = OpenAnnouncers(options, path, sdp, further);
-  if (!announcers) {
-    return announcers.Error();
-  }
-  if (!options.quiet) {
-    for (const SapAnnouncer& announcer : *announcers) {
-      Print(stderr, "announced to {} about every {}\n", FormatIp(announcer.Group()),
-            FormatDuration(options.sap_interval));
-    }
-  }
-  PlaySession session(options, plan, twin, MakeReader(std::move(*prepared)), std::move(further),
-                      std::move(*announcers), stop_reading, control->get());
-  return static_cast<int>(session.Run());
+  return Perform(options, *prepared, stop_reading);
 }
 
 }  // namespace
