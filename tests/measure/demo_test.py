@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """ipplay demo: what it says is so, and whatever ends it, nothing of it is left."""
 
+import glob
 import json
 import os
 import select
@@ -72,11 +73,24 @@ class Demo(unittest.TestCase):
                 self.assertIn("Playing", demo.stdout.readline())
                 player = self.wait_for_child(demo)
                 demo.send_signal(number)
-                self.assertTrue(select.select([player], [], [], 20)[0], "the player plays on")
+                ended = select.select([player], [], [], 20)[0]
+                self.assertTrue(ended, "the player plays on" if ended else self.threads_of(demo))
                 os.close(player)
                 demo.communicate()
                 if number != signal.SIGKILL:  # of what was measured so far
                     self.assertEqual(os.listdir(os.path.dirname(self.report)), ["report.html"])
+
+    @staticmethod
+    def threads_of(demo):
+        """Where each thread of the demo and its children is, and which signals wait for it."""
+        with open(f"/proc/{demo.pid}/task/{demo.pid}/children", encoding="ascii") as file:
+            processes = [str(demo.pid), *file.read().split()]
+        lines = ["the player plays on"]
+        for task in (task for process in processes for task in glob.glob(f"/proc/{process}/task/*")):
+            with open(f"{task}/status", encoding="ascii") as status, open(f"{task}/wchan", encoding="ascii") as place:
+                known = [line.strip() for line in status if line.startswith(("Name", "State", "SigPnd", "ShdPnd", "SigBlk"))]
+                lines.append(" ".join([task, *known, place.read()]))
+        return "\n".join(lines)
 
     def wait_for_child(self, demo):
         """A descriptor of the player, which is the one child that stays."""
