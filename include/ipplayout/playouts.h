@@ -304,7 +304,7 @@ int IpPlayoutPause(IpPlayout* playout, uint32_t pause);
 int IpPlayoutStop(IpPlayout* playout);
 
 // Orders something to be done, from IpPlayoutConfigure on: before the start, too. Up to 4,096 wait
-// at a time; a stop forgets them.
+// at a time; a stop forgets them. IPPLAYOUT_ENDED where no datagram follows that could be hit.
 int IpPlayoutOrderFault(IpPlayout* playout, const IpPlayoutOrder* order);
 
 // The same, from the next datagram on.

@@ -344,7 +344,7 @@ void Script::Damage(Slot& slot) {
   slot.plain.store(false);
   const std::uint32_t kind = OneOf(input_, kKinds);
   Check(IpPlayoutDamage(slot.playout, kind, OneOf(input_, kCounts)),
-        {IPPLAYOUT_BAD_VALUE, IPPLAYOUT_BAD_STATE}, "Damage");
+        {IPPLAYOUT_BAD_VALUE, IPPLAYOUT_BAD_STATE, IPPLAYOUT_ENDED}, "Damage");
 }
 
 void Script::Step() {
