@@ -73,7 +73,7 @@ class FrameRing {
   }
   std::size_t Free() const { return Capacity() - (filled_.load() - released_.load()); }
 
-  const std::size_t frames_;  // no power of two: hundreds of rings are nearly all of the memory
+  const std::size_t frames_;  // not rounded up, for hundreds of rings are most of what a host takes
   const std::size_t stride_;
   const platform::Pages slots_;
 

@@ -131,8 +131,9 @@ void ScheduleTransmitter::Request(ScheduledStream& stream) {
 // By a thread of the host's: the transmitter has given up the right to enter the real-time class.
 void ScheduleTransmitter::AdaptToLoad() {
   const bool gathers = !is_virtual_ && (precise_streams_ == 0 || streams_ > kMostPreciseStreams);
-  gathers_.store(gathers);
-  any_precise_.store(precise_streams_ > 0);
+  waits_.store(!gathers               ? Waits::kExact
+               : precise_streams_ > 0 ? Waits::kGatheredPrecise
+                                      : Waits::kGathered);
   const double rate = frames_per_second_.load();
   UseRealTime(!is_virtual_ && rate * kFrameWork < kMostWork &&
               (gathers || rate * kShortestRest < 1));
@@ -150,7 +151,7 @@ void ScheduleTransmitter::Run() {
     if (!heap_.empty() && MayGo() && heap_.front()->turn <= LatestDue(now)) {
       SendDue(now);
     } else {
-      Wait();
+      Wait(now);
     }
   }
 }
@@ -294,7 +295,7 @@ void ScheduleTransmitter::AcknowledgeRemoval(ScheduledStream& stream) {
   stream.removed.Set();
 }
 
-void ScheduleTransmitter::Wait() {
+void ScheduleTransmitter::Wait(Time now) {
   if (stamps_.Outstanding() > 0) {
     stamps_.Read();
   }
@@ -305,11 +306,11 @@ void ScheduleTransmitter::Wait() {
     short_wake_ups_.reset();
   }
   Time spin = target;
-  if (gathers_.load(std::memory_order_relaxed)) {
+  const Waits waits = waits_.load(std::memory_order_relaxed);
+  if (waits != Waits::kExact) {
     target = std::max(target, last_wake_ + kGathering);
-    const Time rest = target - waiter_->Now();
-    spin =
-        any_precise_.load(std::memory_order_relaxed) && rest >= kLongRest ? rest / 4 : Time::zero();
+    const Time rest = target - now;
+    spin = waits == Waits::kGatheredPrecise && rest >= kLongRest ? rest / 4 : Time::zero();
   }
   waiter_->WaitUntilInterrupted(target, spin);
   last_wake_ = waiter_->Now();

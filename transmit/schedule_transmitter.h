@@ -57,6 +57,13 @@ class ScheduleTransmitter final : public OsaThread {
   void Stop() override;
 
  private:
+  // What is spun through at the end of a wait.
+  enum class Waits {
+    kExact,            // all of it that is not slept through safely
+    kGatheredPrecise,  // part of a long one
+    kGathered,         // nothing
+  };
+
   // A frame that is being sent, or a place without one.
   struct Taken {
     ScheduledStream* stream = nullptr;
@@ -80,7 +87,7 @@ class ScheduleTransmitter final : public OsaThread {
   void AcknowledgeRemoval(ScheduledStream& stream);
   void GiveUpUntilRemoved(ScheduledStream& stream);
   void AdaptToLoad() IPPLAYOUT_REQUIRES(changes_mutex_);
-  void Wait();
+  void Wait(Time now);
 
   void SendDue(Time now);
   void Collect(Time now);
@@ -108,8 +115,7 @@ class ScheduleTransmitter final : public OsaThread {
   std::size_t streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
   std::size_t precise_streams_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;
   std::size_t giving_up_ IPPLAYOUT_GUARDED_BY(changes_mutex_) = 0;  // removals that do
-  std::atomic<bool> gathers_{false};  // these three stored under the mutex
-  std::atomic<bool> any_precise_{false};
+  std::atomic<Waits> waits_{Waits::kExact};  // these two stored under the mutex
   std::atomic<double> frames_per_second_{0};
 
   // The rest is the thread's own.

@@ -53,9 +53,9 @@ class SteppedWaiter final : public platform::DeadlineWaiter {
   }
   // How much of the wait for its next frame the thread spins through. Once.
   nanoseconds Spin() {
+    auto spin = spin_.get_future();
     passes_ = 2;
     Interrupt();
-    auto spin = spin_.get_future();
     return Returns(spin) ? spin.get() : nanoseconds(-1);
   }
 
