@@ -7,13 +7,10 @@
 
 #include <utility>
 
+#include "host/base/socket_option.h"
+
 namespace ipplay {
 namespace {
-
-template <typename Value>
-bool SetOption(int fd, int level, int name, const Value& value) {
-  return ::setsockopt(fd, level, name, &value, sizeof value) == 0;
-}
 
 bool SendsThrough(int fd, unsigned interface, bool is_v6, int hops) {
   if (is_v6) {
@@ -35,7 +32,7 @@ std::optional<GroupSocket> GroupSocket::Open(const std::string& adapter, const I
       ::socket(group.is_v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const SocketAddress from = ToSockaddr(source, 0, interface);
   if (interface == 0 || !fd.IsOpen() || !SendsThrough(fd.Get(), interface, group.is_v6, hops) ||
-      ::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&from.storage), from.length) != 0) {
+      ::bind(fd.Get(), from.Get(), from.length) != 0) {
     return std::nullopt;
   }
   return GroupSocket(std::move(fd), ToSockaddr(group, port, interface));
@@ -45,8 +42,7 @@ GroupSocket::GroupSocket(FileDescriptor fd, const SocketAddress& to)
     : fd_(std::move(fd)), to_(to) {}
 
 bool GroupSocket::Send(std::span<const std::uint8_t> datagram) const {
-  return ::sendto(fd_.Get(), datagram.data(), datagram.size(), 0,
-                  reinterpret_cast<const sockaddr*>(&to_.storage), to_.length) >= 0;
+  return ::sendto(fd_.Get(), datagram.data(), datagram.size(), 0, to_.Get(), to_.length) >= 0;
 }
 
 }  // namespace ipplay

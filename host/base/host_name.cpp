@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <memory>
 
 #include "host/base/numbers.h"
+#include "host/base/socket_address.h"
 
 namespace ipplay {
 namespace {
@@ -66,17 +66,7 @@ std::optional<IpAddress> AddressOfHost(const std::string& host) {
       if (entry->ai_family != family) {
         continue;
       }
-      IpAddress address{.is_v6 = family == AF_INET6};
-      if (address.is_v6) {
-        sockaddr_in6 socket{};
-        std::memcpy(&socket, entry->ai_addr, sizeof socket);
-        std::memcpy(address.bytes.data(), &socket.sin6_addr, sizeof socket.sin6_addr);
-      } else {
-        sockaddr_in socket{};
-        std::memcpy(&socket, entry->ai_addr, sizeof socket);
-        std::memcpy(address.bytes.data(), &socket.sin_addr, sizeof socket.sin_addr);
-      }
-      return address;
+      return FromSockaddr(entry->ai_addr);
     }
   }
   return std::nullopt;

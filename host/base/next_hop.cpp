@@ -19,6 +19,8 @@
 #include <span>
 
 #include "host/base/file_descriptor.h"
+#include "host/base/socket_address.h"
+#include "host/base/socket_option.h"
 
 namespace ipplay {
 namespace {
@@ -194,15 +196,9 @@ bool SendDatagram(const IpAddress& neighbour, unsigned interface) {
   constexpr std::uint16_t kDiscardPort = 9;
   const FileDescriptor sender(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const std::uint32_t index = htonl(interface);
-  sockaddr_in6 receiver{};
-  receiver.sin6_family = AF_INET6;
-  receiver.sin6_port = htons(kDiscardPort);
-  receiver.sin6_scope_id = neighbour.IsLinkLocal() ? interface : 0;
-  std::memcpy(&receiver.sin6_addr, neighbour.bytes.data(), kAddressBytes);
-  return sender.IsOpen() &&
-         ::setsockopt(sender.Get(), IPPROTO_IPV6, IPV6_UNICAST_IF, &index, sizeof index) == 0 &&
-         ::sendto(sender.Get(), nullptr, 0, MSG_DONTWAIT,
-                  reinterpret_cast<const sockaddr*>(&receiver), sizeof receiver) == 0;
+  const SocketAddress receiver = ToSockaddr(neighbour, kDiscardPort, interface);
+  return sender.IsOpen() && SetOption(sender.Get(), IPPROTO_IPV6, IPV6_UNICAST_IF, index) &&
+         ::sendto(sender.Get(), nullptr, 0, MSG_DONTWAIT, receiver.Get(), receiver.length) == 0;
 }
 
 std::optional<MacAddress> Resolve(Kernel& kernel, const IpAddress& neighbour, unsigned interface) {

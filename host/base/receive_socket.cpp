@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "host/base/socket_address.h"
+#include "host/base/socket_option.h"
 
 namespace ipplay {
 namespace {
@@ -22,38 +23,12 @@ constexpr int kKernelBuffer = 8 << 20;
 // Linux has it since 4.20; its headers here may be older.
 constexpr int kIpv6MulticastAll = 29;
 
-bool IsFrom(const IpAddress& source, const sockaddr_storage& sender) {
-  if (source.is_v6) {
-    sockaddr_in6 v6{};
-    std::memcpy(&v6, &sender, sizeof v6);
-    return std::memcmp(&v6.sin6_addr, source.bytes.data(), sizeof v6.sin6_addr) == 0;
-  }
-  sockaddr_in v4{};
-  std::memcpy(&v4, &sender, sizeof v4);
-  return std::memcmp(&v4.sin_addr, source.bytes.data(), sizeof v4.sin_addr) == 0;
-}
-
-template <typename Value>
-bool SetOption(int fd, int level, int name, const Value& value) {
-  return ::setsockopt(fd, level, name, &value, sizeof value) == 0;
-}
-
 // Without the "all" options a socket gets what any other process has joined, too.
 bool Join(int fd, const Endpoint& from, unsigned interface) {
   const int level = from.address.is_v6 ? IPPROTO_IPV6 : IPPROTO_IP;
   const int off = 0;
   SetOption(fd, level, from.address.is_v6 ? kIpv6MulticastAll : IP_MULTICAST_ALL, off);
-  if (from.source) {
-    group_source_req request{};
-    request.gsr_interface = interface;
-    request.gsr_group = ToSockaddr(from.address, 0, interface).storage;
-    request.gsr_source = ToSockaddr(*from.source, 0, interface).storage;
-    return SetOption(fd, level, MCAST_JOIN_SOURCE_GROUP, request);
-  }
-  group_req request{};
-  request.gr_interface = interface;
-  request.gr_group = ToSockaddr(from.address, 0, interface).storage;
-  return SetOption(fd, level, MCAST_JOIN_GROUP, request);
+  return JoinGroup(fd, interface, from.address, from.source);
 }
 
 Failure CannotReceive(const Endpoint& from, const char* what) {
@@ -101,7 +76,7 @@ Result<ReceiveSocket> ReceiveSocket::Open(const Endpoint& from, const std::strin
     return CannotReceive(from, "use the adapter for");
   }
   const SocketAddress own = ToSockaddr(from.address, from.port, index);
-  if (::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&own.storage), own.length) != 0) {
+  if (::bind(fd.Get(), own.Get(), own.length) != 0) {
     return CannotReceive(from, "receive at");
   }
   if (from.address.IsMulticast() && !Join(fd.Get(), from, index)) {
@@ -142,7 +117,8 @@ std::span<const ReceiveSocket::Datagram> ReceiveSocket::Receive() {
         dropped_ = dropped;
       }
     }
-    if (!from_.source || IsFrom(*from_.source, buffers_->senders[i])) {
+    if (!from_.source ||
+        FromSockaddr(reinterpret_cast<const sockaddr*>(&buffers_->senders[i])) == from_.source) {
       datagrams_.push_back(datagram);
     }
   }

@@ -24,4 +24,25 @@ SocketAddress ToSockaddr(const IpAddress& address, std::uint16_t port, unsigned 
   return result;
 }
 
+std::optional<IpAddress> FromSockaddr(const sockaddr* address) {
+  if (address == nullptr) {
+    return std::nullopt;
+  }
+  IpAddress ip;
+  if (address->sa_family == AF_INET) {
+    sockaddr_in v4{};
+    std::memcpy(&v4, address, sizeof v4);
+    std::memcpy(ip.bytes.data(), &v4.sin_addr, sizeof v4.sin_addr);
+    return ip;
+  }
+  if (address->sa_family == AF_INET6) {
+    sockaddr_in6 v6{};
+    std::memcpy(&v6, address, sizeof v6);
+    ip.is_v6 = true;
+    std::memcpy(ip.bytes.data(), &v6.sin6_addr, sizeof v6.sin6_addr);
+    return ip;
+  }
+  return std::nullopt;
+}
+
 }  // namespace ipplay

@@ -9,40 +9,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/base/socket_option.h"
+
 namespace ipplay::measure {
 namespace {
 
-sockaddr_storage SocketAddress(const IpAddress& address) {
-  sockaddr_storage storage{};
-  if (address.is_v6) {
-    auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-    v6->sin6_family = AF_INET6;
-    std::memcpy(&v6->sin6_addr, address.bytes.data(), sizeof v6->sin6_addr);
-  } else {
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-    v4->sin_family = AF_INET;
-    std::memcpy(&v4->sin_addr, address.bytes.data(), sizeof v4->sin_addr);
-  }
-  return storage;
-}
-
 // 0, or the errno of what failed.
 int JoinOn(const FileDescriptor& socket, unsigned adapter_index, const GroupSource& group) {
-  const int level = group.group.is_v6 ? IPPROTO_IPV6 : IPPROTO_IP;
-  int result = 0;
-  if (group.source) {
-    group_source_req request{};
-    request.gsr_interface = adapter_index;
-    request.gsr_group = SocketAddress(group.group);
-    request.gsr_source = SocketAddress(*group.source);
-    result = ::setsockopt(socket.Get(), level, MCAST_JOIN_SOURCE_GROUP, &request, sizeof request);
-  } else {
-    group_req request{};
-    request.gr_interface = adapter_index;
-    request.gr_group = SocketAddress(group.group);
-    result = ::setsockopt(socket.Get(), level, MCAST_JOIN_GROUP, &request, sizeof request);
-  }
-  return result == 0 ? 0 : errno;
+  const bool joined = JoinGroup(socket.Get(), adapter_index, group.group, group.source);
+  return joined ? 0 : errno;
 }
 
 }  // namespace
