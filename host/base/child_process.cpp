@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <optional>
 
 #include "host/base/memory_file.h"
+#include "host/base/stop_signals.h"
 
 namespace ipplay {
 
@@ -23,6 +25,9 @@ bool ChildProcess::Start(std::vector<std::string> words, const std::function<boo
   }
   arguments.push_back(nullptr);
   const pid_t parent = ::getpid();
+  // A signal to the child is for the program that it becomes: this one's handler would take it, and
+  // the program would not know of it.
+  std::optional<StopSignals::HeldBack> held_back(std::in_place);
   process_ = ::fork();
   if (process_ < 0) {
     return false;
@@ -31,6 +36,8 @@ bool ChildProcess::Start(std::vector<std::string> words, const std::function<boo
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() == parent && prepare() && ::dup2(output_.Get(), 1) == 1 &&
         ::dup2(output_.Get(), 2) == 2) {
+      StopSignals::Forget();
+      held_back.reset();
       ::execv("/proc/self/exe", arguments.data());
     }
     ::_exit(EXIT_FAILURE);

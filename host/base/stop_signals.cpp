@@ -67,6 +67,16 @@ void StopSignals::Take() {
   }
 }
 
+void StopSignals::Forget() {
+  for (const int signal : kSignals) {
+    struct sigaction action {};
+    ::sigaction(signal, nullptr, &action);
+    if (action.sa_handler == OnSignal) {
+      ::signal(signal, SIG_DFL);
+    }
+  }
+}
+
 int StopSignals::Came() {
   return wish.load(std::memory_order_relaxed);
 }

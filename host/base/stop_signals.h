@@ -21,7 +21,11 @@ class StopSignals {
   // Readable from the wish on; never to be read from.
   static int Fd();
 
-  // Threads that are started meanwhile get none of these signals.
+  // In a child made by fork, for the program that it becomes: as before Take.
+  static void Forget();
+
+  // Threads that are started meanwhile get none of these signals, nor do children; what comes is
+  // delivered afterwards.
   class HeldBack {
    public:
     HeldBack();
