@@ -22,8 +22,6 @@ class GroupSocket {
 
   // Does not wait. False with errno.
   bool Send(std::span<const std::uint8_t> datagram) const;
-  // False once it has been moved away.
-  bool IsOpen() const { return fd_.IsOpen(); }
 
  private:
   GroupSocket(FileDescriptor fd, const SocketAddress& to);

@@ -121,39 +121,36 @@ std::optional<Failure> CompleteFurther(const PlayOptions& options, Prepared& pre
   return std::nullopt;
 }
 
-// Of all targets that can be announced.
-Result<std::vector<SapAnnouncer>> OpenAnnouncers(const PlayOptions& options, const Path& path,
-                                                 const std::string& sdp,
-                                                 const std::vector<Output>& further) {
-  std::vector<SapAnnouncer> announcers;
-  std::optional<Failure> failure;
-  const auto open = [&](const PlayOptions& of, const Path& way, const std::string& text) {
-    if (!SapAnnouncer::IsFor(of) || failure) {
-      return;
-    }
-    if (auto announcer = SapAnnouncer::Open(of, way, text)) {
-      announcers.push_back(std::move(*announcer));
-    } else {
-      failure = announcer.Error();
-    }
-  };
-  open(options, path, sdp);
-  for (const Output& output : further) {
-    open(output.options, output.path, SdpText(output.options, output.path));
+// Of all targets, those that are announced.
+std::vector<std::pair<const PlayOptions*, const Path*>> Announced(const PlayOptions& options,
+                                                                  const Prepared& prepared) {
+  std::vector<std::pair<const PlayOptions*, const Path*>> targets{{&options, &prepared.path}};
+  for (const Output& output : prepared.further) {
+    targets.emplace_back(&output.options, &output.path);
   }
-  if (failure) {
-    return *std::move(failure);
-  }
-  if (options.sap && announcers.empty()) {
-    return UsageFailure("--sap needs a multicast target that is sent, as in rtp://239.1.1.1:5004");
+  std::erase_if(targets, [](const auto& target) { return !SapAnnouncer::IsFor(*target.first); });
+  return targets;
+}
+
+// `sdp` is what describes the first target.
+Result<SapAnnouncers> OpenAnnouncers(const PlayOptions& options, const Prepared& prepared,
+                                     const std::string& sdp) {
+  SapAnnouncers announcers;
+  for (const auto& [target, path] : Announced(options, prepared)) {
+    auto announcer =
+        SapAnnouncer::Open(*target, *path, target == &options ? sdp : SdpText(*target, *path));
+    if (!announcer) {
+      return announcer.Error();
+    }
+    announcers.push_back(std::move(*announcer));
   }
   return {std::move(announcers)};
 }
 
-void IntroduceAnnouncers(const PlayOptions& options, const std::vector<SapAnnouncer>& announcers) {
-  for (const SapAnnouncer& announcer : announcers) {
+void IntroduceAnnouncers(const PlayOptions& options, const SapAnnouncers& announcers) {
+  for (const auto& announcer : announcers) {
     if (!options.quiet) {
-      Print(stderr, "announced to {} about every {}\n", FormatIp(announcer.Group()),
+      Print(stderr, "announced to {} about every {}\n", FormatIp(announcer->Group()),
             FormatDuration(options.sap_interval));
     }
   }
@@ -162,10 +159,14 @@ void IntroduceAnnouncers(const PlayOptions& options, const std::vector<SapAnnoun
 // What has been prepared leaves.
 Result<int> Perform(const PlayOptions& options, Prepared& prepared, const Event& stop_reading) {
   auto& [path, facts, plan, input, further, twin, then] = prepared;
+  const std::string sdp = SdpText(options, path);
+  auto announcers = OpenAnnouncers(options, prepared, sdp);
+  if (!announcers) {
+    return announcers.Error();
+  }
   if (const auto failure = CompletePath(options, path, plan)) {
     return *failure;
   }
-  const std::string sdp = SdpText(options, path);
   if (const auto failure = WriteSdp(options, sdp)) {
     return *failure;
   }
@@ -176,10 +177,6 @@ Result<int> Perform(const PlayOptions& options, Prepared& prepared, const Event&
   Introduce(options, facts, plan, path.adapter);
   if (const auto failure = CompleteFurther(options, prepared)) {
     return *failure;
-  }
-  auto announcers = OpenAnnouncers(options, path, sdp, further);
-  if (!announcers) {
-    return announcers.Error();
   }
   IntroduceAnnouncers(options, *announcers);
   PlaySession session(options, plan, twin, MakeReader(std::move(prepared)), std::move(further),
@@ -202,6 +199,9 @@ Result<int> Play(CLI::App& app, const PlayOptions& options) {
   }();
   if (!prepared) {
     return prepared.Error();
+  }
+  if (options.sap && Announced(options, *prepared).empty()) {
+    return UsageFailure("--sap needs a multicast target that is sent, as in rtp://239.1.1.1:5004");
   }
   const PlayPlan& plan = prepared->plan;
   // So that the file repeats this run.

@@ -47,7 +47,7 @@ std::string ReadFailure(int error) {
 
 PlaySession::PlaySession(const PlayOptions& options, const PlayPlan& plan,
                          const std::optional<TwinPath>& twin, std::unique_ptr<RoundReader> reader,
-                         std::vector<Output> further, std::vector<SapAnnouncer> announcers,
+                         std::vector<Output> further, SapAnnouncers announcers,
                          const Event& stop_reading, LineServer* control)
     : options_(options),
       plan_(plan),
@@ -137,8 +137,8 @@ void PlaySession::Loop() {
 }
 
 void PlaySession::Announce() {
-  for (SapAnnouncer& announcer : announcers_) {
-    if (const auto why = announcer.SendWhenDue(Clock::now())) {
+  for (const auto& announcer : announcers_) {
+    if (const auto why = announcer->SendWhenDue(Clock::now())) {
       Warn(*why);
     }
   }
@@ -160,8 +160,8 @@ nanoseconds PlaySession::NextWake() const {
   if (const auto time = time_line_.NextTime()) {
     wake = std::min(wake, *time);
   }
-  for (const SapAnnouncer& announcer : announcers_) {
-    wake = std::min<nanoseconds>(wake, announcer.Next() - start_);
+  for (const auto& announcer : announcers_) {
+    wake = std::min<nanoseconds>(wake, announcer->Next() - start_);
   }
   if (!meter_.Started() && Now() < -kShortlyBefore) {
     wake = std::min(wake, -kShortlyBefore);  // of a start that is to come

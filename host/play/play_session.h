@@ -39,7 +39,7 @@ class PlaySession {
   // `stop_reading` ends a read of the input. Programs give orders on `control`, if not null.
   PlaySession(const PlayOptions& options, const PlayPlan& plan, const std::optional<TwinPath>& twin,
               std::unique_ptr<RoundReader> reader, std::vector<Output> further,
-              std::vector<SapAnnouncer> announcers, const Event& stop_reading, LineServer* control);
+              SapAnnouncers announcers, const Event& stop_reading, LineServer* control);
   ~PlaySession();
   PlaySession(const PlaySession&) = delete;
   PlaySession& operator=(const PlaySession&) = delete;
@@ -101,7 +101,7 @@ class PlaySession {
   const PlayOptions& options_;
   const PlayPlan& plan_;
   const std::optional<TwinPath>& twin_;
-  std::vector<SapAnnouncer> announcers_;  // until the end of the run
+  SapAnnouncers announcers_;  // until the end of the run
   const Event& stop_reading_;
   LineServer* const control_;
   SignalEvent continued_{SIGCONT};

@@ -38,8 +38,8 @@ const IpAddress& GroupOf(const PlayOptions& options) {
   return options.dst_ip ? *options.dst_ip : options.to.address;
 }
 
-}  // namespace
-
+// Where streams to this group are announced: what is announced goes no further than the stream
+// (section 3).
 IpAddress SapGroup(const IpAddress& group) {
   if (group.is_v6) {
     const std::uint8_t scope = group.bytes[1] & 0x0F;
@@ -58,6 +58,7 @@ IpAddress SapGroup(const IpAddress& group) {
   return {false, {224, 2, 127, 254}};
 }
 
+// What is sent: the description, or that it holds no longer (section 6).
 std::vector<std::uint8_t> SapPacket(const IpAddress& source, std::string_view sdp, bool deletion) {
   const std::uint16_t id = MessageId(sdp);
   const std::uint8_t kind = (source.is_v6 ? kIsV6 : 0) | (deletion ? kIsDeletion : 0);
@@ -73,12 +74,14 @@ std::vector<std::uint8_t> SapPacket(const IpAddress& source, std::string_view sd
   return packet;
 }
 
+}  // namespace
+
 bool SapAnnouncer::IsFor(const PlayOptions& options) {
   return options.sap && options.to.rtp && options.into.empty() && GroupOf(options).IsMulticast();
 }
 
-Result<SapAnnouncer> SapAnnouncer::Open(const PlayOptions& options, const Path& path,
-                                        const std::string& sdp) {
+Result<std::unique_ptr<SapAnnouncer>> SapAnnouncer::Open(const PlayOptions& options,
+                                                         const Path& path, const std::string& sdp) {
   const IpAddress group = SapGroup(GroupOf(options));
   if (!path.source) {
     return Failure{ExitStatus::kNoAccess,
@@ -91,18 +94,20 @@ Result<SapAnnouncer> SapAnnouncer::Open(const PlayOptions& options, const Path& 
                    fmt::format("--sap: cannot announce through {} from {}: {}", path.adapter.name,
                                FormatIp(*path.source), std::strerror(errno))};
   }
-  SapAnnouncer announcer(*std::move(socket), group, options.sap_interval);
-  announcer.announcement_ = SapPacket(*path.source, sdp, false);
-  announcer.deletion_ = SapPacket(*path.source, sdp, true);
-  return announcer;
+  return std::unique_ptr<SapAnnouncer>(
+      new SapAnnouncer(*std::move(socket), group, *path.source, sdp, options.sap_interval));
 }
 
-SapAnnouncer::SapAnnouncer(GroupSocket socket, const IpAddress& group,
-                           std::chrono::nanoseconds interval)
-    : socket_(std::move(socket)), group_(group), interval_(interval) {}
+SapAnnouncer::SapAnnouncer(GroupSocket socket, const IpAddress& group, const IpAddress& source,
+                           const std::string& sdp, std::chrono::nanoseconds interval)
+    : socket_(std::move(socket)),
+      group_(group),
+      interval_(interval),
+      announcement_(SapPacket(source, sdp, false)),
+      deletion_(SapPacket(source, sdp, true)) {}
 
 SapAnnouncer::~SapAnnouncer() {
-  if (socket_.IsOpen() && announced_) {
+  if (announced_) {
     socket_.Send(deletion_);
   }
 }

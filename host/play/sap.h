@@ -4,10 +4,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "host/base/address.h"
@@ -18,13 +18,6 @@
 
 namespace ipplay {
 
-// Where streams to this group are announced: what is announced goes no further than the stream
-// (section 3).
-IpAddress SapGroup(const IpAddress& group);
-
-// What is sent: the description, or with `deletion` that it holds no longer (section 6).
-std::vector<std::uint8_t> SapPacket(const IpAddress& source, std::string_view sdp, bool deletion);
-
 // Announces one target at once, then every --sap-interval or so, until it is destroyed: then the
 // announcement is withdrawn. Used by one thread.
 class SapAnnouncer {
@@ -34,11 +27,11 @@ class SapAnnouncer {
   // Whether the options ask for it, and the target is one that can be announced.
   static bool IsFor(const PlayOptions& options);
   // `sdp` is the description of that target.
-  static Result<SapAnnouncer> Open(const PlayOptions& options, const Path& path,
-                                   const std::string& sdp);
+  static Result<std::unique_ptr<SapAnnouncer>> Open(const PlayOptions& options, const Path& path,
+                                                    const std::string& sdp);
 
-  SapAnnouncer(SapAnnouncer&&) = default;
-  SapAnnouncer& operator=(SapAnnouncer&&) = delete;
+  SapAnnouncer(const SapAnnouncer&) = delete;
+  SapAnnouncer& operator=(const SapAnnouncer&) = delete;
   ~SapAnnouncer();
 
   const IpAddress& Group() const { return group_; }
@@ -47,16 +40,19 @@ class SapAnnouncer {
   std::optional<std::string> SendWhenDue(Clock::time_point now);
 
  private:
-  SapAnnouncer(GroupSocket socket, const IpAddress& group, std::chrono::nanoseconds interval);
+  SapAnnouncer(GroupSocket socket, const IpAddress& group, const IpAddress& source,
+               const std::string& sdp, std::chrono::nanoseconds interval);
 
-  GroupSocket socket_;
-  IpAddress group_;
-  std::chrono::nanoseconds interval_;
-  std::vector<std::uint8_t> announcement_, deletion_;
+  const GroupSocket socket_;
+  const IpAddress group_;
+  const std::chrono::nanoseconds interval_;
+  const std::vector<std::uint8_t> announcement_, deletion_;
   std::minstd_rand random_{std::random_device()()};
-  Clock::time_point next_ = Clock::now();
+  Clock::time_point next_{};  // at once
   bool announced_ = false;
   bool complained_ = false;
 };
+
+using SapAnnouncers = std::vector<std::unique_ptr<SapAnnouncer>>;
 
 }  // namespace ipplay
