@@ -5,24 +5,17 @@ import numpy
 
 def gap_errors(times, gap):
     """How far each gap is from the nominal one: percentiles of the magnitude."""
-    errors = numpy.abs(numpy.diff(times) - gap) / 1000
-    return {
-        "p50": percentile(errors, 50),
-        "p99": percentile(errors, 99),
-        "p99.9": percentile(errors, 99.9),
-        "max": float(errors.max()),
-    }
+    return spread(numpy.abs(numpy.diff(times) - gap) / 1000)
 
 
 def gap_errors_by_stream(times, streams, gap):
     """The same over the gaps within each stream."""
-    errors = numpy.concatenate([numpy.abs(numpy.diff(part) - gap) / 1000 for part in by_stream(times, streams)])
-    return {
-        "p50": percentile(errors, 50),
-        "p99": percentile(errors, 99),
-        "p99.9": percentile(errors, 99.9),
-        "max": float(errors.max()),
-    }
+    return spread(numpy.concatenate([numpy.abs(numpy.diff(part) - gap) / 1000 for part in by_stream(times, streams)]))
+
+
+def spread(errors):
+    shares = {"p50": 50, "p99": 99, "p99.9": 99.9}
+    return {**{name: percentile(errors, share) for name, share in shares.items()}, "max": float(errors.max())}
 
 
 def by_stream(values, streams):

@@ -136,10 +136,11 @@ class Bed:
     @contextmanager
     def both_paths(self):
         """While it lasts what comes on either path is seen on a bridge, too, which passes nothing on from one to the other."""
-        port = "ip link set dev {0} master {1} && bridge link set dev {0} isolated on && ip link set dev {0} up"
-        ports = " && ".join(port.format(device, self.BOTH) for device in (self.FAR, self.FAR_TWO))
-        bridge = f"ip link add {self.BOTH} type bridge mcast_snooping 0 && ip link set {self.BOTH} up && {ports}"
-        subprocess.run([*self.far, "sh", "-c", bridge], check=True)
+        commands = [f"ip link add {self.BOTH} type bridge mcast_snooping 0", f"ip link set dev {self.BOTH} up"]
+        for port in (self.FAR, self.FAR_TWO):
+            commands += [f"ip link set dev {port} master {self.BOTH}", f"bridge link set dev {port} isolated on"]
+        for command in commands:
+            subprocess.run([*self.far, *command.split()], check=True)
         try:
             yield
         finally:

@@ -17,7 +17,6 @@ from table import Table
 PACKET = 188
 PER_DATAGRAM = 7
 PCR_HZ = 27_000_000
-PCR_WRAP = (1 << 33) * 300
 TWIN_GROUP = "239.1.2.4"
 
 
@@ -38,13 +37,10 @@ def arrival_errors(arrivals, due):
     return numpy.abs(late - numpy.median(late))
 
 
-def spread(errors):
-    return {**{name: analysis.percentile(errors, float(name[1:])) for name in ("p50", "p99", "p99.9")}, "max": float(errors.max())}
-
-
 def slope_ppm(due, late):
     """Of a line through nearly all points: a frame that the machine held up says nothing of the rate."""
-    kept = numpy.abs(late - numpy.median(late)) < 3 * numpy.percentile(numpy.abs(late - numpy.median(late)), 75)
+    apart = numpy.abs(late - numpy.median(late))
+    kept = apart < 3 * numpy.percentile(apart, 75)
     return numpy.polyfit(due[kept], late[kept], 1)[0] * 1e6
 
 
@@ -82,7 +78,7 @@ class ScheduleRows:
             missing = math.ceil(len(stream) / PER_DATAGRAM / PACKET) - len(recording.times)
             assert 0 <= missing <= (20 if name == "multicat" else 0), f"{name} lost {missing}"
             came = datagrams < len(recording.times)
-            return {**spread(arrival_errors(recording.times[datagrams[came]], due[came])), "cpu": cpu}
+            return {**analysis.spread(arrival_errors(recording.times[datagrams[came]], due[came])), "cpu": cpu}
 
         target = f"{GROUP}:{PORT}"
         play = [self.senders.ipplay_program, "play", path, "--device", self.bed.NEAR, "--quiet", "--to", f"rtp://{target}"]
@@ -98,7 +94,7 @@ class ScheduleRows:
         def measure(name, argv):
             recording, cpu = self.record_whole(argv)
             assert len(recording.times) == len(gaps) + 1, f"{name} lost some"
-            return {**spread(numpy.abs(numpy.diff(recording.times) - gaps) / 1000), "cpu": cpu}
+            return {**analysis.spread(numpy.abs(numpy.diff(recording.times) - gaps) / 1000), "cpu": cpu}
 
         replay = [self.senders.ipplay_program, "play", path, "--timing", "capture", "--to", f"rtp://{GROUP}:{PORT}"]
         replay += ["--device", self.bed.NEAR, "--quiet"]

@@ -86,10 +86,11 @@ class Demo(unittest.TestCase):
         with open(f"/proc/{demo.pid}/task/{demo.pid}/children", encoding="ascii") as file:
             processes = [str(demo.pid), *file.read().split()]
         lines = ["the player plays on"]
-        for task in (task for process in processes for task in glob.glob(f"/proc/{process}/task/*")):
-            with open(f"{task}/status", encoding="ascii") as status, open(f"{task}/wchan", encoding="ascii") as place:
-                known = [line.strip() for line in status if line.startswith(("Name", "State", "SigPnd", "ShdPnd", "SigBlk"))]
-                lines.append(" ".join([task, *known, place.read()]))
+        for process in processes:
+            for task in glob.glob(f"/proc/{process}/task/*"):
+                with open(f"{task}/status", encoding="ascii") as status, open(f"{task}/wchan", encoding="ascii") as place:
+                    known = [line.strip() for line in status if line.startswith(("Name", "State", "SigPnd", "ShdPnd", "SigBlk"))]
+                    lines.append(" ".join([task, *known, place.read()]))
         return "\n".join(lines)
 
     def wait_for_child(self, demo):
