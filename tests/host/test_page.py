@@ -238,6 +238,7 @@ class Page(PageCase):
 
         self.until("document.querySelector('.report:not([hidden])')")
         report = self.text(".report")
+        self.assertRegex(report, r"from\s+20\d\d-\d\d-\d\d \d\d:\d\d:\d\d\b")  # not as the browser's language has it
         self.assertRegex(report, r"outcome\s+stopped")
         self.assertRegex(report, r"faults ordered while it played\s+3\b")
         asked = self.browser.execute_script("return performance.getEntriesByType('resource').map(one => one.name)")

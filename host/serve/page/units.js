@@ -95,7 +95,7 @@ export function formatBytes(bytes) {
   return `${significant(bytes, 3)} ${names[step]}`;
 }
 
-// Whatever the browser's language: times and dates as everywhere else in ipplay, of which Sweden has the form.
+// Dates as everywhere else in ipplay, which is how Sweden writes them, whatever the browser's language.
 const kForm = "sv-SE";
 const kTime = new Intl.DateTimeFormat(kForm,
   {hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23"});
