@@ -33,8 +33,10 @@ std::optional<double> ParsePlayedRate(const std::string& text) {
 }
 
 std::optional<std::chrono::nanoseconds> ParseSapInterval(const std::string& text) {
+  constexpr std::chrono::seconds kLeast{1};
+  constexpr std::chrono::hours kMost{24};
   const auto interval = ParseDuration(text);
-  return interval && *interval >= std::chrono::seconds(1) ? interval : std::nullopt;
+  return interval && *interval >= kLeast && *interval <= kMost ? interval : std::nullopt;
 }
 
 // The names of RFC 4594 for code points: EF, CS0 to CS7, AF11 to AF43; or a number.
@@ -177,7 +179,7 @@ void DefineTarget(CLI::App& command, OptionBuilder& add, PlayOptions& o) {
             "Write a session description (SDP) of the RTP stream, which players open", ParseText);
   add.Flag("--sap", o.sap,
            "Announce the RTP stream to its group's listeners (SAP) until the playout ends");
-  add.Value("--sap-interval", o.sap_interval, "TIME", "at least 1s", "How often it is announced",
+  add.Value("--sap-interval", o.sap_interval, "TIME", "1s to 24h", "How often it is announced",
             ParseSapInterval, "300s");
   add.Value(
       "--device,-d", o.device, "NAME|N", "a name or a number",
