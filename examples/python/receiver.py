@@ -28,7 +28,8 @@ class Counts:
     repaired: int = 0
     late: int = 0  # came when their place had been given up
     reordered: int = 0
-    jitter: float = 0.0  # seconds, RFC 3550, 6.4.1
+    jitter: float = 0.0  # seconds, RFC 3550, 6.4.1: mostly of the last dozen packets
+    deviation: float = 0.0  # seconds, the mean over all packets of what that running estimate takes up
 
 
 class Receiver:
@@ -136,5 +137,7 @@ class Receiver:
     def _measure(self, timestamp: int, arrival: float) -> None:
         transit = arrival - timestamp / CLOCK
         if self._transit is not None:
-            self.counts.jitter += (abs(transit - self._transit) - self.counts.jitter) / 16
+            deviation = abs(transit - self._transit)
+            self.counts.jitter += (deviation - self.counts.jitter) / 16
+            self.counts.deviation += (deviation - self.counts.deviation) / (self.counts.received - 1)
         self._transit = transit

@@ -7,6 +7,8 @@ from __future__ import annotations
 
 import pathlib
 from collections.abc import Callable
+from itertools import pairwise
+from statistics import mean
 
 import pytest
 from ipplayout import Did, Measurement, Playout
@@ -82,15 +84,16 @@ def test_delay(player: Player, receiver: Receiver, stream: pathlib.Path, distanc
 
 
 def test_jitter(player: Player, receiver: Receiver, stream: pathlib.Path) -> None:
-    with player(bit_rate=RATE, seed=5, **JITTER) as p:
+    with player(bit_rate=RATE, ledger=2000, seed=5, **JITTER) as p:
         p.play(stream)
         receiver.receive()
         p.wait()
-        planned = p.statistics().jitter
+        due = [frame.due_ns / 1e9 for frame in p.ledger()]
     assert receiver.payload == stream.read_bytes()
-    # The machine can add to what was ordered, not take from it.
-    assert planned > 100e-6
-    assert receiver.counts.jitter > planned / 2
+    ordered = mean(abs(after - before - DATAGRAM * 8 / RATE) for before, after in pairwise(due))
+    assert ordered > 100e-6
+    # A busy machine adds to what was ordered. Of so many packets it can't take half away.
+    assert receiver.counts.deviation > ordered / 2
 
 
 def can_be_repaired(number: int, lost: set[int]) -> bool:
