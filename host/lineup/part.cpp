@@ -5,16 +5,47 @@
 
 #include "host/base/name_hash.h"
 #include "host/base/numbers.h"
+#include "host/base/text.h"
 
 namespace ipplay {
 namespace {
 
 using Count = std::optional<std::uint64_t>;
 
-Count NumberOf(const Environment& environment, const char* name) {
-  const char* const text = environment(name);
-  return text == nullptr ? std::nullopt : ParseNumber(text, 0, UINT32_MAX);
-}
+// What a scheduler has set, and the first thing about it that cannot be.
+class JobVariables {
+ public:
+  explicit JobVariables(const Environment& environment) : environment_(environment) {}
+
+  Count Number(const char* name) {
+    const char* const text = environment_(name);
+    if (text == nullptr) {
+      return std::nullopt;
+    }
+    const Count number = ParseNumber(text, 0, UINT32_MAX);
+    if (!number) {
+      Refuse(fmt::format("{} is {}, not a whole number", name, Quoted(text)));
+    }
+    return number.value_or(0);
+  }
+  // One part for several processes would play each of its channels several times.
+  void RefuseTasksWithin(const char* outer, const char* tasks) {
+    if (const Count count = Number(tasks); count && *count > 1) {
+      Refuse(fmt::format("{} is one part, and {} says that {} processes have it", outer, tasks,
+                         *count));
+    }
+  }
+  void Refuse(std::string why) {
+    if (!mistake_) {
+      mistake_ = UsageFailure(fmt::format("--part: {}; give K/N", why));
+    }
+  }
+  const std::optional<Failure>& Mistake() const { return mistake_; }
+
+ private:
+  const Environment& environment_;
+  std::optional<Failure> mistake_;
+};
 
 // Counted from 0.
 struct Place {
@@ -22,34 +53,53 @@ struct Place {
   Count of;
 };
 
-std::optional<Place> PlaceInJob(const Environment& environment) {
-  const auto number = [&environment](const char* name) { return NumberOf(environment, name); };
-  if (const auto task = number("SLURM_ARRAY_TASK_ID")) {
-    const std::uint64_t first = number("SLURM_ARRAY_TASK_MIN").value_or(0);
-    const std::uint64_t step = number("SLURM_ARRAY_TASK_STEP").value_or(1);
-    return Place{*task < first || step == 0 ? UINT64_MAX : (*task - first) / step,
-                 number("SLURM_ARRAY_TASK_COUNT")};
+Place PlaceInArray(std::uint64_t task, JobVariables& job) {
+  const std::uint64_t first = job.Number("SLURM_ARRAY_TASK_MIN").value_or(0);
+  const std::uint64_t step = job.Number("SLURM_ARRAY_TASK_STEP").value_or(1);
+  if (task < first || step == 0 || (task - first) % step != 0) {
+    job.Refuse(fmt::format("SLURM_ARRAY_TASK_ID {} is not among those from {} in steps of {}", task,
+                           first, step));
+    return {};
   }
-  if (const auto index = number("JOB_COMPLETION_INDEX")) {
+  job.RefuseTasksWithin("SLURM_ARRAY_TASK_ID", "SLURM_STEP_NUM_TASKS");
+  job.RefuseTasksWithin("SLURM_ARRAY_TASK_ID", "OMPI_COMM_WORLD_SIZE");
+  return {(task - first) / step, job.Number("SLURM_ARRAY_TASK_COUNT")};
+}
+
+std::optional<Place> PlaceInJob(JobVariables& job) {
+  if (const auto task = job.Number("SLURM_ARRAY_TASK_ID")) {
+    return PlaceInArray(*task, job);
+  }
+  if (const auto index = job.Number("JOB_COMPLETION_INDEX")) {
+    job.RefuseTasksWithin("JOB_COMPLETION_INDEX", "OMPI_COMM_WORLD_SIZE");
     return Place{*index, std::nullopt};
   }
-  if (const auto rank = number("OMPI_COMM_WORLD_RANK")) {
-    return Place{*rank, number("OMPI_COMM_WORLD_SIZE")};
+  if (const auto rank = job.Number("OMPI_COMM_WORLD_RANK")) {
+    return Place{*rank, job.Number("OMPI_COMM_WORLD_SIZE")};
   }
-  if (const auto rank = number("SLURM_PROCID")) {
+  if (const auto rank = job.Number("SLURM_PROCID")) {
     // Of the step; the job may have more.
-    const Count of_step = number("SLURM_STEP_NUM_TASKS");
-    return Place{*rank, of_step ? of_step : number("SLURM_NTASKS")};
+    const Count of_step = job.Number("SLURM_STEP_NUM_TASKS");
+    return Place{*rank, of_step ? of_step : job.Number("SLURM_NTASKS")};
   }
   return std::nullopt;
 }
 
 Result<Part> PartOfJob(Count of, const Environment& environment) {
-  const auto place = PlaceInJob(environment);
+  JobVariables job(environment);
+  const auto place = PlaceInJob(job);
+  if (job.Mistake()) {
+    return *job.Mistake();
+  }
   if (!place) {
     return UsageFailure(
         "--part: auto needs SLURM_ARRAY_TASK_ID, JOB_COMPLETION_INDEX, OMPI_COMM_WORLD_RANK or "
         "SLURM_PROCID in the environment; give K/N");
+  }
+  if (of && place->of && *of != *place->of) {
+    return UsageFailure(fmt::format(
+        "--part: auto/{} contradicts the environment, which says {} parts; give auto or K/N", *of,
+        *place->of));
   }
   const Count parts = of ? of : place->of;
   if (!parts) {

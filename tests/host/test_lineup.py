@@ -342,6 +342,13 @@ class Parts(Files):
         path = self.write("empty.toml", "")
         for environment, part, valid in (
                 ({"SLURM_ARRAY_TASK_ID": "12", "SLURM_ARRAY_TASK_MIN": "10", "SLURM_ARRAY_TASK_COUNT": "3"}, "auto", True),
+                ({"SLURM_ARRAY_TASK_ID": "2", "SLURM_ARRAY_TASK_STEP": "4", "SLURM_ARRAY_TASK_COUNT": "4"}, "auto", False),
+                ({"SLURM_ARRAY_TASK_ID": "x", "SLURM_PROCID": "0", "SLURM_NTASKS": "1"}, "auto", False),
+                ({"SLURM_ARRAY_TASK_ID": "4294967296", "SLURM_PROCID": "0", "SLURM_NTASKS": "1"}, "auto", False),
+                ({"SLURM_ARRAY_TASK_ID": "3", "SLURM_ARRAY_TASK_MIN": "3", "SLURM_ARRAY_TASK_COUNT": "1"}, "auto/8", False),
+                ({"SLURM_ARRAY_TASK_ID": "0", "SLURM_ARRAY_TASK_COUNT": "2", "SLURM_STEP_NUM_TASKS": "4"}, "auto", False),
+                ({"SLURM_ARRAY_TASK_ID": "0", "SLURM_ARRAY_TASK_COUNT": "2", "SLURM_STEP_NUM_TASKS": "1"}, "auto/2", True),
+                ({"JOB_COMPLETION_INDEX": "0", "OMPI_COMM_WORLD_SIZE": "2"}, "auto/4", False),
                 ({"SLURM_PROCID": "1", "SLURM_NTASKS": "2"}, "auto", True),
                 ({"SLURM_PROCID": "1", "SLURM_NTASKS": "2", "SLURM_STEP_NUM_TASKS": "1"}, "auto", False),
                 ({"OMPI_COMM_WORLD_RANK": "2", "OMPI_COMM_WORLD_SIZE": "2"}, "auto", False),
