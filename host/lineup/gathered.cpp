@@ -70,7 +70,7 @@ void TakeChannels(Gathered& gathered) {
                            [&](const Json& a, const Json& b) { return badness(a) > badness(b); });
 }
 
-std::optional<Failure> FindMissingChannels(const std::string& file, Gathered& gathered) {
+std::optional<Failure> CompareChannels(const std::string& file, Gathered& gathered) {
   const auto lineup = ReadLineup(file);
   if (!lineup) {
     return lineup.Error();
@@ -84,10 +84,11 @@ std::optional<Failure> FindMissingChannels(const std::string& file, Gathered& ga
     there.insert(TextAt(channel, "/name"));
   }
   for (const PlannedChannel& planned : lineup->channels) {
-    if (!there.contains(planned.order.name)) {
+    if (there.erase(planned.order.name) == 0) {
       gathered.missing_channels.push_back(planned.order.name);
     }
   }
+  gathered.foreign_channels.assign(there.begin(), there.end());
   return std::nullopt;
 }
 
@@ -99,6 +100,48 @@ std::string Unfinished(const PartResult& part) {
   return fmt::format("part {} died{}: last heard of {} ago", part.part.Text(), where,
                      FormatDuration(std::chrono::floor<std::chrono::seconds>(
                          WallClockNow() - nanoseconds(*part.updated_ns))));
+}
+
+// Its first run, if that broke off.
+std::int64_t BeganAt(const PartResult& part) {
+  return part.broken_runs.empty() ? part.started_ns.value_or(0)
+                                  : part.broken_runs.front().started_ns;
+}
+
+// A result that was left in the folder by an earlier run looks as good as one of this run. Parts
+// of one run overlap, but for one that was played again for the same start.
+void FindEarlierRuns(const Gathered& gathered, std::vector<std::string>& wrong) {
+  const auto last = std::ranges::max_element(gathered.parts, {}, BeganAt);
+  for (const PartResult& part : gathered.parts) {
+    const std::int64_t before = BeganAt(*last) - part.updated_ns.value_or(BeganAt(*last));
+    const bool has_same_start = part.start_at_ns && part.start_at_ns == last->start_at_ns;
+    if (part.outcome != "running" && before > kDeadAfterNs && !has_same_start) {
+      wrong.push_back(fmt::format(
+          "part {} ended {} before part {} began: it is of an earlier run", part.part.Text(),
+          FormatDuration(std::chrono::floor<std::chrono::seconds>(nanoseconds(before))),
+          last->part.Text()));
+    }
+  }
+}
+
+void FindChannelsTwice(const Gathered& gathered, std::vector<std::string>& wrong) {
+  std::map<std::string, std::int64_t> seen;
+  for (const Json& channel : gathered.channels) {
+    const std::int64_t part = NumberAt(channel, "/part").value_or(0);
+    const std::string name = TextAt(channel, "/name");
+    if (const auto [other, is_new] = seen.emplace(name, part); !is_new && other->second != part) {
+      wrong.push_back(fmt::format("{} is in both part {} and part {}", name,
+                                  std::min(other->second, part), std::max(other->second, part)));
+    }
+  }
+}
+
+void FindFailedParts(const Gathered& gathered, std::vector<std::string>& wrong) {
+  for (const PartResult& part : gathered.parts) {
+    if (part.outcome == "failed" && std::ranges::none_of(part.channels, HasFailed)) {
+      wrong.push_back(fmt::format("part {} failed on {}", part.part.Text(), part.machine));
+    }
+  }
 }
 
 }  // namespace
@@ -120,7 +163,7 @@ Result<Gathered> ReadParts(const std::string& folder, const std::string& lineup)
   FindMissingParts(gathered);
   TakeChannels(gathered);
   if (!lineup.empty()) {
-    if (const auto failure = FindMissingChannels(lineup, gathered)) {
+    if (const auto failure = CompareChannels(lineup, gathered)) {
       return *failure;
     }
   }
@@ -145,6 +188,9 @@ std::vector<std::string> FindFailures(const Gathered& gathered) {
   for (const std::string& name : gathered.missing_channels) {
     wrong.push_back(fmt::format("{} is missing", name));
   }
+  for (const std::string& name : gathered.foreign_channels) {
+    wrong.push_back(fmt::format("{} is not in the lineup", name));
+  }
   std::map<std::uint32_t, std::string> seen;
   for (const PartResult& part : gathered.parts) {
     if (const auto [other, is_new] = seen.emplace(part.part.number, part.file); !is_new) {
@@ -155,6 +201,9 @@ std::vector<std::string> FindFailures(const Gathered& gathered) {
       wrong.push_back(Unfinished(part));
     }
   }
+  FindEarlierRuns(gathered, wrong);
+  FindChannelsTwice(gathered, wrong);
+  FindFailedParts(gathered, wrong);
   for (const Json& channel : gathered.channels) {
     if (HasFailed(channel)) {
       wrong.push_back(fmt::format("{} failed", TextAt(channel, "/name")));

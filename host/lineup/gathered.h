@@ -24,6 +24,7 @@ struct Gathered {
   std::vector<std::string> unusable;  // files, with what is wrong
   std::set<std::uint32_t> missing_parts;
   std::vector<std::string> missing_channels;  // of the lineup, where it is known
+  std::vector<std::string> foreign_channels;  // that it does not have
   std::vector<Json> channels;                 // with their part and machine, worst first
 };
 
@@ -39,7 +40,8 @@ std::string StateOf(const PartResult& part);
 
 bool HasFailed(const Json& channel);
 
-// Parts and channels that are missing or have failed, a sentence for each.
+// Parts and channels that are missing, there twice, of another run or lineup, or have failed: a
+// sentence for each.
 std::vector<std::string> FindFailures(const Gathered& gathered);
 
 // Limits are not met by what is not known.

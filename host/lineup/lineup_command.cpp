@@ -58,7 +58,8 @@ void RegisterGather(CLI::App& app, Result<int>& outcome) {
             "Folder with the results that `ipplay lineup --results` wrote; required", ParseText)
       ->required();
   add.Value("--lineup", options->lineup, "FILE", "a file",
-            "Name the channels of this lineup that no part has", ParseText);
+            "Name the channels of this lineup that no part has, and those that only a part has",
+            ParseText);
   add.Value("--max-lateness", options->limits.lateness, "TIME", "a time as 500us",
             "Fail if 1 % of the frames of a channel left later than this", ParseDuration);
   add.Value("--max-clock-error", options->limits.clock_error, "TIME", "a time as 10ms",

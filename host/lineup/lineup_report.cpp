@@ -72,6 +72,7 @@ std::string LineupJson(const LineupFacts& facts, std::string_view outcome,
             {"outcome", outcome},
             {"machine", facts.machine},
             {"clock_error_ns", OrNull(facts.clock_error_ns)},
+            {"start_at_ns", OrNull(facts.start_at_ns)},
             {"started_ns", facts.started_ns},
             {"updated_ns", facts.updated_ns}};
   json["part"] = facts.part ? Json{{"number", facts.part->number}, {"of", facts.part->of}} : Json();

@@ -22,7 +22,8 @@ struct LineupFacts {
   std::optional<Part> part;
   std::string machine;
   std::optional<std::int64_t> clock_error_ns;
-  std::int64_t started_ns = 0;  // since 1970, as all
+  std::optional<std::int64_t> start_at_ns;  // as ordered for all parts; since 1970, as all
+  std::int64_t started_ns = 0;
   std::int64_t updated_ns = 0;
   std::vector<BrokenRun> broken_runs;  // of this part, before this one
 };

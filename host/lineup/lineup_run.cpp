@@ -79,8 +79,16 @@ void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& ada
 }
 
 LineupFacts FactsAtStart(const LineupOptions& options, std::vector<BrokenRun> broken_runs) {
-  return {options.file,          options.part, NameOfMachine(), {}, WallClockNow().count(), 0,
-          std::move(broken_runs)};
+  LineupFacts facts;
+  facts.file = options.file;
+  facts.part = options.part;
+  facts.machine = NameOfMachine();
+  if (options.start_at) {
+    facts.start_at_ns = options.start_at->count();
+  }
+  facts.started_ns = WallClockNow().count();
+  facts.broken_runs = std::move(broken_runs);
+  return facts;
 }
 
 // One lineup while it runs. On the main thread; the channels' events come on others.

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -12,6 +13,8 @@ namespace {
 
 // A part that is started over and over need not remember all of it.
 constexpr std::size_t kMostBrokenRuns = 16;
+
+constexpr std::int64_t kLargestNumber = std::int64_t{1} << 62;
 
 std::optional<Part> PartOf(const Json& document) {
   if (document["part"].is_null()) {
@@ -38,9 +41,6 @@ std::vector<BrokenRun> BrokenRunsOf(const Json& document) {
 
 void TakeChannels(const Json& document, PartResult& result) {
   for (const Json& channel : document["channels"]) {
-    if (!channel.is_object()) {
-      continue;
-    }
     const auto started = NumberAt(channel, "/started_ns");
     if (started && (!result.first_start_ns || *started < *result.first_start_ns)) {
       result.first_start_ns = started;
@@ -56,7 +56,11 @@ std::optional<std::int64_t> NumberAt(const Json& json, const char* path) {
   if (!json.contains(pointer) || !json[pointer].is_number_integer()) {
     return std::nullopt;
   }
-  return json[pointer].get<std::int64_t>();
+  const Json& number = json[pointer];
+  const bool is_far = number.is_number_unsigned()
+                          ? number.get<std::uint64_t>() > std::uint64_t{kLargestNumber}
+                          : number.get<std::int64_t>() < -kLargestNumber;
+  return is_far ? std::nullopt : std::optional(number.get<std::int64_t>());
 }
 
 std::string TextAt(const Json& json, const char* path) {
@@ -70,12 +74,18 @@ std::string PartFileName(const Part& part) {
 }
 
 Result<PartResult> ReadPartResult(const std::string& folder, const std::string& file) {
-  std::ifstream input(folder + "/" + file);
-  const Json document = Json::parse(input, nullptr, false);
+  const std::string path = folder + "/" + file;
   const Failure unusable{ExitStatus::kFailed, fmt::format("{}: no result of a lineup", file)};
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) {
+    return unusable;  // a FIFO would be waited for
+  }
+  std::ifstream input(path);
+  const Json document = Json::parse(input, nullptr, false);
   if (!document.is_object() || NumberAt(document, "/schema") != kJsonSchema ||
       !document.contains("channels") || !document["channels"].is_array() ||
-      !document.contains("part")) {
+      !document.contains("part") ||
+      !std::ranges::all_of(document["channels"], [](const Json& c) { return c.is_object(); })) {
     return unusable;
   }
   const auto part = PartOf(document);
@@ -87,6 +97,7 @@ Result<PartResult> ReadPartResult(const std::string& folder, const std::string& 
                     TextAt(document, "/outcome"),
                     TextAt(document, "/machine"),
                     NumberAt(document, "/clock_error_ns"),
+                    NumberAt(document, "/start_at_ns"),
                     NumberAt(document, "/started_ns"),
                     NumberAt(document, "/updated_ns"),
                     std::nullopt,

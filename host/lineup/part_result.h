@@ -27,6 +27,7 @@ struct PartResult {
   std::string outcome;  // "running", "ended" or "failed"
   std::string machine;
   std::optional<std::int64_t> clock_error_ns;
+  std::optional<std::int64_t> start_at_ns;  // as ordered for all parts of the run
   std::optional<std::int64_t> started_ns, updated_ns;
   std::optional<std::int64_t> first_start_ns;  // of any channel
   std::vector<BrokenRun> broken_runs;          // before this one, the oldest first
@@ -44,8 +45,8 @@ std::vector<BrokenRun> BrokenRunsBefore(const std::string& folder, const Part& p
 
 Json JsonOf(const std::vector<BrokenRun>& runs);
 
-// What stands at a path such as "/departures/late", or none where it is null, missing or of
-// another kind.
+// What stands at a path such as "/departures/late", or none where it is null, missing, of another
+// kind, or so large that a difference of two would not be a number any more.
 std::optional<std::int64_t> NumberAt(const Json& json, const char* path);
 std::string TextAt(const Json& json, const char* path);  // empty for none
 

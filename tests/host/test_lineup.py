@@ -369,7 +369,7 @@ class Parts(Files):
                              for name, p99, not_sent in channels]}
 
     def lineup_of(self, *names):
-        return self.write("whole.toml", "".join(
+        return self.write(f"{'-'.join(names)}.toml", "".join(
             f'[[channel]]\nname = "{name}"\ninput = "{SAMPLE}"\nto = "rtp://239.1.1.1:5004"\n' for name in names))
 
     def gather(self, *results, options=()):
@@ -399,11 +399,37 @@ class Parts(Files):
                 ("c2: lateness 2 us at 99 %", [good[0], good[1], self.result(3)], ("--max-lateness", "1500ns")),
                 ("c3: lateness not known: no frame left", [*good[:2], self.result(3, channels=[("c3", None, 0)])],
                  ("--max-lateness", "1s")),
+                # What is left of another run, was copied, or comes from another lineup.
+                ("part 2/3 ended 16 min 40 s before part 3/3 began: it is of an earlier run",
+                 [good[0], self.result(2, age=10**12), self.result(3)], ()),
+                ("c2 is in both part 2 and part 3", [*good[:2], self.result(3, channels=[("c2", 1, 0)])], ()),
+                ("c3 is not in the lineup", good, ("--lineup", self.lineup_of("c1", "c2"))),
+                ("part 3/3 failed on m3", [*good[:2], self.result(3, "failed")], ()),
+                ("3.json: no result of a lineup", [*good, {**good[0], "channels": [1]}], ()),
+                ("c3: lateness not known: no frame left", [*good[:2], self.result(3, channels=[("c3", 2**64 - 5, 0)])],
+                 ("--max-lateness", "1s")),
                 ("part 1/3: the clock may be wrong by 2 ms", good, ("--max-clock-error", "1ms"))):
             with self.subTest(wrong):
                 status, whole = self.gather(*results, options=options)
                 self.assertEqual(status, 4 if options and options[0].startswith("--max") else 1)
                 self.assertIn(wrong, whole["wrong"])
+
+    def test_a_part_that_is_played_again_belongs_to_its_run(self):
+        again = [{**self.result(number, age=number * (10**12 + 10**8)), "start_at_ns": 10**18} for number in (1, 2, 3)]
+        self.assertEqual(self.gather(*again)[1]["wrong"], [])
+        again[1]["start_at_ns"] += 1
+        self.assertIn("part 2/3 ended 16 min 40 s before part 1/3 began: it is of an earlier run", self.gather(*again)[1]["wrong"])
+        first = {**self.result(1), "broken_runs": [{"machine": "m7", "started_ns": again[0]["started_ns"], "updated_ns": 0}]}
+        self.assertEqual(self.gather(first, self.result(2, age=10**12), self.result(3, age=10**12))[1]["wrong"], [])
+
+    def test_what_is_no_file_is_not_read(self):
+        os.mkdir(self.path("run"))
+        os.mkfifo(self.path("run/fifo.json"))
+        os.mkdir(self.path("run/folder.json"))
+        with open(self.path("run/1.json"), "w", encoding="utf-8") as file:
+            json.dump({**self.result(1), "part": None}, file)
+        done = run("gather", self.path("run"), "--json")
+        self.assertEqual(json.loads(done.stdout)["wrong"], [f"{name}.json: no result of a lineup" for name in ("fifo", "folder")])
 
     def test_the_page_shows_what_is_wrong_and_obeys_nothing(self):
         page = self.path("page.html")
