@@ -18,7 +18,8 @@ std::optional<std::chrono::nanoseconds> ParseWallClock(std::string_view text) {
   using std::chrono::nanoseconds;
   if (text.starts_with('+')) {
     const auto delay = ParseDuration(text.substr(1));
-    return delay ? std::optional(WallClockNow() + *delay) : std::nullopt;
+    const nanoseconds now = WallClockNow();
+    return delay && *delay < nanoseconds::max() - now ? std::optional(now + *delay) : std::nullopt;
   }
   const auto parsed = toml::parse("t = " + std::string(text));
   const auto* const point = parsed ? parsed.table()["t"].as_date_time() : nullptr;
@@ -29,6 +30,10 @@ std::optional<std::chrono::nanoseconds> ParseWallClock(std::string_view text) {
   const std::chrono::sys_days day{std::chrono::year(at.date.year) /
                                   std::chrono::month(at.date.month) /
                                   std::chrono::day(at.date.day)};
+  constexpr std::chrono::year kFirst{1970}, kLast{2261};  // within 64 bits of nanoseconds
+  if (day < std::chrono::sys_days{kFirst / 1 / 1} || day > std::chrono::sys_days{kLast / 12 / 31}) {
+    return std::nullopt;
+  }
   return nanoseconds(day.time_since_epoch()) + std::chrono::hours(at.time.hour) +
          std::chrono::minutes(at.time.minute - at.offset->minutes) +
          std::chrono::seconds(at.time.second) + nanoseconds(at.time.nanosecond);

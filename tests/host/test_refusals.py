@@ -137,6 +137,8 @@ class Refusals(PlayCase):
                 (["play", SAMPLE, "--to", RTP, "--copis", "3"], "--copis: ", "did you mean --copies?"),
                 (["play", SAMPLE, "--to", RTP, "--bitraet=1M"], "did you mean --bitrate?"),
                 (["play", SAMPLE, "--to", "rtp://no-such-host.invalid:5004"], "no host that this machine knows"),
+                (["play", SAMPLE, "--to", RTP, "--start-at", "9999-12-31T23:59:59Z"], "--start-at", "give a time"),
+                (["play", SAMPLE, "--to", RTP, "--start-at", "+9000000000s"], "--start-at", "give a time"),
                 (["play", "--to", RTP], "INPUT is required"), (["play", SAMPLE], "--to is required"),
                 (["play", SAMPLE, "--to", RTP, "--bogus", "1"], "--bogus", "ipplay play --help"),
                 (["play", SAMPLE, "--to", RTP, "more.ts"], "INPUT: cannot read more.ts: No such file"),
