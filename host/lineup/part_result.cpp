@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <utility>
 
 namespace ipplay {
@@ -80,8 +81,9 @@ Result<PartResult> ReadPartResult(const std::string& folder, const std::string& 
   if (!std::filesystem::is_regular_file(path, error)) {
     return unusable;  // a FIFO would be waited for
   }
-  std::ifstream input(path);
-  const Json document = Json::parse(input, nullptr, false);
+  std::ostringstream text;  // a file server may fail in the middle
+  text << std::ifstream(path).rdbuf();
+  const Json document = Json::parse(text.str(), nullptr, false);
   if (!document.is_object() || NumberAt(document, "/schema") != kJsonSchema ||
       !document.contains("channels") || !document["channels"].is_array() ||
       !document.contains("part") ||
