@@ -3,6 +3,7 @@
 import asyncio
 import gc
 import os
+import signal
 import socket
 import struct
 import threading
@@ -157,6 +158,7 @@ def test_times_are_none_before_a_departure(to_file):
     ({"destination": "239.1.1.1:70000"}, ipplayout.BadValue, "destination is '239.1.1.1:70000'"),
     ({"source": "[fd00::1]:1"}, ipplayout.BadValue, "it can be an IPv4 address, as the destination is"),
     ({"bit_rate": -1}, ipplayout.BadValue, "BitRate is -1e-06; it can be above 0"),
+    ({"sink": "disk"}, ipplayout.BadValue, "sink is 'disk'; it can be 'adapter', 'file' or 'socket'"),
     ({"TSPacketSize": 187}, ValueError, "TSPacketSize is 187; it can be 188, 192, 204, or 0"),
 ])
 def test_bad_settings_are_refused(to_file, more, kind, words):
@@ -224,6 +226,37 @@ def test_an_unclosed_playout_is_named(to_file):
     with pytest.warns(ResourceWarning, match="was not closed"):
         del p
         gc.collect()
+
+
+def test_a_child_made_by_fork_is_refused_and_leaves_the_parent_alone(to_file):
+    with to_file() as p:
+        p.start()
+        child = os.fork()
+        if child == 0:
+            signal.alarm(10)  # instead of waiting for threads that are not there
+            refusals = 0
+            for use in (p.statistics, p.stop, to_file):
+                try:
+                    use()
+                except BadState as error:
+                    refusals += "by fork" in str(error)
+            p.close()
+            os._exit(refusals)
+        assert os.waitpid(child, 0)[1] == 3 << 8
+        p.write(packets(7))
+        p.end()
+        p.wait()
+        assert p.statistics().datagrams_sent == 1
+
+
+@pytest.mark.parametrize("timeout", [float("inf"), 1e12])
+def test_timeouts_of_any_length(to_file, timeout):
+    with to_file() as p:
+        p.start()
+        with pytest.raises(BadValue, match="timeout is nan"):
+            p.wait(float("nan"))
+        threading.Timer(0.1, p.end).start()
+        p.wait(timeout)
 
 
 # ---- In real time ----

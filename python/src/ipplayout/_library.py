@@ -12,7 +12,7 @@ import functools
 import os
 from ctypes import POINTER, c_char_p, c_double, c_int, c_int64, c_size_t, c_ssize_t, c_uint32, c_uint64, c_void_p
 
-from .errors import BY_CODE, Error, NoResources, NotInstalled
+from .errors import BY_CODE, BadState, Error, NoResources, NotInstalled
 from .records import (IpPlayoutDeparture, IpPlayoutDone, IpPlayoutFaultCounts, IpPlayoutOrder, IpPlayoutRecord,
                       IpPlayoutSettings, IpPlayoutTiming, PlayoutStatistics)
 
@@ -63,13 +63,26 @@ class Library:
                                "or name the library in IPPLAYOUT_LIBRARY") from None
         for name, (result, arguments) in FUNCTIONS.items():
             self._functions[name].restype, self._functions[name].argtypes = result, arguments
+        self.is_of_parent = False
+        os.register_at_fork(after_in_child=self._leave_to_parent)
+
+    def _leave_to_parent(self) -> None:
+        self.is_of_parent = True
+
+    def _check_process(self) -> None:
+        """The library's threads are not in a child made by fork, which would wait for them forever."""
+        if self.is_of_parent:
+            raise BadState("this process was made by fork, and its parent has the library's threads; "
+                           "make it with exec, or by multiprocessing's \"spawn\"")
 
     def plain(self, name: str, *arguments: object) -> int:
         """Calls a function whose result is a value."""
+        self._check_process()
         return int(self._functions[name](*arguments) or 0)
 
     def call(self, name: str, *arguments: object) -> None:
         """Calls a function whose result is a code, and raises what it reports."""
+        self._check_process()
         code = self._functions[name](*arguments)
         if code != 0:
             # Kept for each thread of the system, and this call was on the same one.

@@ -32,6 +32,7 @@ Source = Union[str, "os.PathLike[str]", BinaryIO, Iterable[Data]]
 PIECE = 1 << 18
 NS = 1_000_000_000
 LEDGER_ROOM = 4096  # frames
+LONGEST_POLL = 2**31 // 1000 - 1  # seconds
 NOT_YET = -7  # IPPLAYOUT_NOT_YET
 
 
@@ -180,6 +181,15 @@ def pieces(source: BinaryIO | Iterable[Data]) -> Iterator[Data]:
         yield room[:count]
 
 
+def milliseconds(timeout: float | None) -> int | None:
+    """For ``poll()``; None, for any time, above the 24 days that it counts."""
+    if timeout is None:
+        return None
+    if math.isnan(timeout):
+        raise BadValue("timeout is nan; it can be a number of seconds, or None")
+    return max(0, math.ceil(timeout * 1000)) if timeout < LONGEST_POLL else None
+
+
 class Playout:
     """One playout. Opened with its settings; closed by ``close()`` or at the end of a ``with`` block.
 
@@ -217,6 +227,8 @@ class Playout:
         self._writing = threading.Lock()  # held while a write goes on
         self.settings: IpPlayoutSettings = self._library.defaults()
         name = os.fspath(to)
+        if sink not in (None, "adapter", "file", "socket"):
+            raise BadValue(f"sink is {sink!r}; it can be 'adapter', 'file' or 'socket'")
         given = Sink[sink.upper()] if sink else Sink.FILE if name.endswith(".pcapng") else Sink.ADAPTER
         if protocol not in ("rtp", "udp"):
             raise BadValue(f"protocol is {protocol!r}; it can be 'rtp' or 'udp'")
@@ -349,7 +361,7 @@ class Playout:
             with self._end_descriptor() as descriptor:
                 poll = select.poll()
                 poll.register(descriptor, select.POLLIN)
-                poll.poll(None if timeout is None else max(0, math.ceil(timeout * 1000)))
+                poll.poll(milliseconds(timeout))
         self._outcome()
 
     async def wait_async(self, timeout: float | None = None) -> None:
@@ -400,6 +412,8 @@ class Playout:
         """As ``stop()``; the playout can then not be used any more."""
         if self._handle:
             handle, self._handle = self._handle, 0
+            if self._library.is_of_parent:
+                return  # who plays on
             try:
                 self._library.call("Close", handle)
             finally:
@@ -592,7 +606,7 @@ class Playout:
             await asyncio.to_thread(self.close)
 
     def __del__(self) -> None:
-        if getattr(self, "_handle", 0):
+        if getattr(self, "_handle", 0) and not self._library.is_of_parent:
             warnings.warn(f"{self!r} was not closed", ResourceWarning, source=self)
             self.close()
 
