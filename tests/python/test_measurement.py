@@ -5,6 +5,7 @@ import dataclasses
 import json
 import re
 import subprocess
+import sys
 import typing
 
 import ipplayout
@@ -141,6 +142,41 @@ def test_events_come_while_it_goes_on(wire, player, stream):
             assert found.total.rate.frames == 1995
             assert await measurement.report_async() is found
     asyncio.run(run())
+
+
+def test_a_task_that_is_cancelled_takes_no_event(wire):
+    async def run(measurement):
+        kinds = []
+
+        async def read():
+            async for event in measurement.events_async():
+                kinds.append(event.event)
+
+        readers = [asyncio.create_task(read()) for _ in range(3)]
+        while not kinds:
+            await asyncio.sleep(0.01)
+        for reader in readers:
+            reader.cancel()
+        await asyncio.wait(readers)
+        measurement.stop()
+        found = await asyncio.wait_for(measurement.report_async(), 30)
+        assert kinds + [each.event for each in found.events] == ["start", "end"]
+
+    with wire.far:
+        measurement = Measurement(wire.FAR)
+    with measurement:
+        asyncio.run(run(measurement))
+
+
+def test_a_program_that_ends_takes_its_measurement_along(wire):
+    program = f"""if True:
+        import atexit
+        atexit.register(lambda: print(measurement._process.returncode))
+        import ipplayout
+        measurement = ipplayout.Measurement({wire.FAR!r})"""
+    with wire.far:
+        done = subprocess.run([sys.executable, "-c", program], stdout=subprocess.PIPE, text=True, check=True, timeout=60)
+    assert done.stdout == "0\n"
 
 
 def test_a_measurement_that_is_left_ends(wire):

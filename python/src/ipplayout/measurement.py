@@ -3,13 +3,14 @@
 from __future__ import annotations
 
 import asyncio
+import collections
 import dataclasses
 import json
 import os
-import queue
 import signal
 import subprocess
 import threading
+import weakref
 from collections.abc import AsyncIterator, Iterator, Sequence
 from types import TracebackType
 from typing import Union
@@ -23,6 +24,7 @@ OptionValue = Union[str, int, float, Sequence[str]]
 # Exit statuses of ipplay.
 DONE, FAILED, REFUSED, NO_ADAPTER, LIMIT_NOT_MET = range(5)
 READY = "Measuring on "
+SECONDS_TO_END = 5.0  # of a measurement that nobody will ask any more
 
 
 def arguments(options: dict[str, OptionValue]) -> list[str]:
@@ -42,12 +44,23 @@ def arguments(options: dict[str, OptionValue]) -> list[str]:
     return words
 
 
+def end_with_program(process: subprocess.Popen[str]) -> None:
+    """A report that an option asks for is still written."""
+    if process.poll() is None:
+        process.send_signal(signal.SIGINT)
+        try:
+            process.wait(SECONDS_TO_END)
+        except subprocess.TimeoutExpired:
+            process.kill()
+
+
 class Measurement:
     """A measurement that goes on beside the program, from ``Measurement(...)`` until it ends or ``stop()``.
 
     ``source`` is an adapter, or the path of a pcap or pcapng file. It measures for ``seconds``, until the file ends, or
-    as the options say. Every option of ``ipplay measure`` can be given by its name: ``max_loss=0``, ``join="239.1.1.1"``,
-    ``silence="300ms"``, ``expect="x.ts"``. Once the constructor has returned, what arrives at the adapter is measured.
+    as the options say, and not beyond the end of the program. Every option of ``ipplay measure`` can be given by its
+    name: ``max_loss=0``, ``join="239.1.1.1"``, ``silence="300ms"``, ``expect="x.ts"``. Once the constructor has
+    returned, what arrives at the adapter is measured.
     """
 
     def __init__(self, source: str | os.PathLike[str], *, seconds: float | None = None, events: bool = True,
@@ -55,7 +68,9 @@ class Measurement:
         command = [ipplay_program(), "measure", "--json", *arguments(options)]
         if seconds is not None:
             command += ["--duration", f"{round(seconds * 1e6)}us"]
-        self._events: queue.SimpleQueue[str | None] = queue.SimpleQueue()
+        self._events: collections.deque[str] = collections.deque()
+        self._has_all_events = False
+        self._events_changed = threading.Condition()  # guards these two
         self._errors = ""
         self._report: Report | None = None
         self._is_ready = threading.Event()
@@ -69,6 +84,7 @@ class Measurement:
             raise
         finally:
             os.close(write_lines)
+        self._end = weakref.finalize(self, end_with_program, self._process)
         self._output: list[str] = []
         self._threads = [threading.Thread(target=self._read_events, args=(lines,), daemon=True),
                          threading.Thread(target=self._read_errors, daemon=True),
@@ -81,8 +97,22 @@ class Measurement:
     def _read_events(self, descriptor: int) -> None:
         with open(descriptor, encoding="utf-8", errors="replace") as lines:
             for line in lines:
-                self._events.put(line)
-        self._events.put(None)
+                with self._events_changed:
+                    self._events.append(line)
+                    self._events_changed.notify_all()
+        with self._events_changed:
+            self._has_all_events = True
+            self._events_changed.notify_all()
+
+    def _await_event(self) -> None:
+        """Takes none, so that a waiting task that is cancelled loses none."""
+        with self._events_changed:
+            self._events_changed.wait_for(lambda: self._events or self._has_all_events)
+
+    def _take_event(self) -> Event | None:
+        """The next one, if there is one by now."""
+        with self._events_changed:
+            return build(Event, json.loads(self._events.popleft())) if self._events else None
 
     def _read_errors(self) -> None:
         assert self._process.stderr is not None
@@ -100,15 +130,17 @@ class Measurement:
 
     def events(self) -> Iterator[Event]:
         """Events as they happen, until the measurement ends."""
-        while (line := self._events.get()) is not None:
-            yield build(Event, json.loads(line))
-        self._events.put(None)  # for the next one who asks
+        while not self._has_all_events or self._events:
+            self._await_event()
+            if (event := self._take_event()) is not None:
+                yield event
 
     async def events_async(self) -> AsyncIterator[Event]:
         """As ``events()``, without holding up the loop."""
-        while (line := await asyncio.to_thread(self._events.get)) is not None:
-            yield build(Event, json.loads(line))
-        self._events.put(None)
+        while not self._has_all_events or self._events:
+            await asyncio.to_thread(self._await_event)
+            if (event := self._take_event()) is not None:
+                yield event
 
     def stop(self) -> None:
         """Ends the measurement now; ``report()`` then has what was measured."""
@@ -152,6 +184,7 @@ class Measurement:
         """Ends the measurement, if it goes on, and forgets it."""
         self.stop()
         self._process.wait()
+        self._end.detach()
         for thread in self._threads:
             thread.join()
         for stream in (self._process.stdout, self._process.stderr):
