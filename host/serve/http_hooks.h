@@ -13,7 +13,7 @@
 namespace ipplay::serve {
 
 struct HttpLimits {
-  std::size_t connections = 256;  // beyond, the one that has waited longest without a request goes
+  std::size_t connections = 256;  // beyond, the one that has waited longest for its client goes
   std::size_t event_streams = 64;
   std::uint32_t header_bytes = 16 << 10;
   std::uint64_t body_bytes = 1 << 20;

@@ -81,13 +81,13 @@ class BeastServer : public HttpServer {
     });
   }
 
-  // Who waits with a request keeps nobody out.
+  // Who waits with a request, or for the rest of it, or takes no response, keeps nobody out.
   void Welcome(tcp::socket socket) {
     if (all_.open >= all_.limits.connections) {
-      if (all_.idle.empty()) {
+      if (all_.waiting.empty()) {
         return;
       }
-      all_.idle.front()->Close();
+      all_.waiting.front()->Close();
     }
     error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);

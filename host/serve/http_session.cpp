@@ -65,7 +65,7 @@ HttpSession::~HttpSession() {
 
 void HttpSession::StopWaiting() {
   if (waiting_) {
-    all_.idle.erase(*waiting_);
+    all_.waiting.erase(*waiting_);
     waiting_.reset();
   }
 }
@@ -75,8 +75,13 @@ void HttpSession::Close() {
   stream_.close();
 }
 
+void HttpSession::WaitForClient() {
+  StopWaiting();
+  waiting_ = all_.waiting.insert(all_.waiting.end(), this);
+}
+
 void HttpSession::ReadHeader() {
-  waiting_ = all_.idle.insert(all_.idle.end(), this);
+  WaitForClient();
   parser_.emplace();
   parser_->header_limit(all_.limits.header_bytes);
   parser_->body_limit(all_.limits.body_bytes);
@@ -87,7 +92,6 @@ void HttpSession::ReadHeader() {
 }
 
 void HttpSession::OnHeader(Error error) {
-  StopWaiting();
   if (error) {
     RefuseBroken(error);
     return;
@@ -115,6 +119,7 @@ void HttpSession::OnBody(Error error) {
     RefuseBroken(error);
     return;
   }
+  StopWaiting();
   request_.body = std::move(parser_->get().body());
   stream_.expires_never();
   all_.hooks.handle(std::move(request_), [self = shared_from_this()](HttpResponse response) {
@@ -141,6 +146,7 @@ void HttpSession::Respond(HttpResponse response) {
     StartEvents(*response.events_from);
     return;
   }
+  WaitForClient();
   response_.emplace();
   SetHeaders(response, *response_);
   // What was not read of a request cannot be told from the next one.

@@ -28,7 +28,7 @@ struct HttpSessions {
   HttpHooks hooks;
   EventFeed* feed = nullptr;
   std::size_t open = 0;
-  std::list<HttpSession*> idle;     // between requests, the longest first
+  std::list<HttpSession*> waiting;  // for their clients, the longest first
   std::list<HttpSession*> streams;  // of events
 };
 
@@ -58,6 +58,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   void StartEvents(std::uint64_t from);
   void OnEventHeader(Error error);
   void WatchClient();
+  void WaitForClient();
   void StopWaiting();
 
   boost::beast::tcp_stream stream_;
@@ -67,7 +68,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   HttpRequest request_;
   std::optional<boost::beast::http::response<boost::beast::http::string_body>> response_;
   std::optional<boost::beast::http::response<boost::beast::http::empty_body>> event_header_;
-  std::optional<std::list<HttpSession*>::iterator> waiting_;    // in HttpSessions::idle
+  std::optional<std::list<HttpSession*>::iterator> waiting_;    // in HttpSessions::waiting
   std::optional<std::list<HttpSession*>::iterator> streaming_;  // in HttpSessions::streams
   EventFeed::Chunk chunk_;
   bool writes_ = false;  // events

@@ -202,19 +202,23 @@ class Floods(ServeCase):
             self.assertIn("error", answer.json())
 
     def test_a_thousand_connections_and_slow_ones_keep_nobody_out(self):
-        held = [self.server.connect() for _ in range(1000)]
-        try:
-            for sock in held[::2]:
-                try:
-                    sock.sendall(b"GET /api/v1 HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ")  # and nothing more
-                except (ConnectionResetError, BrokenPipeError):
-                    pass  # it has made room
-            self.assertEqual(self.server.ask("GET", API).status, 200)
-            # Those that are left are closed, without an answer.
-            self.assertEqual({receive(sock) for sock in held[-50:]}, {b""})
-        finally:
-            for sock in held:
-                sock.close()
+        host = b" HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+        slow_header = b"GET /api/v1" + host + b"X-Slow: "
+        slow_body = b"POST /api/v1/plan" + host + b"Content-Type: application/json\r\nContent-Length: 9\r\n\r\n{"
+        for starts in ((slow_header, b""), (slow_body,)):
+            held = [self.server.connect() for _ in range(1000)]
+            try:
+                for number, sock in enumerate(held):
+                    try:
+                        sock.sendall(starts[number % len(starts)])  # and nothing more
+                    except (ConnectionResetError, BrokenPipeError):
+                        pass  # it has made room
+                self.assertEqual(self.server.ask("GET", API).status, 200)
+                # Those that are left are closed, without an answer.
+                self.assertEqual({receive(sock) for sock in held[-50:]}, {b""})
+            finally:
+                for sock in held:
+                    sock.close()
 
     def test_a_reader_of_events_that_stands_still_holds_nobody_up(self):
         order = {"options": {"input": "streams/sample.ts", "to": "rtp://239.1.1.1:5004", "device": self.bed.NEAR, "loop": "forever"}}
