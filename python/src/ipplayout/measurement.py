@@ -24,7 +24,7 @@ OptionValue = Union[str, int, float, Sequence[str]]
 # Exit statuses of ipplay.
 DONE, FAILED, REFUSED, NO_ADAPTER, LIMIT_NOT_MET = range(5)
 READY = "Measuring on "
-SECONDS_TO_END = 5.0  # of a measurement that nobody will ask any more
+SECONDS_TO_END = 10.0  # of a measurement that nobody will ask any more
 
 
 def arguments(options: dict[str, OptionValue]) -> list[str]:
