@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -87,6 +88,14 @@ std::string Quoted(std::string_view text) {
 
 std::string QuotedLine(std::string_view text) {
   return Quote(text, "");
+}
+
+std::string LowerCase(std::string_view text) {
+  std::string lower(text);
+  std::ranges::transform(lower, lower.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+  });
+  return lower;
 }
 
 }  // namespace ipplay

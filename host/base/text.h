@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Text of others in text for people: what a terminal would obey instead of show.
+// Text of others: compared, and in text for people, where a terminal would obey instead of show.
 #pragma once
 
 #include <string>
@@ -14,5 +14,8 @@ std::string Quoted(std::string_view text);
 
 // Line ends and tabs do not stay either: a name stays in its line.
 std::string QuotedLine(std::string_view text);
+
+// A to Z alone, whatever the language of the user.
+std::string LowerCase(std::string_view text);
 
 }  // namespace ipplay

@@ -13,6 +13,7 @@
 
 #include "host/base/address.h"
 #include "host/base/file_descriptor.h"
+#include "host/base/text.h"
 
 namespace ipplay::serve {
 namespace {
@@ -20,26 +21,26 @@ namespace {
 constexpr std::size_t kLeastToken = 16;
 constexpr std::size_t kMostToken = 1024;
 
-std::string Lower(std::string_view text) {
-  std::string lower(text);
-  std::ranges::transform(lower, lower.begin(), [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
-  });
-  return lower;
-}
-
-// "[::1]:8080" -> "::1", "localhost:8080" -> "localhost".
+// "[::1]:8080" -> "::1", "localhost:8080" -> "localhost"; empty where that is no authority.
 std::string_view NameOf(std::string_view authority) {
-  if (authority.starts_with('[')) {
-    const std::size_t end = authority.find(']');
-    return end == std::string_view::npos ? std::string_view() : authority.substr(1, end - 1);
+  const bool has_brackets = authority.starts_with('[');
+  const std::size_t end = authority.find(has_brackets ? ']' : ':');
+  if (has_brackets && end == std::string_view::npos) {
+    return {};
   }
-  return authority.substr(0, authority.find(':'));
+  const std::string_view name = authority.substr(0, end).substr(has_brackets ? 1 : 0);
+  const std::string_view rest =
+      end == std::string_view::npos ? "" : authority.substr(end + (has_brackets ? 1 : 0));
+  const bool is_port =
+      rest.empty() || (rest.starts_with(':') && std::ranges::all_of(rest.substr(1), [](char c) {
+                         return c >= '0' && c <= '9';
+                       }));
+  return is_port ? name : std::string_view();
 }
 
 // A page that has its name resolved to this machine sends that name (DNS rebinding).
 bool IsOurHost(const AccessRules& rules, std::string_view host) {
-  const std::string name = Lower(NameOf(host));
+  const std::string name = LowerCase(NameOf(host));
   return name == "localhost" || rules.hosts.contains(name) || ParseIp(name).has_value();
 }
 
@@ -49,7 +50,7 @@ bool IsFromOtherPage(const HttpRequest& request) {
   if (!origin.empty()) {
     const std::size_t slashes = origin.find("://");
     return slashes == std::string_view::npos ||
-           Lower(origin.substr(slashes + 3)) != Lower(request.Header("host"));
+           LowerCase(origin.substr(slashes + 3)) != LowerCase(request.Header("host"));
   }
   // What has no Origin: images, scripts and the like of other pages. A link may be followed.
   const std::string_view site = request.Header("sec-fetch-site");
@@ -70,7 +71,7 @@ bool IsSame(std::string_view given, std::string_view wanted) {
 bool HasToken(const AccessRules& rules, const HttpRequest& request) {
   constexpr std::string_view kScheme = "bearer ";
   const std::string_view given = request.Header("authorization");
-  return Lower(given.substr(0, kScheme.size())) == kScheme &&
+  return LowerCase(given.substr(0, kScheme.size())) == kScheme &&
          IsSame(given.substr(kScheme.size()), rules.token);
 }
 

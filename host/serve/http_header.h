@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "host/base/text.h"
 #include "host/serve/http_message.h"
 
 namespace ipplay::serve {
@@ -17,10 +18,11 @@ bool TakeHeader(const Header& header, HttpRequest& request) {
   request = {};
   request.method = text(header.method_string());
   for (const auto& field : header) {
-    std::string name = text(field.name_string());
-    for (char& c : name) {
-      c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
-    }
+    std::string name = LowerCase(text(field.name_string()));
+    // What is not chunked at last has no end that can be told from the next request (RFC
+    // 9112, 6.3).
+    request.has_unknown_length |=
+        name == "transfer-encoding" && LowerCase(text(field.value())) != "chunked";
     request.repeats_host |= name == "host" && request.headers.contains(name);
     request.headers.emplace(std::move(name), text(field.value()));
   }

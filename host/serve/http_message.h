@@ -22,6 +22,7 @@ struct HttpRequest {
   std::map<std::string, std::string> query;
   std::map<std::string, std::string> headers;  // names in lower case; the first of each
   bool repeats_host = false;                   // more than one Host
+  bool has_unknown_length = false;             // by a Transfer-Encoding other than chunked
   std::string body;
 
   // Empty where there is none.

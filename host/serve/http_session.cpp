@@ -100,6 +100,11 @@ void HttpSession::OnHeader(Error error) {
     Respond(ErrorResponse(HttpStatus::kBadRequest, "the path is not valid"));
     return;
   }
+  if (request_.has_unknown_length) {
+    Respond(ErrorResponse(HttpStatus::kBadRequest,
+                          "Transfer-Encoding: give chunked, or Content-Length instead"));
+    return;
+  }
   if (auto refusal = all_.hooks.check(request_)) {
     Respond(*std::move(refusal));
     return;
@@ -150,7 +155,8 @@ void HttpSession::Respond(HttpResponse response) {
   response_.emplace();
   SetHeaders(response, *response_);
   // What was not read of a request cannot be told from the next one.
-  response_->keep_alive(parser_->is_done() && parser_->keep_alive());
+  response_->keep_alive(parser_->is_done() && parser_->keep_alive() &&
+                        !request_.has_unknown_length);
   response_->body() = std::move(response.body);
   if (response.status != HttpStatus::kNoContent && response.status != HttpStatus::kNotModified) {
     response_->prepare_payload();

@@ -10,6 +10,8 @@
 #include <optional>
 #include <utility>
 
+#include "host/base/text.h"
+
 namespace ipplay::serve {
 namespace {
 
@@ -42,7 +44,7 @@ std::optional<std::string> Match(std::string_view pattern, const HttpRequest& re
 // A body is JSON, which no form of another page can send.
 std::optional<HttpResponse> RefuseType(const HttpRequest& request) {
   const std::string_view type = request.Header("content-type");
-  const bool is_json = type.substr(0, type.find(';')) == "application/json";
+  const bool is_json = LowerCase(type.substr(0, type.find(';'))) == "application/json";
   if (request.body.empty() || is_json) {
     return std::nullopt;
   }

@@ -38,7 +38,8 @@ class OtherPages(ServeCase):
         for headers, status in (
                 ({}, 200), ({"Host": f"localhost:{port}"}, 200), ({"Host": "[::1]:9"}, 200),
                 ({"Host": "evil.example"}, 403), ({"Host": "127.0.0.1.evil.example:80"}, 403), ({"Host": ""}, 403),
-                ({"Host": "[::1"}, 403), ({"Origin": f"http://{own}"}, 200), ({"Origin": "http://evil.example"}, 403),
+                ({"Host": "[::1"}, 403), ({"Host": f"{own}@evil.example"}, 403), ({"Host": "[::1]evil.example"}, 403),
+                ({"Origin": f"http://{own}"}, 200), ({"Origin": "http://evil.example"}, 403),
                 ({"Origin": "null"}, 403), ({"Origin": f"http://localhost:{port}"}, 403), ({"Origin": "http://127.0.0.1:1"}, 403),
                 ({"Sec-Fetch-Site": "cross-site", "Sec-Fetch-Mode": "no-cors"}, 403),
                 ({"Sec-Fetch-Site": "same-site", "Sec-Fetch-Mode": "cors"}, 403),
@@ -187,6 +188,19 @@ class Floods(ServeCase):
                 (b"POST /api/v1/plan HTTP/1.1\r\n" + host + json_body + b"Transfer-Encoding: chunked\r\n\r\nzz\r\n", 400)):
             with self.subTest(data=data[:80]):
                 self.assertEqual(status_of(self.raw(data)), status)
+
+    def test_a_body_of_unknown_length_is_no_second_request(self):
+        host = f"Host: {self.server.address}\r\n".encode()
+        second = b"GET /api/v1/playouts HTTP/1.1\r\n" + host + b"\r\n"
+        for coding in (b"xchunked", b"identity", b"chunked, gzip", b"gzip, chunked", b'"chunked"', b""):
+            for first in (b"POST /api/v1/plan", b"GET /api/v1"):
+                answer = self.raw(first + b" HTTP/1.1\r\n" + host + b"Content-Type: application/json\r\nTransfer-Encoding: " + coding +
+                                  b"\r\n\r\n" + second)
+                self.assertEqual((answer.count(b"HTTP/1.1 "), status_of(answer)), (1, 400), (coding, first))
+        chunked = self.raw(b"POST /api/v1/plan HTTP/1.1\r\n" + host + b"Content-Type: Application/JSON\r\nTransfer-Encoding: Chunked\r\n"
+                           b"\r\n2\r\n{}\r\n0\r\n\r\n" + second)
+        self.assertIn(b"options: missing", chunked)
+        self.assertEqual(chunked.count(b"HTTP/1.1 "), 2)
 
     def test_large_and_deep_bodies(self):
         target = f"{API}/plan"
