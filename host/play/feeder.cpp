@@ -27,6 +27,7 @@ void Feeder::Start() {
 }
 
 void Feeder::Run() {
+  reader_->DoWhileWaiting(sink_.idle);
   WordWriter writer(sink_.write);
   bool written = PlayRound(writer);
   while (written && StartNextRound()) {

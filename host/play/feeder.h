@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "host/play/word_writer.h"
+#include "host/stream/idle_work.h"
 #include "host/stream/round_reader.h"
 #include "host/stream/stream_editor.h"
 #include "host/stream/stream_faults.h"
@@ -27,6 +28,8 @@ class Feeder {
     std::function<void(const std::optional<Arrival>&)> arrived{};
     // The PCRs of what is written next are those of this PID; may be null.
     std::function<void(std::uint16_t)> follow{};
+    // What is held back has to go on although nothing comes; may be null.
+    IdleWork idle{};
     // `arrived` is called for each datagram of the input, before the first byte of it.
     bool wants_datagrams = false;
   };

@@ -28,6 +28,30 @@ void Call(Member member, const Feeder::Sink& first, const std::vector<Feeder::Si
   }
 }
 
+// The earliest of those that have something to do.
+std::optional<std::chrono::nanoseconds> EarliestDue(const std::vector<Feeder::Sink>& sinks) {
+  std::optional<std::chrono::nanoseconds> earliest;
+  for (const Feeder::Sink& sink : sinks) {
+    const auto due = sink.idle.Due();
+    if (due && (!earliest || *due < *earliest)) {
+      earliest = due;
+    }
+  }
+  return earliest;
+}
+
+IdleWork Together(const Feeder::Sink& first, std::vector<Feeder::Sink> sinks) {
+  sinks.push_back(first);
+  const auto run = [sinks] {
+    for (const Feeder::Sink& sink : sinks) {
+      if (sink.idle.run) {
+        sink.idle.run();
+      }
+    }
+  };
+  return {.due = [sinks] { return EarliestDue(sinks); }, .run = run};
+}
+
 bool HasEnded(const Playing& playing, int timeout_ms) {
   pollfd wait{playing.EndDescriptor(), POLLIN, 0};
   return ::poll(&wait, 1, timeout_ms) > 0;
@@ -78,6 +102,7 @@ Feeder::Sink FurtherOutputs::With(Feeder::Sink first) {
               },
           .follow = [first,
                      sinks](std::uint16_t pid) { Call(&Feeder::Sink::follow, first, sinks, pid); },
+          .idle = Together(first, sinks),
           .wants_datagrams = first.wants_datagrams};
 }
 

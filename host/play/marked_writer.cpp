@@ -115,8 +115,20 @@ void MarkedWriter::Place(std::size_t position, Time time) {
 }
 
 // A live stream's next PCR may come too late to wait for.
+std::optional<MarkedWriter::Time> MarkedWriter::HasToGoAt() const {
+  return following_ && looked_at_ > 0 ? std::optional(following_->due - kBuiltAhead) : std::nullopt;
+}
+
 bool MarkedWriter::HasToGo() const {
-  return following_ && !held_.empty() && ScheduledPlayout::Now() + kBuiltAhead >= following_->due;
+  const auto at = HasToGoAt();
+  return at && ScheduledPlayout::Now() >= *at;
+}
+
+// One that has ended takes no more, which the next write says.
+void MarkedWriter::WriteWhatHasToGo() {
+  if (HasToGo()) {
+    WriteUpTo(looked_at_);
+  }
 }
 
 bool MarkedWriter::WriteUpTo(std::size_t end) {

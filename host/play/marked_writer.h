@@ -54,6 +54,10 @@ class MarkedWriter {
 
   // False once the playout has ended.
   bool Write(std::span<const std::uint8_t> bytes);
+  // When what is held back cannot wait for the next PCR any more; nothing where it can.
+  std::optional<Time> HasToGoAt() const;
+  // Writes it if that is now.
+  void WriteWhatHasToGo();
   // Writes what is held back, and declares the end.
   void Finish();
 

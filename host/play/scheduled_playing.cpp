@@ -89,6 +89,7 @@ Feeder::Sink ScheduledPlaying::Sink() {
           .terminate = [this] { End(); },
           .arrived = [this](const std::optional<Arrival>& arrival) { Arrived(arrival); },
           .follow = [this](std::uint16_t pid) { FollowPid(pid); },
+          .idle = Idle(),
           .wants_datagrams = WantsDatagrams()};
 }
 
@@ -96,6 +97,14 @@ void ScheduledPlaying::Arrived(const std::optional<Arrival>& arrival) {
   if (writer_) {
     writer_->Arrived(arrival);
   }
+}
+
+IdleWork ScheduledPlaying::Idle() {
+  if (!writer_ || !plan_.lead) {
+    return {};
+  }
+  return {.due = [this] { return writer_->HasToGoAt(); },
+          .run = [this] { writer_->WriteWhatHasToGo(); }};
 }
 
 void ScheduledPlaying::FollowPid(std::uint16_t pid) {

@@ -63,6 +63,7 @@ class ScheduledPlaying final : public Playing {
 
  private:
   std::optional<std::string> Configure();
+  IdleWork Idle();
 
   const PlayOptions& options_;
   const PlayPlan& plan_;

@@ -6,7 +6,10 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "host/stream/idle_work.h"
 
 namespace ipplay {
 
@@ -42,8 +45,10 @@ class ByteSource {
 
   // Where the bytes can be read again, how many there are.
   virtual std::optional<std::uint64_t> Size() const { return std::nullopt; }
-  // Waits for bytes and returns their number; 0 at the end, at a stop and after an error.
+  // Waits for bytes and returns their number; 0 at the end, at a stop and after an error. What
+  // comes at its own pace does the idle work while it waits.
   virtual std::size_t Read(std::span<std::uint8_t> buffer) = 0;
+  void DoWhileWaiting(IdleWork work) { idle_ = std::move(work); }
   // Goes to an offset; for a source with a size.
   virtual void Seek(std::uint64_t /*offset*/) {}
   // When the bytes came that the last Read() returned, in the order of their offsets; the first one
@@ -61,6 +66,12 @@ class ByteSource {
   virtual int ReadError() const { return 0; }
   // What the user should know about it, a line each; for the end of the run.
   virtual std::vector<std::string> Notes() const { return {}; }
+
+ protected:
+  const IdleWork& Idle() const { return idle_; }
+
+ private:
+  IdleWork idle_;
 };
 
 }  // namespace ipplay

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "host/stream/file_source.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <utility>
+
+#include "host/base/poll_until.h"
 
 namespace ipplay {
 
@@ -21,7 +22,8 @@ bool FileSource::WaitForData() {
     return !stopped_;
   }
   std::array<pollfd, 2> waits{{{fd_.Get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}}};
-  while (::poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
+  while (PollUntil(waits, Idle().Due()) == 0) {
+    Idle().run();
   }
   stopped_ = waits[1].revents != 0;
   return !stopped_;

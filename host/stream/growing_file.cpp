@@ -25,6 +25,9 @@ std::size_t GrowingFile::Read(std::span<std::uint8_t> buffer) {
     if (silence_ && Clock::now() - start >= *silence_) {
       return 0;
     }
+    if (const auto due = Idle().Due(); due && Clock::time_point(*due) <= Clock::now()) {
+      Idle().run();
+    }
     pollfd stop{stop_fd_, POLLIN, 0};
     stopped_ = ::poll(&stop, 1, kLookAgainMs) > 0;
     if (stopped_) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/stream/byte_source.h"
@@ -29,6 +30,8 @@ class Input {
   std::size_t Read(std::span<std::uint8_t> buffer);
   // The same, but fills the buffer unless the data ends.
   std::size_t ReadFully(std::span<std::uint8_t> buffer);
+  // What to do on time while a read waits for what comes at its own pace.
+  void DoWhileWaiting(IdleWork work) { source_->DoWhileWaiting(std::move(work)); }
   // Puts bytes back; the next reads return them first.
   void Unread(std::vector<std::uint8_t> bytes);
   // Goes to an offset, where there is a size.

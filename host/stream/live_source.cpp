@@ -2,11 +2,11 @@
 #include "host/stream/live_source.h"
 
 #include <fmt/format.h>
-#include <poll.h>
 
+#include <algorithm>
 #include <array>
-#include <cerrno>
 
+#include "host/base/poll_until.h"
 #include "host/base/stop_signals.h"
 #include "host/base/units.h"
 
@@ -86,15 +86,12 @@ void LiveSource::Run() {
 bool LiveSource::WaitForDatagrams(bool started) {
   std::array<pollfd, 3> waits{
       {{socket_.Get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}, {close_.Get(), POLLIN, 0}}};
-  timespec timeout{};
-  if (silence_) {
-    timeout.tv_sec = static_cast<time_t>(silence_->count() / 1'000'000'000);
-    timeout.tv_nsec = static_cast<long>(silence_->count() % 1'000'000'000);
+  std::optional<std::chrono::nanoseconds> end;
+  if (silence_ && started) {
+    const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
+    end = now + std::min(*silence_, std::chrono::nanoseconds::max() - now);
   }
-  int count = 0;
-  do {
-    count = ::ppoll(waits.data(), waits.size(), silence_ && started ? &timeout : nullptr, nullptr);
-  } while (count < 0 && errno == EINTR);
+  const int count = PollUntil(waits, end);
   const bool stopped = waits[1].revents != 0 || waits[2].revents != 0;
   if (count > 0 && !stopped) {
     return true;
@@ -125,9 +122,25 @@ void LiveSource::End(bool stopped) {
   changed_.notify_one();
 }
 
+void LiveSource::WaitForChange(std::unique_lock<std::mutex>& lock) {
+  const auto due = Idle().Due();
+  if (!due) {
+    changed_.wait(lock);
+    return;
+  }
+  const std::chrono::steady_clock::time_point until(*due);
+  if (changed_.wait_until(lock, until) == std::cv_status::timeout) {
+    lock.unlock();  // it may take a while
+    Idle().run();
+    lock.lock();
+  }
+}
+
 std::size_t LiveSource::Read(std::span<std::uint8_t> buffer) {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return stream_.HasBytes() || ended_; });
+  while (!stream_.HasBytes() && !ended_) {
+    WaitForChange(lock);
+  }
   const std::size_t count = stopped_ ? 0 : stream_.Take(buffer);
   const auto arrivals = stream_.Arrivals();
   arrivals_.assign(arrivals.begin(), arrivals.end());

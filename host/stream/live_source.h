@@ -54,6 +54,7 @@ class LiveSource : public ByteSource {
   bool WaitForDatagrams(bool started);
   void Take();
   void End(bool stopped);
+  void WaitForChange(std::unique_lock<std::mutex>& lock);
 
   ReceiveSocket socket_;  // of the thread, but for the number of dropped datagrams
   std::optional<std::chrono::nanoseconds> silence_;

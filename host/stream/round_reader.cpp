@@ -40,6 +40,12 @@ void RoundReader::StartReading() {
   filter_.emplace(facts.format, facts.filter);
 }
 
+void RoundReader::DoWhileWaiting(const IdleWork& work) {
+  for (Stream& stream : streams_) {
+    stream.input.DoWhileWaiting(work);
+  }
+}
+
 std::span<std::uint8_t> RoundReader::Next() {
   Input& input = streams_[stream_].input;
   auto packets = reader_->Next();

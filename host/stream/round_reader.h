@@ -31,6 +31,8 @@ class RoundReader {
   // The next packets of the stream in hand (bytes of raw input), valid until the next call. Waits
   // for a pipe. Empty at its end.
   std::span<std::uint8_t> Next();
+  // What to do on time while Next() waits.
+  void DoWhileWaiting(const IdleWork& work);
   // When the byte came that stands here in what Next() returned last; nothing where the input does
   // not know.
   std::optional<Arrival> ArrivalOf(std::size_t position) const {

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Streams that come in by UDP and RTP while they are played, judged by what was sent."""
+import contextlib
 import json
 import os
 import signal
@@ -73,6 +74,34 @@ class Live(PlayCase):
             with self.subTest(address):
                 errors = self.play(address, *TARGET, status=status).errors
                 self.assertRegex(errors, r"\Aipplay: INPUT: [^\n]*\n\Z")
+
+    def test_what_follows_the_last_pcr_leaves_while_nothing_comes(self):
+        """It does not wait for the next PCR, which may never come."""
+        fifo, growing = self.path("pipe"), self.path("growing.ts")
+        os.mkfifo(fifo)
+        receiver = self.bed.far.packet_socket(self.bed.FAR)
+        self.addCleanup(receiver.close)
+        receiver.settimeout(60)
+        # Each is longer than what is read ahead of it.
+        for datagrams, source, *options in ((900, f"udp://{GROUP4}:5004"), (3000, fifo), (3000, growing, "--follow")):
+            with self.subTest(source), contextlib.ExitStack() as stack:
+                playout = Playout(datagrams=datagrams, rtp=False)
+                payloads = playout.payloads()
+                last = payloads[-1]
+                self.assertFalse(any(last[at + 3] & 0x20 for at in range(0, len(last), 188)), "it has a PCR itself")
+                if source == growing:
+                    stack.enter_context(open(growing, "wb", buffering=0)).write(b"".join(payloads))
+                player = self.bed.start("play", source, *TARGET, "--quiet", *options)
+                if source == fifo:
+                    stack.enter_context(open(fifo, "wb", buffering=0)).write(b"".join(payloads))
+                elif source != growing:
+                    self.send_when_joined(GROUP4, [frame for _, frame in playout.capture()])
+                frame = b""
+                while frame[30:34] != bytes((239, 7, 7, 7)) or not frame.endswith(last):
+                    frame = receiver.recv(2048)
+                player.send_signal(signal.SIGINT)
+                errors = player.communicate(timeout=30)[1]
+                self.assertEqual(player.returncode, PLAYED, errors)
 
     def test_stop_ends_a_stream_that_goes_on(self):
         frames = [frame for _, frame in Playout(datagrams=900, rtp=False).capture()]  # more than is read ahead
