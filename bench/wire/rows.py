@@ -11,6 +11,7 @@ import numpy
 import analysis
 import jitter_model
 from bed import busy_processors
+from live_rows import LiveRows
 from schedule_rows import ScheduleRows
 from senders import gap_ns
 from table import Table
@@ -18,9 +19,10 @@ from table import Table
 WARM_UP = 0.5  # seconds from the start of a sender to the part that counts
 
 
-class Yardstick(ScheduleRows):
-    def __init__(self, bed, senders, rounds, seconds, wanted=""):
+class Yardstick(ScheduleRows, LiveRows):
+    def __init__(self, bed, senders, rounds, seconds, wanted="", minutes=1.0):
         self.bed, self.senders, self.rounds, self.seconds, self.wanted = bed, senders, rounds, seconds, wanted
+        self.minutes = minutes
 
     def alternate(self, commands, table, measure):
         """Measures every sender once per round: measure(command) for the commands, by name."""
@@ -424,6 +426,7 @@ ROWS = [
     "slope",
     "replay",
     "twins",
+    "live",
     "start",
     "patterns",
     "catch_up",

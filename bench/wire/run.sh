@@ -4,7 +4,7 @@
 # use for it today, and with bare loops that show what the kernel can do, over a veth pair between
 # two namespaces of its own, and writes tables and plots. About ten minutes, as root, on Debian 12.
 #
-# usage: bench/wire/run.sh [--only ROW] [--sender NAME] [--rounds N] [--long] [--out FOLDER]
+# usage: bench/wire/run.sh [--only ROW] [--sender NAME] [--rounds N] [--long] [--minutes N] [--out FOLDER]
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . tools/setup.sh
