@@ -1,26 +1,44 @@
 // SPDX-License-Identifier: MIT
 #include "host/base/child_process.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <optional>
+#include <span>
+#include <utility>
 
 #include "host/base/memory_file.h"
+#include "host/base/poll_until.h"
 #include "host/base/stop_signals.h"
 
 namespace ipplay {
 
-bool ChildProcess::Start(std::vector<std::string> words, const std::function<bool()>& prepare) {
+namespace {
+
+// Of the child, for good.
+bool PlaceStreams(const ChildProcess::Program& program, const FileDescriptor& output) {
+  const FileDescriptor nothing(program.hides_errors ? ::open("/dev/null", O_WRONLY | O_CLOEXEC)
+                                                    : -1);
+  const int errors = program.hides_errors ? nothing.Get() : output.Get();
+  return (program.input < 0 || ::dup2(program.input, 0) == 0) && ::dup2(output.Get(), 1) == 1 &&
+         ::dup2(errors, 2) == 2;
+}
+
+}  // namespace
+
+bool ChildProcess::Start(Program program, const std::function<bool()>& prepare) {
   output_ = CreateMemoryFile("output", OnExec::kClose);
   if (!output_.IsOpen()) {
     return false;
   }
   std::vector<char*> arguments;
-  for (std::string& word : words) {
+  for (std::string& word : program.words) {
     arguments.push_back(word.data());
   }
   arguments.push_back(nullptr);
@@ -34,11 +52,10 @@ bool ChildProcess::Start(std::vector<std::string> words, const std::function<boo
   }
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (::getppid() == parent && prepare() && ::dup2(output_.Get(), 1) == 1 &&
-        ::dup2(output_.Get(), 2) == 2) {
+    if (::getppid() == parent && PlaceStreams(program, output_) && prepare()) {
       StopSignals::Forget();
       held_back.reset();
-      ::execv("/proc/self/exe", arguments.data());
+      ::execv(program.path.c_str(), arguments.data());
     }
     ::_exit(EXIT_FAILURE);
   }
@@ -52,6 +69,19 @@ bool ChildProcess::HasEnded() {
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   return ended_;
+}
+
+bool ChildProcess::WaitFor(std::chrono::nanoseconds time) {
+  const FileDescriptor end(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));
+  pollfd wait{end.Get(), POLLIN, 0};
+  PollUntil(std::span(&wait, 1), std::chrono::steady_clock::now().time_since_epoch() + time);
+  return HasEnded();
+}
+
+void ChildProcess::Kill() {
+  if (process_ > 0 && !HasEnded()) {
+    ::kill(process_, SIGKILL);
+  }
 }
 
 std::string ChildProcess::Output() const {

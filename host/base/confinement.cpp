@@ -7,6 +7,7 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <pwd.h>
+#include <sched.h>
 #include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -113,7 +114,85 @@ bool AllowWithArguments(scmp_filter_ctx filter, NewFiles files) {
   return all;
 }
 
+constexpr const char* kReach[] = {"socket",
+                                  "socketpair",
+                                  "connect",
+                                  "bind",
+                                  "listen",
+                                  "io_uring_setup",
+                                  "ptrace",
+                                  "process_vm_readv",
+                                  "process_vm_writev",
+                                  "kill",
+                                  "tkill",
+                                  "pidfd_open",
+                                  "pidfd_getfd",
+                                  "pidfd_send_signal",
+                                  "unshare",
+                                  "setns",
+                                  "mount",
+                                  "execveat",
+                                  "openat2",
+                                  "creat",
+                                  "truncate",
+                                  "unlink",
+                                  "unlinkat",
+                                  "rename",
+                                  "renameat",
+                                  "renameat2",
+                                  "mkdir",
+                                  "mkdirat",
+                                  "rmdir",
+                                  "link",
+                                  "linkat",
+                                  "symlink",
+                                  "symlinkat",
+                                  "mknod",
+                                  "mknodat",
+                                  "chmod",
+                                  "fchmodat",
+                                  "chown",
+                                  "lchown",
+                                  "fchownat"};
+
+bool Deny(scmp_filter_ctx filter, const char* name,
+          std::initializer_list<scmp_arg_cmp> arguments = {}, std::uint16_t error = EPERM) {
+  const int call = seccomp_syscall_resolve_name(name);
+  return call == __NR_SCMP_ERROR ||
+         seccomp_rule_add_array(filter, SCMP_ACT_ERRNO(error), call,
+                                static_cast<unsigned>(arguments.size()), arguments.begin()) == 0;
+}
+
+bool DenyWithArguments(scmp_filter_ctx filter) {
+  bool all = true;
+  for (const unsigned mode : {unsigned{O_WRONLY}, unsigned{O_RDWR}}) {
+    all &= Deny(filter, "open", {MaskedArgument(1, O_ACCMODE, mode)});
+    all &= Deny(filter, "openat", {MaskedArgument(2, O_ACCMODE, mode)});
+  }
+  all &= Deny(filter, "open", {MaskedArgument(1, O_CREAT, O_CREAT)});
+  all &= Deny(filter, "openat", {MaskedArgument(2, O_CREAT, O_CREAT)});
+  // Of its own threads only.
+  all &= Deny(filter, "tgkill", {{0, SCMP_CMP_NE, static_cast<scmp_datum_t>(::getpid()), 0}});
+  // Threads are made by the older call, whose flags can be looked at.
+  all &= Deny(filter, "clone3", {}, ENOSYS);
+  all &= Deny(filter, "clone", {MaskedArgument(0, CLONE_NEWUSER, CLONE_NEWUSER)});
+  return all;
+}
+
 }  // namespace
+
+bool DenyReach() {
+  RefuseNewPrivileges();
+  const Filter filter(seccomp_init(SCMP_ACT_ALLOW), &seccomp_release);
+  if (filter == nullptr) {
+    return false;
+  }
+  bool all = DenyWithArguments(filter.get());
+  for (const char* name : kReach) {
+    all &= Deny(filter.get(), name);
+  }
+  return all && seccomp_load(filter.get()) == 0;
+}
 
 void RefuseNewPrivileges() {
   ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);

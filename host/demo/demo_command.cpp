@@ -118,9 +118,9 @@ void StartWhenMeasuring(MeasureOptions& measure, const DemoStream& stream,
   measure.start_sender = [&] {
     const std::string rate = stream.speed ? fmt::format("--speed={:.9f}", *stream.speed)
                                           : fmt::format("--bitrate={:.3f}", stream.bit_rate);
-    return player.Start(
-        {"ipplay", "play", stream.path, "--to", TargetUrl(), "--device", DemoNetwork::kNear, rate},
-        [&network] { return network.EnterNear(); });
+    return player.Start({.words = {"ipplay", "play", stream.path, "--to", TargetUrl(), "--device",
+                                   DemoNetwork::kNear, rate}},
+                        [&network] { return network.EnterNear(); });
   };
   measure.sender_ended = [&player] { return player.HasEnded(); };
 }

@@ -15,7 +15,7 @@ namespace {
 // The status of a child that is asked to stop while it is not yet the program that it is to be.
 int StatusAfterAnEarlySignal(int signal) {
   ChildProcess child;
-  const bool started = child.Start({"host_tests", "--gtest_list_tests"}, [signal] {
+  const bool started = child.Start({.words = {"host_tests", "--gtest_list_tests"}}, [signal] {
     ::raise(signal);
     return true;
   });

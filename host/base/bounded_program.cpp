@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#include "host/base/bounded_program.h"
+
+#include <linux/close_range.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <utility>
+
+#include "host/base/capabilities.h"
+#include "host/base/confinement.h"
+
+namespace ipplay {
+namespace {
+
+constexpr int kLastInLine = 19;
+constexpr rlim_t kMostDescriptors = 64;
+
+bool Limit(__rlimit_resource what, rlim_t most) {
+  const rlimit limit{most, most};
+  return ::setrlimit(what, &limit) == 0;
+}
+
+// It has its input and its output.
+bool KeepNoDescriptors() {
+  return ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
+}
+
+bool Confine(const ProgramBounds& bounds) {
+  KeepCapabilities({});
+  return ::setpriority(PRIO_PROCESS, 0, kLastInLine) == 0 &&
+         Limit(RLIMIT_CPU, static_cast<rlim_t>(bounds.time.count())) &&
+         Limit(RLIMIT_AS, bounds.memory_bytes) && Limit(RLIMIT_FSIZE, bounds.output_bytes) &&
+         Limit(RLIMIT_NOFILE, kMostDescriptors) && Limit(RLIMIT_CORE, 0) && KeepNoDescriptors() &&
+         DenyReach();
+}
+
+}  // namespace
+
+std::string FindProgram(const std::string& name) {
+  const char* const path = std::getenv("PATH");
+  std::istringstream folders(path == nullptr ? "" : path);
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    std::string program = folder + "/" + name;
+    if (folder.starts_with('/') && ::access(program.c_str(), X_OK) == 0) {
+      return program;
+    }
+  }
+  return {};
+}
+
+std::optional<std::string> RunBounded(ChildProcess::Program program, const ProgramBounds& bounds) {
+  ChildProcess child;
+  program.hides_errors = true;
+  if (!child.Start(std::move(program), [&bounds] { return Confine(bounds); })) {
+    return std::nullopt;
+  }
+  if (!child.WaitFor(bounds.time)) {
+    child.Kill();
+    return std::nullopt;
+  }
+  return child.Status() == 0 ? std::optional(child.Output()) : std::nullopt;
+}
+
+}  // namespace ipplay

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+// Another program that is given hostile bytes and prints what it makes of them, within bounds.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "host/base/child_process.h"
+
+namespace ipplay {
+
+struct ProgramBounds {
+  std::chrono::seconds time{};  // on the clock, and of a processor
+  std::uint64_t memory_bytes = 0;
+  std::uint64_t output_bytes = 0;
+};
+
+// The absolute path of what a shell would run; empty where there is none.
+std::string FindProgram(const std::string& name);
+
+// What it prints, if it ends with 0 within the bounds. It comes after all others at the processor,
+// and DenyReach() holds for it. Any thread.
+std::optional<std::string> RunBounded(ChildProcess::Program program, const ProgramBounds& bounds);
+
+}  // namespace ipplay
