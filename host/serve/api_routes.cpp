@@ -96,12 +96,16 @@ void AddServer(const Parts& parts, Routes& routes) {
                     }});
 }
 
-void AddMedia(const MediaStore& media, Routes& routes) {
+void AddMedia(const MediaStore& media, Thumbnails& thumbnails, Routes& routes) {
   routes.push_back({"GET", "/api/v1/media", [&media](const auto&...) { return MediaJson(media); }});
   routes.push_back(
       {"GET", "/api/v1/media/facts", [&media](const HttpRequest& request, const std::string&) {
          return FactsJson(media, request);
        }});
+  routes.push_back({"GET", "/api/v1/media/thumbnail",
+                    [&thumbnails](const HttpRequest& request, const std::string&) {
+                      return thumbnails.Get(request);
+                    }});
 }
 
 void AddPlayouts(PlayoutStore& playouts, Routes& routes) {
@@ -171,7 +175,7 @@ HttpResponse MetricsResponse(const Parts& parts) {
 std::vector<Route> ApiRoutes(const Parts& parts) {
   Routes routes;
   AddServer(parts, routes);
-  AddMedia(parts.media, routes);
+  AddMedia(parts.media, parts.thumbnails, routes);
   AddPlayouts(parts.playouts, routes);
   AddLineups(parts.lineups, routes);
   AddMeters(parts.meters, routes);

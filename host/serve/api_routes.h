@@ -11,6 +11,7 @@
 #include "host/serve/meter_store.h"
 #include "host/serve/playout_store.h"
 #include "host/serve/router.h"
+#include "host/serve/thumbnails.h"
 
 namespace ipplay::serve {
 
@@ -18,6 +19,7 @@ namespace ipplay::serve {
 struct Parts {
   const std::vector<Adapter>& adapters;
   const MediaStore& media;
+  Thumbnails& thumbnails;
   EventFeed& feed;
   PlayoutStore& playouts;
   LineupStore& lineups;

@@ -130,14 +130,18 @@ HttpResponse NoContent() {
   return response;
 }
 
-std::string AddressOf(const std::string& collection, const std::string& name) {
-  std::string address = fmt::format("/api/v1/{}/", collection);
-  for (const char c : name) {
+std::string Encoded(std::string_view text) {
+  std::string encoded;
+  for (const char c : text) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                        c == '-' || c == '.' || c == '_';
-    address += plain ? std::string(1, c) : fmt::format("%{:02X}", static_cast<unsigned char>(c));
+    encoded += plain ? std::string(1, c) : fmt::format("%{:02X}", static_cast<unsigned char>(c));
   }
-  return address;
+  return encoded;
+}
+
+std::string AddressOf(const std::string& collection, const std::string& name) {
+  return fmt::format("/api/v1/{}/{}", collection, Encoded(name));
 }
 
 }  // namespace ipplay::serve

@@ -70,6 +70,8 @@ HttpResponse FailureResponse(const Failure& failure, const std::string& field = 
 
 HttpResponse NoSuch(const std::string& kind, const std::string& name);
 HttpResponse NoContent();
+// As a part of a path or query (RFC 3986, 2.1).
+std::string Encoded(std::string_view text);
 // Of one thing: "/api/v1/COLLECTION/NAME", encoded.
 std::string AddressOf(const std::string& collection, const std::string& name);
 

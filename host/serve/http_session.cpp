@@ -28,8 +28,8 @@ constexpr std::pair<const char*, const char*> kHeaders[] = {
     {"Cross-Origin-Resource-Policy", "same-origin"},
     {"Cross-Origin-Opener-Policy", "same-origin"}};
 constexpr const char* kContentPolicy =
-    "default-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
-    "object-src 'none'";
+    "default-src 'self'; img-src 'self' blob:; base-uri 'none'; form-action 'none'; "
+    "frame-ancestors 'none'; object-src 'none'";
 
 template <typename Message>
 void SetHeaders(const HttpResponse& response, Message& message) {

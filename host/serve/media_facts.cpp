@@ -5,6 +5,7 @@
 
 #include "host/base/json.h"
 #include "host/measure/figures/ts_analysis.h"
+#include "host/serve/thumbnails.h"
 #include "host/stream/capture_file.h"
 #include "host/stream/open_input.h"
 #include "host/stream/stream_facts.h"
@@ -41,7 +42,13 @@ Json ComponentJson(const measure::Component& component) {
   return json;
 }
 
-Json ServicesJson(const measure::ServiceList& list) {
+bool HasVideo(const measure::Service& service) {
+  return std::ranges::any_of(service.components, [](const measure::Component& component) {
+    return component.kind == measure::ComponentKind::kVideo;
+  });
+}
+
+Json ServicesJson(const measure::ServiceList& list, const std::string& path) {
   Json services = Json::array();
   for (const auto& [number, service] : list.Services()) {
     const auto name = list.Names().find(number);
@@ -55,13 +62,14 @@ Json ServicesJson(const measure::ServiceList& list) {
     for (const measure::Component& component : service.components) {
       json["components"].push_back(ComponentJson(component));
     }
+    json["thumbnail"] = HasVideo(service) ? Json(Thumbnails::AddressOf(path, number)) : Json();
     services.push_back(std::move(json));
   }
   return services;
 }
 
 // The services that the beginning of the stream names; `input` is at its first packet.
-void AddServices(Input& input, Json& json) {
+void AddServices(Input& input, const std::string& path, Json& json) {
   const auto ts = std::make_unique<measure::TsAnalysis>();
   std::vector<std::uint8_t> buffer(std::size_t{188} * 348);
   std::size_t looked_through = 0;
@@ -75,7 +83,7 @@ void AddServices(Input& input, Json& json) {
   }
   const measure::ServiceList& list = ts->Services();
   json["transport_stream_id"] = list.HasPat() ? Json(list.StreamId()) : Json();
-  json["services"] = ServicesJson(list);
+  json["services"] = ServicesJson(list, path);
 }
 
 Result<Input> Open(const MediaFile& file, bool raw) {
@@ -132,7 +140,7 @@ Result<Json> MediaFacts(const MediaFile& file) {
                      : is_raw   ? "raw"
                                 : "stream"}};
   AddFacts(*facts, json);
-  AddServices(*input, json);
+  AddServices(*input, file.entry.path, json);
   json["notes"] = Json::array();
   for (const std::string& note : input->Notes()) {
     json["notes"].push_back(WithName(note, opened, file.entry.path));

@@ -90,7 +90,9 @@ class ServeSession {
         playouts_(adapters_, media, feed_),
         lineups_(playouts_),
         meters_(feed_),
-        parts_{adapters_, media, feed_, playouts_, lineups_, meters_, WallClockNow().count()} {
+        thumbnails_(media),
+        parts_{adapters_, media,    thumbnails_, feed_,
+               playouts_, lineups_, meters_,     WallClockNow().count()} {
     // What opens adapters has its threads by now.
     KeepCapabilities({});
   }
@@ -143,6 +145,7 @@ class ServeSession {
   PlayoutStore playouts_;
   LineupStore lineups_;
   MeterStore meters_;
+  Thumbnails thumbnails_;
   const Parts parts_;
 };
 

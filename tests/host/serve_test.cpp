@@ -77,8 +77,10 @@ TEST(Routes, AreThoseOfTheDocument) {
   PlayoutStore playouts(adapters, *media, feed);
   LineupStore lineups(playouts);
   MeterStore meters(feed);
+  Thumbnails thumbnails(*media);
+  const Parts parts{adapters, *media, thumbnails, feed, playouts, lineups, meters, 0};
   std::set<std::string> routes;
-  for (const Route& route : ApiRoutes({adapters, *media, feed, playouts, lineups, meters, 0})) {
+  for (const Route& route : ApiRoutes(parts)) {
     EXPECT_TRUE(routes.insert(route.method + " " + route.path).second) << route.path;
   }
   std::ifstream file(OPENAPI_FILE);

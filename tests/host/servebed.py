@@ -27,9 +27,9 @@ class Answer:
 
 class Server:
     """Sockets are made in its namespace, and used from here."""
-    def __init__(self, bed, *options, listen="127.0.0.1:0"):
+    def __init__(self, bed, *options, listen="127.0.0.1:0", **more):
         self.bed = bed
-        self.process = bed.start("serve", "--listen", listen, *options)
+        self.process = bed.start("serve", "--listen", listen, *options, **more)
         line = self.process.stdout.readline().strip()
         if not line.startswith("http://"):
             raise AssertionError(f"no address: {line!r} {self.process.communicate()}")

@@ -284,6 +284,10 @@ class Page(PageCase):
         server = self.serve()
         self.open(f"{server.address}#/new")
         self.find("input[value='streams/sample.ts']").click()
+        self.until("document.querySelector('.services .picture img') !== null")
+        self.assertTrue(self.browser.execute_async_script(
+            "const done = arguments[0], image = document.querySelector('.services .picture img');"
+            "image.decode().then(() => done(true), () => done(false))"))
         self.find("input[name=to]").send_keys("239.1.1.1" + Keys.ENTER)
         self.until("document.querySelector('input[name=to][aria-invalid=true]')")
         self.assertIn("239.1.1.1", self.browser.execute_script(

@@ -68,6 +68,15 @@ async function errorOf(response) {
   }
 }
 
+// What is no JSON: with the token, which the address in an element could not have.
+async function blob(path) {
+  const response = await request(path);
+  if (!response.ok) {
+    throw await errorOf(response);
+  }
+  return response.blob();
+}
+
 async function call(method, path, content) {
   const order = {method};
   if (content !== undefined) {
@@ -93,6 +102,7 @@ export const api = {
   devices: () => call("GET", "/devices"),
   media: () => call("GET", "/media"),
   mediaFacts: (path) => call("GET", `/media/facts?path=${encodeURIComponent(path)}`),
+  thumbnail: (path, service) => blob(`/media/thumbnail?path=${encodeURIComponent(path)}&service=${service}`),
   plan: (options) => call("POST", "/plan", {options}),
 
   playouts: () => call("GET", "/playouts"),
@@ -110,11 +120,5 @@ export const api = {
   stopMeter: (name) => call("POST", `${named("meters", name)}/stop`),
   removeMeter: (name) => call("DELETE", named("meters", name)),
   reportAddress: (name) => `${kBase}${named("meters", name)}/report`,
-  async report(name) {
-    const response = await request(`${named("meters", name)}/report`);
-    if (!response.ok) {
-      throw await errorOf(response);
-    }
-    return response.blob();
-  },
+  report: (name) => blob(`${named("meters", name)}/report`),
 };

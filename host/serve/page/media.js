@@ -7,9 +7,13 @@ import {formatBitRate, formatBytes, formatClock, formatCount, formatDate, kNoVal
 
 const kMostShown = 300;
 
+function nameOf(service) {
+  return service.name || `program ${service.number}`;
+}
+
 function serviceText(service) {
   const kinds = service.components.map((one) => [one.kind, one.coding, one.language].filter(Boolean).join(" "));
-  return `${service.name || `program ${service.number}`}${kinds.length > 0 ? `: ${kinds.join(", ")}` : ""}`;
+  return `${nameOf(service)}${kinds.length > 0 ? `: ${kinds.join(", ")}` : ""}`;
 }
 
 function factsText(facts) {
@@ -80,8 +84,30 @@ export class MediaList {
   }
 
   #showFacts(facts) {
+    const services = facts.services.map((service) => ({place: make("span", {class: "picture"}), text: serviceText(service)}));
     this.facts.replaceChildren(make("p", {}, factsText(facts) || kNoValue),
-      make("ul", {}, facts.services.map((service) => make("li", {}, serviceText(service)))),
+      make("ul", {class: "services"}, services.map(({place, text}) => make("li", {}, place, make("span", {}, text)))),
       make("ul", {class: "late"}, facts.notes.map((note) => make("li", {}, note))));
+    this.#showPictures(facts, services.map(({place}) => place));
+  }
+
+  // One after the other: the server makes few at once. Where there is none the place stays empty.
+  async #showPictures(facts, places) {
+    for (const [index, place] of places.entries()) {
+      const service = facts.services[index];
+      if (!place.isConnected) {
+        return;  // another file was chosen
+      }
+      if (service.thumbnail === null) {
+        continue;
+      }
+      try {
+        const address = URL.createObjectURL(await api.thumbnail(facts.path, service.number));
+        const done = () => URL.revokeObjectURL(address);
+        place.append(make("img", {src: address, alt: `A picture of ${nameOf(service)}`, onload: done, onerror: done}));
+      } catch (error) {
+        place.title = error.message;
+      }
+    }
   }
 }

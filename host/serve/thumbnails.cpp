@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: MIT
+#include "host/serve/thumbnails.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "host/base/bounded_program.h"
+#include "host/base/memory_file.h"
+#include "host/base/name_hash.h"
+#include "host/base/numbers.h"
+#include "host/stream/open_input.h"
+#include "host/stream/stream_facts.h"
+
+namespace ipplay::serve {
+namespace {
+
+constexpr std::size_t kLookedThrough = std::size_t{16} << 20;
+constexpr ProgramBounds kBounds{std::chrono::seconds(10), std::uint64_t{2} << 30,
+                                std::uint64_t{1} << 20};
+constexpr std::uint64_t kHighestService = 0xFFFF;
+
+// The beginning of the stream, from its first packet on, without what it was captured in.
+FileDescriptor BeginningOf(const MediaFile& file) {
+  auto input = OpenInput(MediaStore::PathOf(file.fd), {}, -1);
+  if (!input || !Examine(*input, {})) {
+    return {};
+  }
+  std::vector<std::uint8_t> bytes(kLookedThrough);
+  bytes.resize(input->ReadFully(bytes));
+  FileDescriptor beginning = CreateMemoryFile("stream", OnExec::kClose);
+  if (!WriteAll(beginning, bytes) || ::lseek(beginning.Get(), 0, SEEK_SET) != 0) {
+    return {};
+  }
+  return beginning;
+}
+
+// Of the first frame that needs no other one, at most 320 by 180.
+std::optional<std::string> PictureOf(const FileDescriptor& stream, const std::string& ffmpeg,
+                                     std::uint64_t service) {
+  const std::string video = fmt::format("0:p:{}:v:0", service);
+  return RunBounded({.words = {"ffmpeg",
+                               "-nostdin",
+                               "-v",
+                               "quiet",
+                               "-threads",
+                               "1",
+                               "-protocol_whitelist",
+                               "pipe",
+                               "-skip_frame",
+                               "nokey",
+                               "-f",
+                               "mpegts",
+                               "-i",
+                               "pipe:0",
+                               "-map",
+                               video,
+                               "-frames:v",
+                               "1",
+                               "-filter_threads",
+                               "1",
+                               "-vf",
+                               "scale=w='max(2,min(320,trunc(90*dar)*2))':h=180,setsar=1",
+                               "-threads",
+                               "1",
+                               "-f",
+                               "mjpeg",
+                               "-q:v",
+                               "4",
+                               "pipe:1"},
+                     .path = ffmpeg,
+                     .input = stream.Get()},
+                    kBounds);
+}
+
+// Empty where there is none.
+std::string MakePicture(const MediaFile& file, const std::string& ffmpeg, std::uint64_t service) {
+  const FileDescriptor stream = BeginningOf(file);
+  return stream.IsOpen() ? PictureOf(stream, ffmpeg, service).value_or("") : "";
+}
+
+HttpResponse AskAgain() {
+  HttpResponse response =
+      ErrorResponse(HttpStatus::kTooBusy, "other pictures are being made; ask again in a second");
+  response.headers.emplace_back("Retry-After", "1");
+  return response;
+}
+
+HttpResponse NoPicture(std::uint64_t service) {
+  return ErrorResponse(HttpStatus::kNotFound,
+                       fmt::format("service {}: no picture in the first 16 MiB of the stream; it "
+                                   "has no video, or is scrambled, or is not in the file",
+                                   service));
+}
+
+HttpResponse PictureResponse(std::string jpeg, const std::string& tag) {
+  HttpResponse response;
+  response.content_type = "image/jpeg";
+  response.headers = {{"ETag", tag}, {"Cache-Control", "no-cache"}};
+  response.body = std::move(jpeg);
+  return response;
+}
+
+}  // namespace
+
+Thumbnails::Thumbnails(const MediaStore& media) : media_(media), ffmpeg_(FindProgram("ffmpeg")) {}
+
+std::string Thumbnails::AddressOf(const std::string& path, std::uint64_t service) {
+  return fmt::format("/api/v1/media/thumbnail?path={}&service={}", Encoded(path), service);
+}
+
+HttpResponse Thumbnails::Get(const HttpRequest& request) {
+  const auto path = request.query.find("path");
+  if (path == request.query.end()) {
+    return ErrorResponse(HttpStatus::kBadRequest, "path: missing; give that of a file", "path");
+  }
+  const auto given = request.query.find("service");
+  const auto service =
+      given == request.query.end() ? std::nullopt : ParseNumber(given->second, 1, kHighestService);
+  if (!service) {
+    return ErrorResponse(HttpStatus::kBadRequest,
+                         "service: give its number, 1 to 65535, as the facts have it", "service");
+  }
+  const auto file = media_.OpenFile(path->second);
+  if (!file) {
+    return ErrorResponse(HttpStatus::kNotFound, file.Error().message, "path");
+  }
+  if (ffmpeg_.empty()) {
+    return ErrorResponse(HttpStatus::kNotFound,
+                         "there are no pictures: ffmpeg is not installed on the server");
+  }
+  const std::string key = fmt::format("{} {} {} {}", *service, file->entry.bytes,
+                                      file->entry.modified_ns, file->entry.path);
+  auto jpeg = Find(key);
+  if (!jpeg) {
+    const Turn turn(*this);
+    if (!turn.IsMine()) {
+      return AskAgain();
+    }
+    jpeg = MakePicture(*file, ffmpeg_, *service);
+    Keep({key, *jpeg});
+  }
+  if (jpeg->empty()) {
+    return NoPicture(*service);
+  }
+  const std::string tag = fmt::format("\"{:x}\"", HashOfName(key));
+  HttpResponse response = PictureResponse(*std::move(jpeg), tag);
+  if (request.Header("if-none-match") == tag) {
+    response.status = HttpStatus::kNotModified;
+    response.body.clear();
+  }
+  return response;
+}
+
+Thumbnails::Turn::Turn(Thumbnails& all) : all_(all) {
+  const std::lock_guard lock(all_.mutex_);
+  is_mine_ = all_.being_made_ < kMostAtOnce;
+  all_.being_made_ += is_mine_ ? 1 : 0;
+}
+
+Thumbnails::Turn::~Turn() {
+  const std::lock_guard lock(all_.mutex_);
+  all_.being_made_ -= is_mine_ ? 1 : 0;
+}
+
+std::optional<std::string> Thumbnails::Find(const std::string& key) {
+  const std::lock_guard lock(mutex_);
+  const auto found = std::ranges::find(kept_, key, &Picture::key);
+  return found == kept_.end() ? std::nullopt : std::optional(found->jpeg);
+}
+
+void Thumbnails::Keep(Picture picture) {
+  const std::lock_guard lock(mutex_);
+  if (kept_.size() == kMostKept) {
+    kept_.pop_front();
+  }
+  kept_.push_back(std::move(picture));
+}
+
+}  // namespace ipplay::serve
