@@ -93,6 +93,8 @@ def test_errors_are_those_of_the_package_in_the_servers_words(client, server):
 def test_media_meters_and_lineups(client, wire):
     assert [each.path for each in client.media()] == ["streams/x.ts"]
     assert client.media_facts("streams/x.ts").packets == 1400
+    with pytest.raises(ipplayout.Error, match="no picture"):  # of packets that are all padding
+        client.thumbnail("streams/x.ts", 1)
     assert wire.NEAR in json.dumps(client.devices())
     assert client.server().media_folders == ("streams",)
     channels = "".join(f'[[channel]]\nname = "c{n}"\ninput = "streams/x.ts"\nto = "rtp://239.1.1.{n}:5004"\nbitrate = "2M"\n'

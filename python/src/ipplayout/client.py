@@ -83,6 +83,11 @@ class Client:
         """What is in one of them."""
         return build(MediaFacts, self._get(path_of("media", "facts") + "?" + urllib.parse.urlencode({"path": path})))
 
+    def thumbnail(self, path: str, service: int) -> bytes:
+        """A picture of a service of one of them, as JPEG."""
+        query = urllib.parse.urlencode({"path": path, "service": service})
+        return self._request("GET", path_of("media", "thumbnail") + "?" + query)
+
     def plan(self, **options: OptionValue) -> Plan:
         """What would be played; sends nothing."""
         return build(Plan, self._post(path_of("plan"), {"options": options_of(options)}))

@@ -49,6 +49,7 @@ class Service:
     provider: str
     pmt_pid: int
     pcr_pid: int | None
+    thumbnail: str | None
     components: tuple[Component, ...]
 
 
