@@ -43,6 +43,7 @@ struct DemoOptions {
   std::string report_over;  // what an older report must start with to be replaced
   bool serve = false;
   std::string listen;
+  std::string token_file;
 };
 
 struct DemoStream {
@@ -180,8 +181,10 @@ namespace {
 // What does not go together with --serve, or not without it.
 std::optional<Failure> Misplaced(const CLI::App& command, bool serve) {
   const auto given = [&](const char* name) { return command.get_option(name)->count() > 0; };
-  if (!serve && given("--listen")) {
-    return UsageFailure("--listen: only --serve listens; add --serve");
+  for (const char* const name : {"--listen", "--token-file"}) {
+    if (!serve && given(name)) {
+      return UsageFailure(fmt::format("{}: only --serve listens; add --serve", name));
+    }
   }
   for (const char* const name : {"FILE", "--bitrate", "--length", "--report"}) {
     if (serve && given(name)) {
@@ -218,14 +221,17 @@ void RegisterDemo(CLI::App& app, Result<int>& outcome, const DemoServer& serve) 
   add.Flag("--serve", options->serve,
            "Serve the control room's page instead, with playouts and a meter, until Ctrl-C");
   add.Value("--listen", options->listen, "ADDRESS:PORT", "an address and a port",
-            "Where --serve listens", ParseText, "127.0.0.1:8080");
+            "Where --serve listens; beyond this machine with --token-file alone", ParseText,
+            "127.0.0.1:8080");
+  add.Value("--token-file", options->token_file, "FILE", "a file",
+            "File of mode 0600 with the token that the page asks for", ParseText);
   command->callback([options, length_option, command, serve, &app, &outcome] {
     if (auto failure = Misplaced(*command, options->serve)) {
       outcome = *std::move(failure);
       return;
     }
     if (options->serve) {
-      outcome = serve(options->listen);
+      outcome = serve(options->listen, options->token_file);
       return;
     }
     if (IsFromFile(app, *command, "--report")) {

@@ -40,9 +40,10 @@ std::optional<Failure> EnterDemo() {
 
 }  // namespace
 
-Result<int> ServeDemo(const std::string& listen) {
+Result<int> ServeDemo(const std::string& listen, const std::string& token_file) {
   ServeOptions options;
   options.listen = listen;
+  options.token_file = token_file;
   options.media = {measure::kDemoMediaFolder};
   options.enter = EnterDemo;
   options.first_lineup = kChannels;

@@ -9,6 +9,6 @@
 namespace ipplay::serve {
 
 // Until a signal comes.
-Result<int> ServeDemo(const std::string& listen);
+Result<int> ServeDemo(const std::string& listen, const std::string& token_file);
 
 }  // namespace ipplay::serve

@@ -154,6 +154,7 @@ class Refusals(PlayCase):
                 (["resolve", "10.77.0.2"], "--device is required"), (["measure"], "SOURCE is required"),
                 (["demo", SAMPLE, "--length", "1s"], "--length 1s: ", "built-in stream"),
                 (["demo", "--listen", "[::1]:80"], "--listen [::1]:80: ", "add --serve"),
+                (["demo", "--token-file", "x"], "--token-file x: ", "add --serve"),
                 (["demo", "--serve", "--bitrate", "5M"], "--bitrate 5M: ", "--serve")):
             self.refuse(arguments, *needed)
 

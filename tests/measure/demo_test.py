@@ -9,6 +9,7 @@ import signal
 import subprocess
 import tempfile
 import unittest
+import urllib.error
 import urllib.request
 
 IPPLAY = os.environ["IPPLAY"]
@@ -58,6 +59,25 @@ class Demo(unittest.TestCase):
         demo.communicate()
         self.assertEqual(demo.returncode, 0)
         self.assertFalse(os.path.exists("/mnt/demo"))
+
+    def test_serves_others_with_a_token_alone(self):
+        command = [IPPLAY, "demo", "--serve", "--listen", "0.0.0.0:0"]
+        refused = subprocess.run(command, stderr=subprocess.PIPE, text=True, check=False)
+        self.assertIn("give --token-file", refused.stderr)
+        with tempfile.NamedTemporaryFile("w") as token:
+            token.write("0123456789abcdef")
+            token.flush()
+            demo = subprocess.Popen([*command, "--token-file", token.name], stdout=subprocess.PIPE, text=True)
+            address = demo.stdout.readline().strip().replace("0.0.0.0", "127.0.0.1")
+            with self.assertRaises(urllib.error.HTTPError) as unknown:
+                urllib.request.urlopen(f"{address}api/v1")
+            self.assertEqual(unknown.exception.code, 401)
+            request = urllib.request.Request(f"{address}api/v1", headers={"Authorization": "Bearer 0123456789abcdef"})
+            with urllib.request.urlopen(request) as answer:
+                self.assertIn("demo", json.load(answer)["media_folders"])
+            demo.send_signal(signal.SIGINT)
+            demo.communicate()
+            self.assertEqual(demo.returncode, 0)
 
     def test_refuses_in_one_line(self):
         with open(self.report, "wb") as file:
