@@ -30,6 +30,9 @@ namespace {
 constexpr std::size_t kMostFrames = 64;
 // A pipe holds so much without a reader.
 constexpr std::size_t kMostBytes = 64 << 10;
+// In time. Each costs an hour of seconds without a frame, and those more than all the rest.
+constexpr int kMostLeaps = 64;
+constexpr int kMostLeapsWithSeconds = 2;
 constexpr std::array<std::uint32_t, 6> kLinkTypes{1, 101, 113, 276, 228, 229};
 
 void Put16(Bytes& file, std::uint32_t value) {
@@ -45,13 +48,13 @@ void Put32(Bytes& file, std::uint32_t value) {
 // The times of a file's frames: after the one before as in a stream, or any at all.
 class Times {
  public:
-  Times(std::uint64_t first, std::uint64_t a_millisecond)
-      : time_(first), a_millisecond_(a_millisecond) {}
+  Times(std::uint64_t first, std::uint64_t a_millisecond, int leaps)
+      : time_(first), a_millisecond_(a_millisecond), leaps_(leaps) {}
 
   std::uint64_t Next(FuzzInput& input) {
     const std::uint32_t kind = input.Number(1);
-    if (kind % 8 == 0 && leaps_ < kMostLeaps) {
-      ++leaps_;
+    if (kind % 8 == 0 && leaps_ > 0) {
+      --leaps_;
       time_ = input.Number<std::uint64_t>(8);
       return time_;
     }
@@ -61,15 +64,12 @@ class Times {
   }
 
  private:
-  // Each costs an hour of seconds without a frame, and that more than all the rest.
-  static constexpr int kMostLeaps = 2;
-
   std::uint64_t time_;
   std::uint64_t a_millisecond_;
-  int leaps_ = 0;
+  int leaps_;  // that are left
 };
 
-Bytes Pcap(FuzzInput& input, bool nanoseconds) {
+Bytes Pcap(FuzzInput& input, bool nanoseconds, int leaps) {
   Bytes file;
   Put32(file, nanoseconds ? 0xA1B23C4D : 0xA1B2C3D4);
   const std::uint32_t link = kLinkTypes[input.Number(1) % kLinkTypes.size()];
@@ -77,7 +77,7 @@ Bytes Pcap(FuzzInput& input, bool nanoseconds) {
     Put32(file, word);
   }
   const std::uint64_t a_second = nanoseconds ? 1'000'000'000 : 1'000'000;
-  Times times(input.Number<std::uint64_t>(4) * a_second, a_second / 1000);
+  Times times(input.Number<std::uint64_t>(4) * a_second, a_second / 1000, leaps);
   for (std::size_t i = 0; i < kMostFrames && !input.IsEmpty(); ++i) {
     const std::uint64_t time = times.Next(input);
     const Frame frame = NextFrame(input);
@@ -100,7 +100,7 @@ void PutBlock(Bytes& file, std::uint32_t type, const Bytes& body) {
 }
 
 // Two interfaces of one link type, each with a resolution and an offset of the fuzzer's.
-Bytes PcapNg(FuzzInput& input) {
+Bytes PcapNg(FuzzInput& input, int leaps) {
   constexpr std::uint32_t kSection = 0x0A0D0D0A, kInterface = 1, kPacket = 6;
   constexpr std::uint32_t kResolution = 9, kOffset = 14;
   Bytes file;
@@ -122,7 +122,7 @@ Bytes PcapNg(FuzzInput& input) {
     Put32(body, 0);
     PutBlock(file, kInterface, body);
   }
-  Times times(input.Number<std::uint64_t>(8), 1000);
+  Times times(input.Number<std::uint64_t>(8), 1000, leaps);
   for (std::size_t i = 0; i < kMostFrames && !input.IsEmpty(); ++i) {
     const std::uint64_t time = times.Next(input);
     body.clear();
@@ -138,14 +138,14 @@ Bytes PcapNg(FuzzInput& input) {
   return file;
 }
 
-Bytes FileBy(FuzzInput& input) {
+Bytes FileBy(FuzzInput& input, int leaps) {
   switch (input.Number(1) % 4) {
     case 0:
-      return Pcap(input, false);
+      return Pcap(input, false, leaps);
     case 1:
-      return Pcap(input, true);
+      return Pcap(input, true, leaps);
     case 2:
-      return PcapNg(input);
+      return PcapNg(input, leaps);
     default: {
       const auto rest = input.Take(SIZE_MAX);
       return {rest.begin(), rest.end()};
@@ -234,20 +234,20 @@ bool Measure(int fd, Measurement& measurement) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  FuzzInput input({data, size});
-  const std::uint32_t choice = input.Number(1);
-  const bool as_pipe = input.Number(1) % 4 == 0;
-  const Bytes bytes = FileBy(input);
-  if (bytes.size() > kMostBytes) {
-    return 0;
-  }
-  const ipplay::FileDescriptor fd = Provide(bytes, as_pipe);
   // Seconds cost ten times as much as the frames, and views a hundred times. What an input chose
   // would be so for all that come of it, and most of them soon come of those that cover the views.
   const std::size_t draw =
       std::hash<std::string_view>()({reinterpret_cast<const char*>(data), size});
   const bool with_seconds = draw % 32 == 0;
   const bool with_views = draw % 256 == 0;
+  FuzzInput input({data, size});
+  const std::uint32_t choice = input.Number(1);
+  const bool as_pipe = input.Number(1) % 4 == 0;
+  const Bytes bytes = FileBy(input, with_seconds ? kMostLeapsWithSeconds : kMostLeaps);
+  if (bytes.size() > kMostBytes) {
+    return 0;
+  }
+  const ipplay::FileDescriptor fd = Provide(bytes, as_pipe);
   Measurement measurement(SettingsBy(choice));
   SecondSums seconds;
   if (with_seconds) {

@@ -98,6 +98,20 @@ TEST(Spacing, TimeThatGoesBackIsToldAndHarmless) {
   EXPECT_EQ(spacing.Gaps().Min(), 0U);
 }
 
+TEST(Spacing, AHoleThatTimeGoesBackBehindCountsOnce) {
+  Spacing spacing({});
+  constexpr std::int64_t kLate = std::int64_t{1} << 61;
+  for (int round = 0; round < 10; ++round) {
+    for (const std::int64_t time : {std::int64_t{0}, kLate}) {
+      spacing.Add(time, 1000, false);
+    }
+  }
+  spacing.Add(kLate + kMs, 1000, true);  // a millisecond for 1000 bytes
+  spacing.Add(kLate + 2 * kMs, 1000, true);
+  spacing.Add(kLate + 2 * kMs + kMs / 10, 1000, true);
+  EXPECT_EQ(spacing.ClumpedFrames(), 1U);
+}
+
 TEST(RateMeter, CountsGapsNotFrames) {
   RateMeter rate;
   // The last one is short, as at the end of a file.

@@ -12,13 +12,13 @@ namespace ipplay::measure {
 struct ArrivalPoint {
   std::uint64_t frames = 0;
   std::uint64_t bytes = 0;
-  std::int64_t gap_sum_ns = 0;
+  double gap_sum_ns = 0;  // times that go back and forth add up beyond 64 bits
   std::int64_t gap_max_ns = 0;
 
   void Add(std::uint32_t frame_bytes, std::int64_t gap_ns) {
     ++frames;
     bytes += frame_bytes;
-    gap_sum_ns += gap_ns;
+    gap_sum_ns += static_cast<double>(gap_ns);
     gap_max_ns = std::max(gap_max_ns, gap_ns);
   }
   void Merge(const ArrivalPoint& later) {

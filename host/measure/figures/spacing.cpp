@@ -24,7 +24,7 @@ double Spacing::NsPerByte() const {
 void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
   if (!started_) {
     started_ = true;
-    first_ns_ = time_ns;
+    first_ns_ = latest_ns_ = time_ns;
     AddToGrid(time_ns, 0, true);
   } else {
     if (time_ns < last_ns_) {
@@ -36,7 +36,8 @@ void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
       elapsed_ns_ = std::max(elapsed_ns_, time_ns - first_ns_);
       elapsed_bytes_ += last_bytes_;
     } else {
-      first_ns_ += gap;  // a hole says nothing about the rate
+      // A hole says nothing about the rate; nor does it count again after time went back.
+      first_ns_ += std::max<std::int64_t>(0, time_ns - latest_ns_);
     }
     const double ideal = NsPerByte() * last_bytes_;
     gaps_.Add(static_cast<std::uint64_t>(gap));
@@ -56,6 +57,7 @@ void Spacing::Add(std::int64_t time_ns, std::uint32_t bytes, bool continuous) {
     AddToGrid(time_ns, last_bytes_, continuous);
   }
   last_ns_ = time_ns;
+  latest_ns_ = std::max(latest_ns_, time_ns);
   last_bytes_ = bytes;
 }
 

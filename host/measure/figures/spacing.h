@@ -62,6 +62,7 @@ class Spacing {
   bool started_ = false;
   std::int64_t first_ns_ = 0;  // later by all gaps in which frames are missing
   std::int64_t last_ns_ = 0;
+  std::int64_t latest_ns_ = 0;
   std::uint32_t last_bytes_ = 0;
   std::int64_t elapsed_ns_ = 0;
   std::int64_t elapsed_bytes_ = 0;

@@ -125,7 +125,7 @@ Chart RateOverTime(const TimeSeries<ArrivalPoint>& arrivals, const TimeLine& lin
         // Bits over the gaps before their frames: the interval's own length would alias with the
         // gap.
         auto frames = static_cast<double>(point.frames);
-        auto gaps_ns = static_cast<double>(point.gap_sum_ns);
+        double gaps_ns = point.gap_sum_ns;
         if (first && point.frames > 0) {
           frames -= 1;  // the very first frame has no gap before it
           first = false;
@@ -166,8 +166,7 @@ Chart GapsOverTime(const TimeSeries<ArrivalPoint>& arrivals, const TimeLine& lin
                  if (point.gap_sum_ns == 0) {
                    return;
                  }
-                 mean.points.push_back(
-                     {at, static_cast<double>(point.gap_sum_ns) / static_cast<double>(gaps)});
+                 mean.points.push_back({at, point.gap_sum_ns / static_cast<double>(gaps)});
                  longest.points.push_back({at, static_cast<double>(point.gap_max_ns)});
                });
   chart.series = {std::move(mean), std::move(longest)};
