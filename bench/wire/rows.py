@@ -14,12 +14,13 @@ from bed import busy_processors
 from live_rows import LiveRows
 from schedule_rows import ScheduleRows
 from senders import gap_ns
+from serve_rows import ServeRows
 from table import Table
 
 WARM_UP = 0.5  # seconds from the start of a sender to the part that counts
 
 
-class Yardstick(ScheduleRows, LiveRows):
+class Yardstick(ScheduleRows, LiveRows, ServeRows):
     def __init__(self, bed, senders, rounds, seconds, wanted="", minutes=1.0):
         self.bed, self.senders, self.rounds, self.seconds, self.wanted = bed, senders, rounds, seconds, wanted
         self.minutes = minutes
@@ -427,6 +428,7 @@ ROWS = [
     "replay",
     "twins",
     "live",
+    "watched",
     "start",
     "patterns",
     "catch_up",

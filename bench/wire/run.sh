@@ -10,7 +10,8 @@ cd "$(dirname "$0")/../.."
 . tools/setup.sh
 
 peers=(tcpreplay multicat ffmpeg netsniff-ng stress-ng gstreamer1.0-tools gstreamer1.0-plugins-base
-  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad python3-numpy python3-matplotlib iproute2)
+  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad python3-numpy python3-matplotlib iproute2 curl
+  prometheus chromium chromium-driver python3-selenium)
 
 need_root
 need_packages "${build_packages[@]}" "${peers[@]}"

@@ -16,7 +16,7 @@ def parse():
     )
     parser.add_argument("--only", metavar="ROW", action="append", choices=ROWS, help="of " + ", ".join(ROWS))
     parser.add_argument("--long", action="store_true", help="30 s per measurement at a rate")
-    parser.add_argument("--minutes", type=float, default=1, help="that the row live takes")
+    parser.add_argument("--minutes", type=float, default=1, help="that the rows live and watched take")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--sender", default="", help="only senders whose name holds this text")
     parser.add_argument("--out", default="build/yardstick", help="folder for the tables and plots")
