@@ -9,13 +9,38 @@
 
 namespace ipplay {
 
+using std::chrono::nanoseconds;
+
 std::chrono::nanoseconds WallClockNow() {
   return std::chrono::system_clock::now().time_since_epoch();
 }
 
+std::chrono::nanoseconds WallClockOffset() {
+  return WallClockOffset(
+      [] { return nanoseconds(std::chrono::steady_clock::now().time_since_epoch()); },
+      WallClockNow);
+}
+
+std::chrono::nanoseconds WallClockOffset(Clock monotonic, Clock wall) {
+  // Nobody has stopped a reading that is as narrow as this. Of others the narrowest one counts.
+  constexpr nanoseconds kNarrow = std::chrono::microseconds(1);
+  constexpr int kMostReadings = 10;
+  nanoseconds offset{0};
+  nanoseconds narrowest = nanoseconds::max();
+  for (int reading = 0; reading < kMostReadings && narrowest > kNarrow; ++reading) {
+    const nanoseconds before = monotonic();
+    const nanoseconds now = wall();
+    const nanoseconds width = monotonic() - before;
+    if (width < narrowest) {
+      narrowest = width;
+      offset = now - before - width / 2;
+    }
+  }
+  return offset;
+}
+
 // TOML has such times, and its parser knows how many days a month has.
 std::optional<std::chrono::nanoseconds> ParseWallClock(std::string_view text) {
-  using std::chrono::nanoseconds;
   if (text.starts_with('+')) {
     const auto delay = ParseDuration(text.substr(1));
     const nanoseconds now = WallClockNow();

@@ -13,6 +13,15 @@ namespace ipplay {
 // Since 1970.
 std::chrono::nanoseconds WallClockNow();
 
+// How far that is ahead of the monotonic clock, on which the library's times are. Converts a time
+// of one clock to the other; the difference of two readings would have in it whatever stopped the
+// thread between them.
+std::chrono::nanoseconds WallClockOffset();
+
+// The same of given clocks.
+using Clock = std::chrono::nanoseconds (*)();
+std::chrono::nanoseconds WallClockOffset(Clock monotonic, Clock wall);
+
 // "+5s" from now on, or a date and a time with its zone (RFC 3339), "2026-01-31T12:00:00Z".
 std::optional<std::chrono::nanoseconds> ParseWallClock(std::string_view text);
 

@@ -351,8 +351,7 @@ ChannelStatus Channel::Status() const {
     return status;
   }
   const std::int64_t now = WallClockNow().count();
-  const std::int64_t since = (ScheduledPlayout::Now() - run->StartedAt()).count();
-  status.started_ns = now - since;
+  status.started_ns = (run->StartedAt() + WallClockOffset()).count();
   status.ended_ns = run->EndedNs();
   status.elapsed =
       Time(std::max<std::int64_t>(0, status.ended_ns.value_or(now) - *status.started_ns));

@@ -126,8 +126,7 @@ std::vector<std::pair<std::string, Failure>> Engine::StartAsOrdered(
 }
 
 Channel::Time FromWallClock(Channel::Time since_1970) {
-  const auto ahead = std::max(since_1970 - WallClockNow(), Channel::Time(0));
-  return ScheduledPlayout::Now() + ahead;
+  return std::max(since_1970 - WallClockOffset(), ScheduledPlayout::Now());
 }
 
 void Engine::OnStartingThread(const std::function<void()>& task) {

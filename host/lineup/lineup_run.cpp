@@ -143,7 +143,7 @@ class LineupSession {
           Say(fmt::format("the time of the start was {} ago; starting {} at once",
                           FormatDuration(-left), FormatCount(group.size(), "channel")));
         }
-        at = std::max(left, Engine::Time(0)) + Engine::Time(IpPlayoutNow());
+        at = FromWallClock(*start_at);
       }
       engine_.Start(group, at);
     }

@@ -33,10 +33,8 @@ void MarkedWriter::Arrived(const std::optional<Arrival>& arrival) {
     return;
   }
   following_->knows_arrivals = arrival.has_value();
-  following_->arrival = ScheduledPlayout::Now();
-  if (arrival) {
-    following_->arrival -= WallClockNow() - Time(arrival->time_ns);
-  }
+  following_->arrival =
+      arrival ? Time(arrival->time_ns) - WallClockOffset() : ScheduledPlayout::Now();
 }
 
 void MarkedWriter::FollowPid(std::uint16_t pid) {

@@ -50,7 +50,7 @@ std::optional<std::string> ScheduledPlaying::Start() {
   }
   std::optional<std::chrono::nanoseconds> start;
   if (options_.start_at) {
-    start = ScheduledPlayout::Now() + (*options_.start_at - WallClockNow());
+    start = *options_.start_at - WallClockOffset();
     if (*start < ScheduledPlayout::Now()) {
       return "the time of --start-at has passed";
     }
