@@ -63,10 +63,14 @@ def test_loss(player: Player, receiver: Receiver, stream: pathlib.Path, randomly
 
 
 def test_loss_on_request(player: Player, receiver: Receiver, stream: pathlib.Path) -> None:
-    with player(bit_rate=RATE) as p:
-        p.play(stream)
+    content = stream.read_bytes()
+    with player(bit_rate=RATE, StartBytes=0) as p:
+        p.start()
+        p.write(content[:100 * DATAGRAM])
         receiver.receive(packets=100)  # before the first one nothing would be missed
         p.lose(3)
+        p.write(content[100 * DATAGRAM:])
+        p.end()
         receiver.receive()
     assert receiver.counts.lost == 3
 

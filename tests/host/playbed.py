@@ -85,7 +85,7 @@ class PlayBed(Testbed):
             while ended not in select.select([ended, self.capture.socket], [], [])[0]:
                 self.capture.drain()
             os.close(ended)
-            self._catch_up()
+            self.catch_up()
             texts = []
             for file in (output, errors):
                 file.seek(0)

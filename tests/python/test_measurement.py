@@ -129,9 +129,12 @@ def test_events_come_while_it_goes_on(wire, player, stream):
             measurement = Measurement(wire.FAR)
         with measurement:
             kinds = []
+            content = stream.read_bytes()
             with player(bit_rate=20e6) as p:
-                p.play(stream)
+                p.start()
+                p.write(content[:len(content) // 2])
                 p.lose(5)
+                p.write(content[len(content) // 2:])
             async for event in measurement.events_async():
                 kinds.append(event.event)
                 if event.event == "silence_began":

@@ -217,7 +217,7 @@ class Testbed:
         strange = [line for line in texts[0].splitlines() if not self.printed.fullmatch(line)]
         if strange:
             raise AssertionError(f"the library printed {strange}")
-        self._catch_up()
+        self.catch_up()
         return Outcome(value, self.capture.frames, *texts)
 
     def _be_the_host(self, write_end, output, complaints, body, arguments):
@@ -256,7 +256,7 @@ class Testbed:
                     os.close(read_end)
                     return report, os.waitpid(process, 0)[1]
 
-    def _catch_up(self):
+    def catch_up(self):
         """Returns when every frame sent before has been captured.
 
         A frame passes through the backlog of the processor that sent it, in order. So one marker
