@@ -18,7 +18,7 @@ RATE = 4_000_000  # bits per second of the streams
 GROUP = "239.1.2."  # and the number of a stream
 PIPE, RELAY, MULTICAT, FILE = 1, 2, 3, 4
 RELAY_INPUT = "127.0.0.1:6000"
-WINDOW = 10  # seconds in which a rate is taken
+WINDOW = 10  # seconds in which the usual delay is taken
 
 
 class LiveRows:
@@ -28,7 +28,7 @@ class LiveRows:
         table = Table(
             f"{self.minutes:g} min at 4 Mb/s, all at once: delay behind the encoder, or error against the file's PCRs",
             {
-                "datagrams": "", "missing": "", "drift": "ppm", "steepest": "ppm/s", "delay at first": "ms", "at last": "ms",
+                "datagrams": "", "missing": "", "drift": "ppm", "delay at first": "ms", "at last": "ms",
                 "p50": "µs", "p99": "µs", "max": "µs",
             },
         )
@@ -82,12 +82,11 @@ def delays_of(recording, number, start, ppm, seconds):
     due = places * gap
     late = times - (times[0] if start is None else start) - due
     windows = numpy.array_split(numpy.arange(len(times)), max(2, seconds // WINDOW))
-    rates = numpy.array([slope_ppm(due[part], late[part]) for part in windows])
     errors = numpy.abs(late - numpy.median(late)) / 1000 if start is None else steady_errors(late, windows)
     expected = int(numpy.ceil(seconds * 1e9 / gap)) if start is not None else seconds * RATE // 8 // PAYLOAD
     measured = {
         "datagrams": len(times), "missing": expected - len(times),
-        "drift": slope_ppm(due, late), "steepest": float(numpy.abs(numpy.diff(rates)).max() / WINDOW),
+        "drift": slope_ppm(due, late),
         **{name: analysis.percentile(errors, share) for name, share in (("p50", 50), ("p99", 99))}, "max": float(errors.max()),
     }
     if start is not None:
