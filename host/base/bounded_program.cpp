@@ -28,13 +28,13 @@ bool KeepNoDescriptors() {
   return ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
 }
 
+// The limits come last: until it has become the other program it is as large as this one.
 bool Confine(const ProgramBounds& bounds) {
   KeepCapabilities({});
-  return ::setpriority(PRIO_PROCESS, 0, kLastInLine) == 0 &&
+  return ::setpriority(PRIO_PROCESS, 0, kLastInLine) == 0 && KeepNoDescriptors() && DenyReach() &&
          Limit(RLIMIT_CPU, static_cast<rlim_t>(bounds.time.count())) &&
-         Limit(RLIMIT_AS, bounds.memory_bytes) && Limit(RLIMIT_FSIZE, bounds.output_bytes) &&
-         Limit(RLIMIT_NOFILE, kMostDescriptors) && Limit(RLIMIT_CORE, 0) && KeepNoDescriptors() &&
-         DenyReach();
+         Limit(RLIMIT_FSIZE, bounds.output_bytes) && Limit(RLIMIT_NOFILE, kMostDescriptors) &&
+         Limit(RLIMIT_CORE, 0) && Limit(RLIMIT_AS, bounds.memory_bytes);
 }
 
 }  // namespace
