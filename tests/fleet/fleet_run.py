@@ -78,7 +78,7 @@ class FleetRun:
         """Since the start."""
         time.sleep(max(0, self.start + seconds - time.time()))
 
-    def wait_until_all_play(self, seconds=20):
+    def wait_until_all_play(self, seconds=60):
         self.cluster.wait_for(self.job, lambda tasks: [task[0] for task in tasks.values()] == ["RUNNING"] * self.parts, seconds,
                               "starting the tasks")
 

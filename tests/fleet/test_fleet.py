@@ -39,7 +39,7 @@ class Fleet(unittest.TestCase):
 
     def test_the_part_of_a_node_that_failed_is_played_by_the_other_one(self):
         whole, other = self.cluster.nodes
-        run = FleetRun(self.cluster, "kill", channels=CHANNELS, seconds=SECONDS, delay=6)
+        run = FleetRun(self.cluster, "kill", channels=CHANNELS, seconds=SECONDS, delay=10)
         run.wait_until_all_play()
         shares = {machine: part for part, (_, machine, _) in self.cluster.tasks(run.job).items()}
         run.sleep_until(SECONDS / 2)

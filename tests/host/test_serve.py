@@ -191,13 +191,15 @@ class OverTheWire(ServeCase):
                 "input": "streams/sample.ts", "to": "rtp://239.1.1.1:5004", "device": "wire0", "loop": "forever"}}, 201)
             self.assertEqual((one["state"], one["input"], one["last_error"]), ("playing", "streams/sample.ts", None))
             path = f"{API}/playouts/{one['name']}"
+            # What is lost before the meter has seen anything is missed by nobody.
+            seen = read_events(stream, lambda event: event["event"] == "figures" and event["meters"] and event["meters"][0]["frames"] > 0)
             for _ in range(3):
                 self.server.post(path + "/faults", {"kind": "lose"})
             for order in ({"kind": "duplicate", "count": 2}, {"kind": "corrupt", "count": 4, "amount": 3},
                           {"kind": "break", "length_ns": 100_000_000}, {"kind": "bad-udp-checksum", "count": 2}):
                 self.server.post(path + "/faults", order)
-            seen = read_events(stream, lambda event: event["event"] == "figures" and event["playouts"]
-                               and event["playouts"][0]["ordered"]["udp_bad"] == 2)
+            seen += read_events(stream, lambda event: event["event"] == "figures" and event["playouts"]
+                                and event["playouts"][0]["ordered"]["udp_bad"] == 2)
         # What waits in the playout leaves before a stop reaches the meter.
         with self.server.stream(f"{API}/events") as stream:
             read_events(stream, lambda event: event["event"] == "seconds")
