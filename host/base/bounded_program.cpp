@@ -17,6 +17,7 @@ namespace {
 
 constexpr int kLastInLine = 19;
 constexpr rlim_t kMostDescriptors = 64;
+constexpr int kSignalled = 128;  // and the signal's number
 
 bool Limit(__rlimit_resource what, rlim_t most) {
   const rlimit limit{most, most};
@@ -51,7 +52,8 @@ std::string FindProgram(const std::string& name) {
   return {};
 }
 
-std::optional<std::string> RunBounded(ChildProcess::Program program, const ProgramBounds& bounds) {
+std::optional<ProgramOutcome> RunBounded(ChildProcess::Program program,
+                                         const ProgramBounds& bounds) {
   ChildProcess child;
   program.hides_errors = true;
   if (!child.Start(std::move(program), [&bounds] { return Confine(bounds); })) {
@@ -61,7 +63,11 @@ std::optional<std::string> RunBounded(ChildProcess::Program program, const Progr
     child.Kill();
     return std::nullopt;
   }
-  return child.Status() == 0 ? std::optional(child.Output()) : std::nullopt;
+  ProgramOutcome outcome{child.Status(), child.Output()};
+  if (outcome.status > kSignalled || outcome.output.size() >= bounds.output_bytes) {
+    return std::nullopt;
+  }
+  return outcome;
 }
 
 }  // namespace ipplay

@@ -20,8 +20,15 @@ struct ProgramBounds {
 // The absolute path of what a shell would run; empty where there is none.
 std::string FindProgram(const std::string& name);
 
-// What it prints, if it ends with 0 within the bounds. It comes after all others at the processor,
-// and DenyReach() holds for it. Any thread.
-std::optional<std::string> RunBounded(ChildProcess::Program program, const ProgramBounds& bounds);
+struct ProgramOutcome {
+  int status = 0;  // as ChildProcess has it
+  std::string output;
+};
+
+// Nothing where it did not start, was not over in time, printed too much, or ended by a signal, as
+// that of a bound. It comes after all others at the processor, and DenyReach() holds for it. Any
+// thread.
+std::optional<ProgramOutcome> RunBounded(ChildProcess::Program program,
+                                         const ProgramBounds& bounds);
 
 }  // namespace ipplay

@@ -173,9 +173,9 @@ bool DenyWithArguments(scmp_filter_ctx filter) {
   all &= Deny(filter, "openat", {MaskedArgument(2, O_CREAT, O_CREAT)});
   // Of its own threads only.
   all &= Deny(filter, "tgkill", {{0, SCMP_CMP_NE, static_cast<scmp_datum_t>(::getpid()), 0}});
-  // Threads are made by the older call, whose flags can be looked at.
+  // Threads are made by the older call, whose flags can be looked at; processes are not.
   all &= Deny(filter, "clone3", {}, ENOSYS);
-  all &= Deny(filter, "clone", {MaskedArgument(0, CLONE_NEWUSER, CLONE_NEWUSER)});
+  all &= Deny(filter, "clone", {MaskedArgument(0, CLONE_THREAD, 0)});
   return all;
 }
 
@@ -192,6 +192,12 @@ bool DenyReach() {
     all &= Deny(filter.get(), name);
   }
   return all && seccomp_load(filter.get()) == 0;
+}
+
+void HideMemory() {
+  if (!kIsInstrumented) {
+    ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+  }
 }
 
 void RefuseNewPrivileges() {

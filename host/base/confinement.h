@@ -23,9 +23,12 @@ std::optional<Failure> BecomeUnprivileged(std::initializer_list<int> kept);
 enum class NewFiles { kNone, kAllowed };
 void AllowReadingFramesOnly(NewFiles files);
 
+// No other process of the same user reads the memory of this one, which leaves no core either.
+void HideMemory();
+
 // For a child that becomes a program which reads hostile bytes: from here on it opens no socket,
-// writes no file by its name and reaches no other process; what it tries fails (EPERM). False where
-// the kernel has no such filter. Calls RefuseNewPrivileges.
+// writes no file by its name, makes no process and sends no signal; what it tries fails (EPERM).
+// False where the kernel has no such filter. Calls RefuseNewPrivileges.
 bool DenyReach();
 
 }  // namespace ipplay

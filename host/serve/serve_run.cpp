@@ -161,6 +161,7 @@ std::optional<Failure> ServeUntilStopped(HttpServer& server, const MediaStore& m
   if (auto failure = BecomeUnprivileged({kCapNetRaw, kCapSysNice})) {
     return failure;
   }
+  HideMemory();
   const Library library;
   ServeSession session(library.Adapters(), media, rules);
   if (auto failure = session.Begin(options)) {

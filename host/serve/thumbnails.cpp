@@ -2,10 +2,13 @@
 #include "host/serve/thumbnails.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -39,53 +42,43 @@ FileDescriptor BeginningOf(const MediaFile& file) {
   return beginning;
 }
 
-// Of the first frame that needs no other one, at most 320 by 180.
+// Of the first frame that needs no other one, at most 320 by 180. Empty where there is none,
+// nothing where that took too long to find out.
 std::optional<std::string> PictureOf(const FileDescriptor& stream, const std::string& ffmpeg,
                                      std::uint64_t service) {
-  const std::string video = fmt::format("0:p:{}:v:0", service);
-  return RunBounded({.words = {"ffmpeg",
-                               "-nostdin",
-                               "-v",
-                               "quiet",
-                               "-threads",
-                               "1",
-                               "-protocol_whitelist",
-                               "pipe",
-                               "-skip_frame",
-                               "nokey",
-                               "-f",
-                               "mpegts",
-                               "-i",
-                               "pipe:0",
-                               "-map",
-                               video,
-                               "-frames:v",
-                               "1",
-                               "-filter_threads",
-                               "1",
-                               "-vf",
-                               "scale=w='max(2,min(320,trunc(90*dar)*2))':h=180,setsar=1",
-                               "-threads",
-                               "1",
-                               "-f",
-                               "mjpeg",
-                               "-q:v",
-                               "4",
-                               "pipe:1"},
-                     .path = ffmpeg,
-                     .input = stream.Get()},
-                    kBounds);
+  const std::string options = fmt::format(
+      "ffmpeg -nostdin -v quiet -threads 1 -protocol_whitelist pipe -skip_frame nokey -f mpegts -i "
+      "pipe:0 -map 0:p:{}:v:0 -frames:v 1 -filter_threads 1 -vf "
+      "scale=w='max(2,min(320,trunc(90*dar)*2))':h=180,setsar=1 -threads 1 -f mjpeg -q:v 4 pipe:1",
+      service);
+  std::istringstream words(options);
+  auto outcome = RunBounded({.words = {std::istream_iterator<std::string>(words), {}},
+                             .path = ffmpeg,
+                             .input = stream.Get()},
+                            kBounds);
+  if (!outcome) {
+    return std::nullopt;
+  }
+  return outcome->status == 0 ? std::move(outcome->output) : std::string();
 }
 
-// Empty where there is none.
-std::string MakePicture(const MediaFile& file, const std::string& ffmpeg, std::uint64_t service) {
+// As PictureOf.
+std::optional<std::string> MakePicture(const MediaFile& file, const std::string& ffmpeg,
+                                       std::uint64_t service) {
   const FileDescriptor stream = BeginningOf(file);
-  return stream.IsOpen() ? PictureOf(stream, ffmpeg, service).value_or("") : "";
+  return stream.IsOpen() ? PictureOf(stream, ffmpeg, service) : "";
 }
 
-HttpResponse AskAgain() {
-  HttpResponse response =
-      ErrorResponse(HttpStatus::kTooBusy, "other pictures are being made; ask again in a second");
+// Of a service of a file as it is now, whatever stands under its name later.
+std::string KeyOf(const MediaFile& file, std::uint64_t service) {
+  struct stat info {};
+  ::fstat(file.fd.Get(), &info);
+  return fmt::format("{} {} {} {} {}.{} {}", service, info.st_dev, info.st_ino, info.st_size,
+                     info.st_ctim.tv_sec, info.st_ctim.tv_nsec, file.entry.path);
+}
+
+HttpResponse AskAgain(const std::string& why) {
+  HttpResponse response = ErrorResponse(HttpStatus::kTooBusy, why + "; ask again");
   response.headers.emplace_back("Retry-After", "1");
   return response;
 }
@@ -133,15 +126,17 @@ HttpResponse Thumbnails::Get(const HttpRequest& request) {
     return ErrorResponse(HttpStatus::kNotFound,
                          "there are no pictures: ffmpeg is not installed on the server");
   }
-  const std::string key = fmt::format("{} {} {} {}", *service, file->entry.bytes,
-                                      file->entry.modified_ns, file->entry.path);
+  const std::string key = KeyOf(*file, *service);
   auto jpeg = Find(key);
   if (!jpeg) {
     const Turn turn(*this);
     if (!turn.IsMine()) {
-      return AskAgain();
+      return AskAgain("other pictures are being made");
     }
     jpeg = MakePicture(*file, ffmpeg_, *service);
+    if (!jpeg) {
+      return AskAgain("the picture was not made within its bounds");
+    }
     Keep({key, *jpeg});
   }
   if (jpeg->empty()) {

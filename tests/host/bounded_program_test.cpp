@@ -14,13 +14,19 @@ TEST(BoundedProgram, IsBoundedNotTheProcessThatStartsIt) {
   void* const room =
       ::mmap(nullptr, kLarge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   ASSERT_NE(room, MAP_FAILED);
-  EXPECT_EQ(RunBounded({.words = {"echo", "text"}, .path = "/bin/echo"}, kBounds), "text\n");
+  const auto outcome = RunBounded({.words = {"echo", "text"}, .path = "/bin/echo"}, kBounds);
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->status, 0);
+  EXPECT_EQ(outcome->output, "text\n");
   ::munmap(room, kLarge);
 }
 
-TEST(BoundedProgram, GivesNothingForAFailure) {
-  EXPECT_EQ(RunBounded({.words = {"false"}, .path = "/bin/false"}, kBounds), std::nullopt);
-  EXPECT_EQ(RunBounded({.words = {"none"}, .path = "/nowhere"}, kBounds), std::nullopt);
+TEST(BoundedProgram, AFailureIsNoLackOfTime) {
+  const auto failed = RunBounded({.words = {"false"}, .path = "/bin/false"}, kBounds);
+  ASSERT_TRUE(failed);
+  EXPECT_NE(failed->status, 0);
+  constexpr ProgramBounds kAtOnce{std::chrono::seconds(0), std::uint64_t{1} << 30, 1 << 20};
+  EXPECT_FALSE(RunBounded({.words = {"sleep", "600"}, .path = "/bin/sleep"}, kAtOnce));
 }
 
 }  // namespace

@@ -29,6 +29,8 @@ attempt("remove", lambda: os.unlink({folder!r} + "/ffmpeg"))
 attempt("signal", lambda: os.kill(os.getppid(), 0))
 attempt("thread's signal", lambda: system(234, os.getppid(), os.getppid(), 0))
 attempt("trace", lambda: system(101, 16, os.getppid(), 0, 0))
+attempt("fork", os.fork)
+attempt("memory", lambda: open("/proc/%d/mem" % os.getppid(), "rb"))
 attempt("namespace", lambda: system(272, 0x10000000))
 print("descriptors", sorted(os.readlink("/proc/self/fd/" + name).split(" ")[0] for name in os.listdir("/proc/self/fd")
                             if os.path.exists("/proc/self/fd/" + name)))
@@ -90,7 +92,7 @@ class Pictures(ServeCase):
         after = self.picture("changing.ts", 1, headers={"If-None-Match": before.headers["ETag"]})
         self.assertNotEqual(self.decode(before.body)[1], self.decode(after.body)[1])
 
-    def server_with(self, script):
+    def server_with(self, script, prefix=()):
         """One that finds this in the place of ffmpeg; nothing for none."""
         folder = self.path("bin")
         os.makedirs(folder, exist_ok=True)
@@ -101,7 +103,8 @@ class Pictures(ServeCase):
             with open(program, "w", encoding="utf-8") as file:
                 file.write(script)
             os.chmod(program, 0o755)
-        server = Server(self.bed, "--media", self.streams, env={**os.environ, "PATH": folder})
+        server = Server(self.bed, "--media", self.streams, prefix=prefix,
+                        env={**os.environ, "PATH": f"{folder}:{os.environ['PATH']}" if prefix else folder})
         self.addCleanup(server.close)
         return server
 
@@ -109,14 +112,21 @@ class Pictures(ServeCase):
         return server.ask("GET", f"{API}/media/thumbnail?path=streams/sample.ts&service={service}")
 
     def test_a_program_that_hostile_bytes_took_over_reaches_nothing(self):
-        answer = self.ask(self.server_with(ATTEMPTS.replace("{folder!r}", repr(self.path("bin")))))
-        self.assertEqual(answer.body.decode().splitlines(), [
-            *(f"{name} {DENIED}" for name in ("socket", "write", "remove", "signal", "thread's signal", "trace", "namespace")),
-            "descriptors ['/dev/null', '/memfd:output', '/memfd:stream']", "capabilities ['0000000000000000']", "first bytes b'G'"])
+        """Whoever the server is: root, who becomes an ordinary user, or one from the start."""
+        for prefix in ((), ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")):
+            with self.subTest(prefix=prefix):
+                server = self.server_with(ATTEMPTS.replace("{folder!r}", repr(self.path("bin"))), prefix)
+                self.assertEqual(self.ask(server).body.decode().splitlines(), [
+                    *(f"{name} {DENIED}" for name in ("socket", "write", "remove", "signal", "thread's signal", "trace", "fork")),
+                    "memory Permission denied", f"namespace {DENIED}",
+                    "descriptors ['/dev/null', '/memfd:output', '/memfd:stream']", "capabilities ['0000000000000000']",
+                    "first bytes b'G'"])
 
     def test_a_program_out_of_bounds_is_ended(self):
-        server = self.server_with("#!/bin/sh\nwhile :; do echo 0123456789012345678901234567890123456789; done\n")
-        self.assertEqual(self.ask(server).status, 404)
+        """It may stay within them another time."""
+        for script in ("#!/bin/sh\nwhile :; do :; done\n", "#!/usr/bin/python3 -S\nimport sys\nsys.stdout.buffer.write(bytes(2 << 20))\n"):
+            answer = self.ask(self.server_with(script))
+            self.assertEqual((answer.status, answer.json()["error"]), (503, "the picture was not made within its bounds; ask again"))
         self.assertIn("ffmpeg is not installed", self.ask(self.server_with(None)).json()["error"])
 
     def test_few_are_made_at_once(self):

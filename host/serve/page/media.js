@@ -6,9 +6,24 @@ import {make, reconcile, setHidden, setText, uniqueId} from "./dom.js";
 import {formatBitRate, formatBytes, formatClock, formatCount, formatDate, kNoValue, plural} from "./units.js";
 
 const kMostShown = 300;
+const kMostAttempts = 10;  // for a picture, a second apart
 
 function nameOf(service) {
   return service.name || `program ${service.number}`;
+}
+
+// The server makes few pictures at once: another one asks again.
+async function pictureOf(path, service) {
+  for (let left = kMostAttempts; ; --left) {
+    try {
+      return await api.thumbnail(path, service);
+    } catch (error) {
+      if (error.status !== 503 || left === 1) {
+        throw error;
+      }
+      await new Promise((resolve) => { setTimeout(resolve, 1000); });
+    }
+  }
 }
 
 function serviceText(service) {
@@ -102,7 +117,7 @@ export class MediaList {
         continue;
       }
       try {
-        const address = URL.createObjectURL(await api.thumbnail(facts.path, service.number));
+        const address = URL.createObjectURL(await pictureOf(facts.path, service.number));
         const done = () => URL.revokeObjectURL(address);
         place.append(make("img", {src: address, alt: `A picture of ${nameOf(service)}`, onload: done, onerror: done}));
       } catch (error) {
