@@ -32,6 +32,7 @@ bool KeepNoDescriptors() {
 // The limits come last: until it has become the other program it is as large as this one.
 bool Confine(const ProgramBounds& bounds) {
   KeepCapabilities({});
+  ::clearenv();  // which may hold what is nobody else's business
   return ::setpriority(PRIO_PROCESS, 0, kLastInLine) == 0 && KeepNoDescriptors() && DenyReach() &&
          Limit(RLIMIT_CPU, static_cast<rlim_t>(bounds.time.count())) &&
          Limit(RLIMIT_FSIZE, bounds.output_bytes) && Limit(RLIMIT_NOFILE, kMostDescriptors) &&
