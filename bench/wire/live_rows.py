@@ -87,7 +87,7 @@ def delays_of(recording, number, start, ppm, seconds):
     measured = {
         "datagrams": len(times), "missing": expected - len(times),
         "drift": slope_ppm(due, late),
-        **{name: analysis.percentile(errors, share) for name, share in (("p50", 50), ("p99", 99))}, "max": float(errors.max()),
+        **analysis.spread(errors),
     }
     if start is not None:
         measured |= {"delay at first": numpy.median(late[windows[0]]) / 1e6, "at last": numpy.median(late[windows[-1]]) / 1e6}

@@ -4,7 +4,7 @@ import json
 import subprocess
 import sys
 import time
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack, contextmanager, nullcontext
 from pathlib import Path
 
 import analysis
@@ -30,22 +30,21 @@ class ServeRows:
         lineup = self.write_lineup()
 
         def measure(_, watchers):
-            with self.serve(lineup) as server, ExitStack() as stack:
-                watching = stack.enter_context(watchers())
+            with self.serve(lineup) as server, watchers() as seen:
                 time.sleep(WARM_UP)
                 spent = server.cpu_ns()
                 with self.bed.recording() as result:
                     time.sleep(seconds)
                 spent = server.cpu_ns() - spent
-                seen = watching.seen()
+                watched = seen()
             recording = result[0]
             return {
                 **analysis.gap_errors_by_stream(recording.times, recording.destinations, gap_ns(MEGABITS)),
                 "cpu": spent / seconds / 1e7,
-                "missing": analysis.missing(recording.sequence, recording.destinations), **seen,
+                "missing": analysis.missing(recording.sequence, recording.destinations), **watched,
             }
 
-        return self.alternate({"nobody watches": Nobody, "page, metrics, Prometheus": self.everybody}, table, measure)
+        return self.alternate({"nobody watches": lambda: nullcontext(dict), "page, metrics, Prometheus": self.everybody}, table, measure)
 
     def write_lineup(self):
         folder = self.senders.material.directory
@@ -92,30 +91,13 @@ class ServeRows:
                 processes.append(process)
             if processes[1].stdout.readline() != "ready\n":
                 raise RuntimeError("the page does not show the channels")
-            yield Everybody(self.bed, processes[1])
+            yield lambda: self.seen(processes[1])
 
-
-class Nobody:
-    """Watches as nothing does."""
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        pass
-
-    @staticmethod
-    def seen():
-        return {}
-
-
-class Everybody:
-    def __init__(self, bed, page):
-        self.bed, self.page = bed, page
-
-    def seen(self):
+    def seen(self, page):
         """What both have seen: proof that they watched."""
         query = "http://" + PROMETHEUS + "/api/v1/query?query=sum(count_over_time(up%7Bjob%3D%22ipplay%22%7D%5B1d%5D))"
         asked = subprocess.run([*self.bed.near, "curl", "-s", "-f", query], capture_output=True, text=True, check=True).stdout
-        updates = self.page.communicate("\n")[0]
-        return {"scrapes": int(json.loads(asked)["data"]["result"][0]["value"][1]), "figures on the page": int(updates)}
+        return {
+            "scrapes": int(json.loads(asked)["data"]["result"][0]["value"][1]),
+            "figures on the page": int(page.communicate("\n")[0]),
+        }

@@ -14,8 +14,8 @@ READY = """
 """
 COUNT = """
     window.figures = 0;
-    const bytes = new EventSource("api/v1/events");
-    bytes.addEventListener("figures", () => { ++window.figures; });
+    const events = new EventSource("api/v1/events");
+    events.addEventListener("figures", () => { ++window.figures; });
 """
 
 

@@ -18,7 +18,6 @@
 #include "host/base/stop_signals.h"
 
 namespace ipplay {
-
 namespace {
 
 // Of the child, for good.

@@ -30,7 +30,7 @@ class ChildProcess {
   // called this in any case. Call it once.
   bool Start(Program program, const std::function<bool()>& prepare);
   bool HasEnded();
-  // Waits for its end, which it then returns.
+  // Waits for its end, for so long; as HasEnded.
   bool WaitFor(std::chrono::nanoseconds time);
   // Ends it at once, whatever it does.
   void Kill();

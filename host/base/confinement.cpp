@@ -77,13 +77,22 @@ constexpr const char* kAlwaysNeeded[] = {
 
 constexpr const char* kNeededForFiles[] = {"fsync", "fchown", "renameat", "renameat2", "unlinkat"};
 
+using Arguments = std::initializer_list<scmp_arg_cmp>;
+
 // False where a rule has no place. Systems lack some of the names.
-bool Allow(scmp_filter_ctx filter, const char* name,
-           std::initializer_list<scmp_arg_cmp> arguments = {}) {
+bool AddRule(scmp_filter_ctx filter, std::uint32_t action, const char* name, Arguments arguments) {
   const int call = seccomp_syscall_resolve_name(name);
   return call == __NR_SCMP_ERROR ||
-         seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call,
-                                static_cast<unsigned>(arguments.size()), arguments.begin()) == 0;
+         seccomp_rule_add_array(filter, action, call, static_cast<unsigned>(arguments.size()),
+                                arguments.begin()) == 0;
+}
+
+bool Allow(scmp_filter_ctx filter, const char* name, Arguments arguments = {}) {
+  return AddRule(filter, SCMP_ACT_ALLOW, name, arguments);
+}
+
+bool Deny(scmp_filter_ctx filter, const char* name, Arguments arguments = {}) {
+  return AddRule(filter, SCMP_ACT_ERRNO(EPERM), name, arguments);
 }
 
 scmp_arg_cmp MaskedArgument(unsigned place, unsigned mask, unsigned value) {
@@ -114,54 +123,15 @@ bool AllowWithArguments(scmp_filter_ctx filter, NewFiles files) {
   return all;
 }
 
-constexpr const char* kReach[] = {"socket",
-                                  "socketpair",
-                                  "connect",
-                                  "bind",
-                                  "listen",
-                                  "io_uring_setup",
-                                  "ptrace",
-                                  "process_vm_readv",
-                                  "process_vm_writev",
-                                  "kill",
-                                  "tkill",
-                                  "pidfd_open",
-                                  "pidfd_getfd",
-                                  "pidfd_send_signal",
-                                  "unshare",
-                                  "setns",
-                                  "mount",
-                                  "execveat",
-                                  "openat2",
-                                  "creat",
-                                  "truncate",
-                                  "unlink",
-                                  "unlinkat",
-                                  "rename",
-                                  "renameat",
-                                  "renameat2",
-                                  "mkdir",
-                                  "mkdirat",
-                                  "rmdir",
-                                  "link",
-                                  "linkat",
-                                  "symlink",
-                                  "symlinkat",
-                                  "mknod",
-                                  "mknodat",
-                                  "chmod",
-                                  "fchmodat",
-                                  "chown",
-                                  "lchown",
-                                  "fchownat"};
-
-bool Deny(scmp_filter_ctx filter, const char* name,
-          std::initializer_list<scmp_arg_cmp> arguments = {}, std::uint16_t error = EPERM) {
-  const int call = seccomp_syscall_resolve_name(name);
-  return call == __NR_SCMP_ERROR ||
-         seccomp_rule_add_array(filter, SCMP_ACT_ERRNO(error), call,
-                                static_cast<unsigned>(arguments.size()), arguments.begin()) == 0;
-}
+constexpr const char* kReach[] = {
+    // Other machines and processes.
+    "socket", "socketpair", "connect", "bind", "listen", "io_uring_setup", "fork", "vfork",
+    "execveat", "kill", "tkill", "pidfd_open", "pidfd_getfd", "pidfd_send_signal", "ptrace",
+    "process_vm_readv", "process_vm_writev", "unshare", "setns", "mount",
+    // Names of files.
+    "openat2", "creat", "truncate", "unlink", "unlinkat", "rename", "renameat", "renameat2",
+    "mkdir", "mkdirat", "rmdir", "link", "linkat", "symlink", "symlinkat", "mknod", "mknodat",
+    "chmod", "fchmodat", "chown", "lchown", "fchownat"};
 
 bool DenyWithArguments(scmp_filter_ctx filter) {
   bool all = true;
@@ -174,7 +144,7 @@ bool DenyWithArguments(scmp_filter_ctx filter) {
   // Of its own threads only.
   all &= Deny(filter, "tgkill", {{0, SCMP_CMP_NE, static_cast<scmp_datum_t>(::getpid()), 0}});
   // Threads are made by the older call, whose flags can be looked at; processes are not.
-  all &= Deny(filter, "clone3", {}, ENOSYS);
+  all &= AddRule(filter, SCMP_ACT_ERRNO(ENOSYS), "clone3", {});
   all &= Deny(filter, "clone", {MaskedArgument(0, CLONE_THREAD, 0)});
   return all;
 }

@@ -21,7 +21,7 @@ std::chrono::nanoseconds WallClockOffset() {
       WallClockNow);
 }
 
-std::chrono::nanoseconds WallClockOffset(Clock monotonic, Clock wall) {
+std::chrono::nanoseconds WallClockOffset(ClockReading monotonic, ClockReading wall) {
   // Nobody has stopped a reading that is as narrow as this. Of others the narrowest one counts.
   constexpr nanoseconds kNarrow = std::chrono::microseconds(1);
   constexpr int kMostReadings = 10;

@@ -19,8 +19,8 @@ std::chrono::nanoseconds WallClockNow();
 std::chrono::nanoseconds WallClockOffset();
 
 // The same of given clocks.
-using Clock = std::chrono::nanoseconds (*)();
-std::chrono::nanoseconds WallClockOffset(Clock monotonic, Clock wall);
+using ClockReading = std::chrono::nanoseconds (*)();
+std::chrono::nanoseconds WallClockOffset(ClockReading monotonic, ClockReading wall);
 
 // "+5s" from now on, or a date and a time with its zone (RFC 3339), "2026-01-31T12:00:00Z".
 std::optional<std::chrono::nanoseconds> ParseWallClock(std::string_view text);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host/serve/api_routes.h"
 
+#include <functional>
 #include <utility>
 
 #include "host/base/machine.h"
@@ -50,16 +51,23 @@ HttpResponse MediaJson(const MediaStore& media) {
   return JsonResponse(json);
 }
 
-HttpResponse FactsJson(const MediaStore& media, const HttpRequest& request) {
-  const auto path = request.query.find("path");
-  if (path == request.query.end()) {
-    return ErrorResponse(HttpStatus::kBadRequest, "path: missing; give that of a file", "path");
-  }
-  const auto file = media.OpenFile(path->second);
-  if (!file) {
-    return ErrorResponse(HttpStatus::kNotFound, file.Error().message, "path");
-  }
-  const auto facts = MediaFacts(*file);
+using ForFile = std::function<HttpResponse(const MediaFile& file, const HttpRequest& request)>;
+
+// For the file that the query names.
+Route::Handler OfFile(const MediaStore& media, ForFile answer) {
+  return [&media, answer = std::move(answer)](const HttpRequest& request, const std::string&) {
+    const auto path = request.query.find("path");
+    if (path == request.query.end()) {
+      return ErrorResponse(HttpStatus::kBadRequest, "path: missing; give that of a file", "path");
+    }
+    const auto file = media.OpenFile(path->second);
+    return file ? answer(*file, request)
+                : ErrorResponse(HttpStatus::kNotFound, file.Error().message, "path");
+  };
+}
+
+HttpResponse FactsJson(const MediaFile& file, const HttpRequest& /*request*/) {
+  const auto facts = MediaFacts(file);
   return facts ? JsonResponse(*facts) : FailureResponse(facts.Error(), "path");
 }
 
@@ -98,14 +106,11 @@ void AddServer(const Parts& parts, Routes& routes) {
 
 void AddMedia(const MediaStore& media, Thumbnails& thumbnails, Routes& routes) {
   routes.push_back({"GET", "/api/v1/media", [&media](const auto&...) { return MediaJson(media); }});
-  routes.push_back(
-      {"GET", "/api/v1/media/facts", [&media](const HttpRequest& request, const std::string&) {
-         return FactsJson(media, request);
-       }});
+  routes.push_back({"GET", "/api/v1/media/facts", OfFile(media, FactsJson)});
   routes.push_back({"GET", "/api/v1/media/thumbnail",
-                    [&thumbnails](const HttpRequest& request, const std::string&) {
-                      return thumbnails.Get(request);
-                    }});
+                    OfFile(media, [&thumbnails](const MediaFile& file, const HttpRequest& request) {
+                      return thumbnails.Get(file, request);
+                    })});
 }
 
 void AddPlayouts(PlayoutStore& playouts, Routes& routes) {

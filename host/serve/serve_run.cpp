@@ -11,6 +11,7 @@
 #include "host/base/library_output.h"
 #include "host/base/service_manager.h"
 #include "host/base/stop_signals.h"
+#include "host/base/text.h"
 #include "host/base/wall_clock.h"
 #include "host/library/library.h"
 #include "host/lineup/lineup_report.h"
@@ -32,11 +33,8 @@ void AllowDescriptors() {
 
 Result<AccessRules> RulesOf(const ServeOptions& options) {
   AccessRules rules;
-  for (std::string host : options.hosts) {
-    for (char& c : host) {
-      c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
-    }
-    rules.hosts.insert(host);
+  for (const std::string& host : options.hosts) {
+    rules.hosts.insert(LowerCase(host));
   }
   if (!options.token_file.empty()) {
     auto token = ReadToken(options.token_file);
@@ -90,7 +88,6 @@ class ServeSession {
         playouts_(adapters_, media, feed_),
         lineups_(playouts_),
         meters_(feed_),
-        thumbnails_(media),
         parts_{adapters_, media,    thumbnails_, feed_,
                playouts_, lineups_, meters_,     WallClockNow().count()} {
     // What opens adapters has its threads by now.

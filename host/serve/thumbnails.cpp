@@ -27,19 +27,16 @@ constexpr ProgramBounds kBounds{std::chrono::seconds(10), std::uint64_t{2} << 30
                                 std::uint64_t{1} << 20};
 constexpr std::uint64_t kHighestService = 0xFFFF;
 
-// The beginning of the stream, from its first packet on, without what it was captured in.
-FileDescriptor BeginningOf(const MediaFile& file) {
+// The beginning of the stream, from its first packet on, without what it was captured in. Empty
+// where that is no stream.
+std::vector<std::uint8_t> BeginningOf(const MediaFile& file) {
   auto input = OpenInput(MediaStore::PathOf(file.fd), {}, -1);
   if (!input || !Examine(*input, {})) {
     return {};
   }
   std::vector<std::uint8_t> bytes(kLookedThrough);
   bytes.resize(input->ReadFully(bytes));
-  FileDescriptor beginning = CreateMemoryFile("stream", OnExec::kClose);
-  if (!WriteAll(beginning, bytes) || ::lseek(beginning.Get(), 0, SEEK_SET) != 0) {
-    return {};
-  }
-  return beginning;
+  return bytes;
 }
 
 // Of the first frame that needs no other one, at most 320 by 180. Empty where there is none,
@@ -65,8 +62,15 @@ std::optional<std::string> PictureOf(const FileDescriptor& stream, const std::st
 // As PictureOf.
 std::optional<std::string> MakePicture(const MediaFile& file, const std::string& ffmpeg,
                                        std::uint64_t service) {
-  const FileDescriptor stream = BeginningOf(file);
-  return stream.IsOpen() ? PictureOf(stream, ffmpeg, service) : "";
+  const auto beginning = BeginningOf(file);
+  if (beginning.empty()) {
+    return "";
+  }
+  const FileDescriptor stream = CreateMemoryFile("stream", OnExec::kClose);
+  if (!WriteAll(stream, beginning) || ::lseek(stream.Get(), 0, SEEK_SET) != 0) {
+    return std::nullopt;
+  }
+  return PictureOf(stream, ffmpeg, service);
 }
 
 // Of a service of a file as it is now, whatever stands under its name later.
@@ -100,17 +104,13 @@ HttpResponse PictureResponse(std::string jpeg, const std::string& tag) {
 
 }  // namespace
 
-Thumbnails::Thumbnails(const MediaStore& media) : media_(media), ffmpeg_(FindProgram("ffmpeg")) {}
+Thumbnails::Thumbnails() : ffmpeg_(FindProgram("ffmpeg")) {}
 
 std::string Thumbnails::AddressOf(const std::string& path, std::uint64_t service) {
   return fmt::format("/api/v1/media/thumbnail?path={}&service={}", Encoded(path), service);
 }
 
-HttpResponse Thumbnails::Get(const HttpRequest& request) {
-  const auto path = request.query.find("path");
-  if (path == request.query.end()) {
-    return ErrorResponse(HttpStatus::kBadRequest, "path: missing; give that of a file", "path");
-  }
+HttpResponse Thumbnails::Get(const MediaFile& file, const HttpRequest& request) {
   const auto given = request.query.find("service");
   const auto service =
       given == request.query.end() ? std::nullopt : ParseNumber(given->second, 1, kHighestService);
@@ -118,22 +118,18 @@ HttpResponse Thumbnails::Get(const HttpRequest& request) {
     return ErrorResponse(HttpStatus::kBadRequest,
                          "service: give its number, 1 to 65535, as the facts have it", "service");
   }
-  const auto file = media_.OpenFile(path->second);
-  if (!file) {
-    return ErrorResponse(HttpStatus::kNotFound, file.Error().message, "path");
-  }
   if (ffmpeg_.empty()) {
     return ErrorResponse(HttpStatus::kNotFound,
                          "there are no pictures: ffmpeg is not installed on the server");
   }
-  const std::string key = KeyOf(*file, *service);
+  const std::string key = KeyOf(file, *service);
   auto jpeg = Find(key);
   if (!jpeg) {
     const Turn turn(*this);
     if (!turn.IsMine()) {
       return AskAgain("other pictures are being made");
     }
-    jpeg = MakePicture(*file, ffmpeg_, *service);
+    jpeg = MakePicture(file, ffmpeg_, *service);
     if (!jpeg) {
       return AskAgain("the picture was not made within its bounds");
     }

@@ -21,10 +21,10 @@ class Thumbnails {
   static constexpr std::size_t kMostAtOnce = 2;
   static constexpr std::size_t kMostKept = 256;
 
-  explicit Thumbnails(const MediaStore& media);
+  Thumbnails();
 
-  // For the query's `path` and `service`.
-  HttpResponse Get(const HttpRequest& request);
+  // For the query's `service`.
+  HttpResponse Get(const MediaFile& file, const HttpRequest& request);
   // Where it is asked for.
   static std::string AddressOf(const std::string& path, std::uint64_t service);
 
@@ -52,7 +52,6 @@ class Thumbnails {
   std::optional<std::string> Find(const std::string& key);
   void Keep(Picture picture);
 
-  const MediaStore& media_;
   const std::string ffmpeg_;  // empty where it is not installed
   std::mutex mutex_;
   std::deque<Picture> kept_;    // the newest last; guarded by mutex_

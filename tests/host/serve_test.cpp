@@ -77,7 +77,7 @@ TEST(Routes, AreThoseOfTheDocument) {
   PlayoutStore playouts(adapters, *media, feed);
   LineupStore lineups(playouts);
   MeterStore meters(feed);
-  Thumbnails thumbnails(*media);
+  Thumbnails thumbnails;
   const Parts parts{adapters, *media, thumbnails, feed, playouts, lineups, meters, 0};
   std::set<std::string> routes;
   for (const Route& route : ApiRoutes(parts)) {
