@@ -2,31 +2,36 @@
 #include "host/base/bounded_program.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
+
+#include <cstdlib>
 
 namespace ipplay {
 namespace {
 
-constexpr ProgramBounds kBounds{std::chrono::seconds(60), std::uint64_t{1} << 30, 1 << 20};
+ProgramBounds Within(std::chrono::seconds time) {
+  return {time, std::uint64_t{1} << 30, std::uint64_t{1} << 20};
+}
 
-TEST(BoundedProgram, IsBoundedNotTheProcessThatStartsIt) {
-  constexpr std::size_t kLarge = std::size_t{8} << 30;
-  void* const room =
-      ::mmap(nullptr, kLarge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  ASSERT_NE(room, MAP_FAILED);
-  const auto outcome = RunBounded({.words = {"echo", "text"}, .path = "/bin/echo"}, kBounds);
+TEST(BoundedProgram, HasItsBoundsAndNoEnvironment) {
+  // Seconds, KiB, blocks of 512 bytes, descriptors, blocks of a core; and what it runs behind.
+  constexpr const char* kScript =
+      "ulimit -t; ulimit -v; ulimit -f; ulimit -n; ulimit -c; echo ${PATH_OF_TESTS-none}; "
+      "read -r stat </proc/self/stat; set -- $stat; echo ${19}";
+  ::setenv("PATH_OF_TESTS", "/", 1);
+  const auto outcome = RunBounded({.words = {"sh", "-c", kScript}, .path = "/bin/sh"},
+                                  Within(std::chrono::seconds(60)));
   ASSERT_TRUE(outcome);
   EXPECT_EQ(outcome->status, 0);
-  EXPECT_EQ(outcome->output, "text\n");
-  ::munmap(room, kLarge);
+  EXPECT_EQ(outcome->output, "60\n1048576\n2048\n64\n0\nnone\n19\n");
 }
 
 TEST(BoundedProgram, AFailureIsNoLackOfTime) {
-  const auto failed = RunBounded({.words = {"false"}, .path = "/bin/false"}, kBounds);
+  const auto failed =
+      RunBounded({.words = {"false"}, .path = "/bin/false"}, Within(std::chrono::seconds(60)));
   ASSERT_TRUE(failed);
   EXPECT_NE(failed->status, 0);
-  constexpr ProgramBounds kAtOnce{std::chrono::seconds(0), std::uint64_t{1} << 30, 1 << 20};
-  EXPECT_FALSE(RunBounded({.words = {"sleep", "600"}, .path = "/bin/sleep"}, kAtOnce));
+  EXPECT_FALSE(RunBounded({.words = {"sleep", "600"}, .path = "/bin/sleep"},
+                          Within(std::chrono::seconds(0))));
 }
 
 }  // namespace
