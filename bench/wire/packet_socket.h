@@ -15,25 +15,28 @@
 #include <cstdlib>
 #include <vector>
 
-// A packet socket bound to an adapter; without one the program ends with the reason. A protocol of
-// 0 receives nothing.
-inline int OpenPacketSocket(const char* device, std::uint16_t protocol) {
-  const int descriptor = socket(AF_PACKET, SOCK_RAW, 0);
+// Without the adapter the program ends with the reason. A protocol of 0 receives nothing.
+inline void BindPacketSocket(int descriptor, const char* device, std::uint16_t protocol) {
   sockaddr_ll address{};
   address.sll_family = AF_PACKET;
   address.sll_protocol = htons(protocol);
   address.sll_ifindex = static_cast<int>(if_nametoindex(device));
-  if (descriptor < 0 ||
-      bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     std::perror(device);
     std::exit(1);
   }
+}
+
+// A packet socket of an adapter, which receives nothing yet.
+inline int OpenPacketSocket(const char* device) {
+  const int descriptor = socket(AF_PACKET, SOCK_RAW, 0);
+  BindPacketSocket(descriptor, device, 0);
   return descriptor;
 }
 
 // A socket for sending that goes past the queueing discipline, as the library's does.
 inline int OpenSendingSocket(const char* device) {
-  const int descriptor = OpenPacketSocket(device, 0);
+  const int descriptor = OpenPacketSocket(device);
   const int on = 1;
   setsockopt(descriptor, SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on);
   return descriptor;

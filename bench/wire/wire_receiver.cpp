@@ -66,8 +66,7 @@ std::uint16_t Read16(const std::uint8_t* at) {
 
 class FrameRing {
  public:
-  explicit FrameRing(const char* device)
-      : descriptor_(OpenPacketSocket(device, ETH_P_ALL)) {  // ahead of a bridge
+  explicit FrameRing(const char* device) : descriptor_(OpenPacketSocket(device)) {
     const int version = TPACKET_V3;
     const int on = 1;
     tpacket_req3 request{};
@@ -88,6 +87,9 @@ class FrameRing {
     }
     ring_ = static_cast<std::uint8_t*>(mmap(nullptr, std::size_t{kBlockBytes} * kBlocks,
                                             PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0));
+    // What came before there is room for it would count as missed. All protocols: ahead of a
+    // bridge.
+    BindPacketSocket(descriptor_, device, ETH_P_ALL);
   }
 
   // Appends what the next block holds; false when there is none yet.
