@@ -15,7 +15,8 @@
 namespace ipplay {
 namespace {
 
-constexpr int kLastInLine = 19;
+// Behind others, and yet within its time: at 19, five busy processes leave it nothing.
+constexpr int kNiceValue = 10;
 constexpr rlim_t kMostDescriptors = 64;
 constexpr int kSignalled = 128;  // and the signal's number
 
@@ -33,7 +34,7 @@ bool KeepNoDescriptors() {
 bool Confine(const ProgramBounds& bounds) {
   KeepCapabilities({});
   ::clearenv();  // which may hold what is nobody else's business
-  return ::setpriority(PRIO_PROCESS, 0, kLastInLine) == 0 && KeepNoDescriptors() && DenyReach() &&
+  return ::setpriority(PRIO_PROCESS, 0, kNiceValue) == 0 && KeepNoDescriptors() && DenyReach() &&
          Limit(RLIMIT_CPU, static_cast<rlim_t>(bounds.time.count())) &&
          Limit(RLIMIT_FSIZE, bounds.output_bytes) && Limit(RLIMIT_NOFILE, kMostDescriptors) &&
          Limit(RLIMIT_CORE, 0) && Limit(RLIMIT_AS, bounds.memory_bytes);

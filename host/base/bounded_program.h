@@ -26,7 +26,7 @@ struct ProgramOutcome {
 };
 
 // Nothing where it did not start, was not over in time, printed too much, or ended by a signal, as
-// that of a bound. It comes after all others at the processor, and DenyReach() holds for it. Any
+// that of a bound. It comes after others at the processor, and DenyReach() holds for it. Any
 // thread.
 std::optional<ProgramOutcome> RunBounded(ChildProcess::Program program,
                                          const ProgramBounds& bounds);

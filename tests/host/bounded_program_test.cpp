@@ -22,7 +22,7 @@ TEST(BoundedProgram, HasItsBoundsAndNoEnvironment) {
                                   Within(std::chrono::seconds(60)));
   ASSERT_TRUE(outcome);
   EXPECT_EQ(outcome->status, 0);
-  EXPECT_EQ(outcome->output, "60\n1048576\n2048\n64\n0\nnone\n19\n");
+  EXPECT_EQ(outcome->output, "60\n1048576\n2048\n64\n0\nnone\n10\n");
 }
 
 TEST(BoundedProgram, AFailureIsNoLackOfTime) {
