@@ -7,26 +7,31 @@ import sys
 import unittest
 
 from playbed import FAR4, IPPLAY, NEAR4, NEAR6, SAMPLE, SAMPLE_RATE, PlayCase, read_file
+from testbed import SO_RCVBUFFORCE
 
 FAST = ("--speed", "28")
-# Says when it is ready, then writes what comes until there is a second of silence.
-RECEIVER = """
+# Says when it is ready, then writes what comes until an empty datagram. Its buffer holds all of the sample.
+RECEIVER = f"""
 import socket, sys
+SO_RCVBUFFORCE = {SO_RCVBUFFORCE}
 address, port = sys.argv[1], 5000
 v6 = ":" in address
 receiver = socket.socket(socket.AF_INET6 if v6 else socket.AF_INET, socket.SOCK_DGRAM)
-receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+receiver.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 1 << 22)
 receiver.bind((address, port))
 if address.startswith("239."):
     receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
                         socket.inet_aton(address) + socket.inet_aton(sys.argv[2]))
 print("ready", file=sys.stderr, flush=True)
-try:
-    while True:
-        sys.stdout.buffer.write(receiver.recv(2000))
-        receiver.settimeout(1)
-except socket.timeout:
-    pass
+while datagram := receiver.recv(2000):
+    sys.stdout.buffer.write(datagram)
+"""
+END = """
+import socket, sys
+sender = socket.socket(socket.AF_INET6 if ":" in sys.argv[1] else socket.AF_INET, socket.SOCK_DGRAM)
+if sys.argv[1].startswith("239."):
+    sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(sys.argv[2]))
+sender.sendto(b"", (sys.argv[1], 5000))
 """
 
 
@@ -76,15 +81,28 @@ class ForwardErrorCorrection(PlayCase):
         self.assertAlmostEqual(summary["rate_bps"], summary["set_rate_bps"], delta=summary["set_rate_bps"] / 1000)
 
 
+class Receiver:
+    """A program on the near machine that has joined the address when the constructor returns."""
+
+    def __init__(self, case, address):
+        self._namespace, self._address = case.bed.near, address
+        self._process = subprocess.Popen([sys.executable, "-c", RECEIVER, address, NEAR4],
+                                         preexec_fn=self._namespace.enter, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        case.addCleanup(self._process.kill)
+        assert self._process.stderr.readline() == b"ready\n"
+
+    def received(self):
+        """All that has come until now."""
+        subprocess.run([sys.executable, "-c", END, self._address, NEAR4], preexec_fn=self._namespace.enter, check=True)
+        return self._process.communicate()[0]
+
+
 class Sockets(PlayCase):
     def receive(self, address, *options):
-        receiver = subprocess.Popen([sys.executable, "-c", RECEIVER, address, NEAR4],
-                                    preexec_fn=self.bed.near.enter, stdout=subprocess.PIPE,
-                                    stderr=subprocess.PIPE)
-        self.assertEqual(receiver.stderr.readline(), b"ready\n")
+        receiver = Receiver(self, address)
         host = f"[{address}]" if ":" in address else address
         played = self.play(SAMPLE, "--to", f"udp://{host}:5000", *FAST, *options)
-        return receiver.communicate()[0], played
+        return receiver.received(), played
 
     def test_receivers_on_this_machine_get_every_byte(self):
         for address in ("127.0.0.1", NEAR4, "::1", NEAR6):
@@ -111,14 +129,12 @@ class Several(PlayCase):
     def test_one_stream_leaves_to_each_target(self):
         """Through the adapter, through a socket and into a file: the same payloads and RTP headers at the same times."""
         path = self.path("also.pcapng")
-        receiver = subprocess.Popen([sys.executable, "-c", RECEIVER, "127.0.0.1", NEAR4],
-                                    preexec_fn=self.bed.near.enter, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.assertEqual(receiver.stderr.readline(), b"ready\n")
+        receiver = Receiver(self, "127.0.0.1")
         played = self.play(SAMPLE, "--to", "rtp://239.1.1.1:5004", "--to", "rtp://127.0.0.1:5000", "--to", path, "--json",
                            *FAST)
         sent = [frame[42:] for frame in played.frames]
         self.assertEqual(len(sent), 203)
-        self.assertEqual(receiver.communicate()[0], b"".join(sent))
+        self.assertEqual(receiver.received(), b"".join(sent))
         self.assertEqual([frame[42:] for _, frame in frames_of(path)], sent)
         outputs = json.loads(played.output.splitlines()[-1])["outputs"]
         self.assertEqual([(output["target"], output["datagrams"], output.get("into"), "late" in output) for output in outputs],

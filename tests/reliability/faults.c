@@ -6,6 +6,7 @@
 // and of the threads that such a thread has created. The rest concerns the whole process.
 #include <dlfcn.h>
 #include <errno.h>
+#include <limits.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdatomic.h>
@@ -33,6 +34,7 @@ void __libc_free(void* block);
 static struct fault {
   const char* call;
   atomic_long calls, first, count, refused;
+  atomic_llong until_ns;
   atomic_int error;
 } faults[] = {{.call = "memory"}, {.call = "thread"},     {.call = "eventfd"}, {.call = "socket"},
               {.call = "timer"},  {.call = "sendmmsg"},   {.call = "sendto"},  {.call = "recvmsg"},
@@ -56,12 +58,24 @@ static atomic_long held;  // blocks, and bytes of mappings
 static atomic_long clock_shift;
 static _Thread_local bool in_library __attribute__((tls_model("initial-exec")));
 
+// A count: all calls until this long after the first that fails, however often the machine lets the
+// library try.
+#define A_WHILE LONG_MAX
+enum { A_WHILE_NS = 100000000 };
+
+static long long monotonic_ns(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
 // From the `first` call after this one on, `count` calls fail with `error`.
 EXPORTED void fault_set(const char* call, long first, long count, int error) {
   for (size_t i = 0; i < sizeof faults / sizeof *faults; ++i) {
     if (strcmp(faults[i].call, call) == 0) {
       faults[i].count = 0;
       faults[i].calls = faults[i].refused = 0;
+      faults[i].until_ns = 0;
       faults[i].first = first;
       faults[i].error = error;
       faults[i].count = count;
@@ -103,6 +117,14 @@ static bool refuse(int call) {
   const long number = fault->calls++;
   if (number < fault->first || number - fault->first >= fault->count) {
     return false;
+  }
+  if (fault->count == A_WHILE) {
+    const long long now_ns = monotonic_ns();
+    long long unset = 0;
+    atomic_compare_exchange_strong(&fault->until_ns, &unset, now_ns + A_WHILE_NS);
+    if (now_ns > fault->until_ns) {
+      return false;
+    }
   }
   ++fault->refused;
   errno = fault->error;

@@ -11,6 +11,7 @@ from wire_case import TYPICAL, Model, WireCase, datagrams, stream  # noqa: F401 
 
 SECONDS = float(os.environ.get("IPPLAYOUT_RELIABILITY_SECONDS", "10"))  # of what could go on for long
 FOREVER = 1 << 40
+A_WHILE = (1 << 63) - 1  # as in faults.c
 RUN_BY_THE_LIBRARY = ("InitIpPlayout", "CleanupIpPlayout", "IPStart", "IPStop", "IPStopImmediate",
                       "IPWriteTerminate", "GetMacAddressForIP")
 PRINTED_ON_FAULTS = re.compile(  # as well

@@ -10,7 +10,7 @@ import select
 import time
 import unittest
 
-from harness import FOREVER, Host, Model, ReliabilityCase, TYPICAL, datagrams
+from harness import A_WHILE, FOREVER, Host, Model, ReliabilityCase, TYPICAL, datagrams
 from host import begin, in_thread, until_refused, until_sent
 from library import Library
 from testbed import Testbed
@@ -27,16 +27,16 @@ FAULTS_OF_THE_ADAPTER = {
 }
 # The call that fails, from which call on, how often, with what error, and whether the playout goes on.
 FAULTS_OF_THE_SOCKET = {
-    "the adapter's queue is full for a while": ("sendmmsg", 20, 500, errno.ENOBUFS, True),
-    "the socket is full for a while": ("sendmmsg", 20, 500, errno.EAGAIN, True),
-    "signals interrupt": ("sendmmsg", 20, 500, errno.EINTR, True),
+    "the adapter's queue is full for a while": ("sendmmsg", 20, A_WHILE, errno.ENOBUFS, True),
+    "the socket is full for a while": ("sendmmsg", 20, A_WHILE, errno.EAGAIN, True),
+    "signals interrupt": ("sendmmsg", 20, A_WHILE, errno.EINTR, True),
     "bursts are cut short": ("short", 0, FOREVER, 0, True),
     "the adapter's queue stays full": ("sendmmsg", 20, FOREVER, errno.ENOBUFS, False),
     "sending is forbidden": ("sendmmsg", 20, 1, errno.EPERM, False),
     "a frame is too long": ("sendmmsg", 20, 1, errno.EMSGSIZE, False),
     "the kernel has no memory": ("sendmmsg", 20, 1, errno.ENOMEM, False),
     # Of the AF_XDP socket: what it cannot send for certain leaves through the packet socket.
-    "no room in the kernel for a while": ("sendto", 20, 500, errno.EAGAIN, True),
+    "no room in the kernel for a while": ("sendto", 20, A_WHILE, errno.EAGAIN, True),
     "a frame is dropped": ("sendto", 20, 1, errno.EBUSY, True),
     "the kernel no longer allows it": ("sendto", 20, 1, errno.EPERM, True),
     "no room in the kernel ever": ("sendto", 20, FOREVER, errno.EAGAIN, False),
