@@ -92,6 +92,22 @@ class Completion(WireCase):
         self.assert_frames(self.bed.run(body, data), [
             *Model(TYPICAL).play(data)[0], *Model(TYPICAL).play(data + data)[0], *Model(other).play(data)[0]])
 
+    def test_an_end_that_is_declared_too_late_ends_the_next_run(self):
+        def body(library, data):
+            ready(library)
+            event = os.eventfd(0)
+            library.register(event)
+            library.play(data)
+            os.eventfd_read(event)
+            assert library.IPWriteTerminate() == 0
+            assert library.IsPlayoutComplete() == 1
+            library.write(data)
+            assert library.IPStart() == 0
+            os.eventfd_read(event)
+            reap(library)
+        data = datagrams(Model(TYPICAL), 4)
+        self.assert_frames(self.bed.run(body, data), Model(TYPICAL).play(data)[0] * 2)
+
     def test_stop_event_releases_the_waiting_host(self):
         def body(library, data):
             ready(library, CRAWL)
