@@ -89,8 +89,8 @@ class Hosts(ReliabilityCase):
             return {"first": statistics, "seconds": seconds, "statistics": host.play(data)}
         for incident in (feed_nothing_for_long, feed_four_bytes_at_a_time, be_stopped_by_a_signal,
                          fork_while_playing, set_the_clock_back, be_short_of_processors):
-            # Each call wakes the pump, which takes its time where processors are busy.
-            data = datagrams(Model(FAST), 200 if incident is feed_four_bytes_at_a_time else 2000)
+            # Each call yields the processor, which comes back late where others want it.
+            data = datagrams(Model(FAST), 30 if incident is feed_four_bytes_at_a_time else 2000)
             expected, statistics = Model(FAST).play(data)
             with self.subTest(incident=incident.__name__):
                 outcome = self.bed.run(body, incident, data)
