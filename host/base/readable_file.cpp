@@ -6,11 +6,25 @@
 
 namespace ipplay {
 
+namespace {
+
+// A FIFO opens at once, and not only when somebody writes into it: that is waited for where a stop
+// is noticed.
+FileDescriptor Open(const std::string& path) {
+  if (path == "-") {
+    return FileDescriptor(::dup(STDIN_FILENO));
+  }
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (fd.IsOpen()) {
+    ::fcntl(fd.Get(), F_SETFL, ::fcntl(fd.Get(), F_GETFL) & ~O_NONBLOCK);
+  }
+  return fd;
+}
+
+}  // namespace
+
 ReadableFile OpenForReading(const std::string& path) {
-  ReadableFile file{FileDescriptor(path == "-" ? ::dup(STDIN_FILENO)
-                                               : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)),
-                    false,
-                    {}};
+  ReadableFile file{Open(path), false, {}};
   struct stat status {};
   if (!file.fd.IsOpen() || ::fstat(file.fd.Get(), &status) != 0) {
     return {};
