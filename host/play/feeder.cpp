@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/play/feeder.h"
 
+#include "host/base/capabilities.h"
+
 namespace ipplay {
 
 Feeder::Feeder(std::unique_ptr<RoundReader> reader, const EditPlan& edits,
@@ -27,6 +29,7 @@ void Feeder::Start() {
 }
 
 void Feeder::Run() {
+  KeepCapabilities({});  // it reads what anybody may have sent
   reader_->DoWhileWaiting(sink_.idle);
   WordWriter writer(sink_.write);
   bool written = PlayRound(writer);

@@ -25,6 +25,23 @@ void MarkedWriter::Follow(Time start, Time lead) {
   following_.emplace(Following{.follower = ClockFollower(lead), .start = start});
 }
 
+// What was read ahead is there, and frames take a moment to be built.
+MarkedWriter::Time MarkedWriter::FollowFromNow(Time lead) {
+  const Time start = ScheduledPlayout::Now() + milliseconds(50);
+  Follow(start, lead);
+  return start;
+}
+
+Feeder::Sink MarkedWriter::Sink() {
+  return {.write = WordWriter::Into(
+              [this](std::span<const std::uint8_t> bytes) { return Write(bytes); }),
+          .terminate = [this] { Finish(); },
+          .arrived = [this](const std::optional<Arrival>& arrival) { Arrived(arrival); },
+          .follow = [this](std::uint16_t pid) { FollowPid(pid); },
+          .idle = {.due = [this] { return HasToGoAt(); }, .run = [this] { WriteWhatHasToGo(); }},
+          .wants_datagrams = WantsDatagrams()};
+}
+
 void MarkedWriter::Arrived(const std::optional<Arrival>& arrival) {
   if (auto* capture = std::get_if<CaptureClock>(&clock_); capture != nullptr && arrival) {
     PlaceDatagram(*capture, *arrival);

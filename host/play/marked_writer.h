@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "host/library/scheduled_playout.h"
+#include "host/play/feeder.h"
 #include "host/stream/arrival_marks.h"
 #include "host/stream/clock_follower.h"
 #include "host/stream/packet_format.h"
@@ -46,6 +47,10 @@ class MarkedWriter {
   // From now on the clock of the input is followed. The playout starts at `start`, on
   // CLOCK_MONOTONIC, and what comes then is meant to wait for `lead`.
   void Follow(Time start, Time lead);
+  // The same as soon as can be; the time of the start.
+  Time FollowFromNow(Time lead);
+  // Calls what follows. It outlives the feeder.
+  Feeder::Sink Sink();
   // What is written next came then; nothing: it has been read just now.
   void Arrived(const std::optional<Arrival>& arrival);
   bool WantsDatagrams() const { return std::holds_alternative<CaptureClock>(clock_); }

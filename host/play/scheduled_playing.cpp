@@ -59,9 +59,7 @@ std::optional<std::string> ScheduledPlaying::Start() {
   if (writer_ && plan_.lead && start) {
     writer_->Follow(*start, *plan_.lead);
   } else if (writer_ && plan_.lead) {
-    // What was read ahead is there, and frames take a moment to be built.
-    start = ScheduledPlayout::Now() + std::chrono::milliseconds(50);
-    writer_->Follow(*start, *plan_.lead);
+    start = writer_->FollowFromNow(*plan_.lead);
   }
   KeepRightsToStart();
   auto failure = playout_.Start(start);
@@ -81,30 +79,17 @@ std::optional<double> ScheduledPlaying::FollowedPpm() const {
 }
 
 Feeder::Sink ScheduledPlaying::Sink() {
-  return {.write =
-              [this](const void* data, std::uint16_t units) {
-                const auto* bytes = static_cast<const std::uint8_t*>(data);
-                return Write({bytes, std::size_t{units} * 4}) ? 0 : IPPLAYOUT_FAILED;
-              },
-          .terminate = [this] { End(); },
-          .arrived = [this](const std::optional<Arrival>& arrival) { Arrived(arrival); },
-          .follow = [this](std::uint16_t pid) { FollowPid(pid); },
-          .idle = Idle(),
-          .wants_datagrams = WantsDatagrams()};
+  if (writer_) {
+    return writer_->Sink();
+  }
+  return {.write = WordWriter::Into([this](auto bytes) { return playout_.Write(bytes); }),
+          .terminate = [this] { playout_.End(); }};
 }
 
 void ScheduledPlaying::Arrived(const std::optional<Arrival>& arrival) {
   if (writer_) {
     writer_->Arrived(arrival);
   }
-}
-
-IdleWork ScheduledPlaying::Idle() {
-  if (!writer_ || !plan_.lead) {
-    return {};
-  }
-  return {.due = [this] { return writer_->HasToGoAt(); },
-          .run = [this] { writer_->WriteWhatHasToGo(); }};
 }
 
 void ScheduledPlaying::FollowPid(std::uint16_t pid) {

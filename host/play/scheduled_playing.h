@@ -63,7 +63,6 @@ class ScheduledPlaying final : public Playing {
 
  private:
   std::optional<std::string> Configure();
-  IdleWork Idle();
 
   const PlayOptions& options_;
   const PlayPlan& plan_;

@@ -2,6 +2,7 @@
 #include "host/play/word_writer.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace ipplay {
 
@@ -9,6 +10,12 @@ namespace {
 constexpr std::size_t kUnit = 4;
 constexpr std::size_t kMaxUnits = 65535;
 }  // namespace
+
+WordWriter::WriteWords WordWriter::Into(std::function<bool(std::span<const std::uint8_t>)> write) {
+  return [write = std::move(write)](const void* data, std::uint16_t units) {
+    return write({static_cast<const std::uint8_t*>(data), units * kUnit}) ? 0 : 1;
+  };
+}
 
 std::span<const std::uint8_t> WordWriter::CompleteCarry(std::span<const std::uint8_t> bytes) {
   if (carried_ == 0) {

@@ -14,6 +14,9 @@ class WordWriter {
   // `write(data, units)` returns 0 on success; data needs no alignment.
   using WriteWords = std::function<int(const void* data, std::uint16_t units)>;
 
+  // Writes whole units by a function that takes bytes and says whether it could.
+  static WriteWords Into(std::function<bool(std::span<const std::uint8_t>)> write);
+
   explicit WordWriter(WriteWords write) : write_(std::move(write)) {}
 
   // Keeps up to 3 bytes for the next call. False once a write has failed.
