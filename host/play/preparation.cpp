@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 #include <span>
 
@@ -88,12 +89,6 @@ void NoteInput(const Input& input, PlayPlan& plan) {
   }
 }
 
-struct Opened {
-  Input input;
-  StreamFacts facts;
-  std::vector<RoundReader::Stream> then{};
-};
-
 Result<Opened> Open(const PlayOptions& options, const std::string& name, int stop_fd) {
   auto input = OpenInput(name, InputOptionsOf(options), stop_fd);
   if (!input) {
@@ -124,35 +119,6 @@ std::optional<Failure> CheckList(const PlayOptions& options) {
                     once(options.input) ? options.input : *not_file));
   }
   return std::nullopt;
-}
-
-// All of a list, before anything is sent.
-Result<Opened> OpenAll(const PlayOptions& options, int stop_fd) {
-  if (options.then.empty()) {
-    return Open(options, options.input, stop_fd);
-  }
-  if (auto failure = CheckList(options)) {
-    return *std::move(failure);
-  }
-  auto first = Open(options, options.input, stop_fd);
-  if (!first) {
-    return first.Error();
-  }
-  std::vector<ListedStream> list{{options.input, first->facts}};
-  for (const std::string& name : options.then) {
-    auto next = Open(options, name, stop_fd);
-    if (!next) {
-      return next.Error();
-    }
-    list.push_back({name, next->facts});
-    first->then.push_back({std::move(next->input), std::move(next->facts)});
-  }
-  auto together = FactsOfList(std::move(list), options.as_188);
-  if (!together) {
-    return together.Error();
-  }
-  first->facts = *std::move(together);
-  return first;
 }
 
 // What is random is the same as at the first target.
@@ -211,33 +177,83 @@ std::optional<Failure> PrepareTwin(const PlayOptions& options, const std::vector
 
 }  // namespace
 
-Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
-                         int stop_fd) {
+bool ComesAtItsOwnPace(const PlayOptions& options) {
+  std::error_code error;
+  return options.follow || options.input == "-" || IsLiveAddress(options.input) ||
+         (std::filesystem::exists(options.input, error) &&
+          !std::filesystem::is_regular_file(options.input, error));
+}
+
+std::optional<Failure> CheckWithoutInput(const PlayOptions& options,
+                                         const std::vector<Adapter>& adapters) {
   if (auto failure = CheckTwin(options)) {
+    return failure;
+  }
+  const auto path = FindPath(options, adapters);
+  return path ? std::nullopt : std::optional(path.Error());
+}
+
+// All of a list, before anything is sent.
+Result<Opened> LookAtInput(const PlayOptions& options, int stop_fd) {
+  if (options.then.empty()) {
+    return Open(options, options.input, stop_fd);
+  }
+  if (auto failure = CheckList(options)) {
     return *std::move(failure);
   }
+  auto first = Open(options, options.input, stop_fd);
+  if (!first) {
+    return first.Error();
+  }
+  std::vector<ListedStream> list{{options.input, first->facts}};
+  for (const std::string& name : options.then) {
+    auto next = Open(options, name, stop_fd);
+    if (!next) {
+      return next.Error();
+    }
+    list.push_back({name, next->facts});
+    first->then.push_back({std::move(next->input), std::move(next->facts)});
+  }
+  auto together = FactsOfList(std::move(list), options.as_188);
+  if (!together) {
+    return together.Error();
+  }
+  first->facts = *std::move(together);
+  return first;
+}
+
+Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
+                         int stop_fd) {
+  if (auto failure = CheckWithoutInput(options, adapters)) {
+    return *std::move(failure);
+  }
+  auto opened = LookAtInput(options, stop_fd);
+  if (!opened) {
+    return opened.Error();
+  }
+  return Prepare(options, adapters, std::move(*opened));
+}
+
+Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
+                         Opened&& opened) {
   auto path = FindPath(options, adapters);
   if (!path) {
     return path.Error();
   }
-  auto opened = OpenAll(options, stop_fd);
-  if (!opened) {
-    return opened.Error();
-  }
-  auto plan = MakePlan(options, opened->facts, *path);
+  auto plan = MakePlan(options, opened.facts, *path);
   if (!plan) {
     return plan.Error();
   }
   if (const auto failure = ChooseWay(options, *path, adapters, *plan)) {
     return *failure;
   }
-  NoteInput(opened->input, *plan);
-  for (const RoundReader::Stream& next : opened->then) {
+  NoteInput(opened.input, *plan);
+  for (const RoundReader::Stream& next : opened.then) {
     NoteInput(next.input, *plan);
   }
-  Prepared prepared{std::move(*path), std::move(opened->facts), *std::move(plan),
-                    std::move(opened->input)};
-  prepared.then = std::move(opened->then);
+  Prepared prepared{std::move(*path), std::move(opened.facts), *std::move(plan),
+                    std::move(opened.input)};
+  prepared.then = std::move(opened.then);
   for (const PlayOptions::Place& place : options.also_to) {
     auto output = PrepareFurther(options, place, adapters, prepared);
     if (!output) {

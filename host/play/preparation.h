@@ -43,6 +43,22 @@ std::unique_ptr<RoundReader> MakeReader(Prepared&& prepared);
 Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
                          int stop_fd);
 
+// The same in steps, for an input that may be long in coming.
+struct Opened {
+  Input input;  // at its first packet; the first of a list
+  StreamFacts facts;
+  std::vector<RoundReader::Stream> then{};  // the rest of a list
+};
+// Not a file that is there, whole: looking at it waits for others.
+bool ComesAtItsOwnPace(const PlayOptions& options);
+// What is wrong whatever the input is.
+std::optional<Failure> CheckWithoutInput(const PlayOptions& options,
+                                         const std::vector<Adapter>& adapters);
+// Waits for as much as has to be known of it. Needs no rights but those to read it.
+Result<Opened> LookAtInput(const PlayOptions& options, int stop_fd);
+Result<Prepared> Prepare(const PlayOptions& options, const std::vector<Adapter>& adapters,
+                         Opened&& opened);
+
 // Asks for the destination's MAC address unless the user gave it or it follows from the address.
 std::optional<Failure> CompletePath(const PlayOptions& options, Path& path, PlayPlan& plan);
 
