@@ -12,6 +12,7 @@
 #include "host/base/units.h"
 #include "host/base/wall_clock.h"
 #include "host/lineup/channel_run.h"
+#include "host/lineup/input_look.h"
 #include "host/lineup/keeper.h"
 #include "host/play/orders.h"
 
@@ -90,28 +91,101 @@ Result<std::shared_ptr<ChannelRun>> Channel::Playing() const {
   return run_;
 }
 
-std::optional<Failure> Channel::MakeReady() {
+std::optional<Failure> Channel::BeginStart() {
+  const std::lock_guard lock(mutex_);
+  if (Plays(state_) || starting_ || retired_) {
+    return Failure{ExitStatus::kFailed,
+                   fmt::format("{}: {}", order_.name, retired_ ? "removed" : "started already")};
+  }
+  starting_ = true;
+  stops_at_start_ = stops_;
+  return std::nullopt;
+}
+
+std::optional<Failure> Channel::GiveUpStart(const Failure& failure) {
   {
     const std::lock_guard lock(mutex_);
-    if (Plays(state_) || starting_ || retired_) {
-      return Failure{ExitStatus::kFailed,
-                     fmt::format("{}: {}", order_.name, retired_ ? "removed" : "plays already")};
-    }
-    starting_ = true;
-    stops_at_start_ = stops_;
+    starting_ = false;
   }
-  auto run = ChannelRun::Make(options_, keeper_.Adapters(), SpreadOf(order_.name));
+  Conclude(ChannelState::kFailed, failure.message);
+  return Named(failure);
+}
+
+std::optional<Failure> Channel::MakeReady() {
+  if (auto failure = BeginStart()) {
+    return failure;
+  }
+  auto stop_reading = std::make_unique<Event>();
+  const int stop_fd = stop_reading->Get();
+  return MakeRun(LookAtInput(options_, stop_fd), std::move(stop_reading));
+}
+
+std::optional<Failure> Channel::MakeRun(Result<Opened>&& opened,
+                                        std::unique_ptr<Event> stop_reading) {
+  if (!opened) {
+    return GiveUpStart(opened.Error());
+  }
+  auto run = ChannelRun::Make(options_, keeper_.Adapters(), std::move(*opened),
+                              std::move(stop_reading), SpreadOf(order_.name));
   if (!run) {
-    {
-      const std::lock_guard lock(mutex_);
-      starting_ = false;
-    }
-    Conclude(ChannelState::kFailed, run.Error().message);
-    return Named(run.Error());
+    return GiveUpStart(run.Error());
   }
   const std::lock_guard lock(mutex_);
   run_ = *std::move(run);
   return std::nullopt;
+}
+
+bool Channel::WaitsForInput() const {
+  return ComesAtItsOwnPace(options_);
+}
+
+std::optional<Failure> Channel::AwaitInput() {
+  if (auto failure = BeginStart()) {
+    return failure;
+  }
+  if (const auto failure = CheckWithoutInput(options_, keeper_.Adapters())) {
+    return GiveUpStart(*failure);
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    if (stops_ != stops_at_start_) {
+      starting_ = false;
+      return std::nullopt;
+    }
+    state_ = ChannelState::kWaiting;
+    // It is given up before the keeper is gone.
+    look_ = std::make_unique<InputLook>(
+        options_, [self = weak_from_this(), &keeper = keeper_, start = stops_] {
+          keeper.At(Time(0), [self, start] {
+            if (const auto channel = self.lock()) {
+              channel->InputCame(start);
+            }
+          });
+        });
+  }
+  Report(ChannelState::kWaiting, fmt::format("waiting for {}", options_.input));
+  return std::nullopt;
+}
+
+// Each start that a stop made void has had another number of stops before it.
+void Channel::InputCame(std::uint32_t start) {
+  std::unique_ptr<InputLook> look;
+  {
+    const std::lock_guard lock(mutex_);
+    if (stops_at_start_ == start) {
+      look = std::move(look_);
+    }
+  }
+  if (look && !MakeRun(look->Take(), look->TakeStop())) {
+    Launch(std::nullopt);
+  }
+}
+
+std::optional<Failure> Channel::Launch(std::optional<Time> at) {
+  const std::optional<Time> start = at ? at : run_->NextStart();
+  auto failure = run_->Playout().Start(start);
+  Launched(failure, start.value_or(ScheduledPlayout::Now()));
+  return failure ? std::optional(Named(*failure)) : std::nullopt;
 }
 
 // False where a stop came before.
@@ -139,14 +213,12 @@ bool Channel::Launched(const std::optional<Failure>& failure, Time at) {
 }
 
 std::optional<Failure> Channel::Start(std::optional<Time> at) {
-  return keeper_.Do([this, at]() -> std::optional<Failure> {
-    if (auto failure = MakeReady()) {
-      return failure;
+  return keeper_.Do([this, at] {
+    if (WaitsForInput()) {
+      return AwaitInput();
     }
-    const Time begin = at.value_or(ScheduledPlayout::Now());
-    auto failure = run_->Playout().Start(run_->IsLive() ? std::nullopt : std::optional(begin));
-    Launched(failure, begin);
-    return failure ? std::optional(Named(*failure)) : std::nullopt;
+    auto failure = MakeReady();
+    return failure ? failure : Launch(at);
   });
 }
 
@@ -250,10 +322,13 @@ std::optional<Failure> Channel::Pause(bool on) {
 
 std::optional<Failure> Channel::Stop() {
   std::shared_ptr<ChannelRun> run;
+  std::unique_ptr<InputLook> look;  // ends without the lock
   bool changes = false;
   {
     const std::lock_guard lock(mutex_);
     ++stops_;
+    look = std::move(look_);
+    starting_ = starting_ && !look;
     if (Plays(state_)) {
       run = run_;
     }
@@ -286,6 +361,11 @@ std::optional<Failure> Channel::Change(const ChannelChange& change) {
     return run.Error();
   }
   const auto refuse = [this](const std::string& why) { return Named(UsageFailure(why)); };
+  if ((*run)->FollowsInput()) {
+    return refuse(
+        "rate: the clock of its input is followed, as it comes once; only a file is played faster "
+        "or slower");
+  }
   if (change.bit_rate && (*run)->Plan().pcr_rate) {
     return refuse("bitrate: it is played at the times of its PCRs; give ppm, or order a bitrate");
   }

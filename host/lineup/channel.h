@@ -14,10 +14,12 @@
 #include <string_view>
 #include <vector>
 
+#include "host/base/event.h"
 #include "host/base/result.h"
 #include "host/library/scheduled_playout.h"
 #include "host/lineup/channel_order.h"
 #include "host/play/play_plan.h"
+#include "host/play/preparation.h"
 #include "ipplayout/playouts.h"
 
 namespace ipplay {
@@ -26,7 +28,7 @@ enum class ChannelState {
   kReady,    // never started
   kPlaying,  // or about to, at its time
   kPaused,
-  kWaiting,  // to be started again
+  kWaiting,  // for its input, or to be started again
   kEnded,    // everything left
   kStopped,  // by request
   kFailed,
@@ -74,6 +76,7 @@ struct ChannelEvent {
 using OnChannelEvent = std::function<void(const ChannelEvent&)>;
 
 class ChannelRun;
+class InputLook;
 class Keeper;
 
 // Any thread may call any function. A failure names what is refused.
@@ -92,10 +95,11 @@ class Channel : public std::enable_shared_from_this<Channel> {
   const PlayOptions& Options() const { return options_; }
 
   // At `at`, or at once. Reads the input and may ask for a MAC address, which takes up to seconds.
+  // An input that comes at its own pace is not waited for: the channel starts when it has come.
   // Refused while it plays.
   std::optional<Failure> Start(std::optional<Time> at = std::nullopt);
   std::optional<Failure> Pause(bool on);
-  // Ends it at once, also one that waits for its restart; within about a second.
+  // Ends it at once, also one that waits; within about a second.
   std::optional<Failure> Stop();
   // Shows after what was written ahead, within about half a second.
   std::optional<Failure> Change(const ChannelChange& change);
@@ -111,7 +115,15 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
   // The steps of a start, on the keeper's thread.
   std::optional<Failure> MakeReady();
+  std::optional<Failure> BeginStart();
+  std::optional<Failure> GiveUpStart(const Failure& failure);
+  std::optional<Failure> MakeRun(Result<Opened>&& opened, std::unique_ptr<Event> stop_reading);
+  std::optional<Failure> Launch(std::optional<Time> at);
   bool Launched(const std::optional<Failure>& failure, Time at);
+  // The other way, where the input comes at its own pace.
+  bool WaitsForInput() const;
+  std::optional<Failure> AwaitInput();
+  void InputCame(std::uint32_t start);
   // On the feeding thread. False once the run is over.
   bool Serve(const std::shared_ptr<ChannelRun>& run);
   void Obey(ChannelRun& run, const Action& action);
@@ -137,6 +149,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   std::uint32_t stops_ = 0;  // a start that was begun or planned before a stop is void
   std::uint32_t stops_at_start_ = 0;
   bool retired_ = false;
+  std::unique_ptr<InputLook> look_;  // while a start waits for the input
   std::shared_ptr<ChannelRun> run_;  // this or the last one
   std::uint64_t damage_orders_ = 0;
   std::string last_error_;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "host/base/capabilities.h"
 #include "host/base/wall_clock.h"
 
 namespace ipplay {
@@ -16,12 +17,13 @@ constexpr std::uint64_t kLeastRing = 64 << 10;  // that the library takes
 
 Result<std::shared_ptr<ChannelRun>> ChannelRun::Make(const PlayOptions& options,
                                                      const std::vector<Adapter>& adapters,
+                                                     Opened&& opened,
+                                                     std::unique_ptr<Event> stop_reading,
                                                      double spread) {
   if (!options.also_to.empty()) {
     return UsageFailure("to: a channel has one target; give each of several a channel");
   }
-  auto stop_reading = std::make_unique<Event>();
-  auto prepared = Prepare(options, adapters, stop_reading->Get());
+  auto prepared = Prepare(options, adapters, std::move(opened));
   if (!prepared) {
     return prepared.Error();
   }
@@ -65,13 +67,20 @@ std::optional<Failure> ChannelRun::Configure(double spread) {
   if (auto failure = playout_.Configure(settings)) {
     return failure;
   }
+  if (plan_.lead) {
+    live_feed_ = std::make_unique<LiveFeed>(std::move(reader_), plan_, playout_);
+    return std::nullopt;
+  }
   const auto gap = static_cast<double>(plan_.rates.gap.count()) * plan_.copies;
   const Time phase(static_cast<std::int64_t>(std::min(spread * gap, 1e9)));
   feed_ = std::make_unique<ChannelFeed>(std::move(reader_), plan_, ppm_, playout_, phase);
   if (is_file_) {
     feed_->Fill();
   } else {
-    live_feeding_ = std::thread([this] { feed_->WriteAll(); });
+    live_feeding_ = std::thread([this] {
+      KeepCapabilities({});
+      feed_->WriteAll();
+    });
   }
   return std::nullopt;
 }
@@ -80,9 +89,19 @@ ChannelRun::~ChannelRun() {
   Stop();
 }
 
+std::optional<ChannelRun::Time> ChannelRun::NextStart() {
+  if (live_feed_) {
+    return live_feed_->NextStart();
+  }
+  return is_file_ ? std::optional(ScheduledPlayout::Now()) : std::nullopt;
+}
+
 void ChannelRun::Started(Time at) {
   started_at_ = at;
   started_.store(true);
+  if (live_feed_) {
+    live_feed_->Begin();
+  }
 }
 
 void ChannelRun::Feed() {
@@ -113,7 +132,9 @@ void ChannelRun::SetRate(std::optional<double> bit_rate, std::optional<double> p
   const std::lock_guard lock(mutex_);
   rate_ = bit_rate.value_or(rate_);
   ppm_ = ppm.value_or(ppm_);
-  feed_->SetSpeed(rate_ / nominal_rate_ * (1 + ppm_ / 1e6));
+  if (feed_) {
+    feed_->SetSpeed(rate_ / nominal_rate_ * (1 + ppm_ / 1e6));
+  }
 }
 
 double ChannelRun::SetBitRate() const {
@@ -173,6 +194,9 @@ void ChannelRun::Stop() {
   stopped_.store(true);
   stop_reading_->Set();
   playout_.Stop();
+  if (live_feed_) {
+    live_feed_->Join();
+  }
   if (live_feeding_.joinable()) {
     live_feeding_.join();
   }

@@ -17,6 +17,7 @@
 #include "host/library/adapters.h"
 #include "host/library/scheduled_playout.h"
 #include "host/lineup/channel_feed.h"
+#include "host/lineup/live_feed.h"
 #include "host/play/play_options.h"
 #include "host/play/preparation.h"
 #include "host/play/time_line.h"
@@ -27,10 +28,13 @@ class ChannelRun {
  public:
   using Time = std::chrono::nanoseconds;
 
-  // Ready to start: the input is looked at, the destination is known, and the first data of a file
-  // is written. `spread`, 0 to 1, is the share of the gap by which its first frame waits.
+  // Ready to start: the destination is known, and the first data of a file is written. The input
+  // was looked at; it is read no more once `stop_reading` is set. `spread`, 0 to 1, is the share of
+  // the gap by which its first frame waits.
   static Result<std::shared_ptr<ChannelRun>> Make(const PlayOptions& options,
                                                   const std::vector<Adapter>& adapters,
+                                                  Opened&& opened,
+                                                  std::unique_ptr<Event> stop_reading,
                                                   double spread);
   ChannelRun(const ChannelRun&) = delete;
   ChannelRun& operator=(const ChannelRun&) = delete;
@@ -39,11 +43,14 @@ class ChannelRun {
   ScheduledPlayout& Playout() { return playout_; }
   const PlayPlan& Plan() const { return plan_; }
   const Path& PathOf() const { return path_; }
-  int ReadError() const { return feed_->ReadError(); }
+  int ReadError() const { return feed_ ? feed_->ReadError() : live_feed_->ReadError(); }
 
+  // When it is to start if that is soon, on CLOCK_MONOTONIC; nothing: as soon as it has data.
+  std::optional<Time> NextStart();
   // The start itself has happened; `at` is its time on CLOCK_MONOTONIC.
   void Started(Time at);
-  bool IsLive() const { return !is_file_; }
+  // Its rate is that of its input.
+  bool FollowsInput() const { return live_feed_ != nullptr; }
   bool IsStarted() const { return started_.load(); }
   Time StartedAt() const { return started_at_; }
 
@@ -83,11 +90,12 @@ class ChannelRun {
   const bool is_file_;
   ScheduledPlayout playout_;
   std::unique_ptr<RoundReader> reader_;  // until the feed has it
-  std::unique_ptr<ChannelFeed> feed_;
-  std::thread live_feeding_;  // of an input that comes at its own pace
-  TimeLine time_line_;        // the feeding thread's
-  bool fed_ = false;          // the same
-  Time started_at_{0};        // before started_ is set
+  std::unique_ptr<ChannelFeed> feed_;    // or
+  std::unique_ptr<LiveFeed> live_feed_;  // of an input that comes at its own pace, by its clock
+  std::thread live_feeding_;             // and by another one: waits in feed_
+  TimeLine time_line_;                   // the feeding thread's
+  bool fed_ = false;                     // the same
+  Time started_at_{0};                   // before started_ is set
   std::atomic<bool> started_{false};
   std::atomic<bool> stopped_{false};
 

@@ -82,12 +82,11 @@ std::vector<std::pair<std::string, Failure>> Engine::Start(
     std::vector<std::shared_ptr<Channel>> ready;
     std::vector<ScheduledPlayout*> files;
     for (const auto& channel : channels) {
-      if (const auto failure = channel->MakeReady()) {
+      const bool waits = channel->WaitsForInput();
+      if (const auto failure = waits ? channel->AwaitInput() : channel->MakeReady()) {
         failed.emplace_back(channel->Order().name, *failure);
-        continue;
-      }
-      ready.push_back(channel);
-      if (!channel->run_->IsLive()) {
+      } else if (!waits) {
+        ready.push_back(channel);
         files.push_back(&channel->run_->Playout());
       }
     }
@@ -96,11 +95,7 @@ std::vector<std::pair<std::string, Failure>> Engine::Start(
     // All or none; where one is refused, each is on its own, at the same time.
     const bool together = !files.empty() && !ScheduledPlayout::Start(files, begin);
     for (const auto& channel : ready) {
-      const bool is_live = channel->run_->IsLive();
-      std::optional<Failure> failure;
-      if (is_live || !together) {
-        failure = channel->run_->Playout().Start(is_live ? std::nullopt : std::optional(begin));
-      }
+      const auto failure = together ? std::nullopt : channel->run_->Playout().Start(begin);
       channel->Launched(failure, begin);
       if (failure) {
         failed.emplace_back(channel->Order().name, channel->Named(*failure));

@@ -63,18 +63,22 @@ Failure MistakesIn(const std::string& file, const std::vector<Mistake>& mistakes
   return failure;
 }
 
-// Looks at the input and the way to the target.
+// Looks at the way to the target, and at the input if it is there.
 void CheckChannel(const PlannedChannel& planned, const std::vector<Adapter>& adapters,
                   std::vector<Mistake>& mistakes) {
   const auto parsed = ParseChannelOptions(planned.order.options);
   const auto* const options = std::get_if<PlayOptions>(&parsed);
-  if (options == nullptr || IsLiveAddress(options->input)) {
+  if (options == nullptr) {
     return;
   }
-  const auto prepared = Prepare(*options, adapters, -1);
-  if (!prepared) {
-    mistakes.push_back(
-        {planned.line, fmt::format("{}: {}", planned.order.name, prepared.Error().message)});
+  std::optional<Failure> failure;
+  if (ComesAtItsOwnPace(*options)) {
+    failure = CheckWithoutInput(*options, adapters);
+  } else if (const auto prepared = Prepare(*options, adapters, -1); !prepared) {
+    failure = prepared.Error();
+  }
+  if (failure) {
+    mistakes.push_back({planned.line, fmt::format("{}: {}", planned.order.name, failure->message)});
   }
 }
 

@@ -4,6 +4,7 @@ import contextlib
 import json
 import os
 import signal
+import socket
 import sys
 import threading
 import unittest
@@ -11,7 +12,8 @@ import unittest
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "measure"))
 
 from frames import Playout  # noqa: E402
-from playbed import PlayCase, wait_until_sending  # noqa: E402
+from playbed import SAMPLE, PlayCase, read_file, wait_until_sending  # noqa: E402
+from testbed import RECEIVE_BUFFER, SO_RCVBUFFORCE  # noqa: E402
 
 PLAYED, USAGE, NO_ACCESS = 0, 2, 3
 TARGET = ("--to", "udp://239.7.7.7:5006")
@@ -113,6 +115,45 @@ class Live(PlayCase):
         self.bed.capture.drain()
         self.assertEqual(player.returncode, PLAYED, errors)
         self.assertEqual(json.loads(output.splitlines()[-1])["outcome"], "Stopped by Ctrl-C")
+
+    def test_channels_of_a_lineup_wait_for_their_input_alone(self):
+        """None that nothing comes for holds up another, and each leaves whole while nothing more comes."""
+        fifo, silent = self.path("lineup"), self.path("silent")
+        os.mkfifo(fifo)
+        os.mkfifo(silent)
+        inputs = {1: silent, 2: "rtp://@239.1.1.9:5004", 3: f"udp://{GROUP4}:5004", 4: fifo, 5: SAMPLE}
+        with open(self.path("live.toml"), "w", encoding="utf-8") as file:
+            file.write(f'[defaults]\ndevice = "{self.bed.NEAR}"\n')
+            for number, source in inputs.items():
+                file.write(f'[[channel]]\nname = "c{number}"\ninput = "{source}"\nto = "udp://239.7.8.{number}:5006"\n')
+        receiver = self.bed.far.packet_socket(self.bed.FAR)
+        self.addCleanup(receiver.close)
+        receiver.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, RECEIVE_BUFFER)
+        receiver.settimeout(60)
+        payloads = {3: Playout(datagrams=900, rtp=False), 4: Playout(datagrams=3000, rtp=False)}
+        frames = [frame for _, frame in payloads[3].capture()]
+        payloads = {number: playout.payloads() for number, playout in payloads.items()}
+        player = self.bed.start("lineup", self.path("live.toml"), "--json")
+        with open(fifo, "wb", buffering=0) as pipe:
+            threads = (threading.Thread(target=pipe.write, args=(b"".join(payloads[4]),)),
+                       threading.Thread(target=self.send_when_joined, args=(GROUP4, frames)))
+            for thread in threads:
+                thread.start()
+            arrived = {number: [] for number in inputs}
+            while [len(arrived[number]) for number in (3, 4, 5)] != [900, 3000, 203]:
+                frame = receiver.recv(2048)
+                if frame[30:33] == bytes((239, 7, 8)):
+                    arrived[frame[33]].append(frame[42:])
+            for thread in threads:
+                thread.join()
+            player.send_signal(signal.SIGINT)
+            output, errors = player.communicate(timeout=30)
+        self.assertEqual(player.returncode, PLAYED, errors)
+        self.assertEqual([arrived[number] == payloads[number] for number in (3, 4)], [True, True])
+        self.assertEqual((arrived[1], arrived[2], b"".join(arrived[5])), ([], [], read_file(SAMPLE)))
+        channels = {channel["name"]: (channel["state"], channel["starts"]) for channel in json.loads(output)["channels"]}
+        del channels["c5"]  # has ended, or is about to
+        self.assertEqual(channels, {"c1": ("stopped", 0), "c2": ("stopped", 0), "c3": ("stopped", 1), "c4": ("stopped", 1)})
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@ import os
 import re
 import signal
 import subprocess
+import sys
 import time
 import unittest
 import urllib.parse
@@ -12,6 +13,16 @@ import urllib.parse
 from playbed import FAR4, HERE, SAMPLE
 from servebed import API, ServeCase, read_events
 from test_documents import documented_fields
+
+SEND_FOREVER = """
+import itertools, socket, sys, time
+with open(sys.argv[1], "rb") as file:
+    datagrams = list(iter(lambda: file.read(1316), b""))
+sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+for datagram in itertools.cycle(datagrams):
+    sender.sendto(datagram, (sys.argv[2], int(sys.argv[3])))
+    time.sleep(0.001)
+"""
 
 
 def read_text(*path):
@@ -183,6 +194,26 @@ class OverTheWire(ServeCase):
         # A capture does not see what is sent through its own adapter.
         cls.bed.near.run("sh", "-c", "ip link add wire0 type veth peer name wire1; ip link set wire0 up; ip link set wire1 up;"
                          "ip address add 10.78.0.1/24 dev wire0")
+
+    def test_an_input_that_comes_at_its_own_pace_is_waited_for_by_its_playout_alone(self):
+        options = {"to": "rtp://239.1.1.1:5004", "device": "wire0"}
+        live = self.server.post(f"{API}/playouts", {"start": True, "options": {**options, "input": "udp://10.78.0.1:5000"}}, 201)
+        path = f"{API}/playouts/{live['name']}"
+        self.assertEqual((live["state"], live["starts"]), ("waiting", 0))
+        self.assertEqual(self.server.ask("POST", path + "/start").status, 409)
+        other = self.server.post(f"{API}/playouts", {"start": True, "options": {**options, "input": "streams/sample.ts"}}, 201)
+        self.assertEqual((other["state"], other["starts"]), ("playing", 1))
+        stopped = self.server.post(path + "/stop")
+        self.assertEqual((stopped["state"], stopped["starts"]), ("stopped", 0))
+        with self.server.stream(f"{API}/events") as stream:
+            self.assertEqual(self.server.post(path + "/start")["state"], "waiting")
+            sender = subprocess.Popen([sys.executable, "-c", SEND_FOREVER, SAMPLE, "10.78.0.1", "5000"], preexec_fn=self.bed.near.enter)
+            self.addCleanup(sender.wait)
+            self.addCleanup(sender.kill)
+            read_events(stream, lambda event: event["event"] == "playout" and event["state"] == "playing")
+        self.assertIn("clock of its input is followed", self.server.post(path + "/change", {"ppm": 5}, 400)["error"])
+        stopped = self.server.post(path + "/stop")
+        self.assertEqual((stopped["state"], stopped["starts"], stopped["follows_pcrs"]), ("stopped", 1, True))
 
     def test_a_meter_counts_what_was_ordered(self):
         meter = self.server.post(f"{API}/meters", {"options": {"source": "wire1", "filter": "udp port 5004"}}, 201)["name"]

@@ -15,7 +15,7 @@ const kShapes = {
   running: "M7 1.5a5.5 5.5 0 1 0 0 11 5.5 5.5 0 1 0 0-11z",
 };
 
-const kWords = {late: "playing, late", waiting: "waiting for its restart", running: "measuring"};
+const kWords = {late: "playing, late", waiting: "waiting for its input or its restart", running: "measuring"};
 
 export function stateWord(state) {
   return kWords[state] ?? state;
