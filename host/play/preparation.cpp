@@ -189,6 +189,9 @@ std::optional<Failure> CheckWithoutInput(const PlayOptions& options,
   if (auto failure = CheckTwin(options)) {
     return failure;
   }
+  if (auto failure = CheckLiveInput(options.input)) {
+    return failure;
+  }
   const auto path = FindPath(options, adapters);
   return path ? std::nullopt : std::optional(path.Error());
 }

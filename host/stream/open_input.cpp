@@ -19,14 +19,10 @@ namespace ipplay {
 namespace {
 
 Result<Input> OpenLive(const std::string& name, const InputOptions& options, int stop_fd) {
-  const auto address = ParseLiveAddress(name);
-  if (!address) {
-    return UsageFailure(fmt::format(
-        "INPUT: \"{}\" is not valid; give udp:// or rtp:// and [SOURCE@]ADDRESS:PORT, as "
-        "rtp://239.1.1.1:5004, with ?interface=NAME for an adapter",
-        name));
+  if (auto failure = CheckLiveInput(name)) {
+    return *std::move(failure);
   }
-  auto source = LiveSource::Open(*address, options.silence, stop_fd);
+  auto source = LiveSource::Open(*ParseLiveAddress(name), options.silence, stop_fd);
   if (!source) {
     return source.Error();
   }
@@ -34,6 +30,16 @@ Result<Input> OpenLive(const std::string& name, const InputOptions& options, int
 }
 
 }  // namespace
+
+std::optional<Failure> CheckLiveInput(const std::string& name) {
+  if (!IsLiveAddress(name) || ParseLiveAddress(name)) {
+    return std::nullopt;
+  }
+  return UsageFailure(
+      fmt::format("INPUT: \"{}\" is not valid; give udp:// or rtp:// and [SOURCE@]ADDRESS:PORT, as "
+                  "rtp://239.1.1.1:5004, with ?interface=NAME for an adapter",
+                  name));
+}
 
 Result<Input> OpenFile(const std::string& name, const InputOptions& options, int stop_fd) {
   ReadableFile file = OpenForReading(name);

@@ -19,6 +19,9 @@ struct InputOptions {
   std::optional<std::chrono::nanoseconds> silence{};  // ends a live input or a growing file
 };
 
+// What is wrong with a name that no file has, as udp:// without a port.
+std::optional<Failure> CheckLiveInput(const std::string& name);
+
 // A file, a pcap or pcapng file, a LiveAddress, "-" for standard input. No read goes on once
 // `stop_fd` is readable; -1 for none.
 Result<Input> OpenInput(const std::string& name, const InputOptions& options, int stop_fd);

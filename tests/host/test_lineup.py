@@ -316,6 +316,15 @@ start-at = "+1s"
                          {(1, "start-at"), (4, "ttl"), (10, "input"), (10, "to"), (11, "name"), (12, "ton"),
                           (13, "restart"), (17, "input"), (18, "json"), (24, "other")})
 
+    def test_an_input_that_is_not_there_yet_is_checked_by_its_name(self):
+        os.mkfifo(self.path("pipe"))
+        path = self.write("live.toml", "".join(
+            f'[[channel]]\nname = "{source}"\ninput = "{source}"\nto = "rtp://239.1.1.1:5004"\ndevice = "lo"\n'
+            for source in ("udp://239.1.1.2", "rtp://239.1.1.2:5004", self.path("pipe"))))
+        result = run("lineup", path, "--check")
+        self.assertEqual((result.returncode, result.stderr.splitlines()[0]), (2, f"ipplay: {path}: 1 mistake; nothing was sent"))
+        self.assertIn(f'{path}:1: udp://239.1.1.2: INPUT: "udp://239.1.1.2" is not valid', result.stderr)
+
     def test_broken_toml_has_its_line(self):
         path = self.write("broken.toml", "[defaults]\nttl = = 3\n")
         result = run("lineup", path, "--check")
