@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Fails where an include runs against the order of folders; --table prints the includes between folders.
+"""Fails where an include runs against the order of folders, or where senders could fill one bucket of a
+hash table of the host; --table prints the includes between folders.
 Usage: include_order_test.py PROJECT_ROOT [--table]"""
 
 import collections
@@ -21,6 +22,8 @@ SYSTEM_HEADERS = [
      {"platform", "driver", "host/base", "host/measure/capture", "host/serve"}),
 ]
 PUBLIC_SYSTEM_HEADERS = {"assert.h", "stddef.h", "stdint.h"}
+# Flows, SSRCs and PIDs are chosen by whoever sends them.
+KNOWN_HASH = re.compile(r"\bunordered_(?:map|set)<(?![^;]*\w*Hash>)[^;]*;")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 
 
@@ -51,6 +54,8 @@ def check(files):
     of stems, and what is wrong."""
     edges, problems = {}, []
     for path, text in files.items():
+        if path.startswith("host/"):
+            problems += [f"{path}: {table} needs a hash with a key" for table in KNOWN_HASH.findall(text)]
         for bracket, name in INCLUDE.findall(text):
             target = name if name in files else f"include/{name}"
             if bracket == "<":
@@ -110,20 +115,22 @@ DAMAGED = {  # each line is one problem that the check must find
     "host/main.cpp": '#include "driver/a.h"',
     "host/base/a.h": '#include "host/play/a.h"',
     "host/play/a.h": '#include "host/measure/results/a.h"',
+    "host/measure/figures/b.h": "std::unordered_map<std::uint32_t, Group> groups_;",
+    "host/measure/figures/c.h": "std::unordered_map<FlowKey, Flow, FlowKeyHash> flows_;",  # allowed
     "host/measure/capture/a.h": '#include <pcap/pcap.h>\n#include "host/base/a.h"',  # allowed
 }
 
 
 def main():
     found = check(DAMAGED)[1]
-    assert len(found) == len(DAMAGED) - 2, found
+    assert len(found) == len(DAMAGED) - 3, found
     files = read(pathlib.Path(sys.argv[1]))
     edges, problems = check(files)
     if "--table" in sys.argv:
         table(files, edges)
     print(*problems, sep="\n")
     print(f"{len(files)} files, {sum(map(len, edges.values()))} includes of each other, "
-          f"{len(problems)} against the order")
+          f"{len(problems)} problems")
     return 1 if problems or not edges else 0
 
 

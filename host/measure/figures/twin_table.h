@@ -72,7 +72,7 @@ class TwinTable {
   const MeasurementSettings settings_;
   EventSink* const events_;
   const std::uint64_t most_pairs_;
-  std::unordered_map<std::uint32_t, Group> by_ssrc_;
+  std::unordered_map<std::uint64_t, Group, KeyedHash> by_ssrc_;
   std::vector<Link> links_;
   std::vector<std::unique_ptr<TwinPair>> pairs_;
 };
