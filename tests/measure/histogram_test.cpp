@@ -51,6 +51,8 @@ TEST(Histogram, KnowsTheTrueLargestBeyondItsBuckets) {
   histogram.Add(UINT64_MAX);
   EXPECT_EQ(histogram.Max(), UINT64_MAX);
   EXPECT_DOUBLE_EQ(histogram.Mean(), 18446744073709551615.0);
+  histogram.Add(1);
+  EXPECT_DOUBLE_EQ(histogram.Quantile(0.5), 18446744073709551615.0);
 }
 
 }  // namespace

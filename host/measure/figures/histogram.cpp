@@ -72,6 +72,9 @@ double Histogram::Quantile(double q) const {
     if (seen < rank) {
       continue;
     }
+    if (bucket.high == kLargest && max_ > kLargest) {
+      break;
+    }
     const double middle = (static_cast<double>(bucket.low) + static_cast<double>(bucket.high)) / 2;
     return std::clamp(middle, static_cast<double>(min_), static_cast<double>(max_));
   }

@@ -35,7 +35,7 @@ class Histogram {
   double Mean() const;
 
   // Smallest value that at least the share `q` (0 to 1) of all values does not exceed, to within
-  // kRelativeError; 0 while there are no values.
+  // kRelativeError, or the largest of all if it is beyond kLargest; 0 while there are no values.
   double Quantile(double q) const;
 
   // Buckets that hold something, smallest values first.
