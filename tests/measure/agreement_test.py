@@ -209,6 +209,14 @@ class Sources(unittest.TestCase):
                 self.assertEqual(found_in(stream), vars(self.playout.truth()))
                 self.assertEqual(stream["spacing"]["gap_ns"]["max"], longest_gap)
 
+    def test_a_pcap_file_goes_on_behind_2038(self):
+        frames = list(Playout(datagrams=200).capture())
+        start = (1 << 31) * 1_000_000_000 - 100_000_000  # the seconds' upper bit comes in mid-capture
+        write_pcap(self.path("file"), [(start + time_ns - frames[0][0], frame) for time_ns, frame in frames])
+        result = measure(self.path("file"))
+        self.assertEqual(result["capture"]["clock_steps"], 0)
+        self.assertEqual(result["streams"][0]["last_seen_ns"], start + 199_000_000)
+
     def test_cut_files_are_measured_up_to_there(self):
         for options in (("-F", "nsecpcap"), ("-F", "pcapng")):
             path = self.convert(*options)

@@ -12,6 +12,7 @@
 #include <array>
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -39,9 +40,15 @@ struct Target {
   bool out_of_memory = false;
 };
 
+// A pcap file has 32 bits without a sign, which libpcap takes for a number with one.
+std::int64_t SecondsOf(std::int64_t seconds) {
+  const bool is_wrapped = seconds < 0 && seconds >= INT32_MIN;
+  return is_wrapped ? seconds + (std::int64_t{1} << 32) : seconds;
+}
+
 std::int64_t TimeOf(const timeval& stamp) {
   // With nanosecond precision the second field counts nanoseconds.
-  const std::int64_t seconds = std::clamp<std::int64_t>(stamp.tv_sec, 0, kMostSeconds);
+  const std::int64_t seconds = std::clamp<std::int64_t>(SecondsOf(stamp.tv_sec), 0, kMostSeconds);
   return seconds * 1'000'000'000 + std::clamp<std::int64_t>(stamp.tv_usec, 0, 999'999'999);
 }
 
