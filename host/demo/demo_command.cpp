@@ -14,7 +14,6 @@
 #include "host/base/library_output.h"
 #include "host/base/memory_file.h"
 #include "host/base/output_file.h"
-#include "host/base/stop_signals.h"
 #include "host/base/text.h"
 #include "host/base/units.h"
 #include "host/cli/config_file.h"
@@ -132,7 +131,6 @@ Result<int> PlayAndMeasure(const DemoOptions& options, const DemoStream& stream,
   if (!network) {
     return network.Error();
   }
-  StopSignals::Take();
   ChildProcess player;
   StartWhenMeasuring(measure, stream, *network, player);
   Print(Results(), "Playing {} at {} to {}, over a veth pair between two network namespaces\n",

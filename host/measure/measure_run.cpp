@@ -421,11 +421,12 @@ Result<int> Conclude(const MeasureOptions& options, const MeasureRun& run, Strea
 }  // namespace
 
 Result<int> RunMeasurement(const MeasureOptions& options, const Given& settings) {
-  StopSignals::Take();
   const auto measurement_settings = SettingsOf(options);
   if (!measurement_settings) {
     return measurement_settings.Error();
   }
+  // Not before: to read a large --expect takes long, and there are no results yet.
+  StopSignals::Take();
   std::optional<OutputFile> report_file;
   if (!options.report_file.empty()) {
     auto file = OutputFile::Create("--report", options.report_file, options.report_over);

@@ -56,6 +56,19 @@ class Signals(PlayCase):
                 process.send_signal(signal.SIGTERM)
                 self.assertEqual((process.wait(), process.communicate()[1].count("Ctrl-C")), (0, 0))
 
+    def test_a_long_preparation_has_nothing_to_print(self):
+        """Measuring has not begun while --expect is read: the signal ends the process as any other."""
+        path = self.path("long.ts")
+        with open(path, "wb") as file:
+            file.truncate(8 << 30)
+        process = subprocess.Popen([IPPLAY, "measure", os.devnull, "--expect", path], stdout=subprocess.PIPE)
+        descriptors = f"/proc/{process.pid}/fd"
+        while process.poll() is None and path not in (os.path.realpath(os.path.join(descriptors, number))
+                                                      for number in os.listdir(descriptors)):
+            pass
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual((process.communicate()[0], process.returncode), (b"", -signal.SIGTERM))
+
 
 class Captures(PlayCase):
     """A capture that is still being written, and an adapter whose link goes."""
