@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -358,12 +359,14 @@ TEST_F(PlayoutTest, AStopDoesNotWaitForASlowAdapter) {
 TEST_F(PlayoutTest, EndsAtTheWorstMoments) {
   std::mt19937 random(6);
   for (int run = 0; run < 250; ++run) {
+    std::atomic<bool> stopped = false;
     run % 4 == 0 ? driver_.RefuseAfter(random() % 300) : driver_.AcceptAll();
     Start(std::vector{10.0, 500.0, 1e5}[random() % 3]);
-    auto writer = OnAnotherThread([this, chunk = 4 + random() % 4000, left = 2000]() mutable {
-      while (left-- > 0 && Write(static_cast<std::uint32_t>(chunk)) == 0) {
-      }
-    });
+    auto writer =
+        OnAnotherThread([this, &stopped, chunk = 4 + random() % 4000, left = 2000]() mutable {
+          while (!stopped && left-- > 0 && Write(static_cast<std::uint32_t>(chunk)) == 0) {
+          }
+        });
     auto pause = OnAnotherThread([this, run] {
       library_->parts.pump.Pause(run % 3 == 0);
       library_->parts.errors.GeneratePacketLoss();
@@ -379,6 +382,7 @@ TEST_F(PlayoutTest, EndsAtTheWorstMoments) {
     }
     auto second_stop = OnAnotherThread([this] { GetPlayout().Stop(); });
     GetPlayout().Stop();
+    stopped = true;
     ASSERT_TRUE(Returns(second_stop) && Returns(pause) && Returns(end) && Returns(writer)) << run;
     library_->parts.pump.Pause(false);  // one that came after the stop
     GetPlayout().Stop();                // discards what was written after it
