@@ -89,7 +89,7 @@ INCREMENTS = {
     "DestinationMacAddressIncrement": bytes((0, 0, 0, 0, 0, 0x91)),
     "SourceMacAddressIncrement": bytes((0x80, 0, 0, 0, 0, 1)), "EProtocolIncrement": 1,
     "TrafficClassIncrement": 0x33, "FlowLabelIncrement": 0x75555, "NextHeaderIncrement": 100,
-    "HopLimitIncrement": 100, "SourceIPv6AddressIncrement": bytes(14) + b"\xff\xff",
+    "HopLimitIncrement": 100, "SourceIPv6AddressIncrement": bytes(13) + b"\x03\xff\xff",
     "DestinationIPv6AddressIncrement": b"\x00" * 7 + b"\x01" + b"\xff" * 8,
     "VLANIdentifierIncrement": 0xFFF,
 }

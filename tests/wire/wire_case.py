@@ -21,7 +21,7 @@ TYPICAL_IPV6 = {
     **TYPICAL, "IPLayerVersion": IPV6, "EProtocol": 0x86DD, "IPv6Version": 6, "TrafficClass": 0xAB,
     "FlowLabel": 0x12345, "NextHeader": 17, "HopLimit": 9,
     "SourceIPv6": bytes.fromhex("fd770000000000000000000000000001"),
-    "DestinationIPv6": bytes.fromhex("ff050000000000000000000000010203"),
+    "DestinationIPv6": bytes.fromhex("ff05000000000000a1b2c3d4e5010203"),
 }
 TAGGED = {"VLANEnabled": 1, "TPID": 0x8100, "VLANPriorityLevel": 5, "CFI": 1, "VID": 100}
 

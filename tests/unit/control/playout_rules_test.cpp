@@ -140,6 +140,11 @@ TEST(PlayoutRules, NameWhatASocketCannotDo) {
        "Identification is not 0"},
       {[](auto& s) { s.Params.ProtocolHeadersSettings.IPHeaderSettings.IPProtocol = 2; },
        "IPProtocol is not 17"},
+      {[](auto& s) {
+         s.Params.IPLayerVersion = IPPLAYOUT_IPV6;
+         s.Params.ProtocolHeadersSettings.IPv6HeaderSettings.NextHeader = 44;
+       },
+       "NextHeader is not 17"},
       {[](auto& s) { s.Errors.ErrInsertionEnable = s.Errors.ChecksumErrorEnabled = 1; },
        "ChecksumErrorEnabled is set"},
       {[](auto& s) { s.FecColumns = 5, s.FecRows = 5; }, "FecColumns is above 0"},

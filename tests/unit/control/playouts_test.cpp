@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "control/playouts.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -131,6 +132,8 @@ TEST_F(PlayoutsTest, ARefusedStartLeavesTheOthersAsTheyWere) {
   EXPECT_EQ(failure.code, IPPLAYOUT_BAD_DESTINATION);
   EXPECT_EQ(failure.sentence, "playout 1 of 0 to 1: bad: cannot be opened");
   EXPECT_THROW(playouts.Start(std::vector{HandleOf(0), HandleOf(2)}, {}), std::bad_alloc);
+  EXPECT_EQ(playouts.Start(std::vector{HandleOf(0), HandleOf(0)}, {}).sentence,
+            "playout 1 of 0 to 1: the playout is listed twice");
   EXPECT_EQ(good->Wait(nanoseconds(0)).code, IPPLAYOUT_BAD_STATE);  // not started yet
   EXPECT_FALSE(IsReadable(good->EndEvent()));
   EXPECT_TRUE(Blocks(writer));
@@ -296,6 +299,48 @@ TEST_F(PlayoutsTest, AStreamHasTheRoomAndTheRulesOfItsOrder) {
   }
 }
 
+// Values below 32 ns are kept exactly. Those of the ranks 500, 990, 999 and 1,000 differ.
+TEST_F(PlayoutsTest, EachFieldOfTheTimingIsItsOwn) {
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.LedgerFrames = 1;
+  auto playout = Open(settings);
+  ASSERT_EQ(playout->Prepare().sentence, "");
+  ScheduledStream& stream = playout->Prepared().Stream();
+  TimingRecord& timing = stream.timing;
+  for (int i = 1; i <= 1000; ++i) {
+    const int behind = i <= 980 ? 3 : i <= 995 ? 9 : i <= 999 ? 14 : 20;
+    timing.Left(nanoseconds(behind), nanoseconds(9));
+    timing.Stamped(nanoseconds(behind + 8));
+  }
+  const auto repeat = [](int times, const std::function<void()>& what) {
+    for (int i = 0; i < times; ++i) {
+      what();
+    }
+  };
+  repeat(2, [&] { timing.LeftOut(); });
+  repeat(4, [&] { timing.NotSent(); });
+  repeat(6, [&] { timing.WasDry(nanoseconds(100)); });
+  timing.Discarded(7);
+  timing.Retried(8);
+  timing.Shifted(nanoseconds(30));
+  for (const int departure : {40, 85, 90}) {
+    timing.Departed(nanoseconds(departure));
+  }
+  repeat(11, [&] { stream.ledger.Add({}, {}, false); });
+  IpPlayoutTiming t;
+  playout->Prepared().ReadTiming(t);
+  const std::uint64_t counts[] = {t.OnTime,    t.Late,    t.LeftOut, t.NotSent,
+                                  t.Discarded, t.Retries, t.Stamps,  t.LedgerLeftOut};
+  EXPECT_THAT(counts, testing::ElementsAre(995, 5, 2, 4, 7, 8, 1000, 10));
+  const std::int64_t times[] = {
+      t.LatenessP50Ns,   t.LatenessP99Ns, t.LatenessP999Ns, t.LatenessMaxNs, t.FirstDepartureNs,
+      t.LastDepartureNs, t.LongestGapNs,  t.ShiftNs,        t.DryNs,         t.StampP50Ns,
+      t.StampP99Ns,      t.StampP999Ns,   t.StampMaxNs};
+  EXPECT_THAT(times, testing::ElementsAre(3, 9, 14, 20, 40, 90, 45, 30, 600, 11, 17, 22, 28));
+  EXPECT_EQ(t.DryTimes, 6U);
+  playout->Abandon();
+}
+
 // Bursts of 10 frames, 10,960 us apart: 12 ms hold 10.9. Every second one is late by 30 ms, and
 // what follows it waits for it. The receiver's clock goes on evenly.
 TEST_F(PlayoutsTest, JitterMovesBurstsAndNotTheClock) {
@@ -401,6 +446,8 @@ TEST_F(PlayoutsTest, ChangesHoldFromTheirTimesOn) {
   changed.Parametric.JitterPeriod = 400;
   EXPECT_EQ(playout->Change(settings, 1, 250'000'000).code, IPPLAYOUT_DONE);
   EXPECT_EQ(playout->Change(settings, 2, 100'000'000).code, IPPLAYOUT_DONE);
+  // Replaced before the next datagram is due.
+  EXPECT_EQ(playout->Change(changed, 7, 99'900'000).code, IPPLAYOUT_DONE);
   EXPECT_EQ(playout->Change(changed, 0.5, 150'000'000).code, IPPLAYOUT_DONE);
   ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
   auto end = OnAnotherThread([&] { return playout->Wait({}).code; });

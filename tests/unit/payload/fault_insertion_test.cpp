@@ -212,7 +212,7 @@ TEST_F(FaultInsertionTest, LossesComeInBursts) {
 TEST_F(FaultInsertionTest, FlipsSoManyBitsAndBack) {
   IpPlayoutFaults faults{};
   faults.Corrupt = 1;
-  faults.CorruptBits = 5;
+  faults.CorruptBits = 31;
   Configure(faults);
   std::vector<std::uint8_t> payload(4, 0);
   insertion.Begin(0, 0ns, payload.size());
@@ -221,7 +221,7 @@ TEST_F(FaultInsertionTest, FlipsSoManyBitsAndBack) {
   for (const std::uint8_t byte : payload) {
     ones += __builtin_popcount(byte);
   }
-  EXPECT_EQ(ones, 5);
+  EXPECT_EQ(ones, 31);  // of 32: none twice
   insertion.Flip(payload);
   EXPECT_EQ(payload, std::vector<std::uint8_t>(4, 0));
 }
