@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "control/playout_rules.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -38,6 +39,31 @@ TEST(PlayoutRules, AcceptDefaultsAndTheEndsOfRanges) {
     change(settings);
     EXPECT_EQ(CheckSettings(settings).sentence, "");
   }
+}
+
+// As the header gives them.
+TEST(PlayoutRules, FillDefaults) {
+  const IpPlayoutSettings s = DefaultSettings();
+  const ProtocolHeadersSettings& headers = s.Params.ProtocolHeadersSettings;
+  const std::int64_t values[] = {s.Params.ProtocolMode,
+                                 s.Params.IPLayerVersion,
+                                 s.Params.TSPacketCount,
+                                 s.TSPacketSize,
+                                 headers.IPHeaderSettings.TTL,
+                                 headers.IPv6HeaderSettings.HopLimit,
+                                 headers.RTPHeaderSettings.RandomSSRC,
+                                 headers.RTPHeaderSettings.RandomSequenceNumber,
+                                 s.RingBytes,
+                                 s.StartBytes,
+                                 s.LateAfterNs,
+                                 s.LedgerFrames,
+                                 s.FecPayloadType,
+                                 s.Faults.DelayDistance,
+                                 s.Faults.CorruptBits};
+  EXPECT_THAT(values, testing::ElementsAre(IPPLAYOUT_RTP, IPPLAYOUT_IPV4, 7, 188, 16, 16, 1, 1,
+                                           1 << 20, 1 << 18, 1'000'000, 0, 96, 1, 1));
+  EXPECT_EQ(s.CatchUp, 1.25);
+  EXPECT_EQ(s.BitRate, 0);
 }
 
 TEST(PlayoutRules, NameTheFieldItsValueAndWhatItCanBe) {

@@ -381,6 +381,14 @@ TEST_F(PlayoutsTest, ADuplicateIsAsDamagedAsTheFirst) {
   }
 }
 
+// By RFC 3550, 6.4.1: the first gap differs by 1,096 us from none, the second one not at all.
+TEST_F(PlayoutsTest, TheStatisticsHaveTheJitterOfTheSchedule) {
+  Play(SettingsFor("file"), 3);
+  PlayoutStatistics statistics;
+  playouts.Find(HandleOf(0))->GetStatistics(statistics);
+  EXPECT_NEAR(statistics.Jitter, 1096e-6 / 16 * 15 / 16, 1e-9);
+}
+
 // One in each ten; the first of them where they are not random.
 TEST_F(PlayoutsTest, DuplicatesAreWhereTheyAreOrdered) {
   for (const std::uint32_t randomized : {0U, 1U, 2U}) {
@@ -444,6 +452,7 @@ TEST_F(PlayoutsTest, ChangesHoldFromTheirTimesOn) {
   changed.Parametric.JitterEnabled = IPPLAYOUT_ON;
   changed.Parametric.JitterDistributionType = IPPLAYOUT_JITTER_SQUARE;
   changed.Parametric.JitterPeriod = 400;
+  changed.Parametric.BurstMode = IPPLAYOUT_ON;  // bursts stay what they were
   EXPECT_EQ(playout->Change(settings, 1, 250'000'000).code, IPPLAYOUT_DONE);
   EXPECT_EQ(playout->Change(settings, 2, 100'000'000).code, IPPLAYOUT_DONE);
   // Replaced before the next datagram is due.
@@ -473,6 +482,11 @@ TEST_F(PlayoutsTest, ChangesAreRefusedByNameAndRange) {
   IpPlayoutSettings settings = SettingsFor("file");
   auto playout = Open(settings);
   EXPECT_EQ(playout->Change(settings, 0, 0).sentence, "speed is 0; it can be 0.001 to 1000");
+  EXPECT_EQ(playout->Change(settings, 1000.1, 0).code, IPPLAYOUT_BAD_VALUE);
+  for (int i = 0; i < 256; ++i) {
+    EXPECT_EQ(playout->Change(settings, i % 2 == 0 ? 0.001 : 1000, 0).sentence, "");
+  }
+  EXPECT_EQ(playout->Change(settings, 1, 0).code, IPPLAYOUT_NO_RESOURCES);
   settings.Faults.Lose = 2;
   EXPECT_EQ(playout->Change(settings, 1, 0).sentence, "Lose is 2; it can be 0 to 1");
   settings = SettingsFor("file");
@@ -493,6 +507,42 @@ TEST_F(PlayoutsTest, WhatFollowsASingleMarkWaitsForTheEnd) {
   playout->End();
   ASSERT_TRUE(Returns(end));
   EXPECT_EQ(sinks.sent, 3U);
+}
+
+TEST_F(PlayoutsTest, TheLedgersPathHoldsUntilTheNextSettings) {
+  const char* const kPath = "/nowhere/ledger";
+  IpPlayoutSettings settings = SettingsFor("file");
+  auto playout = Open(settings);
+  EXPECT_EQ(playout->WriteLedger(kPath).code, IPPLAYOUT_BAD_STATE);  // none is kept
+  settings.LedgerFrames = 1;
+  const std::function<void()> kForgets[] = {
+      [&] { EXPECT_EQ(playout->WriteLedger(nullptr).sentence, ""); },
+      [&] { EXPECT_EQ(playout->Configure(settings).sentence, ""); }};
+  ASSERT_EQ(playout->Configure(settings).sentence, "");
+  for (const auto& forget : kForgets) {
+    EXPECT_EQ(playout->WriteLedger(kPath).sentence, "");
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).code, IPPLAYOUT_BAD_DESTINATION);
+    }
+    forget();
+    EXPECT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+    EXPECT_EQ(playout->WriteLedger(kPath).code, IPPLAYOUT_BAD_STATE);  // it runs
+    playout->Stop();
+  }
+}
+
+TEST_F(PlayoutsTest, ATryWritesWhatThereIsRoomFor) {
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.BitRate = 0;
+  auto playout = Open(settings);
+  const std::vector<std::uint8_t> data(2 * settings.RingBytes);
+  std::size_t taken = 0;
+  EXPECT_EQ(playout->TryWrite(data.data(), data.size(), taken).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(taken, settings.RingBytes);
+  EXPECT_EQ(playout->TryWrite(data.data(), data.size(), taken).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(taken, 0U);
+  EXPECT_EQ(playout->Mark(settings.RingBytes - 1, 5).code, IPPLAYOUT_BAD_VALUE);
+  EXPECT_EQ(playout->Mark(settings.RingBytes, 5).code, IPPLAYOUT_DONE);
 }
 
 TEST_F(PlayoutsTest, MarksAreRefusedByNameAndRange) {
