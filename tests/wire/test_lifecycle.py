@@ -110,6 +110,7 @@ class Completion(WireCase):
 
     def test_stop_event_releases_the_waiting_host(self):
         def body(library, data):
+            assert library.GetIPStopEvent() == 0
             ready(library, CRAWL)
             begin(library, data)
             event = library.GetIPStopEvent()
@@ -120,6 +121,10 @@ class Completion(WireCase):
             assert library.IPWriteTerminate() == 0  # still signalled: returns at once
             library.IPStop()
             assert os.eventfd_read(event) == 1, "the library has read the host's event"
+            assert library.InitIpPlayout() == 1
+            assert library.GetIPStopEvent() == event, "a host that waits for it has another one"
+            assert library.CleanupIpPlayout() == 1
+            assert library.GetIPStopEvent() == 0
         self.bed.run(body, datagrams(Model(TYPICAL), 200))
 
     def test_start_while_running(self):

@@ -8,9 +8,11 @@ import tempfile
 import threading
 import time
 import unittest
+from ctypes import byref, c_size_t
 
-from playouts import (BAD_DESTINATION, BAD_PLAYOUT, BAD_VALUE, BOUNDED, CATCH_UP, COUNTS, DONE, DROP, ENDED, NOT_YET,
-                      SHIFT, TO_FILE, TO_SOCKET, Playouts, Refused, ScheduledModel, read_pcapng)
+from library import TYPES
+from playouts import (BAD_DESTINATION, BAD_PLAYOUT, BAD_VALUE, BOUNDED, CATCH_UP, CORRUPT, COUNTS, DELAY, DONE, DROP,
+                      DUPLICATE, ENDED, LOSE, NOT_YET, SHIFT, TO_FILE, TO_SOCKET, Playouts, Refused, ScheduledModel, read_pcapng)
 from wire_case import TAGGED, TYPICAL, TYPICAL_IPV6, UDP, Model, WireCase, datagrams, stream
 
 ERRORS = {"ErrInsertionEnable": 1, "PacketLossEnabled": 1, "NumPacketLoss": 1, "PacketLossRange": 7,
@@ -34,6 +36,31 @@ def play_files(library, bed_path, jobs, folder):
         results.append(playout.play(data, marks))
         playout.call("Close")
     return results
+
+
+def refusal(playout, *call):
+    try:
+        playout.call(*call)
+    except Refused as refused:
+        return refused.code, str(refused)
+    return DONE, ""
+
+
+def ordered(library, bed_path, path, data):
+    """Kinds of damage that are asked for before the start; what was done, with the counts, and what was refused."""
+    playouts = Playouts(bed_path)
+    playout = playouts.open(TYPICAL, To=TO_FILE, Destination=path.encode(), StartBytes=0, RingBytes=1 << 20,
+                            DelayDistance=100)
+    refused = [refusal(playout, *call)[0] for call in (("Pause", 2), ("Damage", LOSE, 0), ("Damage", LOSE | DELAY, 1))]
+    for what, count in ((LOSE, 3), (CORRUPT, 2), (DUPLICATE, 4), (DELAY, 1)):
+        playout.call("Damage", what, count)
+    playout.play(data)
+    playout.call("Stop")
+    done, taken, counts = (TYPES["IpPlayoutDone"] * 8)(), c_size_t(), TYPES["IpPlayoutFaultCounts"]()
+    playout.call("ReadDone", done, len(done), byref(taken))
+    playout.call("GetFaults", byref(counts))
+    return ([(d.What, d.Count, d.Datagram, d.FirstDueNs, d.LastDueNs) for d in done[:taken.value]],
+            [getattr(counts, name) for name, _ in counts._fields_], refused)
 
 
 class Files(WireCase):
@@ -73,6 +100,19 @@ class Files(WireCase):
                 apart = [abs(a.time - b.time) for a, b in zip(played, expected)]
                 self.assertLessEqual(max(apart, default=0), 1)  # of rounding
                 self.assertEqual(seen, clean_statistics(model, data))
+
+    def test_what_is_ordered_is_done_to_the_next_datagrams_and_reported(self):
+        data = stream(1316 * 50)
+        with tempfile.TemporaryDirectory() as folder:
+            done, counts, refused = self.bed.run(ordered, self.bed.library_path, f"{folder}/played", data).value
+            played = [departure.frame for departure in read_pcapng(f"{folder}/played")]
+        frame_time = 219_200  # 1,370 bytes at 50 Mb/s
+        self.assertEqual(done, [(what, count, first, first * frame_time, (first + count - 1) * frame_time)
+                                for what, count, first in ((LOSE, 3, 0), (CORRUPT, 2, 3), (DUPLICATE, 4, 5), (DELAY, 1, 9))])
+        self.assertEqual(counts, [4, 2, 0, 0, 1])
+        self.assertEqual(refused, [BAD_VALUE] * 3)
+        numbers = [struct.unpack(">H", frame[44:46])[0] - TYPICAL["SequenceNumber"] for frame in played]
+        self.assertEqual(numbers, [3, 4, 5, 5, 6, 6, 7, 7, 8, 8, *range(10, 50)])
 
     def test_a_seed_repeats_everything(self):
         shape = {**TYPICAL, **ERRORS, "RandomizeErrors": 1, "JitterEnabled": 1, "JitterPeriod": 50.0,
@@ -162,14 +202,6 @@ def stall(library, bed_path, late):
     playout.call("End")
     playout.call("Wait", -1)
     return playout.timing(), playout.ledger(), resumed
-
-
-def refusal(playout, *call):
-    try:
-        playout.call(*call)
-    except Refused as refused:
-        return refused.code, str(refused)
-    return DONE, ""
 
 
 def among_others(library, bed_path):

@@ -306,6 +306,7 @@ TEST_F(PlayoutsTest, EachFieldOfTheTimingIsItsOwn) {
   auto playout = Open(settings);
   ASSERT_EQ(playout->Prepare().sentence, "");
   ScheduledStream& stream = playout->Prepared().Stream();
+  ScheduledStream* const added = &stream;
   TimingRecord& timing = stream.timing;
   for (int i = 1; i <= 1000; ++i) {
     const int behind = i <= 980 ? 3 : i <= 995 ? 9 : i <= 999 ? 14 : 20;
@@ -327,8 +328,10 @@ TEST_F(PlayoutsTest, EachFieldOfTheTimingIsItsOwn) {
     timing.Departed(nanoseconds(departure));
   }
   repeat(11, [&] { stream.ledger.Add({}, {}, false); });
+  ASSERT_TRUE(playout->Prepared().Transmitter().Add({&added, 1}, {}));
+  playout->Launched();
   IpPlayoutTiming t;
-  playout->Prepared().ReadTiming(t);
+  ASSERT_EQ(playout->GetTiming(t).code, IPPLAYOUT_DONE);
   const std::uint64_t counts[] = {t.OnTime,    t.Late,    t.LeftOut, t.NotSent,
                                   t.Discarded, t.Retries, t.Stamps,  t.LedgerLeftOut};
   EXPECT_THAT(counts, testing::ElementsAre(995, 5, 2, 4, 7, 8, 1000, 10));
@@ -338,7 +341,12 @@ TEST_F(PlayoutsTest, EachFieldOfTheTimingIsItsOwn) {
       t.StampP99Ns,      t.StampP999Ns,   t.StampMaxNs};
   EXPECT_THAT(times, testing::ElementsAre(3, 9, 14, 20, 40, 90, 45, 30, 600, 11, 17, 22, 28));
   EXPECT_EQ(t.DryTimes, 6U);
-  playout->Abandon();
+  std::uint64_t frames = 0;
+  std::int64_t sum = 0;
+  ASSERT_EQ(playout->GetLateness(9, frames, sum).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(frames, 995U);
+  EXPECT_EQ(sum, 980 * 3 + 15 * 9);
+  playout->Stop();
 }
 
 // Bursts of 10 frames, 10,960 us apart: 12 ms hold 10.9. Every second one is late by 30 ms, and
@@ -372,10 +380,12 @@ TEST_F(PlayoutsTest, ADuplicateIsAsDamagedAsTheFirst) {
   IpPlayoutSettings settings = SettingsFor("file");
   settings.Faults.UdpChecksum = 1;
   settings.Faults.Duplicate = 1;
+  settings.Params.ReplicationCount = 1;
   const auto records = Play(settings, 3);
-  ASSERT_EQ(records.size(), 6U);
+  ASSERT_EQ(records.size(), 12U);
   for (std::size_t i = 0; i < records.size(); ++i) {
-    EXPECT_EQ(records[i].Datagram, i / 2);
+    EXPECT_EQ(records[i].Datagram, i / 4);
+    EXPECT_EQ(records[i].Copy, i / 2 % 2);
     EXPECT_EQ(records[i].Did,
               IPPLAYOUT_DID_UDP_CHECKSUM | (i % 2 == 1 ? IPPLAYOUT_DID_DUPLICATE : 0));
   }
@@ -407,6 +417,7 @@ TEST_F(PlayoutsTest, DuplicatesAreWhereTheyAreOrdered) {
       }
     }
     ASSERT_EQ(ranges.size(), 20U);
+    EXPECT_EQ(playouts.Find(HandleOf(randomized))->Seed(), settings.Seed);
     for (std::size_t i = 0; i < ranges.size(); ++i) {
       EXPECT_EQ(ranges[i], i);
     }
@@ -559,6 +570,8 @@ TEST_F(PlayoutsTest, MarksAreRefusedByNameAndRange) {
   EXPECT_EQ(Write(*playout, 100).code, IPPLAYOUT_DONE);
   EXPECT_EQ(playout->Mark(99, 6).code, IPPLAYOUT_BAD_VALUE);
   EXPECT_EQ(playout->Mark(100, 6).code, IPPLAYOUT_DONE);
+  EXPECT_EQ(playout->Mark(101, (INT64_C(1) << 60) + 1).code, IPPLAYOUT_BAD_VALUE);
+  EXPECT_EQ(playout->Mark(101, INT64_C(1) << 60).code, IPPLAYOUT_DONE);
 }
 
 }  // namespace

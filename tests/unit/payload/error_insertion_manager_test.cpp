@@ -62,6 +62,22 @@ TEST(ErrorInsertionManagerTest, HeldFramesAreFoundWhereTheirIndexWraps) {
   EXPECT_EQ(errors.GetHeldFrame(0), nullptr);
 }
 
+TEST(ErrorInsertionManagerTest, OfTwoFramesThatAreDueTogetherTheFirstIsKept) {
+  CErrorInsertionManager errors(kRtp, platform::ProcessRandom());
+  PDU frame(1);
+  for (const auto index : {std::uint8_t{0}, std::uint8_t{1}}) {
+    errors.PrepareForPacket(index);
+    errors.DelayNext(2U - index);
+    ASSERT_EQ(errors.IsSequenceError(1), 1U);
+    frame.WriteByte(index, 0);
+    errors.HoldFrame(frame, 0);
+  }
+  EXPECT_EQ(errors.HeldFrames(), 1U);
+  errors.PrepareForPacket(3);
+  ASSERT_NE(errors.GetHeldFrame(0), nullptr);
+  EXPECT_EQ(errors.GetHeldFrame(0)->Data()[0], 0);
+}
+
 TEST(ErrorInsertionManagerTest, HoldsNoMoreThanItsRoom) {
   constexpr std::uint32_t kFrameBytes = 1U << 20;
   constexpr std::uint64_t kFrames = CErrorInsertionManager::kMostHeldBytes / kFrameBytes;

@@ -269,6 +269,10 @@ TEST_F(VirtualTime, ASinkThatIsFullHoldsUpNoOther) {
     EXPECT_GT(a.Counts().retries, 0U);
     std::array<IpPlayoutRecord, 8> records;
     EXPECT_EQ(Records(a, records), 6U);
+    for (std::uint32_t i = 0; i < 6; ++i) {
+      const bool is_left_out = drops && (i == 2 || i == 3);
+      EXPECT_EQ(records[i].Did, is_left_out ? IPPLAYOUT_DID_LEAVE_OUT : 0) << i;
+    }
     Remove(a);
     Remove(b);
   }
