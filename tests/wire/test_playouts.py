@@ -141,7 +141,8 @@ class Files(WireCase):
             with self.subTest((columns, rows, both, staggered, lose)):
                 found = {5006: set(), 5008: set()}
                 for _, frame in played:
-                    port = struct.unpack(">H", frame[36:38])[0]
+                    source, port = struct.unpack(">HH", frame[34:38])
+                    self.assertEqual(source - TYPICAL["SourcePort"], port - 5004)
                     if port != 5004:
                         found[port].add(self.check_parity(frame[42:], media, columns, rows, port == 5008))
                 self.assertEqual(len(played) - sum(map(len, found.values())), 230 - (33 if lose else 0))
