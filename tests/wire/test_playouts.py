@@ -240,6 +240,10 @@ def refusals(library, bed_path):
     except Refused as refused:
         seen["nowhere"] = refused.code, str(refused)
     closed = playouts.open(to_adapter(TYPICAL))
+    try:
+        playouts.start([closed], -1)
+    except Refused as refused:
+        seen["start_ns"] = refused.code, str(refused)
     closed.call("Close")
     try:
         closed.call("Stop")
@@ -391,7 +395,7 @@ class Wire(WireCase):
 
     def test_refusals_name_the_field(self):
         seen = self.bed.run(refusals, self.bed.library_path).value
-        for name in ("FecRows", "CatchUp", "TSPacketSize", "To", "TTL", "BitRate", "RingBytes", "VID"):
+        for name in ("FecRows", "CatchUp", "TSPacketSize", "To", "TTL", "BitRate", "RingBytes", "VID", "start_ns"):
             self.assertEqual(seen[name][0], BAD_VALUE, name)
             self.assertIn(name + " is ", seen[name][1])
             self.assertIn("; it can be ", seen[name][1])

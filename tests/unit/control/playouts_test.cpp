@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -29,7 +30,7 @@ using std::chrono::nanoseconds;
 constexpr std::size_t kPayload = 1316;
 
 // "bad" cannot be opened and "none" finds no memory; anything else takes frames in virtual time.
-// "slow" is not finished before the test lets it.
+// "slow" is not finished before the test lets it, "full" never whole.
 class FakeSinks final : public SinkMaker {
  public:
   std::unique_ptr<FrameSink> Open(const IpPlayoutSettings& settings, std::uint32_t,
@@ -53,6 +54,7 @@ class FakeSinks final : public SinkMaker {
       sent += frames.size();
       sent.notify_all();
     };
+    sink->finish_error = name == "full" ? ENOSPC : 0;
     if (name == "slow") {
       sink->on_finish = [this] {
         finishing.set_value();
@@ -209,6 +211,18 @@ TEST_F(PlayoutsTest, AFileThatTakesLongToFinishHoldsUpNoOther) {
   sinks.finishing = {};
   sinks.finish = {};
   sinks.finish.set_value();
+}
+
+TEST_F(PlayoutsTest, WhoEndsARunHearsThatItsFileIsNotWhole) {
+  auto playout = Open(SettingsFor("full"));
+  const std::function<Failure()> kEnds[] = {[&] { return playout->Stop(); },
+                                            [&] { return playouts.Close(HandleOf(0)); }};
+  for (const auto& end : kEnds) {
+    ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+    const Failure failure = end();
+    EXPECT_EQ(failure.code, IPPLAYOUT_BAD_DESTINATION);
+    EXPECT_EQ(failure.sentence, "full could not be written whole: No space left on device");
+  }
 }
 
 TEST_F(PlayoutsTest, AWaitIsForTheRunThatItBeganIn) {

@@ -67,6 +67,37 @@ TEST_F(DeviceEnumeratorTest, UnreadableMacIsZeroAndTold) {
   EXPECT_EQ(list_.At(2)->GetMacAddress(), MacAddress{});
 }
 
+TEST_F(DeviceEnumeratorTest, TheArrayHasEachAddressWhole) {
+  const auto ipv4 = [](std::uint8_t last) {
+    AdapterAddress address;
+    address.family = AddressFamily::kIPv4;
+    address.bytes = {203, 111, 255, last};
+    return address;
+  };
+  AdapterAddress local;
+  local.family = AddressFamily::kIPv6;
+  local.bytes = {0xFE, 0x80, 0x11, 0x11, 0x22, 0x22, 0x33, 0x33,
+                 0x44, 0x44, 0x55, 0x55, 0x66, 0x66, 0x77, 0x77};
+  local.scope_id = 3;
+  AdapterAddress global = local;
+  global.bytes[0] = 0x20;
+  global.scope_id = 0;
+  Enumerate(
+      {{"rpcap://a",
+        "",
+        {{ipv4(201), ipv4(240)}, {ipv4(202), {}}, {local, {}}, {global, {}}, {ipv4(203), {}}}}});
+  list_.CreateArray();
+  const DeviceListEntry& entry = list_.Array()[0];
+  ASSERT_EQ(entry.IPv4AddressCount, 3);
+  ASSERT_EQ(entry.IPv4NetmaskCount, 1);
+  ASSERT_EQ(entry.IPv6AddressCount, 2);
+  EXPECT_STREQ(entry.IPv4Addresses[2], "203.111.255.203");
+  EXPECT_STREQ(entry.IPv4Netmasks[0], "203.111.255.240");
+  EXPECT_STREQ(entry.IPv6Addresses[0], "fe80:1111:2222:3333:4444:5555:6666:7777");
+  EXPECT_STREQ(entry.IPv6Addresses[1], "2080:1111:2222:3333:4444:5555:6666:7777");
+  EXPECT_EQ(list_.At(0)->GetScopeId(), 3);
+}
+
 TEST_F(DeviceEnumeratorTest, TheArrayCutsLongTextsAndFollowsTheList) {
   const std::string name = "rpcap://" + std::string(300, 'n');
   Enumerate({{name, std::string(200, 'd'), {}}});

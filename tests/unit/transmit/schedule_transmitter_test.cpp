@@ -653,6 +653,33 @@ TEST_F(SteppedTime, ARemovalWaitsForAFrameInHand) {
   EXPECT_TRUE(Returns(removal));
 }
 
+// Once the stream is gone, others wait for room again.
+TEST_F(SteppedTime, ARemovalGivesUpForItsOwnTimeOnly) {
+  sink.patience = std::chrono::hours(1);
+  std::promise<void> in_hand;
+  sink.on_send = [&, first = true](auto) mutable {
+    if (std::exchange(first, false)) {
+      in_hand.set_value();
+      while (!clock->ShouldGiveUp()) {
+        std::this_thread::sleep_for(milliseconds(1));
+      }
+    }
+  };
+  Player held('h', sink);
+  Play(held.Holding({nanoseconds(0)}), nanoseconds(0));
+  in_hand.get_future().wait();
+  transmitter.Remove(held.stream);
+  sink.SetRoom(0);
+  Player next('n', sink);
+  Play(next.Holding({nanoseconds(0)}).ThatIsAll(), nanoseconds(0));
+  auto end = OnAnotherThread([&] { return next.Ended(); });
+  EXPECT_TRUE(Blocks(end));
+  sink.SetRoom(FakeFrameSink::kUnlimited);
+  EXPECT_EQ(end.get(), 0);
+  EXPECT_EQ(next.Counts().not_sent, 0U);
+  transmitter.Remove(next.stream);
+}
+
 // A request that is taken as the removal is asked for must not leave another one behind. Found by a
 // sanitizer, or as a crash.
 TEST(ScheduleTransmitter, RemovalsMeetRequests) {
