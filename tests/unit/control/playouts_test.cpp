@@ -225,24 +225,27 @@ TEST_F(PlayoutsTest, WhoEndsARunHearsThatItsFileIsNotWhole) {
   }
 }
 
+// A waiter that has no processor in time may begin in the next run: it is enough to see one that
+// did not.
 TEST_F(PlayoutsTest, AWaitIsForTheRunThatItBeganIn) {
   auto playout = Open(SettingsFor("file"));
+  bool has_ended_in_time = false;
   for (int i = 0; i < 20; ++i) {
     ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
     auto waiter = OnAnotherThread([&] { return playout->Wait({}).code; });
-    if (i == 0) {
+    if (!has_ended_in_time) {
       ASSERT_TRUE(Blocks(waiter));
     }
     playout->Stop();
     ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
-    if (i == 0) {
-      ASSERT_TRUE(Returns(waiter));
-      EXPECT_EQ(waiter.get(), IPPLAYOUT_ENDED);
-      EXPECT_FALSE(IsReadable(playout->EndEvent()));
-    }
+    EXPECT_FALSE(IsReadable(playout->EndEvent()));
+    has_ended_in_time = has_ended_in_time || !Blocks(waiter);
     playout->Stop();
     EXPECT_TRUE(IsReadable(playout->EndEvent()));
+    ASSERT_TRUE(Returns(waiter));
+    EXPECT_EQ(waiter.get(), IPPLAYOUT_ENDED);
   }
+  EXPECT_TRUE(has_ended_in_time);
 }
 
 TEST_F(PlayoutsTest, WhatComesBehindTheEndIsRefused) {
