@@ -209,6 +209,16 @@ TEST_F(FaultInsertionTest, LossesComeInBursts) {
   EXPECT_NEAR(static_cast<double>(lost) / bursts, 4, 0.2);
 }
 
+// By certain chances: bad, good, bad ...
+TEST_F(FaultInsertionTest, AStreamTurnsBeforeItsDatagram) {
+  IpPlayoutFaults faults{};
+  faults.TurnsBad = faults.TurnsGood = faults.LoseWhileBad = 1;
+  Configure(faults);
+  for (const std::uint32_t lost : {1U, 0U, 1U, 0U}) {
+    EXPECT_EQ(Next(), lost * IPPLAYOUT_DID_LOSE);
+  }
+}
+
 TEST_F(FaultInsertionTest, FlipsSoManyBitsAndBack) {
   IpPlayoutFaults faults{};
   faults.Corrupt = 1;
