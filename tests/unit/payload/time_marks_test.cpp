@@ -50,6 +50,16 @@ TEST(TimeMarks, OneMarkWaitsForTheNextOrForTheEnd) {
   EXPECT_EQ(marks.At(100), 7ns);
 }
 
+TEST(TimeMarks, SoManyWaitAndNoMore) {
+  TimeMarks marks;
+  for (std::uint64_t i = 0; i < 65'536; ++i) {
+    ASSERT_EQ(marks.Add({i, 0ns}), TimeMarks::Added::kDone);
+  }
+  EXPECT_EQ(marks.Add({65'536, 0ns}), TimeMarks::Added::kFull);
+  marks.At(2);  // lets go of those before it
+  EXPECT_EQ(marks.Add({65'536, 0ns}), TimeMarks::Added::kDone);
+}
+
 TEST(TimeMarks, TheMeanRateIsThatOfAllMarksOrTheOneThatIsSet) {
   TimeMarks marks;
   EXPECT_EQ(marks.MeanRate(), std::nullopt);
