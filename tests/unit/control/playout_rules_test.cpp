@@ -196,7 +196,15 @@ TEST(PlayoutRules, DrawWhatIsRandomFromTheSeed) {
   const RTPHeaderSettings drawn = rtp(one);
   EXPECT_EQ(drawn.SSRC, rtp(same).SSRC);
   EXPECT_NE(drawn.SSRC, rtp(other).SSRC);
-  EXPECT_LE(drawn.SequenceNumber, 0xFFFFU);
+  std::uint32_t ssrc_bits = 0;
+  std::uint32_t sequence_bits = 0;
+  for (int i = 0; i < 64; ++i) {
+    const RTPHeaderSettings next = rtp(one);
+    ssrc_bits |= next.SSRC;
+    sequence_bits |= next.SequenceNumber;
+  }
+  EXPECT_EQ(ssrc_bits, 0xFFFFFFFFU);
+  EXPECT_EQ(sequence_bits, 0xFFFFU);
   EXPECT_EQ(drawn.RandomSSRC, std::uint32_t{IPPLAYOUT_OFF});
   settings.Params.ProtocolHeadersSettings.RTPHeaderSettings.RandomSSRC = IPPLAYOUT_OFF;
   settings.Params.ProtocolHeadersSettings.RTPHeaderSettings.SSRC = 77;
