@@ -47,6 +47,9 @@ BurstSocket::Outcome BurstSocket::Send(std::span<const FrameBytes> frames,
   int calls = 0;
   error_ = 0;
   Patience patience(patience_, waiter, &waits_);
+  if (patience_is_used_up_) {
+    patience.UseUp();
+  }
   while (sent < count && error_ == 0) {
     if (waiter.ShouldGiveUp()) {
       error_ = ECANCELED;
@@ -58,9 +61,11 @@ BurstSocket::Outcome BurstSocket::Send(std::span<const FrameBytes> frames,
     if (result > 0) {
       sent += static_cast<std::size_t>(result);
       patience.Progress();
+      patience_is_used_up_ = false;
     } else if (const int error = errno; !WaitForRoom(error, patience)) {
       const bool full = error == EAGAIN || error == ENOBUFS;
       error_ = full && waiter.ShouldGiveUp() ? ECANCELED : error;
+      patience_is_used_up_ = full && error_ != ECANCELED;
     }
   }
   return {sent, error_, calls};

@@ -20,7 +20,8 @@
 namespace ipplayout {
 
 // One system call per burst and no allocation. A full device queue is waited for; an adapter that
-// takes nothing for as long as `patience`, or any other error, counts as refusing the frame.
+// takes nothing for as long as `patience`, or any other error, counts as refusing the frame. What
+// follows is not waited for until a frame is taken again, so that a stream keeps its time.
 // A waiter that gives up ends the wait as well.
 class BurstSocket final : public BurstSender {
  public:
@@ -61,6 +62,7 @@ class BurstSocket final : public BurstSender {
   std::array<mmsghdr, kMostFrames> messages_{};
   std::atomic<std::uint64_t> waits_{0};
   int error_ = 0;
+  bool patience_is_used_up_ = false;
 };
 
 }  // namespace ipplayout

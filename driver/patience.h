@@ -20,6 +20,10 @@ class Patience {
            std::atomic<std::uint64_t>* waits = nullptr)
       : limit_(limit), waiter_(waiter), waits_(waits) {}
 
+  // For an adapter that took nothing in all of the time before: it is used up until the adapter
+  // takes something.
+  void UseUp() { give_up_ = std::chrono::nanoseconds::zero(); }
+
   // The rest of the limit; zero or less when it is used up. Starts the limit if it does not run.
   std::chrono::nanoseconds Left();
   // Something was taken: the next wait starts afresh.

@@ -30,6 +30,9 @@ class DeparturePolicy {
   // That frame is about to leave at `now`, planned for `planned`. False when it is to be left out.
   bool Settle(Time due, Time planned, Time now);
 
+  // It did not leave after all: it holds back nothing that follows.
+  void Refused() { any_ = false; }
+
   // The place of a frame in the schedule as it has moved: what it is late against.
   Time Place(Time due) const { return due + shift_; }
   // By how much the schedule has moved.

@@ -420,7 +420,8 @@ std::size_t ScheduleTransmitter::SendFrom(std::size_t first) {
   return end;
 }
 
-// A sink that does not wait is one stream's own. It may be full for a while.
+// A sink that does not wait is one stream's own. It may be full for a while; after that nothing is
+// waited for until it takes a frame again.
 bool ScheduleTransmitter::TriesAgain(ScheduledStream& stream,
                                      const FrameSink::Result& result) const {
   if (result.sent > 0 || !result.is_full) {
@@ -430,12 +431,8 @@ bool ScheduleTransmitter::TriesAgain(ScheduledStream& stream,
     return false;
   }
   const Time now = waiter_->Now();
-  if (now - stream.full_since.value_or(now) < kPatienceWithSink) {
-    stream.full_since = stream.full_since.value_or(now);
-    return true;
-  }
-  stream.full_since.reset();
-  return false;
+  stream.full_since = stream.full_since.value_or(now);
+  return now - *stream.full_since < kPatienceWithSink;
 }
 
 // What is left of the burst goes back to its ring, and other streams have their turn.
@@ -512,6 +509,19 @@ void ScheduleTransmitter::AddToLedgers() {
   }
 }
 
+// The stream keeps its time: what waited behind the frame need not be spread out.
+void ScheduleTransmitter::PlanWithoutRefused(ScheduledStream& stream) {
+  stream.policy.Refused();
+  if (stream.state != ScheduledStream::State::kScheduled) {
+    return;
+  }
+  const Time planned = stream.policy.Plan(*stream.start + stream.ring.Front()->due);
+  if (planned != stream.planned) {
+    stream.planned = stream.turn = planned;
+    std::make_heap(heap_.begin(), heap_.end(), IsLater);
+  }
+}
+
 // Gives the frames back to their rings.
 void ScheduleTransmitter::LetGo() {
   AddToLedgers();
@@ -528,9 +538,15 @@ void ScheduleTransmitter::LetGo() {
     }
     const int error = taken_[i].error;
     // A frame that was given up for the removal of another stream does not end this one.
-    if (error != 0 && error != ECANCELED && stream.rules.ends_when_refused) {
+    const bool is_refused = error != 0 && error != ECANCELED;
+    if (is_refused && stream.rules.ends_when_refused) {
       End(stream, error);
-    } else if (stream.state == ScheduledStream::State::kAwaiting) {
+      continue;
+    }
+    if (is_refused) {
+      PlanWithoutRefused(stream);
+    }
+    if (stream.state == ScheduledStream::State::kAwaiting) {
       Refresh(stream);
     }
   }

@@ -93,6 +93,7 @@ class ScheduleTransmitter final : public OsaThread {
   void Collect(Time now);
   void TakeFrame(ScheduledStream& stream, Time now);
   void PlanNext(ScheduledStream& stream, Time now);
+  void PlanWithoutRefused(ScheduledStream& stream);
   void SendCollected();
   std::size_t SendFrom(std::size_t first);
   bool TriesAgain(ScheduledStream& stream, const FrameSink::Result& result) const;

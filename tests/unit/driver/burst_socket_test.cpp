@@ -73,6 +73,16 @@ TEST_F(BurstSocketTest, GivesUpOnASocketThatStaysFull) {
   EXPECT_EQ(Receive(2 * frames_.size(), MSG_DONTWAIT).size(), sent);  // just what was reported
 }
 
+TEST_F(BurstSocketTest, HasNoPatienceLeftUntilAFrameIsTaken) {
+  BurstSocket sender(near_.Get(), std::chrono::milliseconds(10));
+  Send(sender);
+  EXPECT_EQ(Send(sender), 0U);
+  EXPECT_EQ(sender.Waits(), 1U);
+  Receive(frames_.size(), MSG_DONTWAIT);
+  EXPECT_GT(Send(sender), 0U);
+  EXPECT_EQ(sender.Waits(), 2U);
+}
+
 TEST_F(BurstSocketTest, GivesUpWithTheWaiterHoweverPatient) {
   BurstSocket sender(near_.Get(), std::chrono::hours(1));
   waiter_.GiveUpAt(waiter_.Now() + std::chrono::milliseconds(10));

@@ -278,9 +278,10 @@ TEST_F(VirtualTime, ASinkThatIsFullHoldsUpNoOther) {
   }
 }
 
-// Patience ends after a second.
+// Patience ends after a second, and is there again when a frame has left.
 TEST_F(VirtualTime, ASinkThatIsFullForGoodRefuses) {
   for (const bool ends : {true, false}) {
+    const nanoseconds begin = transmitter.Now();
     FakeFrameSink full;
     full.patience = full.patience.zero();
     full.SetRoom(1);
@@ -293,8 +294,33 @@ TEST_F(VirtualTime, ASinkThatIsFullForGoodRefuses) {
     EXPECT_EQ(a.Counts().on_time, 1U);
     Remove(a);
     EXPECT_EQ(a.Counts().not_sent + a.Counts().discarded, 2U);
-    EXPECT_GE(transmitter.Now(), seconds(1));
+    EXPECT_GE(transmitter.Now() - begin, seconds(1));
+    EXPECT_LT(transmitter.Now() - begin, seconds(2));
   }
+}
+
+// As a link that was away: what should have left meanwhile is lost, and the rest on time.
+TEST_F(VirtualTime, WhatIsRefusedHoldsNothingBack) {
+  FakeFrameSink away;
+  away.patience = away.patience.zero();
+  away.SetRoom(1);
+  away.on_send = [&](auto frames) {
+    if (frames[0].bytes[1] == 4) {
+      away.SetRoom(FakeFrameSink::kUnlimited);
+    }
+  };
+  StreamRules rules;
+  rules.ends_when_refused = false;
+  Player a('a', away, rules);
+  a.Holding({milliseconds(0), milliseconds(1), milliseconds(500), milliseconds(900)});
+  a.Push(milliseconds(1500));
+  const nanoseconds start = transmitter.Now() + seconds(1);
+  Play({&a.ThatIsAll()}, start);
+  EXPECT_EQ(a.Ended(), 0);
+  EXPECT_EQ(away.Sent().back().time, start + milliseconds(1500));
+  EXPECT_EQ(a.Counts().on_time, 2U);
+  EXPECT_EQ(a.Counts().not_sent, 3U);
+  Remove(a);
 }
 
 TEST_F(VirtualTime, ARefusedFrameEndsOnePlayoutAndNotItsNeighbours) {
