@@ -409,6 +409,26 @@ TEST_F(PlayoutsTest, ADuplicateIsAsDamagedAsTheFirst) {
   }
 }
 
+// The first of four is held behind the second; the third goes behind it.
+TEST_F(PlayoutsTest, AHeldFrameTakesNothingFromTheOneItLeavesWith) {
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.Errors.ErrInsertionEnable = settings.Errors.SequenceErrorEnabled = 1;
+  settings.Errors.NumSequenceError = 1;
+  settings.Errors.SequenceErrorRange = 10;
+  settings.Errors.SequenceErrorDistance = 1;
+  settings.Faults.Corrupt = 1;
+  settings.Faults.ClosesHoles = 1;  // of what is lost, and nothing is
+  std::vector<std::uint32_t> did;
+  const auto records = Play(settings, 4);
+  for (const IpPlayoutRecord& record : records) {
+    did.push_back(record.Did);
+  }
+  EXPECT_EQ(records.back().DueNs, 3 * 1'096'000);
+  constexpr std::uint32_t kCorrupt = IPPLAYOUT_DID_CORRUPT;
+  EXPECT_THAT(did, testing::ElementsAre(kCorrupt | IPPLAYOUT_DID_DELAY, kCorrupt,
+                                        IPPLAYOUT_DID_SEND_HELD, kCorrupt, kCorrupt));
+}
+
 // By RFC 3550, 6.4.1: the first gap differs by 1,096 us from none, the second one not at all.
 TEST_F(PlayoutsTest, TheStatisticsHaveTheJitterOfTheSchedule) {
   Play(SettingsFor("file"), 3);
@@ -558,6 +578,24 @@ TEST_F(PlayoutsTest, TheLedgersPathHoldsUntilTheNextSettings) {
     EXPECT_EQ(playout->WriteLedger(kPath).code, IPPLAYOUT_BAD_STATE);  // it runs
     playout->Stop();
   }
+}
+
+TEST_F(PlayoutsTest, WhatTheLedgersFileDoesNotTakeIsCounted) {
+  constexpr std::size_t kDatagrams = 200;
+  IpPlayoutSettings settings = SettingsFor("file");
+  settings.LedgerFrames = kDatagrams;
+  settings.RingBytes = 1 << 20;
+  auto playout = Open(settings);
+  ASSERT_EQ(playout->WriteLedger("/dev/full").sentence, "");
+  ASSERT_EQ(Write(*playout, kDatagrams * kPayload).sentence, "");
+  playout->End();
+  ASSERT_EQ(playouts.Start(std::vector{HandleOf(0)}, {}).sentence, "");
+  ASSERT_EQ(playout->Wait({}).sentence, "");
+  EXPECT_EQ(playout->Stop().code, IPPLAYOUT_BAD_DESTINATION);
+  IpPlayoutTiming timing;
+  playout->GetTiming(timing);
+  EXPECT_EQ(timing.OnTime, kDatagrams);
+  EXPECT_GT(timing.LedgerLeftOut, 0U);
 }
 
 TEST_F(PlayoutsTest, ATryWritesWhatThereIsRoomFor) {
