@@ -140,6 +140,8 @@ TEST(UdpSocketSink, HonoursEveryHeaderFieldThatASocketCanSet) {
               "ip -6 address add fd09::1/64 dev near nodad && "
               "ip neighbour add 10.9.0.2 lladdr 02:00:00:00:00:02 dev near && "
               "ip -6 neighbour add fd09::2 lladdr 02:00:00:00:00:02 dev near && "
+              "ip -6 address add fe80::9/64 dev near nodad && "
+              "ip -6 neighbour add fe80::2 lladdr 02:00:00:00:00:02 dev near && "
               "ip address add 10.9.0.7/24 dev near"));
     const struct {
       Headers sent;
@@ -154,6 +156,7 @@ TEST(UdpSocketSink, HonoursEveryHeaderFieldThatASocketCanSet) {
         {{"fd09::1", "fd09::2", 4001, 5004, 17, 0xB8, 0, 0}, true, ""},
         {{"fd09::1", "ff15::1", 4002, 5004, 0, 0xFF, 0, 0x7ABCD}, false, "near"},
         {{"fd09::1", "ff15::1", 4003, 5004, 9, 0, 1, 0}, true, "near"},
+        {{"fe80::9", "fe80::2", 4004, 5004, 9, 0, 0, 0}, true, "near"},  // of a link
     };
     Arrivals far("far");
     const platform::DeadlineWaiter waiter;
