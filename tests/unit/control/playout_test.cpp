@@ -11,6 +11,7 @@
 #include <fstream>
 #include <future>
 #include <memory>
+#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -222,6 +223,11 @@ TEST_F(PlayoutTest, AFailureIsKnownUntilTheNextStart) {
   EXPECT_EQ(DatagramsSent(), 3U);
   // One of 109 us follows upon none and one upon another: a sixteenth, and 15/16 of that.
   EXPECT_NEAR(Statistics().Jitter, 109e-6 / 16 * 15 / 16, 1e-12);
+  // Memory that runs out in the pump is a failure.
+  driver_.RefuseAfter(100);
+  driver_.on_sent = [](const SentFrame&) { throw std::bad_alloc(); };
+  Play(100, 3);
+  EXPECT_EQ(Write(0), IPPLAYOUT_FAILED);
 }
 
 // So the thread that feeds a run is to end before the next one starts.
