@@ -178,10 +178,11 @@ std::optional<Failure> PrepareTwin(const PlayOptions& options, const std::vector
 }  // namespace
 
 bool ComesAtItsOwnPace(const PlayOptions& options) {
+  using std::filesystem::file_type;
   std::error_code error;
+  const file_type type = std::filesystem::status(options.input, error).type();
   return options.follow || options.input == "-" || IsLiveAddress(options.input) ||
-         (std::filesystem::exists(options.input, error) &&
-          !std::filesystem::is_regular_file(options.input, error));
+         type == file_type::fifo || type == file_type::character;
 }
 
 std::optional<Failure> CheckWithoutInput(const PlayOptions& options,

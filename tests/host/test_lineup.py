@@ -320,9 +320,10 @@ start-at = "+1s"
         os.mkfifo(self.path("pipe"))
         path = self.write("live.toml", "".join(
             f'[[channel]]\nname = "{source}"\ninput = "{source}"\nto = "rtp://239.1.1.1:5004"\ndevice = "lo"\n'
-            for source in ("udp://239.1.1.2", "rtp://239.1.1.2:5004", self.path("pipe"))))
+            for source in ("udp://239.1.1.2", "rtp://239.1.1.2:5004", self.path("pipe"), self.path(""))))
         result = run("lineup", path, "--check")
-        self.assertEqual((result.returncode, result.stderr.splitlines()[0]), (2, f"ipplay: {path}: 1 mistake; nothing was sent"))
+        self.assertEqual((result.returncode, result.stderr.splitlines()[0]), (2, f"ipplay: {path}: 2 mistakes; nothing was sent"))
+        self.assertIn("is a folder", result.stderr)
         self.assertIn(f'{path}:1: udp://239.1.1.2: INPUT: "udp://239.1.1.2" is not valid', result.stderr)
 
     def test_broken_toml_has_its_line(self):
