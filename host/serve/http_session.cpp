@@ -127,10 +127,14 @@ void HttpSession::OnBody(Error error) {
   StopWaiting();
   request_.body = std::move(parser_->get().body());
   stream_.expires_never();
-  all_.hooks.handle(std::move(request_), [self = shared_from_this()](HttpResponse response) {
-    boost::asio::post(
-        self->stream_.get_executor(),
-        [self, response = std::move(response)]() mutable { self->Respond(std::move(response)); });
+  // It goes back with the answer, whoever keeps the reply: a session ends on the server's thread.
+  auto held = std::make_shared<std::shared_ptr<HttpSession>>(shared_from_this());
+  all_.hooks.handle(std::move(request_), [held = std::move(held)](HttpResponse response) {
+    const auto executor = (*held)->stream_.get_executor();
+    boost::asio::post(executor,
+                      [self = std::move(*held), response = std::move(response)]() mutable {
+                        self->Respond(std::move(response));
+                      });
   });
 }
 

@@ -2,12 +2,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <boost/asio/ip/tcp.hpp>
+#include <cstddef>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "host/base/event.h"
 #include "host/serve/api_routes.h"
 #include "host/serve/event_feed.h"
+#include "host/serve/http_server.h"
 
 namespace ipplay::serve {
 namespace {
@@ -68,6 +76,43 @@ TEST(EventFeed, IdsOfOthersBeginAnewBehindALoss) {
     EXPECT_EQ(Occurrences(chunk.text, "event: lost"), 1U) << id;
     EXPECT_EQ(chunk.next, end) << id;
   }
+}
+
+std::ptrdiff_t Descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// Although its reply is kept, as by a thread that is slow to end: nobody else ends a session.
+TEST(HttpServer, AConnectionEndsWithItsAnswer) {
+  const auto server = HttpServer::Listen("127.0.0.1:0", {});
+  ASSERT_TRUE(server);
+  EventFeed feed(kEpoch);
+  const Event stop;
+  std::vector<HttpHooks::Reply> kept;
+  HttpHooks hooks;
+  hooks.check = [](const HttpRequest&) { return std::optional<HttpResponse>(); };
+  hooks.handle = [&kept](HttpRequest, HttpHooks::Reply reply) {
+    kept.push_back(reply);
+    reply(HttpResponse());
+  };
+  hooks.each_second = [] {};
+  const std::ptrdiff_t before = Descriptors();
+  std::thread serving([&] { (*server)->Run(std::move(hooks), feed, stop.Get()); });
+  {
+    const std::string address = (*server)->Address();
+    const std::size_t colon = address.rfind(':');
+    boost::asio::ip::tcp::iostream client(address.substr(0, colon), address.substr(colon + 1));
+    client << "GET / HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n" << std::flush;
+    std::string line;
+    std::getline(client, line);
+    EXPECT_EQ(line, "HTTP/1.1 200 OK\r");
+  }
+  while (Descriptors() > before) {
+    std::this_thread::yield();
+  }
+  stop.Set();
+  serving.join();
+  EXPECT_EQ(kept.size(), 1U);
 }
 
 TEST(Routes, AreThoseOfTheDocument) {
