@@ -56,10 +56,12 @@ std::optional<std::string> ScheduledPlaying::Start() {
     }
     starts_at_ = start;
   }
-  if (writer_ && plan_.lead && start) {
-    writer_->Follow(*start, *plan_.lead);
-  } else if (writer_ && plan_.lead) {
-    start = writer_->FollowFromNow(*plan_.lead);
+  if (writer_ && plan_.lead) {
+    if (start) {
+      writer_->Follow(*start, *plan_.lead);
+    } else {
+      start = writer_->FollowFromNow(*plan_.lead);
+    }
   }
   KeepRightsToStart();
   auto failure = playout_.Start(start);
@@ -84,18 +86,6 @@ Feeder::Sink ScheduledPlaying::Sink() {
   }
   return {.write = WordWriter::Into([this](auto bytes) { return playout_.Write(bytes); }),
           .terminate = [this] { playout_.End(); }};
-}
-
-void ScheduledPlaying::Arrived(const std::optional<Arrival>& arrival) {
-  if (writer_) {
-    writer_->Arrived(arrival);
-  }
-}
-
-void ScheduledPlaying::FollowPid(std::uint16_t pid) {
-  if (writer_) {
-    writer_->FollowPid(pid);
-  }
 }
 
 std::optional<std::string> ScheduledPlaying::FailedWithin(std::chrono::nanoseconds time) {
@@ -158,14 +148,6 @@ std::vector<IpPlayoutDone> ScheduledPlaying::ReadDone() {
 std::optional<std::string> ScheduledPlaying::Stop() {
   const auto failure = playout_.Stop();
   return failure ? std::optional(failure->message) : std::nullopt;
-}
-
-bool ScheduledPlaying::Write(std::span<const std::uint8_t> bytes) {
-  return writer_ ? writer_->Write(bytes) : playout_.Write(bytes);
-}
-
-void ScheduledPlaying::End() {
-  writer_ ? writer_->Finish() : playout_.End();
 }
 
 }  // namespace ipplay

@@ -53,13 +53,6 @@ class ScheduledPlaying final : public Playing {
   }
   // Waits for its end for so long.
   std::optional<std::string> FailedWithin(std::chrono::nanoseconds time);
-  // For the feeder: false once it has ended.
-  bool Write(std::span<const std::uint8_t> bytes);
-  void End();
-  // See Feeder::Sink.
-  void Arrived(const std::optional<Arrival>& arrival);
-  void FollowPid(std::uint16_t pid);
-  bool WantsDatagrams() const { return writer_ && writer_->WantsDatagrams(); }
 
  private:
   std::optional<std::string> Configure();

@@ -29,37 +29,36 @@ std::optional<std::string> TwinPlaying::Start() {
   return std::nullopt;
 }
 
-Feeder::Sink TwinPlaying::Sink() {
-  return {
-      .write = [this](const void* data,
-                      std::uint16_t units) { return Write(data, units) ? 0 : IPPLAYOUT_FAILED; },
-      .terminate =
-          [this] {
-            first_->End();
-            second_->End();
-          },
-      .arrived =
-          [this](const std::optional<Arrival>& arrival) {
-            first_->Arrived(arrival);
-            second_->Arrived(arrival);
-          },
-      .follow =
-          [this](std::uint16_t pid) {
-            first_->FollowPid(pid);
-            second_->FollowPid(pid);
-          },
-      .wants_datagrams = first_->WantsDatagrams()};
-}
-
 // Where one has ended too early, the other one is to end as well.
-bool TwinPlaying::Write(const void* data, std::uint16_t units) {
-  const std::span bytes(static_cast<const std::uint8_t*>(data), std::size_t{units} * 4);
-  if (first_->Write(bytes) && second_->Write(bytes)) {
-    return true;
+Feeder::Sink TwinPlaying::Sink() {
+  const Feeder::Sink first = first_->Sink();
+  if (second_ == nullptr) {
+    return first;
   }
-  first_->End();
-  second_->End();
-  return false;
+  const Feeder::Sink second = second_->Sink();
+  const auto end = [first, second] {
+    first.terminate();
+    second.terminate();
+  };
+  const auto write = [first, second, end](const void* data, std::uint16_t units) {
+    const bool taken = first.write(data, units) == 0 && second.write(data, units) == 0;
+    if (!taken) {
+      end();
+    }
+    return taken ? 0 : IPPLAYOUT_FAILED;
+  };
+  Feeder::Sink both{.write = write, .terminate = end, .wants_datagrams = first.wants_datagrams};
+  if (first.arrived) {  // both are of one kind
+    both.arrived = [first, second](const std::optional<Arrival>& arrival) {
+      first.arrived(arrival);
+      second.arrived(arrival);
+    };
+    both.follow = [first, second](std::uint16_t pid) {
+      first.follow(pid);
+      second.follow(pid);
+    };
+  }
+  return both;
 }
 
 std::optional<std::string> TwinPlaying::Failed() {

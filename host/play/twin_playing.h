@@ -42,8 +42,6 @@ class TwinPlaying final : public Playing {
   std::optional<std::string> Stop() override;
 
  private:
-  bool Write(const void* data, std::uint16_t units);
-
   const std::unique_ptr<ScheduledPlaying> first_;
   const std::unique_ptr<ScheduledPlaying> second_;
   const std::chrono::nanoseconds lead_;
