@@ -50,7 +50,7 @@ class ChannelRun {
   // The start itself has happened; `at` is its time on CLOCK_MONOTONIC.
   void Started(Time at);
   // Its rate is that of its input.
-  bool FollowsInput() const { return live_feed_ != nullptr; }
+  bool FollowsInput() const { return plan_.lead.has_value(); }
   bool IsStarted() const { return started_.load(); }
   Time StartedAt() const { return started_at_; }
 

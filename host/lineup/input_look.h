@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "host/base/event.h"
 #include "host/base/result.h"
@@ -16,7 +17,8 @@ namespace ipplay {
 
 class InputLook {
  public:
-  // `options` outlives this; `came` is called on that thread at its end, unless it was given up.
+  // `options` outlives this; `came` is called on that thread at its end, also where it was
+  // given up.
   InputLook(const PlayOptions& options, std::function<void()> came);
   InputLook(const InputLook&) = delete;
   InputLook& operator=(const InputLook&) = delete;
