@@ -227,6 +227,7 @@ TEST_F(SteppedTime, OnlyWhatIsDueLeavesAndOneCallTakesWhatIsDueTogether) {
   b.Holding({milliseconds(1) + microseconds(2), milliseconds(1) + microseconds(9)}).ThatIsAll();
   Play(a, nanoseconds(0));
   Play(b, nanoseconds(0));
+  Settle();  // both are known before either is due
   MoveTo(milliseconds(1));
   const auto sent = sink.Sent();
   ASSERT_EQ(sent.size(), 2U);
