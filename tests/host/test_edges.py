@@ -2,6 +2,7 @@
 """What reaches a command from outside while it runs: signals, links, pipes."""
 
 import array
+import contextlib
 import fcntl
 import json
 import os
@@ -19,6 +20,15 @@ from frames import Playout, write_pcap  # noqa: E402
 
 PLAY = ("play", SAMPLE, "--to", "rtp://239.1.1.1:5004", "--loop", "forever", "--stats", "json", "--quiet")
 MEASURE = ("measure", "any", "--json")
+
+
+def holds_open(process, path):
+    folder = f"/proc/{process.pid}/fd"
+    for number in os.listdir(folder):
+        with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+            if os.path.samefile(os.path.join(folder, number), path):
+                return True
+    return False
 
 
 class Signals(PlayCase):
@@ -62,9 +72,7 @@ class Signals(PlayCase):
         with open(path, "wb") as file:
             file.truncate(8 << 30)
         process = subprocess.Popen([IPPLAY, "measure", os.devnull, "--expect", path], stdout=subprocess.PIPE)
-        descriptors = f"/proc/{process.pid}/fd"
-        while process.poll() is None and path not in (os.path.realpath(os.path.join(descriptors, number))
-                                                      for number in os.listdir(descriptors)):
+        while process.poll() is None and not holds_open(process, path):
             pass
         process.send_signal(signal.SIGTERM)
         self.assertEqual((process.communicate()[0], process.returncode), (b"", -signal.SIGTERM))
