@@ -10,7 +10,7 @@ import subprocess
 import termios
 import unittest
 
-from playbed import FAR4, NEAR4, NEAR6, SAMPLE, PlayCase, events_of, interrupt, read_file
+from playbed import FAR4, NEAR4, NEAR6, SAMPLE, PlayCase, events_of, interrupt, read_file, wait_until_sending
 
 TARGET = ("--to", "rtp://239.1.1.1:5004")
 PLAYED, FAILED = 0, 1
@@ -47,7 +47,7 @@ class Statuses(PlayCase):
 class Failing(PlayCase):
     def test_adapter_that_goes_down(self):
         player = self.bed.start("play", SAMPLE, *TARGET, "--stats", "json", "--loop", "forever")
-        self.assertEqual(json.loads(player.stdout.readline())["event"], "progress")
+        wait_until_sending(player)
         self.bed.set_link("down")
         output, errors = player.communicate()
         self.assertEqual(player.returncode, FAILED, errors)
